@@ -1,0 +1,37 @@
+#pragma once
+
+/// The one place for what compilers spell differently.
+///
+/// A client includes the headers as they are and links the import library. A program that links the
+/// layers' objects instead of the DLL (the tests do) defines VEXEL_STATIC; the library itself is built
+/// with VEXEL_BUILDING.
+
+#if defined(VEXEL_STATIC)
+#define VEXEL_API
+#elif defined(VEXEL_BUILDING)
+#define VEXEL_API __declspec(dllexport)
+#else
+#define VEXEL_API __declspec(dllimport)
+#endif
+
+#if defined(VEXEL_FRAMEWORK_STATIC)
+#define VEXEL_FRAMEWORK_API
+#elif defined(VEXEL_FRAMEWORK_BUILDING)
+#define VEXEL_FRAMEWORK_API __declspec(dllexport)
+#else
+#define VEXEL_FRAMEWORK_API __declspec(dllimport)
+#endif
+
+#if defined(VEXEL_DIAGNOSTICS_BUILDING)
+#define VEXEL_DIAGNOSTICS_API __declspec(dllexport)
+#else
+#define VEXEL_DIAGNOSTICS_API __declspec(dllimport)
+#endif
+
+/// Lets the compiler check the arguments of a narrow printf-style function; arguments counted from 1,
+/// `this` included.
+#if defined(__GNUC__)
+#define VEXEL_PRINTF_FORMAT(format, first) __attribute__((format(gnu_printf, format, first)))
+#else
+#define VEXEL_PRINTF_FORMAT(format, first)
+#endif
