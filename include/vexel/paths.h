@@ -1,0 +1,146 @@
+#pragma once
+
+/// Questions about paths as texts, and the few operations on file-system entries that the library needs.
+///
+/// Rules for every function here:
+/// - Paths are UTF-16. The backslash and the slash are both separators, everywhere.
+/// - A drive prefix is an ASCII letter and a colon at the start of the text.
+/// - Trailing separators are never removed below the protected root length: 4 for a text that begins with
+///   two separators, a question mark and a separator (the long-path prefix), else 2 for one that begins
+///   with two separators (a network path), else 1. A drive root therefore loses its separator: `C:\`
+///   becomes `C:`.
+/// - Nothing is kept between calls; all functions may be called from any thread. A returned view points into
+///   the text that was passed.
+/// - Texts need not end with a zero, but one inside a text ends it for the file-system functions.
+
+#include <vexel/export.h>
+#include <vexel/flag_set.h>
+#include <vexel/framework.h>
+
+#include <windows.h>
+
+#include <cstddef>
+#include <filesystem>
+#include <functional>
+#include <string>
+#include <string_view>
+#include <system_error>
+
+namespace Vexel {
+
+/// How `CopyFileSystemEntry` copies.
+enum class CopyingFlag : unsigned {
+    Overwrite = 1,     ///< replace existing target files
+    Recursive = 2,     ///< copy directories with all they hold
+    ClearReadOnly = 4, ///< after a successful copy, clear the target's read-only attribute
+};
+
+constexpr FlagSet<CopyingFlag> operator|(CopyingFlag a, CopyingFlag b) noexcept {
+    return FlagSet<CopyingFlag>(a) | b;
+}
+
+/// The type of a directory junction. Not every standard library has an enumerator for it; those that do give
+/// it this value.
+inline constexpr std::filesystem::file_type JunctionFileType = static_cast<std::filesystem::file_type>(10);
+
+// Parts of a path
+
+/// The index at which the file-name part starts: one past the last separator, else past the drive prefix,
+/// else 0. A text that ends with a separator yields its length, unless `ignoreTrailingSeparators` sets the
+/// trailing ones (down to the protected root length) aside before the search.
+VEXEL_API std::size_t FindFileName(std::wstring_view path, bool ignoreTrailingSeparators);
+
+/// The file-name part as `FindFileName(path, false)` finds it; without its extension unless `withExtension`.
+VEXEL_API std::wstring_view GetFileName(std::wstring_view path, bool withExtension);
+
+/// The index of the dot that starts the extension: the last dot of the file-name part. `npos` of a view when
+/// there is none: no dot, the names "." and "..", a dot that is the name's first character, a blank after
+/// the dot. A dot at the very end is an extension of its own.
+VEXEL_API std::size_t FindFileExtension(std::wstring_view path);
+
+/// The extension from its dot, or from behind it without `withDot`; empty when there is none.
+VEXEL_API std::wstring_view GetFileExtension(std::wstring_view path, bool withDot);
+
+/// Whether `path` lies inside `base`, by text and without regard to case: one trailing separator of `base`
+/// is dropped (only one), then `path` must continue behind `base` with a separator. An empty `base` holds
+/// every path that starts with a separator. No path lies inside itself.
+VEXEL_API bool IsSubPath(std::wstring_view path, std::wstring_view base);
+
+// Changes to a path; the forms that take a pointer change the string in place and return it
+
+/// `path` without its trailing separators, never shorter than the protected root length.
+VEXEL_API std::wstring_view RemoveTrailingPathSeparators(std::wstring_view path);
+VEXEL_API CString& RemoveTrailingPathSeparators(CString* path);
+VEXEL_API std::wstring& RemoveTrailingPathSeparators(std::wstring* path);
+
+/// Gives the file name the extension `extension`, with or without its leading dot; "" and "." both mean an
+/// empty one. An extension that is there keeps its dot, so an empty `extension` turns `a.txt` into `a.`; a
+/// name without an extension stays as it is then. `extension` may point into `*path`.
+VEXEL_API std::wstring& ChangeFileExtension(std::wstring* path, std::wstring_view extension);
+VEXEL_API CString& ChangeFileExtension(CString* path, std::wstring_view extension);
+
+// File-system entries
+
+/// Whether there is an entry of any type at `path`, links followed. A symbolic link or a junction whose
+/// target cannot be examined counts as existing; one whose target is missing does not. Never fails: what
+/// cannot be asked for (an invalid name, an unreachable server, an empty text) does not exist.
+VEXEL_API bool FileSystemEntryExists(std::wstring_view path);
+
+/// The type of the entry at `path`, links not followed: `regular`, `directory`, `symlink` or
+/// `JunctionFileType`; `not_found` when there is no entry, `none` for an empty text and when the entry
+/// cannot be examined.
+VEXEL_API std::filesystem::file_type GetFileSystemEntryType(std::wstring_view path);
+
+/// Copies a file or directory as `std::filesystem::copy` does: a file onto a directory goes into it; a
+/// directory without `CopyingFlag::Recursive` is made with its files only, or, with other flags set, left
+/// alone; an existing target file is an error without `CopyingFlag::Overwrite`. Returns whether the copy
+/// succeeded, with its error in `*error` (when given; cleared on success). An empty text is
+/// `std::errc::invalid_argument`. A read-only attribute that could not be cleared is stored in `*error` while
+/// the result stays true.
+VEXEL_API bool CopyFileSystemEntry(std::wstring_view source, std::wstring_view target,
+                                   FlagSet<CopyingFlag> flags, std::error_code* error);
+
+/// Creates every missing directory of the chain `path`, trailing separators ignored. True when the directory
+/// is there in the end, with `*error` (when given) cleared; else the error. An empty text is
+/// `std::errc::invalid_argument`. The last argument is reserved: pass 0.
+VEXEL_API bool CreateDirectories(std::wstring_view path, std::error_code* error, int reserved);
+
+/// The shell's folder `folderId`, made first when `create`; empty when the shell has none.
+VEXEL_API CString GetKnownFolderPath(GUID const& folderId, bool create);
+
+/// Stores the user's local application-data folder in `*path`; false, with `*path` as it was, when the
+/// shell has none.
+VEXEL_API bool GetUserDataFolderPath(CString* path);
+VEXEL_API bool GetUserDataFolderPath(std::wstring* path);
+
+} // namespace Vexel
+
+// Helpers on strings; extensions are found by the shell's PathFindExtensionW and given with their dot.
+// The results are TRUE (1) and FALSE (0).
+
+/// Whether the name has a non-empty extension; a dot alone is one.
+VEXEL_API int VxwNameHasExt(CString const& name);
+
+/// Appends `extension` unless the name has one. Returns TRUE.
+VEXEL_API int VxwAddExt(CString& name, wchar_t const* extension);
+
+/// Cuts the name before the last dot if it has an extension, then appends `extension`. Returns TRUE.
+VEXEL_API int VxwReplaceExt(CString& name, wchar_t const* extension);
+
+/// Whether the text may be a path: not empty, none of the characters *?"<>|, no double backslash but at the
+/// very start, no double slash, and no colon but as the second character.
+VEXEL_API int VxwIsThisAPath(CString const& text);
+
+namespace vxio {
+
+/// Finds a variant of the file name `name` that is free by the word of `probe`, which answers no error for a
+/// free name and `std::errc::file_exists` for a taken one. Asks for the name itself first, then for the name
+/// with " (n)" (`bracketStyle`) or "_n_processId" before its extension, n = 1, 2, ... With `stripCounter`, a
+/// counter of that style is taken off the name before the first question; without it, the bracket style
+/// still replaces a bracketed counter once the name itself is taken.
+/// True with `name` set to the free name; false, `name` unchanged, when `probe` is empty, answers another
+/// error, or no counter is left.
+VEXEL_API bool MakeFileNameUnique(CString& name, std::function<std::error_code(CString const&)> const& probe,
+                                  bool bracketStyle, bool stripCounter);
+
+} // namespace vxio

@@ -1,0 +1,109 @@
+#pragma once
+
+/// Temporary files: unique names in the user's temporary directory, one registry of them for the process, and
+/// their deletion: on request, by a background thread that tries again while a file is in use, and at
+/// process exit.
+///
+/// File-system failures are logged and never raised. Errors of the registry's lock are raised as
+/// `std::system_error`, exhausted memory as `std::bad_alloc`.
+
+#include <vexel/export.h>
+#include <vexel/framework.h>
+#include <vexel/path_name.h>
+
+#include <windows.h>
+
+#include <memory>
+#include <vector>
+
+/// The registry of temporary files. A file is registered by `insert`, marked for deletion by `erase`, and
+/// leaves the registry when it has been deleted, or by `release`.
+///
+/// Threads: every function may be called from any thread, except `clearAll`, which is for the end of the
+/// process, when nobody else uses the registry. A log sink must not call the registry: it may be told of a
+/// failure in the middle of a walk over the files.
+class VEXEL_API TempFileContainer {
+public:
+    TempFileContainer(TempFileContainer const&) = delete;
+    TempFileContainer& operator=(TempFileContainer const&) = delete;
+
+    /// The process's registry, made on first use. Its destruction at process exit runs `clearAll`.
+    static TempFileContainer& Instance();
+
+    /// A file name without directory, different at each call and from those of other processes: `prefix`
+    /// ("vexelapp" when null or empty), "-18-" and the process id, the process's start time, a counter, and
+    /// `extension`, with or without its leading dot (an empty one leaves the dot, null leaves both out).
+    /// Nothing is created.
+    CString generateUniqueFileName(wchar_t const* prefix, wchar_t const* extension) const;
+
+    /// Registers a new name, made as by `generateUniqueFileName`, in the temporary directory. No file is
+    /// created.
+    SharedPathName insert(wchar_t const* prefix, wchar_t const* extension, bool holdHandle, bool userFlag);
+
+    /// Registers `name` and returns it; a null name is returned unregistered. A mark for deletion is taken
+    /// back, though it goes on counting as unfinished work for `clear`. With `holdHandle` an existing file is
+    /// held by a handle that makes the system delete it when it is closed, at the latest when the process
+    /// ends. `userFlag` is kept with the name for the caller's own use.
+    SharedPathName insert(SharedPathName const& name, bool holdHandle, bool userFlag);
+
+    /// Copies the file `source` into a newly registered one, not read-only, and returns its name. `*error`
+    /// (when given) becomes 0, or the system's error code with a null result and nothing registered;
+    /// `ERROR_INVALID_PARAMETER` for a null or empty `source`.
+    SharedPathName insertCopy(wchar_t const* source, wchar_t const* prefix, wchar_t const* extension,
+                              unsigned long* error, bool holdHandle, bool userFlag);
+
+    /// Whether `name` is registered, marked for deletion or not; false for a null name.
+    bool contains(SharedPathName const& name) const;
+
+    /// Marks a registered file for deletion, closes its handle and leaves the deletion to the background
+    /// thread, which the first call starts. The thread works when it is woken, and starting it does not wake
+    /// it: files marked while it was not waiting go with the next `erase`, `clear` or `clearAll`. Where no
+    /// thread can be started the file is deleted at once. Unknown, marked and null names are left alone.
+    void erase(SharedPathName const& name);
+
+    /// Forgets a file without deleting it. One that is held by a handle or marked for deletion stays.
+    void release(SharedPathName const& name);
+
+    /// Deletes the marked files now if no background thread runs; else only wakes the thread and returns
+    /// false. True when no marked file is left.
+    bool clear();
+
+    /// Stops the background thread, then deletes every registered file, marked or not. Files that cannot be
+    /// deleted stay registered. A later `erase` starts the thread anew.
+    void clearAll();
+
+private:
+    struct State;
+
+    TempFileContainer();
+    ~TempFileContainer();
+
+    std::unique_ptr<State> state_;
+};
+
+/// Remembers the temporary files it registers and hands them to the registry for deletion when it dies. Not
+/// for use from several threads at once.
+class VEXEL_API TempLocalFileContainer {
+public:
+    TempLocalFileContainer();
+    /// Takes the names; `other` is empty afterwards.
+    TempLocalFileContainer(TempLocalFileContainer&& other) noexcept;
+    /// Takes the names of `other`. The names held before are dropped, not handed over for deletion: they stay
+    /// registered until the process ends.
+    TempLocalFileContainer& operator=(TempLocalFileContainer&& other) noexcept;
+    TempLocalFileContainer(TempLocalFileContainer const&) = delete;
+    TempLocalFileContainer& operator=(TempLocalFileContainer const&) = delete;
+    /// Calls `TempFileContainer::erase` for each name, in the order they were added.
+    ~TempLocalFileContainer();
+
+    /// As the `insert` functions of the registry.
+    SharedPathName Add(SharedPathName const& name, bool holdHandle, bool userFlag);
+    SharedPathName Add(wchar_t const* prefix, wchar_t const* extension, bool holdHandle, bool userFlag);
+
+    /// As `TempFileContainer::insertCopy`; a null result is not remembered.
+    SharedPathName AddCopy(wchar_t const* source, wchar_t const* prefix, wchar_t const* extension,
+                           unsigned long* error, bool holdHandle, bool userFlag);
+
+private:
+    std::vector<SharedPathName> names_;
+};
