@@ -12,6 +12,7 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" OR CMAKE_CXX_COMPILER_ID STREQUAL "Clang
     target_compile_definitions(vexel_options INTERFACE _GLIBCXX_ASSERTIONS)
     target_compile_options(vexel_options INTERFACE -fsanitize=undefined -fsanitize-undefined-trap-on-error
       -fstack-protector-strong)
+    target_link_options(vexel_options INTERFACE -fstack-protector-strong)
   endif()
 elseif(MSVC)
   target_compile_options(vexel_options INTERFACE /W4 /WX /permissive- /utf-8 /wd4251 /wd4275)
