@@ -1,0 +1,421 @@
+#pragma once
+
+/// Structured files: trees of storages (like directories) and streams (like files) inside one file, reached
+/// through value handles. Two formats stand behind the same handles: compound files, served by the system's
+/// structured storage, and packages (7z archives).
+///
+///     StorageRef document;
+///     if (FAILED(document.open(path, RootStorageOpenMode::ReadOnly, false)))
+///         ...
+///     StreamRef book;
+///     if (SUCCEEDED(book.open(L"Workbook", document, true)))
+///         book.ReadBytes(buffer, size);
+///
+/// Rules for the whole library
+///
+/// 1. Null handles. A default-constructed handle is null and answers every call: with the status
+///    STG_E_INVALIDPARAMETER (where not said otherwise), false, 0, an empty name or a null pointer. Nothing
+///    throws for a null handle.
+/// 2. Statuses. `long` results are HRESULTs. A status of the system's storage passes through unchanged. An
+///    open or create that fails leaves the handle null, whatever it held before; an out-parameter is set in
+///    every case, to 0 on failure. Exhausted memory is STG_E_INSUFFICIENTMEMORY in a function that returns a
+///    status; one that returns anything else raises it (std::bad_alloc or the framework's memory exception).
+/// 3. Identity. One node of one open root is one object, however often it is opened, and two handles are equal
+///    exactly when they reach the same one. A root opened with ReadOnly and one opened with another mode on
+///    the same path are two roots. A node has one state: opening it for writing through one handle makes
+///    it writable for all, and all handles of a stream share its position.
+/// 4. Names. A root's name is the path of its file, a child's the name of its element. Elements are named
+///    exactly as spelled: texts given to the handles are interned with case, and an enumeration delivers the
+///    spelling in the file. A compound file itself does not tell case apart, so that one element opened under
+///    two spellings at a time fails with STG_E_ACCESSDENIED. An element of a compound file has 1 to 31
+///    characters without "/", "\", ":" and "!"; others end in STG_E_INVALIDNAME.
+/// 5. Transactions. Everything is opened transacted: a change is written when its storage and every storage
+///    above it, the root last, has been committed, and is lost when one of them is closed before.
+/// 6. Streams are written whole: to open a stream for writing empties it.
+/// 7. Ownership. A handle owns one reference on its node and through it keeps the root in use. Interface
+///    pointers (`storage()`, `stream()`) are borrowed: they hold while a handle on the node does and nothing
+///    reopens the node; take a reference to keep one longer.
+/// 8. What is released when. Dropping a handle does not close its node. A compound file's storage is closed
+///    when its last handle goes and none of its children is cached; with the last handle on any of its
+///    nodes the whole root is closed, cached children included, and its file is free for others. A package
+///    stays open, so that it is not read again for each handle, until a clean-up finds it unused.
+/// 9. Clean-up. StorageContainer::deleteUnusedObjects closes and frees what no handle uses. The library runs
+///    it by itself when the system reports exhausted memory or file handles, then repeats the failed call once.
+/// 10. Threads. A handle belongs to one thread at a time, and so do the handles on the nodes of one root taken
+///    together: they share streams' positions and the system's interfaces. Handles on different roots may be
+///    used on different threads without more ado; opening, closing and clean-up are safe against each other
+///    on any thread. The calling thread need not have initialised COM.
+
+#include <vexel/byte_streams.h>
+#include <vexel/export.h>
+#include <vexel/framework.h>
+#include <vexel/path_name.h>
+
+#include <windows.h>
+
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <map>
+#include <memory>
+#include <mutex>
+#include <utility>
+
+class StorageRef;
+class StreamRef;
+class VxStorage;
+class VxStorageEnumerator;
+class VxStorageItem;
+class VxStream;
+
+namespace Vexel::Detail {
+template <class Item> class ItemRef;
+} // namespace Vexel::Detail
+
+/// How a structured file is stored.
+enum class StorageFormat {
+    None = 0, ///< not a structured file, or a null handle
+    CompoundFile = 1,
+    Package = 2,
+};
+
+/// What a node is. 0, without a name, is what a null enumerator reports and what stands for "either" in
+/// StorageRef::hasChild.
+enum class StorageType {
+    Storage = 1,
+    Stream = 2,
+};
+
+enum class StreamCompression {
+    None = 0,   ///< stored as it is: every stream of a compound file
+    Packed = 1, ///< stored compressed: every stream of a package
+};
+
+enum class RootStorageOpenMode {
+    /// For reading, while other processes may still write the file.
+    ReadOnly = 0,
+    /// For reading, keeping other writers out. When another process holds the file for writing already, a
+    /// temporary copy is opened in its place, which is deleted when the root is closed.
+    ReadOnlyDenyWrite = 1,
+    /// For reading and writing, keeping other writers out.
+    ReadWrite = 2,
+};
+
+/// A handle on a storage: a root, that is a whole file, or a node inside one.
+class VEXEL_API StorageRef {
+public:
+    /// Null.
+    StorageRef() noexcept = default;
+    /// One more reference on the same node.
+    StorageRef(const StorageRef& other) noexcept;
+    StorageRef(StorageRef&& other) noexcept;
+    /// Drops what the handle held as close() does, then shares; does nothing when both reach the same node.
+    StorageRef& operator=(const StorageRef& other) noexcept;
+    /// Swaps: what this handle held goes when `other` does.
+    StorageRef& operator=(StorageRef&& other) noexcept;
+    /// As close().
+    ~StorageRef();
+
+    /// The handle on a caller's interface, served as a compound-file root without a name; the same pointer
+    /// gives the same root each time. The container keeps a reference on the interface until a clean-up finds
+    /// the root unused. Null for null.
+    static StorageRef fromPtr(IStorage* storage);
+
+    bool null() const noexcept { return item_ == nullptr; }
+    bool notNull() const noexcept { return item_ != nullptr; }
+    bool operator!() const noexcept { return null(); }
+    explicit operator bool() const noexcept { return notNull(); }
+    /// Whether both reach the same node; two null handles are equal.
+    bool operator==(const StorageRef& other) const noexcept { return item_ == other.item_; }
+    bool operator!=(const StorageRef& other) const noexcept { return item_ != other.item_; }
+
+    // Opening and creating. Each releases what the handle held first, unless the parent is null.
+
+    /// Opens the file at `path` as a root, or shares the root that is open on it already (rule 3). `flag` is
+    /// stored in the root and has no meaning to the library.
+    ///  - STG_E_FILENOTFOUND, STG_E_PATHNOTFOUND: there is no such file, for reading.
+    ///  - HRESULT_FROM_WIN32 of the system's error: the file is missing (ERROR_FILE_NOT_FOUND), write-protected
+    ///    (ERROR_ACCESS_DENIED) or open elsewhere (ERROR_SHARING_VIOLATION), for writing.
+    ///  - STG_E_SHAREVIOLATION, STG_E_LOCKVIOLATION, STG_E_ACCESSDENIED: it cannot be read as asked for.
+    ///  - STG_E_INVALIDHEADER: neither a package nor a compound file.
+    long open(const SharedPathName& path, RootStorageOpenMode mode, bool flag);
+
+    /// Opens the storage `name` of `parent`; opening for writing reopens a parent that is open for reading.
+    /// The handle may be its own parent. STG_E_INVALIDPARAMETER for a null parent (the handle keeps what it
+    /// held) and for a name under which a stream is in use; STG_E_INVALIDNAME; STG_E_FILENOTFOUND, also
+    /// for an element that is a stream; STG_E_ACCESSDENIED.
+    long open(const SharedPathName& name, const StorageRef& parent, bool readOnly);
+    long open(const wchar_t* name, const StorageRef& parent, bool readOnly);
+    long open(const CStringW& name, const StorageRef& parent, bool readOnly);
+
+    /// Makes a new root file at `path`, open for reading and writing and shared like a root opened with
+    /// ReadOnly. STG_E_FILEALREADYEXISTS when a handle has that root open.
+    long create(const SharedPathName& path);
+
+    /// Makes the storage `name` in `parent`, open for reading and writing. With `flag` an element that stands
+    /// there is replaced, without it STG_E_FILEALREADYEXISTS; so too, with and without, while a handle has the
+    /// storage open. STG_E_INVALIDPARAMETER as for open; STG_E_ACCESSDENIED when the file is open for reading.
+    long create(const SharedPathName& name, const StorageRef& parent, bool flag);
+    long create(const wchar_t* name, const StorageRef& parent, bool flag);
+    long create(const CStringW& name, const StorageRef& parent, bool flag);
+
+    /// Makes a new temporary root: always a package. `flag` is stored in the root.
+    long createTemporary(bool flag);
+
+    /// Drops the handle's reference and makes it null; see rule 8 for what that closes.
+    void close() noexcept;
+
+    // Queries.
+
+    /// A handle on the storage above; null for a root.
+    StorageRef parent() const noexcept;
+    /// Valid while the handle holds the node.
+    const SharedPathName& name() const noexcept;
+    /// Whether the node is open for reading only or not open; true for a null handle.
+    bool readOnly() const noexcept;
+    StorageFormat format() const noexcept;
+    /// Whether there is a child of that name and type (StorageType(0): of either). A child that exists but
+    /// cannot be opened now counts.
+    bool hasChild(const SharedPathName& name, StorageType type) const;
+    /// The times of the node as its format keeps them, 0 where it keeps none. Either pointer may be null.
+    long stat(FILETIME* created, FILETIME* modified) const;
+    /// The times of the whole file, whatever node is asked; false, the outputs unspecified, when it cannot be
+    /// asked. Any pointer may be null.
+    bool getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) const;
+    /// The node's interface, opening the node when it is closed; null when that fails. Borrowed (rule 7).
+    IStorage* storage() const;
+
+    // Changes. All are transacted (rule 5).
+
+    /// Removes the child `name` with all below it. STG_E_INUSE, the file untouched, while a handle is on the
+    /// child or below it; STG_E_FILENOTFOUND; STG_E_ACCESSDENIED when this storage is open for reading.
+    long destroy(const SharedPathName& name);
+    long destroy(const wchar_t* name);
+    long destroy(const CStringW& name);
+    /// Removes every child. STG_E_INVALIDFUNCTION for a compound file.
+    long clear();
+    /// Lets a package take over the compressed data of another instead of compressing it again.
+    /// STG_E_INVALIDFUNCTION for a compound file; STG_E_INVALIDPARAMETER when either handle is null.
+    long borrowPackedData(const StorageRef& source);
+    /// Passes this storage's changes on to the storage above, a root's to its file.
+    long commit() const;
+
+    /// Closes and frees the nodes below this one that no handle uses.
+    void deleteUnusedObjects();
+
+private:
+    friend class StorageEnumerator;
+    friend class StreamRef;
+
+    explicit StorageRef(IStorage* storage);
+    explicit StorageRef(Vexel::Detail::ItemRef<VxStorage> item) noexcept;
+    long adopt(Vexel::Detail::ItemRef<VxStorage> item, long status) noexcept;
+
+    VxStorage* item_ = nullptr; // carries one reference
+};
+
+/// A handle on a stream, and itself a seekable byte stream of the library (byte_streams.h, whose rules hold).
+class VEXEL_API StreamRef : public vxio::IReadStream, public vxio::IWriteStream {
+public:
+    /// Null.
+    StreamRef() noexcept = default;
+    /// One more reference on the same node.
+    StreamRef(const StreamRef& other) noexcept;
+    StreamRef(StreamRef&& other) noexcept;
+    /// Drops what the handle held as close() does, then shares; does nothing when both reach the same node.
+    StreamRef& operator=(const StreamRef& other) noexcept;
+    /// Swaps: what this handle held goes when `other` does.
+    StreamRef& operator=(StreamRef&& other) noexcept;
+    /// As close().
+    ~StreamRef();
+
+    bool null() const noexcept { return item_ == nullptr; }
+    bool notNull() const noexcept { return item_ != nullptr; }
+    bool operator!() const noexcept { return null(); }
+    explicit operator bool() const noexcept { return notNull(); }
+    /// Whether both reach the same node; two null handles are equal.
+    bool operator==(const StreamRef& other) const noexcept { return item_ == other.item_; }
+    bool operator!=(const StreamRef& other) const noexcept { return item_ != other.item_; }
+
+    /// Opens the stream `name` of `parent`, positioned at 0: a stream that is open already is rewound, for
+    /// all its handles. Opening for writing empties the stream and reopens a parent that is open for reading.
+    /// Statuses as for StorageRef::open, with stream and storage exchanged.
+    long open(const SharedPathName& name, const StorageRef& parent, bool readOnly);
+    long open(const wchar_t* name, const StorageRef& parent, bool readOnly);
+    long open(const CStringW& name, const StorageRef& parent, bool readOnly);
+
+    /// Makes the stream `name` in `parent`, empty and open for reading and writing; a stream that stands there
+    /// is replaced, unless a handle has it open: STG_E_FILEALREADYEXISTS.
+    long create(const SharedPathName& name, const StorageRef& parent);
+    long create(const wchar_t* name, const StorageRef& parent);
+    long create(const CStringW& name, const StorageRef& parent);
+
+    /// Drops the handle's reference and makes it null. The node stays open, except that the last handle on a
+    /// compound file closes the root (rule 8).
+    void close() noexcept;
+
+    // Queries, as for StorageRef.
+
+    const SharedPathName& name() const noexcept;
+    bool readOnly() const noexcept;
+    StorageFormat format() const noexcept;
+    StreamCompression compression() const noexcept;
+    /// In bytes; 0 also when it cannot be asked.
+    unsigned long long size() const;
+    long stat(FILETIME* created, FILETIME* modified) const;
+    /// The node's interface, opening the node when it is closed; null when that fails. Borrowed (rule 7).
+    ::IStream* stream() const;
+
+    // Contents. One call of the system's stream each; `done`, where not null, receives the bytes moved.
+
+    /// STG_E_INVALIDPARAMETER also when the stream cannot be opened. S_OK with fewer bytes than asked for, or
+    /// none, at the end.
+    long read(void* buffer, unsigned long count, unsigned long* done);
+    /// As read.
+    long write(const void* buffer, unsigned long count, unsigned long* done);
+    /// Cuts off or extends, by bytes of no given value; the position stays. E_FAIL for a null handle.
+    long setSize(unsigned long long size);
+    /// Replaces the contents of `target` by those of this stream, whose position stays; the target's is at its
+    /// end afterwards. STG_E_INVALIDPARAMETER when either is null or cannot be opened or both are the
+    /// same stream. On failure the target holds what was copied until then.
+    long copyTo(StreamRef& target);
+    long commit() const;
+
+    // The byte stream. A null handle or a stream that cannot be opened gives 0 and moves nothing.
+
+    unsigned long long SeekToEnd() override;
+    void SeekToBegin() override;
+    /// As size().
+    unsigned long long GetLength() override;
+    unsigned long long Seek(SeekPosition origin, long long offset) override;
+    unsigned long long GetPosition() const override;
+    unsigned long long ReadBytes(void* buffer, unsigned long long count) override;
+    unsigned long long WriteBytes(const void* buffer, unsigned long long count) override;
+
+private:
+    long adopt(Vexel::Detail::ItemRef<VxStream> item, long status) noexcept;
+
+    VxStream* item_ = nullptr; // carries one reference
+};
+
+/// Lists the children of a storage, in the order in which the format delivers them.
+///
+///     StorageEnumerator child;
+///     if (SUCCEEDED(child.reset(storage)))
+///         while (child.moveNext())
+///             use(child.name(), child.type());
+class VEXEL_API StorageEnumerator {
+public:
+    /// Null.
+    StorageEnumerator() noexcept = default;
+    StorageEnumerator(StorageEnumerator&& other) noexcept;
+    /// Copies the pointer and nothing else: what this handle held is not destroyed, and of the two that now
+    /// name one enumerator only one may be reset, released or destroyed. Kept for callers that rely on it.
+    StorageEnumerator& operator=(const StorageEnumerator& other) noexcept = default;
+    /// As release().
+    ~StorageEnumerator();
+
+    bool null() const noexcept { return enumerator_ == nullptr; }
+    bool notNull() const noexcept { return enumerator_ != nullptr; }
+    bool operator!() const noexcept { return null(); }
+    explicit operator bool() const noexcept { return notNull(); }
+    /// Whether both name the same enumerator.
+    bool operator==(const StorageEnumerator& other) const noexcept {
+        return enumerator_ == other.enumerator_;
+    }
+    bool operator!=(const StorageEnumerator& other) const noexcept {
+        return enumerator_ != other.enumerator_;
+    }
+
+    /// Begins a listing of `storage`, which must not be null (it is not checked), opening it when it is closed.
+    /// The storage must stay open while the listing runs. On failure the handle is null; E_FAIL when the
+    /// storage's format has no listing.
+    long reset(const StorageRef& storage);
+    /// Steps to the next child. False at the end, and when the listing cannot go on; children that are neither
+    /// storage nor stream are passed over.
+    bool moveNext();
+
+    // The current child. Before the first and after the last: an empty name, type 0, sizes and times 0.
+
+    /// Valid until the next step.
+    const SharedPathName& name() const noexcept;
+    StorageType type() const noexcept;
+    /// In bytes; 0 for a storage.
+    ULARGE_INTEGER size() const noexcept;
+    FILETIME createTime() const noexcept;
+    FILETIME writeTime() const noexcept;
+    StorageFormat format() const noexcept;
+
+    /// Destroys the enumerator and makes the handle null.
+    void release() noexcept;
+
+private:
+    VxStorageEnumerator* enumerator_ = nullptr; // owned by this handle alone
+};
+
+/// The process-wide owner of all roots. Every operation holds the container's one lock for its whole duration,
+/// opening and creating the file included.
+class VEXEL_API StorageContainer {
+public:
+    /// Lives until the process ends, handles in static storage included.
+    static StorageContainer& Instance();
+
+    StorageContainer(const StorageContainer&) = delete;
+    StorageContainer& operator=(const StorageContainer&) = delete;
+
+    /// Whether temporary roots are made as files instead of in memory; false at first. One flag under two
+    /// spellings; setting it returns the previous value.
+    bool GetCreateOnDisk() const;
+    bool SetCreateOnDisk(bool onDisk);
+    bool createOnDisk() const { return GetCreateOnDisk(); }
+    bool setCreateOnDisk(bool onDisk) { return SetCreateOnDisk(onDisk); }
+
+    /// Closes and frees every node and root that no handle uses. True when anything was freed.
+    bool deleteUnusedObjects();
+
+    /// Sets what runs instead of deleteUnusedObjects when the system reports exhausted memory or file handles;
+    /// null for the default. The callback returns whether it freed anything; it usually lets go of some of the
+    /// application's handles and calls deleteUnusedObjects. It may run while this thread holds the container's
+    /// lock, so it must not wait for a thread that opens or closes handles.
+    void setDeleteUnusedObjectsCallback(bool (*callback)());
+
+    /// Destroys all roots, for the end of the application: no handle may be used afterwards that was opened
+    /// before.
+    void clearAll();
+
+private:
+    friend class StorageRef;
+    friend class StreamRef;
+    friend class VxStorage;
+    friend class VxStorageItem;
+    template <class Item> using ItemRef = Vexel::Detail::ItemRef<Item>;
+
+    StorageContainer();
+    ~StorageContainer();
+
+    // For the handles. The result carries its reference already; it is null when `status` is a failure.
+    ItemRef<VxStorage> openRoot(const SharedPathName& path, bool readOnly, bool keyed, long& status,
+                                bool rootFlag);
+    ItemRef<VxStorage> createRoot(const SharedPathName& path, bool convert, bool readOnly, bool keyed,
+                                  long& status);
+    ItemRef<VxStorage> createTemporaryRoot(long& status, bool flag);
+    ItemRef<VxStorage> wrap(IStorage* storage);
+
+    // For the tree's retry after exhausted memory or file handles: the callback, else deleteUnusedObjects.
+    bool freeForRetry();
+
+    using RootKey = std::pair<SharedPathName, bool>; // path, keyed
+    // The reference of its own keeps the interface's address from being met again for another object.
+    struct WrappedRoot {
+        Microsoft::WRL::ComPtr<IStorage> storage;
+        std::unique_ptr<VxStorage> root;
+    };
+
+    // Recursive: a retry inside the opening of a root cleans up under the lock its own thread holds.
+    mutable std::recursive_mutex lock_;
+    std::map<RootKey, std::unique_ptr<VxStorage>> roots_;
+    std::map<IStorage*, WrappedRoot> wrapped_;
+    std::map<SharedPathName, long> missing_; // used only while path flags are cached
+    bool (*callback_)() = nullptr;
+    bool createOnDisk_ = false;
+};
