@@ -31,7 +31,7 @@
 /// Lets the compiler check the arguments of a narrow printf-style function; arguments counted from 1,
 /// `this` included.
 #if defined(__GNUC__)
-#define VEXEL_PRINTF_FORMAT(format, first) __attribute__((format(gnu_printf, format, first)))
+#define VEXEL_PRINTF_FORMAT(text, first) __attribute__((format(gnu_printf, text, first)))
 #else
-#define VEXEL_PRINTF_FORMAT(format, first)
+#define VEXEL_PRINTF_FORMAT(text, first)
 #endif
