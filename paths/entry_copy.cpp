@@ -1,0 +1,189 @@
+#include "paths/file_handle.h"
+#include "paths/path_text.h"
+#include "paths/platform_files.h"
+
+#include <vexel/paths.h>
+
+#include <optional>
+#include <utility>
+#include <vector>
+
+// The standard library's copy, written out: on this platform some libraries take two files for the same one
+// and then refuse to overwrite, or stop at paths of 260 characters.
+
+namespace Vexel {
+
+namespace {
+
+struct CopyJob {
+    std::wstring source;
+    std::wstring target;
+    bool insideDirectory = false; ///< found while a directory was copied, not named by the caller
+};
+
+struct Entry {
+    bool exists = false;
+    bool directory = false;
+};
+
+class FindHandle {
+public:
+    explicit FindHandle(HANDLE handle) noexcept : handle_(handle) {}
+    FindHandle(FindHandle const&) = delete;
+    FindHandle& operator=(FindHandle const&) = delete;
+    ~FindHandle() {
+        if (handle_ != INVALID_HANDLE_VALUE)
+            FindClose(handle_);
+    }
+    HANDLE get() const noexcept { return handle_; }
+
+private:
+    HANDLE handle_;
+};
+
+std::error_code SystemError(DWORD code) { return {static_cast<int>(code), std::system_category()}; }
+
+std::error_code ReadTarget(std::wstring const& path, Entry& entry) {
+    Detail::EntryInfo info;
+    const DWORD error = Detail::Platform().readEntry(path.c_str(), true, info);
+    entry = {error == ERROR_SUCCESS, (info.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0}; // none on failure
+    if (error == ERROR_SUCCESS || error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
+        return {};
+    return SystemError(error);
+}
+
+std::optional<BY_HANDLE_FILE_INFORMATION> ReadIdentity(std::wstring const& path) {
+    constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const Detail::FileHandle entry(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, shareAll, nullptr,
+                                               OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    BY_HANDLE_FILE_INFORMATION info{};
+    if (!entry || !GetFileInformationByHandle(entry.get(), &info))
+        return std::nullopt;
+    return info;
+}
+
+bool IsSameEntry(std::wstring const& a, std::wstring const& b) {
+    const auto first = ReadIdentity(a);
+    const auto second = ReadIdentity(b);
+    // File systems without indices give 0 for every file.
+    if (!first || !second || (first->nFileIndexHigh == 0 && first->nFileIndexLow == 0))
+        return false;
+    return first->dwVolumeSerialNumber == second->dwVolumeSerialNumber &&
+           first->nFileIndexHigh == second->nFileIndexHigh && first->nFileIndexLow == second->nFileIndexLow;
+}
+
+std::wstring Join(std::wstring_view directory, std::wstring_view name) {
+    std::wstring path(directory);
+    if (!path.empty() && !Detail::IsSeparator(path.back()))
+        path += L'\\';
+    path += name;
+    return path;
+}
+
+std::error_code ListDirectory(std::wstring const& directory, std::vector<std::wstring>& names) {
+    WIN32_FIND_DATAW found{};
+    const FindHandle search(FindFirstFileW(Join(directory, L"*").c_str(), &found));
+    if (search.get() == INVALID_HANDLE_VALUE) {
+        const DWORD error = GetLastError();
+        return error == ERROR_FILE_NOT_FOUND ? std::error_code() : SystemError(error); // an empty drive root
+    }
+    do {
+        const std::wstring_view name(found.cFileName);
+        if (name != L"." && name != L"..")
+            names.emplace_back(name);
+    } while (FindNextFileW(search.get(), &found));
+    const DWORD error = GetLastError();
+    return error == ERROR_NO_MORE_FILES ? std::error_code() : SystemError(error);
+}
+
+std::error_code CopyOneFile(CopyJob const& job, Entry const& target, FlagSet<CopyingFlag> flags) {
+    const bool overwrite = flags.has(CopyingFlag::Overwrite);
+    // The system would truncate or lock a file that it copies onto itself.
+    if (target.exists && (!overwrite || IsSameEntry(job.source, job.target)))
+        return std::make_error_code(std::errc::file_exists);
+    if (!Detail::Platform().copyFile(job.source.c_str(), job.target.c_str(), overwrite ? FALSE : TRUE))
+        return SystemError(GetLastError());
+    return {};
+}
+
+std::error_code CopyDirectory(CopyJob const& job, Entry const& target, FlagSet<CopyingFlag> flags,
+                              std::vector<CopyJob>& jobs) {
+    if (target.exists && !target.directory)
+        return std::make_error_code(std::errc::is_a_directory);
+    if (target.exists && IsSameEntry(job.source, job.target))
+        return std::make_error_code(std::errc::file_exists);
+    // As the standard has it: without recursion only a directory named by the caller is copied, with its
+    // files, and only when no other option is given.
+    if (!flags.has(CopyingFlag::Recursive) && (job.insideDirectory || flags.has(CopyingFlag::Overwrite)))
+        return {};
+
+    // Listed before the target is made: a target inside the source must not be found there and copied on.
+    std::vector<std::wstring> names;
+    if (const std::error_code error = ListDirectory(job.source, names))
+        return error;
+    if (!target.exists && !CreateDirectoryW(job.target.c_str(), nullptr))
+        return SystemError(GetLastError());
+    for (std::wstring const& name : names)
+        jobs.push_back({Join(job.source, name), Join(job.target, name), true});
+    return {};
+}
+
+std::error_code CopyOne(CopyJob job, FlagSet<CopyingFlag> flags, std::vector<CopyJob>& jobs) {
+    Detail::EntryInfo source;
+    if (const DWORD error = Detail::Platform().readEntry(job.source.c_str(), true, source))
+        return SystemError(error);
+    Entry target;
+    if (const std::error_code error = ReadTarget(job.target, target))
+        return error;
+    if ((source.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
+        return CopyDirectory(job, target, flags, jobs);
+
+    if (target.directory) {
+        job.target = Join(job.target, GetFileName(job.source, true));
+        if (const std::error_code error = ReadTarget(job.target, target))
+            return error;
+    }
+    return CopyOneFile(job, target, flags);
+}
+
+/// Copies without calling itself, so that the depth of a tree is no matter of the stack.
+std::error_code CopyTree(std::wstring_view source, std::wstring_view target, FlagSet<CopyingFlag> flags) {
+    std::vector<CopyJob> jobs;
+    jobs.push_back({std::wstring(source), std::wstring(target), false});
+    while (!jobs.empty()) {
+        CopyJob job = std::move(jobs.back());
+        jobs.pop_back();
+        if (const std::error_code error = CopyOne(std::move(job), flags, jobs))
+            return error;
+    }
+    return {};
+}
+
+std::error_code ClearReadOnly(std::wstring const& path) {
+    const DWORD attributes = GetFileAttributesW(path.c_str());
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return SystemError(GetLastError());
+    if ((attributes & FILE_ATTRIBUTE_READONLY) == 0)
+        return {};
+    const DWORD writable = attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
+    return Detail::Platform().setAttributes(path.c_str(), writable) ? std::error_code()
+                                                                    : SystemError(GetLastError());
+}
+
+} // namespace
+
+bool CopyFileSystemEntry(std::wstring_view source, std::wstring_view target, FlagSet<CopyingFlag> flags,
+                         std::error_code* error) {
+    const bool empty = source.empty() || target.empty();
+    std::error_code result =
+        empty ? std::make_error_code(std::errc::invalid_argument) : CopyTree(source, target, flags);
+    const bool copied = !result;
+    // The copy is there: an attribute that stays is reported but makes no failure.
+    if (copied && flags.has(CopyingFlag::ClearReadOnly))
+        result = ClearReadOnly(std::wstring(target));
+    if (error)
+        *error = result;
+    return copied;
+}
+
+} // namespace Vexel

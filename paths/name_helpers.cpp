@@ -1,0 +1,36 @@
+#include <vexel/paths.h>
+
+#include <shlwapi.h>
+
+#include <string_view>
+
+int VxwNameHasExt(CString const& name) {
+    return *PathFindExtensionW(name.GetString()) != L'\0' ? TRUE : FALSE;
+}
+
+int VxwAddExt(CString& name, wchar_t const* extension) {
+    if (!VxwNameHasExt(name))
+        name += extension;
+    return TRUE;
+}
+
+int VxwReplaceExt(CString& name, wchar_t const* extension) {
+    const CString appended(extension); // before the cut: it may point into the name
+    if (VxwNameHasExt(name))
+        name.Truncate(name.ReverseFind(L'.'));
+    name += appended;
+    return TRUE;
+}
+
+int VxwIsThisAPath(CString const& text) {
+    const std::wstring_view view(text.GetString(), static_cast<std::size_t>(text.GetLength()));
+    constexpr std::size_t nowhere = std::wstring_view::npos;
+    if (view.empty() || view.find_first_of(L"*?\"<>|") != nowhere)
+        return FALSE;
+    // A network path starts with two backslashes; further in, a doubled separator is a slip.
+    if (view.find(L"\\\\", 1) != nowhere || view.find(L"//") != nowhere)
+        return FALSE;
+    // Only a drive's colon is part of a path.
+    const bool strayColon = view[0] == L':' || view.find(L':', 2) != nowhere;
+    return strayColon ? FALSE : TRUE;
+}

@@ -1,0 +1,124 @@
+#include "paths/path_text.h"
+
+#include <vexel/paths.h>
+
+#include <cwchar>
+
+namespace Vexel {
+
+namespace {
+
+constexpr std::size_t NoExtension = std::wstring_view::npos;
+
+std::wstring_view ViewOf(CString const& text) {
+    return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
+}
+
+std::size_t ProtectedRootLength(std::wstring_view path) noexcept {
+    using Detail::IsSeparator;
+    if (path.size() < 2 || !IsSeparator(path[0]) || !IsSeparator(path[1]))
+        return 1;
+    const bool longPathPrefix = path.size() >= 4 && path[2] == L'?' && IsSeparator(path[3]);
+    return longPathPrefix ? 4 : 2;
+}
+
+/// Where the dot of the extension of `name` stands; `name` is a file-name part alone.
+std::size_t FindExtensionInName(std::wstring_view name) noexcept {
+    if (name == L"." || name == L"..")
+        return NoExtension;
+    const std::size_t dot = name.rfind(L'.');
+    if (dot == std::wstring_view::npos || dot == 0)
+        return NoExtension;
+    return name.find(L' ', dot) == std::wstring_view::npos ? dot : NoExtension;
+}
+
+/// `path` with its extension changed, as a new text: `extension` may lie inside the old one.
+std::wstring WithExtension(std::wstring_view path, std::wstring_view extension) {
+    if (extension.starts_with(L'.'))
+        extension.remove_prefix(1);
+
+    const std::size_t dot = FindFileExtension(path);
+    if (dot == NoExtension && extension.empty())
+        return std::wstring(path);
+
+    std::wstring result;
+    result.reserve(path.size() + extension.size() + 1);
+    // The dot of an extension stays even when nothing follows it any more: "a.txt" becomes "a.".
+    result += dot == NoExtension ? path : path.substr(0, dot);
+    result += L'.';
+    result += extension;
+    return result;
+}
+
+} // namespace
+
+std::size_t Detail::DrivePrefixLength(std::wstring_view path) noexcept {
+    if (path.size() < 2 || path[1] != L':')
+        return 0;
+    const wchar_t letter = path[0];
+    return (letter >= L'A' && letter <= L'Z') || (letter >= L'a' && letter <= L'z') ? 2 : 0;
+}
+
+std::size_t FindFileName(std::wstring_view path, bool ignoreTrailingSeparators) {
+    if (ignoreTrailingSeparators)
+        path = RemoveTrailingPathSeparators(path);
+    const std::size_t separator = path.find_last_of(L"\\/");
+    return separator == std::wstring_view::npos ? Detail::DrivePrefixLength(path) : separator + 1;
+}
+
+std::wstring_view GetFileName(std::wstring_view path, bool withExtension) {
+    const std::wstring_view name = path.substr(FindFileName(path, false));
+    // With no extension its index is the largest size, and the cut keeps the whole name.
+    return withExtension ? name : name.substr(0, FindExtensionInName(name));
+}
+
+std::size_t FindFileExtension(std::wstring_view path) {
+    const std::size_t nameStart = FindFileName(path, false);
+    const std::size_t dot = FindExtensionInName(path.substr(nameStart));
+    return dot == NoExtension ? NoExtension : nameStart + dot;
+}
+
+std::wstring_view GetFileExtension(std::wstring_view path, bool withDot) {
+    const std::size_t dot = FindFileExtension(path);
+    if (dot == NoExtension)
+        return {};
+    return path.substr(withDot ? dot : dot + 1);
+}
+
+bool IsSubPath(std::wstring_view path, std::wstring_view base) {
+    // Only one separator: a base written with two stands for no directory that a path could name.
+    if (!base.empty() && Detail::IsSeparator(base.back()))
+        base.remove_suffix(1);
+    if (path.size() <= base.size() || !Detail::IsSeparator(path[base.size()]))
+        return false;
+    return base.empty() || _wcsnicmp(path.data(), base.data(), base.size()) == 0;
+}
+
+std::wstring_view RemoveTrailingPathSeparators(std::wstring_view path) {
+    const std::size_t shortest = ProtectedRootLength(path);
+    while (path.size() > shortest && Detail::IsSeparator(path.back()))
+        path.remove_suffix(1);
+    return path;
+}
+
+CString& RemoveTrailingPathSeparators(CString* path) {
+    path->Truncate(static_cast<int>(RemoveTrailingPathSeparators(ViewOf(*path)).size()));
+    return *path;
+}
+
+std::wstring& RemoveTrailingPathSeparators(std::wstring* path) {
+    path->resize(RemoveTrailingPathSeparators(std::wstring_view(*path)).size());
+    return *path;
+}
+
+std::wstring& ChangeFileExtension(std::wstring* path, std::wstring_view extension) {
+    return *path = WithExtension(*path, extension);
+}
+
+CString& ChangeFileExtension(CString* path, std::wstring_view extension) {
+    const std::wstring changed = WithExtension(ViewOf(*path), extension);
+    path->SetString(changed.data(), static_cast<int>(changed.size()));
+    return *path;
+}
+
+} // namespace Vexel

@@ -1,0 +1,54 @@
+#include "paths/platform_files.h"
+
+#include "paths/file_handle.h"
+
+#include <utility>
+
+namespace Vexel::Detail {
+
+namespace {
+
+DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
+    // Most entries are no links, and their attributes can be had without opening them.
+    const DWORD attributes = GetFileAttributesW(path);
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return GetLastError();
+    if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
+        info = {attributes, 0};
+        return ERROR_SUCCESS;
+    }
+
+    constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const DWORD flags = FILE_FLAG_BACKUP_SEMANTICS | (followLinks ? 0 : FILE_FLAG_OPEN_REPARSE_POINT);
+    const FileHandle entry(
+        CreateFileW(path, FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
+    if (!entry)
+        return GetLastError();
+    FILE_ATTRIBUTE_TAG_INFO read{};
+    if (!GetFileInformationByHandleEx(entry.get(), FileAttributeTagInfo, &read, sizeof read))
+        return GetLastError();
+    info = {read.FileAttributes, read.ReparseTag};
+    return ERROR_SUCCESS;
+}
+
+std::jthread StartThread(std::function<void(std::stop_token)> body) { return std::jthread(std::move(body)); }
+
+bool ProcessIsEnding() {
+    // Only by name: the import libraries do not have it.
+    using Query = BOOLEAN(NTAPI*)();
+    static const Query query = [] {
+        const FARPROC address = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress");
+        return reinterpret_cast<Query>(reinterpret_cast<void*>(address));
+    }();
+    return query && query();
+}
+
+} // namespace
+
+PlatformFiles& Platform() noexcept {
+    static PlatformFiles calls{ReadEntry,       CopyFileW,    DeleteFileW, SetFileAttributesW, GetTempPathW,
+                               GetProcessTimes, GetTickCount, StartThread, ProcessIsEnding};
+    return calls;
+}
+
+} // namespace Vexel::Detail

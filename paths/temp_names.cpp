@@ -1,0 +1,95 @@
+#include "paths/temp_names.h"
+
+#include "paths/platform_files.h"
+
+#include <vexel/diagnostics.h>
+
+#include <atomic>
+#include <cwchar>
+#include <exception>
+#include <string>
+
+namespace Vexel::Detail {
+
+namespace {
+
+/// Part of every name, so that the files of other programs with the same prefix are told apart.
+constexpr unsigned NamingScheme = 18;
+
+std::atomic<unsigned long long> nextName{0};
+
+void ComputeDirectory(TempNaming& naming) noexcept {
+    const auto capacity = static_cast<DWORD>(naming.directory.size());
+    const DWORD length = Platform().getTempPath(capacity, naming.directory.data());
+    if (length == 0) {
+        VxLog_Write(VxLog_Error, "Failed to get the path to the temporary directory: 0x%08lx",
+                    GetLastError());
+        // Without a separator behind it, unlike the system's answer: the files go to the root, which is
+        // always there, with names that begin with "Temp".
+        wcscpy(naming.directory.data(), L"C:\\Temp");
+        return;
+    }
+    // In place; where there is no long form the path stays as it is.
+    GetLongPathNameW(naming.directory.data(), naming.directory.data(), capacity);
+    naming.directory.back() = L'\0';
+}
+
+void ComputeProcessTag(TempNaming& naming) noexcept {
+    auto& tag = naming.processTag;
+    swprintf(tag.data(), tag.size(), L"-%u-%08lx", NamingScheme, GetCurrentProcessId());
+
+    // Process ids come again; with the start time the tag does not.
+    FILETIME created{};
+    FILETIME exited{};
+    FILETIME kernel{};
+    FILETIME user{};
+    if (!Platform().getProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) {
+        VxLog_Write(VxLog_Error, "Failed to get timing information of the process: 0x%08lx", GetLastError());
+        return;
+    }
+    const std::size_t used = wcslen(tag.data());
+    swprintf(tag.data() + used, tag.size() - used, L"-%08lx%08lx", created.dwHighDateTime,
+             created.dwLowDateTime);
+}
+
+} // namespace
+
+TempNaming ComputeTempNaming() noexcept {
+    TempNaming naming;
+    ComputeDirectory(naming);
+    ComputeProcessTag(naming);
+    return naming;
+}
+
+TempNaming const& GetTempNaming() noexcept {
+    static INIT_ONCE once = INIT_ONCE_STATIC_INIT;
+    static TempNaming naming;
+    BOOL pending = FALSE;
+    if (!InitOnceBeginInitialize(&once, 0, &pending, nullptr))
+        std::terminate();
+    if (pending) {
+        naming = ComputeTempNaming();
+        // Nobody could ever make a name again; there is nothing to go on with.
+        if (!InitOnceComplete(&once, 0, nullptr))
+            std::terminate();
+    }
+    return naming;
+}
+
+CString MakeTempFileName(wchar_t const* prefix, wchar_t const* extension) {
+    std::array<wchar_t, 24> counter{};
+    swprintf(counter.data(), counter.size(), L"-%llx", nextName.fetch_add(1));
+
+    std::wstring name = prefix && *prefix ? prefix : L"vexelapp";
+    name += GetTempNaming().processTag.data();
+    name += counter.data();
+    if (extension) {
+        // An empty extension leaves its dot.
+        if (*extension != L'.')
+            name += L'.';
+        name += extension;
+    }
+    return {name.data(), static_cast<int>(name.size())};
+}
+
+} // namespace Vexel::Detail
