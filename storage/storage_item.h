@@ -1,0 +1,237 @@
+#pragma once
+
+#include "storage/item_ref.h"
+
+#include <vexel/path_name.h>
+#include <vexel/storage.h>
+
+#include <windows.h>
+
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <atomic>
+#include <map>
+#include <memory>
+
+/// The tree of items behind the handles: a VxStorage for each storage node and a VxStream for each stream
+/// node that is or was open. Each storage keeps a table of its children's items, so that one node is never
+/// two objects. The logic here is common to all formats and speaks to the nodes through COM; a backend
+/// derives from these classes and supplies the interfaces and the factories.
+///
+/// Life of an item. A factory makes it closed; it is opened and closed any number of times; it is destroyed
+/// by its parent's clean-up, by destroyChild, or to make way for a child of the other type, a root by the
+/// container. Only the reference count keeps it alive, and a storage is in use as long as it has children.
+/// The order of the virtual functions is part of the contract between the backends.
+///
+/// Threads. Counts may change on any thread. The tree is walked and changed under the tree's lock
+/// (tree_lock.h), which the functions take themselves. Opening, reading and closing the nodes of one root is
+/// for one thread at a time; a clean-up may run on any other thread meanwhile.
+class VxStorageItem {
+public:
+    VxStorageItem(const VxStorageItem&) = delete;
+    VxStorageItem& operator=(const VxStorageItem&) = delete;
+
+    virtual ~VxStorageItem() = default;
+    virtual StorageType type() const noexcept = 0;
+    virtual StorageFormat format() const noexcept = 0;
+    /// Closes what no handle uses, at and below this item, and frees the items below; with `keepObjects` the
+    /// items stay in their tables. Returns whether anything was freed.
+    virtual bool deleteUnusedObjects(bool keepObjects);
+    /// Closes the node and what is open below it; the items stay.
+    virtual void close();
+    virtual bool isUsed() const;
+    /// These two open a closed node first, as it was open last.
+    virtual long commit() = 0;
+    /// The node's times; either pointer may be null.
+    virtual long stat(FILETIME* created, FILETIME* modified) = 0;
+    /// Whether a call that failed with `status` deserves one more attempt: memory, file handles or, below the
+    /// root, sharing ran out, and a clean-up freed something. Runs that clean-up.
+    virtual bool retryAfterFailure(HRESULT status);
+
+    /// An item's reference counts on its root too. Both return the item's new count.
+    int addRef() noexcept;
+    int release() noexcept;
+    bool referenced() const noexcept { return references_.load() != 0; }
+    /// Drops a handle's reference and, for a compound file, what the handle kept open: the item when it is
+    /// out of use now; the whole root, with the file, when this was the last reference to any of its nodes.
+    /// The item may be gone afterwards.
+    void releaseHandle() noexcept;
+
+    /// A root's is the path of its file.
+    const SharedPathName& name() const noexcept { return name_; }
+    VxStorage* parent() const noexcept { return parent_; }
+    VxStorageItem* root() const noexcept { return root_; }
+    bool readOnly() const noexcept { return readOnly_; }
+
+protected:
+    /// `parent` is null for a root, which is its own `root` then.
+    VxStorageItem(SharedPathName name, VxStorage* parent, VxStorageItem* root) noexcept;
+
+    /// `call` until it succeeds, at most twice: `judge` decides whether a failure is worth a second attempt.
+    template <class Call>
+    static HRESULT callTwice(VxStorageItem& judge, Call call) {
+        const HRESULT status = call();
+        return FAILED(status) && judge.retryAfterFailure(status) ? call() : status;
+    }
+
+    SharedPathName name_;
+    VxStorage* parent_;   // outlives this item: it stands in the parent's table
+    VxStorageItem* root_; // this item for a root
+    std::atomic<int> references_{0};
+    std::atomic<bool> readOnly_{true}; // also while closed
+};
+
+class VxStorage : public VxStorageItem {
+public:
+    static constexpr StorageType Type = StorageType::Storage;
+    template <class Item>
+    using ItemRef = Vexel::Detail::ItemRef<Item>;
+
+    ~VxStorage() override;
+    StorageType type() const noexcept override { return Type; }
+    bool deleteUnusedObjects(bool keepObjects) override;
+    void close() override;
+    bool isUsed() const override;
+    long commit() override;
+    long stat(FILETIME* created, FILETIME* modified) override;
+
+    // For the backends, in the order of their slots.
+
+    /// Whether there is such a child; here, whether it stands in the table. StorageType(0) is either type.
+    virtual bool hasChild(const SharedPathName& name, StorageType type);
+    /// Makes a new temporary file of an unnamed root.
+    virtual long createTemporary(bool flag) = 0;
+    virtual long borrowPackedData(VxStorage* source) = 0;
+    virtual bool getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) = 0;
+    /// Factories of closed children, which are not in the table yet.
+    virtual std::unique_ptr<VxStorage> newChildStorage(const SharedPathName& name) = 0;
+    virtual std::unique_ptr<VxStream> newChildStream(const SharedPathName& name) = 0;
+    virtual std::unique_ptr<VxStorageEnumerator> createEnumerator() = 0;
+    virtual long clear() = 0;
+    /// Make or open the root file with these STGM flags, and set the interface. `reserved` is 0.
+    virtual long createRoot(DWORD stgm, DWORD reserved) = 0;
+    virtual long openRoot(DWORD stgm) = 0;
+
+    /// The node's interface, borrowed; opens a closed node as it was open last. Null when that fails.
+    IStorage* storage();
+    bool isOpen() const noexcept { return storage_ != nullptr; }
+
+    /// Opens the node and the storages above it. An open node stays as it is, unless it is open for reading
+    /// and now wanted for writing: then it is closed, with all below it, and opened again. `rootFlag` is kept
+    /// with a root for the application. A failure leaves the node closed.
+    long open(bool readOnly, bool rootFlag);
+    /// Makes the node's element, or a root's file. `convert` is for roots: with the contents of what stands
+    /// there. `replace` is for children: an element of the name is removed first. STG_E_FILEALREADYEXISTS
+    /// when a handle has the node open.
+    long create(bool convert, bool readOnly, bool replace);
+
+    // Children. The result carries a reference; it is null, and `status` (which may be null) a failure, when
+    // the child cannot be had. STG_E_INVALIDPARAMETER while a child of the other type uses the name.
+
+    /// With `lazy` the child is made known but not opened.
+    ItemRef<VxStorage> openChildStorage(const SharedPathName& name, bool readOnly, bool lazy,
+                                        HRESULT* status);
+    ItemRef<VxStream> openChildStream(const SharedPathName& name, bool readOnly, bool lazy, HRESULT* status);
+    ItemRef<VxStorage> createChildStorage(const SharedPathName& name, HRESULT* status, bool replace);
+    ItemRef<VxStream> createChildStream(const SharedPathName& name, HRESULT* status);
+
+    /// Removes the element `name`. STG_E_INUSE, and the file untouched, while the child is in use.
+    long destroyChild(const SharedPathName& name);
+
+    // For the container, which sets up roots.
+
+    bool keyed() const noexcept { return keyed_; }
+    void setKeyed(bool keyed) noexcept { keyed_ = keyed; }
+    bool rootFlag() const noexcept { return rootFlag_; }
+    bool holdOpen() const noexcept { return holdOpen_; }
+
+protected:
+    VxStorage(SharedPathName name, VxStorage* parent, VxStorageItem* root);
+
+    Microsoft::WRL::ComPtr<IStorage> storage_;
+    std::map<SharedPathName, std::unique_ptr<VxStorageItem>> children_;
+    bool holdOpen_;      // a child of "FileLinks": deleteUnusedObjects(true) does not close it
+    bool keyed_ = false; // a root that keeps writers out while it is open for reading; until it is closed
+    bool rootFlag_ = false;
+
+private:
+    friend class VxStream;
+
+    long openInParent(bool readOnly);
+    long createInParent(bool readOnly, bool replace);
+    template <class Child>
+    HRESULT findOrMake(const SharedPathName& name, bool creating, ItemRef<Child>& child, bool& made);
+    template <class Child, class Action>
+    ItemRef<Child> withChild(const SharedPathName& name, bool creating, HRESULT* status, Action action);
+    void discard(const SharedPathName& name, const VxStorageItem* item);
+    void closeChildren();
+};
+
+class VxStream : public VxStorageItem {
+public:
+    static constexpr StorageType Type = StorageType::Stream;
+
+    ~VxStream() override;
+    StorageType type() const noexcept override { return Type; }
+    bool deleteUnusedObjects(bool keepObjects) override;
+    void close() override;
+    long commit() override;
+    long stat(FILETIME* created, FILETIME* modified) override;
+    virtual StreamCompression compression() const noexcept;
+
+    /// The node's interface, borrowed; opens a closed node as it was open last. Null when that fails.
+    ::IStream* stream();
+    bool isOpen() const noexcept { return stream_ != nullptr; }
+
+    /// Opens the node, or rewinds it when it is open; for writing it is emptied, and a node that was open for
+    /// reading reopens its parent for writing. A failure leaves the node closed.
+    long open(bool readOnly);
+    /// Makes the node's element, empty, in place of one that stands there. STG_E_FILEALREADYEXISTS when a
+    /// handle has the node open.
+    long create();
+
+    long setSize(unsigned long long size);
+    /// In bytes; 0 when it cannot be asked.
+    unsigned long long size();
+
+protected:
+    VxStream(SharedPathName name, VxStorage* parent, VxStorageItem* root) noexcept;
+
+    Microsoft::WRL::ComPtr<::IStream> stream_;
+
+private:
+    long openOrRewind(bool readOnly);
+};
+
+/// Lists the children of a storage as the file has them.
+class VxStorageEnumerator {
+public:
+    VxStorageEnumerator() = default;
+    VxStorageEnumerator(const VxStorageEnumerator&) = delete;
+    VxStorageEnumerator& operator=(const VxStorageEnumerator&) = delete;
+
+    virtual ~VxStorageEnumerator();
+    virtual StorageFormat format() const noexcept = 0;
+
+    /// Begins a listing, opening the storage when it is closed.
+    long reset(VxStorage* storage);
+    /// Steps to the next storage or stream; false at the end and on a failure.
+    bool moveNext();
+
+    StorageType type() const noexcept { return type_; }
+    const SharedPathName& name() const noexcept { return name_; }
+    ULARGE_INTEGER size() const noexcept { return size_; }
+    FILETIME createTime() const noexcept { return createTime_; }
+    FILETIME writeTime() const noexcept { return writeTime_; }
+
+private:
+    void clearEntry();
+
+    Microsoft::WRL::ComPtr<IEnumSTATSTG> enumerator_;
+    StorageType type_{}; // 0 before the first entry and after the last
+    SharedPathName name_;
+    ULARGE_INTEGER size_{};
+    FILETIME createTime_{};
+    FILETIME writeTime_{};
+};
