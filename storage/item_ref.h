@@ -7,7 +7,8 @@ namespace Vexel::Detail {
 /// Owns one reference on an item of the tree. Items travel between the container, the tree and the handles in
 /// this form, so that a clean-up on another thread never meets an item that is about to be used with a count
 /// of 0: whoever hands an item out takes the reference before it gives up the lock.
-template <class Item> class ItemRef {
+template <class Item>
+class ItemRef {
 public:
     ItemRef() noexcept = default;
     /// Takes a reference of its own; null is allowed.

@@ -20,7 +20,7 @@
 ///    open or create that fails leaves the handle null, whatever it held before; an out-parameter is set in
 ///    every case, to 0 on failure. Exhausted memory is STG_E_INSUFFICIENTMEMORY in a function that returns a
 ///    status; one that returns anything else raises it (std::bad_alloc or the framework's memory exception).
-/// 3. Identity. One node of one open root is one object, however often it is opened, and two handles are equal
+/// 3. Identity. One node of one open root is one object, however often it is opened; two handles are equal
 ///    exactly when they reach the same one. A root opened with ReadOnly and one opened with another mode on
 ///    the same path are two roots. A node has one state: opening it for writing through one handle makes
 ///    it writable for all, and all handles of a stream share its position.
@@ -39,12 +39,13 @@
 ///    when its last handle goes and none of its children is cached; with the last handle on any of its
 ///    nodes the whole root is closed, cached children included, and its file is free for others. A package
 ///    stays open, so that it is not read again for each handle, until a clean-up finds it unused.
-/// 9. Clean-up. StorageContainer::deleteUnusedObjects closes and frees what no handle uses. The library runs
-///    it by itself when the system reports exhausted memory or file handles, then repeats the failed call once.
-/// 10. Threads. A handle belongs to one thread at a time, and so do the handles on the nodes of one root taken
-///    together: they share streams' positions and the system's interfaces. Handles on different roots may be
-///    used on different threads without more ado; opening, closing and clean-up are safe against each other
-///    on any thread. The calling thread need not have initialised COM.
+/// 9. Clean-up. StorageContainer::deleteUnusedObjects closes and frees what no handle uses. The library
+///    runs it by itself when the system reports exhausted memory or file handles, and repeats the failed
+///    call once.
+/// 10. Threads. A handle belongs to one thread at a time, and so do all handles on the nodes of one root
+///     together: they share streams' positions and the system's interfaces. Handles on different roots may
+///     be used on different threads without more ado; opening, closing and clean-up are safe against each
+///     other on any thread. The calling thread need not have initialised COM.
 
 #include <vexel/byte_streams.h>
 #include <vexel/export.h>
@@ -69,7 +70,8 @@ class VxStorageItem;
 class VxStream;
 
 namespace Vexel::Detail {
-template <class Item> class ItemRef;
+template <class Item>
+class ItemRef;
 } // namespace Vexel::Detail
 
 /// How a structured file is stored.
@@ -134,8 +136,8 @@ public:
     /// Opens the file at `path` as a root, or shares the root that is open on it already (rule 3). `flag` is
     /// stored in the root and has no meaning to the library.
     ///  - STG_E_FILENOTFOUND, STG_E_PATHNOTFOUND: there is no such file, for reading.
-    ///  - HRESULT_FROM_WIN32 of the system's error: the file is missing (ERROR_FILE_NOT_FOUND), write-protected
-    ///    (ERROR_ACCESS_DENIED) or open elsewhere (ERROR_SHARING_VIOLATION), for writing.
+    ///  - HRESULT_FROM_WIN32 of the system's error, for writing: the file is missing (ERROR_FILE_NOT_FOUND),
+    ///    write-protected (ERROR_ACCESS_DENIED) or open elsewhere (ERROR_SHARING_VIOLATION).
     ///  - STG_E_SHAREVIOLATION, STG_E_LOCKVIOLATION, STG_E_ACCESSDENIED: it cannot be read as asked for.
     ///  - STG_E_INVALIDHEADER: neither a package nor a compound file.
     long open(const SharedPathName& path, RootStorageOpenMode mode, bool flag);
@@ -153,8 +155,9 @@ public:
     long create(const SharedPathName& path);
 
     /// Makes the storage `name` in `parent`, open for reading and writing. With `flag` an element that stands
-    /// there is replaced, without it STG_E_FILEALREADYEXISTS; so too, with and without, while a handle has the
-    /// storage open. STG_E_INVALIDPARAMETER as for open; STG_E_ACCESSDENIED when the file is open for reading.
+    /// there is replaced, without it STG_E_FILEALREADYEXISTS; so too, with and without, while a handle has
+    /// the storage open. STG_E_INVALIDPARAMETER as for open; STG_E_ACCESSDENIED when the file is open for
+    /// reading.
     long create(const SharedPathName& name, const StorageRef& parent, bool flag);
     long create(const wchar_t* name, const StorageRef& parent, bool flag);
     long create(const CStringW& name, const StorageRef& parent, bool flag);
@@ -209,7 +212,6 @@ private:
 
     explicit StorageRef(IStorage* storage);
     explicit StorageRef(Vexel::Detail::ItemRef<VxStorage> item) noexcept;
-    long adopt(Vexel::Detail::ItemRef<VxStorage> item, long status) noexcept;
 
     VxStorage* item_ = nullptr; // carries one reference
 };
@@ -244,8 +246,8 @@ public:
     long open(const wchar_t* name, const StorageRef& parent, bool readOnly);
     long open(const CStringW& name, const StorageRef& parent, bool readOnly);
 
-    /// Makes the stream `name` in `parent`, empty and open for reading and writing; a stream that stands there
-    /// is replaced, unless a handle has it open: STG_E_FILEALREADYEXISTS.
+    /// Makes the stream `name` in `parent`, empty and open for reading and writing; a stream that stands
+    /// there is replaced, unless a handle has it open: STG_E_FILEALREADYEXISTS.
     long create(const SharedPathName& name, const StorageRef& parent);
     long create(const wchar_t* name, const StorageRef& parent);
     long create(const CStringW& name, const StorageRef& parent);
@@ -275,8 +277,8 @@ public:
     long write(const void* buffer, unsigned long count, unsigned long* done);
     /// Cuts off or extends, by bytes of no given value; the position stays. E_FAIL for a null handle.
     long setSize(unsigned long long size);
-    /// Replaces the contents of `target` by those of this stream, whose position stays; the target's is at its
-    /// end afterwards. STG_E_INVALIDPARAMETER when either is null or cannot be opened or both are the
+    /// Replaces the contents of `target` by those of this stream, whose position stays; the target's is at
+    /// its end afterwards. STG_E_INVALIDPARAMETER when either is null or cannot be opened or both are the
     /// same stream. On failure the target holds what was copied until then.
     long copyTo(StreamRef& target);
     long commit() const;
@@ -293,8 +295,6 @@ public:
     unsigned long long WriteBytes(const void* buffer, unsigned long long count) override;
 
 private:
-    long adopt(Vexel::Detail::ItemRef<VxStream> item, long status) noexcept;
-
     VxStream* item_ = nullptr; // carries one reference
 };
 
@@ -327,12 +327,12 @@ public:
         return enumerator_ != other.enumerator_;
     }
 
-    /// Begins a listing of `storage`, which must not be null (it is not checked), opening it when it is closed.
-    /// The storage must stay open while the listing runs. On failure the handle is null; E_FAIL when the
-    /// storage's format has no listing.
+    /// Begins a listing of `storage`, which must not be null (it is not checked), opening it when it is
+    /// closed. The storage must stay open while the listing runs. On failure the handle is null; E_FAIL when
+    /// the storage's format has no listing.
     long reset(const StorageRef& storage);
-    /// Steps to the next child. False at the end, and when the listing cannot go on; children that are neither
-    /// storage nor stream are passed over.
+    /// Steps to the next child. False at the end, and when the listing cannot go on; children that are
+    /// neither storage nor stream are passed over.
     bool moveNext();
 
     // The current child. Before the first and after the last: an empty name, type 0, sizes and times 0.
@@ -353,8 +353,8 @@ private:
     VxStorageEnumerator* enumerator_ = nullptr; // owned by this handle alone
 };
 
-/// The process-wide owner of all roots. Every operation holds the container's one lock for its whole duration,
-/// opening and creating the file included.
+/// The process-wide owner of all roots. Every operation holds the container's one lock for its whole
+/// duration, opening and creating the file included.
 class VEXEL_API StorageContainer {
 public:
     /// Lives until the process ends, handles in static storage included.
@@ -373,10 +373,10 @@ public:
     /// Closes and frees every node and root that no handle uses. True when anything was freed.
     bool deleteUnusedObjects();
 
-    /// Sets what runs instead of deleteUnusedObjects when the system reports exhausted memory or file handles;
-    /// null for the default. The callback returns whether it freed anything; it usually lets go of some of the
-    /// application's handles and calls deleteUnusedObjects. It may run while this thread holds the container's
-    /// lock, so it must not wait for a thread that opens or closes handles.
+    /// Sets what runs instead of deleteUnusedObjects when the system reports exhausted memory or file
+    /// handles; null for the default. The callback returns whether it freed anything; it usually lets go of
+    /// some of the application's handles and calls deleteUnusedObjects. It may run while this thread holds
+    /// the container's lock, so it must not wait for a thread that opens or closes handles.
     void setDeleteUnusedObjectsCallback(bool (*callback)());
 
     /// Destroys all roots, for the end of the application: no handle may be used afterwards that was opened
@@ -388,7 +388,8 @@ private:
     friend class StreamRef;
     friend class VxStorage;
     friend class VxStorageItem;
-    template <class Item> using ItemRef = Vexel::Detail::ItemRef<Item>;
+    template <class Item>
+    using ItemRef = Vexel::Detail::ItemRef<Item>;
 
     StorageContainer();
     ~StorageContainer();

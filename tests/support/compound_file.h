@@ -1,0 +1,58 @@
+#pragma once
+
+#include <windows.h>
+
+#include <objbase.h>
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <filesystem>
+#include <string>
+#include <string_view>
+#include <vector>
+
+/// Compound files made, changed and read by the system's own structured storage, to hold ours against.
+/// A failing call of the system is reported as a test failure and ends the process: nothing works without.
+namespace Support {
+
+/// A sample of tests/data as Windows programs name it.
+std::wstring samplePath(std::wstring_view name);
+
+/// A new folder under the temporary directory; goes with all in it, read-only files included.
+class TempFolder {
+public:
+    TempFolder();
+    TempFolder(const TempFolder&) = delete;
+    TempFolder& operator=(const TempFolder&) = delete;
+    ~TempFolder();
+
+    std::wstring file(std::wstring_view name) const;
+
+private:
+    std::filesystem::path path_;
+};
+
+/// An element by its path, names joined by "/"; one that ends in "/" is a storage, with no contents. The
+/// storages above it are made as needed.
+struct Element {
+    std::wstring path;
+    std::string contents;
+};
+
+/// Writes a new compound file with these elements; `sectorSize` is 512 or 4096.
+void writeCompoundFile(const std::wstring& file, const std::vector<Element>& elements,
+                       unsigned sectorSize = 512);
+
+/// Every element, depth first, in the order in which the system lists them.
+std::vector<Element> readCompoundFile(const std::wstring& file);
+
+/// The contents of one stream.
+std::string readElement(const std::wstring& file, std::wstring_view path);
+
+/// Opens the root with the given STGM flags, or returns null.
+Microsoft::WRL::ComPtr<IStorage> openCompoundFile(const std::wstring& file, DWORD stgm);
+
+/// Writes a plain file.
+void writeFile(const std::wstring& file, std::string_view contents);
+
+} // namespace Support
