@@ -1,0 +1,173 @@
+#include "storage/element_name.h"
+#include "storage/item_ref.h"
+#include "storage/status_guard.h"
+#include "storage/storage_item.h"
+
+#include <vexel/storage.h>
+
+#include <utility>
+
+using Vexel::Detail::elementName;
+using Vexel::Detail::ItemRef;
+using Vexel::Detail::withStatus;
+
+StorageRef::StorageRef(IStorage* storage) : item_(StorageContainer::Instance().wrap(storage).detach()) {}
+
+StorageRef::StorageRef(ItemRef<VxStorage> item) noexcept : item_(item.detach()) {}
+
+StorageRef::StorageRef(const StorageRef& other) noexcept : item_(ItemRef<VxStorage>(other.item_).detach()) {}
+
+StorageRef::StorageRef(StorageRef&& other) noexcept : item_(std::exchange(other.item_, nullptr)) {}
+
+StorageRef& StorageRef::operator=(const StorageRef& other) noexcept {
+    if (item_ == other.item_)
+        return *this;
+    ItemRef<VxStorage> shared(other.item_); // first: the node let go of may be what keeps it in use
+    close();
+    item_ = shared.detach();
+    return *this;
+}
+
+StorageRef& StorageRef::operator=(StorageRef&& other) noexcept {
+    std::swap(item_, other.item_);
+    return *this;
+}
+
+StorageRef::~StorageRef() { close(); }
+
+StorageRef StorageRef::fromPtr(IStorage* storage) { return storage ? StorageRef(storage) : StorageRef(); }
+
+long StorageRef::open(const SharedPathName& path, RootStorageOpenMode mode, bool flag) {
+    return withStatus([&] {
+        const SharedPathName kept = path; // may be that of the node let go of here
+        close();
+        const bool readOnly = mode != RootStorageOpenMode::ReadWrite;
+        const bool keyed = mode != RootStorageOpenMode::ReadOnly;
+        long status = E_FAIL;
+        item_ = StorageContainer::Instance().openRoot(kept, readOnly, keyed, status, flag).detach();
+        return status;
+    });
+}
+
+long StorageRef::open(const SharedPathName& name, const StorageRef& parent, bool readOnly) {
+    if (parent.null())
+        return STG_E_INVALIDPARAMETER;
+    return withStatus([&] {
+        const SharedPathName kept = name;
+        const StorageRef holder = parent; // the handle may be its own parent
+        close();
+        HRESULT status = E_FAIL;
+        item_ = holder.item_->openChildStorage(kept, readOnly, false, &status).detach();
+        return status;
+    });
+}
+
+long StorageRef::open(const wchar_t* name, const StorageRef& parent, bool readOnly) {
+    return withStatus([&] { return open(elementName(name), parent, readOnly); });
+}
+
+long StorageRef::open(const CStringW& name, const StorageRef& parent, bool readOnly) {
+    return withStatus([&] { return open(elementName(name), parent, readOnly); });
+}
+
+long StorageRef::create(const SharedPathName& path) {
+    return withStatus([&] {
+        const SharedPathName kept = path;
+        close();
+        long status = E_FAIL;
+        item_ = StorageContainer::Instance().createRoot(kept, false, false, false, status).detach();
+        return status;
+    });
+}
+
+long StorageRef::create(const SharedPathName& name, const StorageRef& parent, bool flag) {
+    if (parent.null())
+        return STG_E_INVALIDPARAMETER;
+    return withStatus([&] {
+        const SharedPathName kept = name;
+        const StorageRef holder = parent;
+        close();
+        HRESULT status = E_FAIL;
+        item_ = holder.item_->createChildStorage(kept, &status, flag).detach();
+        return status;
+    });
+}
+
+long StorageRef::create(const wchar_t* name, const StorageRef& parent, bool flag) {
+    return withStatus([&] { return create(elementName(name), parent, flag); });
+}
+
+long StorageRef::create(const CStringW& name, const StorageRef& parent, bool flag) {
+    return withStatus([&] { return create(elementName(name), parent, flag); });
+}
+
+long StorageRef::createTemporary(bool flag) {
+    return withStatus([&] {
+        close();
+        long status = E_FAIL;
+        item_ = StorageContainer::Instance().createTemporaryRoot(status, flag).detach();
+        return status;
+    });
+}
+
+void StorageRef::close() noexcept {
+    if (item_)
+        std::exchange(item_, nullptr)->releaseHandle();
+}
+
+StorageRef StorageRef::parent() const noexcept {
+    return item_ ? StorageRef(ItemRef<VxStorage>(item_->parent())) : StorageRef();
+}
+
+const SharedPathName& StorageRef::name() const noexcept {
+    return item_ ? item_->name() : SharedPathName::null;
+}
+
+bool StorageRef::readOnly() const noexcept { return !item_ || item_->readOnly(); }
+
+StorageFormat StorageRef::format() const noexcept { return item_ ? item_->format() : StorageFormat::None; }
+
+bool StorageRef::hasChild(const SharedPathName& name, StorageType type) const {
+    return item_ && item_->hasChild(name, type);
+}
+
+long StorageRef::stat(FILETIME* created, FILETIME* modified) const {
+    if (created)
+        *created = {};
+    if (modified)
+        *modified = {};
+    return item_ ? item_->stat(created, modified) : STG_E_INVALIDPARAMETER;
+}
+
+bool StorageRef::getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) const {
+    return item_ && item_->getFileTimes(created, modified, accessed);
+}
+
+IStorage* StorageRef::storage() const { return item_ ? item_->storage() : nullptr; }
+
+long StorageRef::destroy(const SharedPathName& name) {
+    if (null())
+        return STG_E_INVALIDPARAMETER;
+    return withStatus([&] { return item_->destroyChild(name); });
+}
+
+long StorageRef::destroy(const wchar_t* name) {
+    return withStatus([&] { return destroy(elementName(name)); });
+}
+
+long StorageRef::destroy(const CStringW& name) {
+    return withStatus([&] { return destroy(elementName(name)); });
+}
+
+long StorageRef::clear() { return item_ ? item_->clear() : STG_E_INVALIDPARAMETER; }
+
+long StorageRef::borrowPackedData(const StorageRef& source) {
+    return item_ && source.item_ ? item_->borrowPackedData(source.item_) : STG_E_INVALIDPARAMETER;
+}
+
+long StorageRef::commit() const { return item_ ? item_->commit() : STG_E_INVALIDPARAMETER; }
+
+void StorageRef::deleteUnusedObjects() {
+    if (item_)
+        item_->deleteUnusedObjects(false);
+}
