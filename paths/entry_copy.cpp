@@ -5,7 +5,6 @@
 #include <vexel/paths.h>
 
 #include <optional>
-#include <utility>
 #include <vector>
 
 // The standard library's copy, written out: on this platform some libraries take two files for the same one
@@ -18,7 +17,8 @@ namespace {
 struct CopyJob {
     std::wstring source;
     std::wstring target;
-    bool insideDirectory = false; ///< found while a directory was copied, not named by the caller
+    bool directory = false;
+    bool copied = true; ///< false for a directory that is looked at but left alone
 };
 
 struct Entry {
@@ -106,37 +106,22 @@ std::error_code CopyOneFile(CopyJob const& job, Entry const& target, FlagSet<Cop
     return {};
 }
 
-std::error_code CopyDirectory(CopyJob const& job, Entry const& target, FlagSet<CopyingFlag> flags,
-                              std::vector<CopyJob>& jobs) {
+std::error_code CopyDirectory(CopyJob const& job, Entry const& target) {
     if (target.exists && !target.directory)
         return std::make_error_code(std::errc::is_a_directory);
     if (target.exists && IsSameEntry(job.source, job.target))
         return std::make_error_code(std::errc::file_exists);
-    // As the standard has it: without recursion only a directory named by the caller is copied, with its
-    // files, and only when no other option is given.
-    if (!flags.has(CopyingFlag::Recursive) && (job.insideDirectory || flags.has(CopyingFlag::Overwrite)))
-        return {};
-
-    // Listed before the target is made: a target inside the source must not be found there and copied on.
-    std::vector<std::wstring> names;
-    if (const std::error_code error = ListDirectory(job.source, names))
-        return error;
-    if (!target.exists && !CreateDirectoryW(job.target.c_str(), nullptr))
+    if (!target.exists && job.copied && !CreateDirectoryW(job.target.c_str(), nullptr))
         return SystemError(GetLastError());
-    for (std::wstring const& name : names)
-        jobs.push_back({Join(job.source, name), Join(job.target, name), true});
     return {};
 }
 
-std::error_code CopyOne(CopyJob job, FlagSet<CopyingFlag> flags, std::vector<CopyJob>& jobs) {
-    Detail::EntryInfo source;
-    if (const DWORD error = Detail::Platform().readEntry(job.source.c_str(), true, source))
-        return SystemError(error);
+std::error_code CopyOne(CopyJob job, FlagSet<CopyingFlag> flags) {
     Entry target;
     if (const std::error_code error = ReadTarget(job.target, target))
         return error;
-    if ((source.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0)
-        return CopyDirectory(job, target, flags, jobs);
+    if (job.directory)
+        return CopyDirectory(job, target);
 
     if (target.directory) {
         job.target = Join(job.target, GetFileName(job.source, true));
@@ -146,14 +131,41 @@ std::error_code CopyOne(CopyJob job, FlagSet<CopyingFlag> flags, std::vector<Cop
     return CopyOneFile(job, target, flags);
 }
 
-/// Copies without calling itself, so that the depth of a tree is no matter of the stack.
+/// Examines the source of `jobs[index]` and adds a job for each entry of a directory to be copied.
+std::error_code PlanOne(std::vector<CopyJob>& jobs, std::size_t index, FlagSet<CopyingFlag> flags) {
+    const CopyJob parent = jobs[index];
+    Detail::EntryInfo source;
+    if (const DWORD error = Detail::Platform().readEntry(parent.source.c_str(), true, source))
+        return SystemError(error);
+    if ((source.attributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
+        return {};
+
+    jobs[index].directory = true;
+    // As the standard has it: without recursion only the directory named by the caller is copied, with its
+    // files, and only when no other option is given.
+    const bool copied =
+        flags.has(CopyingFlag::Recursive) || (index == 0 && !flags.has(CopyingFlag::Overwrite));
+    jobs[index].copied = copied;
+    std::vector<std::wstring> names;
+    if (!copied)
+        return {};
+    const std::error_code error = ListDirectory(parent.source, names);
+    for (std::wstring const& name : names)
+        jobs.push_back({Join(parent.source, name), Join(parent.target, name)});
+    return error;
+}
+
+/// The whole tree is listed before anything is made: a target inside the source would else be found there and
+/// copied on and on.
 std::error_code CopyTree(std::wstring_view source, std::wstring_view target, FlagSet<CopyingFlag> flags) {
     std::vector<CopyJob> jobs;
-    jobs.push_back({std::wstring(source), std::wstring(target), false});
-    while (!jobs.empty()) {
-        CopyJob job = std::move(jobs.back());
-        jobs.pop_back();
-        if (const std::error_code error = CopyOne(std::move(job), flags, jobs))
+    jobs.push_back({std::wstring(source), std::wstring(target)});
+    for (std::size_t index = 0; index < jobs.size(); ++index) {
+        if (const std::error_code error = PlanOne(jobs, index, flags))
+            return error;
+    }
+    for (CopyJob const& job : jobs) {
+        if (const std::error_code error = CopyOne(job, flags))
             return error;
     }
     return {};

@@ -1,0 +1,98 @@
+#include <vexel/paths.h>
+
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <set>
+#include <vector>
+
+using vxio::MakeFileNameUnique;
+
+namespace {
+
+constexpr bool Brackets = true;
+constexpr bool Underscores = false;
+constexpr bool Strip = true;
+constexpr bool Keep = false;
+
+/// A directory that holds some names, and remembers what it was asked.
+struct Directory {
+    std::set<std::wstring> taken;
+    std::vector<std::wstring> asked;
+
+    std::error_code operator()(CString const& name) {
+        asked.emplace_back(name.GetString());
+        return taken.contains(asked.back()) ? std::make_error_code(std::errc::file_exists)
+                                            : std::error_code();
+    }
+};
+
+std::wstring Id() { return std::to_wstring(GetCurrentProcessId()); }
+
+TEST(UniqueNames, FindTheFirstFreeVariant) {
+    struct {
+        std::wstring name;
+        bool brackets, strip;
+        std::set<std::wstring> taken;
+        std::wstring expected;
+    } const cases[] = {
+        {L"a.txt", Brackets, Keep, {}, L"a.txt"},
+        {L"a (7).txt", Brackets, Keep, {}, L"a (7).txt"},
+        {L"a (7).txt", Brackets, Strip, {}, L"a.txt"},
+        {L"ab ().txt", Brackets, Strip, {}, L"ab.txt"},
+        {L"a(7).txt", Brackets, Strip, {}, L"a(7).txt"},
+        {L"a (7)", Brackets, Strip, {}, L"a"},
+        {L"a (b7).txt", Brackets, Strip, {}, L"a (b7).txt"},
+        {L" (1)", Brackets, Strip, {}, L" (1)"}, // the bracket closes too early
+        {L" (12)", Brackets, Strip, {}, L""},    // and here just late enough, leaving nothing
+        {L" (1234)", Brackets, Strip, {}, L""},
+        {L"(1234)", Brackets, Strip, {}, L"(1234)"},
+        {L"a (2) (3).t", Brackets, Strip, {L"a (2).t"}, L"a (1).t"}, // split once more when taken
+        {L"a (7).txt", Brackets, Keep, {L"a (7).txt"}, L"a (1).txt"},
+        {L"a.txt", Brackets, Keep, {L"a.txt", L"a (1).txt"}, L"a (2).txt"},
+        {L".rc", Brackets, Keep, {L".rc"}, L".rc (1)"},
+        {L"b_3_1234.x", Underscores, Keep, {}, L"b_3_1234.x"},
+        {L"b_3_1234.x", Underscores, Keep, {L"b_3_1234.x"}, L"b_3_1234_1_" + Id() + L".x"},
+        {L"b_3_1234.x", Underscores, Strip, {}, L"b_3_.x"},
+        {L"b_3_1234.x", Underscores, Strip, {L"b_3_.x"}, L"b_3__1_" + Id() + L".x"},
+        {L"1234", Underscores, Strip, {}, L"1"},
+        {L"a (7).x", Underscores, Strip, {L"a (7).x"}, L"a (7)_1_" + Id() + L".x"},
+        {L"", Underscores, Strip, {L""}, L"_1_" + Id()},
+    };
+    for (auto const& c : cases) {
+        Directory directory{c.taken, {}};
+        CString name(c.name.c_str());
+        EXPECT_TRUE(MakeFileNameUnique(name, std::ref(directory), c.brackets, c.strip));
+        EXPECT_EQ(std::wstring(name.GetString()), c.expected);
+    }
+}
+
+TEST(UniqueNames, AskInOrder) {
+    Directory directory{
+        {L"report.txt", L"report (1).txt", L"report (2).txt", L"report (3).txt", L"report (4).txt"}, {}};
+    CString name(L"report (2).txt");
+    EXPECT_TRUE(MakeFileNameUnique(name, std::ref(directory), Brackets, Strip));
+    EXPECT_EQ(name, L"report (5).txt");
+    EXPECT_THAT(directory.asked,
+                testing::ElementsAre(L"report.txt", L"report (1).txt", L"report (2).txt", L"report (3).txt",
+                                     L"report (4).txt", L"report (5).txt"));
+}
+
+TEST(UniqueNames, GiveUpOnOtherErrors) {
+    CString name(L"a (1).txt");
+    EXPECT_FALSE(MakeFileNameUnique(name, nullptr, Brackets, Strip));
+    for (int failAt = 0; failAt < 4; ++failAt) {
+        int asked = 0;
+        const auto probe = [&](CString const&) {
+            return std::make_error_code(asked++ == failAt ? std::errc::permission_denied
+                                                          : std::errc::file_exists);
+        };
+        EXPECT_FALSE(MakeFileNameUnique(name, probe, Brackets, Strip));
+        EXPECT_EQ(asked, failAt + 1);
+        EXPECT_EQ(name, L"a (1).txt"); // as it was
+    }
+}
+
+} // namespace
