@@ -2,72 +2,64 @@
 
 #include <windows.h>
 
+#include <utility>
+
 namespace {
 
+constexpr std::pair<DWORD, int> platformErrors[] = {
+    {ERROR_FILE_NOT_FOUND, VxError_NotFound},
+    {ERROR_PATH_NOT_FOUND, VxError_NotFound},
+    {ERROR_INVALID_DRIVE, VxError_NotFound},
+    {ERROR_BAD_NETPATH, VxError_NotFound},
+    {ERROR_NETNAME_DELETED, VxError_NotFound},
+    {ERROR_BAD_NET_NAME, VxError_NotFound},
+    {ERROR_DIRECTORY, VxError_NotFound},
+    {ERROR_NOT_ENOUGH_MEMORY, VxError_OutOfMemory},
+    {ERROR_OUTOFMEMORY, VxError_OutOfMemory},
+    {ERROR_COMMITMENT_LIMIT, VxError_OutOfMemory},
+    {ERROR_NO_SYSTEM_RESOURCES, VxError_OutOfMemory},
+    {ERROR_INVALID_HANDLE, VxError_InvalidArgument},
+    {ERROR_INVALID_BLOCK, VxError_InvalidArgument}, // the storage facility's invalid pointer
+    {ERROR_INVALID_PARAMETER, VxError_InvalidArgument},
+    {ERROR_INVALID_NAME, VxError_InvalidName},
+    {ERROR_BAD_PATHNAME, VxError_InvalidName},
+    {ERROR_FILENAME_EXCED_RANGE, VxError_InvalidName},
+    {ERROR_ACCESS_DENIED, VxError_AccessDenied},
+    {ERROR_WRITE_PROTECT, VxError_AccessDenied},
+    {ERROR_NETWORK_ACCESS_DENIED, VxError_AccessDenied},
+    {ERROR_SHARING_VIOLATION, VxError_InUse},
+    {ERROR_LOCK_VIOLATION, VxError_InUse},
+    {ERROR_LOCKED, VxError_InUse},
+    {ERROR_BUSY, VxError_InUse},
+    {ERROR_FILE_EXISTS, VxError_AlreadyExists},
+    {ERROR_ALREADY_EXISTS, VxError_AlreadyExists},
+    {ERROR_DISK_FULL, VxError_DiskFull},
+    {ERROR_HANDLE_DISK_FULL, VxError_DiskFull},
+    {ERROR_CRC, VxError_ReadFault},
+    {ERROR_SEEK, VxError_ReadFault},
+    {ERROR_READ_FAULT, VxError_ReadFault},
+    {ERROR_HANDLE_EOF, VxError_ReadFault},
+    {ERROR_NEGATIVE_SEEK, VxError_ReadFault},
+    {ERROR_WRITE_FAULT, VxError_WriteFault},
+    {ERROR_BAD_FORMAT, VxError_Corrupt},
+    {ERROR_INVALID_DATA, VxError_Corrupt},
+    {ERROR_FILE_INVALID, VxError_Corrupt},
+    {ERROR_FILE_CORRUPT, VxError_Corrupt},
+    {ERROR_DISK_CORRUPT, VxError_Corrupt},
+    {ERROR_TOO_MANY_OPEN_FILES, VxError_TooManyOpenFiles},
+    {ERROR_INVALID_FUNCTION, VxError_NotSupported},
+    {ERROR_NOT_SUPPORTED, VxError_NotSupported},
+    {ERROR_CALL_NOT_IMPLEMENTED, VxError_NotSupported},
+    {ERROR_OPERATION_ABORTED, VxError_Cancelled},
+    {ERROR_CANCELLED, VxError_Cancelled},
+};
+
 int fromPlatformError(DWORD error) noexcept {
-    switch (error) {
-    case ERROR_FILE_NOT_FOUND:
-    case ERROR_PATH_NOT_FOUND:
-    case ERROR_INVALID_DRIVE:
-    case ERROR_BAD_NETPATH:
-    case ERROR_NETNAME_DELETED:
-    case ERROR_BAD_NET_NAME:
-    case ERROR_DIRECTORY:
-        return VxError_NotFound;
-    case ERROR_NOT_ENOUGH_MEMORY:
-    case ERROR_OUTOFMEMORY:
-    case ERROR_COMMITMENT_LIMIT:
-    case ERROR_NO_SYSTEM_RESOURCES:
-        return VxError_OutOfMemory;
-    case ERROR_INVALID_HANDLE:
-    case ERROR_INVALID_BLOCK: // the storage facility's invalid pointer
-    case ERROR_INVALID_PARAMETER:
-        return VxError_InvalidArgument;
-    case ERROR_INVALID_NAME:
-    case ERROR_BAD_PATHNAME:
-    case ERROR_FILENAME_EXCED_RANGE:
-        return VxError_InvalidName;
-    case ERROR_ACCESS_DENIED:
-    case ERROR_WRITE_PROTECT:
-    case ERROR_NETWORK_ACCESS_DENIED:
-        return VxError_AccessDenied;
-    case ERROR_SHARING_VIOLATION:
-    case ERROR_LOCK_VIOLATION:
-    case ERROR_LOCKED:
-    case ERROR_BUSY:
-        return VxError_InUse;
-    case ERROR_FILE_EXISTS:
-    case ERROR_ALREADY_EXISTS:
-        return VxError_AlreadyExists;
-    case ERROR_DISK_FULL:
-    case ERROR_HANDLE_DISK_FULL:
-        return VxError_DiskFull;
-    case ERROR_CRC:
-    case ERROR_SEEK:
-    case ERROR_READ_FAULT:
-    case ERROR_HANDLE_EOF:
-    case ERROR_NEGATIVE_SEEK:
-        return VxError_ReadFault;
-    case ERROR_WRITE_FAULT:
-        return VxError_WriteFault;
-    case ERROR_BAD_FORMAT:
-    case ERROR_INVALID_DATA:
-    case ERROR_FILE_INVALID:
-    case ERROR_FILE_CORRUPT:
-    case ERROR_DISK_CORRUPT:
-        return VxError_Corrupt;
-    case ERROR_TOO_MANY_OPEN_FILES:
-        return VxError_TooManyOpenFiles;
-    case ERROR_INVALID_FUNCTION:
-    case ERROR_NOT_SUPPORTED:
-    case ERROR_CALL_NOT_IMPLEMENTED:
-        return VxError_NotSupported;
-    case ERROR_OPERATION_ABORTED:
-    case ERROR_CANCELLED:
-        return VxError_Cancelled;
-    default:
-        return VxError_General;
+    for (const auto& [known, code] : platformErrors) {
+        if (known == error)
+            return code;
     }
+    return VxError_General;
 }
 
 /// The storage facility's own statuses; its others are platform errors in another dress.

@@ -37,7 +37,7 @@ private:
 /// By the C runtime's own function, whose wide formats follow the platform's rule; the compiler's replacement
 /// has another.
 void formatWide(WideText& text, const wchar_t* format, va_list arguments) noexcept {
-    va_list copy;
+    va_list copy = {};
     va_copy(copy, arguments);
     const std::size_t last = text.size() - 1;
     int length = _vsnwprintf(text.data(), last, format, copy);
@@ -55,7 +55,7 @@ void formatWide(WideText& text, const wchar_t* format, va_list arguments) noexce
 }
 
 void formatNarrow(NarrowText& text, const char* format, va_list arguments) noexcept {
-    va_list copy;
+    va_list copy = {};
     va_copy(copy, arguments);
     const int length = std::vsnprintf(text.data(), text.size(), format, copy);
     va_end(copy);
@@ -98,14 +98,14 @@ void VxLog_WriteV(int level, const char* format, va_list arguments) noexcept {
 }
 
 void VxLog_WriteW(int level, const wchar_t* format, ...) noexcept {
-    va_list arguments;
+    va_list arguments = {};
     va_start(arguments, format);
     VxLog_WriteWV(level, format, arguments);
     va_end(arguments);
 }
 
 void VxLog_Write(int level, const char* format, ...) noexcept {
-    va_list arguments;
+    va_list arguments = {};
     va_start(arguments, format);
     VxLog_WriteV(level, format, arguments);
     va_end(arguments);

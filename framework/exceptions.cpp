@@ -5,6 +5,7 @@
 #include <cstddef>
 #include <iterator>
 #include <new>
+#include <utility>
 
 namespace {
 
@@ -63,6 +64,60 @@ constexpr const wchar_t* archiveTexts[] = {
 };
 static_assert(std::size(archiveTexts) == CArchiveException::bufferFull + 1);
 
+constexpr std::pair<LONG, int> causes[] = {
+    {NO_ERROR, CFileException::none},
+    {ERROR_FILE_NOT_FOUND, CFileException::fileNotFound},
+    {ERROR_NO_MORE_FILES, CFileException::fileNotFound},
+    {ERROR_PATH_NOT_FOUND, CFileException::badPath},
+    {ERROR_INVALID_DRIVE, CFileException::badPath},
+    {ERROR_NOT_SAME_DEVICE, CFileException::badPath},
+    {ERROR_BAD_NETPATH, CFileException::badPath},
+    {ERROR_BAD_NET_NAME, CFileException::badPath},
+    {ERROR_INVALID_NAME, CFileException::badPath},
+    {ERROR_BAD_PATHNAME, CFileException::badPath},
+    {ERROR_FILENAME_EXCED_RANGE, CFileException::badPath},
+    {ERROR_DIRECTORY, CFileException::badPath},
+    {ERROR_TOO_MANY_OPEN_FILES, CFileException::tooManyOpenFiles},
+    {ERROR_NO_MORE_SEARCH_HANDLES, CFileException::tooManyOpenFiles},
+    {ERROR_ACCESS_DENIED, CFileException::accessDenied},
+    {ERROR_INVALID_ACCESS, CFileException::accessDenied},
+    {ERROR_WRITE_PROTECT, CFileException::accessDenied},
+    {ERROR_NETWORK_ACCESS_DENIED, CFileException::accessDenied},
+    {ERROR_FILE_EXISTS, CFileException::accessDenied},
+    {ERROR_CANNOT_MAKE, CFileException::accessDenied},
+    {ERROR_ALREADY_EXISTS, CFileException::accessDenied},
+    {ERROR_INVALID_HANDLE, CFileException::invalidFile},
+    {ERROR_INVALID_TARGET_HANDLE, CFileException::invalidFile},
+    {ERROR_DIRECT_ACCESS_HANDLE, CFileException::invalidFile},
+    {ERROR_BAD_FORMAT, CFileException::invalidFile},
+    {ERROR_CURRENT_DIRECTORY, CFileException::removeCurrentDir},
+    {ERROR_DIR_NOT_EMPTY, CFileException::removeCurrentDir},
+    {ERROR_SEEK, CFileException::badSeek},
+    {ERROR_NEGATIVE_SEEK, CFileException::badSeek},
+    {ERROR_SEEK_ON_DEVICE, CFileException::badSeek},
+    {ERROR_BAD_UNIT, CFileException::hardIO},
+    {ERROR_NOT_READY, CFileException::hardIO},
+    {ERROR_BAD_COMMAND, CFileException::hardIO},
+    {ERROR_CRC, CFileException::hardIO},
+    {ERROR_BAD_LENGTH, CFileException::hardIO},
+    {ERROR_NOT_DOS_DISK, CFileException::hardIO},
+    {ERROR_SECTOR_NOT_FOUND, CFileException::hardIO},
+    {ERROR_WRITE_FAULT, CFileException::hardIO},
+    {ERROR_READ_FAULT, CFileException::hardIO},
+    {ERROR_GEN_FAILURE, CFileException::hardIO},
+    {ERROR_WRONG_DISK, CFileException::hardIO},
+    {ERROR_IO_DEVICE, CFileException::hardIO},
+    {ERROR_SHARING_VIOLATION, CFileException::sharingViolation},
+    {ERROR_SHARING_BUFFER_EXCEEDED, CFileException::sharingViolation},
+    {ERROR_LOCK_VIOLATION, CFileException::lockViolation},
+    {ERROR_LOCKED, CFileException::lockViolation},
+    {ERROR_DRIVE_LOCKED, CFileException::lockViolation},
+    {ERROR_LOCK_FAILED, CFileException::lockViolation},
+    {ERROR_DISK_FULL, CFileException::diskFull},
+    {ERROR_HANDLE_DISK_FULL, CFileException::diskFull},
+    {ERROR_HANDLE_EOF, CFileException::endOfFile},
+};
+
 template <class Exception, class... Arguments>
 [[noreturn]] void throwNew(Arguments... arguments) {
     auto* exception = new (std::nothrow) Exception(arguments...);
@@ -112,74 +167,11 @@ void CFileException::ThrowOsError(LONG osError, const wchar_t* fileName) {
 }
 
 int CFileException::OsErrorToException(LONG osError) noexcept {
-    switch (osError) {
-    case NO_ERROR:
-        return none;
-    case ERROR_FILE_NOT_FOUND:
-    case ERROR_NO_MORE_FILES:
-        return fileNotFound;
-    case ERROR_PATH_NOT_FOUND:
-    case ERROR_INVALID_DRIVE:
-    case ERROR_NOT_SAME_DEVICE:
-    case ERROR_BAD_NETPATH:
-    case ERROR_BAD_NET_NAME:
-    case ERROR_INVALID_NAME:
-    case ERROR_BAD_PATHNAME:
-    case ERROR_FILENAME_EXCED_RANGE:
-    case ERROR_DIRECTORY:
-        return badPath;
-    case ERROR_TOO_MANY_OPEN_FILES:
-    case ERROR_NO_MORE_SEARCH_HANDLES:
-        return tooManyOpenFiles;
-    case ERROR_ACCESS_DENIED:
-    case ERROR_INVALID_ACCESS:
-    case ERROR_WRITE_PROTECT:
-    case ERROR_NETWORK_ACCESS_DENIED:
-    case ERROR_FILE_EXISTS:
-    case ERROR_CANNOT_MAKE:
-    case ERROR_ALREADY_EXISTS:
-        return accessDenied;
-    case ERROR_INVALID_HANDLE:
-    case ERROR_INVALID_TARGET_HANDLE:
-    case ERROR_DIRECT_ACCESS_HANDLE:
-    case ERROR_BAD_FORMAT:
-        return invalidFile;
-    case ERROR_CURRENT_DIRECTORY:
-    case ERROR_DIR_NOT_EMPTY:
-        return removeCurrentDir;
-    case ERROR_SEEK:
-    case ERROR_NEGATIVE_SEEK:
-    case ERROR_SEEK_ON_DEVICE:
-        return badSeek;
-    case ERROR_BAD_UNIT:
-    case ERROR_NOT_READY:
-    case ERROR_BAD_COMMAND:
-    case ERROR_CRC:
-    case ERROR_BAD_LENGTH:
-    case ERROR_NOT_DOS_DISK:
-    case ERROR_SECTOR_NOT_FOUND:
-    case ERROR_WRITE_FAULT:
-    case ERROR_READ_FAULT:
-    case ERROR_GEN_FAILURE:
-    case ERROR_WRONG_DISK:
-    case ERROR_IO_DEVICE:
-        return hardIO;
-    case ERROR_SHARING_VIOLATION:
-    case ERROR_SHARING_BUFFER_EXCEEDED:
-        return sharingViolation;
-    case ERROR_LOCK_VIOLATION:
-    case ERROR_LOCKED:
-    case ERROR_DRIVE_LOCKED:
-    case ERROR_LOCK_FAILED:
-        return lockViolation;
-    case ERROR_DISK_FULL:
-    case ERROR_HANDLE_DISK_FULL:
-        return diskFull;
-    case ERROR_HANDLE_EOF:
-        return endOfFile;
-    default:
-        return genericException;
+    for (const auto& [error, cause] : causes) {
+        if (error == osError)
+            return cause;
     }
+    return genericException;
 }
 
 CArchiveException::CArchiveException(int cause, const wchar_t* fileName)

@@ -92,7 +92,7 @@ void CFile::Close() {
         throwLastError(name);
 }
 
-void CFile::Abort() noexcept {
+void CFile::Abort() {
     m_strFileName.Empty();
     const HANDLE file = std::exchange(m_hFile, INVALID_HANDLE_VALUE);
     if (file != INVALID_HANDLE_VALUE)

@@ -44,12 +44,12 @@ BOOL CMemFile::Open(const wchar_t* fileName, UINT /*openFlags*/, CFileException*
     return FALSE;
 }
 
-void CMemFile::Close() noexcept {
+void CMemFile::Close() {
     block_ = {};
     capacity_ = length_ = position_ = 0;
 }
 
-void CMemFile::Abort() noexcept { CMemFile::Close(); }
+void CMemFile::Abort() { CMemFile::Close(); }
 
 void CMemFile::reserve(ULONGLONG capacity) {
     if (capacity <= capacity_)
@@ -88,7 +88,7 @@ void CMemFile::Write(const void* data, UINT count) {
     length_ = std::max(length_, position_);
 }
 
-void CMemFile::Flush() noexcept {}
+void CMemFile::Flush() {}
 
 ULONGLONG CMemFile::Seek(LONGLONG offset, UINT origin) {
     const SIZE_T base = origin == begin ? 0 : origin == current ? position_ : length_;
@@ -101,9 +101,9 @@ ULONGLONG CMemFile::Seek(LONGLONG offset, UINT origin) {
     return position_;
 }
 
-ULONGLONG CMemFile::GetPosition() const noexcept { return position_; }
+ULONGLONG CMemFile::GetPosition() const { return position_; }
 
-ULONGLONG CMemFile::GetLength() const noexcept { return length_; }
+ULONGLONG CMemFile::GetLength() const { return length_; }
 
 void CMemFile::SetLength(ULONGLONG length) {
     reserve(length);

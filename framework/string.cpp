@@ -5,10 +5,7 @@
 #include <climits>
 #include <cstring>
 #include <functional>
-#include <new>
 #include <string_view>
-
-static_assert(sizeof(CStringW) == sizeof(void*));
 
 namespace {
 
@@ -66,18 +63,6 @@ auto oneOf(const wchar_t* characters) {
 } // namespace
 
 // Buffers
-
-CStringW::Buffer* CStringW::create(int capacity) {
-    const std::size_t bytes = sizeof(Buffer) + (static_cast<std::size_t>(capacity) + 1) * sizeof(wchar_t);
-    void* memory = ::operator new(bytes, std::nothrow);
-    if (!memory)
-        AfxThrowMemoryException();
-    auto* buffer = new (memory) Buffer{.references = 1, .length = 0, .capacity = capacity};
-    buffer->text()[0] = 0;
-    return buffer;
-}
-
-void CStringW::destroy(Buffer* buffer) noexcept { ::operator delete(buffer); }
 
 void CStringW::throwInvalidArgument() { AfxThrowInvalidArgException(); }
 
@@ -395,7 +380,7 @@ CStringW& CStringW::TrimRight(const wchar_t* characters) {
 // Formatting
 
 void CStringW::FormatV(const wchar_t* format, va_list arguments) {
-    va_list measured;
+    va_list measured = {};
     va_copy(measured, arguments);
     const int length = format ? _vscwprintf(format, measured) : -1;
     va_end(measured);
@@ -408,7 +393,7 @@ void CStringW::FormatV(const wchar_t* format, va_list arguments) {
 }
 
 void CStringW::Format(const wchar_t* format, ...) {
-    va_list arguments;
+    va_list arguments = {};
     va_start(arguments, format);
     CStringW result;
     result.FormatV(format, arguments);
@@ -417,7 +402,7 @@ void CStringW::Format(const wchar_t* format, ...) {
 }
 
 void CStringW::AppendFormat(const wchar_t* format, ...) {
-    va_list arguments;
+    va_list arguments = {};
     va_start(arguments, format);
     CStringW tail;
     tail.FormatV(format, arguments);

@@ -349,7 +349,7 @@ public:
     virtual BOOL Open(const wchar_t* fileName, UINT openFlags, CFileException* error = nullptr);
     virtual void Close();
     /// Closes without throwing.
-    virtual void Abort() noexcept;
+    virtual void Abort();
 
     /// The number of bytes read; less than asked only at the end of the file.
     virtual UINT Read(void* data, UINT count);
@@ -393,14 +393,14 @@ public:
     BYTE* Detach() noexcept;
 
     BOOL Open(const wchar_t* fileName, UINT openFlags, CFileException* error = nullptr) override;
-    void Close() noexcept override;
-    void Abort() noexcept override;
+    void Close() override;
+    void Abort() override;
     UINT Read(void* data, UINT count) override;
     void Write(const void* data, UINT count) override;
-    void Flush() noexcept override;
+    void Flush() override;
     ULONGLONG Seek(LONGLONG offset, UINT origin) override;
-    ULONGLONG GetPosition() const noexcept override;
-    ULONGLONG GetLength() const noexcept override;
+    ULONGLONG GetPosition() const override;
+    ULONGLONG GetLength() const override;
     /// Bytes that come into being this way, or by writing beyond the end, are zero.
     void SetLength(ULONGLONG length) override;
 

@@ -1,0 +1,199 @@
+#include <vexel/diagnostics.h>
+
+#include <windows.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <functional>
+#include <string>
+#include <thread>
+#include <utility>
+#include <vector>
+
+namespace {
+
+using Message = std::pair<int, std::wstring>;
+
+/// Collects what is logged during its life.
+class LogSink {
+public:
+    LogSink() { oldSink_ = VxLog_SetSink(&LogSink::take, this, &oldContext_); }
+    LogSink(const LogSink&) = delete;
+    LogSink& operator=(const LogSink&) = delete;
+    ~LogSink() { VxLog_SetSink(oldSink_, oldContext_); }
+
+    std::vector<Message> messages;
+
+private:
+    static void take(int level, const wchar_t* message, void* context) {
+        SetLastError(ERROR_INVALID_FUNCTION);
+        static_cast<LogSink*>(context)->messages.emplace_back(level, message);
+    }
+
+    VxLogSink oldSink_ = nullptr;
+    void* oldContext_ = nullptr;
+};
+
+TEST(Log, FormatsNarrowMessagesAsUtf8AndWideOnesByThePlatformsRule) {
+    LogSink sink;
+    SetLastError(12345);
+    VxLog_Write(7, "size %lu/%u, 0x%08x \"%s\"", 1UL, 2U, 0xABCU, "\xD0\x96.doc");
+    VxLog_Write(3, "%d%%", 100);
+    VxLog_WriteW(6, L"%ls|%s %hs %llu 0x%08x %p", L"\u0416", L"b", "c", 1ULL << 63, 0x80030002,
+                 reinterpret_cast<void*>(0x1234));
+    VxLog_Write(1, nullptr); // NOLINT: a null format is dropped
+    VxLog_WriteW(1, nullptr);
+    EXPECT_EQ(GetLastError(), 12345U);
+    EXPECT_THAT(
+        sink.messages,
+        testing::ElementsAre(Message(7, L"size 1/2, 0x00000abc \"\u0416.doc\""), Message(3, L"100%"),
+                             Message(6, L"\u0416|b c 9223372036854775808 0x80030002 0000000000001234")));
+}
+
+TEST(Log, KeepsMessagesOfAnyLengthWhole) {
+    LogSink sink;
+    for (const std::size_t length : {0U, 1U, 510U, 511U, 512U, 513U, 100000U}) {
+        const std::wstring text(length, L'\u0416');
+        VxLog_WriteW(1, L"%ls", text.c_str());
+        EXPECT_EQ(sink.messages.back().second, text) << length;
+        const std::string narrow(length, 'x');
+        VxLog_Write(1, "%s", narrow.c_str());
+        EXPECT_EQ(sink.messages.back().second, std::wstring(length, L'x')) << length;
+    }
+}
+
+TEST(Log, ASinkMayLogItselfAndMayThrow) {
+    static int depth;
+    depth = 0;
+    const VxLogSink old = VxLog_SetSink(
+        [](int level, const wchar_t*, void*) {
+            if (++depth < 3)
+                VxLog_WriteW(level, L"again");
+            throw 1;
+        },
+        nullptr);
+    VxLog_WriteW(7, L"first");
+    VxLog_SetSink(old, nullptr);
+    EXPECT_EQ(depth, 3);
+}
+
+TEST(Log, SettingASinkWaitsForTheCallsInTheOldOne) {
+    struct State {
+        std::atomic<bool> entered = false;
+        std::atomic<bool> left = false;
+    } state;
+    const VxLogSink old = VxLog_SetSink(
+        [](int, const wchar_t*, void* context) {
+            auto& running = *static_cast<State*>(context);
+            running.entered = true;
+            Sleep(50);
+            running.left = true;
+        },
+        &state);
+    std::thread thread([] { VxLog_WriteW(7, L"slow"); });
+    while (!state.entered)
+        Sleep(1);
+    VxLog_SetSink(old, nullptr);
+    EXPECT_TRUE(state.left);
+    thread.join();
+}
+
+TEST(Log, SinksChangeWhileManyThreadsLog) {
+    std::atomic<int> logged = 0;
+    const VxLogSink count = [](int, const wchar_t*, void* context) {
+        ++*static_cast<std::atomic<int>*>(context);
+    };
+    const VxLogSink old = VxLog_SetSink(count, &logged);
+    std::thread threads[3];
+    for (std::thread& thread : threads) {
+        thread = std::thread([] {
+            for (int n = 0; n < 2000; ++n)
+                VxLog_WriteW(7, L"%d", n);
+        });
+    }
+    int lost = 0;
+    for (int i = 0; i < 200; ++i) {
+        std::atomic<int> own = 0;
+        EXPECT_EQ(VxLog_SetSink(count, &own), count);
+        EXPECT_EQ(VxLog_SetSink(count, &logged), count);
+        lost += own;
+    }
+    for (std::thread& thread : threads)
+        thread.join();
+    VxLog_SetSink(old, nullptr);
+    EXPECT_EQ(logged + lost, 3 * 2000);
+}
+
+/// What reaches the standard error stream meanwhile.
+std::string standardError(const std::function<void()>& action) {
+    HANDLE reader = nullptr;
+    HANDLE writer = nullptr;
+    if (!CreatePipe(&reader, &writer, nullptr, 1 << 20))
+        return "no pipe";
+    const HANDLE old = GetStdHandle(STD_ERROR_HANDLE);
+    SetStdHandle(STD_ERROR_HANDLE, writer);
+    action();
+    SetStdHandle(STD_ERROR_HANDLE, old);
+    CloseHandle(writer);
+    std::string text(1 << 16, '\0');
+    DWORD done = 0;
+    ReadFile(reader, text.data(), static_cast<DWORD>(text.size()), &done, nullptr);
+    CloseHandle(reader);
+    text.resize(done);
+    return text;
+}
+
+TEST(Log, TheDefaultSinkWritesLinesOfUtf8FromTheWarningLevelUp) {
+    EXPECT_EQ(standardError([] {
+                  for (const int level : {1, 2, 3, 4, 6, 7})
+                      VxLog_WriteW(level, L"\u0416 %d\nx", level);
+              }),
+              "warning: \xD0\x96 4 x\nminor: \xD0\x96 6 x\nerror: \xD0\x96 7 x\n");
+    const std::string longText(5000, 'y');
+    EXPECT_EQ(standardError([&] { VxLog_Write(7, "%s", longText.c_str()); }), "error: " + longText + "\n");
+}
+
+TEST(Log, StatusesBecomeErrorCodes) {
+    const std::pair<HRESULT, int> cases[] = {
+        {S_OK, VxError_None},
+        {S_FALSE, VxError_None},
+        {STG_S_CONVERTED, VxError_None},
+        {STG_E_FILENOTFOUND, VxError_NotFound},
+        {STG_E_PATHNOTFOUND, VxError_NotFound},
+        {HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND), VxError_NotFound},
+        {HRESULT_FROM_WIN32(ERROR_PATH_NOT_FOUND), VxError_NotFound},
+        {HRESULT_FROM_WIN32(ERROR_BAD_NETPATH), VxError_NotFound},
+        {MAKE_HRESULT(1, FACILITY_STORAGE, ERROR_DIRECTORY), VxError_NotFound},
+        {MAKE_HRESULT(1, FACILITY_STORAGE, ERROR_INVALID_NAME), VxError_InvalidName},
+        {STG_E_INVALIDNAME, VxError_InvalidName},
+        {E_ACCESSDENIED, VxError_AccessDenied},
+        {STG_E_ACCESSDENIED, VxError_AccessDenied},
+        {STG_E_SHAREVIOLATION, VxError_InUse},
+        {HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION), VxError_InUse},
+        {STG_E_INUSE, VxError_InUse},
+        {STG_E_FILEALREADYEXISTS, VxError_AlreadyExists},
+        {STG_E_MEDIUMFULL, VxError_DiskFull},
+        {STG_E_READFAULT, VxError_ReadFault},
+        {STG_E_WRITEFAULT, VxError_WriteFault},
+        {STG_E_INVALIDHEADER, VxError_Corrupt},
+        {STG_E_DOCFILECORRUPT, VxError_Corrupt},
+        {STG_E_TOOMANYOPENFILES, VxError_TooManyOpenFiles},
+        {E_OUTOFMEMORY, VxError_OutOfMemory},
+        {STG_E_INSUFFICIENTMEMORY, VxError_OutOfMemory},
+        {E_INVALIDARG, VxError_InvalidArgument},
+        {E_POINTER, VxError_InvalidArgument},
+        {STG_E_INVALIDPOINTER, VxError_InvalidArgument},
+        {E_NOTIMPL, VxError_NotSupported},
+        {STG_E_INVALIDFUNCTION, VxError_NotSupported},
+        {E_ABORT, VxError_Cancelled},
+        {E_FAIL, VxError_General},
+        {MAKE_HRESULT(1, FACILITY_ITF, ERROR_FILE_NOT_FOUND), VxError_General},
+    };
+    for (const auto& [status, code] : cases)
+        EXPECT_EQ(VxHResultToVexelError(status), code) << std::hex << status;
+    EXPECT_EQ(VxError_NotFound, 514); // the container and the application know it by its number
+}
+
+} // namespace

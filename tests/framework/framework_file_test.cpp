@@ -1,0 +1,186 @@
+#include <vexel/framework.h>
+
+#include <gtest/gtest.h>
+
+#include <cstdlib>
+#include <filesystem>
+#include <fstream>
+#include <functional>
+#include <random>
+#include <sstream>
+#include <string>
+#include <vector>
+
+namespace {
+
+class FrameworkFile : public testing::Test {
+protected:
+    FrameworkFile() {
+        wchar_t folder[MAX_PATH];
+        GetTempPathW(MAX_PATH, folder);
+        name_.Format(L"%sframework-file-%lu.tmp", folder, GetCurrentProcessId());
+    }
+    ~FrameworkFile() override { DeleteFileW(name_); }
+
+    std::string onDisk() const {
+        std::ifstream stream(std::filesystem::path(name_.GetString()), std::ios::binary);
+        std::ostringstream text;
+        text << stream.rdbuf();
+        return text.str();
+    }
+
+    CString name_;
+};
+
+int causeOf(const std::function<void()>& action) {
+    try {
+        action();
+    } catch (CFileException* exception) {
+        const int cause = exception->m_cause;
+        exception->Delete();
+        return cause;
+    }
+    return CFileException::none;
+}
+
+TEST_F(FrameworkFile, WritesWhatOthersRead) {
+    CFile file(name_, CFile::modeCreate | CFile::modeReadWrite | CFile::shareDenyNone);
+    file.Write("0123456789", 10);
+    EXPECT_EQ(file.Seek(-3, CFile::current), 7U);
+    char last[8] = {};
+    EXPECT_EQ(file.Read(last, 8), 3U);
+    EXPECT_STREQ(last, "789");
+    file.SetLength(4);
+    EXPECT_EQ(file.SeekToEnd(), 4U);
+    file.Flush();
+    EXPECT_EQ(onDisk(), "0123");
+    EXPECT_EQ(file.GetFilePath(), name_);
+    EXPECT_EQ(file.GetFileName(), name_.Mid(name_.ReverseFind(L'\\') + 1));
+    file.Close();
+    EXPECT_EQ(causeOf([&] { file.GetLength(); }), CFileException::invalidFile);
+
+    // An existing file is kept or emptied as the flags say.
+    CFile(name_, CFile::modeCreate | CFile::modeNoTruncate | CFile::modeWrite).Close();
+    EXPECT_EQ(onDisk(), "0123");
+    CFile(name_, CFile::modeCreate | CFile::modeWrite).Close();
+    EXPECT_EQ(onDisk(), "");
+}
+
+TEST_F(FrameworkFile, FailuresCarryCauseCodeAndName) {
+    CFileException error;
+    CFile file;
+    EXPECT_FALSE(file.Open(name_, CFile::modeRead, &error));
+    EXPECT_EQ(error.m_cause, CFileException::fileNotFound);
+    EXPECT_EQ(error.m_lOsError, ERROR_FILE_NOT_FOUND);
+    EXPECT_EQ(error.m_strFileName, name_);
+    EXPECT_EQ(causeOf([&] { CFile(name_ + L"\\x", CFile::modeRead); }), CFileException::badPath);
+
+    CFile holder(name_, CFile::modeCreate | CFile::modeWrite | CFile::shareExclusive);
+    EXPECT_EQ(causeOf([&] { CFile(name_, CFile::modeRead); }), CFileException::sharingViolation);
+    char byte = 0;
+    EXPECT_EQ(causeOf([&] { holder.Read(&byte, 1); }), CFileException::accessDenied);
+    EXPECT_EQ(causeOf([&] { holder.Seek(-1, CFile::begin); }), CFileException::badSeek);
+}
+
+TEST(FrameworkException, PlatformErrorsHaveCauses) {
+    const std::pair<LONG, int> cases[] = {
+        {ERROR_SUCCESS, CFileException::none},
+        {ERROR_FILE_NOT_FOUND, CFileException::fileNotFound},
+        {ERROR_PATH_NOT_FOUND, CFileException::badPath},
+        {ERROR_TOO_MANY_OPEN_FILES, CFileException::tooManyOpenFiles},
+        {ERROR_ACCESS_DENIED, CFileException::accessDenied},
+        {ERROR_SEEK, CFileException::badSeek},
+        {ERROR_READ_FAULT, CFileException::hardIO},
+        {ERROR_SHARING_VIOLATION, CFileException::sharingViolation},
+        {ERROR_LOCK_VIOLATION, CFileException::lockViolation},
+        {ERROR_DISK_FULL, CFileException::diskFull},
+        {ERROR_HANDLE_EOF, CFileException::endOfFile},
+        {0x7FFFFFFF, CFileException::genericException},
+    };
+    for (const auto& [error, cause] : cases)
+        EXPECT_EQ(CFileException::OsErrorToException(error), cause) << error;
+    // Throwing always throws, even when the system gave no code.
+    EXPECT_EQ(causeOf([] { CFileException::ThrowOsError(0); }), CFileException::genericException);
+    try {
+        AfxThrowMemoryException();
+    } catch (CException* exception) {
+        exception->Delete();
+        exception->Delete(); // made ahead: it is never really freed
+        EXPECT_NE(dynamic_cast<CMemoryException*>(exception), nullptr);
+    }
+}
+
+/// One random row of operations, and everything they answered.
+std::vector<ULONGLONG> exercise(CFile& file, unsigned seed) {
+    std::mt19937 random(seed);
+    std::vector<ULONGLONG> answers;
+    std::vector<BYTE> data(3000);
+    for (int i = 0; i < 200; ++i) {
+        const UINT count = static_cast<UINT>(random() % data.size());
+        switch (random() % 5) {
+        case 0:
+            answers.push_back(file.Seek(count, CFile::begin));
+            break;
+        case 1:
+            answers.push_back(file.Seek(-static_cast<LONGLONG>(count % (file.GetLength() + 1)), CFile::end));
+            break;
+        case 2:
+            std::fill(data.begin(), data.end(), static_cast<BYTE>(random()));
+            file.Write(data.data(), count);
+            break;
+        case 3:
+            answers.push_back(file.Read(data.data(), count));
+            answers.insert(answers.end(), data.begin(), data.begin() + static_cast<int>(answers.back()));
+            break;
+        default:
+            file.SetLength(file.GetLength() * (random() % 3) / 2);
+            answers.push_back(file.SeekToEnd());
+        }
+        answers.push_back(file.GetPosition());
+        answers.push_back(file.GetLength());
+    }
+    return answers;
+}
+
+TEST_F(FrameworkFile, MemoryFilesBehaveAsFilesOnDisk) {
+    for (unsigned seed = 0; seed < 8; ++seed) {
+        CFile onDisk(name_, CFile::modeCreate | CFile::modeReadWrite);
+        CMemFile inMemory(100);
+        EXPECT_EQ(exercise(inMemory, seed), exercise(onDisk, seed)) << seed;
+    }
+}
+
+TEST(FrameworkMemFile, UsesTheCallersMemory) {
+    BYTE memory[4] = {1, 2, 3, 4};
+    CMemFile file(memory, 4);
+    BYTE byte = 0;
+    EXPECT_EQ(file.Read(&byte, 1), 1U);
+    file.Write("x", 1);
+    EXPECT_EQ(memory[1], 'x');
+    EXPECT_EQ(file.SeekToEnd(), 4U);
+    EXPECT_THROW(file.Write("y", 1), CMemoryException*);
+    EXPECT_EQ(file.Detach(), memory);
+    EXPECT_EQ(file.GetLength(), 0U);
+
+    // With room to grow the memory moves, and comes back through Detach.
+    file.Attach(static_cast<BYTE*>(std::malloc(2)), 2, 16);
+    file.Write("0123456789", 10);
+    BYTE* grown = file.Detach();
+    EXPECT_EQ(std::string(reinterpret_cast<char*>(grown), 10), "0123456789");
+    std::free(grown);
+}
+
+TEST(FrameworkMemFile, RefusesPositionsOutsideAndSizesBeyondMemory) {
+    CMemFile file;
+    file.Write("abc", 3);
+    EXPECT_EQ(causeOf([&] { file.Seek(-4, CFile::end); }), CFileException::badSeek);
+    EXPECT_EQ(causeOf([&] { file.Seek(MINLONGLONG, CFile::current); }), CFileException::badSeek);
+    EXPECT_EQ(causeOf([&] { file.Seek(MAXLONGLONG, CFile::current); }), CFileException::badSeek);
+    EXPECT_EQ(file.Seek(MAXLONGLONG, CFile::begin), ULONGLONG{MAXLONGLONG});
+    EXPECT_THROW(file.Write("x", 1), CMemoryException*);
+    EXPECT_EQ(file.Read(nullptr, 1), 0U);
+    EXPECT_THROW(file.SetLength(~0ULL), CMemoryException*);
+    EXPECT_EQ(file.GetLength(), 3U);
+}
+
+} // namespace
