@@ -1,0 +1,123 @@
+"""Checks the shape of the source tree: layers include only downwards, nothing includes in a circle, every test is
+registered, and the documents name files that exist.
+
+  tree_check.py BUILD_DIRECTORY
+"""
+
+import json
+import pathlib
+import re
+import subprocess
+import sys
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+sys.path.insert(0, str(ROOT / "scripts"))
+import source_tree  # noqa: E402
+
+# Bottom to top. A layer includes only itself and what stands below it.
+LAYERS = ["base", "framework", "diagnostics", "paths", "io", "archive", "storage", "tools"]
+
+# The layer that implements each public header.
+PUBLIC = "include/vexel/"
+HEADER_LAYERS = {
+    "base": ["com.h", "export.h", "flag_set.h"],
+    "framework": ["framework.h"],
+    "diagnostics": ["diagnostics.h"],
+    "paths": ["cipher.h", "hash.h", "path_name.h", "paths.h", "temp_files.h"],
+    "io": ["byte_streams.h", "compressed_stream.h", "files.h", "ini.h", "memory_streams.h", "strings.h", "sub_stream.h"],
+    "archive": ["archive.h"],
+    "storage": ["properties.h", "storage.h"],
+}
+
+# Members of a lower class that ask an upper layer live in source files of their own.
+REACHING_UP = {"paths/path_name_storage.cpp", "paths/path_name_serialisation.cpp"}
+
+
+def layer_of(path):
+    """The layer's place in LAYERS; None for tests and the like, which may use everything."""
+    if path.startswith(PUBLIC):
+        name = path.removeprefix(PUBLIC)
+        layer = next((layer for layer, headers in HEADER_LAYERS.items() if name in headers), None)
+        if layer is None:
+            raise ValueError(f"{path}: name its layer in HEADER_LAYERS of tests/tree_check.py")
+        return LAYERS.index(layer)
+    folder = path.split("/")[0]
+    return LAYERS.index(folder) if folder in LAYERS else None
+
+
+def check_layers(graph):
+    for path, included in graph.items():
+        try:
+            own = layer_of(path)
+            for name, target in included:
+                if target is None:
+                    if name.startswith('"') or name.startswith("vexel/"):
+                        yield f"{path}: {name} does not exist"
+                    continue
+                other = layer_of(target)
+                if own is None or path in REACHING_UP:
+                    continue
+                if other is None:
+                    yield f"{path}: {name} is not part of the library"
+                elif other > own:
+                    yield f"{path}: {name} stands above it"
+                elif LAYERS[own] == "tools" and LAYERS[other] != "tools" and not target.startswith(PUBLIC):
+                    yield f"{path}: {name} is internal; programs see only the public headers"
+                elif path.startswith(PUBLIC) and not target.startswith(PUBLIC):
+                    yield f"{path}: {name} is internal and would not be installed"
+        except ValueError as fault:
+            yield str(fault)
+
+
+def check_circles(graph):
+    done, on_path = set(), []
+
+    def visit(path):
+        if path in on_path:
+            yield "circle: " + " > ".join([*on_path[on_path.index(path):], path])
+            return
+        if path in done:
+            return
+        on_path.append(path)
+        for _, target in graph.get(path, []):
+            if target:
+                yield from visit(target)
+        on_path.pop()
+        done.add(path)
+
+    for path in graph:
+        yield from visit(path)
+
+
+def check_tests(build):
+    listing = subprocess.run(["ctest", "--test-dir", build, "--show-only=json-v1"], check=True, capture_output=True)
+    registered = {test["name"] for test in json.loads(listing.stdout)["tests"]}
+    for path in source_tree.files("tests/*_test.cpp", "interop/*_test.py"):
+        parts = pathlib.PurePath(path)
+        if f"{parts.parent.name}.{parts.stem}" not in registered:
+            yield f"{path}: not registered with ctest"
+
+
+def check_documents():
+    folders = {path.split("/")[0] for path in source_tree.files() if "/" in path}
+    for document in source_tree.files("*.md"):
+        text = (ROOT / document).read_text(encoding="utf-8")
+        beside = (ROOT / document).parent
+        for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", text):
+            if not (beside / link).exists():
+                yield f"{document}: link to {link}, which does not exist"
+        # A path in code quotes, without placeholders.
+        for path in re.findall(r"`([\w.-]+(?:/[\w.-]+)+/?)[ `]", text):
+            if path.split("/")[0] in folders and not (ROOT / path).exists():
+                yield f"{document}: names {path}, which does not exist"
+
+
+def main(build):
+    sources = source_tree.files("*.h", "*.cpp")
+    graph = {path: source_tree.includes(path) for path in sources}
+    faults = [*check_layers(graph), *check_circles(graph), *check_tests(build), *check_documents()]
+    print("\n".join(faults) or f"{len(sources)} sources in order")
+    return 1 if faults or not sources else 0
+
+
+sys.exit(main(sys.argv[1]))
