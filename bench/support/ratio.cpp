@@ -1,4 +1,4 @@
-#include "support/ratio.h"
+#include "ratio.h"
 
 #include <algorithm>
 #include <cstdio>
