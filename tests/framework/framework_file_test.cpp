@@ -133,7 +133,7 @@ std::vector<ULONGLONG> exercise(CFile& file, unsigned seed) {
             answers.insert(answers.end(), data.begin(), data.begin() + static_cast<int>(answers.back()));
             break;
         default:
-            file.SetLength(file.GetLength() * (random() % 3) / 2);
+            file.SetLength(file.GetLength() * (random() % 4) / 2);
             answers.push_back(file.SeekToEnd());
         }
         answers.push_back(file.GetPosition());

@@ -144,6 +144,12 @@ TEST(FrameworkString, FollowsAStandardStringThroughAnyChangesAndCopiesStayAsThey
     }
 }
 
+TEST(FrameworkString, AppendsItsOwnTextAlthoughTheBufferMoves) {
+    CString text(L'x', 1 << 20); // so large that the heap unmaps a freed one
+    text.Append(text.GetString() + 1, text.GetLength() - 1);
+    EXPECT_EQ(text, CString(L'x', (2 << 20) - 1));
+}
+
 TEST(FrameworkString, EmptyOnesAreTextToo) {
     const CString moved = [] {
         CString from(L"x");
