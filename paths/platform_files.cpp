@@ -31,7 +31,7 @@ DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
     return ERROR_SUCCESS;
 }
 
-std::jthread StartThread(std::function<void(std::stop_token)> body) { return std::jthread(std::move(body)); }
+std::thread StartThread(std::function<void()> body) { return std::thread(std::move(body)); }
 
 bool ProcessIsEnding() {
     // Only by name: the import libraries do not have it.

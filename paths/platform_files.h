@@ -3,7 +3,6 @@
 #include <windows.h>
 
 #include <functional>
-#include <stop_token>
 #include <thread>
 
 namespace Vexel::Detail {
@@ -27,7 +26,7 @@ struct PlatformFiles {
     decltype(&::GetProcessTimes) getProcessTimes;
     decltype(&::GetTickCount) getTickCount;
     /// Raises `std::system_error` when no thread can be had.
-    std::jthread (*startThread)(std::function<void(std::stop_token)> body);
+    std::thread (*startThread)(std::function<void()> body);
     /// Whether the process is past the point where the system has ended all threads but this one.
     bool (*processIsEnding)();
 };
