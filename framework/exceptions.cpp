@@ -24,9 +24,9 @@ BOOL putMessage(const wchar_t* text, wchar_t* buffer, UINT size, UINT* helpConte
 template <std::size_t N>
 BOOL putMessage(const wchar_t* const (&texts)[N], int cause, const CString& fileName, wchar_t* buffer,
                 UINT size, UINT* helpContext) {
-    constexpr std::size_t unspecified = 1;
+    constexpr std::size_t unknown = 1;
     const auto index = static_cast<std::size_t>(cause);
-    CString text = texts[index < N ? index : unspecified];
+    CString text = texts[index < N ? index : unknown];
     if (!fileName.IsEmpty())
         text = fileName + L": " + text;
     return putMessage(text, buffer, size, helpContext);
@@ -34,7 +34,7 @@ BOOL putMessage(const wchar_t* const (&texts)[N], int cause, const CString& file
 
 constexpr const wchar_t* fileTexts[] = {
     L"no error",
-    L"unspecified error",
+    L"unknown error",
     L"file not found",
     L"invalid path",
     L"too many open files",
@@ -53,7 +53,7 @@ static_assert(std::size(fileTexts) == CFileException::endOfFile + 1);
 
 constexpr const wchar_t* archiveTexts[] = {
     L"no error",
-    L"unspecified error",
+    L"unknown error",
     L"cannot store into an archive opened for loading",
     L"unexpected end of the archive",
     L"cannot load from an archive opened for storing",
