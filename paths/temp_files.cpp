@@ -1,0 +1,359 @@
+#include "paths/file_handle.h"
+#include "paths/platform_files.h"
+#include "paths/temp_names.h"
+
+#include <vexel/diagnostics.h>
+#include <vexel/temp_files.h>
+
+#include <condition_variable>
+#include <map>
+#include <mutex>
+#include <string>
+#include <thread>
+#include <utility>
+
+// Locks. The registry's mutex is taken first; the wake-up's mutex and the path-name table's lock (interning
+// and releasing names) are taken inside it and never the other way round. The deletion thread deletes files
+// without the mutex, so a name may be taken back, marked again or removed meanwhile: each mark for deletion
+// has a number, and the thread removes a record only if it still bears the mark it was collected with.
+//
+// Process exit. As part of the DLL the registry is destroyed when the system has already ended all other
+// threads, wherever they were. Nothing may then be waited for: not the thread, not the mutex it may have
+// held, not the condition variable that may still count it as waiting.
+
+using Vexel::Detail::FileHandle;
+using Vexel::Detail::Platform;
+
+namespace {
+
+struct FailureNote {
+    DWORD tick = 0;
+    DWORD error = 0;
+};
+
+struct Record {
+    FileHandle handle; ///< opened to delete the file when closed, or none
+    FailureNote lastFailure;
+    bool pendingDeletion = false;
+    bool userFlag = false;
+    unsigned long long mark = 0; ///< the number of the last mark for deletion
+};
+
+/// A file the deletion thread is about to delete, with what it knew of the record.
+struct MarkedFile {
+    SharedPathName name;
+    FailureNote lastFailure;
+    unsigned long long mark;
+    bool deleted = false;
+};
+
+/// Whether the file is gone. A failure is logged unless it was logged for this file a minute ago or less.
+bool DeleteTempFile(SharedPathName const& name, FailureNote& lastFailure) {
+    constexpr DWORD silentMilliseconds = 60001;
+    if (Platform().deleteFile(name.asString()))
+        return true;
+    const DWORD error = GetLastError();
+    if (error == ERROR_FILE_NOT_FOUND)
+        return true;
+    const DWORD now = Platform().getTickCount();
+    if (error == lastFailure.error && now - lastFailure.tick < silentMilliseconds)
+        return false;
+    lastFailure = {now, error};
+    VxLog_WriteW(VxLog_Error, L"Failed to delete temporary file \"%s\": 0x%08x", name.asString(), error);
+    return false;
+}
+
+/// Wakes the deletion thread. A wake-up that comes while the thread is not waiting is lost, the order to stop
+/// is not.
+// Not a stop token: in some standard libraries taking back a stop callback while it runs never ends.
+class WakeUp {
+public:
+    void broadcast() {
+        const std::lock_guard lock(mutex_);
+        wake_.notify_all();
+    }
+    void requestStop() {
+        const std::lock_guard lock(mutex_);
+        stopRequested_ = true;
+        wake_.notify_all();
+    }
+    void clearStop() {
+        const std::lock_guard lock(mutex_);
+        stopRequested_ = false;
+    }
+    bool stopRequested() const {
+        const std::lock_guard lock(mutex_);
+        return stopRequested_;
+    }
+
+    /// Waits for one wake-up or the order to stop, with `outer` released meanwhile.
+    void wait(std::unique_lock<std::recursive_mutex>& outer) {
+        std::unique_lock lock(mutex_);
+        outer.unlock();
+        if (!stopRequested_)
+            wake_.wait(lock);
+        lock.unlock(); // the outer one comes first
+        outer.lock();
+    }
+
+private:
+    mutable std::mutex mutex_;
+    std::condition_variable wake_;
+    bool stopRequested_ = false;
+};
+
+/// Keeps this module loaded for good: the thread runs its code, and unloading could not wait for the thread,
+/// which needs the loader to end.
+void PinModule() {
+    HMODULE module = nullptr;
+    GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
+                       reinterpret_cast<wchar_t const*>(&PinModule), &module);
+}
+
+} // namespace
+
+struct TempFileContainer::State {
+    using Records = std::map<SharedPathName, Record>;
+
+    std::recursive_mutex mutex;
+    WakeUp wake;
+    Records records;
+    /// Marks for deletion not yet worked off. A mark that `insert` takes back goes on counting.
+    unsigned long long pendingCount = 0;
+    unsigned long long lastMark = 0;
+    std::thread deletionThread; ///< none until the first deferred deletion
+
+    void mark(Record& record);
+    bool wakeOrStartThread();
+    void stopThread();
+    Records::iterator deleteNow(Records::iterator file);
+
+    void runDeletionThread();
+    std::vector<MarkedFile> waitAndCollect();
+    std::vector<MarkedFile> collect() const;
+    void settle(std::vector<MarkedFile> const& files);
+};
+
+void TempFileContainer::State::mark(Record& record) {
+    record.handle.close();
+    record.pendingDeletion = true;
+    record.mark = ++lastMark;
+    ++pendingCount;
+}
+
+bool TempFileContainer::State::wakeOrStartThread() {
+    if (deletionThread.joinable()) {
+        wake.broadcast();
+        return true;
+    }
+    try {
+        PinModule();
+        deletionThread = Platform().startThread([this] { runDeletionThread(); });
+        return true;
+    } catch (std::exception const& error) {
+        VxLog_Write(VxLog_Error, "Failed to start the temporary file deletion thread: %s", error.what());
+        return false;
+    }
+}
+
+void TempFileContainer::State::stopThread() {
+    if (!deletionThread.joinable())
+        return;
+    if (Platform().processIsEnding()) {
+        deletionThread.detach(); // the system has ended it
+        return;
+    }
+    wake.requestStop();
+    deletionThread.join();
+    wake.clearStop();
+}
+
+/// Deletes the file in the calling thread; the record stays when that fails. Returns the next record.
+TempFileContainer::State::Records::iterator TempFileContainer::State::deleteNow(Records::iterator file) {
+    Record& record = file->second;
+    record.handle.close();
+    if (!DeleteTempFile(file->first, record.lastFailure))
+        return std::next(file);
+    if (record.pendingDeletion)
+        --pendingCount;
+    return records.erase(file);
+}
+
+void TempFileContainer::State::runDeletionThread() {
+    do {
+        std::vector<MarkedFile> files = waitAndCollect();
+        for (MarkedFile& file : files)
+            file.deleted = DeleteTempFile(file.name, file.lastFailure);
+        settle(files);
+    } while (!wake.stopRequested());
+}
+
+std::vector<MarkedFile> TempFileContainer::State::waitAndCollect() {
+    std::unique_lock lock(mutex);
+    // Whatever there is to do by now: files marked before, the one that started the thread included, go with
+    // the next wake-up.
+    wake.wait(lock);
+    try {
+        return collect();
+    } catch (std::exception const& error) {
+        // Short of memory; the files stay marked for a later pass.
+        VxLog_Write(VxLog_Error, "Failed to collect the temporary files to delete: %s", error.what());
+        return {};
+    }
+}
+
+std::vector<MarkedFile> TempFileContainer::State::collect() const {
+    std::vector<MarkedFile> files;
+    files.reserve(pendingCount);
+    for (auto const& [name, record] : records) {
+        if (record.pendingDeletion)
+            files.push_back({name, record.lastFailure, record.mark});
+    }
+    return files;
+}
+
+/// Enters what became of the collected files.
+void TempFileContainer::State::settle(std::vector<MarkedFile> const& files) {
+    const std::lock_guard lock(mutex);
+    for (MarkedFile const& file : files) {
+        const auto found = records.find(file.name);
+        if (found == records.end() || !found->second.pendingDeletion || found->second.mark != file.mark)
+            continue;
+        found->second.lastFailure = file.lastFailure;
+        if (file.deleted) {
+            records.erase(found);
+            --pendingCount;
+        }
+    }
+}
+
+TempFileContainer::TempFileContainer() : state_(std::make_unique<State>()) {
+    // The table of path names, made on first use, must outlive the names kept here.
+    const SharedPathName first(L".", false, false);
+}
+
+TempFileContainer::~TempFileContainer() {
+    if (!Platform().processIsEnding()) {
+        clearAll();
+        return;
+    }
+    // A mutex that is not free was held by a thread in the middle of a change; the records cannot be trusted.
+    if (state_->mutex.try_lock())
+        clearAll();
+    // Left to the end of the process: destroying a condition variable waits for its waiters.
+    static_cast<void>(state_.release());
+}
+
+TempFileContainer& TempFileContainer::Instance() {
+    static TempFileContainer instance;
+    return instance;
+}
+
+CString TempFileContainer::generateUniqueFileName(wchar_t const* prefix, wchar_t const* extension) const {
+    return Vexel::Detail::MakeTempFileName(prefix, extension);
+}
+
+SharedPathName TempFileContainer::insert(wchar_t const* prefix, wchar_t const* extension, bool holdHandle,
+                                         bool userFlag) {
+    std::wstring path = Vexel::Detail::GetTempNaming().directory.data();
+    path += generateUniqueFileName(prefix, extension).GetString();
+    return insert(SharedPathName(std::wstring_view(path), false, false), holdHandle, userFlag);
+}
+
+SharedPathName TempFileContainer::insert(SharedPathName const& name, bool holdHandle, bool userFlag) {
+    if (name.empty())
+        return name;
+    const std::lock_guard lock(state_->mutex);
+    Record& record = state_->records[name];
+    // The pending count is not taken back with the mark, so `clear` goes on reporting unfinished work.
+    record.pendingDeletion = false;
+    record.userFlag = userFlag;
+    if (holdHandle && !record.handle) {
+        constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+        record.handle = FileHandle(CreateFileW(name.asString(), 0, shareAll, nullptr, OPEN_EXISTING,
+                                               FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+    }
+    return name;
+}
+
+SharedPathName TempFileContainer::insertCopy(wchar_t const* source, wchar_t const* prefix,
+                                             wchar_t const* extension, unsigned long* error, bool holdHandle,
+                                             bool userFlag) {
+    const auto report = [error](DWORD code) {
+        if (error)
+            *error = code;
+    };
+    if (!source || !*source) {
+        report(ERROR_INVALID_PARAMETER);
+        return {};
+    }
+
+    SharedPathName target = insert(prefix, extension, holdHandle, userFlag);
+    VxLog_WriteW(VxLog_Notice, L"Copying file \"%ls\" to \"%ls\"...", source, target.asString());
+    if (!Platform().copyFile(source, target.asString(), FALSE)) {
+        const DWORD code = GetLastError();
+        report(code);
+        VxLog_WriteW(VxLog_Error, L"Failed to copy file \"%ls\" to \"%ls\": 0x%08x", source,
+                     target.asString(), code);
+        erase(target);
+        return {};
+    }
+    report(ERROR_SUCCESS);
+    // A read-only source must not make a temporary file that cannot be written or deleted.
+    if (!Platform().setAttributes(target.asString(), FILE_ATTRIBUTE_NORMAL)) {
+        VxLog_WriteW(VxLog_Minor, L"Failed to change attributes of the file \"%ls\": 0x%08x",
+                     target.asString(), GetLastError());
+    }
+    return target;
+}
+
+bool TempFileContainer::contains(SharedPathName const& name) const {
+    const std::lock_guard lock(state_->mutex);
+    return !name.empty() && state_->records.contains(name);
+}
+
+void TempFileContainer::erase(SharedPathName const& name) {
+    if (name.empty())
+        return;
+    std::unique_lock lock(state_->mutex, std::defer_lock);
+    const bool ending = Platform().processIsEnding();
+    if (!ending)
+        lock.lock();
+    else if (!lock.try_lock())
+        return; // held for ever by a thread that is no more
+    const auto found = state_->records.find(name);
+    if (found == state_->records.end() || found->second.pendingDeletion)
+        return;
+    state_->mark(found->second);
+    if (ending || !state_->wakeOrStartThread())
+        state_->deleteNow(found);
+}
+
+void TempFileContainer::release(SharedPathName const& name) {
+    if (name.empty())
+        return;
+    const std::lock_guard lock(state_->mutex);
+    const auto found = state_->records.find(name);
+    if (found != state_->records.end() && !found->second.handle && !found->second.pendingDeletion)
+        state_->records.erase(found);
+}
+
+bool TempFileContainer::clear() {
+    const std::lock_guard lock(state_->mutex);
+    if (state_->pendingCount == 0)
+        return true;
+    if (state_->deletionThread.joinable()) {
+        state_->wake.broadcast();
+        return false;
+    }
+    for (auto file = state_->records.begin(); file != state_->records.end();)
+        file = file->second.pendingDeletion ? state_->deleteNow(file) : std::next(file);
+    return state_->pendingCount == 0;
+}
+
+// Without the mutex: at the end of the process a thread may be gone that never gave it back.
+void TempFileContainer::clearAll() {
+    state_->stopThread();
+    for (auto file = state_->records.begin(); file != state_->records.end();)
+        file = state_->deleteNow(file);
+}

@@ -1,0 +1,50 @@
+#include <vexel/temp_files.h>
+
+#include <utility>
+
+TempLocalFileContainer::TempLocalFileContainer() {
+    // A container that lives as long as the process needs the registry in its destructor.
+    TempFileContainer::Instance();
+}
+
+TempLocalFileContainer::TempLocalFileContainer(TempLocalFileContainer&& other) noexcept
+    : names_(std::exchange(other.names_, {})) {}
+
+TempLocalFileContainer& TempLocalFileContainer::operator=(TempLocalFileContainer&& other) noexcept {
+    // Unlike the destructor: an assignment hands nothing over for deletion.
+    if (this != &other)
+        names_ = std::exchange(other.names_, {});
+    return *this;
+}
+
+TempLocalFileContainer::~TempLocalFileContainer() {
+    for (SharedPathName const& name : names_)
+        TempFileContainer::Instance().erase(name);
+}
+
+// The place for the name is made first, so that a file is never registered and then forgotten for want of
+// memory.
+
+SharedPathName TempLocalFileContainer::Add(SharedPathName const& name, bool holdHandle, bool userFlag) {
+    SharedPathName& added = names_.emplace_back();
+    added = TempFileContainer::Instance().insert(name, holdHandle, userFlag);
+    return added;
+}
+
+SharedPathName TempLocalFileContainer::Add(wchar_t const* prefix, wchar_t const* extension, bool holdHandle,
+                                           bool userFlag) {
+    SharedPathName& added = names_.emplace_back();
+    added = TempFileContainer::Instance().insert(prefix, extension, holdHandle, userFlag);
+    return added;
+}
+
+SharedPathName TempLocalFileContainer::AddCopy(wchar_t const* source, wchar_t const* prefix,
+                                               wchar_t const* extension, unsigned long* error,
+                                               bool holdHandle, bool userFlag) {
+    SharedPathName& added = names_.emplace_back();
+    added = TempFileContainer::Instance().insertCopy(source, prefix, extension, error, holdHandle, userFlag);
+    SharedPathName result = added;
+    if (result.empty())
+        names_.pop_back();
+    return result;
+}
