@@ -11,6 +11,8 @@ using Vexel::Detail::elementName;
 using Vexel::Detail::ItemRef;
 using Vexel::Detail::withStatus;
 
+// A name is kept by copy where a node is let go of: it may be the name of that node.
+
 StorageRef::StorageRef(IStorage* storage) : item_(StorageContainer::Instance().wrap(storage).detach()) {}
 
 StorageRef::StorageRef(ItemRef<VxStorage> item) noexcept : item_(item.detach()) {}
@@ -20,11 +22,8 @@ StorageRef::StorageRef(const StorageRef& other) noexcept : item_(ItemRef<VxStora
 StorageRef::StorageRef(StorageRef&& other) noexcept : item_(std::exchange(other.item_, nullptr)) {}
 
 StorageRef& StorageRef::operator=(const StorageRef& other) noexcept {
-    if (item_ == other.item_)
-        return *this;
-    ItemRef<VxStorage> shared(other.item_); // first: the node let go of may be what keeps it in use
-    close();
-    item_ = shared.detach();
+    if (item_ != other.item_)
+        *this = StorageRef(other); // takes its reference before the old one is dropped
     return *this;
 }
 
@@ -38,8 +37,7 @@ StorageRef::~StorageRef() { close(); }
 StorageRef StorageRef::fromPtr(IStorage* storage) { return storage ? StorageRef(storage) : StorageRef(); }
 
 long StorageRef::open(const SharedPathName& path, RootStorageOpenMode mode, bool flag) {
-    return withStatus([&] {
-        const SharedPathName kept = path; // may be that of the node let go of here
+    return withStatus([&, kept = path] {
         close();
         const bool readOnly = mode != RootStorageOpenMode::ReadWrite;
         const bool keyed = mode != RootStorageOpenMode::ReadOnly;
@@ -52,8 +50,7 @@ long StorageRef::open(const SharedPathName& path, RootStorageOpenMode mode, bool
 long StorageRef::open(const SharedPathName& name, const StorageRef& parent, bool readOnly) {
     if (parent.null())
         return STG_E_INVALIDPARAMETER;
-    return withStatus([&] {
-        const SharedPathName kept = name;
+    return withStatus([&, kept = name] {
         const StorageRef holder = parent; // the handle may be its own parent
         close();
         HRESULT status = E_FAIL;
@@ -71,8 +68,7 @@ long StorageRef::open(const CStringW& name, const StorageRef& parent, bool readO
 }
 
 long StorageRef::create(const SharedPathName& path) {
-    return withStatus([&] {
-        const SharedPathName kept = path;
+    return withStatus([&, kept = path] {
         close();
         long status = E_FAIL;
         item_ = StorageContainer::Instance().createRoot(kept, false, false, false, status).detach();
@@ -83,8 +79,7 @@ long StorageRef::create(const SharedPathName& path) {
 long StorageRef::create(const SharedPathName& name, const StorageRef& parent, bool flag) {
     if (parent.null())
         return STG_E_INVALIDPARAMETER;
-    return withStatus([&] {
-        const SharedPathName kept = name;
+    return withStatus([&, kept = name] {
         const StorageRef holder = parent;
         close();
         HRESULT status = E_FAIL;

@@ -12,16 +12,15 @@ using Vexel::Detail::elementName;
 using Vexel::Detail::ItemRef;
 using Vexel::Detail::withStatus;
 
+// A name is kept by copy where a node is let go of: it may be the name of that node.
+
 StreamRef::StreamRef(const StreamRef& other) noexcept : item_(ItemRef<VxStream>(other.item_).detach()) {}
 
 StreamRef::StreamRef(StreamRef&& other) noexcept : item_(std::exchange(other.item_, nullptr)) {}
 
 StreamRef& StreamRef::operator=(const StreamRef& other) noexcept {
-    if (item_ == other.item_)
-        return *this;
-    ItemRef<VxStream> shared(other.item_);
-    close();
-    item_ = shared.detach();
+    if (item_ != other.item_)
+        *this = StreamRef(other); // takes its reference before the old one is dropped
     return *this;
 }
 
@@ -35,8 +34,7 @@ StreamRef::~StreamRef() { close(); }
 long StreamRef::open(const SharedPathName& name, const StorageRef& parent, bool readOnly) {
     if (parent.null())
         return STG_E_INVALIDPARAMETER;
-    return withStatus([&] {
-        const SharedPathName kept = name; // may be that of the node let go of here
+    return withStatus([&, kept = name] {
         close();
         HRESULT status = E_FAIL;
         item_ = parent.item_->openChildStream(kept, readOnly, false, &status).detach();
@@ -55,8 +53,7 @@ long StreamRef::open(const CStringW& name, const StorageRef& parent, bool readOn
 long StreamRef::create(const SharedPathName& name, const StorageRef& parent) {
     if (parent.null())
         return STG_E_INVALIDPARAMETER;
-    return withStatus([&] {
-        const SharedPathName kept = name;
+    return withStatus([&, kept = name] {
         close();
         HRESULT status = E_FAIL;
         item_ = parent.item_->createChildStream(kept, &status).detach();
