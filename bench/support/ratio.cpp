@@ -24,9 +24,10 @@ public:
                 std::printf("%s: %s\n", run.run_name.function_name.c_str(), run.error_message.c_str());
                 failed_ = true;
             } else if (run.run_type == Run::RT_Iteration) {
-                const std::string threads = run.threads > 1 ? ", " + std::to_string(run.threads) + " threads" : "";
-                times_[run.run_name.function_name + threads].push_back(
-                    run.real_accumulated_time / static_cast<double>(run.iterations));
+                const std::string threads =
+                    run.threads > 1 ? ", " + std::to_string(run.threads) + " threads" : "";
+                times_[run.run_name.function_name + threads].push_back(run.real_accumulated_time /
+                                                                       static_cast<double>(run.iterations));
             }
         }
     }
@@ -49,8 +50,9 @@ public:
             double size;
             const char* name;
         } kUnits[] = {{1, "s"}, {1e-3, "ms"}, {1e-6, "us"}, {1e-9, "ns"}};
-        const auto* unit = std::find_if(std::begin(kUnits), std::end(kUnits) - 1,
-                                        [seconds](const auto& candidate) { return seconds >= candidate.size; });
+        const auto* unit =
+            std::find_if(std::begin(kUnits), std::end(kUnits) - 1,
+                         [seconds](const auto& candidate) { return seconds >= candidate.size; });
         char buffer[32];
         std::snprintf(buffer, sizeof buffer, "%.3g %s", seconds / unit->size, unit->name);
         return buffer;
@@ -102,8 +104,8 @@ int Suite::run(int argc, char** argv) {
             continue; // filtered out, or failed and already reported
         const bool within = ours / peer <= comparison.limit;
         std::printf("%s: ours %s, peer %s, ratio %.2f (limit %.2f)%s\n", comparison.name.c_str(),
-                    Collector::text(ours).c_str(), Collector::text(peer).c_str(), ours / peer, comparison.limit,
-                    within ? "" : " ABOVE THE LIMIT");
+                    Collector::text(ours).c_str(), Collector::text(peer).c_str(), ours / peer,
+                    comparison.limit, within ? "" : " ABOVE THE LIMIT");
         passed = passed && within;
     }
     collector.printTheRest();

@@ -9,8 +9,9 @@
 ///         return suite.run(argc, argv);
 ///     }
 ///
-/// Absolute times say little on a shared machine. So the repetitions of all benchmarks of a program are run in
-/// random order, which spreads whatever else the machine does over both sides, and the medians are compared.
+/// Absolute times say little on a shared machine. So the repetitions of all benchmarks of a program are run
+/// in random order, which spreads whatever else the machine does over both sides, and the medians are
+/// compared.
 
 #include <benchmark/benchmark.h>
 
