@@ -1,0 +1,79 @@
+#include "console.h"
+
+#include "failure.h"
+#include "text.h"
+
+#include <algorithm>
+#include <utility>
+
+namespace Vexel::Tool {
+namespace {
+
+constexpr std::wstring_view kOutputName = L"standard output";
+
+bool isConsole(HANDLE handle) {
+    DWORD mode = 0;
+    return GetConsoleMode(handle, &mode) != FALSE;
+}
+
+bool writeAll(HANDLE handle, std::span<const std::byte> data) {
+    while (!data.empty()) {
+        const auto count = static_cast<DWORD>(std::min(data.size(), kChunkSize));
+        DWORD written = 0;
+        if (!WriteFile(handle, data.data(), count, &written, nullptr) || written == 0)
+            return false;
+        data = data.subspan(written);
+    }
+    return true;
+}
+
+bool writeConsole(HANDLE handle, std::wstring_view text) {
+    constexpr std::size_t kMaximum = 8192; // older consoles refuse longer pieces
+    while (!text.empty()) {
+        DWORD written = 0;
+        const auto count = static_cast<DWORD>(std::min(text.size(), kMaximum));
+        if (!WriteConsoleW(handle, text.data(), count, &written, nullptr) || written == 0)
+            return false;
+        text.remove_prefix(written);
+    }
+    return true;
+}
+
+bool writeText(HANDLE handle, bool console, std::string_view utf8) {
+    return console ? writeConsole(handle, toUtf16(utf8)) : writeAll(handle, std::as_bytes(std::span(utf8)));
+}
+
+} // namespace
+
+StandardOutput::StandardOutput() : handle_(GetStdHandle(STD_OUTPUT_HANDLE)), console_(isConsole(handle_)) {}
+
+void StandardOutput::text(std::string_view utf8) {
+    pending_ += utf8;
+    if (pending_.size() >= kChunkSize)
+        flush();
+}
+
+void StandardOutput::bytes(std::span<const std::byte> data) {
+    flush();
+    if (!writeAll(handle_, data))
+        throw Failure(L"cannot write to", kOutputName, lastErrorStatus());
+}
+
+void StandardOutput::flush() {
+    // Dropped before the attempt: after a failure there is nobody to write to.
+    const std::string text = std::exchange(pending_, {});
+    if (!writeText(handle_, console_, text))
+        throw Failure(L"cannot write to", kOutputName, lastErrorStatus());
+}
+
+void printError(std::wstring_view line) noexcept {
+    try {
+        const HANDLE handle = GetStdHandle(STD_ERROR_HANDLE);
+        writeText(handle, isConsole(handle), toUtf8(line) + "\n");
+    } catch (const std::exception&) {
+        // Out of memory while reporting: the exit status still tells.
+        return;
+    }
+}
+
+} // namespace Vexel::Tool

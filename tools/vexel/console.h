@@ -1,0 +1,35 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstddef>
+#include <span>
+#include <string>
+#include <string_view>
+
+namespace Vexel::Tool {
+
+/// Size of the pieces in which contents are moved.
+inline constexpr std::size_t kChunkSize = 0x10000;
+
+/// Standard output: UTF-8 text and raw bytes, untouched by the C library's text mode and by the console's
+/// code page. Throws Failure when the reader is gone or the disk is full.
+class StandardOutput {
+public:
+    StandardOutput();
+
+    /// Text is kept until `flush`, or until enough has come together.
+    void text(std::string_view utf8);
+    void bytes(std::span<const std::byte> data);
+    void flush();
+
+private:
+    std::string pending_;
+    HANDLE handle_;
+    bool console_;
+};
+
+/// Standard error, one line; what cannot be written there is lost.
+void printError(std::wstring_view line) noexcept;
+
+} // namespace Vexel::Tool

@@ -1,0 +1,194 @@
+#include "document.h"
+
+#include "console.h"
+#include "failure.h"
+
+#include <array>
+#include <limits>
+
+namespace Vexel::Tool {
+namespace {
+
+// Deep enough for any real document; each level holds an open storage, and the storage service nests its
+// calls.
+constexpr std::size_t kMaximumDepth = 256;
+
+struct Child {
+    SharedPathName name;
+    StorageType type;
+    unsigned long long size;
+    FILETIME created;
+    FILETIME modified;
+};
+
+// One level of a walk.
+struct Level {
+    StorageRef storage;
+    NodePath path;
+    std::vector<Child> children;
+    std::size_t next = 0;
+};
+
+// In a compound file each node takes a directory entry of 128 bytes. The paths of a package cannot form a
+// circle, and its directory may be packed, so its size says nothing.
+unsigned long long maximumNodes(const std::wstring& file, StorageFormat format) {
+    constexpr unsigned long long kDirectoryEntrySize = 128;
+    WIN32_FILE_ATTRIBUTE_DATA data{};
+    if (format != StorageFormat::CompoundFile ||
+        !GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data))
+        return std::numeric_limits<unsigned long long>::max();
+    return ((static_cast<unsigned long long>(data.nFileSizeHigh) << 32) | data.nFileSizeLow) /
+           kDirectoryEntrySize;
+}
+
+std::vector<Child> childrenOf(const StorageRef& storage, unsigned long long maximum,
+                              const std::wstring& label) {
+    StorageEnumerator enumerator;
+    check(enumerator.reset(storage), L"cannot list", label);
+    std::vector<Child> children;
+    while (enumerator.moveNext()) {
+        if (children.size() >= maximum)
+            throw Failure(L"more nodes than the file can hold in", label, STG_E_DOCFILECORRUPT);
+        children.push_back({enumerator.name(), enumerator.type(), enumerator.size().QuadPart,
+                            enumerator.createTime(), enumerator.writeTime()});
+    }
+    return children;
+}
+
+Node nodeOf(const Level& level, std::size_t depth) {
+    const Child& child = level.children[level.next];
+    Node node;
+    node.path = level.path.child(child.name.asStringView());
+    node.depth = depth;
+    node.type = child.type;
+    node.size = child.type == StorageType::Stream ? child.size : 0;
+    node.created = child.created;
+    node.modified = child.modified;
+    node.last = level.next + 1 == level.children.size();
+    node.parent = &level.storage;
+    return node;
+}
+
+} // namespace
+
+SharedPathName elementName(const std::wstring& name) { return {name.c_str(), true, false}; }
+
+Document::Document(const std::wstring& file, RootStorageOpenMode mode) : file_(file) {
+    check(root_.open(SharedPathName(file.c_str(), true, false), mode, false), L"cannot open", file_);
+}
+
+std::wstring Document::label(const NodePath& path) const {
+    return path.isRoot() ? file_ : file_ + L"|" + path.text();
+}
+
+std::optional<StorageType> Document::typeOf(const StorageRef& parent, const std::wstring& name) {
+    const SharedPathName element = elementName(name);
+    for (const StorageType type : {StorageType::Storage, StorageType::Stream}) {
+        if (parent.hasChild(element, type))
+            return type;
+    }
+    return std::nullopt;
+}
+
+std::optional<StorageType> Document::typeOf(const NodePath& path) const {
+    return path.isRoot() ? StorageType::Storage : typeOf(openStorage(path.parent()), path.name());
+}
+
+StorageRef Document::openStorage(const NodePath& path) const {
+    StorageRef storage = root_;
+    for (std::size_t i = 0; i < path.elements().size(); ++i) {
+        StorageRef child;
+        const std::wstring& name = path.elements()[i];
+        const HRESULT status = child.open(elementName(name), storage, true);
+        if (FAILED(status) && storage.hasChild(elementName(name), StorageType::Stream))
+            throw Failure(L"this is a stream, not a storage:", label(path.first(i + 1)),
+                          STG_E_INVALIDFUNCTION);
+        check(status, L"cannot open", label(path.first(i + 1)));
+        storage = std::move(child);
+    }
+    return storage;
+}
+
+std::vector<StorageRef> Document::openForWriting(const NodePath& path, bool create) const {
+    std::vector<StorageRef> storages{root_};
+    for (std::size_t i = 0; i < path.elements().size(); ++i) {
+        const std::wstring& name = path.elements()[i];
+        const std::wstring where = label(path.first(i + 1));
+        const auto type = typeOf(storages.back(), name);
+        if (type == StorageType::Stream)
+            throw Failure(L"this is a stream, not a storage:", where, STG_E_INVALIDFUNCTION);
+        StorageRef child;
+        if (create && !type)
+            check(child.create(elementName(name), storages.back(), false), L"cannot create", where);
+        else
+            check(child.open(elementName(name), storages.back(), false), L"cannot open", where);
+        storages.push_back(std::move(child));
+    }
+    return storages;
+}
+
+StreamRef Document::openStream(const NodePath& path) const {
+    if (path.isRoot())
+        throw Failure(L"this is a storage, not a stream:", file_, STG_E_INVALIDFUNCTION);
+    return openStream(path, openStorage(path.parent()));
+}
+
+StreamRef Document::openStream(const NodePath& path, const StorageRef& parent) const {
+    StreamRef stream;
+    const HRESULT status = stream.open(elementName(path.name()), parent, true);
+    if (FAILED(status) && parent.hasChild(elementName(path.name()), StorageType::Storage))
+        throw Failure(L"this is a storage, not a stream:", label(path), STG_E_INVALIDFUNCTION);
+    check(status, L"cannot open", label(path));
+    return stream;
+}
+
+void Document::read(StreamRef& stream, const NodePath& path,
+                    const std::function<void(std::span<const std::byte>)>& sink) const {
+    std::vector<std::byte> buffer(kChunkSize);
+    unsigned long long remaining = stream.size();
+    while (remaining > 0) {
+        unsigned long done = 0;
+        check(stream.read(buffer.data(), static_cast<unsigned long>(buffer.size()), &done), L"cannot read",
+              label(path));
+        if (done == 0 || done > remaining)
+            throw Failure(L"damaged contents:", label(path), STG_E_READFAULT);
+        sink(std::span(buffer).first(done));
+        remaining -= done;
+    }
+}
+
+void Document::walk(const NodePath& start, const Visitor& visitor) const {
+    unsigned long long nodesLeft = maximumNodes(file_, root_.format());
+    std::vector<Level> levels;
+    const auto enter = [&](StorageRef storage, NodePath path) {
+        const std::wstring where = label(path);
+        if (levels.size() >= kMaximumDepth)
+            throw Failure(L"storages are nested too deep at", where, STG_E_DOCFILECORRUPT);
+        std::vector<Child> children = childrenOf(storage, nodesLeft, where);
+        nodesLeft -= children.size();
+        levels.push_back({std::move(storage), std::move(path), std::move(children)});
+    };
+    enter(openStorage(start), start);
+    while (!levels.empty()) {
+        Level& level = levels.back();
+        if (level.next == level.children.size()) {
+            levels.pop_back();
+            continue;
+        }
+        const Node node = nodeOf(level, levels.size() - 1);
+        visitor(node);
+        const SharedPathName name = level.children[level.next++].name;
+        if (node.type != StorageType::Storage)
+            continue;
+        StorageRef storage;
+        check(storage.open(name, level.storage, true), L"cannot open", label(node.path));
+        enter(std::move(storage), node.path);
+    }
+}
+
+void Document::commit(const std::vector<StorageRef>& storages, const NodePath& innermost) const {
+    for (std::size_t i = storages.size(); i-- > 0;)
+        check(storages[i].commit(), L"cannot commit", label(innermost.first(i)));
+}
+
+} // namespace Vexel::Tool

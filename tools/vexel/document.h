@@ -1,0 +1,80 @@
+#pragma once
+
+#include "node_path.h"
+
+#include <vexel/storage.h>
+
+#include <cstddef>
+#include <functional>
+#include <optional>
+#include <span>
+#include <string>
+#include <string_view>
+#include <vector>
+
+namespace Vexel::Tool {
+
+/// A node met by `Document::walk`.
+struct Node {
+    NodePath path;
+    std::size_t depth = 0; ///< 0 for the children of the storage where the walk began
+    StorageType type = StorageType::Stream;
+    unsigned long long size = 0; ///< in bytes; 0 for a storage
+    FILETIME created{};
+    FILETIME modified{};
+    bool last = false;                  ///< no sibling follows
+    const StorageRef* parent = nullptr; ///< valid during the call
+};
+
+/// An open document. Every member throws Failure that names the file and the node.
+class Document {
+public:
+    using Visitor = std::function<void(const Node&)>;
+
+    /// For reading, use ReadOnlyDenyWrite: what a command reads is then of one piece, and where somebody else
+    /// is writing, it reads a copy.
+    Document(const std::wstring& file, RootStorageOpenMode mode);
+
+    const StorageRef& root() const noexcept { return root_; }
+
+    /// "FILE|NODE", or only the file for the root.
+    std::wstring label(const NodePath& path) const;
+
+    /// What stands at `name` in `parent`, if anything.
+    static std::optional<StorageType> typeOf(const StorageRef& parent, const std::wstring& name);
+    std::optional<StorageType> typeOf(const NodePath& path) const;
+
+    /// Opens a storage for reading; the root's path gives the root.
+    StorageRef openStorage(const NodePath& path) const;
+
+    /// The storages from the root to `path`, both included, open for writing. With `create`, those that are
+    /// missing are made.
+    std::vector<StorageRef> openForWriting(const NodePath& path, bool create) const;
+
+    /// Opens a stream for reading.
+    StreamRef openStream(const NodePath& path) const;
+    StreamRef openStream(const NodePath& path, const StorageRef& parent) const;
+
+    /// Passes the contents of an open stream to `sink` in pieces. A stream that ends before its size is
+    /// reached fails: that is how damaged contents show.
+    void read(StreamRef& stream, const NodePath& path,
+              const std::function<void(std::span<const std::byte>)>& sink) const;
+
+    /// Meets everything below a storage, each storage before its contents, siblings in the order in which the
+    /// storage lists them. In a damaged file storages may contain themselves: the walk fails where it is
+    /// deeper or has met more nodes than the file can hold.
+    void walk(const NodePath& start, const Visitor& visitor) const;
+
+    /// Writes changes out: from the innermost of `storages` to the root, each being a transaction within the
+    /// one before it. Nothing reaches the file before the last step.
+    void commit(const std::vector<StorageRef>& storages, const NodePath& innermost) const;
+
+private:
+    std::wstring file_;
+    StorageRef root_;
+};
+
+/// The name of an element as the library takes it: in the spelling given.
+SharedPathName elementName(const std::wstring& name);
+
+} // namespace Vexel::Tool

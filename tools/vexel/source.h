@@ -1,0 +1,30 @@
+#pragma once
+
+#include "file_handle.h"
+
+#include <cstddef>
+#include <span>
+#include <string>
+
+namespace Vexel::Tool {
+
+/// The bytes that go into a document: a file's, or those of standard input.
+class Source {
+public:
+    /// Standard input.
+    Source();
+
+    /// The file is kept from writers while it is read, so that it cannot be the very document that is
+    /// changed. Throws Failure when it cannot be opened.
+    explicit Source(const std::wstring& file);
+
+    /// Fills as much of `buffer` as there is, 0 at the end. Throws Failure on a read error.
+    std::size_t read(std::span<std::byte> buffer);
+
+private:
+    std::wstring name_;
+    FileHandle file_; // none: standard input, which is not ours to close
+    HANDLE handle_;
+};
+
+} // namespace Vexel::Tool
