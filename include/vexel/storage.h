@@ -142,10 +142,13 @@ public:
     ///  - STG_E_INVALIDHEADER: neither a package nor a compound file.
     long open(const SharedPathName& path, RootStorageOpenMode mode, bool flag);
 
-    /// Opens the storage `name` of `parent`; opening for writing reopens a parent that is open for reading.
-    /// The handle may be its own parent. STG_E_INVALIDPARAMETER for a null parent (the handle keeps what it
-    /// held) and for a name under which a stream is in use; STG_E_INVALIDNAME; STG_E_FILENOTFOUND, also
-    /// for an element that is a stream; STG_E_ACCESSDENIED.
+    /// Opens the storage `name` of `parent`; for writing, a parent that is open for reading is reopened
+    /// first, up to the root. The handle may be its own parent.
+    ///  - STG_E_INVALIDPARAMETER: a null parent (the handle keeps what it held), an empty name, or one under
+    ///    which a stream is in use.
+    ///  - STG_E_FILENOTFOUND: there is no such element, or it is a stream.
+    ///  - STG_E_INVALIDNAME: there cannot be such an element.
+    ///  - STG_E_ACCESSDENIED and the statuses of opening the root.
     long open(const SharedPathName& name, const StorageRef& parent, bool readOnly);
     long open(const wchar_t* name, const StorageRef& parent, bool readOnly);
     long open(const CStringW& name, const StorageRef& parent, bool readOnly);
@@ -156,8 +159,7 @@ public:
 
     /// Makes the storage `name` in `parent`, open for reading and writing. With `flag` an element that stands
     /// there is replaced, without it STG_E_FILEALREADYEXISTS; so too, with and without, while a handle has
-    /// the storage open. STG_E_INVALIDPARAMETER as for open; STG_E_ACCESSDENIED when the file is open for
-    /// reading.
+    /// the storage open. The parent, and the other statuses, as for opening it for writing.
     long create(const SharedPathName& name, const StorageRef& parent, bool flag);
     long create(const wchar_t* name, const StorageRef& parent, bool flag);
     long create(const CStringW& name, const StorageRef& parent, bool flag);
@@ -240,14 +242,16 @@ public:
     bool operator!=(const StreamRef& other) const noexcept { return item_ != other.item_; }
 
     /// Opens the stream `name` of `parent`, positioned at 0: a stream that is open already is rewound, for
-    /// all its handles. Opening for writing empties the stream and reopens a parent that is open for reading.
-    /// Statuses as for StorageRef::open, with stream and storage exchanged.
+    /// all its handles. Opening for writing empties it. A stream that is open for reading is reopened for
+    /// that, and the storages above it; one that is not open needs a parent that is open for writing, else
+    /// STG_E_ACCESSDENIED. Other statuses as for StorageRef::open, with stream and storage exchanged.
     long open(const SharedPathName& name, const StorageRef& parent, bool readOnly);
     long open(const wchar_t* name, const StorageRef& parent, bool readOnly);
     long open(const CStringW& name, const StorageRef& parent, bool readOnly);
 
-    /// Makes the stream `name` in `parent`, empty and open for reading and writing; a stream that stands
-    /// there is replaced, unless a handle has it open: STG_E_FILEALREADYEXISTS.
+    /// Makes the stream `name` in `parent`, empty and open for reading and writing; an element that stands
+    /// there is replaced, unless a handle has it open: STG_E_FILEALREADYEXISTS. The parent, and the other
+    /// statuses, as for StorageRef::create.
     long create(const SharedPathName& name, const StorageRef& parent);
     long create(const wchar_t* name, const StorageRef& parent);
     long create(const CStringW& name, const StorageRef& parent);
@@ -406,6 +410,13 @@ private:
     bool freeForRetry();
 
     using RootKey = std::pair<SharedPathName, bool>; // path, keyed
+    VxStorage* findRoot(const RootKey& key);
+    ItemRef<VxStorage> referencedRoot(const RootKey& key);
+    ItemRef<VxStorage> enterRoot(const RootKey& key, std::unique_ptr<VxStorage> root, long status);
+    void detach(std::unique_ptr<VxStorage> root);
+    void rememberMissing(const SharedPathName& path, long status);
+    long missingStatus(const SharedPathName& path) const;
+
     // The reference of its own keeps the interface's address from being met again for another object.
     struct WrappedRoot {
         Microsoft::WRL::ComPtr<IStorage> storage;
@@ -419,4 +430,6 @@ private:
     std::map<SharedPathName, long> missing_; // used only while path flags are cached
     bool (*callback_)() = nullptr;
     bool createOnDisk_ = false;
+    // Roots out of the tables that handles are still on.
+    std::map<VxStorage*, std::unique_ptr<VxStorage>> detached_;
 };
