@@ -41,7 +41,7 @@ public:
     /// Closes the node and what is open below it; the items stay.
     virtual void close();
     virtual bool isUsed() const;
-    /// These two open a closed node first, as it was open last.
+    /// These two open a closed node first, for reading.
     virtual long commit() = 0;
     /// The node's times; either pointer may be null.
     virtual long stat(FILETIME* created, FILETIME* modified) = 0;
@@ -98,7 +98,8 @@ public:
 
     // For the backends, in the order of their slots.
 
-    /// Whether there is such a child; here, whether it stands in the table. StorageType(0) is either type.
+    /// Whether there is such a child; here, whether one of that very type stands in the table. Backends look
+    /// in the file too and take StorageType(0) for either type.
     virtual bool hasChild(const SharedPathName& name, StorageType type);
     /// Makes a new temporary file of an unnamed root.
     virtual long createTemporary(bool flag) = 0;
@@ -113,9 +114,11 @@ public:
     virtual long createRoot(DWORD stgm, DWORD reserved) = 0;
     virtual long openRoot(DWORD stgm) = 0;
 
-    /// The node's interface, borrowed; opens a closed node as it was open last. Null when that fails.
+    /// The node's interface, borrowed; opens a closed node for reading. Null when that fails.
     IStorage* storage();
     bool isOpen() const noexcept { return storage_ != nullptr; }
+    /// Opens a closed node as it was open last.
+    long ensureOpen();
 
     /// Opens the node and the storages above it. An open node stays as it is, unless it is open for reading
     /// and now wanted for writing: then it is closed, with all below it, and opened again. `rootFlag` is kept
@@ -165,7 +168,7 @@ private:
     template <class Child, class Action>
     ItemRef<Child> withChild(const SharedPathName& name, bool creating, HRESULT* status, Action action);
     void discard(const SharedPathName& name, const VxStorageItem* item);
-    void closeChildren();
+    HRESULT forgetChild(const SharedPathName& name);
 };
 
 class VxStream : public VxStorageItem {
@@ -180,7 +183,7 @@ public:
     long stat(FILETIME* created, FILETIME* modified) override;
     virtual StreamCompression compression() const noexcept;
 
-    /// The node's interface, borrowed; opens a closed node as it was open last. Null when that fails.
+    /// The node's interface, borrowed; opens a closed node for reading. Null when that fails.
     ::IStream* stream();
     bool isOpen() const noexcept { return stream_ != nullptr; }
 
@@ -201,7 +204,11 @@ protected:
     Microsoft::WRL::ComPtr<::IStream> stream_;
 
 private:
+    long ensureOpen();
     long openOrRewind(bool readOnly);
+    long createInParent();
+    long statNode(STATSTG& info);
+    long resize(unsigned long long size);
 };
 
 /// Lists the children of a storage as the file has them.

@@ -1,0 +1,175 @@
+#include "storage/compound_name.h"
+#include "storage/element_name.h"
+#include "storage/storage_item.h"
+#include "storage/tree_lock.h"
+
+using Vexel::Detail::lockTree;
+
+namespace {
+
+DWORD accessFlags(bool readOnly) { return readOnly ? STGM_READ : STGM_READWRITE; }
+
+/// How a root that is open for reading treats writers: it keeps them out, or does without a copy of what it
+/// has read so that they may go on.
+DWORD readerFlags(bool keyed) { return keyed ? STGM_SHARE_DENY_WRITE : STGM_NOSNAPSHOT; }
+
+DWORD rootOpenFlags(bool readOnly, bool keyed) {
+    const DWORD sharing = readOnly ? readerFlags(keyed) : STGM_NOSCRATCH | STGM_SHARE_DENY_WRITE;
+    return STGM_TRANSACTED | accessFlags(readOnly) | sharing;
+}
+
+DWORD rootCreateFlags(bool convert, bool readOnly, bool keyed) {
+    const DWORD common = STGM_TRANSACTED | accessFlags(readOnly);
+    if (convert)
+        return common | STGM_CONVERT | STGM_SHARE_EXCLUSIVE;
+    if (readOnly)
+        return common | readerFlags(keyed);
+    return common | STGM_NOSCRATCH | STGM_CREATE | STGM_SHARE_DENY_WRITE;
+}
+
+constexpr DWORD childFlags = STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE;
+
+/// The children of this storage stay open while their file is: they are opened and dropped all the time.
+bool holdsChildrenOpen(const VxStorage* parent) {
+    static const SharedPathName fileLinks = Vexel::Detail::elementName(L"FileLinks");
+    return parent && parent->name() == fileLinks;
+}
+
+} // namespace
+
+VxStorage::VxStorage(SharedPathName name, VxStorage* parent, VxStorageItem* root)
+    : VxStorageItem(std::move(name), parent, root), holdOpen_(holdsChildrenOpen(parent)) {}
+
+VxStorage::~VxStorage() = default;
+
+bool VxStorage::isUsed() const {
+    const auto lock = lockTree();
+    return referenced() || !children_.empty();
+}
+
+void VxStorage::close() {
+    const auto lock = lockTree();
+    for (auto& [name, child] : children_)
+        child->close();
+    storage_.Reset();
+    keyed_ = false;
+    VxStorageItem::close();
+}
+
+bool VxStorage::deleteUnusedObjects(bool keepObjects) {
+    const auto lock = lockTree();
+    bool freed = false;
+    for (auto next = children_.begin(); next != children_.end();) {
+        const auto child = next++;
+        freed |= child->second->deleteUnusedObjects(keepObjects);
+        if (keepObjects || child->second->isUsed())
+            continue;
+        children_.erase(child);
+        freed = true;
+    }
+    if (isUsed() || (keepObjects && holdOpen_))
+        return freed;
+    close();
+    return true;
+}
+
+long VxStorage::commit() {
+    const HRESULT status = ensureOpen();
+    return FAILED(status) ? status : storage_->Commit(STGC_ONLYIFCURRENT);
+}
+
+long VxStorage::stat(FILETIME* created, FILETIME* modified) {
+    HRESULT status = ensureOpen();
+    if (FAILED(status))
+        return status;
+    STATSTG info{}; // some systems leave the times as they find them
+    status = storage_->Stat(&info, STATFLAG_NONAME);
+    if (FAILED(status))
+        return status;
+    if (created)
+        *created = info.ctime;
+    if (modified)
+        *modified = info.mtime;
+    return status;
+}
+
+long VxStorage::ensureOpen() { return storage_ ? S_OK : open(readOnly_, rootFlag_); }
+
+IStorage* VxStorage::storage() {
+    ensureOpen();
+    return storage_.Get();
+}
+
+long VxStorage::open(bool readOnly, bool rootFlag) {
+    if (storage_ && readOnly_ && !readOnly) {
+        if (name_.empty())
+            return STG_E_ACCESSDENIED; // a caller's interface: once let go of, it could not be had again
+        close();
+    }
+    if (storage_)
+        return S_OK;
+    if (name_.empty())
+        return STG_E_INVALIDPARAMETER;
+    const HRESULT status = parent_ ? openInParent(readOnly) : openRoot(rootOpenFlags(readOnly, keyed_));
+    if (FAILED(status))
+        close();
+    else
+        readOnly_ = readOnly;
+    rootFlag_ = rootFlag;
+    return status;
+}
+
+long VxStorage::openInParent(bool readOnly) {
+    const HRESULT status = parent_->open(readOnly, false);
+    if (FAILED(status))
+        return status;
+    if (!parent_->isOpen())
+        return STG_E_INVALIDPARAMETER;
+    const HRESULT opened = callTwice(*parent_, [&]() -> HRESULT {
+        if (!parent_->isOpen())
+            return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
+        return parent_->storage_->OpenStorage(name_.asString(), nullptr, childFlags | accessFlags(readOnly),
+                                              nullptr, 0, storage_.ReleaseAndGetAddressOf());
+    });
+    return Vexel::Detail::elementStatus(opened, format(), name_);
+}
+
+long VxStorage::create(bool convert, bool readOnly, bool replace) {
+    if (name_.empty())
+        return STG_E_INVALIDPARAMETER;
+    if (storage_ && referenced())
+        return STG_E_FILEALREADYEXISTS;
+    const bool keyed = keyed_;
+    close();
+    keyed_ = keyed;
+    const HRESULT status = parent_ ? createInParent(readOnly, replace)
+                                   : createRoot(rootCreateFlags(convert, readOnly, keyed_), 0);
+    if (FAILED(status))
+        close();
+    else
+        readOnly_ = readOnly;
+    return status;
+}
+
+long VxStorage::createInParent(bool readOnly, bool replace) {
+    const HRESULT status = parent_->open(readOnly, false);
+    if (FAILED(status))
+        return status;
+    if (!parent_->isOpen())
+        return STG_E_INVALIDPARAMETER;
+    if (replace) {
+        const auto lock = lockTree();
+        deleteUnusedObjects(false);
+        if (!children_.empty())
+            return STG_E_INVALIDPARAMETER;
+    }
+    if (!Vexel::Detail::isElementName(format(), name_))
+        return STG_E_INVALIDNAME;
+    const DWORD stgm = childFlags | STGM_READWRITE | (replace ? STGM_CREATE : 0);
+    return callTwice(*parent_, [&]() -> HRESULT {
+        if (!parent_->isOpen())
+            return STG_E_INVALIDFUNCTION;
+        return parent_->storage_->CreateStorage(name_.asString(), stgm, 0, 0,
+                                                storage_.ReleaseAndGetAddressOf());
+    });
+}
