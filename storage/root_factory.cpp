@@ -1,0 +1,19 @@
+#include "storage/root_factory.h"
+
+#include "storage/compound_storage.h"
+#include "storage/package_root.h"
+#include "storage/platform_storage.h"
+
+std::unique_ptr<VxStorage> Vexel::Detail::makeRoot(const SharedPathName& path, bool keyed,
+                                                   const RootOperation& operation, long& status) {
+    std::unique_ptr<VxStorage> root = newPackageRoot(path);
+    root->setKeyed(keyed);
+    status = operation(*root);
+    if ((status == STG_E_INVALIDHEADER || status == STG_E_SHAREVIOLATION) &&
+        StoragePlatform().isStorageFile(path.asString()) == S_OK) {
+        root = std::make_unique<VxCompoundStorage>(path);
+        root->setKeyed(keyed);
+        status = operation(*root);
+    }
+    return SUCCEEDED(status) ? std::move(root) : nullptr;
+}
