@@ -1,0 +1,345 @@
+#include "storage/compound_check.h"
+
+#include "storage/compound_layout.h"
+
+#include <algorithm>
+#include <array>
+#include <vector>
+
+namespace Vexel::Detail {
+
+namespace {
+
+using namespace Compound;
+
+/// The system destroys a tree of storages by recursion and overflows a stack of 1 MiB beyond about 2000
+/// levels.
+constexpr unsigned kDeepestStorage = 1000;
+
+/// Reads sectors through a window, because tables and directory mostly lie side by side: a small file takes
+/// two or three reads.
+class SectorReader {
+public:
+    explicit SectorReader(CompoundSource& source) : source_(source) {}
+
+    void setSectorShift(unsigned shift) noexcept { shift_ = shift; }
+    std::size_t sectorBytes() const noexcept { return std::size_t{1} << shift_; }
+
+    /// The number of sectors, a last one that is cut short included.
+    std::uint32_t sectors() const noexcept {
+        const std::uint64_t bytes = source_.size();
+        const std::uint64_t whole = (bytes + sectorBytes() - 1) >> shift_;
+        return static_cast<std::uint32_t>(std::min<std::uint64_t>(whole > 0 ? whole - 1 : 0, kSectorLimit));
+    }
+
+    std::span<const std::byte> header() { return bytes(0, kHeaderBytes); }
+
+    /// The sector's bytes, until the next call; fewer than sectorBytes() when it is cut short, none when it
+    /// lies behind the end of the file.
+    std::span<const std::byte> sector(std::uint32_t number) {
+        return bytes((std::uint64_t{number} + 1) << shift_, sectorBytes());
+    }
+
+private:
+    std::span<const std::byte> bytes(std::uint64_t offset, std::size_t length) {
+        if (offset < windowOffset_ || offset + length > windowOffset_ + windowBytes_) {
+            windowOffset_ = offset;
+            windowBytes_ = source_.read(offset, window_);
+        }
+        const auto begin = static_cast<std::size_t>(offset - windowOffset_);
+        return std::span<const std::byte>(window_).subspan(begin, std::min(length, windowBytes_ - begin));
+    }
+
+    CompoundSource& source_;
+    unsigned shift_ = 9;
+    std::vector<std::byte> window_{16384};
+    std::uint64_t windowOffset_ = 0;
+    std::size_t windowBytes_ = 0;
+};
+
+class NumberSet {
+public:
+    void resize(std::size_t size) { members_.resize(size); }
+    bool contains(std::uint32_t number) const { return members_[number]; }
+    /// False if it is in already.
+    bool insert(std::uint32_t number) {
+        if (members_[number])
+            return false;
+        members_[number] = true;
+        return true;
+    }
+
+private:
+    std::vector<bool> members_;
+};
+
+/// An allocation table, and which of its sectors have been met in a chain.
+class AllocationTable {
+public:
+    enum class End {
+        Clean,
+        Circle,
+        Shared, ///< runs into a sector that something else uses
+        Broken, ///< runs out of the table or onto a mark that ends no chain
+    };
+    struct Chain {
+        End end = End::Clean;
+        std::uint32_t last = 0; ///< where it ends, or leads to what it must not
+    };
+
+    void append(std::span<const std::byte> sector, std::size_t wholeBytes) {
+        const std::size_t old = next_.size();
+        next_.resize(old + wholeBytes / sizeof(std::uint32_t), kFreeSector);
+        std::memcpy(next_.data() + old, sector.data(), std::min(sector.size(), wholeBytes));
+        used_.resize(next_.size());
+    }
+
+    /// Takes a sector for something that is no chain; false if it is taken already.
+    bool claim(std::uint32_t sector) { return sector >= next_.size() || used_.insert(sector); }
+
+    bool isFree(std::uint32_t sector) const noexcept {
+        return sector < next_.size() && next_[sector] == kFreeSector;
+    }
+
+    /// Follows the chain from `start`, takes its sectors and hands each to `visit`. Every sector is taken
+    /// once, so that all chains together cost no more than the table has entries.
+    template <class Visit>
+    Chain follow(std::uint32_t start, Visit visit) {
+        Chain chain{End::Clean, start};
+        std::size_t length = 0;
+        for (std::uint32_t sector = start; sector != kEndOfChain; sector = next_[sector]) {
+            if (sector >= next_.size())
+                return {End::Broken, chain.last};
+            if (!used_.insert(sector))
+                return {isAmongFirst(length, start, sector) ? End::Circle : End::Shared, chain.last};
+            ++length;
+            chain.last = sector;
+            visit(sector);
+        }
+        return chain;
+    }
+
+private:
+    bool isAmongFirst(std::size_t length, std::uint32_t start, std::uint32_t wanted) const noexcept {
+        for (std::uint32_t sector = start; length > 0; --length, sector = next_[sector])
+            if (sector == wanted)
+                return true;
+        return false;
+    }
+
+    std::vector<std::uint32_t> next_;
+    NumberSet used_;
+};
+
+class CompoundChecker {
+public:
+    CompoundChecker(CompoundSource& source, CompoundAccess access)
+        : reader_(source), writing_(access == CompoundAccess::Write) {}
+
+    CompoundVerdict run() {
+        if (checkHeader() && loadFat() && loadDirectory() && loadMiniFat() && checkTree())
+            checkStreams();
+        return verdict_;
+    }
+
+private:
+    bool refuse(HRESULT status, const char* what, std::uint64_t where = 0) {
+        verdict_ = {status, what, where};
+        return false;
+    }
+    bool damaged(const char* what, std::uint64_t where = 0) {
+        return refuse(STG_E_DOCFILECORRUPT, what, where);
+    }
+    /// For what the system reports by itself while it reads and trips over when it writes.
+    bool unfitForWriting(const char* what, std::uint64_t where = 0) {
+        return !writing_ || damaged(what, where);
+    }
+
+    bool checkHeader() {
+        const auto bytes = reader_.header();
+        if (!hasSignature(bytes))
+            return refuse(STG_E_INVALIDHEADER, "it does not begin as a compound file");
+        if (bytes.size() < kHeaderBytes)
+            return damaged("the header is cut short");
+        const auto header = decodeHeader(bytes.first<kHeaderBytes>());
+        if (!header)
+            return damaged("the header gives sector sizes that do not exist");
+        header_ = *header;
+        reader_.setSectorShift(header_.sectorShift);
+        return true;
+    }
+
+    bool loadFat() { return listFatSectors() && readFat() && claimFat(); }
+
+    /// The sectors of the table: the first from the header, the others from the DIFAT sectors. Both counts
+    /// are held against the file's size, so that a circle of DIFAT sectors ends as well.
+    bool listFatSectors() {
+        const std::uint32_t count = std::min(header_.fatSectors, reader_.sectors());
+        const std::size_t inHeader = std::min<std::size_t>(count, kHeaderDifatEntries);
+        const auto unused = header_.difat.begin() + static_cast<std::ptrdiff_t>(inHeader);
+        fatSectors_.assign(header_.difat.begin(), unused);
+        if (std::any_of(unused, header_.difat.end(), [](auto sector) { return sector != kFreeSector; }) &&
+            !unfitForWriting("the header lists more sectors of the allocation table than it counts"))
+            return false;
+        if (header_.difatSectors > reader_.sectors())
+            return damaged("the header counts more DIFAT sectors than the file has");
+        return listFatSectorsFromDifat(count) &&
+               (fatSectors_.size() == header_.fatSectors ||
+                unfitForWriting("the header counts more sectors of the allocation table than are listed"));
+    }
+
+    bool listFatSectorsFromDifat(std::uint32_t count) {
+        std::uint32_t sector = header_.firstDifatSector;
+        for (std::uint32_t i = 0; i < header_.difatSectors; ++i) {
+            const auto bytes = reader_.sector(sector);
+            if (bytes.size() < reader_.sectorBytes())
+                return damaged("a DIFAT sector is missing", sector);
+            difatSectors_.push_back(sector);
+            const std::size_t places = bytes.size() / sizeof(std::uint32_t) - 1;
+            for (std::size_t place = 0; place < places && fatSectors_.size() < count; ++place)
+                fatSectors_.push_back(load<std::uint32_t>(bytes, place * sizeof(std::uint32_t)));
+            sector = load<std::uint32_t>(bytes, places * sizeof(std::uint32_t));
+        }
+        return true;
+    }
+
+    bool readFat() {
+        for (const std::uint32_t sector : fatSectors_) {
+            const auto bytes = reader_.sector(sector);
+            if (bytes.empty() && !unfitForWriting("a sector of the allocation table is missing", sector))
+                return false;
+            fat_.append(bytes, reader_.sectorBytes());
+        }
+        return true;
+    }
+
+    bool claimFat() {
+        for (const auto* list : {&fatSectors_, &difatSectors_}) {
+            for (const std::uint32_t sector : *list) {
+                if (!fat_.claim(sector) &&
+                    !unfitForWriting("two parts of the allocation table lie in one sector", sector))
+                    return false;
+                if (fat_.isFree(sector) &&
+                    !unfitForWriting("a sector of the allocation table counts as free", sector))
+                    return false;
+            }
+        }
+        return true;
+    }
+
+    bool acceptEnd(const AllocationTable::Chain& chain) {
+        switch (chain.end) {
+        case AllocationTable::End::Circle:
+            return damaged("a chain of sectors runs in a circle", chain.last);
+        case AllocationTable::End::Shared:
+            return unfitForWriting("a chain of sectors runs into another one", chain.last);
+        case AllocationTable::End::Broken:
+            return unfitForWriting("a chain of sectors breaks off", chain.last);
+        case AllocationTable::End::Clean:
+            break;
+        }
+        return true;
+    }
+
+    bool loadDirectory() {
+        bool complete = true;
+        const auto chain = fat_.follow(header_.firstDirectorySector, [&](std::uint32_t sector) {
+            const auto bytes = reader_.sector(sector);
+            complete = complete && bytes.size() == reader_.sectorBytes();
+            const std::size_t first = entries_.size();
+            entries_.resize(first + reader_.sectorBytes() / kEntryBytes);
+            for (std::size_t i = first; i < entries_.size() && (i - first + 1) * kEntryBytes <= bytes.size();
+                 ++i)
+                entries_[i] = decodeEntry(bytes.subspan((i - first) * kEntryBytes).first<kEntryBytes>(),
+                                          header_.sectorShift);
+        });
+        if (entries_.empty())
+            return damaged("there is no directory", header_.firstDirectorySector);
+        return acceptEnd(chain) && (complete || unfitForWriting("the directory is cut short"));
+    }
+
+    bool loadMiniFat() {
+        if (header_.firstMiniFatSector == kFreeSector)
+            return true;
+        return acceptEnd(fat_.follow(header_.firstMiniFatSector, [&](std::uint32_t sector) {
+            if (writing_)
+                miniFat_.append(reader_.sector(sector), reader_.sectorBytes());
+        }));
+    }
+
+    /// Every element stands in one place of one tree, or searches and listings do not end.
+    bool checkTree() {
+        reached_.resize(entries_.size());
+        reached_.insert(0);
+        std::vector<TreeStep> pending;
+        if (!reach(entries_[0].child, 1, pending))
+            return false;
+        while (!pending.empty()) {
+            const TreeStep step = pending.back();
+            pending.pop_back();
+            const Entry& entry = entries_[step.entry];
+            if (!reach(entry.left, step.depth, pending) || !reach(entry.right, step.depth, pending))
+                return false;
+            if (entry.type == EntryType::Storage && !reach(entry.child, step.depth + 1, pending))
+                return false;
+        }
+        return true;
+    }
+
+    struct TreeStep {
+        std::uint32_t entry;
+        unsigned depth;
+    };
+
+    bool reach(std::uint32_t entry, unsigned depth, std::vector<TreeStep>& pending) {
+        if (entry == kNoEntry)
+            return true;
+        if (entry >= entries_.size())
+            return unfitForWriting("the directory refers to an element that does not exist", entry);
+        if (!reached_.insert(entry))
+            return damaged("an element stands in more than one place", entry);
+        if (depth > kDeepestStorage)
+            return damaged("storages are nested too deeply", entry);
+        pending.push_back({entry, depth});
+        return true;
+    }
+
+    bool checkStreams() {
+        if (!checkStream(entries_[0], fat_))
+            return false;
+        for (std::uint32_t i = 1; i < entries_.size(); ++i) {
+            const Entry& entry = entries_[i];
+            if (!reached_.contains(i) || entry.type != EntryType::Stream)
+                continue;
+            // Nobody follows a chain of mini sectors further than the stream's few bytes, but for writing.
+            const bool mini = entry.size < kMiniStreamCutoff;
+            if ((!mini || writing_) && !checkStream(entry, mini ? miniFat_ : fat_))
+                return false;
+        }
+        return true;
+    }
+
+    /// An empty stream has no chain, whatever its start says: some writers leave 0 there.
+    bool checkStream(const Entry& entry, AllocationTable& table) {
+        return entry.size == 0 || acceptEnd(table.follow(entry.start, [](std::uint32_t) {}));
+    }
+
+    SectorReader reader_;
+    const bool writing_;
+    CompoundVerdict verdict_;
+    Header header_;
+    std::vector<std::uint32_t> fatSectors_;
+    std::vector<std::uint32_t> difatSectors_;
+    AllocationTable fat_;
+    AllocationTable miniFat_;
+    std::vector<Entry> entries_;
+    NumberSet reached_;
+};
+
+} // namespace
+
+CompoundVerdict checkCompound(CompoundSource& source, CompoundAccess access) {
+    return CompoundChecker(source, access).run();
+}
+
+} // namespace Vexel::Detail

@@ -1,0 +1,55 @@
+#pragma once
+
+#include <windows.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <span>
+
+/// A look at a compound file before the system's structured storage opens it. That service trusts what it
+/// reads: on a chain of sectors or a tree of elements that runs in circles it hangs or takes memory without
+/// end, and on some contradictions in the allocation it aborts the process once something is written. This
+/// finds such damage beforehand. It reads the header, the allocation tables and the directory, never the
+/// contents, and takes time and memory in proportion to these.
+namespace Vexel::Detail {
+
+/// Bytes that are a compound file, or are to be judged.
+class CompoundSource {
+public:
+    CompoundSource() = default;
+    CompoundSource(const CompoundSource&) = delete;
+    CompoundSource& operator=(const CompoundSource&) = delete;
+    virtual ~CompoundSource() = default;
+
+    virtual std::uint64_t size() const noexcept = 0;
+
+    /// Fills `target` from `offset` on and returns the number of bytes read: fewer at the end of the file or
+    /// when reading fails.
+    virtual std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept = 0;
+};
+
+/// What the file is going to be opened for. Writing needs an allocation without contradictions: a sector that
+/// two chains share or that counts as free although it is in use would be given out again, and the tables
+/// themselves with it. Reading only has to end.
+enum class CompoundAccess { Read, Write };
+
+struct CompoundVerdict {
+    /// S_OK; STG_E_INVALIDHEADER: not a compound file; STG_E_DOCFILECORRUPT: damaged.
+    HRESULT status = S_OK;
+    /// What is wrong, for the log; empty for S_OK.
+    const char* what = "";
+    /// Where: the number of the sector, mini sector or element that `what` speaks of, else 0.
+    std::uint64_t where = 0;
+};
+
+/// Judges the bytes. Throws std::bad_alloc.
+CompoundVerdict checkCompound(CompoundSource& source, CompoundAccess access);
+
+/// Judges the file at `path`, without keeping anyone else from reading, writing or deleting it. A damaged
+/// file is logged with what is wrong where. S_OK also when the file cannot be read: the system's own open
+/// says that better. A file that another process is writing may look damaged for a moment; it is looked at
+/// again before it is refused.
+///  - STG_E_INVALIDHEADER, STG_E_DOCFILECORRUPT: as above. STG_E_INSUFFICIENTMEMORY.
+HRESULT checkCompoundFile(const wchar_t* path, CompoundAccess access) noexcept;
+
+} // namespace Vexel::Detail
