@@ -1,0 +1,70 @@
+#include <vexel/hash.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <cstring>
+#include <vector>
+
+namespace {
+
+using Vexel::Hash::SpookyV2_128;
+
+struct Published {
+    std::size_t length; // of the first of the values, which are for lengths one apart
+    std::vector<std::uint32_t> values;
+};
+
+// The algorithm's published test values: the low half-word for messages of bytes 128, 129, ... with both
+// seeds 0. All tails of a short message, and the lengths around which the long form begins and blocks end.
+const std::vector<Published> published{
+    {0, {0x6bf50919, 0x70de1d26, 0xa2b37298, 0x35bc5fbf, 0x8223b279, 0x5bcb315e, 0x53fe88a1, 0xf9f1a233,
+         0xee193982, 0x54f86f29, 0xc8772d36, 0x9ed60886, 0x5f23d1da, 0x1ed9f474, 0xf2ef0c89, 0x83ec01f9,
+         0xf274736c, 0x7e9ac0df, 0xc7aed250, 0xb1015811, 0xe23470f5, 0x48ac20c4, 0xe2ab3cd5, 0x608f8363,
+         0xd0639e68, 0xc4e8e7ab, 0x863c7c5b, 0x4ea63579, 0x99ae8622, 0x170c658b, 0x149ba493, 0x027bca7c,
+         0xe5cfc8b6, 0xce01d9d7, 0x11103330, 0x5d1f5ed4}},
+    {184,
+     {0xe806ce10, 0x9212be79, 0x4604ae7b, 0x7fa22a84, 0xe715b13a, 0x0394c3b2, 0x11efbbae, 0xe13d9e19,
+      0x77e012bd, 0x2d05114c, 0xaecf2ddd, 0xb2a2b4aa, 0xb9429546, 0x55dce815, 0xc89138f8, 0x46dcae20}},
+    {284, {0x447130aa, 0x8cc4a81f, 0x0868ec83, 0xc22c642d, 0x47880140, 0xfbff3bec, 0x0f531f41, 0xf845a667}},
+    {508, {0x918fa7c9, 0xaf2e2cd9, 0x82046f8e, 0xcc1c8250}},
+};
+
+TEST(SpookyHash, GivesThePublishedValues) {
+    std::array<unsigned char, 512> message{};
+    for (std::size_t i = 0; i < message.size(); ++i)
+        message[i] = static_cast<unsigned char>(i + 128);
+    for (const auto& [first, values] : published) {
+        for (std::size_t i = 0; i < values.size(); ++i) {
+            std::uint64_t hash1 = 0;
+            std::uint64_t hash2 = 0;
+            SpookyV2_128(message.data(), first + i, hash1, hash2);
+            EXPECT_EQ(static_cast<std::uint32_t>(hash1), values[i]) << first + i << " bytes";
+        }
+    }
+}
+
+// What the published values leave open: both halves, both seeds, alignment, and that not one byte beyond
+// counts.
+TEST(SpookyHash, DependsOnSeedsAndBytesAndNothingElse) {
+    for (const std::size_t length : {0U, 7U, 31U, 191U, 192U, 500U}) {
+        std::vector<unsigned char> memory(length + 16, 0xAA);
+        std::vector<std::pair<std::uint64_t, std::uint64_t>> seen;
+        for (std::size_t offset = 0; offset < 8; ++offset) {
+            std::fill(memory.begin(), memory.end(), static_cast<unsigned char>(offset));
+            std::fill_n(memory.begin() + static_cast<std::ptrdiff_t>(offset), length,
+                        static_cast<unsigned char>(0x5C));
+            auto& [hash1, hash2] = seen.emplace_back(1, 2);
+            SpookyV2_128(memory.data() + offset, length, hash1, hash2);
+            EXPECT_EQ(seen.back(), seen.front()) << length << " bytes at " << offset;
+        }
+        for (const auto& seeds : {std::pair<std::uint64_t, std::uint64_t>{1, 3}, {0, 2}}) {
+            auto [hash1, hash2] = seeds;
+            SpookyV2_128(std::vector<unsigned char>(length, 0x5C).data(), length, hash1, hash2);
+            EXPECT_NE(hash1, seen.front().first);
+            EXPECT_NE(hash2, seen.front().second);
+        }
+    }
+}
+
+} // namespace
