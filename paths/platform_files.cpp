@@ -2,8 +2,6 @@
 
 #include "paths/file_handle.h"
 
-#include <utility>
-
 namespace Vexel::Detail {
 
 namespace {
@@ -31,7 +29,7 @@ DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
     return ERROR_SUCCESS;
 }
 
-std::thread StartThread(std::function<void()> body) { return std::thread(std::move(body)); }
+std::thread StartThread(std::function<void()> const& body) { return std::thread(body); }
 
 bool ProcessIsEnding() {
     // Only by name: the import libraries do not have it.

@@ -26,7 +26,7 @@ struct PlatformFiles {
     decltype(&::GetProcessTimes) getProcessTimes;
     decltype(&::GetTickCount) getTickCount;
     /// Raises `std::system_error` when no thread can be had.
-    std::thread (*startThread)(std::function<void()> body);
+    std::thread (*startThread)(std::function<void()> const& body);
     /// Whether the process is past the point where the system has ended all threads but this one.
     bool (*processIsEnding)();
 };

@@ -227,21 +227,24 @@ void TempFileContainer::State::settle(std::vector<MarkedFile> const& files) {
     }
 }
 
-TempFileContainer::TempFileContainer() : state_(std::make_unique<State>()) {
-    // The table of path names, made on first use, must outlive the names kept here.
-    const SharedPathName first(L".", false, false);
-}
+TempFileContainer::TempFileContainer() : state_(std::make_unique<State>()) {}
 
 TempFileContainer::~TempFileContainer() {
     if (!Platform().processIsEnding()) {
         clearAll();
         return;
     }
+    // The state is left to the end of the process: destroying a condition variable waits for its waiters, and
+    // releasing names takes a lock that nobody may be left to give back.
+    State* const state = state_.release();
+    state->stopThread();
     // A mutex that is not free was held by a thread in the middle of a change; the records cannot be trusted.
-    if (state_->mutex.try_lock())
-        clearAll();
-    // Left to the end of the process: destroying a condition variable waits for its waiters.
-    static_cast<void>(state_.release());
+    if (state->mutex.try_lock()) {
+        for (auto& [name, record] : state->records) {
+            record.handle.close();
+            DeleteTempFile(name, record.lastFailure);
+        }
+    }
 }
 
 TempFileContainer& TempFileContainer::Instance() {

@@ -5,7 +5,8 @@
 /// process exit.
 ///
 /// File-system failures are logged and never raised. Errors of the registry's lock are raised as
-/// `std::system_error`, exhausted memory as `std::bad_alloc`.
+/// `std::system_error`, exhausted memory as `std::bad_alloc` or, from names and strings, as the framework's
+/// memory exception.
 
 #include <vexel/export.h>
 #include <vexel/framework.h>

@@ -1,0 +1,443 @@
+#include "paths/file_handle.h"
+#include "paths/temp_names.h"
+#include "support/log_capture.h"
+#include "support/platform_guard.h"
+#include "support/scarce_memory.h"
+
+#include <vexel/paths.h>
+#include <vexel/temp_files.h>
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <set>
+#include <string>
+#include <thread>
+
+using Vexel::FileSystemEntryExists;
+using Vexel::Detail::FileHandle;
+using Vexel::Detail::Platform;
+
+namespace {
+
+DWORD tick;
+DWORD deleteError;
+int deletesBeforeFailure;
+
+TempFileContainer& Registry() { return TempFileContainer::Instance(); }
+
+void Write(SharedPathName const& name, std::string_view text = "x") {
+    std::ofstream(name.asString(), std::ios::binary) << text;
+}
+
+bool Exists(SharedPathName const& name) { return FileSystemEntryExists(name.asString()); }
+
+/// Keeps others from writing and deleting the file.
+FileHandle Lock(SharedPathName const& name) {
+    return FileHandle(
+        CreateFileW(name.asString(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+}
+
+template <class Condition>
+bool WakeThreadUntil(Condition condition) {
+    for (int attempts = 0; attempts < 5000; ++attempts) {
+        Registry().clear();
+        if (condition())
+            return true;
+        Sleep(1);
+    }
+    return false;
+}
+
+class TempFiles : public testing::Test {
+protected:
+    ~TempFiles() override { Registry().clearAll(); }
+
+    SharedPathName insertFile() {
+        SharedPathName name = Registry().insert(nullptr, L"tmp", false, false);
+        Write(name);
+        return name;
+    }
+    static void refuseThreads() {
+        Platform().startThread = [](std::function<void()> const&) -> std::thread {
+            throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+        };
+    }
+    std::ptrdiff_t failuresLogged() const { return log_.count(7, L"Failed to delete temporary file \""); }
+
+    PlatformGuard platform_;
+    LogCapture log_;
+};
+
+std::wstring Hex(unsigned long value) {
+    wchar_t text[16]{};
+    swprintf(text, std::size(text), L"%08lx", value);
+    return text;
+}
+
+TEST_F(TempFiles, HaveNamesOfOneShape) {
+    wchar_t directory[MAX_PATH]{};
+    GetTempPathW(MAX_PATH, directory);
+    GetLongPathNameW(directory, directory, MAX_PATH);
+    FILETIME created{};
+    FILETIME ignored{};
+    GetProcessTimes(GetCurrentProcess(), &created, &ignored, &ignored, &ignored);
+    const std::wstring tag = L"-18-" + Hex(GetCurrentProcessId()) + L'-' + Hex(created.dwHighDateTime) +
+                             Hex(created.dwLowDateTime) + L'-';
+
+    const SharedPathName first = Registry().insert(nullptr, L"tmp", false, false);
+    const std::wstring start = directory + (L"vexelapp" + tag);
+    std::wstring text = first.asString();
+    ASSERT_TRUE(text.starts_with(start)) << std::string(text.begin(), text.end());
+    EXPECT_FALSE(Exists(first));
+    unsigned long long counter = std::stoull(text.substr(start.size()), nullptr, 16);
+
+    const auto next = [&counter] {
+        wchar_t digits[24]{};
+        swprintf(digits, std::size(digits), L"%llx", ++counter);
+        return std::wstring(digits);
+    };
+    EXPECT_EQ(Registry().insert(L"", L".tmp", false, false).asString(), start + next() + L".tmp");
+    EXPECT_EQ(Registry().generateUniqueFileName(L"p", nullptr), (L'p' + tag + next()).c_str());
+    EXPECT_EQ(Registry().generateUniqueFileName(L"p", L""), (L'p' + tag + next() + L'.').c_str());
+    EXPECT_EQ(Registry().generateUniqueFileName(L"p", L"..x"), (L'p' + tag + next() + L"..x").c_str());
+}
+
+TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
+    Platform().getTempPath = [](DWORD, wchar_t*) -> DWORD {
+        SetLastError(ERROR_NOT_READY);
+        return 0;
+    };
+    Platform().getProcessTimes = [](HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*) -> BOOL {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    };
+    const Vexel::Detail::TempNaming naming = Vexel::Detail::ComputeTempNaming();
+    EXPECT_STREQ(naming.directory.data(), L"C:\\Temp"); // and no separator
+    EXPECT_EQ(naming.processTag.data(), L"-18-" + Hex(GetCurrentProcessId()));
+    EXPECT_EQ(log_.count(7, L"Failed to get the path to the temporary directory: 0x00000015"), 1);
+    EXPECT_EQ(log_.count(7, L"Failed to get timing information of the process: 0x00000005"), 1);
+}
+
+TEST_F(TempFiles, NamesDifferBetweenThreads) {
+    constexpr int perThread = 500;
+    std::vector<std::wstring> names[4];
+    {
+        std::vector<std::jthread> threads;
+        for (auto& mine : names) {
+            threads.emplace_back([&mine] {
+                for (int i = 0; i < perThread; ++i)
+                    mine.emplace_back(Registry().generateUniqueFileName(nullptr, L"x").GetString());
+            });
+        }
+    }
+    std::set<std::wstring> all;
+    for (auto const& mine : names)
+        all.insert(mine.begin(), mine.end());
+    EXPECT_EQ(all.size(), std::size(names) * perThread);
+}
+
+TEST_F(TempFiles, AreDeletedByTheThreadWhenItIsWoken) {
+    EXPECT_TRUE(Registry().clear()); // nothing is marked
+    const SharedPathName files[] = {insertFile(), insertFile()};
+    for (SharedPathName const& file : files) {
+        Registry().erase(file);
+        Registry().erase(file);
+    }
+    for (SharedPathName const& file : files) {
+        EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(file); }));
+        EXPECT_FALSE(Exists(file));
+    }
+    EXPECT_TRUE(Registry().clear());
+
+    // A thread that was only just started, and never woken, stops all the same.
+    for (int i = 0; i < 50; ++i) {
+        Registry().clearAll();
+        Registry().erase(insertFile());
+    }
+    Registry().clearAll();
+    EXPECT_TRUE(Registry().clear());
+}
+
+TEST_F(TempFiles, InUseAreTriedAgainAndReportedOnce) {
+    const SharedPathName name = insertFile();
+    const SharedPathName other = insertFile();
+    {
+        const FileHandle user = Lock(name);
+        Registry().erase(name);
+        EXPECT_TRUE(WakeThreadUntil([this] { return failuresLogged() > 0; }));
+        Registry().erase(other);
+        EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(other); })); // a later pass
+        EXPECT_EQ(log_.count(7, std::wstring(name.asString()) + L"\": 0x00000020"), 1);
+        EXPECT_EQ(failuresLogged(), 1);
+        EXPECT_TRUE(Registry().contains(name));
+        EXPECT_FALSE(Registry().clear());
+    }
+    EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(name); }));
+    EXPECT_FALSE(Exists(name));
+}
+
+TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
+    const SharedPathName name = insertFile();
+    Platform().getTickCount = [] { return tick; };
+    Platform().deleteFile = [](wchar_t const*) -> BOOL {
+        SetLastError(deleteError);
+        return FALSE;
+    };
+    struct {
+        DWORD tick, error;
+        bool logged;
+    } const passes[] = {
+        {0xFFFFFF00, 5, true}, {0xFFFFFFFF, 5, false}, {0x0000E960, 5, false}, // 60000 ms, over the wrap
+        {0x0000E961, 5, true}, {0x0000E962, 32, true}, {0x0000E963, 32, false}, {0x0000E964, 5, true},
+    };
+    std::ptrdiff_t expected = 0;
+    for (auto const& pass : passes) {
+        tick = pass.tick;
+        deleteError = pass.error;
+        Registry().clearAll();
+        EXPECT_EQ(failuresLogged(), expected += pass.logged) << &pass - passes;
+        EXPECT_TRUE(Registry().contains(name));
+    }
+    deleteError = ERROR_FILE_NOT_FOUND; // gone by itself
+    Registry().clearAll();
+    EXPECT_FALSE(Registry().contains(name));
+    EXPECT_EQ(failuresLogged(), expected);
+    DeleteFileW(name.asString());
+}
+
+TEST_F(TempFiles, AreDeletedAtOnceWithoutAThread) {
+    refuseThreads();
+    const SharedPathName name = insertFile();
+    const SharedPathName used = insertFile();
+    Registry().erase(name);
+    EXPECT_EQ(log_.count(7, L"Failed to start the temporary file deletion thread: "), 1);
+    EXPECT_FALSE(Registry().contains(name));
+    EXPECT_FALSE(Exists(name));
+    EXPECT_TRUE(Registry().clear());
+    {
+        const FileHandle user = Lock(used);
+        Registry().erase(used);
+        EXPECT_EQ(failuresLogged(), 1);
+        EXPECT_FALSE(Registry().clear());
+        Registry().release(used); // marked, so it stays
+        EXPECT_TRUE(Registry().contains(used));
+    }
+    EXPECT_TRUE(Registry().clear());
+    EXPECT_FALSE(Exists(used));
+}
+
+TEST_F(TempFiles, AreDeletedAtOnceWhenThreadsAreNoMore) {
+    Platform().processIsEnding = [] { return true; };
+    const SharedPathName name = insertFile();
+    Registry().erase(name);
+    EXPECT_FALSE(Exists(name));
+    EXPECT_FALSE(Registry().contains(name));
+}
+
+TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
+    for (int n = 0; n <= 3; ++n) {
+        const SharedPathName files[] = {insertFile(), insertFile(), insertFile()};
+        deletesBeforeFailure = n;
+        Platform().deleteFile = [](wchar_t const* path) -> BOOL {
+            if (deletesBeforeFailure-- != 0)
+                return DeleteFileW(path);
+            SetLastError(ERROR_ACCESS_DENIED);
+            return FALSE;
+        };
+        Registry().clearAll();
+        int left = 0;
+        for (SharedPathName const& file : files) {
+            EXPECT_EQ(Exists(file), Registry().contains(file));
+            left += Exists(file) ? 1 : 0;
+        }
+        EXPECT_EQ(left, n < 3 ? 1 : 0);
+        Registry().clearAll();
+    }
+}
+
+TEST_F(TempFiles, ThreadOutlivesWantOfMemory) {
+    const SharedPathName name = insertFile();
+    Registry().erase(name);
+    FailAllocationsElsewhere(1);
+    EXPECT_TRUE(WakeThreadUntil(
+        [this] { return log_.count(7, L"Failed to collect the temporary files to delete: ") == 1; }));
+    EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(name); }));
+}
+
+TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
+    const SharedPathName name = insertFile();
+    EXPECT_EQ(Registry().insert(name, true, true), name);
+    Registry().release(name);
+    EXPECT_TRUE(Registry().contains(name)); // held, so it stays
+    Platform().deleteFile = [](wchar_t const*) -> BOOL {
+        SetLastError(ERROR_ACCESS_DENIED);
+        return FALSE;
+    };
+    Registry().erase(name);
+    EXPECT_FALSE(Exists(name)); // closing was enough
+
+    Platform().deleteFile = DeleteFileW;
+    const SharedPathName missing = Registry().insert(nullptr, L"tmp", true, false);
+    Registry().release(missing); // there was nothing to hold
+    EXPECT_FALSE(Registry().contains(missing));
+}
+
+TEST_F(TempFiles, UnknownNamesAreLeftAlone) {
+    const SharedPathName name = insertFile();
+    Registry().release(name);
+    EXPECT_FALSE(Registry().contains(name));
+    Registry().erase(name);
+    Registry().release(name);
+    for (SharedPathName const& null : {SharedPathName(), Registry().insert(SharedPathName(), true, false)}) {
+        EXPECT_FALSE(Registry().contains(null));
+        Registry().erase(null);
+        Registry().release(null);
+    }
+    Registry().clearAll();
+    EXPECT_TRUE(Exists(name));
+    DeleteFileW(name.asString());
+}
+
+TEST_F(TempFiles, CopiesAreWritable) {
+    const SharedPathName source = insertFile();
+    SetFileAttributesW(source.asString(), FILE_ATTRIBUTE_READONLY);
+    unsigned long error = 1;
+    const SharedPathName copy = Registry().insertCopy(source.asString(), L"copy", L"x", &error, false, false);
+    ASSERT_FALSE(copy.empty());
+    EXPECT_EQ(error, 0UL);
+    EXPECT_TRUE(Registry().contains(copy));
+    EXPECT_EQ(GetFileAttributesW(copy.asString()) & FILE_ATTRIBUTE_READONLY, 0U);
+    EXPECT_EQ(log_.count(2, std::wstring(L"Copying file \"") + source.asString() + L"\" to \"" +
+                                copy.asString() + L"\"..."),
+              1);
+
+    Platform().setAttributes = [](wchar_t const*, DWORD) -> BOOL {
+        SetLastError(ERROR_WRITE_PROTECT);
+        return FALSE;
+    };
+    const SharedPathName stuck =
+        Registry().insertCopy(source.asString(), nullptr, L"x", nullptr, false, false);
+    EXPECT_TRUE(Exists(stuck));
+    EXPECT_EQ(log_.count(6, std::wstring(L"Failed to change attributes of the file \"") + stuck.asString() +
+                                L"\": 0x00000013"),
+              1);
+    SetFileAttributesW(source.asString(), FILE_ATTRIBUTE_NORMAL);
+    SetFileAttributesW(stuck.asString(), FILE_ATTRIBUTE_NORMAL);
+}
+
+TEST_F(TempFiles, FailedCopiesLeaveNothing) {
+    refuseThreads();
+    unsigned long error = 0;
+    for (wchar_t const* source : {static_cast<wchar_t const*>(nullptr), L""}) {
+        EXPECT_TRUE(Registry().insertCopy(source, nullptr, L"x", &error, false, false).empty());
+        EXPECT_EQ(error, static_cast<unsigned long>(ERROR_INVALID_PARAMETER));
+    }
+    EXPECT_TRUE(Registry().insertCopy(L"C:\\no such file", nullptr, L"x", &error, false, false).empty());
+    EXPECT_EQ(error, static_cast<unsigned long>(ERROR_FILE_NOT_FOUND));
+    EXPECT_EQ(log_.count(7, L"Failed to copy file \"C:\\no such file\" to \""), 1);
+    EXPECT_TRUE(Registry().clear());
+    EXPECT_EQ(failuresLogged(), 0);
+}
+
+TEST_F(TempFiles, LocalContainerHandsItsNamesOver) {
+    refuseThreads(); // so that each file goes at once
+    SharedPathName given;
+    SharedPathName made;
+    SharedPathName copied;
+    SharedPathName dropped;
+    {
+        TempLocalFileContainer first;
+        made = first.Add(L"local", L"tmp", false, false);
+        Write(made);
+        TempLocalFileContainer second(std::move(first));
+        given = second.Add(insertFile(), false, false);
+        copied = second.AddCopy(made.asString(), nullptr, L"tmp", nullptr, false, false);
+        EXPECT_TRUE(second.AddCopy(L"", nullptr, L"tmp", nullptr, false, false).empty());
+
+        TempLocalFileContainer assigned;
+        dropped = assigned.Add(insertFile(), false, false);
+        assigned = std::move(second);
+        TempLocalFileContainer& itself = assigned;
+        assigned = std::move(itself);
+        EXPECT_TRUE(Exists(made) && Exists(given) && Exists(copied));
+    }
+    EXPECT_FALSE(Exists(made) || Exists(given) || Exists(copied));
+    EXPECT_TRUE(Exists(dropped)); // still registered, for the end of the process
+    EXPECT_TRUE(Registry().contains(dropped));
+}
+
+/// Not a test of its own: what `AreDeletedAtProcessExit` runs in a second process.
+TEST(TempFilesChild, DISABLED_LeavesFilesBehind) {
+    wchar_t path[MAX_PATH]{};
+    ASSERT_NE(GetEnvironmentVariableW(L"VEXEL_TEST_FILE", path, MAX_PATH), 0U);
+    for (wchar_t const* suffix : {L"1", L"2", L"3"}) {
+        const SharedPathName name = Registry().insert(
+            SharedPathName((std::wstring(path) + suffix).c_str(), false, false), false, false);
+        Write(name);
+        if (*suffix != L'1')
+            Registry().erase(name);
+    }
+}
+
+TEST_F(TempFiles, AreDeletedAtProcessExit) {
+    const SharedPathName base = Registry().insert(nullptr, L"child", false, false);
+    SetEnvironmentVariableW(L"VEXEL_TEST_FILE", base.asString());
+    wchar_t program[MAX_PATH]{};
+    GetModuleFileNameW(nullptr, program, MAX_PATH);
+    std::wstring command =
+        L'"' + std::wstring(program) + L"\" --gtest_also_run_disabled_tests --gtest_filter=TempFilesChild.*";
+    STARTUPINFOW startup{};
+    startup.cb = sizeof startup;
+    PROCESS_INFORMATION process{};
+    ASSERT_TRUE(CreateProcessW(program, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
+                               &startup, &process));
+    const FileHandle child(process.hProcess);
+    const FileHandle childThread(process.hThread);
+    ASSERT_EQ(WaitForSingleObject(child.get(), 60000), WAIT_OBJECT_0);
+    DWORD exitCode = 1;
+    GetExitCodeProcess(child.get(), &exitCode);
+    EXPECT_EQ(exitCode, 0U);
+    for (wchar_t const* suffix : {L"1", L"2", L"3"})
+        EXPECT_FALSE(FileSystemEntryExists(std::wstring(base.asString()) + suffix));
+}
+
+// The last tests: what they do to the count of marks cannot be undone.
+
+TEST_F(TempFiles, RegistryServesManyThreads) {
+    {
+        std::jthread threads[3];
+        for (std::jthread& thread : threads) {
+            thread = std::jthread([this] {
+                for (int i = 0; i < 60; ++i) {
+                    const SharedPathName name = insertFile();
+                    Registry().erase(name);
+                    if (i % 3 == 0)
+                        Registry().insert(name, false, false);
+                    Registry().erase(name);
+                }
+            });
+        }
+    }
+    Registry().clearAll();
+    EXPECT_EQ(failuresLogged(), 0);
+}
+
+TEST_F(TempFiles, MarkTakenBackGoesOnCounting) {
+    refuseThreads();
+    const SharedPathName name = insertFile();
+    {
+        const FileHandle user = Lock(name);
+        Registry().erase(name);
+    }
+    Registry().insert(name, false, false);
+    EXPECT_FALSE(Registry().clear());
+    EXPECT_TRUE(Exists(name)); // registered again, so not deleted
+    Registry().erase(name);
+    EXPECT_FALSE(Exists(name));
+    EXPECT_FALSE(Registry().clear());
+}
+
+} // namespace
