@@ -1,4 +1,5 @@
-#include "paths/path_name_table.h"
+#include "paths/path_name_flags.h"
+#include "paths/path_name_text.h"
 #include "paths/spin_lock.h"
 
 #include <vexel/path_name.h>
@@ -8,60 +9,13 @@
 
 #include <shlwapi.h>
 
-#include <climits>
-#include <mutex>
-#include <string>
-
+using Vexel::Detail::bit;
+using Vexel::Detail::internPart;
 using Vexel::Detail::SharedPathEntry;
-using Vexel::Detail::SpinLock;
+using Vexel::Detail::SpinGuard;
+using Vexel::Detail::viewOf;
 
 namespace {
-
-constexpr std::uint32_t bit(SharedPathNameFlag flag) { return static_cast<std::uint32_t>(flag); }
-
-std::wstring_view viewOf(const CString& text) noexcept {
-    return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
-}
-
-// The system's canonical form of `path`, which ends with a zero: in `buffer` or, when that is too small, in
-// `grown`; `path` itself when the system has none.
-std::wstring_view canonicalPath(const CString& path, wchar_t (&buffer)[MAX_PATH], std::wstring& grown) {
-    wchar_t* target = buffer;
-    DWORD capacity = MAX_PATH;
-    for (;;) {
-        const DWORD length = GetFullPathNameW(path, capacity, target, nullptr);
-        if (length == 0)
-            return viewOf(path);
-        if (length < capacity)
-            return {target, length};
-        grown.resize(length); // counts the terminating zero; grows again if the current directory changed
-        target = grown.data();
-        capacity = length;
-    }
-}
-
-std::uint32_t hashOf(std::wstring_view text, bool relative, bool caseSensitiveHash) {
-    return Vexel::Detail::pathNameHash(relative ? text : Vexel::GetFileName(text, true), caseSensitiveHash);
-}
-
-SharedPathEntry* intern(const CString& text, bool caseSensitive, bool caseSensitiveHash) {
-    if (text.IsEmpty())
-        return nullptr;
-    if (PathIsRelativeW(text)) {
-        return Vexel::Detail::internPathName(viewOf(text), hashOf(viewOf(text), true, caseSensitiveHash),
-                                             caseSensitive);
-    }
-    wchar_t buffer[MAX_PATH];
-    std::wstring grown;
-    const std::wstring_view path = canonicalPath(text, buffer, grown);
-    return Vexel::Detail::internPathName(path, hashOf(path, false, caseSensitiveHash), caseSensitive);
-}
-
-CString copyOf(std::wstring_view text) {
-    if (text.size() > INT_MAX)
-        AfxThrowMemoryException();
-    return {text.data(), static_cast<int>(text.size())};
-}
 
 // A fact that the text alone decides: found once and kept for the entry's life.
 template <class Ask>
@@ -89,18 +43,15 @@ int lengthFrom(const SharedPathEntry& entry, const wchar_t* place) {
     return static_cast<int>(entry.text.GetString() + entry.text.GetLength() - place);
 }
 
-// The name kept in `field`, made by `make` when `flag` says that there is none yet. Every thread would make
-// an equal one; the first to take the entry's lock does, so that the reference handed out never changes.
-template <class Make>
-const SharedPathName& keptName(SharedPathEntry& entry, SharedPathName& field, SharedPathNameFlag flag,
-                               Make make) {
+// The name kept in `field`: `part` of the entry's text, interned when `flag` says that it is not there yet.
+// Every thread would find the same; the first to take the entry's lock stores it, so that the reference
+// handed out never changes. (Without the lock at the end of the process there is no other thread either.)
+const SharedPathName& keep(SharedPathName part, SharedPathEntry& entry, SharedPathName& field,
+                           SharedPathNameFlag flag) {
+    const SpinGuard guard(entry.lock);
     if (!(entry.flags.load(std::memory_order_acquire) & bit(flag))) {
-        SpinLock spin(entry.lock);
-        const std::lock_guard guard(spin);
-        if (!(entry.flags.load(std::memory_order_acquire) & bit(flag))) {
-            field = make();
-            entry.flags.fetch_or(bit(flag), std::memory_order_acq_rel);
-        }
+        field = std::move(part);
+        entry.flags.fetch_or(bit(flag), std::memory_order_acq_rel);
     }
     return field;
 }
@@ -115,40 +66,7 @@ std::wstring_view parentPath(std::wstring_view text) {
 
 constinit const SharedPathName SharedPathName::null;
 
-SharedPathName::SharedPathName(const wchar_t* text, bool caseSensitive, bool caseSensitiveHash)
-    : SharedPathName(std::wstring_view(text ? text : L""), caseSensitive, caseSensitiveHash) {}
-
-SharedPathName::SharedPathName(const CString& text, bool caseSensitive, bool caseSensitiveHash)
-    : entry_(intern(text, caseSensitive, caseSensitiveHash)) {}
-
-SharedPathName::SharedPathName(std::wstring_view text, bool caseSensitive, bool caseSensitiveHash)
-    : entry_(intern(copyOf(text), caseSensitive, caseSensitiveHash)) {}
-
-// Parts of an interned path stand as they are: made canonical, a bare drive would turn into its current
-// directory.
-SharedPathName SharedPathName::internAsIs(std::wstring_view text, bool caseSensitive,
-                                          bool caseSensitiveHash) {
-    if (text.empty())
-        return {};
-    const bool relative = PathIsRelativeW(copyOf(text)) != FALSE;
-    return SharedPathName(
-        Vexel::Detail::internPathName(text, hashOf(text, relative, caseSensitiveHash), caseSensitive));
-}
-
-void SharedPathName::release() noexcept { Vexel::Detail::releasePathName(entry_); }
-
-SharedPathName& SharedPathName::clear() noexcept {
-    SharedPathName().swap(*this);
-    return *this;
-}
-
-const wchar_t* SharedPathName::asString() const noexcept { return entry_ ? entry_->text.GetString() : L""; }
-
 CString SharedPathName::asCString() const noexcept { return entry_ ? entry_->text : CString(); }
-
-std::wstring_view SharedPathName::asStringView() const noexcept {
-    return entry_ ? viewOf(entry_->text) : std::wstring_view(L"");
-}
 
 const wchar_t* SharedPathName::fileName(int* length) const {
     if (length)
@@ -181,23 +99,27 @@ const wchar_t* SharedPathName::fileExtension(bool withDot, int* length) const {
 const SharedPathName& SharedPathName::getDirectory() const {
     if (!entry_)
         return null;
+    if (flags().has(SharedPathNameFlag::DirectoryCached))
+        return entry_->directory;
     const std::wstring_view text = asStringView();
     const std::size_t name = Vexel::FindFileName(text, false);
     if (name == text.size())
         return *this; // not kept: the entry would hold itself for ever
-    return keptName(*entry_, entry_->directory, SharedPathNameFlag::DirectoryCached,
-                    [&] { return internAsIs(text.substr(0, name), false, false); });
+    return keep(SharedPathName(internPart(text.substr(0, name))), *entry_, entry_->directory,
+                SharedPathNameFlag::DirectoryCached);
 }
 
 const SharedPathName& SharedPathName::getDirectoryPathName() const {
     if (!entry_)
         return null;
+    if (flags().has(SharedPathNameFlag::DirectoryPathNameCached))
+        return entry_->directoryPathName;
     const std::wstring_view text = asStringView();
     const std::wstring_view parent = parentPath(text);
     if (parent.size() == text.size())
         return *this; // as above
-    return keptName(*entry_, entry_->directoryPathName, SharedPathNameFlag::DirectoryPathNameCached,
-                    [&] { return internAsIs(parent, false, false); });
+    return keep(SharedPathName(internPart(parent)), *entry_, entry_->directoryPathName,
+                SharedPathNameFlag::DirectoryPathNameCached);
 }
 
 SharedPathName& SharedPathName::addBackslash(bool caseSensitive) {
@@ -218,7 +140,8 @@ SharedPathName& SharedPathName::changeExtension(const wchar_t* extension, bool c
     if (std::wstring_view(present, static_cast<std::size_t>(length)) == wanted)
         return *this;
     CString text = entry_->text.Left(entry_->text.GetLength() - length);
-    text += copyOf(wanted);
+    if (extension)
+        text += extension;
     *this = SharedPathName(text, caseSensitive, false);
     return *this;
 }

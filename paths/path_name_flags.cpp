@@ -1,35 +1,35 @@
 // What the file system said about paths, kept in their entries while a flags-cache block lives.
 
+#include "paths/path_name_flags.h"
+
 #include "paths/spin_lock.h"
 
 #include <vexel/path_name.h>
 #include <vexel/paths.h>
 
-#include <mutex>
+#include <memory>
 #include <new>
+#include <utility>
 #include <vector>
 
-using Vexel::Detail::SharedPathEntry;
-using Vexel::Detail::SpinLock;
+using Vexel::Detail::bit;
+using Vexel::Detail::SpinGuard;
 
 namespace {
 
-constexpr std::uint32_t bit(SharedPathNameFlag flag) { return static_cast<std::uint32_t>(flag); }
+using Names = std::vector<SharedPathName>;
 
 constexpr std::uint32_t blockBits = bit(SharedPathNameFlag::FileExistsKnown) |
                                     bit(SharedPathNameFlag::StorageKnown) |
                                     bit(SharedPathNameFlag::UpToDateKnown);
 
-constinit std::atomic<int> liveBlocks{0};
+constinit std::atomic<unsigned> liveBlocks{0};
 
-// Held before the table's lock where both are needed: forgetting a name may destroy its entry.
+// The names with facts of the present period, which hold their entries until it ends. Made with the first of
+// them and gone with the last block, so that blocks may be static objects. The lock is never taken together
+// with the table's.
 constinit std::atomic<std::uint32_t> registryLock{0};
-
-// The names with facts of the present block, which keep their entries until it ends.
-std::vector<SharedPathName>& registry() {
-    static std::vector<SharedPathName> names;
-    return names;
-}
+constinit Names* registered = nullptr;
 
 void replaceBits(std::atomic<std::uint32_t>& flags, std::uint32_t clear, std::uint32_t set) noexcept {
     std::uint32_t before = flags.load(std::memory_order_acquire);
@@ -44,26 +44,31 @@ SharedPathNameFlagsCacheBlock::SharedPathNameFlagsCacheBlock() noexcept { liveBl
 SharedPathNameFlagsCacheBlock::~SharedPathNameFlagsCacheBlock() {
     if (liveBlocks.fetch_sub(1) != 1)
         return;
-    SpinLock spin(registryLock);
-    const std::lock_guard guard(spin);
-    for (const SharedPathName& name : registry())
+    std::unique_ptr<Names> names; // let go outside the lock: entries may go with them
+    const SpinGuard guard(registryLock);
+    if (!guard)
+        return;
+    names.reset(std::exchange(registered, nullptr));
+    if (!names)
+        return;
+    for (const SharedPathName& name : *names)
         name.entry_->flags.fetch_and(~blockBits, std::memory_order_acq_rel);
-    std::vector<SharedPathName>().swap(registry());
 }
 
 bool SharedPathNameFlagsCacheBlock::IsActive() noexcept { return liveBlocks.load() != 0; }
 
-// Replaces the flags `known` by `bits` for as long as the present block lives. The block is asked for again
-// under the lock: one that ended meanwhile has forgotten its names already and would never forget this one.
+// Replaces the flags `known` by `bits` until the present period ends. Whether it lasts is asked under the
+// lock: one that ended meanwhile has forgotten its names already and would never forget this one.
 // Without memory for the registration nothing is kept, and the file system is asked again next time.
 void SharedPathName::cacheFlags(std::uint32_t known, std::uint32_t bits) const noexcept {
-    SpinLock spin(registryLock);
-    const std::lock_guard guard(spin);
-    if (!SharedPathNameFlagsCacheBlock::IsActive())
+    const SpinGuard guard(registryLock);
+    if (!guard || !SharedPathNameFlagsCacheBlock::IsActive())
         return;
     try {
+        if (!registered)
+            registered = std::make_unique<Names>().release();
         if (!(entry_->flags.load(std::memory_order_acquire) & blockBits))
-            registry().push_back(*this);
+            registered->push_back(*this);
     } catch (const std::bad_alloc&) {
         return;
     }

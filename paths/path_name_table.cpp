@@ -2,14 +2,13 @@
 
 #include "paths/spin_lock.h"
 
-#include <algorithm>
+#include <climits>
+#include <cstddef>
 #include <cwchar>
-#include <locale>
 #include <memory>
-#include <mutex>
 #include <new>
-#include <string>
 #include <unordered_map>
+#include <utility>
 
 namespace Vexel::Detail {
 
@@ -19,64 +18,72 @@ using Table = std::unordered_multimap<std::uint32_t, SharedPathEntry*>;
 
 constexpr std::size_t initialBuckets = 8;
 
-// Both are usable before any constructor of a static object has run and after every destructor has.
+// Usable before the constructors of static objects have run and after their destructors have; the lock guards
+// the other two.
 constinit std::atomic<std::uint32_t> tableLock{0};
 constinit Table* table = nullptr;
+constinit bool processIsEnding = false;
 
-// Names that other static objects release later find no table then and leave their entries to the process's
-// end; names made later still get a new one.
-struct TableEnd {
-    ~TableEnd() {
-        SpinLock spin(tableLock);
-        const std::lock_guard guard(spin);
+// At the end of the process the table goes with its last entry: static objects may still hold names, look
+// for them and let them go.
+void dropTableIfDone() noexcept {
+    if (processIsEnding && table && table->empty())
         delete std::exchange(table, nullptr);
+}
+
+const struct ProcessEnd {
+    ProcessEnd() = default;
+    ProcessEnd(const ProcessEnd&) = delete;
+    ProcessEnd& operator=(const ProcessEnd&) = delete;
+    ~ProcessEnd() {
+        const SpinGuard guard(tableLock);
+        if (!guard)
+            return;
+        processIsEnding = true;
+        dropTableIfDone();
     }
-};
+} processEnd;
 
 Table& tableUnderLock() {
     if (!table) {
         auto made = std::make_unique<Table>(initialBuckets);
         made->max_load_factor(1.0F);
-        static const TableEnd end;
         table = made.release();
     }
     return *table;
+}
+
+constexpr wchar_t foldAscii(wchar_t unit) {
+    return unit >= L'A' && unit <= L'Z' ? static_cast<wchar_t>(unit | 0x20) : unit;
+}
+
+// As CString::CompareNoCase finds it, which stops at the first zero. In every locale it takes ASCII units as
+// they are taken here; the locale is only asked from the first difference on that involves other units.
+bool equalNoCase(const wchar_t* a, const wchar_t* b, std::size_t length) {
+    for (std::size_t i = 0; i < length; ++i) {
+        if (a[i] == b[i]) {
+            if (a[i] == 0)
+                break;
+        } else if (a[i] >= 0x80 || b[i] >= 0x80) {
+            return _wcsnicmp(a + i, b + i, length - i) == 0;
+        } else if (foldAscii(a[i]) != foldAscii(b[i])) {
+            return false;
+        }
+    }
+    return true;
 }
 
 bool matches(const CString& text, std::wstring_view wanted, bool caseSensitive) {
     const auto length = static_cast<std::size_t>(text.GetLength());
     if (length != wanted.size())
         return false;
-    if (std::wmemcmp(text.GetString(), wanted.data(), length) == 0)
-        return true;
-    return !caseSensitive && _wcsnicmp(text.GetString(), wanted.data(), length) == 0;
-}
-
-std::uint32_t hashUnits(std::wstring_view text) noexcept {
-    std::uint32_t hash = 0;
-    for (const wchar_t unit : text)
-        hash = hash * 33 + unit;
-    return hash;
-}
-
-// A buffer on the stack for what names usually are, on the heap for the rest.
-template <class Use>
-std::uint32_t withLowerCase(std::wstring_view text, Use use) {
-    const std::locale locale;
-    const auto& ctype = std::use_facet<std::ctype<wchar_t>>(locale);
-    wchar_t small[128];
-    std::wstring large;
-    wchar_t* copy = small;
-    if (text.size() > std::size(small)) {
-        large.resize(text.size());
-        copy = large.data();
-    }
-    std::copy(text.begin(), text.end(), copy);
-    ctype.tolower(copy, copy + text.size());
-    return use(std::wstring_view(copy, text.size()));
+    return caseSensitive ? std::wmemcmp(text.GetString(), wanted.data(), length) == 0
+                         : equalNoCase(text.GetString(), wanted.data(), length);
 }
 
 std::unique_ptr<SharedPathEntry> makeEntry(std::wstring_view text, std::uint32_t hash) {
+    if (text.size() > INT_MAX)
+        AfxThrowMemoryException();
     auto entry = std::make_unique<SharedPathEntry>();
     entry->text.SetString(text.data(), static_cast<int>(text.size()));
     entry->hash = hash;
@@ -84,47 +91,43 @@ std::unique_ptr<SharedPathEntry> makeEntry(std::wstring_view text, std::uint32_t
 }
 
 SharedPathEntry* findOrInsert(std::wstring_view text, std::uint32_t hash, bool caseSensitive) {
-    SpinLock spin(tableLock);
-    const std::lock_guard guard(spin);
+    const SpinGuard guard(tableLock);
+    if (!guard)
+        return makeEntry(text, hash)
+            .release(); // shared with nobody and never destroyed, which is late enough
     Table& entries = tableUnderLock();
-    const auto [first, last] = entries.equal_range(hash);
-    const auto found = std::find_if(
-        first, last, [&](const auto& filed) { return matches(filed.second->text, text, caseSensitive); });
-    if (found != last) {
-        found->second->count.fetch_add(1, std::memory_order_relaxed);
-        return found->second;
+    auto last = entries.end();
+    for (auto filed = entries.find(hash); filed != entries.end() && filed->first == hash; last = filed++) {
+        SharedPathEntry* const entry = filed->second;
+        if (matches(entry->text, text, caseSensitive)) {
+            entry->count.fetch_add(1, std::memory_order_relaxed);
+            return entry;
+        }
     }
     auto entry = makeEntry(text, hash);
-    entries.emplace(hash, entry.get());
+    // The hint keeps entries of one hash in the order in which they came: some libraries would put the new
+    // one in front of the others, and it would be found before them.
+    entries.emplace_hint(last, hash, entry.get());
     return entry.release();
 }
 
-// Whether the entry was unlinked and is the caller's to destroy. It is looked up before it is touched: since
-// its count fell to 0, another thread may have taken it up and dropped it again, and have destroyed it.
-bool unlinkUnused(const SharedPathEntry* entry, std::uint32_t hash) noexcept {
-    SpinLock spin(tableLock);
-    const std::lock_guard guard(spin);
-    if (!table)
-        return false;
-    const auto [first, last] = table->equal_range(hash);
-    const auto found = std::find_if(first, last, [&](const auto& filed) { return filed.second == entry; });
-    if (found == last || entry->count.load(std::memory_order_acquire) != 0)
-        return false;
-    table->erase(found);
-    return true;
+// The entry if it is the caller's to destroy, else null. It is touched only once it has been found.
+std::unique_ptr<SharedPathEntry> unlinkUnused(const SharedPathEntry* entry, std::uint32_t hash) noexcept {
+    Table::node_type node; // freed outside the lock
+    const SpinGuard guard(tableLock);
+    if (!guard || !table)
+        return nullptr;
+    auto filed = table->find(hash);
+    while (filed != table->end() && filed->first == hash && filed->second != entry)
+        ++filed;
+    if (filed == table->end() || filed->second != entry || entry->count.load(std::memory_order_acquire) != 0)
+        return nullptr;
+    node = table->extract(filed);
+    dropTableIfDone();
+    return std::unique_ptr<SharedPathEntry>(node.mapped());
 }
 
 } // namespace
-
-std::uint32_t pathNameHash(std::wstring_view text, bool caseSensitive) {
-    if (caseSensitive)
-        return hashUnits(text);
-    try {
-        return withLowerCase(text, hashUnits);
-    } catch (const std::exception&) {
-        return hashUnits(text); // a locale without the facet, or whose facet raises
-    }
-}
 
 SharedPathEntry* internPathName(std::wstring_view text, std::uint32_t hash, bool caseSensitive) {
     try {
@@ -134,12 +137,13 @@ SharedPathEntry* internPathName(std::wstring_view text, std::uint32_t hash, bool
     }
 }
 
-void releasePathName(SharedPathEntry* entry) noexcept {
-    const std::uint32_t hash = entry->hash;
-    if (entry->count.fetch_sub(1, std::memory_order_acq_rel) != 1)
-        return;
-    if (unlinkUnused(entry, hash))
-        delete entry; // outside the lock: it releases the names of its directories
+void destroyUnusedEntry(const SharedPathEntry* entry, std::uint32_t hash) noexcept {
+    // Destroyed outside the lock: the entry lets the names of its directories go.
+    const std::unique_ptr<SharedPathEntry> unused = unlinkUnused(entry, hash);
 }
 
 } // namespace Vexel::Detail
+
+void SharedPathName::destroyUnused(Vexel::Detail::SharedPathEntry* entry, std::uint32_t hash) noexcept {
+    Vexel::Detail::destroyUnusedEntry(entry, hash);
+}

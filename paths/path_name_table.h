@@ -7,14 +7,12 @@
 
 namespace Vexel::Detail {
 
-/// The number under which the table files a text: h = h * 33 + c over its code units, folded to lower case by
-/// the global locale unless `caseSensitive`. Stored with names in documents, so it must stay as it is.
-std::uint32_t pathNameHash(std::wstring_view text, bool caseSensitive);
-
-/// The entry of `text` under `hash`, found or made, with one reference for the caller.
+/// The entry of `text` under `hash`, found or made, with one reference for the caller. Exhausted memory
+/// throws the framework's memory exception and leaves the table as it was.
 SharedPathEntry* internPathName(std::wstring_view text, std::uint32_t hash, bool caseSensitive);
 
-/// Drops one reference, and the entry with the last one.
-void releasePathName(SharedPathEntry* entry) noexcept;
+/// Destroys an entry of this hash whose count fell to 0, unless another thread has taken it up again or
+/// destroyed it since.
+void destroyUnusedEntry(const SharedPathEntry* entry, std::uint32_t hash) noexcept;
 
 } // namespace Vexel::Detail

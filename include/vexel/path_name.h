@@ -4,14 +4,16 @@
 /// is learnt about a path is kept there for every holder of it.
 ///
 /// A name is one pointer. Copying it is an atomic increment; equality, order and `hash()` look at the pointer
-/// alone. Names may be created, copied, compared and released on any thread; one name object belongs to one
-/// thread at a time unless nobody changes it. Exhausted memory throws the framework's memory exception.
+/// alone. Names may be created, copied, compared and released on any thread, and by static objects until the
+/// process has ended; one name object belongs to one thread at a time unless nobody changes it. Exhausted
+/// memory throws the framework's memory exception and leaves every name as it was.
 
 #include <vexel/export.h>
 #include <vexel/flag_set.h>
 #include <vexel/framework.h>
 
 #include <atomic>
+#include <cstddef>
 #include <cstdint>
 #include <string_view>
 #include <utility>
@@ -77,7 +79,9 @@ public:
     SharedPathName(const CString& text, bool caseSensitive, bool caseSensitiveHash);
     SharedPathName(std::wstring_view text, bool caseSensitive, bool caseSensitiveHash);
 
+    /// Shares the entry.
     SharedPathName(const SharedPathName& other) noexcept;
+    /// Leaves `other` null.
     SharedPathName(SharedPathName&& other) noexcept : entry_(std::exchange(other.entry_, nullptr)) {}
     SharedPathName& operator=(const SharedPathName& other) noexcept;
     /// Swaps: what this name held is released when `other` dies.
@@ -85,13 +89,13 @@ public:
         swap(other);
         return *this;
     }
-    ~SharedPathName() {
-        if (entry_)
-            release();
-    }
+    inline ~SharedPathName();
 
     /// Makes the name null and returns it.
-    SharedPathName& clear() noexcept;
+    SharedPathName& clear() noexcept {
+        SharedPathName().swap(*this);
+        return *this;
+    }
     void swap(SharedPathName& other) noexcept { std::swap(entry_, other.entry_); }
 
     bool empty() const noexcept { return entry_ == nullptr; }
@@ -111,7 +115,7 @@ public:
 
     const wchar_t* asString() const noexcept;
     CString asCString() const noexcept;
-    std::wstring_view asStringView() const noexcept;
+    inline std::wstring_view asStringView() const noexcept;
     operator std::wstring_view() const noexcept { return asStringView(); }
 
     // Parts of the path, found once for an entry.
@@ -165,8 +169,7 @@ private:
     friend class SharedPathNameFlagsCacheBlock;
 
     explicit SharedPathName(Vexel::Detail::SharedPathEntry* entry) noexcept : entry_(entry) {}
-    static SharedPathName internAsIs(std::wstring_view text, bool caseSensitive, bool caseSensitiveHash);
-    void release() noexcept;
+    static void destroyUnused(Vexel::Detail::SharedPathEntry* entry, std::uint32_t hash) noexcept;
     void cacheFlags(std::uint32_t known, std::uint32_t bits) const noexcept;
 
     Vexel::Detail::SharedPathEntry* entry_ = nullptr; // counts in it
@@ -185,7 +188,7 @@ struct SharedPathEntry {
     std::uint32_t hash = 0;                         ///< under which the table files it
     std::atomic<std::uint32_t> flags{0};            ///< SharedPathNameFlag
     std::atomic<std::uint32_t> lock{0};             ///< guards the making of the two directories
-    std::atomic<std::uint32_t> count{1};
+    std::atomic<std::uint32_t> count{1};            ///< of the names and registrations that hold the entry
 };
 
 } // namespace Vexel::Detail
@@ -201,4 +204,24 @@ inline SharedPathName& SharedPathName::operator=(const SharedPathName& other) no
     if (entry_ != other.entry_)
         SharedPathName(other).swap(*this);
     return *this;
+}
+
+inline SharedPathName::~SharedPathName() {
+    if (!entry_)
+        return;
+    // Read while the entry is certain to be there: once the count is 0 another thread may take the entry up,
+    // drop it and destroy it.
+    const std::uint32_t hash = entry_->hash;
+    if (entry_->count.fetch_sub(1, std::memory_order_acq_rel) == 1)
+        destroyUnused(entry_, hash);
+}
+
+inline const wchar_t* SharedPathName::asString() const noexcept {
+    return entry_ ? entry_->text.GetString() : L"";
+}
+
+inline std::wstring_view SharedPathName::asStringView() const noexcept {
+    if (!entry_)
+        return L"";
+    return {entry_->text.GetString(), static_cast<std::size_t>(entry_->text.GetLength())};
 }

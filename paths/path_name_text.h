@@ -1,0 +1,21 @@
+#pragma once
+
+#include <vexel/path_name.h>
+
+#include <string_view>
+
+namespace Vexel::Detail {
+
+/// The entry for `text`, which ends with a zero behind its last character and is made canonical first unless
+/// it is relative; one reference for the caller. Null for an empty text.
+SharedPathEntry* internText(std::wstring_view text, bool caseSensitive, bool caseSensitiveHash);
+
+/// The same for a part of a text that is interned already: it stands as it is. Made canonical, a bare drive
+/// would turn into its current directory.
+SharedPathEntry* internPart(std::wstring_view part);
+
+inline std::wstring_view viewOf(const CString& text) noexcept {
+    return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
+}
+
+} // namespace Vexel::Detail

@@ -1,0 +1,18 @@
+#include "paths/spin_lock.h"
+
+#include "paths/platform_files.h"
+
+#include <thread>
+
+namespace Vexel::Detail {
+
+bool SpinGuard::wait() noexcept {
+    do {
+        if (Platform().processIsEnding())
+            return false;
+        std::this_thread::yield();
+    } while (word_.exchange(1, std::memory_order_acquire) != 0);
+    return true;
+}
+
+} // namespace Vexel::Detail
