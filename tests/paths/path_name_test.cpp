@@ -1,5 +1,8 @@
+#include "paths/path_name_hash.h"
 #include "paths/path_name_table.h"
 #include "support/compound_file.h"
+#include "support/platform_guard.h"
+#include "support/scarce_memory.h"
 
 #include <vexel/path_name.h>
 
@@ -7,10 +10,14 @@
 
 #include <array>
 #include <filesystem>
+#include <locale>
+#include <new>
 #include <random>
 #include <string>
 #include <thread>
 #include <vector>
+
+using namespace std::literals;
 
 namespace {
 
@@ -29,6 +36,7 @@ TEST(PathName, SharesTheEntryOfTheFirstSpelling) {
     EXPECT_NE(exactOther, first);
     EXPECT_STREQ(exactOther.asString(), LR"(c:\dir\A.TXT)");
     EXPECT_EQ(exact(LR"(C:\Dir\a.txt)"), first) << "an exact request shares an entry of exactly its text";
+    EXPECT_EQ(anyCase(LR"(C:\DIR\A.TXT)"), first) << "of two that match, the one that came first is found";
 
     const SharedPathName hashedExactly(L"Some Name", false, true);
     EXPECT_NE(hashedExactly, anyCase(L"some name")) << "entries are found among those of one hash only";
@@ -49,19 +57,42 @@ TEST(PathName, MakesAbsolutePathsCanonicalAndLeavesRelativeOnes) {
          })
         EXPECT_STREQ(SharedPathName(text, false, false).asString(), expected);
 
+    // A view need not end with a zero; one inside ends the path for the system, but not a relative text.
+    EXPECT_EQ(anyCase(LR"(C:\a\b\c)"sv.substr(0, 6)).asStringView(), LR"(C:\a\b)");
+    EXPECT_EQ(anyCase(L"C:\\a\0b"sv).asStringView(), LR"(C:\a)");
+    EXPECT_EQ(anyCase(L"a\0b"sv).asStringView(), L"a\0b"sv);
+
     // Longer than the buffer that is tried first.
     const std::wstring directory = LR"(C:\)" + std::wstring(200, L'd') + LR"(\)" + std::wstring(200, L'e');
     EXPECT_EQ(anyCase(directory + LR"(\x\..\name)").asStringView(), directory + LR"(\name)");
 }
 
-// Documents hold these numbers: worked out by hand as h = h * 33 + c over the lower-case units.
-TEST(PathName, HashesTheFileNameInLowerCase) {
-    EXPECT_EQ(Vexel::Detail::pathNameHash(L"", false), 0U);
-    EXPECT_EQ(Vexel::Detail::pathNameHash(L"ab", true), 97U * 33 + 98);
-    EXPECT_EQ(Vexel::Detail::pathNameHash(L"AB", false), 97U * 33 + 98);
-    EXPECT_EQ(Vexel::Detail::pathNameHash(L"AB", true), 65U * 33 + 66);
-    EXPECT_EQ(Vexel::Detail::pathNameHash(std::wstring(200, L'A'), false),
-              Vexel::Detail::pathNameHash(std::wstring(200, L'a'), true));
+class FoldsAllToX : public std::ctype<wchar_t> {
+protected:
+    wchar_t do_tolower(wchar_t) const override { return L'x'; }
+};
+class Raises : public std::ctype<wchar_t> {
+protected:
+    wchar_t do_tolower(wchar_t unit) const override { return unit == L'b' ? throw "no such letter" : L'x'; }
+};
+
+// Documents hold these numbers: h = h * 33 + c over the units, folded by the global locale.
+TEST(PathName, HashesInLowerCase) {
+    using Vexel::Detail::pathNameHash;
+    EXPECT_EQ(pathNameHash(L"", false), 0U);
+    EXPECT_EQ(pathNameHash(L"AB", true), 65U * 33 + 66);
+    const std::wstring text = L"@AZ[`az{ \x0416\x0436 long enough to wrap";
+    std::wstring folded = text;
+    std::use_facet<std::ctype<wchar_t>>(std::locale::classic())
+        .tolower(folded.data(), folded.data() + folded.size());
+    EXPECT_EQ(folded.substr(0, 8), L"@az[`az{");
+    EXPECT_EQ(pathNameHash(text, false), pathNameHash(folded, true));
+
+    const std::locale before = std::locale::global(std::locale(std::locale(), new FoldsAllToX));
+    EXPECT_EQ(pathNameHash(L"ab", false), pathNameHash(L"xx", true));
+    std::locale::global(std::locale(before, new Raises));
+    EXPECT_EQ(pathNameHash(L"ab", false), pathNameHash(L"ab", true)) << "taken as it is when folding fails";
+    std::locale::global(before);
 }
 
 TEST(PathName, FindsTheParts) {
@@ -92,7 +123,7 @@ TEST(PathName, FindsTheParts) {
     }
     const SharedPathName directory = anyCase(LR"(C:\Dir\)");
     EXPECT_EQ(&directory.getDirectory(), &directory);
-    const SharedPathName drive = directory.getDirectoryPathName();
+    const SharedPathName& drive = directory.getDirectoryPathName();
     EXPECT_EQ(drive.getDirectoryPathName(), drive);
     EXPECT_EQ(drive.getDirectory(), drive);
 }
@@ -198,6 +229,60 @@ TEST(PathName, IsForgottenWithItsLastHolder) {
     }
 }
 
+// Between the count's fall to 0 and the look into the table, another thread may take the entry up.
+TEST(PathName, ATakenUpEntryIsDestroyedOnce) {
+    using namespace Vexel::Detail;
+    constexpr std::uint32_t hash = 7;
+    SharedPathEntry* const entry = internPathName(L"Taken Up", hash, true);
+    entry->count = 0; // the first holder goes
+    EXPECT_EQ(internPathName(L"taken up", hash, false), entry);
+    destroyUnusedEntry(entry, hash); // the first holder looks: in use
+    EXPECT_STREQ(internPathName(L"taken up", hash, false)->text.GetString(), L"Taken Up");
+    entry->count = 0;                // the others go
+    destroyUnusedEntry(entry, hash); // one of them destroys it
+    destroyUnusedEntry(entry, hash); // the other finds nothing, and must not touch what is no more
+    SharedPathEntry* const next = internPathName(L"TAKEN UP", hash, false);
+    EXPECT_STREQ(next->text.GetString(), L"TAKEN UP");
+    next->count = 0;
+    destroyUnusedEntry(next, hash);
+}
+
+TEST(PathName, WithoutMemoryTheTableStaysAsItWas) {
+    const SharedPathName directory = anyCase(LR"(C:\Scarce)");
+    SharedPathName name = directory;
+    int failures = 0;
+    for (bool done = false; !done; failures += !done) {
+        try {
+            AtMainAllocation(failures, [] { throw std::bad_alloc(); });
+            name = anyCase(LR"(C:\Scarce\Memory)");
+            done = true;
+        } catch (CMemoryException* error) {
+            error->Delete();
+            EXPECT_EQ(name, directory);
+            EXPECT_STREQ(anyCase(LR"(C:\scarce\memory)").asString(), LR"(C:\scarce\memory)")
+                << "none was left";
+        }
+    }
+    AtMainAllocation(0, nullptr);
+    EXPECT_GE(failures, 2) << "an entry and its place in the table";
+    EXPECT_STREQ(name.asString(), LR"(C:\Scarce\Memory)");
+}
+
+// The end of the process may stop a thread that holds the table's lock; the destructors of static objects run
+// on the last thread after that.
+TEST(PathName, TheEndOfTheProcessDoesNotWaitForAStoppedThread) {
+    static SharedPathName kept;
+    kept = anyCase(L"kept to the end");
+    AtMainAllocation(0, [] { // inside the table's lock
+        const PlatformGuard platform;
+        Vexel::Detail::Platform().processIsEnding = [] { return true; };
+        EXPECT_STREQ(anyCase(L"made at the end").asString(), L"made at the end");
+        kept.clear();
+    });
+    EXPECT_STREQ(anyCase(L"made by the stopped thread").asString(), L"made by the stopped thread");
+    EXPECT_TRUE(kept.empty());
+}
+
 // Few texts and many threads: an entry is found while its last holder lets it go, over and over.
 TEST(PathName, SurvivesContention) {
     const SharedPathName kept = anyCase(LR"(C:\contended\kept.txt)");
@@ -205,7 +290,9 @@ TEST(PathName, SurvivesContention) {
                                                L"relative", LR"(C:\contended\kept.txt)"};
     std::atomic<int> wrong{0};
     std::vector<std::jthread> threads;
-    for (unsigned seed = 0; seed < 6; ++seed) {
+    constexpr unsigned count = 6;
+    threads.reserve(count);
+    for (unsigned seed = 0; seed < count; ++seed) {
         threads.emplace_back([&, seed] {
             std::minstd_rand random(seed);
             std::array<SharedPathName, 8> names;

@@ -5,17 +5,36 @@
 #include <atomic>
 #include <cstdlib>
 #include <new>
+#include <utility>
 
 namespace {
 
 std::atomic<int> failures{0};
 const DWORD mainThread = GetCurrentThreadId();
 
-bool MayAllocate() noexcept { return failures <= 0 || GetCurrentThreadId() == mainThread || failures-- <= 0; }
+// The main thread's alone.
+int allocationsToSkip = 0;
+void (*allocationEvent)() = nullptr;
+
+bool MayAllocate() {
+    if (GetCurrentThreadId() != mainThread) {
+        if (failures <= 0)
+            return true;
+        return failures-- <= 0; // another thread may have taken the last one
+    }
+    if (allocationEvent && allocationsToSkip-- == 0)
+        std::exchange(allocationEvent, nullptr)();
+    return true;
+}
 
 } // namespace
 
 void FailAllocationsElsewhere(int count) noexcept { failures = count; }
+
+void AtMainAllocation(int skipped, void (*event)()) noexcept {
+    allocationsToSkip = skipped;
+    allocationEvent = event;
+}
 
 void* operator new(std::size_t size) {
     void* memory = MayAllocate() ? std::malloc(size > 0 ? size : 1) : nullptr;

@@ -1,5 +1,11 @@
 #pragma once
 
-/// Makes the next `count` allocations of threads other than the main one fail with `std::bad_alloc`. Reaches
-/// the code of the test program itself (the layers linked into it included), not that of DLLs.
+/// Allocations that fail, or during which something happens. Reaches the code of the test program itself (the
+/// layers linked into it included), not that of DLLs.
+
+/// Makes the next `count` allocations of threads other than the main one fail with `std::bad_alloc`.
 void FailAllocationsElsewhere(int count) noexcept;
+
+/// Calls `event` in the main thread's next allocation but `skipped`, once; it may raise `std::bad_alloc`.
+/// Null takes an event back that has not come yet.
+void AtMainAllocation(int skipped, void (*event)()) noexcept;
