@@ -20,11 +20,12 @@ LAYERS = ["base", "framework", "diagnostics", "paths", "io", "archive", "storage
 # The layer that implements each public header.
 PUBLIC = "include/vexel/"
 HEADER_LAYERS = {
-    "base": ["com.h", "export.h", "flag_set.h"],
+    "base": ["export.h", "flag_set.h"],
     "framework": ["framework.h"],
     "diagnostics": ["diagnostics.h"],
     "paths": ["cipher.h", "hash.h", "path_name.h", "paths.h", "temp_files.h"],
-    "io": ["byte_streams.h", "compressed_stream.h", "files.h", "ini.h", "memory_streams.h", "strings.h", "sub_stream.h"],
+    "io": ["byte_streams.h", "com.h", "compressed_stream.h", "files.h", "ini.h", "memory_streams.h", "strings.h",
+           "sub_stream.h"],
     "archive": ["archive.h"],
     "storage": ["properties.h", "storage.h"],
 }
