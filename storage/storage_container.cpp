@@ -100,6 +100,8 @@ bool StorageContainer::deleteUnusedObjects() {
 void StorageContainer::clearAll() {
     const std::lock_guard lock(lock_);
     const auto letGo = [this](std::unique_ptr<VxStorage>& root) {
+        if (!root)
+            return;
         const auto tree = lockTree();
         root->close();
         if (root->referenced())

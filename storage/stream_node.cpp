@@ -94,6 +94,9 @@ long VxStream::openOrRewind(bool readOnly) {
         return STG_E_INVALIDPARAMETER;
     if (stream_)
         return callTwice(*this, [this] { return stream_->Seek({}, STREAM_SEEK_SET, nullptr); });
+    // Not left to the platform: some take writes in a storage that is open for reading, and lose them.
+    if (!readOnly && parent_->readOnly())
+        return STG_E_ACCESSDENIED;
 
     const DWORD stgm = STGM_SHARE_EXCLUSIVE | (readOnly ? STGM_READ : STGM_READWRITE);
     const HRESULT status = callTwice(*parent_, [&]() -> HRESULT {

@@ -1,0 +1,220 @@
+#include "support/fake_storage.h"
+
+#include <algorithm>
+#include <cwchar>
+
+using Microsoft::WRL::ComPtr;
+
+namespace Support {
+namespace {
+
+template <class Interface>
+class Fake : public Interface {
+public:
+    explicit Fake(FakeCalls& calls) : calls_(calls) { ++calls_.alive; }
+    Fake(const Fake&) = delete;
+    Fake& operator=(const Fake&) = delete;
+    virtual ~Fake() { --calls_.alive; }
+
+    STDMETHODIMP QueryInterface(REFIID, void** result) override {
+        *result = nullptr;
+        return E_NOINTERFACE;
+    }
+    STDMETHODIMP_(ULONG) AddRef() override { return ++count_; }
+    STDMETHODIMP_(ULONG) Release() override {
+        const ULONG left = --count_;
+        if (left == 0)
+            delete this;
+        return left;
+    }
+
+protected:
+    /// A new `Made` in `result` if `status` is a success, with the only reference on it.
+    template <class Made, class Result>
+    HRESULT give(HRESULT status, Result** result) {
+        *result = SUCCEEDED(status) ? new Made(calls_) : nullptr;
+        return status;
+    }
+
+    FakeCalls& calls_;
+
+private:
+    std::atomic<ULONG> count_{1};
+};
+
+class FakeStream final : public Fake<::IStream> {
+public:
+    using Fake::Fake;
+    ~FakeStream() override { calls_.add(L"~Stream"); }
+
+    STDMETHODIMP Read(void*, ULONG count, ULONG* done) override { return move(L"Read ", count, done); }
+    STDMETHODIMP Write(const void*, ULONG count, ULONG* done) override {
+        return move(L"Write ", count, done);
+    }
+    STDMETHODIMP Seek(LARGE_INTEGER distance, DWORD origin, ULARGE_INTEGER* reached) override {
+        const HRESULT status = calls_.add(L"Seek");
+        if (SUCCEEDED(status) && origin == STREAM_SEEK_SET)
+            calls_.position = static_cast<ULONGLONG>(distance.QuadPart);
+        if (reached)
+            reached->QuadPart = calls_.position;
+        return status;
+    }
+    STDMETHODIMP SetSize(ULARGE_INTEGER size) override {
+        return calls_.add(L"SetSize " + std::to_wstring(size.QuadPart));
+    }
+    STDMETHODIMP CopyTo(::IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
+        return E_NOTIMPL;
+    }
+    STDMETHODIMP Commit(DWORD flags) override { return calls_.add(L"Commit", L"stream", flags); }
+    STDMETHODIMP Revert() override { return E_NOTIMPL; }
+    STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    STDMETHODIMP Stat(STATSTG*, DWORD) override { return calls_.add(L"Stat"); }
+    STDMETHODIMP Clone(::IStream**) override { return E_NOTIMPL; }
+
+private:
+    HRESULT move(const wchar_t* call, ULONG count, ULONG* done) {
+        calls_.add(call + std::to_wstring(count));
+        *done = static_cast<ULONG>((std::min)(calls_.available, ULONGLONG{count}));
+        calls_.available -= *done;
+        return E_FAIL;
+    }
+};
+
+class FakeList final : public Fake<IEnumSTATSTG> {
+public:
+    using Fake::Fake;
+
+    STDMETHODIMP Next(ULONG, STATSTG* entry, ULONG*) override {
+        if (const HRESULT status = calls_.add(L"Next"); FAILED(status))
+            return status;
+        if (next_ == calls_.elements.size())
+            return S_FALSE;
+        const auto& [name, type] = calls_.elements[next_++];
+        *entry = {};
+        entry->pwcsName = static_cast<wchar_t*>(CoTaskMemAlloc((name.size() + 1) * sizeof(wchar_t)));
+        std::wmemcpy(entry->pwcsName, name.c_str(), name.size() + 1);
+        entry->type = type;
+        entry->cbSize.QuadPart = next_;
+        entry->mtime.dwLowDateTime = 7;
+        return S_OK;
+    }
+    STDMETHODIMP Skip(ULONG) override { return E_NOTIMPL; }
+    STDMETHODIMP Reset() override { return E_NOTIMPL; }
+    STDMETHODIMP Clone(IEnumSTATSTG**) override { return E_NOTIMPL; }
+
+private:
+    size_t next_ = 0;
+};
+
+class FakeStorage final : public Fake<IStorage> {
+public:
+    using Fake::Fake;
+    ~FakeStorage() override { calls_.add(L"~Storage"); }
+
+    STDMETHODIMP CreateStream(const wchar_t* name, DWORD stgm, DWORD, DWORD, ::IStream** result) override {
+        return give<FakeStream>(calls_.add(L"CreateStream", name, stgm), result);
+    }
+    STDMETHODIMP OpenStream(const wchar_t* name, void*, DWORD stgm, DWORD, ::IStream** result) override {
+        return give<FakeStream>(calls_.add(L"OpenStream", name, stgm), result);
+    }
+    STDMETHODIMP CreateStorage(const wchar_t* name, DWORD stgm, DWORD, DWORD, IStorage** result) override {
+        return give<FakeStorage>(calls_.add(L"CreateStorage", name, stgm), result);
+    }
+    STDMETHODIMP OpenStorage(const wchar_t* name, IStorage*, DWORD stgm, SNB, DWORD,
+                             IStorage** result) override {
+        return give<FakeStorage>(calls_.add(L"OpenStorage", name, stgm), result);
+    }
+    STDMETHODIMP EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** result) override {
+        return give<FakeList>(calls_.add(L"EnumElements"), result);
+    }
+    STDMETHODIMP DestroyElement(const wchar_t* name) override {
+        return calls_.add(std::wstring(L"DestroyElement ") + name);
+    }
+    STDMETHODIMP Commit(DWORD flags) override { return calls_.add(L"Commit", L"storage", flags); }
+    STDMETHODIMP Stat(STATSTG*, DWORD) override { return calls_.add(L"Stat"); }
+    STDMETHODIMP CopyTo(DWORD, const IID*, SNB, IStorage*) override { return E_NOTIMPL; }
+    STDMETHODIMP MoveElementTo(const wchar_t*, IStorage*, const wchar_t*, DWORD) override {
+        return E_NOTIMPL;
+    }
+    STDMETHODIMP Revert() override { return E_NOTIMPL; }
+    STDMETHODIMP RenameElement(const wchar_t*, const wchar_t*) override { return E_NOTIMPL; }
+    STDMETHODIMP SetElementTimes(const wchar_t*, const FILETIME*, const FILETIME*, const FILETIME*) override {
+        return E_NOTIMPL;
+    }
+    STDMETHODIMP SetClass(REFCLSID) override { return E_NOTIMPL; }
+    STDMETHODIMP SetStateBits(DWORD, DWORD) override { return E_NOTIMPL; }
+};
+
+class FakePart final : public VxStream {
+public:
+    FakePart(StorageFormat format, const SharedPathName& name, VxStorage* parent, VxStorageItem* root)
+        : VxStream(name, parent, root), format_(format) {}
+    StorageFormat format() const noexcept override { return format_; }
+
+private:
+    StorageFormat format_;
+};
+
+class FakeNodeList final : public VxStorageEnumerator {
+public:
+    StorageFormat format() const noexcept override { return StorageFormat::Package; }
+};
+
+} // namespace
+
+HRESULT FakeCalls::add(const std::wstring& call) {
+    log.push_back(call);
+    const auto failure = failures.find(log.size() - 1);
+    return failure == failures.end() ? S_OK : failure->second;
+}
+
+HRESULT FakeCalls::add(const wchar_t* call, const wchar_t* name, DWORD stgm) {
+    wchar_t text[80];
+    std::swprintf(text, std::size(text), L"%ls %ls 0x%lx", call, name, stgm);
+    return add(text);
+}
+
+std::wstring FakeCalls::take() {
+    std::wstring lines;
+    for (const std::wstring& call : std::exchange(log, {}))
+        lines += call + L"\n";
+    return lines;
+}
+
+ComPtr<IStorage> fakeStorage(FakeCalls& calls) {
+    ComPtr<IStorage> made;
+    *made.GetAddressOf() = new FakeStorage(calls); // some libraries' Attach takes a reference of its own
+    return made;
+}
+
+FakeNode::FakeNode(FakeCalls& calls, StorageFormat format, const wchar_t* path)
+    : FakeNode(calls, format, SharedPathName(path, true, false), nullptr, nullptr) {}
+
+FakeNode::FakeNode(FakeCalls& calls, StorageFormat format, const SharedPathName& name, VxStorage* parent,
+                   VxStorageItem* root)
+    : VxStorage(name, parent, root), calls_(calls), format_(format) {}
+
+HRESULT FakeNode::become(HRESULT status) {
+    if (SUCCEEDED(status))
+        storage_ = fakeStorage(calls_);
+    return status;
+}
+
+long FakeNode::createTemporary(bool) { return STG_E_INVALIDFUNCTION; }
+long FakeNode::borrowPackedData(VxStorage*) { return STG_E_INVALIDFUNCTION; }
+long FakeNode::clear() { return STG_E_INVALIDFUNCTION; }
+long FakeNode::createRoot(DWORD stgm, DWORD) { return become(calls_.add(L"createRoot", L"", stgm)); }
+long FakeNode::openRoot(DWORD stgm) { return become(calls_.add(L"openRoot", L"", stgm)); }
+
+std::unique_ptr<VxStorage> FakeNode::newChildStorage(const SharedPathName& name) {
+    return std::unique_ptr<VxStorage>(new FakeNode(calls_, format_, name, this, root_));
+}
+
+std::unique_ptr<VxStream> FakeNode::newChildStream(const SharedPathName& name) {
+    return std::make_unique<FakePart>(format_, name, this, root_);
+}
+
+std::unique_ptr<VxStorageEnumerator> FakeNode::createEnumerator() { return std::make_unique<FakeNodeList>(); }
+
+} // namespace Support

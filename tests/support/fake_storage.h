@@ -1,0 +1,69 @@
+#pragma once
+
+#include "storage/storage_item.h"
+
+#include <windows.h>
+
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <atomic>
+#include <map>
+#include <string>
+#include <utility>
+#include <vector>
+
+/// Storages and streams that hold nothing, tell what they are asked and fail when they are told to.
+namespace Support {
+
+/// What a set of fakes was asked, and what they answer.
+struct FakeCalls {
+    /// The calls so far: their names, the elements' names and the STGM flags, as in "OpenStream Note 0x10".
+    std::vector<std::wstring> log;
+    /// What the call with this number, counted from 0, answers instead of S_OK.
+    std::map<size_t, HRESULT> failures;
+    /// What listings deliver: names and STGTY values.
+    std::vector<std::pair<std::wstring, DWORD>> elements;
+    /// The position of the streams, and how many bytes they still move; each such call ends in E_FAIL all the
+    /// same.
+    ULONGLONG position = 0;
+    ULONGLONG available = 0;
+    /// Fakes that are alive.
+    int alive = 0;
+
+    HRESULT add(const std::wstring& call);
+    HRESULT add(const wchar_t* call, const wchar_t* name, DWORD stgm);
+    /// The calls since the last time, one a line.
+    std::wstring take();
+};
+
+/// A storage with its children; they share `calls`, which outlives them.
+Microsoft::WRL::ComPtr<IStorage> fakeStorage(FakeCalls& calls);
+
+/// A node of a tree over fakes.
+class FakeNode final : public VxStorage {
+public:
+    /// A root.
+    FakeNode(FakeCalls& calls, StorageFormat format, const wchar_t* path = L"root");
+
+    StorageFormat format() const noexcept override { return format_; }
+    long createTemporary(bool flag) override;
+    long borrowPackedData(VxStorage* source) override;
+    bool getFileTimes(FILETIME*, FILETIME*, FILETIME*) override { return false; }
+    std::unique_ptr<VxStorage> newChildStorage(const SharedPathName& name) override;
+    std::unique_ptr<VxStream> newChildStream(const SharedPathName& name) override;
+    std::unique_ptr<VxStorageEnumerator> createEnumerator() override;
+    long clear() override;
+    long createRoot(DWORD stgm, DWORD reserved) override;
+    long openRoot(DWORD stgm) override;
+
+private:
+    FakeNode(FakeCalls& calls, StorageFormat format, const SharedPathName& name, VxStorage* parent,
+             VxStorageItem* root);
+    HRESULT become(HRESULT status);
+
+    FakeCalls& calls_;
+    StorageFormat format_;
+};
+
+} // namespace Support
