@@ -11,7 +11,7 @@ namespace Vexel::Detail {
 /// Runs `body` and turns exhausted memory into its status, however it was raised: by the standard library or,
 /// from the interning of names, by the framework.
 template <class Body>
-long withStatus(Body body) {
+long withStatus(const Body& body) {
     try {
         return body();
     } catch (const std::bad_alloc&) {

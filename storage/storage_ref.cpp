@@ -11,7 +11,8 @@ using Vexel::Detail::elementName;
 using Vexel::Detail::ItemRef;
 using Vexel::Detail::withStatus;
 
-// A name is kept by copy where a node is let go of: it may be the name of that node.
+// Where a node is let go of, name and parent are kept by copy: the name may be that node's, and the handle
+// its own parent.
 
 StorageRef::StorageRef(IStorage* storage) : item_(StorageContainer::Instance().wrap(storage).detach()) {}
 
@@ -50,8 +51,7 @@ long StorageRef::open(const SharedPathName& path, RootStorageOpenMode mode, bool
 long StorageRef::open(const SharedPathName& name, const StorageRef& parent, bool readOnly) {
     if (parent.null())
         return STG_E_INVALIDPARAMETER;
-    return withStatus([&, kept = name] {
-        const StorageRef holder = parent; // the handle may be its own parent
+    return withStatus([&, kept = name, holder = parent] {
         close();
         HRESULT status = E_FAIL;
         item_ = holder.item_->openChildStorage(kept, readOnly, false, &status).detach();
@@ -79,8 +79,7 @@ long StorageRef::create(const SharedPathName& path) {
 long StorageRef::create(const SharedPathName& name, const StorageRef& parent, bool flag) {
     if (parent.null())
         return STG_E_INVALIDPARAMETER;
-    return withStatus([&, kept = name] {
-        const StorageRef holder = parent;
+    return withStatus([&, kept = name, holder = parent] {
         close();
         HRESULT status = E_FAIL;
         item_ = holder.item_->createChildStorage(kept, &status, flag).detach();
