@@ -66,6 +66,10 @@ std::wstring_view parentPath(std::wstring_view text) {
 
 constinit const SharedPathName SharedPathName::null;
 
+// Not constexpr and defined here: an inline variable would not be exported.
+const unsigned SharedPathName::ConvertVersion;
+const unsigned SharedPathName::ArchiveConvertVersion;
+
 CString SharedPathName::asCString() const noexcept { return entry_ ? entry_->text : CString(); }
 
 const wchar_t* SharedPathName::fileName(int* length) const {

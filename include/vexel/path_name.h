@@ -61,8 +61,8 @@ public:
     };
 
     /// The document versions from which a name's hash follows its text: in streams and in archives.
-    static constexpr unsigned ConvertVersion = 3655;
-    static constexpr unsigned ArchiveConvertVersion = 3661;
+    static const unsigned ConvertVersion = 3655;
+    static const unsigned ArchiveConvertVersion = 3661;
 
     /// The empty name.
     static const SharedPathName null;
