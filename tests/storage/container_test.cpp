@@ -1,0 +1,304 @@
+#include "storage/element_name.h"
+#include "storage/error_status.h"
+#include "storage/platform_storage.h"
+#include "support/compound_file.h"
+#include "support/log_capture.h"
+
+#include <vexel/storage.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+using Vexel::Detail::StoragePlatform;
+
+namespace {
+
+constexpr auto modeRead = RootStorageOpenMode::ReadOnly;
+constexpr auto modeReadDenyWrite = RootStorageOpenMode::ReadOnlyDenyWrite;
+constexpr auto modeWrite = RootStorageOpenMode::ReadWrite;
+
+StorageContainer& container() { return StorageContainer::Instance(); }
+
+/// Counts the calls that touch the disk; `failOpen` is what the next opening of a compound file answers.
+class CountedSystem {
+public:
+    static inline int touched;
+    static inline HRESULT failOpen;
+
+    CountedSystem() {
+        touched = 0;
+        failOpen = S_OK;
+        real_ = StoragePlatform();
+        StoragePlatform().readStart = [](const wchar_t* path, std::span<std::byte> bytes, size_t& done) {
+            ++touched;
+            return real_.readStart(path, bytes, done);
+        };
+        StoragePlatform().probeForWriting = [](const wchar_t* path) {
+            ++touched;
+            return real_.probeForWriting(path);
+        };
+        StoragePlatform().openStorage = open;
+    }
+    CountedSystem(const CountedSystem&) = delete;
+    CountedSystem& operator=(const CountedSystem&) = delete;
+    ~CountedSystem() { StoragePlatform() = real_; }
+
+private:
+    static HRESULT WINAPI open(const wchar_t* path, DWORD stgm, DWORD format, DWORD attributes,
+                               STGOPTIONS* options, void* security, REFIID iid, void** result) {
+        ++touched;
+        if (const HRESULT status = std::exchange(failOpen, S_OK); FAILED(status))
+            return status;
+        return real_.openStorage(path, stgm, format, attributes, options, security, iid, result);
+    }
+    static inline Vexel::Detail::PlatformStorage real_;
+};
+
+class Container : public testing::Test {
+protected:
+    void SetUp() override { Support::writeCompoundFile(file_, {{L"Box/Note", "box"}, {L"Note", "note"}}); }
+    ~Container() override {
+        container().setDeleteUnusedObjectsCallback(nullptr);
+        container().deleteUnusedObjects();
+    }
+
+    Support::TempFolder folder_;
+    std::wstring file_ = folder_.file(L"sample.cfb");
+    SharedPathName path_{file_, false, false};
+    LogCapture log_;
+};
+
+TEST_F(Container, OneRootForPathAndKey) {
+    StorageRef shared, sharedToo, keyed, keyedToo;
+    EXPECT_EQ(keyed.open(path_, modeReadDenyWrite, true), S_OK);
+    EXPECT_EQ(
+        keyedToo.open(SharedPathName(folder_.file(L"SAMPLE.CFB"), false, false), modeReadDenyWrite, false),
+        S_OK);
+    EXPECT_EQ(shared.open(path_, modeRead, false), S_OK);
+    EXPECT_EQ(sharedToo.open(path_, modeRead, false), S_OK);
+    EXPECT_TRUE(shared == sharedToo && keyed == keyedToo && shared != keyed);
+    EXPECT_EQ(keyed.format(), StorageFormat::CompoundFile) << "though a package is tried first";
+    shared.close();
+    sharedToo.close();
+    EXPECT_EQ(keyedToo.open(path_, modeWrite, false), S_OK);
+    EXPECT_TRUE(keyedToo == keyed && !keyed.readOnly());
+    EXPECT_EQ(log_.count(VxLog_Minor, L""), 0);
+}
+
+TEST_F(Container, MissingFilesAreAskedForOnce) {
+    const CountedSystem system;
+    const SharedPathName missing(folder_.file(L"missing"), false, false);
+    StorageRef root;
+    const auto openings = [&](RootStorageOpenMode mode, long status) {
+        const int before = CountedSystem::touched;
+        EXPECT_EQ(root.open(missing, mode, false), status);
+        return CountedSystem::touched - before;
+    };
+    EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 1);
+    EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 1) << "nothing is kept without the flags' cache";
+    for (const RootStorageOpenMode first : {modeRead, modeWrite}) {
+        const SharedPathNameFlagsCacheBlock block;
+        const long status =
+            first == modeWrite ? HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND) : STG_E_FILENOTFOUND;
+        EXPECT_EQ(openings(first, status), 1);
+        for (const RootStorageOpenMode mode : {modeRead, modeReadDenyWrite, modeWrite})
+            EXPECT_EQ(openings(mode, status), 0) << "the first answer stands";
+        EXPECT_EQ(log_.count(VxLog_Minor, L"missing\": 0x"), first == modeRead ? 3 : 4) << "nor logged again";
+    }
+    EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 1);
+    const SharedPathNameFlagsCacheBlock block;
+    EXPECT_FALSE(missing.fileExists());
+    EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 0) << "known without having been opened";
+    Support::writeCompoundFile(missing.asString(), {{L"Note", ""}});
+    EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 0) << "until somebody looks";
+    missing.updateFileExists();
+    EXPECT_EQ(openings(modeRead, S_OK), 2);
+    root.close();
+    const SharedPathName text(folder_.file(L"text"), false, false);
+    Support::writeFile(text.asString(), "text");
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(root.open(text, modeRead, false), STG_E_INVALIDHEADER) << "not missing";
+}
+
+TEST_F(Container, ThePlaceOfPackages) {
+    const SharedPathName archive(folder_.file(L"archive.7z"), false, false);
+    Support::writeFile(archive.asString(), "7z\xBC\xAF\x27\x1C rest");
+    const SharedPathName fresh(folder_.file(L"fresh"), false, false);
+    StorageRef root;
+    const auto unsupported = STG_E_UNIMPLEMENTEDFUNCTION;
+    EXPECT_EQ(root.open(archive, modeRead, false), unsupported);
+    EXPECT_EQ(root.open(archive, modeWrite, false), unsupported);
+    EXPECT_EQ(root.create(fresh), unsupported);
+    EXPECT_EQ(root.createTemporary(false), unsupported);
+    EXPECT_TRUE(root.null());
+    EXPECT_EQ(log_.count(VxLog_Minor, L"\"" + std::wstring(archive.asString()) + L"\": 0x800300fe"), 2);
+    EXPECT_EQ(log_.count(VxLog_Minor, L"not supported: \"" + std::wstring(fresh.asString()) + L"\""), 1);
+
+    // A compound file that was open and is in nobody's use does not stand in the way of a package.
+    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
+    EXPECT_EQ(root.create(path_), unsupported) << "the handle lets go of it first";
+    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
+    root.close();
+    Support::writeFile(file_, "no longer a storage");
+    EXPECT_EQ(root.open(path_, modeRead, false), STG_E_INVALIDHEADER);
+}
+
+TEST_F(Container, CreatingOverAnOpenRoot) {
+    StorageRef root, second;
+    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
+    EXPECT_EQ(second.create(path_), STG_E_FILEALREADYEXISTS);
+    EXPECT_TRUE(root.storage() && second.null());
+}
+
+TEST_F(Container, UnusedNodesLetGoForAKeyedRoot) {
+    StorageRef shared, box, keyed;
+    ASSERT_EQ(shared.open(path_, modeRead, false), S_OK);
+    ASSERT_EQ(box.open(L"Box", shared, true), S_OK);
+    StreamRef note;
+    ASSERT_EQ(note.open(L"Note", box, true), S_OK);
+    const SharedPathName inBox = note.name();
+    note.close();
+    ASSERT_EQ(keyed.open(path_, modeReadDenyWrite, false), S_OK);
+    EXPECT_FALSE(container().deleteUnusedObjects()) << "nothing was left to free";
+    EXPECT_TRUE(box.hasChild(inBox, StorageType::Stream) && shared.storage());
+}
+
+TEST_F(Container, CleanUpDuringAnOpening) {
+    const CountedSystem system;
+    StorageRef used, root;
+    ASSERT_EQ(used.open(path_, modeRead, false), S_OK);
+    StreamRef note;
+    ASSERT_EQ(note.open(L"Note", used, true), S_OK);
+    note.close();
+    const SharedPathName other(folder_.file(L"other.cfb"), false, false);
+    Support::writeCompoundFile(other.asString(), {{L"Note", ""}});
+
+    CountedSystem::failOpen = STG_E_TOOMANYOPENFILES;
+    EXPECT_EQ(root.open(other, modeRead, false), S_OK) << "the unused stream was freed";
+    root.close();
+    container().deleteUnusedObjects();
+    CountedSystem::failOpen = STG_E_TOOMANYOPENFILES;
+    EXPECT_EQ(root.open(other, modeRead, false), STG_E_TOOMANYOPENFILES) << "there was nothing to free";
+
+    static int runs;
+    runs = 0;
+    container().setDeleteUnusedObjectsCallback([] {
+        ++runs;
+        container().deleteUnusedObjects(); // the lock is this thread's already
+        return true;
+    });
+    CountedSystem::failOpen = STG_E_INSUFFICIENTMEMORY;
+    EXPECT_EQ(root.open(other, modeWrite, false), S_OK);
+    EXPECT_EQ(runs, 1);
+    EXPECT_TRUE(used.storage());
+}
+
+TEST_F(Container, ClearingLeavesHandlesSafe) {
+    StorageRef root, wrapped;
+    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
+    StreamRef note;
+    ASSERT_EQ(note.open(L"Note", root, true), S_OK);
+    const std::wstring caller = folder_.file(L"caller.cfb");
+    Support::writeCompoundFile(caller, {{L"Note", "note"}});
+    const auto storage =
+        Support::openCompoundFile(caller, STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READWRITE);
+    wrapped = StorageRef::fromPtr(storage.Get());
+    container().clearAll();
+    EXPECT_NE(Support::openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE),
+              nullptr)
+        << "the file is let go of";
+    EXPECT_NE(StorageRef::fromPtr(storage.Get()), wrapped) << "the table is empty";
+    root.close();
+    note.close();
+    wrapped.close();
+    EXPECT_TRUE(container().deleteUnusedObjects());
+    EXPECT_FALSE(container().deleteUnusedObjects());
+}
+
+TEST_F(Container, WrappedInterfacesComeBackAfterTheirLastHandle) {
+    const auto storage =
+        Support::openCompoundFile(file_, STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READWRITE);
+    for (int i = 0; i < 2; ++i) {
+        StorageRef root = StorageRef::fromPtr(storage.Get());
+        EXPECT_EQ(root, StorageRef::fromPtr(storage.Get()));
+        EXPECT_EQ(root.storage(), storage.Get());
+        EXPECT_FALSE(root.readOnly());
+        StreamRef note;
+        EXPECT_EQ(note.open(L"Note", root, true), S_OK);
+    }
+    Microsoft::WRL::ComPtr<::IStream> free;
+    EXPECT_EQ(storage->OpenStream(L"Note", nullptr, STGM_SHARE_EXCLUSIVE | STGM_READ, 0, &free), S_OK)
+        << "the last handle closed it";
+    storage->AddRef();
+    EXPECT_EQ(storage->Release(), 2u) << "the table's";
+    EXPECT_TRUE(container().deleteUnusedObjects());
+    storage->AddRef();
+    EXPECT_EQ(storage->Release(), 1u);
+}
+
+TEST_F(Container, OpenCloseAndCleanUpOnManyThreads) {
+    StorageRef outer;
+    ASSERT_EQ(outer.open(path_, modeReadDenyWrite, false), S_OK);
+    std::atomic<bool> stop{false};
+    std::atomic<int> failures{0};
+    std::thread cleaner([&] {
+        while (!stop)
+            container().deleteUnusedObjects();
+    });
+    const auto work = [&](RootStorageOpenMode mode, bool children) {
+        for (int i = 0; i < 60; ++i) {
+            StorageRef root;
+            StreamRef note;
+            if (FAILED(root.open(path_, mode, false)) || root.format() != StorageFormat::CompoundFile)
+                ++failures;
+            // The nodes of one root are for one thread.
+            if (children && (FAILED(note.open(L"Note", root, true)) || note.size() != 4))
+                ++failures;
+            if (i % 2)
+                root.close();
+        }
+    };
+    std::vector<std::thread> threads;
+    threads.emplace_back(work, modeRead, true);
+    for (int i = 0; i < 3; ++i)
+        threads.emplace_back(work, modeReadDenyWrite, false);
+    for (std::thread& thread : threads)
+        thread.join();
+    stop = true;
+    cleaner.join();
+    EXPECT_EQ(failures, 0);
+    outer.close();
+    container().deleteUnusedObjects();
+    EXPECT_FALSE(container().deleteUnusedObjects());
+}
+
+TEST(ContainerSettings, CreateOnDiskReturnsThePrevious) {
+    EXPECT_FALSE(container().SetCreateOnDisk(true));
+    EXPECT_TRUE(container().createOnDisk());
+    EXPECT_TRUE(container().setCreateOnDisk(false));
+    EXPECT_FALSE(container().GetCreateOnDisk());
+}
+
+TEST(ErrorStatus, SystemErrorsAndConditions) {
+    const std::pair<std::error_code, HRESULT> cases[] = {
+        {{}, S_OK},
+        {{ERROR_SHARING_VIOLATION, std::system_category()}, HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION)},
+        {{2, std::generic_category()}, STG_E_FILENOTFOUND},
+        {{12, std::generic_category()}, STG_E_INSUFFICIENTMEMORY},
+        {{13, std::generic_category()}, STG_E_ACCESSDENIED},
+        {{20, std::generic_category()}, STG_E_PATHNOTFOUND},
+        {{21, std::generic_category()}, STG_E_INVALIDFUNCTION},
+        {{23, std::generic_category()}, STG_E_TOOMANYOPENFILES},
+        {{24, std::generic_category()}, STG_E_TOOMANYOPENFILES},
+        {{38, std::generic_category()}, STG_E_INVALIDNAME},
+        {{17, std::generic_category()}, E_FAIL},
+    };
+    for (const auto& [error, status] : cases)
+        EXPECT_EQ(Vexel::Detail::statusOf(error), status) << error;
+}
+
+} // namespace
