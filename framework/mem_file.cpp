@@ -91,7 +91,9 @@ void CMemFile::Write(const void* data, UINT count) {
 void CMemFile::Flush() {}
 
 ULONGLONG CMemFile::Seek(LONGLONG offset, UINT origin) {
-    const SIZE_T base = origin == begin ? 0 : origin == current ? position_ : length_;
+    SIZE_T base = origin == current ? position_ : length_;
+    if (origin == begin)
+        base = 0;
     // Positions stay below 2^63, so that adding a count never wraps.
     const bool valid = origin <= end && (offset < 0 ? base >= 0 - static_cast<ULONGLONG>(offset)
                                                     : offset <= LLONG_MAX - static_cast<LONGLONG>(base));

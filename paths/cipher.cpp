@@ -44,7 +44,7 @@ struct SECCryptoBlackBox::Wheel {
     bool accept(const char* key, int keyLength) {
         if (data)
             return false;
-        data = std::make_unique<unsigned char[]>(static_cast<std::size_t>(keyLength + runBytes));
+        data = std::make_unique<unsigned char[]>(static_cast<std::size_t>(keyLength) + runBytes);
         for (int i = 0; i < keyLength + runBytes; ++i)
             data[static_cast<std::size_t>(i)] = static_cast<unsigned char>(key[i % keyLength]);
         length = keyLength;
@@ -92,9 +92,11 @@ SECCryptoBlackBox::SECCryptoBlackBox(wchar_t* password, eDir direction, eMode mo
 
 SECCryptoBlackBox::~SECCryptoBlackBox() = default;
 
+// NOLINTNEXTLINE(readability-non-const-parameter): the exported signature
 void SECCryptoBlackBox::HashString(char* input, int inputLength, char* output, int outputLength) {
     std::uint8_t sum = 0;
     for (int i = 0; i < outputLength; ++i) {
+        // NOLINTNEXTLINE(bugprone-signed-char-misuse): characters count as signed
         const int c = static_cast<signed char>(input[i % inputLength]);
         sum = static_cast<std::uint8_t>(sum + (i + c) * 17);
         output[i] = static_cast<char>(c * sum + static_cast<signed char>(input[(i + 1) % inputLength]));

@@ -13,8 +13,8 @@ namespace Vexel::Detail {
 /// storage refuses what others then cannot open.
 inline bool isElementName(StorageFormat format, std::wstring_view name) noexcept {
     constexpr size_t longest = 31;
-    return format != StorageFormat::CompoundFile ||
-           (!name.empty() && name.size() <= longest && name.find_first_of(L"/\\:!") == name.npos);
+    return format != StorageFormat::CompoundFile || (!name.empty() && name.size() <= longest &&
+                                                     name.find_first_of(L"/\\:!") == std::wstring_view::npos);
 }
 
 /// `status` of looking for the element `name`, with the reason in its place where there can be none.

@@ -9,7 +9,6 @@
 #include <vexel/diagnostics.h>
 #include <vexel/storage.h>
 
-using Microsoft::WRL::ComPtr;
 using Vexel::Detail::ItemRef;
 using Vexel::Detail::lockTree;
 

@@ -100,6 +100,7 @@ IStorage* VxStorage::storage() {
     return storage_.Get();
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the items that hold each other
 long VxStorage::open(bool readOnly, bool rootFlag) {
     if (storage_ && readOnly_ && !readOnly) {
         if (name_.empty())
@@ -119,6 +120,7 @@ long VxStorage::open(bool readOnly, bool rootFlag) {
     return status;
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): see open
 long VxStorage::openInParent(bool readOnly) {
     const HRESULT status = parent_->open(readOnly, false);
     if (FAILED(status))

@@ -51,6 +51,8 @@ long StorageRef::open(const SharedPathName& path, RootStorageOpenMode mode, bool
 long StorageRef::open(const SharedPathName& name, const StorageRef& parent, bool readOnly) {
     if (parent.null())
         return STG_E_INVALIDPARAMETER;
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): close() may let go of the parent's last
+    // handle
     return withStatus([&, kept = name, holder = parent] {
         close();
         HRESULT status = E_FAIL;
@@ -79,6 +81,8 @@ long StorageRef::create(const SharedPathName& path) {
 long StorageRef::create(const SharedPathName& name, const StorageRef& parent, bool flag) {
     if (parent.null())
         return STG_E_INVALIDPARAMETER;
+    // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): close() may let go of the parent's last
+    // handle
     return withStatus([&, kept = name, holder = parent] {
         close();
         HRESULT status = E_FAIL;
