@@ -12,6 +12,13 @@
 ///    bases (the inheritance is not virtual, the order of the slots is part of the binary interface), which
 ///    share one implementation: name the side where a plain IStream is wanted.
 
+#include <vexel/export.h>
+
+#include <windows.h>
+
+#include <objidl.h>
+#include <wrl/client.h>
+
 namespace vxio {
 
 /// Positioning, common to both directions.
@@ -49,6 +56,45 @@ public:
 
 protected:
     ~IWriteStream() = default;
+};
+
+/// A COM stream as a byte stream of the library. Holds a reference on it; without a stream everything is 0
+/// and nothing moves. Statuses are not looked at: what the COM stream says it has moved counts.
+class VEXEL_API IStreamStream : public IReadStream, public IWriteStream {
+public:
+    IStreamStream() noexcept = default;
+    /// Takes a reference of its own.
+    explicit IStreamStream(::IStream* stream) : stream_(stream) {}
+    /// A copy shares the COM stream, and so its position.
+    IStreamStream(const IStreamStream&) = default;
+    IStreamStream(IStreamStream&&) noexcept = default;
+    IStreamStream& operator=(const IStreamStream&) = default;
+    /// Leaves `other` without a stream, unless both hold the same one: then nothing happens.
+    IStreamStream& operator=(IStreamStream&& other) noexcept;
+    ~IStreamStream();
+
+    /// Holds `stream`, which may be null, in place of the present one, by a reference of its own.
+    void Attach(::IStream* stream);
+    void Close();
+
+    /// Borrowed.
+    ::IStream* GetStream() const noexcept { return stream_.Get(); }
+    explicit operator bool() const noexcept { return stream_ != nullptr; }
+
+    /// Writes to any COM stream, in calls as long as COM's counts reach; 0 for null.
+    static unsigned long long WriteBytes(::IStream* stream, const void* buffer, unsigned long long count);
+
+    /// 0 when the move fails.
+    unsigned long long SeekToEnd() override;
+    void SeekToBegin() override;
+    unsigned long long GetLength() override;
+    unsigned long long Seek(SeekPosition origin, long long offset) override;
+    unsigned long long GetPosition() const override;
+    unsigned long long ReadBytes(void* buffer, unsigned long long count) override;
+    unsigned long long WriteBytes(const void* buffer, unsigned long long count) override;
+
+private:
+    Microsoft::WRL::ComPtr<::IStream> stream_;
 };
 
 } // namespace vxio

@@ -1,0 +1,173 @@
+#include "io/com_stream.h"
+#include "io/string_bytes.h"
+
+#include <vexel/strings.h>
+
+#include <algorithm>
+#include <cstdint>
+#include <limits>
+
+using Vexel::Detail::frameworkString;
+using Vexel::Detail::readArriving;
+using Vexel::Detail::wideFrom;
+
+namespace {
+
+constexpr int firstWideVersion = 2861;
+
+template <class Integer>
+bool readInteger(vxio::IReadStream& stream, Integer& value) {
+    value = 0;
+    Integer stored = 0;
+    if (stream.ReadBytes(&stored, sizeof stored) != sizeof stored)
+        return false;
+    value = stored;
+    return true;
+}
+
+template <class Integer>
+void writeInteger(vxio::IWriteStream& stream, Integer value) {
+    stream.WriteBytes(&value, sizeof value);
+}
+
+std::string readBytes(vxio::IReadStream& stream, unsigned long long count) {
+    return readArriving(count,
+                        [&](char* buffer, std::size_t bytes) { return stream.ReadBytes(buffer, bytes); });
+}
+
+unsigned long byteCount(const CStringW& text) { return static_cast<unsigned long>(text.GetLength()) * 2; }
+
+// The length in layout M; the stream stands behind it.
+std::uint64_t readArchiveLength(vxio::IReadStream& stream) {
+    constexpr std::uint16_t unicodeMark = 0xFFFE;
+    std::uint8_t byte = 0;
+    readInteger(stream, byte);
+    if (byte != 0xFF)
+        return byte;
+    std::uint16_t word = 0;
+    readInteger(stream, word);
+    if (word == unicodeMark) {
+        readInteger(stream, byte);
+        if (byte != 0xFF)
+            return byte;
+        readInteger(stream, word);
+    }
+    if (word != 0xFFFF)
+        return word;
+    std::uint32_t length = 0;
+    readInteger(stream, length);
+    if (length != 0xFFFFFFFF)
+        return length;
+    std::uint64_t longLength = 0;
+    readInteger(stream, longLength);
+    return longLength;
+}
+
+void writeArchiveLength(vxio::IWriteStream& stream, std::uint64_t length) {
+    if (length < 0xFF)
+        return writeInteger(stream, static_cast<std::uint8_t>(length));
+    writeInteger(stream, std::uint8_t{0xFF});
+    if (length < 0xFFFE)
+        return writeInteger(stream, static_cast<std::uint16_t>(length));
+    writeInteger(stream, std::uint16_t{0xFFFF});
+    if (length < 0xFFFFFFFF)
+        return writeInteger(stream, static_cast<std::uint32_t>(length));
+    writeInteger(stream, std::uint32_t{0xFFFFFFFF});
+    writeInteger(stream, length);
+}
+
+} // namespace
+
+void VxwWriteString(vxio::IWriteStream& stream, const CStringW& text) {
+    writeInteger(stream, static_cast<std::uint32_t>(byteCount(text)));
+    stream.WriteBytes(text.GetString(), byteCount(text));
+}
+
+void VxwWriteString(vxio::IWriteStream& stream, std::wstring_view text) {
+    constexpr std::size_t longest = std::numeric_limits<std::uint32_t>::max();
+    const auto count = static_cast<std::uint32_t>((std::min)(text.size(), longest));
+    writeInteger(stream, count);
+    stream.WriteBytes(text.data(), count * 2ULL);
+}
+
+void VxwReadString(vxio::IReadStream& stream, CStringW& text, int version) {
+    if (version >= firstWideVersion) {
+        VxwReadUniString(stream, text);
+        return;
+    }
+    std::string narrow;
+    VxwReadStringA(stream, narrow);
+    text = narrow.c_str();
+}
+
+void VxwReadString(vxio::IReadStream& stream, std::wstring& text, int version) {
+    if (version >= firstWideVersion) {
+        VxwReadStringW(stream, text);
+        return;
+    }
+    std::uint32_t count = 0;
+    if (!readInteger(stream, count) || count == 0)
+        return;
+    const std::string narrow = readBytes(stream, (std::min)(count, 0x7FFFFFFFU));
+    text.assign(narrow.size(), L'\0');
+    const int length = static_cast<int>(narrow.size());
+    if (length != 0)
+        MultiByteToWideChar(CP_THREAD_ACP, 0, narrow.data(), length, text.data(), length);
+}
+
+void VxwReadStringA(vxio::IReadStream& stream, std::string& text) {
+    std::uint32_t count = 0;
+    readInteger(stream, count);
+    text = readBytes(stream, count);
+}
+
+void VxwReadStringW(vxio::IReadStream& stream, std::wstring& text) {
+    std::uint32_t count = 0;
+    readInteger(stream, count);
+    VxwReadStringW(stream, text, count);
+}
+
+void VxwReadStringW(vxio::IReadStream& stream, std::wstring& text, unsigned count) {
+    text = wideFrom(readBytes(stream, count * 2ULL), count);
+}
+
+bool VxwReadUniString(vxio::IReadStream& stream, CStringW& text) {
+    std::uint32_t count = 0;
+    const bool counted = readInteger(stream, count);
+    const std::string bytes = readBytes(stream, count);
+    text = Vexel::Detail::uniString(bytes, count);
+    return counted && bytes.size() == count;
+}
+
+void VxwReadUniString(::IStream* stream, CStringW& text) {
+    if (!stream)
+        return;
+    std::uint32_t count = 0;
+    ULONG done = 0;
+    if (FAILED(stream->Read(&count, sizeof count, &done)) || done != sizeof count)
+        count = 0;
+    const std::string bytes = readArriving(count, [&](char* buffer, std::size_t size) {
+        return Vexel::Detail::readBytes(stream, buffer, size);
+    });
+    text = Vexel::Detail::uniString(bytes, count);
+}
+
+void VxwWriteUniString(::IStream* stream, const CStringW& text) {
+    const auto count = static_cast<std::uint32_t>(byteCount(text));
+    if (vxio::IStreamStream::WriteBytes(stream, &count, sizeof count) != 0 && count != 0)
+        vxio::IStreamStream::WriteBytes(stream, text.GetString(), count);
+}
+
+void VxwWriteCArchiveString(vxio::IWriteStream& stream, const CStringW& text) {
+    writeInteger(stream, std::uint8_t{0xFF});
+    writeInteger(stream, std::uint16_t{0xFFFE});
+    writeArchiveLength(stream, static_cast<std::uint64_t>(text.GetLength()));
+    stream.WriteBytes(text.GetString(), byteCount(text));
+}
+
+void VxwReadCArchiveString(vxio::IReadStream& stream, CStringW& text) {
+    const std::uint64_t length = readArchiveLength(stream);
+    if (length > 0x7FFFFFFF)
+        AfxThrowArchiveException(CArchiveException::genericException, nullptr);
+    text = frameworkString(wideFrom(readBytes(stream, length * 2), length));
+}
