@@ -64,14 +64,20 @@ std::uint64_t readArchiveLength(vxio::IReadStream& stream) {
 }
 
 void writeArchiveLength(vxio::IWriteStream& stream, std::uint64_t length) {
-    if (length < 0xFF)
-        return writeInteger(stream, static_cast<std::uint8_t>(length));
+    if (length < 0xFF) {
+        writeInteger(stream, static_cast<std::uint8_t>(length));
+        return;
+    }
     writeInteger(stream, std::uint8_t{0xFF});
-    if (length < 0xFFFE)
-        return writeInteger(stream, static_cast<std::uint16_t>(length));
+    if (length < 0xFFFE) {
+        writeInteger(stream, static_cast<std::uint16_t>(length));
+        return;
+    }
     writeInteger(stream, std::uint16_t{0xFFFF});
-    if (length < 0xFFFFFFFF)
-        return writeInteger(stream, static_cast<std::uint32_t>(length));
+    if (length < 0xFFFFFFFF) {
+        writeInteger(stream, static_cast<std::uint32_t>(length));
+        return;
+    }
     writeInteger(stream, std::uint32_t{0xFFFFFFFF});
     writeInteger(stream, length);
 }
