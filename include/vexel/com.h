@@ -1,0 +1,71 @@
+#pragma once
+
+/// Reference counting for the COM objects that the library implements.
+
+#include <vexel/export.h>
+
+#include <windows.h>
+
+#include <objidl.h>
+
+#include <atomic>
+
+namespace Vexel {
+
+/// The base of a COM object: derives from the COM interface `I` and gives it `IUnknown`. The creator holds
+/// the first reference; the object deletes itself when the last one goes.
+///
+/// Threads: references may be taken and released, and `numRefs` be asked, on any thread.
+template <class I>
+class IUnknownImpl : public I {
+public:
+    IUnknownImpl& operator=(const IUnknownImpl&) = delete;
+
+    /// Answers only `IID_IUnknown`; classes that stand for more interfaces override it. `E_POINTER` when
+    /// `ppv` is null; `*ppv` is null whenever the status is not `S_OK`, `E_NOINTERFACE` for all other
+    /// interfaces.
+    HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override {
+        if (!ppv)
+            return E_POINTER;
+        *ppv = nullptr;
+        return iid == __uuidof(IUnknown) ? hand(ppv) : E_NOINTERFACE;
+    }
+
+    /// Both return the new count.
+    ULONG STDMETHODCALLTYPE AddRef() noexcept override {
+        return references_.fetch_add(1, std::memory_order_relaxed) + 1;
+    }
+    ULONG STDMETHODCALLTYPE Release() noexcept override {
+        const ULONG left = references_.fetch_sub(1, std::memory_order_acq_rel) - 1;
+        if (left == 0)
+            delete this;
+        return left;
+    }
+
+    /// The current count. Worth something only to one who knows that no other thread changes it.
+    ULONG numRefs() const noexcept { return references_.load(std::memory_order_acquire); }
+
+protected:
+    IUnknownImpl() noexcept = default;
+    /// A copy is an object of its own, with one reference.
+    IUnknownImpl(const IUnknownImpl& /*other*/) noexcept : I() {}
+
+    /// The first virtual function after those of `I`: `Release` deletes through it, in the module that made
+    /// the object.
+    virtual ~IUnknownImpl() = default;
+
+    /// Ends a successful `QueryInterface`: this object with one more reference. `S_OK`.
+    HRESULT hand(void** ppv) noexcept {
+        *ppv = static_cast<I*>(this);
+        AddRef();
+        return S_OK;
+    }
+
+private:
+    std::atomic<ULONG> references_{1};
+};
+
+// The one instance whose code clients share.
+extern template class VEXEL_API IUnknownImpl<::IStream>;
+
+} // namespace Vexel

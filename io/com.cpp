@@ -1,0 +1,7 @@
+#include <vexel/com.h>
+
+namespace Vexel {
+
+template class VEXEL_API IUnknownImpl<::IStream>;
+
+} // namespace Vexel
