@@ -8,6 +8,7 @@
 /// process has ended; one name object belongs to one thread at a time unless nobody changes it. Exhausted
 /// memory throws the framework's memory exception and leaves every name as it was.
 
+#include <vexel/byte_streams.h>
 #include <vexel/export.h>
 #include <vexel/flag_set.h>
 #include <vexel/framework.h>
@@ -17,6 +18,8 @@
 #include <cstdint>
 #include <string_view>
 #include <utility>
+
+class StreamRef;
 
 namespace Vexel::Detail {
 struct SharedPathEntry;
@@ -165,12 +168,48 @@ public:
 
     Vexel::FlagSet<SharedPathNameFlag> flags() const noexcept;
 
+    // In documents: the text, then, unless it is empty, the 32-bit hash of the name's entry, little-endian.
+    //
+    // Archives hold the text as the framework does, streams in the layouts of strings.h: VxwWriteString's of
+    // a CString, and the same through COM. Whether a hash follows is told by comparing `fileVersion`, the
+    // document's, with `hashVersion`, one of the two constants above. Null streams and handles are left
+    // alone.
+
+    /// Always with the hash. CArchiveException* (readOnly) when the archive is loading.
+    void write(CArchive& archive) const;
+    /// With the hash where `fileVersion` has reached `hashVersion`.
+    void write(vxio::IWriteStream& stream, unsigned fileVersion, unsigned hashVersion) const;
+    /// Always with the hash.
+    void write(::IStream* stream) const;
+    void write(const StreamRef& stream) const;
+
+    // The name becomes the text read, interned with the case asked for. Documents of version 3688 and later
+    // have their hash taken at its word, and the text as it stands; before that the hash is dropped and
+    // worked out anew. Short data make short or null names.
+
+    /// CArchiveException*: writeOnly when the archive is storing, and what the archive raises on bad data.
+    void read(CArchive& archive, unsigned fileVersion, unsigned hashVersion, Vexel::FlagSet<ReadFlag> flags);
+    /// With ReadFlag::CArchiveString the text is in the layout of the framework's archives;
+    /// CArchiveException* for a length beyond what a string holds.
+    void read(vxio::IReadStream& stream, unsigned fileVersion, unsigned hashVersion,
+              Vexel::FlagSet<ReadFlag> flags);
+    /// Knows the streams' layout only. Without a hash the case does not count, whatever `flags` say:
+    /// documents of that age rely on it.
+    void read(::IStream* stream, unsigned fileVersion, unsigned hashVersion, Vexel::FlagSet<ReadFlag> flags);
+    /// As one of the two before, by ReadFlag::CArchiveString.
+    void read(const StreamRef& stream, unsigned fileVersion, unsigned hashVersion,
+              Vexel::FlagSet<ReadFlag> flags);
+
 private:
     friend class SharedPathNameFlagsCacheBlock;
 
     explicit SharedPathName(Vexel::Detail::SharedPathEntry* entry) noexcept : entry_(entry) {}
     static void destroyUnused(Vexel::Detail::SharedPathEntry* entry, std::uint32_t hash) noexcept;
     void cacheFlags(std::uint32_t known, std::uint32_t bits) const noexcept;
+    void attach(const CString& text, unsigned hash, bool caseSensitive);
+    template <class ReadHash>
+    void become(const CString& text, bool hashFollows, unsigned fileVersion, bool caseSensitive,
+                ReadHash readHash);
 
     Vexel::Detail::SharedPathEntry* entry_ = nullptr; // counts in it
 };
