@@ -37,8 +37,9 @@
 ///    reopens the node; take a reference to keep one longer.
 /// 8. What is released when. Dropping a handle does not close its node. A compound file's storage is closed
 ///    when its last handle goes and none of its children is cached; with the last handle on any of its
-///    nodes the whole root is closed, cached children included, and its file is free for others. A package
-///    stays open, so that it is not read again for each handle, until a clean-up finds it unused.
+///    nodes the whole root is closed, cached children included, and its file is free for others. Until then
+///    the children of a storage named "FileLinks" stay open. A package stays open, so that it is not read
+///    again for each handle, until a clean-up finds it unused.
 /// 9. Clean-up. StorageContainer::deleteUnusedObjects closes and frees what no handle uses. The library
 ///    runs it by itself when the system reports exhausted memory or file handles, and repeats the failed
 ///    call once.
@@ -383,8 +384,8 @@ public:
     /// the container's lock, so it must not wait for a thread that opens or closes handles.
     void setDeleteUnusedObjectsCallback(bool (*callback)());
 
-    /// Destroys all roots, for the end of the application: no handle may be used afterwards that was opened
-    /// before.
+    /// Closes all roots, with what was not committed, and empties the tables; for the end of the application.
+    /// Handles that are left stay valid: when used again, they open their root anew, apart from later ones.
     void clearAll();
 
 private:
