@@ -84,8 +84,13 @@ public:
     };
     struct Chain {
         End end = End::Clean;
-        std::uint32_t last = 0; ///< where it ends, or leads to what it must not
+        std::uint32_t last = 0;  ///< where it ends, or leads to what it must not
+        std::size_t length = 0;  ///< in sectors
+        bool leavesRoom = false; ///< whether it has sectors that the table lists but the room does not hold
     };
+
+    /// The number of sectors that really exist.
+    void setRoom(std::uint64_t sectors) noexcept { room_ = sectors; }
 
     void append(std::span<const std::byte> sector, std::size_t wholeBytes) {
         const std::size_t old = next_.size();
@@ -106,14 +111,18 @@ public:
     template <class Visit>
     Chain follow(std::uint32_t start, Visit visit) {
         Chain chain{End::Clean, start};
-        std::size_t length = 0;
         for (std::uint32_t sector = start; sector != kEndOfChain; sector = next_[sector]) {
-            if (sector >= next_.size())
-                return {End::Broken, chain.last};
-            if (!used_.insert(sector))
-                return {isAmongFirst(length, start, sector) ? End::Circle : End::Shared, chain.last};
-            ++length;
+            if (sector >= next_.size()) {
+                chain.end = End::Broken;
+                return chain;
+            }
+            if (!used_.insert(sector)) {
+                chain.end = isAmongFirst(chain.length, start, sector) ? End::Circle : End::Shared;
+                return chain;
+            }
             chain.last = sector;
+            chain.leavesRoom = chain.leavesRoom || sector >= room_;
+            ++chain.length;
             visit(sector);
         }
         return chain;
@@ -129,6 +138,7 @@ private:
 
     std::vector<std::uint32_t> next_;
     NumberSet used_;
+    std::uint64_t room_ = 0;
 };
 
 class CompoundChecker {
@@ -210,6 +220,7 @@ private:
                 return false;
             fat_.append(bytes, reader_.sectorBytes());
         }
+        fat_.setRoom(reader_.sectors());
         return true;
     }
 
@@ -238,7 +249,7 @@ private:
         case AllocationTable::End::Clean:
             break;
         }
-        return true;
+        return !chain.leavesRoom || unfitForWriting("a chain of sectors leads behind the end", chain.last);
     }
 
     bool loadDirectory() {
@@ -271,6 +282,8 @@ private:
     bool checkTree() {
         reached_.resize(entries_.size());
         reached_.insert(0);
+        if (entries_[0].nameBytes == 0 && !unfitForWriting("the root has no name"))
+            return false;
         std::vector<TreeStep> pending;
         if (!reach(entries_[0].child, 1, pending))
             return false;
@@ -278,6 +291,8 @@ private:
             const TreeStep step = pending.back();
             pending.pop_back();
             const Entry& entry = entries_[step.entry];
+            if (entry.nameBytes == 0 && !unfitForWriting("an element has no name", step.entry))
+                return false;
             if (!reach(entry.left, step.depth, pending) || !reach(entry.right, step.depth, pending))
                 return false;
             if (entry.type == EntryType::Storage && !reach(entry.child, step.depth + 1, pending))
@@ -305,23 +320,27 @@ private:
     }
 
     bool checkStreams() {
-        if (!checkStream(entries_[0], fat_))
-            return false;
+        miniFat_.setRoom((entries_[0].size + kMiniSectorBytes - 1) / kMiniSectorBytes);
         for (std::uint32_t i = 1; i < entries_.size(); ++i) {
             const Entry& entry = entries_[i];
-            if (!reached_.contains(i) || entry.type != EntryType::Stream)
+            // An empty stream has no chain, whatever its start says: some writers leave 0 there.
+            if (!reached_.contains(i) || entry.type != EntryType::Stream || entry.size == 0)
                 continue;
             // Nobody follows a chain of mini sectors further than the stream's few bytes, but for writing.
             const bool mini = entry.size < kMiniStreamCutoff;
-            if ((!mini || writing_) && !checkStream(entry, mini ? miniFat_ : fat_))
+            if (mini ? writing_ && !checkStream(i, miniFat_, kMiniSectorBytes)
+                     : !checkStream(i, fat_, reader_.sectorBytes()))
                 return false;
         }
-        return true;
+        // The root's stream holds the mini sectors; the system follows its chain even if that is empty.
+        return checkStream(0, fat_, reader_.sectorBytes());
     }
 
-    /// An empty stream has no chain, whatever its start says: some writers leave 0 there.
-    bool checkStream(const Entry& entry, AllocationTable& table) {
-        return entry.size == 0 || acceptEnd(table.follow(entry.start, [](std::uint32_t) {}));
+    bool checkStream(std::uint32_t number, AllocationTable& table, std::size_t bytesPerSector) {
+        const Entry& entry = entries_[number];
+        const auto chain = table.follow(entry.start, [](std::uint32_t) {});
+        return acceptEnd(chain) && (chain.length >= (entry.size + bytesPerSector - 1) / bytesPerSector ||
+                                    unfitForWriting("a stream is longer than its chain of sectors", number));
     }
 
     SectorReader reader_;

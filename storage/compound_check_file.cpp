@@ -1,3 +1,4 @@
+#include "paths/file_handle.h"
 #include "storage/compound_check.h"
 
 #include <vexel/diagnostics.h>
@@ -5,7 +6,6 @@
 #include <windows.h>
 
 #include <algorithm>
-#include <memory>
 #include <new>
 #include <optional>
 
@@ -18,15 +18,9 @@ namespace {
 constexpr int kLooks = 4;
 constexpr DWORD kMillisecondsBetweenLooks = 20;
 
-struct CloseFile {
-    void operator()(void* file) const noexcept { CloseHandle(file); }
-};
-using FileHandle = std::unique_ptr<void, CloseFile>;
-
 FileHandle openFile(const wchar_t* path, DWORD share) noexcept {
-    const HANDLE file =
-        CreateFileW(path, GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr);
-    return FileHandle(file == INVALID_HANDLE_VALUE ? nullptr : file);
+    return FileHandle(
+        CreateFileW(path, GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
 }
 
 class FileSource final : public CompoundSource {
@@ -81,8 +75,12 @@ bool isBeingWritten(const wchar_t* path) noexcept {
 
 CompoundVerdict lookUntilSteady(const wchar_t* path, CompoundAccess access) {
     CompoundVerdict verdict = look(path, access);
-    for (int i = 1; i < kLooks && FAILED(verdict.status) && isBeingWritten(path); ++i) {
-        Sleep(kMillisecondsBetweenLooks);
+    bool written = true;
+    for (int i = 1; i < kLooks && written && FAILED(verdict.status); ++i) {
+        // Once more without a writer too: it may have finished just now.
+        written = isBeingWritten(path);
+        if (written)
+            Sleep(kMillisecondsBetweenLooks);
         verdict = look(path, access);
     }
     return verdict;

@@ -23,6 +23,7 @@ constexpr std::size_t kDifatSectorsAt = 72;
 constexpr std::size_t kDifatAt = 76;
 
 // Where an entry's fields are.
+constexpr std::size_t kNameBytesAt = 64;
 constexpr std::size_t kTypeAt = 66;
 constexpr std::size_t kLeftAt = 68;
 constexpr std::size_t kRightAt = 72;
@@ -56,6 +57,7 @@ std::optional<Header> decodeHeader(std::span<const std::byte, kHeaderBytes> byte
 
 Entry decodeEntry(std::span<const std::byte, kEntryBytes> bytes, unsigned sectorShift) noexcept {
     Entry entry;
+    entry.nameBytes = load<std::uint16_t>(bytes, kNameBytesAt);
     entry.type = static_cast<EntryType>(load<std::uint8_t>(bytes, kTypeAt));
     entry.left = load<std::uint32_t>(bytes, kLeftAt);
     entry.right = load<std::uint32_t>(bytes, kRightAt);

@@ -28,6 +28,7 @@ inline constexpr std::uint32_t kSectorLimit = 0xFFFFFFFB;
 
 inline constexpr std::size_t kHeaderBytes = 512;
 inline constexpr std::size_t kEntryBytes = 128;
+inline constexpr std::size_t kMiniSectorBytes = 64;
 inline constexpr std::uint32_t kMiniStreamCutoff = 4096;
 inline constexpr std::size_t kHeaderDifatEntries = 109;
 
@@ -54,6 +55,7 @@ enum class EntryType : std::uint8_t { Unused = 0, Storage = 1, Stream = 2, Root 
 /// An element of the directory. The children of a storage form a binary tree: the storage knows its top, each
 /// child its left and right.
 struct Entry {
+    std::uint16_t nameBytes = 0; ///< 0: the place counts as free
     EntryType type = EntryType::Unused;
     std::uint32_t left = kNoEntry;
     std::uint32_t right = kNoEntry;
