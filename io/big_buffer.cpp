@@ -16,7 +16,7 @@ namespace {
 using DepletionHandler = bool (*)(unsigned long long);
 
 constexpr unsigned long long smallestShared = 0x80000;
-constexpr unsigned long long limit = (std::numeric_limits<unsigned long long>::max)();
+constexpr unsigned long long limit = std::numeric_limits<unsigned long long>::max();
 
 // The block that is kept for reuse. `inUse` while a buffer holds it; `pinned` while memory is being
 // allocated.

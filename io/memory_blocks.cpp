@@ -9,7 +9,7 @@ namespace Vexel::Detail {
 namespace {
 
 // No object is larger, and what the heap adds and rounds up cannot overflow below it.
-constexpr unsigned long long largestBlock = (std::numeric_limits<std::ptrdiff_t>::max)();
+constexpr unsigned long long largestBlock = std::numeric_limits<std::ptrdiff_t>::max();
 
 void* reallocateOnHeap(void* block, unsigned long long bytes) noexcept {
     return bytes <= largestBlock ? std::realloc(block, bytes) : nullptr;

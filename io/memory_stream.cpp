@@ -18,7 +18,7 @@ namespace {
 
 constexpr unsigned long long smallestStep = 1024;
 constexpr unsigned long long largestStep = 0x2000000;
-constexpr unsigned long long limit = (std::numeric_limits<unsigned long long>::max)();
+constexpr unsigned long long limit = std::numeric_limits<unsigned long long>::max();
 
 unsigned long long magnitude(long long negative) noexcept {
     return 0 - static_cast<unsigned long long>(

@@ -10,7 +10,7 @@ using Microsoft::WRL::ComPtr;
 namespace Vexel::Storage {
 namespace {
 
-constexpr unsigned long long limit = (std::numeric_limits<unsigned long long>::max)();
+constexpr unsigned long long limit = std::numeric_limits<unsigned long long>::max();
 
 ULONG atMost(ULONG count, unsigned long long remaining) noexcept {
     return static_cast<ULONG>((std::min)(static_cast<unsigned long long>(count), remaining));

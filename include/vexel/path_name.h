@@ -8,7 +8,6 @@
 /// process has ended; one name object belongs to one thread at a time unless nobody changes it. Exhausted
 /// memory throws the framework's memory exception and leaves every name as it was.
 
-#include <vexel/byte_streams.h>
 #include <vexel/export.h>
 #include <vexel/flag_set.h>
 #include <vexel/framework.h>
@@ -20,6 +19,12 @@
 #include <utility>
 
 class StreamRef;
+struct IStream;
+
+namespace vxio {
+class IReadStream;
+class IWriteStream;
+} // namespace vxio
 
 namespace Vexel::Detail {
 struct SharedPathEntry;

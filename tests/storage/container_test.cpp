@@ -249,23 +249,25 @@ TEST_F(Container, OpenCloseAndCleanUpOnManyThreads) {
         while (!stop)
             container().deleteUnusedObjects();
     });
-    const auto work = [&](RootStorageOpenMode mode, bool children) {
-        for (int i = 0; i < 60; ++i) {
-            StorageRef root;
+    // The nodes of one root are for one thread; the root itself is opened and closed by all.
+    const auto work = [&](int number) {
+        const std::wstring file = folder_.file(L"own" + std::to_wstring(number));
+        Support::writeCompoundFile(file, {{L"Box/Note", "box"}});
+        for (int i = 0; i < 40; ++i) {
+            StorageRef root, box;
             StreamRef note;
-            if (FAILED(root.open(path_, mode, false)) || root.format() != StorageFormat::CompoundFile)
+            if (FAILED(root.open(path_, modeReadDenyWrite, false)) ||
+                FAILED(root.open(SharedPathName(file, false, false), modeRead, false)))
                 ++failures;
-            // The nodes of one root are for one thread.
-            if (children && (FAILED(note.open(L"Note", root, true)) || note.size() != 4))
-                ++failures;
-            if (i % 2)
-                root.close();
+            for (int again = 0; again < 5; ++again)
+                if (FAILED(box.open(L"Box", root, true)) || FAILED(note.open(L"Note", box, true)) ||
+                    note.size() != 3 || box.hasChild(SharedPathName(L"Nix", true, false), StorageType{}))
+                    ++failures;
         }
     };
     std::vector<std::thread> threads;
-    threads.emplace_back(work, modeRead, true);
-    for (int i = 0; i < 3; ++i)
-        threads.emplace_back(work, modeReadDenyWrite, false);
+    for (int i = 0; i < 4; ++i)
+        threads.emplace_back(work, i);
     for (std::thread& thread : threads)
         thread.join();
     stop = true;

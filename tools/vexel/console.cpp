@@ -47,6 +47,14 @@ bool writeText(HANDLE handle, bool console, std::string_view utf8) {
 
 StandardOutput::StandardOutput() : handle_(GetStdHandle(STD_OUTPUT_HANDLE)), console_(isConsole(handle_)) {}
 
+StandardOutput::~StandardOutput() {
+    try {
+        flush();
+    } catch (const std::exception&) {
+        return;
+    }
+}
+
 void StandardOutput::text(std::string_view utf8) {
     pending_ += utf8;
     if (pending_.size() >= kChunkSize)

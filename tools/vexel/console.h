@@ -17,6 +17,10 @@ inline constexpr std::size_t kChunkSize = 0x10000;
 class StandardOutput {
 public:
     StandardOutput();
+    StandardOutput(const StandardOutput&) = delete;
+    StandardOutput& operator=(const StandardOutput&) = delete;
+    /// What a command printed before it failed is written, too; whether that works no longer matters.
+    ~StandardOutput();
 
     /// Text is kept until `flush`, or until enough has come together.
     void text(std::string_view utf8);

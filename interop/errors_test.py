@@ -1,0 +1,109 @@
+"""Exit statuses and the one line on standard error, for everything a user can get wrong."""
+
+import ctypes
+import fcntl
+import os
+import re
+import subprocess
+import termios
+import time
+import unittest
+
+from vexel_cli import BUILD, ROOT, CommandTest
+
+COMMANDS = ["list", "tree", "cat", "extract", "put", "rm"]
+
+
+class Errors(CommandTest):
+    def test_wrong_usage(self):
+        path = self.sample("namesdemo.xls")
+        for arguments, pattern in [
+                ([], "subcommand"),
+                (["frobnicate", path], "frobnicate|subcommand"),
+                (["list"], "FILE"),
+                (["list", path, "more"], "more"),
+                (["list", path, "--yaml"], "--yaml"),
+                (["cat", path], "NODE"),
+                (["extract", path], "DIR"),
+                (["rm", path, ""], "root"),
+                (["put", path, ""], "root"),
+                (["cat", path, "/Workbook"], "empty element"),
+                (["cat", path, "Workbook/"], "empty element"),
+                (["cat", path, "a//b"], "empty element"),
+                (["cat", path, "%"], "malformed escape"),
+                (["cat", path, "a%4"], "malformed escape"),
+                (["cat", path, "a%4/b"], "malformed escape"),
+                (["cat", path, "%zz"], "malformed escape"),
+                (["cat", path, "a%00"], "%00"),
+        ]:
+            with self.subTest(arguments):
+                self.fail_with(2, pattern, *arguments)
+
+    def test_bad_files(self):
+        for name, data in [("empty", b""), ("five bytes", b"\xd0\xcf\x11\xe0\xa1"), ("text", b"some text\n" * 500)]:
+            (self.directory / name).write_bytes(data)
+        (self.directory / "directory").mkdir()
+        for name in ["missing", "no/such/directory", "directory", "empty", "five bytes", "text", "line\nbreak"]:
+            windows_path = re.escape(name.replace("/", "\\").replace("\n", "?"))
+            for command in ["list", "put"]:
+                with self.subTest((command, name)):
+                    arguments = [command, self.directory / name] + (["new"] if command == "put" else [])
+                    self.fail_with(1, rf'cannot open "Z:[^"]*\\{windows_path}": 0x80[0-9a-f]{{6}} \(.+\)$', *arguments)
+        self.assertEqual((self.directory / "text").read_bytes(), b"some text\n" * 500)
+
+    def test_bad_nodes(self):
+        path = self.sample("foreign-tree.cfb")
+        for arguments, node, code in [
+                (["cat", path, "missing"], "missing", "80030002"),
+                (["cat", path, "Sub/Deep/missing"], "Sub/Deep/missing", "80030002"),
+                (["cat", path, "missing/below"], "missing", "80030002"),
+                (["cat", path, "Sub"], "Sub", "80030001"),
+                (["cat", path, "Sub/%05SummaryInformation/x"], "Sub/%05SummaryInformation", "80030001"),
+                (["cat", path, ""], None, "80030001"),
+                (["extract", path, self.directory / "out", "missing"], "missing", "80030002"),
+                (["put", path, "Sub"], "Sub", "80030050"),
+                (["put", path, "n" * 32], "n" * 32, "800300fc"),
+                (["put", path, "n" * 32 + "/x"], "n" * 32, "800300fc"),
+                (["put", path, "a:b"], "a:b", "800300fc"),
+                (["put", path, "a\\b"], "a\\b", "800300fc"),
+                (["put", path, "a%2fb"], "a%2fb", "800300fc"),
+                (["put", path, "a!b"], "a!b", "800300fc"),
+                (["rm", path, "missing"], "missing", "80030002"),
+        ]:
+            with self.subTest(arguments):
+                where = re.escape("foreign-tree.cfb" + (f"|{node}" if node else ""))
+                self.fail_with(1, rf'\\{where}": 0x{code} \(.+\)$', *arguments, stdin=b"x")
+        self.assertFalse((self.directory / "out").exists())
+
+    def wait_until_read(self, pipe):
+        """The program reads its input with the document open: once the pipe is empty, it holds the file."""
+        waiting = ctypes.c_int(1)
+        deadline = time.monotonic() + 60
+        while waiting.value and time.monotonic() < deadline:
+            time.sleep(0.01)
+            fcntl.ioctl(pipe, termios.FIONREAD, waiting)
+        self.assertEqual(waiting.value, 0)
+
+    def test_a_file_that_another_process_writes(self):
+        path = self.sample("namesdemo.xls")
+        command = [ROOT / "scripts" / "vexel", "put", path, "slow"]
+        with subprocess.Popen(command, stdin=subprocess.PIPE, env={**os.environ, "VEXEL_BUILD_DIR": str(BUILD)}) as writer:
+            writer.stdin.write(b"first")
+            writer.stdin.flush()
+            self.wait_until_read(writer.stdin)
+            self.assertIn(b"Workbook", self.succeed("list", path))
+            self.fail_with(1, r"0x800[37]0020 ", "put", path, "other", stdin=b"x")
+            writer.stdin.write(b" and second")
+        self.assertEqual(self.succeed("cat", path, "slow"), b"first and second")
+
+    def test_help(self):
+        for command in COMMANDS:
+            self.assertIn(command.encode(), self.succeed("--help"))
+            self.assertIn(b"FILE", self.succeed(command, "--help"))
+
+    def test_verbose_shows_the_log(self):
+        pass
+
+
+if __name__ == "__main__":
+    unittest.main()

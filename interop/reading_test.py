@@ -1,0 +1,160 @@
+"""What list, tree, cat and extract say about a file, against what olefile says."""
+
+import concurrent.futures
+import datetime
+import json
+import os
+import unittest
+
+import olefile
+
+from vexel_cli import SAMPLES, CommandTest, encode, nodes, snapshot
+
+
+def iso8601(filetime):
+    if filetime == 0:
+        return None
+    seconds, fraction = divmod(filetime, 10**7)
+    time = datetime.datetime(1601, 1, 1) + datetime.timedelta(seconds=seconds)
+    return time.isoformat() + (f".{fraction:07d}" if fraction else "") + "Z"
+
+
+def expected_list(path):
+    def describe(entry):
+        stream = entry.entry_type == olefile.STGTY_STREAM
+        return {"type": "stream" if stream else "storage", "size": entry.size if stream else None,
+                "created": iso8601(entry.createTime), "modified": iso8601(entry.modifyTime)}
+
+    return {"/".join(map(encode, names)): describe(entry) for names, entry in nodes(path).items()}
+
+
+def files_below(directory):
+    return {str(path.relative_to(directory)): path.read_bytes() if path.is_file() else None
+            for path in directory.rglob("*")}
+
+
+class Reading(CommandTest):
+    def test_list_as_json_says_what_olefile_says(self):
+        for name in SAMPLES:
+            with self.subTest(name):
+                path = self.sample(name)
+                listed = json.loads(self.succeed("list", "--json", path))
+                by_path = {node.pop("path"): node for node in listed}
+                self.assertEqual(by_path, expected_list(path))
+                self.assertEqual(len(listed), len(by_path))
+                self.check_depth_first(list(by_path))
+
+    def check_depth_first(self, paths):
+        ancestors = [""]
+        for path in paths:
+            parent = path.rpartition("/")[0]
+            while ancestors and ancestors[-1] != parent:
+                ancestors.pop()
+            self.assertTrue(ancestors, path)
+            ancestors.append(path)
+
+    def test_list_and_tree_show_the_same_nodes(self):
+        path = self.sample("foreign-tree.cfb")
+        wanted = json.loads(self.succeed("list", path, "--json"))
+        lines = [line.split(None, 3) for line in self.succeed("list", path).decode().splitlines()]
+        self.assertEqual([(kind, size, place) for kind, size, _, place in lines],
+                         [(node["type"], "-" if node["size"] is None else str(node["size"]), node["path"])
+                          for node in wanted])
+        drawn, names = [], []
+        for line in self.succeed("tree", path).decode().splitlines()[1:]:
+            branch, _, label = line.partition("── ")
+            names[len(branch) // 4:] = [label.rstrip("/").rpartition(" (")[0] or label.rstrip("/")]
+            drawn.append("/".join(names))
+        self.assertEqual(drawn, [node["path"] for node in wanted])
+
+    def test_cat_and_extract_give_the_bytes(self):
+        for name in SAMPLES:
+            with self.subTest(name):
+                path = self.sample(name)
+                streams = {place: data for place, data in snapshot(path).items() if isinstance(data, bytes)}
+                with concurrent.futures.ThreadPoolExecutor(os.cpu_count()) as pool:
+                    contents = pool.map(lambda place: self.succeed("cat", path, place), streams)
+                self.assertEqual(dict(zip(streams, contents)), streams)
+                self.succeed("extract", path, self.directory / "out")
+                extracted = files_below(self.directory / "out")
+                self.assertEqual({place: data for place, data in extracted.items() if data is not None}, streams)
+                (self.directory / "out").rename(self.directory / f"out of {name}")
+
+
+class Extracting(CommandTest):
+    def test_names_that_the_file_system_cannot_hold(self):
+        path = self.sample("file-names")
+        # Names that the storage service would not have made, but a file may well contain.
+        data = path.read_bytes()
+        for name in ["..\\..\\evil--", "C:\\evil\\abcd", "\\\\evil\\abcde", "../../evil--"]:
+            data = data.replace("__XXXXXXXXXX".encode("utf-16-le"), name.encode("utf-16-le"), 1)
+        path.write_bytes(data)
+        self.succeed("extract", path, self.directory / "out")
+        self.assertEqual(sorted(p.name for p in self.directory.iterdir()), ["file-names", "out"])
+        self.assertEqual(sorted(place.name for place in (self.directory / "out").rglob("*")), sorted([
+            "%43ON", "%6eul.txt", "%63om1", "%4cPT².a.b", "console", "%2e", ".%2e", "dot%2e", "blank%20", " lead",
+            "a%3cb%3ec%22d%7ce%3ff%2ag", "50%25", "tab%09here", "Straße", "half%ud800", "~",
+            "one", "two", "three", "four",
+            "..%5c..%5cevil--", "C%3a%5cevil%5cabcd", "%5c%5cevil%5cabcde", "..%2f..%2fevil--"]))
+
+    def test_parts_of_a_document(self):
+        path = self.sample("foreign-tree.cfb")
+        streams = snapshot(path)
+        for node, wanted in [("Sub", ["Sub/Deep/Deeper/leaf", "Sub/%05SummaryInformation"]),
+                             ("Sub/Deep", ["Deep/Deeper/leaf"]),
+                             ("Sub/Deep/Deeper/leaf", ["leaf"])]:
+            with self.subTest(node):
+                out = self.directory / node.replace("/", " ")
+                self.succeed("extract", path, out, node)
+                found = {name: data for name, data in files_below(out).items() if data is not None}
+                prefix = node.rpartition("/")[0]
+                self.assertEqual(found, {name: streams[f"{prefix}/{name}".lstrip("/")] for name in wanted})
+
+    def test_what_stands_in_the_way(self):
+        path = self.sample("foreign-tree.cfb")
+        out = self.directory / "out"
+        (out / "Sub").mkdir(parents=True)
+        mine = out / "Sub" / "%05summaryinformation"  # differs in case alone
+        mine.write_bytes(b"mine")
+        self.fail_with(1, r"out\\Sub\\%05SummaryInformation\": 0x800700(50|b7) ", "extract", path, out, "Sub")
+        self.assertEqual(mine.read_bytes(), b"mine")
+        self.succeed("extract", path, out, "Sub", "--force")
+        replaced = [name for name in (out / "Sub").iterdir() if name.is_file()]
+        self.assertEqual([p.read_bytes() for p in replaced], [snapshot(path)["Sub/%05SummaryInformation"]])
+
+        (self.directory / "elsewhere").mkdir()
+        (out / "Many").symlink_to(self.directory / "elsewhere")
+        self.fail_with(1, "a link", "extract", path, out, "--force")
+        self.assertEqual(list((self.directory / "elsewhere").iterdir()), [])
+        self.fail_with(1, "cannot create", "extract", path, self.directory / "no" / "parent")
+        self.fail_with(1, "cannot create", "extract", path, path)
+        self.assertNotIn(".part", " ".join(files_below(self.directory)))
+
+
+class Damaged(CommandTest):
+    def patch(self, path, name, offset, size, value):
+        """Overwrites a number in the directory entry of that name."""
+        data = bytearray(path.read_bytes())
+        entry = data.index((name + "\0").encode("utf-16-le"))
+        data[entry + offset:entry + offset + size] = value.to_bytes(size, "little")
+        path.write_bytes(data)
+
+    def test_a_stream_shorter_than_it_says(self):
+        path = self.sample("large-sectors")
+        self.patch(path, "size 300000", 120, 8, 400_000)
+        self.fail_with(1, r'\|size 300000": 0x80', "cat", path, "size 300000")
+        self.fail_with(1, r'\|size 300000": 0x80', "extract", path, self.directory / "out")
+        self.assertNotRegex(" ".join(files_below(self.directory / "out")), "size 300000|part")
+
+    def test_trees_without_end_end(self):
+        path = self.sample("deep")
+        output = self.fail_with(1, r"too deep .*0x80030109 ", "list", path)
+        self.assertEqual(output.count(b"\n"), 256)
+        self.assertEqual(self.fail_with(1, r"too deep ", "list", "--json", path), b"")
+        self.patch(path, "bottom", 66, 1, 1)  # the stream becomes a storage
+        self.patch(path, "bottom", 76, 4, 1)  # that contains the first one
+        self.fail_with(1, "0x80", "list", path)
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,96 @@
+"""Runs the companion program, and reads compound files with olefile, for the tests of this folder."""
+
+import os
+import pathlib
+import shutil
+import subprocess
+import tempfile
+import unittest
+
+import olefile
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+DATA = ROOT / "tests" / "data"
+BUILD = pathlib.Path(os.environ.get("VEXEL_BUILD_DIR", ROOT / "build" / "release"))
+
+
+def vexel(*arguments, stdin=b""):
+    """Runs the program to its end; standard output and error are bytes."""
+    command = [ROOT / "scripts" / "vexel", *arguments]
+    return subprocess.run(command, input=stdin, capture_output=True, timeout=120,
+                          env={**os.environ, "VEXEL_BUILD_DIR": str(BUILD)})
+
+
+def make_compound(kind, path):
+    """Makes one of make_compound's files with the system's storage service."""
+    program = BUILD / "bin" / "make_compound.exe"
+    subprocess.run([ROOT / "scripts" / "wine", program, kind, f"Z:{path}"], check=True, timeout=120)
+
+
+def encode(name):
+    """A node's name as an element of a node path."""
+    return "".join(f"%{ord(c):02x}" if c in "/%" or c < " " else c for c in name)
+
+
+def nodes(path):
+    """Every node's directory entry, by the tuple of names that leads to it."""
+    found = {}
+
+    def descend(entry, names):
+        for child in entry.kids:
+            found[(*names, child.name)] = child
+            descend(child, (*names, child.name))
+
+    with olefile.OleFileIO(str(path)) as ole:
+        descend(ole.root, ())
+    return found
+
+
+def snapshot(path):
+    """All that a file holds: contents of streams and class identifiers of storages, by encoded path."""
+    result = {}
+    with olefile.OleFileIO(str(path)) as ole:
+        result[""] = ole.root.clsid
+        for names, entry in nodes(path).items():
+            is_stream = entry.entry_type == olefile.STGTY_STREAM
+            result["/".join(map(encode, names))] = (
+                ole.openstream(list(names)).read() if is_stream else entry.clsid)
+    return result
+
+
+class CommandTest(unittest.TestCase):
+    """A test with a scratch directory and the sample files in it."""
+
+    maxDiff = 2000
+
+    def setUp(self):
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="vexel-interop-"))
+        self.addCleanup(shutil.rmtree, self.directory)
+
+    def sample(self, name):
+        """A writable copy of a sample, or the file that make_compound makes."""
+        path = self.directory / name
+        if (DATA / name).exists():
+            shutil.copy(DATA / name, path)
+        else:
+            make_compound(name, path)
+        return path
+
+    def succeed(self, *arguments, stdin=b""):
+        """Runs a command that must be silent about errors; returns its output."""
+        result = vexel(*arguments, stdin=stdin)
+        self.assertEqual((result.returncode, result.stderr), (0, b""), arguments)
+        return result.stdout
+
+    def fail_with(self, status, pattern, *arguments, stdin=b""):
+        """Runs a command that must fail with one matching line on standard error."""
+        result = vexel(*arguments, stdin=stdin)
+        error = result.stderr.decode()
+        self.assertEqual(result.returncode, status, (arguments, error))
+        self.assertEqual(error.count("\n"), 1, (arguments, error))
+        self.assertRegex(error, r"\Avexel: [^\r\n]+\n\Z", arguments)
+        self.assertRegex(error, pattern, arguments)
+        return result.stdout
+
+
+SAMPLES = ["namesdemo.xls", "foreign-tree.cfb", "large-sectors"]
