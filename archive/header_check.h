@@ -1,0 +1,68 @@
+#pragma once
+
+#include <windows.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <span>
+
+/// A look at an archive's headers before the engine reads them. The engine believes the counts and sizes that it
+/// finds: 75 bytes can make it take 2 GiB, a packed header may promise 2^60 bytes. This holds every count, size and
+/// range against the bytes that the header and the file really have, before anything is allocated for them. It never
+/// looks at contents, and takes one pass over the unpacked header.
+///
+/// Names are not judged, nor methods: what is well-formed but cannot be decoded here is for the engine to refuse.
+namespace Vexel::Storage::Engine {
+
+/// Bytes that are an archive from their beginning on, or are to be judged.
+class HeaderSource {
+public:
+    HeaderSource() = default;
+    HeaderSource(const HeaderSource&) = delete;
+    HeaderSource& operator=(const HeaderSource&) = delete;
+    virtual ~HeaderSource() = default;
+
+    virtual std::uint64_t size() const noexcept = 0;
+
+    /// Fills `target` from `offset` on. `count` receives the number of bytes read, fewer at the end of the input
+    /// only. Any failure ends the check with that status.
+    virtual HRESULT read(std::uint64_t offset, std::span<std::byte> target, std::size_t& count) noexcept = 0;
+};
+
+enum class HeaderFault {
+    None,
+    NotAnArchive, ///< does not begin as one; STG_E_INVALIDHEADER
+    Header,       ///< contradicts itself or the file's size; STG_E_INVALIDHEADER
+    Unsupported,  ///< uses what is not known here; HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED)
+    Unreadable,   ///< of another version, or packed data that do not decode; E_FAIL
+    Input,        ///< the input's status
+};
+
+struct HeaderVerdict {
+    HeaderFault fault = HeaderFault::None;
+    /// S_OK, or the status that stands at the fault.
+    HRESULT status = S_OK;
+    /// What is wrong, for the log; empty without a fault.
+    const char* what = "";
+    /// Where: the byte in the unpacked header, or in the file for faults before that.
+    std::uint64_t where = 0;
+};
+
+/// An archive's header after unpacking, so that nobody need unpack it again: an archive made of `start`, any bytes up
+/// to `offset`, and `bytes`, is to the engine the same as the one that was checked.
+struct PlainHeader {
+    std::array<std::byte, 32> start{};  ///< the first bytes of that archive, with the checksums of what they refer to
+    std::uint64_t offset = 0;           ///< where the header begins
+    std::unique_ptr<std::byte[]> bytes; ///< none for an archive without items
+    std::size_t size = 0;               ///< of the header in bytes
+
+    std::span<const std::byte> view() const noexcept { return {bytes.get(), size}; }
+};
+
+/// Judges the headers. `plain`, if wanted, is filled when they are without a fault, else left as it was. Throws
+/// std::bad_alloc.
+HeaderVerdict checkHeaders(HeaderSource& source, PlainHeader* plain = nullptr);
+
+} // namespace Vexel::Storage::Engine
