@@ -8,12 +8,19 @@
 #include <memory>
 #include <span>
 
-/// A look at an archive's headers before the engine reads them. The engine believes the counts and sizes that it
-/// finds: 75 bytes can make it take 2 GiB, a packed header may promise 2^60 bytes. This holds every count, size and
-/// range against the bytes that the header and the file really have, before anything is allocated for them. It never
-/// looks at contents, and takes one pass over the unpacked header.
+/// A look at an archive's headers before the engine reads them. The engine believes the counts and sizes that
+/// it finds: 75 bytes can make it take 2 GiB, a packed header may promise 2^60 bytes. This holds every count,
+/// size and range against the bytes that the header and the file really have, before anything is allocated
+/// for them. It never looks at contents, and takes one pass over the unpacked header. What is more than such
+/// bytes can stand for:
+///  - a count of packed streams, folders or items beyond one for each byte, or, in a packed header, beyond 64
+///    for each of its packed bytes: no names that differ pack better;
+///  - an unpacked size, in a folder whose methods are known here and in a packed header, beyond 8192 for each
+///    packed byte and 64 KiB: LZMA reaches about 7100;
+///  - a dictionary beyond 64 MiB and beyond twice the size of the data.
 ///
-/// Names are not judged, nor methods: what is well-formed but cannot be decoded here is for the engine to refuse.
+/// Names are not judged, nor methods of folders: what is well-formed but cannot be decoded here is for the
+/// engine to refuse. Streams of additional data for the header, which no known program writes, are not read.
 namespace Vexel::Storage::Engine {
 
 /// Bytes that are an archive from their beginning on, or are to be judged.
@@ -26,8 +33,8 @@ public:
 
     virtual std::uint64_t size() const noexcept = 0;
 
-    /// Fills `target` from `offset` on. `count` receives the number of bytes read, fewer at the end of the input
-    /// only. Any failure ends the check with that status.
+    /// Reads into `target`, of 1 GiB at most, from `offset` on. `count` receives the number of bytes read: any
+    /// but 0, which says that the input has ended. A failure ends the check with its status.
     virtual HRESULT read(std::uint64_t offset, std::span<std::byte> target, std::size_t& count) noexcept = 0;
 };
 
@@ -50,19 +57,19 @@ struct HeaderVerdict {
     std::uint64_t where = 0;
 };
 
-/// An archive's header after unpacking, so that nobody need unpack it again: an archive made of `start`, any bytes up
-/// to `offset`, and `bytes`, is to the engine the same as the one that was checked.
+/// An archive's header after unpacking, so that nobody need unpack it again: an archive made of `start`, any
+/// bytes up to `offset`, and `bytes`, is to the engine the same as the one that was checked.
 struct PlainHeader {
-    std::array<std::byte, 32> start{};  ///< the first bytes of that archive, with the checksums of what they refer to
-    std::uint64_t offset = 0;           ///< where the header begins
+    std::array<std::byte, 32> start{};  ///< with the header's place, size and checksum
+    std::uint64_t offset = 0;           ///< where the header begins, from the beginning of the archive
     std::unique_ptr<std::byte[]> bytes; ///< none for an archive without items
     std::size_t size = 0;               ///< of the header in bytes
 
     std::span<const std::byte> view() const noexcept { return {bytes.get(), size}; }
 };
 
-/// Judges the headers. `plain`, if wanted, is filled when they are without a fault, else left as it was. Throws
-/// std::bad_alloc.
+/// Judges the headers. `plain`, if wanted, is filled when they are without a fault, else left as it was.
+/// Throws std::bad_alloc.
 HeaderVerdict checkHeaders(HeaderSource& source, PlainHeader* plain = nullptr);
 
 } // namespace Vexel::Storage::Engine

@@ -1,0 +1,221 @@
+// Creating, removing and moving items: all of it in memory.
+
+#include "archive/archive_private.h"
+#include "archive/item_paths.h"
+#include "paths/status_guard.h"
+
+#include <windows.h>
+
+#include <utility>
+#include <vector>
+
+namespace Vexel::Storage {
+
+using Detail::withStatus;
+
+namespace {
+
+HRESULT checkChange(const SZipArchivePrivate& archive, std::wstring_view path) noexcept {
+    if (archive.readOnly)
+        return STG_E_ACCESSDENIED;
+    return isItemPath(path) ? S_OK : STG_E_INVALIDNAME;
+}
+
+} // namespace
+
+bool SZipArchivePrivate::hasDirectory(std::wstring_view path) const {
+    const auto found = items.find(path);
+    return found != items.end() && found->second.isDirectory_;
+}
+
+void SZipArchivePrivate::eraseDescendants(std::wstring_view path) {
+    auto position = descendantsBegin(items, path);
+    while (position != items.end() && isDescendant(path, position->first))
+        position = items.erase(position);
+}
+
+HRESULT SZipArchivePrivate::createFile(const CString& path, bool failIfExists, bool replace,
+                                       IStream** result) {
+    ComPtr<SZipStream> contents = newContents({}, path);
+    // Even if nothing is ever written into it, the next save has to write the item.
+    contents->markModified();
+    const auto [position, inserted] = items.try_emplace(path, *this, false);
+    SZipArchiveItem& item = position->second;
+    if (!inserted) {
+        if (item.isDirectory_ || failIfExists)
+            return STG_E_FILEALREADYEXISTS;
+        if (!replace)
+            return extract(item, path, result);
+    }
+    const RwGuard guard(item.lock_, RwGuard::Exclusive);
+    item.contents_ = contents;
+    *changed = true;
+    *result = contents.Detach();
+    return S_OK;
+}
+
+HRESULT SZipArchivePrivate::createDirectory(const CString& path, bool failIfExists, bool clear) {
+    const auto [position, inserted] = items.try_emplace(path, *this, true);
+    if (!inserted) {
+        if (!position->second.isDirectory_)
+            return STG_E_INVALIDFUNCTION;
+        if (failIfExists)
+            return STG_E_FILEALREADYEXISTS;
+        if (!clear)
+            return S_OK;
+        eraseDescendants(StringLess::view(path));
+    }
+    *changed = true;
+    return S_OK;
+}
+
+HRESULT SZipArchivePrivate::move(std::wstring_view from, std::wstring_view to) {
+    const auto first = items.find(from);
+    if (first == items.end())
+        return STG_E_FILENOTFOUND;
+    if (items.contains(to))
+        return STG_E_FILEALREADYEXISTS;
+    if (isInside(from, to))
+        return STG_E_ACCESSDENIED;
+
+    // All new keys before the first change, so that exhausted memory leaves all as it was.
+    std::vector<std::pair<ItemMap::iterator, CString>> moves;
+    moves.emplace_back(first, toString(to));
+    for (auto item = descendantsBegin(items, from); item != items.end() && isDescendant(from, item->first);
+         ++item) {
+        CString key = toString(to);
+        append(key, StringLess::view(item->first).substr(from.size()));
+        if (items.contains(key))
+            return STG_E_FILEALREADYEXISTS;
+        moves.emplace_back(item, std::move(key));
+    }
+    for (auto& [item, key] : moves) {
+        auto node = items.extract(item);
+        node.key() = std::move(key);
+        const auto moved = items.insert(std::move(node)).position;
+        if (moved->second.contents_)
+            moved->second.contents_->setPath(moved->first);
+    }
+    *changed = true;
+    return S_OK;
+}
+
+HRESULT SZipArchive::createFile(IStream** result, const CString& path, bool failIfExists, bool replace) {
+    if (!result)
+        return STG_E_INVALIDPOINTER;
+    *result = nullptr;
+    const std::wstring_view text = StringLess::view(path);
+    if (const HRESULT status = checkChange(*private_, text); FAILED(status))
+        return status;
+    return withStatus([&]() -> HRESULT {
+        RwGuard guard(private_->lock, RwGuard::Shared);
+        // A missing parent makes the name invalid here, while `createDirectory` does not find it: callers
+        // tell the two apart.
+        if (text.ends_with(L'/') || !private_->hasParentOf(text))
+            return STG_E_INVALIDNAME;
+        if (!guard.upgrade() && !private_->hasParentOf(text))
+            return STG_E_INVALIDNAME;
+        if (const HRESULT status = private_->settle(); FAILED(status))
+            return status;
+        return private_->createFile(path, failIfExists, replace, result);
+    });
+}
+
+HRESULT SZipArchive::createDirectory(const CString& path, bool failIfExists, bool clear) {
+    const std::wstring_view text = StringLess::view(path);
+    if (const HRESULT status = checkChange(*private_, text); FAILED(status))
+        return status;
+    if (text.ends_with(L'/'))
+        return STG_E_INVALIDNAME;
+    return withStatus([&]() -> HRESULT {
+        RwGuard guard(private_->lock, RwGuard::Shared);
+        if (!private_->hasParentOf(text))
+            return STG_E_FILENOTFOUND;
+        if (!guard.upgrade() && !private_->hasParentOf(text))
+            return STG_E_FILENOTFOUND;
+        if (const HRESULT status = private_->settle(); FAILED(status))
+            return status;
+        return private_->createDirectory(path, failIfExists, clear);
+    });
+}
+
+HRESULT SZipArchive::remove(std::wstring_view path) {
+    if (const HRESULT status = checkChange(*private_, path); FAILED(status))
+        return status;
+    return withStatus([&]() -> HRESULT {
+        const RwGuard guard(private_->lock, RwGuard::Exclusive);
+        if (const HRESULT status = private_->settle(); FAILED(status))
+            return status;
+        const auto found = private_->items.find(path);
+        if (found == private_->items.end())
+            return STG_E_FILENOTFOUND;
+        private_->eraseDescendants(path);
+        private_->items.erase(found);
+        *private_->changed = true;
+        return S_OK;
+    });
+}
+
+HRESULT SZipArchive::move(std::wstring_view from, std::wstring_view to) {
+    for (const std::wstring_view path : {from, to})
+        if (const HRESULT status = checkChange(*private_, path); FAILED(status))
+            return status;
+    return withStatus([&]() -> HRESULT {
+        const RwGuard guard(private_->lock, RwGuard::Exclusive);
+        if (const HRESULT status = private_->settle(); FAILED(status))
+            return status;
+        return private_->move(from, to);
+    });
+}
+
+HRESULT SZipArchive::clear(std::wstring_view path) {
+    if (private_->readOnly)
+        return STG_E_ACCESSDENIED;
+    if (path.starts_with(L'/'))
+        return STG_E_INVALIDNAME;
+    return withStatus([&]() -> HRESULT {
+        const RwGuard guard(private_->lock, RwGuard::Exclusive);
+        if (const HRESULT status = private_->settle(); FAILED(status))
+            return status;
+        if (path.empty() && private_->items.empty())
+            return S_OK;
+        if (!path.empty()) {
+            const auto found = private_->items.find(path);
+            if (found == private_->items.end())
+                return STG_E_FILENOTFOUND;
+            if (!found->second.isDirectory())
+                return STG_E_INVALIDFUNCTION;
+        }
+        private_->eraseDescendants(path);
+        *private_->changed = true;
+        return S_OK;
+    });
+}
+
+HRESULT SZipArchive::flush(std::wstring_view path) {
+    if (private_->noFile)
+        return S_OK;
+    if (path.starts_with(L'/'))
+        return STG_E_INVALIDNAME;
+    return withStatus([&]() -> HRESULT {
+        const RwGuard guard(private_->lock, RwGuard::Shared);
+        return private_->flush(path);
+    });
+}
+
+HRESULT SZipArchivePrivate::flush(std::wstring_view path) {
+    if (!path.empty()) {
+        const auto found = items.find(path);
+        if (found == items.end())
+            return STG_E_FILENOTFOUND;
+        found->second.flush();
+        if (!found->second.isDirectory_)
+            return S_OK;
+    }
+    for (auto item = descendantsBegin(items, path); item != items.end() && isDescendant(path, item->first);
+         ++item)
+        item->second.flush();
+    return S_OK;
+}
+
+} // namespace Vexel::Storage

@@ -1,0 +1,139 @@
+// Taking items over from another archive.
+
+#include "archive/archive_private.h"
+#include "paths/status_guard.h"
+
+#include <windows.h>
+
+#include <functional>
+
+namespace Vexel::Storage {
+
+using Detail::withStatus;
+
+namespace {
+
+/// Holds the target exclusively and a share of the source. Always in the order of their addresses, or two
+/// archives that copy from each other would wait for ever.
+class CopyGuard {
+public:
+    CopyGuard(RwLockWord& target, RwLockWord& source) noexcept
+        : first_(lower(target, source), modeOf(lower(target, source), target)),
+          second_(upper(target, source), modeOf(upper(target, source), target)) {}
+
+private:
+    static RwLockWord& lower(RwLockWord& a, RwLockWord& b) noexcept { return std::less<>()(&a, &b) ? a : b; }
+    static RwLockWord& upper(RwLockWord& a, RwLockWord& b) noexcept { return std::less<>()(&a, &b) ? b : a; }
+    static RwGuard::Mode modeOf(const RwLockWord& word, const RwLockWord& target) noexcept {
+        return &word == &target ? RwGuard::Exclusive : RwGuard::Shared;
+    }
+
+    RwGuard first_;
+    RwGuard second_;
+};
+
+} // namespace
+
+HRESULT SZipArchivePrivate::borrowPackedData(const SZipArchivePrivate& source) {
+    for (const auto& [path, item] : items)
+        if (item.databaseIndex_ >= 0 || item.oldIndex_ >= 0)
+            return STG_E_INVALIDFUNCTION;
+    database = source.database;
+    return S_OK;
+}
+
+HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZipArchiveItem& item,
+                                    const CString& sourcePath, const CString& targetPath) {
+    const RwGuard itemGuard(item.lock_, RwGuard::Shared);
+    const auto existing = items.find(targetPath);
+    if (existing != items.end())
+        return item.isDirectory_ && existing->second.isDirectory_ ? S_OK : STG_E_FILEALREADYEXISTS;
+
+    const bool isPacked =
+        !item.isDirectory_ && item.databaseIndex_ >= 0 && (!item.contents_ || !item.contents_->isModified());
+    // An index means something only in the database that it was read from.
+    const bool staysPacked = isPacked && database && database == source.database;
+    ComPtr<SZipStream> contents;
+    if (!item.isDirectory_ && !staysPacked) {
+        DynamicBuffer bytes;
+        bool isWhole = true;
+        HRESULT status = S_OK;
+        if (item.contents_)
+            bytes = item.contents_->copyBytes();
+        else
+            status = source.decode(item, sourcePath, bytes, isWhole);
+        if (!isWhole)
+            return FAILED(status) ? status : STG_E_READFAULT;
+        contents = newContents(std::move(bytes), targetPath);
+        contents->markModified();
+    }
+    SZipArchiveItem& copy = items.try_emplace(targetPath, *this, item.isDirectory_).first->second;
+    copy.contents_ = contents;
+    copy.size_ = item.size_;
+    copy.creationTime_ = item.creationTime_;
+    copy.modificationTime_ = item.modificationTime_;
+    copy.crc_ = item.crc_;
+    copy.isAnti_ = item.isAnti_;
+    copy.databaseIndex_ = staysPacked ? item.databaseIndex_ : -1;
+    copy.oldIndex_ = copy.databaseIndex_;
+    *changed = true;
+    return S_OK;
+}
+
+HRESULT SZipArchive::borrowPackedData(const SZipArchive& source) {
+    if (&source == this)
+        return S_OK;
+    const CopyGuard guard(private_->lock, source.private_->lock);
+    return private_->borrowPackedData(*source.private_);
+}
+
+HRESULT SZipArchivePrivate::addTree(const SZipArchivePrivate& source, std::wstring_view sourcePath,
+                                    std::wstring_view targetPath) {
+    if (!sourcePath.empty()) {
+        const auto top = source.items.find(sourcePath);
+        if (top == source.items.end())
+            return STG_E_FILENOTFOUND;
+        const HRESULT status = addCopy(source, top->second, top->first, toString(targetPath));
+        if (FAILED(status) || !top->second.isDirectory_)
+            return status;
+    }
+    for (auto item = descendantsBegin(source.items, sourcePath);
+         item != source.items.end() && isDescendant(sourcePath, item->first); ++item) {
+        CString path = toString(targetPath);
+        append(path, StringLess::view(item->first).substr(sourcePath.size()));
+        if (const HRESULT status = addCopy(source, item->second, item->first, path); FAILED(status))
+            return status;
+    }
+    *changed = true;
+    return S_OK;
+}
+
+HRESULT SZipArchive::addItem(const SZipArchive& source, std::wstring_view sourcePath,
+                             const CString& targetPath) {
+    if (private_->readOnly)
+        return STG_E_ACCESSDENIED;
+    if (&source == this)
+        return STG_E_INVALIDFUNCTION;
+    if (!isItemPath(sourcePath) || !isItemPath(StringLess::view(targetPath)))
+        return STG_E_INVALIDNAME;
+    return withStatus([&] {
+        const CopyGuard guard(private_->lock, source.private_->lock);
+        return private_->addTree(*source.private_, sourcePath, StringLess::view(targetPath));
+    });
+}
+
+HRESULT SZipArchive::addItems(const SZipArchive& source, const CString& path) {
+    const std::wstring_view text = StringLess::view(path);
+    if (private_->readOnly)
+        return STG_E_ACCESSDENIED;
+    if (text.starts_with(L'/'))
+        return STG_E_INVALIDNAME;
+    if (&source == this)
+        return STG_E_INVALIDFUNCTION;
+    return withStatus([&] {
+        const CopyGuard guard(private_->lock, source.private_->lock);
+        return private_->addTree(*source.private_, text, text);
+    });
+}
+
+} // namespace Vexel::Storage

@@ -1,0 +1,37 @@
+#include "archive/archive_private.h"
+
+namespace Vexel::Storage {
+
+SZipArchiveItem::SZipArchiveItem(SZipArchivePrivate& archive, bool isDirectory)
+    : archive_(&archive), isDirectory_(isDirectory) {}
+
+SZipArchiveItem::~SZipArchiveItem() = default;
+
+unsigned long long SZipArchiveItem::size() const {
+    const RwGuard guard(lock_, RwGuard::Shared);
+    return contents_ ? contents_->lockedSize() : size_;
+}
+
+void SZipArchiveItem::setCreationTime(const FILETIME& time) noexcept {
+    creationTime_ = time;
+    *archive_->changed = true;
+}
+
+void SZipArchiveItem::setModificationTime(const FILETIME& time) noexcept {
+    modificationTime_ = time;
+    *archive_->changed = true;
+}
+
+void SZipArchiveItem::touch() noexcept {
+    FILETIME now;
+    GetSystemTimeAsFileTime(&now);
+    setModificationTime(now);
+}
+
+void SZipArchiveItem::flush() {
+    const RwGuard guard(lock_, RwGuard::Exclusive);
+    if (contents_ && !contents_->isModified() && !contents_->isShared())
+        contents_.Reset();
+}
+
+} // namespace Vexel::Storage

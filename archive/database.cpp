@@ -1,0 +1,150 @@
+#include "archive/database.h"
+
+#include "archive/engine.h"
+#include "archive/engine_status.h"
+#include "archive/header_check.h"
+#include "io/com_pointer.h"
+
+#include <vexel/diagnostics.h>
+
+#include <algorithm>
+#include <iterator>
+
+namespace Vexel::Storage::Engine {
+
+namespace {
+
+constexpr DWORD kNotThere[] = {ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_INVALID_DRIVE,
+                               ERROR_NOT_READY,      ERROR_BAD_NETPATH,    ERROR_BAD_NET_NAME,
+                               ERROR_NOT_FOUND};
+
+bool isNotThere(DWORD error) noexcept {
+    return std::find(std::begin(kNotThere), std::end(kNotThere), error) != std::end(kNotThere);
+}
+
+Detail::FileHandle openForReading(const wchar_t* path) noexcept {
+    return Detail::FileHandle(
+        platform().createFile(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+}
+
+void logFailure(int level, const wchar_t* format, const wchar_t* name, HRESULT status) noexcept {
+    VxLog_WriteW(level, format, name, static_cast<unsigned>(status));
+}
+
+} // namespace
+
+bool isNotThere(HRESULT status) noexcept {
+    return HRESULT_FACILITY(status) == FACILITY_STORAGE &&
+           isNotThere(static_cast<DWORD>(HRESULT_CODE(status)));
+}
+
+HRESULT openFile(const wchar_t* path, std::shared_ptr<DatabaseStream>& opened) {
+    Detail::FileHandle file = openForReading(path);
+    if (!file) {
+        const DWORD error = GetLastError();
+        VxLog_WriteW(isNotThere(error) ? VxLog_Minor : VxLog_Error, L"Failed to open file \"%ls\": 0x%08x",
+                     path, static_cast<unsigned>(error));
+        return storageStatus(error);
+    }
+    LARGE_INTEGER size{};
+    if (!platform().getFileSize(file.get(), &size)) {
+        VxLog_WriteW(VxLog_Error, L"Failed to get the size of the file \"%ls\": 0x%08x", path,
+                     static_cast<unsigned>(GetLastError()));
+        size.QuadPart = 0;
+    }
+    opened = std::make_shared<DatabaseStream>(std::move(file), static_cast<std::uint64_t>(size.QuadPart));
+    return S_OK;
+}
+
+bool DatabaseStream::fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const noexcept {
+    // The caller's order differs from the system's.
+    return file_ && platform().getFileTime(file_.get(), creation, lastAccess, lastWrite);
+}
+
+HRESULT DatabaseStream::openCursor(ComPtr<IInStream>& cursor) const {
+    if (!isOnStream()) {
+        cursor = Detail::adopt<IInStream>(new FileInStream(file_.get(), fileSize_));
+        return S_OK;
+    }
+    ComPtr<::IStream> clone;
+    const HRESULT status = stream_->Clone(&clone);
+    if (FAILED(status)) {
+        VxLog_WriteW(VxLog_Error, L"Failed to clone an IStream: 0x%08x", static_cast<unsigned>(status));
+        return status;
+    }
+    cursor = Detail::adopt<IInStream>(new IStreamInStream(std::move(clone)));
+    return S_OK;
+}
+
+HRESULT DatabaseStream::readStart(StartHeader& start) const {
+    FileInStream input(file_.get(), fileSize_);
+    UInt32 count = 0;
+    const HRESULT status = input.Read(start.data(), static_cast<UInt32>(start.size()), &count);
+    if (FAILED(status))
+        return status;
+    return count == start.size() ? S_OK : STG_E_INVALIDHEADER;
+}
+
+// The start header holds a checksum of itself and of all that the database was read from.
+HRESULT DatabaseStream::reopenFile(const wchar_t* path) {
+    std::shared_ptr<DatabaseStream> again;
+    if (const HRESULT status = openFile(path, again); FAILED(status))
+        return status;
+    StartHeader start{};
+    if (const HRESULT status = again->readStart(start); FAILED(status))
+        return status;
+    if (again->fileSize_ != fileSize_ || start != start_)
+        return STG_E_INVALIDHEADER;
+    file_ = std::move(again->file_);
+    return S_OK;
+}
+
+HRESULT DatabaseStream::read(const wchar_t* archiveName) {
+    const HRESULT status = withEngine(S_FALSE, [&] { return readDatabase(archiveName); });
+    return status == S_FALSE ? E_FAIL : status;
+}
+
+HRESULT DatabaseStream::readDatabase(const wchar_t* archiveName) {
+    ComPtr<IInStream> input;
+    if (isOnStream())
+        input = Detail::adopt<IInStream>(new IStreamInStream(stream_));
+    else
+        input = Detail::adopt<IInStream>(new FileInStream(file_.get(), fileSize_));
+
+    NArchive::N7z::CInArchive archive(threadCount() > 1);
+    // An archive begins where the file does: nobody looks for one in gigabytes of something else.
+    const UInt64 searchLimit = 0;
+    HRESULT status = withEngine(S_FALSE, [&] { return archive.Open(input.Get(), &searchLimit); });
+    if (status != S_OK) {
+        logFailure(status == S_FALSE ? VxLog_Trace : VxLog_Error,
+                   L"Failed to open \"%ls\" as an archive: 0x%08x", archiveName, status);
+        return status == S_FALSE ? STG_E_INVALIDHEADER : status;
+    }
+    status = withEngine(S_FALSE, [&] { return archive.ReadDatabase(database_); });
+    if (status != S_OK) {
+        logFailure(VxLog_Error, L"Failed to read the archive database for \"%ls\": 0x%08x", archiveName,
+                   status);
+        archive.Close();
+        if (status != S_FALSE)
+            return status;
+        if (database_.ThereIsHeaderError || database_.UnexpectedEnd)
+            return STG_E_INVALIDHEADER;
+        return database_.UnsupportedFeatureError ? HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED) : E_FAIL;
+    }
+    return isOnStream() ? S_OK : readStart(start_);
+}
+
+std::wstring_view DatabaseStream::path(unsigned index) const noexcept {
+    if (!database_.NameOffsets || !database_.NamesBuf)
+        return {};
+    const auto* names = reinterpret_cast<const wchar_t*>(static_cast<const Byte*>(database_.NamesBuf));
+    const std::size_t begin = database_.NameOffsets[index];
+    return {names + begin, database_.NameOffsets[index + 1] - begin - 1}; // without the terminating zero
+}
+
+DatabaseStream::Folder DatabaseStream::folderOf(unsigned index) const noexcept {
+    const unsigned folder = database_.FileIndexToFolderIndexMap[index];
+    return {folder, folder != NArchive::N7z::kNumNoIndex && database_.NumUnpackStreamsVector[folder] > 1};
+}
+
+} // namespace Vexel::Storage::Engine

@@ -1,0 +1,78 @@
+#pragma once
+
+#include "archive/engine_api.h"
+#include "archive/engine_streams.h"
+
+#include <windows.h>
+
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <array>
+#include <cstdint>
+#include <memory>
+#include <string_view>
+
+namespace Vexel::Storage::Engine {
+
+/// An archive's database and the input that it was read from: a file of ours or a caller's stream. Once it is
+/// read, it does not change but by `closeFile` and `reopenFile`, and may be used from many threads.
+class DatabaseStream {
+public:
+    /// On a caller's stream, on which it takes a reference.
+    explicit DatabaseStream(::IStream* stream) noexcept : stream_(stream) { database_.Clear(); }
+    DatabaseStream(Detail::FileHandle file, std::uint64_t size) noexcept
+        : file_(std::move(file)), fileSize_(size) {
+        database_.Clear();
+    }
+
+    bool isOnStream() const noexcept { return stream_ != nullptr; }
+    ::IStream* stream() const noexcept { return stream_.Get(); }
+    bool isOpen() const noexcept { return isOnStream() || file_; }
+    bool fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const noexcept;
+
+    /// Reads the database. Failures are logged with the archive's name.
+    ///  - STG_E_INVALIDHEADER, HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED), E_FAIL, the engine's and the input's
+    ///  codes.
+    HRESULT read(const wchar_t* archiveName);
+
+    /// Lets go of the file, so that it can be replaced; the database stays.
+    void closeFile() noexcept { file_.close(); }
+    /// Opens the file again. STG_E_INVALIDHEADER when it is not the one that the database was read from.
+    HRESULT reopenFile(const wchar_t* path);
+
+    /// An input with a position of its own. A stream that cannot be cloned is logged, and gives its code.
+    HRESULT openCursor(ComPtr<IInStream>& cursor) const;
+
+    const NArchive::N7z::CDbEx& database() const noexcept { return database_; }
+    unsigned count() const noexcept { return database_.Files.Size(); }
+    std::wstring_view path(unsigned index) const noexcept;
+    /// The folder that holds the file's contents, and whether that holds others, too.
+    struct Folder {
+        unsigned index;
+        bool isShared;
+    };
+    /// For files with contents only.
+    Folder folderOf(unsigned index) const noexcept;
+
+private:
+    using StartHeader = std::array<std::byte, NArchive::N7z::kHeaderSize>;
+
+    HRESULT readStart(StartHeader& start) const;
+    HRESULT readDatabase(const wchar_t* archiveName);
+
+    NArchive::N7z::CDbEx database_;
+    StartHeader start_{};
+    Detail::FileHandle file_;
+    std::uint64_t fileSize_ = 0;
+    ComPtr<::IStream> stream_;
+};
+
+/// Opens an archive's file for reading. A failure is logged, and gives its Win32 error in the storage
+/// facility.
+HRESULT openFile(const wchar_t* path, std::shared_ptr<DatabaseStream>& opened);
+
+/// Whether a status is one of those of a file or a place that is not there.
+bool isNotThere(HRESULT status) noexcept;
+
+} // namespace Vexel::Storage::Engine

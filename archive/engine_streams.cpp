@@ -1,0 +1,298 @@
+#include "archive/engine_streams.h"
+
+#include <7zCrc.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+#include <optional>
+
+namespace Vexel::Storage::Engine {
+
+namespace {
+
+constexpr std::uint32_t kLeastReadAhead = 0x8000;
+constexpr std::uint32_t kMostReadAhead = 0x100000;
+constexpr std::uint32_t kWriteBehind = 0x100000;
+/// Larger requests are made of several calls: some drivers fail when too much is asked for at once.
+constexpr std::uint32_t kLargestCall = 0x1000000;
+
+OVERLAPPED at(std::uint64_t offset) noexcept {
+    OVERLAPPED position{};
+    position.Offset = static_cast<DWORD>(offset);
+    position.OffsetHigh = static_cast<DWORD>(offset >> 32);
+    return position;
+}
+
+/// Nothing for an unknown origin or a position before the beginning.
+std::optional<std::uint64_t> moved(std::uint64_t position, std::uint64_t size, std::int64_t offset,
+                                   std::uint32_t origin) noexcept {
+    std::uint64_t from = 0;
+    if (origin == STREAM_SEEK_CUR)
+        from = position;
+    else if (origin == STREAM_SEEK_END)
+        from = size;
+    else if (origin != STREAM_SEEK_SET)
+        return std::nullopt;
+    if (offset < 0 && std::uint64_t{0} - static_cast<std::uint64_t>(offset) > from)
+        return std::nullopt;
+    return from + static_cast<std::uint64_t>(offset);
+}
+
+HRESULT seekStream(::IStream* stream, Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {
+    LARGE_INTEGER distance;
+    distance.QuadPart = offset;
+    ULARGE_INTEGER reached{};
+    const HRESULT status = stream->Seek(distance, origin, &reached);
+    if (SUCCEEDED(status) && newPosition)
+        *newPosition = reached.QuadPart;
+    return status;
+}
+
+void tell(UInt32* processed, std::uint32_t count) noexcept {
+    if (processed)
+        *processed = count;
+}
+
+} // namespace
+
+HRESULT InStreamBase::QueryInterface(const GUID& iid, void** ppv) noexcept {
+    if (!ppv)
+        return E_POINTER;
+    if (iid == IID_IStreamGetSize) {
+        *ppv = static_cast<IStreamGetSize*>(this);
+        AddRef();
+        return S_OK;
+    }
+    *ppv = nullptr;
+    if (iid == IID_IInStream || iid == IID_ISequentialInStream || iid == __uuidof(IUnknown)) {
+        *ppv = static_cast<IInStream*>(this);
+        AddRef();
+        return S_OK;
+    }
+    return E_NOINTERFACE;
+}
+
+HRESULT FileInStream::readFile(std::uint64_t offset, void* data, std::uint32_t size,
+                               std::uint32_t& done) noexcept {
+    OVERLAPPED position = at(offset);
+    DWORD count = 0;
+    if (!platform().readFile(file_, data, (std::min)(size, kLargestCall), &count, &position)) {
+        const DWORD error = GetLastError();
+        if (error != ERROR_HANDLE_EOF)
+            return storageStatus(error);
+    }
+    done = count;
+    lastEnd_ = offset + count;
+    return S_OK;
+}
+
+std::size_t FileInStream::takeBuffered(void* data, std::size_t size) noexcept {
+    if (position_ < bufferOffset_ || position_ >= bufferOffset_ + buffered_)
+        return 0;
+    const auto start = static_cast<std::size_t>(position_ - bufferOffset_);
+    const std::size_t count = (std::min)(size, buffered_ - start);
+    std::memcpy(data, buffer_.get() + start, count);
+    position_ += count;
+    return count;
+}
+
+// Reads the next part into a buffer twice as large as the last one. Without memory for it, none is kept.
+HRESULT FileInStream::fill() noexcept {
+    const std::uint32_t wanted = std::clamp(room_ * 2, kLeastReadAhead, kMostReadAhead);
+    if (wanted > room_) {
+        buffered_ = room_ = 0;
+        buffer_.reset(new (std::nothrow) std::byte[wanted]);
+        if (!buffer_)
+            return S_FALSE;
+        room_ = wanted;
+    }
+    bufferOffset_ = position_;
+    buffered_ = 0;
+    return readFile(position_, buffer_.get(), room_, buffered_);
+}
+
+HRESULT FileInStream::Read(void* data, UInt32 size, UInt32* processed) noexcept {
+    tell(processed, 0);
+    if (size == 0 || position_ >= size_)
+        return S_OK;
+    auto count = static_cast<std::uint32_t>(takeBuffered(data, size));
+    if (count == 0 && position_ == lastEnd_ && size < kMostReadAhead) {
+        const HRESULT status = fill();
+        if (FAILED(status))
+            return status;
+        count = static_cast<std::uint32_t>(takeBuffered(data, size));
+    }
+    if (count == 0) {
+        const HRESULT status = readFile(position_, data, size, count);
+        if (FAILED(status))
+            return status;
+        position_ += count;
+    }
+    tell(processed, count);
+    return S_OK;
+}
+
+HRESULT FileInStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {
+    const auto target = moved(position_, size_, offset, origin);
+    if (!target)
+        return STG_E_INVALIDFUNCTION;
+    position_ = *target;
+    if (newPosition)
+        *newPosition = position_;
+    return S_OK;
+}
+
+HRESULT FileInStream::GetSize(UInt64* size) noexcept {
+    *size = size_;
+    return S_OK;
+}
+
+HRESULT IStreamInStream::Read(void* data, UInt32 size, UInt32* processed) noexcept {
+    ULONG count = 0;
+    const HRESULT status = stream_->Read(data, size, &count);
+    tell(processed, (std::min)(static_cast<UInt32>(count), size));
+    return FAILED(status) ? status
+                          : S_OK; // S_FALSE is some streams' word for the end, and the engine's for bad data
+}
+
+HRESULT IStreamInStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {
+    return seekStream(stream_.Get(), offset, origin, newPosition);
+}
+
+HRESULT IStreamInStream::GetSize(UInt64* size) noexcept {
+    STATSTG entry{};
+    const HRESULT status = stream_->Stat(&entry, STATFLAG_NONAME);
+    *size = SUCCEEDED(status) ? entry.cbSize.QuadPart : 0;
+    return status;
+}
+
+HRESULT OutStream::QueryInterface(const GUID& iid, void** ppv) noexcept {
+    if (ppv && (iid == IID_IOutStream || iid == IID_ISequentialOutStream))
+        return hand(ppv);
+    return IUnknownImpl::QueryInterface(iid, ppv);
+}
+
+TemporaryFile::TemporaryFile(const wchar_t* path) : path_(path), buffer_(kWriteBehind) {}
+
+TemporaryFile::~TemporaryFile() {
+    file_.close();
+    if (created_)
+        platform().deleteFile(path_.c_str());
+}
+
+HRESULT TemporaryFile::create() noexcept {
+    file_ = Detail::FileHandle(platform().createFile(path_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
+                                                     FILE_ATTRIBUTE_NORMAL, nullptr));
+    if (!file_)
+        return storageStatus(GetLastError());
+    created_ = true;
+    return S_OK;
+}
+
+HRESULT TemporaryFile::finish() noexcept {
+    if (const HRESULT status = writeBuffered(); FAILED(status))
+        return status;
+    if (!platform().flushFile(file_.get()))
+        return storageStatus(GetLastError());
+    file_.close();
+    return S_OK;
+}
+
+HRESULT TemporaryFile::writeFile(const void* data, std::uint32_t size) noexcept {
+    const auto* bytes = static_cast<const std::byte*>(data);
+    while (size > 0) {
+        OVERLAPPED position = at(fileOffset_);
+        DWORD count = 0;
+        if (!platform().writeFile(file_.get(), bytes, (std::min)(size, kLargestCall), &count, &position))
+            return storageStatus(GetLastError());
+        if (count == 0)
+            return STG_E_MEDIUMFULL;
+        bytes += count;
+        size -= count;
+        fileOffset_ += count;
+    }
+    size_ = (std::max)(size_, fileOffset_);
+    return S_OK;
+}
+
+HRESULT TemporaryFile::writeBuffered() noexcept {
+    return writeFile(buffer_.data(), std::exchange(buffered_, 0));
+}
+
+HRESULT TemporaryFile::Write(const void* data, UInt32 size, UInt32* processed) noexcept {
+    tell(processed, 0);
+    if (size > kWriteBehind - buffered_)
+        if (const HRESULT status = writeBuffered(); FAILED(status))
+            return status;
+    if (size >= kWriteBehind) {
+        if (const HRESULT status = writeFile(data, size); FAILED(status))
+            return status;
+    } else {
+        std::memcpy(buffer_.data() + buffered_, data, size);
+        buffered_ += size;
+    }
+    size_ = (std::max)(size_, position());
+    tell(processed, size);
+    return S_OK;
+}
+
+HRESULT TemporaryFile::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {
+    const auto target = moved(position(), size_, offset, origin);
+    if (!target)
+        return STG_E_INVALIDFUNCTION;
+    if (*target != position()) {
+        if (const HRESULT status = writeBuffered(); FAILED(status))
+            return status;
+        fileOffset_ = *target;
+    }
+    if (newPosition)
+        *newPosition = *target;
+    return S_OK;
+}
+
+HRESULT TemporaryFile::SetSize(UInt64 newSize) noexcept {
+    if (const HRESULT status = writeBuffered(); FAILED(status))
+        return status;
+    LARGE_INTEGER end;
+    end.QuadPart = static_cast<LONGLONG>(newSize);
+    if (!SetFilePointerEx(file_.get(), end, nullptr, FILE_BEGIN) || !platform().setEndOfFile(file_.get()))
+        return storageStatus(GetLastError());
+    size_ = newSize;
+    return S_OK;
+}
+
+HRESULT PassThroughOutStream::Write(const void* data, UInt32 size, UInt32* processed) noexcept {
+    ULONG count = 0;
+    const HRESULT status = stream_->Write(data, size, &count);
+    tell(processed, (std::min)(static_cast<UInt32>(count), size));
+    if (FAILED(status))
+        return status;
+    return size > 0 && count == 0 ? STG_E_MEDIUMFULL : S_OK;
+}
+
+HRESULT PassThroughOutStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {
+    return seekStream(stream_.Get(), offset, origin, newPosition);
+}
+
+HRESULT PassThroughOutStream::SetSize(UInt64 newSize) noexcept {
+    ULARGE_INTEGER size;
+    size.QuadPart = newSize;
+    return stream_->SetSize(size);
+}
+
+std::uint32_t InMemoryOutStream::crc() const noexcept { return ~crc_; }
+
+HRESULT InMemoryOutStream::Write(const void* data, UInt32 size, UInt32* processed) noexcept {
+    tell(processed, 0);
+    if (size > buffer_.capacity - buffer_.size)
+        return E_FAIL;
+    if (size > 0)
+        std::memcpy(buffer_.data + buffer_.size, data, size);
+    buffer_.size += size;
+    crc_ = CrcUpdate(crc_, data, size);
+    tell(processed, size);
+    return S_OK;
+}
+
+} // namespace Vexel::Storage::Engine

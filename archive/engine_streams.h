@@ -1,0 +1,136 @@
+#pragma once
+
+#include "archive/engine_api.h"
+#include "archive/platform.h"
+
+#include <vexel/com.h>
+#include <vexel/memory_streams.h>
+
+#include <wrl/client.h>
+
+#include <cstddef>
+#include <cstdint>
+#include <memory>
+#include <vector>
+
+/// What the engine reads from and writes to.
+namespace Vexel::Storage::Engine {
+
+using Microsoft::WRL::ComPtr;
+
+struct IInStream_IStreamGetSize : IInStream, IStreamGetSize {};
+
+/// A seekable input that knows its size.
+class InStreamBase : public IUnknownImpl<IInStream_IStreamGetSize> {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
+};
+
+/// Reads a file through a position of its own, so that any number of these share one handle, which must stay
+/// open as long. Whoever reads on where the last read ended gets ever larger parts of the file read ahead:
+/// copying thousands of small items then costs few system calls, and a single small item no more than one.
+class FileInStream final : public InStreamBase {
+public:
+    FileInStream(HANDLE file, std::uint64_t size) noexcept : file_(file), size_(size) {}
+
+    HRESULT STDMETHODCALLTYPE Read(void* data, UInt32 size, UInt32* processed) noexcept override;
+    HRESULT STDMETHODCALLTYPE Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetSize(UInt64* size) noexcept override;
+
+private:
+    HRESULT readFile(std::uint64_t offset, void* data, std::uint32_t size, std::uint32_t& done) noexcept;
+    std::size_t takeBuffered(void* data, std::size_t size) noexcept;
+    HRESULT fill() noexcept;
+
+    HANDLE file_;
+    std::uint64_t size_;
+    std::uint64_t position_ = 0;
+    std::uint64_t lastEnd_ = ~std::uint64_t{0}; // where the last read from the file ended
+    std::unique_ptr<std::byte[]> buffer_;
+    std::uint32_t room_ = 0;         // bytes of `buffer_`
+    std::uint32_t buffered_ = 0;     // bytes in it
+    std::uint64_t bufferOffset_ = 0; // of the first of them in the file
+};
+
+/// Reads a caller's stream, on which it holds a reference.
+class IStreamInStream final : public InStreamBase {
+public:
+    explicit IStreamInStream(ComPtr<::IStream> stream) noexcept : stream_(std::move(stream)) {}
+
+    HRESULT STDMETHODCALLTYPE Read(void* data, UInt32 size, UInt32* processed) noexcept override;
+    HRESULT STDMETHODCALLTYPE Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept override;
+    HRESULT STDMETHODCALLTYPE GetSize(UInt64* size) noexcept override;
+
+private:
+    ComPtr<::IStream> stream_;
+};
+
+/// A seekable output; the engine asks for that interface by its identifier.
+class OutStream : public IUnknownImpl<IOutStream> {
+public:
+    HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
+};
+
+/// A new file that is deleted when this object goes, unless it is kept. What is written is collected and
+/// written in large parts: a failure may show only in a later call, at the latest in `finish`.
+class TemporaryFile final : public OutStream {
+public:
+    explicit TemporaryFile(const wchar_t* path);
+    TemporaryFile(const TemporaryFile&) = delete;
+    TemporaryFile& operator=(const TemporaryFile&) = delete;
+    ~TemporaryFile() override;
+
+    /// Creates the file, over whatever is there, with nobody else allowed to open it.
+    HRESULT create() noexcept;
+    /// Writes what is left, has the system bring it to the disk, and closes the file.
+    HRESULT finish() noexcept;
+    /// From now on the file is no longer ours to delete.
+    void keep() noexcept { created_ = false; }
+
+    HRESULT STDMETHODCALLTYPE Write(const void* data, UInt32 size, UInt32* processed) noexcept override;
+    HRESULT STDMETHODCALLTYPE Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept override;
+    HRESULT STDMETHODCALLTYPE SetSize(UInt64 newSize) noexcept override;
+
+private:
+    HRESULT writeFile(const void* data, std::uint32_t size) noexcept;
+    HRESULT writeBuffered() noexcept;
+    std::uint64_t position() const noexcept { return fileOffset_ + buffered_; }
+
+    std::wstring path_;
+    Detail::FileHandle file_;
+    bool created_ = false;
+    std::vector<std::byte> buffer_;
+    std::uint32_t buffered_ = 0;
+    std::uint64_t fileOffset_ = 0; // where the collected bytes belong
+    std::uint64_t size_ = 0;       // the file's with them
+};
+
+/// Passes all on to a caller's stream.
+class PassThroughOutStream final : public OutStream {
+public:
+    explicit PassThroughOutStream(::IStream* stream) noexcept : stream_(stream) {}
+
+    HRESULT STDMETHODCALLTYPE Write(const void* data, UInt32 size, UInt32* processed) noexcept override;
+    HRESULT STDMETHODCALLTYPE Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept override;
+    HRESULT STDMETHODCALLTYPE SetSize(UInt64 newSize) noexcept override;
+
+private:
+    ComPtr<::IStream> stream_;
+};
+
+/// Appends to a buffer of fixed capacity, and keeps the CRC-32 of what it was given.
+class InMemoryOutStream final : public IUnknownImpl<ISequentialOutStream> {
+public:
+    explicit InMemoryOutStream(DynamicBuffer& buffer) noexcept : buffer_(buffer) {}
+
+    std::uint32_t crc() const noexcept;
+
+    /// E_FAIL for more than there is room for.
+    HRESULT STDMETHODCALLTYPE Write(const void* data, UInt32 size, UInt32* processed) noexcept override;
+
+private:
+    DynamicBuffer& buffer_;
+    std::uint32_t crc_ = 0xFFFFFFFF;
+};
+
+} // namespace Vexel::Storage::Engine

@@ -1,0 +1,96 @@
+#include "archive/folder_decoder.h"
+
+#include "archive/engine.h"
+#include "archive/engine_status.h"
+#include "io/com_pointer.h"
+
+#include <algorithm>
+#include <cstring>
+#include <memory>
+#include <mutex>
+#include <utility>
+#include <vector>
+
+namespace Vexel::Storage::Engine {
+
+using NArchive::N7z::CDbEx;
+using NArchive::N7z::CDecoder;
+
+namespace {
+
+constexpr UInt64 kMultiThreadedFrom = 0x100000;
+constexpr UInt64 kNoMemoryLimit = ~UInt64{0};
+constexpr UInt64 kMostExpansion = 8192;
+constexpr UInt64 kExpansionSlack = 0x10000;
+
+/// Decoders that wait for the next small folder.
+class DecoderPool {
+public:
+    std::unique_ptr<CDecoder> take() {
+        {
+            const std::scoped_lock lock(mutex_);
+            if (!idle_.empty()) {
+                std::unique_ptr<CDecoder> decoder = std::move(idle_.back());
+                idle_.pop_back();
+                return decoder;
+            }
+        }
+        return std::make_unique<CDecoder>(threadCount() > 1);
+    }
+
+    void giveBack(std::unique_ptr<CDecoder> decoder) {
+        const std::scoped_lock lock(mutex_);
+        if (idle_.size() < threadCount())
+            idle_.push_back(std::move(decoder));
+    }
+
+private:
+    std::mutex mutex_;
+    std::vector<std::unique_ptr<CDecoder>> idle_;
+};
+
+// Never destroyed: decoders own threads, which are gone when the process ends.
+DecoderPool& decoders() {
+    static auto* const pool = new DecoderPool;
+    return *pool;
+}
+
+HRESULT decode(CDecoder& decoder, const CDbEx& database, unsigned folder, IInStream* input,
+               ISequentialOutStream* output, bool& dataAfterEnd) {
+    const UInt64 size = database.GetFolderUnpackSize(folder);
+    return withEngine(E_FAIL, [&] {
+        return decoder.Decode(input, database.ArcInfo.DataStartPosition, database, folder, nullptr, output,
+                              nullptr, nullptr, dataAfterEnd, size >= kMultiThreadedFrom, threadCount(),
+                              kNoMemoryLimit);
+    });
+}
+
+} // namespace
+
+bool isPlausible(const CDbEx& database, unsigned folder) noexcept {
+    const UInt64 packed = database.GetFolderFullPackSize(folder);
+    return database.GetFolderUnpackSize(folder) / kMostExpansion <= packed + kExpansionSlack / kMostExpansion;
+}
+
+DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, DynamicBuffer& bytes) {
+    DecodedFolder result;
+    ComPtr<IInStream> input;
+    result.status = source.openCursor(input);
+    if (FAILED(result.status))
+        return result;
+
+    const CDbEx& database = source.database();
+    // What a large folder took, threads and blocks, is given back at once.
+    const bool isLarge = database.GetFolderUnpackSize(folder) >= kMultiThreadedFrom;
+    const auto output = Detail::adopt(new InMemoryOutStream(bytes));
+    std::unique_ptr<CDecoder> decoder =
+        isLarge ? std::make_unique<CDecoder>(threadCount() > 1) : decoders().take();
+    result.status = decode(*decoder, database, folder, input.Get(), output.Get(), result.dataAfterEnd);
+    result.crc = output->crc();
+    // One that failed may have been left in the middle.
+    if (!isLarge && result.status == S_OK && !result.dataAfterEnd)
+        decoders().giveBack(std::move(decoder));
+    return result;
+}
+
+} // namespace Vexel::Storage::Engine

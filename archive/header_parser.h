@@ -1,0 +1,172 @@
+#pragma once
+
+#include "archive/header_check.h"
+
+#include <cstddef>
+#include <cstdint>
+#include <limits>
+#include <span>
+#include <vector>
+
+/// The inside of an archive's header, read with nothing believed. Numbers below are of the format.
+namespace Vexel::Storage::Engine {
+
+namespace HeaderId {
+constexpr std::uint64_t kEnd = 0x00;
+constexpr std::uint64_t kHeader = 0x01;
+constexpr std::uint64_t kArchiveProperties = 0x02;
+constexpr std::uint64_t kAdditionalStreamsInfo = 0x03;
+constexpr std::uint64_t kMainStreamsInfo = 0x04;
+constexpr std::uint64_t kFilesInfo = 0x05;
+constexpr std::uint64_t kPackInfo = 0x06;
+constexpr std::uint64_t kUnpackInfo = 0x07;
+constexpr std::uint64_t kSubStreamsInfo = 0x08;
+constexpr std::uint64_t kSize = 0x09;
+constexpr std::uint64_t kCrc = 0x0A;
+constexpr std::uint64_t kFolder = 0x0B;
+constexpr std::uint64_t kCodersUnpackSize = 0x0C;
+constexpr std::uint64_t kNumUnpackStream = 0x0D;
+constexpr std::uint64_t kEmptyStream = 0x0E;
+constexpr std::uint64_t kEmptyFile = 0x0F;
+constexpr std::uint64_t kAnti = 0x10;
+constexpr std::uint64_t kName = 0x11;
+constexpr std::uint64_t kCreationTime = 0x12;
+constexpr std::uint64_t kAccessTime = 0x13;
+constexpr std::uint64_t kModificationTime = 0x14;
+constexpr std::uint64_t kAttributes = 0x15;
+constexpr std::uint64_t kEncodedHeader = 0x17;
+constexpr std::uint64_t kStartPosition = 0x18;
+} // namespace HeaderId
+
+namespace MethodId {
+constexpr std::uint64_t kCopy = 0;
+constexpr std::uint64_t kLzma2 = 0x21;
+constexpr std::uint64_t kLzma = 0x030101;
+} // namespace MethodId
+
+/// Reads numbers off bytes. Whoever wants more than there is gets zeros, and the verdict tells of it: the first
+/// fault is the one that counts, and loops need to look for it only where they would run long.
+class HeaderReader {
+public:
+    explicit HeaderReader(std::span<const std::byte> bytes, std::size_t begin = 0) noexcept
+        : bytes_(bytes), begin_(begin) {}
+
+    bool ok() const noexcept { return verdict_.fault == HeaderFault::None; }
+    const HeaderVerdict& verdict() const noexcept { return verdict_; }
+    std::size_t left() const noexcept { return bytes_.size() - position_; }
+    std::size_t position() const noexcept { return begin_ + position_; }
+
+    bool refuse(HeaderFault fault, const char* what) noexcept;
+    /// Takes over the fault of a reader of a part of this one's bytes; whether there is none.
+    bool accept(const HeaderReader& part) noexcept;
+
+    std::uint8_t byte() noexcept;
+    std::uint64_t number() noexcept;
+    /// A number that the engine counts with.
+    std::uint32_t count() noexcept;
+    std::span<const std::byte> take(std::uint64_t size) noexcept;
+
+private:
+    void noMore() noexcept;
+
+    std::span<const std::byte> bytes_;
+    std::size_t begin_;
+    std::size_t position_ = 0;
+    HeaderVerdict verdict_;
+};
+
+/// For which of several things there is a value.
+class DefinedSet {
+public:
+    DefinedSet() = default;
+    DefinedSet(std::span<const std::byte> bits, std::uint32_t size) noexcept;
+
+    static DefinedSet all(std::uint32_t size) noexcept {
+        DefinedSet set;
+        set.count_ = size;
+        set.all_ = true;
+        return set;
+    }
+
+    bool contains(std::uint32_t index) const noexcept;
+    std::uint32_t count() const noexcept { return count_; }
+
+private:
+    std::span<const std::byte> bits_;
+    std::uint32_t count_ = 0;
+    bool all_ = false;
+};
+
+/// Streams in the file that are unpacked together.
+struct HeaderFolder {
+    std::uint64_t packed = 0;   ///< bytes
+    std::uint64_t unpacked = 0; ///< bytes
+    std::uint32_t streams = 1;  ///< that it unpacks to
+    std::uint32_t dictionary = 0;
+    std::uint8_t coders = 0;
+    std::uint8_t mainCoder = 0; ///< the one whose output is the folder's
+    bool isKnown = true;        ///< whether the methods of all its coders are
+    bool hasDigest = false;
+};
+
+struct HeaderStreams {
+    std::uint64_t offset = 0; ///< of the first packed stream, after the archive's first bytes
+    std::vector<std::uint64_t> packSizes;
+    std::vector<HeaderFolder> folders;
+    std::uint32_t count = 0; ///< of the streams that come out of all folders
+
+    // Of the last folder.
+    std::uint64_t method = 0;
+    std::span<const std::byte> properties;
+    DefinedSet digests;                   ///< of the folders
+    std::span<const std::byte> digestValues; ///< of those that have one, 4 bytes each
+};
+
+class HeaderParser {
+public:
+    /// `packedRange`: the bytes between the archive's first ones and the header. `mostThings`: that `bytes` can
+    /// stand for.
+    HeaderParser(std::span<const std::byte> bytes, std::uint64_t packedRange,
+                 std::uint64_t mostThings = std::numeric_limits<std::uint64_t>::max()) noexcept
+        : reader_(bytes), headerBytes_(bytes.size()), packedRange_(packedRange), mostThings_(mostThings) {}
+
+    HeaderReader& reader() noexcept { return reader_; }
+
+    /// Reads a header from behind the number that says that it is one.
+    bool parseHeader();
+    bool parseStreams(HeaderStreams& streams);
+
+private:
+    bool fits(std::uint64_t count, std::uint64_t leastBytes) noexcept;
+    bool skipTo(std::uint64_t id) noexcept;
+    DefinedSet defined(HeaderReader& reader, std::uint32_t count) noexcept;
+    bool parseArchiveProperties() noexcept;
+
+    bool parsePackInfo(HeaderStreams& streams);
+    bool parseFolders(HeaderStreams& streams);
+    bool parseFolder(HeaderStreams& streams, std::size_t& packStream);
+    bool parseCoder(HeaderStreams& streams, HeaderFolder& folder, std::uint32_t& inputs) noexcept;
+    bool parseBonds(HeaderFolder& folder, std::uint32_t inputs) noexcept;
+    bool parseUnpackSizes(HeaderStreams& streams) noexcept;
+    bool checkExpansion(const HeaderFolder& folder, std::uint64_t largest) noexcept;
+    bool parseFolderDigests(HeaderStreams& streams) noexcept;
+
+    bool parseSubStreams(HeaderStreams& streams) noexcept;
+    bool parseStreamCounts(HeaderStreams& streams) noexcept;
+    bool parseStreamSizes(const HeaderStreams& streams) noexcept;
+    bool parseStreamDigests(const HeaderStreams& streams, std::uint64_t id) noexcept;
+
+    bool parseFiles(std::uint32_t streams) noexcept;
+    bool parseProperty(std::uint64_t id, HeaderReader& part) noexcept;
+    void parseValues(HeaderReader& part, std::size_t bytesEach) noexcept;
+    void parseNames(HeaderReader& part) noexcept;
+
+    HeaderReader reader_;
+    const std::uint64_t headerBytes_;
+    const std::uint64_t packedRange_;
+    const std::uint64_t mostThings_;
+    std::uint32_t files_ = 0;
+    std::uint32_t emptyFiles_ = 0;
+};
+
+} // namespace Vexel::Storage::Engine

@@ -1,0 +1,31 @@
+#pragma once
+
+#include <vexel/framework.h>
+
+#include <string_view>
+
+/// Rules of item paths, which are elements joined by "/".
+namespace Vexel::Storage {
+
+inline CString toString(std::wstring_view text) { return {text.data(), static_cast<int>(text.size())}; }
+
+inline void append(CString& path, std::wstring_view text) {
+    path.Append(text.data(), static_cast<int>(text.size()));
+}
+
+/// Whether the path may name an item at all.
+inline bool isItemPath(std::wstring_view path) noexcept { return !path.empty() && !path.starts_with(L'/'); }
+
+/// Whether `path` names something below `directory`; everything is below the root.
+inline bool isInside(std::wstring_view directory, std::wstring_view path) noexcept {
+    return directory.empty() ||
+           (path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == L'/');
+}
+
+/// Empty for an element at the root.
+inline std::wstring_view parentOf(std::wstring_view path) noexcept {
+    const std::size_t end = path.rfind(L'/');
+    return end == std::wstring_view::npos ? std::wstring_view() : path.substr(0, end);
+}
+
+} // namespace Vexel::Storage

@@ -1,0 +1,119 @@
+#pragma once
+
+#include <atomic>
+#include <cstdint>
+#include <thread>
+
+/// Reader/writer spin locks of one word, for sections that are short or rarely contended. Bit 0: held
+/// exclusively; bit 1: a writer waits, so that readers cannot keep it out; each reader adds 4.
+namespace Vexel::Detail {
+
+using RwLockWord = std::atomic<std::uint64_t>;
+
+namespace RwLock {
+
+constexpr std::uint64_t kHeld = 1;
+constexpr std::uint64_t kWaiting = 2;
+constexpr std::uint64_t kReader = 4;
+
+/// Waits a little longer each time, then gives the processor away.
+class BackOff {
+public:
+    void pause() noexcept {
+        if (spins_ > kMostSpins) {
+            std::this_thread::yield();
+            return;
+        }
+        for (unsigned i = 0; i < spins_; ++i)
+            std::atomic_signal_fence(std::memory_order_seq_cst);
+        spins_ *= 2;
+    }
+
+private:
+    static constexpr unsigned kMostSpins = 16;
+    unsigned spins_ = 1;
+};
+
+inline void lockShared(RwLockWord& word) noexcept {
+    for (BackOff backOff;; backOff.pause()) {
+        if ((word.load(std::memory_order_relaxed) & (kHeld | kWaiting)) != 0)
+            continue;
+        if ((word.fetch_add(kReader, std::memory_order_acquire) & kHeld) == 0)
+            return;
+        word.fetch_sub(kReader, std::memory_order_relaxed);
+    }
+}
+
+inline void unlockShared(RwLockWord& word) noexcept { word.fetch_sub(kReader, std::memory_order_release); }
+
+inline void lockExclusive(RwLockWord& word) noexcept {
+    for (BackOff backOff;; backOff.pause()) {
+        std::uint64_t seen = word.load(std::memory_order_relaxed);
+        if ((seen & ~kWaiting) == 0) {
+            if (word.compare_exchange_weak(seen, kHeld, std::memory_order_acquire, std::memory_order_relaxed))
+                return;
+        } else if ((seen & kWaiting) == 0) {
+            word.fetch_or(kWaiting, std::memory_order_relaxed);
+        }
+    }
+}
+
+inline void unlockExclusive(RwLockWord& word) noexcept {
+    word.fetch_and(~(kHeld | kWaiting), std::memory_order_release);
+}
+
+/// Turns the caller's share into exclusive possession. False when another writer was let through first: what
+/// was read under the share may no longer hold.
+inline bool upgrade(RwLockWord& word) noexcept {
+    std::uint64_t seen = word.load(std::memory_order_relaxed);
+    BackOff backOff;
+    do {
+        if ((seen & kWaiting) != 0 && (seen & ~kWaiting) != kReader) {
+            unlockShared(word);
+            lockExclusive(word);
+            return false;
+        }
+    } while (!word.compare_exchange_weak(seen, seen | kHeld | kWaiting, std::memory_order_acquire,
+                                         std::memory_order_relaxed));
+    while ((word.load(std::memory_order_acquire) & ~(kHeld | kWaiting)) != kReader)
+        backOff.pause();
+    word.fetch_sub(kReader + kWaiting, std::memory_order_acquire);
+    return true;
+}
+
+} // namespace RwLock
+
+/// Holds a lock to the end of its scope.
+class RwGuard {
+public:
+    enum Mode { Shared, Exclusive };
+
+    RwGuard(RwLockWord& word, Mode mode) noexcept : word_(word), exclusive_(mode == Exclusive) {
+        if (exclusive_)
+            RwLock::lockExclusive(word_);
+        else
+            RwLock::lockShared(word_);
+    }
+    RwGuard(const RwGuard&) = delete;
+    RwGuard& operator=(const RwGuard&) = delete;
+    ~RwGuard() {
+        if (exclusive_)
+            RwLock::unlockExclusive(word_);
+        else
+            RwLock::unlockShared(word_);
+    }
+
+    /// True when nothing can have changed since the lock was taken; it is held exclusively in any case.
+    bool upgrade() noexcept {
+        if (exclusive_)
+            return true;
+        exclusive_ = true;
+        return RwLock::upgrade(word_);
+    }
+
+private:
+    RwLockWord& word_;
+    bool exclusive_;
+};
+
+} // namespace Vexel::Detail

@@ -1,0 +1,137 @@
+#include "archive/szip_stream.h"
+
+#include "io/memory_blocks.h"
+
+#include <windows.h>
+
+#include <cstring>
+#include <new>
+#include <string_view>
+#include <utility>
+
+namespace Vexel::Storage {
+
+using Detail::RwGuard;
+
+struct SZipStream::Contents : Private {
+    Contents(DynamicBuffer&& bytes, Origin&& made) : Private(std::move(bytes)), origin(std::move(made)) {}
+
+    Origin origin;
+    std::atomic<std::uint64_t> changes{0};
+    std::atomic<std::uint64_t> saved{0}; ///< `changes` when the file's contents were these
+    mutable Detail::RwLockWord lock{0};  ///< the bytes and `origin.path`
+};
+
+namespace {
+
+// The last element as it is stored. Unlike a storage, a stream does not decode its name.
+HRESULT duplicateName(const CString& path, LPOLESTR* name) noexcept {
+    std::wstring_view element(path.GetString(), static_cast<std::size_t>(path.GetLength()));
+    element.remove_prefix(element.rfind(L'/') + 1); // npos + 1 is 0
+    const std::size_t bytes = (element.size() + 1) * sizeof(wchar_t);
+    *name = static_cast<LPOLESTR>(CoTaskMemAlloc(bytes));
+    if (!*name)
+        return STG_E_INSUFFICIENTMEMORY;
+    std::memcpy(*name, element.data(), bytes - sizeof(wchar_t));
+    (*name)[element.size()] = L'\0';
+    return S_OK;
+}
+
+} // namespace
+
+SZipStream::SZipStream(DynamicBuffer&& bytes, Origin origin)
+    : InMemoryIStream(std::make_shared<Contents>(std::move(bytes), std::move(origin))) {}
+
+SZipStream::SZipStream(const SZipStream& other, std::shared_ptr<const void> keeper)
+    : InMemoryIStream(other), keeper_(std::move(keeper)) {}
+
+SZipStream::~SZipStream() = default;
+
+SZipStream::Contents& SZipStream::shared() const noexcept { return static_cast<Contents&>(*contents()); }
+
+std::uint64_t SZipStream::changes() const noexcept { return shared().changes; }
+
+bool SZipStream::isModified() const noexcept { return shared().changes != shared().saved; }
+
+void SZipStream::markModified() noexcept { ++shared().changes; }
+
+void SZipStream::markSaved(std::uint64_t savedChanges) noexcept { shared().saved = savedChanges; }
+
+void SZipStream::markChanged() noexcept {
+    markModified();
+    *shared().origin.changed = true;
+}
+
+unsigned long long SZipStream::lockedSize() const noexcept {
+    const RwGuard guard(shared().lock, RwGuard::Shared);
+    return size();
+}
+
+void SZipStream::setPath(const CString& path) noexcept {
+    const RwGuard guard(shared().lock, RwGuard::Exclusive);
+    shared().origin.path = path;
+}
+
+DynamicBuffer SZipStream::copyBytes() const {
+    const RwGuard guard(shared().lock, RwGuard::Shared);
+    DynamicBuffer copy;
+    if (size() == 0)
+        return copy;
+    copy.data = static_cast<unsigned char*>(Detail::memorySource.reallocate(nullptr, size()));
+    if (!copy.data)
+        throw std::bad_alloc();
+    std::memcpy(copy.data, data(0), size());
+    copy.size = copy.capacity = size();
+    return copy;
+}
+
+HRESULT SZipStream::Read(void* pv, ULONG cb, ULONG* pcbRead) noexcept {
+    const RwGuard guard(shared().lock, RwGuard::Shared);
+    return InMemoryIStream::Read(pv, cb, pcbRead);
+}
+
+HRESULT SZipStream::Write(const void* pv, ULONG cb, ULONG* pcbWritten) noexcept {
+    if (shared().origin.readOnly) {
+        if (pcbWritten)
+            *pcbWritten = 0;
+        return STG_E_ACCESSDENIED;
+    }
+    const RwGuard guard(shared().lock, RwGuard::Exclusive);
+    const HRESULT status = InMemoryIStream::Write(pv, cb, pcbWritten);
+    if (SUCCEEDED(status))
+        markChanged();
+    return status;
+}
+
+HRESULT SZipStream::SetSize(ULARGE_INTEGER newSize) noexcept {
+    if (shared().origin.readOnly)
+        return STG_E_ACCESSDENIED;
+    const RwGuard guard(shared().lock, RwGuard::Exclusive);
+    const HRESULT status = InMemoryIStream::SetSize(newSize);
+    if (SUCCEEDED(status))
+        markChanged();
+    return status;
+}
+
+HRESULT SZipStream::Stat(STATSTG* pstatstg, DWORD flags) noexcept {
+    const RwGuard guard(shared().lock, RwGuard::Shared);
+    const HRESULT status = InMemoryIStream::Stat(pstatstg, flags);
+    if (FAILED(status))
+        return status;
+    pstatstg->grfMode = shared().origin.readOnly ? STGM_READ : STGM_READWRITE;
+    return flags == STATFLAG_NONAME ? S_OK : duplicateName(shared().origin.path, &pstatstg->pwcsName);
+}
+
+HRESULT SZipStream::Clone(::IStream** ppstm) noexcept {
+    if (!ppstm)
+        return STG_E_INVALIDPOINTER;
+    *ppstm = nullptr;
+    try {
+        *ppstm = new SZipStream(*this, keeper_);
+        return S_OK;
+    } catch (const std::bad_alloc&) {
+        return E_OUTOFMEMORY;
+    }
+}
+
+} // namespace Vexel::Storage

@@ -1,0 +1,160 @@
+#include "archive/update_step.h"
+
+#include "archive/engine.h"
+#include "archive/engine_status.h"
+#include "io/com_pointer.h"
+
+#include <vexel/diagnostics.h>
+
+#include <limits>
+
+namespace Vexel::Storage::Engine {
+
+using NArchive::N7z::CCompressionMethodMode;
+using NArchive::N7z::CMethodFull;
+using NArchive::N7z::CUpdateItem;
+
+namespace {
+
+constexpr CMethodId kLzma = 0x030101;
+constexpr CMethodId kLzma2 = 0x21;
+constexpr UInt32 kDictionary = 0x100000;
+constexpr UInt32 kFastMode = 0;
+constexpr UInt32 kFastBytes = 32;
+constexpr auto* kMatchFinder = "HC4";
+constexpr UInt32 kLzmaThreads = 2;
+
+/// Hands the engine the contents of the items that have new data. It is never asked for properties, as it
+/// gets a list of them.
+class UpdateCallback final : public IUnknownImpl<IArchiveUpdateCallback> {
+public:
+    explicit UpdateCallback(const std::vector<UpdateEntry>& entries) noexcept : entries_(entries) {}
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override {
+        return ppv && (iid == IID_IArchiveUpdateCallback || iid == IID_IProgress)
+                   ? hand(ppv)
+                   : IUnknownImpl::QueryInterface(iid, ppv);
+    }
+    HRESULT STDMETHODCALLTYPE SetTotal(UInt64 /*total*/) noexcept override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE SetCompleted(const UInt64* /*done*/) noexcept override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE GetUpdateItemInfo(UInt32 /*index*/, Int32* /*newData*/,
+                                                Int32* /*newProperties*/,
+                                                UInt32* /*indexInArchive*/) noexcept override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE GetProperty(UInt32 /*index*/, PROPID /*property*/,
+                                          PROPVARIANT* /*value*/) noexcept override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE GetStream(UInt32 index, ISequentialInStream** stream) noexcept override;
+    HRESULT STDMETHODCALLTYPE SetOperationResult(Int32 /*result*/) noexcept override { return S_OK; }
+
+private:
+    const std::vector<UpdateEntry>& entries_;
+};
+
+HRESULT UpdateCallback::GetStream(UInt32 index, ISequentialInStream** stream) noexcept {
+    *stream = nullptr;
+    if (index >= entries_.size() || !entries_[index].contents)
+        return STG_E_INVALIDPARAMETER;
+    auto* const input = new (std::nothrow) IStreamInStream(entries_[index].contents);
+    if (!input)
+        return STG_E_INSUFFICIENTMEMORY;
+    *stream = input;
+    return input->Seek(0, STREAM_SEEK_SET, nullptr);
+}
+
+UInt64 toNumber(const FILETIME& time) noexcept {
+    return (static_cast<UInt64>(time.dwHighDateTime) << 32) | time.dwLowDateTime;
+}
+
+void fill(CUpdateItem& item, const UpdateEntry& entry, unsigned index) {
+    item.IndexInArchive = entry.databaseIndex;
+    item.IndexInClient = index;
+    item.Name.SetFrom(entry.name.GetString(), static_cast<unsigned>(entry.name.GetLength()));
+    item.Size = entry.size;
+    item.CTime = toNumber(entry.creation);
+    item.CTimeDefined = item.CTime != 0;
+    item.MTime = toNumber(entry.modification);
+    item.MTimeDefined = item.MTime != 0;
+    item.ATime = 0;
+    item.Attrib = 0;
+    item.IsDir = entry.isDirectory;
+    item.IsAnti = entry.isAnti;
+    item.NewProps = true;
+    item.NewData = entry.hasNewData;
+}
+
+CCompressionMethodMode methodFor(CMethodId id, UInt32 threads) {
+    CMethodFull method;
+    method.Id = id;
+    method.NumStreams = 1;
+    method.AddProp32(NCoderPropID::kDictionarySize, kDictionary);
+    method.AddProp32(NCoderPropID::kAlgorithm, kFastMode);
+    method.AddProp32(NCoderPropID::kNumFastBytes, kFastBytes);
+    method.AddProp_Ascii(NCoderPropID::kMatchFinder, kMatchFinder);
+    method.AddProp32(NCoderPropID::kNumThreads, threads);
+    CCompressionMethodMode mode;
+    mode.Methods.Add(method);
+    mode.NumThreads = threads;
+    return mode;
+}
+
+void logFailure(const wchar_t* format, const wchar_t* archiveName, HRESULT status) noexcept {
+    VxLog_WriteW(VxLog_Error, format, archiveName, static_cast<unsigned>(status));
+}
+
+// The engine's update does not take an empty list.
+HRESULT writeEmpty(IOutStream* output, const wchar_t* archiveName) {
+    const HRESULT status = withEngine(E_FAIL, [&] {
+        NArchive::N7z::COutArchive archive;
+        const NArchive::N7z::CArchiveDatabaseOut nothing;
+        const HRESULT created = archive.Create_and_WriteStartPrefix(output);
+        return created == S_OK ? archive.WriteDatabase(nothing, nullptr, NArchive::N7z::CHeaderOptions())
+                               : created;
+    });
+    if (FAILED(status))
+        logFailure(L"Failed to write archive header to \"%ls\": 0x%08x", archiveName, status);
+    return status;
+}
+
+HRESULT writeItems(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output) {
+    ComPtr<IInStream> input;
+    if (old)
+        if (const HRESULT status = old->openCursor(input); FAILED(status))
+            return status;
+
+    CObjectVector<CUpdateItem> items;
+    items.ClearAndReserve(static_cast<unsigned>(entries.size()));
+    for (const UpdateEntry& entry : entries)
+        fill(items.AddNewInReserved(), entry, items.Size() - 1);
+
+    const CCompressionMethodMode method = methodFor(kLzma2, threadCount());
+    const CCompressionMethodMode headerMethod = methodFor(kLzma, kLzmaThreads);
+    NArchive::N7z::CUpdateOptions options;
+    options.Method = &method;
+    options.HeaderMethod = &headerMethod;
+    options.MultiThreadMixer = threadCount() > 1;
+    // Contents are read back item by item, so no two share a folder.
+    options.NumSolidFiles = 1;
+    options.AnalysisLevel = 0;
+    const auto callback = Detail::adopt(new UpdateCallback(entries));
+    return NArchive::N7z::Update(input.Get(), old ? &old->database() : nullptr, items, output, callback.Get(),
+                                 options);
+}
+
+} // namespace
+
+HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
+                     const wchar_t* archiveName) {
+    if (entries.empty())
+        return writeEmpty(output, archiveName);
+    HRESULT status = withEngine(E_FAIL, [&] { return writeItems(entries, old, output); });
+    if (status == S_FALSE) // the engine's word for data that it could not read
+        status = E_FAIL;
+    if (FAILED(status))
+        logFailure(L"Failed to create or update archive \"%ls\": 0x%08x", archiveName, status);
+    return status;
+}
+
+} // namespace Vexel::Storage::Engine

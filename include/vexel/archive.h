@@ -1,0 +1,237 @@
+#pragma once
+
+/// A package: a standard 7z archive that serves as a structured file. Its items are the streams, its
+/// directories the storages.
+///
+/// The rules of all that follows:
+///  - Paths are elements joined by "/", without one at either end; the empty path is the root, which has no
+///    item of its own. Paths are compared code unit by code unit, so case counts. Elements are stored as
+///    `SZipArchive::encodePathElement` makes them; nothing here encodes or decodes by itself.
+///  - Changes are kept in memory until `save`, which writes a whole new archive beside the old one and then
+///    replaces it. Whatever fails on the way, the old file stays whole, and the archive in memory can be
+///    saved again.
+///  - Statuses are of the storage facility; a Win32 error keeps its code there (0x80030000 | code). Exhausted
+///    memory is STG_E_INSUFFICIENTMEMORY. Only constructors and functions that return a string or change a
+///    name throw (std::bad_alloc, CMemoryException*). Failures are logged with the archive's name.
+///  - Threads: an archive may be used from many at once, but for its constructors, destructor, assignment and
+///    `setFileName`. What takes no lock says so; an item pointer is valid until the item is removed.
+
+#include <vexel/export.h>
+#include <vexel/framework.h>
+
+#include <windows.h>
+
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <atomic>
+#include <cstdint>
+#include <map>
+#include <memory>
+#include <string_view>
+#include <utility>
+
+namespace Vexel::Storage {
+
+class SZipArchive;
+class SZipArchivePrivate;
+class SZipStream;
+
+/// The order of item paths: by UTF-16 code units, a prefix first.
+struct StringLess {
+    using is_transparent = void;
+
+    static std::wstring_view view(std::wstring_view text) noexcept { return text; }
+    static std::wstring_view view(const CString& text) noexcept {
+        return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
+    }
+    template <class A, class B>
+    bool operator()(const A& a, const B& b) const noexcept {
+        return view(a) < view(b);
+    }
+};
+
+/// A file or directory of an archive. It lives in the archive's map and is reached through it.
+class VEXEL_API SZipArchiveItem {
+public:
+    SZipArchiveItem(SZipArchivePrivate& archive, bool isDirectory);
+    SZipArchiveItem(const SZipArchiveItem&) = delete;
+    SZipArchiveItem& operator=(const SZipArchiveItem&) = delete;
+    ~SZipArchiveItem();
+
+    /// Bytes of the contents as they are now, changes included.
+    unsigned long long size() const;
+    bool isDirectory() const noexcept { return isDirectory_; }
+    /// Whether the archive marks the item as a deletion.
+    bool isAnti() const noexcept { return isAnti_; }
+    /// CRC-32 of the contents in the file; 0 when it records none.
+    unsigned crc() const noexcept { return crc_; }
+
+    /// UTC; zero when the archive has none. The times take no lock: reading them while another thread sets
+    /// them, reloads or saves may give a mixture.
+    FILETIME creationFileTime() const noexcept { return creationTime_; }
+    FILETIME modificationFileTime() const noexcept { return modificationTime_; }
+    void setCreationTime(const FILETIME& time) noexcept;
+    void setModificationTime(const FILETIME& time) noexcept;
+    /// Sets the modification time to now.
+    void touch() noexcept;
+
+    /// Gives back the memory of contents that are the same in the file and that nobody holds.
+    void flush();
+
+private:
+    friend class SZipArchive;
+    friend class SZipArchivePrivate;
+
+    SZipArchivePrivate* archive_;
+    Microsoft::WRL::ComPtr<SZipStream> contents_; // null while they are only in the file
+    unsigned long long size_ = 0;
+    FILETIME creationTime_{};
+    FILETIME modificationTime_{};
+    unsigned crc_ = 0;
+    mutable std::atomic<std::uint64_t> lock_{0};
+    int databaseIndex_ = -1; // of the record in the archive that was read
+    int oldIndex_ = -1;      // the same, kept while a failed reload has made that -1
+    bool isDirectory_;
+    bool isAnti_ = false;
+};
+
+/// A 7z archive in memory. Contents are read when they are asked for and stay, until they are flushed.
+///
+/// Readable are archives whose items use the methods Copy, LZMA and LZMA2 and have a folder (7z's coded unit)
+/// of their own; others open and list, and refuse their contents.
+class VEXEL_API SZipArchive {
+public:
+    /// An archive that is read from `stream`, on which it takes a reference. It cannot be changed. Nothing is
+    /// read before `reload`.
+    explicit SZipArchive(IStream* stream);
+    /// An archive at `path`; with an empty path one that has no file, is never read and never written.
+    /// Nothing is read before `reload`. `silentDiscard`: destroying it unsaved is no reason for a warning.
+    SZipArchive(std::wstring_view path, bool readOnly, bool silentDiscard);
+    /// The other archive is left empty-handed: it may only be assigned to or destroyed.
+    SZipArchive(SZipArchive&& other) noexcept;
+    SZipArchive& operator=(SZipArchive&& other) noexcept;
+    /// Never saves. Logs a warning when that loses changes.
+    ~SZipArchive();
+    void swap(SZipArchive& other) noexcept { private_.swap(other.private_); }
+
+    /// Reads the file or stream. Items in memory that it has, too, get its attributes; changed contents and
+    /// items that it does not have stay. On failure all stays, but contents that were not read yet cannot be
+    /// had before a reload succeeds.
+    ///  - STG_E_FILENOTFOUND and other Win32 codes: the file of a read-only archive cannot be opened. One
+    ///    that can be changed and has no file is a new archive: S_OK.
+    ///  - STG_E_INVALIDHEADER: not a 7z archive, or its headers are damaged.
+    ///  - HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED): the headers use what the library does not support.
+    HRESULT reload();
+
+    /// The path, or whatever name was given for messages. No lock.
+    const CString& fileName() const noexcept;
+    void setFileName(const CString& name);
+    bool readOnly() const noexcept;
+
+    /// All items by path. No lock: not while another thread may add, move or remove some.
+    const std::map<CString, SZipArchiveItem, StringLess>& items() const noexcept;
+    /// Null when there is none. No lock, as above.
+    SZipArchiveItem* item(std::wstring_view path) const;
+    SZipArchiveItem* item(const CString& path) const { return item(StringLess::view(path)); }
+    bool isEmpty() const;
+    /// Whether anything was created, changed, moved or removed since the last load or save. No lock.
+    bool isChanged() const noexcept;
+
+    /// The times of the archive's file; note the order. False, with nothing set, unless a file is open. Any
+    /// pointer may be null.
+    bool fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const;
+
+    /// The contents of a file, as a stream at position 0. All streams of one item show the same bytes, each
+    /// has its own position. They refuse changes when the archive is read-only; otherwise the next save
+    /// writes what was changed through them. `*result` is null unless a stream is given, with one reference.
+    ///  - STG_E_INVALIDPOINTER, STG_E_INVALIDNAME (empty, or begins with "/").
+    ///  - STG_E_FILENOTFOUND: no such item, a directory, or not in the file that was read.
+    ///  - STG_E_INVALIDFUNCTION: the item shares a folder with others.
+    ///  - STG_E_READFAULT: the contents are not those that were stored.
+    ///  - The engine's code when it cannot decode, E_NOTIMPL for an unknown method. S_OK with a null
+    ///    `*result` when there were data behind the end of the contents: look at both.
+    HRESULT extractFile(IStream** result, std::wstring_view path);
+    HRESULT extractFile(IStream** result, const CString& path) {
+        return extractFile(result, StringLess::view(path));
+    }
+
+    // Changes. All of them give STG_E_ACCESSDENIED for a read-only archive, and STG_E_INVALIDNAME for a path
+    // that begins with "/" or, where an item is needed, is empty.
+
+    /// A new file, which counts as changed even if nothing is written. What happens to a file that exists:
+    /// with `failIfExists` STG_E_FILEALREADYEXISTS, with `replace` it becomes empty, with neither its
+    /// contents are given as by `extractFile`.
+    ///  - STG_E_INVALIDPOINTER. STG_E_INVALIDNAME also when the parent is missing or no directory.
+    ///  - STG_E_FILEALREADYEXISTS also for a directory of that name.
+    HRESULT createFile(IStream** result, const CString& path, bool failIfExists, bool replace);
+    /// A new directory, or an existing one, which is emptied with `clear`.
+    ///  - STG_E_INVALIDNAME also for a "/" at the end. STG_E_FILENOTFOUND: no such parent directory.
+    ///  - STG_E_INVALIDFUNCTION: a file has that name. STG_E_FILEALREADYEXISTS: with `failIfExists`.
+    HRESULT createDirectory(const CString& path, bool failIfExists, bool clear);
+    /// Removes an item and all below it. STG_E_FILENOTFOUND.
+    HRESULT remove(std::wstring_view path);
+    HRESULT remove(const CString& path) { return remove(StringLess::view(path)); }
+    /// Gives an item and all below it a new path. STG_E_FILENOTFOUND, STG_E_FILEALREADYEXISTS;
+    /// STG_E_ACCESSDENIED for a move into itself.
+    HRESULT move(std::wstring_view from, std::wstring_view to);
+    HRESULT move(const CString& from, const CString& to) {
+        return move(StringLess::view(from), StringLess::view(to));
+    }
+    /// Removes all items below a directory, or all there are for the empty path. STG_E_FILENOTFOUND,
+    /// STG_E_INVALIDFUNCTION (not a directory).
+    HRESULT clear(std::wstring_view path);
+    HRESULT clear(const CString& path) { return clear(StringLess::view(path)); }
+
+    /// Gives back the memory of unchanged contents that nobody holds, of the item and all below it or, for
+    /// the empty path, everywhere. STG_E_INVALIDNAME, STG_E_FILENOTFOUND. Allowed on read-only archives.
+    HRESULT flush(std::wstring_view path);
+    HRESULT flush(const CString& path) { return flush(StringLess::view(path)); }
+
+    /// Lets items of `source` be copied without recompression: from then on both read from the file that
+    /// `source` has read, which stays open as long as either needs it. STG_E_INVALIDFUNCTION when an item
+    /// of this archive still needs the file of its own.
+    HRESULT borrowPackedData(const SZipArchive& source);
+    /// Copies an item and all below it. Contents that are unchanged since they were read from a file that
+    /// both archives share stay packed; others are copied, decoded if need be.
+    ///  - STG_E_INVALIDFUNCTION: `source` is this archive. STG_E_FILENOTFOUND.
+    ///  - STG_E_FILEALREADYEXISTS: a file has one of the paths, or a file would get that of a directory.
+    ///  - Failures of `extractFile`. What was copied before a failure stays.
+    HRESULT addItem(const SZipArchive& source, std::wstring_view sourcePath, const CString& targetPath);
+    HRESULT addItem(const SZipArchive& source, const CString& sourcePath, const CString& targetPath) {
+        return addItem(source, StringLess::view(sourcePath), targetPath);
+    }
+    /// `addItem` for the item at `path`, or for all there are for the empty one, under their own paths.
+    HRESULT addItems(const SZipArchive& source, const CString& path);
+
+    /// Replaces the file by one with all changes; nothing is done when there are none. Afterwards the archive
+    /// is read again. With `flushAfterwards` a `flush` of everything follows.
+    ///  - STG_E_ACCESSDENIED: read-only, or (as the Win32 code) the file is in use.
+    ///  - STG_E_FILENOTFOUND: contents that were never read are gone with their file.
+    ///  - Win32 codes of creating, writing and replacing; the engine's codes; those of `reload`.
+    HRESULT save(bool flushAfterwards);
+    /// Writes the whole archive to a stream, from its position on. This archive does not change.
+    HRESULT save(IStream* destination) const;
+    /// The same: without it, a pointer would as soon be taken for a `bool`.
+    HRESULT save(IStream* destination) { return std::as_const(*this).save(destination); }
+
+    /// Makes an element of what a name is: "/", "%" and characters below 0x20 become "%" and two hexadecimal
+    /// digits.
+    static CString encodePathElement(std::wstring_view name);
+    static CString encodePathElement(const CString& name) {
+        return encodePathElement(StringLess::view(name));
+    }
+    /// The other way. Malformed escapes, which `encodePathElement` never makes, come out garbled, and always
+    /// the same: "%zAB" is "%" and U+000B.
+    static CString decodePathElement(std::wstring_view element);
+    static CString decodePathElement(const CString& element) {
+        return decodePathElement(StringLess::view(element));
+    }
+
+private:
+    std::unique_ptr<SZipArchivePrivate> private_;
+};
+
+inline void swap(SZipArchive& a, SZipArchive& b) noexcept { a.swap(b); }
+
+} // namespace Vexel::Storage
