@@ -1,0 +1,55 @@
+#pragma once
+
+#include <vexel/archive.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+#include <string_view>
+
+/// Short ways to write into an archive and to look at all of it.
+namespace Support {
+
+inline constexpr const char* directoryMark = "<directory>";
+
+/// All bytes of a stream from its beginning on.
+inline std::string bytesOf(IStream* stream) {
+    STATSTG entry{};
+    EXPECT_EQ(stream->Stat(&entry, STATFLAG_NONAME), S_OK);
+    std::string bytes(entry.cbSize.QuadPart, '\0');
+    ULONG count = 0;
+    EXPECT_EQ(stream->Seek({}, STREAM_SEEK_SET, nullptr), S_OK);
+    EXPECT_EQ(stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &count), S_OK);
+    bytes.resize(count);
+    return bytes;
+}
+
+inline HRESULT readItem(Vexel::Storage::SZipArchive& archive, std::wstring_view path, std::string& bytes) {
+    Microsoft::WRL::ComPtr<IStream> stream;
+    const HRESULT status = archive.extractFile(&stream, path);
+    bytes = stream ? bytesOf(stream.Get()) : std::string();
+    return status;
+}
+
+/// Creates or replaces a file.
+inline HRESULT writeItem(Vexel::Storage::SZipArchive& archive, const wchar_t* path, std::string_view bytes) {
+    Microsoft::WRL::ComPtr<IStream> stream;
+    const HRESULT status = archive.createFile(&stream, path, false, true);
+    return FAILED(status) ? status : stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
+}
+
+/// Every item with its contents, or the mark of a directory.
+inline std::map<std::wstring, std::string> contentsOf(Vexel::Storage::SZipArchive& archive) {
+    std::map<std::wstring, std::string> contents;
+    for (const auto& [path, item] : archive.items()) {
+        std::string& bytes = contents[path.GetString()];
+        if (item.isDirectory())
+            bytes = directoryMark;
+        else
+            EXPECT_EQ(readItem(archive, Vexel::Storage::StringLess::view(path), bytes), S_OK) << bytes;
+    }
+    return contents;
+}
+
+} // namespace Support
