@@ -1,8 +1,9 @@
 // Makes compound files with the system's own structured storage, for the checks against other programs.
 //
-//   make_compound large-sectors FILE    4096-byte sectors: sizes around every limit, nested storages, odd
-//   names make_compound file-names FILE       names that the file system cannot hold make_compound deep FILE
-//   storages nested deeper than the program follows
+//   make_compound large-sectors FILE    4096-byte sectors: sizes around every limit, nested, odd names
+//   make_compound file-names FILE       names that the file system cannot hold
+//   make_compound deep FILE             storages nested deeper than the program follows
+
 #include "support/compound_file.h"
 
 #include <map>

@@ -1,3 +1,4 @@
+#include "archive/database.h"
 #include "io/com_pointer.h"
 #include "paths/file_handle.h"
 #include "support/archive_file.h"
@@ -14,6 +15,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <fstream>
 #include <string>
 #include <vector>
 
@@ -253,6 +255,36 @@ TEST_F(Archive, FlushGivesBackOnlyWhatTheFileHasAndNobodyHolds) {
     std::string now;
     EXPECT_EQ(readItem(archive, L"b", now), S_OK);
     EXPECT_EQ(now, "changed");
+}
+
+/// An item's bytes as they stand in the file.
+std::string packedBytes(const std::wstring& file, std::wstring_view path) {
+    std::shared_ptr<Vexel::Storage::Engine::DatabaseStream> archive;
+    if (FAILED(Vexel::Storage::Engine::openFile(file.c_str(), archive)) ||
+        FAILED(archive->read(file.c_str())))
+        return {};
+    unsigned index = 0;
+    while (archive->path(index) != path)
+        ++index;
+    const unsigned folder = archive->folderOf(index).index;
+    std::ifstream input{std::filesystem::path(file), std::ios::binary};
+    input.seekg(static_cast<std::streamoff>(archive->database().GetFolderStreamPos(folder, 0)));
+    std::string bytes(archive->database().GetFolderFullPackSize(folder), '\0');
+    input.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
+    return bytes;
+}
+
+TEST_F(Archive, PackedBytesOfUnchangedItemsStay) {
+    // Another program's choice of method and dictionary tells its bytes from ours.
+    std::filesystem::copy_file(Support::samplePath(L"plain-lzma-packed-header.7z"), path_);
+    const std::string before = packedBytes(path_, L"d/e/deep");
+    SZipArchive archive = open();
+    EXPECT_EQ(writeItem(archive, L"aaa", "new"), S_OK);
+    EXPECT_EQ(writeItem(archive, L"d/x", "changed"), S_OK);
+    EXPECT_EQ(archive.move(L"d/e"sv, L"moved"sv), S_OK);
+    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_FALSE(before.empty());
+    EXPECT_EQ(packedBytes(path_, L"moved/deep"), before);
 }
 
 TEST_F(Archive, CopiesPackedDataOfASharedFile) {

@@ -1,0 +1,165 @@
+"""Packages against 7zz and bsdtar: what we write they read, what they write we read."""
+
+import json
+import os
+import pathlib
+import random
+import shutil
+import subprocess
+import tempfile
+import time
+import unittest
+import zlib
+
+ROOT = pathlib.Path(__file__).resolve().parent.parent
+BUILD = pathlib.Path(os.environ.get("VEXEL_BUILD_DIR", ROOT / "build" / "release"))
+DATA = ROOT / "tests" / "data"
+WALKS = int(os.environ.get("VEXEL_WALKS", 4))
+KILLS = int(os.environ.get("VEXEL_KILLS", 12))
+EPOCH = 116444736000000000  # 1970 in the 100 ns units since 1601
+
+
+def command(*arguments):
+    return [ROOT / "scripts" / "wine", BUILD / "bin" / "archive_tool.exe", *map(str, arguments)]
+
+
+def tool(*arguments):
+    result = subprocess.run(command(*arguments), capture_output=True, timeout=200)
+    if result.returncode:
+        raise AssertionError(f"{arguments}: {result.stderr.decode()}")
+    return result.stdout.decode()
+
+
+def dump(path):
+    """What the library makes of a package: the status of opening it, and its items by path."""
+    lines = [json.loads(line) for line in tool("dump", f"Z:{path}").splitlines()]
+    return lines[0]["opened"], {line["path"]: line for line in lines[1:]}
+
+
+def seven_zip(*arguments, **options):
+    return subprocess.run(["7zz", *map(str, arguments)], capture_output=True, check=True, timeout=200, **options)
+
+
+def listing(path):
+    """What 7zz makes of a package: attributes by path."""
+    items, item = {}, None
+    text = seven_zip("l", "-slt", "-sccUTF-8", path).stdout.decode()
+    for line in text.partition("----------\n")[2].splitlines():
+        key, _, value = line.partition(" = ")
+        if key == "Path":
+            item = items.setdefault(value, {})
+        elif item is not None and key:
+            item[key.removesuffix(" =")] = value
+    return items
+
+
+class Packages(unittest.TestCase):
+    maxDiff = 2000
+
+    def setUp(self):
+        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="vexel-archive-"))
+        self.addCleanup(shutil.rmtree, self.directory)
+
+    def test_other_programs_read_every_state_of_a_random_walk(self):
+        for seed in range(WALKS):
+            with self.subTest(seed=seed):
+                folder = self.directory / str(seed)
+                folder.mkdir()
+                tool("walk", f"Z:{folder}", seed, 12)
+                for wanted in sorted(folder.glob("*.json")):
+                    self.compare(wanted.with_suffix(".7z"), json.loads(wanted.read_text()))
+
+    def compare(self, package, wanted):
+        seven_zip("t", package)
+        found = {path: [int(item["Size"] or 0), int(item["CRC"] or "0", 16)] for path, item in listing(package).items()}
+        self.assertEqual(found, {path: [size, crc] for path, (_, size, crc) in wanted.items()})
+        names = subprocess.run(["bsdtar", "-tf", package], capture_output=True, check=True,
+                               env={**os.environ, "LC_ALL": "C.UTF-8"}).stdout.decode().splitlines()
+        self.assertEqual(sorted(names), sorted(path + "/" * is_directory for path, (is_directory, *_) in wanted.items()))
+
+    def test_packages_of_7zz_are_read_as_they_were_made(self):
+        tree = self.directory / "tree"
+        generator = random.Random(1)
+        for index in range(600):
+            folder = tree / f"d{index % 7}" / ("Чертёж 😀" if index % 3 else "e")
+            folder.mkdir(parents=True, exist_ok=True)
+            size = generator.choice([0, 1, 100, 5000, 40000])
+            (folder / f"f{index}").write_bytes(generator.randbytes(size) if index % 2 else bytes(size))
+        (tree / "large").write_bytes(generator.randbytes(1 << 20) * 8)
+        for name, make in {
+                "lzma2": ["7zz", "a", "-ms=off", "-m0=lzma2"], "lzma": ["7zz", "a", "-ms=off", "-m0=lzma", "-mx=9"],
+                "copy": ["7zz", "a", "-mx=0"], "plain": ["7zz", "a", "-ms=off", "-mhc=off", "-mtc=on"],
+                "fast": ["7zz", "a", "-ms=off", "-mx=1", "-mmt=on"]}.items():
+            with self.subTest(name):
+                package = self.directory / f"{name}.7z"
+                subprocess.run([*make, package, "."], cwd=tree, capture_output=True, check=True)
+                self.read_all(package, tree)
+
+    def read_all(self, package, tree):
+        status, items = dump(package)
+        self.assertEqual(status, 0)
+        wanted = {str(path.relative_to(tree)): path for path in tree.rglob("*")}
+        self.assertEqual(items.keys(), wanted.keys())
+        for name, path in wanted.items():
+            item = items[name]
+            self.assertEqual(item["directory"], path.is_dir(), name)
+            self.assertEqual((item["modified"] - EPOCH) // 10, path.stat().st_mtime_ns // 1000, name)
+            if not path.is_dir():
+                content = path.read_bytes()
+                self.assertEqual((item["read"], item["size"], item["real"]), (0, len(content), zlib.crc32(content)),
+                                 name)
+
+    def test_solid_items_are_refused_and_others_beside_them_read(self):
+        tree = self.directory / "tree"
+        tree.mkdir()
+        for name in ["a.txt", "b.txt", "c.txt", "alone.bin"]:
+            (tree / name).write_bytes(name.encode() * 100)
+        package = self.directory / "solid.7z"
+        seven_zip("a", "-ms=on", package, "a.txt", "b.txt", "c.txt", cwd=tree)
+        seven_zip("a", "-ms=off", package, "alone.bin", cwd=tree)
+        status, items = dump(package)
+        self.assertEqual(status, 0)
+        self.assertEqual({name: item["read"] for name, item in items.items()},
+                         {"a.txt": 0x80030001, "b.txt": 0x80030001, "c.txt": 0x80030001, "alone.bin": 0})
+        for compression, read in {"store": 0, "lzma1": 0x80030001}.items():
+            package = self.directory / f"{compression}.7z"
+            subprocess.run(["bsdtar", "-a", "-cf", package, "--options", f"compression={compression}", "a.txt", "b.txt"],
+                           cwd=tree, check=True)
+            status, items = dump(package)
+            self.assertEqual((status, items.keys()), (0, {"a.txt", "b.txt"}))
+            for name, item in items.items():
+                real = 0 if read else zlib.crc32(name.encode() * 100)
+                self.assertEqual((item["read"], item["size"], item["real"]), (read, 500, real), (compression, name))
+
+    def test_twenty_thousand_items(self):
+        tree = self.directory / "tree"
+        tree.mkdir()
+        for index in range(20000):
+            (tree / f"{index:05}").write_bytes(b"%d" % index)
+        package = self.directory / "many.7z"
+        seven_zip("a", "-ms=off", "-mx=1", package, ".", cwd=tree)
+        _, items = dump(package)
+        self.assertEqual(len(items), 20000)
+        self.assertTrue(all(item["real"] == zlib.crc32(b"%d" % int(name)) for name, item in items.items()))
+
+    def test_a_killed_process_leaves_one_of_the_two_states(self):
+        package = self.directory / "killed.7z"
+        states = set()
+        for kill in range(KILLS):
+            process = subprocess.Popen(command("loop", f"Z:{package}"), stdout=subprocess.PIPE)
+            process.stdout.readline()  # from here on there is a package
+            time.sleep(random.Random(kill).random() * 0.2)
+            process.kill()
+            process.communicate()
+            seven_zip("t", package)
+            _, items = dump(package)
+            self.assertEqual(len(items), 20)
+            state = {letter for letter in b"ab"
+                     if all(items[f"item{i}"]["real"] == zlib.crc32(bytes([letter]) * 2000 * (i + 1)) for i in range(20))}
+            self.assertEqual(len(state), 1)
+            states |= state
+        print("states seen:", sorted(map(chr, states)))
+
+
+if __name__ == "__main__":
+    unittest.main()
