@@ -182,7 +182,7 @@ private:
     bool loadFat() { return listFatSectors() && readFat() && claimFat(); }
 
     /// The sectors of the table: the first from the header, the others from the DIFAT sectors. Both counts
-    /// are held against the file's size, so that a circle of DIFAT sectors ends as well.
+    /// are held against the file's size.
     bool listFatSectors() {
         const std::uint32_t count = std::min(header_.fatSectors, reader_.sectors());
         const std::size_t inHeader = std::min<std::size_t>(count, kHeaderDifatEntries);
@@ -199,11 +199,15 @@ private:
     }
 
     bool listFatSectorsFromDifat(std::uint32_t count) {
+        NumberSet met;
+        met.resize(header_.difatSectors > 0 ? reader_.sectors() : 0);
         std::uint32_t sector = header_.firstDifatSector;
         for (std::uint32_t i = 0; i < header_.difatSectors; ++i) {
             const auto bytes = reader_.sector(sector);
-            if (bytes.size() < reader_.sectorBytes())
+            if (sector >= reader_.sectors() || bytes.size() < reader_.sectorBytes())
                 return damaged("a DIFAT sector is missing", sector);
+            if (!met.insert(sector))
+                return damaged("the DIFAT sectors run in a circle", sector);
             difatSectors_.push_back(sector);
             const std::size_t places = bytes.size() / sizeof(std::uint32_t) - 1;
             for (std::size_t place = 0; place < places && fatSectors_.size() < count; ++place)
@@ -254,11 +258,15 @@ private:
 
     bool loadDirectory() {
         bool complete = true;
+        const std::size_t entriesPerSector = reader_.sectorBytes() / kEntryBytes;
         const auto chain = fat_.follow(header_.firstDirectorySector, [&](std::uint32_t sector) {
             const auto bytes = reader_.sector(sector);
             complete = complete && bytes.size() == reader_.sectorBytes();
             const std::size_t first = entries_.size();
-            entries_.resize(first + reader_.sectorBytes() / kEntryBytes);
+            // The table may list many times the sectors that exist; they are not worth memory.
+            if (first / entriesPerSector >= reader_.sectors())
+                return;
+            entries_.resize(first + entriesPerSector);
             for (std::size_t i = first; i < entries_.size() && (i - first + 1) * kEntryBytes <= bytes.size();
                  ++i)
                 entries_[i] = decodeEntry(bytes.subspan((i - first) * kEntryBytes).first<kEntryBytes>(),
@@ -273,7 +281,7 @@ private:
         if (header_.firstMiniFatSector == kFreeSector)
             return true;
         return acceptEnd(fat_.follow(header_.firstMiniFatSector, [&](std::uint32_t sector) {
-            if (writing_)
+            if (writing_ && sector < reader_.sectors()) // else it is refused below
                 miniFat_.append(reader_.sector(sector), reader_.sectorBytes());
         }));
     }
