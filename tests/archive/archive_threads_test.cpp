@@ -1,0 +1,130 @@
+// Many threads on one archive: reading, creating, changing and giving back memory, while another one saves.
+
+#include "support/archive_file.h"
+#include "support/compound_file.h"
+#include "support/log_capture.h"
+
+#include <vexel/archive.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <string>
+#include <thread>
+#include <vector>
+
+using Microsoft::WRL::ComPtr;
+using Vexel::Storage::SZipArchive;
+
+namespace {
+
+constexpr unsigned kStable = 20;
+constexpr unsigned kWriters = 3;
+constexpr unsigned kRounds = 150;
+
+std::string contentsFor(unsigned number) {
+    std::string bytes(500 + number * 97 % 9000, static_cast<char>('a' + number % 26));
+    bytes += std::to_string(number);
+    return bytes;
+}
+
+std::wstring pathFor(unsigned writer, unsigned round) {
+    return L"w" + std::to_wstring(writer) + L"/" + std::to_wstring(round);
+}
+
+class ArchiveThreads : public testing::Test {
+protected:
+    void SetUp() override {
+        for (unsigned i = 0; i < kStable; ++i)
+            ASSERT_EQ(Support::writeItem(archive_, (L"stable" + std::to_wstring(i)).c_str(), contentsFor(i)),
+                      S_OK);
+        for (unsigned writer = 0; writer < kWriters; ++writer)
+            ASSERT_EQ(archive_.createDirectory((L"w" + std::to_wstring(writer)).c_str(), true, false), S_OK);
+        ASSERT_EQ(archive_.save(true), S_OK);
+    }
+
+    void note(bool success) {
+        if (!success)
+            ++failures_;
+    }
+
+    // In two parts: a save in between has to leave the second to the next one.
+    void write(unsigned writer) {
+        for (unsigned round = 0; round < kRounds; ++round) {
+            ComPtr<IStream> stream;
+            const std::string bytes = contentsFor(writer * 1000 + round);
+            note(archive_.createFile(&stream, pathFor(writer, round).c_str(), true, false) == S_OK);
+            for (const std::string& part : {bytes.substr(0, 300), bytes.substr(300)}) {
+                note(stream->Write(part.data(), static_cast<ULONG>(part.size()), nullptr) == S_OK);
+                std::this_thread::yield();
+            }
+        }
+    }
+    void read(unsigned seed) {
+        while (!stop_) {
+            const unsigned number = seed++ % kStable;
+            ComPtr<IStream> stream;
+            note(archive_.extractFile(&stream, L"stable" + std::to_wstring(number)) == S_OK);
+            std::string bytes(contentsFor(number).size() + 1, '\0');
+            ULONG count = 0;
+            note(stream && stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &count) == S_OK);
+            bytes.resize(count);
+            note(bytes == contentsFor(number));
+            stream.Reset();
+            note(archive_.flush(L"stable" + std::to_wstring(number)) == S_OK);
+        }
+    }
+
+    LogCapture quiet_;
+    Support::TempFolder folder_;
+    std::wstring path_ = folder_.file(L"a.7z");
+    SZipArchive archive_{path_, false, true};
+    std::atomic<unsigned> failures_{0};
+    std::atomic<bool> stop_{false};
+};
+
+TEST_F(ArchiveThreads, NothingIsLostWhileOneSaves) {
+    std::vector<std::thread> writers, others;
+    for (unsigned i = 0; i < kWriters; ++i)
+        writers.emplace_back([this, i] { write(i); });
+    for (unsigned i = 0; i < 2; ++i)
+        others.emplace_back([this, i] { read(i * 7); });
+    others.emplace_back([this] {
+        while (!stop_) {
+            note(archive_.save(true) == S_OK);
+            note(!archive_.isEmpty());
+        }
+    });
+    for (std::thread& thread : writers)
+        thread.join();
+    stop_ = true;
+    for (std::thread& thread : others)
+        thread.join();
+    EXPECT_EQ(failures_, 0U);
+
+    EXPECT_EQ(archive_.save(true), S_OK);
+    SZipArchive saved(path_, true, true);
+    ASSERT_EQ(saved.reload(), S_OK);
+    const auto contents = Support::contentsOf(saved);
+    EXPECT_EQ(contents.size(), kStable + kWriters * (1 + kRounds));
+    for (unsigned writer = 0; writer < kWriters; ++writer)
+        for (unsigned round = 0; round < kRounds; ++round)
+            EXPECT_EQ(contents.at(pathFor(writer, round)), contentsFor(writer * 1000 + round));
+}
+
+// Both take items from each other at the same time, which must not make them wait for ever.
+TEST_F(ArchiveThreads, ArchivesCopyFromEachOther) {
+    SZipArchive other(L"", false, true);
+    const auto copy = [this](SZipArchive& to, const SZipArchive& from, const wchar_t* name) {
+        for (unsigned i = 0; i < 200; ++i)
+            note(to.addItem(from, std::wstring_view(L"w0"), (name + std::to_wstring(i)).c_str()) == S_OK);
+    };
+    ASSERT_EQ(other.createDirectory(L"w0", true, false), S_OK);
+    std::thread first([&] { copy(archive_, other, L"x"); });
+    std::thread second([&] { copy(other, archive_, L"y"); });
+    first.join();
+    second.join();
+    EXPECT_EQ(failures_, 0U);
+}
+
+} // namespace
