@@ -44,8 +44,8 @@ constexpr std::uint64_t kLzma2 = 0x21;
 constexpr std::uint64_t kLzma = 0x030101;
 } // namespace MethodId
 
-/// Reads numbers off bytes. Whoever wants more than there is gets zeros, and the verdict tells of it: the first
-/// fault is the one that counts, and loops need to look for it only where they would run long.
+/// Reads numbers off bytes. Whoever wants more than there is gets zeros, and the verdict tells of it: the
+/// first fault is the one that counts, and loops need to look for it only where they would run long.
 class HeaderReader {
 public:
     explicit HeaderReader(std::span<const std::byte> bytes, std::size_t begin = 0) noexcept
@@ -118,14 +118,14 @@ struct HeaderStreams {
     // Of the last folder.
     std::uint64_t method = 0;
     std::span<const std::byte> properties;
-    DefinedSet digests;                   ///< of the folders
+    DefinedSet digests;                      ///< of the folders
     std::span<const std::byte> digestValues; ///< of those that have one, 4 bytes each
 };
 
 class HeaderParser {
 public:
-    /// `packedRange`: the bytes between the archive's first ones and the header. `mostThings`: that `bytes` can
-    /// stand for.
+    /// `packedRange`: the bytes between the archive's first ones and the header. `mostThings`: that `bytes`
+    /// can stand for.
     HeaderParser(std::span<const std::byte> bytes, std::uint64_t packedRange,
                  std::uint64_t mostThings = std::numeric_limits<std::uint64_t>::max()) noexcept
         : reader_(bytes), headerBytes_(bytes.size()), packedRange_(packedRange), mostThings_(mostThings) {}
@@ -140,11 +140,10 @@ private:
     bool fits(std::uint64_t count, std::uint64_t leastBytes) noexcept;
     bool skipTo(std::uint64_t id) noexcept;
     DefinedSet defined(HeaderReader& reader, std::uint32_t count) noexcept;
-    bool parseArchiveProperties() noexcept;
 
     bool parsePackInfo(HeaderStreams& streams);
     bool parseFolders(HeaderStreams& streams);
-    bool parseFolder(HeaderStreams& streams, std::size_t& packStream);
+    bool parseFolder(HeaderStreams& streams, HeaderFolder& folder, std::size_t& packStream) noexcept;
     bool parseCoder(HeaderStreams& streams, HeaderFolder& folder, std::uint32_t& inputs) noexcept;
     bool parseBonds(HeaderFolder& folder, std::uint32_t inputs) noexcept;
     bool parseUnpackSizes(HeaderStreams& streams) noexcept;
@@ -157,7 +156,7 @@ private:
     bool parseStreamDigests(const HeaderStreams& streams, std::uint64_t id) noexcept;
 
     bool parseFiles(std::uint32_t streams) noexcept;
-    bool parseProperty(std::uint64_t id, HeaderReader& part) noexcept;
+    void parseProperty(std::uint64_t id, HeaderReader& part) noexcept;
     void parseValues(HeaderReader& part, std::size_t bytesEach) noexcept;
     void parseNames(HeaderReader& part) noexcept;
 

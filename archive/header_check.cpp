@@ -1,0 +1,313 @@
+#include "archive/header_check.h"
+
+#include "archive/header_parser.h"
+
+#include <7zCrc.h>
+#include <Alloc.h>
+#include <Lzma2Dec.h>
+
+#include <algorithm>
+#include <cstring>
+#include <new>
+
+namespace Vexel::Storage::Engine {
+
+namespace {
+
+// The archive's first bytes: signature (6), version (2), checksum of what follows (4); the header's place
+// behind these bytes (8), its size (8) and its checksum (4).
+constexpr std::size_t kStartBytes = 32;
+constexpr std::array<std::uint8_t, 6> kSignature{'7', 'z', 0xBC, 0xAF, 0x27, 0x1C};
+constexpr std::size_t kVersionAt = 6;
+constexpr std::size_t kChecksumAt = 8;
+constexpr std::size_t kOffsetAt = 12;
+constexpr std::size_t kSizeAt = 20;
+constexpr std::size_t kHeaderChecksumAt = 28;
+
+constexpr std::size_t kLargestRead = 0x40000000;
+/// Where an unfinished archive's header is looked for: at the end, in so many bytes.
+constexpr std::uint64_t kRescueBytes = 512;
+/// As long as names differ, each takes more than an eighth of a bit of the packed header; see header_check.h.
+constexpr std::uint64_t kMostPerPackedByte = 64;
+
+using StartBytes = std::array<std::byte, kStartBytes>;
+
+struct Bytes {
+    std::unique_ptr<std::byte[]> data;
+    std::size_t size = 0;
+
+    std::span<const std::byte> view() const noexcept { return {data.get(), size}; }
+};
+
+template <class Number>
+Number load(const StartBytes& start, std::size_t at) noexcept {
+    Number number;
+    std::memcpy(&number, start.data() + at, sizeof number);
+    return number;
+}
+
+template <class Number>
+void store(StartBytes& start, std::size_t at, Number number) noexcept {
+    std::memcpy(start.data() + at, &number, sizeof number);
+}
+
+std::uint32_t checksum(std::span<const std::byte> bytes) noexcept {
+    return CrcCalc(bytes.data(), bytes.size());
+}
+
+std::uint32_t startChecksum(const StartBytes& start) noexcept {
+    return checksum(std::span(start).subspan(kOffsetAt));
+}
+
+HRESULT statusOf(HeaderFault fault) noexcept {
+    switch (fault) {
+    case HeaderFault::NotAnArchive:
+    case HeaderFault::Header:
+        return STG_E_INVALIDHEADER;
+    case HeaderFault::Unsupported:
+        return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
+    case HeaderFault::Unreadable:
+    case HeaderFault::Input:
+        return E_FAIL;
+    case HeaderFault::None:
+        break;
+    }
+    return S_OK;
+}
+
+/// Unpacks all of a folder's bytes into `target`, which takes the place of the dictionary. Returns the
+/// decoder's result; `done` receives the number of bytes that came out.
+SRes unpack(std::uint64_t method, std::span<const std::byte> properties, std::span<const std::byte> packed,
+            std::span<std::byte> target, std::size_t& done) noexcept {
+    const auto* source = reinterpret_cast<const Byte*>(packed.data());
+    const auto* settings = reinterpret_cast<const Byte*>(properties.data());
+    auto* out = reinterpret_cast<Byte*>(target.data());
+    SizeT sourceSize = packed.size();
+    ELzmaStatus end = LZMA_STATUS_NOT_SPECIFIED;
+    done = target.size();
+    if (method == MethodId::kLzma)
+        return LzmaDecode(out, &done, source, &sourceSize, settings, static_cast<unsigned>(properties.size()),
+                          LZMA_FINISH_END, &end, &g_Alloc);
+    if (method == MethodId::kLzma2)
+        return properties.size() != 1
+                   ? SZ_ERROR_UNSUPPORTED
+                   : Lzma2Decode(out, &done, source, &sourceSize, *settings, LZMA_FINISH_END, &end, &g_Alloc);
+    done = (std::min)(target.size(), packed.size());
+    std::copy_n(packed.begin(), done, target.begin());
+    return properties.empty() ? SZ_OK : SZ_ERROR_UNSUPPORTED;
+}
+
+class HeaderChecker {
+public:
+    explicit HeaderChecker(HeaderSource& source) noexcept : source_(source), fileSize_(source.size()) {}
+
+    const HeaderVerdict& verdict() const noexcept { return verdict_; }
+
+    bool run() {
+        if (!readStart())
+            return false;
+        if (headerBytes_ == 0)
+            return true;
+        if (!readHeader())
+            return false;
+        HeaderParser parser(header_.view(), headerOffset_);
+        const std::uint64_t id = parser.reader().number();
+        if (id == HeaderId::kHeader)
+            return accept(parser, parser.parseHeader());
+        if (id != HeaderId::kEncodedHeader)
+            return refuse(HeaderFault::Header, "the header is none", kStartBytes + headerOffset_);
+        HeaderStreams streams;
+        return accept(parser, parser.parseStreams(streams)) && runPacked(streams);
+    }
+
+    PlainHeader plain() noexcept {
+        PlainHeader plain;
+        std::copy_n(start_.begin(), kChecksumAt, plain.start.begin());
+        plain.offset = kStartBytes + (header_.size > 0 ? headerOffset_ : 0);
+        if (header_.size > 0) {
+            store(plain.start, kOffsetAt, headerOffset_);
+            store<std::uint64_t>(plain.start, kSizeAt, header_.size);
+            store(plain.start, kHeaderChecksumAt, checksum(header_.view()));
+        }
+        store(plain.start, kChecksumAt, startChecksum(plain.start));
+        plain.bytes = std::move(header_.data);
+        plain.size = header_.size;
+        return plain;
+    }
+
+private:
+    bool refuse(HeaderFault fault, const char* what, std::uint64_t where) noexcept {
+        verdict_ = {fault, statusOf(fault), what, where};
+        return false;
+    }
+
+    bool accept(HeaderParser& parser, bool parsed) noexcept {
+        const HeaderVerdict& verdict = parser.reader().verdict();
+        return parsed || refuse(verdict.fault, verdict.what, verdict.where);
+    }
+
+    bool read(std::uint64_t offset, std::span<std::byte> target, HeaderFault atEnd) noexcept {
+        for (std::size_t done = 0, count = 0; done < target.size(); done += count) {
+            const auto rest = target.subspan(done, (std::min)(target.size() - done, kLargestRead));
+            count = 0;
+            if (const HRESULT status = source_.read(offset + done, rest, count); FAILED(status)) {
+                refuse(HeaderFault::Input, "the file cannot be read", offset + done);
+                verdict_.status = status;
+                return false;
+            }
+            if (count == 0)
+                return refuse(atEnd, "the file ends too early", offset + done);
+        }
+        return true;
+    }
+
+    /// The range has been held against the file's size.
+    bool read(Bytes& bytes, std::uint64_t offset, std::uint64_t size) {
+        bytes = allocate(size);
+        return read(offset, {bytes.data.get(), bytes.size}, HeaderFault::Unreadable);
+    }
+
+    /// Memory that is not touched before it is filled: what is promised may not come.
+    static Bytes allocate(std::uint64_t size) {
+        if (size > static_cast<std::uint64_t>(PTRDIFF_MAX))
+            throw std::bad_alloc();
+        const auto count = static_cast<std::size_t>(size);
+        return {std::make_unique_for_overwrite<std::byte[]>(count), count};
+    }
+
+    bool readStart() {
+        if (!read(0, start_, HeaderFault::NotAnArchive))
+            return false;
+        if (std::memcmp(start_.data(), kSignature.data(), kSignature.size()) != 0)
+            return refuse(HeaderFault::NotAnArchive, "it does not begin as an archive", 0);
+        const bool isWhole = startChecksum(start_) == load<std::uint32_t>(start_, kChecksumAt);
+        if (!isWhole && !isUnfinished())
+            return refuse(HeaderFault::NotAnArchive, "the checksum of the first bytes is wrong", kChecksumAt);
+        if (start_[kVersionAt] != std::byte{0})
+            return refuse(HeaderFault::Unreadable, "it is of an unknown version", kVersionAt);
+        if (!isWhole)
+            return findHeader();
+        headerOffset_ = load<std::uint64_t>(start_, kOffsetAt);
+        headerBytes_ = load<std::uint64_t>(start_, kSizeAt);
+        headerChecksum_ = load<std::uint32_t>(start_, kHeaderChecksumAt);
+        if (headerBytes_ == 0)
+            return (headerOffset_ == 0 && headerChecksum_ == 0) ||
+                   refuse(HeaderFault::Unreadable, "a header of no bytes has a place", kOffsetAt);
+        const std::uint64_t room = fileSize_ - (std::min<std::uint64_t>)(fileSize_, kStartBytes);
+        if (headerOffset_ > room || headerBytes_ > room - headerOffset_)
+            return refuse(HeaderFault::Header, "the header lies behind the end of the file", kOffsetAt);
+        return true;
+    }
+
+    /// A writer that did not get to the end leaves zeros behind the version.
+    bool isUnfinished() const noexcept {
+        return start_[kVersionAt + 1] != std::byte{0} &&
+               std::all_of(start_.begin() + kChecksumAt, start_.end(),
+                           [](std::byte byte) { return byte == std::byte{0}; });
+    }
+
+    /// The engine reads such an archive all the same if it finds the last header at its end.
+    bool findHeader() {
+        constexpr const char* kNone = "the archive was not finished";
+        const std::uint64_t room = fileSize_ - (std::min<std::uint64_t>)(fileSize_, kStartBytes);
+        Bytes end;
+        if (!read(end, fileSize_ - (std::min)(room, kRescueBytes), (std::min)(room, kRescueBytes)))
+            return false;
+        const auto at = [&](std::size_t index) { return std::to_integer<std::uint64_t>(end.data[index]); };
+        if (end.size < 3 || at(end.size - 1) != HeaderId::kEnd)
+            return refuse(HeaderFault::Unreadable, kNone, kChecksumAt);
+        for (std::size_t i = end.size - 1; i-- > 0;) {
+            if ((at(i) != HeaderId::kEncodedHeader || at(i + 1) != HeaderId::kPackInfo) &&
+                (at(i) != HeaderId::kHeader || at(i + 1) != HeaderId::kMainStreamsInfo))
+                continue;
+            headerBytes_ = end.size - i;
+            headerOffset_ = room - headerBytes_;
+            headerChecksum_ = checksum(end.view().subspan(i));
+            return true;
+        }
+        return refuse(HeaderFault::Unreadable, kNone, kChecksumAt);
+    }
+
+    bool readHeader() {
+        if (!read(header_, kStartBytes + headerOffset_, headerBytes_))
+            return false;
+        return checksum(header_.view()) == headerChecksum_ ||
+               refuse(HeaderFault::Header, "the header's checksum is wrong", kStartBytes + headerOffset_);
+    }
+
+    /// `streams` refers into the header that is replaced here by the unpacked one.
+    bool runPacked(const HeaderStreams& streams) {
+        if (streams.folders.empty()) { // the engine takes that for an archive without items
+            header_ = {};
+            return true;
+        }
+        if (!isUnpackable(streams))
+            return false;
+        const std::uint64_t stored = streams.folders[0].packed + header_.size;
+        Bytes unpacked;
+        if (!unpackHeader(streams, unpacked))
+            return false;
+        header_ = std::move(unpacked);
+        HeaderParser parser(header_.view(), headerOffset_, stored * kMostPerPackedByte);
+        // Headers packed several times over do not exist for the engine either.
+        if (parser.reader().number() != HeaderId::kHeader)
+            return refuse(HeaderFault::Header, "the packed header is none", 0);
+        return accept(parser, parser.parseHeader());
+    }
+
+    bool isUnpackable(const HeaderStreams& streams) noexcept {
+        const HeaderFolder& folder = streams.folders[0];
+        const std::uint64_t where = kStartBytes + streams.offset;
+        if (streams.folders.size() > 1)
+            return refuse(HeaderFault::Header, "there are several packed headers", where);
+        // An encrypted header, for one.
+        if (!folder.isKnown || folder.coders != 1)
+            return refuse(HeaderFault::Unsupported, "the header is packed with an unknown method", where);
+        return true;
+    }
+
+    bool unpackHeader(const HeaderStreams& streams, Bytes& unpacked) {
+        const HeaderFolder& folder = streams.folders[0];
+        const std::uint64_t where = kStartBytes + streams.offset;
+        Bytes packed;
+        if (!read(packed, where, folder.packed))
+            return false;
+        unpacked = allocate(folder.unpacked);
+        std::size_t done = 0;
+        const SRes result = unpack(streams.method, streams.properties, packed.view(),
+                                   {unpacked.data.get(), unpacked.size}, done);
+        if (result == SZ_ERROR_MEM)
+            throw std::bad_alloc();
+        if (result == SZ_ERROR_UNSUPPORTED)
+            return refuse(HeaderFault::Unsupported, "the header is packed in an unknown way", where);
+        if (result != SZ_OK)
+            return refuse(HeaderFault::Unreadable, "the packed header does not unpack", where);
+        if (done != unpacked.size)
+            return refuse(HeaderFault::Header, "the packed header is shorter than it should be", where);
+        std::uint32_t wanted = 0;
+        if (folder.hasDigest)
+            std::memcpy(&wanted, streams.digestValues.data(), sizeof wanted);
+        return !folder.hasDigest || checksum(unpacked.view()) == wanted ||
+               refuse(HeaderFault::Header, "the packed header's checksum is wrong", where);
+    }
+
+    HeaderSource& source_;
+    const std::uint64_t fileSize_;
+    HeaderVerdict verdict_;
+    StartBytes start_{};
+    std::uint64_t headerOffset_ = 0; // behind the first bytes
+    std::uint64_t headerBytes_ = 0;
+    std::uint32_t headerChecksum_ = 0;
+    Bytes header_;
+};
+
+} // namespace
+
+HeaderVerdict checkHeaders(HeaderSource& source, PlainHeader* plain) {
+    HeaderChecker checker(source);
+    if (checker.run() && plain)
+        *plain = checker.plain();
+    return checker.verdict();
+}
+
+} // namespace Vexel::Storage::Engine
