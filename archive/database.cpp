@@ -58,12 +58,12 @@ HRESULT openFile(const wchar_t* path, std::shared_ptr<DatabaseStream>& opened) {
 
 bool DatabaseStream::fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const noexcept {
     // The caller's order differs from the system's.
-    return file_ && platform().getFileTime(file_.get(), creation, lastAccess, lastWrite);
+    return file_ && platform().getFileTime(file_.handle(), creation, lastAccess, lastWrite);
 }
 
 HRESULT DatabaseStream::openCursor(ComPtr<IInStream>& cursor) const {
     if (!isOnStream()) {
-        cursor = Detail::adopt<IInStream>(new FileInStream(file_.get(), fileSize_));
+        cursor = Detail::adopt<IInStream>(new FileInStream(file_, fileSize_));
         return S_OK;
     }
     ComPtr<::IStream> clone;
@@ -77,7 +77,7 @@ HRESULT DatabaseStream::openCursor(ComPtr<IInStream>& cursor) const {
 }
 
 HRESULT DatabaseStream::readStart(StartHeader& start) const {
-    FileInStream input(file_.get(), fileSize_);
+    FileInStream input(file_, fileSize_);
     UInt32 count = 0;
     const HRESULT status = input.Read(start.data(), static_cast<UInt32>(start.size()), &count);
     if (FAILED(status))
@@ -95,7 +95,7 @@ HRESULT DatabaseStream::reopenFile(const wchar_t* path) {
         return status;
     if (again->fileSize_ != fileSize_ || start != start_)
         return STG_E_INVALIDHEADER;
-    file_ = std::move(again->file_);
+    file_.reset(again->file_.release());
     return S_OK;
 }
 
@@ -109,7 +109,7 @@ HRESULT DatabaseStream::readDatabase(const wchar_t* archiveName) {
     if (isOnStream())
         input = Detail::adopt<IInStream>(new IStreamInStream(stream_));
     else
-        input = Detail::adopt<IInStream>(new FileInStream(file_.get(), fileSize_));
+        input = Detail::adopt<IInStream>(new FileInStream(file_, fileSize_));
 
     NArchive::N7z::CInArchive archive(threadCount() > 1);
     // An archive begins where the file does: nobody looks for one in gigabytes of something else.
@@ -145,6 +145,11 @@ std::wstring_view DatabaseStream::path(unsigned index) const noexcept {
 DatabaseStream::Folder DatabaseStream::folderOf(unsigned index) const noexcept {
     const unsigned folder = database_.FileIndexToFolderIndexMap[index];
     return {folder, folder != NArchive::N7z::kNumNoIndex && database_.NumUnpackStreamsVector[folder] > 1};
+}
+
+std::uint64_t DatabaseStream::packedSize(unsigned index) const noexcept {
+    const unsigned folder = database_.FileIndexToFolderIndexMap[index];
+    return folder == NArchive::N7z::kNumNoIndex ? 0 : database_.GetFolderFullPackSize(folder);
 }
 
 } // namespace Vexel::Storage::Engine

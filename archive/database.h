@@ -28,7 +28,7 @@ public:
 
     bool isOnStream() const noexcept { return stream_ != nullptr; }
     ::IStream* stream() const noexcept { return stream_.Get(); }
-    bool isOpen() const noexcept { return isOnStream() || file_; }
+    bool isOpen() const noexcept { return isOnStream() || static_cast<bool>(file_); }
     bool fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const noexcept;
 
     /// Reads the database. Failures are logged with the archive's name.
@@ -54,6 +54,8 @@ public:
     };
     /// For files with contents only.
     Folder folderOf(unsigned index) const noexcept;
+    /// The bytes of the folder of any item; 0 without one.
+    std::uint64_t packedSize(unsigned index) const noexcept;
 
 private:
     using StartHeader = std::array<std::byte, NArchive::N7z::kHeaderSize>;
@@ -63,7 +65,7 @@ private:
 
     NArchive::N7z::CDbEx database_;
     StartHeader start_{};
-    Detail::FileHandle file_;
+    mutable SharedFile file_;
     std::uint64_t fileSize_ = 0;
     ComPtr<::IStream> stream_;
 };

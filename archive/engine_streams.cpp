@@ -17,11 +17,13 @@ constexpr std::uint32_t kWriteBehind = 0x100000;
 /// Larger requests are made of several calls: some drivers fail when too much is asked for at once.
 constexpr std::uint32_t kLargestCall = 0x1000000;
 
-OVERLAPPED at(std::uint64_t offset) noexcept {
-    OVERLAPPED position{};
-    position.Offset = static_cast<DWORD>(offset);
-    position.OffsetHigh = static_cast<DWORD>(offset >> 32);
-    return position;
+constexpr std::uint64_t kUnknownPosition = ~std::uint64_t{0};
+
+/// Returns 0 or the system's error code.
+DWORD moveTo(HANDLE file, std::uint64_t offset) noexcept {
+    LARGE_INTEGER position;
+    position.QuadPart = static_cast<LONGLONG>(offset);
+    return SetFilePointerEx(file, position, nullptr, FILE_BEGIN) ? ERROR_SUCCESS : GetLastError();
 }
 
 /// Nothing for an unknown origin or a position before the beginning.
@@ -73,18 +75,36 @@ HRESULT InStreamBase::QueryInterface(const GUID& iid, void** ppv) noexcept {
     return E_NOINTERFACE;
 }
 
+HRESULT SharedFile::read(std::uint64_t offset, void* data, std::uint32_t size, std::uint32_t& done) noexcept {
+    const std::scoped_lock lock(turn_);
+    if (offset != systemPosition_) {
+        if (const DWORD error = moveTo(file_.get(), offset); error != ERROR_SUCCESS)
+            return storageStatus(error);
+        systemPosition_ = offset;
+    }
+    DWORD count = 0;
+    if (!platform().readFile(file_.get(), data, (std::min)(size, kLargestCall), &count, nullptr)) {
+        const DWORD error = GetLastError();
+        systemPosition_ = kUnknownPosition;
+        return storageStatus(error);
+    }
+    systemPosition_ += count;
+    done = count;
+    return S_OK;
+}
+
+void SharedFile::reset(Detail::FileHandle file) noexcept {
+    file_.close();
+    file_ = std::move(file);
+    systemPosition_ = 0;
+}
+
 HRESULT FileInStream::readFile(std::uint64_t offset, void* data, std::uint32_t size,
                                std::uint32_t& done) noexcept {
-    OVERLAPPED position = at(offset);
-    DWORD count = 0;
-    if (!platform().readFile(file_, data, (std::min)(size, kLargestCall), &count, &position)) {
-        const DWORD error = GetLastError();
-        if (error != ERROR_HANDLE_EOF)
-            return storageStatus(error);
-    }
-    done = count;
-    lastEnd_ = offset + count;
-    return S_OK;
+    const HRESULT status = file_.read(offset, data, size, done);
+    if (SUCCEEDED(status))
+        lastEnd_ = offset + done;
+    return status;
 }
 
 std::size_t FileInStream::takeBuffered(void* data, std::size_t size) noexcept {
@@ -173,7 +193,8 @@ HRESULT OutStream::QueryInterface(const GUID& iid, void** ppv) noexcept {
     return IUnknownImpl::QueryInterface(iid, ppv);
 }
 
-TemporaryFile::TemporaryFile(const wchar_t* path) : path_(path), buffer_(kWriteBehind) {}
+TemporaryFile::TemporaryFile(const wchar_t* path)
+    : path_(path), buffer_(std::make_unique_for_overwrite<std::byte[]>(kWriteBehind)) {}
 
 TemporaryFile::~TemporaryFile() {
     file_.close();
@@ -199,25 +220,35 @@ HRESULT TemporaryFile::finish() noexcept {
     return S_OK;
 }
 
-HRESULT TemporaryFile::writeFile(const void* data, std::uint32_t size) noexcept {
-    const auto* bytes = static_cast<const std::byte*>(data);
+// Bytes that were taken and then could not be written are missing from then on.
+HRESULT TemporaryFile::fail(HRESULT status) noexcept {
+    failure_ = status;
+    return status;
+}
+
+HRESULT TemporaryFile::writeFile(const std::byte* data, std::uint32_t size) noexcept {
+    if (FAILED(failure_))
+        return failure_;
+    if (fileOffset_ != systemPosition_)
+        if (const DWORD error = moveTo(file_.get(), fileOffset_); error != ERROR_SUCCESS)
+            return fail(storageStatus(error));
     while (size > 0) {
-        OVERLAPPED position = at(fileOffset_);
         DWORD count = 0;
-        if (!platform().writeFile(file_.get(), bytes, (std::min)(size, kLargestCall), &count, &position))
-            return storageStatus(GetLastError());
+        if (!platform().writeFile(file_.get(), data, (std::min)(size, kLargestCall), &count, nullptr))
+            return fail(storageStatus(GetLastError()));
         if (count == 0)
-            return STG_E_MEDIUMFULL;
-        bytes += count;
+            return fail(STG_E_MEDIUMFULL);
+        data += count;
         size -= count;
         fileOffset_ += count;
     }
+    systemPosition_ = fileOffset_;
     size_ = (std::max)(size_, fileOffset_);
     return S_OK;
 }
 
 HRESULT TemporaryFile::writeBuffered() noexcept {
-    return writeFile(buffer_.data(), std::exchange(buffered_, 0));
+    return writeFile(buffer_.get(), std::exchange(buffered_, 0));
 }
 
 HRESULT TemporaryFile::Write(const void* data, UInt32 size, UInt32* processed) noexcept {
@@ -226,10 +257,10 @@ HRESULT TemporaryFile::Write(const void* data, UInt32 size, UInt32* processed) n
         if (const HRESULT status = writeBuffered(); FAILED(status))
             return status;
     if (size >= kWriteBehind) {
-        if (const HRESULT status = writeFile(data, size); FAILED(status))
+        if (const HRESULT status = writeFile(static_cast<const std::byte*>(data), size); FAILED(status))
             return status;
     } else {
-        std::memcpy(buffer_.data() + buffered_, data, size);
+        std::memcpy(buffer_.get() + buffered_, data, size);
         buffered_ += size;
     }
     size_ = (std::max)(size_, position());
@@ -254,10 +285,11 @@ HRESULT TemporaryFile::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) no
 HRESULT TemporaryFile::SetSize(UInt64 newSize) noexcept {
     if (const HRESULT status = writeBuffered(); FAILED(status))
         return status;
-    LARGE_INTEGER end;
-    end.QuadPart = static_cast<LONGLONG>(newSize);
-    if (!SetFilePointerEx(file_.get(), end, nullptr, FILE_BEGIN) || !platform().setEndOfFile(file_.get()))
-        return storageStatus(GetLastError());
+    systemPosition_ = kUnknownPosition;
+    if (const DWORD error = moveTo(file_.get(), newSize); error != ERROR_SUCCESS)
+        return fail(storageStatus(error));
+    if (!platform().setEndOfFile(file_.get()))
+        return fail(storageStatus(GetLastError()));
     size_ = newSize;
     return S_OK;
 }

@@ -6,7 +6,7 @@
 
 #include <vexel/diagnostics.h>
 
-#include <limits>
+#include <new>
 
 namespace Vexel::Storage::Engine {
 
@@ -24,17 +24,21 @@ constexpr UInt32 kFastBytes = 32;
 constexpr auto* kMatchFinder = "HC4";
 constexpr UInt32 kLzmaThreads = 2;
 
+constexpr auto* kUpdateFailure = L"Failed to create or update archive \"%ls\": 0x%08x";
+constexpr auto* kHeaderFailure = L"Failed to write archive header to \"%ls\": 0x%08x";
+
+struct UpdateInterfaces : IArchiveUpdateCallback, IArchiveUpdateCallbackFile {};
+
 /// Hands the engine the contents of the items that have new data. It is never asked for properties, as it
 /// gets a list of them.
-class UpdateCallback final : public IUnknownImpl<IArchiveUpdateCallback> {
+class UpdateCallback final : public IUnknownImpl<UpdateInterfaces> {
 public:
     explicit UpdateCallback(const std::vector<UpdateEntry>& entries) noexcept : entries_(entries) {}
 
-    HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override {
-        return ppv && (iid == IID_IArchiveUpdateCallback || iid == IID_IProgress)
-                   ? hand(ppv)
-                   : IUnknownImpl::QueryInterface(iid, ppv);
-    }
+    /// Whether all contents are written, and the header comes next.
+    bool isAtHeader() const noexcept { return isAtHeader_; }
+
+    HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
     HRESULT STDMETHODCALLTYPE SetTotal(UInt64 /*total*/) noexcept override { return S_OK; }
     HRESULT STDMETHODCALLTYPE SetCompleted(const UInt64* /*done*/) noexcept override { return S_OK; }
     HRESULT STDMETHODCALLTYPE GetUpdateItemInfo(UInt32 /*index*/, Int32* /*newData*/,
@@ -49,19 +53,44 @@ public:
     HRESULT STDMETHODCALLTYPE GetStream(UInt32 index, ISequentialInStream** stream) noexcept override;
     HRESULT STDMETHODCALLTYPE SetOperationResult(Int32 /*result*/) noexcept override { return S_OK; }
 
+    HRESULT STDMETHODCALLTYPE GetStream2(UInt32 index, ISequentialInStream** stream,
+                                         UInt32 /*operation*/) noexcept override {
+        return GetStream(index, stream);
+    }
+    HRESULT STDMETHODCALLTYPE ReportOperation(UInt32 /*indexType*/, UInt32 /*index*/,
+                                              UInt32 operation) noexcept override {
+        isAtHeader_ = operation == NUpdateNotifyOp::kHeader;
+        return S_OK;
+    }
+
 private:
     const std::vector<UpdateEntry>& entries_;
+    bool isAtHeader_ = false;
 };
+
+HRESULT UpdateCallback::QueryInterface(const GUID& iid, void** ppv) noexcept {
+    if (!ppv)
+        return E_POINTER;
+    *ppv = nullptr;
+    if (iid == IID_IArchiveUpdateCallbackFile)
+        *ppv = static_cast<IArchiveUpdateCallbackFile*>(this);
+    else if (iid == IID_IArchiveUpdateCallback || iid == IID_IProgress || iid == __uuidof(IUnknown))
+        *ppv = static_cast<IArchiveUpdateCallback*>(this);
+    else
+        return E_NOINTERFACE;
+    AddRef();
+    return S_OK;
+}
 
 HRESULT UpdateCallback::GetStream(UInt32 index, ISequentialInStream** stream) noexcept {
     *stream = nullptr;
     if (index >= entries_.size() || !entries_[index].contents)
         return STG_E_INVALIDPARAMETER;
-    auto* const input = new (std::nothrow) IStreamInStream(entries_[index].contents);
-    if (!input)
-        return STG_E_INSUFFICIENTMEMORY;
-    *stream = input;
-    return input->Seek(0, STREAM_SEEK_SET, nullptr);
+    const ComPtr<::IStream>& contents = entries_[index].contents;
+    if (const HRESULT status = contents->Seek({}, STREAM_SEEK_SET, nullptr); FAILED(status))
+        return status;
+    *stream = new (std::nothrow) IStreamInStream(contents);
+    return *stream ? S_OK : STG_E_INSUFFICIENTMEMORY;
 }
 
 UInt64 toNumber(const FILETIME& time) noexcept {
@@ -100,6 +129,31 @@ CCompressionMethodMode methodFor(CMethodId id, UInt32 threads) {
     return mode;
 }
 
+/// What a header of these entries takes, about.
+std::uint64_t headerSize(const std::vector<UpdateEntry>& entries) noexcept {
+    constexpr std::uint64_t kFolderAndTimes = 32;
+    std::uint64_t size = 0;
+    for (const UpdateEntry& entry : entries)
+        size += kFolderAndTimes + sizeof(wchar_t) * static_cast<std::uint64_t>(entry.name.GetLength());
+    return size;
+}
+
+/// Packing a header makes small files slow to save, for it sets an encoder up, and files with many items slow
+/// to save and to open. A header that is small, by itself or beside the contents, stays as it is.
+bool isHeaderWorthPacking(const std::vector<UpdateEntry>& entries, const DatabaseStream* old) noexcept {
+    constexpr std::uint64_t kSmall = 0x1000;
+    constexpr std::uint64_t kSmallPart = 32;
+    std::uint64_t contents = 0;
+    for (const UpdateEntry& entry : entries) {
+        if (entry.hasNewData)
+            contents += entry.size;
+        else if (old && entry.databaseIndex >= 0)
+            contents += old->packedSize(static_cast<unsigned>(entry.databaseIndex));
+    }
+    const std::uint64_t header = headerSize(entries);
+    return header > kSmall && header > contents / kSmallPart;
+}
+
 void logFailure(const wchar_t* format, const wchar_t* archiveName, HRESULT status) noexcept {
     VxLog_WriteW(VxLog_Error, format, archiveName, static_cast<unsigned>(status));
 }
@@ -114,47 +168,56 @@ HRESULT writeEmpty(IOutStream* output, const wchar_t* archiveName) {
                                : created;
     });
     if (FAILED(status))
-        logFailure(L"Failed to write archive header to \"%ls\": 0x%08x", archiveName, status);
+        logFailure(kHeaderFailure, archiveName, status);
     return status;
 }
 
-HRESULT writeItems(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output) {
+CObjectVector<CUpdateItem> itemsOf(const std::vector<UpdateEntry>& entries) {
+    CObjectVector<CUpdateItem> items;
+    items.ClearAndReserve(static_cast<unsigned>(entries.size()));
+    for (const UpdateEntry& entry : entries)
+        fill(items.AddNewInReserved(), entry, items.Size() - 1);
+    return items;
+}
+
+HRESULT update(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
+               UpdateCallback& callback) {
     ComPtr<IInStream> input;
     if (old)
         if (const HRESULT status = old->openCursor(input); FAILED(status))
             return status;
 
-    CObjectVector<CUpdateItem> items;
-    items.ClearAndReserve(static_cast<unsigned>(entries.size()));
-    for (const UpdateEntry& entry : entries)
-        fill(items.AddNewInReserved(), entry, items.Size() - 1);
-
+    CObjectVector<CUpdateItem> items = itemsOf(entries);
     const CCompressionMethodMode method = methodFor(kLzma2, threadCount());
     const CCompressionMethodMode headerMethod = methodFor(kLzma, kLzmaThreads);
     NArchive::N7z::CUpdateOptions options;
     options.Method = &method;
-    options.HeaderMethod = &headerMethod;
+    if (isHeaderWorthPacking(entries, old))
+        options.HeaderMethod = &headerMethod;
     options.MultiThreadMixer = threadCount() > 1;
     // Contents are read back item by item, so no two share a folder.
     options.NumSolidFiles = 1;
     options.AnalysisLevel = 0;
-    const auto callback = Detail::adopt(new UpdateCallback(entries));
-    return NArchive::N7z::Update(input.Get(), old ? &old->database() : nullptr, items, output, callback.Get(),
+    return NArchive::N7z::Update(input.Get(), old ? &old->database() : nullptr, items, output, &callback,
                                  options);
+}
+
+HRESULT writeItems(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
+                   const wchar_t* archiveName) {
+    const auto callback = Detail::adopt(new UpdateCallback(entries));
+    HRESULT status = withEngine(E_FAIL, [&] { return update(entries, old, output, *callback.Get()); });
+    if (status == S_FALSE) // the engine's word for data that it could not read
+        status = E_FAIL;
+    if (FAILED(status))
+        logFailure(callback->isAtHeader() ? kHeaderFailure : kUpdateFailure, archiveName, status);
+    return status;
 }
 
 } // namespace
 
 HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
                      const wchar_t* archiveName) {
-    if (entries.empty())
-        return writeEmpty(output, archiveName);
-    HRESULT status = withEngine(E_FAIL, [&] { return writeItems(entries, old, output); });
-    if (status == S_FALSE) // the engine's word for data that it could not read
-        status = E_FAIL;
-    if (FAILED(status))
-        logFailure(L"Failed to create or update archive \"%ls\": 0x%08x", archiveName, status);
-    return status;
+    return entries.empty() ? writeEmpty(output, archiveName) : writeItems(entries, old, output, archiveName);
 }
 
 } // namespace Vexel::Storage::Engine
