@@ -2,7 +2,7 @@
 
 #include "archive/engine.h"
 #include "archive/engine_status.h"
-#include "archive/header_check.h"
+#include "archive/header_stream.h"
 #include "io/com_pointer.h"
 
 #include <vexel/diagnostics.h>
@@ -17,6 +17,9 @@ namespace {
 constexpr DWORD kNotThere[] = {ERROR_FILE_NOT_FOUND, ERROR_PATH_NOT_FOUND, ERROR_INVALID_DRIVE,
                                ERROR_NOT_READY,      ERROR_BAD_NETPATH,    ERROR_BAD_NET_NAME,
                                ERROR_NOT_FOUND};
+
+constexpr auto* kOpenFailure = L"Failed to open \"%ls\" as an archive: 0x%08x";
+constexpr auto* kReadFailure = L"Failed to read the archive database for \"%ls\": 0x%08x";
 
 bool isNotThere(DWORD error) noexcept {
     return std::find(std::begin(kNotThere), std::end(kNotThere), error) != std::end(kNotThere);
@@ -100,38 +103,66 @@ HRESULT DatabaseStream::reopenFile(const wchar_t* path) {
 }
 
 HRESULT DatabaseStream::read(const wchar_t* archiveName) {
-    const HRESULT status = withEngine(S_FALSE, [&] { return readDatabase(archiveName); });
+    const HRESULT status = withEngine(E_FAIL, [&] { return readDatabase(archiveName); });
     return status == S_FALSE ? E_FAIL : status;
 }
 
 HRESULT DatabaseStream::readDatabase(const wchar_t* archiveName) {
+    PlainHeader header;
+    if (const HRESULT status = checkHeader(archiveName, header); FAILED(status))
+        return status;
+    if (const HRESULT status = readHeader(archiveName, std::move(header)); FAILED(status))
+        return status;
+    return isOnStream() ? S_OK : readStart(start_);
+}
+
+HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& header) const {
     ComPtr<IInStream> input;
     if (isOnStream())
         input = Detail::adopt<IInStream>(new IStreamInStream(stream_));
     else
         input = Detail::adopt<IInStream>(new FileInStream(file_, fileSize_));
+    UInt64 size = 0;
+    if (const HRESULT status = input->Seek(0, STREAM_SEEK_END, &size); FAILED(status)) {
+        logFailure(VxLog_Error, kOpenFailure, archiveName, status);
+        return status;
+    }
+    InStreamSource source(*input.Get(), size);
+    const HeaderVerdict verdict = checkHeaders(source, &header);
+    if (verdict.fault == HeaderFault::None)
+        return S_OK;
 
+    // The engine calls all faults S_FALSE.
+    const bool isInput = verdict.fault == HeaderFault::Input;
+    const bool isOpening =
+        verdict.fault == HeaderFault::NotAnArchive || (isInput && verdict.where < start_.size());
+    logFailure(verdict.fault == HeaderFault::NotAnArchive ? VxLog_Trace : VxLog_Error,
+               isOpening ? kOpenFailure : kReadFailure, archiveName, isInput ? verdict.status : S_FALSE);
+    VxLog_WriteW(VxLog_Trace, L"Header of \"%ls\", byte %llu: %hs", archiveName, verdict.where, verdict.what);
+    return verdict.status;
+}
+
+// What the check let through may still be more than the engine knows.
+HRESULT DatabaseStream::readHeader(const wchar_t* archiveName, PlainHeader&& header) {
+    const auto input = Detail::adopt<IInStream>(new HeaderStream(std::move(header)));
     NArchive::N7z::CInArchive archive(threadCount() > 1);
     // An archive begins where the file does: nobody looks for one in gigabytes of something else.
     const UInt64 searchLimit = 0;
     HRESULT status = withEngine(S_FALSE, [&] { return archive.Open(input.Get(), &searchLimit); });
     if (status != S_OK) {
-        logFailure(status == S_FALSE ? VxLog_Trace : VxLog_Error,
-                   L"Failed to open \"%ls\" as an archive: 0x%08x", archiveName, status);
+        logFailure(status == S_FALSE ? VxLog_Trace : VxLog_Error, kOpenFailure, archiveName, status);
         return status == S_FALSE ? STG_E_INVALIDHEADER : status;
     }
     status = withEngine(S_FALSE, [&] { return archive.ReadDatabase(database_); });
-    if (status != S_OK) {
-        logFailure(VxLog_Error, L"Failed to read the archive database for \"%ls\": 0x%08x", archiveName,
-                   status);
-        archive.Close();
-        if (status != S_FALSE)
-            return status;
-        if (database_.ThereIsHeaderError || database_.UnexpectedEnd)
-            return STG_E_INVALIDHEADER;
-        return database_.UnsupportedFeatureError ? HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED) : E_FAIL;
-    }
-    return isOnStream() ? S_OK : readStart(start_);
+    if (status == S_OK)
+        return S_OK;
+    logFailure(VxLog_Error, kReadFailure, archiveName, status);
+    archive.Close();
+    if (status != S_FALSE)
+        return status;
+    if (database_.ThereIsHeaderError || database_.UnexpectedEnd)
+        return STG_E_INVALIDHEADER;
+    return database_.UnsupportedFeatureError ? HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED) : E_FAIL;
 }
 
 std::wstring_view DatabaseStream::path(unsigned index) const noexcept {

@@ -2,6 +2,7 @@
 
 #include "archive/engine_api.h"
 #include "archive/engine_streams.h"
+#include "archive/header_check.h"
 
 #include <windows.h>
 
@@ -62,6 +63,8 @@ private:
 
     HRESULT readStart(StartHeader& start) const;
     HRESULT readDatabase(const wchar_t* archiveName);
+    HRESULT checkHeader(const wchar_t* archiveName, PlainHeader& header) const;
+    HRESULT readHeader(const wchar_t* archiveName, PlainHeader&& header);
 
     NArchive::N7z::CDbEx database_;
     StartHeader start_{};
