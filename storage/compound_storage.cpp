@@ -1,6 +1,7 @@
 #include "storage/compound_storage.h"
 
 #include "paths/file_handle.h"
+#include "paths/status_guard.h"
 #include "storage/compound_check.h"
 #include "storage/platform_storage.h"
 
@@ -34,6 +35,15 @@ bool lowerOptionsVersion() {
     return true;
 }
 
+/// A copy has been up for deletion since it was opened; once it is closed it can go. Where memory is missing
+/// it goes another time: a handle that closes must not fail.
+void clearCopies() {
+    Vexel::Detail::withStatus([] {
+        TempFileContainer::Instance().clear();
+        return S_OK;
+    });
+}
+
 } // namespace
 
 std::atomic<USHORT>& Vexel::Detail::compoundOptionsVersion() noexcept {
@@ -50,9 +60,8 @@ void VxCompoundStorage::attach(IStorage* storage) {
 void VxCompoundStorage::close() {
     const bool mayBeCopy = copiesMade && !parent_ && keyed_ && readOnly_ && storage_;
     VxStorage::close();
-    // The copy has been up for deletion since it was opened; now it can go.
     if (mayBeCopy)
-        TempFileContainer::Instance().clear();
+        clearCopies();
 }
 
 bool VxCompoundStorage::retryAfterFailure(HRESULT status) {
@@ -114,7 +123,7 @@ std::unique_ptr<VxStorageEnumerator> VxCompoundStorage::createEnumerator() {
 long VxCompoundStorage::openRoot(DWORD stgm) {
     HRESULT status = openFile(name_, stgm);
     if (keyed_ && isHeldElsewhere(status) && isForReading(stgm) && name_.fileExists())
-        status = openCopy(stgm);
+        status = openCopy(stgm, status);
 
     // Neither is worth a failure: they only save the system a scratch file or a snapshot.
     constexpr DWORD savings = STGM_NOSCRATCH | STGM_NOSNAPSHOT;
@@ -143,14 +152,14 @@ HRESULT VxCompoundStorage::openFile(const SharedPathName& path, DWORD stgm) {
 }
 
 /// Another process is writing the file: a copy gives a reader who wants no writers a view that does not
-/// change.
-HRESULT VxCompoundStorage::openCopy(DWORD stgm) {
+/// change. `otherwise` is what a file that cannot be copied gets.
+HRESULT VxCompoundStorage::openCopy(DWORD stgm, HRESULT otherwise) {
     auto& files = TempFileContainer::Instance();
     unsigned long error = 0;
     const SharedPathName copy = files.insertCopy(name_.asString(), L"vxsv",
                                                  name_.fileExtension(false, nullptr), &error, false, false);
     if (copy.empty())
-        return STG_E_SHAREVIOLATION;
+        return otherwise;
     copiesMade = true;
     const HRESULT status = openFile(copy, stgm);
     files.erase(copy); // goes when it is closed

@@ -32,7 +32,7 @@ private:
         : VxStorage(std::move(name), parent, root) {}
 
     HRESULT openFile(const SharedPathName& path, DWORD stgm);
-    HRESULT openCopy(DWORD stgm);
+    HRESULT openCopy(DWORD stgm, HRESULT otherwise);
     HRESULT tryElement(const SharedPathName& name, StorageType type);
 };
 

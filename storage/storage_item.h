@@ -122,7 +122,7 @@ public:
 
     /// Opens the node and the storages above it. An open node stays as it is, unless it is open for reading
     /// and now wanted for writing: then it is closed, with all below it, and opened again. `rootFlag` is kept
-    /// with a root for the application. A failure leaves the node closed.
+    /// with a root for the application. A failure, exhausted memory included, leaves the node closed.
     long open(bool readOnly, bool rootFlag);
     /// Makes the node's element, or a root's file. `convert` is for roots: with the contents of what stands
     /// there. `replace` is for children: an element of the name is removed first. STG_E_FILEALREADYEXISTS

@@ -1,9 +1,11 @@
+#include "paths/status_guard.h"
 #include "storage/compound_name.h"
 #include "storage/element_name.h"
 #include "storage/storage_item.h"
 #include "storage/tree_lock.h"
 
 using Vexel::Detail::lockTree;
+using Vexel::Detail::withStatus;
 
 namespace {
 
@@ -111,7 +113,8 @@ long VxStorage::open(bool readOnly, bool rootFlag) {
         return S_OK;
     if (name_.empty())
         return STG_E_INVALIDPARAMETER;
-    const HRESULT status = parent_ ? openInParent(readOnly) : openRoot(rootOpenFlags(readOnly, keyed_));
+    const HRESULT status = parent_ ? openInParent(readOnly)
+                                   : withStatus([&] { return openRoot(rootOpenFlags(readOnly, keyed_)); });
     if (FAILED(status))
         close();
     else
@@ -144,8 +147,9 @@ long VxStorage::create(bool convert, bool readOnly, bool replace) {
     const bool keyed = keyed_;
     close();
     keyed_ = keyed;
-    const HRESULT status = parent_ ? createInParent(readOnly, replace)
-                                   : createRoot(rootCreateFlags(convert, readOnly, keyed_), 0);
+    const HRESULT status =
+        parent_ ? createInParent(readOnly, replace)
+                : withStatus([&] { return createRoot(rootCreateFlags(convert, readOnly, keyed_), 0); });
     if (FAILED(status))
         close();
     else

@@ -61,7 +61,8 @@ long VxStream::setSize(unsigned long long size) {
 long VxStream::resize(unsigned long long size) {
     ULARGE_INTEGER wanted{};
     wanted.QuadPart = size;
-    return callTwice(*this, [&] { return stream_->SetSize(wanted); });
+    // The clean-up before a second attempt may have closed the node, here and below.
+    return callTwice(*this, [&] { return stream_ ? stream_->SetSize(wanted) : STG_E_INVALIDFUNCTION; });
 }
 
 // A closed node counts as open for reading, so that this never empties a stream.
@@ -93,7 +94,9 @@ long VxStream::openOrRewind(bool readOnly) {
     if (!parent_->storage())
         return STG_E_INVALIDPARAMETER;
     if (stream_)
-        return callTwice(*this, [this] { return stream_->Seek({}, STREAM_SEEK_SET, nullptr); });
+        return callTwice(*this, [this] {
+            return stream_ ? stream_->Seek({}, STREAM_SEEK_SET, nullptr) : STG_E_INVALIDFUNCTION;
+        });
     // Not left to the platform: some take writes in a storage that is open for reading, and lose them.
     if (!readOnly && parent_->readOnly())
         return STG_E_ACCESSDENIED;
@@ -101,7 +104,7 @@ long VxStream::openOrRewind(bool readOnly) {
     const DWORD stgm = STGM_SHARE_EXCLUSIVE | (readOnly ? STGM_READ : STGM_READWRITE);
     const HRESULT status = callTwice(*parent_, [&]() -> HRESULT {
         if (!parent_->isOpen())
-            return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
+            return STG_E_INVALIDFUNCTION;
         return parent_->storage_->OpenStream(name_.asString(), nullptr, stgm, 0,
                                              stream_.ReleaseAndGetAddressOf());
     });

@@ -3,6 +3,7 @@
 #include "storage/platform_storage.h"
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
+#include "support/scarce_memory.h"
 
 #include <vexel/storage.h>
 #include <vexel/temp_files.h>
@@ -169,6 +170,30 @@ TEST(CompoundRoots, ReadACopyOfAHeldFile) {
         }
         EXPECT_EQ(GetFileAttributesW(copy.c_str()), INVALID_FILE_ATTRIBUTES) << "given up for deletion";
     }
+}
+
+TEST(CompoundRoots, RaiseNothingWhileTheyOpenACopy) {
+    const Support::TempFolder folder;
+    const SharedPathName file(folder.file(L"held.xls"), false, false);
+    Support::writeCompoundFile(file.asString(), {{L"Note", "note"}});
+    static bool struck;
+    struck = true;
+    for (int spared = 0; struck && spared < 1000; ++spared) {
+        const ScriptedSystem system({STG_E_SHAREVIOLATION});
+        VxCompoundStorage root(file);
+        root.setKeyed(true);
+        struck = false;
+        AtMainAllocation(spared, [] {
+            struck = true;
+            throw std::bad_alloc();
+        });
+        const HRESULT status = root.open(true, false);
+        AtMainAllocation(0, nullptr);
+        EXPECT_TRUE(status == STG_E_INSUFFICIENTMEMORY || status == S_OK) << spared;
+        EXPECT_EQ(root.isOpen(), status == S_OK) << spared;
+        root.close();
+    }
+    EXPECT_FALSE(struck);
 }
 
 class CompoundNodes : public testing::Test {

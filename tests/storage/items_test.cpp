@@ -7,6 +7,7 @@
 #include <gtest/gtest.h>
 
 #include <functional>
+#include <map>
 #include <string_view>
 #include <utility>
 #include <vector>
@@ -90,6 +91,7 @@ TEST(RootFlags, FollowModeAndUse) {
         EXPECT_EQ(call(root), S_OK);
         EXPECT_EQ(calls.take(), asked);
         EXPECT_EQ(root.readOnly(), std::string_view(use).find("read") != std::string_view::npos);
+        EXPECT_EQ(root.rootFlag(), asked[0] == L'o') << "what an opening says";
         root.close();
         EXPECT_TRUE(root.readOnly() && !root.keyed() && !root.isOpen());
         EXPECT_EQ(calls.alive, 0);
@@ -124,6 +126,12 @@ TEST_F(Items, AskThePlatformWithTheirFlags) {
     stream(L"b")->commit();
     root_.commit();
     EXPECT_EQ(calls_.take(), L"Commit stream 0x2\nCommit storage 0x2\n");
+    FILETIME times[4];
+    stream(L"b")->stat(&times[0], &times[1]);
+    root_.stat(&times[2], &times[3]);
+    EXPECT_EQ(calls_.take(), L"Stat 1\nStat 1\n");
+    for (const int i : {0, 1, 2, 3})
+        EXPECT_EQ(times[i].dwLowDateTime, i % 2 ? 7u : 5u) << "made, then changed";
     root_.destroyChild(b);
     EXPECT_EQ(calls_.take(), L"~Stream\nDestroyElement b\n");
 }
@@ -226,8 +234,8 @@ TEST_F(Items, CleanUpLeavesTheObjectsWhenAsked) {
     const auto used = storage(L"used");
     storage(L"unused");
     stream(L"note", *storage(L"FileLinks").get());
-    storage(L"link", *storage(L"FileLinks").get());
     const auto links = storage(L"FileLinks");
+    stream(L"inner", *storage(L"link", *links.get()).get());
     const auto item = [&](const wchar_t* name, VxStorage& parent) {
         return parent.openChildStorage(elementName(name), true, true, nullptr);
     };
@@ -238,6 +246,7 @@ TEST_F(Items, CleanUpLeavesTheObjectsWhenAsked) {
     EXPECT_FALSE(unused->isOpen());
     EXPECT_TRUE(used->isOpen() && root_.isOpen());
     EXPECT_TRUE(item(L"link", *links.get())->isOpen()) << "held open";
+    EXPECT_EQ(calls_.take(), L"~Stream\n~Storage\n") << "and the stream in it, unlike the one beside it";
     EXPECT_TRUE(item(L"link", *links.get())->holdOpen() && !links->holdOpen() && !root_.holdOpen());
 
     EXPECT_TRUE(root_.deleteUnusedObjects(false));
@@ -287,12 +296,45 @@ TEST_F(Items, RetryOnceAfterACleanUp) {
             }
         }
     }
-    const CleanUp cleanUp([] { return true; });
-    calls_.take();
-    calls_.failures = {{0, STG_E_TOOMANYOPENFILES}, {1, STG_E_TOOMANYOPENFILES}};
-    EXPECT_EQ(storage(L"new").get(), nullptr);
-    EXPECT_EQ(status_, STG_E_TOOMANYOPENFILES);
-    EXPECT_EQ(CleanUp::runs, 1);
+}
+
+TEST_F(Items, RetryEveryCallOnceOnly) {
+    const auto held = stream(L"held");
+    const SharedPathName name = elementName(L"new");
+    const std::pair<const char*, std::function<HRESULT()>> cases[] = {
+        {"open storage", [&] { return (root_.openChildStorage(name, true, false, &status_), status_); }},
+        {"create storage", [&] { return (root_.createChildStorage(name, &status_, false), status_); }},
+        {"open stream", [&] { return (root_.openChildStream(name, true, false, &status_), status_); }},
+        {"create stream", [&] { return (root_.createChildStream(name, &status_), status_); }},
+        {"rewind", [&] { return held->open(true); }},
+        {"resize", [&] { return held->setSize(1); }},
+    };
+    const struct {
+        const char* how;
+        bool closing; // by the clean-up
+        std::map<size_t, HRESULT> failures;
+        HRESULT expected;
+    } ways[] = {
+        {"once", false, {{0, STG_E_TOOMANYOPENFILES}}, S_OK},
+        {"twice", false, {{0, STG_E_TOOMANYOPENFILES}, {1, STG_E_READFAULT}}, STG_E_READFAULT},
+        {"once, then closed", true, {{0, STG_E_TOOMANYOPENFILES}}, STG_E_INVALIDFUNCTION},
+    };
+    for (const auto& [what, operation] : cases) {
+        for (const auto& [how, closing, failures, expected] : ways) {
+            root_.deleteUnusedObjects(false);
+            ASSERT_TRUE(SUCCEEDED(root_.open(false, false)) && held->stream());
+            const CleanUp cleanUp([&, close = closing] {
+                if (close)
+                    root_.close();
+                return true;
+            });
+            calls_.take();
+            calls_.failures = failures;
+            EXPECT_EQ(operation(), expected) << what << " failing " << how;
+            EXPECT_EQ(CleanUp::runs, 1) << what << " failing " << how;
+            calls_.failures.clear();
+        }
+    }
 }
 
 TEST_F(Items, FailedOpeningsLeaveNothingBehind) {
@@ -362,7 +404,7 @@ TEST_F(Items, ListStoragesAndStreamsOnly) {
         ASSERT_TRUE(list->moveNext());
         EXPECT_EQ(list->name(), elementName(name));
         EXPECT_EQ(list->type(), type);
-        EXPECT_EQ(list->writeTime().dwLowDateTime, 7u);
+        EXPECT_TRUE(list->createTime().dwLowDateTime == 5 && list->writeTime().dwLowDateTime == 7);
     }
     EXPECT_EQ(list->size().QuadPart, 4u);
     EXPECT_FALSE(list->moveNext());

@@ -8,6 +8,12 @@ using Microsoft::WRL::ComPtr;
 namespace Support {
 namespace {
 
+/// The times of every fake: made at 5, changed at 7.
+void setTimes(STATSTG& info) {
+    info.ctime.dwLowDateTime = 5;
+    info.mtime.dwLowDateTime = 7;
+}
+
 template <class Interface>
 class Fake : public Interface {
 public:
@@ -34,6 +40,11 @@ protected:
     HRESULT give(HRESULT status, Result** result) {
         *result = SUCCEEDED(status) ? new Made(calls_) : nullptr;
         return status;
+    }
+
+    HRESULT stat(STATSTG& info, DWORD flags) {
+        setTimes(info);
+        return calls_.add(L"Stat " + std::to_wstring(flags));
     }
 
     FakeCalls& calls_;
@@ -69,7 +80,7 @@ public:
     STDMETHODIMP Revert() override { return E_NOTIMPL; }
     STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
     STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP Stat(STATSTG*, DWORD) override { return calls_.add(L"Stat"); }
+    STDMETHODIMP Stat(STATSTG* info, DWORD flags) override { return stat(*info, flags); }
     STDMETHODIMP Clone(::IStream**) override { return E_NOTIMPL; }
 
 private:
@@ -96,7 +107,7 @@ public:
         std::wmemcpy(entry->pwcsName, name.c_str(), name.size() + 1);
         entry->type = type;
         entry->cbSize.QuadPart = next_;
-        entry->mtime.dwLowDateTime = 7;
+        setTimes(*entry);
         return S_OK;
     }
     STDMETHODIMP Skip(ULONG) override { return E_NOTIMPL; }
@@ -132,7 +143,7 @@ public:
         return calls_.add(std::wstring(L"DestroyElement ") + name);
     }
     STDMETHODIMP Commit(DWORD flags) override { return calls_.add(L"Commit", L"storage", flags); }
-    STDMETHODIMP Stat(STATSTG*, DWORD) override { return calls_.add(L"Stat"); }
+    STDMETHODIMP Stat(STATSTG* info, DWORD flags) override { return stat(*info, flags); }
     STDMETHODIMP CopyTo(DWORD, const IID*, SNB, IStorage*) override { return E_NOTIMPL; }
     STDMETHODIMP MoveElementTo(const wchar_t*, IStorage*, const wchar_t*, DWORD) override {
         return E_NOTIMPL;
