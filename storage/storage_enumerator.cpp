@@ -1,4 +1,4 @@
-#include "storage/status_guard.h"
+#include "paths/status_guard.h"
 #include "storage/storage_item.h"
 
 #include <vexel/storage.h>

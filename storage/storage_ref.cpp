@@ -1,6 +1,6 @@
+#include "paths/status_guard.h"
 #include "storage/element_name.h"
 #include "storage/item_ref.h"
-#include "storage/status_guard.h"
 #include "storage/storage_item.h"
 
 #include <vexel/storage.h>
@@ -157,10 +157,14 @@ long StorageRef::destroy(const CStringW& name) {
     return withStatus([&] { return destroy(elementName(name)); });
 }
 
-long StorageRef::clear() { return item_ ? item_->clear() : STG_E_INVALIDPARAMETER; }
+long StorageRef::clear() {
+    return item_ ? withStatus([this] { return item_->clear(); }) : STG_E_INVALIDPARAMETER;
+}
 
 long StorageRef::borrowPackedData(const StorageRef& source) {
-    return item_ && source.item_ ? item_->borrowPackedData(source.item_) : STG_E_INVALIDPARAMETER;
+    if (null() || source.null())
+        return STG_E_INVALIDPARAMETER;
+    return withStatus([&] { return item_->borrowPackedData(source.item_); });
 }
 
 long StorageRef::commit() const { return item_ ? item_->commit() : STG_E_INVALIDPARAMETER; }

@@ -1,7 +1,7 @@
 #include "io/com_stream.h"
+#include "paths/status_guard.h"
 #include "storage/element_name.h"
 #include "storage/item_ref.h"
-#include "storage/status_guard.h"
 #include "storage/storage_item.h"
 
 #include <vexel/storage.h>
@@ -140,8 +140,11 @@ unsigned long long StreamRef::SeekToEnd() {
 }
 
 void StreamRef::SeekToBegin() {
+    ::IStream* com = stream();
     unsigned long long reached = 0;
-    Vexel::Detail::seek(stream(), STREAM_SEEK_SET, 0, reached);
+    // Kept as it always was: a move that fails asks for the position, though nobody takes this one.
+    if (!Vexel::Detail::seek(com, STREAM_SEEK_SET, 0, reached))
+        Vexel::Detail::position(com);
 }
 
 unsigned long long StreamRef::GetLength() { return size(); }
@@ -157,7 +160,7 @@ unsigned long long StreamRef::Seek(SeekPosition origin, long long offset) {
     // Some versions of the system's storage accept positions before the start, as huge numbers, and beyond
     // 4 GiB, and end the process in the read that follows.
     constexpr unsigned long long highestSafe = 0xFFFFFFFF;
-    if (reached <= highestSafe || reached <= size())
+    if (format() != StorageFormat::CompoundFile || reached <= highestSafe || reached <= size())
         return reached;
     Vexel::Detail::seek(com, STREAM_SEEK_SET, static_cast<long long>(before), reached);
     return before;

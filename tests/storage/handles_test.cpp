@@ -1,5 +1,6 @@
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
+#include "support/scarce_memory.h"
 
 #include <vexel/storage.h>
 
@@ -430,17 +431,44 @@ TEST_F(Handles, EnumeratorsShareByAssignment) {
     alias = StorageEnumerator();
 }
 
-TEST_F(Handles, WrapInterfaces) {
-    const auto system = Support::openCompoundFile(file_, STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_READ);
-    for (int round = 0; round < 2; ++round) { // the second finds the root that the first left in the table
-        StorageRef root = StorageRef::fromPtr(system.Get());
-        EXPECT_EQ(root, StorageRef::fromPtr(system.Get()));
-        EXPECT_TRUE(root.name().empty());
-        EXPECT_EQ(root.storage(), system.Get());
-        std::vector<Element> elements;
-        collect(root, L"", elements);
-        EXPECT_EQ(elements.size(), sample.size());
+TEST_F(Handles, ReportExhaustedMemory) {
+    static bool struck;
+    const SharedPathName path = name(file_);
+    StorageRef root, box, made;
+    StreamRef note, written;
+    StorageEnumerator children;
+    const std::pair<const char*, std::function<long()>> calls[] = {
+        {"open root", [&] { return root.open(path, RootStorageOpenMode::ReadWrite, false); }},
+        {"open storage", [&] { return box.open(L"Box", root, false); }},
+        {"open stream", [&] { return note.open(L"Note", box, true); }},
+        {"list", [&] { return children.reset(box); }},
+        {"create storage", [&] { return made.create(L"Made", box, false); }},
+        {"create stream", [&] { return written.create(L"Written", made); }},
+        {"destroy", [&] { return root.destroy(L"Never interned"); }},
+    };
+    for (const auto& [what, call] : calls) {
+        for (int spared = 0; spared < 100; ++spared) {
+            struck = false;
+            AtMainAllocation(spared, [] {
+                struck = true;
+                throw std::bad_alloc();
+            });
+            const long status = call();
+            AtMainAllocation(0, nullptr);
+            if (!struck) {
+                EXPECT_GT(spared, 0) << what;
+                break;
+            }
+            EXPECT_STATUS(status, STG_E_INSUFFICIENTMEMORY) << what << spared;
+        }
     }
+    EXPECT_TRUE(note.size() == 3 && children.moveNext() && written.WriteBytes("w", 1) == 1);
+    children.release();
+    for (StorageRef* handle : {&root, &box, &made})
+        handle->close();
+    note.close();
+    written.close();
+    EXPECT_TRUE(released());
 }
 
 TEST_F(Handles, SeekLikeTheSystemButNeverOutOfReach) {
@@ -516,7 +544,7 @@ TEST(StreamBytes, GoByCountsAndPositionsOnly) {
 
         EXPECT_EQ(stream.Seek(SeekPosition::Begin, 4), 4u);
         calls.take();
-        calls.failures = {{0, E_FAIL}, {3, E_FAIL}, {5, E_FAIL}, {6, E_FAIL}};
+        calls.failures = {{0, E_FAIL}, {3, E_FAIL}, {5, E_FAIL}, {7, E_FAIL}};
         EXPECT_EQ(stream.SeekToEnd(), 4u) << "the position, not 0";
         EXPECT_EQ(stream.Seek(SeekPosition::Begin, 9), 4u);
         stream.SeekToBegin();

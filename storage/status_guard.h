@@ -1,3 +1,0 @@
-#pragma once
-
-#include "paths/status_guard.h"
