@@ -104,7 +104,7 @@ void StorageContainer::clearAll() {
         const auto tree = lockTree();
         root->close();
         if (root->referenced())
-            detach(std::move(root));
+            detach(root);
     };
     for (auto& [key, root] : roots_)
         letGo(root);
@@ -115,11 +115,9 @@ void StorageContainer::clearAll() {
     missing_.clear();
 }
 
-/// Keeps a root that handles are still on but nobody is to find any more, until a clean-up.
-void StorageContainer::detach(std::unique_ptr<VxStorage> root) {
-    VxStorage* const key = root.get();
-    detached_.emplace(key, std::move(root));
-}
+/// Takes over a root that handles are still on but nobody is to find any more, until a clean-up. Without
+/// memory it stays where it is.
+void StorageContainer::detach(std::unique_ptr<VxStorage>& root) { detached_[root.get()].swap(root); }
 
 /// The root with this key if it is of use. One that nobody uses and that is closed says nothing about the
 /// file any more, which may have been replaced by one of the other format.
@@ -129,8 +127,8 @@ VxStorage* StorageContainer::findRoot(const RootKey& key) {
     if (found == roots_.end())
         return nullptr;
     VxStorage& root = *found->second;
-    if (root.isOpen() || root.referenced()) {
-        root.setKeyed(key.second); // closing forgets it
+    if (root.referenced() || root.isOpen()) { // in this order: a handle's thread may be opening it
+        root.setKeyed(key.second);            // closing forgets it
         return &root;
     }
     roots_.erase(found);
@@ -197,7 +195,7 @@ ItemRef<VxStorage> StorageContainer::createTemporaryRoot(long& status, bool flag
     const std::lock_guard lock(lock_);
     WrappedRoot& entry = wrapped_[storage];
     if (entry.root && entry.root->isUsed())
-        detach(std::move(entry.root));
+        detach(entry.root);
     entry = {storage, std::move(root)};
     return ItemRef<VxStorage>(entry.root.get());
 }
@@ -229,7 +227,7 @@ ItemRef<VxStorage> StorageContainer::enterRoot(const RootKey& key, std::unique_p
     auto& entry = roots_[key];
     // Only a clean-up callback that opened the very file can have been here first.
     if (entry)
-        detach(std::move(entry));
+        detach(entry);
     entry = std::move(root);
     return result;
 }

@@ -26,9 +26,11 @@
 ///    it writable for all, and all handles of a stream share its position.
 /// 4. Names. A root's name is the path of its file, a child's the name of its element. Elements are named
 ///    exactly as spelled: texts given to the handles are interned with case, and an enumeration delivers the
-///    spelling in the file. A compound file itself does not tell case apart, so that one element opened under
-///    two spellings at a time fails with STG_E_ACCESSDENIED. An element of a compound file has 1 to 31
-///    characters without "/", "\", ":" and "!"; others end in STG_E_INVALIDNAME.
+///    spelling in the file. A compound file itself does not tell case apart: while an element is open, or
+///    cached (rule 8), under one spelling, opening it under another fails with STG_E_ACCESSDENIED, but
+///    replacing or destroying it under another goes through, and what is open then fails with
+///    STG_E_REVERTED. An element of a compound file has 1 to 31 characters without "/", "\", ":" and "!";
+///    others end in STG_E_INVALIDNAME.
 /// 5. Transactions. Everything is opened transacted: a change is written when its storage and every storage
 ///    above it, the root last, has been committed, and is lost when one of them is closed before.
 /// 6. Streams are written whole: to open a stream for writing empties it.
@@ -294,6 +296,8 @@ public:
     void SeekToBegin() override;
     /// As size().
     unsigned long long GetLength() override;
+    /// In a compound file a position before the start, or beyond both the end and 4 GiB, is refused as a move
+    /// that fails: not every version of the system's storage survives the read that follows.
     unsigned long long Seek(SeekPosition origin, long long offset) override;
     unsigned long long GetPosition() const override;
     unsigned long long ReadBytes(void* buffer, unsigned long long count) override;
@@ -414,7 +418,7 @@ private:
     VxStorage* findRoot(const RootKey& key);
     ItemRef<VxStorage> referencedRoot(const RootKey& key);
     ItemRef<VxStorage> enterRoot(const RootKey& key, std::unique_ptr<VxStorage> root, long status);
-    void detach(std::unique_ptr<VxStorage> root);
+    void detach(std::unique_ptr<VxStorage>& root);
     void rememberMissing(const SharedPathName& path, long status);
     long missingStatus(const SharedPathName& path) const;
 

@@ -212,6 +212,9 @@ TEST_F(Container, ClearingLeavesHandlesSafe) {
               nullptr)
         << "the file is let go of";
     EXPECT_NE(StorageRef::fromPtr(storage.Get()), wrapped) << "the table is empty";
+    StorageRef again;
+    EXPECT_EQ(again.open(path_, modeRead, false), S_OK);
+    EXPECT_TRUE(again != root && note.size() == 4 && root.storage()) << "opened anew, apart";
     root.close();
     note.close();
     wrapped.close();
@@ -226,6 +229,7 @@ TEST_F(Container, WrappedInterfacesComeBackAfterTheirLastHandle) {
         StorageRef root = StorageRef::fromPtr(storage.Get());
         EXPECT_EQ(root, StorageRef::fromPtr(storage.Get()));
         EXPECT_EQ(root.storage(), storage.Get());
+        EXPECT_TRUE(root.name().empty());
         EXPECT_FALSE(root.readOnly());
         StreamRef note;
         EXPECT_EQ(note.open(L"Note", root, true), S_OK);
