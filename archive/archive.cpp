@@ -57,6 +57,30 @@ SZipArchiveItem* SZipArchive::item(std::wstring_view path) const {
     return path.empty() || found == private_->items.end() ? nullptr : &found->second;
 }
 
+void SZipArchive::visitDescendants(
+    std::wstring_view path,
+    const std::function<void(std::wstring_view pathBelow, const SZipArchiveItem& item)>& visit) const {
+    const RwGuard guard(private_->lock, RwGuard::Shared);
+    const std::size_t start = path.empty() ? 0 : path.size() + 1;
+    for (auto item = SZipArchivePrivate::descendantsBegin(private_->items, path);
+         item != private_->items.end() && SZipArchivePrivate::isDescendant(path, item->first); ++item)
+        visit(StringLess::view(item->first).substr(start), item->second);
+}
+
+bool SZipArchive::hasDirectory(const CString& path) const {
+    const RwGuard guard(private_->lock, RwGuard::Shared);
+    return private_->hasDirectory(StringLess::view(path));
+}
+
+void SZipArchive::itemTimes(const CString& path, FILETIME& creation, FILETIME& modification) const {
+    const RwGuard guard(private_->lock, RwGuard::Shared);
+    const auto found = private_->items.find(path);
+    if (found == private_->items.end())
+        return;
+    creation = found->second.creationFileTime();
+    modification = found->second.modificationFileTime();
+}
+
 bool SZipArchive::isEmpty() const {
     const RwGuard guard(private_->lock, RwGuard::Shared);
     return private_->items.empty();

@@ -28,4 +28,8 @@ inline std::wstring_view parentOf(std::wstring_view path) noexcept {
     return end == std::wstring_view::npos ? std::wstring_view() : path.substr(0, end);
 }
 
+inline std::wstring_view lastElement(std::wstring_view path) noexcept {
+    return path.substr(path.rfind(L'/') + 1); // npos + 1 is 0
+}
+
 } // namespace Vexel::Storage

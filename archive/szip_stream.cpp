@@ -1,5 +1,7 @@
 #include "archive/szip_stream.h"
 
+#include "archive/item_paths.h"
+#include "archive/task_memory.h"
 #include "io/memory_blocks.h"
 
 #include <windows.h>
@@ -26,15 +28,8 @@ namespace {
 
 // The last element as it is stored. Unlike a storage, a stream does not decode its name.
 HRESULT duplicateName(const CString& path, LPOLESTR* name) noexcept {
-    std::wstring_view element(path.GetString(), static_cast<std::size_t>(path.GetLength()));
-    element.remove_prefix(element.rfind(L'/') + 1); // npos + 1 is 0
-    const std::size_t bytes = (element.size() + 1) * sizeof(wchar_t);
-    *name = static_cast<LPOLESTR>(CoTaskMemAlloc(bytes));
-    if (!*name)
-        return STG_E_INSUFFICIENTMEMORY;
-    std::memcpy(*name, element.data(), bytes - sizeof(wchar_t));
-    (*name)[element.size()] = L'\0';
-    return S_OK;
+    *name = duplicateText(lastElement({path.GetString(), static_cast<std::size_t>(path.GetLength())}));
+    return *name ? S_OK : STG_E_INSUFFICIENTMEMORY;
 }
 
 } // namespace

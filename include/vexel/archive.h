@@ -26,6 +26,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <functional>
 #include <map>
 #include <memory>
 #include <string_view>
@@ -134,6 +135,15 @@ public:
     /// Null when there is none. No lock, as above.
     SZipArchiveItem* item(std::wstring_view path) const;
     SZipArchiveItem* item(const CString& path) const { return item(StringLess::view(path)); }
+    /// Calls `visit` for each item below a directory, or for each there is for the empty path, in order, with
+    /// its path from there on. Holds a share of the lock meanwhile: `visit` must not change the archive.
+    void visitDescendants(
+        std::wstring_view path,
+        const std::function<void(std::wstring_view pathBelow, const SZipArchiveItem& item)>& visit) const;
+    /// The same two answers under the lock: whether there is such a directory, and an item's times, which are
+    /// left as they are when there is no such item.
+    bool hasDirectory(const CString& path) const;
+    void itemTimes(const CString& path, FILETIME& creation, FILETIME& modification) const;
     bool isEmpty() const;
     /// Whether anything was created, changed, moved or removed since the last load or save. No lock.
     bool isChanged() const noexcept;

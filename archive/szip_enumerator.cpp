@@ -1,0 +1,99 @@
+#include "archive/szip_enumerator.h"
+
+#include "archive/item_paths.h"
+#include "archive/task_memory.h"
+#include "io/com_pointer.h"
+#include "paths/status_guard.h"
+
+#include <algorithm>
+#include <iterator>
+#include <new>
+
+namespace Vexel::Storage {
+
+namespace {
+
+STATSTG describe(const SZipArchiveItem& item) {
+    STATSTG entry{};
+    entry.type = item.isDirectory() ? STGTY_STORAGE : STGTY_STREAM;
+    entry.cbSize.QuadPart = item.size();
+    entry.mtime = entry.atime = item.modificationFileTime();
+    entry.ctime = item.creationFileTime();
+    return entry;
+}
+
+/// The child that leads to an item, by its path below the storage. All of it is decoded before it is taken
+/// apart, so an element with a "/" in its name is cut there; documents rely on it.
+CString childName(std::wstring_view pathBelow) {
+    const CString decoded = SZipArchive::decodePathElement(pathBelow);
+    const std::wstring_view text = StringLess::view(decoded);
+    return toString(text.substr(0, text.find(L'/')));
+}
+
+} // namespace
+
+SZipEnumerator::SZipEnumerator(const SZipArchive& archive, const CString& path) {
+    archive.visitDescendants(StringLess::view(path), [&](std::wstring_view pathBelow,
+                                                         const SZipArchiveItem& item) {
+        entries_.try_emplace(childName(pathBelow), describe(item)); // a storage comes before what is in it
+    });
+    next_ = entries_.begin();
+}
+
+SZipEnumerator::SZipEnumerator(const SZipEnumerator& other)
+    : IUnknownImpl(other), entries_(other.entries_),
+      next_(std::next(entries_.cbegin(), std::distance(other.entries_.cbegin(), other.next_))) {}
+
+SZipEnumerator::~SZipEnumerator() = default;
+
+HRESULT SZipEnumerator::QueryInterface(const GUID& iid, void** ppv) noexcept {
+    return ppv && iid == __uuidof(IEnumSTATSTG) ? hand(ppv) : IUnknownImpl::QueryInterface(iid, ppv);
+}
+
+HRESULT SZipEnumerator::Next(ULONG celt, STATSTG* rgelt, ULONG* pceltFetched) noexcept {
+    if (pceltFetched)
+        *pceltFetched = 0;
+    if (celt == 0)
+        return next_ == entries_.end() ? S_FALSE : S_OK;
+    if (!rgelt)
+        return STG_E_INVALIDPOINTER;
+    std::fill_n(rgelt, celt, STATSTG{});
+    ULONG count = 0;
+    auto entry = next_;
+    for (; count < celt && entry != entries_.end(); ++entry, ++count) {
+        rgelt[count] = entry->second;
+        rgelt[count].pwcsName = duplicateText(StringLess::view(entry->first));
+        if (rgelt[count].pwcsName)
+            continue;
+        std::for_each(rgelt, rgelt + count, [](STATSTG& delivered) { CoTaskMemFree(delivered.pwcsName); });
+        std::fill_n(rgelt, celt, STATSTG{});
+        return STG_E_INSUFFICIENTMEMORY;
+    }
+    next_ = entry;
+    if (pceltFetched)
+        *pceltFetched = count;
+    return count == celt ? S_OK : S_FALSE;
+}
+
+HRESULT SZipEnumerator::Skip(ULONG celt) noexcept {
+    for (; celt > 0 && next_ != entries_.end(); --celt)
+        ++next_;
+    return celt == 0 ? S_OK : S_FALSE;
+}
+
+HRESULT SZipEnumerator::Reset() noexcept {
+    next_ = entries_.begin();
+    return S_OK;
+}
+
+HRESULT SZipEnumerator::Clone(IEnumSTATSTG** ppenum) noexcept {
+    if (!ppenum)
+        return STG_E_INVALIDPOINTER;
+    *ppenum = nullptr;
+    return Detail::withStatus([&]() -> HRESULT {
+        *ppenum = Detail::make<SZipEnumerator>(*this).Detach();
+        return S_OK;
+    });
+}
+
+} // namespace Vexel::Storage

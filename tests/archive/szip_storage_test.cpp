@@ -1,0 +1,348 @@
+// Packages as IStorage, held against the system's own storage.
+
+#include "archive/szip_storage.h"
+#include "io/com_pointer.h"
+#include "support/archive_file.h"
+#include "support/compound_file.h"
+#include "support/log_capture.h"
+
+#include <vexel/archive.h>
+#include <vexel/memory_streams.h>
+
+#include <windows.h>
+
+#include <objbase.h>
+#include <propidl.h>
+
+#include <gtest/gtest.h>
+
+#include <array>
+#include <filesystem>
+#include <random>
+#include <string>
+#include <vector>
+
+using Microsoft::WRL::ComPtr;
+using Vexel::Storage::SZipStorage;
+
+namespace {
+
+constexpr DWORD reading = STGM_READ | STGM_SHARE_EXCLUSIVE;
+constexpr DWORD writing = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+
+ComPtr<SZipStorage> inMemory() {
+    ComPtr<SZipStorage> root;
+    EXPECT_EQ(Vexel::Storage::createMemoryPackage(root.GetAddressOf()), S_OK);
+    return root;
+}
+
+ComPtr<IStorage> compound(const std::wstring& file) {
+    ComPtr<IStorage> root;
+    EXPECT_EQ(StgCreateDocfile(file.c_str(), STGM_CREATE | writing, 0, &root), S_OK);
+    return root;
+}
+
+HRESULT write(IStorage* storage, const wchar_t* name, std::string_view bytes, DWORD flags = STGM_CREATE) {
+    ComPtr<IStream> stream;
+    const HRESULT status = storage->CreateStream(name, flags | writing, 0, 0, &stream);
+    return FAILED(status) ? status : stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
+}
+
+std::string read(IStorage* storage, const wchar_t* name) {
+    ComPtr<IStream> stream;
+    const HRESULT status = storage->OpenStream(name, nullptr, reading, 0, &stream);
+    return FAILED(status) ? "status " + std::to_string(status) : Support::bytesOf(stream.Get());
+}
+
+/// All of a tree, depth first: names, sizes, contents, classes.
+std::string describe(IStorage* storage) {
+    STATSTG info{};
+    EXPECT_EQ(storage->Stat(&info, STATFLAG_NONAME), S_OK);
+    std::map<std::wstring, std::string> children;
+    ComPtr<IEnumSTATSTG> list;
+    EXPECT_EQ(storage->EnumElements(0, nullptr, 0, &list), S_OK);
+    for (STATSTG entry{}; list->Next(1, &entry, nullptr) == S_OK; CoTaskMemFree(entry.pwcsName)) {
+        ComPtr<IStorage> child;
+        if (entry.type == STGTY_STREAM)
+            children[entry.pwcsName] =
+                std::to_string(entry.cbSize.QuadPart) + ':' + read(storage, entry.pwcsName);
+        else if (SUCCEEDED(storage->OpenStorage(entry.pwcsName, nullptr, reading, nullptr, 0, &child)))
+            children[entry.pwcsName] = '{' + describe(child.Get()) + '}';
+    }
+    children.erase(L".clsid"); // where a package keeps what the system has in the directory entry
+    std::string text = "class " + std::to_string(info.clsid.Data1) + ' ';
+    for (const auto& [name, what] : children)
+        text += std::string(name.begin(), name.end()) + '=' + what + ' ';
+    return text;
+}
+
+/// The statuses in which a package is wanted to differ, taken for the same: a storage in the place of a
+/// stream, and a rename for which there are two reasons to fail.
+HRESULT sameFor(HRESULT status, bool isRename) {
+    if (status == STG_E_INVALIDFUNCTION)
+        return STG_E_FILEALREADYEXISTS;
+    return isRename && FAILED(status) ? E_FAIL : status;
+}
+
+/// A script of the calls in which both agree, down to the status.
+std::vector<std::string> runScript(IStorage* root, unsigned seed) {
+    static constexpr const wchar_t* names[] = {L"a", L"b-c", L"b", L"b.d", L"100% so", L"x y"};
+    std::mt19937 random(seed);
+    const auto below = [&](unsigned n) { return static_cast<unsigned>(random() % n); };
+    std::vector<std::string> statuses;
+    for (unsigned i = 0; i < 120; ++i) {
+        std::vector<ComPtr<IStorage>> way{root}; // the system's storages do not keep their parents
+        for (unsigned depth = below(3); depth > 0; --depth) {
+            ComPtr<IStorage> child;
+            if (FAILED(way.back()->OpenStorage(names[below(6)], nullptr, writing, nullptr, 0, &child)))
+                break;
+            way.push_back(child);
+        }
+        IStorage* const at = way.back().Get();
+        const wchar_t* const name = names[below(6)];
+        const std::string bytes(below(6000), static_cast<char>('a' + i % 26));
+        ComPtr<IStorage> storage;
+        const unsigned kind = below(8);
+        HRESULT status = S_OK;
+        switch (kind) {
+        case 0:
+        case 1:
+            status = write(at, name, bytes, 0);
+            break;
+        case 2:
+            status = sameFor(at->CreateStorage(name, writing, 0, 0, &storage), false);
+            break;
+        case 3:
+            status = at->OpenStorage(name, nullptr, writing, nullptr, 0, &storage);
+            break;
+        case 4:
+            status = at->DestroyElement(name);
+            break;
+        case 5:
+            status = sameFor(at->RenameElement(name, names[below(6)]), true);
+            break;
+        case 6:
+            status = at->SetClass(below(2) ? CLSID{i, 0, 0, {}} : CLSID_NULL);
+            break;
+        default:
+            status = at->Commit(STGC_DEFAULT);
+        }
+        statuses.push_back(std::to_string(i) + ": " + std::to_string(kind) + " gives " +
+                           std::to_string(status));
+    }
+    return statuses;
+}
+
+TEST(SZipStorage, DoesWhatTheSystemsStorageDoes) {
+    const Support::TempFolder folder;
+    const LogCapture quiet;
+    for (unsigned seed = 0; seed < 40; ++seed) {
+        SCOPED_TRACE(seed);
+        ComPtr<SZipStorage> ours;
+        ASSERT_EQ(Vexel::Storage::openPackage(folder.file(std::to_wstring(seed) + L".7z").c_str(),
+                                              STGM_READWRITE, true, ours.GetAddressOf()),
+                  S_OK);
+        const ComPtr<IStorage> theirs = compound(folder.file(std::to_wstring(seed)));
+        const auto expected = runScript(theirs.Get(), seed);
+        const auto found = runScript(ours.Get(), seed);
+        for (std::size_t i = 0; i < expected.size(); ++i)
+            ASSERT_EQ(found[i], expected[i]);
+        ASSERT_EQ(describe(ours.Get()), describe(theirs.Get()));
+
+        // Into each other by their own means, and back.
+        const ComPtr<IStorage> copy = compound(folder.file(L"copy"));
+        const ComPtr<SZipStorage> package = inMemory();
+        EXPECT_EQ(ours->CopyTo(0, nullptr, nullptr, copy.Get()), S_OK);
+        EXPECT_EQ(theirs->CopyTo(0, nullptr, nullptr, package.Get()), S_OK);
+        EXPECT_EQ(describe(copy.Get()), describe(theirs.Get()));
+        EXPECT_EQ(describe(package.Get()), describe(ours.Get()));
+    }
+}
+
+struct Case {
+    const char* name;
+    HRESULT (*run)(IStorage* storage);
+    HRESULT expected;
+};
+
+IUnknown* dummy() {
+    static const ComPtr<IStream> stream =
+        Vexel::Detail::adopt<IStream>(new Vexel::Storage::InMemoryIStream());
+    return stream.Get();
+}
+
+using Call = HRESULT (*)(IStorage* storage, const wchar_t* name, DWORD mode, DWORD reserved, void** result);
+
+void expectChecked(Call call) {
+    const ComPtr<SZipStorage> root = inMemory();
+    void* result = dummy();
+    EXPECT_EQ(call(root.Get(), L"n", writing, 0, nullptr), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(call(root.Get(), nullptr, writing, 0, &result), STG_E_INVALIDNAME);
+    EXPECT_EQ(result, nullptr);
+    EXPECT_EQ(call(root.Get(), L"", writing, 0, &result), STG_E_INVALIDNAME);
+    EXPECT_EQ(call(root.Get(), L"n", writing, 1, &result), STG_E_INVALIDPARAMETER);
+}
+
+TEST(SZipStorage, ChecksItsArguments) {
+    expectChecked([](IStorage* s, const wchar_t* name, DWORD mode, DWORD reserved, void** result) {
+        return s->CreateStream(name, mode, 0, reserved, reinterpret_cast<IStream**>(result));
+    });
+    expectChecked([](IStorage* s, const wchar_t* name, DWORD mode, DWORD reserved, void** result) {
+        return s->OpenStream(name, reserved ? dummy() : nullptr, mode, 0,
+                             reinterpret_cast<IStream**>(result));
+    });
+    expectChecked([](IStorage* s, const wchar_t* name, DWORD mode, DWORD reserved, void** result) {
+        return s->CreateStorage(name, mode, reserved, 0, reinterpret_cast<IStorage**>(result));
+    });
+    expectChecked([](IStorage* s, const wchar_t* name, DWORD mode, DWORD reserved, void** result) {
+        return s->OpenStorage(name, nullptr, mode, nullptr, reserved, reinterpret_cast<IStorage**>(result));
+    });
+}
+
+const Case cases[] = {
+    {"revert", [](IStorage* s) { return s->Revert(); }, E_NOTIMPL},
+    {"times", [](IStorage* s) { return s->SetElementTimes(L"nix", nullptr, nullptr, nullptr); }, S_OK},
+    {"shallow copy", [](IStorage* s) { return s->MoveElementTo(L"a", s, L"b", STGMOVE_SHALLOWCOPY); },
+     E_NOTIMPL},
+    {"unknown move", [](IStorage* s) { return s->MoveElementTo(L"a", s, L"b", 3); }, STG_E_INVALIDFLAG},
+    {"move to null", [](IStorage* s) { return s->MoveElementTo(L"a", nullptr, L"b", STGMOVE_MOVE); },
+     STG_E_INVALIDPOINTER},
+    {"copy onto itself", [](IStorage* s) { return s->MoveElementTo(L"a", s, L"a", STGMOVE_COPY); },
+     STG_E_ACCESSDENIED},
+    {"move", [](IStorage* s) { return s->MoveElementTo(L"a", s, L"moved", STGMOVE_MOVE); }, S_OK},
+    {"copy", [](IStorage* s) { return s->MoveElementTo(L"moved", s, L"copied", STGMOVE_COPY); }, S_OK},
+    {"copy a missing one", [](IStorage* s) { return s->MoveElementTo(L"nix", s, L"n", STGMOVE_COPY); },
+     STG_E_FILENOTFOUND},
+    {"copy nowhere", [](IStorage* s) { return s->CopyTo(0, nullptr, nullptr, nullptr); },
+     STG_E_INVALIDPOINTER},
+    {"copy into itself",
+     [](IStorage* s) {
+         ComPtr<IStorage> inside;
+         EXPECT_EQ(s->OpenStorage(L"d", nullptr, writing, nullptr, 0, &inside), S_OK);
+         return s->CopyTo(0, nullptr, nullptr, inside.Get());
+     },
+     STG_E_ACCESSDENIED},
+    {"open a stream as a storage",
+     [](IStorage* s) {
+         ComPtr<IStorage> storage;
+         return s->OpenStorage(L"copied", nullptr, writing, nullptr, 0, &storage);
+     },
+     STG_E_FILENOTFOUND},
+    {"open a storage as a stream",
+     [](IStorage* s) {
+         ComPtr<IStream> stream;
+         return s->OpenStream(L"d", nullptr, writing, 0, &stream);
+     },
+     STG_E_FILENOTFOUND},
+};
+
+TEST(SZipStorage, GivesTheStatusesItPromises) {
+    const LogCapture quiet;
+    const ComPtr<SZipStorage> root = inMemory();
+    ComPtr<IStorage> directory;
+    ASSERT_EQ(write(root.Get(), L"a", "1"), S_OK);
+    ASSERT_EQ(root->CreateStorage(L"d", writing, 0, 0, &directory), S_OK);
+    for (const Case& each : cases)
+        EXPECT_EQ(each.run(root.Get()), each.expected) << each.name;
+    EXPECT_EQ(read(root.Get(), L"moved") + read(root.Get(), L"copied"), "11");
+}
+
+TEST(SZipStorage, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
+    const Support::TempFolder folder;
+    const std::wstring file = folder.file(L"a.7z");
+    ComPtr<SZipStorage> root;
+    ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), writing, true, root.GetAddressOf()), S_OK);
+    ASSERT_EQ(write(root.Get(), L"a/b\x05", "bytes"), S_OK);
+    ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
+    ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), reading, true, root.ReleaseAndGetAddressOf()), S_OK);
+    ComPtr<IStream> stream;
+    ComPtr<IStorage> storage;
+    EXPECT_EQ(root->OpenStream(L"a/b\x05", nullptr, STGM_WRITE, 0, &stream), STG_E_ACCESSDENIED);
+    EXPECT_EQ(root->CreateStorage(L"d", writing, 0, 0, &storage), STG_E_ACCESSDENIED);
+    EXPECT_EQ(root->SetClass(CLSID_NULL), STG_E_ACCESSDENIED);
+    EXPECT_EQ(root->DestroyElement(L"a/b\x05"), STG_E_ACCESSDENIED);
+    EXPECT_EQ(root->Commit(STGC_DEFAULT), S_OK);
+    ASSERT_EQ(root->OpenStream(L"a/b\x05", nullptr, writing, 0, &stream), S_OK);
+    EXPECT_EQ(stream->Write("x", 1, nullptr), STG_E_ACCESSDENIED);
+
+    // A stream keeps its archive; its name is not decoded, while listings decode, and cut at a "/".
+    root.Reset();
+    STATSTG info{};
+    ASSERT_EQ(stream->Stat(&info, STATFLAG_DEFAULT), S_OK);
+    EXPECT_STREQ(info.pwcsName, L"a%2fb%05");
+    CoTaskMemFree(info.pwcsName);
+    EXPECT_FALSE(DeleteFileW(file.c_str()));
+    stream.Reset();
+    EXPECT_TRUE(DeleteFileW(file.c_str()));
+}
+
+TEST(SZipStorage, ListsDecodedNames) {
+    const ComPtr<SZipStorage> root = inMemory();
+    ComPtr<IStorage> directory;
+    ASSERT_EQ(root->CreateStorage(L"50%/x", writing, 0, 0, &directory), S_OK);
+    ASSERT_EQ(write(directory.Get(), L"\x05in", "1"), S_OK);
+    ASSERT_EQ(write(root.Get(), L"50%", "22"), S_OK);
+    EXPECT_EQ(describe(directory.Get()), "class 0 \x05in=1:1 ");
+    STATSTG info{};
+    ASSERT_EQ(directory->Stat(&info, STATFLAG_DEFAULT), S_OK);
+    EXPECT_STREQ(info.pwcsName, L"50%/x");
+    CoTaskMemFree(info.pwcsName);
+
+    ComPtr<IEnumSTATSTG> list, clone;
+    std::array<STATSTG, 3> entries;
+    ULONG count = 0;
+    ASSERT_EQ(root->EnumElements(0, nullptr, 0, &list), S_OK);
+    EXPECT_EQ(list->Next(3, entries.data(), &count), S_FALSE);
+    EXPECT_EQ(count, 1U); // "50%" and, cut at its "/", "50%/x"
+    EXPECT_STREQ(entries[0].pwcsName, L"50%");
+    EXPECT_EQ(entries[1].pwcsName, nullptr);
+    CoTaskMemFree(entries[0].pwcsName);
+    EXPECT_EQ(list->Next(0, nullptr, nullptr), S_FALSE);
+    EXPECT_EQ(list->Skip(1), S_FALSE);
+    EXPECT_EQ(list->Reset(), S_OK);
+    EXPECT_EQ(list->Clone(&clone), S_OK);
+    EXPECT_EQ(clone->Skip(1), S_OK);
+    EXPECT_EQ(list->Next(0, nullptr, nullptr), S_OK);
+    EXPECT_EQ(list->Next(1, nullptr, nullptr), STG_E_INVALIDPOINTER);
+}
+
+// Code of the system's that works on storages and streams.
+TEST(SZipStorage, ServesTheSystemsOwnCode) {
+    const ComPtr<SZipStorage> root = inMemory();
+    const CLSID wanted{1, 2, 3, {4}};
+    CLSID found{};
+    EXPECT_EQ(WriteClassStg(root.Get(), wanted), S_OK);
+    EXPECT_EQ(ReadClassStg(root.Get(), &found), S_OK);
+    EXPECT_EQ(found, wanted);
+
+    ComPtr<IStream> stream;
+    ASSERT_EQ(root->CreateStream(L"\x05Summary", writing, 0, 0, &stream), S_OK);
+    EXPECT_EQ(WriteClassStm(stream.Get(), wanted), S_OK);
+    EXPECT_EQ(stream->Seek({}, STREAM_SEEK_SET, nullptr), S_OK);
+    found = {};
+    EXPECT_EQ(ReadClassStm(stream.Get(), &found), S_OK);
+    EXPECT_EQ(found, wanted);
+}
+
+TEST(SZipStorage, OpensPackagesInStreams) {
+    const LogCapture quiet;
+    ComPtr<SZipStorage> root = inMemory();
+    ASSERT_EQ(write(root.Get(), L"a", "bytes"), S_OK);
+    const ComPtr<IStream> stream = Vexel::Detail::adopt<IStream>(new Vexel::Storage::InMemoryIStream());
+    EXPECT_EQ(Vexel::Storage::openPackage(stream.Get(), root.ReleaseAndGetAddressOf()), STG_E_INVALIDHEADER);
+    EXPECT_EQ(Vexel::Storage::openPackage(static_cast<IStream*>(nullptr), root.GetAddressOf()),
+              STG_E_INVALIDPOINTER);
+    EXPECT_EQ(Vexel::Storage::openPackage(L"", reading, true, root.GetAddressOf()), STG_E_INVALIDNAME);
+    root = inMemory();
+    ASSERT_EQ(write(root.Get(), L"a", "bytes"), S_OK);
+    ASSERT_EQ(root->archive()->save(stream.Get()), S_OK);
+    ASSERT_EQ(Vexel::Storage::openPackage(stream.Get(), root.ReleaseAndGetAddressOf()), S_OK);
+    EXPECT_EQ(read(root.Get(), L"a"), "bytes");
+    STATSTG info{};
+    ASSERT_EQ(root->Stat(&info, STATFLAG_DEFAULT), S_OK);
+    EXPECT_TRUE(std::wstring_view(info.pwcsName).starts_with(L":szip"));
+    EXPECT_EQ(info.grfMode, static_cast<DWORD>(STGM_READ));
+    CoTaskMemFree(info.pwcsName);
+}
+
+} // namespace
