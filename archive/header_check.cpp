@@ -127,7 +127,7 @@ public:
         if (header_.size > 0) {
             store(plain.start, kOffsetAt, headerOffset_);
             store<std::uint64_t>(plain.start, kSizeAt, header_.size);
-            store(plain.start, kHeaderChecksumAt, checksum(header_.view()));
+            store(plain.start, kHeaderChecksumAt, headerChecksum_);
         }
         store(plain.start, kChecksumAt, startChecksum(plain.start));
         plain.bytes = std::move(header_.data);
@@ -284,10 +284,11 @@ private:
             return refuse(HeaderFault::Unreadable, "the packed header does not unpack", where);
         if (done != unpacked.size)
             return refuse(HeaderFault::Header, "the packed header is shorter than it should be", where);
-        std::uint32_t wanted = 0;
+        headerChecksum_ = checksum(unpacked.view());
+        std::uint32_t wanted = headerChecksum_;
         if (folder.hasDigest)
             std::memcpy(&wanted, streams.digestValues.data(), sizeof wanted);
-        return !folder.hasDigest || checksum(unpacked.view()) == wanted ||
+        return headerChecksum_ == wanted ||
                refuse(HeaderFault::Header, "the packed header's checksum is wrong", where);
     }
 
@@ -297,7 +298,7 @@ private:
     StartBytes start_{};
     std::uint64_t headerOffset_ = 0; // behind the first bytes
     std::uint64_t headerBytes_ = 0;
-    std::uint32_t headerChecksum_ = 0;
+    std::uint32_t headerChecksum_ = 0; // of the header, and of the unpacked one once there is one
     Bytes header_;
 };
 

@@ -96,6 +96,12 @@ public:
     ~ScratchFile() { DeleteFileW(path()); }
 
     const wchar_t* path() const { return path_.c_str(); }
+    /// Outside the time that is measured: the system takes as long for it as for a copy.
+    void remove(benchmark::State& state) const {
+        state.PauseTiming();
+        DeleteFileW(path());
+        state.ResumeTiming();
+    }
     void write(const std::vector<UpdateEntry>& entries, const DatabaseStream* old) const {
         const auto file = Vexel::Detail::adopt(new TemporaryFile(path()));
         require(file->create());
@@ -218,15 +224,19 @@ void saveOneChange(benchmark::State& state, const wchar_t* path) {
         entries[i].databaseIndex = static_cast<int>(i);
     for (UpdateEntry& entry : entries)
         entry.hasNewData = entry.databaseIndex == 4711;
-    for (auto _ : state)
+    for (auto _ : state) {
         target.write(entries, archive.get());
+        target.remove(state);
+    }
 }
 
 void copyFile(benchmark::State& state, const wchar_t* path) {
     const ScratchFile target(L"copied.7z");
-    for (auto _ : state)
+    for (auto _ : state) {
         if (!CopyFileW(path, target.path(), FALSE))
             state.SkipWithError("cannot copy");
+        target.remove(state);
+    }
 }
 
 } // namespace
@@ -238,6 +248,11 @@ int main(int argc, char** argv) {
     suite.compare(
         "read the database of 100,000 items", 1.6, [&](auto& state) { readDatabase(state, many->path()); },
         [&](auto& state) { readDatabaseBare(state, many->path()); });
+    const auto packed = archiveOf(L"packed.7z", kSomeItems, noise(), kPackedItem);
+    suite.compare(
+        "read the database of 10,000 items, not packed", 1.6,
+        [&](auto& state) { readDatabase(state, packed->path()); },
+        [&](auto& state) { readDatabaseBare(state, packed->path()); });
     const auto small = archiveOf(L"small.7z", kSomeItems, text(), kSmallItem);
     suite.compare(
         "decode 10,000 items of 2 KiB", 1.1, [&](auto& state) { decode(state, small->path(), kSmallItem); },
@@ -246,7 +261,6 @@ int main(int argc, char** argv) {
     suite.compare(
         "decode one item of 64 MiB", 1.03, [&](auto& state) { decode(state, large->path(), kLargeItem); },
         [&](auto& state) { decodeBare(state, large->path(), kLargeItem); });
-    const auto packed = archiveOf(L"packed.7z", kSomeItems, noise(), kPackedItem);
     suite.compare(
         "write 30 MB with one changed item of 10,000", 5,
         [&](auto& state) { saveOneChange(state, packed->path()); },
