@@ -4,23 +4,28 @@
 
 #include <utility>
 
+using Microsoft::WRL::ComPtr;
+
 namespace vxio {
+
+// Pointers are exchanged by Swap: with mingw-w64, assigning a moved pointer leaves the source as it was, and
+// assigning a plain one lets go of the old stream before it holds the new one.
 
 IStreamStream::~IStreamStream() = default;
 
 IStreamStream& IStreamStream::operator=(IStreamStream&& other) noexcept {
     if (stream_ != other.stream_)
-        stream_ = std::move(other.stream_);
+        ComPtr<::IStream>(std::move(other.stream_)).Swap(stream_);
     return *this;
 }
 
 void IStreamStream::Attach(::IStream* stream) {
     if (stream_.Get() != stream)
-        stream_ = stream;
+        ComPtr<::IStream>(stream).Swap(stream_);
 }
 
 // The pointer is cleared first: letting go of the stream may lead back here.
-void IStreamStream::Close() { Microsoft::WRL::ComPtr<::IStream>().Swap(stream_); }
+void IStreamStream::Close() { ComPtr<::IStream>().Swap(stream_); }
 
 unsigned long long IStreamStream::WriteBytes(::IStream* stream, const void* buffer,
                                              unsigned long long count) {

@@ -159,9 +159,11 @@ void VxwReadUniString(::IStream* stream, CStringW& text) {
 }
 
 void VxwWriteUniString(::IStream* stream, const CStringW& text) {
+    if (!stream)
+        return;
     const auto count = static_cast<std::uint32_t>(byteCount(text));
-    if (vxio::IStreamStream::WriteBytes(stream, &count, sizeof count) != 0 && count != 0)
-        vxio::IStreamStream::WriteBytes(stream, text.GetString(), count);
+    vxio::IStreamStream::WriteBytes(stream, &count, sizeof count);
+    vxio::IStreamStream::WriteBytes(stream, text.GetString(), count);
 }
 
 void VxwWriteCArchiveString(vxio::IWriteStream& stream, const CStringW& text) {

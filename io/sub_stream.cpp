@@ -33,11 +33,12 @@ bool SubStream::set(::IStream* base, unsigned long long offset, unsigned long lo
                     bool clone) noexcept {
     if (!base || numRefs() != 1)
         return false;
-    ComPtr<::IStream> next(base); // held before the old base goes: it may be the same
+    const ComPtr<::IStream> held(base); // the old base, which goes first, may be the same
     show(nullptr, 0, 0);
-    if (clone && (FAILED(base->Clone(next.ReleaseAndGetAddressOf())) || !next))
+    ComPtr<::IStream> cloned;
+    if (clone && (FAILED(base->Clone(&cloned)) || !cloned))
         return false;
-    show(std::move(next), offset, size);
+    show(clone ? cloned : held, offset, size);
     return true;
 }
 
