@@ -82,6 +82,10 @@ void* BigBuffer::allocate(unsigned long long n) noexcept {
         shared.address = nullptr;
     }
     void* const block = alloc(capacity);
+    // The depletion handler may have used a buffer meanwhile, which has taken the free place. A block that it
+    // still holds becomes its own, one that it gave back is not kept.
+    if (shared.address && !shared.inUse)
+        memorySource.release(shared.address);
     shared.address = block;
     shared.capacity = block ? capacity : 0;
     shared.inUse = block != nullptr;
