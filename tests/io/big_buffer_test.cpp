@@ -1,0 +1,187 @@
+#include "io/memory_blocks.h"
+
+#include <vexel/memory_streams.h>
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <cstring>
+#include <set>
+#include <utility>
+#include <vector>
+
+using Vexel::Detail::memorySource;
+
+namespace {
+
+// Watches the blocks taken from the system, and refuses as many as it is told. All are given back in the end.
+class BigBuffers : public testing::Test {
+protected:
+    BigBuffers() {
+        memorySource.commit = [](unsigned long long bytes) noexcept -> void* {
+            wanted.push_back(bytes);
+            if (refusals > 0) {
+                --refusals;
+                return nullptr;
+            }
+            void* const block = saved.commit(bytes);
+            if (block)
+                blocks.insert(block);
+            return block;
+        };
+        memorySource.release = [](void* block) noexcept {
+            EXPECT_EQ(blocks.erase(block), 1U);
+            saved.release(block);
+        };
+        wanted = {};
+        refusals = 0;
+    }
+    ~BigBuffers() override {
+        BigBuffer::setMemoryDepletionHandler(nullptr);
+        BigBuffer::compact();
+        EXPECT_TRUE(blocks.empty());
+        memorySource = saved;
+    }
+
+    using Sizes = std::vector<unsigned long long>;
+    static Sizes taken() { return std::exchange(wanted, {}); }
+    static bool endsAfter(void* block, unsigned long long bytes) {
+        MEMORY_BASIC_INFORMATION region{};
+        return VirtualQuery(block, &region, sizeof region) != 0 && region.RegionSize == bytes;
+    }
+
+    inline static const Vexel::Detail::MemorySource saved = memorySource;
+    inline static Sizes wanted;
+    inline static std::set<void*> blocks;
+    inline static int refusals = 0;
+};
+
+constexpr unsigned long long kept = 0x80000;
+
+TEST_F(BigBuffers, KeepOneBlockForTheNext) {
+    EXPECT_FALSE(BigBuffer::compact()) << "none yet";
+    void* block = nullptr;
+    {
+        BigBuffer first;
+        EXPECT_EQ(first.data(), nullptr);
+        EXPECT_EQ(first.reallocate(5), nullptr) << "nothing to go on from";
+        block = first.init();
+        EXPECT_EQ(first.size(), kept);
+        EXPECT_TRUE(endsAfter(block, kept));
+        EXPECT_EQ(first.allocate(1), nullptr) << "holds one already";
+        EXPECT_EQ(first.data(), block);
+
+        BigBuffer second;
+        EXPECT_NE(second.allocate(5000), block);
+        EXPECT_FALSE(BigBuffer::compact()) << "in use";
+        EXPECT_EQ(taken(), (Sizes{kept, 5000})) << "exactly what was asked for";
+    }
+    EXPECT_EQ(blocks.size(), 1U);
+    BigBuffer third;
+    EXPECT_EQ(third.allocate(7), block);
+    EXPECT_EQ(third.size(), 7U);
+    EXPECT_EQ(third.reallocate(3), block);
+    EXPECT_EQ(third.size(), 7U) << "never shrinks";
+    EXPECT_EQ(third.reallocate(kept), block);
+    EXPECT_EQ(taken(), Sizes{});
+    third.clear();
+    third.clear();
+    EXPECT_EQ(third.data(), nullptr);
+    EXPECT_EQ(third.size(), 0U);
+    EXPECT_NE(third.allocate(kept * 3), nullptr) << "doubled until it is enough";
+    EXPECT_EQ(taken(), (Sizes{kept * 4}));
+    third.clear();
+    EXPECT_TRUE(BigBuffer::compact());
+    EXPECT_FALSE(BigBuffer::compact());
+    EXPECT_NE(third.allocate(kept + 1), nullptr) << "whole pages";
+    EXPECT_EQ(taken(), (Sizes{kept + 4096}));
+}
+
+TEST_F(BigBuffers, TakeTheKeptBytesAlongWhenTheyGrow) {
+    BigBuffer first;
+    BigBuffer second;
+    std::memset(first.init(), 'a', kept);
+    std::memset(second.allocate(10), 'b', 10);
+    void* const grown = second.reallocate(20);
+    EXPECT_EQ(std::memcmp(grown, "aaaaaaaaaa", 10), 0) << "a block of one's own is filled from the kept one";
+    EXPECT_EQ(second.size(), 20U);
+    EXPECT_NE(second.reallocate(kept * 2), nullptr);
+    EXPECT_NE(second.reallocate(kept * 4), nullptr) << "more than the kept block can fill";
+
+    const auto* const bytes = static_cast<char*>(first.reallocate(kept * 5));
+    EXPECT_EQ(bytes[0], 'a');
+    EXPECT_EQ(bytes[kept - 1], 'a');
+    EXPECT_TRUE(endsAfter(first.data(), kept * 8));
+    EXPECT_EQ(taken(), (Sizes{kept, 10, 20, kept * 2, kept * 4, kept * 8}));
+    EXPECT_EQ(blocks.size(), 2U);
+    first.clear();
+    EXPECT_NE(second.reallocate(kept * 9), nullptr);
+    EXPECT_TRUE(BigBuffer::compact());
+    EXPECT_NE(second.reallocate(kept * 10), nullptr) << "with nothing to fill it from";
+
+    BigBuffer copy;
+    copy = second;
+    EXPECT_EQ(copy.data(), second.data());
+    EXPECT_EQ(copy.size(), second.size());
+    copy = BigBuffer(); // leaves the block to the other
+    EXPECT_EQ(blocks.size(), 1U);
+}
+
+TEST_F(BigBuffers, AskTheDepletionHandlerOnce) {
+    static std::vector<unsigned long long> asked;
+    static BigBuffer other;
+    BigBuffer buffer;
+    const auto handler = [](unsigned long long bytes) {
+        asked.push_back(bytes);
+        EXPECT_FALSE(BigBuffer::compact()) << "the kept block is needed";
+        return bytes != 3000;
+    };
+    BigBuffer::setMemoryDepletionHandler(handler);
+    refusals = 1;
+    EXPECT_NE(buffer.allocate(5), nullptr);
+    EXPECT_EQ(taken(), (Sizes{kept, kept}));
+    refusals = 2;
+    EXPECT_EQ(buffer.reallocate(kept + 1), nullptr) << "the second refusal is final";
+    EXPECT_EQ(buffer.size(), 5U);
+    EXPECT_NE(buffer.reallocate(kept), nullptr) << "what was kept is as large as before";
+    refusals = 1;
+    EXPECT_EQ(other.allocate(3000), nullptr) << "not tried again";
+    EXPECT_EQ(asked, (Sizes{kept, kept * 2, 3000}));
+    EXPECT_EQ(taken(), (Sizes{kept * 2, kept * 2, 3000}));
+    EXPECT_EQ(other.size(), 0U);
+    EXPECT_NE(other.allocate(10), nullptr);
+    refusals = 2;
+    EXPECT_EQ(other.reallocate(20), nullptr);
+    EXPECT_EQ(other.size(), 10U);
+    other.clear();
+
+    buffer.clear();
+    refusals = 2;
+    EXPECT_EQ(buffer.allocate(kept + 1), nullptr);
+    EXPECT_TRUE(blocks.empty()) << "a kept block that is too small goes first";
+    refusals = 1;
+    BigBuffer::setMemoryDepletionHandler(nullptr);
+    EXPECT_EQ(buffer.allocate(kept), nullptr);
+    for (const unsigned long long bytes : {~0ULL, ~0ULL / 2 + 1, 1ULL << 60})
+        EXPECT_EQ(buffer.allocate(bytes), nullptr) << bytes;
+
+    // A handler may use buffers, too.
+    BigBuffer::setMemoryDepletionHandler([](unsigned long long) {
+        BigBuffer passing;
+        return passing.init() != nullptr;
+    });
+    refusals = 1;
+    EXPECT_NE(buffer.allocate(kept * 2), nullptr);
+    EXPECT_EQ(blocks.size(), 1U);
+    buffer.clear();
+    EXPECT_TRUE(BigBuffer::compact());
+    BigBuffer::setMemoryDepletionHandler([](unsigned long long) { return other.init() != nullptr; });
+    refusals = 1;
+    EXPECT_NE(buffer.allocate(kept * 2), nullptr);
+    EXPECT_NE(buffer.data(), other.data());
+    other.clear();
+    EXPECT_EQ(blocks.size(), 1U) << "became the other's own";
+}
+
+} // namespace

@@ -1,0 +1,412 @@
+#include "io/com_pointer.h"
+#include "io/memory_blocks.h"
+#include "support/recording_stream.h"
+#include "support/scarce_memory.h"
+
+#include <vexel/memory_streams.h>
+#include <vexel/sub_stream.h>
+
+#include <windows.h>
+
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <gtest/gtest.h>
+
+#include <atomic>
+#include <climits>
+#include <cstdlib>
+#include <cstring>
+#include <functional>
+#include <new>
+#include <string>
+#include <string_view>
+#include <thread>
+#include <utility>
+#include <vector>
+
+using Microsoft::WRL::ComPtr;
+using Vexel::Detail::adopt;
+using Vexel::Detail::memorySource;
+using Vexel::Storage::DynamicBuffer;
+using Vexel::Storage::InMemoryIStream;
+
+namespace {
+
+constexpr unsigned long long limit = ~0ULL;
+
+// Blocks of the heap can be had this many times more.
+class ScarceHeap {
+public:
+    explicit ScarceHeap(int blocks) {
+        left = blocks;
+        memorySource.reallocate = [](void* block, unsigned long long bytes) noexcept -> void* {
+            return left-- > 0 ? std::realloc(block, bytes) : nullptr;
+        };
+    }
+    ScarceHeap(const ScarceHeap&) = delete;
+    ScarceHeap& operator=(const ScarceHeap&) = delete;
+    ~ScarceHeap() { memorySource = saved_; }
+
+private:
+    inline static int left = 0;
+    Vexel::Detail::MemorySource saved_ = memorySource;
+};
+
+ComPtr<InMemoryIStream> streamOf(std::string_view bytes) {
+    auto stream = adopt(new InMemoryIStream());
+    EXPECT_EQ(stream->write(bytes.data(), bytes.size()), bytes.size());
+    stream->rewind();
+    return stream;
+}
+
+std::string contents(const ComPtr<InMemoryIStream>& stream) {
+    return stream->size() > 0 ? std::string(reinterpret_cast<const char*>(stream->data(0)), stream->size())
+                              : "";
+}
+
+HRESULT seek(::IStream* stream, long long move, DWORD origin, unsigned long long& position) {
+    ULARGE_INTEGER reached{.QuadPart = position};
+    const HRESULT status = stream->Seek({.QuadPart = move}, origin, &reached);
+    position = reached.QuadPart;
+    return status;
+}
+
+struct Counted final : Vexel::IUnknownImpl<IUnknown> {
+    explicit Counted(std::atomic<int>& ends) : ends_(ends) {}
+    ~Counted() override { ++ends_; }
+
+private:
+    std::atomic<int>& ends_;
+};
+
+TEST(ComObjects, EndOnceWithTheLastReference) {
+    std::atomic<int> ends{0};
+    auto* const object = new Counted(ends);
+    EXPECT_EQ(object->numRefs(), 1U);
+    EXPECT_EQ(object->AddRef(), 2U);
+    void* found = object;
+    EXPECT_EQ(object->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+    EXPECT_EQ(object->QueryInterface(IID_IStream, &found), E_NOINTERFACE);
+    EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(object->Release(), 1U);
+
+    constexpr int threads = 4;
+    std::vector<std::thread> holders;
+    for (int i = 0; i < threads; ++i)
+        object->AddRef();
+    for (int i = 0; i < threads; ++i)
+        holders.emplace_back([object] {
+            for (int k = 0; k < 20'000; ++k) {
+                void* same = nullptr;
+                object->QueryInterface(IID_IUnknown, &same);
+                object->AddRef();
+                object->Release();
+                object->Release();
+            }
+            object->Release();
+        });
+    object->Release();
+    for (std::thread& holder : holders)
+        holder.join();
+    EXPECT_EQ(ends, 1);
+}
+
+TEST(ComObjects, AreOneObjectUnderAllTheirInterfaces) {
+    const auto base = streamOf("0123");
+    const ComPtr<::IStream> objects[] = {base,
+                                         adopt<::IStream>(new Vexel::Storage::SubStream(base.Get(), 1, 2))};
+    for (const ComPtr<::IStream>& object : objects) {
+        ComPtr<IUnknown> identity;
+        ASSERT_EQ(object->QueryInterface(IID_IUnknown, &identity), S_OK);
+        for (const GUID& iid : {IID_IUnknown, IID_ISequentialStream, IID_IStream}) {
+            ComPtr<IUnknown> face;
+            ComPtr<IUnknown> back;
+            ASSERT_EQ(object->QueryInterface(iid, &face), S_OK);
+            ASSERT_EQ(face->QueryInterface(IID_IUnknown, &back), S_OK);
+            EXPECT_EQ(back.Get(), identity.Get());
+        }
+        void* found = identity.Get();
+        EXPECT_EQ(object->QueryInterface(IID_IStorage, &found), E_NOINTERFACE);
+        EXPECT_EQ(found, nullptr);
+        EXPECT_EQ(object->QueryInterface(IID_IStream, nullptr), E_POINTER);
+    }
+}
+
+TEST(MemoryStream, GrowsInSteps) {
+    constexpr unsigned long long MiB = 1 << 20;
+    struct Case {
+        unsigned long long initial, position, count, capacity;
+    };
+    for (const auto& [initial, position, count, capacity] : {
+             Case{0, 0, 0, 0},
+             Case{0, 0, 1, 1024},
+             Case{0, 0, 1023, 1024},
+             Case{0, 0, 1024, 2048},
+             Case{0, 0, 1025, 2048},
+             Case{0, 5000, 0, 5120},
+             Case{100, 100, 1, 1124},
+             Case{2048, 2048, 1, 4096},
+             Case{3000, 3000, 3000, 9000},
+             Case{32 * MiB, 32 * MiB, 1, 64 * MiB},
+             Case{48 * MiB, 48 * MiB, 1, 80 * MiB},
+             Case{48 * MiB, 48 * MiB, 0, 48 * MiB},
+         }) {
+        const auto stream = adopt(new InMemoryIStream(initial));
+        EXPECT_EQ(stream->capacity(), initial) << "exactly what was asked for";
+        EXPECT_EQ(stream->Seek({.QuadPart = static_cast<long long>(position)}, STREAM_SEEK_SET, nullptr),
+                  S_OK);
+        EXPECT_EQ(stream->write(std::string(count, 'x').data(), count), count);
+        EXPECT_EQ(stream->capacity(), capacity) << initial << " " << position << " " << count;
+        EXPECT_EQ(stream->size(), position + count) << "nothing written beyond the end makes it reach there";
+        EXPECT_TRUE(stream->resize(1));
+        EXPECT_EQ(stream->capacity(), (std::max)(capacity, 1ULL));
+        EXPECT_EQ(stream->position(), position + count);
+    }
+}
+
+TEST(MemoryStream, TakesWhatMemoryThereIs) {
+    const auto stream = streamOf(std::string(100, 'x'));
+    const std::string more(2000, 'y');
+    ULONG done = 7;
+    {
+        const ScarceHeap heap(0);
+        EXPECT_EQ(adopt(new InMemoryIStream(5))->size(), 0U);
+        EXPECT_FALSE(stream->resize(1025));
+        EXPECT_TRUE(stream->resize(1024)) << "there already";
+        EXPECT_TRUE(stream->resize(100));
+        EXPECT_EQ(stream->SetSize({.QuadPart = 5000}), STG_E_INSUFFICIENTMEMORY);
+        stream->seek(0, InMemoryIStream::End);
+        EXPECT_EQ(stream->Write(more.data(), 2000, &done), S_OK) << "part of it";
+        EXPECT_EQ(done, 924U);
+        EXPECT_EQ(stream->Write(more.data(), 1, &done), STG_E_INSUFFICIENTMEMORY);
+        EXPECT_EQ(done, 0U);
+        unsigned long long position = 0;
+        EXPECT_EQ(seek(stream.Get(), 1, STREAM_SEEK_END, position), S_OK);
+        EXPECT_EQ(stream->write(more.data(), 0), 0U);
+        EXPECT_EQ(stream->size(), 1024U) << "beyond the memory nothing changes";
+        EXPECT_EQ(stream->position(), 1025U);
+    }
+    EXPECT_EQ(contents(stream), std::string(100, 'x') + std::string(924, 'y'));
+
+    unsigned long long position = 0;
+    for (const unsigned long long at : {limit / 2, limit - 1}) {
+        EXPECT_EQ(seek(stream.Get(), LLONG_MAX, at > limit / 2 ? STREAM_SEEK_CUR : STREAM_SEEK_SET, position),
+                  S_OK);
+        EXPECT_EQ(position, at);
+        EXPECT_EQ(stream->Write(more.data(), 100, &done), STG_E_INSUFFICIENTMEMORY);
+        EXPECT_EQ(stream->position(), at);
+    }
+    EXPECT_FALSE(stream->resize(limit));
+    EXPECT_EQ(stream->SetSize({.QuadPart = limit / 2 + 1}), STG_E_INSUFFICIENTMEMORY);
+    EXPECT_EQ(stream->size(), 1024U);
+
+    ::IStream* clone = stream.Get();
+    AtMainAllocation(0, [] { throw std::bad_alloc(); });
+    EXPECT_EQ(stream->Clone(&clone), E_OUTOFMEMORY);
+    EXPECT_EQ(clone, nullptr);
+    EXPECT_EQ(stream->numInstances(), 1);
+    for (int skipped : {0, 1}) {
+        AtMainAllocation(skipped, [] { throw std::bad_alloc(); });
+        EXPECT_THROW(new InMemoryIStream(), std::bad_alloc) << skipped;
+    }
+}
+
+TEST(MemoryStream, SeeksInTwoWays) {
+    struct Case {
+        long long move;
+        int origin;
+        unsigned long long direct; // from 2 of 5
+        HRESULT status;
+        unsigned long long com;
+    };
+    constexpr HRESULT bad = STG_E_INVALIDFUNCTION;
+    for (const auto& [move, origin, direct, status, com] : {
+             Case{0, 0, 0, S_OK, 0},
+             Case{5, 0, 5, S_OK, 5},
+             Case{6, 0, 5, S_OK, 6},
+             Case{-1, 0, 2, bad, 2},
+             Case{LLONG_MAX, 0, 5, S_OK, LLONG_MAX},
+             Case{LLONG_MIN, 0, 2, bad, 2},
+             Case{3, 1, 5, S_OK, 5},
+             Case{4, 1, 5, S_OK, 6},
+             Case{-2, 1, 0, S_OK, 0},
+             Case{-3, 1, 2, bad, 2},
+             Case{LLONG_MAX, 1, 5, S_OK, LLONG_MAX + 2ULL},
+             Case{LLONG_MIN, 1, 2, bad, 2},
+             Case{0, 2, 5, S_OK, 5},
+             Case{-5, 2, 0, S_OK, 0},
+             Case{-6, 2, 2, bad, 2},
+             Case{10, 2, 2, S_OK, 15},
+             Case{LLONG_MAX, 2, 2, S_OK, LLONG_MAX + 5ULL},
+             Case{LLONG_MIN, 2, 2, bad, 2},
+             Case{0, 3, 2, bad, 2},
+         }) {
+        const auto stream = streamOf("01234");
+        stream->seek(2, InMemoryIStream::Begin);
+        EXPECT_EQ(stream->seek(move, static_cast<InMemoryIStream::SeekOrigin>(origin)), direct)
+            << move << " " << origin;
+        EXPECT_EQ(stream->position(), direct);
+        stream->seek(2, InMemoryIStream::Begin);
+        unsigned long long told = 2;
+        EXPECT_EQ(seek(stream.Get(), move, static_cast<DWORD>(origin), told), status)
+            << move << " " << origin;
+        EXPECT_EQ(told, com);
+        EXPECT_EQ(stream->position(), com);
+    }
+    const auto stream = streamOf("01234");
+    unsigned long long position = 0;
+    EXPECT_EQ(seek(stream.Get(), 10, STREAM_SEEK_END, position), S_OK);
+    EXPECT_EQ(stream->data(), nullptr);
+    EXPECT_EQ(stream->seek(LLONG_MAX, InMemoryIStream::Current), 5U) << "back into the range";
+    EXPECT_EQ(seek(stream.Get(), 10, STREAM_SEEK_END, position), S_OK);
+    ULONG done = 7;
+    char byte = 0;
+    EXPECT_EQ(stream->Write(&byte, 0, &done), S_OK);
+    EXPECT_EQ(stream->size(), 5U) << "a write of nothing does not extend";
+    EXPECT_EQ(stream->Write("x", 1, nullptr), S_OK);
+    EXPECT_EQ(stream->size(), 16U);
+}
+
+TEST(MemoryStream, SharesItsMemoryWithClones) {
+    const auto stream = streamOf("0123456789");
+    stream->seek(7, InMemoryIStream::Begin);
+    ComPtr<::IStream> clone;
+    ASSERT_EQ(stream->Clone(&clone), S_OK);
+    auto& other = static_cast<InMemoryIStream&>(*clone.Get());
+    EXPECT_EQ(other.numRefs(), 1U);
+    EXPECT_EQ(other.position(), 7U);
+    EXPECT_EQ(stream->numInstances(), 2);
+    EXPECT_EQ(clone->Write("abcd", 4, nullptr), S_OK);
+    EXPECT_EQ(contents(stream), "0123456abcd");
+    EXPECT_EQ(stream->position(), 7U);
+    EXPECT_EQ(std::memcmp(stream->data(), "abcd", 4), 0);
+
+    // From the memory itself, which moves meanwhile.
+    stream->rewind();
+    const std::string doubled = contents(stream) + contents(stream);
+    other.seek(0, InMemoryIStream::End);
+    ULARGE_INTEGER read{};
+    EXPECT_EQ(stream->CopyTo(clone.Get(), {.QuadPart = limit}, &read, nullptr), S_OK);
+    EXPECT_EQ(read.QuadPart, 11U) << "what there was at first";
+    EXPECT_EQ(contents(stream), doubled);
+    stream->resize(1024);
+    std::memset(const_cast<unsigned char*>(stream->data(0)), 'z', 1024);
+    other.seek(0, InMemoryIStream::End);
+    EXPECT_EQ(other.write(stream->data(0), 1024), 1024U);
+    EXPECT_EQ(contents(stream), std::string(2048, 'z'));
+
+    stream->freeMemory();
+    EXPECT_EQ(other.size() + other.capacity(), 0U);
+    EXPECT_EQ(other.position(), 2048U);
+    EXPECT_EQ(other.data(0), nullptr);
+    clone = nullptr;
+    EXPECT_EQ(stream->numInstances(), 1);
+    stream->rewind();
+    EXPECT_EQ(stream->write("new", 3), 3U);
+    EXPECT_EQ(contents(stream), "new");
+}
+
+TEST(MemoryStream, TakesBuffersOver) {
+    DynamicBuffer owned;
+    owned.data = static_cast<unsigned char*>(std::malloc(8));
+    owned.size = 4;
+    owned.capacity = 8;
+    std::memcpy(owned.data, "abcd", 4);
+    const unsigned char* const block = owned.data;
+    const auto stream = adopt(new InMemoryIStream(std::move(owned)));
+    EXPECT_EQ(owned.data, nullptr); // NOLINT(bugprone-use-after-move)
+    EXPECT_EQ(owned.size, 4U);
+    EXPECT_EQ(owned.capacity, 8U);
+    EXPECT_EQ(stream->data(0), block);
+    EXPECT_EQ(stream->capacity(), 8U);
+    EXPECT_EQ(adopt(new InMemoryIStream(std::move(owned)))->size(), 0U); // NOLINT(bugprone-use-after-move)
+
+    unsigned char bytes[8] = {'a', 'b', 'c', 'd'};
+    DynamicBuffer borrowed;
+    borrowed.data = bytes;
+    borrowed.size = 4;
+    borrowed.capacity = sizeof bytes;
+    borrowed.ownsMemory = false;
+    const auto view = adopt(new InMemoryIStream(std::move(borrowed)));
+    EXPECT_FALSE(view->resize(4));
+    EXPECT_EQ(view->SetSize({.QuadPart = 1}), STG_E_INSUFFICIENTMEMORY);
+    view->seek(0, InMemoryIStream::End);
+    ULONG done = 0;
+    EXPECT_EQ(view->Write("efghijkl", 8, &done), S_OK);
+    EXPECT_EQ(done, 4U);
+    EXPECT_EQ(contents(view), "abcdefgh");
+    EXPECT_EQ(bytes[7], 'h');
+    EXPECT_EQ(view->Write("x", 1, &done), STG_E_INSUFFICIENTMEMORY);
+    view->freeMemory();
+    view->rewind();
+    EXPECT_EQ(view->write("x", 1), 0U) << "never owned";
+}
+
+TEST(MemoryStream, CopiesAsFarAsTheTargetGoes) {
+    struct Case {
+        const char* what;
+        unsigned long long position, count, most;
+        ULONG excess;
+        HRESULT answer, status;
+        unsigned long long copied;
+        std::string calls;
+    };
+    for (const Case& c : {
+             Case{"all", 1, limit, limit, 0, S_FALSE, S_FALSE, 9, "Write 9, "},
+             Case{"some", 1, 4, limit, 0, S_OK, S_OK, 4, "Write 4, "},
+             Case{"in parts", 2, 6, 3, 0, S_OK, S_OK, 6, "Write 6, Write 3, "},
+             Case{"failing", 0, 10, 3, 0, STG_E_MEDIUMFULL, STG_E_MEDIUMFULL, 3, "Write 10, "},
+             Case{"overstating", 0, 4, limit, 2, S_OK, S_OK, 6, "Write 4, "},
+             Case{"nothing asked for", 0, 0, limit, 0, E_FAIL, S_OK, 0, ""},
+             Case{"nothing left", 10, 5, limit, 0, E_FAIL, S_OK, 0, ""},
+             Case{"from beyond", 12, 5, 0, 0, E_FAIL, E_FAIL, 0, "WriteNull 5, "},
+             Case{"a lot from beyond", 12, 0x1FFFFFFFF, 1, 0, E_FAIL, E_FAIL, 1, "WriteNull 4294967295, "},
+         }) {
+        const auto stream = streamOf("0123456789");
+        unsigned long long position = 0;
+        ASSERT_EQ(seek(stream.Get(), static_cast<long long>(c.position), STREAM_SEEK_SET, position), S_OK);
+        const auto target = adopt(new Support::RecordingStream());
+        target->status = c.answer;
+        target->most = c.most;
+        target->excess = c.excess;
+        ULARGE_INTEGER read{.QuadPart = 77}, written{.QuadPart = 77};
+        EXPECT_EQ(stream->CopyTo(target.Get(), {.QuadPart = c.count}, &read, &written), c.status) << c.what;
+        EXPECT_EQ(target->take(), c.calls) << c.what;
+        EXPECT_EQ(read.QuadPart, c.copied) << c.what;
+        EXPECT_EQ(written.QuadPart, c.copied) << c.what;
+        EXPECT_EQ(stream->position(), c.position + c.copied) << c.what;
+        EXPECT_EQ(stream->CopyTo(nullptr, {.QuadPart = 1}, &read, nullptr), STG_E_INVALIDPOINTER);
+    }
+}
+
+TEST(MemoryStream, AnswersWhatItCannotDo) {
+    const auto stream = streamOf("01234");
+    ULONG done = 7;
+    EXPECT_EQ(stream->Read(nullptr, 1, &done), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(stream->Write(nullptr, 0, &done), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(done, 0U);
+    EXPECT_EQ(stream->Stat(nullptr, 0), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(stream->Clone(nullptr), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(stream->Commit(0), S_OK);
+    EXPECT_EQ(stream->Revert(), E_NOTIMPL);
+    EXPECT_EQ(stream->LockRegion({}, {}, 0), E_NOTIMPL);
+    EXPECT_EQ(stream->UnlockRegion({}, {}, 0), E_NOTIMPL);
+    char bytes[8];
+    EXPECT_EQ(stream->Read(bytes, 8, &done), S_OK);
+    EXPECT_EQ(done, 5U);
+    EXPECT_EQ(stream->Read(bytes, 8, &done), S_OK);
+    EXPECT_EQ(done, 0U);
+    for (DWORD flag : {STATFLAG_DEFAULT, STATFLAG_NONAME}) {
+        STATSTG entry;
+        std::memset(&entry, 0xCC, sizeof entry);
+        EXPECT_EQ(stream->Stat(&entry, flag), S_OK);
+        EXPECT_EQ(std::exchange(entry.type, 0U), static_cast<DWORD>(STGTY_STREAM));
+        EXPECT_EQ(std::exchange(entry.cbSize.QuadPart, 0U), 5U);
+        EXPECT_EQ(std::exchange(entry.grfMode, 0U), static_cast<DWORD>(STGM_READWRITE));
+        const std::string rest(reinterpret_cast<const char*>(&entry), sizeof entry);
+        EXPECT_EQ(rest, std::string(sizeof entry, '\0')) << "the name, too";
+    }
+}
+
+} // namespace

@@ -1,0 +1,269 @@
+#include "io/com_pointer.h"
+#include "support/recording_stream.h"
+#include "support/scarce_memory.h"
+
+#include <vexel/memory_streams.h>
+#include <vexel/sub_stream.h>
+
+#include <windows.h>
+
+#include <objidl.h>
+#include <wrl/client.h>
+
+#include <gtest/gtest.h>
+
+#include <climits>
+#include <cstring>
+#include <new>
+#include <string>
+
+using Microsoft::WRL::ComPtr;
+using Support::RecordingStream;
+using Vexel::Detail::adopt;
+using Vexel::Storage::InMemoryIStream;
+using Vexel::Storage::SubStream;
+
+namespace {
+
+constexpr unsigned long long limit = ~0ULL;
+
+class SubStreams : public testing::Test {
+protected:
+    static HRESULT seek(::IStream* stream, long long move, DWORD origin = STREAM_SEEK_SET) {
+        return stream->Seek({.QuadPart = move}, origin, nullptr);
+    }
+    static unsigned long long position(::IStream* stream) {
+        ULARGE_INTEGER reached{};
+        EXPECT_EQ(stream->Seek({}, STREAM_SEEK_CUR, &reached), S_OK);
+        return reached.QuadPart;
+    }
+    ULONG read(ULONG count) {
+        ULONG done = 77;
+        EXPECT_EQ(range_->Read(bytes_, count, &done), base_->status);
+        return done;
+    }
+
+    ComPtr<RecordingStream> base_ = adopt(new RecordingStream());
+    ComPtr<SubStream> range_ = adopt(new SubStream(base_.Get(), 100, 10));
+    char bytes_[64] = {};
+};
+
+TEST_F(SubStreams, ShowARangeOfRealBytes) {
+    const auto base = adopt(new InMemoryIStream(1000));
+    for (int i = 0; i < 1000; ++i) {
+        const char byte = static_cast<char>(i % 251);
+        ASSERT_EQ(base->write(&byte, 1), 1U);
+    }
+    const auto range = adopt(new SubStream(base.Get(), 100, 10));
+    ULONG done = 0;
+    EXPECT_EQ(seek(range.Get(), 0), S_OK);
+    EXPECT_EQ(range->Read(bytes_, 50, &done), S_OK);
+    EXPECT_EQ(done, 10U);
+    EXPECT_TRUE(bytes_[0] == 100 && bytes_[9] == 109 && bytes_[10] == 0);
+    EXPECT_EQ(range->Read(bytes_, 50, &done), S_OK);
+    EXPECT_EQ(done, 0U);
+
+    EXPECT_EQ(seek(range.Get(), 5), S_OK);
+    ComPtr<::IStream> clone;
+    EXPECT_EQ(range->Clone(&clone), S_OK);
+    EXPECT_EQ(range->Write("ABCDEFGHIJKLMNOPQRST", 20, &done), S_OK);
+    EXPECT_EQ(done, 5U);
+    EXPECT_EQ(std::memcmp(base->data(104), "hABCDEn", 7), 0);
+    EXPECT_EQ(position(clone.Get()), 5U) << "a seek pointer of its own";
+    EXPECT_EQ(clone->Read(bytes_, 50, &done), S_OK);
+    EXPECT_EQ(std::string(bytes_, done), "ABCDE");
+    STATSTG entry{};
+    EXPECT_EQ(range->Stat(&entry, STATFLAG_NONAME), S_OK);
+    EXPECT_EQ(entry.cbSize.QuadPart, 10U);
+    EXPECT_EQ(entry.type, static_cast<DWORD>(STGTY_STREAM));
+
+    const auto target = adopt(new InMemoryIStream());
+    EXPECT_EQ(seek(range.Get(), -4, STREAM_SEEK_END), S_OK);
+    ULARGE_INTEGER copied{}, written{};
+    EXPECT_EQ(range->CopyTo(target.Get(), {.QuadPart = limit}, &copied, &written), S_OK);
+    EXPECT_TRUE(copied.QuadPart == 4 && written.QuadPart == 4 && target->size() == 4);
+    EXPECT_EQ(position(range.Get()), 10U);
+}
+
+TEST_F(SubStreams, SeekWithinTheRange) {
+    struct Case {
+        long long move;
+        DWORD origin;
+        HRESULT status;
+        unsigned long long reached; // from 3
+    };
+    constexpr HRESULT bad = STG_E_INVALIDFUNCTION;
+    for (const auto& [move, origin, status, reached] : {
+             Case{0, STREAM_SEEK_SET, S_OK, 0},
+             Case{10, STREAM_SEEK_SET, S_OK, 10},
+             Case{11, STREAM_SEEK_SET, bad, 3},
+             Case{-1, STREAM_SEEK_SET, bad, 3},
+             Case{LLONG_MAX, STREAM_SEEK_SET, bad, 3},
+             Case{LLONG_MIN, STREAM_SEEK_SET, bad, 3},
+             Case{7, STREAM_SEEK_CUR, S_OK, 10},
+             Case{8, STREAM_SEEK_CUR, bad, 3},
+             Case{-3, STREAM_SEEK_CUR, S_OK, 0},
+             Case{-4, STREAM_SEEK_CUR, bad, 3},
+             Case{LLONG_MIN, STREAM_SEEK_CUR, bad, 3},
+             Case{0, STREAM_SEEK_END, S_OK, 10},
+             Case{-10, STREAM_SEEK_END, S_OK, 0},
+             Case{-11, STREAM_SEEK_END, bad, 3},
+             Case{1, STREAM_SEEK_END, bad, 3},
+             Case{LLONG_MIN, STREAM_SEEK_END, bad, 3},
+             Case{0, 3, bad, 3},
+         }) {
+        ASSERT_EQ(seek(range_.Get(), 3), S_OK);
+        base_->take();
+        ULARGE_INTEGER told{.QuadPart = 3};
+        EXPECT_EQ(range_->Seek({.QuadPart = move}, origin, &told), status) << move << " " << origin;
+        EXPECT_EQ(told.QuadPart, reached);
+        EXPECT_EQ(base_->take(), status == S_OK ? "Seek " + std::to_string(100 + reached) + " 0, " : "");
+        EXPECT_EQ(position(range_.Get()), reached);
+        EXPECT_EQ(base_->take(), "") << "asking for the position does not touch the base";
+    }
+    base_->status = STG_E_REVERTED;
+    EXPECT_EQ(seek(range_.Get(), 9), STG_E_REVERTED);
+    EXPECT_EQ(position(range_.Get()), 3U);
+
+    // Near the end of what positions can express.
+    const auto last = adopt(new SubStream(base_.Get(), limit - 4, limit));
+    EXPECT_EQ(seek(last.Get(), 5), STG_E_INVALIDFUNCTION) << "would be before the range";
+}
+
+TEST_F(SubStreams, GoByWhatTheBaseMoves) {
+    base_->most = 4;
+    EXPECT_EQ(read(50), 4U);
+    EXPECT_EQ(base_->take(), "Read 10, ");
+    base_->status = STG_E_READFAULT;
+    EXPECT_EQ(read(50), 4U) << "a failing base has moved what it says";
+    EXPECT_EQ(base_->take(), "Read 6, ");
+    ULONG done = 77;
+    EXPECT_EQ(range_->Write(bytes_, 50, &done), STG_E_READFAULT);
+    EXPECT_EQ(done, 2U);
+    EXPECT_EQ(range_->Write(bytes_, 50, nullptr), STG_E_READFAULT);
+    EXPECT_EQ(base_->take(), "Write 2, Write 0, ");
+
+    base_->status = S_OK;
+    base_->most = limit;
+    base_->excess = 5;
+    EXPECT_EQ(seek(range_.Get(), 4), S_OK);
+    ULARGE_INTEGER copied{}, written{};
+    EXPECT_EQ(range_->CopyTo(nullptr, {.QuadPart = limit}, &copied, &written), S_OK);
+    EXPECT_EQ(base_->take(), "Seek 104 0, CopyTo 6, ");
+    EXPECT_EQ(copied.QuadPart, 11U);
+    EXPECT_EQ(position(range_.Get()), 10U) << "what it claims beyond the range does not wrap";
+    EXPECT_EQ(seek(range_.Get(), 0), S_OK);
+    EXPECT_EQ(range_->CopyTo(nullptr, {.QuadPart = 3}, nullptr, nullptr), S_OK);
+    EXPECT_EQ(position(range_.Get()), 8U);
+}
+
+TEST_F(SubStreams, ChangeTheirSizeOnly) {
+    EXPECT_EQ(seek(range_.Get(), 6), S_OK);
+    base_->take();
+    EXPECT_EQ(range_->SetSize({.QuadPart = limit - 99}), E_INVALIDARG);
+    EXPECT_EQ(range_->SetSize({.QuadPart = limit - 100}), S_OK);
+    EXPECT_EQ(range_->SetSize({.QuadPart = 8}), S_OK);
+    EXPECT_EQ(base_->take(), "");
+    EXPECT_EQ(read(50), 2U);
+    EXPECT_EQ(range_->SetSize({.QuadPart = 5}), S_OK);
+    EXPECT_EQ(position(range_.Get()), 8U);
+    base_->take();
+    EXPECT_EQ(read(50), 50U) << "beyond the new end nothing limits";
+    STATSTG entry{};
+    base_->status = E_FAIL;
+    entry.grfMode = 77;
+    EXPECT_EQ(range_->Stat(&entry, 0), E_FAIL);
+    EXPECT_EQ(entry.cbSize.QuadPart, 5U) << "though the base fails";
+    EXPECT_EQ(entry.grfMode, 0U);
+    EXPECT_EQ(range_->Stat(nullptr, 0), E_FAIL);
+}
+
+TEST_F(SubStreams, PassTheRestOn) {
+    base_->status = S_FALSE;
+    EXPECT_EQ(range_->Commit(7), S_FALSE);
+    EXPECT_EQ(range_->Revert(), S_FALSE);
+    EXPECT_EQ(range_->LockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3), S_FALSE);
+    EXPECT_EQ(range_->UnlockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3), S_FALSE);
+    EXPECT_EQ(base_->take(), "Commit 7, Revert, LockRegion 101 5, LockRegion 101 5, ") << "both lock";
+    EXPECT_EQ(range_->LockRegion({.QuadPart = limit}, {}, 0), STG_E_INVALIDFUNCTION);
+    ComPtr<IUnknown> found;
+    EXPECT_EQ(range_->QueryInterface(IID_IPersist, &found), S_OK);
+    EXPECT_EQ(found.Get(), static_cast<IUnknown*>(base_.Get())) << "the base's own";
+    EXPECT_EQ(base_->take(), "QueryInterface, ");
+}
+
+TEST_F(SubStreams, TakeAndLetGoOfBases) {
+    EXPECT_EQ(base_->numRefs(), 2U);
+    const auto next = adopt(new RecordingStream());
+    EXPECT_FALSE(range_->set(nullptr, 1, 2, false));
+    {
+        const ComPtr<::IStream> holder(range_);
+        EXPECT_FALSE(range_->set(next.Get(), 1, 2, false)) << "somebody else holds it";
+        EXPECT_FALSE(range_->detach());
+    }
+    EXPECT_EQ(read(50), 10U) << "unchanged";
+    EXPECT_TRUE(range_->set(next.Get(), 1, 20, false));
+    EXPECT_EQ(base_->numRefs(), 1U);
+    EXPECT_EQ(next->numRefs(), 2U);
+    EXPECT_EQ(read(50), 20U);
+    EXPECT_TRUE(range_->set(next.Get(), 3, 4, true)) << "of the same base";
+    EXPECT_EQ(next->numRefs(), 1U);
+    EXPECT_EQ(next->take(), "Read 20, Clone, ");
+    EXPECT_EQ(read(50), 4U);
+    next->status = E_ACCESSDENIED;
+    EXPECT_FALSE(range_->set(next.Get(), 3, 4, true));
+    EXPECT_EQ(range_->Commit(0), STG_E_INVALIDFUNCTION) << "left without a base";
+    EXPECT_EQ(next->numRefs(), 1U);
+    next->status = S_OK;
+    EXPECT_TRUE(range_->set(next.Get(), 3, 4, false));
+    EXPECT_TRUE(range_->detach());
+    EXPECT_EQ(next->numRefs(), 1U);
+
+    // A base that only the sub-stream holds.
+    auto* const lonely = new RecordingStream();
+    EXPECT_TRUE(range_->set(lonely, 0, 8, false));
+    lonely->Release();
+    EXPECT_TRUE(range_->set(lonely, 0, 8, true));
+    EXPECT_TRUE(range_->detach());
+
+    ::IStream* clone = range_.Get();
+    EXPECT_EQ(range_->Clone(nullptr), STG_E_INVALIDPOINTER);
+    EXPECT_TRUE(range_->set(base_.Get(), 3, 4, false));
+    base_->status = E_ACCESSDENIED;
+    EXPECT_EQ(range_->Clone(&clone), E_ACCESSDENIED);
+    EXPECT_EQ(clone, nullptr);
+    base_->status = S_OK;
+    base_->take();
+    AtMainAllocation(1, [] { throw std::bad_alloc(); });
+    EXPECT_EQ(range_->Clone(&clone), E_OUTOFMEMORY);
+    EXPECT_EQ(clone, nullptr);
+}
+
+TEST_F(SubStreams, WithoutABaseRefuseEverything) {
+    const auto empty = adopt(new SubStream());
+    constexpr HRESULT refused = STG_E_INVALIDFUNCTION;
+    ULONG done = 77;
+    ULARGE_INTEGER copied{.QuadPart = 77}, written{.QuadPart = 77};
+    STATSTG entry{};
+    ::IStream* clone = base_.Get();
+    void* found = bytes_;
+    EXPECT_EQ(empty->QueryInterface(IID_IUnknown, &found), E_FAIL);
+    EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(empty->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+    EXPECT_EQ(empty->Read(bytes_, 1, &done), refused);
+    EXPECT_EQ(done, 0U);
+    EXPECT_EQ(empty->Write(bytes_, 1, &done), refused);
+    EXPECT_EQ(seek(empty.Get(), 0, STREAM_SEEK_CUR), refused);
+    EXPECT_EQ(empty->SetSize({.QuadPart = 1}), refused);
+    EXPECT_EQ(empty->CopyTo(base_.Get(), {.QuadPart = 1}, &copied, &written), refused);
+    EXPECT_EQ(copied.QuadPart + written.QuadPart, 0U);
+    EXPECT_EQ(empty->Commit(0), refused);
+    EXPECT_EQ(empty->Revert(), refused);
+    EXPECT_EQ(empty->LockRegion({}, {}, 0), refused);
+    EXPECT_EQ(empty->UnlockRegion({}, {}, 0), refused);
+    EXPECT_EQ(empty->Stat(&entry, 0), refused);
+    EXPECT_EQ(empty->Clone(&clone), refused);
+    EXPECT_EQ(clone, nullptr);
+}
+
+} // namespace
