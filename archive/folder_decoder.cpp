@@ -22,6 +22,9 @@ constexpr UInt64 kMultiThreadedFrom = 0x100000;
 constexpr UInt64 kNoMemoryLimit = ~UInt64{0};
 constexpr UInt64 kMostExpansion = 8192;
 constexpr UInt64 kExpansionSlack = 0x10000;
+// LZMA's properties end with the dictionary's size, whose last byte counts 16 MiB; LZMA2's are a code for it.
+constexpr std::size_t kLzmaProperties = 5;
+constexpr Byte kLzma2Of16MiB = 24;
 
 /// Decoders that wait for the next small folder.
 class DecoderPool {
@@ -48,6 +51,23 @@ private:
     std::mutex mutex_;
     std::vector<std::unique_ptr<CDecoder>> idle_;
 };
+
+/// Whether decoding the folder takes so much, threads and blocks or a dictionary, that it is given back at
+/// once.
+bool takesMuch(const CDbEx& database, unsigned folder) {
+    if (database.GetFolderUnpackSize(folder) >= kMultiThreadedFrom)
+        return true;
+    NArchive::N7z::CFolder coders;
+    database.ParseFolderInfo(folder, coders);
+    for (unsigned i = 0; i < coders.Coders.Size(); ++i) {
+        const CByteBuffer& properties = coders.Coders[i].Props;
+        if (properties.Size() == kLzmaProperties && properties[kLzmaProperties - 1] != 0)
+            return true;
+        if (properties.Size() == 1 && properties[0] > kLzma2Of16MiB)
+            return true;
+    }
+    return false;
+}
 
 // Never destroyed: decoders own threads, which are gone when the process ends.
 DecoderPool& decoders() {
@@ -80,15 +100,14 @@ DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, Dynami
         return result;
 
     const CDbEx& database = source.database();
-    // What a large folder took, threads and blocks, is given back at once.
-    const bool isLarge = database.GetFolderUnpackSize(folder) >= kMultiThreadedFrom;
     const auto output = Detail::adopt(new InMemoryOutStream(bytes));
+    const bool isForPool = !takesMuch(database, folder);
     std::unique_ptr<CDecoder> decoder =
-        isLarge ? std::make_unique<CDecoder>(threadCount() > 1) : decoders().take();
+        isForPool ? decoders().take() : std::make_unique<CDecoder>(threadCount() > 1);
     result.status = decode(*decoder, database, folder, input.Get(), output.Get(), result.dataAfterEnd);
     result.crc = output->crc();
     // One that failed may have been left in the middle.
-    if (!isLarge && result.status == S_OK && !result.dataAfterEnd)
+    if (isForPool && result.status == S_OK && !result.dataAfterEnd)
         decoders().giveBack(std::move(decoder));
     return result;
 }
