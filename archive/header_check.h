@@ -33,8 +33,8 @@ public:
 
     virtual std::uint64_t size() const noexcept = 0;
 
-    /// Reads into `target`, of 1 GiB at most, from `offset` on. `count` receives the number of bytes read: any
-    /// but 0, which says that the input has ended. A failure ends the check with its status.
+    /// Reads into `target`, of 1 GiB at most, from `offset` on. `count` receives the number of bytes read:
+    /// any but 0, which says that the input has ended. A failure ends the check with its status.
     virtual HRESULT read(std::uint64_t offset, std::span<std::byte> target, std::size_t& count) noexcept = 0;
 };
 

@@ -55,28 +55,16 @@ bool HeaderReader::accept(const HeaderReader& part) noexcept {
 
 void HeaderReader::noMore() noexcept { refuse(HeaderFault::Header, "the header ends too early"); }
 
-std::uint8_t HeaderReader::byte() noexcept {
-    if (left() == 0) {
-        noMore();
-        return 0;
-    }
-    return std::to_integer<std::uint8_t>(bytes_[position_++]);
-}
-
-// The ones at the top of the first byte say how many bytes follow; the bits below them are the number's
-// highest.
-std::uint64_t HeaderReader::number() noexcept {
-    const std::uint8_t first = byte();
+// The ones at the top of the first byte say how many bytes follow; the bits below them are the highest.
+std::uint64_t HeaderReader::longNumber(std::uint8_t first) noexcept {
     const auto more = static_cast<unsigned>(std::countl_one(first));
-    if (more == 0)
-        return first;
     if (left() < more) {
         noMore();
         return 0;
     }
     std::uint64_t value = 0;
-    std::memcpy(&value, bytes_.data() + position_, more);
-    position_ += more;
+    for (unsigned i = 0; i < more; ++i)
+        value |= std::to_integer<std::uint64_t>(bytes_[position_++]) << (8 * i);
     return more < 7 ? value | (std::uint64_t{first} & (0x7FU >> more)) << (8 * more) : value;
 }
 
@@ -156,8 +144,12 @@ bool HeaderParser::parseHeader() {
             return false;
         id = reader_.number();
     }
-    if (id == HeaderId::kFilesInfo)
-        return parseFiles(streams.count);
+    if (id == HeaderId::kFilesInfo) {
+        if (!parseFiles(streams.count))
+            return false;
+        reader_.number();
+    }
+    // The engine does not mind what it is, as long as it is there.
     return reader_.ok();
 }
 

@@ -60,13 +60,22 @@ public:
     /// Takes over the fault of a reader of a part of this one's bytes; whether there is none.
     bool accept(const HeaderReader& part) noexcept;
 
-    std::uint8_t byte() noexcept;
-    std::uint64_t number() noexcept;
+    std::uint8_t byte() noexcept {
+        if (left() > 0)
+            return std::to_integer<std::uint8_t>(bytes_[position_++]);
+        noMore();
+        return 0;
+    }
+    std::uint64_t number() noexcept {
+        const std::uint8_t first = byte();
+        return first < 0x80 ? first : longNumber(first);
+    }
     /// A number that the engine counts with.
     std::uint32_t count() noexcept;
     std::span<const std::byte> take(std::uint64_t size) noexcept;
 
 private:
+    std::uint64_t longNumber(std::uint8_t first) noexcept;
     void noMore() noexcept;
 
     std::span<const std::byte> bytes_;
