@@ -9,12 +9,13 @@ using Microsoft::WRL::ComPtr;
 namespace vxio {
 
 // Pointers are exchanged by Swap: with mingw-w64, assigning a moved pointer leaves the source as it was, and
-// assigning a plain one lets go of the old stream before it holds the new one.
+// assigning a plain one lets go of the old stream before it holds the new one, and == only tells null from
+// not null.
 
 IStreamStream::~IStreamStream() = default;
 
 IStreamStream& IStreamStream::operator=(IStreamStream&& other) noexcept {
-    if (stream_ != other.stream_)
+    if (stream_.Get() != other.stream_.Get())
         ComPtr<::IStream>(std::move(other.stream_)).Swap(stream_);
     return *this;
 }
