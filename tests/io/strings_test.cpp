@@ -1,4 +1,6 @@
+#include "io/com_pointer.h"
 #include "support/compound_file.h"
+#include "support/recording_stream.h"
 
 #include <vexel/strings.h>
 
@@ -10,10 +12,12 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <functional>
 #include <string>
 #include <string_view>
 #include <type_traits>
+#include <vector>
 
 using Microsoft::WRL::ComPtr;
 using namespace std::string_literals;
@@ -23,8 +27,7 @@ namespace {
 
 /// The system's memory stream with these bytes, at its start.
 ComPtr<IStream> systemStream(std::string_view bytes = {}) {
-    ComPtr<IStream> stream;
-    stream.Attach(SHCreateMemStream(nullptr, 0));
+    ComPtr<IStream> stream = Vexel::Detail::adopt(SHCreateMemStream(nullptr, 0));
     EXPECT_EQ(stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr), S_OK);
     EXPECT_EQ(stream->Seek({}, STREAM_SEEK_SET, nullptr), S_OK);
     return stream;
@@ -62,12 +65,24 @@ std::string repeated(std::size_t count) {
     return bytes;
 }
 
+constexpr auto readU = [](vxio::IReadStream& stream, CStringW& string) { VxwReadUniString(stream, string); };
+constexpr auto readW = [](vxio::IReadStream& stream, std::wstring& string) {
+    VxwReadStringW(stream, string);
+};
+
 TEST(Strings, AreWrittenInTheirLayouts) {
     const CStringW ab(L"ab");
     EXPECT_EQ(written([&](auto& s) { VxwWriteString(s, ab); }), "\4\0\0\0a\0b\0"s);
     EXPECT_EQ(written([&](auto& s) { VxwWriteString(s, L"ab"sv); }), "\2\0\0\0a\0b\0"s);
     EXPECT_EQ(written([&](auto& s) { VxwWriteUniString(s.GetStream(), ab); }), "\4\0\0\0a\0b\0"s);
     EXPECT_EQ(written([](auto& s) { VxwWriteUniString(s.GetStream(), CStringW()); }), "\0\0\0\0"s);
+
+    const std::wstring odd = L"\xDC00\0\xD800z"s; // surrogates the wrong way round, and a zero
+    const CStringW oddString(odd.data(), static_cast<int>(odd.size()));
+    EXPECT_EQ(read(written([&](auto& s) { VxwWriteString(s, oddString); }), readU), odd);
+    EXPECT_EQ(read<std::wstring>(written([&](auto& s) { VxwWriteString(s, odd); }), readW), odd);
+    EXPECT_EQ(read(written([&](auto& s) { VxwWriteCArchiveString(s, oddString); }), VxwReadCArchiveString),
+              odd);
 
     struct Case {
         int length;
@@ -148,13 +163,12 @@ TEST(Strings, OfLayoutUAreReadFromEveryKindOfStream) {
 }
 
 TEST(Strings, OfTheOtherLayoutsAreRead) {
-    const auto wide = [](auto& s, std::wstring& t) { VxwReadStringW(s, t); };
-    EXPECT_EQ(read<std::wstring>("\2\0\0\0a\0b\0c\0"s, wide), L"ab");
-    EXPECT_EQ(read<std::wstring>("\2\0\0\0\0\0\0\0"s, wide), L"\0\0"s) << "zeros stay";
-    EXPECT_EQ(read<std::wstring>("\0\0\0\0"s, wide), L"");
+    EXPECT_EQ(read<std::wstring>("\2\0\0\0a\0b\0c\0"s, readW), L"ab");
+    EXPECT_EQ(read<std::wstring>("\2\0\0\0\0\0\0\0"s, readW), L"\0\0"s) << "zeros stay";
+    EXPECT_EQ(read<std::wstring>("\0\0\0\0"s, readW), L"");
     EXPECT_EQ(read<std::wstring>("\xFF\xFF\xFF\xFF"
                                  "a\0b"s,
-                                 wide),
+                                 readW),
               L"ab");
     EXPECT_EQ(read<std::wstring>("a\0b\0"s, [](auto& s, auto& t) { VxwReadStringW(s, t, 1); }), L"a");
 
@@ -197,7 +211,7 @@ TEST(Strings, GoToFilesWhoseFailuresRaise) {
     const auto raises = [](const auto& call) {
         try {
             call();
-            return 0L;
+            return -1L;
         } catch (CFileException* failure) {
             const long error = failure->m_lOsError;
             failure->Delete();
@@ -208,53 +222,95 @@ TEST(Strings, GoToFilesWhoseFailuresRaise) {
               ERROR_ACCESS_DENIED);
     EXPECT_EQ(raises([&] { VxwWriteUniString(INVALID_HANDLE_VALUE, string); }), ERROR_INVALID_HANDLE);
     EXPECT_EQ(raises([&] { VxwGetFilePointer(INVALID_HANDLE_VALUE); }), ERROR_INVALID_HANDLE);
+    file.Seek(0xFFFFFFFF, CFile::begin);
+    EXPECT_EQ(raises([&] { VxwGetFilePointer(file.m_hFile); }), ERROR_SUCCESS) << "cannot be told apart";
+    file.Seek(0x100000002, CFile::begin);
+    EXPECT_EQ(VxwGetFilePointer(file.m_hFile), 2U);
 }
 
-TEST(StreamAdapter, HoldsOneReferenceAndMovesLikeItsStream) {
-    const auto references = [](IStream* stream) {
-        stream->AddRef();
-        return stream->Release();
-    };
-    const ComPtr<IStream> com = systemStream("0123");
-    const ULONG before = references(com.Get());
-    {
-        vxio::IStreamStream stream(com.Get());
-        EXPECT_EQ(references(com.Get()), before + 1);
-        stream.Attach(com.Get());
-        EXPECT_EQ(references(com.Get()), before + 1);
-        vxio::IStreamStream copy = stream;
-        EXPECT_EQ(references(com.Get()), before + 2);
-        vxio::IStreamStream& same = copy;
-        copy = std::move(same);
-        EXPECT_TRUE(copy);
-        stream = std::move(copy); // the same COM stream: both keep it
-        EXPECT_TRUE(copy);        // NOLINT(bugprone-use-after-move)
-        const vxio::IStreamStream moved = std::move(copy);
-        EXPECT_FALSE(copy); // NOLINT(bugprone-use-after-move)
-        stream.Attach(nullptr);
-        EXPECT_EQ(references(com.Get()), before + 1);
-    }
-    EXPECT_EQ(references(com.Get()), before);
+TEST(Strings, OnFailingComStreamsGoByCountsAlone) {
+    const ComPtr<Support::RecordingStream> stream = Vexel::Detail::adopt(new Support::RecordingStream());
+    stream->status = E_FAIL;
+    stream->most = 0;
+    VxwWriteUniString(stream.Get(), CStringW(L"ab"));
+    EXPECT_EQ(stream->take(), "Write 4, Write 4, ") << "the text follows whatever became of its count";
+    stream->most = ~0ULL;
+    CStringW string(L"before");
+    VxwReadUniString(stream.Get(), string);
+    EXPECT_EQ(stream->take(), "Read 4, ") << "no count from a failed call";
+    EXPECT_EQ(text(string), L"");
+}
 
-    using Origin = vxio::IReadStream::SeekPosition;
-    vxio::IStreamStream stream(com.Get());
-    vxio::IReadStream& reader = stream;
-    char bytes[10];
-    EXPECT_EQ(reader.ReadBytes(bytes, 10), 4U);
-    EXPECT_EQ(reader.ReadBytes(bytes, 10), 0U);
-    EXPECT_EQ(reader.Seek(Origin::Begin, 2), 2U);
-    EXPECT_EQ(reader.Seek(static_cast<Origin>(7), 0), 2U);
-    EXPECT_EQ(reader.Seek(Origin::Current, -5), 2U) << "a failed move stays";
-    EXPECT_EQ(reader.Seek(Origin::End, -1), 3U);
-    EXPECT_EQ(reader.SeekToEnd(), 4U);
-    EXPECT_EQ(reader.GetLength(), 4U);
-    reader.SeekToBegin();
-    EXPECT_EQ(reader.GetPosition(), 0U);
-    EXPECT_EQ(stream.WriteBytes("ab", 2), 2U);
-    stream.Close();
-    EXPECT_EQ(stream.SeekToEnd() + stream.GetLength() + stream.GetPosition() + stream.ReadBytes(bytes, 4) +
-                  stream.WriteBytes(bytes, 4) + vxio::IStreamStream::WriteBytes(nullptr, bytes, 4),
-              0U);
+// Serves its bytes, and remembers how much was asked of it at most.
+class ServedBytes final : public vxio::IReadStream {
+public:
+    explicit ServedBytes(std::string_view bytes) : bytes_(bytes) {}
+    unsigned long long mostAsked() const { return mostAsked_; }
+
+    unsigned long long ReadBytes(void* buffer, unsigned long long count) override {
+        mostAsked_ = (std::max)(mostAsked_, count);
+        const std::string_view part = bytes_.substr(0, static_cast<std::size_t>(count));
+        part.copy(static_cast<char*>(buffer), part.size());
+        bytes_.remove_prefix(part.size());
+        return part.size();
+    }
+    unsigned long long SeekToEnd() override { return 0; }
+    void SeekToBegin() override {}
+    unsigned long long GetLength() override { return 0; }
+    unsigned long long Seek(SeekPosition /*origin*/, long long /*offset*/) override { return 0; }
+    unsigned long long GetPosition() const override { return 0; }
+
+private:
+    std::string_view bytes_;
+    unsigned long long mostAsked_ = 0;
+};
+
+struct Layout {
+    const char* name;
+    std::string header; // promises more than there is
+    std::wstring (*read)(vxio::IReadStream& stream);
+    std::size_t characterSize;
+};
+
+template <class Text, auto Read>
+std::wstring readAs(vxio::IReadStream& stream) {
+    Text result{};
+    Read(stream, result);
+    if constexpr (std::is_same_v<Text, CStringW>)
+        return text(result);
+    else
+        return {result.begin(), result.end()};
+}
+
+template <class Text>
+constexpr auto readOld = [](vxio::IReadStream& stream, Text& string) { VxwReadString(stream, string, 2860); };
+
+TEST(Strings, WhoseHeadersPromiseTooMuchAreWhatArrives) {
+    const std::string most(4, '\xFF');
+    const std::string longest = "\xFF\xFF\xFF\x7F"s;
+    for (const Layout& layout : {
+             Layout{"U", most, readAs<CStringW, readU>, 2},
+             Layout{"W", most, readAs<std::wstring, readW>, 2},
+             Layout{"A", most, readAs<std::string, VxwReadStringA>, 1},
+             Layout{"A, wide", most, readAs<std::wstring, readOld<std::wstring>>, 1},
+             Layout{"A, framework", most, readAs<CStringW, readOld<CStringW>>, 1},
+             Layout{"M", "\xFF\xFE\xFF\xFF\xFF\xFF"s + longest, readAs<CStringW, VxwReadCArchiveString>, 2},
+             Layout{"M, no mark", "\xFF\xFF\xFF"s + longest, readAs<CStringW, VxwReadCArchiveString>, 2},
+         }) {
+        const std::string bytes =
+            layout.header + (layout.characterSize == 2 ? repeated(500'000) : std::string(1'000'000, 'x'));
+        std::vector<std::size_t> cuts{bytes.size()};
+        for (std::size_t cut = 0; cut < 20; ++cut)
+            cuts.push_back(cut);
+        for (const std::size_t cut : cuts) {
+            ServedBytes stream(std::string_view(bytes).substr(0, cut));
+            const std::size_t arrived = cut > layout.header.size() ? cut - layout.header.size() : 0;
+            const std::size_t length = (arrived + layout.characterSize - 1) / layout.characterSize;
+            EXPECT_TRUE(layout.read(stream) == std::wstring(length, L'x'))
+                << layout.name << " cut at " << cut;
+            EXPECT_LE(stream.mostAsked(), 0x10000 + arrived) << "memory follows what arrives";
+        }
+    }
 }
 
 } // namespace
