@@ -35,6 +35,22 @@ std::uint32_t lzma2Dictionary(std::span<const std::byte> properties) noexcept {
     return code >= 40 ? 0xFFFFFFFF : (2 | (code & 1)) << (code / 2 + 11);
 }
 
+/// The number of 16-bit units that are 0. Names are half of a header: four units are looked at together.
+std::size_t zeroUnits(std::span<const std::byte> units) noexcept {
+    constexpr std::uint64_t kLow = 0x7FFF7FFF7FFF7FFF;
+    std::size_t zeros = 0;
+    std::uint64_t four = 0;
+    for (; units.size() >= sizeof four; units = units.subspan(sizeof four)) {
+        std::memcpy(&four, units.data(), sizeof four);
+        // The highest bit of each unit that is 0, and no other.
+        if (const std::uint64_t found = ~(((four & kLow) + kLow) | four | kLow); found != 0)
+            zeros += static_cast<unsigned>(std::popcount(found));
+    }
+    for (; units.size() >= 2; units = units.subspan(2))
+        zeros += units[0] == std::byte{0} && units[1] == std::byte{0};
+    return zeros;
+}
+
 } // namespace
 
 bool HeaderReader::refuse(HeaderFault fault, const char* what) noexcept {
@@ -176,17 +192,17 @@ bool HeaderParser::parseStreams(HeaderStreams& streams) {
                : reader_.refuse(HeaderFault::Header, "the streams are followed by something else");
 }
 
-bool HeaderParser::parsePackInfo(HeaderStreams& streams) {
+bool HeaderParser::parsePackInfo(HeaderStreams& streams) noexcept {
     streams.offset = reader_.number();
     if (streams.offset > packedRange_)
         return reader_.refuse(HeaderFault::Header, "the packed streams begin behind the header");
-    const std::uint32_t count = reader_.count();
-    if (!skipTo(HeaderId::kSize) || !fits(count, 1))
+    streams.packStreams = reader_.count();
+    if (!skipTo(HeaderId::kSize) || !fits(streams.packStreams, 1))
         return false;
-    streams.packSizes.resize(count);
+    streams.packSizes = reader_; // they are looked at once more, for less than it costs to keep them
     std::uint64_t room = packedRange_ - streams.offset;
-    for (std::uint64_t& size : streams.packSizes) {
-        size = reader_.number();
+    for (std::uint32_t i = 0; i < streams.packStreams; ++i) {
+        const std::uint64_t size = reader_.number();
         if (size > room)
             return reader_.refuse(HeaderFault::Header,
                                   "the packed streams are longer than the file has room for");
@@ -197,7 +213,7 @@ bool HeaderParser::parsePackInfo(HeaderStreams& streams) {
         if (id == HeaderId::kEnd)
             return reader_.ok();
         if (id == HeaderId::kCrc)
-            reader_.take(std::uint64_t{defined(reader_, count).count()} * kDigestBytes);
+            reader_.take(std::uint64_t{defined(reader_, streams.packStreams).count()} * kDigestBytes);
         else
             reader_.take(reader_.number());
     }
@@ -213,16 +229,14 @@ bool HeaderParser::parseFolders(HeaderStreams& streams) {
     if (!fits(count, 3))
         return false;
     streams.folders.resize(count);
-    std::size_t packStream = 0;
     for (HeaderFolder& folder : streams.folders) {
-        if (!parseFolder(streams, folder, packStream))
+        if (!parseFolder(streams, folder))
             return false;
     }
     return skipTo(HeaderId::kCodersUnpackSize);
 }
 
-bool HeaderParser::parseFolder(HeaderStreams& streams, HeaderFolder& folder,
-                               std::size_t& packStream) noexcept {
+bool HeaderParser::parseFolder(HeaderStreams& streams, HeaderFolder& folder) noexcept {
     const std::uint32_t coders = reader_.count();
     if (coders == 0 || coders > kMostCoders)
         return reader_.refuse(HeaderFault::Unsupported, "a folder has no coders or too many");
@@ -234,11 +248,12 @@ bool HeaderParser::parseFolder(HeaderStreams& streams, HeaderFolder& folder,
     }
     if ((coders > 1 || inputs > 1) && !parseBonds(folder, inputs))
         return false;
-    const std::size_t packStreams = inputs + 1 - coders;
-    if (packStreams > streams.packSizes.size() - packStream)
+    const std::uint32_t taken = inputs + 1 - coders;
+    if (taken > streams.packStreams)
         return reader_.refuse(HeaderFault::Header, "there are fewer packed streams than the folders need");
-    for (const std::size_t end = packStream + packStreams; packStream < end; ++packStream)
-        folder.packed += streams.packSizes[packStream];
+    streams.packStreams -= taken;
+    for (std::uint32_t i = 0; i < taken; ++i)
+        folder.packed += streams.packSizes.number();
     return true;
 }
 
@@ -481,17 +496,14 @@ void HeaderParser::parseValues(HeaderReader& part, std::size_t bytesEach) noexce
     part.take(std::uint64_t{count} * bytesEach);
 }
 
-// The engine takes them for aligned 16-bit units in a copy of its own, and so does whoever uses it.
+// Each ends with a zero. What follows the last, the engine passes over.
 void HeaderParser::parseNames(HeaderReader& part) noexcept {
     if (part.byte() != 0) {
         part.refuse(HeaderFault::Header, "the names stand in additional data that do not exist");
         return;
     }
     const auto names = part.take(part.left());
-    std::uint32_t ends = 0;
-    for (std::size_t i = 0; i + 1 < names.size(); i += 2)
-        ends += names[i] == std::byte{0} && names[i + 1] == std::byte{0};
-    if (ends < files_)
+    if (zeroUnits(names) < files_)
         part.refuse(HeaderFault::Header, "there are fewer names than items");
 }
 

@@ -119,8 +119,9 @@ struct HeaderFolder {
 };
 
 struct HeaderStreams {
-    std::uint64_t offset = 0; ///< of the first packed stream, after the archive's first bytes
-    std::vector<std::uint64_t> packSizes;
+    std::uint64_t offset = 0;      ///< of the first packed stream, after the archive's first bytes
+    HeaderReader packSizes{{}};    ///< of the packed streams that no folder has taken yet
+    std::uint32_t packStreams = 0; ///< how many these are
     std::vector<HeaderFolder> folders;
     std::uint32_t count = 0; ///< of the streams that come out of all folders
 
@@ -150,9 +151,9 @@ private:
     bool skipTo(std::uint64_t id) noexcept;
     DefinedSet defined(HeaderReader& reader, std::uint32_t count) noexcept;
 
-    bool parsePackInfo(HeaderStreams& streams);
+    bool parsePackInfo(HeaderStreams& streams) noexcept;
     bool parseFolders(HeaderStreams& streams);
-    bool parseFolder(HeaderStreams& streams, HeaderFolder& folder, std::size_t& packStream) noexcept;
+    bool parseFolder(HeaderStreams& streams, HeaderFolder& folder) noexcept;
     bool parseCoder(HeaderStreams& streams, HeaderFolder& folder, std::uint32_t& inputs) noexcept;
     bool parseBonds(HeaderFolder& folder, std::uint32_t inputs) noexcept;
     bool parseUnpackSizes(HeaderStreams& streams) noexcept;
