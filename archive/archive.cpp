@@ -42,6 +42,11 @@ HRESULT SZipArchive::reload() {
     });
 }
 
+HRESULT SZipArchive::openingStatus() const {
+    const RwGuard guard(private_->lock, RwGuard::Shared);
+    return private_->openingStatus();
+}
+
 const CString& SZipArchive::fileName() const noexcept { return private_->fileName; }
 
 void SZipArchive::setFileName(const CString& name) { private_->fileName = name; }

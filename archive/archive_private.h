@@ -43,6 +43,7 @@ public:
     /// Catches up on what a save could not do: reads the file that it wrote, or opens the old one again. To
     /// be called before anything else when `isSettled` is false.
     HRESULT settle();
+    HRESULT openingStatus() const noexcept { return notOpened_; }
     bool isSettled() const noexcept { return !unread_ && (!database || database->isOpen()); }
     HRESULT save();
     HRESULT createFile(const CString& path, bool failIfExists, bool replace, IStream** result);

@@ -45,9 +45,13 @@ HRESULT openPackage(const wchar_t* path, DWORD mode, bool silentDiscard, SZipSto
     return withStatus([&]() -> HRESULT {
         const bool readOnly = (mode & kAccess) == STGM_READ;
         auto archive = std::make_shared<SZipArchive>(path, readOnly, silentDiscard);
-        if (isToBeRead(mode))
-            if (const HRESULT status = archive->reload(); !isTolerable(status, readOnly))
+        if (isToBeRead(mode)) {
+            HRESULT status = archive->reload();
+            if (SUCCEEDED(status))
+                status = archive->openingStatus();
+            if (!isTolerable(status, readOnly))
                 return status;
+        }
         *root = Detail::make<SZipStorage>(CString(), std::move(archive), mode).Detach();
         return S_OK;
     });

@@ -34,6 +34,8 @@ public:
 
     const CString& path() const noexcept { return path_; }
     const std::shared_ptr<SZipArchive>& archive() const noexcept { return archive_; }
+    /// The path in the archive of the child `name`. Throws std::bad_alloc, CMemoryException*.
+    CString childPath(LPCOLESTR name) const;
 
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
     /// STG_E_ACCESSDENIED when open for reading. Else as `SZipArchive::createFile`; STGM_CREATE replaces,
@@ -83,7 +85,6 @@ public:
 private:
     ~SZipStorage() override;
     bool isReadOnly() const noexcept { return mode_ == STGM_READ; }
-    CString childPath(LPCOLESTR name) const;
     HRESULT shareWithCaller(HRESULT status, ::IStream* contents, ::IStream** stream) const;
     void loadClass();
     HRESULT copyChildren(bool withStorages, bool withStreams, SNB excludedNames, IStorage* destination);

@@ -16,21 +16,10 @@ DWORD probeForWriting(const wchar_t* path) {
     return file ? ERROR_SUCCESS : GetLastError();
 }
 
-DWORD readStart(const wchar_t* path, std::span<std::byte> target, std::size_t& done) {
-    constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    done = 0;
-    const FileHandle file(CreateFileW(path, GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, 0, nullptr));
-    DWORD read = 0;
-    if (!file || !ReadFile(file.get(), target.data(), static_cast<DWORD>(target.size()), &read, nullptr))
-        return GetLastError();
-    done = read;
-    return ERROR_SUCCESS;
-}
-
 } // namespace
 
 PlatformStorage& StoragePlatform() noexcept {
-    static PlatformStorage calls{::StgOpenStorageEx, ::StgIsStorageFile, probeForWriting, readStart};
+    static PlatformStorage calls{::StgOpenStorageEx, ::StgIsStorageFile, probeForWriting};
     return calls;
 }
 

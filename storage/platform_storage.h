@@ -4,9 +4,6 @@
 
 #include <objbase.h>
 
-#include <cstddef>
-#include <span>
-
 namespace Vexel::Detail {
 
 /// A Win32 error as a status of the storage facility, where the codes keep their numbers.
@@ -22,9 +19,6 @@ struct PlatformStorage {
     /// Opens an existing file for reading and writing, keeping other writers out, and closes it at once.
     /// Returns 0 or the system's error code.
     DWORD (*probeForWriting)(const wchar_t* path);
-    /// Reads the first bytes of a file, which others may be using in any way. Returns 0, with the number of
-    /// bytes in `done`, or the system's error code.
-    DWORD (*readStart)(const wchar_t* path, std::span<std::byte> target, std::size_t& done);
 };
 
 /// The calls in use. Not guarded: to be changed only while no other thread is in this layer.

@@ -1,12 +1,12 @@
 #include "storage/root_factory.h"
 
 #include "storage/compound_storage.h"
-#include "storage/package_root.h"
+#include "storage/package_storage.h"
 #include "storage/platform_storage.h"
 
 std::unique_ptr<VxStorage> Vexel::Detail::makeRoot(const SharedPathName& path, bool keyed,
                                                    const RootOperation& operation, long& status) {
-    std::unique_ptr<VxStorage> root = newPackageRoot(path);
+    std::unique_ptr<VxStorage> root = std::make_unique<VxNativePackage>(path);
     root->setKeyed(keyed);
     status = operation(*root);
     if ((status == STG_E_INVALIDHEADER || status == STG_E_SHAREVIOLATION) &&

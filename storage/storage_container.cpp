@@ -1,6 +1,6 @@
 #include "storage/compound_storage.h"
 #include "storage/error_status.h"
-#include "storage/package_root.h"
+#include "storage/package_storage.h"
 #include "storage/platform_storage.h"
 #include "storage/root_factory.h"
 #include "storage/storage_item.h"
@@ -183,7 +183,7 @@ ItemRef<VxStorage> StorageContainer::createRoot(const SharedPathName& path, bool
 }
 
 ItemRef<VxStorage> StorageContainer::createTemporaryRoot(long& status, bool flag) {
-    auto root = Vexel::Detail::newPackageRoot({});
+    std::unique_ptr<VxStorage> root = std::make_unique<VxNativePackage>(SharedPathName());
     status = root->createTemporary(flag);
     if (FAILED(status))
         return {};

@@ -157,6 +157,7 @@ protected:
     bool holdOpen_;      // a child of "FileLinks": deleteUnusedObjects(true) does not close it
     bool keyed_ = false; // a root that keeps writers out while it is open for reading; until it is closed
     bool rootFlag_ = false;
+    bool temporary_ = false; // a root whose file, if it has one, goes with it
 
 private:
     friend class VxStream;

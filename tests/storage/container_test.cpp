@@ -1,3 +1,4 @@
+#include "archive/platform.h"
 #include "storage/element_name.h"
 #include "storage/error_status.h"
 #include "storage/platform_storage.h"
@@ -33,9 +34,12 @@ public:
         touched = 0;
         failOpen = S_OK;
         real_ = StoragePlatform();
-        StoragePlatform().readStart = [](const wchar_t* path, std::span<std::byte> bytes, size_t& done) {
+        realFiles_ = Vexel::Storage::Engine::platform();
+        Vexel::Storage::Engine::platform().createFile = [](const wchar_t* path, DWORD access, DWORD share,
+                                                           SECURITY_ATTRIBUTES* security, DWORD how,
+                                                           DWORD attributes, HANDLE model) {
             ++touched;
-            return real_.readStart(path, bytes, done);
+            return realFiles_.createFile(path, access, share, security, how, attributes, model);
         };
         StoragePlatform().probeForWriting = [](const wchar_t* path) {
             ++touched;
@@ -45,7 +49,10 @@ public:
     }
     CountedSystem(const CountedSystem&) = delete;
     CountedSystem& operator=(const CountedSystem&) = delete;
-    ~CountedSystem() { StoragePlatform() = real_; }
+    ~CountedSystem() {
+        StoragePlatform() = real_;
+        Vexel::Storage::Engine::platform() = realFiles_;
+    }
 
 private:
     static HRESULT WINAPI open(const wchar_t* path, DWORD stgm, DWORD format, DWORD attributes,
@@ -56,6 +63,7 @@ private:
         return real_.openStorage(path, stgm, format, attributes, options, security, iid, result);
     }
     static inline Vexel::Detail::PlatformStorage real_;
+    static inline Vexel::Storage::Engine::Platform realFiles_;
 };
 
 class Container : public testing::Test {
@@ -107,7 +115,8 @@ TEST_F(Container, MissingFilesAreAskedForOnce) {
         EXPECT_EQ(openings(first, status), 1);
         for (const RootStorageOpenMode mode : {modeRead, modeReadDenyWrite, modeWrite})
             EXPECT_EQ(openings(mode, status), 0) << "the first answer stands";
-        EXPECT_EQ(log_.count(VxLog_Minor, L"missing\": 0x"), first == modeRead ? 3 : 4) << "nor logged again";
+        EXPECT_EQ(log_.count(VxLog_Minor, L"missing\": 0x8"), first == modeRead ? 3 : 4)
+            << "nor logged again";
     }
     EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 1);
     const SharedPathNameFlagsCacheBlock block;
@@ -125,24 +134,26 @@ TEST_F(Container, MissingFilesAreAskedForOnce) {
 }
 
 TEST_F(Container, ThePlaceOfPackages) {
-    const SharedPathName archive(folder_.file(L"archive.7z"), false, false);
-    Support::writeFile(archive.asString(), "7z\xBC\xAF\x27\x1C rest");
-    const SharedPathName fresh(folder_.file(L"fresh"), false, false);
+    const SharedPathName damaged(folder_.file(L"archive.7z"), false, false);
+    Support::writeFile(damaged.asString(), "7z\xBC\xAF\x27\x1C rest");
     StorageRef root;
-    const auto unsupported = STG_E_UNIMPLEMENTEDFUNCTION;
-    EXPECT_EQ(root.open(archive, modeRead, false), unsupported);
-    EXPECT_EQ(root.open(archive, modeWrite, false), unsupported);
-    EXPECT_EQ(root.create(fresh), unsupported);
-    EXPECT_EQ(root.createTemporary(false), unsupported);
+    EXPECT_EQ(root.open(damaged, modeRead, false), STG_E_INVALIDHEADER);
     EXPECT_TRUE(root.null());
-    EXPECT_EQ(log_.count(VxLog_Minor, L"\"" + std::wstring(archive.asString()) + L"\": 0x800300fe"), 2);
-    EXPECT_EQ(log_.count(VxLog_Minor, L"not supported: \"" + std::wstring(fresh.asString()) + L"\""), 1);
 
-    // A compound file that was open and is in nobody's use does not stand in the way of a package.
+    // New files are packages, even in the place of a compound file that was open and is in nobody's use.
     ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
-    EXPECT_EQ(root.create(path_), unsupported) << "the handle lets go of it first";
-    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
+    EXPECT_EQ(root.format(), StorageFormat::CompoundFile);
+    ASSERT_EQ(root.create(path_), S_OK) << "the handle lets go of it first";
+    StreamRef stream;
+    ASSERT_EQ(stream.create(L"Note", root), S_OK);
+    EXPECT_EQ(root.commit(), S_OK);
+    stream.close();
     root.close();
+    container().deleteUnusedObjects();
+    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
+    EXPECT_EQ(root.format(), StorageFormat::Package);
+    root.close();
+    container().deleteUnusedObjects();
     Support::writeFile(file_, "no longer a storage");
     EXPECT_EQ(root.open(path_, modeRead, false), STG_E_INVALIDHEADER);
 }

@@ -1,0 +1,126 @@
+#include "storage/package_storage.h"
+
+#include "archive/szip_storage.h"
+#include "storage/tree_lock.h"
+
+#include <vexel/archive.h>
+#include <vexel/temp_files.h>
+
+using Vexel::Detail::lockTree;
+using Vexel::Storage::SZipArchive;
+using Vexel::Storage::SZipArchiveItem;
+using Vexel::Storage::SZipStorage;
+
+namespace {
+
+constexpr DWORD temporaryFlags = STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE;
+
+} // namespace
+
+SZipStorage* VxNativePackage::package() const noexcept { return static_cast<SZipStorage*>(storage_.Get()); }
+
+void VxNativePackage::flushArchive() {
+    if (storage_)
+        package()->archive()->flush(package()->path());
+}
+
+bool VxNativePackage::deleteUnusedObjects(bool keepObjects) {
+    const auto lock = lockTree();
+    const bool freed = VxStorage::deleteUnusedObjects(keepObjects);
+    flushArchive();
+    return freed;
+}
+
+void VxNativePackage::close() {
+    VxStorage::close();
+    if (!referenced() && temporary_)
+        TempFileContainer::Instance().erase(name_);
+}
+
+bool VxNativePackage::hasChild(const SharedPathName& name, StorageType type) {
+    if (name.empty())
+        return false;
+    if (VxStorage::hasChild(name, type))
+        return true;
+    if (FAILED(ensureOpen()))
+        return false;
+    const SZipArchiveItem* const item = package()->archive()->item(package()->childPath(name.asString()));
+    if (!item)
+        return false;
+    return type == StorageType{} ||
+           type == (item->isDirectory() ? StorageType::Storage : StorageType::Stream);
+}
+
+long VxNativePackage::createTemporary(bool flag) {
+    close();
+    const long status = makeTemporary();
+    if (FAILED(status)) {
+        close();
+        return status;
+    }
+    readOnly_ = false;
+    temporary_ = true;
+    rootFlag_ = flag;
+    return status;
+}
+
+long VxNativePackage::makeTemporary() {
+    if (StorageContainer::Instance().GetCreateOnDisk()) {
+        name_ = TempFileContainer::Instance().insert(nullptr, L"grb", false, false);
+        temporary_ = true; // the file is to be given back even if it cannot be made
+        return openArchive(temporaryFlags, true);
+    }
+    Microsoft::WRL::ComPtr<SZipStorage> made;
+    const HRESULT status = Vexel::Storage::createMemoryPackage(made.GetAddressOf());
+    if (FAILED(status))
+        return status;
+    name_ = SharedPathName(made->archive()->fileName(), true, false);
+    storage_ = made;
+    return status;
+}
+
+long VxNativePackage::borrowPackedData(VxStorage* source) {
+    if (!source || source->format() != StorageFormat::Package || !source->isOpen())
+        return STG_E_INVALIDPARAMETER;
+    if (const HRESULT status = ensureOpen(); FAILED(status))
+        return status;
+    const SZipArchive& from = *static_cast<VxNativePackage*>(source)->package()->archive();
+    return SUCCEEDED(package()->archive()->borrowPackedData(from)) ? 1 : 0;
+}
+
+bool VxNativePackage::getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) {
+    return storage_ && package()->archive()->fileTimes(created, modified, accessed);
+}
+
+std::unique_ptr<VxStorage> VxNativePackage::newChildStorage(const SharedPathName& name) {
+    return std::unique_ptr<VxStorage>(new VxNativePackage(name, this, root_));
+}
+
+std::unique_ptr<VxStream> VxNativePackage::newChildStream(const SharedPathName& name) {
+    return std::make_unique<VxNativePart>(name, this, root_);
+}
+
+std::unique_ptr<VxStorageEnumerator> VxNativePackage::createEnumerator() {
+    return std::make_unique<VxNativeStorageEnumerator>();
+}
+
+long VxNativePackage::clear() {
+    deleteUnusedObjects(false);
+    if (readOnly_)
+        return STG_E_ACCESSDENIED;
+    if (const HRESULT status = open(false, rootFlag_); FAILED(status))
+        return status;
+    return package()->archive()->clear(package()->path());
+}
+
+long VxNativePackage::createRoot(DWORD stgm, DWORD reserved) { return openArchive(stgm, reserved != 0); }
+
+long VxNativePackage::openRoot(DWORD stgm) { return openArchive(stgm, false); }
+
+long VxNativePackage::openArchive(DWORD stgm, bool silentDiscard) {
+    Microsoft::WRL::ComPtr<SZipStorage> opened;
+    const HRESULT status =
+        Vexel::Storage::openPackage(name_.asString(), stgm, silentDiscard, opened.GetAddressOf());
+    storage_ = opened;
+    return status;
+}
