@@ -1,88 +1,138 @@
 #include <vexel/cipher.h>
 
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
 
+// Three wheels of key bytes turn together, each a byte longer than the one before, and never get out of step.
+// So the key bytes they make between them are laid out in memory for one whole period, and one position
+// stands for those of all wheels.
+
 namespace {
 
 constexpr int keyBytes = 72;
-
-// Buffers are transformed in runs: each wheel's bytes stand in memory so often that a run reads straight on.
-constexpr int runBytes = 512;
-
-using Word = std::uint64_t;
-constexpr int wordBytes = sizeof(Word);
-constexpr Word everyByte = 0x0101010101010101;
-
-Word wordAt(const unsigned char* place) noexcept {
-    Word word = 0;
-    std::memcpy(&word, place, sizeof word);
-    return word;
-}
-
-void putWord(unsigned char* place, Word word) noexcept { std::memcpy(place, &word, sizeof word); }
+constexpr int shortestWheel = (keyBytes - 3) / 3;
+constexpr int period = shortestWheel * (shortestWheel + 1) * (shortestWheel + 2);
 
 // The byte that deciphering leaves behind, for all objects; see the class.
 unsigned char intermediate = 0;
 
-// Each byte of the result is the exclusive or of that byte and all before it (the lower ones) in `word`.
-constexpr Word accumulate(Word word) noexcept {
-    word ^= word << 8;
-    word ^= word << 16;
-    return word ^ (word << 32);
+using Block = __m128i;
+constexpr int blockBytes = sizeof(Block);
+
+Block load(const unsigned char* place) noexcept {
+    return _mm_loadu_si128(reinterpret_cast<const Block*>(place));
+}
+
+void store(unsigned char* place, Block block) noexcept {
+    _mm_storeu_si128(reinterpret_cast<Block*>(place), block);
+}
+
+// Each byte of the result is the exclusive or of that byte of `block` and all before it.
+Block accumulate(Block block) noexcept {
+    block = _mm_xor_si128(block, _mm_slli_si128(block, 1));
+    block = _mm_xor_si128(block, _mm_slli_si128(block, 2));
+    block = _mm_xor_si128(block, _mm_slli_si128(block, 4));
+    return _mm_xor_si128(block, _mm_slli_si128(block, 8));
+}
+
+// The last byte of `block` in every place.
+Block spreadLast(Block block) noexcept {
+    const Block pairs = _mm_unpackhi_epi8(block, block);
+    const Block quarters = _mm_shufflehi_epi16(pairs, 0xFF);
+    return _mm_unpackhi_epi64(quarters, quarters);
+}
+
+// What the byte-by-byte definitions make of a run of `count` bytes. The chained forms return the feedback
+// byte for what follows.
+
+void mix(unsigned char* run, int count, const unsigned char* key, unsigned char feedback) noexcept {
+    const Block last = _mm_set1_epi8(static_cast<char>(feedback));
+    int i = 0;
+    for (; i + blockBytes <= count; i += blockBytes)
+        store(run + i, _mm_xor_si128(_mm_xor_si128(load(run + i), load(key + i)), last));
+    for (; i < count; ++i)
+        run[i] = static_cast<unsigned char>(run[i] ^ key[i] ^ feedback);
+}
+
+// A cipher byte is the exclusive or of the feedback byte and all plain and key bytes up to its own.
+unsigned char encryptChained(unsigned char* run, int count, const unsigned char* key,
+                             unsigned char feedback) noexcept {
+    Block last = _mm_set1_epi8(static_cast<char>(feedback));
+    int i = 0;
+    for (; i + blockBytes <= count; i += blockBytes) {
+        const Block mixed = accumulate(_mm_xor_si128(load(run + i), load(key + i)));
+        store(run + i, _mm_xor_si128(mixed, last));
+        last = _mm_xor_si128(last, spreadLast(mixed)); // from `mixed`, so that blocks wait for this step only
+    }
+    feedback = static_cast<unsigned char>(_mm_cvtsi128_si32(last));
+    for (; i < count; ++i)
+        run[i] = feedback = static_cast<unsigned char>(run[i] ^ key[i] ^ feedback);
+    return feedback;
+}
+
+// Each cipher byte is mixed into the next.
+unsigned char decryptChained(unsigned char* run, int count, const unsigned char* key,
+                             unsigned char feedback) noexcept {
+    int i = 0;
+    for (; i + blockBytes <= count; i += blockBytes) {
+        const Block cipher = load(run + i);
+        const Block before = _mm_or_si128(_mm_slli_si128(cipher, 1), _mm_cvtsi32_si128(feedback));
+        feedback = run[i + blockBytes - 1];
+        store(run + i, _mm_xor_si128(_mm_xor_si128(cipher, load(key + i)), before));
+    }
+    for (; i < count; ++i) {
+        const unsigned char cipher = run[i];
+        run[i] = static_cast<unsigned char>(cipher ^ key[i] ^ feedback);
+        feedback = cipher;
+    }
+    return feedback;
+}
+
+// Mixes a wheel of `length` bytes into the whole of `stream`.
+void mixWheel(unsigned char* stream, const char* wheel, int length) noexcept {
+    std::array<unsigned char, keyBytes> again{}; // a block can be read from any place on the wheel
+    for (int i = 0; i < length + blockBytes; ++i)
+        again[static_cast<std::size_t>(i)] = static_cast<unsigned char>(wheel[i % length]);
+    int place = 0;
+    for (int i = 0; i < period; i += blockBytes) {
+        store(stream + i, _mm_xor_si128(load(stream + i), load(again.data() + place)));
+        place += place + blockBytes < length ? blockBytes : blockBytes - length;
+    }
+}
+
+std::unique_ptr<unsigned char[]> layOut(const std::array<char, keyBytes>& key) {
+    auto stream = std::make_unique<unsigned char[]>(period + blockBytes);
+    const char* wheel = key.data();
+    for (int length = shortestWheel; length < shortestWheel + 3; ++length) {
+        mixWheel(stream.get(), wheel, length);
+        wheel += length;
+    }
+    return stream;
 }
 
 } // namespace
-
-struct SECCryptoBlackBox::Wheel {
-    std::unique_ptr<unsigned char[]> data; // null until keyed
-    int length = 0;
-    int position = 0;
-
-    bool accept(const char* key, int keyLength) {
-        if (data)
-            return false;
-        data = std::make_unique<unsigned char[]>(static_cast<std::size_t>(keyLength) + runBytes);
-        for (int i = 0; i < keyLength + runBytes; ++i)
-            data[static_cast<std::size_t>(i)] = static_cast<unsigned char>(key[i % keyLength]);
-        length = keyLength;
-        position = 0;
-        return true;
-    }
-
-    const unsigned char* current() const noexcept { return data.get() + position; }
-    void turn(int steps) noexcept { position = (position + steps) % length; }
-    void turnTo(long offset) noexcept {
-        if (length != 0)
-            position = static_cast<int>((offset % length + length) % length);
-    }
-};
 
 struct SECCryptoBlackBox::Wheels {
-    std::array<Wheel, 3> all;
+    std::unique_ptr<unsigned char[]>
+        stream;       // one period of key bytes, filled up to a block; null until keyed
+    int position = 0; // in it
 
-    Wheel& operator[](int i) noexcept { return all[static_cast<std::size_t>(i)]; }
-};
-
-namespace {
-
-// Takes the buffer run by run: `transform` gets a run, its length and where each wheel's key bytes for it
-// begin.
-template <class Wheels, class Transform>
-void inRuns(Wheels& wheels, unsigned char* buffer, long length, Transform transform) {
-    while (length > 0) {
-        const int count = static_cast<int>((std::min)(length, static_cast<long>(runBytes)));
-        transform(buffer, count, wheels[0].current(), wheels[1].current(), wheels[2].current());
-        for (int i = 0; i < 3; ++i)
-            wheels[i].turn(count);
-        buffer += count;
-        length -= count;
+    // Hands the buffer out in runs that do not leave the period, each with its key bytes.
+    template <class Transform>
+    void inRuns(unsigned char* buffer, long length, Transform transform) {
+        while (length > 0) {
+            const int count = static_cast<int>((std::min)(length, static_cast<long>(period - position)));
+            transform(buffer, count, stream.get() + position);
+            position = (position + count) % period;
+            buffer += count;
+            length -= count;
+        }
     }
-}
-
-} // namespace
+};
 
 SECCryptoBlackBox::SECCryptoBlackBox(wchar_t* password, eDir direction, eMode mode)
     : wheels_(std::make_shared<Wheels>()), direction_(direction), mode_(mode) {
@@ -106,7 +156,7 @@ void SECCryptoBlackBox::HashString(char* input, int inputLength, char* output, i
 int SECCryptoBlackBox::SetPassword(const wchar_t* password) {
     // Hashed as narrow text: what was enciphered so must stay readable.
     const std::size_t length = password ? std::strlen(reinterpret_cast<const char*>(password)) : 0;
-    if (length == 0)
+    if (length == 0 || wheels_->stream)
         return 0;
     // The hash never looks further than one byte past the last it writes for.
     std::array<char, keyBytes + 1> text{};
@@ -115,33 +165,21 @@ int SECCryptoBlackBox::SetPassword(const wchar_t* password) {
     std::array<char, keyBytes> key{};
     HashString(text.data(), used, key.data(), keyBytes);
 
-    const int shortest = (keyBytes - wheelCount_ * (wheelCount_ - 1) / 2) / wheelCount_;
-    bool accepted = true;
-    const char* next = key.data();
-    for (int i = 0; i < wheelCount_; ++i) {
-        accepted &= (*wheels_)[i].accept(next, shortest + i);
-        next += shortest + i;
-    }
-    return accepted ? 1 : 0;
+    wheels_->stream = layOut(key);
+    wheels_->position = 0;
+    return 1;
 }
 
-void SECCryptoBlackBox::Reset() { SetPtr(0); }
+void SECCryptoBlackBox::Reset() { wheels_->position = 0; }
 
 void SECCryptoBlackBox::SetPtr(long offset) {
-    for (int i = 0; i < wheelCount_; ++i)
-        (*wheels_)[i].turnTo(offset);
+    wheels_->position = static_cast<int>((offset % period + period) % period);
 }
 
-bool SECCryptoBlackBox::keyed() const noexcept { return (*wheels_)[wheelCount_ - 1].data != nullptr; }
-
 unsigned char SECCryptoBlackBox::NextKey() {
-    if (!keyed())
-        return 0;
     unsigned char key = 0;
-    for (int i = 0; i < wheelCount_; ++i) {
-        key ^= *(*wheels_)[i].current();
-        (*wheels_)[i].turn(1);
-    }
+    if (wheels_->stream)
+        wheels_->inRuns(&key, 1, [](unsigned char* byte, int, const unsigned char* next) { *byte = *next; });
     return key;
 }
 
@@ -161,60 +199,30 @@ void SECCryptoBlackBox::Decrypt(unsigned char& byte) {
 void SECCryptoBlackBox::TransformBuf(unsigned char* buffer, long length) {
     if (length < 1)
         return;
-    if (direction_ != DirEncrypt)
-        decryptAll(buffer, length);
-    else
-        encryptAll(buffer, length);
+    const bool decrypt = direction_ != DirEncrypt;
+    if (wheels_->stream) {
+        decrypt ? decryptAll(buffer, length) : encryptAll(buffer, length);
+        return;
+    }
+    for (long i = 0; i < length; ++i)
+        decrypt ? Decrypt(buffer[i]) : Encrypt(buffer[i]);
 }
 
-// What Encrypt does byte by byte, eight at a time. With feedback a cipher byte is the exclusive or of the
-// feedback byte before the word and of all bytes up to its own, plain and key.
 void SECCryptoBlackBox::encryptAll(unsigned char* buffer, long length) {
-    if (keyed()) {
-        const bool feedback = mode_ == ModeFeedback;
-        const long whole = length - length % wordBytes;
-        inRuns(*wheels_, buffer, whole,
-               [&](unsigned char* run, int count, const auto* a, const auto* b, const auto* c) {
-                   Word last = encryptFeedback_ * everyByte;
-                   for (int i = 0; i < count; i += wordBytes) {
-                       const Word mixed = wordAt(run + i) ^ wordAt(a + i) ^ wordAt(b + i) ^ wordAt(c + i);
-                       const Word cipher = (feedback ? accumulate(mixed) : mixed) ^ last;
-                       putWord(run + i, cipher);
-                       if (feedback)
-                           last = (cipher >> 56) * everyByte;
-                   }
-                   if (feedback)
-                       encryptFeedback_ = static_cast<unsigned char>(last);
-               });
-        buffer += whole;
-        length -= whole;
-    }
-    for (; length > 0; --length)
-        Encrypt(*buffer++);
+    wheels_->inRuns(buffer, length, [this](unsigned char* run, int count, const unsigned char* key) {
+        if (mode_ == ModeFeedback)
+            encryptFeedback_ = encryptChained(run, count, key, encryptFeedback_);
+        else
+            mix(run, count, key, encryptFeedback_);
+    });
 }
 
-// What Decrypt does byte by byte. With feedback each cipher byte is mixed into the next.
 void SECCryptoBlackBox::decryptAll(unsigned char* buffer, long length) {
-    if (keyed()) {
-        const bool feedback = mode_ == ModeFeedback;
-        const long whole = length - length % wordBytes;
-        inRuns(*wheels_, buffer, whole,
-               [&](unsigned char* run, int count, const auto* a, const auto* b, const auto* c) {
-                   Word before = feedback ? decryptFeedback_ : decryptFeedback_ * everyByte;
-                   for (int i = 0; i < count; i += wordBytes) {
-                       const Word cipher = wordAt(run + i);
-                       const Word mixed = cipher ^ wordAt(a + i) ^ wordAt(b + i) ^ wordAt(c + i) ^ before;
-                       putWord(run + i, feedback ? mixed ^ (cipher << 8) : mixed);
-                       if (feedback)
-                           before = cipher >> 56;
-                   }
-                   if (feedback)
-                       decryptFeedback_ = static_cast<unsigned char>(before);
-                   intermediate = run[count - 1];
-               });
-        buffer += whole;
-        length -= whole;
-    }
-    for (; length > 0; --length)
-        Decrypt(*buffer++);
+    wheels_->inRuns(buffer, length, [this](unsigned char* run, int count, const unsigned char* key) {
+        if (mode_ == ModeFeedback)
+            decryptFeedback_ = decryptChained(run, count, key, decryptFeedback_);
+        else
+            mix(run, count, key, decryptFeedback_);
+    });
+    intermediate = buffer[length - 1];
 }

@@ -3,6 +3,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <climits>
 #include <string>
 #include <vector>
 
@@ -10,6 +11,8 @@ namespace {
 
 using Box = SECCryptoBlackBox;
 using Bytes = std::vector<unsigned char>;
+
+constexpr long period = 23L * 24 * 25;
 
 Bytes plain(std::size_t length) {
     Bytes bytes(length);
@@ -19,7 +22,7 @@ Bytes plain(std::size_t length) {
 }
 
 Box keyed(std::wstring password, Box::eDir direction, Box::eMode mode) {
-    return Box(password.data(), direction, mode);
+    return {password.data(), direction, mode};
 }
 
 void transform(Box& box, Bytes& bytes) { box.TransformBuf(bytes.data(), static_cast<long>(bytes.size())); }
@@ -33,74 +36,107 @@ std::string hex(const Bytes& bytes) {
     return text;
 }
 
-// Worked out by tests/data/cipher_answers.py.
+// More bytes than the hash of a password looks at, none of them zero.
+std::wstring longPassword() {
+    std::wstring text;
+    for (int i = 0; i < 40; ++i)
+        text += static_cast<wchar_t>(0x0101 + i * 0x0201);
+    return text;
+}
+
+// Worked out by tests/data/cipher_answers.py: the first bytes, which see each wheel come round, and the last,
+// which see all of them come round together.
 TEST(Cipher, GivesTheKnownAnswers) {
     struct Case {
-        const wchar_t* password;
+        std::wstring password;
         Box::eMode mode;
-        const char* cipher;
+        const char *first, *last;
     };
-    for (const Case& c : {
-             Case{L"A", Box::ModeStream,
-                  "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a18379974da0ddf369cc3f548a681"},
-             Case{L"A", Box::ModeFeedback,
-                  "a5575d3a91bd3114fd139d7ed9594148057fcd62818581a3540e1621b8cc161bc4f26ead5810b637"},
-             Case{L"Another text of the same first letter", Box::ModeStream,
-                  "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a18379974da0ddf369cc3f548a681"},
-             Case{L"\x5a41\x4242", Box::ModeStream,
-                  "8c968747dfd015ed2a16f323bdf0391138d6dfcf03f85d937978c3781623486570d27dda6a952a07"},
-             Case{L"\x5a41\x4242", Box::ModeFeedback,
-                  "8c1a9dda05d5c02d0711e2c17c8cb5a49c4a955a59a1fc6f166eadd5c3e0a8cdbd6f12c8a2371d1a"},
-             Case{L"\xff80", Box::ModeStream,
-                  "340af62498120adc7c1a7ed48032727c440a860428f25a5b7b82329058e2de18e4f26ad0b0f27668"},
-             Case{L"\xff80", Box::ModeFeedback,
-                  "343ec8ec74666cb0ccd6a87cfccebcc0848e080c24d68cd7ac2e1c8cd436e8f014e68c5cec1e6800"},
-         }) {
+    const Case cases[] = {
+        {L"A", Box::ModeStream,
+         "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a18379974da0ddf369cc3f548a681",
+         "4e2c7183a8a2efc5"},
+        {L"A", Box::ModeFeedback,
+         "a5575d3a91bd3114fd139d7ed9594148057fcd62818581a3540e1621b8cc161bc4f26ead5810b637",
+         "8aa6d754fc5eb174"},
+        {L"Another text of the same first letter", Box::ModeStream,
+         "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a18379974da0ddf369cc3f548a681",
+         "4e2c7183a8a2efc5"},
+        {L"\x5a41\x4242", Box::ModeStream,
+         "8c968747dfd015ed2a16f323bdf0391138d6dfcf03f85d937978c3781623486570d27dda6a952a07",
+         "8e772766c8100594"},
+        {L"\x5a41\x4242", Box::ModeFeedback,
+         "8c1a9dda05d5c02d0711e2c17c8cb5a49c4a955a59a1fc6f166eadd5c3e0a8cdbd6f12c8a2371d1a",
+         "bec9ee88405055c1"},
+        {L"\xff80", Box::ModeStream,
+         "340af62498120adc7c1a7ed48032727c440a860428f25a5b7b82329058e2de18e4f26ad0b0f27668",
+         "131d118f13018973"},
+        {L"\xff80", Box::ModeFeedback,
+         "343ec8ec74666cb0ccd6a87cfccebcc0848e080c24d68cd7ac2e1c8cd436e8f014e68c5cec1e6800",
+         "4b5647c8dbda5320"},
+        {longPassword(), Box::ModeStream,
+         "7f9d861a6c2208536937da287ef48c99cb197ee6e096382efa724ab1f02c5385ee4a501194f451e9",
+         "3c5242e91fa9cda3"},
+        {longPassword(), Box::ModeFeedback,
+         "7fe2647e1230386b0235efc7b94dc158938af412f2645c7288fab001f1dd8e0be5afffee7a8edf36",
+         "eebcfe1708a16ccf"},
+    };
+    for (const Case& c : cases) {
         Box box = keyed(c.password, Box::DirEncrypt, c.mode);
-        Bytes bytes = plain(40);
+        Bytes bytes = plain(30000);
         transform(box, bytes);
-        EXPECT_EQ(hex(bytes), c.cipher);
+        EXPECT_EQ(hex({bytes.begin(), bytes.begin() + 40}), c.first);
+        EXPECT_EQ(hex({bytes.end() - 8, bytes.end()}), c.last);
+        Box back = keyed(c.password, Box::DirDecrypt, c.mode);
+        transform(back, bytes);
+        EXPECT_EQ(bytes, plain(30000));
     }
 }
 
 // Long buffers take another way than single bytes; cutting them up anywhere must not show.
 TEST(Cipher, DoesNotDependOnHowABufferIsCut) {
+    constexpr long length = period + 100;
+    const Bytes given = plain(length);
     for (const Box::eMode mode : {Box::ModeStream, Box::ModeFeedback}) {
-        Bytes byteByByte = plain(3000);
+        Bytes byteByByte = given;
         Box slow = keyed(L"k", Box::DirEncrypt, mode);
         for (unsigned char& byte : byteByByte)
             slow.TransformBuf(&byte, 1);
-        for (long first = 0; first < 600; first += first < 40 ? 1 : 37) {
-            Bytes bytes = plain(3000);
+        for (long first = 0; first < length; first += first < 40 || first > period ? 1 : 1021) {
+            Bytes bytes = given;
             Box box = keyed(L"k", Box::DirEncrypt, mode);
             box.TransformBuf(bytes.data(), first);
-            box.TransformBuf(bytes.data() + first, 3000 - first);
+            box.TransformBuf(bytes.data() + first, length - first);
             ASSERT_EQ(bytes, byteByByte) << first;
 
             Box back = keyed(L"k", Box::DirDecrypt, mode);
-            back.TransformBuf(bytes.data(), 3000 - first);
-            back.TransformBuf(bytes.data() + 3000 - first, first);
-            ASSERT_EQ(bytes, plain(3000)) << first;
+            back.TransformBuf(bytes.data(), length - first);
+            back.TransformBuf(bytes.data() + length - first, first);
+            ASSERT_EQ(bytes, given) << first;
         }
     }
 }
 
 TEST(Cipher, CanBeEnteredAnywhereInStreamModeOnly) {
-    constexpr std::size_t period = 23 * 24 * 25;
-    Bytes cipher = plain(period + 64);
+    constexpr std::size_t piece = 37;
+    const Bytes given = plain(period + 2 * piece);
+    Bytes cipher = given;
     Box box = keyed(L"k", Box::DirEncrypt, Box::ModeStream);
     transform(box, cipher);
     Box entered = keyed(L"k", Box::DirDecrypt, Box::ModeStream);
-    for (std::size_t offset = 0; offset < period; ++offset) {
-        unsigned char byte = cipher[offset];
-        entered.SetPtr(static_cast<long>(offset));
-        entered.TransformBuf(&byte, 1);
-        ASSERT_EQ(byte, plain(offset + 1).back()) << offset;
-    }
-    unsigned char last = cipher[period - 1];
-    entered.SetPtr(-1); // the wheels are where they are after a whole period less one
-    entered.TransformBuf(&last, 1);
-    EXPECT_EQ(last, plain(period).back());
+    const auto enter = [&](std::size_t offset, long pointer) {
+        Bytes bytes(cipher.begin() + static_cast<int>(offset),
+                    cipher.begin() + static_cast<int>(offset + piece));
+        entered.SetPtr(pointer);
+        entered.TransformBuf(bytes.data(), 1);
+        entered.TransformBuf(bytes.data() + 1, static_cast<long>(piece - 1));
+        return std::equal(bytes.begin(), bytes.end(), given.begin() + static_cast<int>(offset));
+    };
+    for (std::size_t offset = 0; offset < period + piece; ++offset)
+        ASSERT_TRUE(enter(offset, static_cast<long>(offset))) << offset;
+    EXPECT_TRUE(enter(period - 1, -1)) << "the wheels are where they are after a whole period less one";
+    EXPECT_TRUE(enter(LONG_MAX % period, LONG_MAX));
+    EXPECT_TRUE(enter(period + LONG_MIN % period, LONG_MIN));
 
     cipher = plain(100);
     box = keyed(L"k", Box::DirEncrypt, Box::ModeFeedback);
@@ -112,6 +148,28 @@ TEST(Cipher, CanBeEnteredAnywhereInStreamModeOnly) {
     EXPECT_NE(tail.front(), plain(51).back());
     EXPECT_TRUE(std::equal(tail.begin() + 1, tail.end(), plain(100).begin() + 51))
         << "one byte later it is in step";
+}
+
+// Back in stream mode, the last feedback byte goes on being mixed in. Any number but one means that mode.
+TEST(Cipher, KeepsTheFeedbackByteWhenTheModeChanges) {
+    Bytes keys(100);
+    Box stream = keyed(L"k", Box::DirEncrypt, Box::ModeStream);
+    transform(stream, keys);
+    for (const Box::eDir direction : {Box::DirEncrypt, Box::DirDecrypt, static_cast<Box::eDir>(7)}) {
+        Box box = keyed(L"k", Box::DirEncrypt, static_cast<Box::eMode>(2));
+        box.SetDir(direction);
+        Bytes bytes = plain(100);
+        box.TransformBuf(bytes.data(), 20);
+        EXPECT_EQ(bytes[19], plain(20).back() ^ keys[19]);
+        box.SetMode(Box::ModeFeedback);
+        EXPECT_EQ(box.GetMode(), Box::ModeFeedback);
+        box.TransformBuf(bytes.data() + 20, 20);
+        box.SetMode(Box::ModeStream);
+        box.TransformBuf(bytes.data() + 40, 60);
+        const unsigned char feedback = direction == Box::DirEncrypt ? bytes[39] : plain(40).back();
+        for (std::size_t i = 40; i < 100; ++i)
+            ASSERT_EQ(bytes[i], plain(i + 1).back() ^ keys[i] ^ feedback) << i;
+    }
 }
 
 TEST(Cipher, IsKeyedOnce) {
