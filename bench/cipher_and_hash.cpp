@@ -6,62 +6,79 @@
 #include <vexel/hash.h>
 
 #include <array>
+#include <string>
 #include <vector>
 
 namespace {
 
-constexpr long bufferBytes = 1 << 20;
-
 // Wheels of 23, 24 and 25 bytes, turned as the cipher turns them.
+template <bool Decipher, bool Feedback>
 class NaiveCipher {
 public:
-    explicit NaiveCipher(bool feedback) : feedback_(feedback) {}
-
     void transform(unsigned char* buffer, long length) {
         for (long i = 0; i < length; ++i) {
-            unsigned char key = 0;
-            for (Wheel& wheel : wheels_) {
-                key ^= wheel.data[static_cast<std::size_t>(wheel.position)];
-                wheel.position = (wheel.position + 1) % wheel.length;
-            }
-            buffer[i] = static_cast<unsigned char>(buffer[i] ^ key ^ last_);
-            if (feedback_)
-                last_ = buffer[i];
+            const unsigned char given = buffer[i];
+            buffer[i] = static_cast<unsigned char>(given ^ nextKey() ^ last_);
+            if (Feedback)
+                last_ = Decipher ? given : buffer[i];
         }
     }
 
 private:
     struct Wheel {
         std::array<unsigned char, 25> data{1, 2, 3};
-        int length;
-        int position = 0;
+        unsigned length;
+        unsigned position = 0;
     };
+
+    unsigned char nextKey() {
+        unsigned char key = 0;
+        for (Wheel& wheel : wheels_) {
+            key ^= wheel.data[wheel.position];
+            if (++wheel.position == wheel.length)
+                wheel.position = 0;
+        }
+        return key;
+    }
+
     std::array<Wheel, 3> wheels_{Wheel{.length = 23}, Wheel{.length = 24}, Wheel{.length = 25}};
-    bool feedback_;
     unsigned char last_ = 0;
 };
 
-template <SECCryptoBlackBox::eDir Direction, SECCryptoBlackBox::eMode Mode>
-void cipher(benchmark::State& state) {
-    wchar_t password[] = L"password";
-    SECCryptoBlackBox box(password, Direction, Mode);
-    std::vector<unsigned char> buffer(bufferBytes);
+template <class Cipher>
+void run(benchmark::State& state, Cipher transform, long bytes) {
+    std::vector<unsigned char> buffer(static_cast<std::size_t>(bytes));
     for (auto _ : state) {
-        box.TransformBuf(buffer.data(), bufferBytes);
+        transform(buffer.data(), bytes);
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(state.iterations() * bufferBytes);
+    state.SetBytesProcessed(state.iterations() * bytes);
 }
 
-template <bool Feedback>
-void naive(benchmark::State& state) {
-    NaiveCipher box(Feedback);
-    std::vector<unsigned char> buffer(bufferBytes);
+template <bool Decipher, bool Feedback>
+void compareCipher(Vexel::Bench::Suite& suite, const std::string& name, long bytes) {
+    using Box = SECCryptoBlackBox;
+    const auto ours = [bytes](benchmark::State& state) {
+        wchar_t password[] = L"password";
+        Box box(password, Decipher ? Box::DirDecrypt : Box::DirEncrypt,
+                Feedback ? Box::ModeFeedback : Box::ModeStream);
+        run(
+            state, [&](unsigned char* buffer, long length) { box.TransformBuf(buffer, length); }, bytes);
+    };
+    const auto naive = [bytes](benchmark::State& state) {
+        NaiveCipher<Decipher, Feedback> cipher;
+        run(
+            state, [&](unsigned char* buffer, long length) { cipher.transform(buffer, length); }, bytes);
+    };
+    suite.compare(name, 0.25, ours, naive);
+}
+
+void keyCipher(benchmark::State& state) {
+    wchar_t password[] = L"password";
     for (auto _ : state) {
-        box.transform(buffer.data(), bufferBytes);
-        benchmark::ClobberMemory();
+        SECCryptoBlackBox box(password);
+        benchmark::DoNotOptimize(box);
     }
-    state.SetBytesProcessed(state.iterations() * bufferBytes);
 }
 
 template <std::size_t Bytes>
@@ -79,11 +96,14 @@ void hash(benchmark::State& state) {
 } // namespace
 
 int main(int argc, char** argv) {
-    using Box = SECCryptoBlackBox;
     Vexel::Bench::Suite suite;
-    suite.compare("encipher 1 MiB, stream", 0.25, cipher<Box::DirEncrypt, Box::ModeStream>, naive<false>);
-    suite.compare("encipher 1 MiB, feedback", 0.25, cipher<Box::DirEncrypt, Box::ModeFeedback>, naive<true>);
-    suite.compare("decipher 1 MiB, stream", 0.25, cipher<Box::DirDecrypt, Box::ModeStream>, naive<false>);
+    constexpr long large = 1 << 20;
+    compareCipher<false, false>(suite, "encipher 1 MiB, stream", large);
+    compareCipher<false, true>(suite, "encipher 1 MiB, feedback", large);
+    compareCipher<true, false>(suite, "decipher 1 MiB, stream", large);
+    compareCipher<true, true>(suite, "decipher 1 MiB, feedback", large);
+    compareCipher<true, true>(suite, "decipher 64 B, feedback", 64);
+    suite.measure("key a cipher", keyCipher);
     suite.measure("hash 16 B", hash<16>);
     suite.measure("hash 1 KiB", hash<1024>);
     suite.measure("hash 1 MiB", hash<1 << 20>);

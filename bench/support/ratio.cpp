@@ -26,8 +26,11 @@ public:
             } else if (run.run_type == Run::RT_Iteration) {
                 const std::string threads =
                     run.threads > 1 ? ", " + std::to_string(run.threads) + " threads" : "";
-                times_[run.run_name.function_name + threads].push_back(run.real_accumulated_time /
-                                                                       static_cast<double>(run.iterations));
+                const std::string name = run.run_name.function_name + threads;
+                const double seconds = run.real_accumulated_time / static_cast<double>(run.iterations);
+                times_[name].push_back(seconds);
+                if (const auto rate = run.counters.find("bytes_per_second"); rate != run.counters.end())
+                    bytes_[name] = rate->second * seconds;
             }
         }
     }
@@ -42,10 +45,11 @@ public:
 
     void printTheRest() {
         for (auto& [name, times] : times_)
-            std::printf("%s: %s\n", name.c_str(), text(median(times)).c_str());
+            std::printf("%s: %s\n", name.c_str(), text(name, median(times)).c_str());
     }
 
-    static std::string text(double seconds) {
+    /// The time, and what it means in bytes a second where the benchmark counted them.
+    std::string text(const std::string& name, double seconds) const {
         static constexpr struct {
             double size;
             const char* name;
@@ -53,8 +57,11 @@ public:
         const auto* unit =
             std::find_if(std::begin(kUnits), std::end(kUnits) - 1,
                          [seconds](const auto& candidate) { return seconds >= candidate.size; });
-        char buffer[32];
-        std::snprintf(buffer, sizeof buffer, "%.3g %s", seconds / unit->size, unit->name);
+        char buffer[64];
+        const int length = std::snprintf(buffer, sizeof buffer, "%.3g %s", seconds / unit->size, unit->name);
+        if (const auto bytes = bytes_.find(name); bytes != bytes_.end())
+            std::snprintf(buffer + length, sizeof buffer - static_cast<std::size_t>(length), " (%.3g GB/s)",
+                          bytes->second / seconds / 1e9);
         return buffer;
     }
 
@@ -66,6 +73,7 @@ private:
     }
 
     std::map<std::string, std::vector<double>> times_;
+    std::map<std::string, double> bytes_; // in one iteration
     bool failed_ = false;
 };
 
@@ -104,8 +112,9 @@ int Suite::run(int argc, char** argv) {
             continue; // filtered out, or failed and already reported
         const bool within = ours / peer <= comparison.limit;
         std::printf("%s: ours %s, peer %s, ratio %.2f (limit %.2f)%s\n", comparison.name.c_str(),
-                    Collector::text(ours).c_str(), Collector::text(peer).c_str(), ours / peer,
-                    comparison.limit, within ? "" : " ABOVE THE LIMIT");
+                    collector.text(comparison.name + kOurs, ours).c_str(),
+                    collector.text(comparison.name + kPeer, peer).c_str(), ours / peer, comparison.limit,
+                    within ? "" : " ABOVE THE LIMIT");
         passed = passed && within;
     }
     collector.printTheRest();
