@@ -105,8 +105,10 @@ long VxStream::openOrRewind(bool readOnly) {
     const HRESULT status = callTwice(*parent_, [&]() -> HRESULT {
         if (!parent_->isOpen())
             return STG_E_INVALIDFUNCTION;
-        return parent_->storage_->OpenStream(name_.asString(), nullptr, stgm, 0,
-                                             stream_.ReleaseAndGetAddressOf());
+        const HRESULT opened = parent_->storage_->OpenStream(name_.asString(), nullptr, stgm, 0,
+                                                             stream_.ReleaseAndGetAddressOf());
+        // Packages succeed without a stream where the packed data go on behind the contents.
+        return SUCCEEDED(opened) && !stream_ ? STG_E_READFAULT : opened;
     });
     if (SUCCEEDED(status))
         readOnly_ = readOnly;
