@@ -34,7 +34,9 @@ HRESULT HeaderStream::Read(void* data, UInt32 size, UInt32* processed) noexcept 
 
 HRESULT HeaderStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {
     // Nothing here is so large that the sums of offsets could overflow.
-    const std::uint64_t from = origin == STREAM_SEEK_SET ? 0 : origin == STREAM_SEEK_CUR ? position_ : end();
+    std::uint64_t from = 0;
+    if (origin != STREAM_SEEK_SET)
+        from = origin == STREAM_SEEK_CUR ? position_ : end();
     const std::uint64_t to = from + static_cast<std::uint64_t>(offset);
     if (origin > STREAM_SEEK_END || to > static_cast<std::uint64_t>(INT64_MAX))
         return STG_E_INVALIDFUNCTION;

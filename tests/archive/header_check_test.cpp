@@ -1,0 +1,288 @@
+// The check of the headers against the engine itself: what is well-formed passes and reads as it would have
+// without the check, and whatever passes ends in the engine with no more memory than the bytes account for.
+
+#include "archive/engine_api.h"
+#include "archive/engine_status.h"
+#include "archive/header_check.h"
+#include "archive/header_stream.h"
+#include "io/com_pointer.h"
+
+#include <windows.h>
+
+#include <7zCrc.h>
+#include <7zip/Common/StreamObjects.h>
+#include <Alloc.h>
+#include <LzmaEnc.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <cstdlib>
+#include <cstring>
+#include <fstream>
+#include <iterator>
+#include <new>
+#include <string>
+
+namespace {
+
+std::size_t allocated = 0; // since it was last set to 0, whatever was freed in between
+
+} // namespace
+
+void* operator new(std::size_t size) {
+    allocated += size;
+    void* memory = std::malloc(size > 0 ? size : 1);
+    return memory ? memory : throw std::bad_alloc();
+}
+void* operator new[](std::size_t size) { return operator new(size); }
+void operator delete(void* memory) noexcept { std::free(memory); }
+void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { std::free(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
+
+namespace {
+
+using namespace Vexel::Storage::Engine;
+using namespace std::string_literals;
+using NArchive::N7z::CDbEx;
+
+class Input final : public HeaderSource {
+public:
+    explicit Input(const std::string& bytes, unsigned reads = ~0U) : bytes_(bytes), reads_(reads) {}
+    std::uint64_t size() const noexcept override { return bytes_.size(); }
+    HRESULT read(std::uint64_t offset, std::span<std::byte> target, std::size_t& count) noexcept override {
+        if (reads_-- == 0)
+            return STG_E_LOCKVIOLATION;
+        count = offset < bytes_.size() ? (std::min)(target.size(), bytes_.size() - std::size_t(offset)) : 0;
+        std::memcpy(target.data(), bytes_.data() + (count > 0 ? offset : 0), count);
+        return S_OK;
+    }
+
+private:
+    const std::string& bytes_;
+    unsigned reads_;
+};
+
+std::string sample(const std::string& name) {
+    std::ifstream file("Z:" VEXEL_TEST_DATA_DIR "/" + name, std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+template <class Number>
+std::string little(Number value) {
+    return {reinterpret_cast<const char*>(&value), sizeof value};
+}
+std::uint32_t checksum(std::string_view bytes) { return CrcCalc(bytes.data(), bytes.size()); }
+
+std::string start(std::uint64_t offset, std::uint64_t size, std::uint32_t crc) {
+    const std::string place = little(offset) + little(size) + little(crc);
+    return "7z\xBC\xAF\x27\x1C\0\4"s + little(checksum(place)) + place;
+}
+std::string archiveOf(const std::string& packed, const std::string& header) {
+    return start(packed.size(), header.size(), checksum(header)) + packed + header;
+}
+
+// The header's language: numbers below 128 are a byte each, others have a mark and 8 bytes.
+std::string bytes(std::initializer_list<int> values) { return {values.begin(), values.end()}; }
+std::string number(std::uint64_t value) { return "\xFF" + little(value); }
+std::string packInfo(std::uint64_t size) { return bytes({6, 0, 1, 9}) + number(size) + bytes({0}); }
+std::string unpackInfo(const std::string& folder, std::uint64_t size) {
+    return bytes({7, 11, 1, 0}) + folder + bytes({12}) + number(size) + bytes({0});
+}
+const std::string copyFolder = bytes({1, 1, 0});
+const std::string lzmaFolder = bytes({1, 0x23, 3, 1, 1, 5, 0x5D, 0, 0, 1, 0});
+const std::string lzma2Folder = bytes({1, 0x21, 0x21, 1, 40}); // with a dictionary of 4 GiB
+
+std::string packedHeader(const std::string& folder, std::uint64_t packed, std::uint64_t size) {
+    return bytes({0x17}) + packInfo(packed) + unpackInfo(folder, size) + bytes({0});
+}
+/// Of items without contents, with these names.
+std::string listHeader(std::uint64_t items, const std::u16string& names) {
+    const std::string empty((items + 7) / 8, '\xFF');
+    const std::string all(reinterpret_cast<const char*>(names.data()), names.size() * 2);
+    return bytes({1, 5}) + number(items) + bytes({0x0E}) + number(empty.size()) + empty + bytes({0x11}) +
+           number(all.size() + 1) + bytes({0}) + all + bytes({0, 0});
+}
+std::string withPackedHeader(const std::string& header) {
+    CLzmaEncProps props;
+    LzmaEncProps_Init(&props);
+    std::string packed(header.size() + 100, '\0');
+    Byte settings[5];
+    SizeT size = packed.size(), settingsSize = sizeof settings;
+    EXPECT_EQ(LzmaEncode(reinterpret_cast<Byte*>(packed.data()), &size,
+                         reinterpret_cast<const Byte*>(header.data()), header.size(), &props, settings,
+                         &settingsSize, 0, nullptr, &g_Alloc, &g_Alloc),
+              SZ_OK);
+    packed.resize(size);
+    const std::string folder =
+        lzmaFolder.substr(0, 6) + std::string(std::begin(settings), std::end(settings));
+    return archiveOf(packed, packedHeader(folder, size, header.size()));
+}
+
+HRESULT readDatabase(IInStream* input, CDbEx& database) {
+    const UInt64 limit = 0;
+    NArchive::N7z::CInArchive archive(false);
+    const HRESULT status = withEngine(S_FALSE, [&] { return archive.Open(input, &limit); });
+    return status != S_OK ? status : withEngine(S_FALSE, [&] { return archive.ReadDatabase(database); });
+}
+HRESULT readDirectly(const std::string& file, CDbEx& database) {
+    const CMyComPtr2_Create<IInStream, CBufInStream> input;
+    input->Init(reinterpret_cast<const Byte*>(file.data()), file.size());
+    return readDatabase(input, database);
+}
+HRESULT readChecked(PlainHeader header, CDbEx& database) {
+    return readDatabase(Vexel::Detail::make<HeaderStream>(std::move(header)).Get(), database);
+}
+
+/// All that the engine read.
+std::string contents(const CDbEx& db) {
+    std::string all = little(db.ArcInfo.DataStartPosition) + little(db.NumFolders);
+    all += std::string_view(reinterpret_cast<const char*>(db.NamesBuf.ConstData()), db.NamesBuf.Size());
+    all += std::string_view(reinterpret_cast<const char*>(db.CodersData.ConstData()), db.CodersData.Size());
+    for (unsigned i = 0; i < db.NumPackStreams; ++i)
+        all += little(db.PackPositions[i + 1]);
+    for (unsigned i = 0; i < db.Files.Size(); ++i) {
+        const auto& file = db.Files[i];
+        UInt64 time = 0;
+        db.MTime.GetItem(i, time);
+        all +=
+            little(file.Size) + little(file.Crc) + little(file.HasStream) + little(file.IsDir) + little(time);
+    }
+    return all;
+}
+
+void expectFault(const char* name, const std::string& file, HeaderFault fault, unsigned reads = ~0U) {
+    SCOPED_TRACE(name);
+    Input input(file, reads);
+    allocated = 0;
+    const HeaderVerdict verdict = checkHeaders(input);
+    EXPECT_EQ(verdict.fault, fault) << verdict.what;
+    EXPECT_EQ(SUCCEEDED(verdict.status), fault == HeaderFault::None);
+    EXPECT_LE(allocated, 10000 * file.size()); // as much as the largest header that such a file could hold
+}
+
+TEST(HeaderCheck, PassesWhatTheEngineReads) {
+    std::string unfinished = sample("plain-lzma2.7z");
+    unfinished.replace(8, 24, 24, '\0');
+    std::u16string deep, nested; // names that pack as well as any
+    for (int i = 0; i < 1000; ++i)
+        nested += (deep += deep.empty() ? u"a" : u"/a") + u'\0';
+    const std::pair<const char*, std::string> cases[] = {
+        {"plain header", sample("plain-lzma2.7z")},
+        {"packed header", sample("plain-lzma-packed-header.7z")},
+        {"stored", sample("copy.7z")},
+        {"solid", sample("solid.7z")},
+        {"no items", sample("empty.7z")},
+        {"unknown method", sample("unsupported-ppmd.7z")},
+        {"several methods", sample("unsupported-bcj.7z")},
+        {"encrypted", sample("encrypted-data.7z")},
+        {"unfinished, with its header", unfinished},
+        {"deep tree", withPackedHeader(listHeader(1000, nested))},
+        {"header of no streams", archiveOf("", bytes({0x17, 0}))},
+        {"stored header", archiveOf(bytes({1, 0}), packedHeader(copyFolder, 2, 2))},
+        {"item without a name", archiveOf("x", bytes({1, 4}) + packInfo(1) + unpackInfo(copyFolder, 1) +
+                                                   bytes({0, 5, 1, 0x19, 3, 0, 0, 0, 0, 0}))},
+    };
+    for (const auto& [name, file] : cases) {
+        SCOPED_TRACE(name);
+        Input input(file);
+        PlainHeader header;
+        const HeaderVerdict verdict = checkHeaders(input, &header);
+        EXPECT_EQ(verdict.status, S_OK) << verdict.what << " at " << verdict.where;
+        CDbEx direct, checked;
+        direct.Clear();
+        checked.Clear();
+        EXPECT_EQ(readDirectly(file, direct), S_OK);
+        EXPECT_EQ(readChecked(std::move(header), checked), S_OK);
+        EXPECT_EQ(contents(direct), contents(checked));
+    }
+}
+
+TEST(HeaderCheck, RefusesWhatTheBytesCannotHold) {
+    constexpr std::uint64_t huge = 1ULL << 60;
+    const std::string items = bytes({1, 5}), streams = bytes({1, 4}), pack = packInfo(600), one = packInfo(1);
+    const std::string folder = one + unpackInfo(copyFolder, 1);
+    const std::pair<const char*, std::string> headers[] = {
+        {"items with a time", items + number(0x7FFFFFFF) + bytes({0x14, 2, 1, 0, 0, 0})},
+        {"packed streams", streams + bytes({6, 0}) + number(1 << 30) + bytes({9, 0, 0})},
+        {"folders", streams + bytes({7, 11}) + number(1 << 30) + bytes({0, 1, 1, 0})},
+        {"streams in a folder", streams + folder + bytes({8, 13}) + number(0x7FFFFFFF) + bytes({9, 0})},
+        {"packed header too large", packedHeader(lzmaFolder, 600, huge)},
+        {"folder too large", streams + pack + unpackInfo(lzmaFolder, huge)},
+        {"dictionary for 600 bytes", streams + pack + unpackInfo(lzma2Folder, 600)},
+        {"packed bytes behind the header", streams + packInfo(601) + unpackInfo(copyFolder, 601)},
+        {"packed sizes that wrap", streams + bytes({6, 0, 2, 9}) + number(~0ULL) + bytes({2, 0, 0})},
+        {"streams larger than their folder", streams + folder + bytes({8, 13, 2, 9, 2, 0, 0})},
+        {"names elsewhere", items + bytes({1, 0x11, 2, 1, 0, 0, 0})},
+        {"fewer names than items", listHeader(2, u"a\0b"s)},
+        {"property longer than its values", items + bytes({1, 0x0E, 2, 0x80, 0, 0, 0})},
+        {"property twice", items + bytes({1, 0x0E, 1, 0x80, 0x0E, 1, 0x80, 0, 0})},
+    };
+    for (const auto& [name, header] : headers)
+        expectFault(name, archiveOf(std::string(600, 'x'), header), HeaderFault::Header);
+
+    const std::pair<const char*, std::string> unsupported[] = {
+        {"2^60 items", items + number(huge) + bytes({0, 0})},
+        {"2^30 coders", streams + one + unpackInfo(number(1 << 30), 1)},
+        {"output into a missing input", streams + one + unpackInfo(bytes({2, 1, 0, 1, 0, 2, 0}), 1)},
+        {"item without its stream", items + bytes({1, 0, 0})},
+    };
+    for (const auto& [name, header] : unsupported)
+        expectFault(name, archiveOf("x", header), HeaderFault::Unsupported);
+
+    const std::string many = listHeader(1000000, std::u16string(1000000, u'\0'));
+    expectFault("items in a few packed bytes", withPackedHeader(many), HeaderFault::Header);
+    expectFault("packed twice", withPackedHeader(packedHeader(lzmaFolder, 1, 1)), HeaderFault::Header);
+    expectFault("header behind the end", start(1ULL << 63, 1ULL << 63, 0), HeaderFault::Header);
+    expectFault("encrypted header", sample("encrypted-header.7z"), HeaderFault::Unsupported);
+    expectFault("does not unpack", archiveOf(std::string(600, 'x'), packedHeader(lzmaFolder, 600, 5000)),
+                HeaderFault::Unreadable);
+    expectFault("unfinished", "7z\xBC\xAF\x27\x1C\0\4"s + std::string(600, '\0'), HeaderFault::Unreadable);
+    expectFault("something else", std::string(600, '7'), HeaderFault::NotAnArchive);
+    for (unsigned reads = 0; reads < 3; ++reads)
+        expectFault("input that fails", sample("solid.7z"), HeaderFault::Input, reads);
+}
+
+// Whatever passes is read, with memory in proportion to its bytes.
+void judge(const std::string& file) {
+    Input input(file);
+    PlainHeader header;
+    if (checkHeaders(input, &header).fault != HeaderFault::None)
+        return;
+    const std::size_t size = header.size;
+    CDbEx database;
+    database.Clear();
+    allocated = 0;
+    EXPECT_EQ(readChecked(std::move(header), database), S_OK);
+    EXPECT_LE(allocated, 20 * size + 2000);
+}
+
+TEST(HeaderCheck, LetsNoDamageThrough) {
+    for (const char* name : {"copy.7z", "solid.7z", "unsupported-bcj.7z", "encrypted-data.7z"}) {
+        SCOPED_TRACE(name);
+        const std::string whole = sample(name);
+        Input input(whole);
+        PlainHeader plain;
+        ASSERT_EQ(checkHeaders(input, &plain).fault, HeaderFault::None);
+        const std::string packed = whole.substr(32, plain.offset - 32);
+        const std::string header(reinterpret_cast<const char*>(plain.bytes.get()), plain.size);
+        for (std::size_t i = 0; i < header.size(); ++i) {
+            for (const int bits : {1, 2, 4, 8, 16, 32, 64, 128, 255}) {
+                std::string damaged = header;
+                damaged[i] = static_cast<char>(damaged[i] ^ bits);
+                judge(archiveOf(packed, damaged));
+                damaged = start(packed.size(), header.size(), checksum(header)) + packed + damaged;
+                Input unrepaired(damaged);
+                EXPECT_EQ(checkHeaders(unrepaired).fault, HeaderFault::Header);
+            }
+            judge(archiveOf(packed, header.substr(0, i)));
+        }
+        for (std::size_t i = 0; i < whole.size(); ++i) {
+            const std::string begin = whole.substr(0, i);
+            Input cut(begin);
+            EXPECT_NE(checkHeaders(cut).fault, HeaderFault::None) << i;
+        }
+    }
+}
+
+} // namespace
