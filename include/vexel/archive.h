@@ -125,8 +125,8 @@ public:
     ///  - HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED): the headers use what the library does not support.
     HRESULT reload();
 
-    /// Why the file could not be opened when the archive was read last, which `reload` tells of read-only ones
-    /// only; S_OK when it could.
+    /// Why the file could not be opened when the archive was read last, which `reload` tells of read-only
+    /// ones only; S_OK when it could.
     HRESULT openingStatus() const;
 
     /// The path, or whatever name was given for messages. No lock.
