@@ -2,7 +2,9 @@
 
 #include <vexel/paths.h>
 
+#include <climits>
 #include <cwchar>
+#include <stdexcept>
 
 namespace Vexel {
 
@@ -12,14 +14,6 @@ constexpr std::size_t NoExtension = std::wstring_view::npos;
 
 std::wstring_view ViewOf(CString const& text) {
     return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
-}
-
-std::size_t ProtectedRootLength(std::wstring_view path) noexcept {
-    using Detail::IsSeparator;
-    if (path.size() < 2 || !IsSeparator(path[0]) || !IsSeparator(path[1]))
-        return 1;
-    const bool longPathPrefix = path.size() >= 4 && path[2] == L'?' && IsSeparator(path[3]);
-    return longPathPrefix ? 4 : 2;
 }
 
 /// Where the dot of the extension of `name` stands; `name` is a file-name part alone.
@@ -53,10 +47,14 @@ std::wstring WithExtension(std::wstring_view path, std::wstring_view extension) 
 } // namespace
 
 std::size_t Detail::DrivePrefixLength(std::wstring_view path) noexcept {
-    if (path.size() < 2 || path[1] != L':')
-        return 0;
-    const wchar_t letter = path[0];
-    return (letter >= L'A' && letter <= L'Z') || (letter >= L'a' && letter <= L'z') ? 2 : 0;
+    return path.size() >= 2 && path[1] == L':' && IsDriveLetter(path[0]) ? 2 : 0;
+}
+
+std::size_t Detail::ProtectedRootLength(std::wstring_view path) noexcept {
+    if (path.size() < 2 || !IsSeparator(path[0]) || !IsSeparator(path[1]))
+        return 1;
+    const bool longPathPrefix = path.size() >= 4 && path[2] == L'?' && IsSeparator(path[3]);
+    return longPathPrefix ? 4 : 2;
 }
 
 std::size_t FindFileName(std::wstring_view path, bool ignoreTrailingSeparators) {
@@ -98,7 +96,7 @@ bool IsSubPath(std::wstring_view path, std::wstring_view base) {
 }
 
 std::wstring_view RemoveTrailingPathSeparators(std::wstring_view path) {
-    const std::size_t shortest = ProtectedRootLength(path);
+    const std::size_t shortest = Detail::ProtectedRootLength(path);
     while (path.size() > shortest && Detail::IsSeparator(path.back()))
         path.remove_suffix(1);
     return path;
@@ -122,6 +120,13 @@ CString& ChangeFileExtension(CString* path, std::wstring_view extension) {
     const std::wstring changed = WithExtension(ViewOf(*path), extension);
     path->SetString(changed.data(), static_cast<int>(changed.size()));
     return *path;
+}
+
+CString ConvertFileSystemPath(std::filesystem::path const& path) {
+    std::wstring const& text = path.native();
+    if (text.size() >= INT_MAX)
+        throw std::length_error("the path is too long for a string");
+    return {text.data(), static_cast<int>(text.size())};
 }
 
 } // namespace Vexel

@@ -43,6 +43,24 @@ constexpr FlagSet<CopyingFlag> operator|(CopyingFlag a, CopyingFlag b) noexcept 
 /// it this value.
 inline constexpr std::filesystem::file_type JunctionFileType = static_cast<std::filesystem::file_type>(10);
 
+/// What a text is to serve as.
+enum class PathType : unsigned {
+    FileSystem = 0, ///< a path that is given to the file system as it stands
+    Document = 1,   ///< a path kept in a document, which may begin with a marker for a place known elsewhere
+};
+
+/// What is wrong with a path, named by the first character that cannot stand where it does.
+enum class PathValidationResult : unsigned {
+    Valid = 0,
+    Empty = 1,
+    ControlCharacter = 2,      ///< below the blank
+    ForbiddenCharacter = 3,    ///< one of *">|
+    MisplacedColon = 4,        ///< not behind a drive letter
+    MisplacedQuestionMark = 5, ///< not in the long-path prefix
+    MisplacedMarker = 6,       ///< a "<" that is not the first character, or where no marker is allowed
+    OpenMarker = 7,            ///< a marker without its ">"
+};
+
 // Parts of a path
 
 /// The index at which the file-name part starts: one past the last separator, else past the drive prefix,
@@ -78,6 +96,21 @@ VEXEL_API std::wstring& RemoveTrailingPathSeparators(std::wstring* path);
 /// name without an extension stays as it is then. `extension` may point into `*path`.
 VEXEL_API std::wstring& ChangeFileExtension(std::wstring* path, std::wstring_view extension);
 VEXEL_API CString& ChangeFileExtension(CString* path, std::wstring_view extension);
+
+/// Spells the path in the plainest way that its text alone allows: backslashes for slashes, one for several,
+/// no elements ".", and no ".." but at the start of a relative path: it goes with the element before it, and
+/// vanishes at a root. Server and share of a network path are part of its root. A trailing separator stays.
+/// Nothing is left of `a\..` but ".". Texts with the long-path prefix and empty ones stay as they are.
+VEXEL_API CString& CanonicalizeFileSystemPath(CString* path);
+VEXEL_API std::wstring& CanonicalizeFileSystemPath(std::wstring* path);
+
+/// The path's text. Throws `std::length_error` for one of 0x7FFFFFFF characters or more.
+VEXEL_API CString ConvertFileSystemPath(std::filesystem::path const& path);
+
+/// Whether the characters of `path` may stand in a path; elements are not looked at. A drive letter may
+/// follow the long-path prefix. With `allowMarker`, and unless `type` is `PathType::FileSystem`, the text may
+/// begin with a marker: "<", any characters from the blank upward, ">".
+VEXEL_API PathValidationResult ValidatePath(std::wstring_view path, PathType type, bool allowMarker);
 
 // File-system entries
 

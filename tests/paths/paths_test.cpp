@@ -178,6 +178,83 @@ TEST(PathText, TellsPathsFromOtherTexts) {
         EXPECT_EQ(VxwIsThisAPath(text), FALSE) << fs::path(text);
 }
 
+TEST(PathText, IsMadeCanonical) {
+    constexpr std::wstring_view cases[][2] = {
+        {L"", L""},
+        {L"a/b\\\\c", L"a\\b\\c"},
+        {L".\\a\\.\\b\\", L"a\\b\\"},
+        {L"a\\..", L"."},
+        {L"a\\..\\", L"."},
+        {L".", L"."},
+        {L"a\\..\\..\\b", L"..\\b"},
+        {L"..\\..\\a\\..\\b/", L"..\\..\\b\\"},
+        {L"...\\a.", L"...\\a."},
+        {L"C:\\", L"C:\\"},
+        {L"C:", L"C:"},
+        {L"c:/a/../../b", L"c:\\b"},
+        {L"C:a\\..\\..\\b", L"C:..\\b"},
+        {L"C:a\\..", L"C:"},
+        {L"\\..\\a", L"\\a"},
+        {L"//srv/share/../a/..", L"\\\\srv\\share"},
+        {L"\\\\srv\\..\\a\\.", L"\\\\srv\\..\\a"},
+        {L"\\\\.\\pipe\\a\\..\\b", L"\\\\.\\pipe\\b"},
+        {L"\\\\?\\C:\\a\\..\\b/", L"\\\\?\\C:\\a\\..\\b/"},
+    };
+    for (auto const& [given, expected] : cases) {
+        std::wstring text(given);
+        EXPECT_EQ(CanonicalizeFileSystemPath(&text), expected) << fs::path(given);
+        EXPECT_EQ(CanonicalizeFileSystemPath(&text), expected) << "is canonical already";
+        CString string = ConvertFileSystemPath(fs::path(given));
+        EXPECT_EQ(CanonicalizeFileSystemPath(&string), expected.data());
+    }
+    EXPECT_EQ(ConvertFileSystemPath(fs::path(std::wstring(L"a\0b", 3))).GetLength(), 3);
+}
+
+TEST(PathText, IsValidatedByItsCharacters) {
+    using enum PathValidationResult;
+    struct {
+        std::wstring_view path;
+        PathValidationResult result, withMarker;
+    } const cases[] = {
+        {L"", Empty, Empty},
+        {L"a b\\c.d/\x7F\xD800", Valid, Valid},
+        {L"z:", Valid, Valid},
+        {L"C:\\a", Valid, Valid},
+        {L"\\\\?\\C:\\a", Valid, Valid},
+        {L"//?/a", Valid, Valid},
+        {L"\\\\srv\\a", Valid, Valid},
+        {L":", MisplacedColon, MisplacedColon},
+        {L"1:", MisplacedColon, MisplacedColon},
+        {L"ab:", MisplacedColon, MisplacedColon},
+        {L"C::", MisplacedColon, MisplacedColon},
+        {L"\\C:", MisplacedColon, MisplacedColon},
+        {L"\\\\?\\C:\\a:b", MisplacedColon, MisplacedColon},
+        {L"a?", MisplacedQuestionMark, MisplacedQuestionMark},
+        {L"\\?\\a", MisplacedQuestionMark, MisplacedQuestionMark},
+        {L"\\\\?", MisplacedQuestionMark, MisplacedQuestionMark},
+        {L"\\\\?a", MisplacedQuestionMark, MisplacedQuestionMark},
+        {L"\\\\?\\?", MisplacedQuestionMark, MisplacedQuestionMark},
+        {L"\\\\\\?\\", MisplacedQuestionMark, MisplacedQuestionMark},
+        {L"a*", ForbiddenCharacter, ForbiddenCharacter},
+        {L"\"a", ForbiddenCharacter, ForbiddenCharacter},
+        {L"a>", ForbiddenCharacter, ForbiddenCharacter},
+        {L"a|b", ForbiddenCharacter, ForbiddenCharacter},
+        {L"a\x1F*", ControlCharacter, ControlCharacter},
+        {L"a<b>", MisplacedMarker, MisplacedMarker},
+        {L"<>", MisplacedMarker, Valid},
+        {L"<a:*?\"|<\\>\\b", MisplacedMarker, Valid},
+        {L"<a\tb>", MisplacedMarker, ControlCharacter},
+        {L"<a", MisplacedMarker, OpenMarker},
+        {L"<a>C:", MisplacedMarker, MisplacedColon},
+        {L"<a><b>", MisplacedMarker, MisplacedMarker},
+    };
+    for (auto const& c : cases) {
+        EXPECT_EQ(ValidatePath(c.path, PathType::FileSystem, true), c.result) << &c - cases;
+        EXPECT_EQ(ValidatePath(c.path, PathType::Document, false), c.result) << &c - cases;
+        EXPECT_EQ(ValidatePath(c.path, PathType::Document, true), c.withMarker) << &c - cases;
+    }
+}
+
 /// A directory of its own under the temporary one, with a small language to fill and read it.
 class Entries : public testing::Test {
 protected:
