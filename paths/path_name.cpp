@@ -118,11 +118,10 @@ const SharedPathName& SharedPathName::getDirectoryPathName() const {
         return null;
     if (flags().has(SharedPathNameFlag::DirectoryPathNameCached))
         return entry_->directoryPathName;
-    const std::wstring_view text = asStringView();
-    const std::wstring_view parent = parentPath(text);
-    if (parent.size() == text.size())
+    SharedPathName parent(internPart(parentPath(asStringView())));
+    if (parent == *this)
         return *this; // as above
-    return keep(SharedPathName(internPart(parent)), *entry_, entry_->directoryPathName,
+    return keep(std::move(parent), *entry_, entry_->directoryPathName,
                 SharedPathNameFlag::DirectoryPathNameCached);
 }
 

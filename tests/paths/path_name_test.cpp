@@ -186,6 +186,29 @@ TEST(PathName, TellsWhereAPathLies) {
     EXPECT_FALSE(SharedPathName().isSubPath(CString()));
 }
 
+TEST(PathName, ShowsWhatItKnowsInItsFlags) {
+    const SharedPathName name = exact(LR"(facts\known.txt)");
+    const auto bits = [&name] { return name.flags().bits(); };
+    EXPECT_EQ(bits(), 0U);
+    EXPECT_TRUE(name.isRelative());
+    EXPECT_EQ(bits(), 0xC0U);
+    EXPECT_FALSE(name.isNetwork());
+    EXPECT_EQ(bits(), 0x1C0U);
+    EXPECT_EQ(name.getDirectory(), anyCase(LR"(FACTS\)"));
+    EXPECT_EQ(bits(), 0x1D0U);
+    EXPECT_EQ(name.getDirectoryPathName(), anyCase(L"FACTS"));
+    EXPECT_EQ(bits(), 0x1F0U);
+    {
+        const SharedPathNameFlagsCacheBlock block;
+        EXPECT_FALSE(name.fileExists());
+        EXPECT_EQ(bits(), 0x1F1U);
+        name.setUpToDate(true);
+        EXPECT_EQ(bits(), 0xDF1U);
+    }
+    EXPECT_EQ(bits(), 0x9F0U) << "a value without its known bit means nothing, and stays";
+    EXPECT_EQ(SharedPathName().flags().bits(), 0U);
+}
+
 TEST(PathName, KeepsFileFactsOnlyWhileABlockLives) {
     const Support::TempFolder folder;
     const std::wstring path = folder.file(L"fact.txt");

@@ -1,3 +1,5 @@
+#include "support/log_capture.h"
+
 #include <vexel/paths.h>
 
 #include <windows.h>
@@ -73,8 +75,12 @@ TEST(UniqueNames, AskInOrder) {
     Directory directory{
         {L"report.txt", L"report (1).txt", L"report (2).txt", L"report (3).txt", L"report (4).txt"}, {}};
     CString name(L"report (2).txt");
+    const LogCapture log;
     EXPECT_TRUE(MakeFileNameUnique(name, std::ref(directory), Brackets, Strip));
     EXPECT_EQ(name, L"report (5).txt");
+    EXPECT_EQ(log.count(1, L"Trying temporary file name \"report (5).txt\"..."), 1);
+    EXPECT_EQ(log.count(1, L"Trying temporary file name \"report.txt\"..."), 0)
+        << "the name itself is no trial";
     EXPECT_THAT(directory.asked,
                 testing::ElementsAre(L"report.txt", L"report (1).txt", L"report (2).txt", L"report (3).txt",
                                      L"report (4).txt", L"report (5).txt"));
