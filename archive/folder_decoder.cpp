@@ -75,14 +75,22 @@ DecoderPool& decoders() {
     return *pool;
 }
 
-HRESULT decode(CDecoder& decoder, const CDbEx& database, unsigned folder, IInStream* input,
-               ISequentialOutStream* output, bool& dataAfterEnd) {
-    const UInt64 size = database.GetFolderUnpackSize(folder);
-    return withEngine(E_FAIL, [&] {
-        return decoder.Decode(input, database.ArcInfo.DataStartPosition, database, folder, nullptr, output,
-                              nullptr, nullptr, dataAfterEnd, size >= kMultiThreadedFrom, threadCount(),
-                              kNoMemoryLimit);
-    });
+HRESULT decode(const DatabaseStream& source, unsigned folder, InMemoryOutStream* output, bool& dataAfterEnd) {
+    ComPtr<IInStream> input;
+    if (const HRESULT status = source.openCursor(input); FAILED(status))
+        return status;
+    const CDbEx& database = source.database();
+    const bool isForPool = !takesMuch(database, folder);
+    std::unique_ptr<CDecoder> decoder =
+        isForPool ? decoders().take() : std::make_unique<CDecoder>(threadCount() > 1);
+    const HRESULT status = decoder->Decode(input.Get(), database.ArcInfo.DataStartPosition, database, folder,
+                                           nullptr, output, nullptr, nullptr, dataAfterEnd,
+                                           database.GetFolderUnpackSize(folder) >= kMultiThreadedFrom,
+                                           threadCount(), kNoMemoryLimit);
+    // One that failed may have been left in the middle.
+    if (isForPool && status == S_OK && !dataAfterEnd)
+        decoders().giveBack(std::move(decoder));
+    return status;
 }
 
 } // namespace
@@ -94,21 +102,12 @@ bool isPlausible(const CDbEx& database, unsigned folder) noexcept {
 
 DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, DynamicBuffer& bytes) {
     DecodedFolder result;
-    ComPtr<IInStream> input;
-    result.status = source.openCursor(input);
-    if (FAILED(result.status))
-        return result;
-
-    const CDbEx& database = source.database();
-    const auto output = Detail::adopt(new InMemoryOutStream(bytes));
-    const bool isForPool = !takesMuch(database, folder);
-    std::unique_ptr<CDecoder> decoder =
-        isForPool ? decoders().take() : std::make_unique<CDecoder>(threadCount() > 1);
-    result.status = decode(*decoder, database, folder, input.Get(), output.Get(), result.dataAfterEnd);
-    result.crc = output->crc();
-    // One that failed may have been left in the middle.
-    if (isForPool && result.status == S_OK && !result.dataAfterEnd)
-        decoders().giveBack(std::move(decoder));
+    result.status = withEngine(E_FAIL, [&] {
+        const auto output = Detail::adopt(new InMemoryOutStream(bytes));
+        const HRESULT status = decode(source, folder, output.Get(), result.dataAfterEnd);
+        result.crc = output->crc();
+        return status;
+    });
     return result;
 }
 

@@ -33,10 +33,9 @@ struct UpdateInterfaces : IArchiveUpdateCallback, IArchiveUpdateCallbackFile {};
 /// gets a list of them.
 class UpdateCallback final : public IUnknownImpl<UpdateInterfaces> {
 public:
-    explicit UpdateCallback(const std::vector<UpdateEntry>& entries) noexcept : entries_(entries) {}
-
-    /// Whether all contents are written, and the header comes next.
-    bool isAtHeader() const noexcept { return isAtHeader_; }
+    /// `isAtHeader` becomes true when all contents are written and the header comes next.
+    UpdateCallback(const std::vector<UpdateEntry>& entries, bool& isAtHeader) noexcept
+        : entries_(entries), isAtHeader_(isAtHeader) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
     HRESULT STDMETHODCALLTYPE SetTotal(UInt64 /*total*/) noexcept override { return S_OK; }
@@ -65,7 +64,7 @@ public:
 
 private:
     const std::vector<UpdateEntry>& entries_;
-    bool isAtHeader_ = false;
+    bool& isAtHeader_;
 };
 
 HRESULT UpdateCallback::QueryInterface(const GUID& iid, void** ppv) noexcept {
@@ -154,22 +153,12 @@ bool isHeaderWorthPacking(const std::vector<UpdateEntry>& entries, const Databas
     return header > kSmall && header > contents / kSmallPart;
 }
 
-void logFailure(const wchar_t* format, const wchar_t* archiveName, HRESULT status) noexcept {
-    VxLog_WriteW(VxLog_Error, format, archiveName, static_cast<unsigned>(status));
-}
-
 // The engine's update does not take an empty list.
-HRESULT writeEmpty(IOutStream* output, const wchar_t* archiveName) {
-    const HRESULT status = withEngine(E_FAIL, [&] {
-        NArchive::N7z::COutArchive archive;
-        const NArchive::N7z::CArchiveDatabaseOut nothing;
-        const HRESULT created = archive.Create_and_WriteStartPrefix(output);
-        return created == S_OK ? archive.WriteDatabase(nothing, nullptr, NArchive::N7z::CHeaderOptions())
-                               : created;
-    });
-    if (FAILED(status))
-        logFailure(kHeaderFailure, archiveName, status);
-    return status;
+HRESULT writeEmpty(IOutStream* output) {
+    NArchive::N7z::COutArchive archive;
+    if (const HRESULT status = archive.Create_and_WriteStartPrefix(output); FAILED(status))
+        return status;
+    return archive.WriteDatabase({}, nullptr, {});
 }
 
 CObjectVector<CUpdateItem> itemsOf(const std::vector<UpdateEntry>& entries) {
@@ -202,22 +191,23 @@ HRESULT update(const std::vector<UpdateEntry>& entries, const DatabaseStream* ol
                                  options);
 }
 
-HRESULT writeItems(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
-                   const wchar_t* archiveName) {
-    const auto callback = Detail::adopt(new UpdateCallback(entries));
-    HRESULT status = withEngine(E_FAIL, [&] { return update(entries, old, output, *callback.Get()); });
-    if (status == S_FALSE) // the engine's word for data that it could not read
-        status = E_FAIL;
-    if (FAILED(status))
-        logFailure(callback->isAtHeader() ? kHeaderFailure : kUpdateFailure, archiveName, status);
-    return status;
-}
-
 } // namespace
 
 HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
                      const wchar_t* archiveName) {
-    return entries.empty() ? writeEmpty(output, archiveName) : writeItems(entries, old, output, archiveName);
+    bool isAtHeader = entries.empty();
+    HRESULT status = withEngine(E_FAIL, [&] {
+        if (entries.empty())
+            return writeEmpty(output);
+        const auto callback = Detail::adopt(new UpdateCallback(entries, isAtHeader));
+        return update(entries, old, output, *callback.Get());
+    });
+    if (status == S_FALSE) // the engine's word for data that it could not read
+        status = E_FAIL;
+    if (FAILED(status))
+        VxLog_WriteW(VxLog_Error, isAtHeader ? kHeaderFailure : kUpdateFailure, archiveName,
+                     static_cast<unsigned>(status));
+    return status;
 }
 
 } // namespace Vexel::Storage::Engine
