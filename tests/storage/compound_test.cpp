@@ -172,6 +172,20 @@ TEST(CompoundRoots, ReadACopyOfAHeldFile) {
     }
 }
 
+TEST(CompoundRoots, CopyForReadersWhoKeepWritersOutOnly) {
+    const Support::TempFolder folder;
+    const std::wstring file = folder.file(L"held.xls");
+    Support::writeCompoundFile(file, {{L"Note", "note"}});
+    for (const auto& [keyed, readOnly] : {std::pair(false, true), std::pair(true, false)}) {
+        const ScriptedSystem system({STG_E_SHAREVIOLATION});
+        VxCompoundStorage root(SharedPathName(file, false, false));
+        root.setKeyed(keyed);
+        EXPECT_EQ(root.open(readOnly, false), S_OK);
+        ASSERT_EQ(ScriptedSystem::calls.size(), 2u);
+        EXPECT_EQ(ScriptedSystem::calls[1].path, file);
+    }
+}
+
 TEST(CompoundRoots, RaiseNothingWhileTheyOpenACopy) {
     const Support::TempFolder folder;
     const SharedPathName file(folder.file(L"held.xls"), false, false);
@@ -239,6 +253,24 @@ TEST_F(CompoundNodes, KnowTheirChildren) {
     root_.close();
     check("root closed");
     EXPECT_FALSE(root_.isOpen());
+}
+
+TEST(CompoundChildren, AreThereWhenTheyCannotBeOpenedNow) {
+    const std::pair<HRESULT, bool> cases[] = {
+        {STG_E_TOOMANYOPENFILES, true},  {STG_E_ACCESSDENIED, true},  {STG_E_SHAREVIOLATION, true},
+        {STG_E_LOCKVIOLATION, false},    {STG_E_FILENOTFOUND, false}, {STG_E_INVALIDNAME, false},
+        {STG_E_INVALIDPARAMETER, true}, // of the newer options; tried again with the older
+        {STG_E_INVALIDPARAMETER, false},
+    };
+    FakeCalls calls;
+    VxCompoundStorage root{SharedPathName()};
+    root.attach(Support::fakeStorage(calls).Get());
+    for (const auto& [failure, there] : cases) {
+        calls.take();
+        calls.failures = {{0, failure}};
+        EXPECT_EQ(root.hasChild(elementName(L"any"), StorageType::Storage), there) << std::hex << failure;
+    }
+    EXPECT_EQ(compoundOptionsVersion().exchange(2), 1);
 }
 
 TEST_F(CompoundNodes, RefuseWhatOnlyPackagesDo) {

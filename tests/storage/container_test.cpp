@@ -118,7 +118,7 @@ TEST_F(Container, MissingFilesAreAskedForOnce) {
         EXPECT_EQ(log_.count(VxLog_Minor, L"missing\": 0x8"), first == modeRead ? 3 : 4)
             << "nor logged again";
     }
-    EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 1);
+    EXPECT_EQ(openings(modeWrite, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)), 1) << "kept by no block";
     const SharedPathNameFlagsCacheBlock block;
     EXPECT_FALSE(missing.fileExists());
     EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 0) << "known without having been opened";
@@ -163,6 +163,18 @@ TEST_F(Container, CreatingOverAnOpenRoot) {
     ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
     EXPECT_EQ(second.create(path_), STG_E_FILEALREADYEXISTS);
     EXPECT_TRUE(root.storage() && second.null());
+}
+
+TEST_F(Container, RootsKeepWritersOutAgainAfterAFailure) {
+    const CountedSystem system;
+    StorageRef reader, second;
+    ASSERT_EQ(reader.open(path_, modeReadDenyWrite, false), S_OK);
+    CountedSystem::failOpen = STG_E_READFAULT;
+    EXPECT_EQ(second.open(path_, modeWrite, false), STG_E_READFAULT) << "which closes the readers' root";
+    ASSERT_EQ(second.open(path_, modeReadDenyWrite, false), S_OK);
+    EXPECT_EQ(second, reader);
+    EXPECT_EQ(Support::openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_DENY_WRITE),
+              nullptr);
 }
 
 TEST_F(Container, UnusedNodesLetGoForAKeyedRoot) {
@@ -226,6 +238,8 @@ TEST_F(Container, ClearingLeavesHandlesSafe) {
     StorageRef again;
     EXPECT_EQ(again.open(path_, modeRead, false), S_OK);
     EXPECT_TRUE(again != root && note.size() == 4 && root.storage()) << "opened anew, apart";
+    again.close();
+    container().deleteUnusedObjects();
     root.close();
     note.close();
     wrapped.close();
