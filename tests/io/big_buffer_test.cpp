@@ -154,9 +154,11 @@ TEST_F(BigBuffers, AskTheDepletionHandlerOnce) {
     refusals = 2;
     EXPECT_EQ(other.reallocate(20), nullptr);
     EXPECT_EQ(other.size(), 10U);
-    other.clear();
-
+    EXPECT_EQ(buffer.reallocate(~0ULL), nullptr);
     buffer.clear();
+    refusals = 1;
+    EXPECT_NE(other.reallocate(30), nullptr) << "filled from a kept block that nobody holds";
+    other.clear();
     refusals = 2;
     EXPECT_EQ(buffer.allocate(kept + 1), nullptr);
     EXPECT_TRUE(blocks.empty()) << "a kept block that is too small goes first";

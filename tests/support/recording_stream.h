@@ -7,12 +7,13 @@
 #include <objidl.h>
 
 #include <algorithm>
+#include <cstring>
 #include <string>
 #include <utility>
 
 namespace Support {
 
-/// A COM stream that holds nothing, tells what it is asked, and answers as it is told to.
+/// A COM stream of ones that tells what it is asked and answers as it is told to.
 class RecordingStream final : public Vexel::IUnknownImpl<::IStream> {
 public:
     HRESULT status = S_OK;
@@ -27,8 +28,10 @@ public:
         record("QueryInterface");
         return iid == IID_IPersist ? hand(ppv) : IUnknownImpl::QueryInterface(iid, ppv);
     }
-    STDMETHODIMP Read(void* /*to*/, ULONG cb, ULONG* read) noexcept override {
-        return move("Read", cb, read);
+    STDMETHODIMP Read(void* to, ULONG cb, ULONG* read) noexcept override {
+        const HRESULT moved = move("Read", cb, read);
+        std::memset(to, 1, (std::min)(cb, *read));
+        return moved;
     }
     STDMETHODIMP Write(const void* from, ULONG cb, ULONG* written) noexcept override {
         return move(from ? "Write" : "WriteNull", cb, written);
