@@ -416,6 +416,19 @@ TEST_F(Handles, TellTimes) {
     EXPECT_STATUS(stream(L"Short", root).stat(nullptr, nullptr), S_OK);
 }
 
+TEST_F(Handles, MeetAnElementUnderTwoSpellings) {
+    StorageRef root = forWriting();
+    StorageRef box;
+    StorageRef other;
+    StorageEnumerator children;
+    EXPECT_STATUS(box.open(L"Box", root, true), S_OK);
+    EXPECT_STATUS(other.open(L"BOX", root, true), STG_E_ACCESSDENIED);
+    EXPECT_STATUS(children.reset(box), S_OK);
+    EXPECT_STATUS(root.destroy(L"BOX"), S_OK) << "in nobody's use by this name";
+    EXPECT_STATUS(children.reset(box), STG_E_REVERTED);
+    EXPECT_TRUE(children.null()) << "a failed reset lets go of the listing before";
+}
+
 TEST_F(Handles, EnumeratorsShareByAssignment) {
     StorageRef root = forReading();
     StorageEnumerator first;
