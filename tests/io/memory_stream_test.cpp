@@ -327,28 +327,6 @@ TEST(MemoryStream, MovesEveryLength) {
         }
 }
 
-TEST(MemoryStream, MovesEverySmallCount) {
-    std::string bytes(300, '\0');
-    for (std::size_t i = 0; i < bytes.size(); ++i)
-        bytes[i] = static_cast<char>(i % 251);
-    for (std::size_t count = 0; count <= 140; ++count) {
-        const auto stream = streamOf(bytes);
-        stream->seek(7, InMemoryIStream::Begin);
-        std::string read(count + 2, '!');
-        EXPECT_EQ(stream->read(read.data() + 1, count), count);
-        EXPECT_EQ(read, '!' + bytes.substr(7, count) + '!');
-
-        // Within the memory itself, one byte on and one byte back.
-        for (const long long distance : {1, -1}) {
-            std::string moved = contents(stream);
-            moved.replace(static_cast<std::size_t>(9 + distance), count, moved.substr(9, count));
-            stream->seek(9 + distance, InMemoryIStream::Begin);
-            EXPECT_EQ(stream->write(stream->data(9), count), count);
-            EXPECT_EQ(contents(stream), moved) << count;
-        }
-    }
-}
-
 TEST(MemoryStream, TakesBuffersOver) {
     DynamicBuffer owned;
     owned.data = static_cast<unsigned char*>(std::malloc(8));
