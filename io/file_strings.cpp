@@ -29,9 +29,8 @@ bool VxwReadUniString(void* fileHandle, CStringW& text) {
     std::uint32_t count = 0;
     if (readFile(fileHandle, &count, sizeof count) != sizeof count)
         count = 0;
-    const std::string bytes = Vexel::Detail::readArriving(
-        count, [&](char* buffer, std::size_t size) { return readFile(fileHandle, buffer, size); });
-    text = Vexel::Detail::uniString(bytes, count);
+    const auto reader = [&](char* buffer, std::size_t bytes) { return readFile(fileHandle, buffer, bytes); };
+    Vexel::Detail::readUniString(count, reader, text);
     return true;
 }
 

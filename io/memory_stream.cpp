@@ -37,6 +37,41 @@ unsigned long long enlargedCapacity(unsigned long long capacity, unsigned long l
     return saturatedSum(end, step - need % step);
 }
 
+// The first and the last `Bytes` of `count`, which together are all of it. Both are read before either is
+// written, so that the places may overlap.
+template <std::size_t Bytes>
+void copyEnds(unsigned char* to, const unsigned char* from, std::size_t count) noexcept {
+    struct {
+        unsigned char bytes[Bytes];
+    } first, last;
+    std::memcpy(&first, from, Bytes);
+    std::memcpy(&last, from + count - Bytes, Bytes);
+    std::memcpy(to, &first, Bytes);
+    std::memcpy(to + count - Bytes, &last, Bytes);
+}
+
+// Most reads and writes are of a few bytes, for which a call of memmove costs more than the copying.
+inline void copy(void* destination, const void* source, std::size_t count) noexcept {
+    auto* const to = static_cast<unsigned char*>(destination);
+    const auto* const from = static_cast<const unsigned char*>(source);
+    if (count > 128)
+        std::memmove(to, from, count);
+    else if (count > 64)
+        copyEnds<64>(to, from, count);
+    else if (count > 32)
+        copyEnds<32>(to, from, count);
+    else if (count >= 16)
+        copyEnds<16>(to, from, count);
+    else if (count >= 8)
+        copyEnds<8>(to, from, count);
+    else if (count >= 4)
+        copyEnds<4>(to, from, count);
+    else if (count >= 2)
+        copyEnds<2>(to, from, count);
+    else if (count == 1)
+        *to = *from;
+}
+
 } // namespace
 
 DynamicBuffer::DynamicBuffer(DynamicBuffer&& other) noexcept
@@ -75,29 +110,34 @@ InMemoryIStream::~InMemoryIStream() = default;
 
 unsigned long long InMemoryIStream::read(void* destination, unsigned long long count) noexcept {
     const Private& buffer = *private_;
-    if (position_ >= buffer.size || !destination)
+    const unsigned long long start = position_;
+    if (start >= buffer.size || !destination)
         return 0;
-    count = (std::min)(count, buffer.size - position_);
-    std::memmove(destination, buffer.data + position_, count);
-    position_ += count;
+    count = (std::min)(count, buffer.size - start);
+    position_ = start + count;
+    copy(destination, buffer.data + start, count);
+    return count;
+}
+
+// What both ways of writing have in common, in the place of a call.
+inline unsigned long long InMemoryIStream::place(const void* source, unsigned long long count) noexcept {
+    Private& buffer = *private_;
+    const unsigned long long start = position_;
+    if (start > buffer.capacity || count > buffer.capacity - start) {
+        source = grow(source, count);
+        if (buffer.capacity < start)
+            return 0;
+        count = (std::min)(count, buffer.capacity - start);
+    }
+    position_ = start + count;
+    if (buffer.size < start + count)
+        buffer.size = start + count;
+    copy(buffer.data + start, source, count);
     return count;
 }
 
 unsigned long long InMemoryIStream::write(const void* source, unsigned long long count) noexcept {
-    if (!source && count > 0)
-        return 0;
-    Private& buffer = *private_;
-    if (position_ > buffer.capacity || count > buffer.capacity - position_) {
-        source = grow(source, count);
-        if (buffer.capacity < position_)
-            return 0;
-        count = (std::min)(count, buffer.capacity - position_);
-    }
-    if (count > 0)
-        std::memmove(buffer.data + position_, source, count);
-    position_ += count;
-    buffer.size = (std::max)(buffer.size, position_);
-    return count;
+    return source || count == 0 ? place(source, count) : 0;
 }
 
 // Makes room for `count` more bytes if it can, and tells where `source` lies then: a clone is written to from
@@ -176,7 +216,7 @@ HRESULT InMemoryIStream::Write(const void* pv, ULONG cb, ULONG* pcbWritten) noex
         return STG_E_INVALIDPOINTER;
     if (cb == 0)
         return S_OK;
-    const auto count = static_cast<ULONG>(write(pv, cb));
+    const auto count = static_cast<ULONG>(place(pv, cb));
     if (pcbWritten)
         *pcbWritten = count;
     return count > 0 ? S_OK : STG_E_INSUFFICIENTMEMORY;

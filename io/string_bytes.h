@@ -4,50 +4,69 @@
 
 #include <algorithm>
 #include <cstddef>
-#include <cstring>
+#include <iterator>
 #include <string>
 #include <string_view>
 
 namespace Vexel::Detail {
 
-/// Up to `count` bytes from `read(buffer, bytes)`, which returns how many it has read. Memory follows what
-/// arrives.
-template <class Read>
-std::string readArriving(unsigned long long count, Read read) {
-    constexpr unsigned long long firstStep = 64 * 1024;
-    std::string bytes;
-    while (bytes.size() < count) {
-        const std::size_t before = bytes.size();
-        const auto step = static_cast<std::size_t>(
-            (std::min)(count - before, (std::max)(firstStep, static_cast<unsigned long long>(before))));
-        bytes.resize(before + step);
-        const auto arrived = static_cast<std::size_t>(read(bytes.data() + before, step));
-        bytes.resize(before + (std::min)(arrived, step));
-        if (arrived < step)
-            break;
-    }
-    return bytes;
+template <class Character>
+constexpr unsigned long long charactersIn(unsigned long long bytes) {
+    return bytes / sizeof(Character) + (bytes % sizeof(Character) != 0);
 }
 
-/// The UTF-16 text in `bytes`, at most `length` characters; a last odd byte is the low one of its character.
-inline std::wstring wideFrom(std::string_view bytes, unsigned long long length) {
-    static_assert(sizeof(wchar_t) == 2);
-    std::wstring text(static_cast<std::size_t>((std::min)(length, (bytes.size() + 1ULL) / 2)), L'\0');
-    std::memcpy(text.data(), bytes.data(), (std::min)(bytes.size(), text.size() * 2));
+/// Up to `bytes` bytes of text from `read(buffer, bytes)`, which returns how many it has read; `arrived` is
+/// how many came. Memory follows what arrives.
+template <class Character, class Read>
+std::basic_string<Character> readArriving(unsigned long long bytes, Read read, unsigned long long& arrived) {
+    constexpr unsigned long long firstStep = 64 * 1024;
+    std::basic_string<Character> text;
+    arrived = 0;
+    while (arrived < bytes) {
+        const unsigned long long step = (std::min)(bytes - arrived, (std::max)(firstStep, arrived));
+        text.resize(static_cast<std::size_t>(charactersIn<Character>(arrived + step)));
+        char* const end = reinterpret_cast<char*>(text.data()) + arrived;
+        const auto came = static_cast<unsigned long long>(read(end, static_cast<std::size_t>(step)));
+        arrived += (std::min)(came, step);
+        if (came < step)
+            break;
+    }
+    text.resize(static_cast<std::size_t>(charactersIn<Character>(arrived)));
     return text;
 }
 
-inline CStringW frameworkString(std::wstring_view text) {
-    if (text.size() > 0x7FFFFFFF)
-        AfxThrowMemoryException();
-    return {text.data(), static_cast<int>(text.size())};
+/// Reads up to `bytes` bytes of UTF-16 text likewise, and gives it to `take` as a `std::wstring_view`; a last
+/// odd byte is the low one of its character. Returns how many bytes came. Short texts, which nearly all are,
+/// take no memory on the way.
+template <class Read, class Take>
+unsigned long long readWide(unsigned long long bytes, Read read, Take take) {
+    static_assert(sizeof(wchar_t) == 2);
+    wchar_t buffer[128];
+    std::wstring longer;
+    wchar_t* text = buffer;
+    unsigned long long arrived = 0;
+    if (bytes <= sizeof buffer) {
+        const auto wanted = static_cast<std::size_t>(bytes);
+        arrived = bytes > 0 ? (std::min)(bytes, 0ULL + read(reinterpret_cast<char*>(buffer), wanted)) : 0;
+    } else {
+        longer = readArriving<wchar_t>(bytes, read, arrived);
+        text = longer.data();
+    }
+    if (arrived % 2 != 0)
+        text[arrived / 2] &= 0xFF;
+    take(std::wstring_view(text, static_cast<std::size_t>(charactersIn<wchar_t>(arrived))));
+    return arrived;
 }
 
-/// What layout U makes of its bytes: whole characters by the count, without zeros at the end.
-inline CStringW uniString(std::string_view bytes, unsigned long count) {
-    std::wstring text = wideFrom(bytes, count / 2);
-    text.resize(text.find_last_not_of(L'\0') + 1);
-    return frameworkString(text);
+/// Reads layout U behind its count of bytes: whole characters by that count, without zeros at the end.
+/// Returns how many bytes came.
+template <class Read>
+unsigned long long readUniString(unsigned long bytes, Read read, CStringW& text) {
+    return readWide(bytes, read, [&](std::wstring_view wide) {
+        wide = wide.substr(0, bytes / 2);
+        wide = wide.substr(0, wide.find_last_not_of(L'\0') + 1);
+        text.SetString(wide.data(), static_cast<int>(wide.size()));
+    });
 }
 
 } // namespace Vexel::Detail

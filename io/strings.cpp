@@ -7,9 +7,7 @@
 #include <cstdint>
 #include <limits>
 
-using Vexel::Detail::frameworkString;
-using Vexel::Detail::readArriving;
-using Vexel::Detail::wideFrom;
+using Vexel::Detail::readWide;
 
 namespace {
 
@@ -30,9 +28,13 @@ void writeInteger(vxio::IWriteStream& stream, Integer value) {
     stream.WriteBytes(&value, sizeof value);
 }
 
-std::string readBytes(vxio::IReadStream& stream, unsigned long long count) {
-    return readArriving(count,
-                        [&](char* buffer, std::size_t bytes) { return stream.ReadBytes(buffer, bytes); });
+auto readerOf(vxio::IReadStream& stream) {
+    return [&stream](char* buffer, std::size_t bytes) { return stream.ReadBytes(buffer, bytes); };
+}
+
+std::string readNarrow(vxio::IReadStream& stream, std::uint32_t count) {
+    unsigned long long arrived = 0;
+    return Vexel::Detail::readArriving<char>(count, readerOf(stream), arrived);
 }
 
 unsigned long byteCount(const CStringW& text) { return static_cast<unsigned long>(text.GetLength()) * 2; }
@@ -114,7 +116,7 @@ void VxwReadString(vxio::IReadStream& stream, std::wstring& text, int version) {
     std::uint32_t count = 0;
     if (!readInteger(stream, count) || count == 0)
         return;
-    const std::string narrow = readBytes(stream, (std::min)(count, 0x7FFFFFFFU));
+    const std::string narrow = readNarrow(stream, (std::min)(count, 0x7FFFFFFFU));
     text.assign(narrow.size(), L'\0');
     const int length = static_cast<int>(narrow.size());
     if (length != 0)
@@ -124,7 +126,7 @@ void VxwReadString(vxio::IReadStream& stream, std::wstring& text, int version) {
 void VxwReadStringA(vxio::IReadStream& stream, std::string& text) {
     std::uint32_t count = 0;
     readInteger(stream, count);
-    text = readBytes(stream, count);
+    text = readNarrow(stream, count);
 }
 
 void VxwReadStringW(vxio::IReadStream& stream, std::wstring& text) {
@@ -134,15 +136,13 @@ void VxwReadStringW(vxio::IReadStream& stream, std::wstring& text) {
 }
 
 void VxwReadStringW(vxio::IReadStream& stream, std::wstring& text, unsigned count) {
-    text = wideFrom(readBytes(stream, count * 2ULL), count);
+    readWide(count * 2ULL, readerOf(stream), [&](std::wstring_view wide) { text = wide; });
 }
 
 bool VxwReadUniString(vxio::IReadStream& stream, CStringW& text) {
     std::uint32_t count = 0;
     const bool counted = readInteger(stream, count);
-    const std::string bytes = readBytes(stream, count);
-    text = Vexel::Detail::uniString(bytes, count);
-    return counted && bytes.size() == count;
+    return Vexel::Detail::readUniString(count, readerOf(stream), text) == count && counted;
 }
 
 void VxwReadUniString(::IStream* stream, CStringW& text) {
@@ -152,10 +152,10 @@ void VxwReadUniString(::IStream* stream, CStringW& text) {
     ULONG done = 0;
     if (FAILED(stream->Read(&count, sizeof count, &done)) || done != sizeof count)
         count = 0;
-    const std::string bytes = readArriving(count, [&](char* buffer, std::size_t size) {
-        return Vexel::Detail::readBytes(stream, buffer, size);
-    });
-    text = Vexel::Detail::uniString(bytes, count);
+    const auto reader = [&](char* buffer, std::size_t bytes) {
+        return Vexel::Detail::readBytes(stream, buffer, bytes);
+    };
+    Vexel::Detail::readUniString(count, reader, text);
 }
 
 void VxwWriteUniString(::IStream* stream, const CStringW& text) {
@@ -177,5 +177,6 @@ void VxwReadCArchiveString(vxio::IReadStream& stream, CStringW& text) {
     const std::uint64_t length = readArchiveLength(stream);
     if (length > 0x7FFFFFFF)
         AfxThrowArchiveException(CArchiveException::genericException, nullptr);
-    text = frameworkString(wideFrom(readBytes(stream, length * 2), length));
+    readWide(length * 2, readerOf(stream),
+             [&](std::wstring_view wide) { text.SetString(wide.data(), static_cast<int>(wide.size())); });
 }

@@ -139,6 +139,7 @@ protected:
 
 private:
     bool enlarge(unsigned long long newCapacity) noexcept;
+    unsigned long long place(const void* source, unsigned long long count) noexcept;
     const void* grow(const void* source, unsigned long long count) noexcept;
 
     std::shared_ptr<Private> private_;
