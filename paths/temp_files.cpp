@@ -5,6 +5,7 @@
 #include <vexel/diagnostics.h>
 #include <vexel/temp_files.h>
 
+#include <atomic>
 #include <condition_variable>
 #include <map>
 #include <mutex>
@@ -19,7 +20,8 @@
 //
 // Process exit. As part of the DLL the registry is destroyed when the system has already ended all other
 // threads, wherever they were. Nothing may then be waited for: not the thread, not the mutex it may have
-// held, not the condition variable that may still count it as waiting.
+// held, not the condition variable that may still count it as waiting. The records are read without the
+// mutex, unless a thread was stopped just while it put one in or took one out.
 
 using Vexel::Detail::FileHandle;
 using Vexel::Detail::Platform;
@@ -102,6 +104,17 @@ private:
     bool stopRequested_ = false;
 };
 
+class ChangeMark {
+public:
+    explicit ChangeMark(std::atomic<bool>& changing) noexcept : changing_(changing) { changing_ = true; }
+    ChangeMark(ChangeMark const&) = delete;
+    ChangeMark& operator=(ChangeMark const&) = delete;
+    ~ChangeMark() { changing_ = false; }
+
+private:
+    std::atomic<bool>& changing_;
+};
+
 /// Keeps this module loaded for good: the thread runs its code, and unloading could not wait for the thread,
 /// which needs the loader to end.
 void PinModule() {
@@ -123,6 +136,11 @@ struct TempFileContainer::State {
     unsigned long long lastMark = 0;
     std::thread deletionThread; ///< none until the first deferred deletion
 
+    /// A record is being put in or taken out.
+    std::atomic<bool> changing = false;
+
+    Record& recordOf(SharedPathName const& name);
+    Records::iterator forget(Records::iterator file);
     void mark(Record& record);
     bool wakeOrStartThread();
     void stopThread();
@@ -133,6 +151,16 @@ struct TempFileContainer::State {
     std::vector<MarkedFile> collect() const;
     void settle(std::vector<MarkedFile> const& files);
 };
+
+Record& TempFileContainer::State::recordOf(SharedPathName const& name) {
+    const ChangeMark mark(changing);
+    return records[name];
+}
+
+TempFileContainer::State::Records::iterator TempFileContainer::State::forget(Records::iterator file) {
+    const ChangeMark mark(changing);
+    return records.erase(file);
+}
 
 void TempFileContainer::State::mark(Record& record) {
     record.handle.close();
@@ -176,7 +204,7 @@ TempFileContainer::State::Records::iterator TempFileContainer::State::deleteNow(
         return std::next(file);
     if (record.pendingDeletion)
         --pendingCount;
-    return records.erase(file);
+    return forget(file);
 }
 
 void TempFileContainer::State::runDeletionThread() {
@@ -221,7 +249,7 @@ void TempFileContainer::State::settle(std::vector<MarkedFile> const& files) {
             continue;
         found->second.lastFailure = file.lastFailure;
         if (file.deleted) {
-            records.erase(found);
+            forget(found);
             --pendingCount;
         }
     }
@@ -238,8 +266,7 @@ TempFileContainer::~TempFileContainer() {
     // releasing names takes a lock that nobody may be left to give back.
     State* const state = state_.release();
     state->stopThread();
-    // A mutex that is not free was held by a thread in the middle of a change; the records cannot be trusted.
-    if (state->mutex.try_lock()) {
+    if (!state->changing) {
         for (auto& [name, record] : state->records) {
             record.handle.close();
             DeleteTempFile(name, record.lastFailure);
@@ -267,7 +294,7 @@ SharedPathName TempFileContainer::insert(SharedPathName const& name, bool holdHa
     if (name.empty())
         return name;
     const std::lock_guard lock(state_->mutex);
-    Record& record = state_->records[name];
+    Record& record = state_->recordOf(name);
     // The pending count is not taken back with the mark, so `clear` goes on reporting unfinished work.
     record.pendingDeletion = false;
     record.userFlag = userFlag;
@@ -322,8 +349,8 @@ void TempFileContainer::erase(SharedPathName const& name) {
     const bool ending = Platform().processIsEnding();
     if (!ending)
         lock.lock();
-    else if (!lock.try_lock())
-        return; // held for ever by a thread that is no more
+    else if (state_->changing)
+        return; // for ever
     const auto found = state_->records.find(name);
     if (found == state_->records.end() || found->second.pendingDeletion)
         return;
@@ -338,7 +365,7 @@ void TempFileContainer::release(SharedPathName const& name) {
     const std::lock_guard lock(state_->mutex);
     const auto found = state_->records.find(name);
     if (found != state_->records.end() && !found->second.handle && !found->second.pendingDeletion)
-        state_->records.erase(found);
+        state_->forget(found);
 }
 
 bool TempFileContainer::clear() {

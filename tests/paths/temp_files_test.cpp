@@ -11,6 +11,7 @@
 
 #include <gtest/gtest.h>
 
+#include <atomic>
 #include <fstream>
 #include <set>
 #include <string>
@@ -235,6 +236,30 @@ TEST_F(TempFiles, AreDeletedAtOnceWhenThreadsAreNoMore) {
     Registry().erase(name);
     EXPECT_FALSE(Exists(name));
     EXPECT_FALSE(Registry().contains(name));
+}
+
+// The end of the process may stop a thread that holds the registry's lock.
+TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
+    static std::atomic<bool> held;
+    static std::atomic<bool> over;
+    held = over = false;
+    refuseThreads();
+    const SharedPathName first = insertFile();
+    const SharedPathName second = insertFile();
+    Platform().deleteFile = [](wchar_t const* path) -> BOOL {
+        held = true;
+        while (!over)
+            Sleep(1);
+        return DeleteFileW(path);
+    };
+    std::jthread holder([&first] { Registry().erase(first); });
+    while (!held)
+        Sleep(1);
+    Platform().deleteFile = DeleteFileW;
+    Platform().processIsEnding = [] { return true; };
+    Registry().erase(second);
+    EXPECT_FALSE(Exists(second));
+    over = true;
 }
 
 TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
