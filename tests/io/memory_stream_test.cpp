@@ -311,19 +311,20 @@ TEST(MemoryStream, SharesItsMemoryWithClones) {
 }
 
 TEST(MemoryStream, MovesEveryLength) {
-    std::string model(400, '\0');
-    std::iota(model.begin(), model.end(), '\0');
-    const auto stream = streamOf(model);
+    std::string start(400, '\0');
+    std::iota(start.begin(), start.end(), '\0');
     for (std::size_t length = 0; length <= 200; ++length)
-        for (const std::size_t to : {93U, 99U, 100U, 101U, 117U}) { // from 100, so that most overlap
-            std::memmove(&model[to], &model[100], length);
-            stream->seek(static_cast<long long>(to), InMemoryIStream::Begin);
+        for (const long long to : {93, 99, 100, 101, 117}) { // from 100, so that most overlap
+            const auto stream = streamOf(start);
+            std::string moved = start;
+            moved.replace(static_cast<std::size_t>(to), length, start, 100, length);
+            stream->seek(to, InMemoryIStream::Begin);
             ASSERT_EQ(stream->write(stream->data(100), length), length);
-            ASSERT_EQ(contents(stream), model) << length << " to " << to;
-            std::string read(length + 1, '#');
-            stream->seek(static_cast<long long>(to), InMemoryIStream::Begin);
-            ASSERT_EQ(stream->read(read.data(), length), length);
-            ASSERT_EQ(read, model.substr(to, length) + '#') << length;
+            ASSERT_EQ(contents(stream), moved) << length << " to " << to;
+            std::string read(length + 2, '#');
+            stream->seek(to, InMemoryIStream::Begin);
+            ASSERT_EQ(stream->read(read.data() + 1, length), length);
+            ASSERT_EQ(read, '#' + start.substr(100, length) + '#');
         }
 }
 
