@@ -311,8 +311,9 @@ int CStringW::Replace(const wchar_t* from, const wchar_t* to) {
 }
 
 int CStringW::Insert(int index, wchar_t character) {
-    const wchar_t text[] = {character, 0};
-    return character ? Insert(index, text) : GetLength();
+    index = index < 0 ? 0 : index;
+    *this = Left(index) + character + Mid(index);
+    return GetLength();
 }
 
 int CStringW::Insert(int index, const wchar_t* text) {

@@ -191,6 +191,8 @@ TEST(FrameworkString, Searches) {
     CString slashes = L"a/b/c";
     EXPECT_EQ(slashes.Replace(L'/', L'\\'), 2);
     EXPECT_EQ(slashes, L"a\\b\\c");
+    EXPECT_EQ(slashes.Insert(1, L'\0'), 6) << "a zero is a character too";
+    EXPECT_EQ(wide(slashes), std::wstring(L"a\0\\b\\c", 6));
 }
 
 TEST(FrameworkString, Trims) {
