@@ -65,23 +65,31 @@ std::uint64_t readArchiveLength(vxio::IReadStream& stream) {
     return longLength;
 }
 
-void writeArchiveLength(vxio::IWriteStream& stream, std::uint64_t length) {
+template <class Integer>
+void append(std::string& bytes, Integer value) {
+    bytes.append(reinterpret_cast<const char*>(&value), sizeof value);
+}
+
+// What stands before the characters in layout M.
+std::string archiveHeader(std::uint64_t length) {
+    std::string header = "\xFF\xFE\xFF";
     if (length < 0xFF) {
-        writeInteger(stream, static_cast<std::uint8_t>(length));
-        return;
+        append(header, static_cast<std::uint8_t>(length));
+        return header;
     }
-    writeInteger(stream, std::uint8_t{0xFF});
+    append(header, std::uint8_t{0xFF});
     if (length < 0xFFFE) {
-        writeInteger(stream, static_cast<std::uint16_t>(length));
-        return;
+        append(header, static_cast<std::uint16_t>(length));
+        return header;
     }
-    writeInteger(stream, std::uint16_t{0xFFFF});
+    append(header, std::uint16_t{0xFFFF});
     if (length < 0xFFFFFFFF) {
-        writeInteger(stream, static_cast<std::uint32_t>(length));
-        return;
+        append(header, static_cast<std::uint32_t>(length));
+        return header;
     }
-    writeInteger(stream, std::uint32_t{0xFFFFFFFF});
-    writeInteger(stream, length);
+    append(header, std::uint32_t{0xFFFFFFFF});
+    append(header, length);
+    return header;
 }
 
 } // namespace
@@ -167,9 +175,8 @@ void VxwWriteUniString(::IStream* stream, const CStringW& text) {
 }
 
 void VxwWriteCArchiveString(vxio::IWriteStream& stream, const CStringW& text) {
-    writeInteger(stream, std::uint8_t{0xFF});
-    writeInteger(stream, std::uint16_t{0xFFFE});
-    writeArchiveLength(stream, static_cast<std::uint64_t>(text.GetLength()));
+    const std::string header = archiveHeader(static_cast<std::uint64_t>(text.GetLength()));
+    stream.WriteBytes(header.data(), header.size());
     stream.WriteBytes(text.GetString(), byteCount(text));
 }
 
