@@ -24,7 +24,7 @@ namespace vxio {
 /// Positioning, common to both directions.
 class IStream {
 public:
-    enum class SeekPosition { Begin = 0, Current = 1, End = 2 };
+    enum SeekPosition : int { Begin = 0, Current = 1, End = 2 };
 
     /// Moves to the end and returns the new position.
     virtual unsigned long long SeekToEnd() = 0;
