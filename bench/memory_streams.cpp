@@ -36,7 +36,7 @@ ComPtr<::IStream> ours() { return adopt<::IStream>(new InMemoryIStream()); }
 ComPtr<::IStream> systems() { return adopt(SHCreateMemStream(nullptr, 0)); }
 
 // Small blocks stay within the cache, so that the calls count and not the memory.
-ULONG lengthFor(ULONG block) { return (std::max)(64 * KiB, (std::min)(8 * block, 8 * MiB)); }
+ULONG lengthFor(ULONG block) { return (std::max)(64 * KiB, (std::min)(8 * block, 2 * MiB)); }
 
 void toStart(::IStream* stream) { stream->Seek({}, STREAM_SEEK_SET, nullptr); }
 
