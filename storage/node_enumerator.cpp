@@ -27,6 +27,7 @@ VxStorageEnumerator::~VxStorageEnumerator() = default;
 long VxStorageEnumerator::reset(VxStorage* storage) {
     enumerator_.Reset();
     clearEntry();
+    status_ = S_OK;
     const HRESULT status = storage->ensureOpen();
     return FAILED(status) ? status : storage->storage()->EnumElements(0, nullptr, 0, &enumerator_);
 }
@@ -35,7 +36,8 @@ bool VxStorageEnumerator::moveNext() {
     clearEntry();
     if (!enumerator_)
         return false;
-    for (STATSTG entry{}; enumerator_->Next(1, &entry, nullptr) == S_OK; entry = {}) {
+    STATSTG entry{};
+    for (; (status_ = enumerator_->Next(1, &entry, nullptr)) == S_OK; entry = {}) {
         const std::unique_ptr<wchar_t, FreeTaskMemory> name(entry.pwcsName);
         const StorageType type = typeOf(entry.type);
         if (type == StorageType{})

@@ -26,6 +26,10 @@ long StorageEnumerator::reset(const StorageRef& storage) {
 
 bool StorageEnumerator::moveNext() { return enumerator_ && enumerator_->moveNext(); }
 
+long StorageEnumerator::status() const noexcept {
+    return enumerator_ ? enumerator_->status() : STG_E_INVALIDPARAMETER;
+}
+
 const SharedPathName& StorageEnumerator::name() const noexcept {
     return enumerator_ ? enumerator_->name() : SharedPathName::null;
 }

@@ -226,6 +226,8 @@ public:
     long reset(VxStorage* storage);
     /// Steps to the next storage or stream; false at the end and on a failure.
     bool moveNext();
+    /// S_OK, S_FALSE at the end, or the failure.
+    HRESULT status() const noexcept { return status_; }
 
     StorageType type() const noexcept { return type_; }
     const SharedPathName& name() const noexcept { return name_; }
@@ -242,4 +244,5 @@ private:
     ULARGE_INTEGER size_{};
     FILETIME createTime_{};
     FILETIME writeTime_{};
+    HRESULT status_ = S_OK;
 };

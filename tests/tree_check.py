@@ -24,10 +24,10 @@ HEADER_LAYERS = {
     "framework": ["framework.h"],
     "diagnostics": ["diagnostics.h"],
     "paths": ["cipher.h", "hash.h", "path_name.h", "paths.h", "temp_files.h"],
-    "io": ["byte_streams.h", "com.h", "compressed_stream.h", "files.h", "ini.h", "memory_streams.h", "strings.h",
+    "io": ["byte_streams.h", "com.h", "files.h", "ini.h", "memory_streams.h", "strings.h",
            "sub_stream.h"],
     "archive": ["archive.h"],
-    "storage": ["properties.h", "storage.h"],
+    "storage": ["compressed_stream.h", "open_package.h", "properties.h", "storage.h"],
 }
 
 # Members of a lower class that ask an upper layer live in source files of their own.

@@ -15,6 +15,7 @@
 #include <atomic>
 #include <cstddef>
 #include <cstdint>
+#include <optional>
 #include <string_view>
 #include <utility>
 
@@ -166,6 +167,9 @@ public:
     bool fileExists() const;
     /// Asks again and replaces the answer that is kept; does nothing when none is kept.
     void updateFileExists() const;
+    /// Whether the file is a structured one (StorageRef::isStorage); no value when it cannot be examined. The
+    /// null name is none. Kept within a flags-cache block as fileExists is, for which it answers too.
+    std::optional<bool> isStorage() const;
     /// A mark of the application's, kept only within a flags-cache block: outside one, setting it does
     /// nothing.
     void setUpToDate(bool value) const;

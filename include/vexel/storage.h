@@ -53,6 +53,7 @@
 #include <vexel/byte_streams.h>
 #include <vexel/export.h>
 #include <vexel/framework.h>
+#include <vexel/open_package.h>
 #include <vexel/path_name.h>
 
 #include <windows.h>
@@ -63,6 +64,7 @@
 #include <map>
 #include <memory>
 #include <mutex>
+#include <optional>
 #include <utility>
 
 class StorageRef;
@@ -170,8 +172,24 @@ public:
     /// Makes a new temporary root: always a package. `flag` is stored in the root.
     long createTemporary(bool flag);
 
+    /// Makes the root at `path` anew with the contents of what stands there, as `open` with that mode. A
+    /// package keeps what it has. STG_E_INVALIDFUNCTION for a compound file: `copyTo` makes a package of it.
+    long convert(const SharedPathName& path, RootStorageOpenMode mode);
+
     /// Drops the handle's reference and makes it null; see rule 8 for what that closes.
     void close() noexcept;
+
+    // The format of a file or stream by its first 6 bytes; no value when there is no file, or it cannot be
+    // opened or read. None also when there are fewer bytes.
+
+    /// Throws std::system_error when the file can be opened but not read.
+    static std::optional<StorageFormat> getFormat(const wchar_t* path);
+    /// Leaves the stream behind the bytes read.
+    static std::optional<StorageFormat> getFormat(::IStream* stream);
+    /// Whether the file at `path` has one of the formats; as getFormat.
+    static std::optional<bool> isStorage(const SharedPathName& path);
+    static std::optional<bool> isStorage(const wchar_t* path);
+    static std::optional<bool> isStorage(const CStringW& path);
 
     // Queries.
 
@@ -202,6 +220,16 @@ public:
     long destroy(const CStringW& name);
     /// Removes every child. STG_E_INVALIDFUNCTION for a compound file.
     long clear();
+    /// Copies all that is in this storage into `target`, beside what is there; streams of the same name are
+    /// replaced, storages joined. The target is committed by its owner (rule 5), except that it is
+    /// committed on the way, up to its file,
+    ///  - by a copy of a compound file into a package, each time 64 MiB of contents have been copied, so that
+    ///    no more than these and the largest stream are in memory at a time;
+    ///  - when memory or file handles run out, before the copy is tried once more.
+    /// So a copy that must be whole or not at all goes into a new file.
+    ///  - STG_E_INVALIDPARAMETER: a null handle, the same storage, or one that cannot be opened.
+    ///  - STG_E_READFAULT: a stream holds less than it should. Other statuses of reading and writing.
+    long copyTo(const StorageRef& target) const;
     /// Lets a package take over the compressed data of another instead of compressing it again.
     /// STG_E_INVALIDFUNCTION for a compound file; STG_E_INVALIDPARAMETER when either handle is null.
     long borrowPackedData(const StorageRef& source);
@@ -343,6 +371,9 @@ public:
     /// Steps to the next child. False at the end, and when the listing cannot go on; children that are
     /// neither storage nor stream are passed over.
     bool moveNext();
+    /// Why moveNext gave false: S_FALSE at the end, else a failure, behind which there may be children that
+    /// were not listed. S_OK before; STG_E_INVALIDPARAMETER when null.
+    long status() const noexcept;
 
     // The current child. Before the first and after the last: an empty name, type 0, sizes and times 0.
 

@@ -1,0 +1,63 @@
+#include "io/com_stream.h"
+#include "io/gzip_reader.h"
+
+#include <vexel/compressed_stream.h>
+
+#include <array>
+
+using Vexel::Detail::position;
+
+namespace {
+
+void seekTo(::IStream* stream, DWORD origin, unsigned long long offset) {
+    unsigned long long reached = 0;
+    Vexel::Detail::seek(stream, origin, static_cast<long long>(offset), reached);
+}
+
+HRESULT writeAll(::IStream* destination, const void* bytes, ULONG count) {
+    ULONG written = 0;
+    const HRESULT status = destination->Write(bytes, count, &written);
+    return SUCCEEDED(status) && written < count ? STG_E_MEDIUMFULL : status;
+}
+
+/// S_OK, or why a write failed; S_FALSE when the source does not begin as gzip does.
+HRESULT inflateInto(vxio::IReadStream& source, ::IStream* destination) {
+    Vexel::Detail::GzipReader reader;
+    if (!reader.open(source, true))
+        return S_FALSE;
+    std::array<unsigned char, 65536> buffer;
+    HRESULT status = S_OK;
+    while (const auto count = reader.read(buffer.data(), buffer.size())) {
+        status = writeAll(destination, buffer.data(), static_cast<ULONG>(count));
+        if (FAILED(status))
+            break;
+    }
+    reader.close();
+    return FAILED(status) ? status : S_OK;
+}
+
+/// Whether nothing of the stream is left: what was read ahead counts as read.
+bool isConsumed(::IStream* stream) {
+    STATSTG info{};
+    return SUCCEEDED(stream->Stat(&info, STATFLAG_NONAME)) && position(stream) == info.cbSize.QuadPart;
+}
+
+} // namespace
+
+HRESULT DecompressStream(::IStream* source, ::IStream* destination) {
+    if (!source || !destination)
+        return STG_E_INVALIDPOINTER;
+    const auto sourceStart = position(source);
+    const auto destinationStart = position(destination);
+
+    vxio::IStreamStream reading(source);
+    const HRESULT inflated = inflateInto(reading, destination);
+    if (inflated == S_OK && isConsumed(source))
+        return S_OK;
+
+    seekTo(source, STREAM_SEEK_SET, sourceStart);
+    destination->SetSize({.QuadPart = destinationStart});
+    seekTo(destination, STREAM_SEEK_END, 0);
+    const HRESULT copied = source->CopyTo(destination, {.QuadPart = ~0ULL}, nullptr, nullptr);
+    return SUCCEEDED(copied) && FAILED(inflated) ? inflated : copied;
+}

@@ -1,0 +1,120 @@
+#include "archive/szip_storage.h"
+#include "paths/status_guard.h"
+#include "storage/compound_check.h"
+#include "storage/error_status.h"
+
+#include <vexel/diagnostics.h>
+#include <vexel/open_package.h>
+#include <vexel/storage.h>
+
+#include <windows.h>
+
+#include <objbase.h>
+#include <wrl/client.h>
+
+#include <algorithm>
+
+using Microsoft::WRL::ComPtr;
+using Vexel::Detail::CompoundAccess;
+using Vexel::Detail::withStatus;
+using Vexel::Storage::openPackage;
+using Vexel::Storage::SZipStorage;
+
+namespace {
+
+constexpr DWORD compoundMode = STGM_TRANSACTED | STGM_READ; // readers and writers elsewhere: the default
+
+class LockBytesSource final : public Vexel::Detail::CompoundSource {
+public:
+    explicit LockBytesSource(ILockBytes* bytes) : bytes_(bytes) {
+        STATSTG info{};
+        if (SUCCEEDED(bytes->Stat(&info, STATFLAG_NONAME)))
+            size_ = info.cbSize.QuadPart;
+    }
+
+    std::uint64_t size() const noexcept override { return size_; }
+
+    std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
+        ULONG done = 0;
+        bytes_->ReadAt({.QuadPart = offset}, target.data(), static_cast<ULONG>(target.size()), &done);
+        return (std::min)(static_cast<std::size_t>(done), target.size());
+    }
+
+private:
+    ComPtr<ILockBytes> bytes_;
+    std::uint64_t size_ = 0;
+};
+
+HRESULT openCompound(::IStream* stream, IStorage** result) {
+    ComPtr<ILockBytes> bytes;
+    if (const HRESULT status = stream->QueryInterface(IID_PPV_ARGS(bytes.GetAddressOf())); FAILED(status))
+        return status;
+    LockBytesSource source(bytes.Get());
+    const auto verdict = Vexel::Detail::checkCompound(source, CompoundAccess::Read);
+    if (FAILED(verdict.status)) {
+        VxLog_WriteW(VxLog_Minor, L"the compound file in a stream is damaged: %hs (%llu)", verdict.what,
+                     static_cast<unsigned long long>(verdict.where));
+        return verdict.status;
+    }
+    return StgOpenStorageOnILockBytes(bytes.Get(), nullptr, compoundMode, nullptr, 0, result);
+}
+
+HRESULT openCompound(const wchar_t* path, IStorage** result) {
+    if (const HRESULT sound = Vexel::Detail::checkCompoundFile(path, CompoundAccess::Read); FAILED(sound))
+        return sound;
+    return StgOpenStorage(path, nullptr, compoundMode, nullptr, 0, result);
+}
+
+template <class Open>
+HRESULT handOut(IStorage** result, Open open) {
+    ComPtr<SZipStorage> package;
+    const HRESULT status = open(package.GetAddressOf());
+    *result = package.Detach();
+    return status;
+}
+
+/// `body` with its exceptions as statuses: these functions have callers in C.
+template <class Body>
+HRESULT guarded(const Body& body) {
+    try {
+        return withStatus(body);
+    } catch (const std::system_error& failure) {
+        return Vexel::Detail::statusOf(failure.code());
+    }
+}
+
+} // namespace
+
+HRESULT OpenVexelPackage(IStorage** result, const wchar_t* path) {
+    if (!result)
+        return STG_E_INVALIDPOINTER;
+    *result = nullptr;
+    return guarded([&]() -> HRESULT {
+        switch (StorageRef::getFormat(path).value_or(StorageFormat::None)) {
+        case StorageFormat::CompoundFile:
+            return openCompound(path, result);
+        case StorageFormat::Package:
+            return handOut(result,
+                           [&](SZipStorage** root) { return openPackage(path, STGM_READ, false, root); });
+        default:
+            return E_FAIL;
+        }
+    });
+}
+
+HRESULT OpenVexelPackageStream(IStorage** result, ::IStream* stream) {
+    if (result)
+        *result = nullptr;
+    if (!result || !stream)
+        return E_INVALIDARG;
+    return guarded([&]() -> HRESULT {
+        switch (StorageRef::getFormat(stream).value_or(StorageFormat::None)) {
+        case StorageFormat::CompoundFile:
+            return openCompound(stream, result);
+        case StorageFormat::Package:
+            return handOut(result, [&](SZipStorage** root) { return openPackage(stream, root); });
+        default:
+            return E_FAIL;
+        }
+    });
+}

@@ -1,0 +1,373 @@
+// Gzip streams, made and judged by zlib.
+
+#include "support/compound_file.h"
+#include "support/log_capture.h"
+
+#include <vexel/compressed_stream.h>
+#include <vexel/memory_streams.h>
+
+#include <gtest/gtest.h>
+#include <zlib.h>
+
+#include <algorithm>
+#include <fstream>
+#include <iterator>
+#include <random>
+#include <string>
+
+using Microsoft::WRL::ComPtr;
+using Vexel::Storage::InMemoryIStream;
+using Origin = vxio::IStream::SeekPosition;
+
+namespace {
+
+const std::string plainHeader("\x1F\x8B\x08\0\0\0\0\0\0\xFF", 10);
+
+std::string gzip(const std::string& text, int level = 6) {
+    z_stream state{};
+    EXPECT_EQ(deflateInit2(&state, level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY), Z_OK);
+    std::string result(deflateBound(&state, static_cast<uLong>(text.size())), '\0');
+    state.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
+    state.avail_in = static_cast<uInt>(text.size());
+    state.next_out = reinterpret_cast<Bytef*>(result.data());
+    state.avail_out = static_cast<uInt>(result.size());
+    EXPECT_EQ(deflate(&state, Z_FINISH), Z_STREAM_END);
+    result.resize(state.total_out);
+    deflateEnd(&state);
+    return result;
+}
+
+/// What zlib makes of the bytes behind a plain header, as far as they go.
+std::string inflated(const std::string& bytes) {
+    z_stream state{};
+    inflateInit2(&state, -15);
+    std::string result(1 << 20, '\0');
+    state.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
+    state.avail_in = static_cast<uInt>(bytes.size());
+    state.next_out = reinterpret_cast<Bytef*>(result.data());
+    state.avail_out = static_cast<uInt>(result.size());
+    inflate(&state, Z_SYNC_FLUSH);
+    result.resize(state.total_out);
+    inflateEnd(&state);
+    return result;
+}
+
+/// Compresses to about a half.
+std::string sampleText(std::size_t size) {
+    std::mt19937 random(static_cast<unsigned>(size));
+    std::string text(size, '\0');
+    std::generate(text.begin(), text.end(), [&] { return "abcdefghijklmnop"[random() % 16]; });
+    return text;
+}
+
+ComPtr<InMemoryIStream> streamOf(const std::string& bytes) {
+    ComPtr<InMemoryIStream> stream;
+    *stream.GetAddressOf() = new InMemoryIStream;
+    EXPECT_EQ(stream->write(bytes.data(), bytes.size()), bytes.size());
+    stream->rewind();
+    return stream;
+}
+
+std::string bytesOf(InMemoryIStream& stream) {
+    return {reinterpret_cast<const char*>(stream.data(0)), static_cast<std::size_t>(stream.size())};
+}
+
+std::string decompressed(const std::string& source, HRESULT expected = S_OK) {
+    const auto target = streamOf("");
+    EXPECT_EQ(DecompressStream(streamOf(source).Get(), target.Get()), expected);
+    return target->size() ? bytesOf(*target.Get()) : std::string();
+}
+
+std::string readAll(COleStreamCompressFile& file, std::size_t part) {
+    file.SetIgnoreEndOfFile(true);
+    std::string text;
+    std::string buffer(part, '\0');
+    while (const auto count = file.ReadBytes(buffer.data(), part))
+        text.append(buffer, 0, static_cast<std::size_t>(count));
+    return text;
+}
+
+/// The cause of the file exception that `body` throws; -1 for none.
+template <class Body>
+int causeOf(Body body) {
+    try {
+        body();
+        return -1;
+    } catch (CFileException* failure) {
+        const int cause = failure->m_cause;
+        failure->Delete();
+        return cause;
+    }
+}
+
+std::string sampleFile(const wchar_t* name) {
+    std::ifstream file(std::filesystem::path(Support::samplePath(name)), std::ios::binary);
+    return {std::istreambuf_iterator<char>(file), {}};
+}
+
+TEST(CompressedStream, InflatesWhatZlibDeflated) {
+    for (const std::size_t size : {0u, 1u, 4096u, 16384u, 16385u, 65536u * 3 + 7, 1u << 20}) {
+        for (const int level : {0, 1, 9}) {
+            SCOPED_TRACE(testing::Message() << size << " bytes, level " << level);
+            const std::string text = sampleText(size);
+            const std::string packed = gzip(text, level);
+            EXPECT_TRUE(decompressed(packed) == text);
+            LogCapture log;
+            for (const std::size_t part : {1000u, 16384u, 100'000u}) {
+                COleStreamCompressFile file(true);
+                ASSERT_TRUE(file.OpenStream(streamOf(packed).Get()));
+                EXPECT_TRUE(readAll(file, part) == text);
+            }
+            EXPECT_EQ(log.count(VxLog_Error, L""), 0);
+        }
+    }
+}
+
+TEST(CompressedStream, TellsHeadersApart) {
+    const std::string body = gzip("text").substr(10);
+    const auto header = [](unsigned char flags, const std::string& rest) {
+        std::string bytes = plainHeader + rest;
+        bytes[3] = static_cast<char>(flags);
+        return bytes;
+    };
+    const std::string refusedName = "Failed to skip a null-terminated string";
+    const struct {
+        const char* name;
+        std::string source;
+        bool accepted;
+        std::string message;
+    } cases[] = {
+        {"one reserved flag", header(0x20, "") + body, true, ""},
+        {"two reserved flags", header(0x60, "") + body, true, ""},
+        {"all reserved flags", header(0xE0, "") + body, false,
+         "Failed to read gzip compression flags or some of the reserved flags are set"},
+        {"text flag", header(0x01, "") + body, true, ""},
+        {"another method", "\x1F\x8B\x07" + plainHeader.substr(3) + body, false,
+         "Failed to read gzip compression method or the method is invalid"},
+        {"no method", "\x1F\x8B", false, "Failed to read gzip compression method or the method is invalid"},
+        {"no flags", "\x1F\x8B\x08", false,
+         "Failed to read gzip compression flags or some of the reserved flags are set"},
+        {"an extra field", header(0x04, std::string("\3\0abc", 5)) + body, true, ""},
+        {"no length of the extra field", header(0x04, "\3"), false,
+         "Failed to read length of extra gzip data"},
+        {"header checksum of 4 bytes", header(0x02, "1234") + body, true, ""},
+        {"a name", header(0x08, std::string("n\0", 2)) + body, false, refusedName},
+        {"a name without end", header(0x08, "name"), false, refusedName},
+        {"a comment", header(0x10, std::string("c\0", 2)) + body, false, refusedName},
+        {"nothing behind", plainHeader, false, ""},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        LogCapture log;
+        COleStreamCompressFile file(true);
+        EXPECT_EQ(file.OpenStream(streamOf(test.source).Get()), test.accepted);
+        if (test.accepted) {
+            EXPECT_EQ(readAll(file, 100), "text");
+        }
+        EXPECT_EQ(decompressed(test.source), test.accepted ? "text" : test.source);
+        const std::wstring message(test.message.begin(), test.message.end());
+        EXPECT_EQ(log.count(VxLog_Error, message), test.message.empty() ? 0 : 2);
+    }
+}
+
+TEST(CompressedStream, ReadsTheSamplesOfGzip) {
+    std::string text;
+    for (int i = 0; i < 100; ++i)
+        text += "inner x\n";
+    EXPECT_EQ(decompressed(sampleFile(L"no-name.gz")), text);
+    EXPECT_EQ(decompressed(sampleFile(L"with-name.gz")), sampleFile(L"with-name.gz"));
+}
+
+// A truncated stream counts as read whole, and what zlib can make of it is kept; a header that is refused
+// gives the bytes as they are.
+TEST(CompressedStream, GivesWhatZlibGivesOfDamagedStreams) {
+    const std::string text = sampleText(300);
+    const std::string whole = gzip(text);
+    const auto expected = [](const std::string& bytes) {
+        return bytes.size() > 10 ? inflated(bytes.substr(10)) : bytes;
+    };
+    const auto check = [&](const std::string& bytes, const std::string& wanted) {
+        EXPECT_EQ(decompressed(bytes), wanted);
+        COleStreamCompressFile file(true);
+        if (file.OpenStream(streamOf(bytes).Get()) && bytes.size() > 10) {
+            EXPECT_EQ(readAll(file, 64), wanted);
+        }
+    };
+    for (std::size_t size = 0; size < whole.size(); ++size) {
+        SCOPED_TRACE(testing::Message() << "cut to " << size);
+        check(whole.substr(0, size), expected(whole.substr(0, size)));
+    }
+    for (std::size_t at = 10; at < whole.size(); ++at) {
+        for (const int mask : {0x01, 0x80, 0xFF}) {
+            SCOPED_TRACE(testing::Message() << "byte " << at << " changed by " << mask);
+            std::string bytes = whole;
+            bytes[at] = static_cast<char>(bytes[at] ^ mask);
+            check(bytes, expected(bytes));
+        }
+    }
+}
+
+TEST(CompressedStream, ChecksTheTrailerWhenClosing) {
+    const std::string whole = gzip(sampleText(5000));
+    const auto messages = [](const std::string& bytes, bool toTheEnd) {
+        LogCapture log;
+        COleStreamCompressFile file(true);
+        EXPECT_TRUE(file.OpenStream(streamOf(bytes).Get()));
+        std::string text(5000, '\0');
+        file.ReadBytes(text.data(), toTheEnd ? 5000 : 10);
+        file.SetIgnoreEndOfFile(true);
+        if (toTheEnd)
+            file.ReadBytes(text.data(), 1);
+        file.CloseCompression();
+        return std::pair{log.count(VxLog_Error, L"Broken gzip data: size 5000/5000, CRC 0x"),
+                         log.count(VxLog_Error, L"Incomplete gzip data")};
+    };
+    using Counts = std::pair<std::ptrdiff_t, std::ptrdiff_t>;
+    std::string broken = whole;
+    broken[broken.size() - 5] ^= 1;
+    EXPECT_EQ(messages(whole, true), Counts(0, 0));
+    EXPECT_EQ(messages(broken, true), Counts(1, 0));
+    EXPECT_EQ(messages(broken, false), Counts(0, 0));
+    EXPECT_EQ(messages(whole.substr(0, whole.size() - 1), true), Counts(0, 1));
+    broken = whole;
+    broken[broken.size() - 1] ^= 1; // the size alone is not compared
+    EXPECT_EQ(messages(broken, true), Counts(0, 0));
+}
+
+TEST(CompressedStream, FindsATrailerThatTheReadAheadCuts) {
+    for (std::size_t size = 4080; size < 4110; ++size) {
+        const std::string text(size, 'x');
+        const std::string packed = gzip(text, 0); // as long as the text and a little more
+        LogCapture log;
+        EXPECT_TRUE(decompressed(packed) == text);
+        EXPECT_EQ(log.count(VxLog_Error, L""), 0) << size;
+    }
+}
+
+TEST(CompressedStream, CopiesASourceThatGoesOnBehindTheMember) {
+    const std::string two = gzip("one") + gzip("two");
+    EXPECT_EQ(decompressed(two), "one"); // the second was read ahead and counts as read
+    const std::string longer = gzip("one") + sampleText(10'000);
+    EXPECT_TRUE(decompressed(longer) == longer);
+}
+
+TEST(CompressedStream, DecompressesFromWhereTheStreamsStand) {
+    const auto source = streamOf("skip" + gzip("inner"));
+    const auto target = streamOf("kept and cut");
+    source->seek(4, InMemoryIStream::Begin);
+    target->seek(5, InMemoryIStream::Begin);
+    EXPECT_EQ(DecompressStream(source.Get(), target.Get()), S_OK);
+    EXPECT_EQ(bytesOf(*target.Get()), "kept innerut");
+
+    source->seek(5, InMemoryIStream::Begin);
+    target->seek(5, InMemoryIStream::Begin);
+    EXPECT_EQ(DecompressStream(source.Get(), target.Get()), S_OK);
+    EXPECT_EQ(bytesOf(*target.Get()), "kept " + gzip("inner").substr(1));
+    EXPECT_EQ(DecompressStream(nullptr, target.Get()), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(DecompressStream(source.Get(), nullptr), STG_E_INVALIDPOINTER);
+}
+
+TEST(CompressedStream, ReportsAWriteThatFails) {
+    unsigned char memory[10]{};
+    Vexel::Storage::DynamicBuffer buffer;
+    buffer.data = memory;
+    buffer.capacity = sizeof memory;
+    buffer.ownsMemory = false;
+    ComPtr<InMemoryIStream> full;
+    *full.GetAddressOf() = new InMemoryIStream(std::move(buffer));
+    EXPECT_TRUE(FAILED(DecompressStream(streamOf(gzip(sampleText(1000))).Get(), full.Get())));
+}
+
+TEST(CompressedStream, MovesWithinInflatedBytesOnlyForward) {
+    const std::string text = sampleText(40'000);
+    COleStreamCompressFile file(true);
+    ASSERT_TRUE(file.OpenStream(streamOf(gzip(text)).Get()));
+    char byte = 0;
+    EXPECT_EQ(file.Seek(Origin::Current, 10), 0u);
+    file.ReadBytes(&byte, 1);
+    EXPECT_EQ(byte, text[10]);
+    EXPECT_EQ(file.Seek(Origin::Begin, 39'999), 0u);
+    file.ReadBytes(&byte, 1);
+    EXPECT_EQ(byte, text[39'999]);
+    EXPECT_GT(file.GetPosition(), 10'000u); // of the compressed bytes
+
+    constexpr int badSeek = CFileException::badSeek;
+    EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, -1); }), badSeek);
+    EXPECT_EQ(causeOf([&] { file.Seek(Origin::End, 0); }), badSeek);
+    EXPECT_EQ(causeOf([&] { file.SeekToEnd(); }), badSeek);
+    EXPECT_EQ(causeOf([&] { file.GetLength(); }), badSeek);
+    EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, 40'001); }), CFileException::endOfFile);
+    file.SetIgnoreEndOfFile(true);
+    EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, 1LL << 62); }), -1);
+}
+
+TEST(CompressedStream, PassesPlainBytesThrough) {
+    for (const std::string& text : {std::string(), std::string("\x1F"), sampleText(40'000)}) {
+        COleStreamCompressFile file(true);
+        ASSERT_TRUE(file.OpenStream(streamOf(text).Get()));
+        EXPECT_EQ(file.GetLength(), text.size());
+        EXPECT_TRUE(readAll(file, 20'000) == text);
+        EXPECT_EQ(file.Seek(Origin::End, 0), text.size());
+        EXPECT_EQ(file.GetPosition(), text.size());
+    }
+    COleStreamCompressFile raw(false);
+    const std::string packed = gzip("text");
+    ASSERT_TRUE(raw.OpenStream(streamOf(packed).Get()));
+    EXPECT_EQ(readAll(raw, 100), packed);
+}
+
+TEST(CompressedStream, ThrowsOnShortReadsUnlessTold) {
+    COleStreamCompressFile file(true);
+    ASSERT_TRUE(file.OpenStream(streamOf(gzip(sampleText(40))).Get()));
+    char buffer[100]{};
+    EXPECT_EQ(causeOf([&] { file.ReadBytes(buffer, 100); }), CFileException::endOfFile);
+    file.SeekToBegin();
+    EXPECT_FALSE(file.SetIgnoreEndOfFile(true));
+    EXPECT_EQ(file.ReadBytes(buffer, 100), 40u);
+    EXPECT_TRUE(file.SetIgnoreEndOfFile(false));
+    file.Close();
+    EXPECT_EQ(causeOf([&] { file.ReadBytes(buffer, 1); }), CFileException::endOfFile);
+    EXPECT_EQ(causeOf([&] { file.ReadBytes(buffer, 0); }), -1);
+}
+
+TEST(CompressedStream, OpensStreamsOfStructuredFiles) {
+    const Support::TempFolder folder;
+    const std::string packed = gzip("inner text");
+    Support::writeCompoundFile(folder.file(L"d"), {{L"Packed", packed}, {L"Plain", "plain text"}});
+    StorageRef document;
+    ASSERT_EQ(document.open({folder.file(L"d"), false, false}, RootStorageOpenMode::ReadWrite, false), S_OK);
+    const auto element = [](const wchar_t* text) { return SharedPathName(text, true, false); };
+
+    COleStreamCompressFile file(true);
+    for (const wchar_t* name : {L"Packed", L"Plain", L"Packed"}) { // one after the other
+        ASSERT_TRUE(file.OpenStream(document, element(name), COleStreamCompressFile::OpenReadOnly, nullptr));
+        EXPECT_EQ(readAll(file, 100), name[1] == L'a' ? "inner text" : "plain text");
+    }
+    CFileException error;
+    EXPECT_FALSE(file.OpenStream(document, element(L"None"), COleStreamCompressFile::OpenReadOnly, &error));
+    EXPECT_EQ(error.m_cause, CFileException::fileNotFound);
+    EXPECT_EQ(error.m_lOsError, ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(file.OpenStream(document, element(L"None"), COleStreamCompressFile::OpenReadOnly, nullptr));
+    EXPECT_FALSE(file.OpenStream(nullptr));
+    EXPECT_FALSE(file.OpenStream(StreamRef()));
+
+    StreamRef stream;
+    ASSERT_EQ(stream.open(L"Packed", document, true), S_OK);
+    StreamRef second = stream;
+    EXPECT_EQ(stream.Seek(Origin::Begin, 3), 3u);
+    COleStreamCompressFile there(true, stream);
+    EXPECT_EQ(readAll(there, 100), packed); // no gzip from there on: plain, from the begin
+    ASSERT_TRUE(there.OpenStream(std::move(second)));
+    EXPECT_EQ(readAll(there, 100), "inner text");
+
+    file.SetAutoOpenCompression(false);
+    ASSERT_TRUE(file.OpenStream(document, element(L"Packed"), COleStreamCompressFile::OpenReadOnly, nullptr));
+    EXPECT_EQ(file.GetLength(), packed.size());
+    EXPECT_TRUE(file.OpenCompression());
+    EXPECT_EQ(readAll(file, 100), "inner text");
+    file.SetAutoOpenCompression(true);
+    EXPECT_FALSE(
+        file.OpenStream(document, element(L"Plain"), COleStreamCompressFile::OpenForWriting, nullptr));
+}
+
+} // namespace
