@@ -51,25 +51,30 @@ public:
     explicit DocumentCopy(StorageRef target) : root_(std::move(target)) {}
 
     HRESULT run(const StorageRef& source) {
-        pending_.emplace_back(source, root_);
+        pending_.push_back({source, root_});
         HRESULT status = S_OK;
         while (SUCCEEDED(status) && !pending_.empty()) {
-            const auto [from, to] = std::move(pending_.back());
+            const Pair pair = std::move(pending_.back());
             pending_.pop_back();
-            status = copyChildren(from, to);
+            status = copyChildren(pair);
         }
         return status;
     }
 
 private:
+    struct Pair {
+        StorageRef from, to;
+    };
+
     static constexpr unsigned long long largestUncommitted = 64ULL << 20;
 
-    HRESULT copyChildren(const StorageRef& from, const StorageRef& to) {
+    HRESULT copyChildren(const Pair& pair) {
+        const auto& [from, to] = pair;
         copyClass(from, to);
         StorageEnumerator child;
         HRESULT status = child.reset(from);
         while (SUCCEEDED(status) && child.moveNext())
-            status = child.type() == StorageType::Storage ? copyStorage(from, to, child.name())
+            status = child.type() == StorageType::Storage ? copyStorage(pair, child.name())
                                                           : copyStream(from, to, child.name());
         if (SUCCEEDED(status) && FAILED(child.status()))
             return child.status(); // there may have been more
@@ -84,7 +89,8 @@ private:
             target->SetClass(info.clsid);
     }
 
-    HRESULT copyStorage(const StorageRef& from, const StorageRef& to, const SharedPathName& name) {
+    HRESULT copyStorage(const Pair& pair, const SharedPathName& name) {
+        const auto& [from, to] = pair;
         StorageRef source;
         HRESULT status = source.open(name, from, true);
         if (FAILED(status))
@@ -93,7 +99,7 @@ private:
         status = to.hasChild(name, StorageType::Storage) ? target.open(name, to, false)
                                                          : target.create(name, to, false);
         if (SUCCEEDED(status))
-            pending_.emplace_back(std::move(source), std::move(target));
+            pending_.push_back({std::move(source), std::move(target)});
         return status;
     }
 
@@ -124,8 +130,8 @@ private:
     }
 
     StorageRef root_;
-    std::vector<std::pair<StorageRef, StorageRef>> pending_; // what is copied, and to where
-    unsigned long long uncommitted_ = 0;                     // bytes
+    std::vector<Pair> pending_;
+    unsigned long long uncommitted_ = 0; // bytes
 };
 
 } // namespace

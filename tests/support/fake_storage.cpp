@@ -73,8 +73,9 @@ public:
     STDMETHODIMP SetSize(ULARGE_INTEGER size) override {
         return calls_.add(L"SetSize " + std::to_wstring(size.QuadPart));
     }
-    STDMETHODIMP CopyTo(::IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER*) override {
-        return E_NOTIMPL;
+    STDMETHODIMP CopyTo(::IStream*, ULARGE_INTEGER, ULARGE_INTEGER*, ULARGE_INTEGER* written) override {
+        *written = {};
+        return calls_.add(L"CopyTo");
     }
     STDMETHODIMP Commit(DWORD flags) override { return calls_.add(L"Commit", L"stream", flags); }
     STDMETHODIMP Revert() override { return E_NOTIMPL; }
@@ -144,7 +145,7 @@ public:
     }
     STDMETHODIMP Commit(DWORD flags) override { return calls_.add(L"Commit", L"storage", flags); }
     STDMETHODIMP Stat(STATSTG* info, DWORD flags) override { return stat(*info, flags); }
-    STDMETHODIMP CopyTo(DWORD, const IID*, SNB, IStorage*) override { return E_NOTIMPL; }
+    STDMETHODIMP CopyTo(DWORD, const IID*, SNB, IStorage*) override { return calls_.add(L"CopyTo"); }
     STDMETHODIMP MoveElementTo(const wchar_t*, IStorage*, const wchar_t*, DWORD) override {
         return E_NOTIMPL;
     }

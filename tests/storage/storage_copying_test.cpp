@@ -1,0 +1,304 @@
+// Copying storages between the formats.
+
+#include "support/compound_file.h"
+#include "support/fake_storage.h"
+#include "support/log_capture.h"
+
+#include <vexel/storage.h>
+
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <filesystem>
+#include <string>
+#include <vector>
+
+using Support::Element;
+
+namespace Support {
+static bool operator==(const Element& a, const Element& b) {
+    return a.path == b.path && a.contents == b.contents;
+}
+} // namespace Support
+
+namespace {
+
+constexpr CLSID someClass{0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
+
+void collect(const StorageRef& storage, const std::wstring& prefix, std::vector<Element>& elements) {
+    StorageEnumerator child;
+    ASSERT_EQ(child.reset(storage), S_OK);
+    while (child.moveNext()) {
+        const std::wstring path = prefix + child.name().asString();
+        if (child.type() == StorageType::Storage) {
+            StorageRef inner;
+            ASSERT_EQ(inner.open(child.name(), storage, true), S_OK);
+            elements.push_back({path + L"/", {}});
+            collect(inner, path + L"/", elements);
+            continue;
+        }
+        StreamRef stream;
+        ASSERT_EQ(stream.open(child.name(), storage, true), S_OK);
+        std::string bytes(static_cast<std::size_t>(stream.size()), '\0');
+        EXPECT_EQ(stream.ReadBytes(bytes.data(), bytes.size()), bytes.size());
+        if (path != L".clsid" && !path.ends_with(L"/.clsid"))
+            elements.push_back({path, bytes});
+    }
+}
+
+/// All elements, in the order of their paths; what holds a package's class is none.
+std::vector<Element> contents(const StorageRef& storage) {
+    std::vector<Element> elements;
+    collect(storage, L"", elements);
+    std::sort(elements.begin(), elements.end(),
+              [](const Element& a, const Element& b) { return a.path < b.path; });
+    return elements;
+}
+
+CLSID classOf(const StorageRef& storage) {
+    STATSTG info{};
+    EXPECT_EQ(storage.storage()->Stat(&info, STATFLAG_NONAME), S_OK);
+    return info.clsid;
+}
+
+class Copying : public testing::Test {
+protected:
+    void TearDown() override { StorageContainer::Instance().deleteUnusedObjects(); }
+    SharedPathName path(std::wstring_view name) const { return {folder_.file(name), false, false}; }
+    StorageRef open(std::wstring_view name, RootStorageOpenMode mode = RootStorageOpenMode::ReadOnly) const {
+        StorageRef root;
+        EXPECT_EQ(root.open(path(name), mode, false), S_OK);
+        return root;
+    }
+    StorageRef compound(const std::vector<Element>& elements) const {
+        Support::writeCompoundFile(folder_.file(L"compound"), elements);
+        return open(L"compound");
+    }
+    StorageRef package(std::wstring_view name = L"package") const {
+        StorageRef root;
+        EXPECT_EQ(root.create(path(name)), S_OK);
+        return root;
+    }
+
+    Support::TempFolder folder_;
+    LogCapture log_;
+};
+
+const std::vector<Element> document{{L"A name of thirty-one characters", "31"},
+                                    {L"Big", std::string(100'000, 'b')},
+                                    {L"Box/", {}},
+                                    {L"Box/Deep/", {}},
+                                    {L"Box/Deep/\u0416", "deep"},
+                                    {L"Box/Empty", ""},
+                                    {L"\1CompObj", "comp"}};
+
+std::vector<Element> sorted(std::vector<Element> elements) {
+    std::sort(elements.begin(), elements.end(),
+              [](const Element& a, const Element& b) { return a.path < b.path; });
+    return elements;
+}
+
+// With "\1Ole" the system copies, without the library does.
+TEST_F(Copying, MakesPackagesOfCompoundFiles) {
+    for (const bool foreign : {false, true}) {
+        SCOPED_TRACE(foreign);
+        std::vector<Element> elements = document;
+        if (foreign)
+            elements.push_back({L"\1Ole", "ole"});
+        {
+            Support::writeCompoundFile(folder_.file(L"compound"), elements);
+            const auto root = Support::openCompoundFile(
+                folder_.file(L"compound"), STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE);
+            Microsoft::WRL::ComPtr<IStorage> box;
+            ASSERT_EQ(root->OpenStorage(L"Box", nullptr,
+                                        STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, nullptr, 0,
+                                        &box),
+                      S_OK);
+            ASSERT_EQ(root->SetClass(someClass), S_OK);
+            ASSERT_EQ(box->SetClass(someClass), S_OK);
+            ASSERT_EQ(box->Commit(STGC_DEFAULT), S_OK);
+            ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
+        }
+        {
+            const StorageRef target = package();
+            EXPECT_EQ(open(L"compound").copyTo(target), S_OK);
+            EXPECT_EQ(target.commit(), S_OK);
+        }
+        StorageContainer::Instance().deleteUnusedObjects();
+        const StorageRef result = open(L"package");
+        EXPECT_EQ(result.format(), StorageFormat::Package);
+        EXPECT_TRUE(contents(result) == sorted(elements));
+        StorageRef box, deep;
+        ASSERT_EQ(box.open(L"Box", result, true), S_OK);
+        ASSERT_EQ(deep.open(L"Deep", box, true), S_OK);
+        EXPECT_TRUE(classOf(result) == someClass);
+        EXPECT_TRUE(classOf(box) == someClass);
+        EXPECT_TRUE(classOf(deep) == CLSID_NULL);
+    }
+}
+
+TEST_F(Copying, GoesBetweenAnyTwoFormats) {
+    const std::vector<Element> elements{
+        {L"Box/", {}}, {L"Box/Note", "note"}, {L"Long", std::string(9000, 'x')}};
+    const StorageRef first = package(L"first");
+    EXPECT_EQ(compound(elements).copyTo(first), S_OK);
+    const StorageRef second = package(L"second");
+    EXPECT_EQ(first.copyTo(second), S_OK);
+    EXPECT_TRUE(contents(second) == elements);
+    {
+        Support::writeCompoundFile(folder_.file(L"back"), {{L"Kept", "kept"}});
+        const StorageRef back = open(L"back", RootStorageOpenMode::ReadWrite);
+        EXPECT_EQ(second.copyTo(back), S_OK);
+        EXPECT_EQ(back.commit(), S_OK);
+    }
+    auto expected = elements;
+    expected.push_back({L"Kept", "kept"});
+    EXPECT_TRUE(sorted(Support::readCompoundFile(folder_.file(L"back"))) == sorted(expected));
+}
+
+TEST_F(Copying, JoinsStoragesAndReplacesStreams) {
+    const StorageRef target = package();
+    EXPECT_EQ(compound({{L"Box/Kept", "kept"}, {L"Note", "old"}}).copyTo(target), S_OK);
+    StorageContainer::Instance().deleteUnusedObjects();
+    EXPECT_EQ(compound({{L"Box/New", "new"}, {L"Note", "n"}}).copyTo(target), S_OK);
+    const std::vector<Element> expected{
+        {L"Box/", {}}, {L"Box/Kept", "kept"}, {L"Box/New", "new"}, {L"Note", "n"}};
+    EXPECT_TRUE(contents(target) == expected);
+}
+
+TEST_F(Copying, RefusesHandlesItCannotUse) {
+    const StorageRef root = compound(document);
+    EXPECT_EQ(root.copyTo(root), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(root.copyTo(StorageRef()), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(StorageRef().copyTo(root), STG_E_INVALIDPARAMETER);
+}
+
+TEST_F(Copying, ConvertingInPlaceIsForPackages) {
+    {
+        const StorageRef target = package();
+        EXPECT_EQ(compound(document).copyTo(target), S_OK);
+        EXPECT_EQ(target.commit(), S_OK);
+    }
+    StorageContainer::Instance().deleteUnusedObjects();
+    StorageRef root;
+    EXPECT_EQ(root.convert(path(L"compound"), RootStorageOpenMode::ReadWrite), STG_E_INVALIDFUNCTION);
+    EXPECT_TRUE(root.null());
+    EXPECT_TRUE(sorted(Support::readCompoundFile(folder_.file(L"compound"))) == sorted(document));
+    ASSERT_EQ(root.convert(path(L"package"), RootStorageOpenMode::ReadWrite), S_OK);
+    EXPECT_FALSE(root.readOnly());
+    EXPECT_TRUE(contents(root) == sorted(document));
+}
+
+TEST_F(Copying, IntoAStorageOpenForReadingFails) {
+    {
+        const StorageRef target = package();
+        StorageRef box;
+        EXPECT_EQ(box.create(L"Box", target, false), S_OK);
+        EXPECT_EQ(target.commit(), S_OK);
+    }
+    StorageContainer::Instance().deleteUnusedObjects();
+    const StorageRef root = compound({{L"\1Ole", ""}, {L"Note", "note"}});
+    EXPECT_EQ(root.copyTo(open(L"package")), STG_E_ACCESSDENIED);
+}
+
+// A document larger than what may wait in memory is in the file before anybody commits.
+TEST_F(Copying, CommitsOnTheWay) {
+    const std::vector<Element> elements{{L"A", std::string(64u << 20, 'a')}, {L"B", "b"}};
+    const StorageRef target = package();
+    EXPECT_EQ(compound(elements).copyTo(target), S_OK);
+    StorageRef first;
+    ASSERT_EQ(first.open(path(L"package"), RootStorageOpenMode::ReadOnlyDenyWrite, false), S_OK);
+    EXPECT_EQ(contents(first).size(), 1u);
+    first.close();
+    StorageContainer::Instance().deleteUnusedObjects();
+    EXPECT_EQ(target.commit(), S_OK);
+    StorageContainer::Instance().deleteUnusedObjects();
+    EXPECT_TRUE(contents(target) == elements);
+}
+
+class CopyingOfFakes : public Copying {
+protected:
+    CopyingOfFakes()
+        : source_(StorageRef::fromPtr(Support::fakeStorage(calls_).Get())),
+          target_(StorageRef::fromPtr(Support::fakeStorage(targetCalls_).Get())) {
+        calls_.take();
+        targetCalls_.take();
+    }
+    ~CopyingOfFakes() override {
+        StorageContainer::Instance().setDeleteUnusedObjectsCallback(nullptr);
+        source_.close();
+        target_.close();
+        StorageContainer::Instance().deleteUnusedObjects(); // the fakes, before what they write to
+    }
+
+    Support::FakeCalls calls_, targetCalls_;
+    StorageRef source_, target_;
+};
+
+TEST_F(CopyingOfFakes, IsTriedOnceMoreWhereThatHelps) {
+    StorageContainer::Instance().setDeleteUnusedObjectsCallback([] { return true; });
+    const std::wstring once = L"CopyTo\n", twice = L"CopyTo\nCopyTo\n", commit = L"Commit storage 0x2\n";
+    const struct {
+        const char* name;
+        std::map<size_t, HRESULT> copies, commits;
+        std::wstring calls, targetCalls;
+        HRESULT result;
+    } cases[] = {
+        {"success", {}, {}, once, L"", S_OK},
+        {"memory once", {{0, E_OUTOFMEMORY}}, {}, once, L"", E_OUTOFMEMORY},
+        {"memory of any facility", {{0, HRESULT_FROM_WIN32(8)}}, {}, twice, commit, S_OK},
+        {"files twice",
+         {{0, STG_E_TOOMANYOPENFILES}, {1, HRESULT_FROM_WIN32(8)}},
+         {},
+         twice,
+         commit,
+         STG_E_INSUFFICIENTMEMORY},
+        {"files, and no commit",
+         {{0, STG_E_TOOMANYOPENFILES}},
+         {{0, STG_E_MEDIUMFULL}},
+         once,
+         commit,
+         STG_E_TOOMANYOPENFILES},
+        {"shared, but a root", {{0, STG_E_SHAREVIOLATION}}, {}, once, L"", STG_E_SHAREVIOLATION},
+        {"another", {{0, STG_E_READFAULT}}, {}, once, L"", STG_E_READFAULT},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        calls_.failures = test.copies;
+        targetCalls_.failures = test.commits;
+        EXPECT_EQ(source_.copyTo(target_), test.result);
+        EXPECT_EQ(calls_.take(), test.calls);
+        EXPECT_EQ(targetCalls_.take(), test.targetCalls);
+    }
+}
+
+TEST_F(CopyingOfFakes, EndsWhereStoragesDoNot) {
+    calls_.elements = {{L"Next", STGTY_STORAGE}};
+    calls_.failures = {{0, STG_E_FILENOTFOUND}};                 // there is no "\1Ole"
+    EXPECT_EQ(source_.copyTo(package()), STG_E_INVALIDFUNCTION); // handles go only so deep
+}
+
+// A part is not taken for the whole, whatever fails.
+TEST_F(CopyingOfFakes, AFailingListingFailsTheCopy) {
+    calls_.elements = {{L"First", STGTY_STREAM}, {L"Second", STGTY_STREAM}};
+    calls_.failures = {{0, STG_E_FILENOTFOUND}}; // there is no "\1Ole"
+    size_t failures = 0;
+    for (size_t at = 1;; ++at) {
+        const StorageRef target = package(L"package" + std::to_wstring(at));
+        calls_.take();
+        calls_.failures = {{0, STG_E_FILENOTFOUND}, {at, STG_E_READFAULT}};
+        const long status = source_.copyTo(target);
+        const size_t calls = calls_.log.size();
+        if (calls <= at)
+            break;
+        const std::wstring& call = calls_.log[at];
+        if (!call.starts_with(L"Stat") && !call.starts_with(L"Seek") && !call.starts_with(L"~")) {
+            EXPECT_EQ(status, STG_E_READFAULT) << at;
+            ++failures;
+        }
+        source_.deleteUnusedObjects();
+    }
+    EXPECT_GE(failures, 6u);
+}
+
+} // namespace
