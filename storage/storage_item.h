@@ -117,7 +117,7 @@ public:
     /// The node's interface, borrowed; opens a closed node for reading. Null when that fails.
     IStorage* storage();
     bool isOpen() const noexcept { return storage_ != nullptr; }
-    /// Opens a closed node as it was open last.
+    /// Opens a closed node for reading.
     long ensureOpen();
 
     /// Opens the node and the storages above it. An open node stays as it is, unless it is open for reading

@@ -76,8 +76,13 @@ bool VxStorage::deleteUnusedObjects(bool keepObjects) {
 }
 
 long VxStorage::commit() {
-    const HRESULT status = ensureOpen();
-    return FAILED(status) ? status : storage_->Commit(STGC_ONLYIFCURRENT);
+    HRESULT status = ensureOpen();
+    if (SUCCEEDED(status))
+        status = storage_->Commit(STGC_ONLYIFCURRENT);
+    // A new package is a file from its first commit on. Memory that is missing to look does not undo that.
+    if (SUCCEEDED(status) && !parent_)
+        withStatus([this] { return name_.updateFileExists(), S_OK; });
+    return status;
 }
 
 long VxStorage::stat(FILETIME* created, FILETIME* modified) {

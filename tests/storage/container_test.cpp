@@ -130,6 +130,12 @@ TEST_F(Container, MissingFilesAreAskedForOnce) {
     missing.updateFileExists();
     EXPECT_EQ(openings(modeRead, S_OK), 2);
     root.close();
+    const SharedPathName made(folder_.file(L"made"), false, false);
+    EXPECT_EQ(root.open(made, modeRead, false), STG_E_FILENOTFOUND);
+    EXPECT_EQ(root.create(made), S_OK);
+    EXPECT_TRUE(StreamRef().create(L"Note", root) == S_OK && root.commit() == S_OK);
+    EXPECT_EQ(root.open(made, modeReadDenyWrite, false), S_OK) << "made by us";
+    root.close();
     const SharedPathName text(folder_.file(L"text"), false, false);
     Support::writeFile(text.asString(), "text");
     for (int i = 0; i < 2; ++i)
@@ -270,6 +276,10 @@ TEST_F(Container, WrappedInterfacesComeBackAfterTheirLastHandle) {
     EXPECT_TRUE(container().deleteUnusedObjects());
     storage->AddRef();
     EXPECT_EQ(storage->Release(), 1u);
+
+    StorageRef temporary;
+    ASSERT_EQ(temporary.createTemporary(false), S_OK);
+    EXPECT_EQ(StorageRef::fromPtr(temporary.storage()), temporary) << "a package stays one";
 }
 
 TEST_F(Container, OpenCloseAndCleanUpOnManyThreads) {
