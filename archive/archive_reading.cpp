@@ -2,6 +2,7 @@
 
 #include "archive/archive_private.h"
 
+#include <iterator>
 #include <utility>
 #include <vector>
 
@@ -29,7 +30,7 @@ void SZipArchivePrivate::refresh(SZipArchiveItem& item, unsigned index) const no
     item.isAnti_ = records.IsItemAnti(index);
     if (item.isDirectory_)
         item.contents_.Reset();
-    else
+    else if (item.contents_)
         item.flush();
 }
 
@@ -47,8 +48,10 @@ void SZipArchivePrivate::takeOver(Database fresh) {
     ItemMap added;
     std::vector<std::pair<SZipArchiveItem*, unsigned>> records;
     records.reserve(fresh->count());
-    // Archives mostly list their items in our order, so the next one is most likely the one that is wanted.
+    // Archives list their items in our order, or directory by directory: the next one is most likely the one
+    // that is wanted, and a new one belongs behind the last.
     auto next = items.begin();
+    auto place = added.end();
     for (unsigned i = 0; i < fresh->count(); ++i) {
         const std::wstring_view path = fresh->path(i);
         if (next == items.end() || StringLess::view(next->first) != path)
@@ -56,13 +59,19 @@ void SZipArchivePrivate::takeOver(Database fresh) {
         SZipArchiveItem* item = nullptr;
         if (next != items.end())
             item = &next++->second;
-        else
-            item = &added.try_emplace(added.end(), toString(path), *this, false)->second;
+        else {
+            const auto made = added.try_emplace(place, toString(path), *this, false);
+            item = &made->second;
+            place = std::next(made);
+        }
         records.emplace_back(item, i);
     }
     forgetOldIndices();
     database = std::move(fresh);
-    items.merge(added);
+    if (items.empty())
+        items.swap(added); // merging would look each place up again
+    else
+        items.merge(added);
     for (const auto& [item, index] : records)
         refresh(*item, index);
     *changed = false;

@@ -1,0 +1,157 @@
+// Archives and packages as their users see them: opening, reading and saving through SZipArchive against the
+// engine and the system, reading through the handles against SZipArchive.
+
+#include "support/archives.h"
+#include "support/ratio.h"
+
+#include <vexel/archive.h>
+#include <vexel/storage.h>
+
+using namespace Vexel::Bench;
+
+namespace {
+
+constexpr unsigned kManyItems = 100'000;
+constexpr unsigned kSomeItems = 10'000;
+constexpr unsigned kChangedItems = 1000;
+constexpr unsigned kStreams = 5000;
+constexpr std::size_t kSmallItem = 2048;
+constexpr std::size_t kPackedItem = 3000;
+
+void open(benchmark::State& state, const wchar_t* path) {
+    for (auto _ : state) {
+        SZipArchive archive(path, true, true);
+        require(archive.reload());
+        std::size_t characters = 0;
+        for (const auto& [name, item] : archive.items())
+            characters += static_cast<std::size_t>(name.GetLength());
+        benchmark::DoNotOptimize(characters);
+    }
+}
+
+void change(SZipArchive& archive, unsigned index, const unsigned char* bytes, std::size_t size) {
+    ComPtr<::IStream> stream;
+    require(archive.createFile(&stream, nameOf(index), false, true));
+    require(stream->Write(bytes, static_cast<ULONG>(size), nullptr));
+}
+
+/// Saves an archive with these items after their contents have changed.
+void save(benchmark::State& state, const wchar_t* path, unsigned first, unsigned count,
+          const std::vector<unsigned char>& bytes, std::size_t size) {
+    SZipArchive archive(path, false, true);
+    require(archive.reload());
+    unsigned round = 0;
+    for (auto _ : state) {
+        state.PauseTiming();
+        ++round;
+        for (unsigned i = 0; i < count; ++i)
+            change(archive, first + i, bytes.data() + (i * size + i + round) % (bytes.size() - size), size);
+        state.ResumeTiming();
+        require(archive.save(true));
+    }
+}
+
+void updateBare(benchmark::State& state, const std::vector<unsigned char>& bytes) {
+    const ScratchFile file(L"updated.7z");
+    const auto entries = newEntries(kChangedItems, bytes, kSmallItem);
+    for (auto _ : state) {
+        file.write(entries, nullptr);
+        file.remove(state);
+    }
+}
+
+// Reading every stream.
+
+void readItems(benchmark::State& state, const wchar_t* path) {
+    std::vector<char> buffer(kSmallItem);
+    for (auto _ : state) {
+        SZipArchive archive(path, true, true);
+        require(archive.reload());
+        std::size_t total = 0;
+        for (const auto& [name, item] : archive.items()) {
+            if (item.isDirectory())
+                continue;
+            ComPtr<::IStream> stream;
+            require(archive.extractFile(&stream, name));
+            ULONG done = 0;
+            stream->Read(buffer.data(), static_cast<ULONG>(buffer.size()), &done);
+            total += done;
+        }
+        require(total == kStreams * kSmallItem ? S_OK : E_FAIL);
+    }
+}
+
+// NOLINTNEXTLINE(misc-no-recursion): two storages deep
+std::size_t readStorage(const StorageRef& storage, std::vector<char>& buffer) {
+    std::size_t total = 0;
+    StorageEnumerator child;
+    require(child.reset(storage));
+    while (child.moveNext()) {
+        if (child.type() == StorageType::Storage) {
+            StorageRef inner;
+            require(inner.open(child.name(), storage, true));
+            total += readStorage(inner, buffer);
+            continue;
+        }
+        StreamRef stream;
+        require(stream.open(child.name(), storage, true));
+        total += stream.ReadBytes(buffer.data(), buffer.size());
+    }
+    return total;
+}
+
+void readStreams(benchmark::State& state, const wchar_t* path) {
+    std::vector<char> buffer(kSmallItem);
+    for (auto _ : state) {
+        {
+            StorageRef root;
+            require(root.open(SharedPathName(path, false, false), RootStorageOpenMode::ReadOnly, false));
+            require(readStorage(root, buffer) == kStreams * kSmallItem ? S_OK : E_FAIL);
+        }
+        StorageContainer::Instance().deleteUnusedObjects();
+    }
+}
+
+/// With an item for each directory, as the handles need them.
+std::unique_ptr<ScratchFile> packageOf(const wchar_t* name, unsigned count,
+                                       const std::vector<unsigned char>& bytes, std::size_t size) {
+    auto file = std::make_unique<ScratchFile>(name);
+    SZipArchive archive(file->path(), false, true);
+    for (unsigned i = 0; i < count; ++i) {
+        const CString item = nameOf(i);
+        require(archive.createDirectory(item.Left(item.Find(L'/')), false, false));
+        change(archive, i, bytes.data() + (i * size + i) % (bytes.size() - size), size);
+    }
+    require(archive.save(true));
+    return file;
+}
+
+} // namespace
+
+int main(int argc, char** argv) {
+    start();
+    Vexel::Bench::Suite suite;
+    const auto text = someBytes(std::size_t{16} << 20, false);
+    const auto noise = someBytes(std::size_t{16} << 20, true);
+    const auto many = archiveOf(L"many.7z", kManyItems, text, 20);
+    suite.compare(
+        "open and list 100,000 items", 1.6, [&](auto& state) { open(state, many->path()); },
+        [&](auto& state) { readDatabaseBare(state, many->path()); });
+    const auto packed = packageOf(L"packed.7z", kSomeItems, noise, kPackedItem);
+    const auto saved = packageOf(L"saved.7z", kSomeItems, noise, kPackedItem);
+    suite.compare(
+        "save 30 MB with one changed item of 10,000", 5,
+        [&](auto& state) { save(state, saved->path(), 4711, 1, noise, kPackedItem); },
+        [&](auto& state) { copyFile(state, packed->path()); });
+    const auto changed = packageOf(L"changed.7z", kChangedItems, text, kSmallItem);
+    suite.compare(
+        "save 1,000 changed items of 2 KiB", 1.05,
+        [&](auto& state) { save(state, changed->path(), 0, kChangedItems, text, kSmallItem); },
+        [&](auto& state) { updateBare(state, text); });
+    const auto package = packageOf(L"package.7z", kStreams, text, kSmallItem);
+    suite.compare(
+        "open a package and read its 5,000 streams", 1.1,
+        [&](auto& state) { readStreams(state, package->path()); },
+        [&](auto& state) { readItems(state, package->path()); });
+    return suite.run(argc, argv);
+}
