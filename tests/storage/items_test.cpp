@@ -157,32 +157,22 @@ TEST_F(Items, ReopenTheChainToWriteAStream) {
 }
 
 TEST_F(Items, OneItemForEachNode) {
-    const auto first = storage(L"a");
+    auto first = storage(L"a");
     EXPECT_EQ(storage(L"a").get(), first.get());
-    const auto inner = storage(L"b", *first.get());
-    EXPECT_EQ(inner->parent(), first.get());
-    EXPECT_EQ(inner->root(), &root_);
+    const auto inner = stream(L"b", *first.get());
+    EXPECT_TRUE(inner->parent() == first.get() && inner->root() == &root_);
+    EXPECT_EQ(root_.addRef(), 3) << "one for each below";
+    EXPECT_EQ(root_.release(), 2);
+    const VxStorage* const unreferenced = std::exchange(first, {}).get();
     root_.deleteUnusedObjects(false);
-    EXPECT_EQ(storage(L"a").get(), first.get());
+    EXPECT_TRUE(inner->isOpen() && inner->parent()->isOpen()) << "what holds a used node is in use";
+    EXPECT_EQ(storage(L"a").get(), unreferenced);
 
     const auto lazy = root_.openChildStorage(elementName(L"c"), true, true, &status_);
     EXPECT_EQ(calls_.take(), L"") << "not looked for";
     EXPECT_TRUE(lazy && !lazy->isOpen());
     EXPECT_TRUE(root_.hasChild(elementName(L"c"), StorageType::Storage));
     EXPECT_FALSE(root_.hasChild(elementName(L"c"), StorageType::Stream));
-}
-
-TEST_F(Items, CountOnTheirRootToo) {
-    auto first = storage(L"a");
-    const auto second = stream(L"b", *first.get());
-    EXPECT_EQ(root_.addRef(), 3);
-    EXPECT_EQ(root_.release(), 2);
-    EXPECT_EQ(first->addRef(), 2);
-    EXPECT_EQ(first->release(), 1);
-    first = {};
-    EXPECT_TRUE(root_.referenced());
-    root_.deleteUnusedObjects(false);
-    EXPECT_TRUE(second->isOpen() && second->parent()->isOpen()) << "what holds a used node is in use";
 }
 
 TEST_F(Items, MakeWayForTheOtherType) {
