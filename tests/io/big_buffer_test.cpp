@@ -113,6 +113,7 @@ TEST_F(BigBuffers, TakeTheKeptBytesAlongWhenTheyGrow) {
     EXPECT_EQ(bytes[0], 'a');
     EXPECT_EQ(bytes[kept - 1], 'a');
     EXPECT_TRUE(endsAfter(first.data(), kept * 8));
+    EXPECT_EQ(first.reallocate(kept * 8), bytes);
     EXPECT_EQ(taken(), (Sizes{kept, 10, 20, kept * 2, kept * 4, kept * 8}));
     EXPECT_EQ(blocks.size(), 2U);
     first.clear();

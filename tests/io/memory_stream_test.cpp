@@ -187,9 +187,14 @@ TEST(MemoryStream, TakesWhatMemoryThereIs) {
         EXPECT_EQ(stream->write(more.data(), 0), 0U);
         EXPECT_EQ(stream->size(), 1024U) << "beyond the memory nothing changes";
         EXPECT_EQ(stream->position(), 1025U);
+        EXPECT_TRUE(stream->resize(1000));
+        EXPECT_EQ(seek(stream.Get(), 1024, STREAM_SEEK_SET, position), S_OK);
+        EXPECT_EQ(stream->Write(more.data(), 1, &done), STG_E_INSUFFICIENTMEMORY);
+        EXPECT_EQ(stream->size(), 1024U) << "reaches to the position where the memory ends";
     }
     EXPECT_EQ(contents(stream), std::string(100, 'x') + std::string(924, 'y'));
 
+    EXPECT_TRUE(stream->resize(3001));
     unsigned long long position = 0;
     for (const unsigned long long at : {limit / 2, limit - 1}) {
         EXPECT_EQ(seek(stream.Get(), LLONG_MAX, at > limit / 2 ? STREAM_SEEK_CUR : STREAM_SEEK_SET, position),
@@ -200,7 +205,9 @@ TEST(MemoryStream, TakesWhatMemoryThereIs) {
     }
     EXPECT_FALSE(stream->resize(limit));
     EXPECT_EQ(stream->SetSize({.QuadPart = limit / 2 + 1}), STG_E_INSUFFICIENTMEMORY);
-    EXPECT_EQ(stream->size(), 1024U);
+    EXPECT_EQ(stream->size(), 3001U);
+    EXPECT_EQ(stream->capacity(), 3001U);
+    EXPECT_EQ(stream->seek(LLONG_MAX, InMemoryIStream::Current), 3001U) << "does not wrap";
 
     ::IStream* clone = stream.Get();
     AtMainAllocation(0, [] { throw std::bad_alloc(); });
@@ -261,10 +268,6 @@ TEST(MemoryStream, SeeksInTwoWays) {
     EXPECT_EQ(stream->data(), nullptr);
     EXPECT_EQ(stream->seek(LLONG_MAX, InMemoryIStream::Current), 5U) << "back into the range";
     EXPECT_EQ(seek(stream.Get(), 10, STREAM_SEEK_END, position), S_OK);
-    ULONG done = 7;
-    char byte = 0;
-    EXPECT_EQ(stream->Write(&byte, 0, &done), S_OK);
-    EXPECT_EQ(stream->size(), 5U) << "a write of nothing does not extend";
     EXPECT_EQ(stream->Write("x", 1, nullptr), S_OK);
     EXPECT_EQ(stream->size(), 16U);
 }
@@ -344,12 +347,19 @@ TEST(MemoryStream, TakesBuffersOver) {
     const auto left = adopt(new InMemoryIStream(std::move(owned))); // NOLINT(bugprone-use-after-move)
     EXPECT_EQ(left->size() + left->capacity(), 0U);
 
-    unsigned char bytes[8] = {'a', 'b', 'c', 'd'};
+    static unsigned char bytes[8] = {'a', 'b', 'c', 'd'};
+    const ScarceHeap watched(0);
+    memorySource.free = [](void* freed) noexcept {
+        EXPECT_NE(freed, bytes);
+        std::free(freed);
+    };
     DynamicBuffer borrowed;
     borrowed.data = bytes;
     borrowed.size = 4;
     borrowed.capacity = sizeof bytes;
     borrowed.ownsMemory = false;
+    EXPECT_EQ(adopt(new InMemoryIStream(DynamicBuffer(std::move(borrowed))))->size(), 4U);
+    borrowed.data = bytes; // NOLINT(bugprone-use-after-move)
     const auto view = adopt(new InMemoryIStream(std::move(borrowed)));
     EXPECT_FALSE(view->resize(4));
     EXPECT_EQ(view->SetSize({.QuadPart = 1}), STG_E_INSUFFICIENTMEMORY);
@@ -406,8 +416,10 @@ TEST(MemoryStream, AnswersWhatItCannotDo) {
     const auto stream = streamOf("01234");
     ULONG done = 7;
     EXPECT_EQ(stream->Read(nullptr, 1, &done), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(std::exchange(done, 7U), 0U);
     EXPECT_EQ(stream->Write(nullptr, 0, &done), STG_E_INVALIDPOINTER);
     EXPECT_EQ(done, 0U);
+    EXPECT_EQ(stream->read(nullptr, 1) + stream->write(nullptr, 1), 0U);
     EXPECT_EQ(stream->Stat(nullptr, 0), STG_E_INVALIDPOINTER);
     EXPECT_EQ(stream->Clone(nullptr), STG_E_INVALIDPOINTER);
     EXPECT_EQ(stream->Commit(0), S_OK);
