@@ -76,13 +76,6 @@ TEST_F(SubStreams, ShowARangeOfRealBytes) {
     EXPECT_EQ(range->Stat(&entry, STATFLAG_NONAME), S_OK);
     EXPECT_EQ(entry.cbSize.QuadPart, 10U);
     EXPECT_EQ(entry.type, static_cast<DWORD>(STGTY_STREAM));
-
-    const auto target = adopt(new InMemoryIStream());
-    EXPECT_EQ(seek(range.Get(), -4, STREAM_SEEK_END), S_OK);
-    ULARGE_INTEGER copied{}, written{};
-    EXPECT_EQ(range->CopyTo(target.Get(), {.QuadPart = limit}, &copied, &written), S_OK);
-    EXPECT_TRUE(copied.QuadPart == 4 && written.QuadPart == 4 && target->size() == 4);
-    EXPECT_EQ(position(range.Get()), 10U);
 }
 
 TEST_F(SubStreams, SeekWithinTheRange) {
@@ -92,33 +85,35 @@ TEST_F(SubStreams, SeekWithinTheRange) {
         HRESULT status;
         unsigned long long reached; // from 3
     };
-    constexpr HRESULT bad = STG_E_INVALIDFUNCTION;
+    constexpr HRESULT bad = STG_E_INVALIDFUNCTION, good = S_FALSE; // as the base answers
+    base_->status = good;
     for (const auto& [move, origin, status, reached] : {
-             Case{0, STREAM_SEEK_SET, S_OK, 0},
-             Case{10, STREAM_SEEK_SET, S_OK, 10},
+             Case{0, STREAM_SEEK_SET, good, 0},
+             Case{10, STREAM_SEEK_SET, good, 10},
              Case{11, STREAM_SEEK_SET, bad, 3},
              Case{-1, STREAM_SEEK_SET, bad, 3},
              Case{LLONG_MAX, STREAM_SEEK_SET, bad, 3},
              Case{LLONG_MIN, STREAM_SEEK_SET, bad, 3},
-             Case{7, STREAM_SEEK_CUR, S_OK, 10},
+             Case{7, STREAM_SEEK_CUR, good, 10},
              Case{8, STREAM_SEEK_CUR, bad, 3},
-             Case{-3, STREAM_SEEK_CUR, S_OK, 0},
+             Case{-3, STREAM_SEEK_CUR, good, 0},
              Case{-4, STREAM_SEEK_CUR, bad, 3},
              Case{LLONG_MIN, STREAM_SEEK_CUR, bad, 3},
-             Case{0, STREAM_SEEK_END, S_OK, 10},
-             Case{-10, STREAM_SEEK_END, S_OK, 0},
+             Case{0, STREAM_SEEK_END, good, 10},
+             Case{-10, STREAM_SEEK_END, good, 0},
              Case{-11, STREAM_SEEK_END, bad, 3},
              Case{1, STREAM_SEEK_END, bad, 3},
              Case{LLONG_MIN, STREAM_SEEK_END, bad, 3},
              Case{0, 3, bad, 3},
          }) {
-        ASSERT_EQ(seek(range_.Get(), 3), S_OK);
+        ASSERT_EQ(seek(range_.Get(), 3), good);
         base_->take();
         ULARGE_INTEGER told{.QuadPart = 3};
         EXPECT_EQ(range_->Seek({.QuadPart = move}, origin, &told), status) << move << " " << origin;
         EXPECT_EQ(told.QuadPart, reached);
-        EXPECT_EQ(base_->take(), status == S_OK ? "Seek " + std::to_string(100 + reached) + " 0, " : "");
+        EXPECT_EQ(base_->take(), status == good ? "Seek " + std::to_string(100 + reached) + " 0, " : "");
         EXPECT_EQ(position(range_.Get()), reached);
+        EXPECT_EQ(seek(range_.Get(), 0, STREAM_SEEK_CUR), S_OK);
         EXPECT_EQ(base_->take(), "") << "asking for the position does not touch the base";
     }
     base_->status = STG_E_REVERTED;
@@ -150,7 +145,7 @@ TEST_F(SubStreams, GoByWhatTheBaseMoves) {
     ULARGE_INTEGER copied{}, written{};
     EXPECT_EQ(range_->CopyTo(nullptr, {.QuadPart = limit}, &copied, &written), S_OK);
     EXPECT_EQ(base_->take(), "Seek 104 0, CopyTo 6, ");
-    EXPECT_EQ(copied.QuadPart, 11U);
+    EXPECT_TRUE(copied.QuadPart == 11 && written.QuadPart == 11);
     EXPECT_EQ(position(range_.Get()), 10U) << "what it claims beyond the range does not wrap";
     EXPECT_EQ(seek(range_.Get(), 0), S_OK);
     EXPECT_EQ(range_->CopyTo(nullptr, {.QuadPart = 3}, nullptr, nullptr), S_OK);
