@@ -1,3 +1,4 @@
+#include "io/com_pointer.h"
 #include "support/compound_file.h"
 
 #include <vexel/path_name.h>
@@ -26,8 +27,7 @@ using ReadFlag = SharedPathName::ReadFlag;
 using ReadFlags = Vexel::FlagSet<ReadFlag>;
 
 ComPtr<IStream> systemStream(std::string_view bytes) {
-    ComPtr<IStream> stream;
-    stream.Attach(SHCreateMemStream(nullptr, 0));
+    ComPtr<IStream> stream = Vexel::Detail::adopt(SHCreateMemStream(nullptr, 0));
     stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
     stream->Seek({}, STREAM_SEEK_SET, nullptr);
     return stream;
@@ -220,9 +220,9 @@ TEST(PathNameSerialisation, GoesThroughAStreamOfADocument) {
     ab.write(stream, 3655, SharedPathName::ConvertVersion);
     VxwWriteCArchiveString(stream, L"archived");
     stream.SeekToBegin();
-    for (int i = 0; i < 2; ++i) {
+    for (const unsigned version : {3655U, 3688U}) {
         SharedPathName name;
-        name.read(static_cast<const StreamRef&>(stream), 3688, SharedPathName::ConvertVersion,
+        name.read(static_cast<const StreamRef&>(stream), version, SharedPathName::ConvertVersion,
                   ReadFlag::CaseSensitive);
         EXPECT_EQ(name, ab);
     }
