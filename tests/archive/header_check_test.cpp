@@ -6,6 +6,7 @@
 #include "archive/header_check.h"
 #include "archive/header_stream.h"
 #include "io/com_pointer.h"
+#include "support/scarce_memory.h"
 
 #include <windows.h>
 
@@ -16,29 +17,10 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstdlib>
 #include <cstring>
 #include <fstream>
 #include <iterator>
-#include <new>
 #include <string>
-
-namespace {
-
-std::size_t allocated = 0; // since it was last set to 0, whatever was freed in between
-
-} // namespace
-
-void* operator new(std::size_t size) {
-    allocated += size;
-    void* memory = std::malloc(size > 0 ? size : 1);
-    return memory ? memory : throw std::bad_alloc();
-}
-void* operator new[](std::size_t size) { return operator new(size); }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
 
 namespace {
 
@@ -154,11 +136,12 @@ std::string contents(const CDbEx& db) {
 void expectFault(const char* name, const std::string& file, HeaderFault fault, unsigned reads = ~0U) {
     SCOPED_TRACE(name);
     Input input(file, reads);
-    allocated = 0;
+    const std::size_t before = AllocatedBytes();
     const HeaderVerdict verdict = checkHeaders(input);
     EXPECT_EQ(verdict.fault, fault) << verdict.what;
     EXPECT_EQ(SUCCEEDED(verdict.status), fault == HeaderFault::None);
-    EXPECT_LE(allocated, 10000 * file.size()); // as much as the largest header that such a file could hold
+    EXPECT_LE(AllocatedBytes() - before,
+              10000 * file.size()); // as much as the largest header that such a file could hold
 }
 
 TEST(HeaderCheck, PassesWhatTheEngineReads) {
@@ -252,9 +235,9 @@ void judge(const std::string& file) {
     const std::size_t size = header.size;
     CDbEx database;
     database.Clear();
-    allocated = 0;
+    const std::size_t before = AllocatedBytes();
     EXPECT_EQ(readChecked(std::move(header), database), S_OK);
-    EXPECT_LE(allocated, 20 * size + 2000);
+    EXPECT_LE(AllocatedBytes() - before, 20 * size + 2000);
 }
 
 TEST(HeaderCheck, LetsNoDamageThrough) {

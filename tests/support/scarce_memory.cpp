@@ -10,6 +10,7 @@
 namespace {
 
 std::atomic<int> failures{0};
+std::atomic<std::size_t> allocated{0};
 const DWORD mainThread = GetCurrentThreadId();
 
 // The main thread's alone.
@@ -36,7 +37,10 @@ void AtMainAllocation(int skipped, void (*event)()) noexcept {
     allocationEvent = event;
 }
 
+std::size_t AllocatedBytes() noexcept { return allocated; }
+
 void* operator new(std::size_t size) {
+    allocated += size;
     void* memory = MayAllocate() ? std::malloc(size > 0 ? size : 1) : nullptr;
     return memory ? memory : throw std::bad_alloc();
 }
