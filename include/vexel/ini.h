@@ -1,0 +1,169 @@
+#pragma once
+
+/// Settings files of the classic form: sections in brackets, and lines of key and value.
+///
+///     [Window]
+///     ; a comment
+///     Width = 800
+///     Title = ' in blanks '
+///
+/// In memory, sections and keys keep the order in which they were first added, and the spelling; they are
+/// found without regard to case, as the C library's `_wcsnicmp` compares. Values are text, and numbers only
+/// on access. Objects are copied by value, and belong to one thread at a time; setting LC_CTYPE between two
+/// calls may let keys be missed. Exhausted memory throws (std::bad_alloc, CMemoryException*) and leaves what
+/// was there.
+///
+/// Reading a file, line by line, in any encoding of files.h:
+///  - White space at both ends of a line does not count. Empty lines and those that begin with ";" are
+///    skipped; a ";" further on is part of the text.
+///  - "[name]" begins or continues a section; the name is all between the brackets, which must not be empty.
+///  - Other lines hold a key, "=" and a value, without the white space around the "=". The key must not be
+///    empty. A pair of equal quotes, ' or ", around the value is removed.
+///  - Of equal keys in a section the first gives the spelling and the last the value.
+///  - A line that is none of these makes reading fail, and so does an entry before the first section.
+///
+/// Writing: UTF-8 without a byte-order mark, lines ended by a line feed. What is written is not quoted, so
+/// these do not come back as they were: values with white space at an end or in quotes; keys and values with
+/// line ends or zeros; keys that hold "=" or begin with "[" or ";"; names that are empty; lone surrogates.
+
+#include <vexel/export.h>
+#include <vexel/framework.h>
+
+#include <cstddef>
+#include <optional>
+#include <string_view>
+#include <unordered_map>
+#include <utility>
+#include <vector>
+
+namespace vxio {
+
+/// Where names are in a list, by a hash that does not tell case apart; empty while it is not known. The
+/// library's own.
+using NamePlaces = std::unordered_multimap<std::size_t, std::size_t>;
+
+/// A section: entries of key and value. References and iterators hold until an entry is added or removed.
+class VEXEL_API IniFileSection {
+public:
+    using Entries = std::vector<std::pair<CStringW, CStringW>>;
+
+    const Entries& GetEntries() const noexcept { return entries_; }
+    Entries::const_iterator begin() const noexcept { return entries_.begin(); }
+    Entries::const_iterator end() const noexcept { return entries_.end(); }
+    bool IsEmpty() const noexcept { return entries_.empty(); }
+
+    /// Replaces the value of the key, or appends the entry.
+    IniFileSection& SetString(std::wstring_view key, const CStringW& value);
+    IniFileSection& SetString(const CStringW& key, const CStringW& value);
+    /// Without it, a literal would as soon be taken for the one as for the other; so with the next ones.
+    IniFileSection& SetString(const wchar_t* key, const CStringW& value) {
+        return SetString(std::wstring_view(key), value);
+    }
+    IniFileSection& SetInt(std::wstring_view key, int value);
+    /// As the shortest text that reads back to the same value; "nan", "inf" and "-inf".
+    IniFileSection& SetDouble(std::wstring_view key, double value);
+    IniFileSection& Remove(std::wstring_view key);
+
+    CStringW GetString(std::wstring_view key, std::wstring_view fallback) const;
+    CStringW GetString(std::wstring_view key, const CStringW& fallback) const;
+    CStringW GetString(std::wstring_view key, const wchar_t* fallback) const {
+        return GetString(key, std::wstring_view(fallback));
+    }
+    /// Numbers may have white space around them and a sign, and are decimal. What is no number, or no `int`,
+    /// counts as missing.
+    int GetInt(std::wstring_view key, int fallback) const;
+    /// As GetInt; with a fraction, an exponent, or as "inf", "infinity" and "nan" in any case. What is too
+    /// large or too small for a `double` counts as missing.
+    double GetDouble(std::wstring_view key, double fallback) const;
+    std::optional<CStringW> TryGetString(std::wstring_view key) const;
+    std::optional<int> TryGetInt(std::wstring_view key) const;
+    std::optional<double> TryGetDouble(std::wstring_view key) const;
+
+private:
+    friend class IniFile;
+
+    void setString(std::wstring_view key, const CStringW& value);
+    void setString(const CStringW& key, const CStringW& value);
+    const CStringW* find(std::wstring_view key) const;
+
+    Entries entries_;
+    mutable NamePlaces places_;
+};
+
+/// A whole settings file. The static functions load the file, do the one thing and, where it changes
+/// something, save it.
+class VEXEL_API IniFile {
+public:
+    using Sections = std::vector<std::pair<CStringW, IniFileSection>>;
+
+    /// False leaves the object empty: the file could not be opened or read to its end (others may not write
+    /// it meanwhile), or has a line that is none.
+    bool Load(const wchar_t* path);
+    /// Writes the file beside the old one and puts it in its place, so that a failure leaves the old one
+    /// whole. False: the file, or the one beside it, cannot be opened for writing, or cannot be replaced as
+    /// it is open elsewhere. Failures to write are logged, and do not count: callers cannot mend them.
+    bool Save(const wchar_t* path) const;
+
+    bool IsEmpty() const noexcept { return sections_.empty(); }
+    const Sections& GetSections() const noexcept { return sections_; }
+    Sections::const_iterator begin() const noexcept { return sections_.begin(); }
+    Sections::const_iterator end() const noexcept { return sections_.end(); }
+
+    // Pointers and references hold until a section is added.
+
+    /// Null when there is none.
+    const IniFileSection* GetSection(std::wstring_view name) const;
+    IniFileSection& GetOrCreateSection(std::wstring_view name);
+    /// Replaces the section's contents, or appends it.
+    void SetSection(std::wstring_view name, IniFileSection&& section);
+
+    // As on the section; a missing section is a missing key.
+
+    IniFile& SetString(std::wstring_view section, std::wstring_view key, const CStringW& value);
+    IniFile& SetInt(std::wstring_view section, std::wstring_view key, int value);
+    IniFile& SetDouble(std::wstring_view section, std::wstring_view key, double value);
+    CStringW GetString(std::wstring_view section, std::wstring_view key, std::wstring_view fallback) const;
+    CStringW GetString(std::wstring_view section, std::wstring_view key, const CStringW& fallback) const;
+    CStringW GetString(std::wstring_view section, std::wstring_view key, const wchar_t* fallback) const {
+        return GetString(section, key, std::wstring_view(fallback));
+    }
+    int GetInt(std::wstring_view section, std::wstring_view key, int fallback) const;
+    double GetDouble(std::wstring_view section, std::wstring_view key, double fallback) const;
+    std::optional<CStringW> TryGetString(std::wstring_view section, std::wstring_view key) const;
+    std::optional<int> TryGetInt(std::wstring_view section, std::wstring_view key) const;
+    std::optional<double> TryGetDouble(std::wstring_view section, std::wstring_view key) const;
+
+    // Straight on a file. Setting begins with what can be loaded, which may be nothing; false for a null or
+    // empty path, else as Save.
+
+    static bool SetString(std::wstring_view section, std::wstring_view key, const CStringW& value,
+                          const wchar_t* path);
+    static bool SetInt(std::wstring_view section, std::wstring_view key, int value, const wchar_t* path);
+    static bool SetDouble(std::wstring_view section, std::wstring_view key, double value,
+                          const wchar_t* path);
+    static bool SetSection(std::wstring_view name, IniFileSection&& section, const wchar_t* path);
+    static CStringW GetString(std::wstring_view section, std::wstring_view key, std::wstring_view fallback,
+                              const wchar_t* path);
+    static CStringW GetString(std::wstring_view section, std::wstring_view key, const CStringW& fallback,
+                              const wchar_t* path);
+    static CStringW GetString(std::wstring_view section, std::wstring_view key, const wchar_t* fallback,
+                              const wchar_t* path) {
+        return GetString(section, key, std::wstring_view(fallback), path);
+    }
+    static int GetInt(std::wstring_view section, std::wstring_view key, int fallback, const wchar_t* path);
+    static double GetDouble(std::wstring_view section, std::wstring_view key, double fallback,
+                            const wchar_t* path);
+    static std::optional<CStringW> TryGetString(std::wstring_view section, std::wstring_view key,
+                                                const wchar_t* path);
+    static std::optional<int> TryGetInt(std::wstring_view section, std::wstring_view key,
+                                        const wchar_t* path);
+    static std::optional<double> TryGetDouble(std::wstring_view section, std::wstring_view key,
+                                              const wchar_t* path);
+    static std::optional<IniFileSection> TryGetSection(std::wstring_view name, const wchar_t* path);
+
+private:
+    Sections sections_;
+    mutable NamePlaces places_;
+};
+
+} // namespace vxio

@@ -1,0 +1,158 @@
+#include "io/name_places.h"
+
+#include <vexel/ini.h>
+
+namespace vxio {
+
+using Vexel::Detail::findName;
+using Vexel::Detail::notListed;
+
+const IniFileSection* IniFile::GetSection(std::wstring_view name) const {
+    const std::size_t place = findName(sections_, places_, name);
+    return place == notListed ? nullptr : &sections_[place].second;
+}
+
+IniFileSection& IniFile::GetOrCreateSection(std::wstring_view name) {
+    const std::size_t place = findName(sections_, places_, name);
+    if (place != notListed)
+        return sections_[place].second;
+    sections_.emplace_back(CStringW(name.data(), static_cast<int>(name.size())), IniFileSection());
+    try {
+        Vexel::Detail::addPlace(sections_, places_);
+    } catch (...) {
+        sections_.pop_back();
+        throw;
+    }
+    return sections_.back().second;
+}
+
+void IniFile::SetSection(std::wstring_view name, IniFileSection&& section) {
+    GetOrCreateSection(name) = std::move(section);
+}
+
+IniFile& IniFile::SetString(std::wstring_view section, std::wstring_view key, const CStringW& value) {
+    GetOrCreateSection(section).SetString(key, value);
+    return *this;
+}
+
+IniFile& IniFile::SetInt(std::wstring_view section, std::wstring_view key, int value) {
+    GetOrCreateSection(section).SetInt(key, value);
+    return *this;
+}
+
+IniFile& IniFile::SetDouble(std::wstring_view section, std::wstring_view key, double value) {
+    GetOrCreateSection(section).SetDouble(key, value);
+    return *this;
+}
+
+std::optional<CStringW> IniFile::TryGetString(std::wstring_view section, std::wstring_view key) const {
+    const IniFileSection* const found = GetSection(section);
+    return found ? found->TryGetString(key) : std::nullopt;
+}
+
+std::optional<int> IniFile::TryGetInt(std::wstring_view section, std::wstring_view key) const {
+    const IniFileSection* const found = GetSection(section);
+    return found ? found->TryGetInt(key) : std::nullopt;
+}
+
+std::optional<double> IniFile::TryGetDouble(std::wstring_view section, std::wstring_view key) const {
+    const IniFileSection* const found = GetSection(section);
+    return found ? found->TryGetDouble(key) : std::nullopt;
+}
+
+CStringW IniFile::GetString(std::wstring_view section, std::wstring_view key,
+                            const CStringW& fallback) const {
+    return TryGetString(section, key).value_or(fallback);
+}
+
+CStringW IniFile::GetString(std::wstring_view section, std::wstring_view key,
+                            std::wstring_view fallback) const {
+    return GetString(section, key, CStringW(fallback.data(), static_cast<int>(fallback.size())));
+}
+
+int IniFile::GetInt(std::wstring_view section, std::wstring_view key, int fallback) const {
+    return TryGetInt(section, key).value_or(fallback);
+}
+
+double IniFile::GetDouble(std::wstring_view section, std::wstring_view key, double fallback) const {
+    return TryGetDouble(section, key).value_or(fallback);
+}
+
+// ---- Straight on a file.
+
+namespace {
+
+IniFile loaded(const wchar_t* path) {
+    IniFile file;
+    file.Load(path);
+    return file;
+}
+
+template <class Change>
+bool changeFile(const wchar_t* path, const Change& change) {
+    if (!path || !*path)
+        return false;
+    IniFile file = loaded(path);
+    change(file);
+    return file.Save(path);
+}
+
+} // namespace
+
+bool IniFile::SetString(std::wstring_view section, std::wstring_view key, const CStringW& value,
+                        const wchar_t* path) {
+    return changeFile(path, [&](IniFile& file) { file.SetString(section, key, value); });
+}
+
+bool IniFile::SetInt(std::wstring_view section, std::wstring_view key, int value, const wchar_t* path) {
+    return changeFile(path, [&](IniFile& file) { file.SetInt(section, key, value); });
+}
+
+bool IniFile::SetDouble(std::wstring_view section, std::wstring_view key, double value, const wchar_t* path) {
+    return changeFile(path, [&](IniFile& file) { file.SetDouble(section, key, value); });
+}
+
+bool IniFile::SetSection(std::wstring_view name, IniFileSection&& section, const wchar_t* path) {
+    return changeFile(path, [&](IniFile& file) { file.SetSection(name, std::move(section)); });
+}
+
+CStringW IniFile::GetString(std::wstring_view section, std::wstring_view key, std::wstring_view fallback,
+                            const wchar_t* path) {
+    return loaded(path).GetString(section, key, fallback);
+}
+
+CStringW IniFile::GetString(std::wstring_view section, std::wstring_view key, const CStringW& fallback,
+                            const wchar_t* path) {
+    return loaded(path).GetString(section, key, fallback);
+}
+
+int IniFile::GetInt(std::wstring_view section, std::wstring_view key, int fallback, const wchar_t* path) {
+    return loaded(path).GetInt(section, key, fallback);
+}
+
+double IniFile::GetDouble(std::wstring_view section, std::wstring_view key, double fallback,
+                          const wchar_t* path) {
+    return loaded(path).GetDouble(section, key, fallback);
+}
+
+std::optional<CStringW> IniFile::TryGetString(std::wstring_view section, std::wstring_view key,
+                                              const wchar_t* path) {
+    return loaded(path).TryGetString(section, key);
+}
+
+std::optional<int> IniFile::TryGetInt(std::wstring_view section, std::wstring_view key, const wchar_t* path) {
+    return loaded(path).TryGetInt(section, key);
+}
+
+std::optional<double> IniFile::TryGetDouble(std::wstring_view section, std::wstring_view key,
+                                            const wchar_t* path) {
+    return loaded(path).TryGetDouble(section, key);
+}
+
+std::optional<IniFileSection> IniFile::TryGetSection(std::wstring_view name, const wchar_t* path) {
+    const IniFile file = loaded(path);
+    const IniFileSection* const found = file.GetSection(name);
+    return found ? std::optional(*found) : std::nullopt;
+}
+
+} // namespace vxio

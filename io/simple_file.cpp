@@ -1,0 +1,150 @@
+#include <vexel/files.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace vxio {
+
+namespace {
+
+DWORD accessFlags(FileAccess access) noexcept {
+    switch (access) {
+    case FileAccess::Read:
+        return GENERIC_READ;
+    case FileAccess::Write:
+        return GENERIC_WRITE;
+    default:
+        return GENERIC_READ | GENERIC_WRITE;
+    }
+}
+
+DWORD creationFlag(FileCreation creation) noexcept {
+    switch (creation) {
+    case FileCreation::OpenExisting:
+        return OPEN_EXISTING;
+    case FileCreation::OpenOrCreate:
+        return OPEN_ALWAYS;
+    case FileCreation::CreateNew:
+        return CREATE_NEW;
+    default:
+        return CREATE_ALWAYS;
+    }
+}
+
+DWORD shareFlags(FileStreamProtectedType protection) noexcept {
+    switch (protection) {
+    case ProtectWriting:
+        return FILE_SHARE_READ;
+    case ProtectReading:
+        return FILE_SHARE_WRITE;
+    case ProtectNothing:
+        return FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    default:
+        return 0;
+    }
+}
+
+/// Moves `count` bytes in calls that the system can take.
+template <class Move>
+unsigned long long moveAll(unsigned long long count, const Move& move) noexcept {
+    constexpr unsigned long long largest = 1ULL << 30;
+    unsigned long long done = 0;
+    while (done < count) {
+        DWORD moved = 0;
+        if (!move(done, static_cast<DWORD>((std::min)(count - done, largest)), moved) || moved == 0)
+            break;
+        done += moved;
+    }
+    return done;
+}
+
+} // namespace
+
+SimpleFile::SimpleFile(SimpleFile&& other) noexcept
+    : handle_(std::exchange(other.handle_, nullptr)), error_(other.error_) {}
+
+SimpleFile& SimpleFile::operator=(SimpleFile&& other) noexcept {
+    SimpleFile moved(std::move(other));
+    std::swap(handle_, moved.handle_);
+    std::swap(error_, moved.error_);
+    return *this;
+}
+
+SimpleFile::~SimpleFile() { Close(); }
+
+bool SimpleFile::check(bool done) const noexcept {
+    if (!done)
+        error_ = handle_ ? GetLastError() : ERROR_INVALID_HANDLE;
+    return done;
+}
+
+bool SimpleFile::Open(const wchar_t* path, FileAccess access, FileCreation creation,
+                      FileStreamProtectedType protection) noexcept {
+    Close();
+    error_ = 0;
+    if (!path || !*path) {
+        error_ = ERROR_INVALID_PARAMETER;
+        return false;
+    }
+    const HANDLE opened = CreateFileW(path, accessFlags(access), shareFlags(protection), nullptr,
+                                      creationFlag(creation), FILE_ATTRIBUTE_NORMAL, nullptr);
+    if (opened == INVALID_HANDLE_VALUE) {
+        error_ = GetLastError();
+        return false;
+    }
+    handle_ = opened;
+    return true;
+}
+
+void SimpleFile::Close() noexcept {
+    if (handle_)
+        CloseHandle(std::exchange(handle_, nullptr));
+}
+
+unsigned long long SimpleFile::Read(void* buffer, unsigned long long count) noexcept {
+    return moveAll(count, [&](unsigned long long at, DWORD size, DWORD& moved) {
+        return check(handle_ && ReadFile(handle_, static_cast<char*>(buffer) + at, size, &moved, nullptr));
+    });
+}
+
+unsigned long long SimpleFile::Write(const void* buffer, unsigned long long count) noexcept {
+    return moveAll(count, [&](unsigned long long at, DWORD size, DWORD& moved) {
+        return check(handle_ &&
+                     WriteFile(handle_, static_cast<const char*>(buffer) + at, size, &moved, nullptr));
+    });
+}
+
+bool SimpleFile::Seek(long long offset, DWORD origin, unsigned long long* position) noexcept {
+    LARGE_INTEGER distance{};
+    distance.QuadPart = offset;
+    LARGE_INTEGER reached{};
+    if (!check(handle_ && SetFilePointerEx(handle_, distance, &reached, origin)))
+        return false;
+    if (position)
+        *position = static_cast<unsigned long long>(reached.QuadPart);
+    return true;
+}
+
+unsigned long long SimpleFile::GetPosition() const noexcept {
+    LARGE_INTEGER reached{};
+    return check(handle_ && SetFilePointerEx(handle_, {}, &reached, FILE_CURRENT))
+               ? static_cast<unsigned long long>(reached.QuadPart)
+               : 0;
+}
+
+unsigned long long SimpleFile::GetLength() const noexcept {
+    LARGE_INTEGER length{};
+    return check(handle_ && GetFileSizeEx(handle_, &length))
+               ? static_cast<unsigned long long>(length.QuadPart)
+               : 0;
+}
+
+bool SimpleFile::SetLength(unsigned long long length) noexcept {
+    FILE_END_OF_FILE_INFO end{};
+    end.EndOfFile.QuadPart = static_cast<long long>(length);
+    return check(handle_ && SetFileInformationByHandle(handle_, FileEndOfFileInfo, &end, sizeof end));
+}
+
+bool SimpleFile::Flush() noexcept { return check(handle_ && FlushFileBuffers(handle_)); }
+
+} // namespace vxio

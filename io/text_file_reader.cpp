@@ -1,0 +1,131 @@
+#include "io/text_encoding.h"
+
+#include <vexel/files.h>
+
+#include <algorithm>
+
+namespace vxio {
+
+using Vexel::Detail::Bytes;
+
+namespace {
+
+constexpr std::size_t readAhead = 64 * 1024;
+constexpr std::size_t longestLine = std::size_t{1} << 30;
+constexpr std::size_t none = ~std::size_t{0};
+
+/// Whether the unit is a line feed or zero, in either byte order.
+bool endsLine(const unsigned char* unit, std::size_t size, bool bigEndian) noexcept {
+    for (std::size_t i = 0; i < size; ++i)
+        if (unit[i] != 0 && (unit[i] != '\n' || i != (bigEndian ? size - 1 : 0)))
+            return false;
+    return true;
+}
+
+bool isBigEndian(TextEncoding encoding) noexcept {
+    return encoding == TextEncoding::Utf16BE || encoding == TextEncoding::Utf32BE;
+}
+
+} // namespace
+
+TextFileReadStream::TextFileReadStream() noexcept = default;
+TextFileReadStream::~TextFileReadStream() = default;
+
+bool TextFileReadStream::Open(const wchar_t* path, FileStreamProtectedType protection, TextEncoding encoding,
+                              bool binary) {
+    Close();
+    if (!file_.Open(path, FileAccess::Read, FileCreation::OpenExisting, protection))
+        return false;
+    binary_ = binary;
+    fill();
+    if (file_.GetLastErrorCode()) {
+        Close();
+        return false;
+    }
+    detect(encoding);
+    return true;
+}
+
+void TextFileReadStream::Close() noexcept {
+    file_.Close();
+    buffer_.clear();
+    start_ = 0;
+    position_ = 0;
+}
+
+void TextFileReadStream::detect(TextEncoding wanted) {
+    const Bytes start(buffer_);
+    encoding_ = wanted == TextEncoding::Detect
+                    ? Vexel::Detail::detectEncoding(start, start.size() < readAhead)
+                    : wanted;
+    unit_ = Vexel::Detail::unitSize(encoding_);
+    const Bytes mark = Vexel::Detail::byteOrderMark(encoding_);
+    if (start.size() >= mark.size() && std::equal(mark.begin(), mark.end(), start.begin()))
+        start_ = mark.size();
+    position_ = start_;
+}
+
+/// Reads more behind what is there; false at the end and on an error.
+bool TextFileReadStream::fill() {
+    buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(start_));
+    start_ = 0;
+    const std::size_t before = buffer_.size();
+    buffer_.resize(before + (std::max)(before, readAhead));
+    const auto read = static_cast<std::size_t>(file_.Read(buffer_.data() + before, buffer_.size() - before));
+    buffer_.resize(before + read);
+    return read != 0;
+}
+
+/// The offset behind `start_` of the first unit from there on that ends a line.
+std::size_t TextFileReadStream::findLineEnd(std::size_t from) const noexcept {
+    const unsigned char* const bytes = buffer_.data() + start_;
+    const std::size_t size = buffer_.size() - start_;
+    if (unit_ == 1) {
+        const auto* const end = std::find_if(bytes + from, bytes + size,
+                                             [](unsigned char byte) { return byte == '\n' || byte == 0; });
+        return end == bytes + size ? none : static_cast<std::size_t>(end - bytes);
+    }
+    const bool bigEndian = isBigEndian(encoding_);
+    for (; from + unit_ <= size; from += unit_)
+        if (endsLine(bytes + from, unit_, bigEndian))
+            return from;
+    return none;
+}
+
+void TextFileReadStream::decode(const unsigned char* bytes, std::size_t size, CStringW& line) {
+    Vexel::Detail::decodeText({bytes, size}, encoding_, text_);
+    line = CStringW(text_.data(), static_cast<int>(text_.size()));
+}
+
+bool TextFileReadStream::ReadString(CStringW& line) {
+    line.Empty();
+    std::size_t looked = 0;
+    for (;;) {
+        const std::size_t size = findLineEnd(looked);
+        if (size != none) {
+            decode(buffer_.data() + start_, size, line);
+            const bool byLineFeed =
+                !std::all_of(buffer_.data() + start_ + size, buffer_.data() + start_ + size + unit_,
+                             [](unsigned char byte) { return byte == 0; });
+            if (!binary_ && byLineFeed && line.GetLength() && line[line.GetLength() - 1] == L'\r')
+                line.Truncate(line.GetLength() - 1);
+            start_ += size + unit_;
+            position_ += size + unit_;
+            return true;
+        }
+        const std::size_t buffered = buffer_.size() - start_;
+        looked = buffered / unit_ * unit_;
+        if (buffered > longestLine)
+            return file_.Fail(ERROR_FILE_TOO_LARGE);
+        if (fill())
+            continue;
+        if (file_.GetLastErrorCode() || buffered == 0)
+            return false;
+        decode(buffer_.data(), buffered, line); // the last line has no end
+        start_ = buffered;
+        position_ += buffered;
+        return true;
+    }
+}
+
+} // namespace vxio

@@ -1,0 +1,179 @@
+#include "support/compound_file.h"
+
+#include <vexel/files.h>
+
+#include <gtest/gtest.h>
+
+#include <fstream>
+#include <iterator>
+#include <string>
+#include <vector>
+
+using vxio::FileAccess;
+using vxio::FileCreation;
+using vxio::TextEncoding;
+
+namespace {
+
+class TextFiles : public testing::Test {
+protected:
+    std::string bytes() const {
+        std::ifstream file(std::filesystem::path(path_), std::ios::binary);
+        return {std::istreambuf_iterator<char>(file), {}};
+    }
+    /// The lines of a file of these bytes, joined by "|".
+    std::wstring lines(const std::string& contents, TextEncoding encoding = TextEncoding::Detect,
+                       bool binary = false) {
+        Support::writeFile(path_, contents);
+        vxio::TextFileReadStream stream;
+        EXPECT_TRUE(stream.Open(path_.c_str(), vxio::ProtectWriting, encoding, binary));
+        found_ = stream.GetEncoding();
+        std::wstring result;
+        for (CString line; stream.ReadString(line); result += L"|")
+            result += std::wstring(line.GetString(), static_cast<std::size_t>(line.GetLength()));
+        EXPECT_EQ(stream.GetPosition(), contents.size());
+        EXPECT_EQ(stream.GetLength(), contents.size());
+        return result;
+    }
+
+    Support::TempFolder folder_;
+    std::wstring path_ = folder_.file(L"file");
+    TextEncoding found_{};
+};
+
+std::string raw(const char* text, std::size_t size) { return {text, size}; }
+
+TEST_F(TextFiles, LinesEndAtLineFeedsAndZeros) {
+    EXPECT_EQ(lines(""), L"");
+    EXPECT_EQ(lines("one\ntwo"), L"one|two|");
+    EXPECT_EQ(lines("one\n\ntwo\n"), L"one||two|");
+    EXPECT_EQ(lines("cr\r\nmid\rdle\r\n\r"), L"cr|mid\rdle|\r|");
+    EXPECT_EQ(lines("cr\r\n\r\n", TextEncoding::Detect, true), L"cr\r|\r|");
+    EXPECT_EQ(lines(raw("a\0b\r\0", 5)), L"a|b\r|");
+    const std::string longLine(200'000, 'x');
+    EXPECT_EQ(lines(longLine + "\n" + longLine).size(), 400'002u);
+}
+
+TEST_F(TextFiles, EncodingsAreFound) {
+    const struct {
+        const char* name;
+        std::string bytes;
+        TextEncoding encoding;
+        const wchar_t* lines;
+    } cases[] = {
+        {"plain", "text\n", TextEncoding::Utf8, L"text|"},
+        {"UTF-8", "\xD0\x96\n", TextEncoding::Utf8, L"\u0416|"},
+        {"UTF-8, marked", "\xEF\xBB\xBF\xD0\x96", TextEncoding::Utf8, L"\u0416|"},
+        {"mark alone", "\xEF\xBB\xBF", TextEncoding::Utf8, L""},
+        {"UTF-16LE, marked", raw("\xFF\xFE\x16\x04\n\0b\0", 8), TextEncoding::Utf16LE, L"\u0416|b|"},
+        {"UTF-16BE, marked", raw("\xFE\xFF\x04\x16\0\n\0b", 8), TextEncoding::Utf16BE, L"\u0416|b|"},
+        {"UTF-32LE, marked", raw("\xFF\xFE\0\0\0\xF6\1\0\n\0\0\0", 12), TextEncoding::Utf32LE,
+         L"\U0001F600|"},
+        {"UTF-32BE, marked", raw("\0\0\xFE\xFF\0\1\xF6\0\0\0\0\n", 12), TextEncoding::Utf32BE,
+         L"\U0001F600|"},
+        {"UTF-16LE", raw("a\0b\0\n\0c\0", 8), TextEncoding::Utf16LE, L"ab|c|"},
+        {"UTF-16BE", raw("\0a\0b\0\n\0c", 8), TextEncoding::Utf16BE, L"ab|c|"},
+        {"UTF-32LE", raw("a\0\0\0\n\0\0\0", 8), TextEncoding::Utf32LE, L"a|"},
+        {"cut unit", raw("a\0b\0c\0d\0x", 9), TextEncoding::Utf16LE, L"abcd\uFFFD|"},
+        // A line feed's bytes across two characters end no line.
+        {"no end across units", raw("\xFF\xFE\n\x0A\0\x0A\x41\0", 8), TextEncoding::Utf16LE,
+         L"\u0A0A\u0A00A|"},
+        {"beyond Unicode", raw("\xFF\xFE\0\0\0\0\x11\0", 8), TextEncoding::Utf32LE, L"\uFFFD|"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        EXPECT_EQ(lines(test.bytes), test.lines);
+        EXPECT_EQ(found_, test.encoding);
+    }
+    lines("caf\xE9 x");
+    EXPECT_EQ(found_, TextEncoding::Ansi);
+    EXPECT_EQ(lines("caf\xE9", TextEncoding::Latin1), L"caf\u00E9|");
+    EXPECT_EQ(lines("x\xFFy", TextEncoding::Utf8), L"x\uFFFDy|");
+    // A character that the detection's window cuts.
+    EXPECT_EQ(lines(std::string(4095, 'a') + "\xD0\x96").size(), 4097u);
+    EXPECT_EQ(found_, TextEncoding::Utf8);
+}
+
+TEST_F(TextFiles, WritesEncodings) {
+    const auto written = [&](std::wstring_view text, TextEncoding encoding, bool mark = false) {
+        vxio::TextFileWriteStream stream;
+        EXPECT_TRUE(stream.Open({.path = path_.c_str()}, encoding, mark));
+        EXPECT_TRUE(stream.WriteString(text));
+        EXPECT_TRUE(stream.Close());
+        return bytes();
+    };
+    EXPECT_EQ(written(L"a\u0416\u4E2D\U0001F600", TextEncoding::Utf8),
+              "a\xD0\x96\xE4\xB8\xAD\xF0\x9F\x98\x80");
+    EXPECT_EQ(written(L"\xD800x\xDC00", TextEncoding::Utf8), "\xEF\xBF\xBDx\xEF\xBF\xBD");
+    EXPECT_EQ(written(L"a", TextEncoding::Utf8, true), "\xEF\xBB\xBF"
+                                                       "a");
+    EXPECT_EQ(written(L"\U0001F600\xD800", TextEncoding::Utf16BE), raw("\xD8\x3D\xDE\x00\xFF\xFD", 6));
+    EXPECT_EQ(written(L"\U0001F600", TextEncoding::Utf32LE), raw("\0\xF6\1\0", 4));
+    EXPECT_EQ(written(L"\u00E9\u0416", TextEncoding::Latin1), "\xE9?");
+    const std::wstring large(300'000, L'\u0416');
+    EXPECT_EQ(written(large, TextEncoding::Utf8).size(), 600'000u);
+    vxio::TextFileWriteStream more;
+    ASSERT_TRUE(more.Open({.path = path_.c_str(), .creation = FileCreation::OpenOrCreate, .append = true},
+                          TextEncoding::Utf8, true));
+    EXPECT_TRUE(more.WriteString(L"end"));
+    EXPECT_TRUE(more.Close());
+    EXPECT_EQ(bytes().substr(600'000), "end");
+}
+
+TEST_F(TextFiles, FailuresTellTheSystemsCode) {
+    const wchar_t* const path = path_.c_str();
+    vxio::FileReadStream reading;
+    EXPECT_FALSE(reading.Open(path, vxio::ProtectWriting));
+    EXPECT_EQ(reading.GetLastErrorCode(), ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(reading.Open(nullptr, vxio::ProtectWriting));
+    EXPECT_EQ(reading.GetLastErrorCode(), ERROR_INVALID_PARAMETER);
+    char byte = 0;
+    EXPECT_EQ(reading.ReadBytes(&byte, 1), 0u);
+    EXPECT_EQ(reading.GetLastErrorCode(), ERROR_INVALID_HANDLE);
+
+    vxio::FileWriteStream writing;
+    ASSERT_TRUE(writing.Open({.path = path}));
+    EXPECT_FALSE(reading.Open(path, vxio::ProtectNothing));
+    EXPECT_EQ(reading.GetLastErrorCode(), ERROR_SHARING_VIOLATION);
+    EXPECT_FALSE(vxio::FileWriteStream().Open({.path = path, .creation = FileCreation::CreateNew}));
+
+    vxio::TextFileWriteStream full; // a device that takes nothing
+    ASSERT_TRUE(full.Open({.path = L"Z:\\dev\\full", .creation = FileCreation::OpenExisting},
+                          TextEncoding::Utf8, false));
+    EXPECT_TRUE(full.WriteString(L"text"));
+    EXPECT_FALSE(full.Flush());
+    EXPECT_EQ(full.GetLastErrorCode(), ERROR_DISK_FULL);
+    EXPECT_FALSE(full.WriteString(L"text"));
+    EXPECT_FALSE(full.Close());
+}
+
+TEST_F(TextFiles, StreamsMoveLikeOthers) {
+    vxio::FileWriteStream writing;
+    ASSERT_TRUE(writing.Open({.path = path_.c_str(), .protection = vxio::ProtectNothing}));
+    EXPECT_EQ(writing.WriteBytes("0123456789", 10), 10u);
+    EXPECT_EQ(writing.Seek(vxio::IStream::Begin, 2), 2u);
+    EXPECT_EQ(writing.WriteBytes("xy", 2), 2u);
+    vxio::FileReadStream reading;
+    ASSERT_TRUE(reading.Open(path_.c_str(), vxio::ProtectNothing));
+    EXPECT_EQ(reading.GetLength(), 10u);
+    std::string text(20, '\0');
+    text.resize(static_cast<std::size_t>(reading.ReadBytes(text.data(), 20)));
+    EXPECT_EQ(text, "01xy456789");
+    EXPECT_EQ(reading.Seek(vxio::IStream::End, -3), 7u);
+    EXPECT_EQ(reading.Seek(vxio::IStream::Current, -9), 7u) << "before the start";
+    EXPECT_EQ(reading.Seek(static_cast<vxio::IStream::SeekPosition>(9), 1), 7u);
+    EXPECT_EQ(reading.SeekToEnd(), 10u);
+
+    vxio::SimpleFile file;
+    ASSERT_TRUE(
+        file.Open(path_.c_str(), FileAccess::ReadWrite, FileCreation::OpenExisting, vxio::ProtectNothing));
+    EXPECT_TRUE(file.SetLength(4));
+    EXPECT_EQ(file.GetLength(), 4u);
+    EXPECT_EQ(file.GetPosition(), 0u);
+    EXPECT_TRUE(file.Flush());
+    vxio::SimpleFile moved = std::move(file);
+    EXPECT_TRUE(moved.IsOpen());
+    EXPECT_EQ(moved.Read(text.data(), 10), 4u);
+}
+
+} // namespace
