@@ -3,6 +3,7 @@
 //   make_compound large-sectors FILE    4096-byte sectors: sizes around every limit, nested, odd names
 //   make_compound file-names FILE       names that the file system cannot hold
 //   make_compound deep FILE             storages nested deeper than the program follows
+//   make_compound large FILE            8 streams of 3 MB
 
 #include "support/compound_file.h"
 
@@ -56,12 +57,19 @@ std::vector<Element> deep() {
     return {stream(path + L"bottom", 5)};
 }
 
+std::vector<Element> large() {
+    std::vector<Element> elements;
+    for (wchar_t name = L'a'; name <= L'h'; ++name)
+        elements.push_back(stream(std::wstring(1, name), 3'000'000));
+    return elements;
+}
+
 } // namespace
 
 // NOLINTNEXTLINE(misc-use-internal-linkage): the entry point is called from outside.
 int wmain(int count, wchar_t** arguments) {
     const std::map<std::wstring, std::vector<Element> (*)()> kinds{
-        {L"large-sectors", largeSectors}, {L"file-names", fileNames}, {L"deep", deep}};
+        {L"large-sectors", largeSectors}, {L"file-names", fileNames}, {L"deep", deep}, {L"large", large}};
     const auto kind = count == 3 ? kinds.find(arguments[1]) : kinds.end();
     if (kind == kinds.end())
         return 2;

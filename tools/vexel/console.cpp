@@ -11,7 +11,7 @@ namespace {
 
 constexpr std::wstring_view kOutputName = L"standard output";
 
-bool isConsole(HANDLE handle) {
+bool isConsole(HANDLE handle) noexcept {
     DWORD mode = 0;
     return GetConsoleMode(handle, &mode) != FALSE;
 }
@@ -27,7 +27,7 @@ bool writeAll(HANDLE handle, std::span<const std::byte> data) {
     return true;
 }
 
-bool writeConsole(HANDLE handle, std::wstring_view text) {
+bool writeConsole(HANDLE handle, std::wstring_view text) noexcept {
     constexpr std::size_t kMaximum = 8192; // older consoles refuse longer pieces
     while (!text.empty()) {
         DWORD written = 0;
@@ -72,6 +72,12 @@ void StandardOutput::flush() {
     const std::string text = std::exchange(pending_, {});
     if (!writeText(handle_, console_, text))
         throw Failure(L"cannot write to", kOutputName, lastErrorStatus());
+}
+
+bool errorIsConsole() noexcept { return isConsole(GetStdHandle(STD_ERROR_HANDLE)); }
+
+void writeErrorConsole(std::wstring_view text) noexcept {
+    writeConsole(GetStdHandle(STD_ERROR_HANDLE), text);
 }
 
 void printError(std::wstring_view line) noexcept {

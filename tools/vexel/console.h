@@ -33,6 +33,12 @@ private:
     bool console_;
 };
 
+/// Whether people read standard error as it is written.
+bool errorIsConsole() noexcept;
+
+/// Text for that console, nothing added.
+void writeErrorConsole(std::wstring_view text) noexcept;
+
 /// Standard error, one line; what cannot be written there is lost.
 void printError(std::wstring_view line) noexcept;
 

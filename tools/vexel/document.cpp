@@ -1,9 +1,7 @@
 #include "document.h"
 
 #include "console.h"
-#include "failure.h"
 
-#include <array>
 #include <limits>
 
 namespace Vexel::Tool {
@@ -12,6 +10,9 @@ namespace {
 // Deep enough for any real document; each level holds an open storage, and the storage service nests its
 // calls.
 constexpr std::size_t kMaximumDepth = 256;
+
+// A package keeps the contents that were read until it is told to let them go.
+constexpr unsigned long long kLargestCache = 64ULL << 20;
 
 struct Child {
     SharedPathName name;
@@ -41,17 +42,19 @@ unsigned long long maximumNodes(const std::wstring& file, StorageFormat format) 
            kDirectoryEntrySize;
 }
 
-std::vector<Child> childrenOf(const StorageRef& storage, unsigned long long maximum,
+// Takes the children it finds off `nodesLeft`.
+std::vector<Child> childrenOf(const StorageRef& storage, unsigned long long& nodesLeft,
                               const std::wstring& label) {
     StorageEnumerator enumerator;
     check(enumerator.reset(storage), L"cannot list", label);
     std::vector<Child> children;
-    while (enumerator.moveNext()) {
-        if (children.size() >= maximum)
+    for (; enumerator.moveNext(); --nodesLeft) {
+        if (nodesLeft == 0)
             throw Failure(L"more nodes than the file can hold in", label, STG_E_DOCFILECORRUPT);
         children.push_back({enumerator.name(), enumerator.type(), enumerator.size().QuadPart,
                             enumerator.createTime(), enumerator.writeTime()});
     }
+    check(enumerator.status(), L"cannot list all of", label);
     return children;
 }
 
@@ -157,16 +160,21 @@ void Document::read(StreamRef& stream, const NodePath& path,
     }
 }
 
-void Document::walk(const NodePath& start, const Visitor& visitor) const {
+void Document::walk(const NodePath& start, const Visitor& visitor, const FaultHandler& onFault) const {
     unsigned long long nodesLeft = maximumNodes(file_, root_.format());
+    unsigned long long bytes = 0; // of streams that the visitor may have read since the last clean-up
     std::vector<Level> levels;
     const auto enter = [&](StorageRef storage, NodePath path) {
         const std::wstring where = label(path);
         if (levels.size() >= kMaximumDepth)
             throw Failure(L"storages are nested too deep at", where, STG_E_DOCFILECORRUPT);
         std::vector<Child> children = childrenOf(storage, nodesLeft, where);
-        nodesLeft -= children.size();
         levels.push_back({std::move(storage), std::move(path), std::move(children)});
+    };
+    const auto open = [&](const Level& level, const SharedPathName& name, const NodePath& path) {
+        StorageRef storage;
+        check(storage.open(name, level.storage, true), L"cannot open", label(path));
+        enter(std::move(storage), path);
     };
     enter(openStorage(start), start);
     while (!levels.empty()) {
@@ -178,16 +186,26 @@ void Document::walk(const NodePath& start, const Visitor& visitor) const {
         const Node node = nodeOf(level, levels.size() - 1);
         visitor(node);
         const SharedPathName name = level.children[level.next++].name;
+        bytes += node.size;
+        if (bytes > kLargestCache) {
+            StorageRef(root_).deleteUnusedObjects();
+            bytes = 0;
+        }
         if (node.type != StorageType::Storage)
             continue;
-        StorageRef storage;
-        check(storage.open(name, level.storage, true), L"cannot open", label(node.path));
-        enter(std::move(storage), node.path);
+        try {
+            open(level, name, node.path);
+        } catch (const Failure& failure) {
+            if (!onFault)
+                throw;
+            onFault(failure);
+        }
     }
 }
 
-void Document::commit(const std::vector<StorageRef>& storages, const NodePath& innermost) const {
-    for (std::size_t i = storages.size(); i-- > 0;)
+void Document::commit(const std::vector<StorageRef>& storages, const NodePath& innermost,
+                      std::size_t outer) const {
+    for (std::size_t i = storages.size(); i-- > outer;)
         check(storages[i].commit(), L"cannot commit", label(innermost.first(i)));
 }
 

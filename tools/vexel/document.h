@@ -1,5 +1,6 @@
 #pragma once
 
+#include "failure.h"
 #include "node_path.h"
 
 #include <vexel/storage.h>
@@ -30,6 +31,7 @@ struct Node {
 class Document {
 public:
     using Visitor = std::function<void(const Node&)>;
+    using FaultHandler = std::function<void(const Failure&)>;
 
     /// For reading, use ReadOnlyDenyWrite: what a command reads is then of one piece, and where somebody else
     /// is writing, it reads a copy.
@@ -62,12 +64,14 @@ public:
 
     /// Meets everything below a storage, each storage before its contents, siblings in the order in which the
     /// storage lists them. In a damaged file storages may contain themselves: the walk fails where it is
-    /// deeper or has met more nodes than the file can hold.
-    void walk(const NodePath& start, const Visitor& visitor) const;
+    /// deeper or has met more nodes than the file can hold. With `onFault`, what storages below `start` fail
+    /// with goes there, and the walk goes on with the others.
+    void walk(const NodePath& start, const Visitor& visitor, const FaultHandler& onFault = {}) const;
 
     /// Writes changes out: from the innermost of `storages` to the root, each being a transaction within the
-    /// one before it. Nothing reaches the file before the last step.
-    void commit(const std::vector<StorageRef>& storages, const NodePath& innermost) const;
+    /// one before it. Nothing reaches the file before the last step. The outermost `outer` are left out.
+    void commit(const std::vector<StorageRef>& storages, const NodePath& innermost,
+                std::size_t outer = 0) const;
 
 private:
     std::wstring file_;

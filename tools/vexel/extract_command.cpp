@@ -1,6 +1,7 @@
 #include "command.h"
 #include "document.h"
 #include "file_names.h"
+#include "progress.h"
 #include "target_directory.h"
 #include "text.h"
 
@@ -17,53 +18,64 @@ struct Arguments {
     bool force = false;
 };
 
-void extractStream(const Document& document, StreamRef stream, const NodePath& path,
-                   const TargetDirectory& directory, const std::wstring& file) {
-    TargetFile target(directory, file);
-    document.read(stream, path,
-                  [&](std::span<const std::byte> data) { target.write(data.data(), data.size()); });
-    target.finish();
-}
-
 // A storage that files are being made for.
 struct Level {
     std::wstring prefix; // of the paths in it
     FileNames names;
 };
 
-void extractBelow(const Document& document, const NodePath& start, const TargetDirectory& directory,
-                  std::wstring prefix) {
-    std::vector<Level> levels(1);
-    levels[0].prefix = std::move(prefix);
-    document.walk(start, [&](const Node& node) {
-        levels.resize(node.depth + 1);
-        const std::wstring path = levels.back().prefix + levels.back().names.unique(node.path.name());
-        if (node.type == StorageType::Storage) {
-            directory.makeDirectory(path);
-            levels.push_back({path + L"\\", {}});
-        } else {
-            extractStream(document, document.openStream(node.path, *node.parent), node.path, directory, path);
-        }
-    });
-}
+class Extraction {
+public:
+    Extraction(const Document& document, const Arguments& arguments)
+        : document_(document), directory_(toUtf16(arguments.directory), arguments.force) {}
+
+    void stream(StreamRef stream, const NodePath& path, const std::wstring& file) {
+        TargetFile target(directory_, file);
+        document_.read(stream, path, [&](std::span<const std::byte> data) {
+            target.write(data.data(), data.size());
+            progress_.add(data.size());
+        });
+        target.finish();
+    }
+
+    void storage(const NodePath& start, const std::wstring& file) {
+        directory_.makeDirectory(file);
+        below(start, file + L"\\");
+    }
+
+    void below(const NodePath& start, std::wstring prefix) {
+        std::vector<Level> levels(1);
+        levels[0].prefix = std::move(prefix);
+        document_.walk(start, [&](const Node& node) {
+            levels.resize(node.depth + 1);
+            const std::wstring path = levels.back().prefix + levels.back().names.unique(node.path.name());
+            if (node.type == StorageType::Storage) {
+                directory_.makeDirectory(path);
+                levels.push_back({path + L"\\", {}});
+            } else {
+                stream(document_.openStream(node.path, *node.parent), node.path, path);
+            }
+        });
+    }
+
+private:
+    const Document& document_;
+    TargetDirectory directory_;
+    Progress progress_{L"extracting"};
+};
 
 void run(const Arguments& arguments) {
     const NodePath start = NodePath::parse(toUtf16(arguments.node));
     const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadOnlyDenyWrite);
+    // The directory is made when it is sure that there is something to extract.
     if (start.isRoot()) {
-        extractBelow(document, start, TargetDirectory(toUtf16(arguments.directory), arguments.force), {});
-        return;
+        Extraction(document, arguments).below(start, {});
+    } else if (document.typeOf(start) == StorageType::Storage) {
+        Extraction(document, arguments).storage(start, fileNameOf(start.name()));
+    } else {
+        StreamRef stream = document.openStream(start);
+        Extraction(document, arguments).stream(std::move(stream), start, fileNameOf(start.name()));
     }
-    const std::wstring name = fileNameOf(start.name());
-    if (document.typeOf(start) == StorageType::Storage) {
-        const TargetDirectory directory(toUtf16(arguments.directory), arguments.force);
-        directory.makeDirectory(name);
-        extractBelow(document, start, directory, name + L"\\");
-        return;
-    }
-    StreamRef stream = document.openStream(start);
-    extractStream(document, std::move(stream), start,
-                  TargetDirectory(toUtf16(arguments.directory), arguments.force), name);
 }
 
 void add(CLI::App& program) {

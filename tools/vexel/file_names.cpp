@@ -4,6 +4,7 @@
 
 #include <algorithm>
 #include <array>
+#include <optional>
 
 namespace Vexel::Tool {
 namespace {
@@ -51,6 +52,30 @@ void appendHex(std::wstring& text, unsigned value, int digits) {
         text += L"0123456789abcdef"[(value >> shift) & 0xfu];
 }
 
+// The value of the hexadecimal digits at the start of a text; nothing when there are fewer.
+std::optional<wchar_t> hexValue(std::wstring_view text, std::size_t digits) {
+    constexpr std::wstring_view kDigits = L"0123456789abcdef0123456789ABCDEF";
+    if (text.size() < digits)
+        return std::nullopt;
+    unsigned value = 0;
+    for (const wchar_t c : text.substr(0, digits)) {
+        const std::size_t digit = kDigits.find(c);
+        if (digit == std::wstring_view::npos)
+            return std::nullopt;
+        value = value * 16 + static_cast<unsigned>(digit % 16);
+    }
+    return static_cast<wchar_t>(value);
+}
+
+// What tells siblings apart.
+std::wstring_view withoutNumber(std::wstring_view fileName) {
+    const std::size_t mark = fileName.rfind(L"%~");
+    if (mark == std::wstring_view::npos || mark + 2 == fileName.size() ||
+        fileName.find_first_not_of(L"0123456789", mark + 2) != std::wstring_view::npos)
+        return fileName;
+    return fileName.substr(0, mark);
+}
+
 } // namespace
 
 std::wstring fileNameOf(std::wstring_view nodeName) {
@@ -69,6 +94,28 @@ std::wstring fileNameOf(std::wstring_view nodeName) {
     }
     // A damaged document may hold a node without a name; an empty component would be the directory itself.
     return result.empty() ? L"%" : result;
+}
+
+std::wstring nodeNameOf(std::wstring_view fileName) {
+    std::wstring result;
+    std::wstring_view rest = withoutNumber(fileName);
+    if (rest == L"%")
+        return result;
+    while (!rest.empty()) {
+        const auto surrogate = rest.starts_with(L"%u") ? hexValue(rest.substr(2), 4) : std::nullopt;
+        const auto character = rest[0] == L'%' ? hexValue(rest.substr(1), 2) : std::nullopt;
+        if (surrogate && (*surrogate & 0xf800) == 0xd800) {
+            result += *surrogate;
+            rest.remove_prefix(6);
+        } else if (character && *character != 0) {
+            result += *character;
+            rest.remove_prefix(3);
+        } else {
+            result += rest[0];
+            rest.remove_prefix(1);
+        }
+    }
+    return result;
 }
 
 std::wstring FileNames::unique(std::wstring_view nodeName) {

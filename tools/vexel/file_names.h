@@ -13,6 +13,10 @@ namespace Vexel::Tool {
 /// name with or without extension ("%43ON", "%6eul.txt"). Half a surrogate pair becomes "%u" and four digits.
 std::wstring fileNameOf(std::wstring_view nodeName);
 
+/// The other way: the node that `fileNameOf` or FileNames made the name for. What looks like no escape of
+/// theirs stands for itself.
+std::wstring nodeNameOf(std::wstring_view fileName);
+
 /// The file names given out in one directory.
 class FileNames {
 public:

@@ -1,9 +1,8 @@
 #pragma once
 
-#include "file_handle.h"
+#include "file_paths.h"
 
 #include <string>
-#include <string_view>
 
 namespace Vexel::Tool {
 
@@ -31,25 +30,22 @@ private:
     bool overwrite_;
 };
 
-/// A file that appears under its name only when it is complete: until `finish`, it has another name, under
-/// which it is deleted when it is given up.
+/// A file that appears under its name only when it is complete.
 class TargetFile {
 public:
-    TargetFile(const TargetDirectory& directory, std::wstring path);
-    TargetFile(const TargetFile&) = delete;
-    TargetFile& operator=(const TargetFile&) = delete;
-    ~TargetFile();
+    TargetFile(const TargetDirectory& directory, const std::wstring& path)
+        : file_(directory.absolute({}), directory.label(path)), path_(directory.absolute(path)),
+          overwrite_(directory.overwrite_) {}
 
-    void write(const void* data, std::size_t count);
+    void write(const void* data, std::size_t count) { file_.write(data, count); }
 
     /// Fails when there is a file of that name, unless it is to be overwritten.
-    void finish();
+    void finish() { file_.finish(path_, overwrite_); }
 
 private:
-    const TargetDirectory& directory_;
+    PartialFile file_;
     std::wstring path_;
-    std::wstring temporary_;
-    FileHandle file_;
+    bool overwrite_;
 };
 
 } // namespace Vexel::Tool

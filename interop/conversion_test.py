@@ -1,0 +1,119 @@
+"""Documents of older versions: packages made of compound files, against olefile and 7zz; gzip streams, against gzip."""
+
+import gzip
+import os
+import random
+import signal
+import subprocess
+import time
+import unittest
+import uuid
+
+from vexel_cli import BUILD, DATA, ROOT, SAMPLES, CommandTest, snapshot
+
+
+def package_snapshot(path, directory):
+    """As vexel_cli.snapshot, of a package that 7zz unpacks."""
+    subprocess.run(["7zz", "x", "-y", f"-o{directory}", path], check=True, capture_output=True, timeout=200)
+    result = {"": ""}
+    for entry in sorted(directory.rglob("*")):
+        name = str(entry.relative_to(directory))
+        if entry.name == ".clsid":
+            storage = "" if entry.parent == directory else str(entry.parent.relative_to(directory))
+            result[storage] = str(uuid.UUID(bytes_le=entry.read_bytes())).upper()
+        elif entry.is_dir():
+            result.setdefault(name, "")
+        else:
+            result[name] = entry.read_bytes()
+    return result
+
+
+class Conversion(CommandTest):
+    def test_packages_hold_what_the_documents_hold(self):
+        for sample in SAMPLES:
+            for command in ["convert"], ["pack", "--from"]:
+                with self.subTest((sample, command)):
+                    document, package = self.sample(sample), self.directory / f"{sample}.{command[0]}.7z"
+                    before = document.read_bytes()
+                    self.assertEqual(self.succeed(*command, document, package), b"")
+                    unpacked = package_snapshot(package, self.directory / f"{sample}.{command[0]}")
+                    self.assertEqual(unpacked, snapshot(document))
+                    self.assertEqual(document.read_bytes(), before)
+
+    def test_a_package_is_converted_too(self):
+        package = self.directory / "again.7z"
+        self.succeed("convert", DATA / "plain-lzma2.7z", package)
+        self.assertEqual(package_snapshot(package, self.directory / "again"),
+                         package_snapshot(DATA / "plain-lzma2.7z", self.directory / "first"))
+
+    def test_an_empty_document_gives_an_empty_package(self):
+        package = self.directory / "empty.7z"
+        self.succeed("convert", DATA / "empty.7z", package)
+        self.assertEqual(package_snapshot(package, self.directory / "empty"), {"": ""})
+
+    def test_nothing_is_overwritten_without_force(self):
+        document, package = self.sample("namesdemo.xls"), self.directory / "there"
+        package.write_bytes(b"there")
+        self.fail_with(1, "cannot create", "convert", document, package)
+        self.assertEqual(package.read_bytes(), b"there")
+        self.succeed("convert", "--force", document, package)
+        self.assertEqual(package.read_bytes()[:2], b"7z")
+
+    def test_failures_leave_no_package(self):
+        document = self.sample("foreign-tree.cfb")
+        document.write_bytes(document.read_bytes()[:-60000])
+        text = self.directory / "text"
+        text.write_bytes(b"some text")
+        for source in [document, text, self.directory / "missing", self.directory]:
+            with self.subTest(source):
+                self.fail_with(1, r": 0x80[0-9a-f]{6} \(", "convert", source, self.directory / "out.7z")
+        self.fail_with(1, "cannot", "convert", self.sample("namesdemo.xls"), self.directory / "no" / "out.7z")
+        self.assertEqual(sorted(os.listdir(self.directory)), ["foreign-tree.cfb", "namesdemo.xls", "text"])
+
+    def test_a_killed_conversion_leaves_no_half_made_package(self):
+        document = self.directory / "document"
+        subprocess.run([ROOT / "scripts" / "wine", BUILD / "bin" / "make_compound.exe", "large", f"Z:{document}"],
+                       check=True, timeout=120)
+        before, package = document.read_bytes(), self.directory / "out.7z"
+        seed = random.randrange(1 << 32)
+        random.seed(seed)
+        for _ in range(5):
+            command = [ROOT / "scripts" / "vexel", "convert", "--force", document, package]
+            with subprocess.Popen(command, env={**os.environ, "VEXEL_BUILD_DIR": str(BUILD)}) as conversion:
+                time.sleep(random.uniform(0.1, 1.0))
+                conversion.send_signal(signal.SIGKILL)
+            self.assertEqual(document.read_bytes(), before)
+            if package.exists():
+                subprocess.run(["7zz", "t", package], check=True, capture_output=True, timeout=120)
+                self.assertEqual(self.succeed("list", package).count(b"\n"), 8, f"seed {seed}")
+                package.unlink()
+
+
+class Gunzip(CommandTest):
+    def put(self, data):
+        document = self.sample("namesdemo.xls")
+        self.succeed("put", document, "Packed", stdin=data)
+        return document, "Packed"
+
+    def test_streams_of_gzip_are_inflated(self):
+        for size in [0, 1, 5000, 3000000]:
+            for level in "-1", "-9":
+                text = bytes(i * i % 251 for i in range(1000)) * (size // 1000) + b"x" * (size % 1000)
+                packed = subprocess.run(["gzip", level, "-n"], input=text, capture_output=True, check=True).stdout
+                self.assertEqual(self.succeed("gunzip", *self.put(packed)), text)
+
+    def test_what_is_not_whole_is_told(self):
+        packed = bytearray(gzip.compress(b"inner text " * 1000, mtime=0))
+        self.fail_with(1, "no gzip stream", "gunzip", *self.put(b"plain text"))
+        self.fail_with(1, "no gzip stream", "gunzip", *self.put(b""))
+        self.fail_with(1, "damaged", "gunzip", *self.put((DATA / "with-name.gz").read_bytes()))
+        for at in -1, -5, len(packed) // 2:
+            damaged = bytearray(packed)
+            damaged[at] ^= 1
+            self.fail_with(1, "damaged", "gunzip", *self.put(damaged))
+        for size in 12, len(packed) // 2, len(packed) - 1:
+            self.fail_with(1, "damaged", "gunzip", *self.put(packed[:size]))
+
+
+if __name__ == "__main__":
+    unittest.main()

@@ -1,0 +1,59 @@
+#include "file_paths.h"
+
+#include "failure.h"
+
+#include <utility>
+#include <vector>
+
+namespace Vexel::Tool {
+
+std::wstring withoutLengthLimit(const std::wstring& path) {
+    std::vector<wchar_t> buffer(GetFullPathNameW(path.c_str(), 0, nullptr, nullptr));
+    const DWORD length =
+        GetFullPathNameW(path.c_str(), static_cast<DWORD>(buffer.size()), buffer.data(), nullptr);
+    if (length == 0 || length >= buffer.size())
+        throw Failure(L"cannot find", path, lastErrorStatus());
+    std::wstring full(buffer.data(), length);
+    if (full.starts_with(L"\\\\?\\") || full.starts_with(L"\\\\.\\"))
+        return full;
+    if (full.starts_with(L"\\\\"))
+        return L"\\\\?\\UNC\\" + full.substr(2);
+    return L"\\\\?\\" + full;
+}
+
+PartialFile::PartialFile(const std::wstring& directory, std::wstring label) : label_(std::move(label)) {
+    const std::wstring stem = directory + L"vexel-" + std::to_wstring(GetCurrentProcessId()) + L"-";
+    for (unsigned number = 0; !file_; ++number) {
+        path_ = stem + std::to_wstring(number) + L".part";
+        file_ = FileHandle(CreateFileW(path_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                       FILE_ATTRIBUTE_NORMAL, nullptr));
+        if (!file_ && GetLastError() != ERROR_FILE_EXISTS)
+            throw Failure(L"cannot create", label_, lastErrorStatus());
+    }
+}
+
+PartialFile::~PartialFile() {
+    file_.close();
+    if (!path_.empty())
+        DeleteFileW(path_.c_str());
+}
+
+void PartialFile::write(const void* data, std::size_t count) {
+    DWORD written = 0;
+    if (!WriteFile(file_.get(), data, static_cast<DWORD>(count), &written, nullptr) || written != count)
+        throw Failure(L"cannot write", label_, lastErrorStatus());
+}
+
+void PartialFile::close() {
+    if (!file_.close())
+        throw Failure(L"cannot write", label_, lastErrorStatus());
+}
+
+void PartialFile::finish(const std::wstring& path, bool overwrite) {
+    const DWORD flags = overwrite ? MOVEFILE_REPLACE_EXISTING : 0;
+    if (!file_.close() || !MoveFileExW(path_.c_str(), path.c_str(), flags))
+        throw Failure(L"cannot create", label_, lastErrorStatus());
+    path_.clear();
+}
+
+} // namespace Vexel::Tool

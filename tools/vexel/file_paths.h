@@ -1,0 +1,38 @@
+#pragma once
+
+#include "file_handle.h"
+
+#include <string>
+
+namespace Vexel::Tool {
+
+/// The form of an absolute path that may be longer than 260 characters and whose components Windows does not
+/// interpret. Throws Failure.
+std::wstring withoutLengthLimit(const std::wstring& path);
+
+/// A new file under a name of its own, deleted again unless it gets the one it is meant for: so that nothing
+/// half-made stands under that. Members throw Failure.
+class PartialFile {
+public:
+    /// Makes it in `directory`, which ends with its separator, open for writing. `label` names the file that
+    /// it is to become.
+    PartialFile(const std::wstring& directory, std::wstring label);
+    PartialFile(const PartialFile&) = delete;
+    PartialFile& operator=(const PartialFile&) = delete;
+    ~PartialFile();
+
+    const std::wstring& path() const noexcept { return path_; }
+    void write(const void* data, std::size_t count);
+    /// For others to write it.
+    void close();
+    /// Closes the file and gives it its name. Fails when there is one of that name, unless that is to be
+    /// overwritten.
+    void finish(const std::wstring& path, bool overwrite);
+
+private:
+    std::wstring path_; // empty: finished
+    std::wstring label_;
+    FileHandle file_;
+};
+
+} // namespace Vexel::Tool

@@ -1,0 +1,96 @@
+#include "command.h"
+#include "console.h"
+#include "document.h"
+#include "text.h"
+
+#include <vexel/compressed_stream.h>
+#include <vexel/diagnostics.h>
+
+#include <memory>
+
+namespace Vexel::Tool {
+namespace {
+
+struct Arguments {
+    std::string file;
+    std::string node;
+};
+
+/// Notes whether the library has logged an error; passes all on.
+class ErrorWatch {
+public:
+    ErrorWatch() {
+        next_ = VxLog_SetSink(
+            [](int level, const wchar_t* message, void* context) {
+                auto& watch = *static_cast<ErrorWatch*>(context);
+                watch.seen_ = watch.seen_ || level >= VxLog_Error;
+                if (watch.next_)
+                    watch.next_(level, message, watch.nextContext_);
+            },
+            this, &nextContext_);
+    }
+    ErrorWatch(const ErrorWatch&) = delete;
+    ErrorWatch& operator=(const ErrorWatch&) = delete;
+    ~ErrorWatch() { VxLog_SetSink(next_, nextContext_); }
+
+    bool seen() const noexcept { return seen_; }
+
+private:
+    VxLogSink next_ = nullptr;
+    void* nextContext_ = nullptr;
+    bool seen_ = false;
+};
+
+/// The end of a gzip stream says how long its contents are, modulo 2^32.
+unsigned long storedSize(StreamRef& stream) {
+    unsigned char size[4]{};
+    stream.Seek(vxio::IReadStream::End, -4);
+    stream.ReadBytes(size, sizeof size);
+    stream.SeekToBegin();
+    return size[0] | size[1] << 8 | size[2] << 16 | static_cast<unsigned long>(size[3]) << 24;
+}
+
+bool isGzip(StreamRef& stream) {
+    unsigned char magic[2]{};
+    return stream.ReadBytes(magic, sizeof magic) == sizeof magic && magic[0] == 0x1F && magic[1] == 0x8B;
+}
+
+void run(const Arguments& arguments) {
+    const NodePath path = NodePath::parse(toUtf16(arguments.node));
+    const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadOnlyDenyWrite);
+    StreamRef stream = document.openStream(path);
+    if (!isGzip(stream))
+        throw Failure(L"this is no gzip stream:", document.label(path), STG_E_INVALIDHEADER);
+    const unsigned long size = storedSize(stream);
+
+    // The library reads what there is; whether that was all shows in its log and at the stream's end.
+    const ErrorWatch errors;
+    COleStreamCompressFile inflated(true);
+    inflated.SetIgnoreEndOfFile(true);
+    unsigned long done = 0;
+    if (inflated.OpenStream(stream)) {
+        StandardOutput output;
+        std::vector<std::byte> buffer(kChunkSize);
+        while (const auto count = inflated.ReadBytes(buffer.data(), buffer.size())) {
+            output.bytes(std::span(buffer).first(static_cast<std::size_t>(count)));
+            done += static_cast<unsigned long>(count);
+        }
+        inflated.CloseCompression();
+    }
+    if (errors.seen() || done != size)
+        throw Failure(L"damaged gzip data:", document.label(path), STG_E_DOCFILECORRUPT);
+}
+
+void add(CLI::App& program) {
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* command =
+        program.add_subcommand("gunzip", "Write the inflated bytes of a gzip stream to standard output");
+    addFile(*command, arguments->file);
+    addNode(*command, arguments->node)->required();
+    command->callback([arguments] { run(*arguments); });
+}
+
+const CommandRegistration registration(add);
+
+} // namespace
+} // namespace Vexel::Tool

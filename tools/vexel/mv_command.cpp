@@ -1,0 +1,113 @@
+#include "command.h"
+#include "document.h"
+#include "text.h"
+
+#include <algorithm>
+#include <memory>
+
+namespace Vexel::Tool {
+namespace {
+
+struct Arguments {
+    std::string file;
+    std::string node;
+    std::string newNode;
+};
+
+// A node's place: the storages on the way to it, all open for writing, and its name in the last of them.
+struct Place {
+    Place(const Document& document, NodePath node, bool create)
+        : path(std::move(node)), storages(document.openForWriting(path.parent(), create)) {}
+
+    StorageRef& parent() { return storages.back(); }
+    const wchar_t* name() const { return path.name().c_str(); }
+
+    NodePath path;
+    std::vector<StorageRef> storages;
+};
+
+bool isInside(const NodePath& path, const NodePath& storage) {
+    return path.elements().size() >= storage.elements().size() &&
+           path.first(storage.elements().size()).elements() == storage.elements();
+}
+
+HRESULT copyStorage(Place& from, Place& to) {
+    StorageRef source;
+    StorageRef target;
+    HRESULT status = source.open(elementName(from.path.name()), from.parent(), true);
+    if (SUCCEEDED(status))
+        status = target.create(elementName(to.path.name()), to.parent(), false);
+    if (SUCCEEDED(status))
+        status = source.copyTo(target);
+    return SUCCEEDED(status) ? target.commit() : status;
+}
+
+HRESULT copyStream(Place& from, Place& to) {
+    StreamRef source;
+    StreamRef target;
+    HRESULT status = source.open(elementName(from.path.name()), from.parent(), true);
+    if (SUCCEEDED(status))
+        status = target.create(elementName(to.path.name()), to.parent());
+    if (SUCCEEDED(status))
+        status = source.copyTo(target);
+    if (FAILED(status))
+        return status;
+    return target.size() == source.size() ? target.commit() : STG_E_READFAULT;
+}
+
+// Within a storage both formats rename, within a document only packages do.
+HRESULT moveNode(Place& from, Place& to, StorageType type) {
+    // The system's storage renames nothing that is open, as what was asked about before may still be.
+    from.parent().deleteUnusedObjects();
+    IStorage* const source = from.parent().storage();
+    IStorage* const target = to.parent().storage();
+    if (!source || !target)
+        return STG_E_INVALIDHANDLE;
+    if (from.parent() == to.parent())
+        return source->RenameElement(from.name(), to.name());
+    if (from.parent().format() == StorageFormat::Package)
+        return source->MoveElementTo(from.name(), target, to.name(), STGMOVE_MOVE);
+    const HRESULT status = type == StorageType::Storage ? copyStorage(from, to) : copyStream(from, to);
+    return SUCCEEDED(status) ? from.parent().destroy(elementName(from.path.name())) : status;
+}
+
+void run(const Arguments& arguments) {
+    const std::wstring file = toUtf16(arguments.file);
+    const NodePath node = NodePath::parse(toUtf16(arguments.node));
+    const NodePath newNode = NodePath::parse(toUtf16(arguments.newNode));
+    if (node.isRoot() || newNode.isRoot())
+        throw UsageError(L"the root cannot be moved or replaced in", file);
+    if (isInside(newNode, node))
+        throw UsageError(L"a node cannot be moved into itself:", newNode.text());
+    const Document document(file, RootStorageOpenMode::ReadWrite);
+    Place from(document, node, false);
+    const auto type = Document::typeOf(from.parent(), node.name());
+    if (!type)
+        throw Failure(L"cannot move", document.label(node), STG_E_FILENOTFOUND);
+    Place to(document, newNode, true);
+    if (Document::typeOf(to.parent(), newNode.name()))
+        throw Failure(L"cannot move to", document.label(newNode), STG_E_FILEALREADYEXISTS);
+    check(moveNode(from, to, *type), L"cannot move", document.label(node));
+    // Where the ways to both places are one, it is committed when what lies below is.
+    const auto ways =
+        std::mismatch(from.storages.begin(), from.storages.end(), to.storages.begin(), to.storages.end());
+    document.commit(to.storages, newNode.parent(),
+                    static_cast<std::size_t>(ways.second - to.storages.begin()));
+    document.commit(from.storages, node.parent());
+}
+
+void add(CLI::App& program) {
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* command = program.add_subcommand(
+        "mv", "Give a node another path, creating the storages above that where they are missing");
+    addFile(*command, arguments->file);
+    addNode(*command, arguments->node)->required();
+    command->add_option("NEWNODE", arguments->newNode, "The node's new path; nothing may stand there")
+        ->required();
+    command->callback([arguments] { run(*arguments); });
+}
+
+const CommandRegistration registration(add);
+
+} // namespace
+} // namespace Vexel::Tool

@@ -1,0 +1,196 @@
+#include "command.h"
+#include "console.h"
+#include "conversion.h"
+#include "failure.h"
+#include "file_names.h"
+#include "file_paths.h"
+#include "progress.h"
+#include "source.h"
+#include "text.h"
+
+#include <vexel/archive.h>
+
+#include <wrl/client.h>
+
+#include <memory>
+#include <vector>
+
+namespace Vexel::Tool {
+namespace {
+
+using Vexel::Storage::SZipArchive;
+
+// What is not in the file yet is in memory.
+constexpr unsigned long long kLargestUnsaved = 256ULL << 20;
+
+struct Arguments {
+    std::string directory; // or a document
+    std::string file;
+    bool force = false;
+    bool fromDocument = false;
+};
+
+struct Entry {
+    std::wstring file;  // absolute, without a length limit
+    std::wstring label; // as it is shown to the user
+    CString item;
+    bool isDirectory = false;
+    unsigned long long size = 0;
+    FILETIME created{};
+    FILETIME modified{};
+};
+
+struct CloseSearch {
+    using pointer = HANDLE;
+    void operator()(HANDLE search) const noexcept { FindClose(search); }
+};
+
+Entry entryOf(const Entry& directory, const WIN32_FIND_DATAW& found) {
+    Entry entry;
+    const std::wstring name = found.cFileName;
+    entry.file = directory.file + L"\\" + name;
+    entry.label = directory.label + L"\\" + name;
+    const std::wstring node = nodeNameOf(name);
+    // The library lists such a node under the part of its name before the slash, and nobody finds it.
+    if (node.find(L'/') != std::wstring::npos)
+        throw Failure(L"the node's name would have a slash:", entry.label, STG_E_INVALIDNAME);
+    const CString element = SZipArchive::encodePathElement(node);
+    entry.item = directory.item.IsEmpty() ? element : directory.item + L"/" + element;
+    entry.isDirectory = (found.dwFileAttributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
+    entry.size = (static_cast<unsigned long long>(found.nFileSizeHigh) << 32) | found.nFileSizeLow;
+    entry.created = found.ftCreationTime;
+    entry.modified = found.ftLastWriteTime;
+    // It may lead back to where it stands.
+    if (entry.isDirectory && (found.dwFileAttributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
+        throw Failure(L"this is a link to a directory:", entry.label, STG_E_INVALIDFUNCTION);
+    return entry;
+}
+
+void appendChildren(std::vector<Entry>& entries, const Entry& directory) {
+    WIN32_FIND_DATAW found;
+    const std::wstring pattern = directory.file + L"\\*";
+    const HANDLE first = FindFirstFileW(pattern.c_str(), &found);
+    if (first == INVALID_HANDLE_VALUE)
+        throw Failure(L"cannot list", directory.label, lastErrorStatus());
+    const std::unique_ptr<HANDLE, CloseSearch> search(first);
+    do {
+        const std::wstring_view name = found.cFileName;
+        if (name != L"." && name != L"..")
+            entries.push_back(entryOf(directory, found));
+    } while (FindNextFileW(search.get(), &found));
+    if (GetLastError() != ERROR_NO_MORE_FILES)
+        throw Failure(L"cannot list all of", directory.label, lastErrorStatus());
+}
+
+// All that is in a directory, each before its contents.
+std::vector<Entry> entriesOf(const std::wstring& directory) {
+    std::vector<Entry> entries;
+    Entry root;
+    root.file = withoutLengthLimit(directory);
+    if (root.file.ends_with(L'\\'))
+        root.file.pop_back();
+    root.label = directory;
+    appendChildren(entries, root);
+    for (std::size_t i = 0; i < entries.size(); ++i) {
+        if (entries[i].isDirectory)
+            appendChildren(entries, Entry(entries[i]));
+    }
+    return entries;
+}
+
+unsigned long long totalSize(const std::vector<Entry>& entries) {
+    unsigned long long size = 0;
+    for (const Entry& entry : entries)
+        size += entry.size;
+    return size;
+}
+
+class Packing {
+public:
+    Packing(const std::wstring& path, std::wstring label, unsigned long long total)
+        : archive_(path, false, true), label_(std::move(label)), total_(total) {
+        // Without any change nothing would be saved, not even an archive without items.
+        check(archive_.createDirectory(L"-", true, false), L"cannot create", label_);
+        check(archive_.clear(std::wstring_view()), L"cannot create", label_);
+    }
+
+    void add(const Entry& entry) {
+        if (entry.isDirectory)
+            check(archive_.createDirectory(entry.item, true, false), L"cannot add", entry.label);
+        else
+            addFile(entry);
+        Vexel::Storage::SZipArchiveItem* const item = archive_.item(entry.item);
+        item->setCreationTime(entry.created);
+        item->setModificationTime(entry.modified);
+        if (unsaved_ >= kLargestUnsaved)
+            save();
+    }
+
+    void save() {
+        progress_.begin(L"compressing");
+        check(archive_.save(true), L"cannot write", label_);
+        unsaved_ = 0;
+        progress_.begin(L"packing", total_);
+        progress_.add(done_);
+    }
+
+private:
+    void addFile(const Entry& entry) {
+        Source source(entry.file);
+        Microsoft::WRL::ComPtr<IStream> stream;
+        check(archive_.createFile(&stream, entry.item, true, false), L"cannot add", entry.label);
+        while (const std::size_t count = source.read(buffer_)) {
+            ULONG written = 0;
+            check(stream->Write(buffer_.data(), static_cast<ULONG>(count), &written), L"cannot add",
+                  entry.label);
+            unsaved_ += count;
+            done_ += count;
+            progress_.add(count);
+        }
+    }
+
+    SZipArchive archive_;
+    std::wstring label_;
+    std::vector<std::byte> buffer_ = std::vector<std::byte>(kChunkSize);
+    unsigned long long total_;
+    unsigned long long done_ = 0;
+    unsigned long long unsaved_ = 0;
+    Progress progress_{L"packing", total_};
+};
+
+void run(const Arguments& arguments) {
+    const std::wstring file = toUtf16(arguments.file);
+    if (arguments.fromDocument) {
+        convertDocument(toUtf16(arguments.directory), file, arguments.force);
+        return;
+    }
+    const std::wstring path = withoutLengthLimit(file);
+    if (!arguments.force && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
+        throw Failure(L"cannot create", file, HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
+    const std::vector<Entry> entries = entriesOf(toUtf16(arguments.directory));
+    PartialFile partial(path.substr(0, path.rfind(L'\\') + 1), file);
+    partial.close();
+    {
+        Packing packing(partial.path(), file, totalSize(entries));
+        for (const Entry& entry : entries)
+            packing.add(entry);
+        packing.save();
+    }
+    partial.finish(path, arguments.force);
+}
+
+void add(CLI::App& program) {
+    const auto arguments = std::make_shared<Arguments>();
+    CLI::App* command = program.add_subcommand(
+        "pack", "Make a package from a directory; names are decoded as extract encodes them");
+    command->add_option("DIR", arguments->directory, "The directory with what is to be in it")->required();
+    command->add_option("FILE", arguments->file, "The package to make")->required();
+    command->add_flag("--force", arguments->force, "Replace a file that is there");
+    command->add_flag("--from", arguments->fromDocument, "DIR is a document; as convert");
+    command->callback([arguments] { run(*arguments); });
+}
+
+const CommandRegistration registration(add);
+
+} // namespace
+} // namespace Vexel::Tool
