@@ -11,3 +11,4 @@ endfunction()
 
 vexel_header_only(cli11 CLI)
 vexel_header_only(nlohmann_json nlohmann)
+vexel_header_only(simpleini SimpleIni.h)
