@@ -30,8 +30,12 @@ void SZipArchiveItem::touch() noexcept {
 
 void SZipArchiveItem::flush() {
     const RwGuard guard(lock_, RwGuard::Exclusive);
-    if (contents_ && !contents_->isModified() && !contents_->isShared())
+    if (canFlush())
         contents_.Reset();
+}
+
+bool SZipArchiveItem::canFlush() const noexcept {
+    return contents_ && !contents_->isModified() && !contents_->isShared();
 }
 
 } // namespace Vexel::Storage

@@ -21,6 +21,7 @@ FILETIME timeAt(const NArchive::N7z::CUInt64DefVector& times, unsigned index) no
 void SZipArchivePrivate::refresh(SZipArchiveItem& item, unsigned index) const noexcept {
     const auto& records = database->database();
     const auto& record = records.Files[index];
+    const RwGuard guard(item.lock_, RwGuard::Exclusive); // its size is read without the archive's
     item.size_ = record.Size;
     item.creationTime_ = timeAt(records.CTime, index);
     item.modificationTime_ = timeAt(records.MTime, index);
@@ -28,10 +29,8 @@ void SZipArchivePrivate::refresh(SZipArchiveItem& item, unsigned index) const no
     item.databaseIndex_ = item.oldIndex_ = static_cast<int>(index);
     item.isDirectory_ = record.IsDir;
     item.isAnti_ = records.IsItemAnti(index);
-    if (item.isDirectory_)
+    if (item.isDirectory_ || item.canFlush())
         item.contents_.Reset();
-    else if (item.contents_)
-        item.flush();
 }
 
 HRESULT SZipArchivePrivate::openInput(Database& fresh) {
@@ -57,9 +56,9 @@ void SZipArchivePrivate::takeOver(Database fresh) {
         if (next == items.end() || StringLess::view(next->first) != path)
             next = items.find(path);
         SZipArchiveItem* item = nullptr;
-        if (next != items.end())
+        if (next != items.end()) {
             item = &next++->second;
-        else {
+        } else {
             const auto made = added.try_emplace(place, toString(path), *this, false);
             item = &made->second;
             place = std::next(made);
@@ -87,7 +86,7 @@ HRESULT SZipArchivePrivate::read() {
         item.databaseIndex_ = -1;
     Database fresh;
     notOpened_ = openInput(fresh);
-    if (FAILED(notOpened_))
+    if (FAILED(notOpened_) || !fresh) // or without an error that the system would tell of
         return notOpened_;
     if (const HRESULT status = fresh->read(fileName.GetString()); FAILED(status))
         return status;
@@ -106,8 +105,11 @@ HRESULT SZipArchivePrivate::reload() {
 }
 
 HRESULT SZipArchivePrivate::settle() {
-    if (unread_)
-        return read();
+    if (unread_) {
+        const HRESULT status = read();
+        *changed = true; // something may have been written since the file was
+        return status;
+    }
     return isSettled() ? S_OK : database->reopenFile(fileName.GetString());
 }
 

@@ -84,6 +84,8 @@ private:
     friend class SZipArchive;
     friend class SZipArchivePrivate;
 
+    bool canFlush() const noexcept; // with the lock held
+
     SZipArchivePrivate* archive_;
     Microsoft::WRL::ComPtr<SZipStream> contents_; // null while they are only in the file
     unsigned long long size_ = 0;
@@ -92,9 +94,9 @@ private:
     unsigned crc_ = 0;
     mutable std::atomic<std::uint64_t> lock_{0};
     int databaseIndex_ = -1; // of the record in the archive that was read
-    int oldIndex_ = -1;      // the same, kept while a failed reload has made that -1
     bool isDirectory_;
     bool isAnti_ = false;
+    int oldIndex_ = -1; // `databaseIndex_`, kept while a failed reload has made that -1
 };
 
 /// A 7z archive in memory. Contents are read when they are asked for and stay, until they are flushed.
