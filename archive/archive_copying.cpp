@@ -35,6 +35,8 @@ private:
 } // namespace
 
 HRESULT SZipArchivePrivate::borrowPackedData(const SZipArchivePrivate& source) {
+    if (const HRESULT status = settle(); FAILED(status))
+        return status;
     for (const auto& [path, item] : items)
         if (item.databaseIndex_ >= 0 || item.oldIndex_ >= 0)
             return STG_E_INVALIDFUNCTION;
@@ -83,12 +85,16 @@ HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZip
 HRESULT SZipArchive::borrowPackedData(const SZipArchive& source) {
     if (&source == this)
         return S_OK;
-    const CopyGuard guard(private_->lock, source.private_->lock);
-    return private_->borrowPackedData(*source.private_);
+    return withStatus([&] {
+        const CopyGuard guard(private_->lock, source.private_->lock);
+        return private_->borrowPackedData(*source.private_);
+    });
 }
 
 HRESULT SZipArchivePrivate::addTree(const SZipArchivePrivate& source, std::wstring_view sourcePath,
                                     std::wstring_view targetPath) {
+    if (const HRESULT status = settle(); FAILED(status))
+        return status;
     if (!sourcePath.empty()) {
         const auto top = source.items.find(sourcePath);
         if (top == source.items.end())
