@@ -53,8 +53,7 @@ HRESULT SZipArchivePrivate::decodeFolder(const CString& path, unsigned index, Dy
                      path.GetString(), fileName.GetString());
         return STG_E_INVALIDFUNCTION;
     }
-    Engine::DecodedFolder decoded;
-    decoded.status = STG_E_READFAULT;
+    Engine::DecodedFolder decoded{STG_E_READFAULT, true};
     if (folder.index != NArchive::N7z::kNumNoIndex && Engine::isPlausible(records, folder.index)) {
         if (!reserve(bytes, record.Size)) {
             VxLog_WriteW(
@@ -66,6 +65,8 @@ HRESULT SZipArchivePrivate::decodeFolder(const CString& path, unsigned index, Dy
         }
         decoded = Engine::decodeFolder(*database, folder.index, bytes);
     }
+    if (!decoded.isStarted)
+        return decoded.status;
     // The decoder calls it a success when data are left over. So do we, but there is nothing to have.
     if (decoded.status != S_OK || decoded.dataAfterEnd) {
         VxLog_WriteW(VxLog_Error, L"Failed to decompress the file \"%ls\" in archive \"%ls\": 0x%08x",

@@ -91,7 +91,7 @@ HRESULT DatabaseStream::readStart(StartHeader& start) const {
 // The start header holds a checksum of itself and of all that the database was read from.
 HRESULT DatabaseStream::reopenFile(const wchar_t* path) {
     std::shared_ptr<DatabaseStream> again;
-    if (const HRESULT status = openFile(path, again); FAILED(status))
+    if (const HRESULT status = openFile(path, again); FAILED(status) || !again)
         return status;
     StartHeader start{};
     if (const HRESULT status = again->readStart(start); FAILED(status))
@@ -113,7 +113,12 @@ HRESULT DatabaseStream::readDatabase(const wchar_t* archiveName) {
         return status;
     if (const HRESULT status = readHeader(archiveName, std::move(header)); FAILED(status))
         return status;
-    return isOnStream() ? S_OK : readStart(start_);
+    if (isOnStream())
+        return S_OK;
+    const HRESULT status = readStart(start_);
+    if (FAILED(status))
+        logFailure(VxLog_Error, kReadFailure, archiveName, status);
+    return status;
 }
 
 HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& header) const {
@@ -128,7 +133,15 @@ HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& hea
         return status;
     }
     InStreamSource source(*input.Get(), size);
-    const HeaderVerdict verdict = checkHeaders(source, &header);
+    HeaderVerdict verdict;
+    const HRESULT status = withEngine(E_FAIL, [&] {
+        verdict = checkHeaders(source, &header);
+        return S_OK;
+    });
+    if (FAILED(status)) { // for want of memory
+        logFailure(VxLog_Error, kReadFailure, archiveName, status);
+        return status;
+    }
     if (verdict.fault == HeaderFault::None)
         return S_OK;
 

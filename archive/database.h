@@ -74,7 +74,7 @@ private:
 };
 
 /// Opens an archive's file for reading. A failure is logged, and gives its Win32 error in the storage
-/// facility.
+/// facility; error 0 gives S_OK, with nothing opened.
 HRESULT openFile(const wchar_t* path, std::shared_ptr<DatabaseStream>& opened);
 
 /// Whether a status is one of those of a file or a place that is not there.

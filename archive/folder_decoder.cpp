@@ -18,6 +18,9 @@ using NArchive::N7z::CDecoder;
 
 namespace {
 
+// On several threads, each of them holds a block of LZMA2 packed and unpacked: with our dictionary, 4 MiB and
+// its packed bytes. Two decode an item of 64 MiB nearly twice as fast as one does, with 1.22 to 1.3 times its
+// memory instead of 1.03 times.
 constexpr UInt64 kMultiThreadedFrom = 0x100000;
 constexpr UInt64 kNoMemoryLimit = ~UInt64{0};
 constexpr UInt64 kMostExpansion = 8192;
@@ -75,18 +78,15 @@ DecoderPool& decoders() {
     return *pool;
 }
 
-HRESULT decode(const DatabaseStream& source, unsigned folder, InMemoryOutStream* output, bool& dataAfterEnd) {
-    ComPtr<IInStream> input;
-    if (const HRESULT status = source.openCursor(input); FAILED(status))
-        return status;
-    const CDbEx& database = source.database();
+HRESULT decode(const CDbEx& database, unsigned folder, IInStream* input, InMemoryOutStream* output,
+               bool& dataAfterEnd) {
     const bool isForPool = !takesMuch(database, folder);
     std::unique_ptr<CDecoder> decoder =
         isForPool ? decoders().take() : std::make_unique<CDecoder>(threadCount() > 1);
-    const HRESULT status = decoder->Decode(input.Get(), database.ArcInfo.DataStartPosition, database, folder,
-                                           nullptr, output, nullptr, nullptr, dataAfterEnd,
-                                           database.GetFolderUnpackSize(folder) >= kMultiThreadedFrom,
-                                           threadCount(), kNoMemoryLimit);
+    const HRESULT status =
+        decoder->Decode(input, database.ArcInfo.DataStartPosition, database, folder, nullptr, output, nullptr,
+                        nullptr, dataAfterEnd, database.GetFolderUnpackSize(folder) >= kMultiThreadedFrom,
+                        threadCount(), kNoMemoryLimit);
     // One that failed may have been left in the middle.
     if (isForPool && status == S_OK && !dataAfterEnd)
         decoders().giveBack(std::move(decoder));
@@ -104,7 +104,12 @@ DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, Dynami
     DecodedFolder result;
     result.status = withEngine(E_FAIL, [&] {
         const auto output = Detail::adopt(new InMemoryOutStream(bytes));
-        const HRESULT status = decode(source, folder, output.Get(), result.dataAfterEnd);
+        ComPtr<IInStream> input;
+        if (const HRESULT status = source.openCursor(input); FAILED(status))
+            return status;
+        result.isStarted = true;
+        const HRESULT status =
+            decode(source.database(), folder, input.Get(), output.Get(), result.dataAfterEnd);
         result.crc = output->crc();
         return status;
     });

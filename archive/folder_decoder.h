@@ -8,6 +8,7 @@ namespace Vexel::Storage::Engine {
 
 struct DecodedFolder {
     HRESULT status = S_OK;     ///< the decoder's, or that of the input
+    bool isStarted = false;    ///< false when there was no input to decode from, which is logged
     bool dataAfterEnd = false; ///< packed data were left over
     std::uint32_t crc = 0;     ///< of the bytes that came out
 };

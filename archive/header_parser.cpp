@@ -503,6 +503,8 @@ void HeaderParser::parseNames(HeaderReader& part) noexcept {
         return;
     }
     const auto names = part.take(part.left());
+    if (names.size() / sizeof(wchar_t) > kLargestCount)
+        part.refuse(HeaderFault::Unsupported, "the names are longer than texts can be");
     if (zeroUnits(names) < files_)
         part.refuse(HeaderFault::Header, "there are fewer names than items");
 }
