@@ -6,14 +6,12 @@
 #include "archive/header_check.h"
 #include "archive/header_stream.h"
 #include "io/com_pointer.h"
+#include "support/archive_bytes.h"
 #include "support/scarce_memory.h"
 
 #include <windows.h>
 
-#include <7zCrc.h>
 #include <7zip/Common/StreamObjects.h>
-#include <Alloc.h>
-#include <LzmaEnc.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
@@ -24,8 +22,8 @@
 
 namespace {
 
+using namespace ArchiveBytes;
 using namespace Vexel::Storage::Engine;
-using namespace std::string_literals;
 using NArchive::N7z::CDbEx;
 
 class Input final : public HeaderSource {
@@ -48,57 +46,6 @@ private:
 std::string sample(const std::string& name) {
     std::ifstream file("Z:" VEXEL_TEST_DATA_DIR "/" + name, std::ios::binary);
     return {std::istreambuf_iterator<char>(file), {}};
-}
-
-template <class Number>
-std::string little(Number value) {
-    return {reinterpret_cast<const char*>(&value), sizeof value};
-}
-std::uint32_t checksum(std::string_view bytes) { return CrcCalc(bytes.data(), bytes.size()); }
-
-std::string start(std::uint64_t offset, std::uint64_t size, std::uint32_t crc) {
-    const std::string place = little(offset) + little(size) + little(crc);
-    return "7z\xBC\xAF\x27\x1C\0\4"s + little(checksum(place)) + place;
-}
-std::string archiveOf(const std::string& packed, const std::string& header) {
-    return start(packed.size(), header.size(), checksum(header)) + packed + header;
-}
-
-// The header's language: numbers below 128 are a byte each, others have a mark and 8 bytes.
-std::string bytes(std::initializer_list<int> values) { return {values.begin(), values.end()}; }
-std::string number(std::uint64_t value) { return "\xFF" + little(value); }
-std::string packInfo(std::uint64_t size) { return bytes({6, 0, 1, 9}) + number(size) + bytes({0}); }
-std::string unpackInfo(const std::string& folder, std::uint64_t size) {
-    return bytes({7, 11, 1, 0}) + folder + bytes({12}) + number(size) + bytes({0});
-}
-const std::string copyFolder = bytes({1, 1, 0});
-const std::string lzmaFolder = bytes({1, 0x23, 3, 1, 1, 5, 0x5D, 0, 0, 1, 0});
-const std::string lzma2Folder = bytes({1, 0x21, 0x21, 1, 40}); // with a dictionary of 4 GiB
-
-std::string packedHeader(const std::string& folder, std::uint64_t packed, std::uint64_t size) {
-    return bytes({0x17}) + packInfo(packed) + unpackInfo(folder, size) + bytes({0});
-}
-/// Of items without contents, with these names.
-std::string listHeader(std::uint64_t items, const std::u16string& names) {
-    const std::string empty((items + 7) / 8, '\xFF');
-    const std::string all(reinterpret_cast<const char*>(names.data()), names.size() * 2);
-    return bytes({1, 5}) + number(items) + bytes({0x0E}) + number(empty.size()) + empty + bytes({0x11}) +
-           number(all.size() + 1) + bytes({0}) + all + bytes({0, 0});
-}
-std::string withPackedHeader(const std::string& header) {
-    CLzmaEncProps props;
-    LzmaEncProps_Init(&props);
-    std::string packed(header.size() + 100, '\0');
-    Byte settings[5];
-    SizeT size = packed.size(), settingsSize = sizeof settings;
-    EXPECT_EQ(LzmaEncode(reinterpret_cast<Byte*>(packed.data()), &size,
-                         reinterpret_cast<const Byte*>(header.data()), header.size(), &props, settings,
-                         &settingsSize, 0, nullptr, &g_Alloc, &g_Alloc),
-              SZ_OK);
-    packed.resize(size);
-    const std::string folder =
-        lzmaFolder.substr(0, 6) + std::string(std::begin(settings), std::end(settings));
-    return archiveOf(packed, packedHeader(folder, size, header.size()));
 }
 
 HRESULT readDatabase(IInStream* input, CDbEx& database) {
@@ -254,16 +201,8 @@ TEST(HeaderCheck, LetsNoDamageThrough) {
                 std::string damaged = header;
                 damaged[i] = static_cast<char>(damaged[i] ^ bits);
                 judge(archiveOf(packed, damaged));
-                damaged = start(packed.size(), header.size(), checksum(header)) + packed + damaged;
-                Input unrepaired(damaged);
-                EXPECT_EQ(checkHeaders(unrepaired).fault, HeaderFault::Header);
             }
             judge(archiveOf(packed, header.substr(0, i)));
-        }
-        for (std::size_t i = 0; i < whole.size(); ++i) {
-            const std::string begin = whole.substr(0, i);
-            Input cut(begin);
-            EXPECT_NE(checkHeaders(cut).fault, HeaderFault::None) << i;
         }
     }
 }

@@ -27,6 +27,13 @@ public:
             return message.level == level && message.text.find(part) != std::wstring::npos;
         });
     }
+    /// The same for all levels.
+    std::ptrdiff_t count(std::wstring_view part) const {
+        const std::lock_guard lock(mutex_);
+        return std::count_if(messages_.begin(), messages_.end(), [&](Message const& message) {
+            return message.text.find(part) != std::wstring::npos;
+        });
+    }
     void clear() {
         const std::lock_guard lock(mutex_);
         messages_.clear();
