@@ -8,6 +8,7 @@
 #include <vexel/diagnostics.h>
 #include <vexel/storage.h>
 
+#include <string>
 #include <utility>
 #include <vector>
 
@@ -19,6 +20,14 @@ namespace {
 
 bool isMemoryExhausted(HRESULT status) {
     return FAILED(status) && (status & 0xFFFF) == ERROR_NOT_ENOUGH_MEMORY;
+}
+
+/// For the log: the file, and behind a bar the node's path in it.
+std::wstring whereabouts(const VxStorageItem& item) {
+    std::wstring path;
+    for (const VxStorageItem* node = &item; node->parent(); node = node->parent())
+        path.insert(0, node->name().asString()).insert(0, 1, node->parent()->parent() ? L'/' : L'|');
+    return path.insert(0, item.root()->name().asString());
 }
 
 /// Commits a storage and those above it, as far as they are open.
@@ -156,8 +165,9 @@ long StorageRef::copyTo(const StorageRef& target) const {
         const HRESULT status =
             converts && !isForeign() ? DocumentCopy(target).run(*this) : plainCopy(*from.get(), *to.get());
         if (FAILED(status))
-            VxLog_WriteW(VxLog_Minor, L"Failed to copy \"%ls\" to \"%ls\": 0x%08x", name().asString(),
-                         target.name().asString(), static_cast<unsigned>(status));
+            VxLog_WriteW(VxLog_Minor, L"Failed to copy \"%ls\" to \"%ls\": 0x%08x",
+                         whereabouts(*from.get()).c_str(), whereabouts(*to.get()).c_str(),
+                         static_cast<unsigned>(status));
         return status;
     });
 }

@@ -103,9 +103,13 @@ private:
     bool compressionOpen_ = false;
 };
 
-/// Inflates `source`, from its position on, into `destination` at its position. A source that is not one
-/// whole gzip member to its very end is copied as it is instead: the destination never holds a part of what
-/// was inflated. Damage that only the trailer's checksum shows is logged and counts as success.
+/// Inflates the gzip member that `source` holds from its position to its end into `destination` at its
+/// position. A source that is something else, or has bytes left over when nothing more can be inflated, is
+/// copied as it is instead, and what was inflated taken back.
+///
+/// Up to 4096 bytes are read ahead and count as used. So damage, a cut or a further member within the last of
+/// them goes unnoticed: that is success with what could be inflated. A trailer that does not fit is logged
+/// and no failure either.
 ///  - The failures of copying. A failed write of inflated bytes is one, even if copying succeeds then.
 ///  - STG_E_INVALIDPOINTER: null.
 VEXEL_API HRESULT DecompressStream(::IStream* source, ::IStream* destination);

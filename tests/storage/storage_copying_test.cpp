@@ -197,8 +197,15 @@ TEST_F(Copying, IntoAStorageOpenForReadingFails) {
         EXPECT_EQ(target.commit(), S_OK);
     }
     StorageContainer::Instance().deleteUnusedObjects();
-    const StorageRef root = compound({{L"\1Ole", ""}, {L"Note", "note"}});
-    EXPECT_EQ(root.copyTo(open(L"package")), STG_E_ACCESSDENIED);
+    const StorageRef root = compound({{L"Box/Deep/\1Ole", ""}, {L"Box/Deep/Note", "note"}});
+    StorageRef box, deep, target;
+    ASSERT_EQ(box.open(L"Box", root, true), S_OK);
+    ASSERT_EQ(deep.open(L"Deep", box, true), S_OK);
+    ASSERT_EQ(target.open(L"Box", open(L"package"), true), S_OK);
+    EXPECT_EQ(deep.copyTo(target), STG_E_ACCESSDENIED);
+    EXPECT_EQ(log_.count(VxLog_Minor,
+                         L"compound|Box/Deep\" to \"" + folder_.file(L"package") + L"|Box\": 0x80030005"),
+              1);
 }
 
 // A document larger than what may wait in memory is in the file before anybody commits.
