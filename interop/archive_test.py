@@ -11,9 +11,8 @@ import time
 import unittest
 import zlib
 
-ROOT = pathlib.Path(__file__).resolve().parent.parent
-BUILD = pathlib.Path(os.environ.get("VEXEL_BUILD_DIR", ROOT / "build" / "release"))
-DATA = ROOT / "tests" / "data"
+from vexel_cli import BUILD, ROOT, listing, seven_zip
+
 WALKS = int(os.environ.get("VEXEL_WALKS", 4))
 KILLS = int(os.environ.get("VEXEL_KILLS", 12))
 EPOCH = 116444736000000000  # 1970 in the 100 ns units since 1601
@@ -34,23 +33,6 @@ def dump(path):
     """What the library makes of a package: the status of opening it, and its items by path."""
     lines = [json.loads(line) for line in tool("dump", f"Z:{path}").splitlines()]
     return lines[0]["opened"], {line["path"]: line for line in lines[1:]}
-
-
-def seven_zip(*arguments, **options):
-    return subprocess.run(["7zz", *map(str, arguments)], capture_output=True, check=True, timeout=200, **options)
-
-
-def listing(path):
-    """What 7zz makes of a package: attributes by path."""
-    items, item = {}, None
-    text = seven_zip("l", "-slt", "-sccUTF-8", path).stdout.decode()
-    for line in text.partition("----------\n")[2].splitlines():
-        key, _, value = line.partition(" = ")
-        if key == "Path":
-            item = items.setdefault(value, {})
-        elif item is not None and key:
-            item[key.removesuffix(" =")] = value
-    return items
 
 
 class Packages(unittest.TestCase):

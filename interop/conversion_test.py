@@ -7,25 +7,8 @@ import signal
 import subprocess
 import time
 import unittest
-import uuid
 
-from vexel_cli import BUILD, DATA, ROOT, SAMPLES, CommandTest, snapshot
-
-
-def package_snapshot(path, directory):
-    """As vexel_cli.snapshot, of a package that 7zz unpacks."""
-    subprocess.run(["7zz", "x", "-y", f"-o{directory}", path], check=True, capture_output=True, timeout=200)
-    result = {"": ""}
-    for entry in sorted(directory.rglob("*")):
-        name = str(entry.relative_to(directory))
-        if entry.name == ".clsid":
-            storage = "" if entry.parent == directory else str(entry.parent.relative_to(directory))
-            result[storage] = str(uuid.UUID(bytes_le=entry.read_bytes())).upper()
-        elif entry.is_dir():
-            result.setdefault(name, "")
-        else:
-            result[name] = entry.read_bytes()
-    return result
+from vexel_cli import BUILD, DATA, ROOT, SAMPLES, CommandTest, package_snapshot, snapshot
 
 
 class Conversion(CommandTest):

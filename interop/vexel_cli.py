@@ -1,4 +1,4 @@
-"""Runs the companion program, and reads compound files with olefile, for the tests of this folder."""
+"""Runs the companion program, and reads compound files with olefile and packages with 7zz, for the tests of this folder."""
 
 import os
 import pathlib
@@ -6,6 +6,7 @@ import shutil
 import subprocess
 import tempfile
 import unittest
+import uuid
 
 import olefile
 
@@ -55,6 +56,39 @@ def snapshot(path):
             is_stream = entry.entry_type == olefile.STGTY_STREAM
             result["/".join(map(encode, names))] = (
                 ole.openstream(list(names)).read() if is_stream else entry.clsid)
+    return result
+
+
+def seven_zip(*arguments, **options):
+    return subprocess.run(["7zz", *map(str, arguments)], capture_output=True, check=True, timeout=200, **options)
+
+
+def listing(path):
+    """What 7zz makes of a package: attributes by path."""
+    items, item = {}, None
+    text = seven_zip("l", "-slt", "-sccUTF-8", path).stdout.decode()
+    for line in text.partition("----------\n")[2].splitlines():
+        key, _, value = line.partition(" = ")
+        if key == "Path":
+            item = items.setdefault(value, {})
+        elif item is not None and key:
+            item[key.removesuffix(" =")] = value
+    return items
+
+
+def package_snapshot(path, directory):
+    """As snapshot, of a package that 7zz unpacks."""
+    seven_zip("x", "-y", f"-o{directory}", path)
+    result = {"": ""}
+    for entry in sorted(directory.rglob("*")):
+        name = str(entry.relative_to(directory))
+        if entry.name == ".clsid":
+            storage = "" if entry.parent == directory else str(entry.parent.relative_to(directory))
+            result[storage] = str(uuid.UUID(bytes_le=entry.read_bytes())).upper()
+        elif entry.is_dir():
+            result.setdefault(name, "")
+        else:
+            result[name] = entry.read_bytes()
     return result
 
 

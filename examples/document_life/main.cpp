@@ -204,6 +204,7 @@ void live(const CString& folder) {
 
 } // namespace
 
+// NOLINTNEXTLINE(misc-use-internal-linkage): the entry point is called from outside.
 int wmain(int count, wchar_t** arguments) {
     if (count != 2) {
         std::printf("usage: document_life FOLDER\n");

@@ -1,0 +1,206 @@
+"""The program on packages and on compound files alike, against 7zz, bsdtar and olefile."""
+
+import datetime
+import json
+import os
+import random
+import re
+import subprocess
+import unittest
+import zlib
+
+from vexel_cli import BUILD, ROOT, CommandTest, listing, package_snapshot, seven_zip, snapshot
+
+# What extract makes of names that files cannot have, and the elements that packages write for them.
+NAMES = {"%05SummaryInformation": "%05SummaryInformation", "100%25": "100%25", "%43ON": "CON", "a%3cb%3e": "a<b>",
+         "dot%2e": "dot.", "PART": "PART", "Part%~2": "Part", "100%.txt": "100%25.txt", "Чертёж 😀": "Чертёж 😀"}
+
+
+def contents_below(directory):
+    """Size and CRC-32 of every file, and None for every directory, by path."""
+    return {str(path.relative_to(directory)): None if path.is_dir() else (path.stat().st_size, zlib.crc32(path.read_bytes()))
+            for path in directory.rglob("*")}
+
+
+def packed_items(package):
+    """The packed bytes of every item by path, as 7zz tells their order and sizes."""
+    items = listing(package)
+    data, offset, result = package.read_bytes(), 32, {}
+    for path, item in sorted(items.items(), key=lambda pair: int(pair[1]["Block"] or -1)):
+        size = int(item["Packed Size"] or 0)
+        result[path] = (item["CRC"], data[offset:offset + size])
+        offset += size
+    return result
+
+
+class Packages(CommandTest):
+    def package(self, tree, name="made.7z"):
+        path = self.directory / name
+        self.assertEqual(self.succeed("pack", tree, path), b"")
+        seven_zip("t", path)
+        return path
+
+    def tree(self):
+        tree = self.directory / "tree"
+        generator = random.Random(5)
+        for folder in [tree, *(tree / name for name in NAMES), tree / "deep" / "er"]:
+            folder.mkdir(parents=True)
+            for size in [0, 1, 5000, 300_000]:
+                (folder / f"{size}").write_bytes(generator.randbytes(size // 2) + bytes(size - size // 2))
+        for index, name in enumerate(NAMES):
+            (tree / "deep" / name).write_bytes(name.encode() * index)
+        (tree / "empty").mkdir()
+        return tree
+
+    def test_a_folder_becomes_a_package_and_a_folder_again(self):
+        tree = self.tree()
+        package = self.package(tree)
+        found = listing(package)
+        wanted = {"/".join(NAMES.get(part, part) for part in path.split("/")): (tree / path, contents)
+                  for path, contents in contents_below(tree).items()}
+        self.assertEqual({path: (int(item["Size"]), int(item["CRC"] or "0", 16)) for path, item in found.items()},
+                         {path: contents or (0, 0) for path, (_, contents) in wanted.items()})
+        for path, (file, _) in wanted.items():
+            modified = datetime.datetime.fromisoformat(found[path]["Modified"][:19])
+            self.assertEqual(modified.timestamp(), int(file.stat().st_mtime), path)
+        names = subprocess.run(["bsdtar", "-tf", package], capture_output=True, check=True,
+                               env={**os.environ, "LC_ALL": "C.UTF-8"}).stdout.decode().splitlines()
+        self.assertEqual({name.rstrip("/") for name in names}, found.keys())
+        listed = json.loads(self.succeed("list", "--json", package))
+        self.assertEqual({node["path"]: node["size"] for node in listed},
+                         {path: contents and contents[0] for path, (_, contents) in wanted.items()})
+        self.succeed("extract", package, self.directory / "out")
+        (tree / "100%.txt").rename(tree / "100%25.txt")  # extract leaves no "%" as it is
+        (tree / "deep" / "100%.txt").rename(tree / "deep" / "100%25.txt")
+        self.assertEqual(contents_below(self.directory / "out"), contents_below(tree))
+        self.assertEqual(self.succeed("verify", package), b"")
+        self.check_info(package, sum(contents is None for _, contents in wanted.values()))
+
+    def check_info(self, package, storages):
+        info = json.loads(self.succeed("info", "--json", package))
+        size, packed, streams = map(int, re.search(r"(\d+) +(\d+) +(\d+) files", seven_zip("l", package).stdout.decode()).groups())
+        self.assertEqual([info[key] for key in ["format", "size", "storages", "streams", "bytes", "packed", "ratio"]],
+                         ["package", package.stat().st_size, storages, streams, size, packed, packed / size])
+
+    def test_what_cannot_be_packed_leaves_nothing(self):
+        tree = self.directory / "tree"
+        tree.mkdir()
+        (tree / "a").write_bytes(b"a")
+        there = self.directory / "there"
+        there.write_bytes(b"there")
+        self.fail_with(1, r'cannot create "Z:.*\\there": 0x80070050 ', "pack", tree, there)
+        self.assertEqual(there.read_bytes(), b"there")
+        self.succeed("pack", "--force", tree, there)
+        self.assertEqual(listing(there).keys(), {"a"})
+        before = there.read_bytes()
+        for name, pattern in [("%61", r"\\(a|%61)\": 0x80030050 "), ("x%2fy", r"x%2fy\": 0x800300fc "), ("%", r"%\": 0x800300fc ")]:
+            with self.subTest(name):
+                (tree / name).write_bytes(b"b")
+                self.fail_with(1, pattern, "pack", "--force", tree, there)
+                (tree / name).unlink()
+        (tree / "link").symlink_to(self.directory)
+        self.fail_with(1, "link to a directory", "pack", tree, self.directory / "new")
+        self.fail_with(1, r"missing\": 0x8", "pack", self.directory / "missing", self.directory / "new")
+        self.assertEqual(there.read_bytes(), before)
+        self.assertEqual({path.name for path in self.directory.iterdir()}, {"tree", "there"})
+        (self.directory / "nothing").mkdir()
+        self.assertEqual(listing(self.package(self.directory / "nothing")), {})
+
+    def both(self):
+        """One document in both formats, and what reads each."""
+        compound = self.sample("foreign-tree.cfb")
+        self.succeed("extract", compound, self.directory / "extracted")
+        package = self.package(self.directory / "extracted")
+        unpacked = iter(self.directory / f"unpacked {number}" for number in range(100))
+        return [(compound, snapshot), (package, lambda path: package_snapshot(path, next(unpacked)))]
+
+    def expect(self, found, wanted):
+        self.assertEqual({place for place in found.keys() | wanted.keys() if found.get(place) != wanted.get(place)}, set())
+
+    def move(self, wanted, node, new):
+        for depth in range(1, new.count("/") + 1):
+            wanted.setdefault("/".join(new.split("/")[:depth]), "")
+        for place in [p for p in wanted if p == node or p.startswith(node + "/")]:
+            wanted[new + place[len(node):]] = wanted.pop(place)
+
+    def test_nodes_are_put_moved_and_removed_in_both_formats(self):
+        for path, read in self.both():
+            with self.subTest(path.name):
+                wanted = read(path)
+                for node, new in [("Contents", "Inhalt"), ("Sub", "Teil"), ("Чертёж", "Teil/%05 x/Чертёж"),
+                                  ("Teil/Deep/Deeper", "Deeper"), ("Exact4096", "Many/5"), ("Teil/Deep", "Teil/Tief"),
+                                  ("Many/5", "5"), ("Deeper/leaf", "leaf")]:
+                    self.succeed("mv", path, node, new)
+                    self.move(wanted, node, new)
+                    self.expect(read(path), wanted)
+                self.succeed("put", path, "new/Папка/s", stdin=b"put")
+                wanted |= {"new": "", "new/Папка": "", "new/Папка/s": b"put"}
+                self.succeed("rm", path, "Many")
+                wanted = {place: data for place, data in wanted.items() if place.partition("/")[0] != "Many"}
+                self.expect(read(path), wanted)
+                self.assertEqual(self.succeed("verify", path), b"")
+                self.assertEqual(self.succeed("cat", path, "Inhalt"), wanted["Inhalt"])
+
+    def test_moves_that_fail_change_nothing(self):
+        for path, _ in self.both():
+            before = path.read_bytes()
+            for status, pattern, node, new in [
+                    (1, r"\|missing\": 0x80030002 ", "missing", "new"), (1, r"\|Mini\": 0x80030050 ", "Contents", "Mini"),
+                    (1, r"\|Mini\": 0x80030001 ", "Contents", "Mini/x"), (1, r"\|Sub\": 0x80030050 ", "Many", "Sub"),
+                    (1, r"\|missing\": 0x80030002 ", "missing/x", "new/y"),
+                    (2, "into itself", "Sub", "Sub/Deep/x"), (2, "root", "Sub", ""), (2, "root", "", "x")]:
+                with self.subTest((path.name, node, new)):
+                    self.fail_with(status, pattern, "mv", path, node, new)
+                    self.assertEqual(path.read_bytes(), before)
+
+    def test_verify_names_what_is_damaged(self):
+        package = self.package(self.tree())
+        items = packed_items(package)
+        data = bytearray(package.read_bytes())
+        damaged = ["deep/er/300000", "CON/5000"]
+        for name in damaged:
+            data[data.index(items[name][1]) + len(items[name][1]) // 2] ^= 0x40
+        package.write_bytes(data)
+        output = self.fail_with(1, r'2 faults in "Z:.*made.7z": 0x80030109 ', "verify", package).decode()
+        self.assertEqual(output.count("\n"), 2)
+        for name in damaged:
+            self.assertRegex(output, rf'\|{name}": 0x8')
+            self.fail_with(1, rf'\|{name}": 0x8', "cat", package, name)
+
+    def test_info_tells_formats_apart(self):
+        compound = json.loads(self.succeed("info", "--json", self.sample("foreign-tree.cfb")))
+        nodes = snapshot(self.directory / "foreign-tree.cfb")
+        streams = [data for data in nodes.values() if isinstance(data, bytes)]
+        self.assertEqual([compound[key] for key in ["format", "storages", "streams", "bytes", "packed", "ratio"]],
+                         ["compound file", len(nodes) - 1 - len(streams), len(streams), sum(map(len, streams)), None, None])
+        for contents in [b"", b"text" * 100]:
+            (self.directory / "other").write_bytes(contents)
+            info = json.loads(self.succeed("info", "--json", self.directory / "other"))
+            self.assertEqual((info["format"], info["size"], info["storages"]), (None, len(contents), None))
+        self.assertIn(b"neither", self.succeed("info", self.directory / "other"))
+        self.fail_with(1, "0x80070002 ", "info", self.directory / "missing")
+        (self.directory / "other").write_bytes(b"7z\xbc\xaf\x27\x1c")
+        self.fail_with(1, "0x800300fb ", "info", self.directory / "other")
+
+
+class DocumentLife(CommandTest):
+    def test_each_state_of_the_example(self):
+        program = BUILD / "bin" / "document_life.exe"
+        subprocess.run([ROOT / "scripts" / "wine", program, f"Z:{self.directory}"], check=True, capture_output=True,
+                       timeout=200)
+        paths = {name: self.directory / f"{name}.7z" for name in ["state-1", "state-2", "state-3", "state-4", "copy", "document"]}
+        for path in paths.values():
+            seven_zip("t", path)
+        created, changed, cleared, removed, copy, document = (packed_items(path) for path in paths.values())
+        self.assertEqual((len(created), sum(data == b"" for _, data in created.values())), (560, 60))
+        self.assertEqual({path for path in created if created[path] != changed.get(path)},
+                         {"storage 07/stream 007", "storage 10/stream 250", "storage 19/stream 499"})
+        self.assertEqual(changed.keys(), created.keys())
+        self.assertTrue(copy == changed)
+        self.assertTrue(cleared == {path: item for path, item in changed.items() if not path.startswith("storage 03/")})
+        self.assertTrue(removed == {path: item for path, item in cleared.items() if not path.startswith("storage 04")})
+        self.assertTrue(document == removed)
+
+
+if __name__ == "__main__":
+    unittest.main()
