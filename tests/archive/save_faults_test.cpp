@@ -270,6 +270,27 @@ TEST_F(SaveFaults, AFileInUseCanBeSavedLater) {
     verifySaved(archive, status);
 }
 
+// The file has been replaced, but cannot be read back before something else is written.
+TEST_F(SaveFaults, WhatIsWrittenInBetweenIsSavedLater) {
+    makeOld();
+    SZipArchive archive(path_, false, true);
+    open(archive);
+    change(archive);
+    Microsoft::WRL::ComPtr<IStream> stream;
+    ASSERT_EQ(archive.extractFile(&stream, L"d/new"sv), S_OK);
+    callsLeft = 1; // the temporary file is made
+    persistent = hit = false;
+    calls[0].break_(platform());
+    EXPECT_EQ(archive.save(false), STG_E_ACCESSDENIED);
+    platform() = real;
+    EXPECT_EQ(onDisk(), new_);
+    EXPECT_EQ(stream->Write("late", 4, nullptr), S_OK);
+    std::string bytes;
+    EXPECT_EQ(Support::readItem(archive, L"f", bytes), S_OK); // which reads the file first
+    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_EQ(onDisk().at(L"d/new"), "late");
+}
+
 // What a process that was killed left behind is neither read nor in the way.
 TEST_F(SaveFaults, AStaleTemporaryDoesNoHarm) {
     makeOld();
