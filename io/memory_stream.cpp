@@ -2,11 +2,11 @@
 
 #include <vexel/memory_streams.h>
 
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <cstdint>
 #include <cstring>
-#include <functional>
-#include <limits>
 #include <new>
 #include <optional>
 #include <utility>
@@ -16,58 +16,70 @@ using Vexel::Detail::memorySource;
 namespace Vexel::Storage {
 namespace {
 
-constexpr unsigned long long smallestStep = 1024;
-constexpr unsigned long long largestStep = 0x2000000;
-constexpr unsigned long long limit = std::numeric_limits<unsigned long long>::max();
-
 unsigned long long magnitude(long long negative) noexcept {
     return 0 - static_cast<unsigned long long>(
                    negative); // also right for the least number, which has no opposite
 }
 
-unsigned long long saturatedSum(unsigned long long a, unsigned long long b) noexcept {
-    return a <= limit - b ? a + b : limit;
+// A block of sixteen bytes, loaded and stored as one.
+using Block = __m128i;
+
+inline Block load(const unsigned char* from) noexcept {
+    return _mm_loadu_si128(reinterpret_cast<const Block*>(from));
 }
 
-// Doubles the capacity up to steps of 32 MiB, then goes on in such steps. A whole step is added also where
-// the end falls on one, so there is always room to spare. What cannot be expressed is larger than any memory.
-unsigned long long enlargedCapacity(unsigned long long capacity, unsigned long long end) noexcept {
-    const unsigned long long step = std::clamp(capacity, smallestStep, largestStep);
-    const unsigned long long need = end - capacity;
-    return saturatedSum(end, step - need % step);
+inline void store(unsigned char* to, Block block) noexcept {
+    _mm_storeu_si128(reinterpret_cast<Block*>(to), block);
 }
 
-// The first and the last `Bytes` of `count`, which together are all of it. Both are read before either is
-// written, so that the places may overlap.
-template <std::size_t Bytes>
-void copyEnds(unsigned char* to, const unsigned char* from, std::size_t count) noexcept {
-    struct {
-        unsigned char bytes[Bytes];
-    } first, last;
-    std::memcpy(&first, from, Bytes);
-    std::memcpy(&last, from + count - Bytes, Bytes);
-    std::memcpy(to, &first, Bytes);
-    std::memcpy(to + count - Bytes, &last, Bytes);
+// These copy the first and the last bytes of `count`, which together are all of it. Both are read before
+// either is written, so that the places may overlap.
+
+template <class Word>
+inline void copyEnds(unsigned char* to, const unsigned char* from, std::size_t count) noexcept {
+    Word first;
+    Word last;
+    std::memcpy(&first, from, sizeof first);
+    std::memcpy(&last, from + count - sizeof last, sizeof last);
+    std::memcpy(to, &first, sizeof first);
+    std::memcpy(to + count - sizeof last, &last, sizeof last);
+}
+
+inline void copyBlocks(unsigned char* to, const unsigned char* from, std::size_t count) noexcept {
+    const Block first = load(from);
+    const Block last = load(from + count - sizeof(Block));
+    store(to, first);
+    store(to + count - sizeof(Block), last);
+}
+
+inline void copyPairs(unsigned char* to, const unsigned char* from, std::size_t count) noexcept {
+    const std::size_t end = count - sizeof(Block);
+    const Block first = load(from);
+    const Block second = load(from + sizeof(Block));
+    const Block third = load(from + end - sizeof(Block));
+    const Block fourth = load(from + end);
+    store(to, first);
+    store(to + sizeof(Block), second);
+    store(to + end - sizeof(Block), third);
+    store(to + end, fourth);
 }
 
 // Most reads and writes are of a few bytes, for which a call of memmove costs more than the copying.
 inline void copy(void* destination, const void* source, std::size_t count) noexcept {
     auto* const to = static_cast<unsigned char*>(destination);
     const auto* const from = static_cast<const unsigned char*>(source);
-    if (count > 128)
+    if (count > 64)
         std::memmove(to, from, count);
-    else if (count > 64)
-        copyEnds<64>(to, from, count);
     else if (count > 32)
-        copyEnds<32>(to, from, count);
+        copyPairs(to, from, count);
     else if (count >= 16)
-        copyEnds<16>(to, from, count);
+        copyBlocks(to, from, count);
     else if (count >= 8)
-        copyEnds<8>(to, from, count);
+        copyEnds<std::uint64_t>(to, from, count);
     else if (count >= 4)
-        copyEnds<4>(to, from, count);
+        copyEnds<std::uint32_t>(to, from, count);
     else if (count >= 2)
-        copyEnds<2>(to, from, count);
+        copyEnds<std::uint16_t>(to, from, count);
     else if (count == 1)
         *to = *from;
 }
@@ -119,50 +131,32 @@ unsigned long long InMemoryIStream::read(void* destination, unsigned long long c
     return count;
 }
 
-// What both ways of writing have in common, in the place of a call.
-inline unsigned long long InMemoryIStream::place(const void* source, unsigned long long count) noexcept {
+// What both ways of writing have in common, in the place of a call: `count` bytes for which there is room.
+inline void InMemoryIStream::place(const void* source, unsigned long long count) noexcept {
     Private& buffer = *private_;
     const unsigned long long start = position_;
-    if (start > buffer.capacity || count > buffer.capacity - start) {
-        source = grow(source, count);
-        if (buffer.capacity < start)
-            return 0;
-        count = (std::min)(count, buffer.capacity - start);
-    }
-    position_ = start + count;
-    if (buffer.size < start + count)
-        buffer.size = start + count;
+    const unsigned long long end = start + count;
+    position_ = end;
+    if (buffer.size < end)
+        buffer.size = end;
     copy(buffer.data + start, source, count);
-    return count;
+}
+
+inline bool InMemoryIStream::hasRoom(unsigned long long count) const noexcept {
+    return position_ <= private_->capacity && count <= private_->capacity - position_;
 }
 
 unsigned long long InMemoryIStream::write(const void* source, unsigned long long count) noexcept {
-    return source || count == 0 ? place(source, count) : 0;
-}
-
-// Makes room for `count` more bytes if it can, and tells where `source` lies then: a clone is written to from
-// the very block that moves.
-const void* InMemoryIStream::grow(const void* source, unsigned long long count) noexcept {
-    const Private& buffer = *private_;
-    const auto* bytes = static_cast<const unsigned char*>(source);
-    const std::less<> before;
-    const bool inside =
-        buffer.data && !before(bytes, buffer.data) && before(bytes, buffer.data + buffer.capacity);
-    const std::ptrdiff_t offset = inside ? bytes - buffer.data : 0;
-    const unsigned long long end = saturatedSum(position_, count);
-    return enlarge(enlargedCapacity(buffer.capacity, end)) && inside ? buffer.data + offset : source;
-}
-
-bool InMemoryIStream::enlarge(unsigned long long newCapacity) noexcept {
-    Private& buffer = *private_;
-    if (!buffer.ownsMemory)
-        return false;
-    void* const block = memorySource.reallocate(buffer.data, newCapacity);
-    if (!block)
-        return false;
-    buffer.data = static_cast<unsigned char*>(block);
-    buffer.capacity = newCapacity;
-    return true;
+    if (!source && count > 0)
+        return 0;
+    if (!hasRoom(count)) {
+        source = grow(source, count);
+        if (private_->capacity < position_)
+            return 0;
+        count = (std::min)(count, private_->capacity - position_);
+    }
+    place(source, count);
+    return count;
 }
 
 unsigned long long InMemoryIStream::seek(long long offset, SeekOrigin origin) noexcept {
@@ -171,7 +165,7 @@ unsigned long long InMemoryIStream::seek(long long offset, SeekOrigin origin) no
     if (origin == Begin && offset >= 0)
         position_ = (std::min)(forward, end);
     else if (origin == Current && offset >= 0)
-        position_ = (std::min)(saturatedSum(position_, forward), end);
+        position_ = forward < end && position_ < end - forward ? position_ + forward : end;
     else if (origin == Current && magnitude(offset) <= position_)
         position_ = (std::min)(position_ - magnitude(offset), end);
     else if (origin == End && offset <= 0 && magnitude(offset) <= end)
@@ -202,24 +196,30 @@ HRESULT InMemoryIStream::QueryInterface(const GUID& iid, void** ppv) noexcept {
     return IUnknownImpl::QueryInterface(iid, ppv);
 }
 
+// Read and Write are called for a few bytes at a time: they tell the count before they copy, so that nothing
+// needs to be kept over that.
+
 HRESULT InMemoryIStream::Read(void* pv, ULONG cb, ULONG* pcbRead) noexcept {
-    const auto count = static_cast<ULONG>(read(pv, cb));
+    const Private& buffer = *private_;
+    const unsigned long long start = position_;
+    ULONG count = 0;
+    if (pv && start < buffer.size)
+        count = static_cast<ULONG>((std::min)(buffer.size - start, 0ULL + cb));
     if (pcbRead)
         *pcbRead = count;
+    position_ = start + count;
+    if (count > 0)
+        copy(pv, buffer.data + start, count);
     return pv ? S_OK : STG_E_INVALIDPOINTER;
 }
 
 HRESULT InMemoryIStream::Write(const void* pv, ULONG cb, ULONG* pcbWritten) noexcept {
+    if (!pv || cb == 0 || !hasRoom(cb))
+        return writeAtMost(pv, cb, pcbWritten);
     if (pcbWritten)
-        *pcbWritten = 0;
-    if (!pv)
-        return STG_E_INVALIDPOINTER;
-    if (cb == 0)
-        return S_OK;
-    const auto count = static_cast<ULONG>(place(pv, cb));
-    if (pcbWritten)
-        *pcbWritten = count;
-    return count > 0 ? S_OK : STG_E_INSUFFICIENTMEMORY;
+        *pcbWritten = cb;
+    place(pv, cb);
+    return S_OK;
 }
 
 HRESULT InMemoryIStream::Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* plibNewPosition) noexcept {

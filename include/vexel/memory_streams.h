@@ -139,7 +139,9 @@ protected:
 
 private:
     bool enlarge(unsigned long long newCapacity) noexcept;
-    unsigned long long place(const void* source, unsigned long long count) noexcept;
+    bool hasRoom(unsigned long long count) const noexcept;
+    void place(const void* source, unsigned long long count) noexcept;
+    HRESULT writeAtMost(const void* pv, ULONG cb, ULONG* pcbWritten) noexcept;
     const void* grow(const void* source, unsigned long long count) noexcept;
 
     std::shared_ptr<Private> private_;
