@@ -1,12 +1,15 @@
 """Documents of older versions: packages made of compound files, against olefile and 7zz; gzip streams, against gzip."""
 
 import gzip
+import json
 import os
 import random
 import signal
 import subprocess
 import time
 import unittest
+
+import olefile
 
 from vexel_cli import BUILD, DATA, ROOT, SAMPLES, CommandTest, package_snapshot, snapshot
 
@@ -28,6 +31,17 @@ class Conversion(CommandTest):
         self.succeed("convert", DATA / "plain-lzma2.7z", package)
         self.assertEqual(package_snapshot(package, self.directory / "again"),
                          package_snapshot(DATA / "plain-lzma2.7z", self.directory / "first"))
+
+    def test_properties_are_those_that_olefile_reads(self):
+        document, package = self.sample("namesdemo.xls"), self.directory / "package.7z"
+        self.succeed("convert", document, package)
+        with olefile.OleFileIO(str(document)) as ole:
+            wanted = ole.get_metadata()
+        for path in document, package:
+            summary = json.loads(self.succeed("info", "--json", path))["summary"]
+            self.assertEqual(summary, {
+                "author": wanted.author.decode(), "editor": wanted.last_saved_by.decode(),
+                "saved": wanted.last_saved_time.isoformat() + "Z", "program": wanted.creating_application.decode()})
 
     def test_an_empty_document_gives_an_empty_package(self):
         package = self.directory / "empty.7z"

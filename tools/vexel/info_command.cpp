@@ -5,11 +5,16 @@
 #include "package_size.h"
 #include "text.h"
 
+#include <vexel/properties.h>
+
 #include <nlohmann/json.hpp>
 
 #include <cstdio>
 #include <memory>
 #include <optional>
+#include <string>
+#include <utility>
+#include <vector>
 
 namespace Vexel::Tool {
 namespace {
@@ -19,11 +24,15 @@ struct Arguments {
     bool json = false;
 };
 
+// A document's title and the like, by the names that the output gives them.
+using Summary = std::vector<std::pair<const char*, std::string>>;
+
 struct Contents {
     unsigned long long storages = 0;
     unsigned long long streams = 0;
     unsigned long long bytes = 0;
     std::optional<unsigned long long> packed; // of packages
+    Summary summary;
 };
 
 struct Info {
@@ -32,9 +41,30 @@ struct Info {
     std::optional<Contents> contents; // of documents
 };
 
+Summary summaryOf(const StorageRef& root) {
+    static constexpr std::pair<PROPID, const char*> kFields[] = {
+        {PIDSI_TITLE, "title"},     {PIDSI_SUBJECT, "subject"},   {PIDSI_AUTHOR, "author"},
+        {PIDSI_COMMENTS, "remark"}, {PIDSI_LASTAUTHOR, "editor"}, {PIDSI_LASTSAVE_DTM, "saved"},
+        {PIDSI_APPNAME, "program"},
+    };
+    Summary summary;
+    Properties properties;
+    if (FAILED(ReadProperties(root, FMTID_SummaryInformation, properties)))
+        return summary; // most documents have none
+    for (const auto& [id, name] : kFields) {
+        const PropertyVariant& value = properties[id];
+        if (const auto text = value.asString(); text && !text->IsEmpty())
+            summary.emplace_back(name, toUtf8(onOneLine(text->GetString())));
+        else if (const auto time = value.asTime())
+            summary.emplace_back(name, toIso8601(*time));
+    }
+    return summary;
+}
+
 Contents contentsOf(const std::wstring& file) {
     const Document document(file, RootStorageOpenMode::ReadOnlyDenyWrite);
     Contents contents;
+    contents.summary = summaryOf(document.root());
     document.walk({}, [&](const Node& node) {
         ++(node.type == StorageType::Storage ? contents.storages : contents.streams);
         contents.bytes += node.size;
@@ -99,6 +129,8 @@ std::string textOf(const Info& info) {
             std::snprintf(percent, sizeof percent, "%.1f %%", *ratio * 100);
             line("ratio", percent);
         }
+        for (const auto& [name, value] : info.contents->summary)
+            line(name, value);
     }
     line("created", toIso8601(info.file.ftCreationTime));
     line("modified", toIso8601(info.file.ftLastWriteTime));
@@ -123,6 +155,9 @@ nlohmann::ordered_json jsonOf(const Info& info) {
     object["bytes"] = number(&Contents::bytes);
     object["packed"] = info.contents ? orNull(info.contents->packed) : nullptr;
     object["ratio"] = info.contents ? orNull(ratioOf(*info.contents)) : nullptr;
+    if (info.contents)
+        for (const auto& [name, value] : info.contents->summary)
+            object["summary"][name] = value;
     object["created"] = toIso8601(info.file.ftCreationTime);
     object["modified"] = toIso8601(info.file.ftLastWriteTime);
     object["accessed"] = toIso8601(info.file.ftLastAccessTime);
