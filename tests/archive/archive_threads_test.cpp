@@ -1,4 +1,5 @@
-// Many threads on one archive: reading, creating, changing and giving back memory, while another one saves.
+// Many threads on one archive: reading, listing, creating, changing and giving back memory, while another one
+// saves.
 
 #include "support/archive_file.h"
 #include "support/compound_file.h"
@@ -35,9 +36,11 @@ std::wstring pathFor(unsigned writer, unsigned round) {
 class ArchiveThreads : public testing::Test {
 protected:
     void SetUp() override {
-        for (unsigned i = 0; i < kStable; ++i)
-            ASSERT_EQ(Support::writeItem(archive_, (L"stable" + std::to_wstring(i)).c_str(), contentsFor(i)),
-                      S_OK);
+        for (unsigned i = 0; i < kStable; ++i) {
+            const std::string bytes = contentsFor(i);
+            stableBytes_ += bytes.size();
+            ASSERT_EQ(Support::writeItem(archive_, (L"stable" + std::to_wstring(i)).c_str(), bytes), S_OK);
+        }
         for (unsigned writer = 0; writer < kWriters; ++writer)
             ASSERT_EQ(archive_.createDirectory((L"w" + std::to_wstring(writer)).c_str(), true, false), S_OK);
         ASSERT_EQ(archive_.save(true), S_OK);
@@ -72,6 +75,11 @@ protected:
             note(bytes == contentsFor(number));
             stream.Reset();
             note(archive_.flush(L"stable" + std::to_wstring(number)) == S_OK);
+            unsigned long long listed = 0;
+            archive_.visitDescendants(L"", [&](std::wstring_view path, const auto& item) {
+                listed += path.starts_with(L"stable") ? item.size() : 0;
+            });
+            note(listed == stableBytes_);
         }
     }
 
@@ -79,6 +87,7 @@ protected:
     Support::TempFolder folder_;
     std::wstring path_ = folder_.file(L"a.7z");
     SZipArchive archive_{path_, false, true};
+    unsigned long long stableBytes_ = 0;
     std::atomic<unsigned> failures_{0};
     std::atomic<bool> stop_{false};
 };
