@@ -85,7 +85,9 @@ HRESULT SZipStorage::copyStorage(const CString& name, IStorage* destination, LPC
         return status;
     }
     ComPtr<IStorage> target;
-    status = destination->CreateStorage(newName, STGM_CREATE | kMakingStorage, 0, 0, &target);
+    status = destination->CreateStorage(newName, kMakingStorage, 0, 0, &target);
+    if (status == STG_E_FILEALREADYEXISTS) // what is in it stays, as with the system's storages
+        status = destination->OpenStorage(newName, nullptr, kMakingStorage, nullptr, 0, &target);
     if (FAILED(status)) {
         logCopying(L"Failed to create destination storage for copying \"%ls|%ls\": 0x%08x", name, status);
         return status;

@@ -157,13 +157,26 @@ TEST_F(Copying, GoesBetweenAnyTwoFormats) {
 }
 
 TEST_F(Copying, JoinsStoragesAndReplacesStreams) {
+    const std::vector<Element> expected{
+        {L"Box/", {}}, {L"Box/Kept", "kept"}, {L"Box/New", "new"}, {L"Note", "n"}};
     const StorageRef target = package();
     EXPECT_EQ(compound({{L"Box/Kept", "kept"}, {L"Note", "old"}}).copyTo(target), S_OK);
     StorageContainer::Instance().deleteUnusedObjects();
-    EXPECT_EQ(compound({{L"Box/New", "new"}, {L"Note", "n"}}).copyTo(target), S_OK);
-    const std::vector<Element> expected{
-        {L"Box/", {}}, {L"Box/Kept", "kept"}, {L"Box/New", "new"}, {L"Note", "n"}};
+    const StorageRef more = package(L"more");
+    EXPECT_EQ(compound({{L"Box/New", "new"}, {L"Note", "n"}}).copyTo(more), S_OK);
+    const StorageRef fromPackage = package(L"joined");
+    EXPECT_EQ(target.copyTo(fromPackage), S_OK);
+    EXPECT_EQ(more.copyTo(fromPackage), S_OK);
+    EXPECT_TRUE(contents(fromPackage) == expected);
+    EXPECT_EQ(open(L"compound").copyTo(target), S_OK);
     EXPECT_TRUE(contents(target) == expected);
+    {
+        Support::writeCompoundFile(folder_.file(L"system"), {{L"Box/Kept", "kept"}, {L"Note", "old"}});
+        const StorageRef system = open(L"system", RootStorageOpenMode::ReadWrite);
+        EXPECT_EQ(more.copyTo(system), S_OK);
+        EXPECT_EQ(system.commit(), S_OK);
+    }
+    EXPECT_TRUE(sorted(Support::readCompoundFile(folder_.file(L"system"))) == expected);
 }
 
 TEST_F(Copying, RefusesHandlesItCannotUse) {
