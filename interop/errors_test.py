@@ -9,7 +9,7 @@ import termios
 import time
 import unittest
 
-from vexel_cli import BUILD, ROOT, CommandTest
+from vexel_cli import BUILD, ROOT, CommandTest, vexel
 
 COMMANDS = ["list", "tree", "cat", "extract", "put", "rm"]
 
@@ -102,7 +102,10 @@ class Errors(CommandTest):
             self.assertIn(b"FILE", self.succeed(command, "--help"))
 
     def test_verbose_shows_the_log(self):
-        pass
+        result = vexel("list", "--verbose", self.directory / "missing")
+        self.assertEqual(result.returncode, 1)
+        self.assertRegex(result.stderr.decode(), r"(?m)^log \d: .*missing.*0x")
+        self.assertRegex(result.stderr.decode(), r"(?m)^vexel: cannot open ")
 
 
 if __name__ == "__main__":
