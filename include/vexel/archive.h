@@ -84,6 +84,7 @@ private:
     friend class SZipArchive;
     friend class SZipArchivePrivate;
 
+    void flushIfIdle();
     bool canFlush() const noexcept; // with the lock held
 
     SZipArchivePrivate* archive_;
@@ -165,8 +166,10 @@ public:
     ///  - STG_E_FILENOTFOUND: no such item, a directory, or not in the file that was read.
     ///  - STG_E_INVALIDFUNCTION: the item shares a folder with others.
     ///  - STG_E_READFAULT: the contents are not those that were stored.
-    ///  - The engine's code when it cannot decode, E_NOTIMPL for an unknown method. S_OK with a null
-    ///    `*result` when there were data behind the end of the contents: look at both.
+    ///  - STG_E_INSUFFICIENTMEMORY. The code of a stream that cannot be cloned, for an archive on one.
+    ///  - The engine's code when it cannot decode: E_NOTIMPL for an unknown method, S_FALSE for packed data
+    ///    that are damaged. S_OK with a null `*result` when there were data behind the end of the contents:
+    ///    look at both.
     HRESULT extractFile(IStream** result, std::wstring_view path);
     HRESULT extractFile(IStream** result, const CString& path) {
         return extractFile(result, StringLess::view(path));
@@ -203,6 +206,10 @@ public:
     /// the empty path, everywhere. STG_E_INVALIDNAME, STG_E_FILENOTFOUND. Allowed on read-only archives.
     HRESULT flush(std::wstring_view path);
     HRESULT flush(const CString& path) { return flush(StringLess::view(path)); }
+    /// As flush, but does not wait for other threads: contents that one of them is reading stay, and all do,
+    /// with S_FALSE, while one changes or saves the archive.
+    HRESULT flushIfIdle(std::wstring_view path);
+    HRESULT flushIfIdle(const CString& path) { return flushIfIdle(StringLess::view(path)); }
 
     /// Lets items of `source` be copied without recompression: from then on both read from the file that
     /// `source` has read, which stays open as long as either needs it. STG_E_INVALIDFUNCTION when an item
