@@ -199,22 +199,33 @@ HRESULT SZipArchive::flush(std::wstring_view path) {
         return STG_E_INVALIDNAME;
     return withStatus([&]() -> HRESULT {
         const RwGuard guard(private_->lock, RwGuard::Shared);
-        return private_->flush(path);
+        return private_->flush(path, &SZipArchiveItem::flush);
     });
 }
 
-HRESULT SZipArchivePrivate::flush(std::wstring_view path) {
+HRESULT SZipArchive::flushIfIdle(std::wstring_view path) {
+    if (private_->noFile)
+        return S_OK;
+    if (path.starts_with(L'/'))
+        return STG_E_INVALIDNAME;
+    return withStatus([&]() -> HRESULT {
+        const RwTryGuard guard(private_->lock, RwGuard::Shared);
+        return guard ? private_->flush(path, &SZipArchiveItem::flushIfIdle) : S_FALSE;
+    });
+}
+
+HRESULT SZipArchivePrivate::flush(std::wstring_view path, void (SZipArchiveItem::*drop)()) {
     if (!path.empty()) {
         const auto found = items.find(path);
         if (found == items.end())
             return STG_E_FILENOTFOUND;
-        found->second.flush();
+        (found->second.*drop)();
         if (!found->second.isDirectory_)
             return S_OK;
     }
     for (auto item = descendantsBegin(items, path); item != items.end() && isDescendant(path, item->first);
          ++item)
-        item->second.flush();
+        (item->second.*drop)();
     return S_OK;
 }
 

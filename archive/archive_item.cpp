@@ -34,6 +34,12 @@ void SZipArchiveItem::flush() {
         contents_.Reset();
 }
 
+void SZipArchiveItem::flushIfIdle() {
+    const RwTryGuard guard(lock_, RwGuard::Exclusive);
+    if (guard && canFlush())
+        contents_.Reset();
+}
+
 bool SZipArchiveItem::canFlush() const noexcept {
     return contents_ && !contents_->isModified() && !contents_->isShared();
 }

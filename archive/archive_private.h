@@ -16,6 +16,7 @@ namespace Vexel::Storage {
 
 using Detail::RwGuard;
 using Detail::RwLockWord;
+using Detail::RwTryGuard;
 using Microsoft::WRL::ComPtr;
 
 /// The state of an archive, and what is done to it. The functions expect the lock to be held as they say.
@@ -59,7 +60,7 @@ public:
 
     HRESULT extract(SZipArchiveItem& item, const CString& path, IStream** result);
     HRESULT saveTo(IStream* destination) const;
-    HRESULT flush(std::wstring_view path);
+    HRESULT flush(std::wstring_view path, void (SZipArchiveItem::*drop)());
     bool hasDirectory(std::wstring_view path) const;
     bool hasParentOf(std::wstring_view path) const {
         const std::wstring_view parent = parentOf(path);

@@ -44,6 +44,17 @@ inline void lockShared(RwLockWord& word) noexcept {
     }
 }
 
+/// False when somebody else holds the lock exclusively or waits to.
+inline bool tryLockShared(RwLockWord& word) noexcept {
+    std::uint64_t seen = word.load(std::memory_order_relaxed);
+    while ((seen & (kHeld | kWaiting)) == 0) {
+        if (word.compare_exchange_weak(seen, seen + kReader, std::memory_order_acquire,
+                                       std::memory_order_relaxed))
+            return true;
+    }
+    return false;
+}
+
 inline void unlockShared(RwLockWord& word) noexcept { word.fetch_sub(kReader, std::memory_order_release); }
 
 inline void lockExclusive(RwLockWord& word) noexcept {
@@ -56,6 +67,12 @@ inline void lockExclusive(RwLockWord& word) noexcept {
             word.fetch_or(kWaiting, std::memory_order_relaxed);
         }
     }
+}
+
+/// False when somebody else holds the lock or waits for it.
+inline bool tryLockExclusive(RwLockWord& word) noexcept {
+    std::uint64_t seen = 0;
+    return word.compare_exchange_strong(seen, kHeld, std::memory_order_acquire, std::memory_order_relaxed);
 }
 
 inline void unlockExclusive(RwLockWord& word) noexcept {
@@ -114,6 +131,31 @@ public:
 private:
     RwLockWord& word_;
     bool exclusive_;
+};
+
+/// The same, if the lock can be had at once.
+class RwTryGuard {
+public:
+    RwTryGuard(RwLockWord& word, RwGuard::Mode mode) noexcept
+        : word_(word), exclusive_(mode == RwGuard::Exclusive),
+          held_(exclusive_ ? RwLock::tryLockExclusive(word) : RwLock::tryLockShared(word)) {}
+    RwTryGuard(const RwTryGuard&) = delete;
+    RwTryGuard& operator=(const RwTryGuard&) = delete;
+    ~RwTryGuard() {
+        if (!held_)
+            return;
+        if (exclusive_)
+            RwLock::unlockExclusive(word_);
+        else
+            RwLock::unlockShared(word_);
+    }
+
+    explicit operator bool() const noexcept { return held_; }
+
+private:
+    RwLockWord& word_;
+    bool exclusive_;
+    bool held_;
 };
 
 } // namespace Vexel::Detail

@@ -19,9 +19,10 @@ constexpr DWORD temporaryFlags = STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READW
 
 SZipStorage* VxNativePackage::package() const noexcept { return static_cast<SZipStorage*>(storage_.Get()); }
 
+// Never waits: the tree's lock is held, and the archive may be busy for as long as a save takes.
 void VxNativePackage::flushArchive() {
     if (storage_)
-        package()->archive()->flush(package()->path());
+        package()->archive()->flushIfIdle(package()->path());
 }
 
 bool VxNativePackage::deleteUnusedObjects(bool keepObjects) {

@@ -14,7 +14,7 @@ public:
     explicit VxNativePackage(SharedPathName path) : VxNativePackage(std::move(path), nullptr, nullptr) {}
 
     StorageFormat format() const noexcept override { return StorageFormat::Package; }
-    /// Also gives back the memory of contents that nobody holds.
+    /// Also gives back the memory of contents that nobody holds, unless another thread is busy with them.
     bool deleteUnusedObjects(bool keepObjects) override;
     /// A temporary root that is not used any more gives its file back, too.
     void close() override;

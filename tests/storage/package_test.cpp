@@ -1,6 +1,7 @@
 // Packages through the handles: what they share with compound files, by one body of test over both, and what
 // only they can do.
 
+#include "archive/platform.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"
 
@@ -219,9 +220,44 @@ TEST(Packages, CleaningUpGivesMemoryBack) {
         for (int i = 0; i < 30; ++i)
             EXPECT_EQ(read(std::to_wstring(i).c_str(), root).size(), 10'000'000U);
         EXPECT_GT(memoryInUse(), before + 290'000'000);
+        root.deleteUnusedObjects();
+        EXPECT_LT(memoryInUse(), before + 10'000'000);
     }
     container().deleteUnusedObjects();
     EXPECT_LT(memoryInUse(), before + 10'000'000);
+}
+
+// As if on another thread, a clean-up comes in the middle of reading contents and of saving, which both hold
+// locks of the archive.
+TEST(Packages, CleaningUpDoesNotWaitForABusyArchive) {
+    namespace Engine = Vexel::Storage::Engine;
+    static const Engine::Platform real = Engine::platform();
+    static int cleanUps;
+    cleanUps = 0;
+    const LogCapture quiet;
+    const Support::TempFolder folder;
+    StorageRef root;
+    ASSERT_EQ(root.create(SharedPathName(folder.file(L"p"), false, false)), S_OK);
+    StreamRef stream;
+    ASSERT_EQ(write(stream, L"Note", root, "note"), S_OK);
+    stream.close();
+    Engine::platform().moveFile = [](const wchar_t* from, const wchar_t* to, DWORD flags) -> BOOL {
+        ++cleanUps;
+        container().deleteUnusedObjects();
+        return real.moveFile(from, to, flags);
+    };
+    EXPECT_EQ(root.commit(), S_OK);
+    EXPECT_EQ(cleanUps, 1);
+    root.deleteUnusedObjects();
+    Engine::platform().readFile = [](HANDLE file, void* to, DWORD count, DWORD* done,
+                                     OVERLAPPED* overlapped) -> BOOL {
+        ++cleanUps;
+        container().deleteUnusedObjects();
+        return real.readFile(file, to, count, done, overlapped);
+    };
+    EXPECT_EQ(read(L"Note", root), "note");
+    EXPECT_GT(cleanUps, 1);
+    Engine::platform() = real;
 }
 
 } // namespace
