@@ -11,7 +11,7 @@ import unittest
 
 from vexel_cli import BUILD, ROOT, CommandTest, vexel
 
-COMMANDS = ["list", "tree", "cat", "extract", "put", "rm"]
+COMMANDS = ["list", "tree", "cat", "extract", "put", "rm", "mv", "verify", "info", "pack"]
 
 
 class Errors(CommandTest):
