@@ -70,7 +70,10 @@ HRESULT readAll(IPropertyStorage* set, Properties& properties) {
 }
 
 HRESULT writeAll(IPropertyStorage* set, const Properties& properties) {
+    constexpr VARTYPE severalValues = VT_VECTOR | VT_ARRAY | VT_BYREF;
     for (const auto& [id, value] : properties) {
+        if (value.type() & severalValues)
+            return STG_E_INVALIDPARAMETER; // some versions of the system end the process instead
         PROPSPEC which{};
         which.ulKind = PRSPEC_PROPID;
         which.propid = id;

@@ -72,8 +72,8 @@ VEXEL_API long ReadProperties(const StorageRef& storage, REFFMTID format, Proper
 
 /// Replaces the set by these properties. On failure the storage keeps the set that it had, unless it is the
 /// storage itself that fails. The storage is not committed.
-///  - STG_E_INVALIDPARAMETER: a null handle, or a type that a set cannot hold. Statuses of
-///    StreamRef::create and of writing.
+///  - STG_E_INVALIDPARAMETER: a null handle, or a type that is not written: vectors, arrays, references, and
+///    what the system does not know. Statuses of StreamRef::create and of writing.
 VEXEL_API long WriteProperties(const StorageRef& storage, REFFMTID format, const Properties& properties);
 
 } // namespace Vexel

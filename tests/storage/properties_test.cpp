@@ -68,6 +68,12 @@ TEST(PropertySets, ComeBackAsTheyWereWritten) {
         EXPECT_EQ(read[pages].asInteger(), -7);
         EXPECT_EQ(read[savedTime].asTime().value_or(FILETIME{}).dwHighDateTime, 30'000'000u);
         EXPECT_EQ(Vexel::ReadProperties(document, FMTID_DocSummaryInformation, read), STG_E_FILENOTFOUND);
+        for (const VARTYPE type : {VARTYPE{VT_VECTOR | VT_I4}, VARTYPE{VT_STREAM}}) {
+            written[title] = PropertyVariant();
+            written[title].put()->vt = type; // with nothing in it
+            EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, written),
+                      STG_E_INVALIDPARAMETER);
+        }
         EXPECT_TRUE(read.empty());
     }
 }
