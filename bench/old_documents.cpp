@@ -1,14 +1,10 @@
 // What documents of older versions cost: inflating their streams, against zlib's own file reader, and making
 // packages of compound files, against reading them by the system's interfaces and compressing what was read.
 
-#include "archive/engine.h"
-#include "archive/engine_streams.h"
-#include "archive/update_step.h"
-#include "io/com_pointer.h"
+#include "support/archives.h"
 #include "support/ratio.h"
 
 #include <vexel/compressed_stream.h>
-#include <vexel/memory_streams.h>
 #include <vexel/storage.h>
 
 #include <windows.h>
@@ -18,17 +14,11 @@
 
 #include <zlib.h>
 
-#include <cstdio>
-#include <cstdlib>
-#include <filesystem>
-#include <random>
+#include <fstream>
 #include <string>
 #include <vector>
 
-using Microsoft::WRL::ComPtr;
-using Vexel::Detail::adopt;
-using Vexel::Storage::InMemoryIStream;
-using namespace Vexel::Storage::Engine;
+using namespace Vexel::Bench;
 
 namespace {
 
@@ -37,59 +27,21 @@ constexpr unsigned kStreams = 200;
 constexpr std::size_t kStreamBytes = 500'000; // 100 MB in all
 constexpr DWORD kWhole = STGM_SHARE_EXCLUSIVE;
 
-void require(bool works, const char* what) {
-    if (works)
-        return;
-    std::printf("%s failed\n", what);
-    std::exit(1);
-}
+void check(bool works) { require(works ? S_OK : E_FAIL); }
 
-/// Bytes that pack to about a third.
-std::string someText(std::size_t size, unsigned seed) {
-    std::mt19937 random(seed);
-    std::string bytes(size, '\0');
-    for (std::size_t i = 0; i < size; ++i) {
-        const auto number = static_cast<unsigned>(random());
-        const bool repeats = i > 300 && number % 8 != 0;
-        bytes[i] = repeats ? bytes[i - 300 + (number >> 8) % 2] : static_cast<char>(number >> 24);
-    }
-    return bytes;
-}
-
-class Folder {
-public:
-    Folder() : path_(std::filesystem::temp_directory_path() / L"vexel-bench-old-documents") {
-        std::filesystem::create_directories(path_);
-    }
-    Folder(const Folder&) = delete;
-    Folder& operator=(const Folder&) = delete;
-    ~Folder() {
-        std::error_code ignored;
-        std::filesystem::remove_all(path_, ignored);
-    }
-    std::wstring file(const wchar_t* name) const { return (path_ / name).wstring(); }
-
-private:
-    std::filesystem::path path_;
-};
-
-std::wstring makeGzip(const Folder& folder) {
-    const std::wstring path = folder.file(L"text.gz");
-    const std::string text = someText(kTextBytes, 1);
-    const gzFile file = gzopen_w(path.c_str(), "wb6");
-    require(file && gzwrite(file, text.data(), static_cast<unsigned>(text.size())) > 0, "gzwrite");
+void makeGzip(const ScratchFile& target) {
+    const auto text = someBytes(kTextBytes, false);
+    const gzFile file = gzopen_w(target.path(), "wb6");
+    check(file && gzwrite(file, text.data(), static_cast<unsigned>(text.size())) > 0);
     gzclose(file);
-    return path;
 }
 
 ComPtr<InMemoryIStream> inMemory(const std::wstring& path) {
-    const std::size_t size = std::filesystem::file_size(path);
-    auto stream = Vexel::Detail::make<InMemoryIStream>(size);
-    std::FILE* const file = _wfopen(path.c_str(), L"rb");
-    std::string bytes(size, '\0');
-    require(file && std::fread(bytes.data(), 1, size, file) == size, "fread");
-    std::fclose(file);
-    stream->write(bytes.data(), size);
+    std::vector<char> bytes(std::filesystem::file_size(path));
+    std::ifstream file(std::filesystem::path(path), std::ios::binary);
+    check(file.read(bytes.data(), static_cast<std::streamsize>(bytes.size())).good());
+    auto stream = Vexel::Detail::make<InMemoryIStream>();
+    stream->write(bytes.data(), bytes.size());
     stream->rewind();
     return stream;
 }
@@ -102,11 +54,11 @@ void inflateOurs(benchmark::State& state, const std::wstring& path, std::size_t 
     for (auto _ : state) {
         COleStreamCompressFile file(true);
         file.SetIgnoreEndOfFile(true);
-        require(file.OpenStream(source.Get()), "opening");
+        check(file.OpenStream(source.Get()));
         std::size_t total = 0;
         while (const auto count = file.ReadBytes(buffer.data(), part))
             total += count;
-        require(total == kTextBytes, "inflating");
+        check(total == kTextBytes);
     }
     state.SetBytesProcessed(state.iterations() * std::int64_t{kTextBytes});
 }
@@ -119,7 +71,7 @@ void inflatePeer(benchmark::State& state, const std::wstring& path, std::size_t 
         for (int count = 0; (count = gzread(file, buffer.data(), static_cast<unsigned>(part))) > 0;)
             total += static_cast<std::size_t>(count);
         gzclose(file);
-        require(total == kTextBytes, "gzread");
+        check(total == kTextBytes);
     }
     state.SetBytesProcessed(state.iterations() * std::int64_t{kTextBytes});
 }
@@ -130,8 +82,7 @@ void decompressOurs(benchmark::State& state, const std::wstring& path) {
     for (auto _ : state) {
         source->rewind();
         target->rewind();
-        require(DecompressStream(source.Get(), target.Get()) == S_OK && target->position() == kTextBytes,
-                "DecompressStream");
+        check(DecompressStream(source.Get(), target.Get()) == S_OK && target->position() == kTextBytes);
     }
     state.SetBytesProcessed(state.iterations() * std::int64_t{kTextBytes});
 }
@@ -145,41 +96,36 @@ void decompressPeer(benchmark::State& state, const std::wstring& path) {
         for (int count = 0; (count = gzread(file, buffer.data(), 65536)) > 0;)
             target->write(buffer.data(), static_cast<unsigned>(count));
         gzclose(file);
-        require(target->position() == kTextBytes, "gzread");
+        check(target->position() == kTextBytes);
     }
     state.SetBytesProcessed(state.iterations() * std::int64_t{kTextBytes});
 }
 
-std::wstring nameOf(unsigned index) { return L"Stream " + std::to_wstring(index); }
+std::wstring streamName(unsigned index) { return L"Stream " + std::to_wstring(index); }
 
-std::wstring makeCompound(const Folder& folder) {
-    const std::wstring path = folder.file(L"document");
+void makeCompound(const ScratchFile& target) {
     STGOPTIONS options{};
     options.usVersion = 1;
     options.ulSectorSize = 4096;
     ComPtr<IStorage> root;
-    require(SUCCEEDED(StgCreateStorageEx(path.c_str(), STGM_CREATE | STGM_READWRITE | kWhole, STGFMT_DOCFILE,
-                                         0, &options, nullptr, IID_IStorage, &root)),
-            "StgCreateStorageEx");
+    check(SUCCEEDED(StgCreateStorageEx(target.path(), STGM_CREATE | STGM_READWRITE | kWhole, STGFMT_DOCFILE,
+                                       0, &options, nullptr, IID_IStorage, &root)));
     for (unsigned i = 0; i < kStreams; ++i) {
         ComPtr<::IStream> stream;
-        const std::string text = someText(kStreamBytes, i);
-        require(SUCCEEDED(root->CreateStream(nameOf(i).c_str(), STGM_CREATE | STGM_READWRITE | kWhole, 0, 0,
-                                             &stream)) &&
-                    SUCCEEDED(stream->Write(text.data(), static_cast<ULONG>(text.size()), nullptr)),
-                "writing a stream");
+        const auto text = someBytes(kStreamBytes, false, i);
+        check(SUCCEEDED(root->CreateStream(streamName(i).c_str(), STGM_CREATE | STGM_READWRITE | kWhole, 0, 0,
+                                           &stream)) &&
+              SUCCEEDED(stream->Write(text.data(), static_cast<ULONG>(text.size()), nullptr)));
     }
-    return path;
 }
 
 void convertOurs(benchmark::State& state, const std::wstring& path, const std::wstring& result) {
     for (auto _ : state) {
         StorageRef source;
         StorageRef target;
-        require(source.open({path, false, false}, RootStorageOpenMode::ReadOnly, false) == S_OK &&
-                    target.create({result, false, false}) == S_OK && source.copyTo(target) == S_OK &&
-                    target.commit() == S_OK,
-                "converting");
+        check(source.open({path, false, false}, RootStorageOpenMode::ReadOnly, false) == S_OK &&
+              target.create({result, false, false}) == S_OK && source.copyTo(target) == S_OK &&
+              target.commit() == S_OK);
         target.close();
         StorageContainer::Instance().deleteUnusedObjects();
         DeleteFileW(result.c_str());
@@ -189,27 +135,25 @@ void convertOurs(benchmark::State& state, const std::wstring& path, const std::w
 void convertPeer(benchmark::State& state, const std::wstring& path, const std::wstring& result) {
     for (auto _ : state) {
         ComPtr<IStorage> root;
-        require(SUCCEEDED(StgOpenStorageEx(path.c_str(), STGM_TRANSACTED | STGM_READ, STGFMT_DOCFILE, 0,
-                                           nullptr, nullptr, IID_IStorage, &root)),
-                "StgOpenStorageEx");
+        check(SUCCEEDED(StgOpenStorageEx(path.c_str(), STGM_TRANSACTED | STGM_READ, STGFMT_DOCFILE, 0,
+                                         nullptr, nullptr, IID_IStorage, &root)));
         std::vector<UpdateEntry> entries(kStreams);
         for (unsigned i = 0; i < kStreams; ++i) {
             ComPtr<::IStream> stream;
-            require(SUCCEEDED(root->OpenStream(nameOf(i).c_str(), nullptr, STGM_READ | kWhole, 0, &stream)),
-                    "OpenStream");
+            check(
+                SUCCEEDED(root->OpenStream(streamName(i).c_str(), nullptr, STGM_READ | kWhole, 0, &stream)));
             const auto contents = Vexel::Detail::make<InMemoryIStream>();
             stream->CopyTo(contents.Get(), {.QuadPart = ~0ULL}, nullptr, nullptr);
             contents->rewind();
-            entries[i].name = nameOf(i).c_str();
+            entries[i].name = streamName(i).c_str();
             entries[i].size = contents->size();
             entries[i].hasNewData = true;
             entries[i].contents = contents;
         }
-        const auto output = adopt(new TemporaryFile(result.c_str()));
-        require(output->create() == S_OK &&
-                    writeArchive(entries, nullptr, output.Get(), result.c_str()) == S_OK &&
-                    output->finish() == S_OK,
-                "writing");
+        const auto output = Vexel::Detail::adopt(new TemporaryFile(result.c_str()));
+        check(output->create() == S_OK &&
+              writeArchive(entries, nullptr, output.Get(), result.c_str()) == S_OK &&
+              output->finish() == S_OK);
     }
 }
 
@@ -217,10 +161,14 @@ void convertPeer(benchmark::State& state, const std::wstring& path, const std::w
 
 int main(int argc, char** argv) {
     start();
-    const Folder folder;
-    const std::wstring gzip = makeGzip(folder);
-    const std::wstring document = makeCompound(folder);
-    const std::wstring result = folder.file(L"result.7z");
+    const ScratchFile gzipFile(L"text.gz");
+    const ScratchFile documentFile(L"document");
+    const ScratchFile resultFile(L"result.7z");
+    makeGzip(gzipFile);
+    makeCompound(documentFile);
+    const std::wstring gzip = gzipFile.path();
+    const std::wstring document = documentFile.path();
+    const std::wstring result = resultFile.path();
     Vexel::Bench::Suite suite;
     for (const std::size_t part : {16384u, 65536u})
         suite.compare(

@@ -36,9 +36,9 @@ inline void require(HRESULT status) noexcept {
     std::exit(1);
 }
 
-/// Text-like bytes, which LZMA packs to about a third; or noise.
-inline std::vector<unsigned char> someBytes(std::size_t size, bool isNoise) {
-    std::mt19937 random(7);
+/// Text-like bytes, which LZMA packs to about a third; or noise. Others for each seed.
+inline std::vector<unsigned char> someBytes(std::size_t size, bool isNoise, unsigned seed = 7) {
+    std::mt19937 random(seed);
     std::vector<unsigned char> bytes(size);
     for (std::size_t i = 0; i < size; ++i) {
         const auto number = static_cast<unsigned>(random());
