@@ -1,81 +1,45 @@
+#include "support/framework_files.h"
+
 #include <vexel/framework.h>
 
-#include <gmock/gmock.h>
 #include <gtest/gtest.h>
 
 #include <algorithm>
 #include <functional>
 #include <random>
 #include <string>
-#include <vector>
+
+using namespace std::string_literals;
+using Support::contentsOf;
+using Support::loadFrom;
+using Support::raised;
+using Support::stored;
 
 namespace {
-
-using Bytes = std::vector<BYTE>;
-
-Bytes contents(CFile& file) {
-    Bytes bytes(static_cast<std::size_t>(file.GetLength()));
-    file.SeekToBegin();
-    EXPECT_EQ(file.Read(bytes.data(), static_cast<UINT>(bytes.size())), bytes.size());
-    return bytes;
-}
-
-Bytes stored(const std::function<void(CArchive&)>& store) {
-    CMemFile file;
-    CArchive archive(&file, CArchive::store);
-    store(archive);
-    archive.Close();
-    return contents(file);
-}
-
-/// What `load` does on an archive over these bytes.
-void loadFrom(Bytes bytes, const std::function<void(CArchive&)>& load) {
-    CMemFile file(bytes.data(), static_cast<UINT>(bytes.size()));
-    CArchive archive(&file, CArchive::load);
-    load(archive);
-}
-
-int causeOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (CArchiveException* exception) {
-        const int cause = exception->m_cause;
-        exception->Delete();
-        return cause;
-    }
-    return CArchiveException::none;
-}
-
-Bytes operator+(Bytes a, const Bytes& b) {
-    a.insert(a.end(), b.begin(), b.end());
-    return a;
-}
 
 TEST(FrameworkArchive, StoresStringLengthsInTheShortestForm) {
     struct Case {
         UINT_PTR length;
-        Bytes narrow;
+        std::string narrow;
     };
-    const Case cases[] = {
-        {0, {0}},
-        {0xFE, {0xFE}},
-        {0xFF, {0xFF, 0xFF, 0x00}},
-        {0x12C, {0xFF, 0x2C, 0x01}},
-        {0xFFFD, {0xFF, 0xFD, 0xFF}},
-        {0xFFFE, {0xFF, 0xFF, 0xFF, 0xFE, 0xFF, 0, 0}},
-        {0x12345678, {0xFF, 0xFF, 0xFF, 0x78, 0x56, 0x34, 0x12}},
-        {0xFFFFFFFF, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0}},
-        {0x123456789A, {0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x9A, 0x78, 0x56, 0x34, 0x12, 0, 0, 0}},
-    };
-    for (const Case& test : cases) {
+    for (const auto& [length, narrow] : {
+             Case{0, "\0"s},
+             Case{0xFE, "\xFE"},
+             Case{0xFF, "\xFF\xFF\0"s},
+             Case{0x12C, "\xFF\x2C\1"},
+             Case{0xFFFD, "\xFF\xFD\xFF"},
+             Case{0xFFFE, "\xFF\xFF\xFF\xFE\xFF\0\0"s},
+             Case{0x12345678, "\xFF\xFF\xFF\x78\x56\x34\x12"},
+             Case{0xFFFFFFFF, std::string(11, '\xFF') + "\0\0\0\0"s},
+             Case{0x123456789A, std::string(7, '\xFF') + "\x9A\x78\x56\x34\x12\0\0\0"s},
+         }) {
         for (const int size : {1, 2}) {
-            const Bytes bytes = size == 2 ? Bytes{0xFF, 0xFE, 0xFF} + test.narrow : test.narrow;
-            EXPECT_EQ(
-                stored([&](CArchive& archive) { AfxWriteStringLength(archive, test.length, size == 2); }),
-                bytes);
+            const bool wide = size == 2;
+            const std::string bytes = wide ? "\xFF\xFE\xFF" + narrow : narrow;
+            EXPECT_EQ(stored([&](CArchive& archive) { AfxWriteStringLength(archive, length, wide); }), bytes);
             loadFrom(bytes, [&](CArchive& archive) {
                 int readSize = 0;
-                EXPECT_EQ(AfxReadStringLength(archive, readSize), test.length);
+                EXPECT_EQ(AfxReadStringLength(archive, readSize), length);
                 EXPECT_EQ(readSize, size);
             });
         }
@@ -84,33 +48,32 @@ TEST(FrameworkArchive, StoresStringLengthsInTheShortestForm) {
 
 TEST(FrameworkArchive, StringsAndNumbersRoundTrip) {
     EXPECT_EQ(stored([](CArchive& archive) { archive << CString(L"a\u0416") << 1 << BYTE{2} << true; }),
-              (Bytes{0xFF, 0xFE, 0xFF, 2, 0x61, 0, 0x16, 0x04, 1, 0, 0, 0, 2, 1}));
+              "\xFF\xFE\xFF\2a\0\x16\4\1\0\0\0\2\1"s);
     for (const int length : {0, 1, 254, 255, 4095, 4097, 65533, 65534, 65535, 200000}) {
         CString text;
         wchar_t* characters = text.GetBufferSetLength(length);
         for (int i = 0; i < length; ++i)
             characters[i] = static_cast<wchar_t>(i + 1);
-        const Bytes bytes =
-            stored([&](CArchive& archive) { archive << text << WORD{0xABCD} << -2LL << 1.5; });
-        loadFrom(bytes, [&](CArchive& archive) {
-            CString loaded = L"before";
-            WORD word = 0;
-            LONGLONG number = 0;
-            double real = 0;
-            archive >> loaded >> word >> number >> real;
-            EXPECT_TRUE(loaded == text && word == 0xABCD && number == -2 && real == 1.5) << length;
-            EXPECT_EQ(causeOf([&] { archive >> word; }), CArchiveException::endOfFile);
-        });
+        loadFrom(
+            stored([&](CArchive& to) { to << text << WORD{0xABCD} << -2LL << 1.5; }), [&](CArchive& archive) {
+                CString loaded = L"before";
+                WORD word = 0;
+                LONGLONG number = 0;
+                double real = 0;
+                archive >> loaded >> word >> number >> real;
+                EXPECT_TRUE(loaded == text && word == 0xABCD && number == -2 && real == 1.5) << length;
+                EXPECT_EQ(raised<CArchiveException>([&] { archive >> word; }), CArchiveException::endOfFile);
+            });
     }
 }
 
 TEST(FrameworkArchive, LoadsNarrowStrings) {
-    loadFrom({3, 'a', 'b', 'c', 0}, [](CArchive& archive) {
+    loadFrom("\3abc\0"s, [](CArchive& archive) {
         CString text;
         EXPECT_EQ((archive >> text, text), L"abc");
         EXPECT_EQ((archive >> text, text), L"");
     });
-    loadFrom(Bytes{0xFF, 0x2C, 0x01} + Bytes(300, 'x'), [](CArchive& archive) {
+    loadFrom("\xFF\x2C\1" + std::string(300, 'x'), [](CArchive& archive) {
         CString text;
         EXPECT_EQ((archive >> text, text), CString(L'x', 300));
     });
@@ -128,25 +91,25 @@ public:
 };
 
 TEST(FrameworkArchive, LengthsThatPromiseTooMuchTakeNoMemory) {
+    constexpr int cut = CArchiveException::endOfFile;
+    constexpr int tooLong = CArchiveException::genericException;
+    const std::string rest(20000, 'x');
     struct Case {
-        Bytes header;
+        std::string bytes;
         int cause;
     };
-    const Case cases[] = {
-        {{0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F}, CArchiveException::endOfFile},
-        {{0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0x7F}, CArchiveException::endOfFile},
-        {{0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0, 0, 0, 0x80}, CArchiveException::genericException},
-        {{0xFF, 0xFE, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 0xFF, 1, 0, 0, 0, 1, 0, 0, 0},
-         CArchiveException::genericException},
-        {{0xFF, 0xFE, 0xFF, 0xFF}, CArchiveException::endOfFile},
-        {{}, CArchiveException::endOfFile},
-    };
-    for (const auto& [header, cause] : cases) {
-        Bytes bytes = header + Bytes(header.size() < 5 ? 0 : 20000, 'x');
-        WatchedFile file(bytes.data(), static_cast<UINT>(bytes.size()));
+    for (auto [bytes, cause] : {
+             Case{"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, cut},
+             Case{"\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, cut},
+             Case{"\xFF\xFE\xFF\xFF\xFF\xFF\0\0\0\x80"s + rest, tooLong},
+             Case{"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\1\0\0\0\1\0\0\0"s + rest, tooLong},
+             Case{"\xFF\xFE\xFF\xFF", cut},
+             Case{"", cut},
+         }) {
+        WatchedFile file(reinterpret_cast<BYTE*>(bytes.data()), static_cast<UINT>(bytes.size()));
         CArchive archive(&file, CArchive::load);
         CString text = L"before";
-        EXPECT_EQ(causeOf([&] { archive >> text; }), cause);
+        EXPECT_EQ(raised<CArchiveException>([&] { archive >> text; }), cause);
         EXPECT_EQ(text, L"before");
         EXPECT_LE(file.largest, 4 * bytes.size() + 4096);
     }
@@ -159,9 +122,9 @@ TEST(FrameworkArchive, RefusesTheWrongDirectionAndNamesTheFile) {
     loading.m_strFileName = L"name.doc";
     CString text;
     int number = 0;
-    EXPECT_EQ(causeOf([&] { storing >> number; }), CArchiveException::writeOnly);
-    EXPECT_EQ(causeOf([&] { storing >> text; }), CArchiveException::writeOnly);
-    EXPECT_EQ(causeOf([&] { loading << number; }), CArchiveException::readOnly);
+    EXPECT_EQ(raised<CArchiveException>([&] { storing >> number; }), CArchiveException::writeOnly);
+    EXPECT_EQ(raised<CArchiveException>([&] { storing >> text; }), CArchiveException::writeOnly);
+    EXPECT_EQ(raised<CArchiveException>([&] { loading << number; }), CArchiveException::readOnly);
     try {
         loading << text;
         ADD_FAILURE();
@@ -175,9 +138,9 @@ TEST(FrameworkArchive, RefusesTheWrongDirectionAndNamesTheFile) {
 
 TEST(FrameworkArchive, PiecesOfAnySizePassThroughAnyBuffer) {
     std::mt19937 random(1);
-    Bytes data(60000);
-    std::generate(data.begin(), data.end(), [&] { return static_cast<BYTE>(random()); });
-    const auto inPieces = [&](const std::function<void(BYTE*, UINT)>& move) {
+    std::string data(60000, '\0');
+    std::generate(data.begin(), data.end(), [&] { return static_cast<char>(random()); });
+    const auto inPieces = [&](const std::function<void(const char*, UINT)>& move) {
         for (std::size_t done = 0; done < data.size();) {
             const std::size_t piece = std::min<std::size_t>(random() % 700, data.size() - done);
             move(data.data() + done, static_cast<UINT>(piece));
@@ -187,14 +150,14 @@ TEST(FrameworkArchive, PiecesOfAnySizePassThroughAnyBuffer) {
     for (const int buffer : {0, 200, 4096}) {
         CMemFile file;
         CArchive storing(&file, CArchive::store, buffer);
-        inPieces([&](BYTE* piece, UINT size) { storing.Write(piece, size); });
+        inPieces([&](const char* piece, UINT size) { storing.Write(piece, size); });
         storing.Close();
-        EXPECT_EQ(contents(file), data) << buffer;
+        EXPECT_TRUE(contentsOf(file) == data) << buffer;
 
         file.SeekToBegin();
         CArchive loading(&file, CArchive::load, buffer);
-        Bytes loaded;
-        inPieces([&](const BYTE*, UINT size) {
+        std::string loaded;
+        inPieces([&](const char*, UINT size) {
             loaded.resize(loaded.size() + size);
             EXPECT_EQ(loading.Read(loaded.data() + loaded.size() - size, size), size);
             if (random() % 8 == 0) {
@@ -202,7 +165,7 @@ TEST(FrameworkArchive, PiecesOfAnySizePassThroughAnyBuffer) {
                 EXPECT_EQ(file.GetPosition(), loaded.size());
             }
         });
-        EXPECT_EQ(loaded, data) << buffer;
+        EXPECT_TRUE(loaded == data) << buffer;
         BYTE more = 0;
         EXPECT_EQ(loading.Read(&more, 1), 0U);
     }

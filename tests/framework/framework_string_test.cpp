@@ -2,9 +2,11 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
 #include <climits>
 #include <cwctype>
 #include <functional>
+#include <iterator>
 #include <random>
 #include <string>
 #include <thread>
@@ -16,131 +18,81 @@ std::wstring wide(const CString& text) {
     return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
 }
 
-/// Changes a string in every way, at random, beside a standard one that says what must come out.
-class Pair {
-public:
-    explicit Pair(unsigned seed) : random_(seed) {}
+/// A place in a string, a number of characters that may go beyond its end, and a word.
+struct Draw {
+    int at, count;
+    std::wstring word;
+    std::size_t from() const { return static_cast<std::size_t>(at); }
+    std::size_t many() const { return static_cast<std::size_t>(count); }
+};
 
-    void change() {
-        static const std::vector<void (Pair::*)()> changes = {&Pair::append,
-                                                              &Pair::appendItself,
-                                                              &Pair::appendPartOfItself,
-                                                              &Pair::assignPartOfItself,
-                                                              &Pair::insert,
-                                                              &Pair::erase,
-                                                              &Pair::setCharacter,
-                                                              &Pair::truncate,
-                                                              &Pair::buffer,
-                                                              &Pair::part,
-                                                              &Pair::replace,
-                                                              &Pair::upper};
-        (this->*changes[upTo(static_cast<int>(changes.size()) - 1)])();
-    }
+/// The same change of a string of ours and of a standard one, which says what must come out.
+struct Change {
+    void (*ours)(CString& s, const Draw& draw);
+    void (*standard)(std::wstring& s, const Draw& draw);
+};
 
-    CString ours;
-    std::wstring standard;
+void fillBuffer(CString& s, const Draw& draw) {
+    wchar_t* text = s.GetBuffer(draw.count);
+    std::wmemset(text, L'q', draw.many());
+    text[draw.count] = 0;
+    s.ReleaseBuffer();
+}
 
-private:
-    std::size_t upTo(int most) {
-        return static_cast<std::size_t>(std::uniform_int_distribution<int>(0, most)(random_));
-    }
-    std::size_t place() { return upTo(static_cast<int>(standard.size())); }
-    std::wstring word() {
-        std::wstring text(upTo(9), L' ');
-        for (wchar_t& c : text)
-            c = L"abAB.\u0416"[upTo(5)];
-        return text;
-    }
+void replaceAll(std::wstring& s, const Draw& /*draw*/) {
+    for (std::size_t at = 0; (at = s.find(L"ab", at)) != std::wstring::npos; at += 3)
+        s.replace(at, 2, L"a--");
+}
 
-    void append() {
-        const std::wstring text = word();
-        ours += text.c_str();
-        standard += text;
-    }
-    void appendItself() {
-        if (standard.size() > 2000)
-            return;
-        ours += ours;
-        standard += standard;
-    }
-    void appendPartOfItself() {
-        const std::size_t first = place();
-        ours.Append(ours.GetString() + first);
-        standard += standard.substr(first);
-    }
-    void assignPartOfItself() {
-        const std::size_t first = upTo(3) ? 0 : place();
-        ours = ours.GetString() + first;
-        standard.erase(0, first);
-    }
-    void insert() {
-        const std::size_t at = place();
-        const std::wstring text = word();
-        EXPECT_EQ(ours.Insert(static_cast<int>(at), text.c_str()),
-                  static_cast<int>(standard.insert(at, text).size()));
-    }
-    void erase() {
-        const std::size_t at = place();
-        const std::size_t count = upTo(5);
-        ours.Delete(static_cast<int>(at), static_cast<int>(count));
-        standard.erase(at, count);
-    }
-    void setCharacter() {
-        if (standard.empty())
-            return;
-        const std::size_t at = upTo(static_cast<int>(standard.size()) - 1);
-        ours.SetAt(static_cast<int>(at), L'z');
-        standard[at] = L'z';
-    }
-    void truncate() {
-        const std::size_t length = upTo(3) ? standard.size() : place();
-        ours.Truncate(static_cast<int>(length));
-        standard.resize(length);
-    }
-    void buffer() {
-        const std::size_t length = upTo(40);
-        wchar_t* text = ours.GetBuffer(static_cast<int>(length));
-        std::wmemset(text, L'q', length);
-        text[length] = 0;
-        ours.ReleaseBuffer();
-        standard.assign(length, L'q');
-    }
-    void part() {
-        const std::size_t at = place();
-        const std::size_t count = place();
-        const CString expected(standard.c_str() + at);
-        EXPECT_EQ(wide(ours.Mid(static_cast<int>(at), static_cast<int>(count))), standard.substr(at, count));
-        EXPECT_EQ(wide(ours.Left(static_cast<int>(at))) + wide(ours.Mid(static_cast<int>(at))), standard);
-        EXPECT_EQ(ours.Right(expected.GetLength()), expected);
-    }
-    void replace() {
-        ours.Replace(L"ab", L"a--");
-        for (std::size_t at = 0; (at = standard.find(L"ab", at)) != std::wstring::npos; at += 3)
-            standard.replace(at, 2, L"a--");
-    }
-    void upper() {
-        ours.MakeUpper();
-        for (wchar_t& c : standard)
-            c = static_cast<wchar_t>(std::towupper(c));
-    }
-
-    std::mt19937 random_;
+const Change changes[] = {
+    {[](CString& s, const Draw& d) { s += d.word.c_str(); },
+     [](std::wstring& s, const Draw& d) { s += d.word; }},
+    {[](CString& s, const Draw&) { s.GetLength() < 2000 ? s += s : s; },
+     [](std::wstring& s, const Draw&) { s.size() < 2000 ? s += s : s; }},
+    {[](CString& s, const Draw& d) { s.Append(s.GetString() + d.at); },
+     [](std::wstring& s, const Draw& d) { s += s.substr(d.from()); }},
+    {[](CString& s, const Draw& d) { s = s.GetString() + (d.count % 4 ? 0 : d.at); },
+     [](std::wstring& s, const Draw& d) { s.erase(0, d.count % 4 ? 0 : d.from()); }},
+    {[](CString& s, const Draw& d) { s.Insert(d.at, d.word.c_str()); },
+     [](std::wstring& s, const Draw& d) { s.insert(d.from(), d.word); }},
+    {[](CString& s, const Draw& d) { s.Delete(d.at, d.count % 6); },
+     [](std::wstring& s, const Draw& d) { s.erase(d.from(), d.many() % 6); }},
+    {[](CString& s, const Draw& d) { (s += L'y').SetAt(d.at, L'z'); },
+     [](std::wstring& s, const Draw& d) { (s += L'y')[d.from()] = L'z'; }},
+    {[](CString& s, const Draw& d) { s.Truncate(d.count % 4 ? s.GetLength() : d.at); },
+     [](std::wstring& s, const Draw& d) { s.resize(d.count % 4 ? s.size() : d.from()); }},
+    {fillBuffer, [](std::wstring& s, const Draw& d) { s.assign(d.many(), L'q'); }},
+    {[](CString& s, const Draw&) { s.Replace(L"ab", L"a--"); }, replaceAll},
+    {[](CString& s, const Draw&) { s.MakeUpper(); },
+     [](std::wstring& s, const Draw&) { std::transform(s.begin(), s.end(), s.begin(), std::towupper); }},
 };
 
 TEST(FrameworkString, FollowsAStandardStringThroughAnyChangesAndCopiesStayAsTheyWere) {
     for (unsigned seed = 0; seed < 20; ++seed) {
-        Pair pair(seed);
+        std::mt19937 random(seed);
+        const auto upTo = [&](std::size_t most) { return static_cast<int>(random() % (most + 1)); };
+        CString ours;
+        std::wstring standard;
         std::vector<std::pair<CString, std::wstring>> copies;
         for (int i = 0; i < 300; ++i) {
-            copies.emplace_back(pair.ours, pair.standard);
-            pair.change();
-            ASSERT_EQ(wide(pair.ours), pair.standard) << "seed " << seed << " step " << i;
-            ASSERT_EQ(pair.ours.GetString()[pair.ours.GetLength()], L'\0');
+            copies.emplace_back(ours, standard);
+            Draw draw{upTo(standard.size()), upTo(40), std::wstring(random() % 10, L' ')};
+            for (wchar_t& c : draw.word)
+                c = L"abAB.\u0416"[upTo(5)];
+            EXPECT_EQ(wide(ours.Mid(draw.at, draw.count)), standard.substr(draw.from(), draw.many()));
+            EXPECT_EQ(wide(ours.Left(draw.at)) + wide(ours.Mid(draw.at)), standard);
+            EXPECT_EQ(wide(ours.Right(draw.at)), standard.substr(standard.size() - draw.from()));
+
+            const Change& change = changes[random() % std::size(changes)];
+            change.ours(ours, draw);
+            change.standard(standard, draw);
+            ASSERT_EQ(wide(ours), standard) << "seed " << seed << " step " << i;
+            ASSERT_EQ(ours.GetString()[ours.GetLength()], L'\0');
             if (i % 3)
                 copies.pop_back(); // so that buffers are shared in some steps and owned in others
         }
-        for (const auto& [ours, standard] : copies)
-            ASSERT_EQ(wide(ours), standard) << "seed " << seed;
+        for (const auto& [ourCopy, standardCopy] : copies)
+            ASSERT_EQ(wide(ourCopy), standardCopy) << "seed " << seed;
     }
 }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/streams.h"
+
 #include <vexel/archive.h>
 
 #include <gtest/gtest.h>
@@ -12,18 +14,6 @@
 namespace Support {
 
 inline constexpr const char* directoryMark = "<directory>";
-
-/// All bytes of a stream from its beginning on.
-inline std::string bytesOf(IStream* stream) {
-    STATSTG entry{};
-    EXPECT_EQ(stream->Stat(&entry, STATFLAG_NONAME), S_OK);
-    std::string bytes(entry.cbSize.QuadPart, '\0');
-    ULONG count = 0;
-    EXPECT_EQ(stream->Seek({}, STREAM_SEEK_SET, nullptr), S_OK);
-    EXPECT_EQ(stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &count), S_OK);
-    bytes.resize(count);
-    return bytes;
-}
 
 inline HRESULT readItem(Vexel::Storage::SZipArchive& archive, std::wstring_view path, std::string& bytes) {
     Microsoft::WRL::ComPtr<IStream> stream;

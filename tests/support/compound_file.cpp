@@ -6,6 +6,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <iterator>
 
 using Microsoft::WRL::ComPtr;
 
@@ -136,6 +137,11 @@ ComPtr<IStorage> openCompoundFile(const std::wstring& file, DWORD stgm) {
 void writeFile(const std::wstring& file, std::string_view contents) {
     std::ofstream stream(std::filesystem::path(file), std::ios::binary);
     stream.write(contents.data(), static_cast<std::streamsize>(contents.size()));
+}
+
+std::string readFile(const std::wstring& file) {
+    std::ifstream stream(std::filesystem::path(file), std::ios::binary);
+    return {std::istreambuf_iterator<char>(stream), {}};
 }
 
 } // namespace Support

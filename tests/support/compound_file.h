@@ -52,7 +52,8 @@ std::string readElement(const std::wstring& file, std::wstring_view path);
 /// Opens the root with the given STGM flags, or returns null.
 Microsoft::WRL::ComPtr<IStorage> openCompoundFile(const std::wstring& file, DWORD stgm);
 
-/// Writes a plain file.
+/// Plain files.
 void writeFile(const std::wstring& file, std::string_view contents);
+std::string readFile(const std::wstring& file);
 
 } // namespace Support

@@ -2,10 +2,13 @@
 
 #include <vexel/diagnostics.h>
 
+#include <windows.h>
+
 #include <algorithm>
 #include <mutex>
 #include <string>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 /// Takes the log's messages while it lives.
@@ -20,34 +23,34 @@ public:
     LogCapture& operator=(LogCapture const&) = delete;
     ~LogCapture() { VxLog_SetSink(oldSink_, oldContext_); }
 
+    /// A level and a text.
+    using Message = std::pair<int, std::wstring>;
+
+    std::vector<Message> messages() const {
+        const std::lock_guard lock(mutex_);
+        return messages_;
+    }
     /// How many messages of this level contain `part`.
     std::ptrdiff_t count(int level, std::wstring_view part) const {
-        const std::lock_guard lock(mutex_);
-        return std::count_if(messages_.begin(), messages_.end(), [&](Message const& message) {
-            return message.level == level && message.text.find(part) != std::wstring::npos;
+        const std::vector<Message> all = messages();
+        return std::count_if(all.begin(), all.end(), [&](Message const& message) {
+            return (level == anyLevel || message.first == level) &&
+                   message.second.find(part) != std::wstring::npos;
         });
     }
-    /// The same for all levels.
-    std::ptrdiff_t count(std::wstring_view part) const {
-        const std::lock_guard lock(mutex_);
-        return std::count_if(messages_.begin(), messages_.end(), [&](Message const& message) {
-            return message.text.find(part) != std::wstring::npos;
-        });
-    }
+    std::ptrdiff_t count(std::wstring_view part) const { return count(anyLevel, part); }
     void clear() {
         const std::lock_guard lock(mutex_);
         messages_.clear();
     }
 
 private:
-    struct Message {
-        int level;
-        std::wstring text;
-    };
+    static constexpr int anyLevel = -1;
 
     void add(int level, wchar_t const* message) {
+        SetLastError(ERROR_INVALID_FUNCTION); // as any sink may; who logs must not lose the error it had
         const std::lock_guard lock(mutex_);
-        messages_.push_back({level, message});
+        messages_.emplace_back(level, message);
     }
 
     mutable std::mutex mutex_;

@@ -1,0 +1,49 @@
+#pragma once
+
+#include "io/com_pointer.h"
+
+#include <vexel/memory_streams.h>
+
+#include <windows.h>
+
+#include <objidl.h>
+#include <shlwapi.h>
+#include <wrl/client.h>
+
+#include <gtest/gtest.h>
+
+#include <string>
+#include <string_view>
+
+/// Memory streams with given bytes, and the bytes of any stream.
+namespace Support {
+
+/// Our own, at its start.
+inline Microsoft::WRL::ComPtr<Vexel::Storage::InMemoryIStream> streamOf(std::string_view bytes) {
+    auto stream = Vexel::Detail::adopt(new Vexel::Storage::InMemoryIStream());
+    EXPECT_EQ(stream->write(bytes.data(), bytes.size()), bytes.size());
+    stream->rewind();
+    return stream;
+}
+
+/// The system's, at its start.
+inline Microsoft::WRL::ComPtr<IStream> systemStream(std::string_view bytes = {}) {
+    auto stream = Vexel::Detail::adopt(SHCreateMemStream(nullptr, 0));
+    EXPECT_EQ(stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr), S_OK);
+    EXPECT_EQ(stream->Seek({}, STREAM_SEEK_SET, nullptr), S_OK);
+    return stream;
+}
+
+/// All bytes of a stream from its beginning on; it stands at their end afterwards.
+inline std::string bytesOf(IStream* stream) {
+    STATSTG entry{};
+    EXPECT_EQ(stream->Stat(&entry, STATFLAG_NONAME), S_OK);
+    std::string bytes(entry.cbSize.QuadPart, '\0');
+    ULONG count = 0;
+    EXPECT_EQ(stream->Seek({}, STREAM_SEEK_SET, nullptr), S_OK);
+    EXPECT_EQ(stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &count), S_OK);
+    bytes.resize(count);
+    return bytes;
+}
+
+} // namespace Support
