@@ -12,10 +12,12 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <cstdlib>
 #include <fstream>
 #include <set>
 #include <string>
 #include <thread>
+#include <vector>
 
 using Vexel::FileSystemEntryExists;
 using Vexel::Detail::FileHandle;
@@ -64,6 +66,13 @@ protected:
     static void refuseThreads() {
         Platform().startThread = [](std::function<void()> const&) -> std::thread {
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
+        };
+    }
+    static void refuseDeletion(DWORD error) {
+        deleteError = error;
+        Platform().deleteFile = [](wchar_t const*) -> BOOL {
+            SetLastError(deleteError);
+            return FALSE;
         };
     }
     std::ptrdiff_t failuresLogged() const { return log_.count(7, L"Failed to delete temporary file \""); }
@@ -122,24 +131,6 @@ TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
     EXPECT_EQ(log_.count(7, L"Failed to get timing information of the process: 0x00000005"), 1);
 }
 
-TEST_F(TempFiles, NamesDifferBetweenThreads) {
-    constexpr int perThread = 500;
-    std::vector<std::wstring> names[4];
-    {
-        std::vector<std::jthread> threads;
-        for (auto& mine : names) {
-            threads.emplace_back([&mine] {
-                for (int i = 0; i < perThread; ++i)
-                    mine.emplace_back(Registry().generateUniqueFileName(nullptr, L"x").GetString());
-            });
-        }
-    }
-    std::set<std::wstring> all;
-    for (auto const& mine : names)
-        all.insert(mine.begin(), mine.end());
-    EXPECT_EQ(all.size(), std::size(names) * perThread);
-}
-
 TEST_F(TempFiles, AreDeletedByTheThreadWhenItIsWoken) {
     EXPECT_TRUE(Registry().clear()); // nothing is marked
     const SharedPathName files[] = {insertFile(), insertFile()};
@@ -183,10 +174,6 @@ TEST_F(TempFiles, InUseAreTriedAgainAndReportedOnce) {
 TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
     const SharedPathName name = insertFile();
     Platform().getTickCount = [] { return tick; };
-    Platform().deleteFile = [](wchar_t const*) -> BOOL {
-        SetLastError(deleteError);
-        return FALSE;
-    };
     struct {
         DWORD tick, error;
         bool logged;
@@ -197,12 +184,12 @@ TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
     std::ptrdiff_t expected = 0;
     for (auto const& pass : passes) {
         tick = pass.tick;
-        deleteError = pass.error;
+        refuseDeletion(pass.error);
         Registry().clearAll();
         EXPECT_EQ(failuresLogged(), expected += pass.logged) << &pass - passes;
         EXPECT_TRUE(Registry().contains(name));
     }
-    deleteError = ERROR_FILE_NOT_FOUND; // gone by itself
+    refuseDeletion(ERROR_FILE_NOT_FOUND); // gone by itself
     Registry().clearAll();
     EXPECT_FALSE(Registry().contains(name));
     EXPECT_EQ(failuresLogged(), expected);
@@ -230,19 +217,12 @@ TEST_F(TempFiles, AreDeletedAtOnceWithoutAThread) {
     EXPECT_FALSE(Exists(used));
 }
 
-TEST_F(TempFiles, AreDeletedAtOnceWhenThreadsAreNoMore) {
-    Platform().processIsEnding = [] { return true; };
-    const SharedPathName name = insertFile();
-    Registry().erase(name);
-    EXPECT_FALSE(Exists(name));
-    EXPECT_FALSE(Registry().contains(name));
-}
-
 // The end of the process may stop a thread that holds the registry's lock.
 TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     static std::atomic<bool> held;
     static std::atomic<bool> over;
     held = over = false;
+    const auto startThread = Platform().startThread;
     refuseThreads();
     const SharedPathName first = insertFile();
     const SharedPathName second = insertFile();
@@ -256,10 +236,13 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     while (!held)
         Sleep(1);
     Platform().deleteFile = DeleteFileW;
+    Platform().startThread = startThread; // not to be tried any more
     Platform().processIsEnding = [] { return true; };
     Registry().erase(second);
     EXPECT_FALSE(Exists(second));
     over = true;
+    holder.join();
+    EXPECT_FALSE(Registry().contains(second));
 }
 
 TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
@@ -297,10 +280,7 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
     EXPECT_EQ(Registry().insert(name, true, true), name);
     Registry().release(name);
     EXPECT_TRUE(Registry().contains(name)); // held, so it stays
-    Platform().deleteFile = [](wchar_t const*) -> BOOL {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return FALSE;
-    };
+    refuseDeletion(ERROR_ACCESS_DENIED);
     Registry().erase(name);
     EXPECT_FALSE(Exists(name)); // closing was enough
 
@@ -394,48 +374,16 @@ TEST_F(TempFiles, LocalContainerHandsItsNamesOver) {
     EXPECT_TRUE(Registry().contains(dropped));
 }
 
-/// Not a test of its own: what `AreDeletedAtProcessExit` runs in a second process.
-TEST(TempFilesChild, DISABLED_LeavesFilesBehind) {
-    wchar_t path[MAX_PATH]{};
-    ASSERT_NE(GetEnvironmentVariableW(L"VEXEL_TEST_FILE", path, MAX_PATH), 0U);
-    for (wchar_t const* suffix : {L"1", L"2", L"3"}) {
-        const SharedPathName name = Registry().insert(
-            SharedPathName((std::wstring(path) + suffix).c_str(), false, false), false, false);
-        Write(name);
-        if (*suffix != L'1')
-            Registry().erase(name);
-    }
-}
-
-TEST_F(TempFiles, AreDeletedAtProcessExit) {
-    const SharedPathName base = Registry().insert(nullptr, L"child", false, false);
-    SetEnvironmentVariableW(L"VEXEL_TEST_FILE", base.asString());
-    wchar_t program[MAX_PATH]{};
-    GetModuleFileNameW(nullptr, program, MAX_PATH);
-    std::wstring command =
-        L'"' + std::wstring(program) + L"\" --gtest_also_run_disabled_tests --gtest_filter=TempFilesChild.*";
-    STARTUPINFOW startup{};
-    startup.cb = sizeof startup;
-    PROCESS_INFORMATION process{};
-    ASSERT_TRUE(CreateProcessW(program, command.data(), nullptr, nullptr, FALSE, 0, nullptr, nullptr,
-                               &startup, &process));
-    const FileHandle child(process.hProcess);
-    const FileHandle childThread(process.hThread);
-    ASSERT_EQ(WaitForSingleObject(child.get(), 60000), WAIT_OBJECT_0);
-    DWORD exitCode = 1;
-    GetExitCodeProcess(child.get(), &exitCode);
-    EXPECT_EQ(exitCode, 0U);
-    for (wchar_t const* suffix : {L"1", L"2", L"3"})
-        EXPECT_FALSE(FileSystemEntryExists(std::wstring(base.asString()) + suffix));
-}
-
 // The last tests: what they do to the count of marks cannot be undone.
 
 TEST_F(TempFiles, RegistryServesManyThreads) {
+    std::vector<std::wstring> names[3];
     {
-        std::jthread threads[3];
-        for (std::jthread& thread : threads) {
-            thread = std::jthread([this] {
+        std::vector<std::jthread> threads;
+        for (auto& mine : names) {
+            threads.emplace_back([this, &mine] {
+                for (int i = 0; i < 500; ++i)
+                    mine.emplace_back(Registry().generateUniqueFileName(nullptr, L"x").GetString());
                 for (int i = 0; i < 60; ++i) {
                     const SharedPathName name = insertFile();
                     Registry().erase(name);
@@ -446,6 +394,10 @@ TEST_F(TempFiles, RegistryServesManyThreads) {
             });
         }
     }
+    std::set<std::wstring> all;
+    for (auto const& mine : names)
+        all.insert(mine.begin(), mine.end());
+    EXPECT_EQ(all.size(), 1500U);
     Registry().clearAll();
     EXPECT_EQ(failuresLogged(), 0);
 }
@@ -463,6 +415,26 @@ TEST_F(TempFiles, MarkTakenBackGoesOnCounting) {
     Registry().erase(name);
     EXPECT_FALSE(Exists(name));
     EXPECT_FALSE(Registry().clear());
+}
+
+/// Destroyed after the registry; by then its files must be gone, or the program fails.
+struct AfterTheRegistry {
+    std::vector<std::wstring> files;
+    ~AfterTheRegistry() {
+        for (std::wstring const& file : files)
+            if (FileSystemEntryExists(file))
+                std::_Exit(1);
+    }
+} afterTheRegistry;
+
+TEST(TempFilesAtLast, GoWithTheRegistry) {
+    for (const bool marked : {false, true}) {
+        const SharedPathName name = Registry().insert(nullptr, L"last", false, false);
+        Write(name);
+        if (marked)
+            Registry().erase(name);
+        afterTheRegistry.files.emplace_back(name.asString());
+    }
 }
 
 } // namespace
