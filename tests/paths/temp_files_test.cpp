@@ -382,7 +382,7 @@ TEST_F(TempFiles, RegistryServesManyThreads) {
         std::vector<std::jthread> threads;
         for (auto& mine : names) {
             threads.emplace_back([this, &mine] {
-                for (int i = 0; i < 500; ++i)
+                for (int i = 0; i < 5000; ++i)
                     mine.emplace_back(Registry().generateUniqueFileName(nullptr, L"x").GetString());
                 for (int i = 0; i < 60; ++i) {
                     const SharedPathName name = insertFile();
@@ -397,9 +397,26 @@ TEST_F(TempFiles, RegistryServesManyThreads) {
     std::set<std::wstring> all;
     for (auto const& mine : names)
         all.insert(mine.begin(), mine.end());
-    EXPECT_EQ(all.size(), 1500U);
+    EXPECT_EQ(all.size(), 15000U);
     Registry().clearAll();
     EXPECT_EQ(failuresLogged(), 0);
+}
+
+TEST_F(TempFiles, MarkedAgainWhileTheThreadDeletesThemStayMarked) {
+    static SharedPathName name;
+    name = insertFile();
+    Platform().deleteFile = [](wchar_t const* path) -> BOOL {
+        Platform().deleteFile = DeleteFileW;
+        const BOOL deleted = DeleteFileW(path);
+        Registry().insert(name, false, false);
+        Write(name);
+        Registry().erase(name);
+        return deleted;
+    };
+    Registry().erase(name);
+    EXPECT_TRUE(WakeThreadUntil([] { return !Registry().contains(name); }));
+    EXPECT_FALSE(Exists(name));
+    name.clear();
 }
 
 TEST_F(TempFiles, MarkTakenBackGoesOnCounting) {
