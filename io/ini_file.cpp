@@ -27,7 +27,8 @@ IniFileSection& IniFile::GetOrCreateSection(std::wstring_view name) {
 }
 
 void IniFile::SetSection(std::wstring_view name, IniFileSection&& section) {
-    GetOrCreateSection(name) = std::move(section);
+    IniFileSection moved = std::move(section); // which may be one of ours, and have to make room
+    GetOrCreateSection(name) = std::move(moved);
 }
 
 IniFile& IniFile::SetString(std::wstring_view section, std::wstring_view key, const CStringW& value) {

@@ -61,7 +61,7 @@ std::optional<int> parseInt(std::wstring_view text) noexcept {
     return static_cast<int>(negative ? -value : value);
 }
 
-std::optional<double> parseDouble(std::wstring_view text) noexcept {
+std::optional<double> parseDouble(std::wstring_view text) {
     const auto narrow = narrowed(trimmed(text));
     if (!narrow || narrow->empty())
         return std::nullopt;

@@ -57,7 +57,7 @@ IniFileSection& IniFileSection::Remove(std::wstring_view key) {
     const std::size_t place = findName(entries_, places_, key);
     if (place != notListed) {
         entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(place));
-        places_.clear();
+        Vexel::Detail::removePlace(places_, place);
     }
     return *this;
 }

@@ -55,10 +55,32 @@ bool isWritable(const wchar_t* path) {
            file.GetLastErrorCode() == ERROR_FILE_NOT_FOUND;
 }
 
-/// A name beside the file that nobody else is likely to use.
-std::wstring nameBeside(const wchar_t* path) {
-    return std::wstring(path) + L"." + std::to_wstring(GetCurrentProcessId()) + L".tmp";
-}
+/// A file beside another, under a name that nobody else is likely to use. It goes, unless it takes the
+/// other's place.
+class FileBeside {
+public:
+    explicit FileBeside(const wchar_t* path)
+        : path_(std::wstring(path) + L"." + std::to_wstring(GetCurrentProcessId()) + L".tmp") {}
+    FileBeside(const FileBeside&) = delete;
+    FileBeside& operator=(const FileBeside&) = delete;
+    ~FileBeside() {
+        stream.Close();
+        if (made_)
+            DeleteFileW(path_.c_str());
+    }
+
+    bool make() { return made_ = stream.Open({.path = path_.c_str()}, TextEncoding::Utf8, false); }
+    bool replace(const wchar_t* path) {
+        made_ = !MoveFileExW(path_.c_str(), path, MOVEFILE_REPLACE_EXISTING);
+        return !made_;
+    }
+
+    TextFileWriteStream stream;
+
+private:
+    std::wstring path_;
+    bool made_ = false;
+};
 
 } // namespace
 
@@ -96,10 +118,10 @@ bool IniFile::Load(const wchar_t* path) {
 bool IniFile::Save(const wchar_t* path) const {
     if (!isWritable(path))
         return false;
-    const std::wstring beside = nameBeside(path);
-    TextFileWriteStream stream;
-    if (!stream.Open({.path = beside.c_str()}, TextEncoding::Utf8, false))
+    FileBeside beside(path);
+    if (!beside.make())
         return false;
+    TextFileWriteStream& stream = beside.stream;
     for (const auto& [name, section] : sections_) {
         stream.WriteString(L"[");
         stream.WriteString(viewOf(name));
@@ -111,16 +133,11 @@ bool IniFile::Save(const wchar_t* path) const {
             stream.WriteString(L"\n");
         }
     }
-    const bool written = stream.Flush() && stream.Close();
-    if (!written) {
-        VxLog_WriteW(VxLog_Error, L"Failed to write the settings file \"%ls\": %lu", path,
-                     stream.GetLastErrorCode());
-        stream.Close();
-    }
-    if (written && MoveFileExW(beside.c_str(), path, MOVEFILE_REPLACE_EXISTING))
-        return true;
-    DeleteFileW(beside.c_str());
-    return !written;
+    if (stream.Flush() && stream.Close())
+        return beside.replace(path);
+    VxLog_WriteW(VxLog_Error, L"Failed to write the settings file \"%ls\": %lu", path,
+                 stream.GetLastErrorCode());
+    return true;
 }
 
 } // namespace vxio

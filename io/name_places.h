@@ -8,7 +8,7 @@
 
 /// Finding names in lists of pairs that begin with them, without regard to case: the first that matches. A
 /// list keeps its `NamePlaces` beside it; they are found out when first needed, and have to be told of names
-/// that are appended, or be cleared when anything else changes.
+/// that are appended or removed, or be cleared when anything else changes.
 namespace Vexel::Detail {
 
 inline constexpr std::size_t notListed = ~std::size_t{0};
@@ -52,6 +52,14 @@ template <class List>
 void addPlace(const List& list, vxio::NamePlaces& places) {
     if (places.size() + 1 == list.size() && !places.empty())
         places.emplace(hashName(viewOf(list.back().first)), list.size() - 1);
+}
+
+/// To be called when the name at `removed` has gone: taking many names out must not hash all the others anew
+/// each time.
+inline void removePlace(vxio::NamePlaces& places, std::size_t removed) noexcept {
+    std::erase_if(places, [removed](const auto& entry) { return entry.second == removed; });
+    for (auto& entry : places)
+        entry.second -= entry.second > removed;
 }
 
 } // namespace Vexel::Detail

@@ -181,11 +181,12 @@ void encodeMultiByte(std::wstring_view text, UINT page, std::vector<unsigned cha
         if (size < text.size() && isHighSurrogate(text[size - 1]))
             --size;
         const int length = static_cast<int>(size);
-        const int wanted = WideCharToMultiByte(page, 0, text.data(), length, nullptr, 0, "?", nullptr);
+        // The code pages' own stand-in is "?"; naming it is an error where the system's code page is UTF-8.
+        const int wanted = WideCharToMultiByte(page, 0, text.data(), length, nullptr, 0, nullptr, nullptr);
         const std::size_t before = bytes.size();
         bytes.resize(before + static_cast<std::size_t>(wanted));
         WideCharToMultiByte(page, 0, text.data(), length, reinterpret_cast<char*>(bytes.data() + before),
-                            wanted, "?", nullptr);
+                            wanted, nullptr, nullptr);
         text.remove_prefix(size);
     }
 }

@@ -64,6 +64,9 @@ std::wstring Canonical(std::wstring_view path) {
         return std::wstring(path);
     Root root = FindRoot(path);
     const Elements elements = SplitElements(path, root);
+    // With nothing before it, such an element would become a drive.
+    if (root.length == 0 && !elements.empty() && Detail::DrivePrefixLength(elements.front()) != 0)
+        root.text = L".\\";
     std::wstring result = std::move(root.text);
     for (std::size_t i = 0; i < elements.size(); ++i) {
         if (i != 0)

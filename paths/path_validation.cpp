@@ -67,6 +67,7 @@ public:
     Result end() const noexcept {
         switch (state_) {
         case State::Nothing:
+        case State::Prefix:
             return Result::Empty;
         case State::PrefixMark:
             return Result::MisplacedQuestionMark;

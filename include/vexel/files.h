@@ -204,8 +204,9 @@ public:
     bool IsOpen() const noexcept { return file_.IsOpen(); }
     DWORD GetLastErrorCode() const noexcept { return error_ ? error_ : file_.GetLastErrorCode(); }
 
-    /// Appends the text as it is: line ends are the caller's. Characters that the encoding lacks become "?",
-    /// lone surrogates U+FFFD. A failure may show only later, at the latest in Close.
+    /// Appends the text as it is: line ends are the caller's. Characters that the encoding lacks become "?"
+    /// or one that looks alike, lone surrogates U+FFFD. A failure may show only later, at the latest in
+    /// Close.
     bool WriteString(std::wstring_view text);
 
 private:

@@ -22,9 +22,11 @@
 ///  - Of equal keys in a section the first gives the spelling and the last the value.
 ///  - A line that is none of these makes reading fail, and so does an entry before the first section.
 ///
-/// Writing: UTF-8 without a byte-order mark, lines ended by a line feed. What is written is not quoted, so
-/// these do not come back as they were: values with white space at an end or in quotes; keys and values with
-/// line ends or zeros; keys that hold "=" or begin with "[" or ";"; names that are empty; lone surrogates.
+/// Writing: UTF-8 without a byte-order mark, lines ended by a line feed. Comments and empty lines are not
+/// kept. What is written is not quoted, so these do not come back as they were: keys and values with white
+/// space at an end; values in quotes; keys that hold "=" or begin with ";"; lone surrogates. And these make a
+/// file that cannot be read: sections and keys without a name; keys that begin with "["; names and values
+/// with line feeds or zeros in them, unless what follows happens to be a line as above.
 
 #include <vexel/export.h>
 #include <vexel/framework.h>

@@ -52,7 +52,7 @@ enum class PathType : unsigned {
 /// What is wrong with a path, named by the first character that cannot stand where it does.
 enum class PathValidationResult : unsigned {
     Valid = 0,
-    Empty = 1,
+    Empty = 1,                 ///< or nothing behind the long-path prefix
     ControlCharacter = 2,      ///< below the blank
     ForbiddenCharacter = 3,    ///< one of *">|
     MisplacedColon = 4,        ///< not behind a drive letter
@@ -100,7 +100,8 @@ VEXEL_API CString& ChangeFileExtension(CString* path, std::wstring_view extensio
 /// Spells the path in the plainest way that its text alone allows: backslashes for slashes, one for several,
 /// no elements ".", and no ".." but at the start of a relative path: it goes with the element before it, and
 /// vanishes at a root. Server and share of a network path are part of its root. A trailing separator stays.
-/// Nothing is left of `a\..` but ".". Texts with the long-path prefix and empty ones stay as they are.
+/// Nothing is left of `a\..` but "."; `.\C:a` stays, as `C:a` is another file. Texts with the long-path
+/// prefix and empty ones stay as they are.
 VEXEL_API CString& CanonicalizeFileSystemPath(CString* path);
 VEXEL_API std::wstring& CanonicalizeFileSystemPath(std::wstring* path);
 

@@ -9,9 +9,6 @@
 #include <bit>
 #include <climits>
 #include <cmath>
-#include <cstdio>
-#include <fstream>
-#include <iterator>
 #include <limits>
 #include <random>
 #include <string>
@@ -21,12 +18,8 @@ using vxio::IniFileSection;
 
 namespace {
 
+using Support::readFile;
 using Support::writeFile;
-
-std::string fileBytes(const std::wstring& path) {
-    std::ifstream file(std::filesystem::path(path), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 std::string narrow(const CString& text) {
     const std::wstring wide = text.GetString();
@@ -121,10 +114,12 @@ TEST_F(Ini, SavesWhatItHolds) {
         .SetDouble(L"main", L"X", 0.1);
     file.GetOrCreateSection(L"Empty");
     ASSERT_TRUE(file.Save(path_.c_str()));
-    EXPECT_EQ(fileBytes(path_), "[Main]\nText=a b \xD0\x96\nNumber=-5\nX=0.1\n[Empty]\n");
+    EXPECT_EQ(readFile(path_), "[Main]\nText=a b \xD0\x96\nNumber=-5\nX=0.1\n[Empty]\n");
     IniFile again;
     ASSERT_TRUE(again.Load(path_.c_str()));
     EXPECT_EQ(dump(again), dump(file));
+    again.SetSection(L"Moved", std::move(again.GetOrCreateSection(L"Main"))); // makes room meanwhile
+    EXPECT_EQ(dump(again), "Main{}Empty{}Moved{Text=a b \x16|Number=-5|X=0.1|}");
     EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.file(L"")), {}), 1) << "left-overs";
 }
 
@@ -148,7 +143,7 @@ TEST_F(Ini, AFailedSaveLeavesTheOldFile) {
     }
     SetFileAttributesW(path_.c_str(), FILE_ATTRIBUTE_READONLY);
     unchanged();
-    EXPECT_EQ(fileBytes(path_), "[old]\n");
+    EXPECT_EQ(readFile(path_), "[old]\n");
     EXPECT_FALSE(file.Save(nullptr));
     EXPECT_FALSE(file.Save(L""));
     EXPECT_FALSE(file.Save(folder_.file(L"no/such/folder.ini").c_str()));
@@ -160,7 +155,7 @@ TEST_F(Ini, WorksStraightOnFiles) {
     EXPECT_TRUE(IniFile::SetDouble(L"window", L"Zoom", 1.5, path));
     EXPECT_TRUE(IniFile::SetString(L"Other", L"Name", L"x", path));
     EXPECT_TRUE(IniFile::SetSection(L"Other", std::move(IniFileSection().SetInt(L"n", 1)), path));
-    EXPECT_EQ(fileBytes(path_), "[Window]\nWidth=800\nZoom=1.5\n[Other]\nn=1\n");
+    EXPECT_EQ(readFile(path_), "[Window]\nWidth=800\nZoom=1.5\n[Other]\nn=1\n");
     EXPECT_EQ(IniFile::GetInt(L"WINDOW", L"WIDTH", 0, path), 800);
     EXPECT_EQ(IniFile::GetDouble(L"Window", L"Zoom", 0, path), 1.5);
     EXPECT_EQ(IniFile::TryGetString(L"Window", L"None", path), std::nullopt);

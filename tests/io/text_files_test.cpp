@@ -4,8 +4,6 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <iterator>
 #include <string>
 #include <vector>
 
@@ -17,10 +15,6 @@ namespace {
 
 class TextFiles : public testing::Test {
 protected:
-    std::string bytes() const {
-        std::ifstream file(std::filesystem::path(path_), std::ios::binary);
-        return {std::istreambuf_iterator<char>(file), {}};
-    }
     /// The lines of a file of these bytes, joined by "|".
     std::wstring lines(const std::string& contents, TextEncoding encoding = TextEncoding::Detect,
                        bool binary = false) {
@@ -100,7 +94,7 @@ TEST_F(TextFiles, WritesEncodings) {
         EXPECT_TRUE(stream.Open({.path = path_.c_str()}, encoding, mark));
         EXPECT_TRUE(stream.WriteString(text));
         EXPECT_TRUE(stream.Close());
-        return bytes();
+        return Support::readFile(path_);
     };
     EXPECT_EQ(written(L"a\u0416\u4E2D\U0001F600", TextEncoding::Utf8),
               "a\xD0\x96\xE4\xB8\xAD\xF0\x9F\x98\x80");
@@ -117,7 +111,7 @@ TEST_F(TextFiles, WritesEncodings) {
                           TextEncoding::Utf8, true));
     EXPECT_TRUE(more.WriteString(L"end"));
     EXPECT_TRUE(more.Close());
-    EXPECT_EQ(bytes().substr(600'000), "end");
+    EXPECT_EQ(Support::readFile(path_).substr(600'000), "end");
 }
 
 TEST_F(TextFiles, FailuresTellTheSystemsCode) {

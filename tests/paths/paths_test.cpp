@@ -10,6 +10,8 @@
 #include <gtest/gtest.h>
 
 #include <fstream>
+#include <random>
+#include <vector>
 
 using namespace Vexel;
 namespace fs = std::filesystem;
@@ -199,15 +201,59 @@ TEST(PathText, IsMadeCanonical) {
         {L"\\\\srv\\..\\a\\.", L"\\\\srv\\..\\a"},
         {L"\\\\.\\pipe\\a\\..\\b", L"\\\\.\\pipe\\b"},
         {L"\\\\?\\C:\\a\\..\\b/", L"\\\\?\\C:\\a\\..\\b/"},
+        {L"a. \\ \\con.\\..\\nul", L"a. \\ \\nul"},
+        {L"\xD800\\..\\\xDC00", L"\xDC00"},
+        {L"a/../C:\\b", L".\\C:\\b"},
     };
     for (auto const& [given, expected] : cases) {
         std::wstring text(given);
         EXPECT_EQ(CanonicalizeFileSystemPath(&text), expected) << fs::path(given);
-        EXPECT_EQ(CanonicalizeFileSystemPath(&text), expected) << "is canonical already";
         CString string = ConvertFileSystemPath(fs::path(given));
         EXPECT_EQ(CanonicalizeFileSystemPath(&string), expected.data());
     }
     EXPECT_EQ(ConvertFileSystemPath(fs::path(std::wstring(L"a\0b", 3))).GetLength(), 3);
+}
+
+// By the system's own reading, too.
+TEST(PathText, MadeCanonicalNamesTheSameEntry) {
+    std::mt19937 random(3);
+    const auto any = [&random](std::vector<const wchar_t*> of) { return of[random() % of.size()]; };
+    const auto full = [](const std::wstring& path) {
+        wchar_t text[1000];
+        const DWORD size = GetFullPathNameW(path.c_str(), 1000, text, nullptr);
+        return std::wstring(RemoveTrailingPathSeparators({text, size}));
+    };
+    for (int round = 0; round < 2000; ++round) {
+        std::wstring path = any({L"", L"\\", L"C:", L"c:/", L"\\\\srv\\share\\"});
+        for (auto elements = random() % 6 + 1; elements != 0; --elements)
+            path.append(any({L"a", L"b c", L".", L"..", L"C:x"})).append(any({L"\\", L"/", L"\\/"}));
+        path.resize(path.size() - random() % 2);
+        std::wstring canonical = path;
+        EXPECT_EQ(full(CanonicalizeFileSystemPath(&canonical)), full(path)) << fs::path(path);
+        std::wstring again = canonical;
+        EXPECT_EQ(CanonicalizeFileSystemPath(&again), canonical) << fs::path(path);
+    }
+}
+
+// What is valid is there or not for another reason than its spelling, and the system refuses what is not.
+TEST(PathText, IsValidatedAsTheSystemDoes) {
+    std::mt19937 random(4);
+    constexpr std::wstring_view characters = L"aC.: \\/*?\"<>|\x1F\x7F\xD800\xDC00\\";
+    for (int round = 0; round < 5000; ++round) {
+        std::wstring path;
+        for (auto size = random() % 7 + 1; size != 0; --size)
+            path += characters[random() % characters.size()];
+        // Names of servers and devices, and what ".." drops, fail in other ways.
+        if (path.find(L"..") != npos || path.find_first_not_of(L"\\/") > 1)
+            continue;
+        const bool found = GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES;
+        const bool refused = !found && GetLastError() == ERROR_INVALID_NAME;
+        const auto result = ValidatePath(path, PathType::FileSystem, false);
+        // Some versions of the system take colons for parts of names.
+        if (result == PathValidationResult::MisplacedColon)
+            continue;
+        EXPECT_EQ(refused, result != PathValidationResult::Valid) << round;
+    }
 }
 
 TEST(PathText, IsValidatedByItsCharacters) {
@@ -222,6 +268,7 @@ TEST(PathText, IsValidatedByItsCharacters) {
         {L"C:\\a", Valid, Valid},
         {L"\\\\?\\C:\\a", Valid, Valid},
         {L"//?/a", Valid, Valid},
+        {L"//?/", Empty, Empty},
         {L"\\\\srv\\a", Valid, Valid},
         {L":", MisplacedColon, MisplacedColon},
         {L"1:", MisplacedColon, MisplacedColon},
