@@ -80,9 +80,10 @@ std::wstring samplePath(std::wstring_view name) {
 
 TempFolder::TempFolder() {
     static std::atomic<unsigned> count{0};
-    path_ = std::filesystem::temp_directory_path() /
-            (L"vexel-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(count++));
-    std::filesystem::create_directories(path_);
+    do // A process of the same number that was killed may have left its own.
+        path_ = std::filesystem::temp_directory_path() /
+                (L"vexel-test-" + std::to_wstring(GetCurrentProcessId()) + L"-" + std::to_wstring(count++));
+    while (!std::filesystem::create_directories(path_));
 }
 
 TempFolder::~TempFolder() {
