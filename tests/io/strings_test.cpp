@@ -1,13 +1,12 @@
-#include "io/com_pointer.h"
 #include "support/compound_file.h"
+#include "support/framework_files.h"
 #include "support/recording_stream.h"
+#include "support/streams.h"
 
 #include <vexel/strings.h>
 
 #include <windows.h>
 
-#include <objbase.h>
-#include <shlwapi.h>
 #include <wrl/client.h>
 
 #include <gtest/gtest.h>
@@ -20,30 +19,25 @@
 #include <vector>
 
 using Microsoft::WRL::ComPtr;
+using Support::raised;
+using Support::systemStream;
 using namespace std::string_literals;
 using namespace std::string_view_literals;
 
 namespace {
 
-/// The system's memory stream with these bytes, at its start.
-ComPtr<IStream> systemStream(std::string_view bytes = {}) {
-    ComPtr<IStream> stream = Vexel::Detail::adopt(SHCreateMemStream(nullptr, 0));
-    EXPECT_EQ(stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr), S_OK);
-    EXPECT_EQ(stream->Seek({}, STREAM_SEEK_SET, nullptr), S_OK);
-    return stream;
-}
-
 std::string written(const std::function<void(vxio::IStreamStream&)>& write) {
     vxio::IStreamStream stream(systemStream().Get());
     write(stream);
-    std::string bytes(static_cast<std::size_t>(stream.GetLength()), '\0');
-    stream.SeekToBegin();
-    EXPECT_EQ(stream.ReadBytes(bytes.data(), bytes.size()), bytes.size());
-    return bytes;
+    return Support::bytesOf(stream.GetStream());
 }
 
-std::wstring text(const CStringW& string) {
-    return {string.GetString(), static_cast<std::size_t>(string.GetLength())};
+template <class Text>
+std::wstring wide(const Text& text) {
+    if constexpr (std::is_same_v<Text, CStringW>)
+        return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
+    else
+        return {text.begin(), text.end()};
 }
 
 template <class Text = CStringW>
@@ -52,10 +46,7 @@ std::wstring read(std::string_view bytes,
     vxio::IStreamStream stream(systemStream(bytes).Get());
     Text result(L"before");
     reader(stream, result);
-    if constexpr (std::is_same_v<Text, CStringW>)
-        return text(result);
-    else
-        return result;
+    return wide(result);
 }
 
 std::string repeated(std::size_t count) {
@@ -100,20 +91,9 @@ TEST(Strings, AreWrittenInTheirLayouts) {
         const CStringW string(L'x', length);
         const std::string bytes = written([&](auto& s) { VxwWriteCArchiveString(s, string); });
         EXPECT_EQ(bytes, header + repeated(static_cast<std::size_t>(length))) << length;
-        EXPECT_EQ(read(bytes, VxwReadCArchiveString), text(string)) << length;
+        EXPECT_EQ(read(bytes, VxwReadCArchiveString), wide(string)) << length;
 
-        // The framework's own archive reads and writes the same.
-        CMemFile file;
-        {
-            CArchive archive(&file, CArchive::store);
-            archive << string;
-            archive.Close();
-        }
-        ASSERT_EQ(file.GetLength(), bytes.size());
-        std::string stored(bytes.size(), '\0');
-        file.SeekToBegin();
-        file.Read(stored.data(), static_cast<UINT>(stored.size()));
-        EXPECT_EQ(stored, bytes) << length;
+        EXPECT_EQ(Support::stored([&](CArchive& archive) { archive << string; }), bytes) << length;
     }
 }
 
@@ -154,12 +134,12 @@ TEST(Strings, OfLayoutUAreReadFromEveryKindOfStream) {
         CFile file(path.c_str(), CFile::modeRead);
         CStringW fromFile(L"before");
         EXPECT_TRUE(VxwReadUniString(static_cast<void*>(file.m_hFile), fromFile));
-        EXPECT_EQ(text(fromFile), c.expected) << c.what;
+        EXPECT_EQ(wide(fromFile), c.expected) << c.what;
     }
     CStringW untouched(L"before");
     VxwReadUniString(static_cast<IStream*>(nullptr), untouched);
     VxwWriteUniString(static_cast<IStream*>(nullptr), untouched);
-    EXPECT_EQ(text(untouched), L"before");
+    EXPECT_EQ(wide(untouched), L"before");
 }
 
 TEST(Strings, OfTheOtherLayoutsAreRead) {
@@ -190,13 +170,9 @@ TEST(Strings, OfTheOtherLayoutsAreRead) {
     EXPECT_EQ(read("\xFF\xFE\xFF\xFF\xFE\xFFx\0y\0"s, VxwReadCArchiveString), L"xy") << "no second mark";
     for (const std::string& header :
          {"\xFF\xFF\xFF\0\0\0\x80"s, "\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\1\0\0\0\1\0\0\0"s}) {
-        try {
-            read(header, VxwReadCArchiveString);
-            ADD_FAILURE() << "a length beyond what a string holds was taken";
-        } catch (CArchiveException* failure) {
-            EXPECT_EQ(failure->m_cause, CArchiveException::genericException);
-            failure->Delete();
-        }
+        EXPECT_EQ(raised<CArchiveException>([&] { read(header, VxwReadCArchiveString); }),
+                  CArchiveException::genericException)
+            << "longer than what a string holds";
     }
 }
 
@@ -207,15 +183,8 @@ TEST(Strings, GoToFilesWhoseFailuresRaise) {
     EXPECT_TRUE(VxwWriteUniString(static_cast<void*>(file.m_hFile), CStringW(L"ab")));
     EXPECT_EQ(VxwGetFilePointer(file.m_hFile), 8U);
     CStringW string;
-    const auto raises = [](const auto& call) {
-        try {
-            call();
-            return -1L;
-        } catch (CFileException* failure) {
-            const long error = failure->m_lOsError;
-            failure->Delete();
-            return error;
-        }
+    const auto raises = [](const std::function<void()>& call) {
+        return raised(call, &CFileException::m_lOsError);
     };
     EXPECT_EQ(raises([&] { VxwReadUniString(static_cast<void*>(file.m_hFile), string); }),
               ERROR_ACCESS_DENIED);
@@ -237,7 +206,7 @@ TEST(Strings, OnFailingComStreamsGoByCountsAlone) {
     CStringW string(L"before");
     VxwReadUniString(stream.Get(), string);
     EXPECT_EQ(stream->take(), "Read 4, ") << "no count from a failed call";
-    EXPECT_EQ(text(string), L"");
+    EXPECT_EQ(wide(string), L"");
 
     vxio::IStreamStream adapter(stream.Get());
     const std::size_t tooLong = 0x100000001; // nobody looks at the characters
@@ -245,28 +214,16 @@ TEST(Strings, OnFailingComStreamsGoByCountsAlone) {
     EXPECT_EQ(stream->take(), "Write 4, Write 4294967295, Write 4294967295, ") << "cut to 0xFFFFFFFF";
 }
 
-// Serves its bytes, and remembers how much was asked of it at most.
-class ServedBytes final : public vxio::IReadStream {
+// Remembers how much was asked of it at most.
+class WatchedStream final : public vxio::IStreamStream {
 public:
-    explicit ServedBytes(std::string_view bytes) : bytes_(bytes) {}
-    unsigned long long mostAsked() const { return mostAsked_; }
+    using IStreamStream::IStreamStream;
+    unsigned long long mostAsked = 0;
 
     unsigned long long ReadBytes(void* buffer, unsigned long long count) override {
-        mostAsked_ = (std::max)(mostAsked_, count);
-        const std::string_view part = bytes_.substr(0, static_cast<std::size_t>(count));
-        part.copy(static_cast<char*>(buffer), part.size());
-        bytes_.remove_prefix(part.size());
-        return part.size();
+        mostAsked = (std::max)(mostAsked, count);
+        return IStreamStream::ReadBytes(buffer, count);
     }
-    unsigned long long SeekToEnd() override { return 0; }
-    void SeekToBegin() override {}
-    unsigned long long GetLength() override { return 0; }
-    unsigned long long Seek(SeekPosition /*origin*/, long long /*offset*/) override { return 0; }
-    unsigned long long GetPosition() const override { return 0; }
-
-private:
-    std::string_view bytes_;
-    unsigned long long mostAsked_ = 0;
 };
 
 struct Layout {
@@ -280,10 +237,7 @@ template <class Text, auto Read>
 std::wstring readAs(vxio::IReadStream& stream) {
     Text result{};
     Read(stream, result);
-    if constexpr (std::is_same_v<Text, CStringW>)
-        return text(result);
-    else
-        return {result.begin(), result.end()};
+    return wide(result);
 }
 
 template <class Text>
@@ -307,12 +261,12 @@ TEST(Strings, WhoseHeadersPromiseTooMuchAreWhatArrives) {
         for (std::size_t cut = 0; cut < 20; ++cut)
             cuts.push_back(cut);
         for (const std::size_t cut : cuts) {
-            ServedBytes stream(std::string_view(bytes).substr(0, cut));
+            WatchedStream stream(systemStream(std::string_view(bytes).substr(0, cut)).Get());
             const std::size_t arrived = cut > layout.header.size() ? cut - layout.header.size() : 0;
             const std::size_t length = (arrived + layout.characterSize - 1) / layout.characterSize;
             EXPECT_TRUE(layout.read(stream) == std::wstring(length, L'x'))
                 << layout.name << " cut at " << cut;
-            EXPECT_LE(stream.mostAsked(), 0x10000 + arrived) << "memory follows what arrives";
+            EXPECT_LE(stream.mostAsked, 0x10000 + arrived) << "memory follows what arrives";
         }
     }
 }
