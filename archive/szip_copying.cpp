@@ -3,12 +3,15 @@
 #include "archive/item_paths.h"
 #include "archive/szip_storage.h"
 #include "archive/task_memory.h"
+#include "io/com_pointer.h"
 #include "paths/status_guard.h"
 
 #include <vexel/diagnostics.h>
 
 #include <algorithm>
 #include <memory>
+#include <utility>
+#include <vector>
 
 namespace Vexel::Storage {
 
@@ -35,6 +38,10 @@ bool isListed(SNB names, const CString& name) noexcept {
     return false;
 }
 
+bool isAtOrInside(const CString& directory, const CString& path) noexcept {
+    return path == directory || isInside(StringLess::view(directory), StringLess::view(path));
+}
+
 struct FreeTaskMemory {
     void operator()(void* memory) const noexcept { CoTaskMemFree(memory); }
 };
@@ -46,75 +53,165 @@ HRESULT copyBytes(::IStream* source, ::IStream* target) {
 
 } // namespace
 
-void SZipStorage::logCopying(const wchar_t* format, const CString& name, HRESULT status) const {
-    VxLog_WriteW(VxLog_Error, format, archive_->fileName().GetString(), childPath(name).GetString(),
-                 static_cast<unsigned>(status));
+/// A copy of elements, of storages with all that is below them. Their depth comes from the file, so there is
+/// no recursion; and storages stay open until all below them is copied, as the system's want it.
+class SZipStorage::Copying {
+public:
+    /// Of the children, what to copy.
+    struct Selection {
+        bool storages = true;
+        bool streams = true;
+        SNB excluded = nullptr;
+    };
+
+    HRESULT copyTree(SZipStorage& source, IStorage* destination, const Selection& selection) {
+        return finish(enter(source, destination, selection));
+    }
+    /// Unlike copyTree, this fails when anything in a storage below has failed.
+    HRESULT copyElement(SZipStorage& parent, const CString& name, IStorage* destination, LPCOLESTR newName) {
+        if (!parent.archive_->hasDirectory(parent.childPath(name)))
+            return copyStream(parent, name, destination, newName);
+        const HRESULT status = finish(copyStorage(parent, name, destination, newName));
+        return FAILED(status) ? status : swallowed_;
+    }
+
+private:
+    struct Level {
+        ComPtr<SZipStorage> source;
+        ComPtr<IStorage> destination;
+        ComPtr<IEnumSTATSTG> children;
+        Selection selection;
+        bool isForeign; ///< the destination is no package
+    };
+
+    static void log(const wchar_t* format, const SZipStorage& storage, const CString& path, HRESULT status) {
+        VxLog_WriteW(VxLog_Error, format, storage.archive_->fileName().GetString(), path.GetString(),
+                     static_cast<unsigned>(status));
+    }
+    HRESULT finish(HRESULT status);
+    HRESULT enter(SZipStorage& source, IStorage* destination, const Selection& selection);
+    HRESULT copyChild(const STATSTG& entry);
+    HRESULT copyStorage(SZipStorage& parent, const CString& name, IStorage* destination, LPCOLESTR newName);
+    static HRESULT copyStream(SZipStorage& parent, const CString& name, IStorage* destination,
+                              LPCOLESTR newName);
+    static bool addToArchive(const SZipStorage& parent, const CString& name, IStorage* destination,
+                             LPCOLESTR newName);
+
+    std::vector<Level> levels_;
+    HRESULT swallowed_ = S_OK;
+};
+
+// Between archives contents go as they are, packed if both read from one file. Whatever stands in the way of
+// that does so for a copy of the bytes too, which says what it is; except that it replaces a stream.
+bool SZipStorage::Copying::addToArchive(const SZipStorage& parent, const CString& name, IStorage* destination,
+                                        LPCOLESTR newName) {
+    const ComPtr<SZipStorage> package = asPackage(destination);
+    if (!package || package->archive_ == parent.archive_ || package->isReadOnly())
+        return false;
+    SZipArchive& archive = *package->archive_;
+    return (package->path_.IsEmpty() || archive.hasDirectory(package->path_)) &&
+           SUCCEEDED(archive.addItem(*parent.archive_, parent.childPath(name), package->childPath(newName)));
 }
 
-HRESULT SZipStorage::copyStream(const CString& name, IStorage* destination, LPCOLESTR newName) {
+HRESULT SZipStorage::Copying::copyStream(SZipStorage& parent, const CString& name, IStorage* destination,
+                                         LPCOLESTR newName) {
+    if (addToArchive(parent, name, destination, newName))
+        return S_OK;
+    const CString path = parent.childPath(name);
     ComPtr<::IStream> source;
-    HRESULT status = OpenStream(name, nullptr, kReading, 0, &source);
+    HRESULT status = parent.OpenStream(name, nullptr, kReading, 0, &source);
     if (SUCCEEDED(status) && !source)
         status = STG_E_READFAULT; // data behind the end: the archive's way to say so
     if (FAILED(status)) {
-        logCopying(L"Failed to open stream \"%ls|%ls\" for copying: 0x%08x", name, status);
+        log(L"Failed to open stream \"%ls|%ls\" for copying: 0x%08x", parent, path, status);
         return status;
     }
     ComPtr<::IStream> target;
     status = destination->CreateStream(newName, kMaking, 0, 0, &target);
     if (FAILED(status)) {
-        logCopying(L"Failed to create destination stream for copying \"%ls|%ls\": 0x%08x", name, status);
+        log(L"Failed to create destination stream for copying \"%ls|%ls\": 0x%08x", parent, path, status);
         return status;
     }
     status = source->Seek({}, STREAM_SEEK_SET, nullptr);
     if (FAILED(status)) {
-        logCopying(L"Failed to rewind stream \"%ls|%ls\": 0x%08x", name, status);
+        log(L"Failed to rewind stream \"%ls|%ls\": 0x%08x", parent, path, status);
         return status;
     }
     status = copyBytes(source.Get(), target.Get());
     if (FAILED(status))
-        logCopying(L"Failed to copy stream \"%ls|%ls\": 0x%08x", name, status);
+        log(L"Failed to copy stream \"%ls|%ls\": 0x%08x", parent, path, status);
     return status;
 }
 
-HRESULT SZipStorage::copyStorage(const CString& name, IStorage* destination, LPCOLESTR newName) {
-    ComPtr<IStorage> source;
-    HRESULT status = OpenStorage(name, nullptr, kReading, nullptr, 0, &source);
-    if (FAILED(status)) {
-        logCopying(L"Failed to open storage \"%ls|%ls\" for copying: 0x%08x", name, status);
-        return status;
+HRESULT SZipStorage::Copying::copyStorage(SZipStorage& parent, const CString& name, IStorage* destination,
+                                          LPCOLESTR newName) {
+    const ComPtr<SZipStorage> source =
+        Detail::make<SZipStorage>(parent.childPath(name), parent.archive_, kReading);
+    if (!source->archive_->hasDirectory(source->path_)) {
+        log(L"Failed to open storage \"%ls|%ls\" for copying: 0x%08x", parent, source->path_,
+            STG_E_FILENOTFOUND);
+        return STG_E_FILENOTFOUND;
     }
     ComPtr<IStorage> target;
-    status = destination->CreateStorage(newName, kMakingStorage, 0, 0, &target);
+    HRESULT status = destination->CreateStorage(newName, kMakingStorage, 0, 0, &target);
     if (status == STG_E_FILEALREADYEXISTS) // what is in it stays, as with the system's storages
         status = destination->OpenStorage(newName, nullptr, kMakingStorage, nullptr, 0, &target);
     if (FAILED(status)) {
-        logCopying(L"Failed to create destination storage for copying \"%ls|%ls\": 0x%08x", name, status);
+        log(L"Failed to create destination storage for copying \"%ls|%ls\": 0x%08x", parent, source->path_,
+            status);
         return status;
     }
-    status = source->CopyTo(0, nullptr, nullptr, target.Get());
-    if (FAILED(status))
-        VxLog_WriteW(
-            VxLog_Minor, L"Swallowing error 0x%08x that occured during copying of storage \"%ls|%ls\"",
-            static_cast<unsigned>(status), archive_->fileName().GetString(), childPath(name).GetString());
-    return S_OK;
+    return enter(*source.Get(), target.Get(), {});
 }
 
-HRESULT SZipStorage::copyChildren(bool withStorages, bool withStreams, SNB excludedNames,
-                                  IStorage* destination) {
-    ComPtr<IEnumSTATSTG> children;
-    HRESULT status = EnumElements(0, nullptr, 0, &children);
-    const bool isForeign = !asPackage(destination);
-    for (STATSTG entry{}; SUCCEEDED(status) && children->Next(1, &entry, nullptr) == S_OK; entry = {}) {
-        const std::unique_ptr<wchar_t, FreeTaskMemory> owner(entry.pwcsName);
-        const CString name(entry.pwcsName);
-        const bool isStorage = entry.type == STGTY_STORAGE;
-        if (!(isStorage ? withStorages : withStreams) || isListed(excludedNames, name))
+HRESULT SZipStorage::Copying::enter(SZipStorage& source, IStorage* destination, const Selection& selection) {
+    const ComPtr<SZipStorage> package = asPackage(destination);
+    Level& level = levels_.emplace_back(Level{&source, destination, nullptr, selection, !package});
+    if (package && package->archive_ == source.archive_ && isAtOrInside(source.path_, package->path_))
+        return STG_E_ACCESSDENIED;
+    STATSTG info{};
+    if (const HRESULT status = source.Stat(&info, STATFLAG_NONAME); FAILED(status)) {
+        log(L"Failed to get information about storage \"%ls|%ls\": 0x%08x", source, source.path_, status);
+        return status;
+    }
+    if (info.clsid != CLSID_NULL)
+        destination->SetClass(info.clsid);
+    destination->SetStateBits(info.grfStateBits, ~DWORD{0});
+    return source.EnumElements(0, nullptr, 0, &level.children);
+}
+
+HRESULT SZipStorage::Copying::copyChild(const STATSTG& entry) {
+    const Level& level = levels_.back();
+    const CString name(entry.pwcsName);
+    const bool isStorage = entry.type == STGTY_STORAGE;
+    if (!(isStorage ? level.selection.storages : level.selection.streams) ||
+        isListed(level.selection.excluded, name))
+        return S_OK;
+    // Elsewhere the class is no stream, but what SetClass sets.
+    if (level.isForeign && !isStorage && name == CString(L".clsid"))
+        return S_OK;
+    return isStorage ? copyStorage(*level.source.Get(), name, level.destination.Get(), name)
+                     : copyStream(*level.source.Get(), name, level.destination.Get(), name);
+}
+
+/// Goes on with the copy that was begun with this status, and returns how its topmost storage has fared.
+HRESULT SZipStorage::Copying::finish(HRESULT status) {
+    while (!levels_.empty()) {
+        const Level& level = levels_.back();
+        STATSTG entry{};
+        if (SUCCEEDED(status) && level.children->Next(1, &entry, nullptr) == S_OK) {
+            const std::unique_ptr<wchar_t, FreeTaskMemory> owner(entry.pwcsName);
+            status = copyChild(entry);
             continue;
-        // Elsewhere the class is no stream, but what SetClass sets.
-        if (isForeign && !isStorage && name == CString(L".clsid"))
-            continue;
-        status = isStorage ? copyStorage(name, destination, name) : copyStream(name, destination, name);
+        }
+        if (FAILED(status) && levels_.size() > 1) {
+            VxLog_WriteW(VxLog_Minor,
+                         L"Swallowing error 0x%08x that occured during copying of storage \"%ls|%ls\"",
+                         static_cast<unsigned>(status), level.source->archive_->fileName().GetString(),
+                         level.source->path_.GetString());
+            swallowed_ = std::exchange(status, S_OK);
+        }
+        levels_.pop_back();
     }
     return status;
 }
@@ -123,32 +220,30 @@ HRESULT SZipStorage::CopyTo(DWORD excludedCount, const IID* excludedIids, SNB ex
                             IStorage* destination) noexcept {
     if (!destination)
         return STG_E_INVALIDPOINTER;
-    const auto isExcluded = [&](const IID& iid) {
-        return excludedIids &&
-               std::find(excludedIids, excludedIids + excludedCount, iid) != excludedIids + excludedCount;
+    const auto isCopied = [&](const IID& iid) {
+        return !excludedIids ||
+               std::find(excludedIids, excludedIids + excludedCount, iid) == excludedIids + excludedCount;
     };
-    return withStatus([&]() -> HRESULT {
-        const ComPtr<SZipStorage> package = asPackage(destination);
-        if (package && package->archive_ == archive_ &&
-            (package->path_ == path_ || isInside(StringLess::view(path_), StringLess::view(package->path_))))
-            return STG_E_ACCESSDENIED;
-        STATSTG info{};
-        if (const HRESULT status = Stat(&info, STATFLAG_NONAME); FAILED(status)) {
-            VxLog_WriteW(VxLog_Error, L"Failed to get information about storage \"%ls|%ls\": 0x%08x",
-                         archive_->fileName().GetString(), path_.GetString(), static_cast<unsigned>(status));
-            return status;
-        }
-        if (info.clsid != CLSID_NULL)
-            destination->SetClass(info.clsid);
-        destination->SetStateBits(info.grfStateBits, ~DWORD{0});
-        return copyChildren(!isExcluded(__uuidof(IStorage)), !isExcluded(__uuidof(::IStream)), excludedNames,
-                            destination);
+    return withStatus([&] {
+        return Copying().copyTree(
+            *this, destination, {isCopied(__uuidof(IStorage)), isCopied(__uuidof(::IStream)), excludedNames});
     });
 }
 
-HRESULT SZipStorage::copyElement(LPCOLESTR name, IStorage* destination, LPCOLESTR newName) {
-    return archive_->hasDirectory(childPath(name)) ? copyStorage(name, destination, newName)
-                                                   : copyStream(name, destination, newName);
+HRESULT SZipStorage::transfer(const CString& name, IStorage* destination, LPCOLESTR newName, bool moves) {
+    const ComPtr<SZipStorage> package = asPackage(destination);
+    if (package && package->archive_ == archive_) {
+        if (package->path_ == path_ && name == CString(newName))
+            return STG_E_ACCESSDENIED;
+        if (moves)
+            return archive_->move(childPath(name), package->childPath(newName));
+        if (isAtOrInside(childPath(name), package->path_))
+            return STG_E_ACCESSDENIED; // before a storage for it is made
+    }
+    if (moves && archive_->readOnly())
+        return STG_E_ACCESSDENIED;
+    const HRESULT status = Copying().copyElement(*this, name, destination, newName);
+    return SUCCEEDED(status) && moves ? archive_->remove(childPath(name)) : status;
 }
 
 HRESULT SZipStorage::MoveElementTo(LPCOLESTR name, IStorage* destination, LPCOLESTR newName,
@@ -161,21 +256,10 @@ HRESULT SZipStorage::MoveElementTo(LPCOLESTR name, IStorage* destination, LPCOLE
         return E_NOTIMPL;
     if (flags > STGMOVE_SHALLOWCOPY)
         return STG_E_INVALIDFLAG;
-    return withStatus([&]() -> HRESULT {
+    return withStatus([&] {
         const bool moves = flags == STGMOVE_MOVE;
-        if (moves && destination == this)
-            return archive_->move(childPath(name), childPath(newName));
-        const ComPtr<SZipStorage> package = asPackage(destination);
-        if (package && package->archive_ == archive_) {
-            if (package->path_ == path_ && CString(name) == CString(newName))
-                return STG_E_ACCESSDENIED;
-            if (moves)
-                return archive_->move(childPath(name), package->childPath(newName));
-        }
-        if (moves && archive_->readOnly())
-            return STG_E_ACCESSDENIED;
-        const HRESULT status = copyElement(name, destination, newName);
-        return SUCCEEDED(status) && moves ? archive_->remove(childPath(name)) : status;
+        return moves && destination == this ? archive_->move(childPath(name), childPath(newName))
+                                            : transfer(name, destination, newName, moves);
     });
 }
 

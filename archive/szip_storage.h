@@ -52,12 +52,13 @@ public:
     /// STG_E_FILENOTFOUND; STG_E_ACCESSDENIED as OpenStream.
     HRESULT STDMETHODCALLTYPE OpenStorage(LPCOLESTR name, IStorage* priority, DWORD mode, SNB exclude,
                                           DWORD reserved, IStorage** storage) noexcept override;
-    /// Copies all children but those excluded. What cannot be copied is logged; the failure of a storage
-    /// inside is no failure of the whole. STG_E_ACCESSDENIED: into its own subtree.
+    /// Copies all children but those excluded; what is packed in a file that both packages read stays so.
+    /// What cannot be copied is logged; the failure of a storage inside is no failure of the whole.
+    /// STG_E_ACCESSDENIED: into its own subtree.
     HRESULT STDMETHODCALLTYPE CopyTo(DWORD excludedCount, const IID* excludedIids, SNB excludedNames,
                                      IStorage* destination) noexcept override;
-    /// E_NOTIMPL for STGMOVE_SHALLOWCOPY, STG_E_INVALIDFLAG for unknown flags. STG_E_ACCESSDENIED: onto
-    /// itself.
+    /// E_NOTIMPL for STGMOVE_SHALLOWCOPY, STG_E_INVALIDFLAG for unknown flags. STG_E_ACCESSDENIED: onto or
+    /// into itself. Between packages any failure is reported, and leaves the element where it is.
     HRESULT STDMETHODCALLTYPE MoveElementTo(LPCOLESTR name, IStorage* destination, LPCOLESTR newName,
                                             DWORD flags) noexcept override;
     /// Saves the whole archive, whatever the flags; nothing when open for reading.
@@ -83,15 +84,13 @@ public:
     HRESULT STDMETHODCALLTYPE Stat(STATSTG* info, DWORD flags) noexcept override;
 
 private:
+    class Copying;
+
     ~SZipStorage() override;
     bool isReadOnly() const noexcept { return mode_ == STGM_READ; }
     HRESULT shareWithCaller(HRESULT status, ::IStream* contents, ::IStream** stream) const;
     void loadClass();
-    HRESULT copyChildren(bool withStorages, bool withStreams, SNB excludedNames, IStorage* destination);
-    HRESULT copyStorage(const CString& name, IStorage* destination, LPCOLESTR newName);
-    HRESULT copyStream(const CString& name, IStorage* destination, LPCOLESTR newName);
-    HRESULT copyElement(LPCOLESTR name, IStorage* destination, LPCOLESTR newName);
-    void logCopying(const wchar_t* format, const CString& name, HRESULT status) const;
+    HRESULT transfer(const CString& name, IStorage* destination, LPCOLESTR newName, bool moves);
 
     CString path_;
     std::shared_ptr<SZipArchive> archive_;

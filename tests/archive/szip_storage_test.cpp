@@ -222,6 +222,13 @@ const Case cases[] = {
          return s->CopyTo(0, nullptr, nullptr, inside.Get());
      },
      STG_E_ACCESSDENIED},
+    {"copy an element into itself",
+     [](IStorage* s) {
+         ComPtr<IStorage> inside;
+         EXPECT_EQ(s->OpenStorage(L"d", nullptr, writing, nullptr, 0, &inside), S_OK);
+         return s->MoveElementTo(L"d", inside.Get(), L"x", STGMOVE_COPY);
+     },
+     STG_E_ACCESSDENIED},
     {"open a stream as a storage",
      [](IStorage* s) {
          ComPtr<IStorage> storage;
@@ -244,7 +251,43 @@ TEST(SZipStorage, GivesTheStatusesItPromises) {
     ASSERT_EQ(root->CreateStorage(L"d", writing, 0, 0, &directory), S_OK);
     for (const Case& each : cases)
         EXPECT_EQ(each.run(root.Get()), each.expected) << each.name;
-    EXPECT_EQ(read(root.Get(), L"moved") + read(root.Get(), L"copied"), "11");
+    EXPECT_EQ(describe(root.Get()), "class 0 copied=1:1 d={class 0 } moved=1:1 ");
+}
+
+// Not before all of it is in the other package, and not what cannot be read.
+TEST(SZipStorage, MovesElementsToOtherPackages) {
+    const LogCapture quiet;
+    const Support::TempFolder folder;
+    const std::wstring file = folder.file(L"a.7z");
+    {
+        ComPtr<SZipStorage> root;
+        ComPtr<IStorage> outer, inner;
+        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), writing, true, root.GetAddressOf()), S_OK);
+        ASSERT_EQ(root->CreateStorage(L"outer", writing, 0, 0, &outer), S_OK);
+        ASSERT_EQ(outer->CreateStorage(L"inner", writing, 0, 0, &inner), S_OK);
+        ASSERT_EQ(write(inner.Get(), L"first", "1"), S_OK);
+        ASSERT_EQ(write(outer.Get(), L"second", "2"), S_OK);
+        ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
+    }
+    const std::string whole = Support::readFile(file);
+    for (const bool damaged : {true, false}) {
+        std::string bytes = whole;
+        bytes[35] ^= damaged; // contents, which begin with three bytes of the packer's
+        Support::writeFile(file, bytes);
+        ComPtr<SZipStorage> root;
+        const ComPtr<SZipStorage> other = inMemory();
+        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), reading, true, root.GetAddressOf()), S_OK);
+        EXPECT_EQ(root->MoveElementTo(L"outer", other.Get(), L"moved", STGMOVE_MOVE), STG_E_ACCESSDENIED);
+        root.Reset();
+        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), writing, true, root.GetAddressOf()), S_OK);
+        const std::string before = describe(root.Get());
+        const HRESULT status = root->MoveElementTo(L"outer", other.Get(), L"moved", STGMOVE_MOVE);
+        EXPECT_EQ(SUCCEEDED(status), !damaged);
+        EXPECT_EQ(describe(root.Get()), damaged ? before : "class 0 ");
+        if (!damaged) {
+            EXPECT_EQ(describe(other.Get()), "class 0 moved={" + before.substr(before.find('{') + 1));
+        }
+    }
 }
 
 TEST(SZipStorage, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
