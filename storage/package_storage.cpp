@@ -111,7 +111,14 @@ long VxNativePackage::clear() {
         return STG_E_ACCESSDENIED;
     if (const HRESULT status = open(false, rootFlag_); FAILED(status))
         return status;
-    return package()->archive()->clear(package()->path());
+    const HRESULT status = package()->archive()->clear(package()->path());
+    if (FAILED(status))
+        return status;
+    // What handles are on has gone. Left open, it would go on taking writes, and lose them.
+    const auto lock = lockTree();
+    for (const auto& [name, child] : children_)
+        child->close();
+    return status;
 }
 
 long VxNativePackage::createRoot(DWORD stgm, DWORD reserved) { return openArchive(stgm, reserved != 0); }

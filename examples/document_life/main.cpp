@@ -4,7 +4,6 @@
 //
 // FOLDER gets document.7z and copy.7z, and as state-1.7z, state-2.7z ... what document.7z was after each
 // step.
-#include <vexel/archive.h>
 #include <vexel/framework.h>
 #include <vexel/storage.h>
 
@@ -15,8 +14,6 @@
 #include <string>
 
 namespace {
-
-using Vexel::Storage::SZipArchive;
 
 constexpr int kStorages = 60;
 constexpr int kStreams = 500;
@@ -125,17 +122,14 @@ void changeThreeStreams(const StorageRef& document) {
     check(document.commit(), "save the document");
 }
 
-// An archive that borrows the packed data of another takes over items as they are, without unpacking and
-// compressing them. That is a matter of whole archives, so it is done below the handles.
-void copyPacked(const CString& from, const CString& to) {
-    const std::wstring source = from.GetString();
-    const std::wstring target = to.GetString();
-    SZipArchive document(source, true, false);
-    check(document.reload(), "read the document");
-    SZipArchive copy(target, false, false);
-    check(copy.borrowPackedData(document), "borrow packed data");
-    check(copy.addItems(document, CString()), "add the items");
-    check(copy.save(false), "save the copy");
+// A package that borrows the packed data of another takes over what is copied from there as it is, without
+// unpacking and compressing it.
+void copyPacked(const StorageRef& document, const SharedPathName& path) {
+    StorageRef copy;
+    check(copy.create(path), "create the copy");
+    expect(copy.borrowPackedData(document) == 1, "the packed data cannot be borrowed");
+    check(document.copyTo(copy), "copy the document");
+    check(copy.commit(), "save the copy");
 }
 
 // The storage stays, what was in it goes.
@@ -193,7 +187,7 @@ void live(const CString& folder) {
     document = reopen(std::move(document), RootStorageOpenMode::ReadWrite);
     changeThreeStreams(document);
     states.keep(document, "changed");
-    copyPacked(path, folder + L"\\copy.7z");
+    copyPacked(document, SharedPathName(folder + L"\\copy.7z", false, false));
     clearStorage(document);
     states.keep(document, "cleared");
     removeStorage(document);

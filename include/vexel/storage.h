@@ -36,7 +36,7 @@
 /// 6. Streams are written whole: to open a stream for writing empties it.
 /// 7. Ownership. A handle owns one reference on its node and through it keeps the root in use. Interface
 ///    pointers (`storage()`, `stream()`) are borrowed: they hold while a handle on the node does and nothing
-///    reopens the node; take a reference to keep one longer.
+///    reopens the node or clears it away; take a reference to keep one longer.
 /// 8. What is released when. Dropping a handle does not close its node. A compound file's storage is closed
 ///    when its last handle goes and none of its children is cached; with the last handle on any of its
 ///    nodes the whole root is closed, cached children included, and its file is free for others. Until then
@@ -218,7 +218,9 @@ public:
     long destroy(const SharedPathName& name);
     long destroy(const wchar_t* name);
     long destroy(const CStringW& name);
-    /// Removes every child. STG_E_INVALIDFUNCTION for a compound file.
+    /// Removes every child, those with handles too: such a handle finds nothing any more, unless an element of
+    /// its name is made again. STG_E_INVALIDFUNCTION for a compound file, STG_E_ACCESSDENIED when this storage
+    /// is open for reading.
     long clear();
     /// Copies all that is in this storage into `target`, beside what is there; streams of the same name are
     /// replaced, storages joined. The target is committed by its owner (rule 5), except that it is
@@ -226,12 +228,16 @@ public:
     ///  - by a copy of a compound file into a package, each time 64 MiB of contents have been copied, so that
     ///    no more than these and the largest stream are in memory at a time;
     ///  - when memory or file handles run out, before the copy is tried once more.
-    /// So a copy that must be whole or not at all goes into a new file.
+    /// So a copy that must be whole or not at all goes into a new file. Out of a package, a failure inside one
+    /// of the storages below is logged, and the copy goes on behind that storage.
     ///  - STG_E_INVALIDPARAMETER: a null handle, the same storage, or one that cannot be opened.
     ///  - STG_E_READFAULT: a stream holds less than it should. Other statuses of reading and writing.
     long copyTo(const StorageRef& target) const;
-    /// Lets a package take over the compressed data of another instead of compressing it again.
-    /// STG_E_INVALIDFUNCTION for a compound file; STG_E_INVALIDPARAMETER when either handle is null.
+    /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another:
+    /// what is copied from `source` by `copyTo` afterwards is not unpacked, unless it is changed or replaces
+    /// something. 1, or 0 when that is not possible. Until the next commit the file of `source` is in use.
+    /// STG_E_INVALIDFUNCTION for a compound file; STG_E_INVALIDPARAMETER when either handle is null, or the
+    /// source is no open package.
     long borrowPackedData(const StorageRef& source);
     /// Passes this storage's changes on to the storage above, a root's to its file.
     long commit() const;

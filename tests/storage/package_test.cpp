@@ -178,17 +178,206 @@ TEST(Packages, TemporaryRootsLiveInMemoryOrInAFileThatGoes) {
     }
 }
 
-TEST(Packages, PackedDataAreBorrowedFromPackagesOnly) {
-    const LogCapture quiet;
-    const Support::TempFolder folder;
-    const std::wstring file = folder.file(L"compound");
-    Support::writeCompoundFile(file, {{L"Note", "note"}});
-    StorageRef target, source, compound;
-    ASSERT_EQ(target.createTemporary(false), S_OK);
-    ASSERT_EQ(source.createTemporary(false), S_OK);
-    ASSERT_EQ(compound.open(SharedPathName(file, false, false), modeRead, false), S_OK);
-    EXPECT_EQ(target.borrowPackedData(source), 1);
-    EXPECT_EQ(target.borrowPackedData(compound), STG_E_INVALIDPARAMETER);
+/// A root of its own on a file.
+StorageRef openRoot(const std::wstring& file, RootStorageOpenMode mode) {
+    StorageRef root;
+    EXPECT_EQ(root.open(SharedPathName(file, false, false), mode, false), S_OK);
+    return root;
+}
+
+class Files : public testing::Test {
+protected:
+    ~Files() override {
+        platform() = real_;
+        container().deleteUnusedObjects();
+    }
+    static Vexel::Storage::Engine::Platform& platform() { return Vexel::Storage::Engine::platform(); }
+
+    /// A package with one stream, which nobody has open.
+    void make() {
+        StorageRef root;
+        StreamRef stream;
+        ASSERT_EQ(root.create(SharedPathName(file_, false, false)), S_OK);
+        ASSERT_EQ(write(stream, L"Note", root, "old"), S_OK);
+        ASSERT_EQ(root.commit(), S_OK);
+        stream.close();
+        root.close();
+        container().deleteUnusedObjects();
+    }
+    std::string saved() {
+        container().deleteUnusedObjects();
+        return read(L"Note", openRoot(file_, modeRead));
+    }
+
+    const Vexel::Storage::Engine::Platform real_ = platform();
+    const Support::TempFolder folder_;
+    const std::wstring file_ = folder_.file(L"p");
+    const LogCapture quiet_;
+};
+
+// Nobody here would pack it as the other program has.
+TEST_F(Files, CopiesTakeBorrowedDataOver) {
+    Support::writeCompoundFile(file_, {{L"Note", "note"}});
+    const std::wstring sample = Support::samplePath(L"plain-lzma-packed-header.7z");
+    const std::string packed = Support::readFile(sample).substr(52, 240'864); // all but the class
+    for (const bool borrow : {true, false}) {
+        const std::wstring made = folder_.file(borrow ? L"borrowed" : L"packed anew");
+        const StorageRef source = openRoot(sample, modeRead);
+        StorageRef target, deep;
+        ASSERT_EQ(target.create(SharedPathName(made, false, false)), S_OK);
+        EXPECT_EQ(target.borrowPackedData(openRoot(file_, modeRead)), STG_E_INVALIDPARAMETER);
+        EXPECT_EQ(borrow ? target.borrowPackedData(source) : 1, 1);
+        EXPECT_EQ(source.copyTo(target), S_OK);
+        EXPECT_EQ(target.commit(), S_OK);
+        EXPECT_EQ(target.borrowPackedData(source), 0) << "it has a file of its own now";
+        EXPECT_EQ(Support::readFile(made).find(packed) != std::string::npos, borrow);
+        EXPECT_EQ(children(target), children(source));
+        ASSERT_TRUE(deep.open(L"d", target, true) == S_OK && deep.open(L"e", deep, true) == S_OK);
+        EXPECT_EQ(read(L"deep", deep).size(), 5000U);
+    }
+}
+
+TEST_F(Files, KeepNamesAsTheyAreGiven) {
+    const std::wstring names[] = {L"100% %2f%", L"\x01\x1f",     L"CON",     L"nul.txt",
+                                  L"..",        L" a. ",         L"x\\y:z|", L"Case",
+                                  L"case",      L"\xd83d\xde00", L"\xd83d",  std::wstring(4000, L'n')};
+    {
+        StorageRef root, storage;
+        StreamRef stream;
+        ASSERT_EQ(root.create(SharedPathName(file_, false, false)), S_OK);
+        for (const std::wstring& name : names) {
+            ASSERT_EQ(storage.create(name.c_str(), root, false), S_OK);
+            EXPECT_EQ(write(stream, name.c_str(), storage, std::string(name.begin(), name.end())), S_OK);
+        }
+        EXPECT_EQ(write(stream, L"a/b", root, "slashed"), S_OK);
+        for (const wchar_t* const none : {L"", static_cast<const wchar_t*>(nullptr)}) {
+            EXPECT_EQ(storage.create(none, root, true), STG_E_INVALIDPARAMETER);
+            EXPECT_EQ(stream.create(none, root), STG_E_INVALIDPARAMETER);
+            EXPECT_EQ(stream.open(none, root, true), STG_E_INVALIDPARAMETER);
+            EXPECT_EQ(root.destroy(none), STG_E_INVALIDNAME);
+        }
+        EXPECT_EQ(root.commit(), S_OK);
+    }
+    container().deleteUnusedObjects();
+    const StorageRef root = openRoot(file_, modeRead);
+    const std::wstring listed = L" " + children(root);
+    for (const std::wstring& name : names) {
+        StorageRef storage;
+        ASSERT_EQ(storage.open(name.c_str(), root, true), S_OK);
+        EXPECT_EQ(read(name.c_str(), storage), std::string(name.begin(), name.end()));
+        EXPECT_EQ(children(storage), name + L" ");
+        EXPECT_NE(listed.find(L" " + name + L"/ "), std::wstring::npos);
+    }
+    EXPECT_EQ(read(L"a/b", root), "slashed");
+}
+
+TEST_F(Files, StayWholeOnAFullDisk) {
+    make();
+    const std::string before = Support::readFile(file_);
+    const StorageRef root = openRoot(file_, modeWrite);
+    StreamRef stream;
+    ASSERT_EQ(write(stream, L"Note", root, "new"), S_OK);
+    platform().writeFile = [](HANDLE, const void*, DWORD, DWORD*, OVERLAPPED*) -> BOOL {
+        SetLastError(ERROR_DISK_FULL);
+        return FALSE;
+    };
+    for (int i = 0; i < 2; ++i)
+        EXPECT_EQ(root.commit(), STG_E_MEDIUMFULL);
+    EXPECT_EQ(Support::readFile(file_), before);
+    container().deleteUnusedObjects();
+    platform() = real_;
+    EXPECT_EQ(root.commit(), S_OK);
+    EXPECT_EQ(saved(), "new");
+}
+
+TEST_F(Files, MayVanishAndComeBack) {
+    const std::wstring directory = folder_.file(L"sub");
+    const SharedPathName path(directory + L"\\p", false, false);
+    StorageRef root;
+    StreamRef stream;
+    ASSERT_EQ(root.create(path), S_OK) << "a file from its first commit on";
+    ASSERT_EQ(write(stream, L"Note", root, "new"), S_OK);
+    EXPECT_EQ(root.commit(), STG_E_PATHNOTFOUND);
+    ASSERT_TRUE(std::filesystem::create_directory(directory));
+    EXPECT_EQ(root.commit(), S_OK);
+    stream.close();
+
+    // Without the file in hand, handles find what is there by then.
+    container().clearAll();
+    ASSERT_TRUE(std::filesystem::remove_all(directory));
+    EXPECT_EQ(root.commit(), STG_E_PATHNOTFOUND);
+    EXPECT_EQ(read(L"Note", root), "none");
+    make();
+    ASSERT_TRUE(std::filesystem::create_directory(directory));
+    std::filesystem::copy_file(file_, path.asString());
+    EXPECT_EQ(read(L"Note", root), "old");
+}
+
+TEST_F(Files, AreReplacedByNobodyWhileOpen) {
+    make();
+    const std::wstring other = folder_.file(L"other");
+    std::filesystem::copy_file(file_, other);
+    const auto replaced = [&] {
+        return MoveFileExW(other.c_str(), file_.c_str(), MOVEFILE_REPLACE_EXISTING) != FALSE;
+    };
+    StreamRef stream;
+    StorageRef writer = openRoot(file_, modeWrite);
+    ASSERT_EQ(write(stream, L"Note", writer, "new"), S_OK);
+    EXPECT_FALSE(replaced());
+    {
+        const StorageRef reader = openRoot(file_, modeRead);
+        EXPECT_NE(reader, writer);
+        EXPECT_EQ(writer.commit(), STG_E_ACCESSDENIED) << "another root has the file";
+        EXPECT_EQ(read(L"Note", reader) + read(L"Note", writer), "oldnew");
+        EXPECT_EQ(reader.commit(), S_OK);
+    }
+    EXPECT_EQ(writer.commit(), STG_E_ACCESSDENIED) << "which stays open without handles";
+    container().deleteUnusedObjects();
+    EXPECT_EQ(writer.commit(), S_OK);
+    EXPECT_EQ(saved(), "new");
+    stream.close();
+    writer.close();
+    container().deleteUnusedObjects();
+
+    StorageRef reader = openRoot(file_, modeRead);
+    EXPECT_EQ(writer.open(reader.name(), modeWrite, false), HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION));
+    EXPECT_EQ(reader.clear(), STG_E_ACCESSDENIED);
+    EXPECT_EQ(reader.destroy(L"Note"), STG_E_ACCESSDENIED);
+    EXPECT_EQ(reader.commit(), S_OK);
+    reader.close();
+    EXPECT_EQ(writer.open(SharedPathName(file_, false, false), modeWrite, false), S_OK);
+    writer.close();
+    container().deleteUnusedObjects();
+    EXPECT_TRUE(replaced());
+    EXPECT_EQ(saved(), "old");
+}
+
+TEST_F(Files, LetGoOfWhatIsClearedAway) {
+    make();
+    StorageRef root = openRoot(file_, modeWrite), box;
+    StreamRef note, inner;
+    ASSERT_EQ(note.open(L"Note", root, true), S_OK);
+    ASSERT_EQ(box.create(L"Box", root, false), S_OK);
+    ASSERT_EQ(write(inner, L"Inner", box, "inner"), S_OK);
+    const Microsoft::WRL::ComPtr<IStream> kept = inner.stream();
+    box.close();
+    EXPECT_EQ(root.destroy(L"Box"), STG_E_INUSE);
+    EXPECT_EQ(box.create(L"Box", root, true), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(inner.size(), 5U) << "not replaced";
+    ASSERT_EQ(box.open(L"Box", root, false), S_OK);
+
+    EXPECT_EQ(root.clear(), S_OK);
+    EXPECT_EQ(note.size() + inner.WriteBytes("x", 1), 0U);
+    EXPECT_EQ(kept->Write("x", 1, nullptr), S_OK) << "a caller's own reference";
+    EXPECT_EQ(StreamRef().create(L"New", box), STG_E_FILENOTFOUND);
+    EXPECT_EQ(StreamRef().open(L"Note", root, true), STG_E_FILENOTFOUND);
+    EXPECT_EQ(root.commit(), S_OK);
+    EXPECT_EQ(children(root), L"");
+    EXPECT_EQ(box.create(L"Box", root, false), S_OK);
+    EXPECT_EQ(inner.size(), 0U);
+    EXPECT_EQ(write(inner, L"Inner", box, "new"), S_OK);
+    EXPECT_EQ(root.commit(), S_OK);
+    EXPECT_EQ(saved(), "none");
 }
 
 std::size_t memoryInUse() {
@@ -229,35 +418,31 @@ TEST(Packages, CleaningUpGivesMemoryBack) {
 
 // As if on another thread, a clean-up comes in the middle of reading contents and of saving, which both hold
 // locks of the archive.
-TEST(Packages, CleaningUpDoesNotWaitForABusyArchive) {
-    namespace Engine = Vexel::Storage::Engine;
-    static const Engine::Platform real = Engine::platform();
+TEST_F(Files, AreNotWaitedForByACleanUp) {
+    static const auto real = platform();
     static int cleanUps;
     cleanUps = 0;
-    const LogCapture quiet;
-    const Support::TempFolder folder;
-    StorageRef root;
-    ASSERT_EQ(root.create(SharedPathName(folder.file(L"p"), false, false)), S_OK);
+    make();
+    const StorageRef root = openRoot(file_, modeWrite);
     StreamRef stream;
     ASSERT_EQ(write(stream, L"Note", root, "note"), S_OK);
     stream.close();
-    Engine::platform().moveFile = [](const wchar_t* from, const wchar_t* to, DWORD flags) -> BOOL {
+    platform().moveFile = [](const wchar_t* from, const wchar_t* to, DWORD flags) -> BOOL {
         ++cleanUps;
         container().deleteUnusedObjects();
         return real.moveFile(from, to, flags);
     };
     EXPECT_EQ(root.commit(), S_OK);
     EXPECT_EQ(cleanUps, 1);
-    root.deleteUnusedObjects();
-    Engine::platform().readFile = [](HANDLE file, void* to, DWORD count, DWORD* done,
-                                     OVERLAPPED* overlapped) -> BOOL {
+    container().deleteUnusedObjects();
+    platform().readFile = [](HANDLE file, void* to, DWORD count, DWORD* done,
+                             OVERLAPPED* overlapped) -> BOOL {
         ++cleanUps;
         container().deleteUnusedObjects();
         return real.readFile(file, to, count, done, overlapped);
     };
     EXPECT_EQ(read(L"Note", root), "note");
     EXPECT_GT(cleanUps, 1);
-    Engine::platform() = real;
 }
 
 } // namespace
