@@ -10,7 +10,9 @@
 
 #include <gtest/gtest.h>
 
+#include <cwchar>
 #include <deque>
+#include <new>
 #include <string>
 #include <vector>
 
@@ -21,20 +23,18 @@ using Vexel::Detail::StoragePlatform;
 
 namespace {
 
-/// Answers the opening of root files in the system's place.
+/// Answers the opening of root files in the system's place, and notes each call's path, flags and the version
+/// of its options.
 class ScriptedSystem {
 public:
-    struct Call {
-        std::wstring path;
-        DWORD stgm;
-        USHORT version;
-    };
     static inline std::deque<HRESULT> answers; // S_OK when there are no more
-    static inline std::vector<Call> calls;
+    static inline std::vector<std::wstring> paths;
+    static inline std::wstring calls;
     static inline FakeCalls storages;
 
     explicit ScriptedSystem(std::deque<HRESULT> script) {
         answers = std::move(script);
+        paths.clear();
         calls.clear();
         StoragePlatform().openStorage = open;
     }
@@ -45,20 +45,15 @@ public:
         compoundOptionsVersion() = 2;
     }
 
-    /// The flags of the calls and the options' versions.
-    static std::vector<std::pair<DWORD, int>> flags() {
-        std::vector<std::pair<DWORD, int>> result;
-        for (const Call& call : calls)
-            result.emplace_back(call.stgm, call.version);
-        return result;
-    }
-
 private:
     static HRESULT WINAPI open(const wchar_t* path, DWORD stgm, DWORD format, DWORD attributes,
                                STGOPTIONS* options, void* security, REFIID, void** result) {
         EXPECT_TRUE(format == STGFMT_DOCFILE && attributes == 0 && !security && !options->pwcsTemplateFile);
         EXPECT_TRUE(options->reserved == 0 && options->ulSectorSize == 4096);
-        calls.push_back({path, stgm, options->usVersion});
+        wchar_t call[40];
+        std::swprintf(call, std::size(call), L"%lx/%u ", stgm, unsigned{options->usVersion});
+        calls += call;
+        paths.emplace_back(path);
         HRESULT status = S_OK;
         if (!answers.empty()) {
             status = answers.front();
@@ -72,65 +67,40 @@ private:
 };
 
 TEST(CompoundRoots, OpenAgainWhereThatHelps) {
-    constexpr DWORD reading = 0x210000;
-    constexpr DWORD writing = 0x110022;
-    using Flags = std::vector<std::pair<DWORD, int>>;
+    enum Mode { Reading, ReadingKeyed, WritingKeyed };
+    constexpr HRESULT held = STG_E_SHAREVIOLATION, unknown = STG_E_INVALIDPARAMETER;
     const struct {
         const char* what;
-        bool readOnly;
-        bool keyed;
+        Mode mode;
         std::deque<HRESULT> answers;
         HRESULT status;
-        Flags calls;
-        bool cleanedUp;
+        std::wstring calls; // "clean" where what nobody uses is closed
     } cases[] = {
-        {"at once", true, false, {S_OK}, S_OK, {{reading, 2}}, false},
-        {"without a scratch file",
-         false,
-         true,
-         {STG_E_ACCESSDENIED},
-         S_OK,
-         {{writing, 2}, {0x10022, 2}},
-         false},
-        {"without NOSNAPSHOT", true, false, {STG_E_LOCKVIOLATION}, S_OK, {{reading, 2}, {0x10000, 2}}, false},
-        {"held for good",
-         true,
-         false,
-         {STG_E_SHAREVIOLATION, STG_E_SHAREVIOLATION},
-         STG_E_SHAREVIOLATION,
-         {{reading, 2}, {0x10000, 2}},
-         false},
-        {"no file to copy", true, true, {STG_E_SHAREVIOLATION}, STG_E_SHAREVIOLATION, {{0x10020, 2}}, false},
-        {"older options", true, false, {STG_E_INVALIDPARAMETER}, S_OK, {{reading, 2}, {reading, 1}}, false},
-        {"no options will do",
-         true,
-         false,
-         {STG_E_INVALIDPARAMETER, STG_E_INVALIDPARAMETER},
-         STG_E_INVALIDPARAMETER,
-         {{reading, 2}, {reading, 1}},
-         false},
-        {"bad name", true, false, {STG_E_INVALIDNAME}, STG_E_INVALIDNAME, {{reading, 2}}, false},
-        {"missing", true, false, {STG_E_FILENOTFOUND}, STG_E_FILENOTFOUND, {{reading, 2}}, false},
-        {"memory", false, true, {STG_E_INSUFFICIENTMEMORY}, S_OK, {{writing, 2}, {writing, 2}}, true},
+        {"at once", Reading, {S_OK}, S_OK, L"210000/2 "},
+        {"no scratch file", WritingKeyed, {STG_E_ACCESSDENIED}, S_OK, L"110022/2 10022/2 "},
+        {"without NOSNAPSHOT", Reading, {STG_E_LOCKVIOLATION}, S_OK, L"210000/2 10000/2 "},
+        {"held for good", Reading, {held, held}, held, L"210000/2 10000/2 "},
+        {"no file to copy", ReadingKeyed, {held}, held, L"10020/2 "},
+        {"older options", Reading, {unknown}, S_OK, L"210000/2 210000/1 "},
+        {"no options will do", Reading, {unknown, unknown}, unknown, L"210000/2 210000/1 "},
+        {"bad name", Reading, {STG_E_INVALIDNAME}, STG_E_INVALIDNAME, L"210000/2 "},
+        {"missing", Reading, {STG_E_FILENOTFOUND}, STG_E_FILENOTFOUND, L"210000/2 "},
+        {"memory", WritingKeyed, {STG_E_INSUFFICIENTMEMORY}, S_OK, L"110022/2 clean 110022/2 "},
         {"all three",
-         false,
-         true,
+         WritingKeyed,
          {STG_E_ACCESSDENIED, STG_E_TOOMANYOPENFILES, STG_E_READFAULT},
          STG_E_READFAULT,
-         {{writing, 2}, {0x10022, 2}, {writing, 2}},
-         true},
+         L"110022/2 10022/2 clean 110022/2 "},
     };
-    static bool cleanedUp;
-    StorageContainer::Instance().setDeleteUnusedObjectsCallback([] { return cleanedUp = true; });
+    StorageContainer::Instance().setDeleteUnusedObjectsCallback(
+        [] { return !(ScriptedSystem::calls += L"clean ").empty(); });
     for (const auto& test : cases) {
         SCOPED_TRACE(test.what);
         const ScriptedSystem system(test.answers);
-        cleanedUp = false;
         VxCompoundStorage root(SharedPathName(L"C:\\no such folder\\file.cfb", false, false));
-        root.setKeyed(test.keyed);
-        EXPECT_EQ(root.open(test.readOnly, false), test.status);
-        EXPECT_EQ(ScriptedSystem::flags(), test.calls);
-        EXPECT_EQ(cleanedUp, test.cleanedUp);
+        root.setKeyed(test.mode != Reading);
+        EXPECT_EQ(root.open(test.mode != WritingKeyed, false), test.status);
+        EXPECT_EQ(ScriptedSystem::calls, test.calls);
         EXPECT_EQ(root.isOpen(), SUCCEEDED(test.status));
     }
     StorageContainer::Instance().setDeleteUnusedObjectsCallback(nullptr);
@@ -144,70 +114,112 @@ TEST(CompoundRoots, LowerTheOptionsForGood) {
         EXPECT_EQ(root.open(true, false), expected);
         root.close();
     }
-    EXPECT_EQ(ScriptedSystem::calls.size(), 4u);
-    EXPECT_EQ(ScriptedSystem::calls[2].version, 1);
+    EXPECT_EQ(ScriptedSystem::calls, L"210000/2 210000/1 210000/1 210000/1 ");
 }
 
-TEST(CompoundRoots, ReadACopyOfAHeldFile) {
-    const Support::TempFolder folder;
-    const std::wstring file = folder.file(L"held.xls");
-    Support::writeCompoundFile(file, {{L"Note", "note"}});
-    for (const HRESULT ofCopy : {S_OK, STG_E_READFAULT}) {
-        const ScriptedSystem system({STG_E_LOCKVIOLATION, ofCopy});
-        VxCompoundStorage root(SharedPathName(file, false, false));
-        root.setKeyed(true);
-        EXPECT_EQ(root.open(true, false), ofCopy);
-        ASSERT_EQ(ScriptedSystem::calls.size(), 2u);
-        const std::wstring copy = ScriptedSystem::calls[1].path;
-        EXPECT_TRUE(copy.find(L"\\vxsv-") != copy.npos && copy.ends_with(L".xls")) << "named after the file";
-        EXPECT_EQ(ScriptedSystem::calls[1].stgm, 0x10020u);
-        EXPECT_EQ(root.name(), SharedPathName(file, false, false));
-
-        root.close();
-        for (int i = 0; i < 3000 && GetFileAttributesW(copy.c_str()) != INVALID_FILE_ATTRIBUTES; ++i) {
+class HeldRoots : public testing::Test {
+protected:
+    ~HeldRoots() override { StoragePlatform() = saved_; }
+    /// How `root` opens the file.
+    HRESULT open(VxCompoundStorage& root, bool keyed, bool readOnly) {
+        root.setKeyed(keyed);
+        return root.open(readOnly, false);
+    }
+    /// A background thread deletes what is given up.
+    static bool isSoonGone(const std::wstring& file) {
+        for (int i = 0; i < 3000; ++i) {
+            if (GetFileAttributesW(file.c_str()) == INVALID_FILE_ATTRIBUTES)
+                return true;
             TempFileContainer::Instance().clear();
             Sleep(10);
         }
-        EXPECT_EQ(GetFileAttributesW(copy.c_str()), INVALID_FILE_ATTRIBUTES) << "given up for deletion";
+        return false;
+    }
+    void SetUp() override { Support::writeCompoundFile(file_, {{L"Box/Note", "note"}}); }
+
+    Support::TempFolder folder_;
+    std::wstring file_ = folder_.file(L"held.xls");
+    SharedPathName path_{file_, false, false};
+
+private:
+    Vexel::Detail::PlatformStorage saved_ = StoragePlatform();
+};
+
+TEST_F(HeldRoots, AreReadFromACopy) {
+    for (const HRESULT ofCopy : {S_OK, STG_E_READFAULT}) {
+        const ScriptedSystem system({STG_E_LOCKVIOLATION, ofCopy});
+        VxCompoundStorage root(path_);
+        EXPECT_EQ(open(root, true, true), ofCopy);
+        ASSERT_EQ(ScriptedSystem::calls, L"10020/2 10020/2 ");
+        const std::wstring& copy = ScriptedSystem::paths[1];
+        EXPECT_TRUE(copy.find(L"\\vxsv-") != copy.npos && copy.ends_with(L".xls")) << "named after the file";
+        EXPECT_EQ(root.name(), path_);
+        root.close();
+        EXPECT_TRUE(isSoonGone(copy));
     }
 }
 
-TEST(CompoundRoots, CopyForReadersWhoKeepWritersOutOnly) {
-    const Support::TempFolder folder;
-    const std::wstring file = folder.file(L"held.xls");
-    Support::writeCompoundFile(file, {{L"Note", "note"}});
+TEST_F(HeldRoots, AreNotCopiedForOtherReadersAndForWriters) {
     for (const auto& [keyed, readOnly] : {std::pair(false, true), std::pair(true, false)}) {
         const ScriptedSystem system({STG_E_SHAREVIOLATION});
-        VxCompoundStorage root(SharedPathName(file, false, false));
-        root.setKeyed(keyed);
-        EXPECT_EQ(root.open(readOnly, false), S_OK);
-        ASSERT_EQ(ScriptedSystem::calls.size(), 2u);
-        EXPECT_EQ(ScriptedSystem::calls[1].path, file);
+        VxCompoundStorage root(path_);
+        EXPECT_EQ(open(root, keyed, readOnly), S_OK);
+        EXPECT_EQ(ScriptedSystem::paths, std::vector(2, file_));
     }
 }
 
-TEST(CompoundRoots, RaiseNothingWhileTheyOpenACopy) {
-    const Support::TempFolder folder;
-    const SharedPathName file(folder.file(L"held.xls"), false, false);
-    Support::writeCompoundFile(file.asString(), {{L"Note", "note"}});
+TEST_F(HeldRoots, RaiseNothingWhileTheyOpenACopy) {
     static bool struck;
     struck = true;
     for (int spared = 0; struck && spared < 1000; ++spared) {
         const ScriptedSystem system({STG_E_SHAREVIOLATION});
-        VxCompoundStorage root(file);
-        root.setKeyed(true);
+        VxCompoundStorage root(path_);
         struck = false;
         AtMainAllocation(spared, [] {
             struck = true;
             throw std::bad_alloc();
         });
-        const HRESULT status = root.open(true, false);
+        const HRESULT status = open(root, true, true);
         AtMainAllocation(0, nullptr);
         EXPECT_TRUE(status == STG_E_INSUFFICIENTMEMORY || status == S_OK) << spared;
         EXPECT_EQ(root.isOpen(), status == S_OK) << spared;
-        root.close();
     }
     EXPECT_FALSE(struck);
+}
+
+// The system's own structured storage keeps others out, as it does in another process.
+TEST_F(HeldRoots, AreReadWhileAnotherWrites) {
+    static std::vector<std::wstring> opened;
+    opened.clear();
+    StoragePlatform().openStorage = [](const wchar_t* path, auto... rest) -> HRESULT {
+        opened.emplace_back(path);
+        return StgOpenStorageEx(path, rest...);
+    };
+    auto holder = Support::openCompoundFile(file_, STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_READWRITE);
+    StorageRef root;
+    EXPECT_EQ(root.open(path_, RootStorageOpenMode::ReadWrite, false),
+              HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION));
+    ASSERT_EQ(root.open(path_, RootStorageOpenMode::ReadOnlyDenyWrite, false), S_OK);
+    const std::wstring copy = opened.back();
+    EXPECT_NE(copy, file_);
+    EXPECT_EQ(root.name(), path_) << "not the copy's";
+    StorageRef box;
+    StreamRef note;
+    ASSERT_EQ(box.open(L"Box", root, true), S_OK);
+    ASSERT_EQ(note.open(L"Note", box, true), S_OK);
+    char bytes[8] = {};
+    EXPECT_EQ(note.ReadBytes(bytes, 8), 4u);
+    EXPECT_STREQ(bytes, "note");
+    StorageRef shared;
+    EXPECT_EQ(shared.open(path_, RootStorageOpenMode::ReadOnly, false), S_OK);
+    EXPECT_EQ(opened.back(), file_) << "needs no copy";
+    for (StorageRef* storage : {&box, &root, &shared})
+        storage->close();
+    note.close();
+    holder = nullptr;
+    StorageContainer::Instance().deleteUnusedObjects();
+    EXPECT_TRUE(isSoonGone(copy)) << "the copy goes with its last handle";
+    EXPECT_EQ(root.open(path_, RootStorageOpenMode::ReadWrite, false), S_OK) << "the writer is gone";
 }
 
 class CompoundNodes : public testing::Test {
@@ -315,10 +327,10 @@ TEST_F(CompoundNodes, ReplaceOnlyWhenAsked) {
     EXPECT_EQ(root_.openChildStorage(box, false, true, nullptr)->commit(), S_OK);
     EXPECT_EQ(root_.commit(), S_OK);
     root_.close();
-    std::vector<std::wstring> paths;
+    std::wstring paths;
     for (const Support::Element& element : Support::readCompoundFile(file_))
-        paths.push_back(element.path);
-    EXPECT_EQ(paths, (std::vector<std::wstring>{L"Box/", L"Note", L"Empty"}));
+        paths += element.path + L" ";
+    EXPECT_EQ(paths, L"Box/ Note Empty ");
 }
 
 } // namespace
