@@ -35,9 +35,9 @@ void change(SZipArchive& archive, unsigned index, const unsigned char* bytes, st
     require(stream->Write(bytes, static_cast<ULONG>(size), nullptr));
 }
 
-/// Saves an archive with these items after their contents have changed. The old file has a second name meanwhile:
-/// giving its place on the disk back takes the system longer than a copy does, and the peers' files are removed
-/// outside the time that is measured, too.
+/// Saves an archive with these items after their contents have changed. The old file has a second name
+/// meanwhile: giving its place on the disk back takes the system longer than a copy does, and the peers'
+/// files are removed outside the time that is measured, too.
 void save(benchmark::State& state, const wchar_t* path, unsigned first, unsigned count,
           const std::vector<unsigned char>& bytes, std::size_t size) {
     const ScratchFile old(L"old.7z");
