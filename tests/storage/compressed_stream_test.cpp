@@ -1,7 +1,9 @@
 // Gzip streams, made and judged by zlib.
 
 #include "support/compound_file.h"
+#include "support/framework_files.h"
 #include "support/log_capture.h"
+#include "support/streams.h"
 
 #include <vexel/compressed_stream.h>
 #include <vexel/memory_streams.h>
@@ -10,12 +12,12 @@
 #include <zlib.h>
 
 #include <algorithm>
-#include <fstream>
-#include <iterator>
+#include <functional>
 #include <random>
 #include <string>
 
-using Microsoft::WRL::ComPtr;
+using Support::bytesOf;
+using Support::streamOf;
 using Vexel::Storage::InMemoryIStream;
 using Origin = vxio::IStream::SeekPosition;
 
@@ -23,31 +25,31 @@ namespace {
 
 const std::string plainHeader("\x1F\x8B\x08\0\0\0\0\0\0\xFF", 10);
 
+/// The output of zlib's `step` for the whole input.
+std::string converted(z_stream& state, int (*step)(z_stream*, int), int flush, const std::string& input) {
+    std::string result((1 << 20) + input.size() * 2, '\0');
+    state.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(input.data()));
+    state.avail_in = static_cast<uInt>(input.size());
+    state.next_out = reinterpret_cast<Bytef*>(result.data());
+    state.avail_out = static_cast<uInt>(result.size());
+    step(&state, flush);
+    result.resize(state.total_out);
+    return result;
+}
+
 std::string gzip(const std::string& text, int level = 6) {
     z_stream state{};
     EXPECT_EQ(deflateInit2(&state, level, Z_DEFLATED, 15 + 16, 8, Z_DEFAULT_STRATEGY), Z_OK);
-    std::string result(deflateBound(&state, static_cast<uLong>(text.size())), '\0');
-    state.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(text.data()));
-    state.avail_in = static_cast<uInt>(text.size());
-    state.next_out = reinterpret_cast<Bytef*>(result.data());
-    state.avail_out = static_cast<uInt>(result.size());
-    EXPECT_EQ(deflate(&state, Z_FINISH), Z_STREAM_END);
-    result.resize(state.total_out);
-    deflateEnd(&state);
+    const std::string result = converted(state, deflate, Z_FINISH, text);
+    EXPECT_EQ(deflateEnd(&state), Z_OK) << "not finished";
     return result;
 }
 
 /// What zlib makes of the bytes behind a plain header, as far as they go.
 std::string inflated(const std::string& bytes) {
     z_stream state{};
-    inflateInit2(&state, -15);
-    std::string result(1 << 20, '\0');
-    state.next_in = reinterpret_cast<Bytef*>(const_cast<char*>(bytes.data()));
-    state.avail_in = static_cast<uInt>(bytes.size());
-    state.next_out = reinterpret_cast<Bytef*>(result.data());
-    state.avail_out = static_cast<uInt>(result.size());
-    inflate(&state, Z_SYNC_FLUSH);
-    result.resize(state.total_out);
+    EXPECT_EQ(inflateInit2(&state, -15), Z_OK);
+    const std::string result = converted(state, inflate, Z_SYNC_FLUSH, bytes);
     inflateEnd(&state);
     return result;
 }
@@ -60,22 +62,10 @@ std::string sampleText(std::size_t size) {
     return text;
 }
 
-ComPtr<InMemoryIStream> streamOf(const std::string& bytes) {
-    ComPtr<InMemoryIStream> stream;
-    *stream.GetAddressOf() = new InMemoryIStream;
-    EXPECT_EQ(stream->write(bytes.data(), bytes.size()), bytes.size());
-    stream->rewind();
-    return stream;
-}
-
-std::string bytesOf(InMemoryIStream& stream) {
-    return {reinterpret_cast<const char*>(stream.data(0)), static_cast<std::size_t>(stream.size())};
-}
-
 std::string decompressed(const std::string& source, HRESULT expected = S_OK) {
     const auto target = streamOf("");
     EXPECT_EQ(DecompressStream(streamOf(source).Get(), target.Get()), expected);
-    return target->size() ? bytesOf(*target.Get()) : std::string();
+    return bytesOf(target.Get());
 }
 
 std::string readAll(COleStreamCompressFile& file, std::size_t part) {
@@ -87,23 +77,9 @@ std::string readAll(COleStreamCompressFile& file, std::size_t part) {
     return text;
 }
 
-/// The cause of the file exception that `body` throws; -1 for none.
-template <class Body>
-int causeOf(Body body) {
-    try {
-        body();
-        return -1;
-    } catch (CFileException* failure) {
-        const int cause = failure->m_cause;
-        failure->Delete();
-        return cause;
-    }
-}
+int causeOf(const std::function<void()>& action) { return Support::raised<CFileException>(action); }
 
-std::string sampleFile(const wchar_t* name) {
-    std::ifstream file(std::filesystem::path(Support::samplePath(name)), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
+std::string sampleFile(const wchar_t* name) { return Support::readFile(Support::samplePath(name)); }
 
 TEST(CompressedStream, InflatesWhatZlibDeflated) {
     for (const std::size_t size : {0u, 1u, 4096u, 16384u, 16385u, 65536u * 3 + 7, 1u << 20}) {
@@ -130,44 +106,44 @@ TEST(CompressedStream, TellsHeadersApart) {
         bytes[3] = static_cast<char>(flags);
         return bytes;
     };
-    const std::string refusedName = "Failed to skip a null-terminated string";
+    const std::string accepted, name = "Failed to skip a null-terminated string";
+    const std::string method = "Failed to read gzip compression method or the method is invalid";
+    const std::string flags = "Failed to read gzip compression flags or some of the reserved flags are set";
+    const std::string extra = "Failed to read length of extra gzip data";
     const struct {
         const char* name;
         std::string source;
-        bool accepted;
         std::string message;
     } cases[] = {
-        {"one reserved flag", header(0x20, "") + body, true, ""},
-        {"two reserved flags", header(0x60, "") + body, true, ""},
-        {"all reserved flags", header(0xE0, "") + body, false,
-         "Failed to read gzip compression flags or some of the reserved flags are set"},
-        {"text flag", header(0x01, "") + body, true, ""},
-        {"another method", "\x1F\x8B\x07" + plainHeader.substr(3) + body, false,
-         "Failed to read gzip compression method or the method is invalid"},
-        {"no method", "\x1F\x8B", false, "Failed to read gzip compression method or the method is invalid"},
-        {"no flags", "\x1F\x8B\x08", false,
-         "Failed to read gzip compression flags or some of the reserved flags are set"},
-        {"an extra field", header(0x04, std::string("\3\0abc", 5)) + body, true, ""},
-        {"no length of the extra field", header(0x04, "\3"), false,
-         "Failed to read length of extra gzip data"},
-        {"header checksum of 4 bytes", header(0x02, "1234") + body, true, ""},
-        {"a name", header(0x08, std::string("n\0", 2)) + body, false, refusedName},
-        {"a name without end", header(0x08, "name"), false, refusedName},
-        {"a comment", header(0x10, std::string("c\0", 2)) + body, false, refusedName},
-        {"nothing behind", plainHeader, false, ""},
+        {"one reserved flag", header(0x20, "") + body, accepted},
+        {"two reserved flags", header(0x60, "") + body, accepted},
+        {"all reserved flags", header(0xE0, "") + body, flags},
+        {"text flag", header(0x01, "") + body, accepted},
+        {"another method", "\x1F\x8B\x07" + plainHeader.substr(3) + body, method},
+        {"no method", "\x1F\x8B", method},
+        {"no flags", "\x1F\x8B\x08", flags},
+        {"an extra field", header(0x04, std::string("\3\0abc", 5)) + body, accepted},
+        {"no length of the extra field", header(0x04, "\3"), extra},
+        {"header checksum of 4 bytes", header(0x02, "1234") + body, accepted},
+        {"a name", header(0x08, std::string("n\0", 2)) + body, name},
+        {"a name without end", header(0x08, "name"), name},
+        {"a comment", header(0x10, std::string("c\0", 2)) + body, name},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);
         LogCapture log;
         COleStreamCompressFile file(true);
-        EXPECT_EQ(file.OpenStream(streamOf(test.source).Get()), test.accepted);
-        if (test.accepted) {
+        const bool opens = test.message.empty();
+        EXPECT_EQ(file.OpenStream(streamOf(test.source).Get()), opens);
+        if (opens) {
             EXPECT_EQ(readAll(file, 100), "text");
         }
-        EXPECT_EQ(decompressed(test.source), test.accepted ? "text" : test.source);
+        EXPECT_EQ(decompressed(test.source), opens ? "text" : test.source);
         const std::wstring message(test.message.begin(), test.message.end());
-        EXPECT_EQ(log.count(VxLog_Error, message), test.message.empty() ? 0 : 2);
+        EXPECT_EQ(log.count(VxLog_Error, message), opens ? 0 : 2);
     }
+    COleStreamCompressFile file(true);
+    EXPECT_FALSE(file.OpenStream(streamOf(plainHeader).Get())) << "nothing behind the header";
 }
 
 TEST(CompressedStream, ReadsTheSamplesOfGzip) {
@@ -183,10 +159,8 @@ TEST(CompressedStream, ReadsTheSamplesOfGzip) {
 TEST(CompressedStream, GivesWhatZlibGivesOfDamagedStreams) {
     const std::string text = sampleText(300);
     const std::string whole = gzip(text);
-    const auto expected = [](const std::string& bytes) {
-        return bytes.size() > 10 ? inflated(bytes.substr(10)) : bytes;
-    };
-    const auto check = [&](const std::string& bytes, const std::string& wanted) {
+    const auto check = [](const std::string& bytes) {
+        const std::string wanted = bytes.size() > 10 ? inflated(bytes.substr(10)) : bytes;
         EXPECT_EQ(decompressed(bytes), wanted);
         COleStreamCompressFile file(true);
         if (file.OpenStream(streamOf(bytes).Get()) && bytes.size() > 10) {
@@ -195,14 +169,14 @@ TEST(CompressedStream, GivesWhatZlibGivesOfDamagedStreams) {
     };
     for (std::size_t size = 0; size < whole.size(); ++size) {
         SCOPED_TRACE(testing::Message() << "cut to " << size);
-        check(whole.substr(0, size), expected(whole.substr(0, size)));
+        check(whole.substr(0, size));
     }
     for (std::size_t at = 10; at < whole.size(); ++at) {
         for (const int mask : {0x01, 0x80, 0xFF}) {
             SCOPED_TRACE(testing::Message() << "byte " << at << " changed by " << mask);
             std::string bytes = whole;
             bytes[at] = static_cast<char>(bytes[at] ^ mask);
-            check(bytes, expected(bytes));
+            check(bytes);
         }
     }
 }
@@ -257,12 +231,12 @@ TEST(CompressedStream, DecompressesFromWhereTheStreamsStand) {
     source->seek(4, InMemoryIStream::Begin);
     target->seek(5, InMemoryIStream::Begin);
     EXPECT_EQ(DecompressStream(source.Get(), target.Get()), S_OK);
-    EXPECT_EQ(bytesOf(*target.Get()), "kept innerut");
+    EXPECT_EQ(bytesOf(target.Get()), "kept innerut");
 
     source->seek(5, InMemoryIStream::Begin);
     target->seek(5, InMemoryIStream::Begin);
     EXPECT_EQ(DecompressStream(source.Get(), target.Get()), S_OK);
-    EXPECT_EQ(bytesOf(*target.Get()), "kept " + gzip("inner").substr(1));
+    EXPECT_EQ(bytesOf(target.Get()), "kept " + gzip("inner").substr(1));
     EXPECT_EQ(DecompressStream(nullptr, target.Get()), STG_E_INVALIDPOINTER);
     EXPECT_EQ(DecompressStream(source.Get(), nullptr), STG_E_INVALIDPOINTER);
 }
@@ -273,8 +247,7 @@ TEST(CompressedStream, ReportsAWriteThatFails) {
     buffer.data = memory;
     buffer.capacity = sizeof memory;
     buffer.ownsMemory = false;
-    ComPtr<InMemoryIStream> full;
-    *full.GetAddressOf() = new InMemoryIStream(std::move(buffer));
+    const auto full = Vexel::Detail::adopt(new InMemoryIStream(std::move(buffer)));
     EXPECT_TRUE(FAILED(DecompressStream(streamOf(gzip(sampleText(1000))).Get(), full.Get())));
 }
 
