@@ -46,13 +46,17 @@ void collect(const StorageRef& storage, const std::wstring& prefix, std::vector<
     }
 }
 
+std::vector<Element> sorted(std::vector<Element> elements) {
+    std::sort(elements.begin(), elements.end(),
+              [](const Element& a, const Element& b) { return a.path < b.path; });
+    return elements;
+}
+
 /// All elements, in the order of their paths; what holds a package's class is none.
 std::vector<Element> contents(const StorageRef& storage) {
     std::vector<Element> elements;
     collect(storage, L"", elements);
-    std::sort(elements.begin(), elements.end(),
-              [](const Element& a, const Element& b) { return a.path < b.path; });
-    return elements;
+    return sorted(std::move(elements));
 }
 
 CLSID classOf(const StorageRef& storage) {
@@ -63,7 +67,8 @@ CLSID classOf(const StorageRef& storage) {
 
 class Copying : public testing::Test {
 protected:
-    void TearDown() override { StorageContainer::Instance().deleteUnusedObjects(); }
+    void TearDown() override { closeUnused(); }
+    static void closeUnused() { StorageContainer::Instance().deleteUnusedObjects(); }
     SharedPathName path(std::wstring_view name) const { return {folder_.file(name), false, false}; }
     StorageRef open(std::wstring_view name, RootStorageOpenMode mode = RootStorageOpenMode::ReadOnly) const {
         StorageRef root;
@@ -80,6 +85,23 @@ protected:
         return root;
     }
 
+    static void copy(const StorageRef& source, const StorageRef& target) {
+        EXPECT_EQ(source.copyTo(target), S_OK);
+    }
+    /// Commits what is in the target and closes all.
+    static void copyAndClose(const StorageRef& source, StorageRef target) {
+        copy(source, target);
+        EXPECT_EQ(target.commit(), S_OK);
+        target.close();
+        closeUnused();
+    }
+    /// The elements of a compound file with these when the source is copied into it.
+    std::vector<Element> intoCompound(const StorageRef& source, const std::vector<Element>& elements) const {
+        Support::writeCompoundFile(folder_.file(L"target"), elements);
+        copyAndClose(source, open(L"target", RootStorageOpenMode::ReadWrite));
+        return sorted(Support::readCompoundFile(folder_.file(L"target")));
+    }
+
     Support::TempFolder folder_;
     LogCapture log_;
 };
@@ -92,12 +114,6 @@ const std::vector<Element> document{{L"A name of thirty-one characters", "31"},
                                     {L"Box/Empty", ""},
                                     {L"\1CompObj", "comp"}};
 
-std::vector<Element> sorted(std::vector<Element> elements) {
-    std::sort(elements.begin(), elements.end(),
-              [](const Element& a, const Element& b) { return a.path < b.path; });
-    return elements;
-}
-
 // With "\1Ole" the system copies, without the library does.
 TEST_F(Copying, MakesPackagesOfCompoundFiles) {
     for (const bool foreign : {false, true}) {
@@ -106,25 +122,17 @@ TEST_F(Copying, MakesPackagesOfCompoundFiles) {
         if (foreign)
             elements.push_back({L"\1Ole", "ole"});
         {
+            constexpr DWORD mode = STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
             Support::writeCompoundFile(folder_.file(L"compound"), elements);
-            const auto root = Support::openCompoundFile(
-                folder_.file(L"compound"), STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE);
+            const auto root = Support::openCompoundFile(folder_.file(L"compound"), mode);
             Microsoft::WRL::ComPtr<IStorage> box;
-            ASSERT_EQ(root->OpenStorage(L"Box", nullptr,
-                                        STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE, nullptr, 0,
-                                        &box),
-                      S_OK);
-            ASSERT_EQ(root->SetClass(someClass), S_OK);
-            ASSERT_EQ(box->SetClass(someClass), S_OK);
-            ASSERT_EQ(box->Commit(STGC_DEFAULT), S_OK);
-            ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
+            ASSERT_EQ(root->OpenStorage(L"Box", nullptr, mode, nullptr, 0, &box), S_OK);
+            for (IStorage* storage : {box.Get(), root.Get()}) {
+                ASSERT_EQ(storage->SetClass(someClass), S_OK);
+                ASSERT_EQ(storage->Commit(STGC_DEFAULT), S_OK);
+            }
         }
-        {
-            const StorageRef target = package();
-            EXPECT_EQ(open(L"compound").copyTo(target), S_OK);
-            EXPECT_EQ(target.commit(), S_OK);
-        }
-        StorageContainer::Instance().deleteUnusedObjects();
+        copyAndClose(open(L"compound"), package());
         const StorageRef result = open(L"package");
         EXPECT_EQ(result.format(), StorageFormat::Package);
         EXPECT_TRUE(contents(result) == sorted(elements));
@@ -141,42 +149,31 @@ TEST_F(Copying, GoesBetweenAnyTwoFormats) {
     const std::vector<Element> elements{
         {L"Box/", {}}, {L"Box/Note", "note"}, {L"Long", std::string(9000, 'x')}};
     const StorageRef first = package(L"first");
-    EXPECT_EQ(compound(elements).copyTo(first), S_OK);
+    copy(compound(elements), first);
     const StorageRef second = package(L"second");
-    EXPECT_EQ(first.copyTo(second), S_OK);
+    copy(first, second);
     EXPECT_TRUE(contents(second) == elements);
-    {
-        Support::writeCompoundFile(folder_.file(L"back"), {{L"Kept", "kept"}});
-        const StorageRef back = open(L"back", RootStorageOpenMode::ReadWrite);
-        EXPECT_EQ(second.copyTo(back), S_OK);
-        EXPECT_EQ(back.commit(), S_OK);
-    }
     auto expected = elements;
     expected.push_back({L"Kept", "kept"});
-    EXPECT_TRUE(sorted(Support::readCompoundFile(folder_.file(L"back"))) == sorted(expected));
+    EXPECT_TRUE(intoCompound(second, {{L"Kept", "kept"}}) == sorted(expected));
 }
 
 TEST_F(Copying, JoinsStoragesAndReplacesStreams) {
+    const std::vector<Element> before{{L"Box/Kept", "kept"}, {L"Note", "old"}};
     const std::vector<Element> expected{
         {L"Box/", {}}, {L"Box/Kept", "kept"}, {L"Box/New", "new"}, {L"Note", "n"}};
     const StorageRef target = package();
-    EXPECT_EQ(compound({{L"Box/Kept", "kept"}, {L"Note", "old"}}).copyTo(target), S_OK);
-    StorageContainer::Instance().deleteUnusedObjects();
+    copy(compound(before), target);
+    closeUnused();
     const StorageRef more = package(L"more");
-    EXPECT_EQ(compound({{L"Box/New", "new"}, {L"Note", "n"}}).copyTo(more), S_OK);
-    const StorageRef fromPackage = package(L"joined");
-    EXPECT_EQ(target.copyTo(fromPackage), S_OK);
-    EXPECT_EQ(more.copyTo(fromPackage), S_OK);
-    EXPECT_TRUE(contents(fromPackage) == expected);
-    EXPECT_EQ(open(L"compound").copyTo(target), S_OK);
+    copy(compound({{L"Box/New", "new"}, {L"Note", "n"}}), more);
+    const StorageRef fromPackages = package(L"joined");
+    copy(target, fromPackages);
+    copy(more, fromPackages);
+    EXPECT_TRUE(contents(fromPackages) == expected);
+    copy(open(L"compound"), target);
     EXPECT_TRUE(contents(target) == expected);
-    {
-        Support::writeCompoundFile(folder_.file(L"system"), {{L"Box/Kept", "kept"}, {L"Note", "old"}});
-        const StorageRef system = open(L"system", RootStorageOpenMode::ReadWrite);
-        EXPECT_EQ(more.copyTo(system), S_OK);
-        EXPECT_EQ(system.commit(), S_OK);
-    }
-    EXPECT_TRUE(sorted(Support::readCompoundFile(folder_.file(L"system"))) == expected);
+    EXPECT_TRUE(intoCompound(more, before) == expected);
 }
 
 TEST_F(Copying, RefusesHandlesItCannotUse) {
@@ -187,12 +184,7 @@ TEST_F(Copying, RefusesHandlesItCannotUse) {
 }
 
 TEST_F(Copying, ConvertingInPlaceIsForPackages) {
-    {
-        const StorageRef target = package();
-        EXPECT_EQ(compound(document).copyTo(target), S_OK);
-        EXPECT_EQ(target.commit(), S_OK);
-    }
-    StorageContainer::Instance().deleteUnusedObjects();
+    copyAndClose(compound(document), package());
     StorageRef root;
     EXPECT_EQ(root.convert(path(L"compound"), RootStorageOpenMode::ReadWrite), STG_E_INVALIDFUNCTION);
     EXPECT_TRUE(root.null());
@@ -209,7 +201,7 @@ TEST_F(Copying, IntoAStorageOpenForReadingFails) {
         EXPECT_EQ(box.create(L"Box", target, false), S_OK);
         EXPECT_EQ(target.commit(), S_OK);
     }
-    StorageContainer::Instance().deleteUnusedObjects();
+    closeUnused();
     const StorageRef root = compound({{L"Box/Deep/\1Ole", ""}, {L"Box/Deep/Note", "note"}});
     StorageRef box, deep, target;
     ASSERT_EQ(box.open(L"Box", root, true), S_OK);
@@ -225,14 +217,14 @@ TEST_F(Copying, IntoAStorageOpenForReadingFails) {
 TEST_F(Copying, CommitsOnTheWay) {
     const std::vector<Element> elements{{L"A", std::string(64u << 20, 'a')}, {L"B", "b"}};
     const StorageRef target = package();
-    EXPECT_EQ(compound(elements).copyTo(target), S_OK);
+    copy(compound(elements), target);
     StorageRef first;
     ASSERT_EQ(first.open(path(L"package"), RootStorageOpenMode::ReadOnlyDenyWrite, false), S_OK);
     EXPECT_EQ(contents(first).size(), 1u);
     first.close();
-    StorageContainer::Instance().deleteUnusedObjects();
+    closeUnused();
     EXPECT_EQ(target.commit(), S_OK);
-    StorageContainer::Instance().deleteUnusedObjects();
+    closeUnused();
     EXPECT_TRUE(contents(target) == elements);
 }
 
@@ -248,7 +240,7 @@ protected:
         StorageContainer::Instance().setDeleteUnusedObjectsCallback(nullptr);
         source_.close();
         target_.close();
-        StorageContainer::Instance().deleteUnusedObjects(); // the fakes, before what they write to
+        closeUnused(); // the fakes, before what they write to
     }
 
     Support::FakeCalls calls_, targetCalls_;
@@ -258,6 +250,7 @@ protected:
 TEST_F(CopyingOfFakes, IsTriedOnceMoreWhereThatHelps) {
     StorageContainer::Instance().setDeleteUnusedObjectsCallback([] { return true; });
     const std::wstring once = L"CopyTo\n", twice = L"CopyTo\nCopyTo\n", commit = L"Commit storage 0x2\n";
+    constexpr HRESULT memory = HRESULT_FROM_WIN32(8), files = STG_E_TOOMANYOPENFILES;
     const struct {
         const char* name;
         std::map<size_t, HRESULT> copies, commits;
@@ -266,19 +259,9 @@ TEST_F(CopyingOfFakes, IsTriedOnceMoreWhereThatHelps) {
     } cases[] = {
         {"success", {}, {}, once, L"", S_OK},
         {"memory once", {{0, E_OUTOFMEMORY}}, {}, once, L"", E_OUTOFMEMORY},
-        {"memory of any facility", {{0, HRESULT_FROM_WIN32(8)}}, {}, twice, commit, S_OK},
-        {"files twice",
-         {{0, STG_E_TOOMANYOPENFILES}, {1, HRESULT_FROM_WIN32(8)}},
-         {},
-         twice,
-         commit,
-         STG_E_INSUFFICIENTMEMORY},
-        {"files, and no commit",
-         {{0, STG_E_TOOMANYOPENFILES}},
-         {{0, STG_E_MEDIUMFULL}},
-         once,
-         commit,
-         STG_E_TOOMANYOPENFILES},
+        {"memory of any facility", {{0, memory}}, {}, twice, commit, S_OK},
+        {"files twice", {{0, files}, {1, memory}}, {}, twice, commit, STG_E_INSUFFICIENTMEMORY},
+        {"files, and no commit", {{0, files}}, {{0, STG_E_MEDIUMFULL}}, once, commit, files},
         {"shared, but a root", {{0, STG_E_SHAREVIOLATION}}, {}, once, L"", STG_E_SHAREVIOLATION},
         {"another", {{0, STG_E_READFAULT}}, {}, once, L"", STG_E_READFAULT},
     };
