@@ -5,9 +5,11 @@
 //   items
 //                                       in DIR after each save
 //   archive_tool loop FILE              saves two states in turn until it is stopped, telling each time
+//   archive_tool properties FILE        gives a document of either format three property sets
 
 #include <vexel/archive.h>
 #include <vexel/diagnostics.h>
+#include <vexel/properties.h>
 
 #include <windows.h>
 
@@ -325,11 +327,38 @@ private:
     }
 }
 
+void writeProperties(const std::wstring& file) {
+    using Vexel::PropertyVariant;
+    BYTE image[]{1, 2, 3, 4, 5};
+    CLIPDATA clip{4 + sizeof image, CF_DIB, image};
+    PROPVARIANT thumbnail{};
+    thumbnail.vt = VT_CF;
+    thumbnail.pclipdata = &clip;
+    Vexel::Properties summary;
+    summary[PIDSI_TITLE] = PropertyVariant(L"\u0427\u0435\u0440\u0442\u0451\u0436 \U0001F4D0");
+    summary[PIDSI_AUTHOR] = PropertyVariant(L"");
+    summary[PIDSI_LASTSAVE_DTM] = PropertyVariant(FILETIME{0x9E2E8000, 0x01DA3C4D});
+    summary[PIDSI_PAGECOUNT] = PropertyVariant(-7);
+    summary[PIDSI_THUMBNAIL] = PropertyVariant(thumbnail);
+    Vexel::Properties documentSummary;
+    documentSummary[PIDDSI_SCALE] = PropertyVariant(true);
+    Vexel::Properties user;
+    user[PID_FIRST_USABLE] = PropertyVariant(2.5);
+    StorageRef document;
+    expect(document.open({file, false, false}, RootStorageOpenMode::ReadWrite, false), S_OK, "open");
+    expect(WriteProperties(document, FMTID_SummaryInformation, summary), S_OK, "summary");
+    expect(WriteProperties(document, FMTID_UserDefinedProperties, user), S_OK, "user");
+    expect(WriteProperties(document, FMTID_DocSummaryInformation, documentSummary), S_OK, "document");
+    expect(document.commit(), S_OK, "commit");
+}
+
 int run(const std::vector<std::wstring>& arguments) {
     if (arguments.size() == 3 && arguments[1] == L"dump")
         dump(arguments[2]);
     else if (arguments.size() == 3 && arguments[1] == L"loop")
         loop(arguments[2]);
+    else if (arguments.size() == 3 && arguments[1] == L"properties")
+        writeProperties(arguments[2]);
     else if (arguments.size() == 5 && arguments[1] == L"walk")
         Walk(arguments[2], static_cast<unsigned>(std::stoul(arguments[3])))
             .run(static_cast<unsigned>(std::stoul(arguments[4])));

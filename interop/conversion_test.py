@@ -4,6 +4,7 @@ import gzip
 import json
 import os
 import random
+import re
 import signal
 import subprocess
 import time
@@ -42,6 +43,24 @@ class Conversion(CommandTest):
             self.assertEqual(summary, {
                 "author": wanted.author.decode(), "editor": wanted.last_saved_by.decode(),
                 "saved": wanted.last_saved_time.isoformat() + "Z", "program": wanted.creating_application.decode()})
+
+    def test_properties_that_are_written_are_read_by_olefile_and_gsf(self):
+        document, package = self.sample("foreign-tree.cfb"), self.directory / "package.7z"
+        self.succeed("convert", document, package)
+        for path in document, package:
+            subprocess.run([ROOT / "scripts" / "wine", BUILD / "bin" / "archive_tool.exe", "properties", f"Z:{path}"],
+                           check=True, timeout=120)
+            summary = json.loads(self.succeed("info", "--json", path))["summary"]
+            self.assertEqual(summary, {"title": "Чертёж 📐", "saved": "2024-01-01T00:58:22.4846848Z"})
+        with olefile.OleFileIO(str(document)) as ole:
+            title, thumbnail = map(ole.getproperties("\5SummaryInformation").get, (2, 17))
+            streams = {name: ole.openstream(name).read() for name in ("\5SummaryInformation", "\5DocumentSummaryInformation")}
+        self.assertEqual((title, thumbnail), ("Чертёж 📐\0", b"\x08\0\0\0\1\2\3\4\5"))
+        read = subprocess.run(["gsf", "props", document, "gsf:page-count", "dc:date", "gsf:scale"], capture_output=True,
+                              check=True, text=True).stdout
+        self.assertEqual(re.findall("= (.*)", read), ["-7", "2024-01-01T00:58:22Z", "TRUE"])
+        unpacked = package_snapshot(package, self.directory / "unpacked")
+        self.assertEqual({name: unpacked["%05" + name[1:]] for name in streams}, streams)
 
     def test_an_empty_document_gives_an_empty_package(self):
         package = self.directory / "empty.7z"

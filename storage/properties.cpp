@@ -1,30 +1,27 @@
-#include "io/com_pointer.h"
 #include "paths/status_guard.h"
 #include "storage/element_name.h"
-#include "storage/property_set_check.h"
+#include "storage/property_set.h"
 
 #include <vexel/diagnostics.h>
-#include <vexel/memory_streams.h>
 #include <vexel/properties.h>
 
 #include <windows.h>
 
 #include <objbase.h>
-#include <wrl/client.h>
 
+#include <algorithm>
 #include <array>
 #include <vector>
 
 namespace Vexel {
 
+using Detail::PropertySet;
 using Detail::withStatus;
-using Microsoft::WRL::ComPtr;
-using Vexel::Storage::InMemoryIStream;
 
 namespace {
 
-// No set of a document comes near it.
-constexpr unsigned long long largestSet = 64ULL << 20;
+// No stream of a document comes near it.
+constexpr unsigned long long largestStream = 64ULL << 20;
 
 SharedPathName streamOf(REFFMTID format) {
     std::array<wchar_t, CCH_MAX_PROPSTG_NAME + 1> name{};
@@ -32,81 +29,68 @@ SharedPathName streamOf(REFFMTID format) {
     return Detail::elementName(name.data());
 }
 
-/// The stream's bytes on their own: the system keeps writing to the stream it is given.
-HRESULT load(StreamRef& stream, ComPtr<InMemoryIStream>& bytes) {
+/// The sets of the stream that has the one asked for, if it is there.
+HRESULT load(const StorageRef& storage, REFFMTID format, std::vector<PropertySet>& sets) {
+    StreamRef stream;
+    if (const HRESULT status = stream.open(streamOf(format), storage, true); FAILED(status))
+        return status;
     const auto size = stream.size();
-    if (size > largestSet)
+    if (size > largestStream)
         return STG_E_INVALIDHEADER;
-    bytes = Detail::make<InMemoryIStream>();
-    std::vector<unsigned char> buffer(static_cast<std::size_t>(size));
-    if (stream.ReadBytes(buffer.data(), size) != size)
+    std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
+    if (stream.ReadBytes(bytes.data(), size) != size)
         return STG_E_READFAULT;
-    if (!Detail::makeSound(buffer))
+    auto split = Detail::splitPropertySets(bytes);
+    if (!split)
         return STG_E_INVALIDHEADER;
-    if (bytes->write(buffer.data(), size) != size)
-        return STG_E_INSUFFICIENTMEMORY;
-    bytes->rewind();
+    sets = std::move(*split);
     return S_OK;
 }
 
-HRESULT readAll(IPropertyStorage* set, Properties& properties) {
-    ComPtr<IEnumSTATPROPSTG> list;
-    HRESULT status = set->Enum(&list);
-    if (FAILED(status))
-        return status;
-    STATPROPSTG entry{};
-    while ((status = list->Next(1, &entry, nullptr)) == S_OK) {
-        CoTaskMemFree(entry.lpwstrName);
-        PROPSPEC which{};
-        which.ulKind = PRSPEC_PROPID;
-        which.propid = entry.propid;
-        PropertyVariant value;
-        if (const HRESULT read = set->ReadMultiple(1, &which, value.put()); FAILED(read))
-            return read;
-        properties[entry.propid] = std::move(value);
-        entry = {};
-    }
-    return FAILED(status) ? status : S_OK;
+auto find(std::vector<PropertySet>& sets, REFFMTID format) {
+    return std::ranges::find_if(sets, [&](const PropertySet& set) { return set.format == format; });
 }
 
-HRESULT writeAll(IPropertyStorage* set, const Properties& properties) {
-    constexpr VARTYPE severalValues = VT_VECTOR | VT_ARRAY | VT_BYREF;
-    for (const auto& [id, value] : properties) {
-        if (value.type() & severalValues)
-            return STG_E_INVALIDPARAMETER; // some versions of the system end the process instead
-        PROPSPEC which{};
-        which.ulKind = PRSPEC_PROPID;
-        which.propid = id;
-        if (const HRESULT status = set->WriteMultiple(1, &which, &value.get(), PID_FIRST_USABLE);
-            FAILED(status))
-            return status;
+HRESULT read(const StorageRef& storage, REFFMTID format, Properties& properties) {
+    std::vector<PropertySet> sets;
+    if (const HRESULT status = load(storage, format, sets); FAILED(status))
+        return status;
+    const auto set = find(sets, format);
+    if (set == sets.end())
+        return STG_E_FILENOTFOUND;
+    return Detail::decodeProperties(set->section, properties) ? S_OK : STG_E_INVALIDHEADER;
+}
+
+/// Puts the section in, beside the set that it may share the stream with.
+void put(std::vector<PropertySet>& sets, REFFMTID format, std::vector<unsigned char>&& section) {
+    if (const auto set = find(sets, format); set != sets.end()) {
+        set->section = std::move(section);
+        return;
     }
-    return set->Commit(STGC_DEFAULT);
+    // The set of the user's own properties is always a stream's second one.
+    const bool isSecond = format == FMTID_UserDefinedProperties;
+    const FMTID& other = isSecond ? FMTID_DocSummaryInformation : FMTID_UserDefinedProperties;
+    std::erase_if(sets, [&](const PropertySet& set) { return set.format != other; });
+    if (isSecond && sets.empty())
+        Detail::encodeProperties({}, sets.emplace_back(PropertySet{other, {}}).section);
+    sets.insert(isSecond ? sets.end() : sets.begin(), {format, std::move(section)});
 }
 
 } // namespace
 
 long ReadProperties(const StorageRef& storage, REFFMTID format, Properties& properties) {
     properties.clear();
+    if (storage.null())
+        return STG_E_INVALIDPARAMETER;
     return withStatus([&]() -> HRESULT {
-        StreamRef stream;
-        HRESULT status = stream.open(streamOf(format), storage, true);
-        if (FAILED(status))
-            return status;
-        ComPtr<InMemoryIStream> bytes;
-        status = load(stream, bytes);
-        ComPtr<IPropertyStorage> set;
+        Properties found;
+        const HRESULT status = read(storage, format, found);
         if (SUCCEEDED(status))
-            status =
-                StgOpenPropStg(static_cast<::IStream*>(bytes.Get()), format, PROPSETFLAG_DEFAULT, 0, &set);
-        Properties read;
-        if (SUCCEEDED(status))
-            status = readAll(set.Get(), read);
-        if (SUCCEEDED(status))
-            properties.swap(read);
-        else
+            properties.swap(found);
+        else if (status != STG_E_FILENOTFOUND)
             VxLog_WriteW(VxLog_Minor, L"Failed to read the properties \"%ls|%ls\": 0x%08x",
-                         storage.name().asString(), stream.name().asString(), static_cast<unsigned>(status));
+                         storage.name().asString(), streamOf(format).asString(),
+                         static_cast<unsigned>(status));
         return status;
     });
 }
@@ -115,21 +99,20 @@ long WriteProperties(const StorageRef& storage, REFFMTID format, const Propertie
     if (storage.null())
         return STG_E_INVALIDPARAMETER;
     return withStatus([&]() -> HRESULT {
-        const auto bytes = Detail::make<InMemoryIStream>();
-        {
-            ComPtr<IPropertyStorage> set;
-            HRESULT status = StgCreatePropStg(static_cast<::IStream*>(bytes.Get()), format, nullptr,
-                                              PROPSETFLAG_DEFAULT, 0, &set);
-            if (SUCCEEDED(status))
-                status = writeAll(set.Get(), properties);
-            if (FAILED(status))
-                return status;
-        }
+        std::vector<unsigned char> section;
+        if (!Detail::encodeProperties(properties, section))
+            return STG_E_INVALIDPARAMETER;
+        std::vector<PropertySet> sets;
+        HRESULT status = load(storage, format, sets);
+        if (FAILED(status) && status != STG_E_FILENOTFOUND && status != STG_E_INVALIDHEADER)
+            return status;
+        put(sets, format, std::move(section));
+        const auto bytes = Detail::joinPropertySets(sets);
         StreamRef stream;
-        const HRESULT status = stream.create(streamOf(format), storage);
+        status = stream.create(streamOf(format), storage);
         if (FAILED(status))
             return status;
-        return stream.WriteBytes(bytes->data(0), bytes->size()) == bytes->size() ? S_OK : STG_E_WRITEFAULT;
+        return stream.WriteBytes(bytes.data(), bytes.size()) == bytes.size() ? S_OK : STG_E_WRITEFAULT;
     });
 }
 

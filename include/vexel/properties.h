@@ -1,8 +1,7 @@
 #pragma once
 
 /// Property sets: the title, author, dates and so on that documents carry beside their contents, as the
-/// system's property storage (MS-OLEPS) keeps them in a stream of a storage. They are read and written by
-/// the system, in documents of both formats.
+/// system's property storage (MS-OLEPS) keeps them in a stream of a storage; in documents of both formats.
 ///
 /// Threads: a value belongs to one thread at a time; for storages the rules of storage.h hold.
 
@@ -65,15 +64,20 @@ private:
 using Properties = std::map<PROPID, PropertyVariant>;
 
 /// Reads all properties of a set, such as FMTID_SummaryInformation. `properties` is empty on failure.
-/// Vectors, arrays and empty strings come as VT_EMPTY: not every version of the system survives them.
+/// Strings come as VT_LPWSTR, whatever their code page; vectors, arrays and other types that WriteProperties
+/// does not write as VT_EMPTY. The code page and the names of properties are not among them.
 ///  - STG_E_FILENOTFOUND: the storage has no such set. STG_E_INVALIDPARAMETER: a null handle.
 ///  - STG_E_INVALIDHEADER: what has the set's name is none. Statuses of opening and reading it.
 VEXEL_API long ReadProperties(const StorageRef& storage, REFFMTID format, Properties& properties);
 
-/// Replaces the set by these properties. On failure the storage keeps the set that it had, unless it is the
-/// storage itself that fails. The storage is not committed.
-///  - STG_E_INVALIDPARAMETER: a null handle, or a type that is not written: vectors, arrays, references, and
-///    what the system does not know. Statuses of StreamRef::create and of writing.
+/// Replaces the set by these properties; strings become VT_LPWSTR. The user's own properties
+/// (FMTID_UserDefinedProperties) and the document summary, which share a stream, leave each other alone. On
+/// failure the storage keeps the set that it had, unless it is the storage itself that fails. The storage is
+/// not committed.
+///  - STG_E_INVALIDPARAMETER: a null handle, a number below PID_FIRST_USABLE or above 0x7FFFFFFF, or a type
+///    that is not written. Written are integers, VT_R4, VT_R8, VT_CY, VT_DATE, VT_FILETIME, VT_BOOL,
+///    VT_ERROR, strings, VT_CLSID, VT_BLOB, VT_BLOB_OBJECT, VT_CF, VT_EMPTY and VT_NULL.
+///  - Statuses of opening and reading the old set, of StreamRef::create and of writing.
 VEXEL_API long WriteProperties(const StorageRef& storage, REFFMTID format, const Properties& properties);
 
 } // namespace Vexel

@@ -1,4 +1,4 @@
-// Property sets of documents, by the system.
+// Property sets of documents, held against the system's.
 
 #include "support/compound_file.h"
 #include "support/log_capture.h"
@@ -38,23 +38,79 @@ TEST(PropertySets, OfARealDocumentAreRead) {
               STG_E_INVALIDPARAMETER);
 }
 
+std::string describe(const PropertyVariant& value) {
+    const PROPVARIANT& raw = value.get();
+    const auto bytes = [](const void* data, std::size_t size) {
+        return std::string(static_cast<const char*>(data), size);
+    };
+    if (const auto text = value.asString())
+        return bytes(text->GetString(), static_cast<std::size_t>(text->GetLength()) * 2);
+    switch (raw.vt) {
+    case VT_BLOB:
+        return "blob " + bytes(raw.blob.pBlobData, raw.blob.cbSize);
+    case VT_CF:
+        return "clip " + bytes(&raw.pclipdata->ulClipFmt, 4) +
+               bytes(raw.pclipdata->pClipData, raw.pclipdata->cbSize - 4);
+    case VT_CLSID:
+        return "class " + bytes(raw.puuid, sizeof(CLSID));
+    case VT_I2:
+    case VT_BOOL:
+        return std::to_string(raw.vt) + " " + std::to_string(raw.iVal);
+    default:
+        return std::to_string(raw.vt) + " " + std::to_string(raw.hVal.QuadPart);
+    }
+}
+
+/// One of each kind.
+Properties someProperties() {
+    Properties properties;
+    properties[title] = PropertyVariant(L"\u0427\u0435\u0440\u0442\u0451\u0436");
+    properties[author] = PropertyVariant(L"");
+    properties[savedTime] = PropertyVariant(FILETIME{1000, 30'000'000});
+    properties[pages] = PropertyVariant(-7);
+    properties[100] = PropertyVariant(2.5);
+    properties[101] = PropertyVariant(true);
+    char narrow[] = "narrow";
+    auto* const data = reinterpret_cast<BYTE*>(narrow);
+    CLSID id = FMTID_SummaryInformation;
+    CLIPDATA clip{10, -1, data};
+    const auto add = [&](VARTYPE type, auto PROPVARIANT::*member, auto value) {
+        PROPVARIANT raw{};
+        raw.vt = type;
+        raw.*member = value;
+        properties[200 + type] = PropertyVariant(raw);
+    };
+    add(VT_LPSTR, &PROPVARIANT::pszVal, static_cast<char*>(narrow));
+    add(VT_CLSID, &PROPVARIANT::puuid, &id);
+    add(VT_BLOB, &PROPVARIANT::blob, BLOB{5, data});
+    add(VT_CF, &PROPVARIANT::pclipdata, &clip);
+    add(VT_I2, &PROPVARIANT::iVal, SHORT{-2});
+    return properties;
+}
+
 TEST(PropertySets, ComeBackAsTheyWereWritten) {
     const Support::TempFolder folder;
+    const Properties written = someProperties();
     for (const bool package : {true, false}) {
         SCOPED_TRACE(package ? "package" : "compound file");
         const std::wstring file = folder.file(package ? L"package" : L"compound");
         if (!package)
             Support::writeCompoundFile(file, {{L"Note", "note"}});
-        Properties written;
-        written[title] = PropertyVariant(L"\u0427\u0435\u0440\u0442\u0451\u0436");
-        written[author] = PropertyVariant(L"me");
-        written[savedTime] = PropertyVariant(FILETIME{1000, 30'000'000});
-        written[pages] = PropertyVariant(-7);
         {
             StorageRef document;
             ASSERT_EQ(package ? document.create({file, false, false})
                               : document.open({file, false, false}, RootStorageOpenMode::ReadWrite, false),
                       S_OK);
+            Properties refused;
+            for (const VARTYPE type : {VARTYPE{VT_VECTOR | VT_I4}, VARTYPE{VT_STREAM}, VARTYPE{VT_CLSID}}) {
+                refused[title].put()->vt = type; // with nothing in it
+                EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, refused),
+                          STG_E_INVALIDPARAMETER);
+                refused.clear();
+            }
+            refused[PID_CODEPAGE] = PropertyVariant(1);
+            EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, refused),
+                      STG_E_INVALIDPARAMETER);
             ASSERT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, written), S_OK);
             ASSERT_EQ(document.commit(), S_OK);
         }
@@ -63,19 +119,57 @@ TEST(PropertySets, ComeBackAsTheyWereWritten) {
         ASSERT_EQ(document.open({file, false, false}, RootStorageOpenMode::ReadOnly, false), S_OK);
         Properties read;
         ASSERT_EQ(Vexel::ReadProperties(document, FMTID_SummaryInformation, read), S_OK);
-        EXPECT_STREQ(read[title].asString().value_or(L"none"), L"\u0427\u0435\u0440\u0442\u0451\u0436");
-        EXPECT_STREQ(read[author].asString().value_or(L"none"), L"me");
-        EXPECT_EQ(read[pages].asInteger(), -7);
-        EXPECT_EQ(read[savedTime].asTime().value_or(FILETIME{}).dwHighDateTime, 30'000'000u);
-        EXPECT_EQ(Vexel::ReadProperties(document, FMTID_DocSummaryInformation, read), STG_E_FILENOTFOUND);
-        for (const VARTYPE type : {VARTYPE{VT_VECTOR | VT_I4}, VARTYPE{VT_STREAM}}) {
-            written[title] = PropertyVariant();
-            written[title].put()->vt = type; // with nothing in it
-            EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, written),
-                      STG_E_INVALIDPARAMETER);
-        }
-        EXPECT_TRUE(read.empty());
+        ASSERT_EQ(read.size(), written.size());
+        for (const auto& [id, value] : written)
+            EXPECT_EQ(describe(read[id]), describe(value)) << id;
     }
+}
+
+TEST(PropertySets, AreThoseOfTheSystem) {
+    constexpr DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+    const Support::TempFolder folder;
+    const std::wstring file = folder.file(L"compound");
+    Support::writeCompoundFile(file, {{L"Note", "note"}});
+    Properties ours = someProperties();
+    ours.erase(200 + VT_CF); // some versions of the system give these a layout of their own
+    {
+        StorageRef document;
+        ASSERT_EQ(document.open({file, false, false}, RootStorageOpenMode::ReadWrite, false), S_OK);
+        ASSERT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, ours), S_OK);
+        ASSERT_EQ(document.commit(), S_OK);
+    }
+    StorageContainer::Instance().deleteUnusedObjects();
+    for (auto [id, value] : ours) {
+        const auto storage = Support::openCompoundFile(file, mode);
+        ASSERT_TRUE(storage);
+        Microsoft::WRL::ComPtr<IPropertySetStorage> sets;
+        Microsoft::WRL::ComPtr<IPropertyStorage> set;
+        ASSERT_EQ(storage.As(&sets), S_OK);
+        ASSERT_EQ(sets->Open(FMTID_SummaryInformation, mode, &set), S_OK);
+        PROPSPEC which{PRSPEC_PROPID, {id}};
+        PropertyVariant read;
+        EXPECT_EQ(set->ReadMultiple(1, &which, read.put()), S_OK);
+        EXPECT_EQ(describe(read), describe(value)) << id;
+    }
+}
+
+// The user's own properties stand behind the document's summary.
+TEST(PropertySets, ShareAStream) {
+    StorageRef document;
+    ASSERT_EQ(document.createTemporary(false), S_OK);
+    const std::pair<const FMTID*, int> writes[]{{&FMTID_UserDefinedProperties, 1},
+                                                {&FMTID_DocSummaryInformation, 2},
+                                                {&FMTID_UserDefinedProperties, 3}};
+    Properties properties;
+    EXPECT_EQ(Vexel::ReadProperties(document, FMTID_UserDefinedProperties, properties), STG_E_FILENOTFOUND);
+    for (const auto& [format, value] : writes) {
+        properties[pages] = PropertyVariant(value);
+        EXPECT_EQ(Vexel::WriteProperties(document, *format, properties), S_OK);
+        EXPECT_EQ(Vexel::ReadProperties(document, *format, properties), S_OK);
+        EXPECT_EQ(properties[pages].asInteger(), value);
+    }
+    EXPECT_EQ(Vexel::ReadProperties(document, FMTID_DocSummaryInformation, properties), S_OK);
+    EXPECT_EQ(properties[pages].asInteger(), 2);
 }
 
 // Whatever is in the stream: a status, in bounded time.
@@ -86,16 +180,20 @@ TEST(PropertySets, DamagedOnesAreRefusedOrRead) {
         Support::readElement(Support::samplePath(L"namesdemo.xls"), L"\5SummaryInformation");
     StorageRef document;
     ASSERT_EQ(document.createTemporary(false), S_OK);
+    Properties properties;
     const auto read = [&](const std::string& bytes) {
         {
             StreamRef stream;
             EXPECT_EQ(stream.create(L"\5SummaryInformation", document), S_OK);
             EXPECT_EQ(stream.WriteBytes(bytes.data(), bytes.size()), bytes.size());
         }
-        Properties properties;
         return Vexel::ReadProperties(document, FMTID_SummaryInformation, properties);
     };
-    ASSERT_EQ(read(sample), S_OK);
+    std::string cyrillic = sample;
+    cyrillic[cyrillic.find("\xE4\x04")] = '\xE3'; // code page 1251
+    cyrillic.replace(cyrillic.find("John"), 4, "\xC8\xE2\xE0\xED");
+    ASSERT_EQ(read(cyrillic), S_OK);
+    EXPECT_STREQ(properties[author].asString().value_or(L"none"), L"\u0418\u0432\u0430\u043D Machin");
     int refused = 0;
     for (std::size_t size = 0; size < 200; ++size)
         refused += FAILED(read(sample.substr(0, size)));
