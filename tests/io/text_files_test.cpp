@@ -72,7 +72,10 @@ TEST_F(TextFiles, EncodingsAreFound) {
         // A line feed's bytes across two characters end no line.
         {"no end across units", raw("\xFF\xFE\n\x0A\0\x0A\x41\0", 8), TextEncoding::Utf16LE,
          L"\u0A0A\u0A00A|"},
-        {"beyond Unicode", raw("\xFF\xFE\0\0\0\0\x11\0", 8), TextEncoding::Utf32LE, L"\uFFFD|"},
+        {"no characters", raw("\xFF\xFE\0\0\0\0\x11\0\0\xD8\0\0", 12), TextEncoding::Utf32LE,
+         L"\uFFFD\uFFFD|"},
+        {"zeros", raw("\0\0\0\0", 4), TextEncoding::Utf8, L"||||"},
+        {"some zeros", raw("a\0b\0cdef", 8), TextEncoding::Utf8, L"a|b|cdef|"},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.name);

@@ -9,6 +9,7 @@
 
 #include <string>
 
+using Microsoft::WRL::ComPtr;
 using Vexel::Properties;
 using Vexel::PropertyVariant;
 
@@ -88,6 +89,18 @@ Properties someProperties() {
     return properties;
 }
 
+PropertyVariant readBySystem(const std::wstring& file, PROPID id) {
+    constexpr DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+    ComPtr<IPropertySetStorage> sets;
+    ComPtr<IPropertyStorage> set;
+    EXPECT_EQ(Support::openCompoundFile(file, mode).As(&sets), S_OK);
+    EXPECT_EQ(sets->Open(FMTID_SummaryInformation, mode, &set), S_OK);
+    const PROPSPEC which{PRSPEC_PROPID, {id}};
+    PropertyVariant read;
+    EXPECT_EQ(set->ReadMultiple(1, &which, read.put()), S_OK);
+    return read;
+}
+
 TEST(PropertySets, ComeBackAsTheyWereWritten) {
     const Support::TempFolder folder;
     const Properties written = someProperties();
@@ -101,16 +114,13 @@ TEST(PropertySets, ComeBackAsTheyWereWritten) {
             ASSERT_EQ(package ? document.create({file, false, false})
                               : document.open({file, false, false}, RootStorageOpenMode::ReadWrite, false),
                       S_OK);
-            Properties refused;
-            for (const VARTYPE type : {VARTYPE{VT_VECTOR | VT_I4}, VARTYPE{VT_STREAM}, VARTYPE{VT_CLSID}}) {
-                refused[title].put()->vt = type; // with nothing in it
+            for (const int type : {VT_VECTOR | VT_I4, int{VT_STREAM}, int{VT_CLSID}, int{VT_I4}}) {
+                Properties refused;
+                refused[type == VT_I4 ? PID_CODEPAGE : title].put()->vt =
+                    static_cast<VARTYPE>(type); // with nothing in it
                 EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, refused),
                           STG_E_INVALIDPARAMETER);
-                refused.clear();
             }
-            refused[PID_CODEPAGE] = PropertyVariant(1);
-            EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, refused),
-                      STG_E_INVALIDPARAMETER);
             ASSERT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, written), S_OK);
             ASSERT_EQ(document.commit(), S_OK);
         }
@@ -122,34 +132,13 @@ TEST(PropertySets, ComeBackAsTheyWereWritten) {
         ASSERT_EQ(read.size(), written.size());
         for (const auto& [id, value] : written)
             EXPECT_EQ(describe(read[id]), describe(value)) << id;
-    }
-}
-
-TEST(PropertySets, AreThoseOfTheSystem) {
-    constexpr DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
-    const Support::TempFolder folder;
-    const std::wstring file = folder.file(L"compound");
-    Support::writeCompoundFile(file, {{L"Note", "note"}});
-    Properties ours = someProperties();
-    ours.erase(200 + VT_CF); // some versions of the system give these a layout of their own
-    {
-        StorageRef document;
-        ASSERT_EQ(document.open({file, false, false}, RootStorageOpenMode::ReadWrite, false), S_OK);
-        ASSERT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, ours), S_OK);
-        ASSERT_EQ(document.commit(), S_OK);
-    }
-    StorageContainer::Instance().deleteUnusedObjects();
-    for (auto [id, value] : ours) {
-        const auto storage = Support::openCompoundFile(file, mode);
-        ASSERT_TRUE(storage);
-        Microsoft::WRL::ComPtr<IPropertySetStorage> sets;
-        Microsoft::WRL::ComPtr<IPropertyStorage> set;
-        ASSERT_EQ(storage.As(&sets), S_OK);
-        ASSERT_EQ(sets->Open(FMTID_SummaryInformation, mode, &set), S_OK);
-        PROPSPEC which{PRSPEC_PROPID, {id}};
-        PropertyVariant read;
-        EXPECT_EQ(set->ReadMultiple(1, &which, read.put()), S_OK);
-        EXPECT_EQ(describe(read), describe(value)) << id;
+        if (package)
+            continue;
+        document = {}; // Some versions of the system give clipboard data a layout of their own.
+        StorageContainer::Instance().deleteUnusedObjects();
+        for (const auto& [id, value] : written)
+            EXPECT_EQ(describe(value.type() == VT_CF ? value : readBySystem(file, id)), describe(value))
+                << id;
     }
 }
 
