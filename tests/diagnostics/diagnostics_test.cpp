@@ -2,8 +2,6 @@
 
 #include <vexel/diagnostics.h>
 
-#include <windows.h>
-
 #include <gmock/gmock.h>
 #include <gtest/gtest.h>
 

@@ -7,7 +7,6 @@
 
 #include <algorithm>
 #include <cstdlib>
-#include <functional>
 #include <random>
 #include <string>
 #include <vector>

@@ -2,16 +2,10 @@
 // there). Every difference is wanted, or a fault of theirs, and has a name; a name that no script shows
 // fails, too.
 
-#include "io/com_pointer.h"
 #include "support/compound_file.h"
+#include "support/streams.h"
 
 #include <vexel/memory_streams.h>
-
-#include <windows.h>
-
-#include <objbase.h>
-#include <shlwapi.h>
-#include <wrl/client.h>
 
 #include <gtest/gtest.h>
 
@@ -28,8 +22,6 @@
 #include <vector>
 
 using Microsoft::WRL::ComPtr;
-using Vexel::Detail::adopt;
-using Vexel::Storage::InMemoryIStream;
 
 namespace {
 
@@ -171,7 +163,7 @@ void PrintTo(const Peer& peer, std::ostream* out) { *out << peer.name; }
 const Peer peers[] = {
     {"SHCreateMemStream",
      [](Pool& pool, const Support::TempFolder&) {
-         pool.streams = {adopt(SHCreateMemStream(nullptr, 0)), adopt(SHCreateMemStream(nullptr, 0))};
+         pool.streams = {Support::systemStream(), Support::systemStream()};
      },
      [](const Case&) { return true; },
      {{"clones", [](const Case& c) { return c.is(Kind::Clone) && c.statuses(S_OK, E_NOTIMPL); }},
@@ -217,8 +209,7 @@ class Script {
 public:
     Script(const Peer& peer, unsigned seed, std::map<std::string, int>& shown)
         : peer_(peer), random_(seed), shown_(shown) {
-        for (int i = 0; i < 2; ++i)
-            ours_.streams.push_back(adopt<::IStream>(new InMemoryIStream()));
+        ours_.streams = {Support::streamOf(""), Support::streamOf("")};
         peer.fill(theirs_, folder_);
     }
 

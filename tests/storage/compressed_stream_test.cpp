@@ -6,13 +6,11 @@
 #include "support/streams.h"
 
 #include <vexel/compressed_stream.h>
-#include <vexel/memory_streams.h>
 
 #include <gtest/gtest.h>
 #include <zlib.h>
 
 #include <algorithm>
-#include <functional>
 #include <random>
 #include <string>
 

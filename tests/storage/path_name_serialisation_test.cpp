@@ -6,14 +6,9 @@
 #include <vexel/storage.h>
 #include <vexel/strings.h>
 
-#include <windows.h>
-
-#include <wrl/client.h>
-
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
 #include <string>
 #include <string_view>
 #include <vector>

@@ -162,18 +162,18 @@ TEST_F(Copying, JoinsStoragesAndReplacesStreams) {
     const std::vector<Element> before{{L"Box/Kept", "kept"}, {L"Note", "old"}};
     const std::vector<Element> expected{
         {L"Box/", {}}, {L"Box/Kept", "kept"}, {L"Box/New", "new"}, {L"Note", "n"}};
-    const StorageRef target = package();
-    copy(compound(before), target);
+    const StorageRef earlier = package();
+    copy(compound(before), earlier);
     closeUnused();
-    const StorageRef more = package(L"more");
-    copy(compound({{L"Box/New", "new"}, {L"Note", "n"}}), more);
+    const StorageRef later = package(L"more");
+    copy(compound({{L"Box/New", "new"}, {L"Note", "n"}}), later);
     const StorageRef fromPackages = package(L"joined");
-    copy(target, fromPackages);
-    copy(more, fromPackages);
+    copy(earlier, fromPackages);
+    copy(later, fromPackages);
     EXPECT_TRUE(contents(fromPackages) == expected);
-    copy(open(L"compound"), target);
-    EXPECT_TRUE(contents(target) == expected);
-    EXPECT_TRUE(intoCompound(more, before) == expected);
+    copy(open(L"compound"), earlier);
+    EXPECT_TRUE(contents(earlier) == expected);
+    EXPECT_TRUE(intoCompound(later, before) == expected);
 }
 
 TEST_F(Copying, RefusesHandlesItCannotUse) {

@@ -4,7 +4,6 @@
 #include "support/log_capture.h"
 #include "support/streams.h"
 
-#include <vexel/memory_streams.h>
 #include <vexel/storage.h>
 
 #include <gtest/gtest.h>
