@@ -51,7 +51,7 @@ HRESULT write(IStorage* storage, const wchar_t* name, std::string_view bytes, DW
 std::string read(IStorage* storage, const wchar_t* name) {
     ComPtr<IStream> stream;
     const HRESULT status = storage->OpenStream(name, nullptr, reading, 0, &stream);
-    return FAILED(status) ? "status " + std::to_string(status) : Support::bytesOf(stream.Get());
+    return stream ? Support::bytesOf(stream.Get()) : "status " + std::to_string(status);
 }
 
 /// All of a tree, depth first: names, sizes, contents, classes.
@@ -254,9 +254,55 @@ TEST(SZipStorage, GivesTheStatusesItPromises) {
     EXPECT_EQ(describe(root.Get()), "class 0 copied=1:1 d={class 0 } moved=1:1 ");
 }
 
+TEST(SZipStorage, CopiesWhatIsAskedFor) {
+    const LogCapture quiet;
+    const Support::TempFolder folder;
+    const ComPtr<SZipStorage> root = inMemory();
+    ComPtr<IStorage> box;
+    ASSERT_EQ(write(root.Get(), L"a", "1"), S_OK);
+    ASSERT_EQ(root->CreateStorage(L"box", writing, 0, 0, &box), S_OK);
+    ASSERT_EQ(write(box.Get(), L"a", "2"), S_OK);
+    ASSERT_EQ(root->SetClass(CLSID{7, 0, 0, {}}), S_OK);
+    ASSERT_EQ(root->SetStateBits(5, 7), S_OK);
+    wchar_t name[] = L"a";
+    wchar_t* names[] = {name, nullptr};
+    const IID storages = __uuidof(IStorage), streams = __uuidof(IStream);
+    const struct {
+        const IID* iid;
+        SNB names;
+        const char* expected;
+    } wanted[] = {{nullptr, names, "class 7 box={class 0 a=1:2 } "},
+                  {&storages, nullptr, "class 7 a=1:1 "},
+                  {&streams, nullptr, "class 7 box={class 0 a=1:2 } "}};
+    for (const auto& [iid, excluded, expected] : wanted) {
+        const ComPtr<IStorage> package = inMemory(), system = compound(folder.file(L"copy"));
+        for (IStorage* const target : {package.Get(), system.Get()}) {
+            STATSTG info{};
+            EXPECT_EQ(root->CopyTo(iid ? 1 : 0, iid, excluded, target), S_OK);
+            EXPECT_EQ(describe(target), expected);
+            EXPECT_EQ(target->Stat(&info, STATFLAG_NONAME), S_OK);
+            EXPECT_EQ(info.grfStateBits, 5U);
+        }
+        EXPECT_EQ(read(system.Get(), L".clsid"), "status " + std::to_string(STG_E_FILENOTFOUND));
+    }
+    // Storages that take nothing, or nothing any more.
+    const ComPtr<SZipStorage> other = inMemory();
+    ComPtr<IStorage> reader, gone;
+    ASSERT_EQ(other->CreateStorage(L"d", writing, 0, 0, &gone), S_OK);
+    ASSERT_EQ(other->OpenStorage(L"d", nullptr, reading, nullptr, 0, &reader), S_OK);
+    EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, reader.Get()), STG_E_ACCESSDENIED);
+    EXPECT_EQ(describe(reader.Get()), "class 0 ");
+    EXPECT_EQ(other->DestroyElement(L"d"), S_OK);
+    EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, gone.Get()), STG_E_INVALIDNAME);
+    EXPECT_EQ(gone->Commit(STGC_DEFAULT), S_OK);
+    EXPECT_EQ(describe(other.Get()), "class 0 ");
+    EXPECT_EQ(root->MoveElementTo(L"a", box.Get(), L"b", STGMOVE_MOVE), S_OK);
+    EXPECT_EQ(describe(root.Get()), "class 7 box={class 0 a=1:2 b=1:1 } ");
+}
+
 // Not before all of it is in the other package, and not what cannot be read.
 TEST(SZipStorage, MovesElementsToOtherPackages) {
-    const LogCapture quiet;
+    const LogCapture log;
     const Support::TempFolder folder;
     const std::wstring file = folder.file(L"a.7z");
     {
@@ -272,7 +318,7 @@ TEST(SZipStorage, MovesElementsToOtherPackages) {
     const std::string whole = Support::readFile(file);
     for (const bool damaged : {true, false}) {
         std::string bytes = whole;
-        bytes[35] ^= damaged; // contents, which begin with three bytes of the packer's
+        bytes[34] ^= damaged; // the size of the first contents: there are more than there should be
         Support::writeFile(file, bytes);
         ComPtr<SZipStorage> root;
         const ComPtr<SZipStorage> other = inMemory();
@@ -286,7 +332,15 @@ TEST(SZipStorage, MovesElementsToOtherPackages) {
         EXPECT_EQ(describe(root.Get()), damaged ? before : "class 0 ");
         if (!damaged) {
             EXPECT_EQ(describe(other.Get()), "class 0 moved={" + before.substr(before.find('{') + 1));
+            continue;
         }
+        const ComPtr<SZipStorage> copy = inMemory();
+        EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, copy.Get()), S_OK);
+        EXPECT_EQ(describe(copy.Get()), "class 0 outer={class 0 inner={class 0 } second=1:2 } ");
+        EXPECT_EQ(log.count(VxLog_Minor, L"Swallowing error 0x8003001e that occured during copying of "
+                                         L"storage \"" +
+                                             file + L"|outer/inner\""),
+                  2);
     }
 }
 

@@ -154,7 +154,7 @@ INSTANTIATE_TEST_SUITE_P(Both, Backends,
                          [](const auto& backend) { return backend.param.name; });
 
 TEST(Packages, TemporaryRootsLiveInMemoryOrInAFileThatGoes) {
-    const LogCapture quiet;
+    const LogCapture log;
     for (const bool onDisk : {false, true}) {
         container().setCreateOnDisk(onDisk);
         std::wstring name;
@@ -171,11 +171,20 @@ TEST(Packages, TemporaryRootsLiveInMemoryOrInAFileThatGoes) {
             EXPECT_EQ(name.starts_with(L":szip"), !onDisk);
             stream.close();
             EXPECT_EQ(read(L"Note", root), "bytes");
+            ASSERT_EQ(write(stream, L"Lost", root, "bytes"), S_OK);
+            container().clearAll();
+            EXPECT_TRUE(TempFileContainer::Instance().clear()) << "nothing is to be deleted yet";
+            EXPECT_FALSE(root.getFileTimes(nullptr, nullptr, nullptr));
+            EXPECT_EQ(root.hasChild(element(L"Note"), StorageType{}), onDisk) << "opened again";
+            EXPECT_FALSE(root.hasChild({}, StorageType{}));
+            EXPECT_EQ(read(L"Note", root), onDisk ? "bytes" : "none");
         }
         container().deleteUnusedObjects();
-        TempFileContainer::Instance().clearAll();
+        for (int i = 0; i < 1000 && std::filesystem::exists(name); ++i, Sleep(10))
+            TempFileContainer::Instance().clear(); // done by a background thread
         EXPECT_FALSE(std::filesystem::exists(name));
     }
+    EXPECT_EQ(log.count(L"Destroying unsaved"), 0);
 }
 
 /// A root of its own on a file.
@@ -234,6 +243,8 @@ TEST_F(Files, CopiesTakeBorrowedDataOver) {
         EXPECT_EQ(children(target), children(source));
         ASSERT_TRUE(deep.open(L"d", target, true) == S_OK && deep.open(L"e", deep, true) == S_OK);
         EXPECT_EQ(read(L"deep", deep).size(), 5000U);
+        container().clearAll();
+        EXPECT_EQ(target.borrowPackedData(source), STG_E_INVALIDPARAMETER) << "closed";
     }
 }
 
@@ -355,7 +366,7 @@ TEST_F(Files, AreReplacedByNobodyWhileOpen) {
 TEST_F(Files, LetGoOfWhatIsClearedAway) {
     make();
     StorageRef root = openRoot(file_, modeWrite), box;
-    StreamRef note, inner;
+    StreamRef note, inner, unheld;
     ASSERT_EQ(note.open(L"Note", root, true), S_OK);
     ASSERT_EQ(box.create(L"Box", root, false), S_OK);
     ASSERT_EQ(write(inner, L"Inner", box, "inner"), S_OK);
@@ -366,7 +377,10 @@ TEST_F(Files, LetGoOfWhatIsClearedAway) {
     EXPECT_EQ(inner.size(), 5U) << "not replaced";
     ASSERT_EQ(box.open(L"Box", root, false), S_OK);
 
+    ASSERT_EQ(write(unheld, L"Unheld", root, ""), S_OK);
+    unheld.close();
     EXPECT_EQ(root.clear(), S_OK);
+    EXPECT_FALSE(root.hasChild(element(L"Unheld"), StorageType::Stream));
     EXPECT_EQ(note.size() + inner.WriteBytes("x", 1), 0U);
     EXPECT_EQ(kept->Write("x", 1, nullptr), S_OK) << "a caller's own reference";
     EXPECT_EQ(StreamRef().create(L"New", box), STG_E_FILENOTFOUND);
