@@ -164,15 +164,11 @@ TEST(PathName, TellsWhereAPathLies) {
     EXPECT_FALSE(anyCase(LR"(C:\b)").isNetwork());
     EXPECT_FALSE(SharedPathName().isRelative() || SharedPathName().isNetwork());
 
-    const SharedPathName inside = anyCase(LR"(C:\Dir\x)");
-    EXPECT_TRUE(inside.isSubPath(anyCase(LR"(C:\dir\)")));
-    EXPECT_FALSE(inside.isSubPath(inside));
-    EXPECT_TRUE(inside.isSubPath(SharedPathName()));
-    EXPECT_TRUE(SharedPathName().isSubPath(SharedPathName()));
-    EXPECT_FALSE(SharedPathName().isSubPath(inside));
+    const SharedPathName null, inside = anyCase(LR"(C:\Dir\x)");
+    EXPECT_TRUE(inside.isSubPath(anyCase(LR"(C:\dir\)")) && !inside.isSubPath(inside));
+    EXPECT_TRUE(inside.isSubPath(null) && null.isSubPath(null) && !null.isSubPath(inside));
     EXPECT_TRUE(anyCase(LR"(\\server\share)").isSubPath(CString()));
-    EXPECT_FALSE(inside.isSubPath(CString()));
-    EXPECT_FALSE(SharedPathName().isSubPath(CString()));
+    EXPECT_FALSE(inside.isSubPath(CString()) || null.isSubPath(CString()));
 }
 
 TEST(PathName, ShowsWhatItKnowsInItsFlags) {

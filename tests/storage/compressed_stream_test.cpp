@@ -66,6 +66,14 @@ std::string decompressed(const std::string& source, HRESULT expected = S_OK) {
     return bytesOf(target.Get());
 }
 
+/// The bytes of a stream, opened as what may be compressed.
+struct Opened : COleStreamCompressFile {
+    explicit Opened(const std::string& bytes, bool mayBeCompressed = true)
+        : COleStreamCompressFile(mayBeCompressed) {
+        EXPECT_TRUE(OpenStream(streamOf(bytes).Get()));
+    }
+};
+
 std::string readAll(COleStreamCompressFile& file, std::size_t part) {
     file.SetIgnoreEndOfFile(true);
     std::string text;
@@ -88,8 +96,7 @@ TEST(CompressedStream, InflatesWhatZlibDeflated) {
             EXPECT_TRUE(decompressed(packed) == text);
             LogCapture log;
             for (const std::size_t part : {1000u, 16384u, 100'000u}) {
-                COleStreamCompressFile file(true);
-                ASSERT_TRUE(file.OpenStream(streamOf(packed).Get()));
+                Opened file(packed);
                 EXPECT_TRUE(readAll(file, part) == text);
             }
             EXPECT_EQ(log.count(VxLog_Error, L""), 0);
@@ -183,8 +190,7 @@ TEST(CompressedStream, ChecksTheTrailerWhenClosing) {
     const std::string whole = gzip(sampleText(5000));
     const auto messages = [](const std::string& bytes, bool toTheEnd) {
         LogCapture log;
-        COleStreamCompressFile file(true);
-        EXPECT_TRUE(file.OpenStream(streamOf(bytes).Get()));
+        Opened file(bytes);
         std::string text(5000, '\0');
         file.ReadBytes(text.data(), toTheEnd ? 5000 : 10);
         file.SetIgnoreEndOfFile(true);
@@ -251,8 +257,7 @@ TEST(CompressedStream, ReportsAWriteThatFails) {
 
 TEST(CompressedStream, MovesWithinInflatedBytesOnlyForward) {
     const std::string text = sampleText(40'000);
-    COleStreamCompressFile file(true);
-    ASSERT_TRUE(file.OpenStream(streamOf(gzip(text)).Get()));
+    Opened file(gzip(text));
     char byte = 0;
     EXPECT_EQ(file.Seek(Origin::Current, 10), 0u);
     file.ReadBytes(&byte, 1);
@@ -274,22 +279,19 @@ TEST(CompressedStream, MovesWithinInflatedBytesOnlyForward) {
 
 TEST(CompressedStream, PassesPlainBytesThrough) {
     for (const std::string& text : {std::string(), std::string("\x1F"), sampleText(40'000)}) {
-        COleStreamCompressFile file(true);
-        ASSERT_TRUE(file.OpenStream(streamOf(text).Get()));
+        Opened file(text);
         EXPECT_EQ(file.GetLength(), text.size());
         EXPECT_TRUE(readAll(file, 20'000) == text);
         EXPECT_EQ(file.Seek(Origin::End, 0), text.size());
         EXPECT_EQ(file.GetPosition(), text.size());
     }
-    COleStreamCompressFile raw(false);
     const std::string packed = gzip("text");
-    ASSERT_TRUE(raw.OpenStream(streamOf(packed).Get()));
+    Opened raw(packed, false);
     EXPECT_EQ(readAll(raw, 100), packed);
 }
 
 TEST(CompressedStream, ThrowsOnShortReadsUnlessTold) {
-    COleStreamCompressFile file(true);
-    ASSERT_TRUE(file.OpenStream(streamOf(gzip(sampleText(40))).Get()));
+    Opened file(gzip(sampleText(40)));
     char buffer[100]{};
     EXPECT_EQ(causeOf([&] { file.ReadBytes(buffer, 100); }), CFileException::endOfFile);
     file.SeekToBegin();
