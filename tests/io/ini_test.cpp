@@ -225,17 +225,7 @@ TEST_F(Ini, KeepsDoubles) {
     IniFileSection section;
     std::mt19937_64 random(5);
     using Limits = std::numeric_limits<double>;
-    std::vector<double> values{0.0,
-                               -0.0,
-                               Limits::min(),
-                               Limits::max(),
-                               Limits::lowest(),
-                               Limits::denorm_min(),
-                               Limits::infinity(),
-                               -Limits::infinity(),
-                               0.1,
-                               1e21,
-                               5e-324};
+    std::vector values{-0.0, Limits::max(), Limits::denorm_min(), -Limits::infinity(), 1e21};
     for (int i = 0; i < 20'000; ++i)
         values.push_back(std::bit_cast<double>(random()));
     for (const double value : values) {

@@ -109,11 +109,12 @@ TEST_F(TextFiles, WritesEncodings) {
     EXPECT_EQ(written(L"\u00E9\u0416", TextEncoding::Latin1), "\xE9?");
     const std::wstring large(300'000, L'\u0416');
     EXPECT_EQ(written(large, TextEncoding::Utf8).size(), 600'000u);
-    vxio::TextFileWriteStream more;
-    ASSERT_TRUE(more.Open({.path = path_.c_str(), .creation = FileCreation::OpenOrCreate, .append = true},
-                          TextEncoding::Utf8, true));
-    EXPECT_TRUE(more.WriteString(L"end"));
-    EXPECT_TRUE(more.Close());
+    {
+        vxio::TextFileWriteStream more; // writes what is left when it goes
+        ASSERT_TRUE(more.Open({.path = path_.c_str(), .creation = FileCreation::OpenOrCreate, .append = true},
+                              TextEncoding::Utf8, true));
+        EXPECT_TRUE(more.WriteString(L"end"));
+    }
     EXPECT_EQ(Support::readFile(path_).substr(600'000), "end");
 }
 
@@ -142,6 +143,27 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     EXPECT_EQ(full.GetLastErrorCode(), ERROR_DISK_FULL);
     EXPECT_FALSE(full.WriteString(L"text"));
     EXPECT_FALSE(full.Close());
+}
+
+TEST_F(TextFiles, OthersMayDoWhatIsNotProtected) {
+    const struct {
+        vxio::FileStreamProtectedType protection;
+        bool read, write, remove;
+    } cases[] = {{vxio::ProtectAll, false, false, false},
+                 {vxio::ProtectWriting, true, false, false},
+                 {vxio::ProtectReading, false, true, false},
+                 {vxio::ProtectNothing, true, true, true}};
+    for (const auto& test : cases) {
+        vxio::SimpleFile file, other;
+        ASSERT_TRUE(file.Open(path_.c_str(), FileAccess::Read, FileCreation::OpenOrCreate, test.protection));
+        const auto opens = [&](FileAccess access) {
+            return other.Open(path_.c_str(), access, FileCreation::OpenExisting, vxio::ProtectNothing);
+        };
+        EXPECT_EQ(opens(FileAccess::Read), test.read);
+        EXPECT_EQ(opens(FileAccess::Write), test.write);
+        other.Close();
+        EXPECT_EQ(DeleteFileW(path_.c_str()) != 0, test.remove);
+    }
 }
 
 TEST_F(TextFiles, StreamsMoveLikeOthers) {

@@ -54,9 +54,6 @@ std::string describe(const PropertyVariant& value) {
                bytes(raw.pclipdata->pClipData, raw.pclipdata->cbSize - 4);
     case VT_CLSID:
         return "class " + bytes(raw.puuid, sizeof(CLSID));
-    case VT_I2:
-    case VT_BOOL:
-        return std::to_string(raw.vt) + " " + std::to_string(raw.iVal);
     default:
         return std::to_string(raw.vt) + " " + std::to_string(raw.hVal.QuadPart);
     }
@@ -159,6 +156,12 @@ TEST(PropertySets, ShareAStream) {
     }
     EXPECT_EQ(Vexel::ReadProperties(document, FMTID_DocSummaryInformation, properties), S_OK);
     EXPECT_EQ(properties[pages].asInteger(), 2);
+    StreamRef stream;
+    ASSERT_EQ(stream.open(L"\5DocumentSummaryInformation", document, true), S_OK);
+    FMTID first{};
+    stream.Seek(StreamRef::Begin, 28);
+    EXPECT_EQ(stream.ReadBytes(&first, sizeof first), sizeof first);
+    EXPECT_EQ(first, FMTID_DocSummaryInformation);
 }
 
 // Whatever is in the stream: a status, in bounded time.
@@ -194,6 +197,21 @@ TEST(PropertySets, DamagedOnesAreRefusedOrRead) {
         }
     }
     EXPECT_GT(refused, 100);
+    EXPECT_EQ(read(sample.substr(0, 99)), STG_E_INVALIDHEADER);
+    // A thousand values in the same bytes.
+    std::string shared = sample.substr(0, 48);
+    const auto add = [&shared](unsigned value) { shared.append(reinterpret_cast<const char*>(&value), 4); };
+    constexpr unsigned count = 1000, values = 8 + count * 8, size = 10'000;
+    add(values + 8 + size);
+    add(count);
+    for (unsigned id = 2; id < 2 + count; ++id) {
+        add(id);
+        add(values);
+    }
+    add(VT_BLOB);
+    add(size);
+    EXPECT_EQ(read(shared.append(size, 'x')), STG_E_INVALIDHEADER);
+    EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, {}), S_OK);
 }
 
 } // namespace
