@@ -153,15 +153,15 @@ TEST(PropertySets, ShareAStream) {
         EXPECT_EQ(Vexel::WriteProperties(document, *format, properties), S_OK);
         EXPECT_EQ(Vexel::ReadProperties(document, *format, properties), S_OK);
         EXPECT_EQ(properties[pages].asInteger(), value);
+        StreamRef stream;
+        ASSERT_EQ(stream.open(L"\5DocumentSummaryInformation", document, true), S_OK);
+        FMTID first{};
+        stream.Seek(StreamRef::Begin, 28);
+        EXPECT_EQ(stream.ReadBytes(&first, sizeof first), sizeof first);
+        EXPECT_EQ(first, FMTID_DocSummaryInformation);
     }
     EXPECT_EQ(Vexel::ReadProperties(document, FMTID_DocSummaryInformation, properties), S_OK);
     EXPECT_EQ(properties[pages].asInteger(), 2);
-    StreamRef stream;
-    ASSERT_EQ(stream.open(L"\5DocumentSummaryInformation", document, true), S_OK);
-    FMTID first{};
-    stream.Seek(StreamRef::Begin, 28);
-    EXPECT_EQ(stream.ReadBytes(&first, sizeof first), sizeof first);
-    EXPECT_EQ(first, FMTID_DocSummaryInformation);
 }
 
 // Whatever is in the stream: a status, in bounded time.
@@ -197,7 +197,6 @@ TEST(PropertySets, DamagedOnesAreRefusedOrRead) {
         }
     }
     EXPECT_GT(refused, 100);
-    EXPECT_EQ(read(sample.substr(0, 99)), STG_E_INVALIDHEADER);
     // A thousand values in the same bytes.
     std::string shared = sample.substr(0, 48);
     const auto add = [&shared](unsigned value) { shared.append(reinterpret_cast<const char*>(&value), 4); };
@@ -211,6 +210,7 @@ TEST(PropertySets, DamagedOnesAreRefusedOrRead) {
     add(VT_BLOB);
     add(size);
     EXPECT_EQ(read(shared.append(size, 'x')), STG_E_INVALIDHEADER);
+    EXPECT_EQ(read(sample.substr(0, 99)), STG_E_INVALIDHEADER);
     EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, {}), S_OK);
 }
 
