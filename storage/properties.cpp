@@ -15,6 +15,7 @@
 
 namespace Vexel {
 
+using Detail::PropertyNames;
 using Detail::PropertySet;
 using Detail::withStatus;
 
@@ -72,7 +73,7 @@ void put(std::vector<PropertySet>& sets, REFFMTID format, std::vector<unsigned c
     const FMTID& other = isSecond ? FMTID_DocSummaryInformation : FMTID_UserDefinedProperties;
     std::erase_if(sets, [&](const PropertySet& set) { return set.format != other; });
     if (isSecond && sets.empty())
-        Detail::encodeProperties({}, sets.emplace_back(PropertySet{other, {}}).section);
+        Detail::encodeProperties({}, {}, sets.emplace_back(PropertySet{other, {}}).section);
     sets.insert(isSecond ? sets.end() : sets.begin(), {format, std::move(section)});
 }
 
@@ -99,13 +100,15 @@ long WriteProperties(const StorageRef& storage, REFFMTID format, const Propertie
     if (storage.null())
         return STG_E_INVALIDPARAMETER;
     return withStatus([&]() -> HRESULT {
-        std::vector<unsigned char> section;
-        if (!Detail::encodeProperties(properties, section))
-            return STG_E_INVALIDPARAMETER;
         std::vector<PropertySet> sets;
         HRESULT status = load(storage, format, sets);
         if (FAILED(status) && status != STG_E_FILENOTFOUND && status != STG_E_INVALIDHEADER)
             return status;
+        const auto old = find(sets, format);
+        const auto names = old != sets.end() ? Detail::decodePropertyNames(old->section) : PropertyNames();
+        std::vector<unsigned char> section;
+        if (!Detail::encodeProperties(properties, names, section))
+            return STG_E_INVALIDPARAMETER;
         put(sets, format, std::move(section));
         const auto bytes = Detail::joinPropertySets(sets);
         StreamRef stream;

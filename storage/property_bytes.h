@@ -30,6 +30,7 @@ inline void appendBytes(std::vector<unsigned char>& bytes, const void* data, std
     bytes.insert(bytes.end(), begin, begin + size);
 }
 
-inline void padToFour(std::vector<unsigned char>& bytes) { bytes.resize((bytes.size() + 3) / 4 * 4); }
+constexpr std::size_t paddedSize(std::size_t size) noexcept { return (size + 3) / 4 * 4; }
+inline void padToFour(std::vector<unsigned char>& bytes) { bytes.resize(paddedSize(bytes.size())); }
 
 } // namespace Vexel::Detail

@@ -58,7 +58,7 @@ std::vector<unsigned char> joinPropertySets(const std::vector<PropertySet>& sets
     for (const PropertySet& set : sets) {
         appendBytes(stream, &set.format, sizeof set.format);
         appendNumber(stream, offset);
-        offset += (set.section.size() + 3) / 4 * 4;
+        offset += paddedSize(set.section.size());
     }
     for (const PropertySet& set : sets) {
         appendBytes(stream, set.section.data(), set.section.size());

@@ -2,6 +2,7 @@
 
 #include <vexel/properties.h>
 
+#include <map>
 #include <optional>
 #include <span>
 #include <vector>
@@ -12,6 +13,7 @@
 namespace Vexel::Detail {
 
 using ByteView = std::span<const unsigned char>;
+using PropertyNames = std::map<PROPID, CStringW>;
 
 /// One of the sets in a stream. Offsets in the section count from its start, so that it can be moved.
 struct PropertySet {
@@ -28,7 +30,12 @@ std::vector<unsigned char> joinPropertySets(const std::vector<PropertySet>& sets
 /// std::bad_alloc.
 bool decodeProperties(ByteView section, Properties& properties);
 
-/// Fills the section. False when there is a type or number that is not written.
-bool encodeProperties(const Properties& properties, std::vector<unsigned char>& section);
+/// The names that a user gave to properties of the section; of damaged ones those before the damage.
+PropertyNames decodePropertyNames(ByteView section);
+
+/// Fills the section, with the names of those properties that there are. False when there is a type or number
+/// that is not written.
+bool encodeProperties(const Properties& properties, const PropertyNames& names,
+                      std::vector<unsigned char>& section);
 
 } // namespace Vexel::Detail

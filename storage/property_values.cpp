@@ -5,6 +5,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <climits>
 #include <cstring>
 #include <new>
@@ -16,6 +17,9 @@ namespace {
 
 // A section: its size and the number of properties (4 bytes each), then for each its number and where in the
 // section its value begins (4 each). A value: its type (4), then the value itself, padded to a multiple of 4.
+// The names are the value of number 0, without a type: how many (4), and for each the property's number (4),
+// the length with the terminating zero (4) in bytes or, of wide ones, characters, and so many; wide ones are
+// padded.
 constexpr std::size_t sectionHeader = 8;
 constexpr std::size_t entrySize = 8;
 constexpr std::uint32_t unicode = 1200;
@@ -85,14 +89,9 @@ public:
     explicit Decoder(ByteView section) noexcept : section_(section) {}
 
     bool decode(Properties& properties) {
-        if (!has(section_, 0, sectionHeader))
+        if (!begin())
             return false;
-        const std::uint32_t count = numberAt(section_, 4);
-        used_ = sectionHeader + std::uint64_t{count} * entrySize;
-        if (!has(section_, 0, used_))
-            return false;
-        findCodePage(count);
-        for (std::uint32_t i = 0; i < count; ++i) {
+        for (std::uint32_t i = 0; i < count_; ++i) {
             const PROPID id = idOf(i);
             if (isOrdinary(id) && !decodeValue(offsetOf(i), properties[id]))
                 return false;
@@ -100,7 +99,27 @@ public:
         return true;
     }
 
+    PropertyNames decodeNames() {
+        PropertyNames names;
+        if (begin())
+            for (std::uint32_t i = 0; i < count_; ++i)
+                if (idOf(i) == PID_DICTIONARY)
+                    decodeNames(offsetOf(i), names);
+        return names;
+    }
+
 private:
+    bool begin() noexcept {
+        if (!has(section_, 0, sectionHeader))
+            return false;
+        count_ = numberAt(section_, 4);
+        used_ = sectionHeader + std::uint64_t{count_} * entrySize;
+        if (!has(section_, 0, used_))
+            return false;
+        findCodePage();
+        return true;
+    }
+
     PROPID idOf(std::uint32_t index) const noexcept {
         return numberAt(section_, sectionHeader + index * entrySize);
     }
@@ -109,8 +128,8 @@ private:
     }
 
     /// A property itself; 1200 means that strings are wide.
-    void findCodePage(std::uint32_t count) noexcept {
-        for (std::uint32_t i = 0; i < count; ++i)
+    void findCodePage() noexcept {
+        for (std::uint32_t i = 0; i < count_; ++i)
             if (idOf(i) == PID_CODEPAGE && has(section_, offsetOf(i), 8) &&
                 numberAt(section_, offsetOf(i)) == VT_I2)
                 codePage_ = numberAt(section_, offsetOf(i) + 4) & 0xFFFF;
@@ -166,9 +185,27 @@ private:
         ByteView bytes;
         if (!takeBlock(offset, bytes, isWide ? sizeof(wchar_t) : 1))
             return false;
-        property =
-            PropertyVariant(isWide || codePage_ == unicode ? wideText(bytes) : narrowText(bytes, codePage_));
+        property = PropertyVariant(textOf(bytes, isWide || codePage_ == unicode));
         return true;
+    }
+
+    CStringW textOf(ByteView bytes, bool isWide) const {
+        return isWide ? wideText(bytes) : narrowText(bytes, codePage_);
+    }
+
+    void decodeNames(std::size_t offset, PropertyNames& names) {
+        const bool isWide = codePage_ == unicode;
+        ByteView bytes;
+        if (!take(offset, 4, bytes))
+            return;
+        offset += 4;
+        for (std::uint32_t left = numberAt(bytes, 0); left > 0 && take(offset, 4, bytes); --left) {
+            const PROPID id = numberAt(bytes, 0);
+            if (!takeBlock(offset + 4, bytes, isWide ? sizeof(wchar_t) : 1))
+                return;
+            names[id] = textOf(bytes, isWide);
+            offset += 8 + (isWide ? paddedSize(bytes.size()) : bytes.size());
+        }
     }
 
     static bool fillClass(ByteView bytes, PROPVARIANT* value) {
@@ -196,16 +233,26 @@ private:
     }
 
     ByteView section_;
+    std::uint32_t count_ = 0;
     std::uint64_t used_ = 0;
     UINT codePage_ = CP_ACP;
 };
 
-bool encodeText(const CStringW& text, std::vector<unsigned char>& bytes) {
+void encodeText(std::uint32_t typeOrNumber, const CStringW& text, std::vector<unsigned char>& bytes) {
     const auto units = static_cast<std::size_t>(text.GetLength()) + 1;
-    appendNumber(bytes, VT_LPWSTR);
+    appendNumber(bytes, typeOrNumber);
     appendNumber(bytes, units);
     appendBytes(bytes, text.GetString(), units * sizeof(wchar_t));
-    return true;
+    padToFour(bytes);
+}
+
+void encodeNames(const Properties& properties, const PropertyNames& names,
+                 std::vector<unsigned char>& bytes) {
+    const auto isKept = [&](const auto& name) { return properties.contains(name.first); };
+    appendNumber(bytes, static_cast<std::size_t>(std::ranges::count_if(names, isKept)));
+    for (const auto& name : names)
+        if (isKept(name))
+            encodeText(name.first, name.second, bytes);
 }
 
 bool encodeBlock(std::size_t size, const void* data, std::vector<unsigned char>& bytes) {
@@ -226,8 +273,10 @@ bool encodeClip(const CLIPDATA* clip, std::vector<unsigned char>& bytes) {
 }
 
 bool encodeValue(const PropertyVariant& property, std::vector<unsigned char>& bytes) {
-    if (const auto text = property.asString())
-        return encodeText(*text, bytes);
+    if (const auto text = property.asString()) {
+        encodeText(VT_LPWSTR, *text, bytes);
+        return true;
+    }
     const PROPVARIANT& value = property.get();
     appendNumber(bytes, value.vt);
     if (const auto size = plainSize(value.vt)) {
@@ -255,18 +304,27 @@ bool decodeProperties(ByteView section, Properties& properties) {
     return Decoder(section).decode(properties);
 }
 
-bool encodeProperties(const Properties& properties, std::vector<unsigned char>& section) {
-    const std::size_t count = properties.size() + 1; // and the code page
+PropertyNames decodePropertyNames(ByteView section) { return Decoder(section).decodeNames(); }
+
+bool encodeProperties(const Properties& properties, const PropertyNames& names,
+                      std::vector<unsigned char>& section) {
+    const std::size_t count = properties.size() + (names.empty() ? 1 : 2); // with the code page
     const std::size_t start = sectionHeader + count * entrySize;
     std::vector<unsigned char> entries;
     std::vector<unsigned char> values;
-    appendNumber(entries, PID_CODEPAGE);
-    appendNumber(entries, start);
+    const auto begin = [&](PROPID id) {
+        appendNumber(entries, id);
+        appendNumber(entries, start + values.size());
+    };
+    if (!names.empty()) {
+        begin(PID_DICTIONARY);
+        encodeNames(properties, names, values);
+    }
+    begin(PID_CODEPAGE);
     appendNumber(values, VT_I2);
     appendNumber(values, unicode);
     for (const auto& [id, value] : properties) {
-        appendNumber(entries, id);
-        appendNumber(entries, start + values.size());
+        begin(id);
         if (!isOrdinary(id) || !encodeValue(value, values))
             return false;
         padToFour(values);

@@ -70,10 +70,10 @@ using Properties = std::map<PROPID, PropertyVariant>;
 ///  - STG_E_INVALIDHEADER: what has the set's name is none. Statuses of opening and reading it.
 VEXEL_API long ReadProperties(const StorageRef& storage, REFFMTID format, Properties& properties);
 
-/// Replaces the set by these properties; strings become VT_LPWSTR. The user's own properties
-/// (FMTID_UserDefinedProperties) and the document summary, which share a stream, leave each other alone. On
-/// failure the storage keeps the set that it had, unless it is the storage itself that fails. The storage is
-/// not committed.
+/// Replaces the set by these properties; strings become VT_LPWSTR. The names that properties had are kept.
+/// The user's own properties (FMTID_UserDefinedProperties) and the document summary, which share a stream,
+/// leave each other alone. On failure the storage keeps the set that it had, unless it is the storage itself
+/// that fails. The storage is not committed.
 ///  - STG_E_INVALIDPARAMETER: a null handle, a number below PID_FIRST_USABLE or above 0x7FFFFFFF, or a type
 ///    that is not written. Written are integers, VT_R4, VT_R8, VT_CY, VT_DATE, VT_FILETIME, VT_BOOL,
 ///    VT_ERROR, strings, VT_CLSID, VT_BLOB, VT_BLOB_OBJECT, VT_CF, VT_EMPTY and VT_NULL.

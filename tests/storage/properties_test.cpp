@@ -164,6 +164,43 @@ TEST(PropertySets, ShareAStream) {
     EXPECT_EQ(properties[pages].asInteger(), 2);
 }
 
+TEST(PropertySets, KeepTheNamesOfTheUsersOwnProperties) {
+    using namespace std::string_literals;
+    const auto number = [](unsigned value) {
+        return std::string(reinterpret_cast<const char*>(&value), sizeof value);
+    };
+    const auto user = [](const FMTID& format) {
+        return std::string(reinterpret_cast<const char*>(&format), sizeof format);
+    };
+    // Names for the properties 3 and 7, in the code page 1252; a value for 3.
+    const std::string names =
+        number(2) + number(3) + number(6) + "Gr\xF6\xDF" + "e\0"s + number(7) + number(5) + "Gone\0"s + "\0"s;
+    const std::string section = number(3) + number(0) + number(32) + number(PID_CODEPAGE) + number(60) +
+                                number(3) + number(68) + names + number(VT_I2) + number(1252) +
+                                number(VT_I4) + number(5);
+    StorageRef document;
+    ASSERT_EQ(document.createTemporary(false), S_OK);
+    const auto name = L"\5DocumentSummaryInformation";
+    StreamRef stream;
+    ASSERT_EQ(stream.create(name, document), S_OK);
+    const std::string set = number(0xFFFE) + std::string(20, '\0') + number(1) +
+                            user(FMTID_UserDefinedProperties) + number(48) + number(76) + section;
+    ASSERT_EQ(stream.WriteBytes(set.data(), set.size()), set.size());
+    for (const int value : {6, 7}) { // from narrow names, then from wide ones
+        Properties properties;
+        properties[3] = PropertyVariant(value);
+        stream.close();
+        ASSERT_EQ(Vexel::WriteProperties(document, FMTID_UserDefinedProperties, properties), S_OK);
+        ASSERT_EQ(Vexel::ReadProperties(document, FMTID_UserDefinedProperties, properties), S_OK);
+        EXPECT_EQ(properties[3].asInteger(), value);
+        ASSERT_EQ(stream.open(name, document, true), S_OK);
+        std::string written(static_cast<std::size_t>(stream.size()), '\0');
+        stream.ReadBytes(written.data(), written.size());
+        EXPECT_NE(written.find(number(1) + number(3) + number(6) + "G\0r\0\xF6\0\xDF\0e\0\0"s),
+                  std::string::npos);
+    }
+}
+
 // Whatever is in the stream: a status, in bounded time.
 TEST(PropertySets, DamagedOnesAreRefusedOrRead) {
     const LogCapture quiet;
