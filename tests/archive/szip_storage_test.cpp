@@ -254,6 +254,39 @@ TEST(SZipStorage, GivesTheStatusesItPromises) {
     EXPECT_EQ(describe(root.Get()), "class 0 copied=1:1 d={class 0 } moved=1:1 ");
 }
 
+TEST(SZipStorage, ReadsAndKeepsWhatTheModesSay) {
+    const LogCapture quiet;
+    const Support::TempFolder folder;
+    const std::wstring file = folder.file(L"a.7z");
+    std::filesystem::copy_file(Support::samplePath(L"plain-lzma2.7z"), file);
+    ComPtr<SZipStorage> root;
+    for (const auto& [mode, isRead] : {std::pair<DWORD, bool>{writing, true},
+                                       {STGM_WRITE, false},
+                                       {STGM_CREATE | writing, false},
+                                       {STGM_CREATE | STGM_CONVERT | writing, true}}) {
+        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), mode, true, root.ReleaseAndGetAddressOf()), S_OK);
+        EXPECT_EQ(root->archive()->isEmpty(), !isRead) << mode;
+    }
+    ComPtr<IStorage> directory;
+    STATSTG info{};
+    ASSERT_EQ(root->OpenStorage(L"d", nullptr, reading, nullptr, 0, &directory), S_OK);
+    ASSERT_EQ(directory->Stat(&info, STATFLAG_NONAME), S_OK);
+    EXPECT_TRUE(info.mtime.dwHighDateTime && !info.ctime.dwHighDateTime); // the one that is stored
+    EXPECT_EQ(CompareFileTime(&info.atime, &info.mtime), 0);
+    EXPECT_EQ(write(root.Get(), L"pct%name", "X", STGM_CONVERT), S_OK);
+    EXPECT_EQ(read(root.Get(), L"pct%name").size(), 3U);
+    EXPECT_EQ(write(directory.Get(), L".clsid", "short"), STG_E_ACCESSDENIED);
+    EXPECT_EQ(write(root.Get(), L".clsid", "short"), S_OK);
+    ASSERT_EQ(root->Stat(&info, STATFLAG_NONAME), S_OK);
+    EXPECT_EQ(info.clsid, CLSID_NULL);
+    EXPECT_EQ(Vexel::Storage::openPackage(folder.file(L"no\\p").c_str(), writing, true,
+                                          root.ReleaseAndGetAddressOf()),
+              S_OK);
+    ComPtr<IStream> stream;
+    ASSERT_EQ(SHCreateStreamOnFileW(folder.file(L"s").c_str(), STGM_CREATE | STGM_WRITE, &stream), S_OK);
+    EXPECT_EQ(Vexel::Storage::openPackage(stream.Get(), root.ReleaseAndGetAddressOf()), STG_E_ACCESSDENIED);
+}
+
 TEST(SZipStorage, CopiesWhatIsAskedFor) {
     const LogCapture quiet;
     const Support::TempFolder folder;
