@@ -84,6 +84,18 @@ HRESULT sameFor(HRESULT status, bool isRename) {
     return isRename && FAILED(status) ? E_FAIL : status;
 }
 
+/// Cuts off what is behind the middle, or writes from there on.
+HRESULT change(IStream* stream, std::string_view bytes, bool cuts) {
+    STATSTG info{};
+    EXPECT_EQ(stream->Stat(&info, STATFLAG_NONAME), S_OK);
+    info.cbSize.QuadPart /= 2;
+    if (cuts)
+        return stream->SetSize(info.cbSize);
+    const LARGE_INTEGER middle{.QuadPart = static_cast<LONGLONG>(info.cbSize.QuadPart)};
+    EXPECT_EQ(stream->Seek(middle, STREAM_SEEK_SET, nullptr), S_OK);
+    return stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
+}
+
 /// A script of the calls in which both agree, down to the status.
 std::vector<std::string> runScript(IStorage* root, unsigned seed) {
     static constexpr const wchar_t* names[] = {L"a", L"b-c", L"b", L"b.d", L"100% so", L"x y"};
@@ -102,7 +114,8 @@ std::vector<std::string> runScript(IStorage* root, unsigned seed) {
         const wchar_t* const name = names[below(6)];
         const std::string bytes(below(6000), static_cast<char>('a' + i % 26));
         ComPtr<IStorage> storage;
-        const unsigned kind = below(8);
+        ComPtr<IStream> stream;
+        const unsigned kind = below(10);
         HRESULT status = S_OK;
         switch (kind) {
         case 0:
@@ -120,6 +133,12 @@ std::vector<std::string> runScript(IStorage* root, unsigned seed) {
             break;
         case 5:
             status = sameFor(at->RenameElement(name, names[below(6)]), true);
+            break;
+        case 7:
+        case 8:
+            status = at->OpenStream(name, nullptr, writing, 0, &stream);
+            if (SUCCEEDED(status))
+                status = change(stream.Get(), bytes, kind == 7);
             break;
         case 6:
             status = at->SetClass(below(2) ? CLSID{i, 0, 0, {}} : CLSID_NULL);
@@ -139,14 +158,17 @@ TEST(SZipStorage, DoesWhatTheSystemsStorageDoes) {
     for (unsigned seed = 0; seed < 40; ++seed) {
         SCOPED_TRACE(seed);
         ComPtr<SZipStorage> ours;
-        ASSERT_EQ(Vexel::Storage::openPackage(folder.file(std::to_wstring(seed) + L".7z").c_str(),
-                                              STGM_READWRITE, true, ours.GetAddressOf()),
-                  S_OK);
+        const std::wstring file = folder.file(std::to_wstring(seed) + L".7z");
+        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), STGM_READWRITE, true, ours.GetAddressOf()), S_OK);
         const ComPtr<IStorage> theirs = compound(folder.file(std::to_wstring(seed)));
         const auto expected = runScript(theirs.Get(), seed);
         const auto found = runScript(ours.Get(), seed);
         for (std::size_t i = 0; i < expected.size(); ++i)
             ASSERT_EQ(found[i], expected[i]);
+        ASSERT_EQ(describe(ours.Get()), describe(theirs.Get()));
+        ASSERT_EQ(ours->Commit(STGC_DEFAULT), S_OK);
+        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), reading, true, ours.ReleaseAndGetAddressOf()),
+                  S_OK);
         ASSERT_EQ(describe(ours.Get()), describe(theirs.Get()));
 
         // Into each other by their own means, and back.
@@ -385,14 +407,16 @@ TEST(SZipStorage, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
     ASSERT_EQ(write(root.Get(), L"a/b\x05", "bytes"), S_OK);
     ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
     ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), reading, true, root.ReleaseAndGetAddressOf()), S_OK);
-    ComPtr<IStream> stream;
+    ComPtr<IStream> opened, stream;
     ComPtr<IStorage> storage;
     EXPECT_EQ(root->OpenStream(L"a/b\x05", nullptr, STGM_WRITE, 0, &stream), STG_E_ACCESSDENIED);
     EXPECT_EQ(root->CreateStorage(L"d", writing, 0, 0, &storage), STG_E_ACCESSDENIED);
     EXPECT_EQ(root->SetClass(CLSID_NULL), STG_E_ACCESSDENIED);
     EXPECT_EQ(root->DestroyElement(L"a/b\x05"), STG_E_ACCESSDENIED);
     EXPECT_EQ(root->Commit(STGC_DEFAULT), S_OK);
-    ASSERT_EQ(root->OpenStream(L"a/b\x05", nullptr, writing, 0, &stream), S_OK);
+    ASSERT_EQ(root->OpenStream(L"a/b\x05", nullptr, writing, 0, &opened), S_OK);
+    ASSERT_EQ(opened->Clone(&stream), S_OK);
+    opened.Reset();
     EXPECT_EQ(stream->Write("x", 1, nullptr), STG_E_ACCESSDENIED);
 
     // A stream keeps its archive; its name is not decoded, while listings decode, and cut at a "/".
@@ -400,6 +424,7 @@ TEST(SZipStorage, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
     STATSTG info{};
     ASSERT_EQ(stream->Stat(&info, STATFLAG_DEFAULT), S_OK);
     EXPECT_STREQ(info.pwcsName, L"a%2fb%05");
+    EXPECT_EQ(info.grfMode, static_cast<DWORD>(STGM_READ));
     CoTaskMemFree(info.pwcsName);
     EXPECT_FALSE(DeleteFileW(file.c_str()));
     stream.Reset();
@@ -429,9 +454,9 @@ TEST(SZipStorage, ListsDecodedNames) {
     CoTaskMemFree(entries[0].pwcsName);
     EXPECT_EQ(list->Next(0, nullptr, nullptr), S_FALSE);
     EXPECT_EQ(list->Skip(1), S_FALSE);
-    EXPECT_EQ(list->Reset(), S_OK);
     EXPECT_EQ(list->Clone(&clone), S_OK);
-    EXPECT_EQ(clone->Skip(1), S_OK);
+    EXPECT_EQ(clone->Skip(1), S_FALSE) << "goes on from here";
+    EXPECT_EQ(list->Reset(), S_OK);
     EXPECT_EQ(list->Next(0, nullptr, nullptr), S_OK);
     EXPECT_EQ(list->Next(1, nullptr, nullptr), STG_E_INVALIDPOINTER);
 }
