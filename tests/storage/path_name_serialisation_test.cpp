@@ -48,6 +48,12 @@ TEST(PathNameSerialisation, WritesTheTextAndItsHash) {
     ab.write(static_cast<IStream*>(nullptr));
     EXPECT_EQ(bytesOf(com.Get()), text + text + hash + "\0\0\0\0"s + text + hash + "\0\0\0\0"s);
 
+    SharedPathName name;
+    stream.SeekToBegin();
+    for (const unsigned version : {3660U, 3661U})
+        name.read(stream, version, convert, {});
+    EXPECT_EQ(stream.GetPosition(), 2 * text.size() + hash.size()) << "its hash is passed over";
+
     CMemFile file;
     CArchive loading(&file, CArchive::load);
     EXPECT_EQ(raised<CArchiveException>([&] { ab.write(loading); }), CArchiveException::readOnly);
