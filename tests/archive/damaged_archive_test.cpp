@@ -23,22 +23,10 @@
 using namespace ArchiveBytes;
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
+using Support::FaultyStream;
 using Vexel::Storage::SZipArchive;
 
 namespace {
-
-class Stream final : public Vexel::Storage::InMemoryIStream {
-public:
-    explicit Stream(std::string_view bytes) {
-        write(bytes.data(), bytes.size());
-        rewind();
-    }
-    bool cloneFails = false;
-
-    HRESULT STDMETHODCALLTYPE Clone(::IStream** clone) noexcept override {
-        return cloneFails ? STG_E_TOOMANYOPENFILES : InMemoryIStream::Clone(clone);
-    }
-};
 
 struct Seen {
     HRESULT opened;
@@ -49,7 +37,7 @@ struct Seen {
 /// Opens and reads all there is; the archive is called "patient".
 Seen examine(const std::string& file) {
     const LogCapture log;
-    SZipArchive archive(Vexel::Detail::adopt(new Stream(file)).Get());
+    SZipArchive archive(Vexel::Detail::adopt(new FaultyStream(file)).Get());
     archive.setFileName(L"patient");
     Seen seen{archive.reload(), {}};
     EXPECT_TRUE(seen.opened == S_OK || seen.opened == STG_E_INVALIDHEADER || seen.opened == E_FAIL ||
@@ -92,7 +80,7 @@ Parts smallArchive() {
     EXPECT_EQ(Support::writeItem(archive, L"b", std::string(3000, 'b')), S_OK);
     EXPECT_EQ(Support::writeItem(archive, L"empty", ""), S_OK);
     archive.item(L"b"sv)->touch();
-    const auto stream = Vexel::Detail::adopt(new Stream({}));
+    const auto stream = Vexel::Detail::adopt(new FaultyStream);
     EXPECT_EQ(archive.save(stream.Get()), S_OK);
     const std::string file = Support::bytesOf(stream.Get());
     std::uint64_t offset = 0;
@@ -172,7 +160,8 @@ TEST(DamagedArchives, TellWhyContentsAreRefused) {
         const LogCapture log;
         const auto list = items == 1 ? u"a\0"s : u"a\0b\0"s;
         SZipArchive archive(
-            Vexel::Detail::adopt(new Stream(archiveOf("hello", streamsHeader(streams, items, list)))).Get());
+            Vexel::Detail::adopt(new FaultyStream(archiveOf("hello", streamsHeader(streams, items, list))))
+                .Get());
         archive.setFileName(L"patient");
         ASSERT_EQ(archive.reload(), S_OK);
         ComPtr<IStream> stream;
@@ -185,8 +174,8 @@ TEST(DamagedArchives, TellWhyContentsAreRefused) {
 
 TEST(DamagedArchives, TellWhatIsMissingToReadThem) {
     const LogCapture log;
-    const auto source = Vexel::Detail::adopt(
-        new Stream(archiveOf("hello", streamsHeader(packInfo(5) + unpackInfo(copyFolder, 5), 1, u"a\0"s))));
+    const auto source = Vexel::Detail::adopt(new FaultyStream(
+        archiveOf("hello", streamsHeader(packInfo(5) + unpackInfo(copyFolder, 5), 1, u"a\0"s))));
     SZipArchive archive(source.Get());
     archive.setFileName(L"patient");
     ASSERT_EQ(archive.reload(), S_OK);
@@ -223,7 +212,7 @@ TEST(DamagedArchives, KeepNamesAsTheyAre) {
                                                 {L"d/", true}};
     std::string file = archiveOf("", listHeader(8, list, files));
     for (int round = 0; round < 2; ++round) {
-        const auto stream = Vexel::Detail::adopt(new Stream(file));
+        const auto stream = Vexel::Detail::adopt(new FaultyStream(file));
         SZipArchive archive(stream.Get());
         ASSERT_EQ(archive.reload(), S_OK);
         EXPECT_EQ(namesOf(archive), expected);
@@ -231,7 +220,7 @@ TEST(DamagedArchives, KeepNamesAsTheyAre) {
         EXPECT_EQ(archive.extractFile(&contents, L"../x"sv), S_OK);
         EXPECT_EQ(archive.extractFile(&contents, L"/x"sv), STG_E_INVALIDNAME);
         EXPECT_EQ(archive.extractFile(&contents, L"a"sv), STG_E_FILENOTFOUND);
-        const auto copy = Vexel::Detail::adopt(new Stream({}));
+        const auto copy = Vexel::Detail::adopt(new FaultyStream);
         EXPECT_EQ(archive.save(copy.Get()), S_OK);
         file = Support::bytesOf(copy.Get());
     }

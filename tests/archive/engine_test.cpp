@@ -7,6 +7,7 @@
 #include "io/com_pointer.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"
+#include "support/streams.h"
 
 #include <vexel/memory_streams.h>
 
@@ -17,8 +18,6 @@
 #include <cstdlib>
 #include <cstring>
 #include <filesystem>
-#include <fstream>
-#include <iterator>
 #include <map>
 #include <random>
 #include <string>
@@ -27,21 +26,11 @@
 
 using namespace Vexel::Storage;
 using namespace Vexel::Storage::Engine;
+using Support::FaultyStream;
+using Support::noise;
 using Vexel::Detail::adopt;
 
 namespace {
-
-std::string noise(std::size_t size) {
-    std::mt19937 random(static_cast<unsigned>(size));
-    std::string bytes(size, '\0');
-    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
-    return bytes;
-}
-
-std::string fileBytes(const std::wstring& path) {
-    std::ifstream file(std::filesystem::path(path), std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
 
 /// What the system's calls are made to do.
 struct Calls {
@@ -184,7 +173,7 @@ TEST_F(Engine7z, TemporaryFileHoldsWhatIsWritten) {
             position += part.size();
         }
         ASSERT_EQ(file->finish(), S_OK);
-        EXPECT_TRUE(fileBytes(path_) == expected);
+        EXPECT_TRUE(Support::readFile(path_) == expected);
     }
     EXPECT_FALSE(std::filesystem::exists(path_));
 }
@@ -212,28 +201,6 @@ TEST_F(Engine7z, TemporaryFileTellsOfEveryFailedWrite) {
 }
 
 // --- Archives
-
-/// A stream of these bytes that fails where it is told to.
-class FaultyStream final : public InMemoryIStream {
-public:
-    explicit FaultyStream(std::string_view bytes = {}) {
-        write(bytes.data(), bytes.size());
-        rewind();
-    }
-    unsigned writesLeft = ~0U;
-    bool readFails = false;
-    bool cloneFails = false;
-
-    HRESULT STDMETHODCALLTYPE Read(void* data, ULONG size, ULONG* done) noexcept override {
-        return readFails ? STG_E_READFAULT : InMemoryIStream::Read(data, size, done);
-    }
-    HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG size, ULONG* done) noexcept override {
-        return writesLeft-- == 0 ? STG_E_WRITEFAULT : InMemoryIStream::Write(data, size, done);
-    }
-    HRESULT STDMETHODCALLTYPE Clone(::IStream** clone) noexcept override {
-        return cloneFails ? STG_E_TOOMANYOPENFILES : InMemoryIStream::Clone(clone);
-    }
-};
 
 UpdateEntry entryOf(const wchar_t* name, std::string_view bytes) {
     UpdateEntry entry;
@@ -308,7 +275,7 @@ TEST_F(Engine7z, CopiesPackedBytesWithFewCalls) {
     std::vector<UpdateEntry> entries = manyEntries(2000, 1000);
     write(entries);
     auto old = read();
-    const std::string before = fileBytes(path_);
+    const std::string before = Support::readFile(path_);
     for (unsigned i = 0; i < entries.size(); ++i) {
         entries[i].databaseIndex = static_cast<int>(i);
         entries[i].name = old->path(i).data();
@@ -330,7 +297,7 @@ TEST_F(Engine7z, CopiesPackedBytesWithFewCalls) {
     };
     const auto copy = read();
     auto expected = packedParts(*old, before);
-    auto written = packedParts(*copy, fileBytes(path_));
+    auto written = packedParts(*copy, Support::readFile(path_));
     ASSERT_EQ(written.size(), 2000U);
     const std::wstring changed(old->path(1234));
     EXPECT_TRUE(written[changed] != expected[changed]);
@@ -343,7 +310,7 @@ TEST_F(Engine7z, PacksHeadersThatAreLargeBesideTheContents) {
     for (const auto& [count, size, isPacked] :
          {std::tuple{10U, 5U, false}, {1000U, 5U, true}, {300U, 5000U, false}}) {
         write(manyEntries(count, size));
-        const std::string file = fileBytes(path_);
+        const std::string file = Support::readFile(path_);
         std::uint64_t offset = 0;
         std::memcpy(&offset, file.data() + 12, sizeof offset);
         EXPECT_EQ(file.at(32 + offset), isPacked ? '\x17' : '\x01') << count;
@@ -388,7 +355,7 @@ TEST_F(Engine7z, PassesFailuresOfStreamsOn) {
     EXPECT_EQ(writeArchive(entries, nullptr, output.Get(), L"x"), STG_E_INVALIDPARAMETER);
 
     write(manyEntries(2, 100));
-    const auto file = adopt(new FaultyStream(fileBytes(path_)));
+    const auto file = adopt(new FaultyStream(Support::readFile(path_)));
     DatabaseStream archive(file.Get());
     EXPECT_EQ(archive.read(L"x"), S_OK);
     EXPECT_EQ(decoded(archive, 1).size(), 100U);
@@ -400,7 +367,7 @@ TEST_F(Engine7z, PassesFailuresOfStreamsOn) {
 
 TEST_F(Engine7z, DecodesOnManyThreadsAndAfterDamage) {
     write(manyEntries(200, 3000));
-    std::string bytes = fileBytes(path_);
+    std::string bytes = Support::readFile(path_);
     const auto first = read();
     const auto position = first->database().GetFolderStreamPos(first->folderOf(7).index, 0);
     bytes[position] = '\x7f'; // no chunk begins so

@@ -7,6 +7,7 @@
 #include "archive/header_stream.h"
 #include "io/com_pointer.h"
 #include "support/archive_bytes.h"
+#include "support/compound_file.h"
 #include "support/scarce_memory.h"
 
 #include <windows.h>
@@ -16,8 +17,6 @@
 
 #include <algorithm>
 #include <cstring>
-#include <fstream>
-#include <iterator>
 #include <string>
 
 namespace {
@@ -43,10 +42,7 @@ private:
     unsigned reads_;
 };
 
-std::string sample(const std::string& name) {
-    std::ifstream file("Z:" VEXEL_TEST_DATA_DIR "/" + name, std::ios::binary);
-    return {std::istreambuf_iterator<char>(file), {}};
-}
+std::string sample(std::wstring_view name) { return Support::readFile(Support::samplePath(name)); }
 
 HRESULT readDatabase(IInStream* input, CDbEx& database) {
     const UInt64 limit = 0;
@@ -92,20 +88,20 @@ void expectFault(const char* name, const std::string& file, HeaderFault fault, u
 }
 
 TEST(HeaderCheck, PassesWhatTheEngineReads) {
-    std::string unfinished = sample("plain-lzma2.7z");
+    std::string unfinished = sample(L"plain-lzma2.7z");
     unfinished.replace(8, 24, 24, '\0');
     std::u16string deep, nested; // names that pack as well as any
     for (int i = 0; i < 1000; ++i)
         nested += (deep += deep.empty() ? u"a" : u"/a") + u'\0';
     const std::pair<const char*, std::string> cases[] = {
-        {"plain header", sample("plain-lzma2.7z")},
-        {"packed header", sample("plain-lzma-packed-header.7z")},
-        {"stored", sample("copy.7z")},
-        {"solid", sample("solid.7z")},
-        {"no items", sample("empty.7z")},
-        {"unknown method", sample("unsupported-ppmd.7z")},
-        {"several methods", sample("unsupported-bcj.7z")},
-        {"encrypted", sample("encrypted-data.7z")},
+        {"plain header", sample(L"plain-lzma2.7z")},
+        {"packed header", sample(L"plain-lzma-packed-header.7z")},
+        {"stored", sample(L"copy.7z")},
+        {"solid", sample(L"solid.7z")},
+        {"no items", sample(L"empty.7z")},
+        {"unknown method", sample(L"unsupported-ppmd.7z")},
+        {"several methods", sample(L"unsupported-bcj.7z")},
+        {"encrypted", sample(L"encrypted-data.7z")},
         {"unfinished, with its header", unfinished},
         {"deep tree", withPackedHeader(listHeader(1000, nested))},
         {"header of no streams", archiveOf("", bytes({0x17, 0}))},
@@ -164,13 +160,13 @@ TEST(HeaderCheck, RefusesWhatTheBytesCannotHold) {
     expectFault("items in a few packed bytes", withPackedHeader(many), HeaderFault::Header);
     expectFault("packed twice", withPackedHeader(packedHeader(lzmaFolder, 1, 1)), HeaderFault::Header);
     expectFault("header behind the end", start(1ULL << 63, 1ULL << 63, 0), HeaderFault::Header);
-    expectFault("encrypted header", sample("encrypted-header.7z"), HeaderFault::Unsupported);
+    expectFault("encrypted header", sample(L"encrypted-header.7z"), HeaderFault::Unsupported);
     expectFault("does not unpack", archiveOf(std::string(600, 'x'), packedHeader(lzmaFolder, 600, 5000)),
                 HeaderFault::Unreadable);
     expectFault("unfinished", "7z\xBC\xAF\x27\x1C\0\4"s + std::string(600, '\0'), HeaderFault::Unreadable);
     expectFault("something else", std::string(600, '7'), HeaderFault::NotAnArchive);
     for (unsigned reads = 0; reads < 3; ++reads)
-        expectFault("input that fails", sample("solid.7z"), HeaderFault::Input, reads);
+        expectFault("input that fails", sample(L"solid.7z"), HeaderFault::Input, reads);
 }
 
 // Whatever passes is read, with memory in proportion to its bytes.
@@ -188,7 +184,7 @@ void judge(const std::string& file) {
 }
 
 TEST(HeaderCheck, LetsNoDamageThrough) {
-    for (const char* name : {"copy.7z", "solid.7z", "unsupported-bcj.7z", "encrypted-data.7z"}) {
+    for (const wchar_t* name : {L"copy.7z", L"solid.7z", L"unsupported-bcj.7z", L"encrypted-data.7z"}) {
         SCOPED_TRACE(name);
         const std::string whole = sample(name);
         Input input(whole);

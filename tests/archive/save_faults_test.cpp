@@ -14,14 +14,13 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <filesystem>
 #include <functional>
 #include <new>
-#include <random>
 #include <string>
 
 using namespace std::string_view_literals;
+using Support::noise;
 using Vexel::Storage::SZipArchive;
 using Vexel::Storage::Engine::Platform;
 using Vexel::Storage::Engine::platform;
@@ -102,14 +101,6 @@ const Call calls[] = {
      }},
 };
 
-/// Bytes that do not pack, so that there is something to read and to write.
-std::string noise(std::size_t size) {
-    std::mt19937 random(static_cast<unsigned>(size));
-    std::string bytes(size, '\0');
-    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
-    return bytes;
-}
-
 class SaveFaults : public testing::Test {
 protected:
     /// `large`: the size of the item that stays.
@@ -161,16 +152,13 @@ protected:
     Support::TempFolder folder_;
     std::wstring path_ = folder_.file(L"a.7z");
     std::wstring model_ = folder_.file(L"old.7z");
-    const Contents old_{{L"a", "first"},
-                        {L"c", ""},
-                        {L"d", Support::directoryMark},
-                        {L"d/b", noise(50'000)},
-                        {L"f", noise(1'200'000)}};
+    const Contents old_{
+        {L"a", "first"}, {L"c", ""}, {L"d", Support::directoryMark}, {L"d/b", noise(50'000)}, {L"f", large_}};
     const Contents new_{{L"a", "changed"},
                         {L"d", Support::directoryMark},
                         {L"d/new", "x"},
                         {L"e", noise(50'000)},
-                        {L"f", noise(1'200'000)}};
+                        {L"f", large_}};
     LogCapture quiet_;
 };
 

@@ -12,11 +12,43 @@
 
 #include <gtest/gtest.h>
 
+#include <algorithm>
+#include <random>
 #include <string>
 #include <string_view>
 
 /// Memory streams with given bytes, and the bytes of any stream.
 namespace Support {
+
+/// Bytes that do not pack, the same for each size.
+inline std::string noise(std::size_t size) {
+    std::mt19937 random(static_cast<unsigned>(size));
+    std::string bytes(size, '\0');
+    std::generate(bytes.begin(), bytes.end(), [&] { return static_cast<char>(random()); });
+    return bytes;
+}
+
+/// A stream of these bytes that fails where it is told to.
+class FaultyStream final : public Vexel::Storage::InMemoryIStream {
+public:
+    explicit FaultyStream(std::string_view bytes = {}) {
+        write(bytes.data(), bytes.size());
+        rewind();
+    }
+    unsigned writesLeft = ~0U;
+    bool readFails = false;
+    bool cloneFails = false;
+
+    HRESULT STDMETHODCALLTYPE Read(void* data, ULONG size, ULONG* done) noexcept override {
+        return readFails ? STG_E_READFAULT : InMemoryIStream::Read(data, size, done);
+    }
+    HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG size, ULONG* done) noexcept override {
+        return writesLeft-- == 0 ? STG_E_WRITEFAULT : InMemoryIStream::Write(data, size, done);
+    }
+    HRESULT STDMETHODCALLTYPE Clone(::IStream** clone) noexcept override {
+        return cloneFails ? STG_E_TOOMANYOPENFILES : InMemoryIStream::Clone(clone);
+    }
+};
 
 /// Our own, at its start.
 inline Microsoft::WRL::ComPtr<Vexel::Storage::InMemoryIStream> streamOf(std::string_view bytes) {
