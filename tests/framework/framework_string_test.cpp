@@ -112,27 +112,19 @@ TEST(FrameworkString, EmptyOnesAreTextToo) {
          {CString(), CString(L""), moved, CString(static_cast<const wchar_t*>(nullptr)),
           CString(static_cast<const char*>(nullptr)), CString(L"abc", 0)}) {
         EXPECT_STREQ(empty.GetString(), L"");
-        EXPECT_TRUE(empty.IsEmpty());
-        EXPECT_EQ(empty, CString());
+        EXPECT_EQ(empty.GetLength(), 0);
         EXPECT_EQ(empty.Find(L'a'), -1);
         EXPECT_EQ(wide(empty + L"b"), L"b");
         EXPECT_EQ(empty[0], L'\0');
     }
 }
 
-TEST(FrameworkString, Compares) {
+TEST(FrameworkString, ComparesAndSearches) {
     const CString a = L"Dir\\a";
-    const CString b = L"dir\\B";
-    EXPECT_TRUE(a < b && a <= b && b > a && a != b);
-    EXPECT_TRUE(a == L"Dir\\a" && L"Dir\\a" == a && a != L"Dir\\" && L"Dir" < a);
-    EXPECT_EQ(a.CompareNoCase(L"dIR\\A"), 0);
-    EXPECT_LT(a.CompareNoCase(b), 0);
+    EXPECT_TRUE(a < L"dir\\B" && L"Dir" < a && a != L"Dir\\");
+    EXPECT_TRUE(a.CompareNoCase(L"dIR\\A") == 0 && a.CompareNoCase(L"dir\\B") < 0);
     EXPECT_GT(CString(L"\xFFFF").Compare(L"\x0001"), 0);
-}
-
-TEST(FrameworkString, Searches) {
     const CString text = L"a.b.c";
-    EXPECT_EQ(text.Find(L'.'), 1);
     EXPECT_EQ(text.Find(L'.', 2), 3);
     EXPECT_EQ(text.Find(L".c"), 3);
     EXPECT_EQ(text.Find(L'.', 6), -1);
@@ -142,7 +134,6 @@ TEST(FrameworkString, Searches) {
     EXPECT_EQ(text.FindOneOf(L"xyz"), -1);
     CString slashes = L"a/b/c";
     EXPECT_EQ(slashes.Replace(L'/', L'\\'), 2);
-    EXPECT_EQ(slashes, L"a\\b\\c");
     EXPECT_EQ(slashes.Insert(1, L'\0'), 6) << "a zero is a character too";
     EXPECT_EQ(wide(slashes), std::wstring(L"a\0\\b\\c", 6));
 }

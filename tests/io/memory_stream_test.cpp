@@ -88,24 +88,20 @@ TEST(ComObjects, EndOnceWithTheLastReference) {
     EXPECT_EQ(object->AddRef(), 2U);
     EXPECT_EQ(object->Release(), 1U);
 
-    constexpr int threads = 4;
-    std::vector<std::thread> holders;
-    for (int i = 0; i < threads; ++i)
+    std::vector<std::jthread> holders;
+    for (int i = 0; i < 4; ++i) {
         object->AddRef();
-    for (int i = 0; i < threads; ++i)
         holders.emplace_back([object] {
             for (int k = 0; k < 20'000; ++k) {
                 void* same = nullptr;
                 object->QueryInterface(IID_IUnknown, &same);
-                object->AddRef();
-                object->Release();
                 object->Release();
             }
             object->Release();
         });
+    }
     object->Release();
-    for (std::thread& holder : holders)
-        holder.join();
+    holders.clear();
     EXPECT_EQ(ends, 1);
 }
 

@@ -13,6 +13,7 @@
 #include <algorithm>
 #include <random>
 #include <string>
+#include <vector>
 
 using Support::bytesOf;
 using Support::streamOf;
@@ -88,13 +89,16 @@ int causeOf(const std::function<void()>& action) { return Support::raised<CFileE
 std::string sampleFile(const wchar_t* name) { return Support::readFile(Support::samplePath(name)); }
 
 TEST(CompressedStream, InflatesWhatZlibDeflated) {
-    for (const std::size_t size : {0u, 1u, 4096u, 16384u, 16385u, 65536u * 3 + 7, 1u << 20}) {
+    std::vector<std::size_t> sizes{0, 1, 16384, 16385, 65536 * 3 + 7, 1 << 20};
+    for (std::size_t size = 4080; size < 4110; ++size)
+        sizes.push_back(size); // level 0 makes them a little longer: what is read ahead cuts the trailer
+    for (const std::size_t size : sizes) {
         for (const int level : {0, 1, 9}) {
             SCOPED_TRACE(testing::Message() << size << " bytes, level " << level);
             const std::string text = sampleText(size);
             const std::string packed = gzip(text, level);
+            const LogCapture log;
             EXPECT_TRUE(decompressed(packed) == text);
-            LogCapture log;
             for (const std::size_t part : {1000u, 16384u, 100'000u}) {
                 Opened file(packed);
                 EXPECT_TRUE(readAll(file, part) == text);
@@ -152,10 +156,9 @@ TEST(CompressedStream, TellsHeadersApart) {
 }
 
 TEST(CompressedStream, ReadsTheSamplesOfGzip) {
-    std::string text;
-    for (int i = 0; i < 100; ++i)
-        text += "inner x\n";
-    EXPECT_EQ(decompressed(sampleFile(L"no-name.gz")), text);
+    const std::string text = decompressed(sampleFile(L"no-name.gz")), line = "inner x\n";
+    EXPECT_EQ(text.size(), 100 * line.size());
+    EXPECT_TRUE(text.starts_with(line) && text.substr(line.size()) + line == text);
     EXPECT_EQ(decompressed(sampleFile(L"with-name.gz")), sampleFile(L"with-name.gz"));
 }
 
@@ -210,16 +213,6 @@ TEST(CompressedStream, ChecksTheTrailerWhenClosing) {
     broken = whole;
     broken[broken.size() - 1] ^= 1; // the size alone is not compared
     EXPECT_EQ(messages(broken, true), Counts(0, 0));
-}
-
-TEST(CompressedStream, FindsATrailerThatTheReadAheadCuts) {
-    for (std::size_t size = 4080; size < 4110; ++size) {
-        const std::string text(size, 'x');
-        const std::string packed = gzip(text, 0); // as long as the text and a little more
-        LogCapture log;
-        EXPECT_TRUE(decompressed(packed) == text);
-        EXPECT_EQ(log.count(VxLog_Error, L""), 0) << size;
-    }
 }
 
 TEST(CompressedStream, CopiesASourceThatGoesOnBehindTheMember) {
