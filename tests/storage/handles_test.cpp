@@ -1,10 +1,6 @@
 #include "support/compound_file.h"
-#include "support/fake_storage.h"
+#include "support/handles.h"
 #include "support/scarce_memory.h"
-
-#include <vexel/storage.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <array>
@@ -15,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-using Support::Element;
+using namespace Support;
 using SeekPosition = vxio::IReadStream::SeekPosition;
 
 namespace Support {
@@ -33,8 +29,6 @@ std::string hex(long status) {
 }
 #define EXPECT_STATUS(call, expected) EXPECT_EQ(hex(call), hex(expected))
 
-SharedPathName name(std::wstring_view text) { return {text, true, false}; }
-
 const std::vector<Element> sample{{L"Box/", {}},
                                   {L"Box/Deep/", {}},
                                   {L"Box/Deep/NOTE", "deep"},
@@ -42,52 +36,29 @@ const std::vector<Element> sample{{L"Box/", {}},
                                   {L"Long", std::string(50, 'x')},
                                   {L"Short", "0123456789"}};
 
-std::string contents(StreamRef& stream) {
-    std::string bytes(static_cast<size_t>(stream.GetLength()), '\0');
-    stream.SeekToBegin();
-    bytes.resize(static_cast<size_t>(stream.ReadBytes(bytes.data(), bytes.size())));
-    return bytes;
-}
-
 void collect(const StorageRef& storage, const std::wstring& prefix, std::vector<Element>& elements) {
     StorageEnumerator child;
     ASSERT_EQ(child.reset(storage), S_OK);
     while (child.moveNext()) {
-        const std::wstring path = prefix + std::wstring(child.name().asStringView());
-        StreamRef stream;
-        StorageRef inner;
-        if (child.type() == StorageType::Stream) {
-            EXPECT_STATUS(stream.open(child.name(), storage, true), S_OK);
-            EXPECT_EQ(child.size().QuadPart, stream.size());
-            elements.push_back({path, contents(stream)});
-        } else {
-            EXPECT_STATUS(inner.open(child.name(), storage, true), S_OK);
+        const std::wstring path = prefix + child.name().asString();
+        if (child.type() == StorageType::Storage) {
             elements.push_back({path + L"/", {}});
-            collect(inner, path + L"/", elements);
+            collect(openStorage(child.name().asString(), storage), path + L"/", elements);
+            continue;
         }
+        elements.push_back({path, read(child.name().asString(), storage)});
+        EXPECT_EQ(child.size().QuadPart, elements.back().contents.size());
     }
-    EXPECT_EQ(child.type(), StorageType{});
-    EXPECT_TRUE(child.name().empty());
+    EXPECT_TRUE(child.type() == StorageType{} && child.name().empty());
 }
 
 class Handles : public testing::Test {
 protected:
-    void SetUp() override { Support::writeCompoundFile(file_, sample); }
-    ~Handles() override { StorageContainer::Instance().deleteUnusedObjects(); }
+    void SetUp() override { writeCompoundFile(file_, sample); }
+    ~Handles() override { container().deleteUnusedObjects(); }
 
-    StorageRef open(RootStorageOpenMode mode) const {
-        StorageRef root;
-        EXPECT_STATUS(root.open(name(file_), mode, false), S_OK);
-        return root;
-    }
-    StorageRef forReading() const { return open(RootStorageOpenMode::ReadOnlyDenyWrite); }
-    StorageRef forWriting() const { return open(RootStorageOpenMode::ReadWrite); }
-
-    StreamRef stream(const wchar_t* text, const StorageRef& parent) const {
-        StreamRef handle;
-        EXPECT_STATUS(handle.open(text, parent, true), S_OK);
-        return handle;
-    }
+    StorageRef forReading() const { return openRoot(path_, modeReadDenyWrite); }
+    StorageRef forWriting() const { return openRoot(path_, modeWrite); }
 
     /// Whether nobody has the file open.
     bool released() const {
@@ -96,52 +67,45 @@ protected:
         return handle != INVALID_HANDLE_VALUE && CloseHandle(handle);
     }
 
-    Support::TempFolder folder_;
+    TempFolder folder_;
     std::wstring file_ = folder_.file(L"sample.cfb");
+    SharedPathName path_ = path(file_);
 };
 
 TEST(NullHandles, AnswerEveryCall) {
     StorageRef storage;
-    StreamRef stream;
-    StreamRef other;
+    StreamRef stream, other;
     StorageEnumerator children;
     FILETIME times[2] = {{1, 1}, {1, 1}};
     unsigned long done = 7;
     char byte = 0;
-    const std::pair<const char*, long> refused[] = {
-        {"open storage", storage.open(L"x", StorageRef(), true)},
-        {"create storage", storage.create(CStringW(L"x"), StorageRef(), false)},
-        {"destroy", storage.destroy(L"x")},
-        {"clear", storage.clear()},
-        {"commit", storage.commit()},
-        {"borrowPackedData", storage.borrowPackedData(StorageRef())},
-        {"stat", storage.stat(&times[0], nullptr)},
-        {"open stream", stream.open(CStringW(L"x"), storage, true)},
-        {"create stream", stream.create(L"x", storage)},
-        {"read", stream.read(&byte, 1, &done)},
-        {"write", stream.write(&byte, 1, nullptr)},
-        {"copyTo", stream.copyTo(other)},
-        {"commit stream", stream.commit()},
-        {"stat stream", stream.stat(nullptr, &times[1])},
+    const long refused[] = {
+        storage.open(L"x", StorageRef(), true),
+        storage.create(CStringW(L"x"), StorageRef(), false),
+        storage.destroy(L"x"),
+        storage.clear(),
+        storage.commit(),
+        storage.borrowPackedData(StorageRef()),
+        storage.stat(&times[0], nullptr),
+        stream.open(CStringW(L"x"), storage, true),
+        stream.create(L"x", storage),
+        stream.read(&byte, 1, &done),
+        stream.write(&byte, 1, nullptr),
+        stream.copyTo(other),
+        stream.commit(),
+        stream.stat(nullptr, &times[1]),
     };
-    for (const auto& [call, status] : refused)
-        EXPECT_EQ(hex(status), hex(STG_E_INVALIDPARAMETER)) << call;
+    EXPECT_THAT(refused, testing::Each(STG_E_INVALIDPARAMETER));
     EXPECT_STATUS(stream.setSize(1), E_FAIL);
-    for (const FILETIME& time : times)
-        EXPECT_EQ(time.dwLowDateTime + time.dwHighDateTime, 0u);
-    EXPECT_EQ(done, 0u);
+    EXPECT_EQ(times[0].dwLowDateTime + times[1].dwHighDateTime + done, 0u);
 
     EXPECT_TRUE(storage.null() && !storage && stream.null() && !stream && children.null() && !children);
     EXPECT_TRUE(storage == StorageRef::fromPtr(nullptr) && stream == other && storage.parent().null());
-    EXPECT_TRUE(storage.readOnly() && stream.readOnly());
+    EXPECT_TRUE(storage.readOnly() && stream.readOnly() && !storage.storage() && !stream.stream());
     EXPECT_TRUE(storage.name().empty() && stream.name().empty() && children.name().empty());
-    EXPECT_EQ(storage.format(), StorageFormat::None);
-    EXPECT_EQ(stream.compression(), StreamCompression::None);
-    EXPECT_EQ(children.type(), StorageType{});
-    EXPECT_FALSE(storage.hasChild(name(L"x"), StorageType{}) || children.moveNext());
+    EXPECT_TRUE(storage.format() == StorageFormat::None && stream.compression() == StreamCompression::None);
+    EXPECT_FALSE(storage.hasChild(element(L"x"), StorageType{}) || children.moveNext());
     EXPECT_FALSE(storage.getFileTimes(nullptr, nullptr, nullptr));
-    EXPECT_EQ(storage.storage(), nullptr);
-    EXPECT_EQ(stream.stream(), nullptr);
     storage.close();
     storage.deleteUnusedObjects();
     children.release();
@@ -149,39 +113,30 @@ TEST(NullHandles, AnswerEveryCall) {
 
 TEST_F(Handles, ReadWhatTheSystemWrote) {
     for (const unsigned sectorSize : {512u, 4096u}) {
-        Support::writeCompoundFile(file_, sample, sectorSize);
+        writeCompoundFile(file_, sample, sectorSize);
         std::vector<Element> elements;
         collect(forReading(), L"", elements);
-        std::vector<Element> expected = Support::readCompoundFile(file_);
-        EXPECT_TRUE(elements == expected && elements.size() == sample.size()) << sectorSize;
+        EXPECT_TRUE(elements == readCompoundFile(file_) && elements.size() == sample.size()) << sectorSize;
     }
 }
 
 TEST_F(Handles, WriteWhatTheSystemReads) {
-    StorageRef root = forWriting();
-    StorageRef made;
-    EXPECT_STATUS(made.create(L"Made", root, false), S_OK);
-    StreamRef written;
-    EXPECT_STATUS(written.create(L"New", made), S_OK);
-    EXPECT_EQ(written.WriteBytes("new", 3), 3u);
-    StreamRef emptied;
-    EXPECT_STATUS(emptied.open(L"Long", root, false), S_OK);
+    StorageRef root = forWriting(), made = newStorage(L"Made", root), again;
+    StreamRef written = newStream(L"New", made, "new");
+    StreamRef emptied = openStream(L"Long", root, false);
     EXPECT_EQ(emptied.size(), 0u);
-    unsigned long done = 0;
-    EXPECT_STATUS(emptied.write("longer", 6, &done), S_OK);
+    EXPECT_STATUS(emptied.write("longer", 6, nullptr), S_OK);
     EXPECT_STATUS(emptied.setSize(4), S_OK);
     EXPECT_STATUS(root.destroy(L"Short"), S_OK);
     EXPECT_STATUS(made.create(L"Box", root, false), STG_E_FILEALREADYEXISTS);
     EXPECT_TRUE(made.null()) << "a failed create lets go of what the handle held";
     EXPECT_STATUS(made.create(L"Box", root, true), S_OK);
-    StorageRef again;
     EXPECT_STATUS(again.create(L"Box", root, true), STG_E_FILEALREADYEXISTS) << "while a handle is on it";
     EXPECT_STATUS(made.commit(), S_OK);
     EXPECT_STATUS(again.open(L"Made", root, false), S_OK);
     EXPECT_STATUS(again.commit(), S_OK);
     EXPECT_STATUS(root.commit(), S_OK);
-    StreamRef uncommitted;
-    EXPECT_STATUS(uncommitted.create(L"Lost", root), S_OK);
+    StreamRef uncommitted = newStream(L"Lost", root);
     EXPECT_STATUS(uncommitted.create(L"Lost", root), S_OK) << "its own handle went first";
     for (StorageRef* handle : {&again, &made, &root})
         handle->close();
@@ -190,24 +145,19 @@ TEST_F(Handles, WriteWhatTheSystemReads) {
     ASSERT_TRUE(released());
     const std::vector<Element> expected{
         {L"Box/", {}}, {L"Made/", {}}, {L"Made/New", "new"}, {L"Long", "long"}};
-    std::vector<Element> found = Support::readCompoundFile(file_);
-    for (const Element& element : expected)
-        EXPECT_EQ(std::count(found.begin(), found.end(), element), 1);
-    EXPECT_EQ(found.size(), expected.size());
+    EXPECT_THAT(readCompoundFile(file_), testing::UnorderedElementsAreArray(expected));
 }
 
 TEST_F(Handles, RootsThatCannotBeOpened) {
-    const std::wstring text = folder_.file(L"text");
-    Support::writeFile(text, std::string(2000, 't'));
-    const std::wstring empty = folder_.file(L"empty");
-    Support::writeFile(empty, "");
-    const std::wstring five = folder_.file(L"five");
-    Support::writeFile(five, "\xD0\xCF\x11\xE0\xA1");
-    const std::wstring locked = folder_.file(L"locked");
-    Support::writeCompoundFile(locked, sample);
+    const std::wstring text = folder_.file(L"text"), empty = folder_.file(L"empty"),
+                       five = folder_.file(L"five"), locked = folder_.file(L"locked"),
+                       guarded = folder_.file(L"guarded");
+    writeFile(text, std::string(2000, 't'));
+    writeFile(empty, "");
+    writeFile(five, "\xD0\xCF\x11\xE0\xA1");
+    for (const std::wstring& file : {locked, guarded})
+        writeCompoundFile(file, sample);
     const HANDLE lock = CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    const std::wstring guarded = folder_.file(L"guarded");
-    Support::writeCompoundFile(guarded, sample);
     SetFileAttributesW(guarded.c_str(), FILE_ATTRIBUTE_READONLY);
     const auto win32 = [](unsigned long error) { return static_cast<long>(HRESULT_FROM_WIN32(error)); };
     const struct {
@@ -226,19 +176,15 @@ TEST_F(Handles, RootsThatCannotBeOpened) {
     };
     for (const auto& [file, reading, writing] : cases) {
         StorageRef handle = forReading();
-        for (const RootStorageOpenMode mode :
-             {RootStorageOpenMode::ReadOnly, RootStorageOpenMode::ReadOnlyDenyWrite,
-              RootStorageOpenMode::ReadWrite}) {
-            const long expected = mode == RootStorageOpenMode::ReadWrite ? writing : reading;
-            EXPECT_EQ(hex(handle.open(name(file), mode, false)), hex(expected))
+        for (const RootStorageOpenMode mode : {modeRead, modeReadDenyWrite, modeWrite}) {
+            const long expected = mode == modeWrite ? writing : reading;
+            EXPECT_EQ(hex(handle.open(path(file), mode, false)), hex(expected))
                 << CStringW(file.c_str()).GetString() << " mode " << static_cast<int>(mode);
             EXPECT_EQ(handle.null(), FAILED(expected));
         }
     }
     CloseHandle(lock);
-    StorageRef handle;
-    EXPECT_STATUS(handle.open(SharedPathName(), RootStorageOpenMode::ReadOnly, false),
-                  STG_E_INVALIDPARAMETER);
+    EXPECT_STATUS(StorageRef().open(SharedPathName(), modeRead, false), STG_E_INVALIDPARAMETER);
 }
 
 TEST_F(Handles, NamesThatAreNone) {
@@ -261,51 +207,37 @@ TEST_F(Handles, NamesThatAreNone) {
     EXPECT_STATUS(StorageRef().open(L"Short", root, true), STG_E_FILENOTFOUND) << "a stream";
     EXPECT_STATUS(StreamRef().open(L"Box", root, true), STG_E_FILENOTFOUND) << "a storage";
     for (const auto& [text, open, create] : cases) {
+        SCOPED_TRACE(text.substr(0, 40).c_str());
         StorageRef storage;
         StreamRef stream;
-        const CStringW shown = text.substr(0, 40).c_str();
-        EXPECT_EQ(hex(storage.open(text.c_str(), root, true)), hex(open)) << shown.GetString();
-        EXPECT_EQ(hex(stream.open(CStringW(text.c_str()), root, true)), hex(open)) << shown.GetString();
-        EXPECT_EQ(hex(storage.create(CStringW(text.c_str()), root, false)), hex(create)) << shown.GetString();
+        EXPECT_STATUS(storage.open(text.c_str(), root, true), open);
+        EXPECT_STATUS(stream.open(CStringW(text.c_str()), root, true), open);
+        EXPECT_STATUS(storage.create(CStringW(text.c_str()), root, false), create);
         storage.close();
-        EXPECT_EQ(hex(stream.create(text.c_str(), root)), hex(create)) << shown.GetString();
+        EXPECT_STATUS(stream.create(text.c_str(), root), create);
         EXPECT_EQ(stream.null(), FAILED(create));
     }
 }
 
 TEST_F(Handles, EqualWhenTheyReachTheSameNode) {
-    StorageRef root = forReading();
-    EXPECT_EQ(root, forReading());
-    EXPECT_NE(root, open(RootStorageOpenMode::ReadOnly));
-    StorageRef box;
-    StorageRef again;
-    EXPECT_STATUS(box.open(L"Box", root, true), S_OK);
-    EXPECT_STATUS(again.open(CStringW(L"Box"), root, true), S_OK);
-    EXPECT_EQ(box, again);
-    EXPECT_NE(box, root);
-    EXPECT_EQ(box.parent(), root);
-    EXPECT_TRUE(root.parent().null());
-    EXPECT_EQ(box.name(), name(L"Box"));
-    EXPECT_EQ(root.name(), name(file_));
-    EXPECT_EQ(box.format(), StorageFormat::CompoundFile);
-
-    StreamRef one = stream(L"Short", root);
+    const StorageRef root = forReading(), box = openStorage(L"Box", root);
+    EXPECT_TRUE(root == forReading() && root != openRoot(path_, modeRead) && root.parent().null());
+    EXPECT_TRUE(box == openStorage(L"Box", root) && box != root && box.parent() == root);
+    EXPECT_TRUE(box.name() == element(L"Box") && root.name() == path_);
+    StreamRef one = openStream(L"Short", root);
     one.Seek(SeekPosition::Begin, 4);
-    EXPECT_EQ(one, stream(L"Short", root));
+    EXPECT_EQ(one, openStream(L"Short", root));
     EXPECT_EQ(one.GetPosition(), 0u) << "opening a stream that is open rewinds it";
 }
 
 TEST_F(Handles, MayBeTheirOwnParent) {
     StorageRef handle = forWriting();
     EXPECT_STATUS(handle.open(L"Box", handle, true), S_OK);
-    EXPECT_STATUS(handle.open(name(L"Deep"), handle, true), S_OK);
-    StreamRef note = stream(L"NOTE", handle);
-    EXPECT_EQ(contents(note), "deep");
-    note.close();
+    EXPECT_STATUS(handle.open(element(L"Deep"), handle, true), S_OK);
+    EXPECT_EQ(read(L"NOTE", handle), "deep");
     EXPECT_STATUS(handle.create(L"Deeper", handle, false), S_OK);
-    EXPECT_EQ(handle.parent().name(), name(L"Deep"));
     EXPECT_STATUS(handle.open(handle.parent().name(), handle.parent().parent(), true), S_OK);
-    EXPECT_EQ(handle.name(), name(L"Deep"));
+    EXPECT_EQ(handle.name(), element(L"Deep"));
     EXPECT_STATUS(handle.open(L"Deep", StorageRef(), true), STG_E_INVALIDPARAMETER);
     EXPECT_TRUE(handle.notNull()) << "a null parent is refused before anything is let go";
     EXPECT_STATUS(handle.open(L"Gone", handle, true), STG_E_FILENOTFOUND);
@@ -330,12 +262,9 @@ void countReferences(StorageRef& root, const wchar_t* child, Ref first) {
 
 TEST_F(Handles, HoldOneReferenceEach) {
     StorageRef root = forWriting();
-    StorageRef box;
-    EXPECT_STATUS(box.open(L"Box", root, true), S_OK);
-    countReferences(root, L"Box", std::exchange(box, StorageRef()));
-    countReferences(root, L"Short", stream(L"Short", root));
-    StorageRef moved = std::move(root);
-    StorageRef target = open(RootStorageOpenMode::ReadOnly);
+    countReferences(root, L"Box", openStorage(L"Box", root));
+    countReferences(root, L"Short", openStream(L"Short", root));
+    StorageRef moved = std::move(root), target = openRoot(path_, modeRead);
     const StorageRef was = target;
     target = std::move(moved);
     EXPECT_EQ(moved, was) << "move assignment swaps"; // NOLINT(bugprone-use-after-move): it is promised
@@ -344,11 +273,9 @@ TEST_F(Handles, HoldOneReferenceEach) {
 TEST_F(Handles, LetGoOfTheFileWithTheLastHandle) {
     std::array<size_t, 3> order{0, 1, 2};
     do {
-        StorageRef root = forReading();
-        StorageRef box;
-        EXPECT_STATUS(box.open(L"Box", root, true), S_OK);
-        stream(L"Long", root); // stays cached
-        StreamRef note = stream(L"Note", box);
+        StorageRef root = forReading(), box = openStorage(L"Box", root);
+        openStream(L"Long", root); // stays cached
+        StreamRef note = openStream(L"Note", box);
         const std::array<std::function<void()>, 3> closing{[&] { root.close(); }, [&] { box.close(); },
                                                            [&] { note.close(); }};
         for (const size_t which : order) {
@@ -358,35 +285,32 @@ TEST_F(Handles, LetGoOfTheFileWithTheLastHandle) {
         EXPECT_TRUE(released()) << order[0] << order[1] << order[2];
     } while (std::next_permutation(order.begin(), order.end()));
 
-    StorageRef root = forReading();
-    Microsoft::WRL::ComPtr<IStorage> other = Support::openCompoundFile(
-        file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_NOSCRATCH);
-    EXPECT_EQ(other, nullptr) << "a root that was closed in between keeps writers out again";
+    const StorageRef root = forReading();
+    EXPECT_EQ(
+        openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_NOSCRATCH),
+        nullptr)
+        << "a root that was closed in between keeps writers out again";
 }
 
 TEST_F(Handles, TellTimes) {
     const FILETIME longAgo{0, 0x01C00000};
-    FILETIME times[3];
-    FILETIME made;
+    FILETIME times[3], made;
     const HANDLE file =
         CreateFileW(file_.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     ASSERT_TRUE(SetFileTime(file, nullptr, nullptr, &longAgo) && GetFileTime(file, &made, nullptr, nullptr));
     CloseHandle(file);
-    StorageRef root = forReading();
+    const StorageRef root = forReading();
     ASSERT_TRUE(root.getFileTimes(&times[0], &times[1], &times[2]));
     EXPECT_EQ(CompareFileTime(&times[0], &made), 0);
     EXPECT_EQ(CompareFileTime(&times[1], &longAgo), 0);
     EXPECT_EQ(CompareFileTime(&times[2], &longAgo), 1) << "read just now";
-    EXPECT_STATUS(root.stat(&times[0], &times[1]), S_OK);
-    EXPECT_STATUS(stream(L"Short", root).stat(nullptr, nullptr), S_OK);
+    EXPECT_TRUE(root.stat(nullptr, nullptr) == S_OK &&
+                openStream(L"Short", root).stat(nullptr, nullptr) == S_OK);
 }
 
 TEST_F(Handles, MeetAnElementUnderTwoSpellings) {
-    StorageRef root = forWriting();
-    StorageRef box;
-    StorageRef other;
+    StorageRef root = forWriting(), box = openStorage(L"Box", root), other;
     StorageEnumerator children;
-    EXPECT_STATUS(box.open(L"Box", root, true), S_OK);
     EXPECT_STATUS(other.open(L"BOX", root, true), STG_E_ACCESSDENIED);
     EXPECT_STATUS(children.reset(box), S_OK);
     EXPECT_STATUS(root.destroy(L"BOX"), S_OK) << "in nobody's use by this name";
@@ -395,28 +319,25 @@ TEST_F(Handles, MeetAnElementUnderTwoSpellings) {
 }
 
 TEST_F(Handles, EnumeratorsShareByAssignment) {
-    StorageRef root = forReading();
-    StorageEnumerator first;
+    const StorageRef root = forReading();
+    StorageEnumerator first, alias;
     ASSERT_EQ(first.reset(root), S_OK);
-    EXPECT_EQ(first.format(), StorageFormat::CompoundFile);
-    EXPECT_EQ(first.type(), StorageType{});
+    EXPECT_TRUE(first.format() == StorageFormat::CompoundFile && first.type() == StorageType{});
     StorageEnumerator taken(std::move(first));
-    StorageEnumerator alias;
     alias = taken;
     EXPECT_TRUE(alias == taken && alias.moveNext());
     EXPECT_EQ(taken.name(), alias.name());
     EXPECT_TRUE(taken.reset(root) == S_OK && taken.moveNext()) << "begins anew";
-    alias = StorageEnumerator();
+    alias = StorageEnumerator(); // only one of the two may destroy it
 }
 
 TEST_F(Handles, ReportExhaustedMemory) {
     static bool struck;
-    const SharedPathName path = name(file_);
     StorageRef root, box, made;
     StreamRef note, written;
     StorageEnumerator children;
     const std::pair<const char*, std::function<long()>> calls[] = {
-        {"open root", [&] { return root.open(path, RootStorageOpenMode::ReadWrite, false); }},
+        {"open root", [&] { return root.open(path_, modeWrite, false); }},
         {"open storage", [&] { return box.open(L"Box", root, false); }},
         {"open stream", [&] { return note.open(L"Note", box, true); }},
         {"list", [&] { return children.reset(box); }},
@@ -451,7 +372,7 @@ TEST_F(Handles, ReportExhaustedMemory) {
 
 // The system itself may accept these positions, and end the process in the read that follows.
 TEST_F(Handles, NeverSeekOutOfReach) {
-    StreamRef stream = Handles::stream(L"Short", forReading());
+    StreamRef stream = openStream(L"Short", forReading());
     for (const auto origin : {SeekPosition::Begin, SeekPosition::Current, SeekPosition::End}) {
         for (const long long offset : {-11LL, LLONG_MAX, LLONG_MIN, 1LL << 32}) {
             ASSERT_EQ(stream.Seek(SeekPosition::Begin, 3), 3u);
@@ -463,19 +384,15 @@ TEST_F(Handles, NeverSeekOutOfReach) {
 }
 
 TEST_F(Handles, CopyStreams) {
-    StorageRef root = forWriting();
-    StreamRef from = stream(L"Short", root);
-    StreamRef to;
-    EXPECT_STATUS(to.create(L"Target", root), S_OK);
-    EXPECT_EQ(to.WriteBytes(std::string(50, 'y').data(), 50), 50u);
+    const StorageRef root = forWriting();
+    StreamRef from = openStream(L"Short", root), reading = openStream(L"Long", root), null;
+    StreamRef to = newStream(L"Target", root, std::string(50, 'y'));
     from.Seek(SeekPosition::Begin, 4);
     EXPECT_STATUS(from.copyTo(to), S_OK);
     EXPECT_EQ(from.GetPosition(), 4u);
     EXPECT_EQ(contents(to), "0123456789");
     EXPECT_STATUS(from.copyTo(from), STG_E_INVALIDPARAMETER);
-    StreamRef null;
     EXPECT_STATUS(from.copyTo(null), STG_E_INVALIDPARAMETER);
-    StreamRef reading = stream(L"Long", root);
     EXPECT_TRUE(FAILED(from.copyTo(reading)));
     EXPECT_EQ(contents(reading).size(), 50u) << "a stream that cannot be written stays as it was";
 }

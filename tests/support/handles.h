@@ -1,0 +1,75 @@
+#pragma once
+
+#include <vexel/storage.h>
+
+#include <gmock/gmock.h>
+
+#include <string>
+#include <string_view>
+
+/// Short ways to go through the exported handles; a call that fails is a test failure.
+namespace Support {
+
+inline constexpr auto modeRead = RootStorageOpenMode::ReadOnly;
+inline constexpr auto modeReadDenyWrite = RootStorageOpenMode::ReadOnlyDenyWrite;
+inline constexpr auto modeWrite = RootStorageOpenMode::ReadWrite;
+
+inline StorageContainer& container() { return StorageContainer::Instance(); }
+inline SharedPathName element(std::wstring_view name) { return {name, true, false}; }
+inline SharedPathName path(std::wstring_view file) { return {file, false, false}; }
+
+inline StorageRef openRoot(const SharedPathName& path, RootStorageOpenMode mode) {
+    StorageRef root;
+    EXPECT_EQ(root.open(path, mode, false), S_OK);
+    return root;
+}
+inline StorageRef newPackage(const SharedPathName& path) {
+    StorageRef root;
+    EXPECT_EQ(root.create(path), S_OK);
+    return root;
+}
+inline StorageRef openStorage(std::wstring_view name, const StorageRef& parent, bool readOnly = true) {
+    StorageRef storage;
+    EXPECT_EQ(storage.open(element(name), parent, readOnly), S_OK);
+    return storage;
+}
+inline StorageRef newStorage(const wchar_t* name, const StorageRef& parent) {
+    StorageRef storage;
+    EXPECT_EQ(storage.create(name, parent, false), S_OK);
+    return storage;
+}
+inline StreamRef openStream(std::wstring_view name, const StorageRef& parent, bool readOnly = true) {
+    StreamRef stream;
+    EXPECT_EQ(stream.open(element(name), parent, readOnly), S_OK);
+    return stream;
+}
+inline StreamRef newStream(const wchar_t* name, const StorageRef& parent, std::string_view bytes = {}) {
+    StreamRef stream;
+    EXPECT_EQ(stream.create(name, parent), S_OK);
+    EXPECT_EQ(stream.WriteBytes(bytes.data(), bytes.size()), bytes.size());
+    return stream;
+}
+
+/// All bytes, from the beginning on.
+inline std::string contents(StreamRef& stream) {
+    std::string bytes(static_cast<std::size_t>(stream.GetLength()), '\0');
+    stream.SeekToBegin();
+    bytes.resize(static_cast<std::size_t>(stream.ReadBytes(bytes.data(), bytes.size())));
+    return bytes;
+}
+/// Those of a stream that may be missing: "none".
+inline std::string read(std::wstring_view name, const StorageRef& parent) {
+    StreamRef stream;
+    return stream.open(element(name), parent, true) == S_OK ? contents(stream) : "none";
+}
+/// The names in a storage, each with a space behind it, those of storages with a "/" as well.
+inline std::wstring children(const StorageRef& storage) {
+    std::wstring names;
+    StorageEnumerator child;
+    EXPECT_EQ(child.reset(storage), S_OK);
+    while (child.moveNext())
+        names += child.name().asString() + std::wstring(child.type() == StorageType::Storage ? L"/ " : L" ");
+    return names;
+}
+
+} // namespace Support
