@@ -1,28 +1,18 @@
 #include "archive/platform.h"
-#include "storage/element_name.h"
-#include "storage/error_status.h"
 #include "storage/platform_storage.h"
 #include "support/compound_file.h"
+#include "support/handles.h"
 #include "support/log_capture.h"
-
-#include <vexel/storage.h>
-
-#include <gtest/gtest.h>
 
 #include <atomic>
 #include <string>
 #include <thread>
 #include <vector>
 
+using namespace Support;
 using Vexel::Detail::StoragePlatform;
 
 namespace {
-
-constexpr auto modeRead = RootStorageOpenMode::ReadOnly;
-constexpr auto modeReadDenyWrite = RootStorageOpenMode::ReadOnlyDenyWrite;
-constexpr auto modeWrite = RootStorageOpenMode::ReadWrite;
-
-StorageContainer& container() { return StorageContainer::Instance(); }
 
 /// Counts the calls that touch the disk; `failOpen` is what the next opening of a compound file answers, and
 /// `stgm` are the flags of the last.
@@ -71,30 +61,28 @@ private:
 
 class Container : public testing::Test {
 protected:
-    void SetUp() override { Support::writeCompoundFile(file_, {{L"Box/Note", "box"}, {L"Note", "note"}}); }
+    void SetUp() override { writeCompoundFile(file_, {{L"Box/Note", "box"}, {L"Note", "note"}}); }
     ~Container() override {
         container().setDeleteUnusedObjectsCallback(nullptr);
         container().deleteUnusedObjects();
     }
 
-    Support::TempFolder folder_;
+    TempFolder folder_;
     std::wstring file_ = folder_.file(L"sample.cfb");
-    SharedPathName path_{file_, false, false};
+    SharedPathName path_ = path(file_);
     LogCapture log_;
 };
 
 TEST_F(Container, OneRootForPathAndKey) {
-    StorageRef shared, sharedToo, keyed, keyedToo;
+    StorageRef shared = openRoot(path_, modeRead), keyed, keyedToo;
+    EXPECT_EQ(shared, openRoot(path_, modeRead));
     EXPECT_EQ(keyed.open(path_, modeReadDenyWrite, true), S_OK);
-    EXPECT_EQ(
-        keyedToo.open(SharedPathName(folder_.file(L"SAMPLE.CFB"), false, false), modeReadDenyWrite, false),
-        S_OK);
-    EXPECT_EQ(shared.open(path_, modeRead, false), S_OK);
-    EXPECT_EQ(sharedToo.open(path_, modeRead, false), S_OK);
-    EXPECT_TRUE(shared == sharedToo && keyed == keyedToo && shared != keyed);
+    EXPECT_EQ(keyedToo.open(path(folder_.file(L"SAMPLE.CFB")), modeReadDenyWrite, false), S_OK);
+    EXPECT_TRUE(keyed == keyedToo && shared != keyed);
     EXPECT_EQ(keyed.format(), StorageFormat::CompoundFile) << "though a package is tried first";
+    EXPECT_EQ(StorageRef().create(path_), STG_E_FILEALREADYEXISTS);
+    EXPECT_TRUE(shared.storage());
     shared.close();
-    sharedToo.close();
     EXPECT_EQ(keyedToo.open(path_, modeWrite, false), S_OK);
     EXPECT_TRUE(keyedToo == keyed && !keyed.readOnly());
     EXPECT_EQ(log_.count(VxLog_Minor, L""), 0);
@@ -102,7 +90,7 @@ TEST_F(Container, OneRootForPathAndKey) {
 
 TEST_F(Container, MissingFilesAreAskedForOnce) {
     const CountedSystem system;
-    const SharedPathName missing(folder_.file(L"missing"), false, false);
+    const SharedPathName missing = path(folder_.file(L"missing"));
     StorageRef root;
     const auto openings = [&](RootStorageOpenMode mode, long status) {
         const int before = CountedSystem::touched;
@@ -125,89 +113,65 @@ TEST_F(Container, MissingFilesAreAskedForOnce) {
     const SharedPathNameFlagsCacheBlock block;
     EXPECT_FALSE(missing.fileExists());
     EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 0) << "known without having been opened";
-    Support::writeCompoundFile(missing.asString(), {{L"Note", ""}});
+    writeCompoundFile(missing.asString(), {{L"Note", ""}});
     EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 0) << "until somebody looks";
     missing.updateFileExists();
     EXPECT_EQ(openings(modeRead, S_OK), 2);
     root.close();
-    const SharedPathName made(folder_.file(L"made"), false, false);
+    const SharedPathName made = path(folder_.file(L"made")), text = path(folder_.file(L"text"));
     EXPECT_EQ(root.open(made, modeRead, false), STG_E_FILENOTFOUND);
     EXPECT_EQ(root.create(made), S_OK);
-    EXPECT_TRUE(StreamRef().create(L"Note", root) == S_OK && root.commit() == S_OK);
+    newStream(L"Note", root);
+    EXPECT_EQ(root.commit(), S_OK);
     EXPECT_EQ(root.open(made, modeReadDenyWrite, false), S_OK) << "made by us";
     root.close();
-    const SharedPathName text(folder_.file(L"text"), false, false);
-    Support::writeFile(text.asString(), "text");
+    writeFile(text.asString(), "text");
     for (int i = 0; i < 2; ++i)
         EXPECT_EQ(root.open(text, modeRead, false), STG_E_INVALIDHEADER) << "not missing";
 }
 
+// New files are packages, even in the place of a compound file that was open and is in nobody's use.
 TEST_F(Container, ThePlaceOfPackages) {
-    const SharedPathName damaged(folder_.file(L"archive.7z"), false, false);
-    Support::writeFile(damaged.asString(), "7z\xBC\xAF\x27\x1C rest");
-    StorageRef root;
-    EXPECT_EQ(root.open(damaged, modeRead, false), STG_E_INVALIDHEADER);
-    EXPECT_TRUE(root.null());
-
-    // New files are packages, even in the place of a compound file that was open and is in nobody's use.
-    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
+    StorageRef root = openRoot(path_, modeRead);
     EXPECT_EQ(root.format(), StorageFormat::CompoundFile);
     ASSERT_EQ(root.create(path_), S_OK) << "the handle lets go of it first";
-    StreamRef stream;
-    ASSERT_EQ(stream.create(L"Note", root), S_OK);
+    newStream(L"Note", root);
     EXPECT_EQ(root.commit(), S_OK);
-    stream.close();
-    root.close();
-    container().deleteUnusedObjects();
-    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
-    EXPECT_EQ(root.format(), StorageFormat::Package);
-    root.close();
-    container().deleteUnusedObjects();
-    Support::writeFile(file_, "no longer a storage");
-    EXPECT_EQ(root.open(path_, modeRead, false), STG_E_INVALIDHEADER);
-}
-
-TEST_F(Container, CreatingOverAnOpenRoot) {
-    StorageRef root, second;
-    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
-    EXPECT_EQ(second.create(path_), STG_E_FILEALREADYEXISTS);
-    EXPECT_TRUE(root.storage() && second.null());
+    for (const char* const replacement : {"", "no longer a storage", "7z\xBC\xAF\x27\x1C damaged"}) {
+        root.close();
+        container().deleteUnusedObjects();
+        if (*replacement)
+            writeFile(file_, replacement);
+        EXPECT_EQ(root.open(path_, modeRead, false), *replacement ? STG_E_INVALIDHEADER : S_OK);
+        EXPECT_EQ(root.format(), *replacement ? StorageFormat::None : StorageFormat::Package);
+    }
 }
 
 TEST_F(Container, RootsKeepWritersOutAgainAfterAFailure) {
     const CountedSystem system;
-    StorageRef reader, second;
-    ASSERT_EQ(reader.open(path_, modeReadDenyWrite, false), S_OK);
+    const StorageRef reader = openRoot(path_, modeReadDenyWrite);
     EXPECT_EQ(CountedSystem::stgm, 0x10020u);
     CountedSystem::failOpen = STG_E_READFAULT;
-    EXPECT_EQ(second.open(path_, modeWrite, false), STG_E_READFAULT) << "which closes the readers' root";
-    ASSERT_EQ(second.open(path_, modeReadDenyWrite, false), S_OK);
-    EXPECT_EQ(second, reader);
+    EXPECT_EQ(StorageRef().open(path_, modeWrite, false), STG_E_READFAULT)
+        << "which closes the readers' root";
+    EXPECT_EQ(openRoot(path_, modeReadDenyWrite), reader);
     EXPECT_EQ(CountedSystem::stgm, 0x10020u);
 }
 
 TEST_F(Container, UnusedNodesLetGoForAKeyedRoot) {
-    StorageRef shared, box, keyed;
-    ASSERT_EQ(shared.open(path_, modeRead, false), S_OK);
-    ASSERT_EQ(box.open(L"Box", shared, true), S_OK);
-    StreamRef note;
-    ASSERT_EQ(note.open(L"Note", box, true), S_OK);
-    const SharedPathName inBox = note.name();
-    note.close();
-    ASSERT_EQ(keyed.open(path_, modeReadDenyWrite, false), S_OK);
+    const StorageRef shared = openRoot(path_, modeRead), box = openStorage(L"Box", shared);
+    openStream(L"Note", box);
+    const StorageRef keyed = openRoot(path_, modeReadDenyWrite);
     EXPECT_FALSE(container().deleteUnusedObjects()) << "nothing was left to free";
-    EXPECT_TRUE(box.hasChild(inBox, StorageType::Stream) && shared.storage());
+    EXPECT_TRUE(box.hasChild(element(L"Note"), StorageType::Stream) && shared.storage());
 }
 
 TEST_F(Container, CleanUpDuringAnOpening) {
     const CountedSystem system;
-    StorageRef used, root;
-    ASSERT_EQ(used.open(path_, modeRead, false), S_OK);
-    StreamRef note;
-    ASSERT_EQ(note.open(L"Note", used, true), S_OK);
-    note.close();
-    const SharedPathName other(folder_.file(L"other.cfb"), false, false);
-    Support::writeCompoundFile(other.asString(), {{L"Note", ""}});
+    StorageRef used = openRoot(path_, modeRead), root;
+    openStream(L"Note", used);
+    const SharedPathName other = path(folder_.file(L"other.cfb"));
+    writeCompoundFile(other.asString(), {{L"Note", ""}});
 
     CountedSystem::failOpen = STG_E_TOOMANYOPENFILES;
     EXPECT_EQ(root.open(other, modeRead, false), S_OK) << "the unused stream was freed";
@@ -230,22 +194,17 @@ TEST_F(Container, CleanUpDuringAnOpening) {
 }
 
 TEST_F(Container, ClearingLeavesHandlesSafe) {
-    StorageRef root, wrapped;
-    ASSERT_EQ(root.open(path_, modeRead, false), S_OK);
-    StreamRef note;
-    ASSERT_EQ(note.open(L"Note", root, true), S_OK);
+    StorageRef root = openRoot(path_, modeRead);
+    StreamRef note = openStream(L"Note", root);
     const std::wstring caller = folder_.file(L"caller.cfb");
-    Support::writeCompoundFile(caller, {{L"Note", "note"}});
-    const auto storage =
-        Support::openCompoundFile(caller, STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READWRITE);
-    wrapped = StorageRef::fromPtr(storage.Get());
+    writeCompoundFile(caller, {{L"Note", "note"}});
+    const auto storage = openCompoundFile(caller, STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READWRITE);
+    StorageRef wrapped = StorageRef::fromPtr(storage.Get());
     container().clearAll();
-    EXPECT_NE(Support::openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE),
-              nullptr)
+    EXPECT_NE(openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE), nullptr)
         << "the file is let go of";
     EXPECT_NE(StorageRef::fromPtr(storage.Get()), wrapped) << "the table is empty";
-    StorageRef again;
-    EXPECT_EQ(again.open(path_, modeRead, false), S_OK);
+    StorageRef again = openRoot(path_, modeRead);
     EXPECT_TRUE(again != root && note.size() == 4 && root.storage()) << "opened anew, apart";
     again.close();
     container().deleteUnusedObjects();
@@ -257,16 +216,12 @@ TEST_F(Container, ClearingLeavesHandlesSafe) {
 }
 
 TEST_F(Container, WrappedInterfacesComeBackAfterTheirLastHandle) {
-    const auto storage =
-        Support::openCompoundFile(file_, STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READWRITE);
+    const auto storage = openCompoundFile(file_, STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READWRITE);
     for (int i = 0; i < 2; ++i) {
         StorageRef root = StorageRef::fromPtr(storage.Get());
         EXPECT_EQ(root, StorageRef::fromPtr(storage.Get()));
-        EXPECT_EQ(root.storage(), storage.Get());
-        EXPECT_TRUE(root.name().empty());
-        EXPECT_FALSE(root.readOnly());
-        StreamRef note;
-        EXPECT_EQ(note.open(L"Note", root, true), S_OK);
+        EXPECT_TRUE(root.storage() == storage.Get() && root.name().empty() && !root.readOnly());
+        openStream(L"Note", root);
     }
     Microsoft::WRL::ComPtr<::IStream> free;
     EXPECT_EQ(storage->OpenStream(L"Note", nullptr, STGM_SHARE_EXCLUSIVE | STGM_READ, 0, &free), S_OK)
@@ -283,8 +238,7 @@ TEST_F(Container, WrappedInterfacesComeBackAfterTheirLastHandle) {
 }
 
 TEST_F(Container, OpenCloseAndCleanUpOnManyThreads) {
-    StorageRef outer;
-    ASSERT_EQ(outer.open(path_, modeReadDenyWrite, false), S_OK);
+    StorageRef outer = openRoot(path_, modeReadDenyWrite);
     std::atomic<bool> stop{false};
     std::atomic<int> failures{0};
     std::thread cleaner([&] {
@@ -294,16 +248,16 @@ TEST_F(Container, OpenCloseAndCleanUpOnManyThreads) {
     // The nodes of one root are for one thread; the root itself is opened and closed by all.
     const auto work = [&](int number) {
         const std::wstring file = folder_.file(L"own" + std::to_wstring(number));
-        Support::writeCompoundFile(file, {{L"Box/Note", "box"}});
+        writeCompoundFile(file, {{L"Box/Note", "box"}});
         for (int i = 0; i < 40; ++i) {
             StorageRef root, box;
             StreamRef note;
             if (FAILED(root.open(path_, modeReadDenyWrite, false)) ||
-                FAILED(root.open(SharedPathName(file, false, false), modeRead, false)))
+                FAILED(root.open(path(file), modeRead, false)))
                 ++failures;
             for (int again = 0; again < 5; ++again)
                 if (FAILED(box.open(L"Box", root, true)) || FAILED(note.open(L"Note", box, true)) ||
-                    note.size() != 3 || box.hasChild(SharedPathName(L"Nix", true, false), StorageType{}))
+                    note.size() != 3 || box.hasChild(element(L"Nix"), StorageType{}))
                     ++failures;
         }
     };
@@ -318,31 +272,6 @@ TEST_F(Container, OpenCloseAndCleanUpOnManyThreads) {
     outer.close();
     container().deleteUnusedObjects();
     EXPECT_FALSE(container().deleteUnusedObjects());
-}
-
-TEST(ContainerSettings, CreateOnDiskReturnsThePrevious) {
-    EXPECT_FALSE(container().SetCreateOnDisk(true));
-    EXPECT_TRUE(container().createOnDisk());
-    EXPECT_TRUE(container().setCreateOnDisk(false));
-    EXPECT_FALSE(container().GetCreateOnDisk());
-}
-
-TEST(ErrorStatus, SystemErrorsAndConditions) {
-    const std::pair<std::error_code, HRESULT> cases[] = {
-        {{}, S_OK},
-        {{ERROR_SHARING_VIOLATION, std::system_category()}, HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION)},
-        {{2, std::generic_category()}, STG_E_FILENOTFOUND},
-        {{12, std::generic_category()}, STG_E_INSUFFICIENTMEMORY},
-        {{13, std::generic_category()}, STG_E_ACCESSDENIED},
-        {{20, std::generic_category()}, STG_E_PATHNOTFOUND},
-        {{21, std::generic_category()}, STG_E_INVALIDFUNCTION},
-        {{23, std::generic_category()}, STG_E_TOOMANYOPENFILES},
-        {{24, std::generic_category()}, STG_E_TOOMANYOPENFILES},
-        {{38, std::generic_category()}, STG_E_INVALIDNAME},
-        {{17, std::generic_category()}, E_FAIL},
-    };
-    for (const auto& [error, status] : cases)
-        EXPECT_EQ(Vexel::Detail::statusOf(error), status) << error;
 }
 
 } // namespace
