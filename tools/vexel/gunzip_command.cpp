@@ -43,11 +43,14 @@ private:
 
 /// The end of a gzip stream says how long its contents are, modulo 2^32.
 unsigned long storedSize(StreamRef& stream) {
-    unsigned char size[4]{};
+    unsigned char bytes[4]{};
     stream.Seek(vxio::IReadStream::End, -4);
-    stream.ReadBytes(size, sizeof size);
+    stream.ReadBytes(bytes, sizeof bytes);
     stream.SeekToBegin();
-    return size[0] | size[1] << 8 | size[2] << 16 | static_cast<unsigned long>(size[3]) << 24;
+    unsigned long size = 0;
+    for (unsigned i = 0; i < 4; ++i)
+        size |= static_cast<unsigned long>(bytes[i]) << 8 * i;
+    return size;
 }
 
 bool isGzip(StreamRef& stream) {
