@@ -12,12 +12,12 @@
 #include <windows.h>
 
 #include <objbase.h>
-#include <propidl.h>
 
 #include <gtest/gtest.h>
 
 #include <array>
 #include <filesystem>
+#include <functional>
 #include <random>
 #include <string>
 #include <vector>
@@ -36,10 +36,27 @@ ComPtr<SZipStorage> inMemory() {
     return root;
 }
 
+ComPtr<SZipStorage> open(const std::wstring& file, DWORD mode) {
+    ComPtr<SZipStorage> root;
+    EXPECT_EQ(Vexel::Storage::openPackage(file.c_str(), mode, true, root.GetAddressOf()), S_OK);
+    return root;
+}
+
 ComPtr<IStorage> compound(const std::wstring& file) {
     ComPtr<IStorage> root;
     EXPECT_EQ(StgCreateDocfile(file.c_str(), STGM_CREATE | writing, 0, &root), S_OK);
     return root;
+}
+
+ComPtr<IStorage> newStorage(IStorage* parent, const wchar_t* name) {
+    ComPtr<IStorage> storage;
+    EXPECT_EQ(parent->CreateStorage(name, writing, 0, 0, &storage), S_OK);
+    return storage;
+}
+ComPtr<IStorage> openStorage(IStorage* parent, const wchar_t* name, DWORD mode) {
+    ComPtr<IStorage> storage;
+    EXPECT_EQ(parent->OpenStorage(name, nullptr, mode, nullptr, 0, &storage), S_OK);
+    return storage;
 }
 
 HRESULT write(IStorage* storage, const wchar_t* name, std::string_view bytes, DWORD flags = STGM_CREATE) {
@@ -157,9 +174,8 @@ TEST(SZipStorage, DoesWhatTheSystemsStorageDoes) {
     const LogCapture quiet;
     for (unsigned seed = 0; seed < 40; ++seed) {
         SCOPED_TRACE(seed);
-        ComPtr<SZipStorage> ours;
         const std::wstring file = folder.file(std::to_wstring(seed) + L".7z");
-        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), STGM_READWRITE, true, ours.GetAddressOf()), S_OK);
+        ComPtr<SZipStorage> ours = open(file, STGM_READWRITE);
         const ComPtr<IStorage> theirs = compound(folder.file(std::to_wstring(seed)));
         const auto expected = runScript(theirs.Get(), seed);
         const auto found = runScript(ours.Get(), seed);
@@ -167,8 +183,7 @@ TEST(SZipStorage, DoesWhatTheSystemsStorageDoes) {
             ASSERT_EQ(found[i], expected[i]);
         ASSERT_EQ(describe(ours.Get()), describe(theirs.Get()));
         ASSERT_EQ(ours->Commit(STGC_DEFAULT), S_OK);
-        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), reading, true, ours.ReleaseAndGetAddressOf()),
-                  S_OK);
+        ours = open(file, reading);
         ASSERT_EQ(describe(ours.Get()), describe(theirs.Get()));
 
         // Into each other by their own means, and back.
@@ -181,99 +196,57 @@ TEST(SZipStorage, DoesWhatTheSystemsStorageDoes) {
     }
 }
 
-struct Case {
-    const char* name;
-    HRESULT (*run)(IStorage* storage);
-    HRESULT expected;
-};
-
-IUnknown* dummy() {
-    static const ComPtr<IStream> stream =
-        Vexel::Detail::adopt<IStream>(new Vexel::Storage::InMemoryIStream());
-    return stream.Get();
-}
-
-using Call = HRESULT (*)(IStorage* storage, const wchar_t* name, DWORD mode, DWORD reserved, void** result);
-
-void expectChecked(Call call) {
-    const ComPtr<SZipStorage> root = inMemory();
-    void* result = dummy();
-    EXPECT_EQ(call(root.Get(), L"n", writing, 0, nullptr), STG_E_INVALIDPOINTER);
-    EXPECT_EQ(call(root.Get(), nullptr, writing, 0, &result), STG_E_INVALIDNAME);
-    EXPECT_EQ(result, nullptr);
-    EXPECT_EQ(call(root.Get(), L"", writing, 0, &result), STG_E_INVALIDNAME);
-    EXPECT_EQ(call(root.Get(), L"n", writing, 1, &result), STG_E_INVALIDPARAMETER);
-}
-
 TEST(SZipStorage, ChecksItsArguments) {
-    expectChecked([](IStorage* s, const wchar_t* name, DWORD mode, DWORD reserved, void** result) {
-        return s->CreateStream(name, mode, 0, reserved, reinterpret_cast<IStream**>(result));
-    });
-    expectChecked([](IStorage* s, const wchar_t* name, DWORD mode, DWORD reserved, void** result) {
-        return s->OpenStream(name, reserved ? dummy() : nullptr, mode, 0,
-                             reinterpret_cast<IStream**>(result));
-    });
-    expectChecked([](IStorage* s, const wchar_t* name, DWORD mode, DWORD reserved, void** result) {
-        return s->CreateStorage(name, mode, reserved, 0, reinterpret_cast<IStorage**>(result));
-    });
-    expectChecked([](IStorage* s, const wchar_t* name, DWORD mode, DWORD reserved, void** result) {
-        return s->OpenStorage(name, nullptr, mode, nullptr, reserved, reinterpret_cast<IStorage**>(result));
-    });
+    const ComPtr<SZipStorage> root = inMemory();
+    const ComPtr<IStream> other = Support::systemStream();
+    const std::function<HRESULT(const wchar_t* name, DWORD reserved, void** result)> calls[] = {
+        [&](const wchar_t* name, DWORD reserved, void** result) {
+            return root->CreateStream(name, writing, 0, reserved, reinterpret_cast<IStream**>(result));
+        },
+        [&](const wchar_t* name, DWORD reserved, void** result) {
+            return root->OpenStream(name, reserved ? other.Get() : nullptr, writing, 0,
+                                    reinterpret_cast<IStream**>(result));
+        },
+        [&](const wchar_t* name, DWORD reserved, void** result) {
+            return root->CreateStorage(name, writing, reserved, 0, reinterpret_cast<IStorage**>(result));
+        },
+        [&](const wchar_t* name, DWORD reserved, void** result) {
+            return root->OpenStorage(name, nullptr, writing, nullptr, reserved,
+                                     reinterpret_cast<IStorage**>(result));
+        },
+    };
+    for (const auto& call : calls) {
+        void* result = other.Get();
+        EXPECT_EQ(call(L"n", 0, nullptr), STG_E_INVALIDPOINTER);
+        EXPECT_EQ(call(nullptr, 0, &result), STG_E_INVALIDNAME);
+        EXPECT_EQ(result, nullptr);
+        EXPECT_EQ(call(L"", 0, &result), STG_E_INVALIDNAME);
+        EXPECT_EQ(call(L"n", 1, &result), STG_E_INVALIDPARAMETER);
+    }
 }
-
-const Case cases[] = {
-    {"revert", [](IStorage* s) { return s->Revert(); }, E_NOTIMPL},
-    {"times", [](IStorage* s) { return s->SetElementTimes(L"nix", nullptr, nullptr, nullptr); }, S_OK},
-    {"shallow copy", [](IStorage* s) { return s->MoveElementTo(L"a", s, L"b", STGMOVE_SHALLOWCOPY); },
-     E_NOTIMPL},
-    {"unknown move", [](IStorage* s) { return s->MoveElementTo(L"a", s, L"b", 3); }, STG_E_INVALIDFLAG},
-    {"move to null", [](IStorage* s) { return s->MoveElementTo(L"a", nullptr, L"b", STGMOVE_MOVE); },
-     STG_E_INVALIDPOINTER},
-    {"copy onto itself", [](IStorage* s) { return s->MoveElementTo(L"a", s, L"a", STGMOVE_COPY); },
-     STG_E_ACCESSDENIED},
-    {"move", [](IStorage* s) { return s->MoveElementTo(L"a", s, L"moved", STGMOVE_MOVE); }, S_OK},
-    {"copy", [](IStorage* s) { return s->MoveElementTo(L"moved", s, L"copied", STGMOVE_COPY); }, S_OK},
-    {"copy a missing one", [](IStorage* s) { return s->MoveElementTo(L"nix", s, L"n", STGMOVE_COPY); },
-     STG_E_FILENOTFOUND},
-    {"copy nowhere", [](IStorage* s) { return s->CopyTo(0, nullptr, nullptr, nullptr); },
-     STG_E_INVALIDPOINTER},
-    {"copy into itself",
-     [](IStorage* s) {
-         ComPtr<IStorage> inside;
-         EXPECT_EQ(s->OpenStorage(L"d", nullptr, writing, nullptr, 0, &inside), S_OK);
-         return s->CopyTo(0, nullptr, nullptr, inside.Get());
-     },
-     STG_E_ACCESSDENIED},
-    {"copy an element into itself",
-     [](IStorage* s) {
-         ComPtr<IStorage> inside;
-         EXPECT_EQ(s->OpenStorage(L"d", nullptr, writing, nullptr, 0, &inside), S_OK);
-         return s->MoveElementTo(L"d", inside.Get(), L"x", STGMOVE_COPY);
-     },
-     STG_E_ACCESSDENIED},
-    {"open a stream as a storage",
-     [](IStorage* s) {
-         ComPtr<IStorage> storage;
-         return s->OpenStorage(L"copied", nullptr, writing, nullptr, 0, &storage);
-     },
-     STG_E_FILENOTFOUND},
-    {"open a storage as a stream",
-     [](IStorage* s) {
-         ComPtr<IStream> stream;
-         return s->OpenStream(L"d", nullptr, writing, 0, &stream);
-     },
-     STG_E_FILENOTFOUND},
-};
 
 TEST(SZipStorage, GivesTheStatusesItPromises) {
     const LogCapture quiet;
     const ComPtr<SZipStorage> root = inMemory();
-    ComPtr<IStorage> directory;
-    ASSERT_EQ(write(root.Get(), L"a", "1"), S_OK);
-    ASSERT_EQ(root->CreateStorage(L"d", writing, 0, 0, &directory), S_OK);
-    for (const Case& each : cases)
-        EXPECT_EQ(each.run(root.Get()), each.expected) << each.name;
-    EXPECT_EQ(describe(root.Get()), "class 0 copied=1:1 d={class 0 } moved=1:1 ");
+    SZipStorage* const s = root.Get();
+    ASSERT_EQ(write(s, L"a", "1"), S_OK);
+    const ComPtr<IStorage> d = newStorage(s, L"d");
+    ComPtr<IStorage> storage;
+    EXPECT_EQ(s->Revert(), E_NOTIMPL);
+    EXPECT_EQ(s->SetElementTimes(L"nix", nullptr, nullptr, nullptr), S_OK);
+    EXPECT_EQ(s->MoveElementTo(L"a", s, L"b", STGMOVE_SHALLOWCOPY), E_NOTIMPL);
+    EXPECT_EQ(s->MoveElementTo(L"a", s, L"b", 3), STG_E_INVALIDFLAG);
+    EXPECT_EQ(s->MoveElementTo(L"a", nullptr, L"b", STGMOVE_MOVE), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(s->MoveElementTo(L"a", s, L"a", STGMOVE_COPY), STG_E_ACCESSDENIED);
+    EXPECT_EQ(s->MoveElementTo(L"a", s, L"moved", STGMOVE_MOVE), S_OK);
+    EXPECT_EQ(s->MoveElementTo(L"moved", s, L"copied", STGMOVE_COPY), S_OK);
+    EXPECT_EQ(s->MoveElementTo(L"nix", s, L"n", STGMOVE_COPY), STG_E_FILENOTFOUND);
+    EXPECT_EQ(s->MoveElementTo(L"d", d.Get(), L"x", STGMOVE_COPY), STG_E_ACCESSDENIED) << "into itself";
+    EXPECT_EQ(s->CopyTo(0, nullptr, nullptr, d.Get()), STG_E_ACCESSDENIED);
+    EXPECT_EQ(s->CopyTo(0, nullptr, nullptr, nullptr), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(s->OpenStorage(L"copied", nullptr, writing, nullptr, 0, &storage), STG_E_FILENOTFOUND);
+    EXPECT_EQ(read(s, L"d"), "status " + std::to_string(STG_E_FILENOTFOUND));
+    EXPECT_EQ(describe(s), "class 0 copied=1:1 d={class 0 } moved=1:1 ");
 }
 
 TEST(SZipStorage, ReadsAndKeepsWhatTheModesSay) {
@@ -286,12 +259,11 @@ TEST(SZipStorage, ReadsAndKeepsWhatTheModesSay) {
                                        {STGM_WRITE, false},
                                        {STGM_CREATE | writing, false},
                                        {STGM_CREATE | STGM_CONVERT | writing, true}}) {
-        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), mode, true, root.ReleaseAndGetAddressOf()), S_OK);
+        root = open(file, mode);
         EXPECT_EQ(root->archive()->isEmpty(), !isRead) << mode;
     }
-    ComPtr<IStorage> directory;
+    const ComPtr<IStorage> directory = openStorage(root.Get(), L"d", reading);
     STATSTG info{};
-    ASSERT_EQ(root->OpenStorage(L"d", nullptr, reading, nullptr, 0, &directory), S_OK);
     ASSERT_EQ(directory->Stat(&info, STATFLAG_NONAME), S_OK);
     EXPECT_TRUE(info.mtime.dwHighDateTime && !info.ctime.dwHighDateTime); // the one that is stored
     EXPECT_EQ(CompareFileTime(&info.atime, &info.mtime), 0);
@@ -301,9 +273,7 @@ TEST(SZipStorage, ReadsAndKeepsWhatTheModesSay) {
     EXPECT_EQ(write(root.Get(), L".clsid", "short"), S_OK);
     ASSERT_EQ(root->Stat(&info, STATFLAG_NONAME), S_OK);
     EXPECT_EQ(info.clsid, CLSID_NULL);
-    EXPECT_EQ(Vexel::Storage::openPackage(folder.file(L"no\\p").c_str(), writing, true,
-                                          root.ReleaseAndGetAddressOf()),
-              S_OK);
+    open(folder.file(L"no\\p"), writing);
     ComPtr<IStream> stream;
     ASSERT_EQ(SHCreateStreamOnFileW(folder.file(L"s").c_str(), STGM_CREATE | STGM_WRITE, &stream), S_OK);
     EXPECT_EQ(Vexel::Storage::openPackage(stream.Get(), root.ReleaseAndGetAddressOf()), STG_E_ACCESSDENIED);
@@ -313,9 +283,8 @@ TEST(SZipStorage, CopiesWhatIsAskedFor) {
     const LogCapture quiet;
     const Support::TempFolder folder;
     const ComPtr<SZipStorage> root = inMemory();
-    ComPtr<IStorage> box;
     ASSERT_EQ(write(root.Get(), L"a", "1"), S_OK);
-    ASSERT_EQ(root->CreateStorage(L"box", writing, 0, 0, &box), S_OK);
+    const ComPtr<IStorage> box = newStorage(root.Get(), L"box");
     ASSERT_EQ(write(box.Get(), L"a", "2"), S_OK);
     ASSERT_EQ(root->SetClass(CLSID{7, 0, 0, {}}), S_OK);
     ASSERT_EQ(root->SetStateBits(5, 7), S_OK);
@@ -342,9 +311,8 @@ TEST(SZipStorage, CopiesWhatIsAskedFor) {
     }
     // Storages that take nothing, or nothing any more.
     const ComPtr<SZipStorage> other = inMemory();
-    ComPtr<IStorage> reader, gone;
-    ASSERT_EQ(other->CreateStorage(L"d", writing, 0, 0, &gone), S_OK);
-    ASSERT_EQ(other->OpenStorage(L"d", nullptr, reading, nullptr, 0, &reader), S_OK);
+    const ComPtr<IStorage> gone = newStorage(other.Get(), L"d"),
+                           reader = openStorage(other.Get(), L"d", reading);
     EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, reader.Get()), STG_E_ACCESSDENIED);
     EXPECT_EQ(describe(reader.Get()), "class 0 ");
     EXPECT_EQ(other->DestroyElement(L"d"), S_OK);
@@ -361,11 +329,9 @@ TEST(SZipStorage, MovesElementsToOtherPackages) {
     const Support::TempFolder folder;
     const std::wstring file = folder.file(L"a.7z");
     {
-        ComPtr<SZipStorage> root;
-        ComPtr<IStorage> outer, inner;
-        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), writing, true, root.GetAddressOf()), S_OK);
-        ASSERT_EQ(root->CreateStorage(L"outer", writing, 0, 0, &outer), S_OK);
-        ASSERT_EQ(outer->CreateStorage(L"inner", writing, 0, 0, &inner), S_OK);
+        const ComPtr<SZipStorage> root = open(file, writing);
+        const ComPtr<IStorage> outer = newStorage(root.Get(), L"outer"),
+                               inner = newStorage(outer.Get(), L"inner");
         ASSERT_EQ(write(inner.Get(), L"first", "1"), S_OK);
         ASSERT_EQ(write(outer.Get(), L"second", "2"), S_OK);
         ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
@@ -375,12 +341,11 @@ TEST(SZipStorage, MovesElementsToOtherPackages) {
         std::string bytes = whole;
         bytes[34] ^= damaged; // the size of the first contents: there are more than there should be
         Support::writeFile(file, bytes);
-        ComPtr<SZipStorage> root;
+        ComPtr<SZipStorage> root = open(file, reading);
         const ComPtr<SZipStorage> other = inMemory();
-        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), reading, true, root.GetAddressOf()), S_OK);
         EXPECT_EQ(root->MoveElementTo(L"outer", other.Get(), L"moved", STGMOVE_MOVE), STG_E_ACCESSDENIED);
         root.Reset();
-        ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), writing, true, root.GetAddressOf()), S_OK);
+        root = open(file, writing);
         const std::string before = describe(root.Get());
         const HRESULT status = root->MoveElementTo(L"outer", other.Get(), L"moved", STGMOVE_MOVE);
         EXPECT_EQ(SUCCEEDED(status), !damaged);
@@ -402,11 +367,10 @@ TEST(SZipStorage, MovesElementsToOtherPackages) {
 TEST(SZipStorage, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
     const Support::TempFolder folder;
     const std::wstring file = folder.file(L"a.7z");
-    ComPtr<SZipStorage> root;
-    ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), writing, true, root.GetAddressOf()), S_OK);
+    ComPtr<SZipStorage> root = open(file, writing);
     ASSERT_EQ(write(root.Get(), L"a/b\x05", "bytes"), S_OK);
     ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
-    ASSERT_EQ(Vexel::Storage::openPackage(file.c_str(), reading, true, root.ReleaseAndGetAddressOf()), S_OK);
+    root = open(file, reading);
     ComPtr<IStream> opened, stream;
     ComPtr<IStorage> storage;
     EXPECT_EQ(root->OpenStream(L"a/b\x05", nullptr, STGM_WRITE, 0, &stream), STG_E_ACCESSDENIED);
@@ -433,8 +397,7 @@ TEST(SZipStorage, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
 
 TEST(SZipStorage, ListsDecodedNames) {
     const ComPtr<SZipStorage> root = inMemory();
-    ComPtr<IStorage> directory;
-    ASSERT_EQ(root->CreateStorage(L"50%/x", writing, 0, 0, &directory), S_OK);
+    const ComPtr<IStorage> directory = newStorage(root.Get(), L"50%/x");
     ASSERT_EQ(write(directory.Get(), L"\x05in", "1"), S_OK);
     ASSERT_EQ(write(root.Get(), L"50%", "22"), S_OK);
     EXPECT_EQ(describe(directory.Get()), "class 0 \x05in=1:1 ");
@@ -461,30 +424,11 @@ TEST(SZipStorage, ListsDecodedNames) {
     EXPECT_EQ(list->Next(1, nullptr, nullptr), STG_E_INVALIDPOINTER);
 }
 
-// Code of the system's that works on storages and streams.
-TEST(SZipStorage, ServesTheSystemsOwnCode) {
-    const ComPtr<SZipStorage> root = inMemory();
-    const CLSID wanted{1, 2, 3, {4}};
-    CLSID found{};
-    EXPECT_EQ(WriteClassStg(root.Get(), wanted), S_OK);
-    EXPECT_EQ(ReadClassStg(root.Get(), &found), S_OK);
-    EXPECT_EQ(found, wanted);
-
-    ComPtr<IStream> stream;
-    ASSERT_EQ(root->CreateStream(L"\x05Summary", writing, 0, 0, &stream), S_OK);
-    EXPECT_EQ(WriteClassStm(stream.Get(), wanted), S_OK);
-    EXPECT_EQ(stream->Seek({}, STREAM_SEEK_SET, nullptr), S_OK);
-    found = {};
-    EXPECT_EQ(ReadClassStm(stream.Get(), &found), S_OK);
-    EXPECT_EQ(found, wanted);
-}
-
 TEST(SZipStorage, OpensPackagesInStreams) {
     const LogCapture quiet;
-    ComPtr<SZipStorage> root = inMemory();
-    ASSERT_EQ(write(root.Get(), L"a", "bytes"), S_OK);
-    const ComPtr<IStream> stream = Vexel::Detail::adopt<IStream>(new Vexel::Storage::InMemoryIStream());
-    EXPECT_EQ(Vexel::Storage::openPackage(stream.Get(), root.ReleaseAndGetAddressOf()), STG_E_INVALIDHEADER);
+    ComPtr<SZipStorage> root;
+    const auto stream = Support::streamOf("");
+    EXPECT_EQ(Vexel::Storage::openPackage(stream.Get(), root.GetAddressOf()), STG_E_INVALIDHEADER);
     EXPECT_EQ(Vexel::Storage::openPackage(static_cast<IStream*>(nullptr), root.GetAddressOf()),
               STG_E_INVALIDPOINTER);
     EXPECT_EQ(Vexel::Storage::openPackage(L"", reading, true, root.GetAddressOf()), STG_E_INVALIDNAME);
