@@ -8,7 +8,6 @@
 
 #include <functional>
 #include <map>
-#include <string_view>
 #include <utility>
 #include <vector>
 
@@ -27,10 +26,7 @@ struct CleanUp {
     explicit CleanUp(std::function<bool()> run) {
         runs = 0;
         body = std::move(run);
-        StorageContainer::Instance().setDeleteUnusedObjectsCallback([] {
-            ++runs;
-            return body();
-        });
+        StorageContainer::Instance().setDeleteUnusedObjectsCallback([] { return ++runs && body(); });
     }
     CleanUp(const CleanUp&) = delete;
     CleanUp& operator=(const CleanUp&) = delete;
@@ -63,35 +59,27 @@ protected:
 };
 
 TEST(RootFlags, FollowModeAndUse) {
+    enum Verb { Open, Create, Convert };
     const struct {
-        const char* use;
-        bool keyed;
-        std::function<long(VxStorage&)> call;
-        const wchar_t* asked;
+        Verb verb;
+        bool readOnly, keyed;
+        std::wstring asked;
     } cases[] = {
-        {"read", false, [](VxStorage& root) { return root.open(true, true); }, L"openRoot  0x210000\n"},
-        {"read, keyed", true, [](VxStorage& root) { return root.open(true, true); }, L"openRoot  0x10020\n"},
-        {"write", true, [](VxStorage& root) { return root.open(false, true); }, L"openRoot  0x110022\n"},
-        {"create", false, [](VxStorage& root) { return root.create(false, false, false); },
-         L"createRoot  0x111022\n"},
-        {"create for reading", false, [](VxStorage& root) { return root.create(false, true, false); },
-         L"createRoot  0x210000\n"},
-        {"create for reading, keyed", true, [](VxStorage& root) { return root.create(false, true, false); },
-         L"createRoot  0x10020\n"},
-        {"convert", true, [](VxStorage& root) { return root.create(true, false, false); },
-         L"createRoot  0x30012\n"},
-        {"convert for reading", false, [](VxStorage& root) { return root.create(true, true, false); },
-         L"createRoot  0x30010\n"},
+        {Open, true, false, L"openRoot  0x210000\n"},     {Open, true, true, L"openRoot  0x10020\n"},
+        {Open, false, true, L"openRoot  0x110022\n"},     {Create, false, false, L"createRoot  0x111022\n"},
+        {Create, true, false, L"createRoot  0x210000\n"}, {Create, true, true, L"createRoot  0x10020\n"},
+        {Convert, false, true, L"createRoot  0x30012\n"}, {Convert, true, false, L"createRoot  0x30010\n"},
     };
-    for (const auto& [use, keyed, call, asked] : cases) {
-        SCOPED_TRACE(use);
+    for (const auto& [verb, readOnly, keyed, asked] : cases) {
+        SCOPED_TRACE(asked.c_str());
         FakeCalls calls;
         FakeNode root(calls, StorageFormat::Package);
         root.setKeyed(keyed);
-        EXPECT_EQ(call(root), S_OK);
+        EXPECT_EQ(verb == Open ? root.open(readOnly, true) : root.create(verb == Convert, readOnly, false),
+                  S_OK);
         EXPECT_EQ(calls.take(), asked);
-        EXPECT_EQ(root.readOnly(), std::string_view(use).find("read") != std::string_view::npos);
-        EXPECT_EQ(root.rootFlag(), asked[0] == L'o') << "what an opening says";
+        EXPECT_TRUE(root.readOnly() == readOnly && root.rootFlag() == (verb == Open))
+            << "what an opening says";
         root.close();
         EXPECT_TRUE(root.readOnly() && !root.keyed() && !root.isOpen());
         EXPECT_EQ(calls.alive, 0);
@@ -99,47 +87,40 @@ TEST(RootFlags, FollowModeAndUse) {
 }
 
 TEST_F(Items, AskThePlatformWithTheirFlags) {
-    const SharedPathName a = elementName(L"a");
-    root_.openChildStorage(a, true, false, nullptr);
-    EXPECT_EQ(calls_.take(), L"OpenStorage a 0x10010\n");
-    root_.openChildStorage(a, false, false, nullptr);
-    EXPECT_EQ(calls_.take(), L"~Storage\nOpenStorage a 0x10012\n") << "reopened to be written";
-    root_.openChildStorage(a, true, false, nullptr);
-    EXPECT_EQ(calls_.take(), L"") << "good enough for reading";
-    root_.createChildStorage(a, nullptr, false);
-    EXPECT_EQ(calls_.take(), L"~Storage\nCreateStorage a 0x10012\n");
-    stream(L"unused", *storage(L"a").get());
-    root_.createChildStorage(a, nullptr, true);
-    EXPECT_EQ(calls_.take(), L"~Stream\n~Storage\nCreateStorage a 0x11012\n");
+    const SharedPathName a = elementName(L"a"), b = elementName(L"b");
+    const auto useBelow = [&] { stream(L"unused", *storage(L"a").get()); };
+    const std::pair<std::function<void()>, const wchar_t*> cases[] = {
+        {[&] { root_.openChildStorage(a, true, false, nullptr); }, L"OpenStorage a 0x10010\n"},
+        {[&] { root_.openChildStorage(a, false, false, nullptr); }, L"~Storage\nOpenStorage a 0x10012\n"},
+        {[&] { root_.openChildStorage(a, true, false, nullptr); }, L""}, // good enough for reading
+        {[&] { root_.createChildStorage(a, nullptr, false); }, L"~Storage\nCreateStorage a 0x10012\n"},
+        {[&] { useBelow(), root_.createChildStorage(a, nullptr, true); },
+         L"~Stream\n~Storage\nCreateStorage a 0x11012\n"},
+        {[&] { root_.openChildStream(b, true, false, nullptr); }, L"OpenStream b 0x10\n"},
+        {[&] { root_.openChildStream(b, true, false, nullptr); }, L"Seek\n"},
+        {[&] { root_.openChildStream(b, false, false, nullptr); },
+         L"~Stream\nOpenStream b 0x12\nSetSize 0\n"},
+        {[&] { root_.openChildStream(b, false, false, nullptr); }, L"Seek\nSetSize 0\n"},
+        {[&] { root_.createChildStream(b, nullptr); }, L"~Stream\nCreateStream b 0x1012\n"},
+        {[&] { stream(L"b")->commit(), root_.commit(); }, L"Commit stream 0x2\nCommit storage 0x2\n"},
+        {[&] { root_.destroyChild(b); }, L"~Stream\nDestroyElement b\n"},
+        {[&] { useBelow(), root_.destroyChild(a); }, L"~Stream\n~Storage\nDestroyElement a\n"},
+    };
+    for (const auto& [call, asked] : cases) {
+        call();
+        EXPECT_EQ(calls_.take(), asked);
+    }
+    root_.close();
+    calls_.take();
+    root_.destroyChild(a);
+    EXPECT_EQ(calls_.take(), L"openRoot  0x110022\nDestroyElement a\n");
 
-    const SharedPathName b = elementName(L"b");
-    root_.openChildStream(b, true, false, nullptr);
-    EXPECT_EQ(calls_.take(), L"OpenStream b 0x10\n");
-    root_.openChildStream(b, true, false, nullptr);
-    EXPECT_EQ(calls_.take(), L"Seek\n");
-    root_.openChildStream(b, false, false, nullptr);
-    EXPECT_EQ(calls_.take(), L"~Stream\nOpenStream b 0x12\nSetSize 0\n");
-    root_.openChildStream(b, false, false, nullptr);
-    EXPECT_EQ(calls_.take(), L"Seek\nSetSize 0\n");
-    root_.createChildStream(b, nullptr);
-    EXPECT_EQ(calls_.take(), L"~Stream\nCreateStream b 0x1012\n");
-
-    stream(L"b")->commit();
-    root_.commit();
-    EXPECT_EQ(calls_.take(), L"Commit stream 0x2\nCommit storage 0x2\n");
     FILETIME times[4];
     stream(L"b")->stat(&times[0], &times[1]);
     root_.stat(&times[2], &times[3]);
     EXPECT_EQ(calls_.take(), L"Stat 1\nStat 1\n");
     for (const int i : {0, 1, 2, 3})
         EXPECT_EQ(times[i].dwLowDateTime, i % 2 ? 7u : 5u) << "made, then changed";
-    root_.destroyChild(b);
-    EXPECT_EQ(calls_.take(), L"~Stream\nDestroyElement b\n");
-    stream(L"unused", *storage(L"a").get());
-    root_.close();
-    calls_.take();
-    root_.destroyChild(a);
-    EXPECT_EQ(calls_.take(), L"openRoot  0x110022\nDestroyElement a\n");
 }
 
 TEST_F(Items, ReopenTheChainToWriteAStream) {
@@ -154,25 +135,6 @@ TEST_F(Items, ReopenTheChainToWriteAStream) {
     EXPECT_EQ(calls_.take(), L"~Stream\n~Storage\n~Storage\nopenRoot  0x110022\nOpenStorage outer 0x10012\n"
                              L"OpenStream inner 0x12\nSetSize 0\n");
     EXPECT_FALSE(root_.readOnly() || outer->readOnly() || inner->readOnly());
-}
-
-TEST_F(Items, OneItemForEachNode) {
-    auto first = storage(L"a");
-    EXPECT_EQ(storage(L"a").get(), first.get());
-    const auto inner = stream(L"b", *first.get());
-    EXPECT_TRUE(inner->parent() == first.get() && inner->root() == &root_);
-    EXPECT_EQ(root_.addRef(), 3) << "one for each below";
-    EXPECT_EQ(root_.release(), 2);
-    const VxStorage* const unreferenced = std::exchange(first, {}).get();
-    root_.deleteUnusedObjects(false);
-    EXPECT_TRUE(inner->isOpen() && inner->parent()->isOpen()) << "what holds a used node is in use";
-    EXPECT_EQ(storage(L"a").get(), unreferenced);
-
-    const auto lazy = root_.openChildStorage(elementName(L"c"), true, true, &status_);
-    EXPECT_EQ(calls_.take(), L"") << "not looked for";
-    EXPECT_TRUE(lazy && !lazy->isOpen());
-    EXPECT_TRUE(root_.hasChild(elementName(L"c"), StorageType::Storage));
-    EXPECT_FALSE(root_.hasChild(elementName(L"c"), StorageType::Stream));
 }
 
 TEST_F(Items, MakeWayForTheOtherType) {
@@ -192,38 +154,28 @@ TEST_F(Items, MakeWayForTheOtherType) {
 }
 
 TEST_F(Items, RefuseToTouchWhatIsInUse) {
+    const SharedPathName a = elementName(L"a"), b = elementName(L"b");
     const auto heldStorage = storage(L"a");
     auto heldStream = stream(L"b");
-    const struct {
-        const char* what;
-        HRESULT status;
-        HRESULT expected;
-    } cases[] = {
-        {"create storage", (root_.createChildStorage(elementName(L"a"), &status_, false), status_),
-         STG_E_FILEALREADYEXISTS},
-        {"replace storage", (root_.createChildStorage(elementName(L"a"), &status_, true), status_),
-         STG_E_FILEALREADYEXISTS},
-        {"create stream", (root_.createChildStream(elementName(L"b"), &status_), status_),
-         STG_E_FILEALREADYEXISTS},
-        {"destroy storage", root_.destroyChild(elementName(L"a")), STG_E_INUSE},
-        {"destroy stream", root_.destroyChild(elementName(L"b")), STG_E_INUSE},
-        {"no name", root_.destroyChild({}), STG_E_INVALIDNAME},
-        {"no name", (root_.openChildStorage({}, true, false, &status_), status_), STG_E_INVALIDPARAMETER},
-        {"no name", (root_.createChildStream({}, &status_), status_), STG_E_INVALIDPARAMETER},
-    };
-    for (const auto& [what, status, expected] : cases)
-        EXPECT_EQ(status, expected) << what;
+    for (const bool replace : {false, true})
+        EXPECT_EQ((root_.createChildStorage(a, &status_, replace), status_), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ((root_.createChildStream(b, &status_), status_), STG_E_FILEALREADYEXISTS);
+    for (const SharedPathName& used : {a, b})
+        EXPECT_EQ(root_.destroyChild(used), STG_E_INUSE);
+    EXPECT_EQ(root_.destroyChild({}), STG_E_INVALIDNAME);
+    EXPECT_EQ((root_.openChildStorage({}, true, false, &status_), status_), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ((root_.createChildStream({}, &status_), status_), STG_E_INVALIDPARAMETER);
     EXPECT_EQ(calls_.take(), L"");
 
     const auto below = stream(L"below", *heldStorage.get());
     root_.close();
     EXPECT_EQ(calls_.take(), L"~Stream\n~Storage\n~Stream\n~Storage\n") << "children first";
-    EXPECT_EQ((root_.createChildStorage(elementName(L"a"), &status_, true), status_), STG_E_INVALIDPARAMETER)
+    EXPECT_EQ((root_.createChildStorage(a, &status_, true), status_), STG_E_INVALIDPARAMETER)
         << "a closed one, but what is below it is in use";
     heldStream = {};
     root_.close();
     ASSERT_EQ(root_.open(true, false), S_OK);
-    EXPECT_EQ(root_.destroyChild(elementName(L"b")), STG_E_ACCESSDENIED) << "in a root open for reading";
+    EXPECT_EQ(root_.destroyChild(b), STG_E_ACCESSDENIED) << "in a root open for reading";
 }
 
 TEST_F(Items, CleanUpLeavesTheObjectsWhenAsked) {
@@ -255,43 +207,41 @@ TEST_F(Items, CleanUpLeavesTheObjectsWhenAsked) {
 }
 
 TEST_F(Items, RetryOnceAfterACleanUp) {
-    const struct {
-        HRESULT failure;
-        bool childOnly;
-        bool never;
-    } cases[] = {
-        {STG_E_INSUFFICIENTMEMORY, false, false},
-        {HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), false, false},
-        {STG_E_TOOMANYOPENFILES, false, false},
-        {STG_E_SHAREVIOLATION, true, false},
-        {STG_E_LOCKVIOLATION, true, false},
-        {STG_E_ACCESSDENIED, true, false},
-        {STG_E_FILENOTFOUND, false, true},
-        {STG_E_PATHNOTFOUND, false, true},
-        {E_OUTOFMEMORY, false, true},
+    enum Asked { Always, BelowTheRoot, Never };
+    const std::pair<HRESULT, Asked> cases[] = {
+        {STG_E_INSUFFICIENTMEMORY, Always},
+        {HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY), Always},
+        {STG_E_TOOMANYOPENFILES, Always},
+        {STG_E_SHAREVIOLATION, BelowTheRoot},
+        {STG_E_LOCKVIOLATION, BelowTheRoot},
+        {STG_E_ACCESSDENIED, BelowTheRoot},
+        {STG_E_FILENOTFOUND, Never},
+        {STG_E_PATHNOTFOUND, Never},
+        {E_OUTOFMEMORY, Never},
     };
+    const SharedPathName note = elementName(L"note");
     const auto outer = storage(L"outer", root_, false);
-    for (const auto& [failure, childOnly, never] : cases) {
-        for (const bool freed : {true, false}) {
+    for (const auto& [failure, when] : cases) {
+        for (const auto& [parent, freed] : {std::pair<VxStorage*, bool>(&root_, true),
+                                            {&root_, false},
+                                            {outer.get(), true},
+                                            {outer.get(), false}}) {
             SCOPED_TRACE(testing::Message() << std::hex << failure << (freed ? " freed" : " nothing freed"));
             const CleanUp cleanUp([&, freed = freed] {
                 EXPECT_TRUE(outer->referenced());
                 root_.deleteUnusedObjects(false); // the child being opened is safe from it
                 return freed;
             });
-            for (VxStorage* const parent : {static_cast<VxStorage*>(&root_), outer.get()}) {
-                const bool asked = !never && (!childOnly || parent == outer.get());
-                CleanUp::runs = 0;
-                calls_.take();
-                calls_.failures = {{0, failure}};
-                const auto child = parent->openChildStream(elementName(L"note"), true, false, &status_);
-                EXPECT_EQ(calls_.log.size(), asked && freed ? 2u : 1u);
-                EXPECT_EQ(CleanUp::runs, asked ? 1 : 0);
-                EXPECT_EQ(status_, asked && freed ? S_OK : failure);
-                EXPECT_EQ(static_cast<bool>(child), SUCCEEDED(status_));
-                calls_.failures.clear();
-                parent->openChildStream(elementName(L"note"), true, true, nullptr)->close();
-            }
+            const bool asked = when == Always || (when == BelowTheRoot && parent == outer.get());
+            calls_.take();
+            calls_.failures = {{0, failure}};
+            const auto child = parent->openChildStream(note, true, false, &status_);
+            EXPECT_EQ(calls_.log.size(), asked && freed ? 2u : 1u);
+            EXPECT_EQ(CleanUp::runs, asked ? 1 : 0);
+            EXPECT_EQ(status_, asked && freed ? S_OK : failure);
+            EXPECT_EQ(static_cast<bool>(child), SUCCEEDED(status_));
+            calls_.failures.clear();
+            parent->openChildStream(note, true, true, nullptr)->close();
         }
     }
 }
@@ -308,20 +258,17 @@ TEST_F(Items, RetryEveryCallOnceOnly) {
         {"resize", [&] { return bare->setSize(1); }},
     };
     const struct {
-        const char* how;
-        bool closing; // by the clean-up
-        std::map<size_t, HRESULT> failures;
+        bool closing;                       // by the clean-up
+        std::map<size_t, HRESULT> failures; // the third where a clean-up's closing is a call in between
         HRESULT expected;
     } ways[] = {
-        {"once", false, {{0, STG_E_TOOMANYOPENFILES}}, S_OK},
-        {"twice", // the clean-up closes a stream meanwhile, or not
-         false,
-         {{0, STG_E_TOOMANYOPENFILES}, {1, STG_E_READFAULT}, {2, STG_E_READFAULT}},
-         STG_E_READFAULT},
-        {"once, then closed", true, {{0, STG_E_TOOMANYOPENFILES}}, STG_E_INVALIDFUNCTION},
+        {false, {{0, STG_E_TOOMANYOPENFILES}}, S_OK},
+        {false, {{0, STG_E_TOOMANYOPENFILES}, {1, STG_E_READFAULT}, {2, STG_E_READFAULT}}, STG_E_READFAULT},
+        {true, {{0, STG_E_TOOMANYOPENFILES}}, STG_E_INVALIDFUNCTION},
     };
     for (const auto& [what, operation] : cases) {
-        for (const auto& [how, closing, failures, expected] : ways) {
+        for (const auto& [closing, failures, expected] : ways) {
+            SCOPED_TRACE(testing::Message() << what << failures.size() << (closing ? ", closed" : ""));
             root_.deleteUnusedObjects(false);
             ASSERT_EQ(root_.open(false, false), S_OK);
             bare = stream(L"bare").get();
@@ -333,8 +280,8 @@ TEST_F(Items, RetryEveryCallOnceOnly) {
             });
             calls_.take();
             calls_.failures = failures;
-            EXPECT_EQ(operation(), expected) << what << " failing " << how;
-            EXPECT_EQ(CleanUp::runs, 1) << what << " failing " << how;
+            EXPECT_EQ(operation(), expected);
+            EXPECT_EQ(CleanUp::runs, 1);
             calls_.failures.clear();
         }
     }
@@ -382,12 +329,11 @@ TEST_F(Items, FailedOpeningsLeaveNothingBehind) {
     known->close();
     calls_.take();
     calls_.failures = {{1, STG_E_READFAULT}}; // the root is closed and opened for writing
-    EXPECT_EQ(root_.openChildStorage(elementName(L"known"), false, false, &status_).get(), nullptr);
+    EXPECT_EQ(root_.openChildStorage(known->name(), false, false, &status_).get(), nullptr);
     EXPECT_EQ(calls_.take(), L"~Storage\nopenRoot  0x110022\n");
-    EXPECT_TRUE(known->readOnly() && root_.readOnly() && !known->isOpen())
-        << "closed, but still the node's item";
+    EXPECT_TRUE(known->readOnly() && root_.readOnly() && !known->isOpen());
     calls_.failures.clear();
-    EXPECT_EQ(storage(L"known").get(), known.get());
+    EXPECT_EQ(storage(L"known").get(), known.get()) << "still the node's item";
 }
 
 TEST_F(Items, ListStoragesAndStreamsOnly) {
@@ -443,10 +389,12 @@ TEST(HandlesOfFormats, CompoundFilesAreLetGoOfAtOnce) {
         FakeCalls calls;
         FakeNode root(calls, format);
         root.open(true, false);
-        VxStorage* const links =
-            root.openChildStorage(elementName(L"FileLinks"), true, false, nullptr).detach();
-        VxStorage* const link = links->openChildStorage(elementName(L"link"), true, false, nullptr).detach();
-        VxStorage* const box = root.openChildStorage(elementName(L"box"), true, false, nullptr).detach();
+        const auto detached = [](VxStorage& parent, const wchar_t* name) {
+            return parent.openChildStorage(elementName(name), true, false, nullptr).detach();
+        };
+        VxStorage* const links = detached(root, L"FileLinks");
+        VxStorage* const link = detached(*links, L"link");
+        VxStorage* const box = detached(root, L"box");
         VxStream* const note = root.openChildStream(elementName(L"note"), true, false, nullptr).detach();
         calls.take();
 
