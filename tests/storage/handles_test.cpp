@@ -5,7 +5,6 @@
 #include <algorithm>
 #include <array>
 #include <climits>
-#include <cstdio>
 #include <functional>
 #include <string>
 #include <utility>
@@ -21,13 +20,6 @@ static bool operator==(const Element& a, const Element& b) {
 } // namespace Support
 
 namespace {
-
-std::string hex(long status) {
-    std::array<char, 11> text{};
-    std::snprintf(text.data(), text.size(), "0x%08lx", static_cast<unsigned long>(status));
-    return text.data();
-}
-#define EXPECT_STATUS(call, expected) EXPECT_EQ(hex(call), hex(expected))
 
 const std::vector<Element> sample{{L"Box/", {}},
                                   {L"Box/Deep/", {}},
@@ -96,7 +88,7 @@ TEST(NullHandles, AnswerEveryCall) {
         stream.stat(nullptr, &times[1]),
     };
     EXPECT_THAT(refused, testing::Each(STG_E_INVALIDPARAMETER));
-    EXPECT_STATUS(stream.setSize(1), E_FAIL);
+    EXPECT_EQ(stream.setSize(1), E_FAIL);
     EXPECT_EQ(times[0].dwLowDateTime + times[1].dwHighDateTime + done, 0u);
 
     EXPECT_TRUE(storage.null() && !storage && stream.null() && !stream && children.null() && !children);
@@ -125,19 +117,19 @@ TEST_F(Handles, WriteWhatTheSystemReads) {
     StreamRef written = newStream(L"New", made, "new");
     StreamRef emptied = openStream(L"Long", root, false);
     EXPECT_EQ(emptied.size(), 0u);
-    EXPECT_STATUS(emptied.write("longer", 6, nullptr), S_OK);
-    EXPECT_STATUS(emptied.setSize(4), S_OK);
-    EXPECT_STATUS(root.destroy(L"Short"), S_OK);
-    EXPECT_STATUS(made.create(L"Box", root, false), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(emptied.write("longer", 6, nullptr), S_OK);
+    EXPECT_EQ(emptied.setSize(4), S_OK);
+    EXPECT_EQ(root.destroy(L"Short"), S_OK);
+    EXPECT_EQ(made.create(L"Box", root, false), STG_E_FILEALREADYEXISTS);
     EXPECT_TRUE(made.null()) << "a failed create lets go of what the handle held";
-    EXPECT_STATUS(made.create(L"Box", root, true), S_OK);
-    EXPECT_STATUS(again.create(L"Box", root, true), STG_E_FILEALREADYEXISTS) << "while a handle is on it";
-    EXPECT_STATUS(made.commit(), S_OK);
-    EXPECT_STATUS(again.open(L"Made", root, false), S_OK);
-    EXPECT_STATUS(again.commit(), S_OK);
-    EXPECT_STATUS(root.commit(), S_OK);
+    EXPECT_EQ(made.create(L"Box", root, true), S_OK);
+    EXPECT_EQ(again.create(L"Box", root, true), STG_E_FILEALREADYEXISTS) << "while a handle is on it";
+    EXPECT_EQ(made.commit(), S_OK);
+    EXPECT_EQ(again.open(L"Made", root, false), S_OK);
+    EXPECT_EQ(again.commit(), S_OK);
+    EXPECT_EQ(root.commit(), S_OK);
     StreamRef uncommitted = newStream(L"Lost", root);
-    EXPECT_STATUS(uncommitted.create(L"Lost", root), S_OK) << "its own handle went first";
+    EXPECT_EQ(uncommitted.create(L"Lost", root), S_OK) << "its own handle went first";
     for (StorageRef* handle : {&again, &made, &root})
         handle->close();
     for (StreamRef* handle : {&written, &emptied, &uncommitted})
@@ -178,13 +170,13 @@ TEST_F(Handles, RootsThatCannotBeOpened) {
         StorageRef handle = forReading();
         for (const RootStorageOpenMode mode : {modeRead, modeReadDenyWrite, modeWrite}) {
             const long expected = mode == modeWrite ? writing : reading;
-            EXPECT_EQ(hex(handle.open(path(file), mode, false)), hex(expected))
+            EXPECT_EQ(handle.open(path(file), mode, false), expected)
                 << CStringW(file.c_str()).GetString() << " mode " << static_cast<int>(mode);
             EXPECT_EQ(handle.null(), FAILED(expected));
         }
     }
     CloseHandle(lock);
-    EXPECT_STATUS(StorageRef().open(SharedPathName(), modeRead, false), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(StorageRef().open(SharedPathName(), modeRead, false), STG_E_INVALIDPARAMETER);
 }
 
 TEST_F(Handles, NamesThatAreNone) {
@@ -204,17 +196,17 @@ TEST_F(Handles, NamesThatAreNone) {
         {L"", STG_E_INVALIDPARAMETER, STG_E_INVALIDPARAMETER},
         {L"\x05Summary \x0416", STG_E_FILENOTFOUND, S_OK},
     };
-    EXPECT_STATUS(StorageRef().open(L"Short", root, true), STG_E_FILENOTFOUND) << "a stream";
-    EXPECT_STATUS(StreamRef().open(L"Box", root, true), STG_E_FILENOTFOUND) << "a storage";
+    EXPECT_EQ(StorageRef().open(L"Short", root, true), STG_E_FILENOTFOUND) << "a stream";
+    EXPECT_EQ(StreamRef().open(L"Box", root, true), STG_E_FILENOTFOUND) << "a storage";
     for (const auto& [text, open, create] : cases) {
         SCOPED_TRACE(text.substr(0, 40).c_str());
         StorageRef storage;
         StreamRef stream;
-        EXPECT_STATUS(storage.open(text.c_str(), root, true), open);
-        EXPECT_STATUS(stream.open(CStringW(text.c_str()), root, true), open);
-        EXPECT_STATUS(storage.create(CStringW(text.c_str()), root, false), create);
+        EXPECT_EQ(storage.open(text.c_str(), root, true), open);
+        EXPECT_EQ(stream.open(CStringW(text.c_str()), root, true), open);
+        EXPECT_EQ(storage.create(CStringW(text.c_str()), root, false), create);
         storage.close();
-        EXPECT_STATUS(stream.create(text.c_str(), root), create);
+        EXPECT_EQ(stream.create(text.c_str(), root), create);
         EXPECT_EQ(stream.null(), FAILED(create));
     }
 }
@@ -222,15 +214,15 @@ TEST_F(Handles, NamesThatAreNone) {
 TEST_F(Handles, MayBeTheirOwnParent) {
     StorageRef handle = forWriting();
     EXPECT_TRUE(handle.parent().null() && handle.name() == path_);
-    EXPECT_STATUS(handle.open(L"Box", handle, true), S_OK);
-    EXPECT_STATUS(handle.open(element(L"Deep"), handle, true), S_OK);
+    EXPECT_EQ(handle.open(L"Box", handle, true), S_OK);
+    EXPECT_EQ(handle.open(element(L"Deep"), handle, true), S_OK);
     EXPECT_EQ(read(L"NOTE", handle), "deep");
-    EXPECT_STATUS(handle.create(L"Deeper", handle, false), S_OK);
-    EXPECT_STATUS(handle.open(handle.parent().name(), handle.parent().parent(), true), S_OK);
+    EXPECT_EQ(handle.create(L"Deeper", handle, false), S_OK);
+    EXPECT_EQ(handle.open(handle.parent().name(), handle.parent().parent(), true), S_OK);
     EXPECT_EQ(handle.name(), element(L"Deep"));
-    EXPECT_STATUS(handle.open(L"Deep", StorageRef(), true), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(handle.open(L"Deep", StorageRef(), true), STG_E_INVALIDPARAMETER);
     EXPECT_TRUE(handle.notNull()) << "a null parent is refused before anything is let go";
-    EXPECT_STATUS(handle.open(L"Gone", handle, true), STG_E_FILENOTFOUND);
+    EXPECT_EQ(handle.open(L"Gone", handle, true), STG_E_FILENOTFOUND);
     EXPECT_TRUE(handle.null() && released());
 }
 
@@ -245,9 +237,9 @@ void countReferences(StorageRef& root, const wchar_t* child, Ref first) {
     Ref fourth(std::move(third));
     Ref fifth;
     fifth = std::move(fourth);
-    EXPECT_STATUS(root.destroy(child), STG_E_INUSE);
+    EXPECT_EQ(root.destroy(child), STG_E_INUSE);
     fifth.close();
-    EXPECT_STATUS(root.destroy(child), S_OK);
+    EXPECT_EQ(root.destroy(child), S_OK);
 }
 
 TEST_F(Handles, HoldOneReferenceEach) {
@@ -301,10 +293,10 @@ TEST_F(Handles, TellTimes) {
 TEST_F(Handles, MeetAnElementUnderTwoSpellings) {
     StorageRef root = forWriting(), box = openStorage(L"Box", root), other;
     StorageEnumerator children;
-    EXPECT_STATUS(other.open(L"BOX", root, true), STG_E_ACCESSDENIED);
-    EXPECT_STATUS(children.reset(box), S_OK);
-    EXPECT_STATUS(root.destroy(L"BOX"), S_OK) << "in nobody's use by this name";
-    EXPECT_STATUS(children.reset(box), STG_E_REVERTED);
+    EXPECT_EQ(other.open(L"BOX", root, true), STG_E_ACCESSDENIED);
+    EXPECT_EQ(children.reset(box), S_OK);
+    EXPECT_EQ(root.destroy(L"BOX"), S_OK) << "in nobody's use by this name";
+    EXPECT_EQ(children.reset(box), STG_E_REVERTED);
     EXPECT_TRUE(children.null()) << "a failed reset lets go of the listing before";
 }
 
@@ -348,7 +340,7 @@ TEST_F(Handles, ReportExhaustedMemory) {
                 EXPECT_GT(spared, 0) << what;
                 break;
             }
-            EXPECT_STATUS(status, STG_E_INSUFFICIENTMEMORY) << what << spared;
+            EXPECT_EQ(status, STG_E_INSUFFICIENTMEMORY) << what << spared;
         }
     }
     EXPECT_TRUE(note.size() == 3 && children.moveNext() && written.WriteBytes("w", 1) == 1);
@@ -378,11 +370,11 @@ TEST_F(Handles, CopyStreams) {
     StreamRef from = openStream(L"Short", root), reading = openStream(L"Long", root), null;
     StreamRef to = newStream(L"Target", root, std::string(50, 'y'));
     from.Seek(SeekPosition::Begin, 4);
-    EXPECT_STATUS(from.copyTo(to), S_OK);
+    EXPECT_EQ(from.copyTo(to), S_OK);
     EXPECT_EQ(from.GetPosition(), 4u);
     EXPECT_EQ(contents(to), "0123456789");
-    EXPECT_STATUS(from.copyTo(from), STG_E_INVALIDPARAMETER);
-    EXPECT_STATUS(from.copyTo(null), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(from.copyTo(from), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(from.copyTo(null), STG_E_INVALIDPARAMETER);
     EXPECT_TRUE(FAILED(from.copyTo(reading)));
     EXPECT_EQ(contents(reading).size(), 50u) << "a stream that cannot be written stays as it was";
 }
