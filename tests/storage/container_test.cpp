@@ -1,4 +1,5 @@
 #include "archive/platform.h"
+#include "storage/error_status.h"
 #include "storage/platform_storage.h"
 #include "support/compound_file.h"
 #include "support/handles.h"
@@ -272,6 +273,13 @@ TEST_F(Container, OpenCloseAndCleanUpOnManyThreads) {
     outer.close();
     container().deleteUnusedObjects();
     EXPECT_FALSE(container().deleteUnusedObjects());
+}
+
+TEST(ErrorStatus, OfConditions) {
+    using Vexel::Detail::statusOf;
+    EXPECT_EQ(statusOf({}), S_OK);
+    EXPECT_EQ(statusOf(std::make_error_code(std::errc::permission_denied)), STG_E_ACCESSDENIED);
+    EXPECT_EQ(statusOf(std::make_error_code(std::errc::file_exists)), E_FAIL) << "as any other";
 }
 
 } // namespace
