@@ -12,6 +12,7 @@
 #include <windows.h>
 
 #include <objbase.h>
+#include <propidl.h>
 
 #include <gtest/gtest.h>
 
@@ -422,6 +423,36 @@ TEST(SZipStorage, ListsDecodedNames) {
     EXPECT_EQ(list->Reset(), S_OK);
     EXPECT_EQ(list->Next(0, nullptr, nullptr), S_OK);
     EXPECT_EQ(list->Next(1, nullptr, nullptr), STG_E_INVALIDPOINTER);
+}
+
+TEST(SZipStorage, ServesTheSystemsOwnCode) {
+    const ComPtr<SZipStorage> root = inMemory();
+    const CLSID wanted{1, 2, 3, {4}};
+    CLSID found{};
+    EXPECT_EQ(WriteClassStg(root.Get(), wanted), S_OK);
+    EXPECT_EQ(ReadClassStg(root.Get(), &found), S_OK);
+    EXPECT_EQ(found, wanted);
+
+    const PROPSPEC author{PRSPEC_PROPID, {PIDSI_AUTHOR}};
+    wchar_t name[] = L"\u0418\u0432\u0430\u043D";
+    PROPVARIANT value{};
+    value.vt = VT_LPWSTR;
+    value.pwszVal = name;
+    ComPtr<IStream> stream;
+    ASSERT_EQ(root->CreateStream(L"\5SummaryInformation", writing, 0, 0, &stream), S_OK);
+    ComPtr<IPropertyStorage> set;
+    ASSERT_EQ(StgCreatePropStg(stream.Get(), FMTID_SummaryInformation, nullptr, PROPSETFLAG_DEFAULT, 0, &set),
+              S_OK);
+    EXPECT_EQ(set->WriteMultiple(1, &author, &value, PID_FIRST_USABLE), S_OK);
+    EXPECT_EQ(set->Commit(STGC_DEFAULT), S_OK);
+    set.Reset();
+    ASSERT_EQ(root->OpenStream(L"\5SummaryInformation", nullptr, reading, 0, stream.ReleaseAndGetAddressOf()),
+              S_OK);
+    ASSERT_EQ(StgOpenPropStg(stream.Get(), FMTID_SummaryInformation, PROPSETFLAG_DEFAULT, 0, &set), S_OK);
+    EXPECT_EQ(set->ReadMultiple(1, &author, &value), S_OK);
+    EXPECT_EQ(value.vt, VT_LPWSTR);
+    EXPECT_STREQ(value.pwszVal, name);
+    PropVariantClear(&value);
 }
 
 TEST(SZipStorage, OpensPackagesInStreams) {
