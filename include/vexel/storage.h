@@ -218,9 +218,9 @@ public:
     long destroy(const SharedPathName& name);
     long destroy(const wchar_t* name);
     long destroy(const CStringW& name);
-    /// Removes every child, those with handles too: such a handle finds nothing any more, unless an element of
-    /// its name is made again. STG_E_INVALIDFUNCTION for a compound file, STG_E_ACCESSDENIED when this storage
-    /// is open for reading.
+    /// Removes every child, those with handles too: such a handle finds nothing any more, unless an element
+    /// of its name is made again. STG_E_INVALIDFUNCTION for a compound file, STG_E_ACCESSDENIED when this
+    /// storage is open for reading.
     long clear();
     /// Copies all that is in this storage into `target`, beside what is there; streams of the same name are
     /// replaced, storages joined. The target is committed by its owner (rule 5), except that it is
@@ -228,8 +228,8 @@ public:
     ///  - by a copy of a compound file into a package, each time 64 MiB of contents have been copied, so that
     ///    no more than these and the largest stream are in memory at a time;
     ///  - when memory or file handles run out, before the copy is tried once more.
-    /// So a copy that must be whole or not at all goes into a new file. Out of a package, a failure inside one
-    /// of the storages below is logged, and the copy goes on behind that storage.
+    /// So a copy that must be whole or not at all goes into a new file. Out of a package, a failure inside
+    /// one of the storages below is logged, and the copy goes on behind that storage.
     ///  - STG_E_INVALIDPARAMETER: a null handle, the same storage, or one that cannot be opened.
     ///  - STG_E_READFAULT: a stream holds less than it should. Other statuses of reading and writing.
     long copyTo(const StorageRef& target) const;
