@@ -2,8 +2,9 @@
 #define COBJMACROS
 #include <vexel/open_package.h>
 
-#include <shellapi.h>
 #include <shlwapi.h>
+
+#include <shellapi.h>
 #include <stdio.h>
 
 typedef HRESULT (*OpenByPath)(IStorage** result, const wchar_t* path);
