@@ -1,25 +1,16 @@
+#include "archive/task_memory.h"
+
 #include <vexel/properties.h>
 
 #include <windows.h>
 
 #include <climits>
-#include <cstring>
 #include <new>
 #include <utility>
 
 namespace Vexel {
 
 namespace {
-
-/// A copy in the memory that PropVariantClear frees.
-wchar_t* taskString(const wchar_t* text) {
-    const std::size_t bytes = (std::wcslen(text) + 1) * sizeof(wchar_t);
-    void* const copy = CoTaskMemAlloc(bytes);
-    if (!copy)
-        throw std::bad_alloc();
-    std::memcpy(copy, text, bytes);
-    return static_cast<wchar_t*>(copy);
-}
 
 std::optional<CStringW> fromCodePage(const char* text) {
     const int length = MultiByteToWideChar(CP_ACP, 0, text, -1, nullptr, 0);
@@ -51,7 +42,9 @@ PropertyVariant::PropertyVariant(bool value) noexcept : PropertyVariant() {
 }
 
 PropertyVariant::PropertyVariant(const wchar_t* value) : PropertyVariant() {
-    value_.pwszVal = taskString(value ? value : L"");
+    value_.pwszVal = Storage::duplicateText(value ? value : L"");
+    if (!value_.pwszVal)
+        throw std::bad_alloc();
     value_.vt = VT_LPWSTR;
 }
 
