@@ -1,6 +1,7 @@
 // The two formats side by side: one tree as a package, through the handles, and as a compound file, through
 // the system's interfaces. There is no limit: the table shows what choosing packages costs and gains.
 
+#include "support/archives.h"
 #include "support/ratio.h"
 
 #include <vexel/storage.h>
@@ -11,7 +12,6 @@
 #include <wrl/client.h>
 
 #include <cstdio>
-#include <cstdlib>
 #include <filesystem>
 #include <limits>
 #include <random>
@@ -19,6 +19,7 @@
 #include <vector>
 
 using Microsoft::WRL::ComPtr;
+using Vexel::Bench::check;
 
 namespace {
 
@@ -30,28 +31,16 @@ constexpr double kNoLimit = std::numeric_limits<double>::infinity();
 const std::wstring package = (std::filesystem::temp_directory_path() / L"vexel-bench-package").wstring();
 const std::wstring compound = (std::filesystem::temp_directory_path() / L"vexel-bench-compound").wstring();
 
-void require(bool works) {
-    if (works)
-        return;
-    std::puts("a document failed");
-    std::exit(1);
-}
-
 std::wstring storageOf(unsigned stream) { return L"Storage " + std::to_wstring(stream % kStorages); }
 std::wstring nameOf(unsigned stream) { return L"Stream " + std::to_wstring(stream); }
 
-/// 2 to 20 KB that pack to about a third.
-const std::string& contentsOf(unsigned stream) {
-    static const std::vector<std::string> all = [] {
+/// 2 to 20 KB that pack to less than half.
+const std::vector<unsigned char>& contentsOf(unsigned stream) {
+    static const auto all = [] {
         std::mt19937 random(3);
-        std::vector<std::string> made(kStreams);
-        for (std::string& bytes : made) {
-            bytes.resize(2000 + random() % 18000);
-            for (std::size_t i = 0; i < bytes.size(); ++i) {
-                const auto number = static_cast<unsigned>(random());
-                bytes[i] = i > 300 && number % 8 ? bytes[i - 300] : static_cast<char>(number >> 24);
-            }
-        }
+        std::vector<std::vector<unsigned char>> made;
+        for (unsigned i = 0; i < kStreams; ++i)
+            made.push_back(Vexel::Bench::someBytes(2000 + random() % 18000, false, i));
         return made;
     }();
     return all[stream];
@@ -61,7 +50,7 @@ const std::string& contentsOf(unsigned stream) {
 
 StorageRef openPackage(RootStorageOpenMode mode) {
     StorageRef root;
-    require(root.open(SharedPathName(package.c_str(), false, false), mode, false) == S_OK);
+    check(root.open(SharedPathName(package.c_str(), false, false), mode, false) == S_OK);
     return root;
 }
 
@@ -71,35 +60,35 @@ void createPackage() {
     DeleteFileW(package.c_str());
     {
         StorageRef root;
-        require(root.create(SharedPathName(package.c_str(), false, false)) == S_OK);
+        check(root.create(SharedPathName(package.c_str(), false, false)) == S_OK);
         for (unsigned i = 0; i < kStreams; ++i) {
             StorageRef storage;
             StreamRef stream;
             const bool isNew = i < kStorages;
-            require((isNew ? storage.create(storageOf(i).c_str(), root, false)
-                           : storage.open(storageOf(i).c_str(), root, false)) == S_OK);
-            require(stream.create(nameOf(i).c_str(), storage) == S_OK);
-            const std::string& bytes = contentsOf(i);
-            require(stream.WriteBytes(bytes.data(), bytes.size()) == bytes.size());
+            check((isNew ? storage.create(storageOf(i).c_str(), root, false)
+                         : storage.open(storageOf(i).c_str(), root, false)) == S_OK);
+            check(stream.create(nameOf(i).c_str(), storage) == S_OK);
+            const auto& bytes = contentsOf(i);
+            check(stream.WriteBytes(bytes.data(), bytes.size()) == bytes.size());
         }
-        require(root.commit() == S_OK);
+        check(root.commit() == S_OK);
     }
     cleanUp();
 }
 
-void readFromPackage(const StorageRef& root, unsigned i, std::string& buffer) {
+void readFromPackage(const StorageRef& root, unsigned i, std::vector<char>& buffer) {
     StorageRef storage;
     StreamRef stream;
-    require(storage.open(storageOf(i).c_str(), root, true) == S_OK &&
-            stream.open(nameOf(i).c_str(), storage, true) == S_OK);
+    check(storage.open(storageOf(i).c_str(), root, true) == S_OK &&
+          stream.open(nameOf(i).c_str(), storage, true) == S_OK);
     buffer.resize(contentsOf(i).size());
-    require(stream.ReadBytes(buffer.data(), buffer.size()) == buffer.size());
+    check(stream.ReadBytes(buffer.data(), buffer.size()) == buffer.size());
 }
 
 void readPackage(unsigned first, unsigned count) {
     {
         const StorageRef root = openPackage(RootStorageOpenMode::ReadOnlyDenyWrite);
-        std::string buffer;
+        std::vector<char> buffer;
         for (unsigned i = first; i < first + count; ++i)
             readFromPackage(root, i, buffer);
     }
@@ -111,10 +100,10 @@ void changePackage() {
         const StorageRef root = openPackage(RootStorageOpenMode::ReadWrite);
         StorageRef storage;
         StreamRef stream;
-        require(storage.open(storageOf(7).c_str(), root, false) == S_OK &&
-                stream.open(nameOf(7).c_str(), storage, false) == S_OK);
-        const std::string& bytes = contentsOf(7);
-        require(stream.WriteBytes(bytes.data(), bytes.size()) == bytes.size() && root.commit() == S_OK);
+        check(storage.open(storageOf(7).c_str(), root, false) == S_OK &&
+              stream.open(nameOf(7).c_str(), storage, false) == S_OK);
+        const auto& bytes = contentsOf(7);
+        check(stream.WriteBytes(bytes.data(), bytes.size()) == bytes.size() && root.commit() == S_OK);
     }
     cleanUp();
 }
@@ -123,9 +112,8 @@ void changePackage() {
 
 ComPtr<IStorage> openCompound(DWORD stgm) {
     ComPtr<IStorage> root;
-    require(
-        SUCCEEDED(StgOpenStorageEx(compound.c_str(), STGM_TRANSACTED | stgm, STGFMT_DOCFILE, 0, nullptr,
-                                   nullptr, IID_IStorage, reinterpret_cast<void**>(root.GetAddressOf()))));
+    check(SUCCEEDED(StgOpenStorageEx(compound.c_str(), STGM_TRANSACTED | stgm, STGFMT_DOCFILE, 0, nullptr,
+                                     nullptr, IID_IStorage, reinterpret_cast<void**>(root.GetAddressOf()))));
     return root;
 }
 
@@ -133,45 +121,45 @@ void writeStream(IStorage* root, unsigned i, bool isNew) {
     ComPtr<IStorage> storage;
     ComPtr<::IStream> stream;
     const DWORD stgm = STGM_TRANSACTED | STGM_READWRITE | kWhole;
-    require(SUCCEEDED(isNew ? root->CreateStorage(storageOf(i).c_str(), stgm, 0, 0, &storage)
-                            : root->OpenStorage(storageOf(i).c_str(), nullptr, stgm, nullptr, 0, &storage)));
-    require(SUCCEEDED(
+    check(SUCCEEDED(isNew ? root->CreateStorage(storageOf(i).c_str(), stgm, 0, 0, &storage)
+                          : root->OpenStorage(storageOf(i).c_str(), nullptr, stgm, nullptr, 0, &storage)));
+    check(SUCCEEDED(
         storage->CreateStream(nameOf(i).c_str(), STGM_CREATE | STGM_READWRITE | kWhole, 0, 0, &stream)));
-    const std::string& bytes = contentsOf(i);
-    require(SUCCEEDED(stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr)) &&
-            SUCCEEDED(storage->Commit(STGC_DEFAULT)));
+    const auto& bytes = contentsOf(i);
+    check(SUCCEEDED(stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr)) &&
+          SUCCEEDED(storage->Commit(STGC_DEFAULT)));
 }
 
 void createCompound() {
     ComPtr<IStorage> root;
-    require(SUCCEEDED(StgCreateStorageEx(
+    check(SUCCEEDED(StgCreateStorageEx(
         compound.c_str(), STGM_CREATE | STGM_TRANSACTED | STGM_READWRITE | kWhole, STGFMT_DOCFILE, 0, nullptr,
         nullptr, IID_IStorage, reinterpret_cast<void**>(root.GetAddressOf()))));
     for (unsigned i = 0; i < kStreams; ++i)
         writeStream(root.Get(), i, i < kStorages);
-    require(SUCCEEDED(root->Commit(STGC_DEFAULT)));
+    check(SUCCEEDED(root->Commit(STGC_DEFAULT)));
 }
 
 void readCompound(unsigned first, unsigned count) {
     const ComPtr<IStorage> root = openCompound(STGM_READ | STGM_SHARE_DENY_WRITE);
-    std::string buffer;
+    std::vector<char> buffer;
     for (unsigned i = first; i < first + count; ++i) {
         ComPtr<IStorage> storage;
         ComPtr<::IStream> stream;
-        require(SUCCEEDED(root->OpenStorage(storageOf(i).c_str(), nullptr,
-                                            STGM_TRANSACTED | STGM_READ | kWhole, nullptr, 0, &storage)) &&
-                SUCCEEDED(storage->OpenStream(nameOf(i).c_str(), nullptr, STGM_READ | kWhole, 0, &stream)));
+        check(SUCCEEDED(root->OpenStorage(storageOf(i).c_str(), nullptr, STGM_TRANSACTED | STGM_READ | kWhole,
+                                          nullptr, 0, &storage)) &&
+              SUCCEEDED(storage->OpenStream(nameOf(i).c_str(), nullptr, STGM_READ | kWhole, 0, &stream)));
         buffer.resize(contentsOf(i).size());
         ULONG done = 0;
         stream->Read(buffer.data(), static_cast<ULONG>(buffer.size()), &done);
-        require(done == buffer.size());
+        check(done == buffer.size());
     }
 }
 
 void changeCompound() {
     const ComPtr<IStorage> root = openCompound(STGM_READWRITE | STGM_SHARE_DENY_WRITE);
     writeStream(root.Get(), 7, false);
-    require(SUCCEEDED(root->Commit(STGC_DEFAULT)));
+    check(SUCCEEDED(root->Commit(STGC_DEFAULT)));
 }
 
 template <class Action>

@@ -27,8 +27,6 @@ constexpr unsigned kStreams = 200;
 constexpr std::size_t kStreamBytes = 500'000; // 100 MB in all
 constexpr DWORD kWhole = STGM_SHARE_EXCLUSIVE;
 
-void check(bool works) { require(works ? S_OK : E_FAIL); }
-
 void makeGzip(const ScratchFile& target) {
     const auto text = someBytes(kTextBytes, false);
     const gzFile file = gzopen_w(target.path(), "wb6");

@@ -35,6 +35,7 @@ inline void require(HRESULT status) noexcept {
     std::printf("failed with status 0x%08lx\n", static_cast<unsigned long>(status));
     std::exit(1);
 }
+inline void check(bool works) noexcept { require(works ? S_OK : E_FAIL); }
 
 /// Text-like bytes, which LZMA packs to about a third; or noise. Others for each seed.
 inline std::vector<unsigned char> someBytes(std::size_t size, bool isNoise, unsigned seed = 7) {
