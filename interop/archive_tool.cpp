@@ -1,9 +1,8 @@
 // Works on packages as a client of the DLL does, for the checks against other programs:
 //
 //   archive_tool dump FILE              every item, a line of JSON each
-//   archive_tool walk DIR SEED SAVES    a random walk, held against a plain map; a package and its list of
-//   items
-//                                       in DIR after each save
+//   archive_tool walk DIR SEED SAVES    a random walk, held against a plain map; after each save a package
+//                                       and its list of items are put in DIR
 //   archive_tool loop FILE              saves two states in turn until it is stopped, telling each time
 //   archive_tool properties FILE        gives a document of either format three property sets
 
