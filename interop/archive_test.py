@@ -11,7 +11,7 @@ import time
 import unittest
 import zlib
 
-from vexel_cli import BUILD, ROOT, listing, seven_zip
+from vexel_cli import BUILD, ROOT, listing, run, seven_zip
 
 WALKS = int(os.environ.get("VEXEL_WALKS", 4))
 KILLS = int(os.environ.get("VEXEL_KILLS", 12))
@@ -23,7 +23,7 @@ def command(*arguments):
 
 
 def tool(*arguments):
-    result = subprocess.run(command(*arguments), capture_output=True, timeout=200)
+    result = run(command(*arguments))
     if result.returncode:
         raise AssertionError(f"{arguments}: {result.stderr.decode()}")
     return result.stdout.decode()
@@ -132,7 +132,8 @@ class Packages(unittest.TestCase):
             process.stdout.readline()  # from here on there is a package
             time.sleep(random.Random(kill).random() * 0.2)
             process.kill()
-            process.communicate()
+            process.stdout.close()
+            process.wait()
             seven_zip("t", package)
             _, items = dump(package)
             self.assertEqual(len(items), 20)

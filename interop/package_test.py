@@ -9,7 +9,7 @@ import subprocess
 import unittest
 import zlib
 
-from vexel_cli import BUILD, ROOT, CommandTest, listing, package_snapshot, seven_zip, snapshot
+from vexel_cli import BUILD, ROOT, CommandTest, listing, package_snapshot, run, seven_zip, snapshot
 
 # What extract makes of names that files cannot have, and the elements that packages write for them.
 NAMES = {"%05SummaryInformation": "%05SummaryInformation", "100%25": "100%25", "%43ON": "CON", "a%3cb%3e": "a<b>",
@@ -186,8 +186,7 @@ class Packages(CommandTest):
 class DocumentLife(CommandTest):
     def test_each_state_of_the_example(self):
         program = BUILD / "bin" / "document_life.exe"
-        subprocess.run([ROOT / "scripts" / "wine", program, f"Z:{self.directory}"], check=True, capture_output=True,
-                       timeout=200)
+        run([ROOT / "scripts" / "wine", program, f"Z:{self.directory}"], check=True)
         paths = {name: self.directory / f"{name}.7z" for name in ["state-1", "state-2", "state-3", "state-4", "copy", "document"]}
         for path in paths.values():
             seven_zip("t", path)

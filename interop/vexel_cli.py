@@ -15,11 +15,23 @@ DATA = ROOT / "tests" / "data"
 BUILD = pathlib.Path(os.environ.get("VEXEL_BUILD_DIR", ROOT / "build" / "release"))
 
 
+def run(command, timeout=200, stdin=b"", **options):
+    """Runs a Windows program to its end. The result's output and error are bytes: what they hold then. Not read through
+    pipes, whose end comes only when everything that the program started has gone, too."""
+    with (tempfile.TemporaryFile() as source, tempfile.TemporaryFile() as output, tempfile.TemporaryFile() as error):
+        source.write(stdin)
+        source.seek(0)
+        result = subprocess.run(command, stdin=source, stdout=output, stderr=error, timeout=timeout, **options)
+        output.seek(0)
+        error.seek(0)
+        result.stdout, result.stderr = output.read(), error.read()
+        return result
+
+
 def vexel(*arguments, stdin=b""):
     """Runs the program to its end; standard output and error are bytes."""
     command = [ROOT / "scripts" / "vexel", *arguments]
-    return subprocess.run(command, input=stdin, capture_output=True, timeout=120,
-                          env={**os.environ, "VEXEL_BUILD_DIR": str(BUILD)})
+    return run(command, timeout=120, stdin=stdin, env={**os.environ, "VEXEL_BUILD_DIR": str(BUILD)})
 
 
 def make_compound(kind, path):
