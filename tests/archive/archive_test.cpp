@@ -1,6 +1,5 @@
 #include "archive/database.h"
 #include "io/com_pointer.h"
-#include "paths/file_handle.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"
@@ -138,22 +137,6 @@ TEST_F(Archive, OpeningReportsWhatIsThere) {
     EXPECT_EQ(log_.count(VxLog_Trace, L"Failed to open \"" + path_ + L"\" as an archive: 0x00000001"), 1);
     Support::writeFile(path_, "7z");
     EXPECT_EQ(SZipArchive(path_, false, false).reload(), STG_E_INVALIDHEADER);
-}
-
-// A file that cannot be opened counts as a new archive, but must not be replaced by it.
-TEST_F(Archive, NeverReplacesAFileThatItCouldNotRead) {
-    make({{L"old", "precious"}});
-    SZipArchive archive(path_, false, true);
-    {
-        const Vexel::Detail::FileHandle other(
-            CreateFileW(path_.c_str(), GENERIC_WRITE, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-        EXPECT_EQ(archive.reload(), S_OK);
-        EXPECT_TRUE(archive.isEmpty());
-        EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
-        EXPECT_EQ(archive.save(false), STG_E_SHAREVIOLATION);
-    }
-    EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_EQ(Support::contentsOf(archive), (Contents{{L"old", "precious"}, {L"new", "x"}}));
 }
 
 TEST_F(Archive, ReadOnlyRefusesEveryChange) {
@@ -335,22 +318,6 @@ TEST_F(Archive, ReadsFromAndSavesToStreams) {
     std::string bytes;
     EXPECT_EQ(readItem(archive, L"d/a", bytes), STG_E_FILENOTFOUND);
     EXPECT_EQ(archive.save(stream.Get()), STG_E_FILENOTFOUND);
-}
-
-TEST_F(Archive, AFailedReloadLosesNothing) {
-    make({{L"a", "0123"}, {L"b", "4567"}});
-    SZipArchive archive = open();
-    EXPECT_EQ(writeItem(archive, L"c", "new"), S_OK);
-    EXPECT_EQ(archive.remove(L"b"sv), S_OK);
-    {
-        archive.setFileName(L"");
-        EXPECT_EQ(archive.reload(), S_OK); // cannot be opened: taken for a new archive
-        archive.setFileName(path_.c_str());
-        std::string bytes;
-        EXPECT_EQ(readItem(archive, L"a", bytes), STG_E_FILENOTFOUND);
-    }
-    EXPECT_EQ(archive.save(true), S_OK);
-    EXPECT_EQ(Support::contentsOf(archive), (Contents{{L"a", "0123"}, {L"c", "new"}}));
 }
 
 struct Foreign {
