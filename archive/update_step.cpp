@@ -171,6 +171,10 @@ CObjectVector<CUpdateItem> itemsOf(const std::vector<UpdateEntry>& entries) {
     return items;
 }
 
+HRESULT engineStatus(HRESULT result) noexcept {
+    return result == E_OUTOFMEMORY ? STG_E_INSUFFICIENTMEMORY : asStatus(result);
+}
+
 bool copiesPackedData(const std::vector<UpdateEntry>& entries) noexcept {
     return std::any_of(entries.begin(), entries.end(),
                        [](const UpdateEntry& entry) { return entry.databaseIndex >= 0; });
@@ -195,16 +199,9 @@ HRESULT update(const std::vector<UpdateEntry>& entries, const DatabaseStream* ol
     // Contents are read back item by item, so no two share a folder.
     options.NumSolidFiles = 1;
     options.AnalysisLevel = 0;
-    const HRESULT status = NArchive::N7z::Update(input.Get(), old ? &old->database() : nullptr, items, output,
-                                                 &callback, options);
+    const HRESULT status = engineStatus(NArchive::N7z::Update(input.Get(), old ? &old->database() : nullptr,
+                                                              items, output, &callback, options));
     return input ? input->failure().orElse(status) : status;
-}
-
-/// `status`: the engine's.
-HRESULT outcome(const OutStream& output, HRESULT status) noexcept {
-    if (status == E_OUTOFMEMORY)
-        status = STG_E_INSUFFICIENTMEMORY;
-    return output.failure().orElse(asStatus(status));
 }
 
 } // namespace
@@ -212,12 +209,13 @@ HRESULT outcome(const OutStream& output, HRESULT status) noexcept {
 HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, OutStream* output,
                      const wchar_t* archiveName) {
     bool isAtHeader = entries.empty();
-    const HRESULT status = outcome(*output, withEngine(E_FAIL, [&] {
+    const HRESULT result = withEngine(E_FAIL, [&] {
         if (entries.empty())
-            return writeEmpty(output);
+            return engineStatus(writeEmpty(output));
         const auto callback = Detail::adopt(new UpdateCallback(entries, isAtHeader));
         return update(entries, old, output, *callback.Get());
-    }));
+    });
+    const HRESULT status = output->failure().orElse(result);
     if (status != S_OK)
         VxLog_WriteW(VxLog_Error, isAtHeader ? kHeaderFailure : kUpdateFailure, archiveName,
                      static_cast<unsigned>(status));

@@ -255,7 +255,7 @@ TEST_F(ScarceMemory, NeverCostsADocument) {
         use(maker);
         expect(changes[5]);
         for (const bool forGood : {false, true})
-            for (int n = 0;; n += forGood ? 7 : 1) { // there are hundreds of places
+            for (int n = 0;; n += forGood || maker.sample ? 7 : 1) { // there are hundreds of places
                 SCOPED_TRACE((forGood ? "from allocation " : "only allocation ") + std::to_string(n));
                 makeOld();
                 SZipArchive archive(path_, false, true);
