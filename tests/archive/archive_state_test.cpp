@@ -58,27 +58,35 @@ struct Unreadable {
     ArchiveFaults::Call call;
     DWORD error;
     HRESULT reloaded;
+    int level;
+    const wchar_t* message;
 };
 
 // A file that could not be read must not be replaced as long as that is so; then what it has is kept.
 TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
+    const auto* open = L"Failed to open file \"";
+    const auto* read = L"Failed to open \"";
+    const auto* size = L"Failed to get the size of the file \"";
     for (const Unreadable& fault :
-         {Unreadable{"in use", ArchiveFaults::Create, ERROR_SHARING_VIOLATION, S_OK},
-          {"no right", ArchiveFaults::Create, ERROR_ACCESS_DENIED, S_OK},
-          {"no drive", ArchiveFaults::Create, ERROR_INVALID_DRIVE, S_OK},
-          {"not ready", ArchiveFaults::Create, ERROR_NOT_READY, S_OK},
-          {"no network path", ArchiveFaults::Create, ERROR_BAD_NETPATH, S_OK},
-          {"no share", ArchiveFaults::Create, ERROR_BAD_NET_NAME, S_OK},
-          {"no element", ArchiveFaults::Create, ERROR_NOT_FOUND, S_OK},
-          {"no error", ArchiveFaults::Create, ERROR_SUCCESS, S_OK},
-          {"bad sector", ArchiveFaults::Read, ERROR_CRC, HRESULT(0x80030017)},
-          {"no size", ArchiveFaults::Size, ERROR_CRC, STG_E_INVALIDHEADER}}) {
+         {Unreadable{"in use", ArchiveFaults::Create, ERROR_SHARING_VIOLATION, S_OK, VxLog_Error, open},
+          {"no right", ArchiveFaults::Create, ERROR_ACCESS_DENIED, S_OK, VxLog_Error, open},
+          {"no drive", ArchiveFaults::Create, ERROR_INVALID_DRIVE, S_OK, VxLog_Minor, open},
+          {"not ready", ArchiveFaults::Create, ERROR_NOT_READY, S_OK, VxLog_Minor, open},
+          {"no network path", ArchiveFaults::Create, ERROR_BAD_NETPATH, S_OK, VxLog_Minor, open},
+          {"no share", ArchiveFaults::Create, ERROR_BAD_NET_NAME, S_OK, VxLog_Minor, open},
+          {"no element", ArchiveFaults::Create, ERROR_NOT_FOUND, S_OK, VxLog_Minor, open},
+          {"no error", ArchiveFaults::Create, ERROR_SUCCESS, S_OK, VxLog_Error, open},
+          {"bad sector", ArchiveFaults::Read, ERROR_CRC, HRESULT(0x80030017), VxLog_Error, read},
+          {"no size", ArchiveFaults::Size, ERROR_CRC, STG_E_INVALIDHEADER, VxLog_Error, size}}) {
         SCOPED_TRACE(fault.name);
         make({{L"old", "precious"}});
         const std::string before = Support::readFile(path_);
         SZipArchive archive(path_, false, true);
         ArchiveFaults::arm(fault.call, fault.error, 0, true);
+        log_.clear();
         EXPECT_EQ(archive.reload(), fault.reloaded);
+        EXPECT_EQ(log_.messages().front().first, fault.level);
+        EXPECT_EQ(log_.count(fault.message), 1);
         EXPECT_TRUE(archive.isEmpty());
         EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
         EXPECT_TRUE(FAILED(archive.save(false)));

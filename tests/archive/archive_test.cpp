@@ -1,5 +1,6 @@
 #include "archive/database.h"
 #include "io/com_pointer.h"
+#include "paths/file_handle.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"
@@ -110,10 +111,32 @@ TEST_F(Archive, KeepsWhatIsSaved) {
     EXPECT_EQ(CompareFileTime(&created, &creation), 0);
     EXPECT_NE(archive.item(L"A"sv)->modificationFileTime().dwHighDateTime, 0U);
     EXPECT_EQ(archive.item(L""sv), nullptr);
-    FILETIME times[3];
-    EXPECT_TRUE(archive.fileTimes(&times[0], &times[1], &times[2]));
     EXPECT_EQ(log_.count(VxLog_Warning, L""), 0);
     EXPECT_FALSE(std::filesystem::exists(path_ + L".7ztmp"));
+}
+
+TEST_F(Archive, TellsTheTimesOfItsFile) {
+    make({{L"a", "x"}});
+    const FILETIME created{1, 0x01D00000}, accessed{2, 0x01D10000}, written{3, 0x01D20000};
+    {
+        const Vexel::Detail::FileHandle file(
+            CreateFileW(path_.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+        ASSERT_TRUE(SetFileTime(file.get(), &created, &accessed, &written));
+    }
+    FILETIME system[3], times[3];
+    const SZipArchive archive = open();
+    {
+        const Vexel::Detail::FileHandle file(CreateFileW(path_.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ,
+                                                         nullptr, OPEN_EXISTING, 0, nullptr));
+        ASSERT_TRUE(GetFileTime(file.get(), &system[0], &system[1], &system[2]));
+    }
+    ASSERT_NE(CompareFileTime(&system[1], &system[2]), 0);
+    // Unlike the system, the last write comes before the last access.
+    EXPECT_TRUE(archive.fileTimes(&times[0], &times[1], &times[2]));
+    EXPECT_EQ(CompareFileTime(&times[0], &system[0]), 0);
+    EXPECT_EQ(CompareFileTime(&times[1], &system[2]), 0);
+    EXPECT_EQ(CompareFileTime(&times[2], &system[1]), 0);
+    EXPECT_TRUE(archive.fileTimes(nullptr, nullptr, nullptr));
 }
 
 TEST_F(Archive, WarnsOfLostChangesOnly) {

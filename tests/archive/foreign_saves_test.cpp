@@ -176,11 +176,14 @@ TEST_F(ForeignSaves, LeaveAFileAloneWhoseFolderIsDamaged) {
         EXPECT_EQ(writeItem(whole, L"empty", "new"), S_OK);
         EXPECT_EQ(whole.save(false), S_OK);
     }
-    SZipArchive rest = open();
-    for (const auto path : {L"d/a.txt"sv, L"d/b.txt"sv, L"d/e/c.txt"sv, L"link"sv, L"top"sv})
-        EXPECT_EQ(rest.remove(path), S_OK);
-    EXPECT_EQ(rest.save(false), S_OK);
-    EXPECT_EQ(onDisk(), (Contents{{L"empty", "new"}}));
+    // Nor does damage behind the last of the contents that are needed matter.
+    {
+        SZipArchive first = open();
+        for (const auto path : {L"d/b.txt"sv, L"d/e/c.txt"sv, L"link"sv, L"top"sv})
+            EXPECT_EQ(first.remove(path), S_OK);
+        EXPECT_EQ(first.save(false), S_OK);
+    }
+    EXPECT_EQ(onDisk(), (Contents{{L"d/a.txt", "first member, which stays"}, {L"empty", "new"}}));
 }
 
 TEST_F(ForeignSaves, KeepTheAttributesOfUnchangedItems) {

@@ -2,6 +2,8 @@
 // second, and so on until nothing fails any more, once each and from there on for good. Whatever happens, the
 // file on the disk is the old one, byte for byte, or the new one, and the archive in memory can be saved.
 
+#include "archive/engine_streams.h"
+#include "io/com_pointer.h"
 #include "support/archive_faults.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
@@ -229,6 +231,19 @@ TEST_F(SweptSaves, MakeEveryCallThatIsSwept) {
     expect(changes[5]);
     for (const Fault& fault : faults)
         EXPECT_TRUE(sweep(changes[5], fault, ArchiveFaults::Error, 0, true)) << fault.name;
+}
+
+// The engine never cuts what it writes, but may.
+TEST_F(SaveFaults, ACutThatFailsFailsTheFile) {
+    for (const auto call : {ArchiveFaults::SetEnd, ArchiveFaults::Position}) {
+        const auto file = Vexel::Detail::adopt(new Vexel::Storage::Engine::TemporaryFile(path_.c_str()));
+        EXPECT_EQ(file->create(), S_OK);
+        EXPECT_EQ(file->Write("0123", 4, nullptr), S_OK);
+        ArchiveFaults::arm(call, 0, 0, false);
+        EXPECT_EQ(file->SetSize(2), HRESULT(0x80030000));
+        EXPECT_TRUE(ArchiveFaults::disarm());
+        EXPECT_EQ(file->finish(), HRESULT(0x80030000));
+    }
 }
 
 TEST_F(SaveFaults, ATemporaryThatStaysDoesNoHarm) {
