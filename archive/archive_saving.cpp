@@ -32,19 +32,21 @@ void logFailure(const wchar_t* format, const CString& path, HRESULT status) noex
 HRESULT SZipArchivePrivate::checkReplaceable() {
     if (fileState_ == FileState::Ignored)
         return S_OK;
-    HRESULT status = S_OK;
     if (!database) {
-        status = read(); // what the file has and memory has not is kept
+        const HRESULT status = read(); // what the file has and memory has not is kept
         *changed = true;
         return isAbsent(openingStatus_) ? S_OK : status;
     }
     if (database->isOf(StringLess::view(fileName))) {
-        status = database->open();
-    } else if (Database other; (status = Engine::openFile(fileName.GetString(), other)) == S_OK) {
-        // The items need the database that they have, so they cannot take this file's as well.
-        status = STG_E_FILEALREADYEXISTS;
+        const HRESULT status = database->open();
+        return isAbsent(status) ? S_OK : status;
     }
-    return isAbsent(status) ? S_OK : status;
+    Database other;
+    const HRESULT status = Engine::openFile(fileName.GetString(), other);
+    // The items need the database that they have, so they cannot take that of a file as well.
+    if (isAbsent(status))
+        return S_OK;
+    return status == S_OK ? STG_E_FILEALREADYEXISTS : status;
 }
 
 HRESULT SZipArchivePrivate::save() {

@@ -35,7 +35,6 @@ public:
         Calls() = real;
         return std::exchange(plan.hit, false);
     }
-    static bool hit() { return plan.hit; }
     /// What happens beside the next failure.
     static inline void (*alongside)() = nullptr;
 
@@ -74,53 +73,35 @@ private:
         return plan.form == Nothing;
     }
 
+    template <auto Call, class... Arguments>
+    static BOOL WINAPI strike(Arguments... arguments) {
+        return !isStruck() && (real.*Call)(arguments...);
+    }
+    static HANDLE WINAPI create(const wchar_t* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                                DWORD how, DWORD flags, HANDLE model) {
+        return isStruck() ? INVALID_HANDLE_VALUE
+                          : real.createFile(name, access, share, security, how, flags, model);
+    }
+    static BOOL WINAPI read(HANDLE file, void* data, DWORD size, DWORD* count, OVERLAPPED* at) {
+        return move([&](DWORD part) { return real.readFile(file, data, part, count, at); }, size, count);
+    }
+    static BOOL WINAPI write(HANDLE file, const void* data, DWORD size, DWORD* count, OVERLAPPED* at) {
+        return move([&](DWORD part) { return real.writeFile(file, data, part, count, at); }, size, count);
+    }
+
     static inline const Platform real = Vexel::Storage::Engine::platform();
     static inline Plan plan{};
     // The engine reads through the same calls when it opens the file, copies packed data and decodes.
     static inline void (*const breaks[])(Platform& calls) = {
-        [](Platform& p) {
-            p.createFile = [](const wchar_t* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
-                              DWORD how, DWORD flags, HANDLE model) {
-                return isStruck() ? INVALID_HANDLE_VALUE
-                                  : real.createFile(name, access, share, security, how, flags, model);
-            };
-        },
-        [](Platform& p) {
-            p.getFileSize = [](HANDLE file, LARGE_INTEGER* size) -> BOOL {
-                return !isStruck() && real.getFileSize(file, size);
-            };
-        },
-        [](Platform& p) {
-            p.readFile = [](HANDLE file, void* data, DWORD size, DWORD* count, OVERLAPPED* at) {
-                return move([&](DWORD part) { return real.readFile(file, data, part, count, at); }, size,
-                            count);
-            };
-        },
-        [](Platform& p) {
-            p.writeFile = [](HANDLE file, const void* data, DWORD size, DWORD* count, OVERLAPPED* at) {
-                return move([&](DWORD part) { return real.writeFile(file, data, part, count, at); }, size,
-                            count);
-            };
-        },
-        [](Platform& p) {
-            p.setPosition = [](HANDLE file, LARGE_INTEGER to, LARGE_INTEGER* reached, DWORD from) -> BOOL {
-                return !isStruck() && real.setPosition(file, to, reached, from);
-            };
-        },
-        [](Platform& p) {
-            p.setEndOfFile = [](HANDLE file) -> BOOL { return !isStruck() && real.setEndOfFile(file); };
-        },
-        [](Platform& p) {
-            p.flushFile = [](HANDLE file) -> BOOL { return !isStruck() && real.flushFile(file); };
-        },
-        [](Platform& p) {
-            p.moveFile = [](const wchar_t* from, const wchar_t* to, DWORD flags) -> BOOL {
-                return !isStruck() && real.moveFile(from, to, flags);
-            };
-        },
-        [](Platform& p) {
-            p.deleteFile = [](const wchar_t* name) -> BOOL { return !isStruck() && real.deleteFile(name); };
-        }};
+        [](Platform& p) { p.createFile = create; },
+        [](Platform& p) { p.getFileSize = strike<&Platform::getFileSize>; },
+        [](Platform& p) { p.readFile = read; },
+        [](Platform& p) { p.writeFile = write; },
+        [](Platform& p) { p.setPosition = strike<&Platform::setPosition>; },
+        [](Platform& p) { p.setEndOfFile = strike<&Platform::setEndOfFile>; },
+        [](Platform& p) { p.flushFile = strike<&Platform::flushFile>; },
+        [](Platform& p) { p.moveFile = strike<&Platform::moveFile>; },
+        [](Platform& p) { p.deleteFile = strike<&Platform::deleteFile>; }};
 };
 
 } // namespace Support
