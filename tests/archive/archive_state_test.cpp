@@ -89,7 +89,8 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         EXPECT_EQ(log_.count(fault.message), 1);
         EXPECT_TRUE(archive.isEmpty());
         EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
-        ArchiveFaults::arm(fault.call, fault.error, 0, false); // the save itself would find nothing in its way
+        ArchiveFaults::arm(fault.call, fault.error, 0,
+                           false); // the save itself would find nothing in its way
         EXPECT_TRUE(FAILED(archive.save(false)));
         EXPECT_TRUE(ArchiveFaults::disarm());
         EXPECT_EQ(Support::readFile(path_), before);
