@@ -8,11 +8,14 @@
 ///    item of its own. Paths are compared code unit by code unit, so case counts. Elements are stored as
 ///    `SZipArchive::encodePathElement` makes them; nothing here encodes or decodes by itself.
 ///  - Changes are kept in memory until `save`, which writes a whole new archive beside the old one and then
-///    replaces it. Whatever fails on the way, the old file stays whole, and the archive in memory can be
-///    saved again.
-///  - Statuses are of the storage facility; a Win32 error keeps its code there (0x80030000 | code). Exhausted
-///    memory is STG_E_INSUFFICIENTMEMORY. Only constructors and functions that return a string or change a
-///    name throw (std::bad_alloc, CMemoryException*). Failures are logged with the archive's name.
+///    replaces it. Whatever fails on the way, the file is the old one or, if it was replaced already, the new
+///    one, and the archive in memory can be used and saved again. Whatever becomes of the file, contents that
+///    are in memory can be read, changed and saved elsewhere.
+///  - Statuses are of the storage facility; a Win32 error keeps its code there (0x80030000 | code), and a call
+///    that failed without one gives 0x80030000. Exhausted memory is STG_E_INSUFFICIENTMEMORY, but a caller's
+///    stream that fails gives its own status. A positive one, which would pass for a success, is replaced by
+///    a failure. Only constructors and functions that return a string or change a name throw (std::bad_alloc,
+///    CMemoryException*). Failures are logged with the archive's name.
 ///  - Threads: an archive may be used from many at once, but for its constructors, destructor, assignment and
 ///    `setFileName`. What takes no lock says so; an item pointer is valid until the item is removed.
 
@@ -97,7 +100,6 @@ private:
     int databaseIndex_ = -1; // of the record in the archive that was read
     bool isDirectory_;
     bool isAnti_ = false;
-    int oldIndex_ = -1; // `databaseIndex_`, kept while a failed reload has made that -1
 };
 
 /// A 7z archive in memory. Contents are read when they are asked for and stay, until they are flushed.
@@ -120,16 +122,17 @@ public:
     void swap(SZipArchive& other) noexcept { private_.swap(other.private_); }
 
     /// Reads the file or stream. Items in memory that it has, too, get its attributes; changed contents and
-    /// items that it does not have stay. On failure all stays, but contents that were not read yet cannot be
-    /// had before a reload succeeds.
+    /// items that it does not have stay, and the next save writes changed contents. On failure all stays, and
+    /// a save loses nothing; but contents that were not read yet cannot be had before a reload or a save
+    /// succeeds.
     ///  - STG_E_FILENOTFOUND and other Win32 codes: the file of a read-only archive cannot be opened. One
-    ///    that can be changed and has no file is a new archive: S_OK.
+    ///    that can be changed counts as a new archive then: S_OK, and `openingStatus` tells why. So does, for
+    ///    both, a file that cannot be opened although the system names no error.
     ///  - STG_E_INVALIDHEADER: not a 7z archive, or its headers are damaged.
     ///  - HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED): the headers use what the library does not support.
     HRESULT reload();
 
-    /// Why the file could not be opened when the archive was read last, which `reload` tells of read-only
-    /// ones only; S_OK when it could.
+    /// Why the file could not be opened when the archive was read last; S_OK when it could.
     HRESULT openingStatus() const;
 
     /// The path, or whatever name was given for messages. No lock.
@@ -143,8 +146,10 @@ public:
     SZipArchiveItem* item(std::wstring_view path) const;
     SZipArchiveItem* item(const CString& path) const { return item(StringLess::view(path)); }
     /// Calls `visit` for each item below a directory, or for each there is for the empty path, in order, with
-    /// its path from there on. Holds a share of the lock meanwhile: `visit` must not change the archive.
-    void visitDescendants(
+    /// its path from there on. Holds a share of the lock meanwhile: `visit` may ask the item for what takes no
+    /// lock of the archive (size, times, flags), but must not call the archive, which could wait for ever.
+    /// STG_E_INSUFFICIENTMEMORY, also when `visit` throws std::bad_alloc; then not all items were visited.
+    HRESULT visitDescendants(
         std::wstring_view path,
         const std::function<void(std::wstring_view pathBelow, const SZipArchiveItem& item)>& visit) const;
     /// The same two answers under the lock: whether there is such a directory, and an item's times, which are
@@ -165,7 +170,9 @@ public:
     ///  - STG_E_INVALIDPOINTER, STG_E_INVALIDNAME (empty, or begins with "/").
     ///  - STG_E_FILENOTFOUND: no such item, a directory, or not in the file that was read.
     ///  - STG_E_INVALIDFUNCTION: the item shares a folder with others.
-    ///  - STG_E_READFAULT: the contents are not those that were stored.
+    ///  - STG_E_READFAULT: the contents are not those that were stored, or cannot be: the packed bytes are far
+    ///    too few for them.
+    ///  - Win32 codes of opening the file again after a save that failed. STG_E_INVALIDHEADER: it is another.
     ///  - STG_E_INSUFFICIENTMEMORY. The code of a stream that cannot be cloned, for an archive on one.
     ///  - The engine's code when it cannot decode: E_NOTIMPL for an unknown method, S_FALSE for packed data
     ///    that are damaged. S_OK with a null `*result` when there were data behind the end of the contents:
@@ -179,8 +186,9 @@ public:
     // that begins with "/" or, where an item is needed, is empty.
 
     /// A new file, which counts as changed even if nothing is written. What happens to a file that exists:
-    /// with `failIfExists` STG_E_FILEALREADYEXISTS, with `replace` it becomes empty, with neither its
-    /// contents are given as by `extractFile`.
+    /// with `failIfExists` STG_E_FILEALREADYEXISTS, with `replace` it becomes empty, and its old contents are
+    /// not needed, with neither its contents are given as by `extractFile`. A deletion mark that contents are
+    /// written into becomes a file.
     ///  - STG_E_INVALIDPOINTER. STG_E_INVALIDNAME also when the parent is missing or no directory.
     ///  - STG_E_FILEALREADYEXISTS also for a directory of that name.
     HRESULT createFile(IStream** result, const CString& path, bool failIfExists, bool replace);
@@ -227,13 +235,21 @@ public:
     /// `addItem` for the item at `path`, or for all there are for the empty one, under their own paths.
     HRESULT addItems(const SZipArchive& source, const CString& path);
 
-    /// Replaces the file by one with all changes; nothing is done when there are none. Afterwards the archive
-    /// is read again. With `flushAfterwards` a `flush` of everything follows.
+    /// Replaces the file by one with all changes; nothing is done when there are none. With `flushAfterwards`
+    /// a `flush` of everything follows.
+    ///
+    /// A file that `reload` could not read, or did not find, is read first: what it has and memory does not is
+    /// kept. While that fails, it is not replaced, unless it is not there. An archive that was never to be read
+    /// replaces whatever is there. Packed contents of unchanged items are copied. Where not all items of a
+    /// folder are, because one is changed or removed, the others are unpacked and written one by one.
     ///  - STG_E_ACCESSDENIED: read-only, or (as the Win32 code) the file is in use.
     ///  - STG_E_FILENOTFOUND: contents that were never read are gone with their file.
-    ///  - Win32 codes of creating, writing and replacing; the engine's codes; those of `reload`.
+    ///  - STG_E_FILEALREADYEXISTS: this archive was read from, or borrows from, another file.
+    ///  - STG_E_READFAULT: contents that have to be unpacked are damaged.
+    ///  - Win32 codes of opening, creating, writing and replacing; the engine's codes; those of `reload`.
     HRESULT save(bool flushAfterwards);
-    /// Writes the whole archive to a stream, from its position on. This archive does not change.
+    /// Writes the whole archive to a stream, from its position on. This archive does not change. The statuses
+    /// of `save`, and those of the stream.
     HRESULT save(IStream* destination) const;
     /// The same: without it, a pointer would as soon be taken for a `bool`.
     HRESULT save(IStream* destination) { return std::as_const(*this).save(destination); }

@@ -1,6 +1,7 @@
 // Many threads on one archive: reading, listing, creating, changing and giving back memory, while another one
 // saves.
 
+#include "archive/rw_lock.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"
@@ -31,6 +32,36 @@ std::string contentsFor(unsigned number) {
 
 std::wstring pathFor(unsigned writer, unsigned round) {
     return L"w" + std::to_wstring(writer) + L"/" + std::to_wstring(round);
+}
+
+// A reader counts 4; bit 0 is a writer that holds the lock, bit 1 one that waits.
+TEST(RwLock, LetsAReaderBecomeTheWriter) {
+    using namespace Vexel::Detail;
+    enum Others { None, Reader, ReaderAndWaitingWriter };
+    for (const Others others : {None, Reader, ReaderAndWaitingWriter}) {
+        RwLockWord word{0};
+        RwLock::lockShared(word);
+        EXPECT_EQ(word, 4U);
+        std::thread reader;
+        if (others != None) {
+            RwLock::lockShared(word);
+            word.fetch_or(others == ReaderAndWaitingWriter ? 2 : 0);
+            // Goes when the other one has said that it wants to write.
+            const std::uint64_t before = word;
+            reader = std::thread([&word, before] {
+                while (word == before)
+                    std::this_thread::yield();
+                RwLock::unlockShared(word);
+            });
+        }
+        // Who has to let another writer through first is told so.
+        EXPECT_EQ(RwLock::upgrade(word), others != ReaderAndWaitingWriter);
+        EXPECT_EQ(word, 1U);
+        if (reader.joinable())
+            reader.join();
+        RwLock::unlockExclusive(word);
+        EXPECT_EQ(word, 0U);
+    }
 }
 
 class ArchiveThreads : public testing::Test {

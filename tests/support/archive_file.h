@@ -29,6 +29,18 @@ inline HRESULT writeItem(Vexel::Storage::SZipArchive& archive, const wchar_t* pa
     return FAILED(status) ? status : stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
 }
 
+/// Every item with its contents, or with the status that is had instead.
+inline std::map<std::wstring, std::string> statesOf(Vexel::Storage::SZipArchive& archive) {
+    std::map<std::wstring, std::string> states;
+    for (const auto& [path, item] : archive.items()) {
+        std::string& state = states[path.GetString()];
+        const HRESULT status = readItem(archive, Vexel::Storage::StringLess::view(path), state);
+        if (status != S_OK)
+            state = item.isDirectory() ? directoryMark : "status " + std::to_string(status);
+    }
+    return states;
+}
+
 /// Every item with its contents, or the mark of a directory.
 inline std::map<std::wstring, std::string> contentsOf(Vexel::Storage::SZipArchive& archive) {
     std::map<std::wstring, std::string> contents;

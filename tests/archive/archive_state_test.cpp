@@ -1,0 +1,272 @@
+// How an archive in memory and its file stand to each other: what may be replaced, and what can still be had
+// when the file could not be read, has gone, or is another one.
+
+#include "archive/database.h"
+#include "support/archive_faults.h"
+#include "support/archive_file.h"
+#include "support/compound_file.h"
+#include "support/log_capture.h"
+
+#include <vexel/archive.h>
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <functional>
+#include <optional>
+#include <string>
+
+using namespace std::string_view_literals;
+using Microsoft::WRL::ComPtr;
+using Support::ArchiveFaults;
+using Support::contentsOf;
+using Support::readItem;
+using Support::writeItem;
+using Vexel::Storage::SZipArchive;
+
+namespace {
+
+using Contents = std::map<std::wstring, std::string>;
+
+class State : public testing::Test {
+protected:
+    void make(const Contents& contents) const {
+        SZipArchive archive(path_, false, true);
+        for (const auto& [path, bytes] : contents)
+            EXPECT_EQ(writeItem(archive, path.c_str(), bytes), S_OK);
+        EXPECT_EQ(archive.save(false), S_OK);
+    }
+    Contents onDisk() const { return inFile(path_); }
+    static Contents inFile(const std::wstring& path) {
+        SZipArchive archive(path, true, true);
+        EXPECT_EQ(archive.reload(), S_OK);
+        return contentsOf(archive);
+    }
+
+    ArchiveFaults faults_;
+    Support::TempFolder folder_;
+    static inline std::wstring path_;
+    LogCapture log_;
+
+    void SetUp() override { path_ = folder_.file(L"a.7z"); }
+};
+
+struct Unreadable {
+    const char* name;
+    ArchiveFaults::Call call;
+    DWORD error;
+    HRESULT reloaded;
+    int level;
+    const wchar_t* message;
+};
+
+// A file that could not be read must not be replaced as long as that is so; then what it has is kept.
+TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
+    const auto* open = L"Failed to open file \"";
+    const auto* read = L"Failed to open \"";
+    const auto* size = L"Failed to get the size of the file \"";
+    for (const Unreadable& fault :
+         {Unreadable{"in use", ArchiveFaults::Create, ERROR_SHARING_VIOLATION, S_OK, VxLog_Error, open},
+          {"no right", ArchiveFaults::Create, ERROR_ACCESS_DENIED, S_OK, VxLog_Error, open},
+          {"no drive", ArchiveFaults::Create, ERROR_INVALID_DRIVE, S_OK, VxLog_Minor, open},
+          {"not ready", ArchiveFaults::Create, ERROR_NOT_READY, S_OK, VxLog_Minor, open},
+          {"no network path", ArchiveFaults::Create, ERROR_BAD_NETPATH, S_OK, VxLog_Minor, open},
+          {"no share", ArchiveFaults::Create, ERROR_BAD_NET_NAME, S_OK, VxLog_Minor, open},
+          {"no element", ArchiveFaults::Create, ERROR_NOT_FOUND, S_OK, VxLog_Minor, open},
+          {"no error", ArchiveFaults::Create, ERROR_SUCCESS, S_OK, VxLog_Error, open},
+          {"bad sector", ArchiveFaults::Read, ERROR_CRC, HRESULT(0x80030017), VxLog_Error, read},
+          {"no size", ArchiveFaults::Size, ERROR_CRC, STG_E_INVALIDHEADER, VxLog_Error, size}}) {
+        SCOPED_TRACE(fault.name);
+        make({{L"old", "precious"}});
+        const std::string before = Support::readFile(path_);
+        SZipArchive archive(path_, false, true);
+        ArchiveFaults::arm(fault.call, fault.error, 0, true);
+        log_.clear();
+        EXPECT_EQ(archive.reload(), fault.reloaded);
+        EXPECT_EQ(log_.messages().front().first, fault.level);
+        EXPECT_EQ(log_.count(fault.message), 1);
+        EXPECT_TRUE(archive.isEmpty());
+        EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
+        ArchiveFaults::arm(fault.call, fault.error, 0,
+                           false); // the save itself would find nothing in its way
+        EXPECT_TRUE(FAILED(archive.save(false)));
+        EXPECT_TRUE(ArchiveFaults::disarm());
+        EXPECT_EQ(Support::readFile(path_), before);
+        EXPECT_EQ(archive.save(false), S_OK);
+        EXPECT_EQ(onDisk(), (Contents{{L"old", "precious"}, {L"new", "x"}}));
+        DeleteFileW(path_.c_str());
+    }
+}
+
+TEST_F(State, NeverReplacesWhatIsNoArchive) {
+    Support::writeFile(path_, "This is text, and long enough to be looked at.");
+    SZipArchive archive(path_, false, true);
+    EXPECT_EQ(archive.reload(), STG_E_INVALIDHEADER);
+    EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
+    EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
+    EXPECT_EQ(Support::readFile(path_).substr(0, 12), "This is text");
+    EXPECT_TRUE(DeleteFileW(path_.c_str()));
+    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_EQ(onDisk(), (Contents{{L"new", "x"}}));
+}
+
+// Two programs begin the same document.
+TEST_F(State, TakesInAFileThatAppearsLater) {
+    SZipArchive archive(path_, false, true);
+    EXPECT_EQ(archive.reload(), S_OK);
+    EXPECT_EQ(archive.openingStatus(), STG_E_FILENOTFOUND);
+    EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
+    make({{L"old", "precious"}});
+    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_EQ(onDisk(), (Contents{{L"old", "precious"}, {L"new", "x"}}));
+}
+
+// Made anew is made anew: who never reads a file wants it replaced.
+TEST_F(State, ReplacesAFileThatWasNeverToBeRead) {
+    make({{L"old", "x"}});
+    make({{L"new", "y"}});
+    EXPECT_EQ(onDisk(), (Contents{{L"new", "y"}}));
+}
+
+struct Loss {
+    const char* name;
+    ArchiveFaults::Call call;
+    unsigned skipped;
+    HRESULT saved;
+};
+
+// The file goes while it is replaced or opened again: nothing is left of it, but all is in memory.
+TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
+    for (const Loss& loss : {Loss{"replacing", ArchiveFaults::Move, 0, STG_E_PATHNOTFOUND},
+                             Loss{"opening again", ArchiveFaults::Create, 2, STG_E_PATHNOTFOUND}}) {
+        SCOPED_TRACE(loss.name);
+        make({{L"cached", "1"}, {L"packed", "2"}});
+        SZipArchive archive(path_, false, true);
+        EXPECT_EQ(archive.reload(), S_OK);
+        std::string bytes;
+        EXPECT_EQ(readItem(archive, L"cached", bytes), S_OK);
+        EXPECT_EQ(writeItem(archive, L"new", "3"), S_OK);
+        ArchiveFaults::alongside = [] { DeleteFileW(path_.c_str()); };
+        ArchiveFaults::arm(loss.call, ERROR_PATH_NOT_FOUND, loss.skipped, false);
+        EXPECT_EQ(archive.save(false), loss.saved);
+        EXPECT_TRUE(ArchiveFaults::disarm());
+
+        EXPECT_EQ(readItem(archive, L"cached", bytes), S_OK);
+        EXPECT_EQ(readItem(archive, L"new", bytes), S_OK);
+        EXPECT_EQ(writeItem(archive, L"more", "4"), S_OK);
+        EXPECT_EQ(archive.move(L"cached"sv, L"moved"sv), S_OK);
+        EXPECT_EQ(archive.createDirectory(L"d", true, false), S_OK);
+        SZipArchive other(L"", false, true);
+        EXPECT_EQ(other.addItem(archive, L"moved"sv, L"copy"), S_OK);
+
+        // What was never read has gone with the file.
+        const auto target = Vexel::Detail::adopt(new Vexel::Storage::InMemoryIStream());
+        EXPECT_EQ(readItem(archive, L"packed", bytes), STG_E_FILENOTFOUND);
+        EXPECT_EQ(archive.save(target.Get()), STG_E_FILENOTFOUND);
+        EXPECT_EQ(archive.save(false), STG_E_FILENOTFOUND);
+        EXPECT_EQ(archive.remove(L"packed"sv), S_OK);
+        EXPECT_EQ(archive.save(target.Get()), S_OK);
+        EXPECT_EQ(archive.save(false), S_OK);
+        const Contents expected{
+            {L"d", Support::directoryMark}, {L"moved", "1"}, {L"more", "4"}, {L"new", "3"}};
+        EXPECT_EQ(onDisk(), expected);
+        SZipArchive streamed(target.Get());
+        EXPECT_EQ(streamed.reload(), S_OK);
+        EXPECT_EQ(contentsOf(streamed), expected);
+    }
+}
+
+// The file goes, and another program puts one of its own there.
+TEST_F(State, NeverReplacesAFileThatIsNotTheOneItRead) {
+    make({{L"a", "1"}});
+    SZipArchive archive(path_, false, true);
+    EXPECT_EQ(archive.reload(), S_OK);
+    EXPECT_EQ(writeItem(archive, L"a", "mine"), S_OK);
+    ArchiveFaults::alongside = [] { Support::writeFile(path_, "theirs, which is no archive at all"); };
+    ArchiveFaults::arm(ArchiveFaults::Move, ERROR_SHARING_VIOLATION, 0, false);
+    EXPECT_EQ(archive.save(false), STG_E_SHAREVIOLATION);
+    ArchiveFaults::disarm();
+    EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
+    EXPECT_EQ(Support::readFile(path_).substr(0, 6), "theirs");
+    // Elsewhere it can be saved.
+    archive.setFileName(folder_.file(L"b.7z").c_str());
+    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_EQ(inFile(folder_.file(L"b.7z")), (Contents{{L"a", "mine"}}));
+}
+
+TEST_F(State, ReplacesNoOtherFileThanItsOwn) {
+    make({{L"a", "1"}});
+    SZipArchive archive(path_, false, true);
+    EXPECT_EQ(archive.reload(), S_OK);
+    EXPECT_EQ(writeItem(archive, L"b", "2"), S_OK);
+    const std::wstring elsewhere = folder_.file(L"b.7z");
+    Support::writeFile(elsewhere, "somebody else's");
+    archive.setFileName(elsewhere.c_str());
+    EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(Support::readFile(elsewhere), "somebody else's");
+    EXPECT_TRUE(DeleteFileW(elsewhere.c_str()));
+    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_EQ(inFile(elsewhere), (Contents{{L"a", "1"}, {L"b", "2"}}));
+    EXPECT_EQ(onDisk(), (Contents{{L"a", "1"}}));
+}
+
+// The packed data come from a file that is not the one that is written.
+TEST_F(State, BorrowedDataOutliveAFailedSave) {
+    make({{L"a", "1"}, {L"b", "2"}});
+    for (const bool isNew : {true, false})
+        for (const bool sourceGoes : {false, true}) {
+            const std::wstring copy = folder_.file(L"copy.7z");
+            DeleteFileW(copy.c_str());
+            std::optional<SZipArchive> source(std::in_place, path_, true, true);
+            EXPECT_EQ(source->reload(), S_OK);
+            SZipArchive target(copy, false, true);
+            if (!isNew) {
+                EXPECT_EQ(target.reload(), S_OK);
+            }
+            EXPECT_EQ(target.borrowPackedData(*source), S_OK);
+            EXPECT_EQ(target.addItems(*source, L""), S_OK);
+            if (sourceGoes)
+                source.reset();
+            ArchiveFaults::arm(ArchiveFaults::Move, ERROR_ACCESS_DENIED, 0, false);
+            EXPECT_EQ(target.save(false), STG_E_ACCESSDENIED);
+            ArchiveFaults::disarm();
+            EXPECT_EQ(contentsOf(target), (Contents{{L"a", "1"}, {L"b", "2"}}));
+            EXPECT_EQ(target.save(false), S_OK);
+            EXPECT_EQ(inFile(copy), (Contents{{L"a", "1"}, {L"b", "2"}}));
+        }
+}
+
+TEST_F(State, AReloadKeepsChangedContentsForTheNextSave) {
+    make({{L"a", "1"}, {L"b", "2"}});
+    SZipArchive archive(path_, false, true);
+    EXPECT_EQ(archive.reload(), S_OK);
+    EXPECT_EQ(archive.remove(L"b"sv), S_OK);
+    EXPECT_EQ(archive.reload(), S_OK);
+    EXPECT_FALSE(archive.isChanged());
+    EXPECT_EQ(writeItem(archive, L"a", "changed"), S_OK);
+    EXPECT_EQ(writeItem(archive, L"c", "new"), S_OK);
+    EXPECT_EQ(archive.reload(), S_OK);
+    EXPECT_TRUE(archive.isChanged());
+    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_EQ(onDisk(), (Contents{{L"a", "changed"}, {L"b", "2"}, {L"c", "new"}}));
+}
+
+TEST_F(State, AFailedReloadLosesNothing) {
+    make({{L"a", "0123"}, {L"b", "4567"}});
+    SZipArchive archive(path_, false, true);
+    EXPECT_EQ(archive.reload(), S_OK);
+    EXPECT_EQ(writeItem(archive, L"c", "new"), S_OK);
+    EXPECT_EQ(archive.remove(L"b"sv), S_OK);
+    archive.setFileName(L"");
+    EXPECT_EQ(archive.reload(), S_OK); // cannot be opened: taken for a new archive
+    archive.setFileName(path_.c_str());
+    std::string bytes;
+    EXPECT_EQ(readItem(archive, L"a", bytes), STG_E_FILENOTFOUND);
+    EXPECT_EQ(readItem(archive, L"c", bytes), S_OK);
+    EXPECT_EQ(archive.save(true), S_OK);
+    EXPECT_EQ(contentsOf(archive), (Contents{{L"a", "0123"}, {L"c", "new"}}));
+}
+
+} // namespace

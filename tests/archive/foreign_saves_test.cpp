@@ -1,0 +1,295 @@
+// Saves of archives that other programs made: folders that several files share, anti-items, attributes. And
+// streams of callers that fail, on either side of a save.
+
+#include "archive/database.h"
+#include "support/archive_file.h"
+#include "support/compound_file.h"
+#include "support/log_capture.h"
+
+#include <vexel/archive.h>
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <filesystem>
+#include <string>
+
+using namespace std::string_view_literals;
+using Microsoft::WRL::ComPtr;
+using Support::readItem;
+using Support::statesOf;
+using Support::writeItem;
+using Vexel::Storage::SZipArchive;
+using Vexel::Storage::Engine::DatabaseStream;
+
+namespace {
+
+using Contents = std::map<std::wstring, std::string>;
+
+std::string numbers() {
+    std::string lines;
+    for (int i = 1; i <= 400; ++i)
+        lines += std::to_string(i) + "\n";
+    return lines;
+}
+const Contents solidFiles{{L"d/a.txt", "first member, which stays"},
+                          {L"d/b.txt", numbers()},
+                          {L"d/e/c.txt", "last"},
+                          {L"empty", ""},
+                          {L"link", "d/a.txt"},
+                          {L"top", "x"}};
+constexpr auto* kSolid = L"solid-without-directories.7z";
+
+class ForeignSaves : public testing::Test {
+protected:
+    void use(const wchar_t* sample) const {
+        DeleteFileW(path_.c_str());
+        std::filesystem::copy_file(Support::samplePath(sample), path_);
+    }
+    SZipArchive open() {
+        SZipArchive archive(path_, false, true);
+        EXPECT_EQ(archive.reload(), S_OK);
+        return archive;
+    }
+    std::shared_ptr<DatabaseStream> database() const {
+        std::shared_ptr<DatabaseStream> database;
+        EXPECT_EQ(Vexel::Storage::Engine::openFile(path_.c_str(), database), S_OK);
+        EXPECT_EQ(database->read(path_.c_str()), S_OK);
+        return database;
+    }
+    /// Of all files, but not of directories.
+    Contents onDisk() {
+        SZipArchive archive = open();
+        Contents files = statesOf(archive);
+        std::erase_if(files, [](const auto& file) { return file.second == Support::directoryMark; });
+        return files;
+    }
+    /// Flips a bit in the middle of a solid folder's packed bytes.
+    void damage() const {
+        std::string bytes = Support::readFile(path_);
+        std::shared_ptr<DatabaseStream> whole = database();
+        const std::uint64_t start = whole->database().GetFolderStreamPos(0, 0);
+        bytes[start + whole->database().GetFolderFullPackSize(0) / 2] ^= 0x10;
+        whole.reset(); // it holds the file
+        Support::writeFile(path_, bytes);
+    }
+
+    Support::TempFolder folder_;
+    std::wstring path_ = folder_.file(L"a.7z");
+    LogCapture log_;
+};
+
+struct SolidChange {
+    const char* name;
+    HRESULT (*apply)(SZipArchive& archive);
+    void (*expect)(Contents& files);
+    bool isShared; ///< whether the files still share a folder
+};
+
+TEST_F(ForeignSaves, TakeASharedFolderApartThatIsNotKeptWhole) {
+    for (const SolidChange& change :
+         {SolidChange{"remove the first", [](SZipArchive& a) { return a.remove(L"d/a.txt"sv); },
+                      [](Contents& files) { files.erase(L"d/a.txt"); }, false},
+          {"remove the last", [](SZipArchive& a) { return a.remove(L"top"sv); },
+           [](Contents& files) { files.erase(L"top"); }, false},
+          {"put over one", [](SZipArchive& a) { return writeItem(a, L"top", "another"); },
+           [](Contents& files) { files[L"top"] = "another"; }, false},
+          {"remove and move",
+           [](SZipArchive& a) {
+               const HRESULT status = a.remove(L"top"sv);
+               return status == S_OK ? a.move(L"d/b.txt"sv, L"moved"sv) : status;
+           },
+           [](Contents& files) {
+               files.erase(L"top");
+               files[L"moved"] = numbers();
+               files.erase(L"d/b.txt");
+           },
+           false},
+          {"keep one",
+           [](SZipArchive& a) {
+               for (const auto path : {L"d/a.txt"sv, L"d/b.txt"sv, L"d/e/c.txt"sv, L"link"sv})
+                   if (const HRESULT status = a.remove(path); status != S_OK)
+                       return status;
+               return S_OK;
+           },
+           [](Contents& files) {
+               files = {{L"empty", ""}, {L"top", "x"}};
+           },
+           false},
+          {"only move", [](SZipArchive& a) { return a.move(L"d/b.txt"sv, L"moved"sv); },
+           [](Contents& files) {
+               for (auto& [path, bytes] : files)
+                   if (!bytes.empty())
+                       bytes = "status " + std::to_string(STG_E_INVALIDFUNCTION);
+               files[L"moved"] = files[L"d/b.txt"];
+               files.erase(L"d/b.txt");
+           },
+           true}}) {
+        SCOPED_TRACE(change.name);
+        use(kSolid);
+        Contents expected = solidFiles;
+        change.expect(expected);
+        {
+            SZipArchive archive = open();
+            EXPECT_EQ(change.apply(archive), S_OK);
+            const auto copy = Vexel::Detail::adopt(new Vexel::Storage::InMemoryIStream());
+            EXPECT_EQ(archive.save(copy.Get()), S_OK);
+            EXPECT_EQ(archive.save(false), S_OK);
+            EXPECT_EQ(Support::bytesOf(copy.Get()), Support::readFile(path_));
+        }
+        EXPECT_EQ(onDisk(), expected);
+        EXPECT_EQ(database()->hasSharedFolders(), change.isShared);
+    }
+}
+
+// Two copies of one packed item, of which the engine takes over only one.
+TEST_F(ForeignSaves, CopyItemsOfASharedFolderTwice) {
+    use(kSolid);
+    SZipArchive source = open();
+    const std::wstring copy = folder_.file(L"copy.7z");
+    SZipArchive target(copy, false, true);
+    EXPECT_EQ(target.borrowPackedData(source), S_OK);
+    for (const wchar_t* path : {L"b1", L"b2", L"b3"})
+        EXPECT_EQ(target.addItem(source, L"d/b.txt"sv, path), S_OK);
+    EXPECT_EQ(target.addItem(source, L"top"sv, L"t"), S_OK);
+    EXPECT_EQ(target.save(false), S_OK);
+    EXPECT_EQ(Support::contentsOf(target),
+              (Contents{{L"b1", numbers()}, {L"b2", numbers()}, {L"b3", numbers()}, {L"t", "x"}}));
+}
+
+TEST_F(ForeignSaves, LeaveAFileAloneWhoseFolderIsDamaged) {
+    use(kSolid);
+    damage();
+    const std::string before = Support::readFile(path_);
+    {
+        SZipArchive archive = open();
+        EXPECT_EQ(archive.remove(L"d/a.txt"sv), S_OK);
+        EXPECT_TRUE(FAILED(archive.save(false)));
+    }
+    EXPECT_GE(log_.count(VxLog_Error, L"in archive \"" + path_ + L"\""), 1);
+    EXPECT_EQ(Support::readFile(path_), before);
+    EXPECT_FALSE(std::filesystem::exists(path_ + L".7ztmp"));
+    // What does not need the damaged contents goes on: the folder is kept whole, or nothing of it.
+    {
+        SZipArchive whole = open();
+        EXPECT_EQ(writeItem(whole, L"empty", "new"), S_OK);
+        EXPECT_EQ(whole.save(false), S_OK);
+    }
+    // Nor does damage behind the last of the contents that are needed matter.
+    {
+        SZipArchive first = open();
+        for (const auto path : {L"d/b.txt"sv, L"d/e/c.txt"sv, L"link"sv, L"top"sv})
+            EXPECT_EQ(first.remove(path), S_OK);
+        EXPECT_EQ(first.save(false), S_OK);
+    }
+    EXPECT_EQ(onDisk(), (Contents{{L"d/a.txt", "first member, which stays"}, {L"empty", "new"}}));
+}
+
+TEST_F(ForeignSaves, KeepTheAttributesOfUnchangedItems) {
+    use(kSolid);
+    std::map<std::wstring, std::optional<std::uint32_t>> before, after;
+    const auto list = [](const DatabaseStream& database, auto& attributes) {
+        for (unsigned i = 0; i < database.count(); ++i)
+            attributes[std::wstring(database.path(i))] = database.attributes(i);
+    };
+    list(*database(), before);
+    ASSERT_EQ(before[L"link"].value_or(0) >> 16, 0120777U); // a symbolic link
+    for (int round = 0; round < 2; ++round) {
+        SZipArchive archive = open();
+        EXPECT_EQ(writeItem(archive, L"top", "changed"), S_OK);
+        EXPECT_EQ(archive.save(false), S_OK);
+    }
+    list(*database(), after);
+    EXPECT_EQ(std::exchange(after[L"top"], before[L"top"]), std::nullopt);
+    EXPECT_EQ(after, before);
+}
+
+TEST_F(ForeignSaves, KeepWhatIsWrittenIntoAnAntiItem) {
+    for (const bool creates : {true, false}) {
+        use(L"solid-with-anti-items.7z");
+        SZipArchive archive = open();
+        ASSERT_TRUE(archive.item(L"d/e/c.txt"sv)->isAnti());
+        ComPtr<IStream> stream;
+        EXPECT_EQ(creates ? archive.createFile(&stream, L"d/e/c.txt", false, true)
+                          : archive.extractFile(&stream, L"d/e/c.txt"sv),
+                  S_OK);
+        EXPECT_EQ(stream->Write("back", 4, nullptr), S_OK);
+        stream.Reset();
+        EXPECT_EQ(archive.save(true), S_OK);
+        std::string bytes;
+        EXPECT_EQ(readItem(archive, L"d/e/c.txt", bytes), S_OK);
+        EXPECT_EQ(bytes, "back");
+        EXPECT_FALSE(archive.item(L"d/e/c.txt"sv)->isAnti());
+        EXPECT_TRUE(archive.item(L"d/e"sv)->isAnti());
+    }
+}
+
+/// A stream whose n-th call of a kind fails with a status of all sorts; its clones count with it.
+class SickStream final : public Vexel::Storage::InMemoryIStream {
+public:
+    enum Call { Nothing, Reading, Writing, Seeking, Cloning };
+    struct Plan {
+        Call call = Nothing;
+        unsigned skipped = 0;
+        HRESULT status = S_OK;
+        bool hit = false;
+
+        bool strikes(Call made) {
+            if (made != call || skipped-- != 0)
+                return false;
+            return hit = true;
+        }
+    };
+
+    SickStream(Plan& plan, const InMemoryIStream& contents) : InMemoryIStream(contents), plan_(plan) {}
+
+    HRESULT STDMETHODCALLTYPE Read(void* data, ULONG size, ULONG* done) noexcept override {
+        return plan_.strikes(Reading) ? plan_.status : InMemoryIStream::Read(data, size, done);
+    }
+    HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG size, ULONG* done) noexcept override {
+        return plan_.strikes(Writing) ? plan_.status : InMemoryIStream::Write(data, size, done);
+    }
+    HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER to, DWORD origin,
+                                   ULARGE_INTEGER* reached) noexcept override {
+        return plan_.strikes(Seeking) ? plan_.status : InMemoryIStream::Seek(to, origin, reached);
+    }
+    HRESULT STDMETHODCALLTYPE Clone(::IStream** clone) noexcept override {
+        *clone = nullptr;
+        if (plan_.strikes(Cloning))
+            return plan_.status;
+        *clone = new SickStream(plan_, *this);
+        return S_OK;
+    }
+
+private:
+    Plan& plan_;
+};
+
+TEST_F(ForeignSaves, TellWhatAStreamFailedWith) {
+    const auto bytes = Support::streamOf(Support::readFile(Support::samplePath(L"plain-lzma2.7z")));
+    for (const auto call :
+         {SickStream::Reading, SickStream::Writing, SickStream::Seeking, SickStream::Cloning})
+        for (const HRESULT status :
+             {STG_E_WRITEFAULT, STG_E_ACCESSDENIED, HRESULT(0x8003000D), E_ABORT, E_INVALIDARG, E_OUTOFMEMORY,
+              E_NOTIMPL, E_FAIL, HRESULT(0x80030000), S_FALSE, HRESULT(5), HRESULT(13), HRESULT(0x20000002)})
+            for (unsigned n = 0;; ++n) {
+                if (status == S_FALSE && call == SickStream::Reading)
+                    break; // some streams' word for their end
+                SickStream::Plan plan;
+                const auto source = Vexel::Detail::adopt(new SickStream(plan, *bytes.Get()));
+                SZipArchive archive(source.Get());
+                EXPECT_EQ(archive.reload(), S_OK);
+                const auto empty = Support::streamOf({});
+                const auto target = Vexel::Detail::adopt(new SickStream(plan, *empty.Get()));
+                plan = {call, n, status, false};
+                const HRESULT saved = archive.save(target.Get());
+                EXPECT_EQ(saved == S_OK, !plan.hit) << call << ' ' << n << std::hex << ' ' << status;
+                EXPECT_TRUE(!plan.hit || saved == status || (status > 0 && FAILED(saved)))
+                    << call << ' ' << n << std::hex << ' ' << status << ' ' << saved;
+                if (!plan.hit || HasFailure())
+                    break;
+            }
+}
+
+} // namespace

@@ -1,0 +1,107 @@
+#pragma once
+
+#include "archive/platform.h"
+
+#include <windows.h>
+
+#include <utility>
+
+namespace Support {
+
+/// Makes one of the archive layer's system calls fail, in the forms that failures have. The calls are back as
+/// they were when this goes.
+class ArchiveFaults {
+public:
+    enum Call { Create, Size, Read, Write, Position, SetEnd, Flush, Move, Delete };
+    enum Form {
+        Error,   ///< it fails with its error
+        NoError, ///< it fails, and the system names no error
+        Short,   ///< it succeeds with less than was asked for; reading and writing only, as the next
+        Nothing  ///< it succeeds with nothing done
+    };
+
+    ArchiveFaults() = default;
+    ArchiveFaults(const ArchiveFaults&) = delete;
+    ArchiveFaults& operator=(const ArchiveFaults&) = delete;
+    ~ArchiveFaults() { Calls() = real; }
+
+    /// The call fails after so many of its kind that do not, once or from there on.
+    static void arm(Call call, DWORD error, unsigned skipped, bool forGood, Form form = Error) {
+        plan = {form == NoError ? 0 : error, form, skipped, forGood, false};
+        (*breaks[call])(Calls());
+    }
+    /// All calls do what they are meant to. Whether one of them had failed.
+    static bool disarm() {
+        Calls() = real;
+        return std::exchange(plan.hit, false);
+    }
+    /// What happens beside the next failure.
+    static inline void (*alongside)() = nullptr;
+
+private:
+    using Platform = Vexel::Storage::Engine::Platform;
+    struct Plan {
+        DWORD error;
+        Form form;
+        unsigned skipped;
+        bool forGood;
+        bool hit;
+    };
+
+    static Platform& Calls() { return Vexel::Storage::Engine::platform(); }
+    static bool isStruck() {
+        if (plan.skipped > 0) {
+            --plan.skipped;
+            return false;
+        }
+        if (plan.hit && !plan.forGood)
+            return false;
+        plan.hit = true;
+        if (alongside)
+            std::exchange(alongside, nullptr)();
+        SetLastError(plan.error);
+        return true;
+    }
+    /// What a call that moves bytes does.
+    template <class Transfer>
+    static BOOL move(const Transfer& transfer, DWORD size, DWORD* count) {
+        if (!isStruck())
+            return transfer(size);
+        *count = 0;
+        if (plan.form == Short)
+            return transfer((size + 1) / 2);
+        return plan.form == Nothing;
+    }
+
+    template <auto Call, class... Arguments>
+    static BOOL WINAPI strike(Arguments... arguments) {
+        return !isStruck() && (real.*Call)(arguments...);
+    }
+    static HANDLE WINAPI create(const wchar_t* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                                DWORD how, DWORD flags, HANDLE model) {
+        return isStruck() ? INVALID_HANDLE_VALUE
+                          : real.createFile(name, access, share, security, how, flags, model);
+    }
+    static BOOL WINAPI read(HANDLE file, void* data, DWORD size, DWORD* count, OVERLAPPED* at) {
+        return move([&](DWORD part) { return real.readFile(file, data, part, count, at); }, size, count);
+    }
+    static BOOL WINAPI write(HANDLE file, const void* data, DWORD size, DWORD* count, OVERLAPPED* at) {
+        return move([&](DWORD part) { return real.writeFile(file, data, part, count, at); }, size, count);
+    }
+
+    static inline const Platform real = Vexel::Storage::Engine::platform();
+    static inline Plan plan{};
+    // The engine reads through the same calls when it opens the file, copies packed data and decodes.
+    static inline void (*const breaks[])(Platform& calls) = {
+        [](Platform& p) { p.createFile = create; },
+        [](Platform& p) { p.getFileSize = strike<&Platform::getFileSize>; },
+        [](Platform& p) { p.readFile = read; },
+        [](Platform& p) { p.writeFile = write; },
+        [](Platform& p) { p.setPosition = strike<&Platform::setPosition>; },
+        [](Platform& p) { p.setEndOfFile = strike<&Platform::setEndOfFile>; },
+        [](Platform& p) { p.flushFile = strike<&Platform::flushFile>; },
+        [](Platform& p) { p.moveFile = strike<&Platform::moveFile>; },
+        [](Platform& p) { p.deleteFile = strike<&Platform::deleteFile>; }};
+};
+
+} // namespace Support
