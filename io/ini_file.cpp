@@ -99,8 +99,11 @@ bool IniFile::changeFile(const wchar_t* path, const Change& change) {
     if (!path || !*path)
         return false;
     IniFile file;
+    constexpr int attempts = 12; // while others save it
+    unsigned long error = file.load(path);
+    for (int i = 1; i < attempts && (error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED); ++i)
+        error = file.load(path);
     // What is no settings file is begun anew; one that cannot be read now is another matter.
-    const unsigned long error = file.load(path);
     if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND && error != ERROR_INVALID_DATA)
         return false;
     change(file);

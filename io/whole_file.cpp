@@ -15,7 +15,7 @@ using vxio::SimpleFile;
 namespace {
 
 constexpr unsigned attempts = 40;
-constexpr unsigned replacements = 3; // attempts to put a file in the old one's place
+constexpr unsigned replacements = 6; // attempts to put a file in the old one's place
 
 struct Target {
     DWORD error = 0; ///< of opening it for writing; none when it is not there
@@ -140,7 +140,7 @@ WholeFile overwrite(const wchar_t* path, Bytes contents, DWORD& error) {
     if (hasSize && contents.size() > file.GetLength() && !file.SetLength(contents.size()))
         return failed(WholeFile::Failed);
     const bool isWritten = file.Write(contents.data(), contents.size()) == contents.size() &&
-                           (!hasSize || (file.SetLength(contents.size()) && file.Flush()));
+                           (!hasSize || file.SetLength(contents.size()));
     return isWritten ? WholeFile::Written : failed(WholeFile::Failed);
 }
 

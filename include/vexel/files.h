@@ -165,8 +165,7 @@ public:
 
     /// The next line, without its end: a line feed or a zero unit. False, with an empty line, when nothing is
     /// left or reading fails, which differ by position and error. Bytes that the encoding has no characters
-    /// for become U+FFFD, or in Ansi the stand-in of the code page; a line of more than 2^30 bytes fails with
-    /// ERROR_FILE_TOO_LARGE.
+    /// for become U+FFFD, or in Ansi the stand-in of the code page.
     bool ReadString(CStringW& line);
 
     /// Whether lines so far had bytes that the encoding has no characters for.
