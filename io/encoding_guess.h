@@ -7,8 +7,8 @@
 #include <array>
 #include <cstdint>
 
-/// What encoding a file without a byte-order mark has, by all of its contents. They come in parts, each but the
-/// last of a multiple of four bytes.
+/// What encoding a file without a byte-order mark has, by all of its contents. They come in parts, each but
+/// the last of a multiple of four bytes.
 namespace Vexel::Detail {
 
 /// UTF-8 as Unicode has it: no longer forms than needed, no surrogates, nothing above U+10FFFF.
@@ -43,7 +43,7 @@ private:
     bool isValid_ = true;
     bool isInPair_ = false;
     std::uint64_t units_ = 0;
-    std::uint64_t plain_ = 0;         // of ASCII
+    std::uint64_t plain_ = 0; // of ASCII
     std::uint64_t lineFeeds_ = 0;
     std::uint64_t lineFeedBytes_ = 0; // line feeds as one-byte text has them
 };

@@ -79,7 +79,8 @@ bool decodeMultiByte(Bytes bytes, UINT page, std::vector<wchar_t>& text) {
     text.resize(bytes.size()); // no code page makes more than one unit of a byte
     const auto decode = [&](DWORD flags) {
         return MultiByteToWideChar(page, flags, reinterpret_cast<const char*>(bytes.data()),
-                                   static_cast<int>(bytes.size()), text.data(), static_cast<int>(text.size()));
+                                   static_cast<int>(bytes.size()), text.data(),
+                                   static_cast<int>(text.size()));
     };
     int length = decode(MB_ERR_INVALID_CHARS);
     const bool isSound = length > 0;
@@ -190,7 +191,8 @@ void encodeText(std::wstring_view text, TextEncoding encoding, std::vector<unsig
     else if (size == 2)
         std::for_each(text.begin(), text.end(), append);
     else
-        forEachCodePoint(text, [&](std::uint32_t point) { append(isSurrogate(point) ? replacement : point); });
+        forEachCodePoint(text,
+                         [&](std::uint32_t point) { append(isSurrogate(point) ? replacement : point); });
 }
 
 } // namespace Vexel::Detail

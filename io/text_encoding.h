@@ -26,8 +26,8 @@ vxio::TextEncoding markedEncoding(Bytes start) noexcept;
 /// Whether there is what only UTF-16 can hold.
 bool hasLoneSurrogate(std::wstring_view text) noexcept;
 
-/// Replaces `text` by what the bytes say; what they cannot say becomes U+FFFD, a cut-off unit too. False then;
-/// in Ansi and Latin1 it may become another character. Throws std::bad_alloc.
+/// Replaces `text` by what the bytes say; what they cannot say becomes U+FFFD, a cut-off unit too. False
+/// then; in Ansi and Latin1 it may become another character. Throws std::bad_alloc.
 bool decodeText(Bytes bytes, vxio::TextEncoding encoding, std::vector<wchar_t>& text);
 
 /// Appends the text to `bytes`. Throws std::bad_alloc.

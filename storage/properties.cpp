@@ -71,8 +71,8 @@ long read(const StorageRef& storage, REFFMTID format, Result& result, const Deco
         return STG_E_INVALIDPARAMETER;
     return withStatus([&]() -> HRESULT {
         Result found;
-        const HRESULT status =
-            readSection(storage, format, [&](const PropertySection& section) { return decode(section, found); });
+        const HRESULT status = readSection(
+            storage, format, [&](const PropertySection& section) { return decode(section, found); });
         if (status == S_OK)
             result.swap(found);
         else if (status != STG_E_FILENOTFOUND)
@@ -142,8 +142,9 @@ long WriteProperties(const StorageRef& storage, REFFMTID format, const Propertie
 }
 
 long ReadPropertyNames(const StorageRef& storage, REFFMTID format, PropertyNames& names) {
-    return read(storage, format, names,
-                [](const PropertySection& section, PropertyNames& found) { return section.decodeNames(found); });
+    return read(storage, format, names, [](const PropertySection& section, PropertyNames& found) {
+        return section.decodeNames(found);
+    });
 }
 
 long WritePropertyNames(const StorageRef& storage, REFFMTID format, const PropertyNames& names) {

@@ -5,8 +5,8 @@
 #include <span>
 #include <vector>
 
-/// Property sets as bytes: little-endian numbers, and tables that say where blocks of bytes begin. A stream is
-/// such a table of sets, and a set one of properties.
+/// Property sets as bytes: little-endian numbers, and tables that say where blocks of bytes begin. A stream
+/// is such a table of sets, and a set one of properties.
 namespace Vexel::Detail {
 
 using ByteView = std::span<const unsigned char>;

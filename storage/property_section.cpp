@@ -192,7 +192,8 @@ bool PropertySection::set(const Properties& properties) {
 bool PropertySection::setNames(const PropertyNames& names) {
     PropertyNames all;
     const ByteView old = find(PID_DICTIONARY);
-    const auto entries = old.empty() ? std::optional(std::vector<Name>()) : splitNames(old, codePage_ == wideCodePage);
+    const auto entries =
+        old.empty() ? std::optional(std::vector<Name>()) : splitNames(old, codePage_ == wideCodePage);
     if (!entries || !decodeNames(all))
         return false;
     std::vector<unsigned char> added;

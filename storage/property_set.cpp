@@ -38,8 +38,8 @@ std::size_t offsetAt(ByteView stream, std::size_t index) noexcept {
     return numberAt(stream, headerSize + index * entrySize + sizeof(FMTID));
 }
 
-/// The section at the begin of the bytes, empty when it is damaged. Some writers count the padding of the last
-/// value without writing it.
+/// The section at the begin of the bytes, empty when it is damaged. Some writers count the padding of the
+/// last value without writing it.
 ByteView sectionAt(ByteView bytes) noexcept {
     constexpr std::size_t padding = 3;
     if (bytes.size() < smallestSection)
@@ -60,8 +60,7 @@ std::optional<ByteView> findSection(ByteView stream, REFFMTID format) {
         if (formatAt(stream, i) != format)
             continue;
         const std::size_t offset = offsetAt(stream, i);
-        const ByteView section =
-            offset < stream.size() ? sectionAt(stream.subspan(offset)) : ByteView();
+        const ByteView section = offset < stream.size() ? sectionAt(stream.subspan(offset)) : ByteView();
         return section.empty() ? std::nullopt : std::optional(section);
     }
     return ByteView();

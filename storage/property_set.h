@@ -11,8 +11,8 @@
 
 /// Property sets as bytes (MS-OLEPS). They are read and written here and not by the system: some versions of
 /// it end the process on vectors, cut narrow strings off, refuse booleans and fractions, and take the first
-/// set of a stream for any other. What is changed is changed within the bytes that are there, so that all else
-/// stays as its writer left it; only offsets follow. All functions throw std::bad_alloc.
+/// set of a stream for any other. What is changed is changed within the bytes that are there, so that all
+/// else stays as its writer left it; only offsets follow. All functions throw std::bad_alloc.
 namespace Vexel::Detail {
 
 /// The bytes of one of a stream's sets: its section, which begins with its size. Nothing when the stream is
@@ -53,8 +53,8 @@ private:
     ByteView find(PROPID id) const noexcept;
     void put(PROPID id, std::vector<unsigned char>&& bytes);
 
-    std::vector<PROPID> ids_;               // of the blocks, in the order of the table
-    std::map<PROPID, std::size_t> places_;  // of the numbers in that order
+    std::vector<PROPID> ids_;              // of the blocks, in the order of the table
+    std::map<PROPID, std::size_t> places_; // of the numbers in that order
     Blocks blocks_;
     std::deque<std::vector<unsigned char>> made_; // new blocks' bytes, which stay where they are
     UINT codePage_;

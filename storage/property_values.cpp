@@ -66,9 +66,7 @@ auto* plainBytes(Value& value, std::uint32_t type) noexcept {
     return type == VT_DECIMAL ? reinterpret_cast<Byte*>(&value.decVal) : reinterpret_cast<Byte*>(&value.hVal);
 }
 
-bool isText(std::uint32_t type) noexcept {
-    return type == VT_LPSTR || type == VT_BSTR || type == VT_LPWSTR;
-}
+bool isText(std::uint32_t type) noexcept { return type == VT_LPSTR || type == VT_BSTR || type == VT_LPWSTR; }
 
 /// Memory that PropVariantClear frees, all zero.
 template <class Result>
@@ -95,8 +93,8 @@ wchar_t* taskText(const CStringW& text) {
     return copy;
 }
 
-/// Reads one value into a record that is empty, and that someone else clears. Writers disagree whether the texts
-/// and variants in a vector are padded.
+/// Reads one value into a record that is empty, and that someone else clears. Writers disagree whether the
+/// texts and variants in a vector are padded.
 class ValueReader {
 public:
     ValueReader(ByteView bytes, UINT codePage) noexcept : bytes_(bytes), codePage_(codePage) {}
@@ -175,14 +173,16 @@ private:
             return Result::Damaged;
         if (const auto size = elementSize(element)) {
             ByteView bytes;
-            return done(take(std::uint64_t{count} * *size, bytes) && fillVector(bytes, count, element, value));
+            return done(take(std::uint64_t{count} * *size, bytes) &&
+                        fillVector(bytes, count, element, value));
         }
         if ((!isText(element) && element != VT_VARIANT) || count > (bytes_.size() - at_) / 4)
             return Result::Unknown;
         for (const bool isPadded : {true, false}) {
             ValueReader elements(*this);
             elements.isPadded_ = isPadded;
-            if (isText(element) ? elements.readTexts(element, count, value) : elements.readVariants(count, value))
+            if (isText(element) ? elements.readTexts(element, count, value)
+                                : elements.readVariants(count, value))
                 return Result::Read;
             PropVariantClear(&value);
         }
@@ -380,7 +380,8 @@ bool encodeValue(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
 
 bool isNewerValue(const PROPVARIANT& value) noexcept {
     if (value.vt == (VT_VECTOR | VT_VARIANT))
-        return std::any_of(value.capropvar.pElems, value.capropvar.pElems + value.capropvar.cElems, isNewerValue);
+        return std::any_of(value.capropvar.pElems, value.capropvar.pElems + value.capropvar.cElems,
+                           isNewerValue);
     const VARTYPE type = value.vt & VT_TYPEMASK;
     return type == VT_I1 || type == VT_INT || type == VT_UINT || type == VT_DECIMAL;
 }

@@ -16,8 +16,8 @@ inline constexpr UINT wideCodePage = 1200; ///< says that the strings of a secti
 /// Text up to its first zero.
 CStringW decodeText(ByteView bytes, UINT codePage);
 
-/// Decodes the value at the begin of the bytes. False when it leads out of them. Types that are not known, and
-/// vectors of which nobody can tell where their elements are, leave the property empty.
+/// Decodes the value at the begin of the bytes. False when it leads out of them. Types that are not known,
+/// and vectors of which nobody can tell where their elements are, leave the property empty.
 bool decodeValue(ByteView bytes, UINT codePage, PropertyVariant& property);
 
 /// Appends the value; strings become wide ones. False for a type that is not written, or when it holds less

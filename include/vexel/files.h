@@ -131,7 +131,8 @@ private:
 };
 
 enum class TextEncoding {
-    /// Reading: by the byte-order mark, else by all of the contents, which are read twice for it. Contents with
+    /// Reading: by the byte-order mark, else by all of the contents, which are read twice for it. Contents
+    /// with
     /// zero bytes are UTF-16 or UTF-32 if all of them can be that, and most characters or all line feeds say
     /// so. Else what is valid UTF-8 is that; what is valid in the system's code page is Ansi; the rest is
     /// Latin1, which has a character for every byte. Of a pipe or device only the first 64 KiB count.
@@ -211,8 +212,8 @@ public:
     DWORD GetLastErrorCode() const noexcept { return error_ ? error_ : file_.GetLastErrorCode(); }
 
     /// Appends the text as it is: line ends are the caller's. Characters that the encoding lacks become "?"
-    /// or one that looks alike, lone surrogates, which only UTF-16 has, U+FFFD. A failure may show only later,
-    /// at the latest in Close.
+    /// or one that looks alike, lone surrogates, which only UTF-16 has, U+FFFD. A failure may show only
+    /// later, at the latest in Close.
     bool WriteString(std::wstring_view text);
 
 private:

@@ -25,8 +25,9 @@
 /// Writing: UTF-8 without a byte-order mark, or UTF-16 with one where there is a lone surrogate, which UTF-8
 /// cannot hold; lines ended by a line feed. Comments and empty lines are not kept. What is written is not
 /// quoted, so these do not come back as they were: keys and values with white space at an end; values in
-/// quotes; keys that hold "=" or begin with ";". And these make a file that cannot be read: sections and keys without a name; keys that begin with "["; names and values
-/// with line feeds or zeros in them, unless what follows happens to be a line as above.
+/// quotes; keys that hold "=" or begin with ";". And these make a file that cannot be read: sections and keys
+/// without a name; keys that begin with "["; names and values with line feeds or zeros in them, unless what
+/// follows happens to be a line as above.
 
 #include <vexel/export.h>
 #include <vexel/framework.h>
@@ -106,7 +107,7 @@ public:
     /// do not come along. Where no file can be made beside it, or it cannot be replaced (someone reads it, it
     /// is a link or has other names), it is written into instead. Threads and processes may save one file at
     /// the same time: the last one's contents stay.
-    /// False leaves the file as it was: it cannot be opened for writing, also after half a second, or what was
+    /// False leaves the file as it was: it cannot be opened for writing, also after a while, or what was
     /// loaded into this object had bytes that are no text in the encoding of its byte-order mark, and would
     /// lose them. Failures to write are logged, and do not count: callers cannot mend them.
     bool Save(const wchar_t* path) const;
@@ -140,9 +141,9 @@ public:
     std::optional<int> TryGetInt(std::wstring_view section, std::wstring_view key) const;
     std::optional<double> TryGetDouble(std::wstring_view section, std::wstring_view key) const;
 
-    // Straight on a file. Setting begins with what is in the file; with nothing when there is none, or none that
-    // can be loaded for its lines. False for a null or empty path and when the file is there but cannot be
-    // opened or read, else as Save. Of two that set at the same time one may undo what the other has set.
+    // Straight on a file. Setting begins with what is in the file; with nothing when there is none, or none
+    // that can be loaded for its lines. False for a null or empty path and when the file is there but cannot
+    // be opened or read, else as Save. Of two that set at the same time one may undo what the other has set.
 
     static bool SetString(std::wstring_view section, std::wstring_view key, const CStringW& value,
                           const wchar_t* path);

@@ -19,8 +19,8 @@
 
 namespace Vexel {
 
-/// An owning PROPVARIANT. Copies throw std::bad_alloc without memory, and CInvalidArgException* for a type that
-/// the system cannot copy.
+/// An owning PROPVARIANT. Copies throw std::bad_alloc without memory, and CInvalidArgException* for a type
+/// that the system cannot copy.
 class VEXEL_API PropertyVariant {
 public:
     /// VT_EMPTY.
@@ -95,8 +95,8 @@ VEXEL_API long ReadProperties(const StorageRef& storage, REFFMTID format, Proper
 ///  - Statuses of opening and reading the old stream, of StreamRef::create and of writing.
 VEXEL_API long WriteProperties(const StorageRef& storage, REFFMTID format, const Properties& properties);
 
-/// Reads the names that properties of a set have: a user's own properties are known to other programs by them.
-/// `names` is empty on failure, and when no property has a name. Statuses as of ReadProperties.
+/// Reads the names that properties of a set have: a user's own properties are known to other programs by
+/// them. `names` is empty on failure, and when no property has a name. Statuses as of ReadProperties.
 VEXEL_API long ReadPropertyNames(const StorageRef& storage, REFFMTID format, PropertyNames& names);
 
 /// Gives these properties names, whether they have a value already or not; other names stay. Statuses as of

@@ -147,8 +147,9 @@ TEST_F(Ini, KeepsTextOfEveryEncodingAtEveryPlace) {
             for (std::size_t i = 0; i < places.size(); ++i) {
                 if (mark && !test.text)
                     continue;
-                SCOPED_TRACE(testing::Message() << (test.text ? "" : test.bytes) << static_cast<int>(test.encoding)
-                                                << (mark ? ", marked, " : ", ") << places[i]);
+                SCOPED_TRACE(testing::Message()
+                             << (test.text ? "" : test.bytes) << static_cast<int>(test.encoding)
+                             << (mark ? ", marked, " : ", ") << places[i]);
                 const std::wstring filler(places[i] / Vexel::Detail::unitSize(test.encoding), L'x');
                 writeFile(path_, encoded(L"[s]\nfill=" + filler + L"\nname=", test.encoding, mark) +
                                      (test.text ? encoded(test.text, test.encoding, false) : test.bytes));
@@ -176,8 +177,8 @@ TEST_F(Ini, ReadsWideTextWithoutAMark) {
          {L"[S\u0416]\r\nKey=1\r\n"s, L"[\u8BBE\u7F6E]\n\u540D=\u503C\u503C\u503C\u503C\u503C\u503C\n"s,
           L"[\u0A95\u0A95]\n\u0A95\u0A95=\u0A95\u0A95\n"s, L";\u4E2D\n[\u4E2D]\n"s, L"[\u4E2D]"s,
           L"[a]\nk=\x1B\n"s, L"[a]\nk=\xD83D\xDE00\n"s, L"[a]\nk=v\n\0\0"s}) {
-        for (const auto encoding : {TextEncoding::Utf16LE, TextEncoding::Utf16BE, TextEncoding::Utf32LE,
-                                    TextEncoding::Utf32BE}) {
+        for (const auto encoding :
+             {TextEncoding::Utf16LE, TextEncoding::Utf16BE, TextEncoding::Utf32LE, TextEncoding::Utf32BE}) {
             writeFile(path_, encoded(text, encoding, true));
             const std::string marked = dump(loaded());
             writeFile(path_, encoded(text, encoding, false));
@@ -230,7 +231,9 @@ TEST_F(Ini, SavesWhereverItCan) {
     const wchar_t* const path = path_.c_str();
     const IniFile file = std::move(IniFile().SetInt(L"new", L"k", 1));
     const std::string saved = "[new]\nk=1\n";
-    const auto files = [&] { return std::distance(std::filesystem::directory_iterator(folder_.file(L"")), {}); };
+    const auto files = [&] {
+        return std::distance(std::filesystem::directory_iterator(folder_.file(L"")), {});
+    };
     vxio::SimpleFile held;
     for (const std::string& old : {"[old]\n"s, "[old]\n" + std::string(100, ';')}) {
         writeFile(path_, old);
@@ -241,7 +244,8 @@ TEST_F(Ini, SavesWhereverItCan) {
         SetFileAttributesW(path, FILE_ATTRIBUTE_NORMAL);
         // A reader that lets others write.
         writeFile(path_, old);
-        ASSERT_TRUE(held.Open(path, vxio::FileAccess::Read, vxio::FileCreation::OpenExisting, vxio::ProtectReading));
+        ASSERT_TRUE(
+            held.Open(path, vxio::FileAccess::Read, vxio::FileCreation::OpenExisting, vxio::ProtectReading));
         EXPECT_TRUE(file.Save(path));
         held.Close();
         EXPECT_EQ(readFile(path_), saved);

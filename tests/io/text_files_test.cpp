@@ -95,9 +95,10 @@ TEST_F(TextFiles, CodePagesAreChecked) {
         UINT page;
         const char* bytes;
         bool isLikely;
-    } cases[] = {{1252, "caf\xE9", true},           {1253, "\xC1\xAA", false}, {932, "\x93\xFA\x96\x7B \xB1", true},
-                 {932, "\x93\xFA\x96", false},     {932, "\x93\x20", false}, {CP_UTF8, "\xC3\xA9", false},
-                 {936, "\xD6\xD0\xCE\xC4", true}, {12345, "x", false}};
+    } cases[] = {
+        {1252, "caf\xE9", true},         {1253, "\xC1\xAA", false}, {932, "\x93\xFA\x96\x7B \xB1", true},
+        {932, "\x93\xFA\x96", false},    {932, "\x93\x20", false},  {CP_UTF8, "\xC3\xA9", false},
+        {936, "\xD6\xD0\xCE\xC4", true}, {12345, "x", false}};
     for (const auto& test : cases) {
         const std::string_view bytes = test.bytes;
         for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
@@ -159,7 +160,8 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     ASSERT_TRUE(reading.Open(path, vxio::ProtectNothing)); // the end is no error
     EXPECT_EQ(reading.ReadBytes(&byte, 1), 0u);
     EXPECT_EQ(reading.GetLastErrorCode(), 0u);
-    ASSERT_TRUE(reading.Open(L"Z:\\proc\\self\\mem", vxio::ProtectNothing)); // begins with what cannot be read
+    ASSERT_TRUE(
+        reading.Open(L"Z:\\proc\\self\\mem", vxio::ProtectNothing)); // begins with what cannot be read
     EXPECT_EQ(reading.ReadBytes(&byte, 1), 0u);
     EXPECT_NE(reading.GetLastErrorCode(), 0u);
     EXPECT_FALSE(vxio::TextFileReadStream().Open(L"Z:\\proc\\self\\mem", vxio::ProtectNothing,

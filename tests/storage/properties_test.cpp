@@ -43,7 +43,8 @@ std::string describeVector(const PROPVARIANT& raw) {
         else if (raw.vt == (VT_VECTOR | VT_VARIANT))
             all += ", " + describe(raw.capropvar.pElems[i]);
         else
-            all += ", " + std::to_string(raw.vt == (VT_VECTOR | VT_I2) ? raw.cai.pElems[i] : raw.cal.pElems[i]);
+            all +=
+                ", " + std::to_string(raw.vt == (VT_VECTOR | VT_I2) ? raw.cai.pElems[i] : raw.cal.pElems[i]);
     }
     return all;
 }
@@ -237,8 +238,9 @@ TEST(PropertySets, ComeBackAsTheyWereWritten) {
         ASSERT_EQ(read.size(), written.size());
         for (auto& [id, value] : written) {
             const bool narrows = value.type() == (VT_VECTOR | VT_LPSTR);
-            EXPECT_EQ(describe(read[id].get()),
-                      narrows ? "vector 4127, n\0a\0r\0r\0o\0w\0, n\0a\0r\0r\0o\0w\0"s : describe(value.get()))
+            EXPECT_EQ(describe(read[id].get()), narrows
+                                                    ? "vector 4127, n\0a\0r\0r\0o\0w\0, n\0a\0r\0r\0o\0w\0"s
+                                                    : describe(value.get()))
                 << id;
         }
         if (package)
@@ -295,11 +297,11 @@ TEST(PropertySets, ShareAStream) {
     EXPECT_EQ(document.read(documentSummary)[pages].asInteger(), 2);
 }
 
-/// A stream of the user's own properties: number, value and, of the first three, a name, in code page 1252. One
-/// has a type that nobody knows. Its locale and behavior are kept like these.
+/// A stream of the user's own properties: number, value and, of the first three, a name, in code page 1252.
+/// One has a type that nobody knows. Its locale and behavior are kept like these.
 std::string usersStream() {
-    const std::string names = number(3) + number(3) + number(6) + "Gr\xF6\xDF" + "e\0"s + number(7) + number(5) +
-                              "Gone\0"s + number(4) + number(3) + "Ab\0"s + "\0\0"s;
+    const std::string names = number(3) + number(3) + number(6) + "Gr\xF6\xDF" + "e\0"s + number(7) +
+                              number(5) + "Gone\0"s + number(4) + number(3) + "Ab\0"s + "\0\0"s;
     const std::pair<PROPID, std::string> values[]{{PID_DICTIONARY, names},
                                                   {PID_CODEPAGE, number(VT_I2) + number(1252)},
                                                   {PID_LOCALE, number(VT_UI4) + number(1031)},
@@ -375,7 +377,10 @@ TEST(PropertySets, HaveNames) {
         EXPECT_EQ(set(2, L"\u0416"), isNarrow ? STG_E_INVALIDPARAMETER : S_OK);
         EXPECT_EQ(Vexel::ReadPropertyNames(document.root, users, names), S_OK);
         const Vexel::PropertyNames expected =
-            isNarrow ? Vexel::PropertyNames{{3, L"Gr\u00F6\u00DFe"}, {4, L"Renamed"}, {7, L"Gone"}, {8, L"N\u00E9w"}}
+            isNarrow ? Vexel::PropertyNames{{3, L"Gr\u00F6\u00DFe"},
+                                            {4, L"Renamed"},
+                                            {7, L"Gone"},
+                                            {8, L"N\u00E9w"}}
                      : Vexel::PropertyNames{{2, L"\u0416"}, {4, L"Renamed"}, {8, L"N\u00E9w"}};
         EXPECT_TRUE(names == expected);
         EXPECT_EQ(document.read(users)[3].asInteger(), 5);
@@ -390,8 +395,8 @@ TEST(PropertySets, RefuseWhatTheyCannotHold) {
     EXPECT_EQ(Vexel::WriteProperties(StorageRef(), summary, properties), STG_E_INVALIDPARAMETER);
     EXPECT_EQ(document.write(summary, title, PropertyVariant(L"old")), S_OK);
     const std::string old = document.bytes(summaryName);
-    const std::pair<PROPID, int> cases[]{{title, VT_STREAM}, {title, VT_CLSID},  {title, VT_VECTOR | VT_CF},
-                                         {title, 0x0FFF},    {1, VT_I4},         {0, VT_I4},
+    const std::pair<PROPID, int> cases[]{{title, VT_STREAM},  {title, VT_CLSID},  {title, VT_VECTOR | VT_CF},
+                                         {title, 0x0FFF},     {1, VT_I4},         {0, VT_I4},
                                          {PID_LOCALE, VT_I4}, {0xFFFFFFFF, VT_I4}};
     for (const auto& [id, type] : cases) {
         PropertyVariant value;
