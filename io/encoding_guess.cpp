@@ -48,9 +48,15 @@ void Utf8Guess::begin(unsigned char byte) noexcept {
     if (byte < 0x80)
         return;
     isValid_ = byte >= 0xC2 && byte <= 0xF4;
-    left_ = byte < 0xE0 ? 1 : byte < 0xF0 ? 2 : 3;
-    lowest_ = byte == 0xE0 ? 0xA0 : byte == 0xF0 ? 0x90 : 0x80;
-    highest_ = byte == 0xED ? 0x9F : byte == 0xF4 ? 0x8F : 0xBF;
+    left_ = 1U + (byte >= 0xE0) + (byte >= 0xF0);
+    if (byte == 0xE0)
+        lowest_ = 0xA0;
+    else if (byte == 0xF0)
+        lowest_ = 0x90;
+    else if (byte == 0xED)
+        highest_ = 0x9F;
+    else if (byte == 0xF4)
+        highest_ = 0x8F;
 }
 
 void UnitGuess::add(Bytes part) noexcept {

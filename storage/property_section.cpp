@@ -93,7 +93,7 @@ bool areDistinct(const PropertyNames& names) {
 
 } // namespace
 
-PropertySection::PropertySection() : codePage_(wideCodePage) {
+PropertySection::PropertySection() {
     std::vector<unsigned char> value;
     appendNumber(value, VT_I2);
     appendNumber(value, wideCodePage);

@@ -26,6 +26,7 @@ public:
     PropertySection();
     PropertySection(const PropertySection&) = delete;
     PropertySection& operator=(const PropertySection&) = delete;
+    ~PropertySection() = default;
 
     /// False when counts or offsets lead out of the section, or properties share bytes.
     bool split(ByteView section);
@@ -57,7 +58,7 @@ private:
     std::map<PROPID, std::size_t> places_; // of the numbers in that order
     Blocks blocks_;
     std::deque<std::vector<unsigned char>> made_; // new blocks' bytes, which stay where they are
-    UINT codePage_;
+    UINT codePage_ = 1200;                        // wide text
     bool isNewer_ = false;
 };
 

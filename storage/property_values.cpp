@@ -101,30 +101,12 @@ public:
 
     enum class Result { Read, Unknown, Damaged };
 
-    Result read(PROPVARIANT& value, bool isElement = false) {
-        ByteView bytes;
+    Result read(PROPVARIANT& value) {
         std::uint32_t type = 0;
         if (!takeNumber(type))
             return Result::Damaged;
-        if (const auto size = plainSize(type))
-            return done(take(*size, bytes) && fillPlain(bytes, type, value));
-        switch (type) {
-        case VT_LPSTR:
-        case VT_BSTR:
-        case VT_LPWSTR:
-            return done(readText(type, value));
-        case VT_CLSID:
-            return done(take(sizeof(CLSID), bytes) && fillClass(bytes, value));
-        case VT_BLOB:
-        case VT_BLOB_OBJECT:
-            return done(takeCounted(bytes) && fillBlob(bytes, type, value));
-        case VT_CF:
-            return done(takeCounted(bytes) && fillClip(bytes, value));
-        default:
-            return (type & ~std::uint32_t{VT_TYPEMASK}) == VT_VECTOR && !isElement
-                       ? readVector(type & VT_TYPEMASK, value)
-                       : Result::Unknown;
-        }
+        return (type & ~std::uint32_t{VT_TYPEMASK}) == VT_VECTOR ? readVector(type & VT_TYPEMASK, value)
+                                                                 : readSingle(type, value);
     }
 
 private:
@@ -150,6 +132,28 @@ private:
     bool takeCounted(ByteView& bytes, std::size_t unit = 1) noexcept {
         std::uint32_t count = 0;
         return takeNumber(count) && take(std::uint64_t{count} * unit, bytes);
+    }
+
+    /// All but vectors.
+    Result readSingle(std::uint32_t type, PROPVARIANT& value) {
+        ByteView bytes;
+        if (const auto size = plainSize(type))
+            return done(take(*size, bytes) && fillPlain(bytes, type, value));
+        switch (type) {
+        case VT_LPSTR:
+        case VT_BSTR:
+        case VT_LPWSTR:
+            return done(readText(type, value));
+        case VT_CLSID:
+            return done(take(sizeof(CLSID), bytes) && fillClass(bytes, value));
+        case VT_BLOB:
+        case VT_BLOB_OBJECT:
+            return done(takeCounted(bytes) && fillBlob(bytes, type, value));
+        case VT_CF:
+            return done(takeCounted(bytes) && fillClip(bytes, value));
+        default:
+            return Result::Unknown;
+        }
     }
 
     /// A copy for the record; null when it leads out of the bytes.
@@ -206,7 +210,9 @@ private:
         value.capropvar.cElems = count;
         value.vt = VT_VECTOR | VT_VARIANT;
         for (std::uint32_t i = 0; i < count; ++i) {
-            if (read(value.capropvar.pElems[i], true) != Result::Read || !skipPadding())
+            std::uint32_t type = 0;
+            if (!takeNumber(type) || readSingle(type, value.capropvar.pElems[i]) != Result::Read ||
+                !skipPadding())
                 return false;
         }
         return true;
@@ -286,36 +292,8 @@ bool encodeClip(const CLIPDATA* clip, std::vector<unsigned char>& bytes) {
     return clip->cbSize == 4 || clip->pClipData;
 }
 
-bool encodeVector(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
-    const std::uint32_t element = value.vt & VT_TYPEMASK;
-    const ULONG count = value.caub.cElems;
-    appendNumber(bytes, isText(element) ? VT_VECTOR | VT_LPWSTR : value.vt);
-    appendNumber(bytes, count);
-    if (count > 0 && !value.caub.pElems)
-        return false;
-    if (const auto size = elementSize(element)) {
-        appendBytes(bytes, value.caub.pElems, count * *size);
-        return true;
-    }
-    if (!isText(element) && element != VT_VARIANT)
-        return false;
-    for (ULONG i = 0; i < count; ++i) {
-        PROPVARIANT text{};
-        text.vt = static_cast<VARTYPE>(element);
-        if (isText(element))
-            text.pwszVal = value.calpwstr.pElems[i]; // in the place of all three kinds
-        const PROPVARIANT& one = isText(element) ? text : value.capropvar.pElems[i];
-        const std::size_t start = bytes.size();
-        if ((one.vt & VT_VECTOR) || !encodeValue(one, bytes))
-            return false;
-        if (isText(element)) // has no type of its own
-            bytes.erase(bytes.begin() + static_cast<std::ptrdiff_t>(start),
-                        bytes.begin() + static_cast<std::ptrdiff_t>(start) + 4);
-    }
-    return true;
-}
-
-bool encodeUnpadded(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
+/// All but vectors.
+bool encodeSingle(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
     if (isText(value.vt)) {
         const auto text = textOf(value);
         appendNumber(bytes, VT_LPWSTR);
@@ -323,8 +301,6 @@ bool encodeUnpadded(const PROPVARIANT& value, std::vector<unsigned char>& bytes)
             encodeText(*text, bytes);
         return text.has_value();
     }
-    if (value.vt & VT_VECTOR)
-        return encodeVector(value, bytes);
     appendNumber(bytes, value.vt);
     if (const auto size = plainSize(value.vt)) {
         const std::size_t start = bytes.size();
@@ -346,6 +322,36 @@ bool encodeUnpadded(const PROPVARIANT& value, std::vector<unsigned char>& bytes)
     default:
         return false;
     }
+}
+
+bool encodeVector(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
+    const std::uint32_t element = value.vt & VT_TYPEMASK;
+    const ULONG count = value.caub.cElems;
+    appendNumber(bytes, isText(element) ? VT_VECTOR | VT_LPWSTR : value.vt);
+    appendNumber(bytes, count);
+    if (count > 0 && !value.caub.pElems)
+        return false;
+    if (const auto size = elementSize(element)) {
+        appendBytes(bytes, value.caub.pElems, count * *size);
+        return true;
+    }
+    if (!isText(element) && element != VT_VARIANT)
+        return false;
+    for (ULONG i = 0; i < count; ++i) {
+        PROPVARIANT text{};
+        text.vt = static_cast<VARTYPE>(element);
+        if (isText(element))
+            text.pwszVal = value.calpwstr.pElems[i]; // in the place of all three kinds
+        const PROPVARIANT& one = isText(element) ? text : value.capropvar.pElems[i];
+        const std::size_t start = bytes.size();
+        if (!encodeSingle(one, bytes))
+            return false;
+        padToFour(bytes);
+        if (isText(element)) // has no type of its own
+            bytes.erase(bytes.begin() + static_cast<std::ptrdiff_t>(start),
+                        bytes.begin() + static_cast<std::ptrdiff_t>(start) + 4);
+    }
+    return true;
 }
 
 CStringW wideText(ByteView bytes) {
@@ -373,17 +379,20 @@ bool decodeValue(ByteView bytes, UINT codePage, PropertyVariant& property) {
 }
 
 bool encodeValue(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
-    const bool isWritten = encodeUnpadded(value, bytes);
+    const bool isWritten = value.vt & VT_VECTOR ? encodeVector(value, bytes) : encodeSingle(value, bytes);
     padToFour(bytes);
     return isWritten;
 }
 
 bool isNewerValue(const PROPVARIANT& value) noexcept {
-    if (value.vt == (VT_VECTOR | VT_VARIANT))
-        return std::any_of(value.capropvar.pElems, value.capropvar.pElems + value.capropvar.cElems,
-                           isNewerValue);
-    const VARTYPE type = value.vt & VT_TYPEMASK;
-    return type == VT_I1 || type == VT_INT || type == VT_UINT || type == VT_DECIMAL;
+    const auto isNewer = [](const PROPVARIANT& one) {
+        const int type = one.vt & VT_TYPEMASK;
+        return type == VT_I1 || type == VT_INT || type == VT_UINT || type == VT_DECIMAL;
+    };
+    if (value.vt != (VT_VECTOR | VT_VARIANT))
+        return isNewer(value);
+    const PROPVARIANT* const elements = value.capropvar.pElems;
+    return std::any_of(elements, elements + value.capropvar.cElems, isNewer);
 }
 
 } // namespace Vexel::Detail
