@@ -226,7 +226,7 @@ TEST_F(TextFiles, StreamsMoveLikeOthers) {
     vxio::SimpleFile moved = std::move(file);
     EXPECT_TRUE(moved.IsOpen());
     file = std::move(moved);
-    EXPECT_FALSE(moved.IsOpen());
+    EXPECT_FALSE(moved.IsOpen()); // NOLINT(bugprone-use-after-move): a file that was moved from is closed
     EXPECT_EQ(file.Read(text.data(), 10), 6u);
     EXPECT_EQ(text.substr(0, 6), raw("01xy\0\0", 6));
 }
