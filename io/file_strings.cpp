@@ -8,7 +8,11 @@
 
 namespace {
 
-[[noreturn]] void throwLastError() { CFileException::ThrowOsError(static_cast<LONG>(GetLastError())); }
+[[noreturn]] void throwLastError() {
+    CFileException::ThrowOsError(static_cast<LONG>(GetLastError()));
+    // The framework's own does not promise to throw for every code.
+    AfxThrowFileException(CFileException::genericException, ERROR_SUCCESS);
+}
 
 std::size_t readFile(void* file, void* buffer, std::size_t count) {
     DWORD done = 0;

@@ -1,3 +1,4 @@
+#include "io/ini_numbers.h"
 #include "io/name_places.h"
 
 #include <vexel/ini.h>
@@ -32,18 +33,20 @@ void IniFile::SetSection(std::wstring_view name, IniFileSection&& section) {
 }
 
 IniFile& IniFile::SetString(std::wstring_view section, std::wstring_view key, const CStringW& value) {
-    GetOrCreateSection(section).SetString(key, value);
+    const std::size_t place = findName(sections_, places_, section);
+    if (place != notListed)
+        sections_[place].second.SetString(key, value);
+    else // whole, or without memory not at all
+        SetSection(section, std::move(IniFileSection().SetString(key, value)));
     return *this;
 }
 
 IniFile& IniFile::SetInt(std::wstring_view section, std::wstring_view key, int value) {
-    GetOrCreateSection(section).SetInt(key, value);
-    return *this;
+    return SetString(section, key, Vexel::Detail::formatInt(value));
 }
 
 IniFile& IniFile::SetDouble(std::wstring_view section, std::wstring_view key, double value) {
-    GetOrCreateSection(section).SetDouble(key, value);
-    return *this;
+    return SetString(section, key, Vexel::Detail::formatDouble(value));
 }
 
 std::optional<CStringW> IniFile::TryGetString(std::wstring_view section, std::wstring_view key) const {
@@ -89,16 +92,23 @@ IniFile loaded(const wchar_t* path) {
     return file;
 }
 
+} // namespace
+
 template <class Change>
-bool changeFile(const wchar_t* path, const Change& change) {
+bool IniFile::changeFile(const wchar_t* path, const Change& change) {
     if (!path || !*path)
         return false;
-    IniFile file = loaded(path);
+    IniFile file;
+    constexpr int attempts = 12; // while others save it
+    unsigned long error = file.load(path);
+    for (int i = 1; i < attempts && (error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED); ++i)
+        error = file.load(path);
+    // What is no settings file is begun anew; one that cannot be read now is another matter.
+    if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND && error != ERROR_INVALID_DATA)
+        return false;
     change(file);
     return file.Save(path);
 }
-
-} // namespace
 
 bool IniFile::SetString(std::wstring_view section, std::wstring_view key, const CStringW& value,
                         const wchar_t* path) {

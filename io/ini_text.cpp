@@ -2,17 +2,21 @@
 
 #include "io/ini_numbers.h"
 #include "io/name_places.h"
+#include "io/text_encoding.h"
+#include "io/whole_file.h"
 
 #include <vexel/diagnostics.h>
 #include <vexel/files.h>
 #include <vexel/ini.h>
 
 #include <string>
+#include <vector>
 
 namespace vxio {
 
 using Vexel::Detail::trimmed;
 using Vexel::Detail::viewOf;
+using Vexel::Detail::WholeFile;
 
 namespace {
 
@@ -45,51 +49,8 @@ std::wstring_view parseHeader(std::wstring_view line) noexcept {
     return line.back() == L']' ? line.substr(1, line.size() - 2) : std::wstring_view();
 }
 
-/// Whether a file may be written, or there is none; replacing it would not ask.
-bool isWritable(const wchar_t* path) {
-    const DWORD attributes = path && *path ? GetFileAttributesW(path) : 0;
-    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_READONLY))
-        return false;
-    SimpleFile file;
-    return file.Open(path, FileAccess::Write, FileCreation::OpenExisting, ProtectWriting) ||
-           file.GetLastErrorCode() == ERROR_FILE_NOT_FOUND;
-}
-
-/// A file beside another, under a name that nobody else is likely to use. It goes, unless it takes the
-/// other's place.
-class FileBeside {
-public:
-    explicit FileBeside(const wchar_t* path)
-        : path_(std::wstring(path) + L"." + std::to_wstring(GetCurrentProcessId()) + L".tmp") {}
-    FileBeside(const FileBeside&) = delete;
-    FileBeside& operator=(const FileBeside&) = delete;
-    ~FileBeside() {
-        stream.Close();
-        if (made_)
-            DeleteFileW(path_.c_str());
-    }
-
-    bool make() { return made_ = stream.Open({.path = path_.c_str()}, TextEncoding::Utf8, false); }
-    bool replace(const wchar_t* path) {
-        made_ = !MoveFileExW(path_.c_str(), path, MOVEFILE_REPLACE_EXISTING);
-        return !made_;
-    }
-
-    TextFileWriteStream stream;
-
-private:
-    std::wstring path_;
-    bool made_ = false;
-};
-
-} // namespace
-
-bool IniFile::Load(const wchar_t* path) {
-    *this = IniFile();
-    TextFileReadStream stream;
-    if (!stream.Open(path, ProtectWriting, TextEncoding::Detect, true))
-        return false;
-    IniFile read;
+/// False for a line that is none of a settings file's, and when the end was not reached.
+bool parse(TextFileReadStream& stream, IniFile& file) {
     IniFileSection* section = nullptr;
     CStringW text;
     while (stream.ReadString(text)) {
@@ -100,44 +61,85 @@ bool IniFile::Load(const wchar_t* path) {
             const std::wstring_view name = parseHeader(line);
             if (name.empty())
                 return false;
-            section = &read.GetOrCreateSection(name);
+            section = &file.GetOrCreateSection(name);
             continue;
         }
         const std::optional<Entry> entry = parseEntry(line);
         if (!entry || !section)
             return false;
         if (entry->value.find(L'\n') == std::wstring_view::npos)
-            section->setString(entry->key, toString(entry->value));
+            section->SetString(entry->key, toString(entry->value));
     }
-    if (stream.GetPosition() != stream.GetLength())
-        return false;
-    *this = std::move(read);
+    return stream.GetPosition() == stream.GetLength();
+}
+
+/// Waits for a moment where someone is saving the file.
+bool open(TextFileReadStream& stream, const wchar_t* path, TextEncoding encoding) {
+    constexpr DWORD longest = 16; // milliseconds
+    for (DWORD wait = 1; !stream.Open(path, ProtectWriting, encoding, true); wait *= 2) {
+        if (stream.GetLastErrorCode() != ERROR_SHARING_VIOLATION || wait > longest)
+            return false;
+        Sleep(wait);
+    }
     return true;
 }
 
-bool IniFile::Save(const wchar_t* path) const {
-    if (!isWritable(path))
-        return false;
-    FileBeside beside(path);
-    if (!beside.make())
-        return false;
-    TextFileWriteStream& stream = beside.stream;
-    for (const auto& [name, section] : sections_) {
-        stream.WriteString(L"[");
-        stream.WriteString(viewOf(name));
-        stream.WriteString(L"]\n");
-        for (const auto& [key, value] : section) {
-            stream.WriteString(viewOf(key));
-            stream.WriteString(L"=");
-            stream.WriteString(viewOf(value));
-            stream.WriteString(L"\n");
+/// Of a file that is no settings file in the encoding that was guessed: whether it is one in another.
+bool parseOtherwise(const wchar_t* path, IniFile& file) {
+    for (const TextEncoding encoding : {TextEncoding::Utf16LE, TextEncoding::Utf16BE, TextEncoding::Utf32LE,
+                                        TextEncoding::Utf32BE, TextEncoding::Utf8}) {
+        TextFileReadStream stream;
+        IniFile read;
+        if (open(stream, path, encoding) && parse(stream, read) && !stream.HasReplaced() && !read.IsEmpty()) {
+            file = std::move(read);
+            return true;
         }
     }
-    if (stream.Flush() && stream.Close())
-        return beside.replace(path);
-    VxLog_WriteW(VxLog_Error, L"Failed to write the settings file \"%ls\": %lu", path,
-                 stream.GetLastErrorCode());
-    return true;
+    return false;
+}
+
+} // namespace
+
+bool IniFile::Load(const wchar_t* path) { return load(path) == ERROR_SUCCESS; }
+
+unsigned long IniFile::load(const wchar_t* path) {
+    *this = IniFile();
+    TextFileReadStream stream;
+    if (!open(stream, path, TextEncoding::Detect))
+        return stream.GetLastErrorCode();
+    IniFile read;
+    if (parse(stream, read))
+        read.hasReplaced_ = stream.HasReplaced();
+    else if (stream.GetLastErrorCode())
+        return stream.GetLastErrorCode();
+    else if (read = IniFile(); !parseOtherwise(path, read))
+        return ERROR_INVALID_DATA;
+    *this = std::move(read);
+    return ERROR_SUCCESS;
+}
+
+bool IniFile::Save(const wchar_t* path) const {
+    if (!path || !*path || hasReplaced_)
+        return false;
+    std::wstring text;
+    for (const auto& [name, section] : sections_) {
+        text.append(L"[").append(viewOf(name)).append(L"]\n");
+        for (const auto& [key, value] : section)
+            text.append(viewOf(key)).append(L"=").append(viewOf(value)).append(L"\n");
+    }
+    std::vector<unsigned char> bytes;
+    auto encoding = TextEncoding::Utf8;
+    if (Vexel::Detail::hasLoneSurrogate(text)) {
+        encoding = TextEncoding::Utf16LE; // has what UTF-8 has not
+        const auto mark = Vexel::Detail::byteOrderMark(encoding);
+        bytes.assign(mark.begin(), mark.end());
+    }
+    Vexel::Detail::encodeText(text, encoding, bytes);
+    DWORD error = 0;
+    const WholeFile result = Vexel::Detail::writeWholeFile(path, bytes, error);
+    if (result == WholeFile::Failed)
+        VxLog_WriteW(VxLog_Error, L"Failed to write the settings file \"%ls\": %lu", path, error);
+    return result != WholeFile::NotOpened;
 }
 
 } // namespace vxio

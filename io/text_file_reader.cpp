@@ -1,3 +1,4 @@
+#include "io/encoding_guess.h"
 #include "io/text_encoding.h"
 
 #include <vexel/files.h>
@@ -22,10 +23,6 @@ bool endsLine(const unsigned char* unit, std::size_t size, bool bigEndian) noexc
     return true;
 }
 
-bool isBigEndian(TextEncoding encoding) noexcept {
-    return encoding == TextEncoding::Utf16BE || encoding == TextEncoding::Utf32BE;
-}
-
 } // namespace
 
 TextFileReadStream::TextFileReadStream() noexcept = default;
@@ -37,12 +34,18 @@ bool TextFileReadStream::Open(const wchar_t* path, FileStreamProtectedType prote
     if (!file_.Open(path, FileAccess::Read, FileCreation::OpenExisting, protection))
         return false;
     binary_ = binary;
+    hasReplaced_ = false;
     fill();
+    encoding_ = encoding == TextEncoding::Detect ? detect() : encoding;
     if (file_.GetLastErrorCode()) {
         Close();
         return false;
     }
-    detect(encoding);
+    unit_ = Vexel::Detail::unitSize(encoding_);
+    const Bytes mark = Vexel::Detail::byteOrderMark(encoding_);
+    if (buffer_.size() >= mark.size() && std::equal(mark.begin(), mark.end(), buffer_.begin()))
+        start_ = mark.size();
+    position_ = start_;
     return true;
 }
 
@@ -53,16 +56,22 @@ void TextFileReadStream::Close() noexcept {
     position_ = 0;
 }
 
-void TextFileReadStream::detect(TextEncoding wanted) {
-    const Bytes start(buffer_);
-    encoding_ = wanted == TextEncoding::Detect
-                    ? Vexel::Detail::detectEncoding(start, start.size() < readAhead)
-                    : wanted;
-    unit_ = Vexel::Detail::unitSize(encoding_);
-    const Bytes mark = Vexel::Detail::byteOrderMark(encoding_);
-    if (start.size() >= mark.size() && std::equal(mark.begin(), mark.end(), start.begin()))
-        start_ = mark.size();
-    position_ = start_;
+/// By all of the file, where it can be read twice; the buffer holds its start.
+TextEncoding TextFileReadStream::detect() {
+    if (const TextEncoding marked = Vexel::Detail::markedEncoding(buffer_); marked != TextEncoding::Detect)
+        return marked;
+    std::vector<unsigned char> more;
+    if (buffer_.size() == readAhead && GetFileType(file_.GetHandle()) == FILE_TYPE_DISK)
+        more.resize(readAhead);
+    const auto forEachPart = [&](auto& guess) {
+        guess.add(buffer_);
+        while (const auto read = static_cast<std::size_t>(file_.Read(more.data(), more.size())))
+            guess.add(Bytes(more).first(read));
+        if (!more.empty())
+            file_.Seek(static_cast<long long>(buffer_.size()), FILE_BEGIN, nullptr);
+    };
+    const bool isWhole = buffer_.size() < readAhead || !more.empty();
+    return Vexel::Detail::guessEncoding(forEachPart, isWhole);
 }
 
 /// Reads more behind what is there; false at the end and on an error.
@@ -85,7 +94,7 @@ std::size_t TextFileReadStream::findLineEnd(std::size_t from) const noexcept {
                                              [](unsigned char byte) { return byte == '\n' || byte == 0; });
         return end == bytes + size ? none : static_cast<std::size_t>(end - bytes);
     }
-    const bool bigEndian = isBigEndian(encoding_);
+    const bool bigEndian = Vexel::Detail::isBigEndian(encoding_);
     for (; from + unit_ <= size; from += unit_)
         if (endsLine(bytes + from, unit_, bigEndian))
             return from;
@@ -93,7 +102,7 @@ std::size_t TextFileReadStream::findLineEnd(std::size_t from) const noexcept {
 }
 
 void TextFileReadStream::decode(const unsigned char* bytes, std::size_t size, CStringW& line) {
-    Vexel::Detail::decodeText({bytes, size}, encoding_, text_);
+    hasReplaced_ = !Vexel::Detail::decodeText({bytes, size}, encoding_, text_) || hasReplaced_;
     line = CStringW(text_.data(), static_cast<int>(text_.size()));
 }
 

@@ -9,14 +9,14 @@
 
 #include <objbase.h>
 
-#include <algorithm>
 #include <array>
 #include <vector>
 
 namespace Vexel {
 
-using Detail::PropertyNames;
-using Detail::PropertySet;
+using Detail::ByteView;
+using Detail::PropertySection;
+using Detail::PropertyStream;
 using Detail::withStatus;
 
 namespace {
@@ -30,93 +30,125 @@ SharedPathName streamOf(REFFMTID format) {
     return Detail::elementName(name.data());
 }
 
-/// The sets of the stream that has the one asked for, if it is there.
-HRESULT load(const StorageRef& storage, REFFMTID format, std::vector<PropertySet>& sets) {
+/// The bytes of the stream that the set is in, or would be in.
+HRESULT load(const StorageRef& storage, REFFMTID format, std::vector<unsigned char>& bytes) {
     StreamRef stream;
     if (const HRESULT status = stream.open(streamOf(format), storage, true); FAILED(status))
         return status;
     const auto size = stream.size();
     if (size > largestStream)
         return STG_E_INVALIDHEADER;
-    std::vector<unsigned char> bytes(static_cast<std::size_t>(size));
-    if (stream.ReadBytes(bytes.data(), size) != size)
-        return STG_E_READFAULT;
-    auto split = Detail::splitPropertySets(bytes);
-    if (!split)
-        return STG_E_INVALIDHEADER;
-    sets = std::move(*split);
-    return S_OK;
+    bytes.resize(static_cast<std::size_t>(size));
+    return stream.ReadBytes(bytes.data(), size) == size ? S_OK : STG_E_READFAULT;
 }
 
-auto find(std::vector<PropertySet>& sets, REFFMTID format) {
-    return std::ranges::find_if(sets, [&](const PropertySet& set) { return set.format == format; });
+void logFailure(const wchar_t* what, const StorageRef& storage, REFFMTID format, HRESULT status) {
+    VxLog_WriteW(VxLog_Minor, L"Failed to %ls \"%ls|%ls\": 0x%08x", what, storage.name().asString(),
+                 streamOf(format).asString(), static_cast<unsigned>(status));
 }
 
-HRESULT read(const StorageRef& storage, REFFMTID format, Properties& properties) {
-    std::vector<PropertySet> sets;
-    if (const HRESULT status = load(storage, format, sets); FAILED(status))
+/// Has `decode` take what it is for out of the section.
+template <class Decode>
+HRESULT readSection(const StorageRef& storage, REFFMTID format, const Decode& decode) {
+    std::vector<unsigned char> bytes;
+    if (const HRESULT status = load(storage, format, bytes); FAILED(status))
         return status;
-    const auto set = find(sets, format);
-    if (set == sets.end())
+    if (bytes.empty())
         return STG_E_FILENOTFOUND;
-    return Detail::decodeProperties(set->section, properties) ? S_OK : STG_E_INVALIDHEADER;
+    const auto found = Detail::findSection(bytes, format);
+    if (!found)
+        return STG_E_INVALIDHEADER;
+    if (found->empty())
+        return STG_E_FILENOTFOUND;
+    PropertySection section;
+    return section.split(*found) && decode(section) ? S_OK : STG_E_INVALIDHEADER;
 }
 
-/// Puts the section in, beside the set that it may share the stream with.
-void put(std::vector<PropertySet>& sets, REFFMTID format, std::vector<unsigned char>&& section) {
-    if (const auto set = find(sets, format); set != sets.end()) {
-        set->section = std::move(section);
-        return;
-    }
-    // The set of the user's own properties is always a stream's second one.
-    const bool isSecond = format == FMTID_UserDefinedProperties;
-    const FMTID& other = isSecond ? FMTID_DocSummaryInformation : FMTID_UserDefinedProperties;
-    std::erase_if(sets, [&](const PropertySet& set) { return set.format != other; });
-    if (isSecond && sets.empty())
-        Detail::encodeProperties({}, {}, sets.emplace_back(PropertySet{other, {}}).section);
-    sets.insert(isSecond ? sets.end() : sets.begin(), {format, std::move(section)});
+template <class Result, class Decode>
+long read(const StorageRef& storage, REFFMTID format, Result& result, const Decode& decode) {
+    result.clear();
+    if (storage.null())
+        return STG_E_INVALIDPARAMETER;
+    return withStatus([&]() -> HRESULT {
+        Result found;
+        const HRESULT status = readSection(
+            storage, format, [&](const PropertySection& section) { return decode(section, found); });
+        if (status == S_OK)
+            result.swap(found);
+        else if (status != STG_E_FILENOTFOUND)
+            logFailure(L"read the properties", storage, format, status);
+        return status;
+    });
+}
+
+/// Has `change` change the section, and builds the stream anew.
+template <class Change>
+HRESULT rebuild(ByteView old, REFFMTID format, const Change& change, std::vector<unsigned char>& bytes) {
+    PropertyStream stream;
+    if (!old.empty() && !stream.split(old))
+        return STG_E_INVALIDHEADER;
+    PropertySection section;
+    const ByteView found = stream.section(format);
+    if (!found.empty() && !section.split(found))
+        return STG_E_INVALIDHEADER;
+    if (!change(section))
+        return STG_E_INVALIDPARAMETER;
+    if (section.isChanged() && !stream.put(format, section.join()))
+        return STG_E_INVALIDHEADER;
+    if (section.isNewer())
+        stream.makeNewer();
+    bytes = stream.join();
+    return bytes.size() <= largestStream ? S_OK : STG_E_DOCFILETOOLARGE;
+}
+
+template <class Change>
+HRESULT write(const StorageRef& storage, REFFMTID format, const Change& change) {
+    std::vector<unsigned char> old;
+    HRESULT status = load(storage, format, old);
+    if (FAILED(status) && status != STG_E_FILENOTFOUND)
+        return status;
+    std::vector<unsigned char> bytes;
+    status = rebuild(old, format, change, bytes);
+    if (FAILED(status))
+        return status;
+    StreamRef stream;
+    status = stream.create(streamOf(format), storage);
+    if (FAILED(status))
+        return status;
+    return stream.WriteBytes(bytes.data(), bytes.size()) == bytes.size() ? S_OK : STG_E_WRITEFAULT;
+}
+
+template <class Change>
+long change(const StorageRef& storage, REFFMTID format, const Change& change) {
+    if (storage.null())
+        return STG_E_INVALIDPARAMETER;
+    return withStatus([&]() -> HRESULT {
+        const HRESULT status = write(storage, format, change);
+        if (FAILED(status))
+            logFailure(L"write the properties", storage, format, status);
+        return status;
+    });
 }
 
 } // namespace
 
 long ReadProperties(const StorageRef& storage, REFFMTID format, Properties& properties) {
-    properties.clear();
-    if (storage.null())
-        return STG_E_INVALIDPARAMETER;
-    return withStatus([&]() -> HRESULT {
-        Properties found;
-        const HRESULT status = read(storage, format, found);
-        if (SUCCEEDED(status))
-            properties.swap(found);
-        else if (status != STG_E_FILENOTFOUND)
-            VxLog_WriteW(VxLog_Minor, L"Failed to read the properties \"%ls|%ls\": 0x%08x",
-                         storage.name().asString(), streamOf(format).asString(),
-                         static_cast<unsigned>(status));
-        return status;
-    });
+    return read(storage, format, properties,
+                [](const PropertySection& section, Properties& found) { return section.decode(found); });
 }
 
 long WriteProperties(const StorageRef& storage, REFFMTID format, const Properties& properties) {
-    if (storage.null())
-        return STG_E_INVALIDPARAMETER;
-    return withStatus([&]() -> HRESULT {
-        std::vector<PropertySet> sets;
-        HRESULT status = load(storage, format, sets);
-        if (FAILED(status) && status != STG_E_FILENOTFOUND && status != STG_E_INVALIDHEADER)
-            return status;
-        const auto old = find(sets, format);
-        const auto names = old != sets.end() ? Detail::decodePropertyNames(old->section) : PropertyNames();
-        std::vector<unsigned char> section;
-        if (!Detail::encodeProperties(properties, names, section))
-            return STG_E_INVALIDPARAMETER;
-        put(sets, format, std::move(section));
-        const auto bytes = Detail::joinPropertySets(sets);
-        StreamRef stream;
-        status = stream.create(streamOf(format), storage);
-        if (FAILED(status))
-            return status;
-        return stream.WriteBytes(bytes.data(), bytes.size()) == bytes.size() ? S_OK : STG_E_WRITEFAULT;
+    return change(storage, format, [&](PropertySection& section) { return section.set(properties); });
+}
+
+long ReadPropertyNames(const StorageRef& storage, REFFMTID format, PropertyNames& names) {
+    return read(storage, format, names, [](const PropertySection& section, PropertyNames& found) {
+        return section.decodeNames(found);
     });
+}
+
+long WritePropertyNames(const StorageRef& storage, REFFMTID format, const PropertyNames& names) {
+    return change(storage, format, [&](PropertySection& section) { return section.setNames(names); });
 }
 
 } // namespace Vexel

@@ -1,31 +1,19 @@
-// The section of a set: its properties.
+#include "storage/property_values.h"
 
-#include "storage/property_bytes.h"
-#include "storage/property_set.h"
+#include "archive/task_memory.h"
 
 #include <windows.h>
 
 #include <algorithm>
-#include <climits>
 #include <cstring>
 #include <new>
 #include <string>
+#include <type_traits>
+#include <utility>
 
 namespace Vexel::Detail {
 
 namespace {
-
-// A section: its size and the number of properties (4 bytes each), then for each its number and where in the
-// section its value begins (4 each). A value: its type (4), then the value itself, padded to a multiple of 4.
-// The names are the value of number 0, without a type: how many (4), and for each the property's number (4),
-// the length with the terminating zero (4) in bytes or, of wide ones, characters, and so many; wide ones are
-// padded.
-constexpr std::size_t sectionHeader = 8;
-constexpr std::size_t entrySize = 8;
-constexpr std::uint32_t unicode = 1200;
-constexpr PROPID firstReserved = 0x80000000;
-
-bool isOrdinary(PROPID id) noexcept { return id >= PID_FIRST_USABLE && id < firstReserved; }
 
 /// The size of values that stand in the PROPVARIANT itself.
 std::optional<std::size_t> plainSize(std::uint32_t type) noexcept {
@@ -54,205 +42,237 @@ std::optional<std::size_t> plainSize(std::uint32_t type) noexcept {
     case VT_DATE:
     case VT_FILETIME:
         return 8;
+    case VT_DECIMAL:
+        return sizeof(DECIMAL);
     default:
         return std::nullopt;
     }
 }
 
-/// A copy in the memory that PropVariantClear frees.
+/// The size of the elements of vectors that are plain memory.
+std::optional<std::size_t> elementSize(std::uint32_t type) noexcept {
+    if (type == VT_CLSID)
+        return sizeof(CLSID);
+    if (type == VT_INT || type == VT_UINT || type == VT_DECIMAL)
+        return std::nullopt;
+    const auto size = plainSize(type);
+    return size && *size > 0 ? size : std::nullopt;
+}
+
+/// Where they stand. A decimal begins with two bytes that are the record's type.
+template <class Value>
+auto* plainBytes(Value& value, std::uint32_t type) noexcept {
+    using Byte = std::conditional_t<std::is_const_v<Value>, const unsigned char, unsigned char>;
+    return type == VT_DECIMAL ? reinterpret_cast<Byte*>(&value.decVal) : reinterpret_cast<Byte*>(&value.hVal);
+}
+
+bool isText(std::uint32_t type) noexcept { return type == VT_LPSTR || type == VT_BSTR || type == VT_LPWSTR; }
+
+/// Memory that PropVariantClear frees, all zero.
+template <class Result>
+Result* taskMemory(std::size_t size) {
+    void* const memory = CoTaskMemAlloc((std::max)(size, std::size_t{1}));
+    if (!memory)
+        throw std::bad_alloc();
+    std::memset(memory, 0, size);
+    return static_cast<Result*>(memory);
+}
+
 template <class Result>
 Result* taskCopy(ByteView bytes) {
-    void* const copy = CoTaskMemAlloc((std::max)(bytes.size(), std::size_t{1}));
+    auto* const copy = taskMemory<Result>(bytes.size());
+    std::copy(bytes.begin(), bytes.end(), reinterpret_cast<unsigned char*>(copy));
+    return copy;
+}
+
+wchar_t* taskText(const CStringW& text) {
+    wchar_t* const copy =
+        Storage::duplicateText({text.GetString(), static_cast<std::size_t>(text.GetLength())});
     if (!copy)
         throw std::bad_alloc();
-    std::copy(bytes.begin(), bytes.end(), static_cast<unsigned char*>(copy));
-    return static_cast<Result*>(copy);
+    return copy;
 }
 
-CStringW wideText(ByteView bytes) {
-    std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
-    std::memcpy(text.data(), bytes.data(), text.size() * sizeof(wchar_t));
-    return {text.c_str()}; // up to the first zero
-}
-
-CStringW narrowText(ByteView bytes, UINT codePage) {
-    const std::string text(bytes.begin(), bytes.end());
-    std::wstring wide(text.size() + 1, L'\0'); // no code page makes more of it
-    const UINT page = IsValidCodePage(codePage) ? codePage : CP_ACP;
-    MultiByteToWideChar(page, 0, text.data(), static_cast<int>(text.size()), wide.data(),
-                        static_cast<int>(text.size()));
-    return {wide.c_str()};
-}
-
-class Decoder {
+/// Reads one value into a record that is empty, and that someone else clears. Writers disagree whether the
+/// texts and variants in a vector are padded.
+class ValueReader {
 public:
-    explicit Decoder(ByteView section) noexcept : section_(section) {}
+    ValueReader(ByteView bytes, UINT codePage) noexcept : bytes_(bytes), codePage_(codePage) {}
 
-    bool decode(Properties& properties) {
-        if (!begin())
-            return false;
-        for (std::uint32_t i = 0; i < count_; ++i) {
-            const PROPID id = idOf(i);
-            if (isOrdinary(id) && !decodeValue(offsetOf(i), properties[id]))
-                return false;
-        }
-        return true;
-    }
+    enum class Result { Read, Unknown, Damaged };
 
-    PropertyNames decodeNames() {
-        PropertyNames names;
-        if (begin())
-            for (std::uint32_t i = 0; i < count_; ++i)
-                if (idOf(i) == PID_DICTIONARY)
-                    decodeNames(offsetOf(i), names);
-        return names;
+    Result read(PROPVARIANT& value) {
+        std::uint32_t type = 0;
+        if (!takeNumber(type))
+            return Result::Damaged;
+        return (type & ~std::uint32_t{VT_TYPEMASK}) == VT_VECTOR ? readVector(type & VT_TYPEMASK, value)
+                                                                 : readSingle(type, value);
     }
 
 private:
-    bool begin() noexcept {
-        if (!has(section_, 0, sectionHeader))
+    static Result done(bool isRead) noexcept { return isRead ? Result::Read : Result::Damaged; }
+
+    bool take(std::uint64_t size, ByteView& bytes) noexcept {
+        if (!has(bytes_, at_, size))
             return false;
-        count_ = numberAt(section_, 4);
-        used_ = sectionHeader + std::uint64_t{count_} * entrySize;
-        if (!has(section_, 0, used_))
-            return false;
-        findCodePage();
+        bytes = bytes_.subspan(at_, static_cast<std::size_t>(size));
+        at_ += bytes.size();
         return true;
     }
 
-    PROPID idOf(std::uint32_t index) const noexcept {
-        return numberAt(section_, sectionHeader + index * entrySize);
-    }
-    std::size_t offsetOf(std::uint32_t index) const noexcept {
-        return numberAt(section_, sectionHeader + index * entrySize + 4);
-    }
-
-    /// A property itself; 1200 means that strings are wide.
-    void findCodePage() noexcept {
-        for (std::uint32_t i = 0; i < count_; ++i)
-            if (idOf(i) == PID_CODEPAGE && has(section_, offsetOf(i), 8) &&
-                numberAt(section_, offsetOf(i)) == VT_I2)
-                codePage_ = numberAt(section_, offsetOf(i) + 4) & 0xFFFF;
-    }
-
-    /// Whether there are so many bytes. No more may be taken in all than there are: many values that share
-    /// their bytes would be a large set out of a small one.
-    bool take(std::size_t offset, std::uint64_t size, ByteView& bytes) noexcept {
-        used_ += size;
-        if (used_ > section_.size() || !has(section_, offset, size))
-            return false;
-        bytes = section_.subspan(offset, static_cast<std::size_t>(size));
-        return true;
-    }
-
-    bool decodeValue(std::size_t offset, PropertyVariant& property) {
+    bool takeNumber(std::uint32_t& number) noexcept {
         ByteView bytes;
-        if (!take(offset, 4, bytes))
+        if (!take(4, bytes))
             return false;
-        const std::uint32_t type = numberAt(bytes, 0);
-        if (const auto size = plainSize(type)) {
-            if (!take(offset + 4, *size, bytes))
-                return false;
-            PROPVARIANT* const value = property.put();
-            std::copy(bytes.begin(), bytes.end(), reinterpret_cast<unsigned char*>(&value->hVal));
-            value->vt = static_cast<VARTYPE>(type);
-            return true;
-        }
+        number = numberAt(bytes, 0);
+        return true;
+    }
+
+    /// So many units, and their number in front of them.
+    bool takeCounted(ByteView& bytes, std::size_t unit = 1) noexcept {
+        std::uint32_t count = 0;
+        return takeNumber(count) && take(std::uint64_t{count} * unit, bytes);
+    }
+
+    /// All but vectors.
+    Result readSingle(std::uint32_t type, PROPVARIANT& value) {
+        ByteView bytes;
+        if (const auto size = plainSize(type))
+            return done(take(*size, bytes) && fillPlain(bytes, type, value));
         switch (type) {
         case VT_LPSTR:
         case VT_BSTR:
         case VT_LPWSTR:
-            return decodeText(offset + 4, type == VT_LPWSTR, property);
+            return done(readText(type, value));
         case VT_CLSID:
-            return take(offset + 4, sizeof(CLSID), bytes) && fillClass(bytes, property.put());
+            return done(take(sizeof(CLSID), bytes) && fillClass(bytes, value));
         case VT_BLOB:
         case VT_BLOB_OBJECT:
-            return takeBlock(offset + 4, bytes) &&
-                   fillBlob(bytes, static_cast<VARTYPE>(type), property.put());
+            return done(takeCounted(bytes) && fillBlob(bytes, type, value));
         case VT_CF:
-            return takeBlock(offset + 4, bytes) && fillClip(bytes, property.put());
+            return done(takeCounted(bytes) && fillClip(bytes, value));
         default:
-            return true; // stays empty
+            return Result::Unknown;
         }
     }
 
-    /// A length in bytes, and so many of them.
-    bool takeBlock(std::size_t offset, ByteView& bytes, std::size_t unit = 1) noexcept {
-        return take(offset, 4, bytes) && take(offset + 4, std::uint64_t{numberAt(bytes, 0)} * unit, bytes);
-    }
-
-    bool decodeText(std::size_t offset, bool isWide, PropertyVariant& property) {
+    /// A copy for the record; null when it leads out of the bytes.
+    wchar_t* takeText(std::uint32_t type) {
         ByteView bytes;
-        if (!takeBlock(offset, bytes, isWide ? sizeof(wchar_t) : 1))
-            return false;
-        property = PropertyVariant(textOf(bytes, isWide || codePage_ == unicode));
-        return true;
+        if (!takeCounted(bytes, type == VT_LPWSTR ? sizeof(wchar_t) : 1))
+            return nullptr;
+        return taskText(decodeText(bytes, type == VT_LPWSTR ? wideCodePage : codePage_));
     }
 
-    CStringW textOf(ByteView bytes, bool isWide) const {
-        return isWide ? wideText(bytes) : narrowText(bytes, codePage_);
+    bool readText(std::uint32_t type, PROPVARIANT& value) {
+        value.pwszVal = takeText(type);
+        if (value.pwszVal)
+            value.vt = VT_LPWSTR;
+        return value.pwszVal != nullptr;
     }
 
-    void decodeNames(std::size_t offset, PropertyNames& names) {
-        const bool isWide = codePage_ == unicode;
-        ByteView bytes;
-        if (!take(offset, 4, bytes))
-            return;
-        offset += 4;
-        for (std::uint32_t left = numberAt(bytes, 0); left > 0 && take(offset, 4, bytes); --left) {
-            const PROPID id = numberAt(bytes, 0);
-            if (!takeBlock(offset + 4, bytes, isWide ? sizeof(wchar_t) : 1))
-                return;
-            names[id] = textOf(bytes, isWide);
-            offset += 8 + (isWide ? paddedSize(bytes.size()) : bytes.size());
+    Result readVector(std::uint32_t element, PROPVARIANT& value) {
+        std::uint32_t count = 0;
+        if (!takeNumber(count))
+            return Result::Damaged;
+        if (const auto size = elementSize(element)) {
+            ByteView bytes;
+            return done(take(std::uint64_t{count} * *size, bytes) &&
+                        fillVector(bytes, count, element, value));
         }
+        if ((!isText(element) && element != VT_VARIANT) || count > (bytes_.size() - at_) / 4)
+            return Result::Unknown;
+        for (const bool isPadded : {true, false}) {
+            ValueReader elements(*this);
+            elements.isPadded_ = isPadded;
+            if (isText(element) ? elements.readTexts(element, count, value)
+                                : elements.readVariants(count, value))
+                return Result::Read;
+            PropVariantClear(&value);
+        }
+        return Result::Unknown;
     }
 
-    static bool fillClass(ByteView bytes, PROPVARIANT* value) {
-        value->puuid = taskCopy<CLSID>(bytes);
-        value->vt = VT_CLSID;
+    bool readTexts(std::uint32_t element, std::uint32_t count, PROPVARIANT& value) {
+        value.calpwstr.pElems = taskMemory<LPWSTR>(count * sizeof(LPWSTR));
+        value.calpwstr.cElems = count;
+        value.vt = VT_VECTOR | VT_LPWSTR;
+        for (std::uint32_t i = 0; i < count; ++i) {
+            value.calpwstr.pElems[i] = takeText(element);
+            if (!value.calpwstr.pElems[i] || !skipPadding())
+                return false;
+        }
         return true;
     }
 
-    static bool fillBlob(ByteView bytes, VARTYPE type, PROPVARIANT* value) {
-        value->blob.pBlobData = taskCopy<BYTE>(bytes);
-        value->blob.cbSize = static_cast<ULONG>(bytes.size());
-        value->vt = type;
+    bool readVariants(std::uint32_t count, PROPVARIANT& value) {
+        value.capropvar.pElems = taskMemory<PROPVARIANT>(count * sizeof(PROPVARIANT));
+        value.capropvar.cElems = count;
+        value.vt = VT_VECTOR | VT_VARIANT;
+        for (std::uint32_t i = 0; i < count; ++i) {
+            std::uint32_t type = 0;
+            if (!takeNumber(type) || readSingle(type, value.capropvar.pElems[i]) != Result::Read ||
+                !skipPadding())
+                return false;
+        }
+        return true;
+    }
+
+    /// False when something else stands in its place: the elements are not padded then.
+    bool skipPadding() noexcept {
+        const std::size_t end = isPadded_ ? (std::min)(paddedSize(at_), bytes_.size()) : at_;
+        return std::all_of(bytes_.begin() + static_cast<std::ptrdiff_t>(std::exchange(at_, end)),
+                           bytes_.begin() + static_cast<std::ptrdiff_t>(end),
+                           [](unsigned char byte) { return byte == 0; });
+    }
+
+    static bool fillPlain(ByteView bytes, std::uint32_t type, PROPVARIANT& value) noexcept {
+        std::copy(bytes.begin(), bytes.end(), plainBytes(value, type));
+        value.vt = static_cast<VARTYPE>(type); // which a decimal covers
+        return true;
+    }
+
+    static bool fillVector(ByteView bytes, std::uint32_t count, std::uint32_t element, PROPVARIANT& value) {
+        value.caub.pElems = taskCopy<UCHAR>(bytes); // all kinds of vectors have one layout
+        value.caub.cElems = count;
+        value.vt = static_cast<VARTYPE>(VT_VECTOR | element);
+        return true;
+    }
+
+    static bool fillClass(ByteView bytes, PROPVARIANT& value) {
+        value.puuid = taskCopy<CLSID>(bytes);
+        value.vt = VT_CLSID;
+        return true;
+    }
+
+    static bool fillBlob(ByteView bytes, std::uint32_t type, PROPVARIANT& value) {
+        value.blob.pBlobData = taskCopy<BYTE>(bytes);
+        value.blob.cbSize = static_cast<ULONG>(bytes.size());
+        value.vt = static_cast<VARTYPE>(type);
         return true;
     }
 
     /// The size counts the clipboard format in front of the data.
-    static bool fillClip(ByteView bytes, PROPVARIANT* value) {
+    static bool fillClip(ByteView bytes, PROPVARIANT& value) {
         if (bytes.size() < 4)
             return false;
         const CLIPDATA clip{static_cast<ULONG>(bytes.size()), static_cast<LONG>(numberAt(bytes, 0)), nullptr};
-        value->pclipdata = taskCopy<CLIPDATA>({reinterpret_cast<const unsigned char*>(&clip), sizeof clip});
-        value->vt = VT_CF;
-        value->pclipdata->pClipData = taskCopy<BYTE>(bytes.subspan(4));
+        value.pclipdata = taskCopy<CLIPDATA>({reinterpret_cast<const unsigned char*>(&clip), sizeof clip});
+        value.vt = VT_CF;
+        value.pclipdata->pClipData = taskCopy<BYTE>(bytes.subspan(4));
         return true;
     }
 
-    ByteView section_;
-    std::uint32_t count_ = 0;
-    std::uint64_t used_ = 0;
-    UINT codePage_ = CP_ACP;
+    ByteView bytes_;
+    std::size_t at_ = 0;
+    UINT codePage_;
+    bool isPadded_ = true;
 };
 
-void encodeText(std::uint32_t typeOrNumber, const CStringW& text, std::vector<unsigned char>& bytes) {
+void encodeText(const CStringW& text, std::vector<unsigned char>& bytes) {
     const auto units = static_cast<std::size_t>(text.GetLength()) + 1;
-    appendNumber(bytes, typeOrNumber);
     appendNumber(bytes, units);
     appendBytes(bytes, text.GetString(), units * sizeof(wchar_t));
-    padToFour(bytes);
-}
-
-void encodeNames(const Properties& properties, const PropertyNames& names,
-                 std::vector<unsigned char>& bytes) {
-    const auto isKept = [&](const auto& name) { return properties.contains(name.first); };
-    appendNumber(bytes, static_cast<std::size_t>(std::ranges::count_if(names, isKept)));
-    for (const auto& name : names)
-        if (isKept(name))
-            encodeText(name.first, name.second, bytes);
 }
 
 bool encodeBlock(std::size_t size, const void* data, std::vector<unsigned char>& bytes) {
@@ -272,15 +292,21 @@ bool encodeClip(const CLIPDATA* clip, std::vector<unsigned char>& bytes) {
     return clip->cbSize == 4 || clip->pClipData;
 }
 
-bool encodeValue(const PropertyVariant& property, std::vector<unsigned char>& bytes) {
-    if (const auto text = property.asString()) {
-        encodeText(VT_LPWSTR, *text, bytes);
-        return true;
+/// All but vectors.
+bool encodeSingle(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
+    if (isText(value.vt)) {
+        const auto text = textOf(value);
+        appendNumber(bytes, VT_LPWSTR);
+        if (text)
+            encodeText(*text, bytes);
+        return text.has_value();
     }
-    const PROPVARIANT& value = property.get();
     appendNumber(bytes, value.vt);
     if (const auto size = plainSize(value.vt)) {
-        appendBytes(bytes, &value.hVal, *size);
+        const std::size_t start = bytes.size();
+        appendBytes(bytes, plainBytes(value, value.vt), *size);
+        if (value.vt == VT_DECIMAL)
+            std::fill_n(bytes.begin() + static_cast<std::ptrdiff_t>(start), sizeof(VARTYPE), 0);
         return true;
     }
     switch (value.vt) {
@@ -298,43 +324,75 @@ bool encodeValue(const PropertyVariant& property, std::vector<unsigned char>& by
     }
 }
 
-} // namespace
-
-bool decodeProperties(ByteView section, Properties& properties) {
-    return Decoder(section).decode(properties);
+bool encodeVector(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
+    const std::uint32_t element = value.vt & VT_TYPEMASK;
+    const ULONG count = value.caub.cElems;
+    appendNumber(bytes, isText(element) ? VT_VECTOR | VT_LPWSTR : value.vt);
+    appendNumber(bytes, count);
+    if (count > 0 && !value.caub.pElems)
+        return false;
+    if (const auto size = elementSize(element)) {
+        appendBytes(bytes, value.caub.pElems, count * *size);
+        return true;
+    }
+    if (!isText(element) && element != VT_VARIANT)
+        return false;
+    for (ULONG i = 0; i < count; ++i) {
+        PROPVARIANT text{};
+        text.vt = static_cast<VARTYPE>(element);
+        if (isText(element))
+            text.pwszVal = value.calpwstr.pElems[i]; // in the place of all three kinds
+        const PROPVARIANT& one = isText(element) ? text : value.capropvar.pElems[i];
+        const std::size_t start = bytes.size();
+        if (!encodeSingle(one, bytes))
+            return false;
+        padToFour(bytes);
+        if (isText(element)) // has no type of its own
+            bytes.erase(bytes.begin() + static_cast<std::ptrdiff_t>(start),
+                        bytes.begin() + static_cast<std::ptrdiff_t>(start) + 4);
+    }
+    return true;
 }
 
-PropertyNames decodePropertyNames(ByteView section) { return Decoder(section).decodeNames(); }
+CStringW wideText(ByteView bytes) {
+    std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
+    std::memcpy(text.data(), bytes.data(), text.size() * sizeof(wchar_t));
+    return {text.c_str()};
+}
 
-bool encodeProperties(const Properties& properties, const PropertyNames& names,
-                      std::vector<unsigned char>& section) {
-    const std::size_t count = properties.size() + (names.empty() ? 1 : 2); // with the code page
-    const std::size_t start = sectionHeader + count * entrySize;
-    std::vector<unsigned char> entries;
-    std::vector<unsigned char> values;
-    const auto begin = [&](PROPID id) {
-        appendNumber(entries, id);
-        appendNumber(entries, start + values.size());
+} // namespace
+
+CStringW decodeText(ByteView bytes, UINT codePage) {
+    if (codePage == wideCodePage)
+        return wideText(bytes);
+    std::wstring wide(bytes.size() + 1, L'\0'); // no code page makes more of it
+    MultiByteToWideChar(codePage, 0, reinterpret_cast<const char*>(bytes.data()),
+                        static_cast<int>(bytes.size()), wide.data(), static_cast<int>(bytes.size()));
+    return {wide.c_str()};
+}
+
+bool decodeValue(ByteView bytes, UINT codePage, PropertyVariant& property) {
+    const auto result = ValueReader(bytes, codePage).read(*property.put());
+    if (result == ValueReader::Result::Unknown)
+        property = PropertyVariant();
+    return result != ValueReader::Result::Damaged;
+}
+
+bool encodeValue(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
+    const bool isWritten = value.vt & VT_VECTOR ? encodeVector(value, bytes) : encodeSingle(value, bytes);
+    padToFour(bytes);
+    return isWritten;
+}
+
+bool isNewerValue(const PROPVARIANT& value) noexcept {
+    const auto isNewer = [](const PROPVARIANT& one) {
+        const int type = one.vt & VT_TYPEMASK;
+        return type == VT_I1 || type == VT_INT || type == VT_UINT || type == VT_DECIMAL;
     };
-    if (!names.empty()) {
-        begin(PID_DICTIONARY);
-        encodeNames(properties, names, values);
-    }
-    begin(PID_CODEPAGE);
-    appendNumber(values, VT_I2);
-    appendNumber(values, unicode);
-    for (const auto& [id, value] : properties) {
-        begin(id);
-        if (!isOrdinary(id) || !encodeValue(value, values))
-            return false;
-        padToFour(values);
-    }
-    section.clear();
-    appendNumber(section, start + values.size());
-    appendNumber(section, count);
-    appendBytes(section, entries.data(), entries.size());
-    appendBytes(section, values.data(), values.size());
-    return true;
+    if (value.vt != (VT_VECTOR | VT_VARIANT))
+        return isNewer(value);
+    const PROPVARIANT* const elements = value.capropvar.pElems;
+    return std::any_of(elements, elements + value.capropvar.cElems, isNewer);
 }
 
 } // namespace Vexel::Detail

@@ -1,4 +1,5 @@
 #include "archive/task_memory.h"
+#include "storage/property_values.h"
 
 #include <vexel/properties.h>
 
@@ -56,8 +57,13 @@ PropertyVariant::PropertyVariant(const FILETIME& value) noexcept : PropertyVaria
 }
 
 PropertyVariant::PropertyVariant(const PROPVARIANT& value) : PropertyVariant() {
-    if (FAILED(PropVariantCopy(&value_, &value)))
+    const HRESULT status = PropVariantCopy(&value_, &value);
+    if (status == S_OK)
+        return;
+    PropVariantInit(&value_); // some systems leave the half of a copy
+    if (status == E_OUTOFMEMORY)
         throw std::bad_alloc();
+    AfxThrowInvalidArgException();
 }
 
 PropertyVariant::PropertyVariant(const PropertyVariant& other) : PropertyVariant(other.value_) {}
@@ -79,21 +85,24 @@ PropertyVariant::~PropertyVariant() { PropVariantClear(&value_); }
 
 PROPVARIANT* PropertyVariant::put() noexcept {
     PropVariantClear(&value_);
+    PropVariantInit(&value_); // types that the system does not know are left by it
     return &value_;
 }
 
-std::optional<CStringW> PropertyVariant::asString() const {
-    switch (value_.vt) {
+std::optional<CStringW> Detail::textOf(const PROPVARIANT& value) {
+    switch (value.vt) {
     case VT_LPWSTR:
-        return value_.pwszVal ? CStringW(value_.pwszVal) : CStringW();
+        return value.pwszVal ? CStringW(value.pwszVal) : CStringW();
     case VT_BSTR:
-        return value_.bstrVal ? CStringW(value_.bstrVal) : CStringW();
+        return value.bstrVal ? CStringW(value.bstrVal) : CStringW();
     case VT_LPSTR:
-        return value_.pszVal ? fromCodePage(value_.pszVal) : CStringW();
+        return value.pszVal ? fromCodePage(value.pszVal) : CStringW();
     default:
         return std::nullopt;
     }
 }
+
+std::optional<CStringW> PropertyVariant::asString() const { return Detail::textOf(value_); }
 
 std::optional<long long> PropertyVariant::asInteger() const noexcept {
     switch (value_.vt) {

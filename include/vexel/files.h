@@ -131,9 +131,12 @@ private:
 };
 
 enum class TextEncoding {
-    /// Reading: by the byte-order mark, else by the contents. Contents of which the first 4 KiB have zero
-    /// bytes in every second place, or in three of four, are UTF-16 or UTF-32; what is valid UTF-8 is that;
-    /// all else is Ansi. Writing: UTF-8.
+    /// Reading: by the byte-order mark, else by all of the contents, which are read twice for it. Contents
+    /// with
+    /// zero bytes are UTF-16 or UTF-32 if all of them can be that, and most characters or all line feeds say
+    /// so. Else what is valid UTF-8 is that; what is valid in the system's code page is Ansi; the rest is
+    /// Latin1, which has a character for every byte. Of a pipe or device only the first 64 KiB count.
+    /// Writing: UTF-8.
     Detect = 0,
     Ansi = 1,   ///< the system's code page
     Latin1 = 2, ///< ISO 8859-1
@@ -163,8 +166,11 @@ public:
 
     /// The next line, without its end: a line feed or a zero unit. False, with an empty line, when nothing is
     /// left or reading fails, which differ by position and error. Bytes that the encoding has no characters
-    /// for become U+FFFD; a line of more than 2^30 bytes fails with ERROR_FILE_TOO_LARGE.
+    /// for become U+FFFD, or in Ansi the stand-in of the code page.
     bool ReadString(CStringW& line);
+
+    /// Whether lines so far had bytes that the encoding has no characters for.
+    bool HasReplaced() const noexcept { return hasReplaced_; }
 
     /// In bytes: behind the last line read, and the file's.
     unsigned long long GetPosition() const noexcept { return position_; }
@@ -172,7 +178,7 @@ public:
 
 private:
     bool fill();
-    void detect(TextEncoding wanted);
+    TextEncoding detect();
     std::size_t findLineEnd(std::size_t from) const noexcept;
     void decode(const unsigned char* bytes, std::size_t size, CStringW& line);
 
@@ -184,6 +190,7 @@ private:
     TextEncoding encoding_ = TextEncoding::Utf8;
     std::size_t unit_ = 1; // bytes
     bool binary_ = false;
+    bool hasReplaced_ = false;
 };
 
 /// Writes text to a file, buffered.
@@ -205,8 +212,8 @@ public:
     DWORD GetLastErrorCode() const noexcept { return error_ ? error_ : file_.GetLastErrorCode(); }
 
     /// Appends the text as it is: line ends are the caller's. Characters that the encoding lacks become "?"
-    /// or one that looks alike, lone surrogates U+FFFD. A failure may show only later, at the latest in
-    /// Close.
+    /// or one that looks alike, lone surrogates, which only UTF-16 has, U+FFFD. A failure may show only
+    /// later, at the latest in Close.
     bool WriteString(std::wstring_view text);
 
 private:

@@ -456,6 +456,13 @@ public:
         readAll(&value, sizeof(value));
         return *this;
     }
+    /// True for any byte but zero.
+    CArchive& operator>>(bool& value) {
+        BYTE stored = 0;
+        *this >> stored;
+        value = stored != 0;
+        return *this;
+    }
 
     CString m_strFileName; ///< named by the archive's exceptions
 

@@ -9,11 +9,11 @@
 ///
 /// In memory, sections and keys keep the order in which they were first added, and the spelling; they are
 /// found without regard to case, as the C library's `_wcsnicmp` compares. Values are text, and numbers only
-/// on access. Objects are copied by value, and belong to one thread at a time; setting LC_CTYPE between two
-/// calls may let keys be missed. Exhausted memory throws (std::bad_alloc, CMemoryException*) and leaves what
-/// was there.
+/// on access. Objects are copied by value, and belong to one thread at a time. Exhausted memory throws
+/// (std::bad_alloc, CMemoryException*) and, except in Load, leaves what was there.
 ///
-/// Reading a file, line by line, in any encoding of files.h:
+/// Reading a file, line by line, in any encoding of files.h. Without a byte-order mark it is the one that the
+/// contents are guessed to have, or else the first in which they are sections and entries:
 ///  - White space at both ends of a line does not count. Empty lines and those that begin with ";" are
 ///    skipped; a ";" further on is part of the text.
 ///  - "[name]" begins or continues a section; the name is all between the brackets, which must not be empty.
@@ -22,11 +22,12 @@
 ///  - Of equal keys in a section the first gives the spelling and the last the value.
 ///  - A line that is none of these makes reading fail, and so does an entry before the first section.
 ///
-/// Writing: UTF-8 without a byte-order mark, lines ended by a line feed. Comments and empty lines are not
-/// kept. What is written is not quoted, so these do not come back as they were: keys and values with white
-/// space at an end; values in quotes; keys that hold "=" or begin with ";"; lone surrogates. And these make a
-/// file that cannot be read: sections and keys without a name; keys that begin with "["; names and values
-/// with line feeds or zeros in them, unless what follows happens to be a line as above.
+/// Writing: UTF-8 without a byte-order mark, or UTF-16 with one where there is a lone surrogate, which UTF-8
+/// cannot hold; lines ended by a line feed. Comments and empty lines are not kept. What is written is not
+/// quoted, so these do not come back as they were: keys and values with white space at an end; values in
+/// quotes; keys that hold "=" or begin with ";". And these make a file that cannot be read: sections and keys
+/// without a name; keys that begin with "["; names and values with line feeds or zeros in them, unless what
+/// follows happens to be a line as above.
 
 #include <vexel/export.h>
 #include <vexel/framework.h>
@@ -99,11 +100,16 @@ public:
     using Sections = std::vector<std::pair<CStringW, IniFileSection>>;
 
     /// False leaves the object empty: the file could not be opened or read to its end (others may not write
-    /// it meanwhile), or has a line that is none.
+    /// it meanwhile), or has a line that is none. Exhausted memory leaves it empty too.
     bool Load(const wchar_t* path);
-    /// Writes the file beside the old one and puts it in its place, so that a failure leaves the old one
-    /// whole. False: the file, or the one beside it, cannot be opened for writing, or cannot be replaced as
-    /// it is open elsewhere. Failures to write are logged, and do not count: callers cannot mend them.
+    /// Writes the file beside the old one and puts it in its place, with its attributes, so that a failure
+    /// leaves the old one whole. Access rights given to the old file itself, and streams beside its contents,
+    /// do not come along. Where no file can be made beside it, or it cannot be replaced (someone reads it, it
+    /// is a link or has other names), it is written into instead. Threads and processes may save one file at
+    /// the same time: the last one's contents stay.
+    /// False leaves the file as it was: it cannot be opened for writing, also after a while, or what was
+    /// loaded into this object had bytes that are no text in the encoding of its byte-order mark, and would
+    /// lose them. Failures to write are logged, and do not count: callers cannot mend them.
     bool Save(const wchar_t* path) const;
 
     bool IsEmpty() const noexcept { return sections_.empty(); }
@@ -135,8 +141,9 @@ public:
     std::optional<int> TryGetInt(std::wstring_view section, std::wstring_view key) const;
     std::optional<double> TryGetDouble(std::wstring_view section, std::wstring_view key) const;
 
-    // Straight on a file. Setting begins with what can be loaded, which may be nothing; false for a null or
-    // empty path, else as Save.
+    // Straight on a file. Setting begins with what is in the file; with nothing when there is none, or none
+    // that can be loaded for its lines. False for a null or empty path and when the file is there but cannot
+    // be opened or read, else as Save. Of two that set at the same time one may undo what the other has set.
 
     static bool SetString(std::wstring_view section, std::wstring_view key, const CStringW& value,
                           const wchar_t* path);
@@ -164,8 +171,14 @@ public:
     static std::optional<IniFileSection> TryGetSection(std::wstring_view name, const wchar_t* path);
 
 private:
+    /// As Load; the system's code, ERROR_INVALID_DATA for a file that is none.
+    unsigned long load(const wchar_t* path);
+    template <class Change>
+    static bool changeFile(const wchar_t* path, const Change& change);
+
     Sections sections_;
     mutable NamePlaces places_;
+    bool hasReplaced_ = false; // the file that was loaded had bytes that are no text
 };
 
 } // namespace vxio

@@ -5,6 +5,7 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <bit>
 #include <random>
 #include <string>
 
@@ -63,6 +64,13 @@ TEST(FrameworkArchive, StringsAndNumbersRoundTrip) {
                 EXPECT_TRUE(loaded == text && word == 0xABCD && number == -2 && real == 1.5) << length;
                 EXPECT_EQ(raised<CArchiveException>([&] { archive >> word; }), CArchiveException::endOfFile);
             });
+    }
+    for (int stored = 0; stored < 3; ++stored) {
+        loadFrom(std::string(1, static_cast<char>(stored)), [&](CArchive& archive) {
+            bool value = stored == 0;
+            archive >> value;
+            EXPECT_EQ(std::bit_cast<char>(value), stored != 0);
+        });
     }
 }
 

@@ -1,3 +1,4 @@
+#include "io/encoding_guess.h"
 #include "support/compound_file.h"
 
 #include <vexel/files.h>
@@ -86,9 +87,27 @@ TEST_F(TextFiles, EncodingsAreFound) {
     EXPECT_EQ(found_, TextEncoding::Ansi);
     EXPECT_EQ(lines("caf\xE9", TextEncoding::Latin1), L"caf\u00E9|");
     EXPECT_EQ(lines("x\xFFy", TextEncoding::Utf8), L"x\uFFFDy|");
-    // A character that the detection's window cuts.
-    EXPECT_EQ(lines(std::string(4095, 'a') + "\xD0\x96").size(), 4097u);
-    EXPECT_EQ(found_, TextEncoding::Utf8);
+}
+
+// Code pages with one and with two bytes a character, as parts of all sizes bring them.
+TEST_F(TextFiles, CodePagesAreChecked) {
+    const struct {
+        UINT page;
+        const char* bytes;
+        bool isLikely;
+    } cases[] = {
+        {1252, "caf\xE9", true},         {1253, "\xC1\xAA", false}, {932, "\x93\xFA\x96\x7B \xB1", true},
+        {932, "\x93\xFA\x96", false},    {932, "\x93\x20", false},  {CP_UTF8, "\xC3\xA9", false},
+        {936, "\xD6\xD0\xCE\xC4", true}, {12345, "x", false}};
+    for (const auto& test : cases) {
+        const std::string_view bytes = test.bytes;
+        for (std::size_t cut = 0; cut <= bytes.size(); ++cut) {
+            Vexel::Detail::CodePageGuess guess(test.page);
+            for (const std::string_view part : {bytes.substr(0, cut), bytes.substr(cut)})
+                guess.add({reinterpret_cast<const unsigned char*>(part.data()), part.size()});
+            EXPECT_EQ(guess.isLikely(), test.isLikely) << test.page << " " << bytes;
+        }
+    }
 }
 
 TEST_F(TextFiles, WritesEncodings) {
@@ -104,7 +123,9 @@ TEST_F(TextFiles, WritesEncodings) {
     EXPECT_EQ(written(L"\xD800x\xDC00", TextEncoding::Utf8), "\xEF\xBF\xBDx\xEF\xBF\xBD");
     EXPECT_EQ(written(L"a", TextEncoding::Utf8, true), "\xEF\xBB\xBF"
                                                        "a");
-    EXPECT_EQ(written(L"\U0001F600\xD800", TextEncoding::Utf16BE), raw("\xD8\x3D\xDE\x00\xFF\xFD", 6));
+    EXPECT_EQ(written(L"\U0001F600\xD800", TextEncoding::Utf16BE), raw("\xD8\x3D\xDE\x00\xD8\0", 6));
+    EXPECT_EQ(written(L"\xD800", TextEncoding::Utf32BE), raw("\0\0\xFF\xFD", 4));
+    EXPECT_EQ(written(L"a\u00E9", TextEncoding::Ansi).size(), 2u);
     EXPECT_EQ(written(L"\U0001F600", TextEncoding::Utf32LE), raw("\0\xF6\1\0", 4));
     EXPECT_EQ(written(L"\u00E9\u0416", TextEncoding::Latin1), "\xE9?");
     const std::wstring large(300'000, L'\u0416');
@@ -133,7 +154,18 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     ASSERT_TRUE(writing.Open({.path = path}));
     EXPECT_FALSE(reading.Open(path, vxio::ProtectNothing));
     EXPECT_EQ(reading.GetLastErrorCode(), ERROR_SHARING_VIOLATION);
-    EXPECT_FALSE(vxio::FileWriteStream().Open({.path = path, .creation = FileCreation::CreateNew}));
+    writing.Close();
+    EXPECT_FALSE(writing.Open({.path = path, .creation = FileCreation::CreateNew}));
+    EXPECT_EQ(writing.GetLastErrorCode(), ERROR_FILE_EXISTS);
+    ASSERT_TRUE(reading.Open(path, vxio::ProtectNothing)); // the end is no error
+    EXPECT_EQ(reading.ReadBytes(&byte, 1), 0u);
+    EXPECT_EQ(reading.GetLastErrorCode(), 0u);
+    ASSERT_TRUE(
+        reading.Open(L"Z:\\proc\\self\\mem", vxio::ProtectNothing)); // begins with what cannot be read
+    EXPECT_EQ(reading.ReadBytes(&byte, 1), 0u);
+    EXPECT_NE(reading.GetLastErrorCode(), 0u);
+    EXPECT_FALSE(vxio::TextFileReadStream().Open(L"Z:\\proc\\self\\mem", vxio::ProtectNothing,
+                                                 TextEncoding::Detect, false));
 
     vxio::TextFileWriteStream full; // a device that takes nothing
     ASSERT_TRUE(full.Open({.path = L"Z:\\dev\\full", .creation = FileCreation::OpenExisting},
@@ -189,10 +221,14 @@ TEST_F(TextFiles, StreamsMoveLikeOthers) {
     EXPECT_TRUE(file.SetLength(4));
     EXPECT_EQ(file.GetLength(), 4u);
     EXPECT_EQ(file.GetPosition(), 0u);
+    EXPECT_TRUE(file.SetLength(6));
     EXPECT_TRUE(file.Flush());
     vxio::SimpleFile moved = std::move(file);
     EXPECT_TRUE(moved.IsOpen());
-    EXPECT_EQ(moved.Read(text.data(), 10), 4u);
+    file = std::move(moved);
+    EXPECT_FALSE(moved.IsOpen()); // NOLINT(bugprone-use-after-move): a file that was moved from is closed
+    EXPECT_EQ(file.Read(text.data(), 10), 6u);
+    EXPECT_EQ(text.substr(0, 6), raw("01xy\0\0", 6));
 }
 
 } // namespace

@@ -7,8 +7,11 @@
 
 #include <gtest/gtest.h>
 
+#include <map>
+#include <stdexcept>
 #include <string>
 
+using namespace std::string_literals;
 using Microsoft::WRL::ComPtr;
 using Vexel::Properties;
 using Vexel::PropertyVariant;
@@ -17,46 +20,142 @@ namespace {
 
 constexpr PROPID title = 2, author = 4, savedTime = 13, pages = 14;
 
-TEST(PropertySets, OfARealDocumentAreRead) {
-    StorageRef document;
-    ASSERT_EQ(document.open({Support::samplePath(L"namesdemo.xls"), false, false},
-                            RootStorageOpenMode::ReadOnlyDenyWrite, false),
-              S_OK);
-    Properties properties;
-    ASSERT_EQ(Vexel::ReadProperties(document, FMTID_SummaryInformation, properties), S_OK);
-    EXPECT_EQ(properties.size(), 6u);
-    EXPECT_STREQ(properties[author].asString().value_or(L"none"), L"John Machin");
-    EXPECT_STREQ(properties[18].asString().value_or(L"none"), L"Microsoft Excel");
-    EXPECT_EQ(properties[savedTime].asTime().value_or(FILETIME{}).dwHighDateTime, 0x01C71C3Du);
-    EXPECT_EQ(properties[19].asInteger(), 0);
-    EXPECT_EQ(properties[title].type(), VT_EMPTY);
-    // Its second set is half of vectors, which not every system reads.
-    EXPECT_EQ(Vexel::ReadProperties(document, FMTID_DocSummaryInformation, properties), S_OK);
-    EXPECT_EQ(Vexel::ReadProperties(StorageRef(), FMTID_SummaryInformation, properties),
-              STG_E_INVALIDPARAMETER);
-    EXPECT_TRUE(properties.empty());
-    EXPECT_EQ(Vexel::WriteProperties(StorageRef(), FMTID_SummaryInformation, properties),
-              STG_E_INVALIDPARAMETER);
+const FMTID& summary = FMTID_SummaryInformation;
+const FMTID& documentSummary = FMTID_DocSummaryInformation;
+const FMTID& users = FMTID_UserDefinedProperties;
+constexpr auto summaryName = L"\5SummaryInformation";
+constexpr auto documentName = L"\5DocumentSummaryInformation";
+
+std::string bytesOf(const void* data, std::size_t size) { return {static_cast<const char*>(data), size}; }
+std::string number(unsigned value) { return bytesOf(&value, sizeof value); }
+
+std::string bytesOf(const CString& text) {
+    return bytesOf(text.GetString(), static_cast<std::size_t>(text.GetLength()) * 2);
 }
 
-std::string describe(const PropertyVariant& value) {
-    const PROPVARIANT& raw = value.get();
-    const auto bytes = [](const void* data, std::size_t size) {
-        return std::string(static_cast<const char*>(data), size);
-    };
-    if (const auto text = value.asString())
-        return bytes(text->GetString(), static_cast<std::size_t>(text->GetLength()) * 2);
+std::string describe(const PROPVARIANT& raw);
+
+std::string describeVector(const PROPVARIANT& raw) {
+    std::string all = "vector " + std::to_string(raw.vt);
+    for (ULONG i = 0; i < raw.caub.cElems; ++i) {
+        if (raw.vt == (VT_VECTOR | VT_LPWSTR))
+            all += ", " + bytesOf(raw.calpwstr.pElems[i]);
+        else if (raw.vt == (VT_VECTOR | VT_VARIANT))
+            all += ", " + describe(raw.capropvar.pElems[i]);
+        else
+            all +=
+                ", " + std::to_string(raw.vt == (VT_VECTOR | VT_I2) ? raw.cai.pElems[i] : raw.cal.pElems[i]);
+    }
+    return all;
+}
+
+std::string describe(const PROPVARIANT& raw) {
+    if (const auto text = PropertyVariant(raw).asString())
+        return bytesOf(*text);
     switch (raw.vt) {
     case VT_BLOB:
-        return "blob " + bytes(raw.blob.pBlobData, raw.blob.cbSize);
+        return "blob " + bytesOf(raw.blob.pBlobData, raw.blob.cbSize);
     case VT_CF:
-        return "clip " + bytes(&raw.pclipdata->ulClipFmt, 4) +
-               bytes(raw.pclipdata->pClipData, raw.pclipdata->cbSize - 4);
+        return "clip " + bytesOf(&raw.pclipdata->ulClipFmt, 4) +
+               bytesOf(raw.pclipdata->pClipData, raw.pclipdata->cbSize - 4);
     case VT_CLSID:
-        return "class " + bytes(raw.puuid, sizeof(CLSID));
+        return "class " + bytesOf(raw.puuid, sizeof(CLSID));
+    case VT_DECIMAL:
+        return "decimal " + bytesOf(&raw.decVal, sizeof(DECIMAL));
     default:
-        return std::to_string(raw.vt) + " " + std::to_string(raw.hVal.QuadPart);
+        return raw.vt & VT_VECTOR ? describeVector(raw)
+                                  : std::to_string(raw.vt) + " " + std::to_string(raw.hVal.QuadPart);
     }
+}
+
+/// A new document with, where wanted, a stream of these bytes.
+class Document {
+public:
+    Document() { EXPECT_EQ(root.createTemporary(false), S_OK); }
+    Document(const wchar_t* name, const std::string& bytes) : Document() { setBytes(name, bytes); }
+
+    void setBytes(const wchar_t* name, const std::string& bytes) {
+        StreamRef stream;
+        EXPECT_EQ(stream.create(name, root), S_OK);
+        EXPECT_EQ(stream.WriteBytes(bytes.data(), bytes.size()), bytes.size());
+    }
+
+    std::string bytes(const wchar_t* name) const {
+        StreamRef stream;
+        EXPECT_EQ(stream.open(name, root, true), S_OK);
+        std::string read(static_cast<std::size_t>(stream.size()), '\0');
+        EXPECT_EQ(stream.ReadBytes(read.data(), read.size()), read.size());
+        return read;
+    }
+
+    long write(const FMTID& format, PROPID id, PropertyVariant&& value) const {
+        Properties properties;
+        properties[id] = std::move(value);
+        return Vexel::WriteProperties(root, format, properties);
+    }
+
+    Properties read(const FMTID& format) const {
+        Properties properties;
+        EXPECT_EQ(Vexel::ReadProperties(root, format, properties), S_OK);
+        return properties;
+    }
+
+    /// All that can be read of a set, by name or number, but for one property.
+    std::map<std::string, std::string> all(const FMTID& format, PROPID except = 0) const {
+        std::map<std::string, std::string> described;
+        Properties properties;
+        Vexel::PropertyNames names;
+        Vexel::ReadProperties(root, format, properties);
+        Vexel::ReadPropertyNames(root, format, names);
+        for (const auto& [id, value] : properties)
+            if (id != except)
+                described["value " + std::to_string(id)] = describe(value.get());
+        for (const auto& [id, name] : names)
+            described["name " + std::to_string(id)] = bytesOf(name);
+        return described;
+    }
+
+    StorageRef root;
+};
+
+std::string sample(const wchar_t* name) {
+    return Support::readElement(Support::samplePath(L"namesdemo.xls"), name);
+}
+
+TEST(PropertySets, OfARealDocumentAreReadAndKept) {
+    Document document(summaryName, sample(summaryName));
+    document.setBytes(documentName, sample(documentName));
+    Properties read = document.read(summary);
+    EXPECT_EQ(read.size(), 6u);
+    EXPECT_STREQ(read[author].asString().value_or(L"none"), L"John Machin");
+    EXPECT_STREQ(read[18].asString().value_or(L"none"), L"Microsoft Excel");
+    EXPECT_EQ(read[savedTime].asTime().value_or(FILETIME{}).dwHighDateTime, 0x01C71C3Du);
+    EXPECT_EQ(read[19].asInteger(), 0);
+    // Half of the second are vectors, whose elements are not padded.
+    Properties second = document.read(documentSummary);
+    const PROPVARIANT& titles = second[13].get();
+    ASSERT_EQ(titles.vt, VT_VECTOR | VT_LPWSTR);
+    ASSERT_EQ(titles.calpwstr.cElems, 19u);
+    EXPECT_STREQ(titles.calpwstr.pElems[3], L"Seamus O'Reilly");
+    const PROPVARIANT& headings = second[12].get();
+    ASSERT_EQ(headings.vt, VT_VECTOR | VT_VARIANT);
+    ASSERT_EQ(headings.capropvar.cElems, 4u);
+    EXPECT_STREQ(headings.capropvar.pElems[0].pwszVal, L"Worksheets");
+    EXPECT_EQ(headings.capropvar.pElems[1].lVal, 4);
+    // What was read and not changed changes no byte; a value that was changed none of the others.
+    EXPECT_EQ(Vexel::WriteProperties(document.root, summary, read), S_OK);
+    EXPECT_EQ(Vexel::WriteProperties(document.root, documentSummary, second), S_OK);
+    EXPECT_EQ(document.bytes(summaryName), sample(summaryName));
+    EXPECT_EQ(document.bytes(documentName), sample(documentName));
+    const std::string tail = sample(documentName).substr(0xC8); // both vectors and what is behind them
+    EXPECT_EQ(document.write(documentSummary, 15, PropertyVariant(L"A longer name of a company")), S_OK);
+    EXPECT_EQ(document.write(documentSummary, 14, PropertyVariant(1)), S_OK);
+    const std::string changed = document.bytes(documentName);
+    EXPECT_EQ(changed.substr(0, 4), sample(documentName).substr(0, 4)) << "the version";
+    EXPECT_NE(changed.find(tail.substr(0, tail.find("Worksheets") + 20)), std::string::npos);
+    auto after = document.all(documentSummary, 15);
+    after.erase("value 14");
+    EXPECT_EQ(after, Document(documentName, sample(documentName)).all(documentSummary, 15));
 }
 
 /// One of each kind.
@@ -69,20 +168,35 @@ Properties someProperties() {
     properties[100] = PropertyVariant(2.5);
     properties[101] = PropertyVariant(true);
     char narrow[] = "narrow";
+    wchar_t wide[] = L"wide\u0416", empty[] = L"";
     auto* const data = reinterpret_cast<BYTE*>(narrow);
-    CLSID id = FMTID_SummaryInformation;
+    CLSID id = summary;
     CLIPDATA clip{10, -1, data};
-    const auto add = [&](VARTYPE type, auto PROPVARIANT::*member, auto value) {
+    LPSTR narrows[]{narrow, narrow};
+    LPWSTR wides[]{wide, empty, wide};
+    SHORT shorts[]{1, -2, 3};
+    LONG longs[]{4, -5};
+    PROPVARIANT variants[3]{};
+    variants[0].vt = VT_LPSTR;
+    variants[0].pszVal = narrow;
+    variants[1].vt = VT_I2;
+    variants[1].iVal = -3;
+    const auto add = [&](int type, auto PROPVARIANT::*member, auto value) {
         PROPVARIANT raw{};
-        raw.vt = type;
         raw.*member = value;
-        properties[200 + type] = PropertyVariant(raw);
+        raw.vt = static_cast<VARTYPE>(type);
+        properties[200 + static_cast<PROPID>(type)] = PropertyVariant(raw);
     };
     add(VT_LPSTR, &PROPVARIANT::pszVal, static_cast<char*>(narrow));
     add(VT_CLSID, &PROPVARIANT::puuid, &id);
     add(VT_BLOB, &PROPVARIANT::blob, BLOB{5, data});
     add(VT_CF, &PROPVARIANT::pclipdata, &clip);
     add(VT_I2, &PROPVARIANT::iVal, SHORT{-2});
+    add(VT_VECTOR | VT_LPSTR, &PROPVARIANT::calpstr, CALPSTR{2, narrows});
+    add(VT_VECTOR | VT_LPWSTR, &PROPVARIANT::calpwstr, CALPWSTR{3, wides});
+    add(VT_VECTOR | VT_I2, &PROPVARIANT::cai, CAI{3, shorts});
+    add(VT_VECTOR | VT_I4, &PROPVARIANT::cal, CAL{2, longs});
+    add(VT_VECTOR | VT_VARIANT, &PROPVARIANT::capropvar, CAPROPVARIANT{3, variants});
     return properties;
 }
 
@@ -100,155 +214,283 @@ PropertyVariant readBySystem(const std::wstring& file, PROPID id) {
 
 TEST(PropertySets, ComeBackAsTheyWereWritten) {
     const Support::TempFolder folder;
-    const Properties written = someProperties();
+    Properties written = someProperties();
     for (const bool package : {true, false}) {
         SCOPED_TRACE(package ? "package" : "compound file");
         const std::wstring file = folder.file(package ? L"package" : L"compound");
-        if (!package)
+        if (!package) { // which the system reads too: some versions of it end with vectors
             Support::writeCompoundFile(file, {{L"Note", "note"}});
+            std::erase_if(written, [](const auto& entry) { return (entry.second.type() & VT_VECTOR) != 0; });
+        }
         {
             StorageRef document;
             ASSERT_EQ(package ? document.create({file, false, false})
                               : document.open({file, false, false}, RootStorageOpenMode::ReadWrite, false),
                       S_OK);
-            for (const int type : {VT_VECTOR | VT_I4, int{VT_STREAM}, int{VT_CLSID}, int{VT_I4}}) {
-                Properties refused;
-                refused[type == VT_I4 ? PID_CODEPAGE : title].put()->vt =
-                    static_cast<VARTYPE>(type); // with nothing in it
-                EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, refused),
-                          STG_E_INVALIDPARAMETER);
-            }
-            ASSERT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, written), S_OK);
+            ASSERT_EQ(Vexel::WriteProperties(document, summary, written), S_OK);
             ASSERT_EQ(document.commit(), S_OK);
         }
         StorageContainer::Instance().deleteUnusedObjects();
         StorageRef document;
         ASSERT_EQ(document.open({file, false, false}, RootStorageOpenMode::ReadOnly, false), S_OK);
         Properties read;
-        ASSERT_EQ(Vexel::ReadProperties(document, FMTID_SummaryInformation, read), S_OK);
+        ASSERT_EQ(Vexel::ReadProperties(document, summary, read), S_OK);
         ASSERT_EQ(read.size(), written.size());
-        for (const auto& [id, value] : written)
-            EXPECT_EQ(describe(read[id]), describe(value)) << id;
+        for (auto& [id, value] : written) {
+            const bool narrows = value.type() == (VT_VECTOR | VT_LPSTR);
+            EXPECT_EQ(describe(read[id].get()), narrows
+                                                    ? "vector 4127, n\0a\0r\0r\0o\0w\0, n\0a\0r\0r\0o\0w\0"s
+                                                    : describe(value.get()))
+                << id;
+        }
         if (package)
             continue;
         document = {}; // Some versions of the system give clipboard data a layout of their own.
         StorageContainer::Instance().deleteUnusedObjects();
         for (const auto& [id, value] : written)
-            EXPECT_EQ(describe(value.type() == VT_CF ? value : readBySystem(file, id)), describe(value))
+            EXPECT_EQ(describe((value.type() == VT_CF ? value : readBySystem(file, id)).get()),
+                      describe(value.get()))
                 << id;
+    }
+}
+
+// Types that came with version 1 make a set one of that version, which it stays; others leave it as it is.
+TEST(PropertySets, HaveTheVersionThatTheirTypesNeed) {
+    const struct {
+        VARTYPE type;
+        bool isNewer;
+    } cases[] = {{VT_I4, false}, {VT_I1, true}, {VT_INT, true}, {VT_UINT, true}, {VT_DECIMAL, true}};
+    for (const auto& test : cases) {
+        for (const bool inVector : {false, true}) {
+            SCOPED_TRACE(test.type);
+            Document document;
+            PROPVARIANT raw{};
+            raw.decVal.scale = 2; // which is nothing to the others
+            raw.lVal = test.type == VT_DECIMAL ? 0 : 77;
+            raw.decVal.Lo64 = 77;
+            raw.vt = test.type;
+            PROPVARIANT vector{};
+            vector.vt = VT_VECTOR | VT_VARIANT;
+            vector.capropvar = {1, &raw};
+            EXPECT_EQ(document.write(summary, 20, PropertyVariant(inVector ? vector : raw)), S_OK);
+            EXPECT_EQ(document.bytes(summaryName)[2], test.isNewer);
+            const auto before = document.all(summary);
+            EXPECT_EQ(document.write(summary, 21, PropertyVariant(1)), S_OK);
+            EXPECT_EQ(document.bytes(summaryName)[2], test.isNewer);
+            EXPECT_EQ(document.all(summary, 21), before);
+            EXPECT_EQ(document.read(summary)[20].type(), inVector ? VT_VECTOR | VT_VARIANT : test.type);
+        }
     }
 }
 
 // The user's own properties stand behind the document's summary.
 TEST(PropertySets, ShareAStream) {
-    StorageRef document;
-    ASSERT_EQ(document.createTemporary(false), S_OK);
-    const std::pair<const FMTID*, int> writes[]{{&FMTID_UserDefinedProperties, 1},
-                                                {&FMTID_DocSummaryInformation, 2},
-                                                {&FMTID_UserDefinedProperties, 3}};
+    const Document document;
     Properties properties;
-    EXPECT_EQ(Vexel::ReadProperties(document, FMTID_UserDefinedProperties, properties), STG_E_FILENOTFOUND);
+    EXPECT_EQ(Vexel::ReadProperties(document.root, users, properties), STG_E_FILENOTFOUND);
+    const std::pair<const FMTID*, int> writes[]{{&users, 1}, {&documentSummary, 2}, {&users, 3}};
     for (const auto& [format, value] : writes) {
-        properties[pages] = PropertyVariant(value);
-        EXPECT_EQ(Vexel::WriteProperties(document, *format, properties), S_OK);
-        EXPECT_EQ(Vexel::ReadProperties(document, *format, properties), S_OK);
-        EXPECT_EQ(properties[pages].asInteger(), value);
-        StreamRef stream;
-        ASSERT_EQ(stream.open(L"\5DocumentSummaryInformation", document, true), S_OK);
-        FMTID first{};
-        stream.Seek(StreamRef::Begin, 28);
-        EXPECT_EQ(stream.ReadBytes(&first, sizeof first), sizeof first);
-        EXPECT_EQ(first, FMTID_DocSummaryInformation);
+        EXPECT_EQ(document.write(*format, pages, PropertyVariant(value)), S_OK);
+        EXPECT_EQ(document.read(*format)[pages].asInteger(), value);
+        EXPECT_EQ(document.bytes(documentName).substr(28, 16), bytesOf(&documentSummary, 16));
     }
-    EXPECT_EQ(Vexel::ReadProperties(document, FMTID_DocSummaryInformation, properties), S_OK);
-    EXPECT_EQ(properties[pages].asInteger(), 2);
+    EXPECT_EQ(document.read(documentSummary)[pages].asInteger(), 2);
 }
 
-TEST(PropertySets, KeepTheNamesOfTheUsersOwnProperties) {
-    using namespace std::string_literals;
-    const auto number = [](unsigned value) {
-        return std::string(reinterpret_cast<const char*>(&value), sizeof value);
-    };
-    const auto user = [](const FMTID& format) {
-        return std::string(reinterpret_cast<const char*>(&format), sizeof format);
-    };
-    // Names for the properties 3 and 7, in the code page 1252; a value for 3.
-    const std::string names =
-        number(2) + number(3) + number(6) + "Gr\xF6\xDF" + "e\0"s + number(7) + number(5) + "Gone\0"s + "\0"s;
-    const std::string section = number(3) + number(0) + number(32) + number(PID_CODEPAGE) + number(60) +
-                                number(3) + number(68) + names + number(VT_I2) + number(1252) +
-                                number(VT_I4) + number(5);
-    StorageRef document;
-    ASSERT_EQ(document.createTemporary(false), S_OK);
-    const auto name = L"\5DocumentSummaryInformation";
-    StreamRef stream;
-    ASSERT_EQ(stream.create(name, document), S_OK);
-    const std::string set = number(0xFFFE) + std::string(20, '\0') + number(1) +
-                            user(FMTID_UserDefinedProperties) + number(48) + number(76) + section;
-    ASSERT_EQ(stream.WriteBytes(set.data(), set.size()), set.size());
-    for (const int value : {6, 7}) { // from narrow names, then from wide ones
-        Properties properties;
-        properties[3] = PropertyVariant(value);
-        stream.close();
-        ASSERT_EQ(Vexel::WriteProperties(document, FMTID_UserDefinedProperties, properties), S_OK);
-        ASSERT_EQ(Vexel::ReadProperties(document, FMTID_UserDefinedProperties, properties), S_OK);
-        EXPECT_EQ(properties[3].asInteger(), value);
-        ASSERT_EQ(stream.open(name, document, true), S_OK);
-        std::string written(static_cast<std::size_t>(stream.size()), '\0');
-        stream.ReadBytes(written.data(), written.size());
-        EXPECT_NE(written.find(number(1) + number(3) + number(6) + "G\0r\0\xF6\0\xDF\0e\0\0"s),
-                  std::string::npos);
+/// A stream of the user's own properties: number, value and, of the first three, a name, in code page 1252.
+/// One has a type that nobody knows. Its locale and behavior are kept like these.
+std::string usersStream() {
+    const std::string names = number(3) + number(3) + number(6) + "Gr\xF6\xDF" + "e\0"s + number(7) +
+                              number(5) + "Gone\0"s + number(4) + number(3) + "Ab\0"s + "\0\0"s;
+    const std::pair<PROPID, std::string> values[]{{PID_DICTIONARY, names},
+                                                  {PID_CODEPAGE, number(VT_I2) + number(1252)},
+                                                  {PID_LOCALE, number(VT_UI4) + number(1031)},
+                                                  {PID_BEHAVIOR, number(VT_UI4) + number(1)},
+                                                  {3, number(VT_I4) + number(5)},
+                                                  {4, number(0x0FFF) + "whatever"},
+                                                  {5, number(VT_ARRAY | VT_I4) + number(0)},
+                                                  {6, number(VT_LPSTR) + number(4) + "M\xFC\0x"s}};
+    std::string table, blocks;
+    for (const auto& [id, bytes] : values) {
+        table += number(id) + number(static_cast<unsigned>(8 + std::size(values) * 8 + blocks.size()));
+        blocks += bytes;
     }
+    const std::string header = number(0x1FFFE) + number(0x20105) + std::string(16, 'c') + number(1);
+    return header + bytesOf(&users, sizeof users) + number(48) +
+           number(static_cast<unsigned>(8 + table.size() + blocks.size())) +
+           number(static_cast<unsigned>(std::size(values))) + table + blocks + "behind";
 }
 
-// Whatever is in the stream: a status, in bounded time.
-TEST(PropertySets, DamagedOnesAreRefusedOrRead) {
+TEST(PropertySets, KeepWhatIsNotKnownAndNotNamed) {
+    const std::string old = usersStream();
+    const Document document(documentName, old);
+    Properties read = document.read(users);
+    EXPECT_EQ(read.size(), 4u);
+    EXPECT_EQ(read[4].type(), VT_EMPTY);
+    EXPECT_STREQ(read[6].asString().value_or(L"none"), L"M\u00FC");
+    EXPECT_EQ(Vexel::WriteProperties(document.root, users, read), S_OK);
+    EXPECT_EQ(document.bytes(documentName), old);
+    const auto before = document.all(users, 3);
+    EXPECT_EQ(document.write(users, 3, PropertyVariant(6)), S_OK);
+    std::string expected = old;
+    expected[old.find(number(VT_I4) + number(5)) + 4] = 6;
+    EXPECT_EQ(document.bytes(documentName), expected);
+    EXPECT_EQ(document.write(users, 3, PropertyVariant(L"longer than it was")), S_OK);
+    EXPECT_EQ(document.write(users, 9, PropertyVariant(1)), S_OK);
+    EXPECT_EQ(document.write(documentSummary, 2, PropertyVariant(1)), S_OK);
+    auto after = document.all(users, 3);
+    EXPECT_EQ(after["value 9"], "3 1");
+    after.erase("value 9");
+    EXPECT_EQ(after, before);
+    const std::string bytes = document.bytes(documentName);
+    EXPECT_EQ(bytes.substr(0, 24), old.substr(0, 24)) << "version, system and class";
+    EXPECT_NE(bytes.find(number(VT_UI4) + number(1031) + number(VT_UI4) + number(1)), std::string::npos);
+    EXPECT_NE(bytes.find(number(0x0FFF) + "whatever"), std::string::npos);
+    EXPECT_NE(bytes.find("behind"), std::string::npos);
+    // VT_NULL takes the place of anything.
+    PROPVARIANT null{};
+    null.vt = VT_NULL;
+    EXPECT_EQ(document.write(users, 4, PropertyVariant(null)), S_OK);
+    EXPECT_EQ(document.bytes(documentName).find("whatever"), std::string::npos);
+}
+
+TEST(PropertySets, HaveNames) {
     const LogCapture quiet;
-    const Support::TempFolder folder;
-    const std::string sample =
-        Support::readElement(Support::samplePath(L"namesdemo.xls"), L"\5SummaryInformation");
-    StorageRef document;
-    ASSERT_EQ(document.createTemporary(false), S_OK);
+    for (const bool isNarrow : {true, false}) {
+        Document document;
+        Vexel::PropertyNames names;
+        EXPECT_EQ(Vexel::ReadPropertyNames(document.root, users, names), STG_E_FILENOTFOUND);
+        if (isNarrow)
+            document.setBytes(documentName, usersStream());
+        EXPECT_EQ(document.write(users, 3, PropertyVariant(5)), S_OK);
+        const auto set = [&](PROPID id, const wchar_t* name) {
+            return Vexel::WritePropertyNames(document.root, users, {{id, name}});
+        };
+        EXPECT_EQ(set(8, L"N\u00E9w"), S_OK);
+        EXPECT_EQ(set(4, L"Renamed"), S_OK);
+        const std::string bytes = document.bytes(documentName);
+        EXPECT_EQ(set(8, L"N\u00E9w"), S_OK);
+        EXPECT_EQ(set(2, L"RENAMED"), STG_E_INVALIDPARAMETER);
+        EXPECT_EQ(set(2, L""), STG_E_INVALIDPARAMETER);
+        EXPECT_EQ(set(PID_CODEPAGE, L"x"), STG_E_INVALIDPARAMETER);
+        EXPECT_EQ(document.bytes(documentName), bytes);
+        EXPECT_EQ(set(2, L"\u0416"), isNarrow ? STG_E_INVALIDPARAMETER : S_OK);
+        EXPECT_EQ(Vexel::ReadPropertyNames(document.root, users, names), S_OK);
+        const Vexel::PropertyNames expected =
+            isNarrow ? Vexel::PropertyNames{{3, L"Gr\u00F6\u00DFe"},
+                                            {4, L"Renamed"},
+                                            {7, L"Gone"},
+                                            {8, L"N\u00E9w"}}
+                     : Vexel::PropertyNames{{2, L"\u0416"}, {4, L"Renamed"}, {8, L"N\u00E9w"}};
+        EXPECT_TRUE(names == expected);
+        EXPECT_EQ(document.read(users)[3].asInteger(), 5);
+    }
+}
+
+TEST(PropertySets, RefuseWhatTheyCannotHold) {
+    const LogCapture quiet;
+    Document document;
     Properties properties;
-    const auto read = [&](const std::string& bytes) {
-        {
-            StreamRef stream;
-            EXPECT_EQ(stream.create(L"\5SummaryInformation", document), S_OK);
-            EXPECT_EQ(stream.WriteBytes(bytes.data(), bytes.size()), bytes.size());
+    EXPECT_EQ(Vexel::ReadProperties(StorageRef(), summary, properties), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(Vexel::WriteProperties(StorageRef(), summary, properties), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(document.write(summary, title, PropertyVariant(L"old")), S_OK);
+    const std::string old = document.bytes(summaryName);
+    const std::pair<PROPID, int> cases[]{{title, VT_STREAM},  {title, VT_CLSID},  {title, VT_VECTOR | VT_CF},
+                                         {title, 0x0FFF},     {1, VT_I4},         {0, VT_I4},
+                                         {PID_LOCALE, VT_I4}, {0xFFFFFFFF, VT_I4}};
+    for (const auto& [id, type] : cases) {
+        PropertyVariant value;
+        value.put()->vt = static_cast<VARTYPE>(type); // with nothing in it
+        EXPECT_EQ(document.write(summary, id, std::move(value)), STG_E_INVALIDPARAMETER) << id << " " << type;
+    }
+    PROPVARIANT raw{};
+    raw.vt = VT_BLOB;
+    std::string large(64 << 20, 'x');
+    raw.blob = {static_cast<ULONG>(large.size()), reinterpret_cast<BYTE*>(large.data())};
+    EXPECT_EQ(document.write(summary, title, PropertyVariant(raw)), STG_E_DOCFILETOOLARGE);
+    EXPECT_EQ(document.bytes(summaryName), old);
+    raw.vt = 0x0FFF;
+    EXPECT_THROW(
+        try { PropertyVariant{raw}; } catch (CInvalidArgException* failure) {
+            failure->Delete();
+            throw std::invalid_argument("");
+        },
+        std::invalid_argument);
+    // Only what is empty is nothing.
+    document.setBytes(summaryName, "");
+    EXPECT_EQ(Vexel::ReadProperties(document.root, summary, properties), STG_E_FILENOTFOUND);
+    EXPECT_EQ(document.write(summary, title, PropertyVariant(L"new")), S_OK);
+    document.setBytes(summaryName, usersStream()); // another set
+    EXPECT_EQ(Vexel::ReadProperties(document.root, summary, properties), STG_E_FILENOTFOUND);
+    EXPECT_EQ(document.write(summary, title, PropertyVariant(L"new")), STG_E_INVALIDHEADER);
+    EXPECT_EQ(document.bytes(summaryName), usersStream());
+}
+
+// Whatever is in the stream: it is refused and stays as it is, or all that could be read stays.
+TEST(PropertySets, DamagedOnesAreRefusedOrKept) {
+    const LogCapture quiet;
+    Document both(documentName, usersStream());
+    EXPECT_EQ(both.write(documentSummary, title, PropertyVariant(L"summary")), S_OK);
+    const struct {
+        const wchar_t* name;
+        const FMTID& format;
+        std::string bytes;
+    } samples[] = {{summaryName, summary, sample(summaryName).substr(0, 230)},
+                   {documentName, documentSummary, sample(documentName).substr(0, 580)},
+                   {documentName, users, both.bytes(documentName)},
+                   {documentName, documentSummary, both.bytes(documentName)}};
+    int refused = 0, kept = 0, read = 0;
+    Document document;
+    const auto check = [&](const auto& test, const std::string& bytes) {
+        document.setBytes(test.name, bytes);
+        Properties properties;
+        read += Vexel::ReadProperties(document.root, test.format, properties) == S_OK;
+        const FMTID& other = test.format == users ? documentSummary : users;
+        const auto before = document.all(test.format, pages), otherBefore = document.all(other);
+        const long status = document.write(test.format, pages, PropertyVariant(77));
+        ++(status == S_OK ? kept : refused);
+        if (status != S_OK) {
+            EXPECT_TRUE(status == STG_E_INVALIDHEADER) << status;
+            EXPECT_EQ(document.bytes(test.name), bytes);
+            return;
         }
-        return Vexel::ReadProperties(document, FMTID_SummaryInformation, properties);
+        const auto after = document.all(test.format, pages);
+        for (const auto& [what, value] : before)
+            EXPECT_TRUE(value == "0 0" || (after.contains(what) && after.at(what) == value)) << what << value;
+        EXPECT_EQ(document.all(other), otherBefore);
+        EXPECT_EQ(document.read(test.format)[pages].asInteger(), 77);
     };
-    std::string cyrillic = sample;
-    cyrillic[cyrillic.find("\xE4\x04")] = '\xE3'; // code page 1251
-    cyrillic.replace(cyrillic.find("John"), 4, "\xC8\xE2\xE0\xED");
-    ASSERT_EQ(read(cyrillic), S_OK);
-    EXPECT_STREQ(properties[author].asString().value_or(L"none"), L"\u0418\u0432\u0430\u043D Machin");
-    int refused = 0;
-    for (std::size_t size = 0; size < 200; ++size)
-        refused += FAILED(read(sample.substr(0, size)));
-    for (std::size_t at = 0; at < 224; ++at) { // up to the last value
-        for (const int mask : {0x01, 0xFF}) {
-            std::string bytes = sample;
-            bytes[at] = static_cast<char>(bytes[at] ^ mask);
-            refused += FAILED(read(bytes));
+    for (const auto& test : samples) {
+        for (std::size_t size = 1; size < test.bytes.size(); ++size)
+            check(test, test.bytes.substr(0, size));
+        for (std::size_t at = 0; at < test.bytes.size(); ++at) {
+            for (const int mask : {0x01, 0x80, 0xFF}) {
+                std::string bytes = test.bytes;
+                bytes[at] = static_cast<char>(bytes[at] ^ mask);
+                check(test, bytes);
+            }
         }
     }
-    EXPECT_GT(refused, 100);
+    EXPECT_GT(refused, 1000);
+    EXPECT_GT(kept, 1000);
+    EXPECT_GT(read, kept) << "a sound set beside a damaged one is read";
     // A thousand values in the same bytes.
-    std::string shared = sample.substr(0, 48);
-    const auto add = [&shared](unsigned value) { shared.append(reinterpret_cast<const char*>(&value), 4); };
     constexpr unsigned count = 1000, values = 8 + count * 8, size = 10'000;
-    add(values + 8 + size);
-    add(count);
-    for (unsigned id = 2; id < 2 + count; ++id) {
-        add(id);
-        add(values);
-    }
-    add(VT_BLOB);
-    add(size);
-    EXPECT_EQ(read(shared.append(size, 'x')), STG_E_INVALIDHEADER);
-    EXPECT_EQ(read(sample.substr(0, 99)), STG_E_INVALIDHEADER);
-    EXPECT_EQ(Vexel::WriteProperties(document, FMTID_SummaryInformation, {}), S_OK);
+    std::string shared = sample(summaryName).substr(0, 48) + number(values + 8 + size) + number(count);
+    for (unsigned id = 2; id < 2 + count; ++id)
+        shared += number(id) + number(values);
+    document.setBytes(summaryName, shared + number(VT_BLOB) + number(size) + std::string(size, 'x'));
+    Properties properties;
+    EXPECT_EQ(Vexel::ReadProperties(document.root, summary, properties), STG_E_INVALIDHEADER);
+}
+
+// A section's own code page, where it has one.
+TEST(PropertySets, AreReadByTheirCodePage) {
+    std::string cyrillic = sample(summaryName);
+    cyrillic[cyrillic.find("\xE4\x04")] = '\xE3'; // 1251
+    cyrillic.replace(cyrillic.find("John"), 4, "\xC8\xE2\xE0\xED");
+    EXPECT_STREQ(Document(summaryName, cyrillic).read(summary)[author].asString().value_or(L"none"),
+                 L"\u0418\u0432\u0430\u043D Machin");
 }
 
 } // namespace

@@ -1,0 +1,174 @@
+#include "io/whole_file.h"
+
+#include <vexel/files.h>
+
+#include <atomic>
+#include <cwchar>
+#include <string>
+
+namespace Vexel::Detail {
+
+using vxio::FileAccess;
+using vxio::FileCreation;
+using vxio::SimpleFile;
+
+namespace {
+
+constexpr unsigned attempts = 40;
+constexpr unsigned replacements = 6; // attempts to put a file in the old one's place
+
+struct Target {
+    DWORD error = 0; ///< of opening it for writing; none when it is not there
+    bool mayBeReplaced = true;
+    DWORD attributes = INVALID_FILE_ATTRIBUTES;
+};
+
+Target lookAt(const wchar_t* path) {
+    Target target;
+    target.attributes = GetFileAttributesW(path);
+    if (target.attributes != INVALID_FILE_ATTRIBUTES &&
+        (target.attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY))) {
+        target.error = ERROR_WRITE_PROTECT; // replacing it would not ask
+        return target;
+    }
+    SimpleFile file;
+    if (!file.Open(path, FileAccess::Write, FileCreation::OpenExisting, vxio::ProtectNothing)) {
+        if (file.GetLastErrorCode() != ERROR_FILE_NOT_FOUND)
+            target.error = file.GetLastErrorCode();
+        return target;
+    }
+    BY_HANDLE_FILE_INFORMATION information{};
+    target.mayBeReplaced = GetFileType(file.GetHandle()) == FILE_TYPE_DISK &&
+                           GetFileInformationByHandle(file.GetHandle(), &information) &&
+                           information.nNumberOfLinks == 1 &&
+                           !(target.attributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_ENCRYPTED));
+    return target;
+}
+
+std::wstring folderOf(const wchar_t* path) {
+    std::wstring folder(path);
+    const std::size_t separator = folder.find_last_of(L"\\/");
+    const std::size_t drive = folder.size() > 1 && folder[1] == L':' ? 2 : 0;
+    folder.resize(separator == std::wstring::npos ? drive : separator + 1);
+    return folder;
+}
+
+/// Short, since a folder may be nearly as long as paths can be; unique in this process and among others.
+std::wstring temporaryName() {
+    static std::atomic<unsigned> counter = 0;
+    wchar_t name[32];
+    std::swprintf(name, std::size(name), L"~vx%lx-%x.tmp", GetCurrentProcessId(), ++counter);
+    return name;
+}
+
+/// A file beside another. It goes, unless it takes the other's place.
+class FileBeside {
+public:
+    explicit FileBeside(const wchar_t* path) : folder_(folderOf(path)) {}
+    FileBeside(const FileBeside&) = delete;
+    FileBeside& operator=(const FileBeside&) = delete;
+    ~FileBeside() { remove(); }
+
+    /// Once; false for good when it cannot be made.
+    bool make(Bytes contents) {
+        if (!isTried_)
+            isMade_ = create() && fill(contents);
+        isTried_ = true;
+        return isMade_;
+    }
+
+    bool replace(const wchar_t* path, DWORD attributes) {
+        constexpr DWORD kept = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
+                               FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
+        if (attributes != INVALID_FILE_ATTRIBUTES)
+            SetFileAttributesW(path_.c_str(), attributes & kept ? attributes & kept : FILE_ATTRIBUTE_NORMAL);
+        if (!MoveFileExW(path_.c_str(), path, MOVEFILE_REPLACE_EXISTING))
+            return false;
+        path_.clear();
+        return true;
+    }
+
+private:
+    bool create() {
+        constexpr int names = 16; // of a process of this number that was ended
+        for (int i = 0; i < names; ++i) {
+            std::wstring path = folder_ + temporaryName();
+            if (file_.Open(path.c_str(), FileAccess::Write, FileCreation::CreateNew, vxio::ProtectAll)) {
+                path_.swap(path);
+                return true;
+            }
+            if (file_.GetLastErrorCode() != ERROR_FILE_EXISTS)
+                return false;
+        }
+        return false;
+    }
+
+    bool fill(Bytes contents) {
+        const bool isFilled =
+            file_.Write(contents.data(), contents.size()) == contents.size() && file_.Flush();
+        file_.Close();
+        if (!isFilled)
+            remove();
+        return isFilled;
+    }
+
+    void remove() noexcept {
+        file_.Close();
+        if (!path_.empty())
+            DeleteFileW(path_.c_str());
+        path_.clear();
+    }
+
+    std::wstring folder_;
+    std::wstring path_; // of what is to go
+    SimpleFile file_;
+    bool isTried_ = false;
+    bool isMade_ = false;
+};
+
+/// Writes into the file, making it where there is none. Its size comes first: where there is no room the old
+/// contents stay.
+WholeFile overwrite(const wchar_t* path, Bytes contents, DWORD& error) {
+    SimpleFile file;
+    const auto failed = [&](WholeFile result) {
+        error = file.GetLastErrorCode();
+        return result;
+    };
+    if (!file.Open(path, FileAccess::Write, FileCreation::OpenOrCreate, vxio::ProtectWriting))
+        return failed(WholeFile::NotOpened);
+    const bool hasSize = GetFileType(file.GetHandle()) == FILE_TYPE_DISK;
+    if (hasSize && contents.size() > file.GetLength() && !file.SetLength(contents.size()))
+        return failed(WholeFile::Failed);
+    const bool isWritten = file.Write(contents.data(), contents.size()) == contents.size() &&
+                           (!hasSize || file.SetLength(contents.size()));
+    return isWritten ? WholeFile::Written : failed(WholeFile::Failed);
+}
+
+/// What another that saves the file causes for a moment.
+bool isPassing(DWORD error) noexcept {
+    return error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED || error == ERROR_LOCK_VIOLATION;
+}
+
+} // namespace
+
+WholeFile writeWholeFile(const wchar_t* path, Bytes contents, DWORD& error) {
+    FileBeside beside(path);
+    for (unsigned attempt = 1;; ++attempt) {
+        const Target target = lookAt(path);
+        error = target.error;
+        if (error == 0) {
+            const bool isBeside = target.mayBeReplaced && beside.make(contents);
+            if (isBeside && beside.replace(path, target.attributes))
+                return WholeFile::Written;
+            error = ERROR_SHARING_VIOLATION;
+            if (!isBeside || attempt >= replacements)
+                if (const WholeFile result = overwrite(path, contents, error); result != WholeFile::NotOpened)
+                    return result;
+        }
+        if (attempt == attempts || !isPassing(error))
+            return WholeFile::NotOpened;
+        Sleep(1 + (GetCurrentThreadId() / 4 + attempt) % 8); // two that met do not meet again
+    }
+}
+
+} // namespace Vexel::Detail
