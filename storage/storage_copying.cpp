@@ -1,6 +1,7 @@
 // Copying a storage with all that is in it.
 
 #include "paths/status_guard.h"
+#include "storage/compound_check.h"
 #include "storage/element_name.h"
 #include "storage/item_ref.h"
 #include "storage/storage_item.h"
@@ -39,6 +40,13 @@ HRESULT commitUpwards(VxStorage* storage) {
 }
 
 HRESULT plainCopy(VxStorage& source, VxStorage& target) {
+    // The system copies by recursion, and is silent on what it cannot read.
+    if (source.format() == StorageFormat::CompoundFile && !source.root()->name().empty()) {
+        const HRESULT sound = Vexel::Detail::checkCompoundFile(source.root()->name().asString(),
+                                                               Vexel::Detail::CompoundAccess::Snapshot);
+        if (FAILED(sound))
+            return sound;
+    }
     const auto copy = [&]() -> HRESULT {
         if (!source.isOpen() || !target.isOpen())
             return STG_E_INVALIDPARAMETER; // closed by the clean-up before the second attempt
