@@ -51,6 +51,12 @@ public:
 
     std::uint64_t fileBytes() const noexcept { return source_.size(); }
 
+    /// How much of the sector there is.
+    std::uint64_t bytesThere(std::uint32_t number) const noexcept {
+        const std::uint64_t begin = (std::uint64_t{number} + 1) << shift_;
+        return std::min<std::uint64_t>(fileBytes() - std::min(begin, fileBytes()), sectorBytes());
+    }
+
 private:
     std::span<const std::byte> bytes(std::uint64_t offset, std::size_t length) {
         if (offset < windowOffset_ || offset + length > windowOffset_ + windowBytes_) {
@@ -158,8 +164,7 @@ private:
 
 class CompoundChecker {
 public:
-    CompoundChecker(CompoundSource& source, CompoundAccess access)
-        : reader_(source), access_(access) {}
+    CompoundChecker(CompoundSource& source, CompoundAccess access) : reader_(source), access_(access) {}
 
     CompoundVerdict run() {
         if (checkHeader() && loadFat() && loadDirectory() && loadMiniFat() && checkTree())
@@ -185,7 +190,7 @@ private:
     }
 
     bool writing() const noexcept { return access_ == CompoundAccess::Write; }
-    bool copying() const noexcept { return access_ == CompoundAccess::Snapshot; }
+    bool recursing() const noexcept { return access_ == CompoundAccess::Snapshot; }
 
     bool checkHeader() {
         const auto bytes = reader_.header();
@@ -334,7 +339,7 @@ private:
             if (!reach(entry.left, step, pending) || !reach(entry.right, step, pending))
                 return false;
             ++step.storages;
-            if ((entry.type == EntryType::Storage || copying()) && !reach(entry.child, step, pending))
+            if ((entry.type == EntryType::Storage || recursing()) && !reach(entry.child, step, pending))
                 return false;
         }
         return true;
@@ -350,12 +355,12 @@ private:
         if (entry == kNoEntry)
             return true;
         if (entry >= entries_.size())
-            return incomplete("the directory refers to an element that does not exist", entry);
+            return damaged("the directory refers to an element that does not exist", entry);
         if (!reached_.insert(entry))
             return damaged("an element stands in more than one place", entry);
         if (step.storages > kDeepestStorage)
             return damaged("storages are nested too deeply", entry);
-        if (step.steps > (copying() ? kMostStepsCopied : kMostStepsWalked))
+        if (step.steps > (recursing() ? kMostStepsCopied : kMostStepsWalked))
             return damaged("too many elements stand in one row", entry);
         step.entry = entry;
         pending.push_back(step);
@@ -376,7 +381,7 @@ private:
                 return false;
         }
         // The root's stream holds the mini sectors; the system follows its chain even if that is empty.
-        return checkStream(0, fat_, reader_.sectorBytes());
+        return checkLarge(0);
     }
 
     bool addClaim(std::uint64_t& claims, std::uint32_t number) {
@@ -389,16 +394,30 @@ private:
 
     bool checkContents(std::uint32_t number) {
         if (entries_[number].size >= kMiniStreamCutoff)
-            return checkStream(number, fat_, reader_.sectorBytes());
+            return checkLarge(number);
         // Who only reads follows a chain of mini sectors no further than the stream's few bytes.
-        return access_ == CompoundAccess::Read || checkStream(number, miniFat_, kMiniSectorBytes);
+        if (access_ == CompoundAccess::Read)
+            return true;
+        const auto chain = miniFat_.follow(entries_[number].start, [](std::uint32_t) {});
+        return acceptEnd(chain) && checkLength(number, chain.length * kMiniSectorBytes);
     }
 
-    bool checkStream(std::uint32_t number, AllocationTable& table, std::size_t bytesPerSector) {
-        const Entry& entry = entries_[number];
-        const auto chain = table.follow(entry.start, [](std::uint32_t) {});
-        return acceptEnd(chain) && (chain.length >= (entry.size + bytesPerSector - 1) / bytesPerSector ||
-                                    incomplete("a stream is longer than its chain of sectors", number));
+    /// The last sector of a file need not be whole, but what a stream has in it.
+    bool checkLarge(std::uint32_t number) {
+        std::uint64_t rest = entries_[number].size;
+        bool complete = true;
+        const auto chain = fat_.follow(entries_[number].start, [&](std::uint32_t sector) {
+            const auto wanted = std::min<std::uint64_t>(rest, reader_.sectorBytes());
+            complete = complete && reader_.bytesThere(sector) >= wanted;
+            rest -= wanted;
+        });
+        return acceptEnd(chain) && checkLength(number, entries_[number].size - rest) &&
+               (complete || incomplete("the end of a stream is cut off", number));
+    }
+
+    bool checkLength(std::uint32_t number, std::uint64_t room) {
+        return room >= entries_[number].size ||
+               incomplete("a stream is longer than its chain of sectors", number);
     }
 
     SectorReader reader_;

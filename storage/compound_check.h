@@ -32,9 +32,11 @@ public:
 enum class CompoundAccess {
     /// Opens it and reads what it is asked for: that has to end. A part may be missing.
     Read,
-    /// Copies all of it, as a snapshot or into another storage. That recurses from element to element, makes
-    /// each stream as long as it claims to be and says nothing of what could not be read: nothing may be
-    /// missing.
+    /// The same, but everything is going to be read, and taken for the whole. What a sector that is cut off
+    /// lacks reads as zeros, so nothing may be missing.
+    Copy,
+    /// Copies all of it by itself, as a snapshot or into another storage. That makes each stream as long as
+    /// it claims to be, says nothing of what cannot be read, and recurses from element to element.
     Snapshot,
     /// Changes it. The allocation must have no contradictions: a sector that two chains share, or that counts
     /// as free although it is in use, would be given out again, and the tables themselves with it.

@@ -39,10 +39,13 @@ public:
     std::uint64_t size() const noexcept override { return size_; }
 
     std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
+        // Behind the end some report a failure, which is none.
+        const std::uint64_t rest = size_ - (std::min)(offset, size_);
+        const auto count = static_cast<ULONG>((std::min)(rest, std::uint64_t{target.size()}));
         ULONG done = 0;
-        if (FAILED(bytes_->ReadAt({.QuadPart = offset}, target.data(), static_cast<ULONG>(target.size()), &done)))
+        if (count > 0 && FAILED(bytes_->ReadAt({.QuadPart = offset}, target.data(), count, &done)))
             failed_ = true;
-        return (std::min)(static_cast<std::size_t>(done), target.size());
+        return (std::min)(done, count);
     }
 
 private:

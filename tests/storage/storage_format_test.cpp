@@ -112,30 +112,11 @@ TEST(OpenPackage, OpensBothFormatsByPathAndPackagesFromStreams) {
     }
 }
 
-/// A stream that is an ILockBytes too, as those of the system's are.
-class StreamOfLockedBytes final : public InMemoryIStream {
-public:
-    explicit StreamOfLockedBytes(const std::string& bytes) {
-        const HGLOBAL memory = GlobalAlloc(GMEM_MOVEABLE, bytes.size());
-        std::copy(bytes.begin(), bytes.end(), static_cast<char*>(GlobalLock(memory)));
-        GlobalUnlock(memory);
-        EXPECT_EQ(CreateILockBytesOnHGlobal(memory, TRUE, &bytes_), S_OK);
-        write(bytes.data(), bytes.size());
-    }
-    STDMETHODIMP QueryInterface(const GUID& iid, void** ppv) noexcept override {
-        return iid == IID_ILockBytes ? bytes_.CopyTo(reinterpret_cast<ILockBytes**>(ppv))
-                                     : InMemoryIStream::QueryInterface(iid, ppv);
-    }
-
-private:
-    ComPtr<ILockBytes> bytes_;
-};
-
 TEST(OpenPackage, OpensCompoundFilesInStreamsThatAreLockBytes) {
     const LogCapture log;
     std::string bytes = readFile(Support::samplePath(L"namesdemo.xls"));
     const auto open = [&] {
-        const auto stream = adopt(new StreamOfLockedBytes(bytes));
+        const auto stream = adopt(new Support::StreamOfLockedBytes(bytes));
         ComPtr<IStorage> root;
         const HRESULT status = OpenVexelPackageStream(&root, stream.Get());
         EXPECT_EQ(status == S_OK, root != nullptr);
