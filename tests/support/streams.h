@@ -51,7 +51,7 @@ public:
 };
 
 /// A stream that is an ILockBytes too, as those of the system's are.
-class StreamOfLockedBytes final : public Vexel::Storage::InMemoryIStream {
+class StreamOfLockedBytes : public Vexel::Storage::InMemoryIStream {
 public:
     explicit StreamOfLockedBytes(std::string_view bytes) {
         const HGLOBAL memory = GlobalAlloc(GMEM_MOVEABLE, bytes.size());
