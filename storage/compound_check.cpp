@@ -15,6 +15,15 @@ using namespace Compound;
 /// The system destroys a tree of storages by recursion and overflows a stack of 1 MiB beyond about 2000
 /// levels.
 constexpr unsigned kDeepestStorage = 1000;
+/// Copying a tree as a whole, it recurses with each step to a sibling too, and ends the process beyond about
+/// ten thousand.
+constexpr unsigned kMostStepsCopied = 4000;
+/// Otherwise it walks, but from the beginning for each element: listing this many in one row takes half a
+/// minute.
+constexpr unsigned kMostStepsWalked = 16000;
+/// How often over the streams may claim what the file has. Once is right; the rest of a file that was cut
+/// off, and streams that share sectors, claim more.
+constexpr std::uint64_t kMostClaims = 16;
 
 /// Reads sectors through a window, because tables and directory mostly lie side by side: a small file takes
 /// two or three reads.
@@ -38,6 +47,14 @@ public:
     /// lies behind the end of the file.
     std::span<const std::byte> sector(std::uint32_t number) {
         return bytes((std::uint64_t{number} + 1) << shift_, sectorBytes());
+    }
+
+    std::uint64_t fileBytes() const noexcept { return source_.size(); }
+
+    /// How much of the sector there is.
+    std::uint64_t bytesThere(std::uint32_t number) const noexcept {
+        const std::uint64_t begin = (std::uint64_t{number} + 1) << shift_;
+        return std::min<std::uint64_t>(fileBytes() - std::min(begin, fileBytes()), sectorBytes());
     }
 
 private:
@@ -79,7 +96,8 @@ public:
     enum class End {
         Clean,
         Circle,
-        Shared, ///< runs into a sector that something else uses
+        Shared, ///< runs into another chain, and ends with that
+        Table,  ///< runs into a sector of a table, which has a successor as any
         Broken, ///< runs out of the table or onto a mark that ends no chain
     };
     struct Chain {
@@ -92,15 +110,17 @@ public:
     /// The number of sectors that really exist.
     void setRoom(std::uint64_t sectors) noexcept { room_ = sectors; }
 
+    /// What the end of the file cuts off counts as zeros: as links to the first sector.
     void append(std::span<const std::byte> sector, std::size_t wholeBytes) {
         const std::size_t old = next_.size();
-        next_.resize(old + wholeBytes / sizeof(std::uint32_t), kFreeSector);
+        next_.resize(old + wholeBytes / sizeof(std::uint32_t));
         std::memcpy(next_.data() + old, sector.data(), std::min(sector.size(), wholeBytes));
         used_.resize(next_.size());
+        tables_.resize(next_.size());
     }
 
-    /// Takes a sector for something that is no chain; false if it is taken already.
-    bool claim(std::uint32_t sector) { return sector >= next_.size() || used_.insert(sector); }
+    /// Takes a sector for a table; false if it is one already.
+    bool claim(std::uint32_t sector) { return sector >= next_.size() || tables_.insert(sector); }
 
     bool isFree(std::uint32_t sector) const noexcept {
         return sector < next_.size() && next_[sector] == kFreeSector;
@@ -112,8 +132,8 @@ public:
     Chain follow(std::uint32_t start, Visit visit) {
         Chain chain{End::Clean, start};
         for (std::uint32_t sector = start; sector != kEndOfChain; sector = next_[sector]) {
-            if (sector >= next_.size()) {
-                chain.end = End::Broken;
+            if (sector >= next_.size() || tables_.contains(sector)) {
+                chain.end = sector < next_.size() ? End::Table : End::Broken;
                 return chain;
             }
             if (!used_.insert(sector)) {
@@ -138,13 +158,13 @@ private:
 
     std::vector<std::uint32_t> next_;
     NumberSet used_;
+    NumberSet tables_;
     std::uint64_t room_ = 0;
 };
 
 class CompoundChecker {
 public:
-    CompoundChecker(CompoundSource& source, CompoundAccess access)
-        : reader_(source), writing_(access == CompoundAccess::Write) {}
+    CompoundChecker(CompoundSource& source, CompoundAccess access) : reader_(source), access_(access) {}
 
     CompoundVerdict run() {
         if (checkHeader() && loadFat() && loadDirectory() && loadMiniFat() && checkTree())
@@ -162,8 +182,15 @@ private:
     }
     /// For what the system reports by itself while it reads and trips over when it writes.
     bool unfitForWriting(const char* what, std::uint64_t where = 0) {
-        return !writing_ || damaged(what, where);
+        return !writing() || damaged(what, where);
     }
+    /// For what leaves a part to read, which nobody must take for the whole.
+    bool incomplete(const char* what, std::uint64_t where = 0) {
+        return access_ == CompoundAccess::Read || damaged(what, where);
+    }
+
+    bool writing() const noexcept { return access_ == CompoundAccess::Write; }
+    bool recursing() const noexcept { return access_ == CompoundAccess::Snapshot; }
 
     bool checkHeader() {
         const auto bytes = reader_.header();
@@ -184,7 +211,9 @@ private:
     /// The sectors of the table: the first from the header, the others from the DIFAT sectors. Both counts
     /// are held against the file's size.
     bool listFatSectors() {
-        const std::uint32_t count = std::min(header_.fatSectors, reader_.sectors());
+        const std::uint32_t count = header_.fatSectors;
+        if (count > reader_.sectors())
+            return damaged("the header counts more sectors of the allocation table than the file has");
         const std::size_t inHeader = std::min<std::size_t>(count, kHeaderDifatEntries);
         const auto unused = header_.difat.begin() + static_cast<std::ptrdiff_t>(inHeader);
         fatSectors_.assign(header_.difat.begin(), unused);
@@ -194,8 +223,8 @@ private:
         if (header_.difatSectors > reader_.sectors())
             return damaged("the header counts more DIFAT sectors than the file has");
         return listFatSectorsFromDifat(count) &&
-               (fatSectors_.size() == header_.fatSectors ||
-                unfitForWriting("the header counts more sectors of the allocation table than are listed"));
+               (fatSectors_.size() == count ||
+                damaged("the header counts more sectors of the allocation table than are listed"));
     }
 
     bool listFatSectorsFromDifat(std::uint32_t count) {
@@ -219,8 +248,11 @@ private:
 
     bool readFat() {
         for (const std::uint32_t sector : fatSectors_) {
+            if (sector >= reader_.sectors())
+                return damaged("a sector of the allocation table is missing", sector);
             const auto bytes = reader_.sector(sector);
-            if (bytes.empty() && !unfitForWriting("a sector of the allocation table is missing", sector))
+            if (bytes.size() < reader_.sectorBytes() &&
+                !unfitForWriting("a sector of the allocation table is cut short", sector))
                 return false;
             fat_.append(bytes, reader_.sectorBytes());
         }
@@ -231,9 +263,8 @@ private:
     bool claimFat() {
         for (const auto* list : {&fatSectors_, &difatSectors_}) {
             for (const std::uint32_t sector : *list) {
-                if (!fat_.claim(sector) &&
-                    !unfitForWriting("two parts of the allocation table lie in one sector", sector))
-                    return false;
+                if (!fat_.claim(sector))
+                    return damaged("two parts of the allocation table lie in one sector", sector);
                 if (fat_.isFree(sector) &&
                     !unfitForWriting("a sector of the allocation table counts as free", sector))
                     return false;
@@ -247,17 +278,20 @@ private:
         case AllocationTable::End::Circle:
             return damaged("a chain of sectors runs in a circle", chain.last);
         case AllocationTable::End::Shared:
-            return unfitForWriting("a chain of sectors runs into another one", chain.last);
+            return incomplete("a chain of sectors runs into another one", chain.last);
+        case AllocationTable::End::Table:
+            return damaged("a chain of sectors runs into the allocation table", chain.last);
         case AllocationTable::End::Broken:
-            return unfitForWriting("a chain of sectors breaks off", chain.last);
+            return damaged("a chain of sectors breaks off", chain.last);
         case AllocationTable::End::Clean:
             break;
         }
-        return !chain.leavesRoom || unfitForWriting("a chain of sectors leads behind the end", chain.last);
+        return !chain.leavesRoom || incomplete("a chain of sectors leads behind the end", chain.last);
     }
 
     bool loadDirectory() {
         bool complete = true;
+        std::vector<std::byte> whole(reader_.sectorBytes());
         const std::size_t entriesPerSector = reader_.sectorBytes() / kEntryBytes;
         const auto chain = fat_.follow(header_.firstDirectorySector, [&](std::uint32_t sector) {
             const auto bytes = reader_.sector(sector);
@@ -266,11 +300,11 @@ private:
             // The table may list many times the sectors that exist; they are not worth memory.
             if (first / entriesPerSector >= reader_.sectors())
                 return;
-            entries_.resize(first + entriesPerSector);
-            for (std::size_t i = first; i < entries_.size() && (i - first + 1) * kEntryBytes <= bytes.size();
-                 ++i)
-                entries_[i] = decodeEntry(bytes.subspan((i - first) * kEntryBytes).first<kEntryBytes>(),
-                                          header_.sectorShift);
+            std::copy(bytes.begin(), bytes.end(), whole.begin());
+            std::fill(whole.begin() + static_cast<std::ptrdiff_t>(bytes.size()), whole.end(), std::byte{0});
+            for (std::size_t at = 0; at < reader_.sectorBytes(); at += kEntryBytes)
+                entries_.push_back(
+                    decodeEntry(std::span(whole).subspan(at).first<kEntryBytes>(), header_.sectorShift));
         });
         if (entries_.empty())
             return damaged("there is no directory", header_.firstDirectorySector);
@@ -281,7 +315,7 @@ private:
         if (header_.firstMiniFatSector == kFreeSector)
             return true;
         return acceptEnd(fat_.follow(header_.firstMiniFatSector, [&](std::uint32_t sector) {
-            if (writing_ && sector < reader_.sectors()) // else it is refused below
+            if (access_ != CompoundAccess::Read && sector < reader_.sectors()) // else it is refused below
                 miniFat_.append(reader_.sector(sector), reader_.sectorBytes());
         }));
     }
@@ -293,17 +327,19 @@ private:
         if (entries_[0].nameBytes == 0 && !unfitForWriting("the root has no name"))
             return false;
         std::vector<TreeStep> pending;
-        if (!reach(entries_[0].child, 1, pending))
+        if (!reach(entries_[0].child, {0, 1, 1}, pending))
             return false;
         while (!pending.empty()) {
-            const TreeStep step = pending.back();
+            TreeStep step = pending.back();
             pending.pop_back();
             const Entry& entry = entries_[step.entry];
             if (entry.nameBytes == 0 && !unfitForWriting("an element has no name", step.entry))
                 return false;
-            if (!reach(entry.left, step.depth, pending) || !reach(entry.right, step.depth, pending))
+            ++step.steps;
+            if (!reach(entry.left, step, pending) || !reach(entry.right, step, pending))
                 return false;
-            if (entry.type == EntryType::Storage && !reach(entry.child, step.depth + 1, pending))
+            ++step.storages;
+            if ((entry.type == EntryType::Storage || recursing()) && !reach(entry.child, step, pending))
                 return false;
         }
         return true;
@@ -311,48 +347,81 @@ private:
 
     struct TreeStep {
         std::uint32_t entry;
-        unsigned depth;
+        unsigned storages; ///< above the element
+        unsigned steps;    ///< from the root to it, from sibling to sibling too
     };
 
-    bool reach(std::uint32_t entry, unsigned depth, std::vector<TreeStep>& pending) {
+    bool reach(std::uint32_t entry, TreeStep step, std::vector<TreeStep>& pending) {
         if (entry == kNoEntry)
             return true;
         if (entry >= entries_.size())
-            return unfitForWriting("the directory refers to an element that does not exist", entry);
+            return damaged("the directory refers to an element that does not exist", entry);
         if (!reached_.insert(entry))
             return damaged("an element stands in more than one place", entry);
-        if (depth > kDeepestStorage)
+        if (step.storages > kDeepestStorage)
             return damaged("storages are nested too deeply", entry);
-        pending.push_back({entry, depth});
+        if (step.steps > (recursing() ? kMostStepsCopied : kMostStepsWalked))
+            return damaged("too many elements stand in one row", entry);
+        step.entry = entry;
+        pending.push_back(step);
         return true;
     }
 
     bool checkStreams() {
         miniFat_.setRoom((entries_[0].size + kMiniSectorBytes - 1) / kMiniSectorBytes);
+        std::uint64_t claims = 0;
+        if (!addClaim(claims, 0))
+            return false;
         for (std::uint32_t i = 1; i < entries_.size(); ++i) {
             const Entry& entry = entries_[i];
             // An empty stream has no chain, whatever its start says: some writers leave 0 there.
             if (!reached_.contains(i) || entry.type != EntryType::Stream || entry.size == 0)
                 continue;
-            // Nobody follows a chain of mini sectors further than the stream's few bytes, but for writing.
-            const bool mini = entry.size < kMiniStreamCutoff;
-            if (mini ? writing_ && !checkStream(i, miniFat_, kMiniSectorBytes)
-                     : !checkStream(i, fat_, reader_.sectorBytes()))
+            if (!addClaim(claims, i) || !checkContents(i))
                 return false;
         }
         // The root's stream holds the mini sectors; the system follows its chain even if that is empty.
-        return checkStream(0, fat_, reader_.sectorBytes());
+        return checkLarge(0);
     }
 
-    bool checkStream(std::uint32_t number, AllocationTable& table, std::size_t bytesPerSector) {
-        const Entry& entry = entries_[number];
-        const auto chain = table.follow(entry.start, [](std::uint32_t) {});
-        return acceptEnd(chain) && (chain.length >= (entry.size + bytesPerSector - 1) / bytesPerSector ||
-                                    unfitForWriting("a stream is longer than its chain of sectors", number));
+    bool addClaim(std::uint64_t& claims, std::uint32_t number) {
+        const std::uint64_t limit = kMostClaims * reader_.fileBytes();
+        const std::uint64_t size = entries_[number].size;
+        if (size > limit || (claims += size) > limit)
+            return damaged("the streams claim to be far larger than the file", number);
+        return true;
+    }
+
+    bool checkContents(std::uint32_t number) {
+        if (entries_[number].size >= kMiniStreamCutoff)
+            return checkLarge(number);
+        // Who only reads follows a chain of mini sectors no further than the stream's few bytes.
+        if (access_ == CompoundAccess::Read)
+            return true;
+        const auto chain = miniFat_.follow(entries_[number].start, [](std::uint32_t) {});
+        return acceptEnd(chain) && checkLength(number, chain.length * kMiniSectorBytes);
+    }
+
+    /// The last sector of a file need not be whole, but what a stream has in it.
+    bool checkLarge(std::uint32_t number) {
+        std::uint64_t rest = entries_[number].size;
+        bool complete = true;
+        const auto chain = fat_.follow(entries_[number].start, [&](std::uint32_t sector) {
+            const auto wanted = std::min<std::uint64_t>(rest, reader_.sectorBytes());
+            complete = complete && reader_.bytesThere(sector) >= wanted;
+            rest -= wanted;
+        });
+        return acceptEnd(chain) && checkLength(number, entries_[number].size - rest) &&
+               (complete || incomplete("the end of a stream is cut off", number));
+    }
+
+    bool checkLength(std::uint32_t number, std::uint64_t room) {
+        return room >= entries_[number].size ||
+               incomplete("a stream is longer than its chain of sectors", number);
     }
 
     SectorReader reader_;
-    const bool writing_;
+    const CompoundAccess access_;
     CompoundVerdict verdict_;
     Header header_;
     std::vector<std::uint32_t> fatSectors_;

@@ -28,10 +28,20 @@ public:
     virtual std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept = 0;
 };
 
-/// What the file is going to be opened for. Writing needs an allocation without contradictions: a sector that
-/// two chains share or that counts as free although it is in use would be given out again, and the tables
-/// themselves with it. Reading only has to end.
-enum class CompoundAccess { Read, Write };
+/// What the system is going to do with the file.
+enum class CompoundAccess {
+    /// Opens it and reads what it is asked for: that has to end. A part may be missing.
+    Read,
+    /// The same, but everything is going to be read, and taken for the whole. What a sector that is cut off
+    /// lacks reads as zeros, so nothing may be missing.
+    Copy,
+    /// Copies all of it by itself, as a snapshot or into another storage. That makes each stream as long as
+    /// it claims to be, says nothing of what cannot be read, and recurses from element to element.
+    Snapshot,
+    /// Changes it. The allocation must have no contradictions: a sector that two chains share, or that counts
+    /// as free although it is in use, would be given out again, and the tables themselves with it.
+    Write
+};
 
 struct CompoundVerdict {
     /// S_OK; STG_E_INVALIDHEADER: not a compound file; STG_E_DOCFILECORRUPT: damaged.

@@ -10,6 +10,8 @@
 
 #include <objbase.h>
 
+using Vexel::Detail::CompoundAccess;
+
 namespace {
 
 /// Whether any root was ever opened on a copy; see VxCompoundStorage::close.
@@ -25,6 +27,20 @@ bool cannotOpenNow(HRESULT status) {
 }
 
 bool isForReading(DWORD stgm) { return (stgm & (STGM_WRITE | STGM_READWRITE)) == STGM_READ; }
+
+/// Whether the system answers with a copy of the file as it is now, for others may write on.
+bool needsSnapshot(DWORD stgm) {
+    constexpr DWORD shareBits = 0x70;
+    const DWORD share = stgm & shareBits;
+    return (stgm & STGM_TRANSACTED) && !(stgm & STGM_NOSNAPSHOT) && share != STGM_SHARE_DENY_WRITE &&
+           share != STGM_SHARE_EXCLUSIVE;
+}
+
+CompoundAccess accessOf(DWORD stgm) {
+    if (!isForReading(stgm))
+        return CompoundAccess::Write;
+    return needsSnapshot(stgm) ? CompoundAccess::Snapshot : CompoundAccess::Read;
+}
 
 /// False when the options are at the lower version already. Two threads may both lower them.
 bool lowerOptionsVersion() {
@@ -121,14 +137,19 @@ std::unique_ptr<VxStorageEnumerator> VxCompoundStorage::createEnumerator() {
 }
 
 long VxCompoundStorage::openRoot(DWORD stgm) {
+    if (const HRESULT sound = check(name_, stgm); FAILED(sound))
+        return sound;
     HRESULT status = openFile(name_, stgm);
     if (keyed_ && isHeldElsewhere(status) && isForReading(stgm) && name_.fileExists())
         status = openCopy(stgm, status);
 
     // Neither is worth a failure: they only save the system a scratch file or a snapshot.
     constexpr DWORD savings = STGM_NOSCRATCH | STGM_NOSNAPSHOT;
-    if ((status == STG_E_ACCESSDENIED || isHeldElsewhere(status)) && (stgm & savings))
-        status = openFile(name_, stgm & ~savings);
+    if ((status == STG_E_ACCESSDENIED || isHeldElsewhere(status)) && (stgm & savings)) {
+        // Without them a reader who lets others write is given a copy, which asks more of the file.
+        const HRESULT sound = needsSnapshot(stgm & ~savings) ? check(name_, stgm & ~savings) : S_OK;
+        status = SUCCEEDED(sound) ? openFile(name_, stgm & ~savings) : sound;
+    }
 
     if (status == STG_E_INVALIDPARAMETER
             ? !lowerOptionsVersion()
@@ -137,12 +158,14 @@ long VxCompoundStorage::openRoot(DWORD stgm) {
     return openFile(name_, stgm);
 }
 
+/// Looks at a file before the system does, once for all attempts to open it.
+HRESULT VxCompoundStorage::check(const SharedPathName& path, DWORD stgm) {
+    const auto look = [&] { return Vexel::Detail::checkCompoundFile(path.asString(), accessOf(stgm)); };
+    const HRESULT sound = look();
+    return FAILED(sound) && VxStorage::retryAfterFailure(sound) ? look() : sound;
+}
+
 HRESULT VxCompoundStorage::openFile(const SharedPathName& path, DWORD stgm) {
-    using Vexel::Detail::CompoundAccess;
-    const HRESULT sound = Vexel::Detail::checkCompoundFile(
-        path.asString(), isForReading(stgm) ? CompoundAccess::Read : CompoundAccess::Write);
-    if (FAILED(sound))
-        return sound;
     STGOPTIONS options{};
     options.usVersion = Vexel::Detail::compoundOptionsVersion();
     options.ulSectorSize = 4096;
@@ -161,7 +184,8 @@ HRESULT VxCompoundStorage::openCopy(DWORD stgm, HRESULT otherwise) {
     if (copy.empty())
         return otherwise;
     copiesMade = true;
-    const HRESULT status = openFile(copy, stgm);
+    const HRESULT sound = check(copy, stgm);
+    const HRESULT status = SUCCEEDED(sound) ? openFile(copy, stgm) : sound;
     files.erase(copy); // goes when it is closed
     return status;
 }

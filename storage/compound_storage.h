@@ -31,6 +31,7 @@ private:
     VxCompoundStorage(SharedPathName name, VxStorage* parent, VxStorageItem* root)
         : VxStorage(std::move(name), parent, root) {}
 
+    HRESULT check(const SharedPathName& path, DWORD stgm);
     HRESULT openFile(const SharedPathName& path, DWORD stgm);
     HRESULT openCopy(DWORD stgm, HRESULT otherwise);
     HRESULT tryElement(const SharedPathName& name, StorageType type);

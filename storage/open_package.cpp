@@ -22,45 +22,62 @@ using Vexel::Storage::SZipStorage;
 
 namespace {
 
-constexpr DWORD compoundMode = STGM_TRANSACTED | STGM_READ; // readers and writers elsewhere: the default
+/// Readers and writers elsewhere, which is the default: the system copies everything first.
+constexpr DWORD compoundMode = STGM_TRANSACTED | STGM_READ;
 
 class LockBytesSource final : public Vexel::Detail::CompoundSource {
 public:
     explicit LockBytesSource(ILockBytes* bytes) : bytes_(bytes) {
         STATSTG info{};
-        if (SUCCEEDED(bytes->Stat(&info, STATFLAG_NONAME)))
-            size_ = info.cbSize.QuadPart;
+        failed_ = bytes->Stat(&info, STATFLAG_NONAME) != S_OK;
+        size_ = failed_ ? 0 : info.cbSize.QuadPart;
     }
+
+    /// Whether the bytes could not be had: then nothing is known about them.
+    bool failed() const noexcept { return failed_; }
 
     std::uint64_t size() const noexcept override { return size_; }
 
     std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
+        // Behind the end some report a failure, which is none.
+        const std::uint64_t rest = size_ - (std::min)(offset, size_);
+        const auto count = static_cast<ULONG>((std::min)(rest, std::uint64_t{target.size()}));
         ULONG done = 0;
-        bytes_->ReadAt({.QuadPart = offset}, target.data(), static_cast<ULONG>(target.size()), &done);
-        return (std::min)(static_cast<std::size_t>(done), target.size());
+        if (count > 0 && FAILED(bytes_->ReadAt({.QuadPart = offset}, target.data(), count, &done)))
+            failed_ = true;
+        return (std::min)(done, count);
     }
 
 private:
     ComPtr<ILockBytes> bytes_;
     std::uint64_t size_ = 0;
+    bool failed_ = false;
 };
+
+/// Bytes that cannot be read are left to the system, whose status says more.
+HRESULT check(ILockBytes* bytes) {
+    LockBytesSource source(bytes);
+    if (source.failed())
+        return S_OK;
+    const auto verdict = Vexel::Detail::checkCompound(source, CompoundAccess::Snapshot);
+    if (source.failed() || SUCCEEDED(verdict.status))
+        return S_OK;
+    VxLog_WriteW(VxLog_Minor, L"the compound file in a stream is damaged: %hs (%llu)", verdict.what,
+                 static_cast<unsigned long long>(verdict.where));
+    return verdict.status;
+}
 
 HRESULT openCompound(::IStream* stream, IStorage** result) {
     ComPtr<ILockBytes> bytes;
     if (const HRESULT status = stream->QueryInterface(IID_PPV_ARGS(bytes.GetAddressOf())); FAILED(status))
         return status;
-    LockBytesSource source(bytes.Get());
-    const auto verdict = Vexel::Detail::checkCompound(source, CompoundAccess::Read);
-    if (FAILED(verdict.status)) {
-        VxLog_WriteW(VxLog_Minor, L"the compound file in a stream is damaged: %hs (%llu)", verdict.what,
-                     static_cast<unsigned long long>(verdict.where));
-        return verdict.status;
-    }
+    if (const HRESULT sound = check(bytes.Get()); FAILED(sound))
+        return sound;
     return StgOpenStorageOnILockBytes(bytes.Get(), nullptr, compoundMode, nullptr, 0, result);
 }
 
 HRESULT openCompound(const wchar_t* path, IStorage** result) {
-    if (const HRESULT sound = Vexel::Detail::checkCompoundFile(path, CompoundAccess::Read); FAILED(sound))
+    if (const HRESULT sound = Vexel::Detail::checkCompoundFile(path, CompoundAccess::Snapshot); FAILED(sound))
         return sound;
     return StgOpenStorage(path, nullptr, compoundMode, nullptr, 0, result);
 }

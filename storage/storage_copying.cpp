@@ -1,6 +1,7 @@
 // Copying a storage with all that is in it.
 
 #include "paths/status_guard.h"
+#include "storage/compound_check.h"
 #include "storage/element_name.h"
 #include "storage/item_ref.h"
 #include "storage/storage_item.h"
@@ -12,6 +13,7 @@
 #include <utility>
 #include <vector>
 
+using Vexel::Detail::CompoundAccess;
 using Vexel::Detail::elementName;
 using Vexel::Detail::ItemRef;
 using Vexel::Detail::withStatus;
@@ -36,6 +38,15 @@ HRESULT commitUpwards(VxStorage* storage) {
     for (; storage && storage->isOpen() && SUCCEEDED(status); storage = storage->parent())
         status = storage->commit();
     return status;
+}
+
+/// Whether a source can be copied and nothing of it is missing, which no reading would tell. A caller's
+/// interface is not looked at.
+HRESULT checkSource(const VxStorage& source, CompoundAccess access) {
+    const SharedPathName& file = source.root()->name();
+    if (source.format() != StorageFormat::CompoundFile || file.empty())
+        return S_OK;
+    return Vexel::Detail::checkCompoundFile(file.asString(), access);
 }
 
 HRESULT plainCopy(VxStorage& source, VxStorage& target) {
@@ -162,8 +173,11 @@ long StorageRef::copyTo(const StorageRef& target) const {
         };
         const bool converts =
             format() == StorageFormat::CompoundFile && target.format() == StorageFormat::Package;
-        const HRESULT status =
-            converts && !isForeign() ? DocumentCopy(target).run(*this) : plainCopy(*from.get(), *to.get());
+        const bool byElement = converts && !isForeign();
+        HRESULT status =
+            checkSource(*from.get(), byElement ? CompoundAccess::Copy : CompoundAccess::Snapshot);
+        if (SUCCEEDED(status))
+            status = byElement ? DocumentCopy(target).run(*this) : plainCopy(*from.get(), *to.get());
         if (FAILED(status))
             VxLog_WriteW(VxLog_Minor, L"Failed to copy \"%ls\" to \"%ls\": 0x%08x",
                          whereabouts(*from.get()).c_str(), whereabouts(*to.get()).c_str(),

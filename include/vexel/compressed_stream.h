@@ -36,6 +36,9 @@ public:
         OpenReadOnly = 1,   ///< for reading
         OpenForWriting = 2, ///< marks a stream that is going to be written: it is never read as compressed
     };
+    friend constexpr OpenFlags operator|(OpenFlags a, OpenFlags b) noexcept {
+        return static_cast<OpenFlags>(static_cast<unsigned>(a) | static_cast<unsigned>(b));
+    }
 
     /// Empty. Without `decompress` every stream is read as it is.
     explicit COleStreamCompressFile(bool decompress);

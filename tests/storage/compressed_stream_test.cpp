@@ -1,6 +1,7 @@
 // Gzip streams, made and judged by zlib.
 
 #include "support/compound_file.h"
+#include "support/fake_storage.h"
 #include "support/framework_files.h"
 #include "support/log_capture.h"
 #include "support/streams.h"
@@ -239,13 +240,38 @@ TEST(CompressedStream, DecompressesFromWhereTheStreamsStand) {
 }
 
 TEST(CompressedStream, ReportsAWriteThatFails) {
-    unsigned char memory[10]{};
-    Vexel::Storage::DynamicBuffer buffer;
-    buffer.data = memory;
-    buffer.capacity = sizeof memory;
-    buffer.ownsMemory = false;
-    const auto full = Vexel::Detail::adopt(new InMemoryIStream(std::move(buffer)));
-    EXPECT_TRUE(FAILED(DecompressStream(streamOf(gzip(sampleText(1000))).Get(), full.Get())));
+    const auto target = Vexel::Detail::adopt(new Support::FaultyStream);
+    const std::string packed = gzip(sampleText(1000));
+    target->writesLeft = 0; // the first fails, those of the copy of the source as it is do not
+    EXPECT_EQ(DecompressStream(streamOf(packed).Get(), target.Get()), STG_E_WRITEFAULT);
+    EXPECT_EQ(bytesOf(target.Get()), packed);
+}
+
+TEST(CompressedStream, ExplainsWhyAStreamDoesNotOpen) {
+    const struct {
+        HRESULT status;
+        int cause;
+        LONG osError;
+    } cases[] = {
+        {STG_E_ACCESSDENIED, CFileException::accessDenied, ERROR_ACCESS_DENIED},
+        {STG_E_SHAREVIOLATION, CFileException::sharingViolation, ERROR_SHARING_VIOLATION},
+        {STG_E_INVALIDHEADER, CFileException::OsErrorToException(0xFB), 0xFB},
+        {STG_E_INUSE, CFileException::sharingViolation, STG_E_INUSE},
+        {STG_E_SHAREREQUIRED, CFileException::sharingViolation, STG_E_SHAREREQUIRED},
+        {STG_E_DOCFILECORRUPT, CFileException::genericException, STG_E_DOCFILECORRUPT},
+        {E_FAIL, CFileException::genericException, E_FAIL},
+    };
+    for (const auto& [status, cause, osError] : cases) {
+        Support::FakeCalls calls;
+        const StorageRef root = StorageRef::fromPtr(Support::fakeStorage(calls).Get());
+        for (std::size_t call = calls.log.size(); call < 8; ++call)
+            calls.failures[call] = status;
+        COleStreamCompressFile file(true);
+        CFileException error;
+        EXPECT_FALSE(file.OpenStream(root, {L"Note", true, false}, COleStreamCompressFile::OpenReadOnly, &error));
+        EXPECT_EQ(error.m_cause, cause) << std::hex << status;
+        EXPECT_EQ(error.m_lOsError, osError) << std::hex << status;
+    }
 }
 
 TEST(CompressedStream, MovesWithinInflatedBytesOnlyForward) {
@@ -334,6 +360,9 @@ TEST(CompressedStream, OpensStreamsOfStructuredFiles) {
     file.SetAutoOpenCompression(true);
     EXPECT_FALSE(
         file.OpenStream(document, element(L"Plain"), COleStreamCompressFile::OpenForWriting, nullptr));
+    EXPECT_FALSE(file.OpenStream(document, element(L"Packed"),
+                                 COleStreamCompressFile::OpenReadOnly | COleStreamCompressFile::OpenForWriting,
+                                 nullptr));
 }
 
 } // namespace

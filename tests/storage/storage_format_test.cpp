@@ -11,6 +11,8 @@
 #include <algorithm>
 #include <filesystem>
 #include <string>
+#include <system_error>
+#include <thread>
 
 using Microsoft::WRL::ComPtr;
 using Support::readFile;
@@ -112,30 +114,11 @@ TEST(OpenPackage, OpensBothFormatsByPathAndPackagesFromStreams) {
     }
 }
 
-/// A stream that is an ILockBytes too, as those of the system's are.
-class StreamOfLockedBytes final : public InMemoryIStream {
-public:
-    explicit StreamOfLockedBytes(const std::string& bytes) {
-        const HGLOBAL memory = GlobalAlloc(GMEM_MOVEABLE, bytes.size());
-        std::copy(bytes.begin(), bytes.end(), static_cast<char*>(GlobalLock(memory)));
-        GlobalUnlock(memory);
-        EXPECT_EQ(CreateILockBytesOnHGlobal(memory, TRUE, &bytes_), S_OK);
-        write(bytes.data(), bytes.size());
-    }
-    STDMETHODIMP QueryInterface(const GUID& iid, void** ppv) noexcept override {
-        return iid == IID_ILockBytes ? bytes_.CopyTo(reinterpret_cast<ILockBytes**>(ppv))
-                                     : InMemoryIStream::QueryInterface(iid, ppv);
-    }
-
-private:
-    ComPtr<ILockBytes> bytes_;
-};
-
 TEST(OpenPackage, OpensCompoundFilesInStreamsThatAreLockBytes) {
     const LogCapture log;
     std::string bytes = readFile(Support::samplePath(L"namesdemo.xls"));
     const auto open = [&] {
-        const auto stream = adopt(new StreamOfLockedBytes(bytes));
+        const auto stream = adopt(new Support::StreamOfLockedBytes(bytes));
         ComPtr<IStorage> root;
         const HRESULT status = OpenVexelPackageStream(&root, stream.Get());
         EXPECT_EQ(status == S_OK, root != nullptr);
@@ -148,6 +131,64 @@ TEST(OpenPackage, OpensCompoundFilesInStreamsThatAreLockBytes) {
     bytes[50] = 1; // the directory's first sector lies beyond the end
     EXPECT_EQ(open(), STG_E_DOCFILECORRUPT);
     EXPECT_EQ(log.count(VxLog_Minor, L"the compound file in a stream is damaged"), 1);
+}
+
+// A pipe whose other side goes away opens, but cannot be read.
+TEST(StorageFormat, RaisesAReadThatFails) {
+    const LogCapture quiet;
+    constexpr auto name = L"\\\\.\\pipe\\vexel-format-test";
+    const auto withPipe = [&](const auto& read) {
+        const HANDLE pipe =
+            CreateNamedPipeW(name, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+        std::thread server([pipe] {
+            ConnectNamedPipe(pipe, nullptr);
+            CloseHandle(pipe);
+        });
+        read();
+        server.join();
+    };
+    withPipe([&] { EXPECT_THROW(StorageRef::getFormat(name), std::system_error); });
+    withPipe([&] {
+        ComPtr<IStorage> root;
+        EXPECT_EQ(OpenVexelPackage(&root, name), HRESULT_FROM_WIN32(ERROR_BROKEN_PIPE));
+    });
+}
+
+/// Lock bytes of which nothing is known but what they are asked for.
+class ClosedBytes final : public Support::StreamOfLockedBytes, public ILockBytes {
+public:
+    using StreamOfLockedBytes::StreamOfLockedBytes;
+    STDMETHODIMP QueryInterface(const GUID& iid, void** ppv) noexcept override {
+        if (iid != IID_ILockBytes)
+            return StreamOfLockedBytes::QueryInterface(iid, ppv);
+        *ppv = static_cast<ILockBytes*>(this);
+        AddRef();
+        return S_OK;
+    }
+    STDMETHODIMP_(ULONG) AddRef() noexcept override { return StreamOfLockedBytes::AddRef(); }
+    STDMETHODIMP_(ULONG) Release() noexcept override { return StreamOfLockedBytes::Release(); }
+    STDMETHODIMP ReadAt(ULARGE_INTEGER, void*, ULONG, ULONG*) noexcept override { return STG_E_LOCKVIOLATION; }
+    STDMETHODIMP WriteAt(ULARGE_INTEGER, const void*, ULONG, ULONG*) noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP Flush() noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP SetSize(ULARGE_INTEGER) noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP Stat(STATSTG* info, DWORD) noexcept override {
+        info->cbSize.QuadPart = 10'000;
+        return knowsSize ? S_OK : STG_E_LOCKVIOLATION;
+    }
+    bool knowsSize = false;
+};
+
+TEST(OpenPackage, LeavesLockBytesThatCannotBeReadToTheSystem) {
+    const LogCapture log;
+    for (const bool knowsSize : {false, true}) {
+        const auto stream = adopt(new ClosedBytes(readFile(Support::samplePath(L"namesdemo.xls"))));
+        stream->knowsSize = knowsSize;
+        ComPtr<IStorage> root;
+        EXPECT_EQ(OpenVexelPackageStream(&root, stream.Get()), STG_E_LOCKVIOLATION);
+    }
+    EXPECT_EQ(log.count(L"damaged"), 0);
 }
 
 TEST(OpenPackage, RefusesWhatIsNoStructuredFile) {

@@ -6,7 +6,7 @@
 
 #include <windows.h>
 
-#include <objidl.h>
+#include <objbase.h>
 #include <shlwapi.h>
 #include <wrl/client.h>
 
@@ -48,6 +48,25 @@ public:
     HRESULT STDMETHODCALLTYPE Clone(::IStream** clone) noexcept override {
         return cloneFails ? STG_E_TOOMANYOPENFILES : InMemoryIStream::Clone(clone);
     }
+};
+
+/// A stream that is an ILockBytes too, as those of the system's are.
+class StreamOfLockedBytes : public Vexel::Storage::InMemoryIStream {
+public:
+    explicit StreamOfLockedBytes(std::string_view bytes) {
+        const HGLOBAL memory = GlobalAlloc(GMEM_MOVEABLE, bytes.size());
+        std::copy(bytes.begin(), bytes.end(), static_cast<char*>(GlobalLock(memory)));
+        GlobalUnlock(memory);
+        EXPECT_EQ(CreateILockBytesOnHGlobal(memory, TRUE, &bytes_), S_OK);
+        write(bytes.data(), bytes.size());
+    }
+    STDMETHODIMP QueryInterface(const GUID& iid, void** ppv) noexcept override {
+        return iid == IID_ILockBytes ? bytes_.CopyTo(reinterpret_cast<ILockBytes**>(ppv))
+                                     : InMemoryIStream::QueryInterface(iid, ppv);
+    }
+
+private:
+    Microsoft::WRL::ComPtr<ILockBytes> bytes_;
 };
 
 /// Our own, at its start.
