@@ -1,5 +1,6 @@
 #include "paths/platform_files.h"
 
+#include "base/process_end.h"
 #include "paths/file_handle.h"
 
 namespace Vexel::Detail {
@@ -31,24 +32,17 @@ DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
 
 std::thread StartThread(std::function<void()> const& body) { return std::thread(body); }
 
-// Only by name: the import libraries do not have it. Looked up while the module is loaded: making a local
-// static takes a lock of the runtime, which at the end of the process may be held for good.
-using EndQuery = BOOLEAN(NTAPI*)();
-const EndQuery endQuery = [] {
-    const FARPROC address = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress");
-    return reinterpret_cast<EndQuery>(reinterpret_cast<void*>(address));
-}();
+bool ProcessIsEnding() { return processIsEnding(); }
 
-bool ProcessIsEnding() { return endQuery && endQuery(); }
-
-// Makes the table of calls while the module is loaded, for the same reason.
+// Makes the table of calls while the module is loaded: the first use may be at the end of the process, when a
+// local static object must not be made any more.
 [[maybe_unused]] const PlatformFiles& madeEarly = Platform();
 
 } // namespace
 
 PlatformFiles& Platform() noexcept {
-    static PlatformFiles calls{ReadEntry,       CopyFileW,    DeleteFileW, SetFileAttributesW, GetTempPathW,
-                               GetProcessTimes, GetTickCount, StartThread, ProcessIsEnding};
+    static PlatformFiles calls{ReadEntry,    CreateFileW,     CopyFileW,    DeleteFileW, SetFileAttributesW,
+                               GetTempPathW, GetProcessTimes, GetTickCount, StartThread, ProcessIsEnding};
     return calls;
 }
 

@@ -19,6 +19,7 @@ struct PlatformFiles {
     /// Examines an entry, either a link itself or what it leads to. Returns 0 or the system's error code,
     /// with `info` as it was.
     DWORD (*readEntry)(wchar_t const* path, bool followLinks, EntryInfo& info);
+    decltype(&::CreateFileW) openFile;
     decltype(&::CopyFileW) copyFile;
     decltype(&::DeleteFileW) deleteFile;
     decltype(&::SetFileAttributesW) setAttributes;

@@ -2,11 +2,8 @@
 
 namespace Vexel::Detail {
 
-/// Whether the process is past the point where the system has ended all threads but this one, wherever they
-/// were: what they held, locks of the standard library and the runtime included, stays held. Destructors of
-/// static objects that ask this and get true must wait for nothing and nobody: a lock is tried, never taken.
-///
-/// Cheap enough for every lock, and callable at any time: nothing is made by the first call.
+/// `processIsEnding` of base/process_end.h, by way of this layer's table of system calls, so that a test can
+/// make it true. Callable at any time, and cheap enough to be asked before every lock.
 bool isProcessEnding() noexcept;
 
 } // namespace Vexel::Detail

@@ -238,9 +238,13 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     Platform().processIsEnding = [] { return true; };
     Registry().erase(second);
     EXPECT_FALSE(Exists(second));
+    const SharedPathName third = insertFile(); // without the lock, too
+    EXPECT_TRUE(Registry().contains(third));
+    Registry().release(third);
+    EXPECT_FALSE(Registry().contains(third));
+    EXPECT_TRUE(DeleteFileW(third.asString()));
     over = true;
     holder.join();
-    EXPECT_FALSE(Registry().contains(second));
 }
 
 TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
