@@ -23,6 +23,13 @@ DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
         CreateFileW(path, FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
     if (!entry)
         return GetLastError();
+    if (followLinks) { // the target may be on a volume that knows no tags
+        BY_HANDLE_FILE_INFORMATION target{};
+        if (!GetFileInformationByHandle(entry.get(), &target))
+            return GetLastError();
+        info = {target.dwFileAttributes, 0};
+        return ERROR_SUCCESS;
+    }
     FILE_ATTRIBUTE_TAG_INFO read{};
     if (!GetFileInformationByHandleEx(entry.get(), FileAttributeTagInfo, &read, sizeof read))
         return GetLastError();
@@ -41,8 +48,10 @@ bool ProcessIsEnding() { return processIsEnding(); }
 } // namespace
 
 PlatformFiles& Platform() noexcept {
-    static PlatformFiles calls{ReadEntry,    CreateFileW,     CopyFileW,    DeleteFileW, SetFileAttributesW,
-                               GetTempPathW, GetProcessTimes, GetTickCount, StartThread, ProcessIsEnding};
+    static PlatformFiles calls{ReadEntry,       CreateFileW,        CopyFileW,
+                               DeleteFileW,     SetFileAttributesW, GetTempPathW,
+                               GetProcessTimes, GetTickCount,       SHGetKnownFolderPath,
+                               StartThread,     ProcessIsEnding};
     return calls;
 }
 

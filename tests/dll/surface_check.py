@@ -3,7 +3,8 @@
   surface_check.py BIN_DIRECTORY OBJDUMP [--write]
 
 Exported classes are listed with their members' names, inline ones excepted, and by what else the compiler makes for
-them; of the imports the compiler's runtime is left out, which differs with its options. With --write the list is made anew; look at what changes in it.
+them; of the imports the compiler's runtime is left out, which differs with its options. With --write the list is made
+anew; look at what changes in it.
 """
 
 import difflib
@@ -52,7 +53,8 @@ def describe(folder, objdump):
     lines, faults = [], []
     for dll in DLLS:
         exported, imported = tables(objdump, folder / dll)
-        lines += [f"{dll} exports", *readable(exported), f"{dll} imports from", *(f"    {other}" for other in sorted(imported) if not other.startswith("lib"))]
+        others = [f"    {other}" for other in sorted(imported) if not other.startswith("lib")]
+        lines += [f"{dll} exports", *readable(exported), f"{dll} imports from", *others]
         excess = set(imported.get("vxdiagnostics.dll", [])) - DIAGNOSTICS
         if excess:
             faults.append(f"{dll} imports {', '.join(sorted(excess))}, which an application's library does not have")

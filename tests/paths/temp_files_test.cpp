@@ -286,6 +286,17 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
     Registry().erase(name);
     EXPECT_FALSE(Exists(name)); // closing was enough
 
+    // Of a link the link itself goes, not what it leads to.
+    Platform().openFile = [](const wchar_t*, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD creation,
+                             DWORD flags, HANDLE) {
+        EXPECT_EQ(access, 0U);
+        EXPECT_EQ(share, static_cast<DWORD>(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE));
+        EXPECT_EQ(creation, static_cast<DWORD>(OPEN_EXISTING));
+        EXPECT_EQ(flags, static_cast<DWORD>(FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT));
+        return INVALID_HANDLE_VALUE;
+    };
+    Registry().release(Registry().insert(nullptr, L"tmp", true, false));
+    Platform().openFile = CreateFileW;
     Platform().deleteFile = DeleteFileW;
     const SharedPathName missing = Registry().insert(nullptr, L"tmp", true, false);
     Registry().release(missing); // there was nothing to hold
