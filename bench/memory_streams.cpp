@@ -104,10 +104,11 @@ Function copying(ULONG block, bool reads) {
 template <void (*Copy)(void*, const void*, std::size_t)>
 Function copyingPieces(std::size_t length) {
     return [=](benchmark::State& state) {
-        std::vector<char> pieces(64 * KiB + 64, 'x');
+        constexpr std::size_t size = std::size_t{64} * KiB;
+        std::vector<char> pieces(size + 64, 'x');
         char buffer[64] = {};
         for (auto _ : state) {
-            for (std::size_t at = 0; at < 64 * KiB; at += length) {
+            for (std::size_t at = 0; at < size; at += length) {
                 std::size_t count = length;
                 benchmark::DoNotOptimize(count); // known at run time only, as the streams' counts are
                 Copy(buffer, pieces.data() + at, count);

@@ -2,13 +2,13 @@
 
 namespace Vexel {
 
-// Member by member: of an instance as a whole some compilers export only the tables, even of functions that
-// are not inline.
+#if VEXEL_EXPORTS_BY_MEMBER
 template VEXEL_API HRESULT STDMETHODCALLTYPE IUnknownImpl<::IStream>::QueryInterface(const GUID&,
                                                                                      void**) noexcept;
 template VEXEL_API ULONG STDMETHODCALLTYPE IUnknownImpl<::IStream>::AddRef() noexcept;
 template VEXEL_API ULONG STDMETHODCALLTYPE IUnknownImpl<::IStream>::Release() noexcept;
 template VEXEL_API ULONG IUnknownImpl<::IStream>::numRefs() const noexcept;
-template class IUnknownImpl<::IStream>;
+#endif
+template class VEXEL_API IUnknownImpl<::IStream>;
 
 } // namespace Vexel

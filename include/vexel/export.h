@@ -22,6 +22,13 @@
 #define VEXEL_SHARES_INSTANCES 0
 #endif
 
+/// Whether the compiler is one of those: it has to be told of each member of the instance.
+#if defined(__GNUC__) && !defined(__clang__)
+#define VEXEL_EXPORTS_BY_MEMBER 1
+#else
+#define VEXEL_EXPORTS_BY_MEMBER 0
+#endif
+
 #if defined(VEXEL_FRAMEWORK_STATIC)
 #define VEXEL_FRAMEWORK_API
 #elif defined(VEXEL_FRAMEWORK_BUILDING)

@@ -127,8 +127,8 @@ private:
 
 TEST_F(ProcessExit, WaitsForNobodyAndLeavesNothing) {
     const char* const wanted = std::getenv("VEXEL_TEST_EXITS");
-    const int rounds = wanted ? std::atoi(wanted) : 5;
-    for (int round = 0; round < rounds; ++round) {
+    const long rounds = wanted ? std::strtol(wanted, nullptr, 10) : 5;
+    for (long round = 0; round < rounds; ++round) {
         for (const std::wstring activity :
              {L"nothing", L"threads", L"log", L"open", L"save", L"name", L"files", L"all"}) {
             for (const wchar_t* way : {L" return", L" exit", L" ExitProcess"}) {
