@@ -2,6 +2,7 @@
 // least that writing and reading them takes.
 
 #include "io/com_pointer.h"
+#include "io/small_copy.h"
 #include "support/ratio.h"
 
 #include <vexel/framework.h>
@@ -99,6 +100,30 @@ Function copying(ULONG block, bool reads) {
     };
 }
 
+// What the streams copy short pieces by, against the call that it stands for.
+template <void (*Copy)(void*, const void*, std::size_t)>
+Function copyingPieces(std::size_t length) {
+    return [=](benchmark::State& state) {
+        constexpr std::size_t size = std::size_t{64} * KiB;
+        std::vector<char> pieces(size + 64, 'x');
+        char buffer[64] = {};
+        for (auto _ : state) {
+            for (std::size_t at = 0; at < size; at += length) {
+                std::size_t count = length;
+                benchmark::DoNotOptimize(count); // known at run time only, as the streams' counts are
+                Copy(buffer, pieces.data() + at, count);
+                benchmark::ClobberMemory();
+            }
+        }
+    };
+}
+
+void moveBytes(void* to, const void* from, std::size_t count) { std::memmove(to, from, count); }
+
+void moveShortBytes(void* to, const void* from, std::size_t count) {
+    Vexel::Detail::copyBytes(to, from, count);
+}
+
 Function appending(Make make, ULONG block, ULONG length) {
     return [=](benchmark::State& state) {
         const std::vector<char> buffer(block, 'y');
@@ -190,6 +215,10 @@ int main(int argc, char** argv) {
     }
     suite.compare("read 1 MiB against memcpy", 1 / 0.9, reading(ours, MiB), copying(MiB, true));
     suite.compare("write 1 MiB against memcpy", 1 / 0.9, writing(ours, MiB), copying(MiB, false));
+    for (const std::size_t length : {1, 4, 16, 40}) {
+        suite.compare("copy " + std::to_string(length) + " B against memmove", 0.8,
+                      copyingPieces<moveShortBytes>(length), copyingPieces<moveBytes>(length));
+    }
     // The system's stream moves its memory with every block: more of them would take it minutes.
     suite.compare("append 1 MiB in blocks of 16 B", 0.5, appending(ours, 16, MiB),
                   appending(systems, 16, MiB));

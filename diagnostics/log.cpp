@@ -97,13 +97,6 @@ void VxLog_WriteV(int level, const char* format, va_list arguments) noexcept {
     Vexel::Detail::deliverToSink(level, message.data());
 }
 
-void VxLog_WriteW(int level, const wchar_t* format, ...) noexcept {
-    va_list arguments = {};
-    va_start(arguments, format);
-    VxLog_WriteWV(level, format, arguments);
-    va_end(arguments);
-}
-
 void VxLog_Write(int level, const char* format, ...) noexcept {
     va_list arguments = {};
     va_start(arguments, format);

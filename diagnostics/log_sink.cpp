@@ -1,5 +1,6 @@
 #include "log_sink.h"
 
+#include "base/process_end.h"
 #include "default_sink.h"
 
 #include <vexel/diagnostics.h>
@@ -25,11 +26,21 @@ constexpr int everyLevel = std::numeric_limits<int>::min();
 /// busy the new one is.
 ///
 /// Slim locks and nothing that is built or destroyed at run time: usable before `main` and at process exit.
+/// There, when all other threads are gone and what they held stays held, nothing is locked or waited for: one
+/// word says which of the two targets is the present one, so that it is whole wherever a thread was stopped.
 class SinkSlot {
 public:
-    bool wants(int level) const noexcept { return level >= minimumLevel_.load(std::memory_order_relaxed); }
+    bool wants(int level) const noexcept {
+        return level >= minimumLevel_.load(std::memory_order_relaxed) &&
+               (level >= VxLog_Warning || !processIsEnding());
+    }
 
     void call(int level, const wchar_t* message) noexcept {
+        // A sink of the application may wait for a lock that is held for good.
+        if (processIsEnding()) {
+            writeToStandardError(level, message);
+            return;
+        }
         const auto [target, generation] = enter();
         try {
             if (target.sink)
@@ -43,11 +54,12 @@ public:
     }
 
     Target exchange(Target target) noexcept {
+        if (processIsEnding())
+            return replace(target);
         AcquireSRWLockExclusive(&settingLock_); // one generation ends at a time
         AcquireSRWLockExclusive(&lock_);
-        const Target old = std::exchange(target_, target);
-        minimumLevel_.store(target.sink ? everyLevel : VxLog_Warning, std::memory_order_relaxed);
-        const unsigned ended = std::exchange(generation_, generation_ ^ 1U);
+        const unsigned ended = generation_;
+        const Target old = replace(target);
         while (calls_[ended] != 0)
             SleepConditionVariableSRW(&callsEnded_, &lock_, INFINITE, 0);
         ReleaseSRWLockExclusive(&lock_);
@@ -56,12 +68,22 @@ public:
     }
 
 private:
+    Target replace(Target target) noexcept {
+        const Target old = targets_[generation_];
+        const unsigned next = generation_ ^ 1U;
+        targets_[next] = target;
+        minimumLevel_.store(target.sink ? everyLevel : VxLog_Warning, std::memory_order_relaxed);
+        generation_ = next;
+        return old;
+    }
+
     std::pair<Target, unsigned> enter() noexcept {
         AcquireSRWLockExclusive(&lock_);
-        ++calls_[generation_];
-        const std::pair<Target, unsigned> entered(target_, generation_);
+        const unsigned generation = generation_;
+        ++calls_[generation];
+        const Target target = targets_[generation];
         ReleaseSRWLockExclusive(&lock_);
-        return entered;
+        return {target, generation};
     }
 
     void leave(unsigned generation) noexcept {
@@ -74,8 +96,8 @@ private:
     SRWLOCK settingLock_ = SRWLOCK_INIT;
     SRWLOCK lock_ = SRWLOCK_INIT; ///< guards all below but the level
     CONDITION_VARIABLE callsEnded_ = CONDITION_VARIABLE_INIT;
-    Target target_;
-    unsigned generation_ = 0;
+    Target targets_[2];
+    std::atomic<unsigned> generation_ = 0;
     unsigned calls_[2] = {0, 0};
     std::atomic<int> minimumLevel_ = VxLog_Warning;
 };

@@ -2,6 +2,13 @@
 
 namespace Vexel {
 
+#if VEXEL_EXPORTS_BY_MEMBER
+template VEXEL_API HRESULT STDMETHODCALLTYPE IUnknownImpl<::IStream>::QueryInterface(const GUID&,
+                                                                                     void**) noexcept;
+template VEXEL_API ULONG STDMETHODCALLTYPE IUnknownImpl<::IStream>::AddRef() noexcept;
+template VEXEL_API ULONG STDMETHODCALLTYPE IUnknownImpl<::IStream>::Release() noexcept;
+template VEXEL_API ULONG IUnknownImpl<::IStream>::numRefs() const noexcept;
+#endif
 template class VEXEL_API IUnknownImpl<::IStream>;
 
 } // namespace Vexel

@@ -1,16 +1,14 @@
 #include "io/memory_blocks.h"
+#include "io/small_copy.h"
 
 #include <vexel/memory_streams.h>
 
-#include <emmintrin.h>
-
 #include <algorithm>
-#include <cstdint>
-#include <cstring>
 #include <new>
 #include <optional>
 #include <utility>
 
+using Vexel::Detail::copyBytes;
 using Vexel::Detail::memorySource;
 
 namespace Vexel::Storage {
@@ -19,69 +17,6 @@ namespace {
 unsigned long long magnitude(long long negative) noexcept {
     return 0 - static_cast<unsigned long long>(
                    negative); // also right for the least number, which has no opposite
-}
-
-// A block of sixteen bytes, loaded and stored as one.
-using Block = __m128i;
-
-inline Block load(const unsigned char* from) noexcept {
-    return _mm_loadu_si128(reinterpret_cast<const Block*>(from));
-}
-
-inline void store(unsigned char* to, Block block) noexcept {
-    _mm_storeu_si128(reinterpret_cast<Block*>(to), block);
-}
-
-// These copy the first and the last bytes of `count`, which together are all of it. Both are read before
-// either is written, so that the places may overlap.
-
-template <class Word>
-inline void copyEnds(unsigned char* to, const unsigned char* from, std::size_t count) noexcept {
-    Word first;
-    Word last;
-    std::memcpy(&first, from, sizeof first);
-    std::memcpy(&last, from + count - sizeof last, sizeof last);
-    std::memcpy(to, &first, sizeof first);
-    std::memcpy(to + count - sizeof last, &last, sizeof last);
-}
-
-inline void copyBlocks(unsigned char* to, const unsigned char* from, std::size_t count) noexcept {
-    const Block first = load(from);
-    const Block last = load(from + count - sizeof(Block));
-    store(to, first);
-    store(to + count - sizeof(Block), last);
-}
-
-inline void copyPairs(unsigned char* to, const unsigned char* from, std::size_t count) noexcept {
-    const std::size_t end = count - sizeof(Block);
-    const Block first = load(from);
-    const Block second = load(from + sizeof(Block));
-    const Block third = load(from + end - sizeof(Block));
-    const Block fourth = load(from + end);
-    store(to, first);
-    store(to + sizeof(Block), second);
-    store(to + end - sizeof(Block), third);
-    store(to + end, fourth);
-}
-
-// Most reads and writes are of a few bytes, for which a call of memmove costs more than the copying.
-inline void copy(void* destination, const void* source, std::size_t count) noexcept {
-    auto* const to = static_cast<unsigned char*>(destination);
-    const auto* const from = static_cast<const unsigned char*>(source);
-    if (count > 64)
-        std::memmove(to, from, count);
-    else if (count > 32)
-        copyPairs(to, from, count);
-    else if (count >= 16)
-        copyBlocks(to, from, count);
-    else if (count >= 8)
-        copyEnds<std::uint64_t>(to, from, count);
-    else if (count >= 4)
-        copyEnds<std::uint32_t>(to, from, count);
-    else if (count >= 2)
-        copyEnds<std::uint16_t>(to, from, count);
-    else if (count == 1)
-        *to = *from;
 }
 
 } // namespace
@@ -127,7 +62,7 @@ unsigned long long InMemoryIStream::read(void* destination, unsigned long long c
         return 0;
     count = (std::min)(count, buffer.size - start);
     position_ = start + count;
-    copy(destination, buffer.data + start, count);
+    copyBytes(destination, buffer.data + start, count);
     return count;
 }
 
@@ -139,7 +74,7 @@ inline void InMemoryIStream::place(const void* source, unsigned long long count)
     position_ = end;
     if (buffer.size < end)
         buffer.size = end;
-    copy(buffer.data + start, source, count);
+    copyBytes(buffer.data + start, source, count);
 }
 
 inline bool InMemoryIStream::hasRoom(unsigned long long count) const noexcept {
@@ -209,7 +144,7 @@ HRESULT InMemoryIStream::Read(void* pv, ULONG cb, ULONG* pcbRead) noexcept {
         *pcbRead = count;
     position_ = start + count;
     if (count > 0)
-        copy(pv, buffer.data + start, count);
+        copyBytes(pv, buffer.data + start, count);
     return pv ? S_OK : STG_E_INVALIDPOINTER;
 }
 

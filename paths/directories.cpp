@@ -23,9 +23,9 @@ using TaskMemoryText = std::unique_ptr<wchar_t, TaskMemoryDeleter>;
 /// The folder's path, or null. The shell may hand out a buffer even when it fails.
 TaskMemoryText FindKnownFolder(GUID const& folderId, DWORD flags) {
     wchar_t* buffer = nullptr;
-    const HRESULT result = SHGetKnownFolderPath(folderId, flags, nullptr, &buffer);
+    const HRESULT result = Detail::Platform().getKnownFolder(folderId, flags, nullptr, &buffer);
     TaskMemoryText path(buffer);
-    if (FAILED(result))
+    if (result != S_OK)
         path.reset();
     return path;
 }

@@ -4,6 +4,9 @@
 
 #include <vexel/paths.h>
 
+#include <array>
+#include <cstddef>
+#include <filesystem>
 #include <optional>
 #include <vector>
 
@@ -14,11 +17,17 @@ namespace Vexel {
 
 namespace {
 
+using Identity = std::array<DWORD, 3>;
+
+constexpr std::size_t noParent = static_cast<std::size_t>(-1);
+
 struct CopyJob {
     std::wstring source;
     std::wstring target;
+    std::size_t parent = noParent; ///< the job of the directory this was found in
     bool directory = false;
     bool copied = true; ///< false for a directory that is looked at but left alone
+    std::optional<Identity> identity = std::nullopt; ///< of a directory, where it can be had
 };
 
 struct Entry {
@@ -52,32 +61,28 @@ std::error_code ReadTarget(std::wstring const& path, Entry& entry) {
     return SystemError(error);
 }
 
-std::optional<BY_HANDLE_FILE_INFORMATION> ReadIdentity(std::wstring const& path) {
+/// What tells an entry from all others, links followed; none where it cannot be examined.
+std::optional<Identity> ReadIdentity(std::wstring const& path) {
     constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     const Detail::FileHandle entry(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, shareAll, nullptr,
                                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     BY_HANDLE_FILE_INFORMATION info{};
-    if (!entry || !GetFileInformationByHandle(entry.get(), &info))
+    // File systems without indices give 0 for every file.
+    if (!entry || !GetFileInformationByHandle(entry.get(), &info) ||
+        (info.nFileIndexHigh == 0 && info.nFileIndexLow == 0))
         return std::nullopt;
-    return info;
+    return Identity{info.dwVolumeSerialNumber, info.nFileIndexHigh, info.nFileIndexLow};
 }
 
 bool IsSameEntry(std::wstring const& a, std::wstring const& b) {
     const auto first = ReadIdentity(a);
-    const auto second = ReadIdentity(b);
-    // File systems without indices give 0 for every file.
-    if (!first || !second || (first->nFileIndexHigh == 0 && first->nFileIndexLow == 0))
-        return false;
-    return first->dwVolumeSerialNumber == second->dwVolumeSerialNumber &&
-           first->nFileIndexHigh == second->nFileIndexHigh && first->nFileIndexLow == second->nFileIndexLow;
+    return first && first == ReadIdentity(b);
 }
 
+/// As the standard joins them: behind a bare drive no separator, which would make its root of the current
+/// directory there.
 std::wstring Join(std::wstring_view directory, std::wstring_view name) {
-    std::wstring path(directory);
-    if (!path.empty() && !Detail::IsSeparator(path.back()))
-        path += L'\\';
-    path += name;
-    return path;
+    return (std::filesystem::path(directory) / name).native();
 }
 
 std::error_code ListDirectory(std::wstring const& directory, std::vector<std::wstring>& names) {
@@ -131,6 +136,16 @@ std::error_code CopyOne(CopyJob job, FlagSet<CopyingFlag> flags) {
     return CopyOneFile(job, target, flags);
 }
 
+/// Whether a directory is one of those it was found in, by way of a link: the listing would go round for
+/// ever.
+bool LeadsBack(std::vector<CopyJob> const& jobs, CopyJob const& job) {
+    for (std::size_t above = job.parent; job.identity && above != noParent; above = jobs[above].parent) {
+        if (jobs[above].identity == job.identity)
+            return true;
+    }
+    return false;
+}
+
 /// Examines the source of `jobs[index]` and adds a job for each entry of a directory to be copied.
 std::error_code PlanOne(std::vector<CopyJob>& jobs, std::size_t index, FlagSet<CopyingFlag> flags) {
     const CopyJob parent = jobs[index];
@@ -141,6 +156,9 @@ std::error_code PlanOne(std::vector<CopyJob>& jobs, std::size_t index, FlagSet<C
         return {};
 
     jobs[index].directory = true;
+    jobs[index].identity = ReadIdentity(parent.source);
+    if (LeadsBack(jobs, jobs[index]))
+        return std::make_error_code(std::errc::too_many_symbolic_link_levels);
     // As the standard has it: without recursion only the directory named by the caller is copied, with its
     // files, and only when no other option is given.
     const bool copied =
@@ -151,7 +169,7 @@ std::error_code PlanOne(std::vector<CopyJob>& jobs, std::size_t index, FlagSet<C
         return {};
     const std::error_code error = ListDirectory(parent.source, names);
     for (std::wstring const& name : names)
-        jobs.push_back({Join(parent.source, name), Join(parent.target, name)});
+        jobs.push_back({Join(parent.source, name), Join(parent.target, name), index});
     return error;
 }
 

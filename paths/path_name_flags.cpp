@@ -46,7 +46,7 @@ SharedPathNameFlagsCacheBlock::~SharedPathNameFlagsCacheBlock() {
         return;
     std::unique_ptr<Names> names; // let go outside the lock: entries may go with them
     const SpinGuard guard(registryLock);
-    if (!guard)
+    if (!guard || IsActive()) // a block that began meanwhile goes on with what is known, and forgets it
         return;
     names.reset(std::exchange(registered, nullptr));
     if (!names)

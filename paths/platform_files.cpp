@@ -1,5 +1,6 @@
 #include "paths/platform_files.h"
 
+#include "base/process_end.h"
 #include "paths/file_handle.h"
 
 namespace Vexel::Detail {
@@ -22,6 +23,13 @@ DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
         CreateFileW(path, FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
     if (!entry)
         return GetLastError();
+    if (followLinks) { // the target may be on a volume that knows no tags
+        BY_HANDLE_FILE_INFORMATION target{};
+        if (!GetFileInformationByHandle(entry.get(), &target))
+            return GetLastError();
+        info = {target.dwFileAttributes, 0};
+        return ERROR_SUCCESS;
+    }
     FILE_ATTRIBUTE_TAG_INFO read{};
     if (!GetFileInformationByHandleEx(entry.get(), FileAttributeTagInfo, &read, sizeof read))
         return GetLastError();
@@ -31,21 +39,19 @@ DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
 
 std::thread StartThread(std::function<void()> const& body) { return std::thread(body); }
 
-bool ProcessIsEnding() {
-    // Only by name: the import libraries do not have it.
-    using Query = BOOLEAN(NTAPI*)();
-    static const Query query = [] {
-        const FARPROC address = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress");
-        return reinterpret_cast<Query>(reinterpret_cast<void*>(address));
-    }();
-    return query && query();
-}
+bool ProcessIsEnding() { return processIsEnding(); }
+
+// Makes the table of calls while the module is loaded: the first use may be at the end of the process, when a
+// local static object must not be made any more.
+[[maybe_unused]] const PlatformFiles& madeEarly = Platform();
 
 } // namespace
 
 PlatformFiles& Platform() noexcept {
-    static PlatformFiles calls{ReadEntry,       CopyFileW,    DeleteFileW, SetFileAttributesW, GetTempPathW,
-                               GetProcessTimes, GetTickCount, StartThread, ProcessIsEnding};
+    static PlatformFiles calls{ReadEntry,       CreateFileW,        CopyFileW,
+                               DeleteFileW,     SetFileAttributesW, GetTempPathW,
+                               GetProcessTimes, GetTickCount,       SHGetKnownFolderPath,
+                               StartThread,     ProcessIsEnding};
     return calls;
 }
 

@@ -2,6 +2,8 @@
 
 #include <windows.h>
 
+#include <shlobj.h>
+
 #include <functional>
 #include <thread>
 
@@ -10,7 +12,7 @@ namespace Vexel::Detail {
 /// What the system tells about a file-system entry.
 struct EntryInfo {
     DWORD attributes = 0;
-    DWORD reparseTag = 0; ///< 0 unless the entry is a reparse point
+    DWORD reparseTag = 0; ///< of a reparse point that is examined itself; else 0
 };
 
 /// The system calls of this layer that fail for reasons outside the program. They are called through
@@ -19,12 +21,14 @@ struct PlatformFiles {
     /// Examines an entry, either a link itself or what it leads to. Returns 0 or the system's error code,
     /// with `info` as it was.
     DWORD (*readEntry)(wchar_t const* path, bool followLinks, EntryInfo& info);
+    decltype(&::CreateFileW) openFile;
     decltype(&::CopyFileW) copyFile;
     decltype(&::DeleteFileW) deleteFile;
     decltype(&::SetFileAttributesW) setAttributes;
     decltype(&::GetTempPathW) getTempPath;
     decltype(&::GetProcessTimes) getProcessTimes;
     decltype(&::GetTickCount) getTickCount;
+    decltype(&::SHGetKnownFolderPath) getKnownFolder;
     /// Raises `std::system_error` when no thread can be had.
     std::thread (*startThread)(std::function<void()> const& body);
     /// Whether the process is past the point where the system has ended all threads but this one.

@@ -1,6 +1,6 @@
 #include "paths/spin_lock.h"
 
-#include "paths/platform_files.h"
+#include "paths/process_end.h"
 
 #include <thread>
 
@@ -8,7 +8,7 @@ namespace Vexel::Detail {
 
 bool SpinGuard::wait() noexcept {
     do {
-        if (Platform().processIsEnding())
+        if (isProcessEnding())
             return false;
         std::this_thread::yield();
     } while (word_.exchange(1, std::memory_order_acquire) != 0);

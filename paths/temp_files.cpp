@@ -1,5 +1,6 @@
 #include "paths/file_handle.h"
 #include "paths/platform_files.h"
+#include "paths/process_end.h"
 #include "paths/temp_names.h"
 
 #include <vexel/diagnostics.h>
@@ -19,11 +20,13 @@
 // has a number, and the thread removes a record only if it still bears the mark it was collected with.
 //
 // Process exit. As part of the DLL the registry is destroyed when the system has already ended all other
-// threads, wherever they were. Nothing may then be waited for: not the thread, not the mutex it may have
-// held, not the condition variable that may still count it as waiting. The records are read without the
-// mutex, unless a thread was stopped just while it put one in or took one out.
+// threads, wherever they were. Nothing may then be waited for, and nothing of the threads' own be touched:
+// not the mutex they may have held, not the condition variable that may still count the deletion thread as
+// waiting, not its thread object, whose functions lock too. The records are used without the mutex, unless a
+// thread was stopped just while it put one in or took one out.
 
 using Vexel::Detail::FileHandle;
+using Vexel::Detail::isProcessEnding;
 using Vexel::Detail::Platform;
 
 namespace {
@@ -139,10 +142,13 @@ struct TempFileContainer::State {
     /// A record is being put in or taken out.
     std::atomic<bool> changing = false;
 
+    /// Takes the mutex, unless the process is ending; true when the records may be used.
+    bool enter(std::unique_lock<std::recursive_mutex>& lock);
     Record& recordOf(SharedPathName const& name);
     Records::iterator forget(Records::iterator file);
     void mark(Record& record);
-    bool wakeOrStartThread();
+    bool wakeThread();
+    bool startThread();
     void stopThread();
     Records::iterator deleteNow(Records::iterator file);
 
@@ -152,14 +158,30 @@ struct TempFileContainer::State {
     void settle(std::vector<MarkedFile> const& files);
 };
 
+bool TempFileContainer::State::enter(std::unique_lock<std::recursive_mutex>& lock) {
+    if (isProcessEnding())
+        return !changing;
+    lock = std::unique_lock(mutex);
+    return true;
+}
+
+// Memory is taken and given back outside the marked stretches, which keeps them short.
+
 Record& TempFileContainer::State::recordOf(SharedPathName const& name) {
+    if (const auto found = records.find(name); found != records.end())
+        return found->second;
+    Records made;
+    made.try_emplace(name);
     const ChangeMark mark(changing);
-    return records[name];
+    return records.insert(made.extract(made.begin())).position->second;
 }
 
 TempFileContainer::State::Records::iterator TempFileContainer::State::forget(Records::iterator file) {
+    const auto next = std::next(file);
+    Records::node_type gone;
     const ChangeMark mark(changing);
-    return records.erase(file);
+    gone = records.extract(file);
+    return next;
 }
 
 void TempFileContainer::State::mark(Record& record) {
@@ -169,11 +191,17 @@ void TempFileContainer::State::mark(Record& record) {
     ++pendingCount;
 }
 
-bool TempFileContainer::State::wakeOrStartThread() {
-    if (deletionThread.joinable()) {
-        wake.broadcast();
-        return true;
-    }
+/// False when there is none.
+bool TempFileContainer::State::wakeThread() {
+    if (isProcessEnding() || !deletionThread.joinable())
+        return false;
+    wake.broadcast();
+    return true;
+}
+
+bool TempFileContainer::State::startThread() {
+    if (isProcessEnding())
+        return false;
     try {
         PinModule();
         deletionThread = Platform().startThread([this] { runDeletionThread(); });
@@ -185,12 +213,8 @@ bool TempFileContainer::State::wakeOrStartThread() {
 }
 
 void TempFileContainer::State::stopThread() {
-    if (!deletionThread.joinable())
+    if (isProcessEnding() || !deletionThread.joinable())
         return;
-    if (Platform().processIsEnding()) {
-        deletionThread.detach(); // the system has ended it
-        return;
-    }
     wake.requestStop();
     deletionThread.join();
     wake.clearStop();
@@ -200,7 +224,8 @@ void TempFileContainer::State::stopThread() {
 TempFileContainer::State::Records::iterator TempFileContainer::State::deleteNow(Records::iterator file) {
     Record& record = file->second;
     record.handle.close();
-    if (!DeleteTempFile(file->first, record.lastFailure))
+    // At the end of the process the record stays: a thread may have been stopped in the middle of the heap.
+    if (!DeleteTempFile(file->first, record.lastFailure) || isProcessEnding())
         return std::next(file);
     if (record.pendingDeletion)
         --pendingCount;
@@ -258,26 +283,25 @@ void TempFileContainer::State::settle(std::vector<MarkedFile> const& files) {
 TempFileContainer::TempFileContainer() : state_(std::make_unique<State>()) {}
 
 TempFileContainer::~TempFileContainer() {
-    if (!Platform().processIsEnding()) {
-        clearAll();
-        return;
-    }
-    // The state is left to the end of the process: destroying a condition variable waits for its waiters, and
-    // releasing names takes a lock that nobody may be left to give back.
-    State* const state = state_.release();
-    state->stopThread();
-    if (!state->changing) {
-        for (auto& [name, record] : state->records) {
-            record.handle.close();
-            DeleteTempFile(name, record.lastFailure);
-        }
-    }
+    clearAll();
+    // The state is left to the end of the process then: destroying a condition variable waits for its
+    // waiters, and a thread object that still stands for a thread ends the process.
+    if (isProcessEnding())
+        static_cast<void>(state_.release());
 }
 
 TempFileContainer& TempFileContainer::Instance() {
     static TempFileContainer instance;
     return instance;
 }
+
+namespace {
+
+// Made while the module is loaded: the first use may be at the end of the process, when no local static
+// object must be made any more.
+[[maybe_unused]] TempFileContainer const& madeEarly = TempFileContainer::Instance();
+
+} // namespace
 
 CString TempFileContainer::generateUniqueFileName(wchar_t const* prefix, wchar_t const* extension) const {
     return Vexel::Detail::MakeTempFileName(prefix, extension);
@@ -293,15 +317,19 @@ SharedPathName TempFileContainer::insert(wchar_t const* prefix, wchar_t const* e
 SharedPathName TempFileContainer::insert(SharedPathName const& name, bool holdHandle, bool userFlag) {
     if (name.empty())
         return name;
-    const std::lock_guard lock(state_->mutex);
+    std::unique_lock<std::recursive_mutex> lock;
+    if (!state_->enter(lock))
+        return name;
     Record& record = state_->recordOf(name);
     // The pending count is not taken back with the mark, so `clear` goes on reporting unfinished work.
     record.pendingDeletion = false;
     record.userFlag = userFlag;
     if (holdHandle && !record.handle) {
         constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-        record.handle = FileHandle(CreateFileW(name.asString(), 0, shareAll, nullptr, OPEN_EXISTING,
-                                               FILE_FLAG_DELETE_ON_CLOSE, nullptr));
+        // Of a link the link itself, as DeleteFileW does, and not what it leads to.
+        constexpr DWORD flags = FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT;
+        record.handle = FileHandle(
+            Platform().openFile(name.asString(), 0, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
     }
     return name;
 }
@@ -338,44 +366,39 @@ SharedPathName TempFileContainer::insertCopy(wchar_t const* source, wchar_t cons
 }
 
 bool TempFileContainer::contains(SharedPathName const& name) const {
-    const std::lock_guard lock(state_->mutex);
-    return !name.empty() && state_->records.contains(name);
+    std::unique_lock<std::recursive_mutex> lock;
+    return !name.empty() && state_->enter(lock) && state_->records.contains(name);
 }
 
 void TempFileContainer::erase(SharedPathName const& name) {
-    if (name.empty())
+    std::unique_lock<std::recursive_mutex> lock;
+    if (name.empty() || !state_->enter(lock))
         return;
-    std::unique_lock lock(state_->mutex, std::defer_lock);
-    const bool ending = Platform().processIsEnding();
-    if (!ending)
-        lock.lock();
-    else if (state_->changing)
-        return; // for ever
     const auto found = state_->records.find(name);
     if (found == state_->records.end() || found->second.pendingDeletion)
         return;
     state_->mark(found->second);
-    if (ending || !state_->wakeOrStartThread())
+    if (!state_->wakeThread() && !state_->startThread())
         state_->deleteNow(found);
 }
 
 void TempFileContainer::release(SharedPathName const& name) {
-    if (name.empty())
+    std::unique_lock<std::recursive_mutex> lock;
+    if (name.empty() || !state_->enter(lock))
         return;
-    const std::lock_guard lock(state_->mutex);
     const auto found = state_->records.find(name);
     if (found != state_->records.end() && !found->second.handle && !found->second.pendingDeletion)
         state_->forget(found);
 }
 
 bool TempFileContainer::clear() {
-    const std::lock_guard lock(state_->mutex);
+    std::unique_lock<std::recursive_mutex> lock;
+    if (!state_->enter(lock))
+        return false;
     if (state_->pendingCount == 0)
         return true;
-    if (state_->deletionThread.joinable()) {
-        state_->wake.broadcast();
+    if (state_->wakeThread())
         return false;
-    }
     for (auto file = state_->records.begin(); file != state_->records.end();)
         file = file->second.pendingDeletion ? state_->deleteNow(file) : std::next(file);
     return state_->pendingCount == 0;
@@ -384,6 +407,8 @@ bool TempFileContainer::clear() {
 // Without the mutex: at the end of the process a thread may be gone that never gave it back.
 void TempFileContainer::clearAll() {
     state_->stopThread();
+    if (isProcessEnding() && state_->changing)
+        return;
     for (auto file = state_->records.begin(); file != state_->records.end();)
         file = state_->deleteNow(file);
 }

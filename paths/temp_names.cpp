@@ -1,6 +1,7 @@
 #include "paths/temp_names.h"
 
 #include "paths/platform_files.h"
+#include "paths/process_end.h"
 
 #include <vexel/diagnostics.h>
 
@@ -65,6 +66,12 @@ TempNaming const& GetTempNaming() noexcept {
     static INIT_ONCE once = INIT_ONCE_STATIC_INIT;
     static TempNaming naming;
     BOOL pending = FALSE;
+    if (isProcessEnding()) {
+        // The thread that began may be gone.
+        if (!InitOnceBeginInitialize(&once, INIT_ONCE_CHECK_ONLY, &pending, nullptr) || pending)
+            naming = ComputeTempNaming();
+        return naming;
+    }
     if (!InitOnceBeginInitialize(&once, 0, &pending, nullptr))
         std::terminate();
     if (pending) {

@@ -51,7 +51,8 @@ protected:
     IUnknownImpl(const IUnknownImpl& /*other*/) noexcept : I() {}
 
     /// The first virtual function after those of `I`: `Release` deletes through it, in the module that made
-    /// the object.
+    /// the object. One slot with Visual C++; with compilers of the Itanium C++ ABI (GCC, Clang) two, for the
+    /// destructor itself and then for the one that also frees the memory.
     virtual ~IUnknownImpl() = default;
 
     /// Ends a successful `QueryInterface`: this object with one more reference. `S_OK`.
@@ -65,7 +66,9 @@ private:
     std::atomic<ULONG> references_{1};
 };
 
-// The one instance whose code clients share.
+// The one instance that the library exports.
+#if VEXEL_SHARES_INSTANCES
 extern template class VEXEL_API IUnknownImpl<::IStream>;
+#endif
 
 } // namespace Vexel

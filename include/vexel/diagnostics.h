@@ -4,7 +4,7 @@
 /// status codes into the application's error codes.
 ///
 /// None of these functions throws, and none changes what `GetLastError` says: a failure can be logged before
-/// it is looked at. All may be called from any thread at any time.
+/// it is looked at. All may be called from any thread at any time, also while the process ends.
 
 #include <vexel/export.h>
 
@@ -24,6 +24,9 @@ enum VxLogLevel : int {
 /// Receives every message: its level, its text without a line end, and the context given to `VxLog_SetSink`.
 /// The text is valid during the call only. Called on the thread that logs, possibly on several at once. It
 /// may log itself; it must not set the sink, and what it throws is dropped.
+///
+/// Not called any more once the process ends: when the system has ended all other threads and the DLLs are
+/// let go of, a lock of the sink's own may be held for good. Messages go to the default sink then.
 using VxLogSink = void (*)(int level, const wchar_t* message, void* context);
 
 /// The application's error codes, as `VxHResultToVexelError` gives them.
@@ -58,21 +61,27 @@ VEXEL_DIAGNOSTICS_API void VxLog_WriteV(int level, const char* format, va_list a
     VEXEL_PRINTF_FORMAT(2, 0);
 
 /// Logs a message given as a wide format. The format follows the platform's rule: `%s` and `%ls` are both
-/// wide, `%hs` is narrow, `%llu` and `%lld` are 64 bits, `%p` is 16 hexadecimal digits.
-VEXEL_DIAGNOSTICS_API void VxLog_WriteW(int level, const wchar_t* format, ...) noexcept;
-
-/// `VxLog_WriteW` with the arguments as a list. The list is used up.
+/// wide, `%hs` is narrow, `%llu` and `%lld` are 64 bits, `%p` is 16 hexadecimal digits. The list is used up.
 VEXEL_DIAGNOSTICS_API void VxLog_WriteWV(int level, const wchar_t* format, va_list arguments) noexcept;
 
 /// Sends all messages from now on to `sink`; null brings back the default sink, which writes messages from
 /// `VxLog_Warning` up to the standard error stream, one line of UTF-8 each.
 ///
 /// Waits until the calls that run in the old sink are over, so that its context may be freed when this
-/// returns. Returns the old sink (null: the default one) and, when `oldContext` is given, its context.
+/// returns; not at the end of the process, when no call can be running. Returns the old sink (null: the
+/// default one) and, when `oldContext` is given, its context.
 VEXEL_DIAGNOSTICS_API VxLogSink VxLog_SetSink(VxLogSink sink, void* context,
                                               void** oldContext = nullptr) noexcept;
 
 /// The application's error code (one of `VxErrorCode`) for a status. Platform errors are understood in both
 /// of their forms: as `HRESULT_FROM_WIN32` makes them and in the storage facility (0x80030000 | code).
 VEXEL_DIAGNOSTICS_API int VxHResultToVexelError(HRESULT status) noexcept;
+}
+
+/// `VxLog_WriteWV` with the arguments behind the format.
+inline void VxLog_WriteW(int level, const wchar_t* format, ...) noexcept {
+    va_list arguments = {};
+    va_start(arguments, format);
+    VxLog_WriteWV(level, format, arguments);
+    va_end(arguments);
 }

@@ -14,6 +14,21 @@
 #define VEXEL_API __declspec(dllimport)
 #endif
 
+/// Whether an exported instance of a class template is used by clients out of the DLL. Where the compiler
+/// exports only what it is told to of an instance, clients make their own of the header's code.
+#if defined(VEXEL_BUILDING) || defined(_MSC_VER)
+#define VEXEL_SHARES_INSTANCES 1
+#else
+#define VEXEL_SHARES_INSTANCES 0
+#endif
+
+/// Whether the compiler is one of those: it has to be told of each member of the instance.
+#if defined(__GNUC__) && !defined(__clang__)
+#define VEXEL_EXPORTS_BY_MEMBER 1
+#else
+#define VEXEL_EXPORTS_BY_MEMBER 0
+#endif
+
 #if defined(VEXEL_FRAMEWORK_STATIC)
 #define VEXEL_FRAMEWORK_API
 #elif defined(VEXEL_FRAMEWORK_BUILDING)

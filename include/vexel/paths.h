@@ -115,9 +115,10 @@ VEXEL_API PathValidationResult ValidatePath(std::wstring_view path, PathType typ
 
 // File-system entries
 
-/// Whether there is an entry of any type at `path`, links followed. A symbolic link or a junction whose
-/// target cannot be examined counts as existing; one whose target is missing does not. Never fails: what
-/// cannot be asked for (an invalid name, an unreachable server, an empty text) does not exist.
+/// Whether there is an entry of any type at `path`, links followed. A symbolic link, a junction or another
+/// reparse point whose target cannot be examined counts as existing; one whose target is missing does not.
+/// Never fails: what cannot be asked for (an invalid name, an unreachable server, an empty text) does not
+/// exist.
 VEXEL_API bool FileSystemEntryExists(std::wstring_view path);
 
 /// The type of the entry at `path`, links not followed: `regular`, `directory`, `symlink` or
@@ -126,8 +127,10 @@ VEXEL_API bool FileSystemEntryExists(std::wstring_view path);
 VEXEL_API std::filesystem::file_type GetFileSystemEntryType(std::wstring_view path);
 
 /// Copies a file or directory as `std::filesystem::copy` does: a file onto a directory goes into it; a
-/// directory without `CopyingFlag::Recursive` is made with its files only, or, with other flags set, left
-/// alone; an existing target file is an error without `CopyingFlag::Overwrite`. Returns whether the copy
+/// directory without `CopyingFlag::Recursive` is made with its files only, or left alone with
+/// `CopyingFlag::Overwrite`; an existing target file is an error without `CopyingFlag::Overwrite`. Links are
+/// followed; where one leads back to a directory that it lies in, the error is
+/// `std::errc::too_many_symbolic_link_levels` and nothing is copied. Returns whether the copy
 /// succeeded, with its error in `*error` (when given; cleared on success). An empty text is
 /// `std::errc::invalid_argument`. A read-only attribute that could not be cleared is stored in `*error` while
 /// the result stays true.

@@ -83,7 +83,8 @@ private:
 };
 
 /// Remembers the temporary files it registers and hands them to the registry for deletion when it dies. Not
-/// for use from several threads at once.
+/// for use from several threads at once, and as a static object only in a module that stays loaded until the
+/// process ends: the destructor may start the registry's thread, which unloading cannot wait for.
 class VEXEL_API TempLocalFileContainer {
 public:
     TempLocalFileContainer();

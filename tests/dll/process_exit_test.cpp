@@ -1,21 +1,43 @@
-// What only shows in the DLL itself: its static objects are destroyed when the system has ended all other
-// threads, the one that deletes temporary files among them.
-
-#include <vexel/paths.h>
-#include <vexel/temp_files.h>
+// What only shows in the DLL itself: its static objects, and those of its clients, are destroyed when the
+// system has ended all other threads, wherever they were; and it can be unloaded.
 
 #include <windows.h>
 
 #include <gtest/gtest.h>
 
-#include <fstream>
-#include <memory>
+#include <chrono>
+#include <cstdlib>
+#include <filesystem>
 #include <string>
-#include <utility>
+
+namespace fs = std::filesystem;
 
 namespace {
 
-constexpr wchar_t variable[] = L"VEXEL_TEST_FILES";
+constexpr wchar_t variable[] = L"VEXEL_TEST_EXIT";
+
+/// exit_client.dll, loaded: only by it is the DLL in the process.
+class Client {
+public:
+    bool beBusy(const std::wstring& activity, const std::wstring& folder) const {
+        const auto call = function<bool (*)(const wchar_t*, const wchar_t*)>("beBusy");
+        return call && call(activity.c_str(), folder.c_str());
+    }
+    bool leaveFiles(bool withThread) const {
+        const auto call = function<void (*)(bool)>("leaveFiles");
+        if (call)
+            call(withThread);
+        return call != nullptr;
+    }
+    void unload() const { FreeLibrary(library_); }
+
+private:
+    template <class Function>
+    Function function(const char* name) const {
+        return reinterpret_cast<Function>(reinterpret_cast<void*>(GetProcAddress(library_, name)));
+    }
+    HMODULE library_ = LoadLibraryW(L"exit_client.dll");
+};
 
 struct Handle {
     HANDLE value;
@@ -25,35 +47,28 @@ struct Handle {
     ~Handle() { CloseHandle(value); }
 };
 
-SharedPathName make(const std::wstring& path) {
-    std::ofstream(path.c_str()) << "x";
-    return {path, false, false};
-}
-
-/// Not a test of its own: what `TemporaryFilesGo` runs in a second process. Leaves files in every state.
-TEST(ProcessExitChild, DISABLED_LeavesFilesBehind) {
+std::wstring environment(const wchar_t* name) {
     wchar_t value[MAX_PATH]{};
-    ASSERT_NE(GetEnvironmentVariableW(variable, value, MAX_PATH), 0U);
-    const std::wstring path = value;
-    TempFileContainer& files = TempFileContainer::Instance();
-    static TempLocalFileContainer untilTheEnd; // goes with the program, before the DLL
-    untilTheEnd.Add(make(path + L"local"), false, false);
-    files.insert(make(path + L"registered"), false, false);
-    files.insert(make(path + L"held"), true, false);
-    files.erase(files.insert(make(path + L"marked"), false, false));
-    files.clear(); // wakes the thread, which may be anywhere when the process ends
-    files.release(files.insert(make(path + L"released"), false, false));
-    static const Handle user(CreateFileW((path + L"used").c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                         FILE_FLAG_DELETE_ON_CLOSE, nullptr));
-    files.erase(files.insert(SharedPathName(path + L"used", false, false), false, false));
-    static const SharedPathNameFlagsCacheBlock block;
-    EXPECT_TRUE(SharedPathName(path + L"held", false, false).fileExists());
-    if (path.ends_with(L'!'))
-        ExitProcess(0); // and nothing of the program's own is destroyed
+    return {value, GetEnvironmentVariableW(name, value, MAX_PATH)};
 }
 
-DWORD runChild(const std::wstring& path) {
-    SetEnvironmentVariableW(variable, path.c_str());
+/// Not a test of its own: what the others run in a second process.
+TEST(ProcessExitChild, DISABLED_Ends) {
+    const std::wstring order = environment(variable); // the activity, a blank, the way to end
+    const std::size_t blank = order.find(L' ');
+    const Client client;
+    ASSERT_TRUE(client.leaveFiles(true));
+    ASSERT_TRUE(client.beBusy(order.substr(0, blank), environment(L"TMP") + L"\\..\\"));
+    LARGE_INTEGER now{};
+    QueryPerformanceCounter(&now);
+    Sleep(static_cast<DWORD>(now.QuadPart % 40));
+    if (order.ends_with(L"ExitProcess"))
+        ExitProcess(0);
+    if (order.ends_with(L"exit"))
+        std::exit(0);
+}
+
+DWORD runChild() {
     wchar_t program[MAX_PATH]{};
     GetModuleFileNameW(nullptr, program, MAX_PATH);
     std::wstring command = L'"' + std::wstring(program) +
@@ -67,21 +82,74 @@ DWORD runChild(const std::wstring& path) {
     const Handle child(process.hProcess);
     const Handle thread(process.hThread);
     DWORD exitCode = WAIT_TIMEOUT;
-    if (WaitForSingleObject(child.value, 60000) == WAIT_OBJECT_0)
+    if (WaitForSingleObject(child.value, 30000) == WAIT_OBJECT_0)
         GetExitCodeProcess(child.value, &exitCode);
     else
         TerminateProcess(child.value, exitCode);
     return exitCode;
 }
 
-TEST(ProcessExit, TemporaryFilesGo) {
-    for (const wchar_t* how : {L"returns", L"exits!"}) {
-        const std::wstring path =
-            std::wstring(TempFileContainer::Instance().insert(how, nullptr, false, false).asString()) + how;
-        EXPECT_EQ(runChild(path), 0U);
-        for (const wchar_t* file : {L"local", L"registered", L"held", L"marked", L"used"})
-            EXPECT_FALSE(Vexel::FileSystemEntryExists(path + file)) << how << file;
-        EXPECT_TRUE(DeleteFileW((path + L"released").c_str())) << "nobody's any more";
+/// A directory with one for temporary files in it, which are this process's and its children's.
+class ProcessExit : public testing::Test {
+protected:
+    ProcessExit() {
+        fs::create_directories(temporary_);
+        SetEnvironmentVariableW(L"TMP", temporary_.c_str());
+        fs::copy_file(VEXEL_TEST_DATA_DIR "/namesdemo.xls", root_ / "document.xls",
+                      fs::copy_options::skip_existing);
+    }
+    ~ProcessExit() override {
+        SetEnvironmentVariableW(L"TMP", usual_.c_str());
+        std::error_code error;
+        fs::remove_all(root_, error);
+    }
+
+    /// The temporary files that are left, but for the one that nobody had a claim to.
+    std::string leftBehind() const {
+        std::string names;
+        bool released = false;
+        for (const fs::directory_entry& entry : fs::directory_iterator(temporary_)) {
+            const std::string name = entry.path().filename().string();
+            if (name.starts_with("released-"))
+                released = true;
+            else
+                names += name + ' ';
+            fs::remove(entry.path());
+        }
+        return released ? names : names + "(the released one is gone)";
+    }
+
+private:
+    std::wstring usual_ = environment(L"TMP");
+    fs::path root_ = fs::temp_directory_path() / ("vexel exit " + std::to_string(GetCurrentProcessId()));
+    fs::path temporary_ = root_ / "temporary";
+};
+
+TEST_F(ProcessExit, WaitsForNobodyAndLeavesNothing) {
+    const char* const wanted = std::getenv("VEXEL_TEST_EXITS");
+    const long rounds = wanted ? std::strtol(wanted, nullptr, 10) : 5;
+    for (long round = 0; round < rounds; ++round) {
+        for (const std::wstring activity :
+             {L"nothing", L"threads", L"log", L"open", L"save", L"name", L"files", L"all"}) {
+            for (const wchar_t* way : {L" return", L" exit", L" ExitProcess"}) {
+                SetEnvironmentVariableW(variable, (activity + way).c_str());
+                EXPECT_EQ(runChild(), 0U) << fs::path(activity + way) << round;
+                EXPECT_EQ(leftBehind(), "") << fs::path(activity + way) << round;
+            }
+        }
+    }
+}
+
+TEST_F(ProcessExit, TheDllCanBeUnloadedUntilItHasAThread) {
+    for (const bool withThread : {false, false, true}) {
+        const Client client;
+        ASSERT_TRUE(client.leaveFiles(withThread));
+        client.unload();
+        const bool isLoaded = GetModuleHandleW(L"vexelstorage.dll") != nullptr;
+        EXPECT_EQ(isLoaded, withThread) << "the thread runs its code";
+        if (!withThread) {
+            EXPECT_EQ(leftBehind(), "");
+        }
     }
 }
 

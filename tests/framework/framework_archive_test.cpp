@@ -143,6 +143,31 @@ TEST(FrameworkArchive, RefusesTheWrongDirectionAndNamesTheFile) {
     }
 }
 
+TEST(FrameworkArchive, OnlyAnEndedArchiveWritesWhatItHolds) {
+    struct Ending {
+        const char* what;
+        UINT mode;
+        void (*end)(CArchive&);
+        ULONGLONG written;
+    };
+    for (const auto& [what, mode, end, written] : {
+             Ending{"closed", CArchive::store, [](CArchive& archive) { archive.Close(); }, 1},
+             Ending{"destroyed", CArchive::store, [](CArchive&) {}, 1},
+             Ending{"flushed", CArchive::store | CArchive::bNoFlushOnDelete,
+                    [](CArchive& archive) { archive.Flush(); }, 1},
+             Ending{"destroyed without", CArchive::store | CArchive::bNoFlushOnDelete, [](CArchive&) {}, 0},
+             Ending{"given up", CArchive::store, [](CArchive& archive) { archive.Abort(); }, 0},
+         }) {
+        CMemFile file;
+        {
+            CArchive archive(&file, mode);
+            archive.Write("x", 1);
+            end(archive);
+        }
+        EXPECT_EQ(file.GetLength(), written) << what;
+    }
+}
+
 TEST(FrameworkArchive, PiecesOfAnySizePassThroughAnyBuffer) {
     std::mt19937 random(1);
     std::string data(60000, '\0');

@@ -58,10 +58,40 @@ TEST_F(FrameworkFile, FailuresCarryCauseCodeAndName) {
     EXPECT_EQ(causeOf([&] { CFile(name_ + L"\\x", CFile::modeRead); }), CFileException::badPath);
 
     CFile holder(name_, CFile::modeCreate | CFile::modeWrite | CFile::shareExclusive);
-    EXPECT_EQ(causeOf([&] { CFile(name_, CFile::modeRead); }), CFileException::sharingViolation);
     char byte = 0;
     EXPECT_EQ(causeOf([&] { holder.Read(&byte, 1); }), CFileException::accessDenied);
     EXPECT_EQ(causeOf([&] { holder.Seek(-1, CFile::begin); }), CFileException::badSeek);
+}
+
+TEST_F(FrameworkFile, SharesWhatItsFlagsSay) {
+    CFile(name_, CFile::modeCreate | CFile::modeWrite).Close();
+    const struct {
+        UINT share;
+        bool canRead, canWrite;
+    } cases[] = {
+        {CFile::shareCompat, false, false},   {CFile::shareExclusive, false, false},
+        {CFile::shareDenyWrite, true, false}, {CFile::shareDenyRead, false, true},
+        {CFile::shareDenyNone, true, true},
+    };
+    for (const auto& [share, canRead, canWrite] : cases) {
+        CFile holder(name_, CFile::modeReadWrite | share);
+        DWORD flags = 0;
+        EXPECT_TRUE(GetHandleInformation(holder.m_hFile, &flags));
+        EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, DWORD{HANDLE_FLAG_INHERIT});
+        for (const bool write : {false, true}) {
+            const UINT mode = write ? CFile::modeWrite : CFile::modeRead;
+            const int cause = causeOf([&] { CFile(name_, mode | CFile::shareDenyNone); });
+            EXPECT_EQ(cause, (write ? canWrite : canRead) ? -1 : CFileException::sharingViolation)
+                << share << write;
+        }
+        holder.Abort();
+        EXPECT_EQ(holder.m_hFile, INVALID_HANDLE_VALUE);
+        holder.Abort(); // nothing is open
+    }
+    const CFile alone(name_, CFile::modeRead | CFile::modeNoInherit);
+    DWORD flags = HANDLE_FLAG_INHERIT;
+    EXPECT_TRUE(GetHandleInformation(alone.m_hFile, &flags));
+    EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, 0U);
 }
 
 TEST(FrameworkException, PlatformErrorsHaveCauses) {

@@ -65,6 +65,8 @@ const Change changes[] = {
     {[](CString& s, const Draw&) { s.Replace(L"ab", L"a--"); }, replaceAll},
     {[](CString& s, const Draw&) { s.MakeUpper(); },
      [](std::wstring& s, const Draw&) { std::transform(s.begin(), s.end(), s.begin(), std::towupper); }},
+    {[](CString& s, const Draw&) { s.MakeLower(); },
+     [](std::wstring& s, const Draw&) { std::transform(s.begin(), s.end(), s.begin(), std::towlower); }},
 };
 
 TEST(FrameworkString, FollowsAStandardStringThroughAnyChangesAndCopiesStayAsTheyWere) {

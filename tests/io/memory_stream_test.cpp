@@ -19,6 +19,7 @@
 #include <string>
 #include <string_view>
 #include <thread>
+#include <tuple>
 #include <utility>
 #include <vector>
 
@@ -294,11 +295,28 @@ TEST(MemoryStream, TakesBuffersOver) {
     EXPECT_EQ(left->size() + left->capacity(), 0U);
 
     static unsigned char bytes[8] = {'a', 'b', 'c', 'd'};
+    static void* expected;
     const ScarceHeap watched(INT_MAX);
     memorySource.free = [](void* freed) noexcept {
         EXPECT_NE(freed, bytes);
+        if (freed == expected)
+            expected = nullptr;
         std::free(freed);
     };
+    // An assigned buffer brings all four fields, and what stood there before is freed if it was owned.
+    auto* const first = static_cast<unsigned char*>(std::malloc(8));
+    DynamicBuffer target = bufferOn(first, 4, 8, true);
+    expected = first;
+    target = bufferOn(bytes, 2, 7, false);
+    EXPECT_EQ(expected, nullptr);
+    EXPECT_EQ(std::tuple(target.data, target.size, target.capacity, target.ownsMemory),
+              std::tuple(+bytes, 2ULL, 7ULL, false));
+    auto* const second = static_cast<unsigned char*>(std::malloc(8));
+    target = bufferOn(second, 1, 8, true);
+    DynamicBuffer& itself = target;
+    target = std::move(itself);
+    EXPECT_EQ(std::tuple(target.data, target.size, target.capacity, target.ownsMemory),
+              std::tuple(second, 1ULL, 8ULL, true));
     EXPECT_EQ(adopt(new InMemoryIStream(bufferOn(bytes, 4, 8, false)))->size(), 4U);
     const auto view = adopt(new InMemoryIStream(bufferOn(bytes, 4, 8, false)));
     EXPECT_FALSE(view->resize(4));

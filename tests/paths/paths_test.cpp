@@ -374,6 +374,7 @@ TEST_F(Entries, FollowTheSystemsAnswers) {
         {{0, 53, {link | directory, IO_REPARSE_TAG_MOUNT_POINT}}, false, static_cast<fs::file_type>(10)},
         {{0, 0, {link | directory, 0x80000013}}, true, fs::file_type::directory},
         {{0, 0, {link, 0x80000013}}, true, fs::file_type::regular},
+        {{0, 5, {link, 0x80000013}}, true, fs::file_type::regular},
     };
     Detail::Platform().readEntry = [](wchar_t const*, bool followLinks, Detail::EntryInfo& info) {
         info = answers.link;
@@ -403,6 +404,16 @@ TEST_F(Entries, CopyFiles) {
     EXPECT_EQ(copy(L"a", L"dir", {}), std::errc::file_exists);
     EXPECT_EQ(copy(L"none", L"c", {}), std::errc::no_such_file_or_directory);
     EXPECT_EQ(copy(L"a", L"none\\c", {}), std::errc::no_such_file_or_directory);
+
+    // A bare drive is the current directory there, as target and as source.
+    const fs::path before = fs::current_path();
+    fs::current_path(at(L"dir"));
+    EXPECT_TRUE(CopyFileSystemEntry(at(L"b"), L"C:", {}, nullptr));
+    EXPECT_EQ(read(L"dir\\b"), "new");
+    EXPECT_TRUE(CopyFileSystemEntry(L"C:", at(L"listed"), {}, nullptr));
+    EXPECT_EQ(read(L"listed\\a"), "new");
+    fs::current_path(before);
+
     EXPECT_FALSE(CopyFileSystemEntry(at(L"none"), at(L"c"), {}, nullptr));
 
     std::error_code error;
@@ -421,6 +432,8 @@ TEST_F(Entries, CopyDirectories) {
     EXPECT_FALSE(copy(L"from", L"files", {})); // with its files only
     EXPECT_EQ(read(L"files\\f"), "1");
     EXPECT_FALSE(FileSystemEntryExists(at(L"files\\sub")));
+    EXPECT_FALSE(copy(L"from", L"files too", CopyingFlag::ClearReadOnly));
+    EXPECT_EQ(read(L"files too\\f"), "1");
     EXPECT_FALSE(copy(L"from", L"nothing", CopyingFlag::Overwrite));
     EXPECT_FALSE(FileSystemEntryExists(at(L"nothing")));
 
@@ -435,6 +448,15 @@ TEST_F(Entries, CopyDirectories) {
     EXPECT_EQ(copy(L"from", L"from", CopyingFlag::Recursive), std::errc::file_exists);
     EXPECT_FALSE(copy(L"from", L"from\\sub\\inside", CopyingFlag::Recursive)); // comes to an end
     EXPECT_EQ(read(L"from\\sub\\inside\\f"), "1");
+
+    // Links that lead back are no way down.
+    if (fs::exists(VEXEL_TEST_LINKS_DIR "/below/one")) {
+        std::error_code error;
+        EXPECT_FALSE(CopyFileSystemEntry(fs::path(VEXEL_TEST_LINKS_DIR).wstring(), at(L"round"),
+                                         CopyingFlag::Recursive, &error));
+        EXPECT_EQ(error, std::errc::too_many_symbolic_link_levels);
+        EXPECT_FALSE(FileSystemEntryExists(at(L"round")));
+    }
 
     // Longer than the paths of old, and too long for the standard library to remove.
     const std::wstring outer = L'\\' + std::wstring(120, L'x');
@@ -518,15 +540,39 @@ TEST_F(Entries, CreateDirectories) {
     }
 }
 
-TEST(KnownFolders, ComeFromTheShell) {
-    CString data(L"as it was");
-    std::wstring sameData;
+struct FolderAnswer {
+    HRESULT status;
+    const wchar_t* path;
+    DWORD flags;
+} folder;
+
+TEST_F(Entries, KnownFoldersComeFromTheShell) {
+    CString data;
     ASSERT_TRUE(GetUserDataFolderPath(&data));
-    ASSERT_TRUE(GetUserDataFolderPath(&sameData));
-    EXPECT_EQ(data, sameData.c_str());
     EXPECT_EQ(data, GetKnownFolderPath(FOLDERID_LocalAppData, true));
-    EXPECT_TRUE(FileSystemEntryExists(sameData));
+    EXPECT_TRUE(FileSystemEntryExists(data.GetString()));
     EXPECT_EQ(GetKnownFolderPath(GUID{}, false), L"");
+
+    Detail::Platform().getKnownFolder = [](REFKNOWNFOLDERID, DWORD flags, HANDLE, PWSTR* path) -> HRESULT {
+        folder.flags = flags;
+        *path = static_cast<PWSTR>(CoTaskMemAlloc(32)); // on failure, too
+        wcscpy(*path, folder.path);
+        return folder.status;
+    };
+    for (const FolderAnswer answer :
+         {FolderAnswer{S_OK, L"X:\\data", 1}, FolderAnswer{S_FALSE, L"", 1}, FolderAnswer{E_FAIL, L"", 1}}) {
+        folder = answer;
+        const bool found = answer.status == S_OK;
+        CString text(L"as it was");
+        std::wstring sameText = L"as it was";
+        EXPECT_EQ(GetUserDataFolderPath(&text), found);
+        EXPECT_EQ(folder.flags, 0U);
+        EXPECT_EQ(GetUserDataFolderPath(&sameText), found);
+        EXPECT_EQ(text, found ? answer.path : L"as it was");
+        EXPECT_EQ(sameText, text.GetString());
+        EXPECT_EQ(GetKnownFolderPath(FOLDERID_LocalAppData, true), answer.path);
+        EXPECT_EQ(folder.flags, static_cast<DWORD>(KF_FLAG_CREATE));
+    }
 }
 
 } // namespace

@@ -238,9 +238,13 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     Platform().processIsEnding = [] { return true; };
     Registry().erase(second);
     EXPECT_FALSE(Exists(second));
+    const SharedPathName third = insertFile(); // without the lock, too
+    EXPECT_TRUE(Registry().contains(third));
+    Registry().release(third);
+    EXPECT_FALSE(Registry().contains(third));
+    EXPECT_TRUE(DeleteFileW(third.asString()));
     over = true;
     holder.join();
-    EXPECT_FALSE(Registry().contains(second));
 }
 
 TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
@@ -282,6 +286,17 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
     Registry().erase(name);
     EXPECT_FALSE(Exists(name)); // closing was enough
 
+    // Of a link the link itself goes, not what it leads to.
+    Platform().openFile = [](const wchar_t*, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD creation,
+                             DWORD flags, HANDLE) {
+        EXPECT_EQ(access, 0U);
+        EXPECT_EQ(share, static_cast<DWORD>(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE));
+        EXPECT_EQ(creation, static_cast<DWORD>(OPEN_EXISTING));
+        EXPECT_EQ(flags, static_cast<DWORD>(FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT));
+        return INVALID_HANDLE_VALUE;
+    };
+    Registry().release(Registry().insert(nullptr, L"tmp", true, false));
+    Platform().openFile = CreateFileW;
     Platform().deleteFile = DeleteFileW;
     const SharedPathName missing = Registry().insert(nullptr, L"tmp", true, false);
     Registry().release(missing); // there was nothing to hold

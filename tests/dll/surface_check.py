@@ -1,0 +1,74 @@
+"""Holds what the DLLs export and import against the list in surface.txt.
+
+  surface_check.py BIN_DIRECTORY OBJDUMP [--write]
+
+Exported classes are listed with their members' names, inline ones excepted, and by what else the compiler makes for
+them; of the imports the compiler's runtime is left out, which differs with its options. With --write the list is made
+anew; look at what changes in it.
+"""
+
+import difflib
+import pathlib
+import re
+import subprocess
+import sys
+
+LIST = pathlib.Path(__file__).with_name("surface.txt")
+DLLS = ["vexelstorage.dll", "vxdiagnostics.dll", "vxframework.dll"]
+
+# What the application's own diagnostics library has: the DLL must not ask for more.
+DIAGNOSTICS = {"VxLog_Write", "VxLog_WriteV", "VxLog_WriteWV", "VxHResultToVexelError"}
+
+
+def tables(objdump, dll):
+    """The names exported, and those imported by the DLL they come from."""
+    text = subprocess.run([objdump, "-p", dll], check=True, capture_output=True, text=True).stdout
+    exported = text.partition("[Ordinal/Name Pointer] Table")[2].partition("\n\n")[0]
+    imported = {}
+    for part in text.split("DLL Name: ")[1:]:
+        name, _, rest = part.partition("\n")
+        imported[name] = re.findall(r"^\s+[0-9a-f]+\s+\d+\s+(\S+)", rest.partition("\n\n")[0], re.M)
+    return re.findall(r"^\s*\[\s*\d+\] (?:\+base\[\s*\d+\]\s+[0-9a-f]+ )?(\S+)", exported, re.M), imported
+
+
+def readable(names):
+    """One line a class, or for all that belongs to none, with what is exported of it."""
+    plain = subprocess.run(["c++filt"], input="\n".join(names), check=True, capture_output=True, text=True).stdout
+    owners = {}
+    for name in plain.splitlines():
+        made, owner = re.fullmatch(r"(vtable|typeinfo) for (.*)", name), ""
+        name = re.sub(r"^(non-)?virtual thunk to ", "", name)
+        if made:
+            owner, member = made[2], f"({made[1]})"
+        else:
+            whole = re.sub(r"\[abi:\w+\]|(?<!operator)\(.*", "", name)
+            owner, _, member = whole.rpartition("::")
+            if owner in ("", "Vexel", "vxio", "Vexel::Hash"):
+                owner, member = "(no class)", whole
+        owners.setdefault(owner, set()).add(member)
+    return [f"    {owner}: {' '.join(sorted(members))}" for owner, members in sorted(owners.items())]
+
+
+def describe(folder, objdump):
+    lines, faults = [], []
+    for dll in DLLS:
+        exported, imported = tables(objdump, folder / dll)
+        others = [f"    {other}" for other in sorted(imported) if not other.startswith("lib")]
+        lines += [f"{dll} exports", *readable(exported), f"{dll} imports from", *others]
+        excess = set(imported.get("vxdiagnostics.dll", [])) - DIAGNOSTICS
+        if excess:
+            faults.append(f"{dll} imports {', '.join(sorted(excess))}, which an application's library does not have")
+    return lines, faults
+
+
+def main(folder, objdump, *options):
+    lines, faults = describe(pathlib.Path(folder), objdump)
+    if "--write" in options:
+        LIST.write_text("\n".join(lines) + "\n", encoding="utf-8")
+    wanted = LIST.read_text(encoding="utf-8").splitlines()
+    faults += difflib.unified_diff(wanted, lines, "surface.txt", "the DLLs", lineterm="", n=0)
+    print("\n".join(faults) or f"{len(lines)} lines agree")
+    return 1 if faults else 0
+
+
+sys.exit(main(*sys.argv[1:]))
