@@ -31,15 +31,18 @@ DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
 
 std::thread StartThread(std::function<void()> const& body) { return std::thread(body); }
 
-bool ProcessIsEnding() {
-    // Only by name: the import libraries do not have it.
-    using Query = BOOLEAN(NTAPI*)();
-    static const Query query = [] {
-        const FARPROC address = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress");
-        return reinterpret_cast<Query>(reinterpret_cast<void*>(address));
-    }();
-    return query && query();
-}
+// Only by name: the import libraries do not have it. Looked up while the module is loaded: making a local
+// static takes a lock of the runtime, which at the end of the process may be held for good.
+using EndQuery = BOOLEAN(NTAPI*)();
+const EndQuery endQuery = [] {
+    const FARPROC address = GetProcAddress(GetModuleHandleW(L"ntdll.dll"), "RtlDllShutdownInProgress");
+    return reinterpret_cast<EndQuery>(reinterpret_cast<void*>(address));
+}();
+
+bool ProcessIsEnding() { return endQuery && endQuery(); }
+
+// Makes the table of calls while the module is loaded, for the same reason.
+[[maybe_unused]] const PlatformFiles& madeEarly = Platform();
 
 } // namespace
 
