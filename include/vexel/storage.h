@@ -61,6 +61,7 @@
 #include <objidl.h>
 #include <wrl/client.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -77,6 +78,7 @@ class VxStream;
 namespace Vexel::Detail {
 template <class Item>
 class ItemRef;
+class StreamLock;
 } // namespace Vexel::Detail
 
 /// How a structured file is stored.
@@ -338,6 +340,8 @@ public:
     unsigned long long WriteBytes(const void* buffer, unsigned long long count) override;
 
 private:
+    friend class Vexel::Detail::StreamLock;
+
     VxStream* item_ = nullptr; // carries one reference
 };
 
@@ -452,26 +456,34 @@ private:
     bool freeForRetry();
 
     using RootKey = std::pair<SharedPathName, bool>; // path, keyed
-    VxStorage* findRoot(const RootKey& key);
-    ItemRef<VxStorage> referencedRoot(const RootKey& key);
-    ItemRef<VxStorage> enterRoot(const RootKey& key, std::unique_ptr<VxStorage> root, long status);
-    void detach(std::unique_ptr<VxStorage>& root);
-    void rememberMissing(const SharedPathName& path, long status);
-    long missingStatus(const SharedPathName& path) const;
-
     // The reference of its own keeps the interface's address from being met again for another object.
     struct WrappedRoot {
         Microsoft::WRL::ComPtr<IStorage> storage;
         std::unique_ptr<VxStorage> root;
     };
+    using Roots = std::multimap<RootKey, std::unique_ptr<VxStorage>>;
+    using Wrapped = std::multimap<IStorage*, WrappedRoot>;
+
+    VxStorage* findRoot(const RootKey& key);
+    ItemRef<VxStorage> enterRoot(const RootKey& key, std::unique_ptr<VxStorage> root, long status);
+    ItemRef<VxStorage> findWrapped(IStorage* storage);
+    long probe(const SharedPathName& path);
+    bool sweep(Roots& doomedRoots, Wrapped& doomedWrapped);
+    void forgetOldMissing();
+    void rememberMissing(const SharedPathName& path, long status);
+    long missingStatus(const SharedPathName& path);
+    void closeTemporaryRoots() noexcept;
 
     // Recursive: a retry inside the opening of a root cleans up under the lock its own thread holds.
     mutable std::recursive_mutex lock_;
     std::map<RootKey, std::unique_ptr<VxStorage>> roots_;
     std::map<IStorage*, WrappedRoot> wrapped_;
-    std::map<SharedPathName, long> missing_; // used only while path flags are cached
-    bool (*callback_)() = nullptr;
-    bool createOnDisk_ = false;
-    // Roots out of the tables that handles are still on.
-    std::map<VxStorage*, std::unique_ptr<VxStorage>> detached_;
+    std::map<SharedPathName, long> missing_; // of one period of caching path flags
+    std::atomic<bool (*)()> callback_{nullptr};
+    std::atomic<bool> createOnDisk_{false};
+    // Roots out of the tables that handles are still on. The nodes of the tables move here, which needs no
+    // memory.
+    Roots detachedRoots_;
+    Wrapped detachedWrapped_;
+    unsigned long long missingPeriod_ = 0;
 };
