@@ -115,9 +115,9 @@ bool VxCompoundStorage::getFileTimes(FILETIME* created, FILETIME* modified, FILE
     constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     Vexel::Detail::FileHandle file;
     callTwiceIfExhausted([&] {
-        file = Vexel::Detail::FileHandle(
-            Vexel::Detail::StoragePlatform().createFile(root_->name().asString(), GENERIC_READ, shareAll,
-                                                        nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+        file = Vexel::Detail::FileHandle(Vexel::Detail::StoragePlatform().createFile(
+            root_->name().asString(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
+            nullptr));
         return file ? S_OK : Vexel::Detail::storageStatus(GetLastError());
     });
     return file && GetFileTime(file.get(), created, accessed, modified);

@@ -33,10 +33,10 @@ long VxStorageEnumerator::reset(VxStorage* storage) {
     Microsoft::WRL::ComPtr<IEnumSTATSTG> list;
     HRESULT status = storage->ensureOpen();
     if (SUCCEEDED(status))
-        status = storage->callTwiceIfExhausted([&] {
-            IStorage* const open = storage->storage();
-            return open ? open->EnumElements(0, nullptr, 0, list.ReleaseAndGetAddressOf())
-                        : STG_E_INVALIDFUNCTION;
+        status = storage->callTwiceIfExhausted([&]() -> HRESULT {
+            if (!storage->isOpen())
+                return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
+            return storage->storage()->EnumElements(0, nullptr, 0, list.ReleaseAndGetAddressOf());
         });
     end_ = SUCCEEDED(status) ? readAll(*storage, *list.Get()) : status;
     return status;
@@ -53,8 +53,8 @@ HRESULT VxStorageEnumerator::readAll(VxStorage& storage, IEnumSTATSTG& list) {
         const std::unique_ptr<wchar_t, FreeTaskMemory> name(element.pwcsName);
         const StorageType type = typeOf(element.type);
         if (type != StorageType{})
-            entries_.push_back({type, Vexel::Detail::elementName(name.get()), element.cbSize, element.ctime,
-                                element.mtime});
+            entries_.push_back(
+                {type, Vexel::Detail::elementName(name.get()), element.cbSize, element.ctime, element.mtime});
     }
     return status;
 }

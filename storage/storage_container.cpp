@@ -1,12 +1,11 @@
+#include "archive/platform.h"
+#include "paths/path_name_flags.h"
 #include "storage/compound_storage.h"
 #include "storage/error_status.h"
 #include "storage/package_storage.h"
 #include "storage/platform_storage.h"
 #include "storage/root_factory.h"
 #include "storage/storage_item.h"
-
-#include "archive/platform.h"
-#include "paths/path_name_flags.h"
 
 #include <vexel/diagnostics.h>
 #include <vexel/storage.h>
@@ -246,7 +245,8 @@ ItemRef<VxStorage> StorageContainer::findWrapped(IStorage* storage) {
         return {};
     VxStorage& root = *found->second.root;
     const TreeLock tree(root);
-    return ItemRef<VxStorage>(root.isOpen() || root.format() != StorageFormat::CompoundFile ? &root : nullptr);
+    return ItemRef<VxStorage>(root.isOpen() || root.format() != StorageFormat::CompoundFile ? &root
+                                                                                            : nullptr);
 }
 
 ItemRef<VxStorage> StorageContainer::wrap(IStorage* storage) {

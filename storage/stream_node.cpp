@@ -124,9 +124,8 @@ long VxStream::openOrRewind(bool readOnly) {
     if (!parent_->storage())
         return STG_E_INVALIDPARAMETER;
     if (stream_)
-        return callTwice([this] {
-            return stream_ ? stream_->Seek({}, STREAM_SEEK_SET, nullptr) : STG_E_INVALIDFUNCTION;
-        });
+        return callTwice(
+            [this] { return stream_ ? stream_->Seek({}, STREAM_SEEK_SET, nullptr) : STG_E_INVALIDFUNCTION; });
     // Not left to the platform: some take writes in a storage that is open for reading, and lose them.
     if (!readOnly && parent_->readOnly())
         return STG_E_ACCESSDENIED;
