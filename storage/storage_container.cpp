@@ -1,5 +1,6 @@
 #include "archive/platform.h"
 #include "paths/path_name_flags.h"
+#include "paths/process_end.h"
 #include "storage/compound_storage.h"
 #include "storage/error_status.h"
 #include "storage/package_storage.h"
@@ -17,6 +18,13 @@ using Vexel::Detail::ItemRef;
 using Vexel::Detail::TreeLock;
 
 namespace {
+
+/// The container's lock. At the end of the process it is only tried: whoever has it may be no more.
+std::unique_lock<std::recursive_mutex> lockTables(std::recursive_mutex& lock) {
+    if (Vexel::Detail::isProcessEnding())
+        return {lock, std::try_to_lock};
+    return std::unique_lock(lock);
+}
 
 void logFailure(const wchar_t* what, const SharedPathName& path, long status) {
     VxLog_WriteW(VxLog_Minor, L"Failed to %ls \"%ls\": 0x%08x", what, path.asString(),
@@ -97,7 +105,7 @@ StorageContainer::StorageContainer() = default;
 StorageContainer::~StorageContainer() = default;
 
 void StorageContainer::closeTemporaryRoots() noexcept {
-    const std::unique_lock lock(lock_, std::try_to_lock);
+    const auto lock = lockTables(lock_);
     if (!lock)
         return;
     closeTemporary(roots_);
@@ -127,14 +135,18 @@ bool StorageContainer::sweep(Roots& doomedRoots, Wrapped& doomedWrapped) {
 
 bool StorageContainer::deleteUnusedObjects() {
     Wrapped doomedWrapped; // callers' interfaces are let go of outside the lock
-    const std::lock_guard lock(lock_);
+    const auto lock = lockTables(lock_);
+    if (!lock)
+        return false;
     Roots doomedRoots; // whose files are free before anybody else gets here
     return sweep(doomedRoots, doomedWrapped);
 }
 
 void StorageContainer::clearAll() {
     Wrapped doomedWrapped;
-    const std::lock_guard lock(lock_);
+    const auto lock = lockTables(lock_);
+    if (!lock)
+        return;
     Roots doomedRoots;
     detachedRoots_.merge(roots_);
     detachedWrapped_.merge(wrapped_);
@@ -173,7 +185,11 @@ long StorageContainer::probe(const SharedPathName& path) {
 
 ItemRef<VxStorage> StorageContainer::openRoot(const SharedPathName& path, bool readOnly, bool keyed,
                                               long& status, bool rootFlag) {
-    const std::lock_guard lock(lock_);
+    const auto lock = lockTables(lock_);
+    if (!lock) {
+        status = E_FAIL;
+        return {};
+    }
     if (keyed) {
         // Unused nodes of the root that other openers share may hold what the file is wanted for.
         if (const auto unkeyed = roots_.find({path, false}); unkeyed != roots_.end())
@@ -181,7 +197,10 @@ ItemRef<VxStorage> StorageContainer::openRoot(const SharedPathName& path, bool r
     }
     if (ItemRef<VxStorage> found(findRoot({path, keyed})); found) {
         status = found->open(readOnly, rootFlag);
-        return SUCCEEDED(status) ? std::move(found) : ItemRef<VxStorage>();
+        if (SUCCEEDED(status))
+            return std::move(found);
+        logFailure(L"open", path, status);
+        return {};
     }
     if (isKnownMissing(path)) {
         status = missingStatus(path);
@@ -202,7 +221,11 @@ ItemRef<VxStorage> StorageContainer::openRoot(const SharedPathName& path, bool r
 
 ItemRef<VxStorage> StorageContainer::createRoot(const SharedPathName& path, bool convert, bool readOnly,
                                                 bool keyed, long& status) {
-    const std::lock_guard lock(lock_);
+    const auto lock = lockTables(lock_);
+    if (!lock) {
+        status = E_FAIL;
+        return {};
+    }
     const auto create = [=](VxStorage& root) { return root.create(convert, readOnly, false); };
     if (VxStorage* const found = findRoot({path, keyed})) {
         status = create(*found);
@@ -228,7 +251,11 @@ ItemRef<VxStorage> StorageContainer::createTemporaryRoot(long& status, bool flag
         status = E_FAIL;
         return {};
     }
-    const std::lock_guard lock(lock_);
+    const auto lock = lockTables(lock_);
+    if (!lock) {
+        status = E_FAIL;
+        return {};
+    }
     if (const auto earlier = wrapped_.find(storage); earlier != wrapped_.end())
         detachedWrapped_.insert(wrapped_.extract(earlier));
     WrappedRoot& entry = wrapped_[storage];
@@ -239,8 +266,8 @@ ItemRef<VxStorage> StorageContainer::createTemporaryRoot(long& status, bool flag
 /// The root of a caller's interface, if it need not be given that interface once more: a compound file is
 /// closed with its last handle, and has no name to be opened by.
 ItemRef<VxStorage> StorageContainer::findWrapped(IStorage* storage) {
-    const std::lock_guard lock(lock_);
-    const auto found = wrapped_.find(storage);
+    const auto lock = lockTables(lock_);
+    const auto found = lock ? wrapped_.find(storage) : wrapped_.end();
     if (found == wrapped_.end())
         return {};
     VxStorage& root = *found->second.root;
@@ -257,7 +284,9 @@ ItemRef<VxStorage> StorageContainer::wrap(IStorage* storage) {
     // The caller's code, which may wait for whatever it likes, is asked under no lock.
     const bool readOnly = VxCompoundStorage::isForReading(storage);
     WrappedRoot made{storage, std::make_unique<VxCompoundStorage>(SharedPathName())};
-    const std::lock_guard lock(lock_);
+    const auto lock = lockTables(lock_);
+    if (!lock)
+        return {};
     VxStorage& root = *wrapped_.try_emplace(storage, std::move(made)).first->second.root;
     const TreeLock tree(root);
     if (!root.isOpen() && root.format() == StorageFormat::CompoundFile)

@@ -59,7 +59,7 @@
 ///     and what a commit writes. A stream that is being read goes on at its position when another thread
 ///     opens its root or its storage for writing. A clean-up passes over roots that are in use at that
 ///     moment. Borrowed interfaces (rule 7) are for their callers to guard. A log sink, and a caller's
-///     interface behind `fromPtr`, may be called with a root's lock held and must not use handles. The
+///     interface behind `fromPtr`, may be called with locks held and must not use handles. The
 ///     calling thread need not have initialised COM. When the process ends, handles in static storage may be
 ///     destroyed last.
 
@@ -261,7 +261,9 @@ public:
     /// STG_E_INVALIDFUNCTION for a compound file; STG_E_INVALIDPARAMETER when either handle is null, or the
     /// source is no open package.
     long borrowPackedData(const StorageRef& source);
-    /// Passes this storage's changes on to the storage above, a root's to its file.
+    /// Commits what rule 5 says: for a compound file this storage's changes, to the storage above or a root's
+    /// to the file; for a package the whole of it, to the file. What could not be written may be committed
+    /// again.
     long commit() const;
 
     /// Closes and frees the nodes below this one that no handle uses.

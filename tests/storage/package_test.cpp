@@ -23,12 +23,13 @@ namespace {
 TEST(Packages, TemporaryRootsLiveInMemoryOrInAFileThatGoes) {
     const LogCapture log;
     for (const bool onDisk : {false, true}) {
-        container().setCreateOnDisk(onDisk);
+        EXPECT_FALSE(container().SetCreateOnDisk(onDisk));
+        EXPECT_EQ(container().GetCreateOnDisk(), onDisk);
         std::wstring name;
         {
             StorageRef root;
             ASSERT_EQ(root.createTemporary(false), S_OK);
-            container().setCreateOnDisk(false);
+            EXPECT_EQ(container().setCreateOnDisk(false), onDisk);
             name = root.name().asString();
             newStream(L"Note", root, "bytes");
             EXPECT_EQ(root.commit(), S_OK);
