@@ -198,7 +198,7 @@ ItemRef<VxStorage> StorageContainer::openRoot(const SharedPathName& path, bool r
     if (ItemRef<VxStorage> found(findRoot({path, keyed})); found) {
         status = found->open(readOnly, rootFlag);
         if (SUCCEEDED(status))
-            return std::move(found);
+            return found;
         logFailure(L"open", path, status);
         return {};
     }

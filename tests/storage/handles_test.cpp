@@ -226,10 +226,8 @@ TEST_P(Handles, ReportExhaustedMemory) {
                 break;
             }
             ASSERT_LT(spared, 5000) << what;
-            if (FAILED(status)) // else it was for something that can be done without
-                EXPECT_EQ(status, STG_E_INSUFFICIENTMEMORY) << what << spared;
-            else
-                EXPECT_TRUE(isPackage()) << what << spared;
+            // Else it was for something that can be done without, or the second attempt had it.
+            EXPECT_TRUE(status == S_OK || status == STG_E_INSUFFICIENTMEMORY) << what << spared;
             EXPECT_TRUE(!isNull || isNull() == FAILED(status)) << what << spared;
         }
     }
