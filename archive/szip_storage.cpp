@@ -65,7 +65,7 @@ HRESULT SZipStorage::CreateStream(LPCOLESTR name, DWORD mode, DWORD reserved1, D
         ComPtr<::IStream> created;
         const HRESULT status =
             archive_->createFile(&created, childPath(name), failsIfExists(mode), replaces(mode));
-        return shareWithCaller(status, created.Get(), stream);
+        return shareWithCaller(status, created.Get(), false, stream);
     });
 }
 
@@ -78,15 +78,16 @@ HRESULT SZipStorage::OpenStream(LPCOLESTR name, void* reserved1, DWORD mode, DWO
     return withStatus([&] {
         ComPtr<::IStream> opened;
         const HRESULT status = archive_->extractFile(&opened, childPath(name));
-        return shareWithCaller(status, opened.Get(), stream);
+        return shareWithCaller(status, opened.Get(), (mode & kAccess) == STGM_READ, stream);
     });
 }
 
 // The item keeps the stream that it gave, so that one must not keep the archive, or none of them would ever
 // go.
-HRESULT SZipStorage::shareWithCaller(HRESULT status, ::IStream* contents, ::IStream** stream) const {
+HRESULT SZipStorage::shareWithCaller(HRESULT status, ::IStream* contents, bool readOnly,
+                                     ::IStream** stream) const {
     if (contents)
-        *stream = make<SZipStream>(static_cast<SZipStream&>(*contents), archive_).Detach();
+        *stream = make<SZipStream>(static_cast<SZipStream&>(*contents), archive_, readOnly).Detach();
     return status;
 }
 

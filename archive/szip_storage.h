@@ -42,8 +42,9 @@ public:
     /// STGM_CONVERT keeps what is there.
     HRESULT STDMETHODCALLTYPE CreateStream(LPCOLESTR name, DWORD mode, DWORD reserved1, DWORD reserved2,
                                            ::IStream** stream) noexcept override;
-    /// When open for reading, write-only access is refused with STG_E_ACCESSDENIED; with read-write access
-    /// the stream refuses the writes. Else as `SZipArchive::extractFile`.
+    /// When open for reading, write-only access is refused with STG_E_ACCESSDENIED. Else as
+    /// `SZipArchive::extractFile`. A stream opened for reading, or out of an archive that is, refuses
+    /// changes.
     HRESULT STDMETHODCALLTYPE OpenStream(LPCOLESTR name, void* reserved1, DWORD mode, DWORD reserved2,
                                          ::IStream** stream) noexcept override;
     /// As CreateStream, by `SZipArchive::createDirectory`.
@@ -88,7 +89,7 @@ private:
 
     ~SZipStorage() override;
     bool isReadOnly() const noexcept { return mode_ == STGM_READ; }
-    HRESULT shareWithCaller(HRESULT status, ::IStream* contents, ::IStream** stream) const;
+    HRESULT shareWithCaller(HRESULT status, ::IStream* contents, bool readOnly, ::IStream** stream) const;
     void loadClass();
     HRESULT transfer(const CString& name, IStorage* destination, LPCOLESTR newName, bool moves);
 

@@ -37,8 +37,8 @@ HRESULT duplicateName(const CString& path, LPOLESTR* name) noexcept {
 SZipStream::SZipStream(DynamicBuffer&& bytes, Origin origin)
     : InMemoryIStream(std::make_shared<Contents>(std::move(bytes), std::move(origin))) {}
 
-SZipStream::SZipStream(const SZipStream& other, std::shared_ptr<const void> keeper)
-    : InMemoryIStream(other), keeper_(std::move(keeper)) {}
+SZipStream::SZipStream(const SZipStream& other, std::shared_ptr<const void> keeper, bool readOnly)
+    : InMemoryIStream(other), keeper_(std::move(keeper)), readOnly_(readOnly) {}
 
 SZipStream::~SZipStream() = default;
 
@@ -47,6 +47,8 @@ SZipStream::Contents& SZipStream::shared() const noexcept { return static_cast<C
 std::uint64_t SZipStream::changes() const noexcept { return shared().changes; }
 
 bool SZipStream::isModified() const noexcept { return shared().changes != shared().saved; }
+
+bool SZipStream::isReadOnly() const noexcept { return readOnly_ || shared().origin.readOnly; }
 
 void SZipStream::markModified() noexcept { ++shared().changes; }
 
@@ -86,7 +88,7 @@ HRESULT SZipStream::Read(void* pv, ULONG cb, ULONG* pcbRead) noexcept {
 }
 
 HRESULT SZipStream::Write(const void* pv, ULONG cb, ULONG* pcbWritten) noexcept {
-    if (shared().origin.readOnly) {
+    if (isReadOnly()) {
         if (pcbWritten)
             *pcbWritten = 0;
         return STG_E_ACCESSDENIED;
@@ -99,7 +101,7 @@ HRESULT SZipStream::Write(const void* pv, ULONG cb, ULONG* pcbWritten) noexcept 
 }
 
 HRESULT SZipStream::SetSize(ULARGE_INTEGER newSize) noexcept {
-    if (shared().origin.readOnly)
+    if (isReadOnly())
         return STG_E_ACCESSDENIED;
     const RwGuard guard(shared().lock, RwGuard::Exclusive);
     const HRESULT status = InMemoryIStream::SetSize(newSize);
@@ -113,7 +115,7 @@ HRESULT SZipStream::Stat(STATSTG* pstatstg, DWORD flags) noexcept {
     const HRESULT status = InMemoryIStream::Stat(pstatstg, flags);
     if (FAILED(status))
         return status;
-    pstatstg->grfMode = shared().origin.readOnly ? STGM_READ : STGM_READWRITE;
+    pstatstg->grfMode = isReadOnly() ? STGM_READ : STGM_READWRITE;
     return flags == STATFLAG_NONAME ? S_OK : duplicateName(shared().origin.path, &pstatstg->pwcsName);
 }
 
@@ -122,7 +124,7 @@ HRESULT SZipStream::Clone(::IStream** ppstm) noexcept {
         return STG_E_INVALIDPOINTER;
     *ppstm = nullptr;
     try {
-        *ppstm = new SZipStream(*this, keeper_);
+        *ppstm = new SZipStream(*this, keeper_, readOnly_);
         return S_OK;
     } catch (const std::bad_alloc&) {
         return STG_E_INSUFFICIENTMEMORY;

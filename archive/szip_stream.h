@@ -28,8 +28,10 @@ public:
     };
 
     SZipStream(DynamicBuffer&& bytes, Origin origin);
-    /// Shares the other's contents, from its position. `keeper` lives as long as this stream.
-    explicit SZipStream(const SZipStream& other, std::shared_ptr<const void> keeper = nullptr);
+    /// Shares the other's contents, from its position. `keeper` lives as long as this stream. With `readOnly`
+    /// this stream refuses changes even where others may make them.
+    explicit SZipStream(const SZipStream& other, std::shared_ptr<const void> keeper = nullptr,
+                        bool readOnly = false);
     SZipStream& operator=(const SZipStream&) = delete;
 
     /// A number that every change makes larger.
@@ -58,8 +60,10 @@ private:
     ~SZipStream() override;
     Contents& shared() const noexcept;
     void markChanged() noexcept;
+    bool isReadOnly() const noexcept;
 
     std::shared_ptr<const void> keeper_;
+    bool readOnly_ = false;
 };
 
 } // namespace Vexel::Storage

@@ -24,6 +24,7 @@ constexpr std::uint32_t blockBits = bit(SharedPathNameFlag::FileExistsKnown) |
                                     bit(SharedPathNameFlag::UpToDateKnown);
 
 constinit std::atomic<unsigned> liveBlocks{0};
+constinit std::atomic<std::uint64_t> periodsEnded{0};
 
 // The names with facts of the present period, which hold their entries until it ends. Made with the first of
 // them and gone with the last block, so that blocks may be static objects. The lock is never taken together
@@ -44,6 +45,7 @@ SharedPathNameFlagsCacheBlock::SharedPathNameFlagsCacheBlock() noexcept { liveBl
 SharedPathNameFlagsCacheBlock::~SharedPathNameFlagsCacheBlock() {
     if (liveBlocks.fetch_sub(1) != 1)
         return;
+    periodsEnded.fetch_add(1);
     std::unique_ptr<Names> names; // let go outside the lock: entries may go with them
     const SpinGuard guard(registryLock);
     if (!guard || IsActive()) // a block that began meanwhile goes on with what is known, and forgets it
@@ -56,6 +58,11 @@ SharedPathNameFlagsCacheBlock::~SharedPathNameFlagsCacheBlock() {
 }
 
 bool SharedPathNameFlagsCacheBlock::IsActive() noexcept { return liveBlocks.load() != 0; }
+
+std::uint64_t Vexel::Detail::flagsCachePeriod() noexcept {
+    const std::uint64_t ended = periodsEnded.load();
+    return SharedPathNameFlagsCacheBlock::IsActive() ? ended + 1 : 0;
+}
 
 // Replaces the flags `known` by `bits` until the present period ends. Whether it lasts is asked under the
 // lock: one that ended meanwhile has forgotten its names already and would never forget this one.

@@ -1,6 +1,7 @@
 #include "storage/compound_storage.h"
 
 #include "paths/file_handle.h"
+#include "paths/process_end.h"
 #include "paths/status_guard.h"
 #include "storage/compound_check.h"
 #include "storage/platform_storage.h"
@@ -10,12 +11,12 @@
 
 #include <objbase.h>
 
+#include <utility>
+
 using Vexel::Detail::CompoundAccess;
+using Vexel::Detail::TreeLock;
 
 namespace {
-
-/// Whether any root was ever opened on a copy; see VxCompoundStorage::close.
-std::atomic<bool> copiesMade{false};
 
 bool isHeldElsewhere(HRESULT status) {
     return status == STG_E_SHAREVIOLATION || status == STG_E_LOCKVIOLATION;
@@ -52,8 +53,10 @@ bool lowerOptionsVersion() {
 }
 
 /// A copy has been up for deletion since it was opened; once it is closed it can go. Where memory is missing
-/// it goes another time: a handle that closes must not fail.
+/// it goes another time: a handle that closes must not fail. The end of the process deletes all of them.
 void clearCopies() {
+    if (Vexel::Detail::isProcessEnding())
+        return;
     Vexel::Detail::withStatus([] {
         TempFileContainer::Instance().clear();
         return S_OK;
@@ -67,16 +70,21 @@ std::atomic<USHORT>& Vexel::Detail::compoundOptionsVersion() noexcept {
     return version;
 }
 
-void VxCompoundStorage::attach(IStorage* storage) {
-    storage_ = storage;
+bool VxCompoundStorage::isForReading(IStorage* storage) {
     STATSTG info{};
-    readOnly_ = storage && SUCCEEDED(storage->Stat(&info, STATFLAG_NONAME)) && isForReading(info.grfMode);
+    return SUCCEEDED(storage->Stat(&info, STATFLAG_NONAME)) && ::isForReading(info.grfMode);
+}
+
+void VxCompoundStorage::attach(IStorage* storage, bool readOnly) {
+    const TreeLock lock(*this);
+    storage_ = storage;
+    readOnly_ = readOnly;
 }
 
 void VxCompoundStorage::close() {
-    const bool mayBeCopy = copiesMade && !parent_ && keyed_ && readOnly_ && storage_;
+    const TreeLock lock(*this);
     VxStorage::close();
-    if (mayBeCopy)
+    if (std::exchange(temporary_, false))
         clearCopies();
 }
 
@@ -87,6 +95,7 @@ bool VxCompoundStorage::retryAfterFailure(HRESULT status) {
 }
 
 bool VxCompoundStorage::hasChild(const SharedPathName& name, StorageType type) {
+    const TreeLock lock(*this);
     if (name.empty())
         return false;
     if (VxStorage::hasChild(name, type))
@@ -119,8 +128,13 @@ long VxCompoundStorage::createRoot(DWORD /*stgm*/, DWORD /*reserved*/) { return 
 
 bool VxCompoundStorage::getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) {
     constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    const Vexel::Detail::FileHandle file(CreateFileW(root_->name().asString(), GENERIC_READ, shareAll,
-                                                     nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    Vexel::Detail::FileHandle file;
+    callTwiceIfExhausted([&] {
+        file = Vexel::Detail::FileHandle(Vexel::Detail::StoragePlatform().createFile(
+            root_->name().asString(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
+            nullptr));
+        return file ? S_OK : Vexel::Detail::storageStatus(GetLastError());
+    });
     return file && GetFileTime(file.get(), created, accessed, modified);
 }
 
@@ -139,8 +153,10 @@ std::unique_ptr<VxStorageEnumerator> VxCompoundStorage::createEnumerator() {
 long VxCompoundStorage::openRoot(DWORD stgm) {
     if (const HRESULT sound = check(name_, stgm); FAILED(sound))
         return sound;
+    if (storage_)
+        return openedMeanwhile;
     HRESULT status = openFile(name_, stgm);
-    if (keyed_ && isHeldElsewhere(status) && isForReading(stgm) && name_.fileExists())
+    if (keyed_ && isHeldElsewhere(status) && ::isForReading(stgm) && name_.fileExists())
         status = openCopy(stgm, status);
 
     // Neither is worth a failure: they only save the system a scratch file or a snapshot.
@@ -151,11 +167,9 @@ long VxCompoundStorage::openRoot(DWORD stgm) {
         status = SUCCEEDED(sound) ? openFile(name_, stgm & ~savings) : sound;
     }
 
-    if (status == STG_E_INVALIDPARAMETER
-            ? !lowerOptionsVersion()
-            : status == STG_E_INVALIDNAME || !VxStorage::retryAfterFailure(status))
+    if (!retryAfterFailure(status))
         return status;
-    return openFile(name_, stgm);
+    return storage_ ? openedMeanwhile : openFile(name_, stgm);
 }
 
 /// Looks at a file before the system does, once for all attempts to open it.
@@ -178,13 +192,21 @@ HRESULT VxCompoundStorage::openFile(const SharedPathName& path, DWORD stgm) {
 /// change. `otherwise` is what a file that cannot be copied gets.
 HRESULT VxCompoundStorage::openCopy(DWORD stgm, HRESULT otherwise) {
     auto& files = TempFileContainer::Instance();
-    unsigned long error = 0;
-    const SharedPathName copy = files.insertCopy(name_.asString(), L"vxsv",
-                                                 name_.fileExtension(false, nullptr), &error, false, false);
+    SharedPathName copy;
+    callTwiceIfExhausted([&] {
+        unsigned long error = 0;
+        copy = files.insertCopy(name_.asString(), L"vxsv", name_.fileExtension(false, nullptr), &error, false,
+                                false);
+        return copy.empty() ? Vexel::Detail::storageStatus(error) : S_OK;
+    });
     if (copy.empty())
         return otherwise;
-    copiesMade = true;
     const HRESULT sound = check(copy, stgm);
+    if (storage_) {
+        files.erase(copy);
+        return openedMeanwhile;
+    }
+    temporary_ = true;
     const HRESULT status = SUCCEEDED(sound) ? openFile(copy, stgm) : sound;
     files.erase(copy); // goes when it is closed
     return status;

@@ -9,8 +9,10 @@ public:
     /// A closed root for the file at `path`; without a path for a caller's interface.
     explicit VxCompoundStorage(SharedPathName path) : VxCompoundStorage(std::move(path), nullptr, nullptr) {}
 
-    /// Makes `storage` the node's interface. The node counts as writable unless the interface says otherwise.
-    void attach(IStorage* storage);
+    /// Whether a caller's interface says that it is for reading only.
+    static bool isForReading(IStorage* storage);
+    /// Makes `storage` the node's interface.
+    void attach(IStorage* storage, bool readOnly);
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
     void close() override;
@@ -39,7 +41,7 @@ private:
 
 class VxCompoundStream final : public VxStream {
 public:
-    VxCompoundStream(SharedPathName name, VxStorage* parent, VxStorageItem* root) noexcept
+    VxCompoundStream(SharedPathName name, VxStorage* parent, VxStorageItem* root)
         : VxStream(std::move(name), parent, root) {}
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }

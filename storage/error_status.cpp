@@ -24,3 +24,8 @@ HRESULT Vexel::Detail::statusOf(const std::error_code& error) noexcept {
     }
     return E_FAIL;
 }
+
+bool Vexel::Detail::isExhausted(HRESULT status) noexcept {
+    constexpr HRESULT outOfMemory = 8; // whatever the facility
+    return status == STG_E_TOOMANYOPENFILES || (FAILED(status) && HRESULT_CODE(status) == outOfMemory);
+}

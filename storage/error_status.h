@@ -10,4 +10,8 @@ namespace Vexel::Detail {
 /// condition it stands for.
 HRESULT statusOf(const std::error_code& error) noexcept;
 
+/// Whether a call failed for want of memory or file handles, so that it deserves a second attempt after a
+/// clean-up.
+bool isExhausted(HRESULT status) noexcept;
+
 } // namespace Vexel::Detail

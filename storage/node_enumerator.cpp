@@ -25,36 +25,44 @@ StorageType typeOf(DWORD elementType) {
 VxStorageEnumerator::~VxStorageEnumerator() = default;
 
 long VxStorageEnumerator::reset(VxStorage* storage) {
-    enumerator_.Reset();
-    clearEntry();
+    const Vexel::Detail::TreeLock lock(*storage);
+    entries_.clear();
+    next_ = 0;
+    entry_ = {};
     status_ = S_OK;
-    const HRESULT status = storage->ensureOpen();
-    return FAILED(status) ? status : storage->storage()->EnumElements(0, nullptr, 0, &enumerator_);
+    Microsoft::WRL::ComPtr<IEnumSTATSTG> list;
+    HRESULT status = storage->ensureOpen();
+    if (SUCCEEDED(status))
+        status = storage->callTwiceIfExhausted([&]() -> HRESULT {
+            if (!storage->isOpen())
+                return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
+            return storage->storage()->EnumElements(0, nullptr, 0, list.ReleaseAndGetAddressOf());
+        });
+    end_ = SUCCEEDED(status) ? readAll(*storage, *list.Get()) : status;
+    return status;
+}
+
+HRESULT VxStorageEnumerator::readAll(VxStorage& storage, IEnumSTATSTG& list) {
+    STATSTG element{};
+    const auto next = [&] {
+        element = {};
+        return list.Next(1, &element, nullptr);
+    };
+    HRESULT status = S_OK;
+    while ((status = storage.callTwiceIfExhausted(next)) == S_OK) {
+        const std::unique_ptr<wchar_t, FreeTaskMemory> name(element.pwcsName);
+        const StorageType type = typeOf(element.type);
+        if (type != StorageType{})
+            entries_.push_back(
+                {type, Vexel::Detail::elementName(name.get()), element.cbSize, element.ctime, element.mtime});
+    }
+    return status;
 }
 
 bool VxStorageEnumerator::moveNext() {
-    clearEntry();
-    if (!enumerator_)
-        return false;
-    STATSTG entry{};
-    for (; (status_ = enumerator_->Next(1, &entry, nullptr)) == S_OK; entry = {}) {
-        const std::unique_ptr<wchar_t, FreeTaskMemory> name(entry.pwcsName);
-        const StorageType type = typeOf(entry.type);
-        if (type == StorageType{})
-            continue;
-        name_ = Vexel::Detail::elementName(name.get());
-        type_ = type;
-        size_ = entry.cbSize;
-        createTime_ = entry.ctime;
-        writeTime_ = entry.mtime;
-        return true;
-    }
-    return false;
-}
-
-void VxStorageEnumerator::clearEntry() {
-    type_ = {};
-    name_.clear();
-    size_ = {};
-    createTime_ = writeTime_ = {};
+    const bool isThere = next_ < entries_.size();
+    entry_ = isThere ? std::move(entries_[next_++]) : Entry();
+    if (!isThere)
+        status_ = end_;
+    return isThere;
 }

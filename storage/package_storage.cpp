@@ -1,12 +1,13 @@
 #include "storage/package_storage.h"
 
 #include "archive/szip_storage.h"
-#include "storage/tree_lock.h"
+#include "paths/status_guard.h"
 
 #include <vexel/archive.h>
 #include <vexel/temp_files.h>
 
-using Vexel::Detail::lockTree;
+using Vexel::Detail::TreeLock;
+using Vexel::Detail::TreePairLock;
 using Vexel::Storage::SZipArchive;
 using Vexel::Storage::SZipArchiveItem;
 using Vexel::Storage::SZipStorage;
@@ -19,26 +20,39 @@ constexpr DWORD temporaryFlags = STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READW
 
 SZipStorage* VxNativePackage::package() const noexcept { return static_cast<SZipStorage*>(storage_.Get()); }
 
-// Never waits: the tree's lock is held, and the archive may be busy for as long as a save takes.
+VxNativePackage::~VxNativePackage() {
+    storage_.Reset();
+    giveFileBack();
+}
+
+// Memory that is missing leaves the file to the end of the process.
+void VxNativePackage::giveFileBack() {
+    if (temporary_)
+        Vexel::Detail::withStatus([this] { return TempFileContainer::Instance().erase(name_), S_OK; });
+}
+
+// Never waits: the archive may be busy for as long as a save through a caller's interface takes.
 void VxNativePackage::flushArchive() {
     if (storage_)
         package()->archive()->flushIfIdle(package()->path());
 }
 
 bool VxNativePackage::deleteUnusedObjects(bool keepObjects) {
-    const auto lock = lockTree();
+    const TreeLock lock(*this);
     const bool freed = VxStorage::deleteUnusedObjects(keepObjects);
     flushArchive();
     return freed;
 }
 
 void VxNativePackage::close() {
+    const TreeLock lock(*this);
     VxStorage::close();
-    if (!referenced() && temporary_)
-        TempFileContainer::Instance().erase(name_);
+    if (!referenced())
+        giveFileBack();
 }
 
 bool VxNativePackage::hasChild(const SharedPathName& name, StorageType type) {
+    const TreeLock lock(*this);
     if (name.empty())
         return false;
     if (VxStorage::hasChild(name, type))
@@ -81,7 +95,10 @@ long VxNativePackage::makeTemporary() {
 }
 
 long VxNativePackage::borrowPackedData(VxStorage* source) {
-    if (!source || source->format() != StorageFormat::Package || !source->isOpen())
+    if (!source || source->format() != StorageFormat::Package)
+        return STG_E_INVALIDPARAMETER;
+    const TreePairLock locks(*this, *source);
+    if (!source->isOpen())
         return STG_E_INVALIDPARAMETER;
     if (const HRESULT status = ensureOpen(); FAILED(status))
         return status;
@@ -90,6 +107,7 @@ long VxNativePackage::borrowPackedData(VxStorage* source) {
 }
 
 bool VxNativePackage::getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) {
+    const TreeLock lock(*this);
     return storage_ && package()->archive()->fileTimes(created, modified, accessed);
 }
 
@@ -106,16 +124,17 @@ std::unique_ptr<VxStorageEnumerator> VxNativePackage::createEnumerator() {
 }
 
 long VxNativePackage::clear() {
+    const TreeLock lock(*this);
     deleteUnusedObjects(false);
     if (readOnly_)
         return STG_E_ACCESSDENIED;
     if (const HRESULT status = open(false, rootFlag_); FAILED(status))
         return status;
-    const HRESULT status = package()->archive()->clear(package()->path());
+    const HRESULT status = callTwiceIfExhausted(
+        [this] { return storage_ ? package()->archive()->clear(package()->path()) : STG_E_INVALIDFUNCTION; });
     if (FAILED(status))
         return status;
     // What handles are on has gone. Left open, it would go on taking writes, and lose them.
-    const auto lock = lockTree();
     for (const auto& [name, child] : children_)
         child->close();
     return status;
@@ -126,9 +145,13 @@ long VxNativePackage::createRoot(DWORD stgm, DWORD reserved) { return openArchiv
 long VxNativePackage::openRoot(DWORD stgm) { return openArchive(stgm, false); }
 
 long VxNativePackage::openArchive(DWORD stgm, bool silentDiscard) {
-    Microsoft::WRL::ComPtr<SZipStorage> opened;
-    const HRESULT status =
-        Vexel::Storage::openPackage(name_.asString(), stgm, silentDiscard, opened.GetAddressOf());
-    storage_ = opened;
-    return status;
+    return callTwice([&]() -> HRESULT {
+        if (storage_)
+            return openedMeanwhile;
+        Microsoft::WRL::ComPtr<SZipStorage> opened;
+        const HRESULT status =
+            Vexel::Storage::openPackage(name_.asString(), stgm, silentDiscard, opened.GetAddressOf());
+        storage_ = opened;
+        return status;
+    });
 }

@@ -12,6 +12,8 @@ class VxNativePackage final : public VxStorage {
 public:
     /// A closed root for the file at `path`, which need not be there; without a path for a temporary root.
     explicit VxNativePackage(SharedPathName path) : VxNativePackage(std::move(path), nullptr, nullptr) {}
+    /// A temporary root's file goes with it.
+    ~VxNativePackage() override;
 
     StorageFormat format() const noexcept override { return StorageFormat::Package; }
     /// Also gives back the memory of contents that nobody holds, unless another thread is busy with them.
@@ -42,11 +44,12 @@ private:
     long makeTemporary();
     long openArchive(DWORD stgm, bool silentDiscard);
     void flushArchive();
+    void giveFileBack();
 };
 
 class VxNativePart final : public VxStream {
 public:
-    VxNativePart(SharedPathName name, VxStorage* parent, VxStorageItem* root) noexcept
+    VxNativePart(SharedPathName name, VxStorage* parent, VxStorageItem* root)
         : VxStream(std::move(name), parent, root) {}
 
     StorageFormat format() const noexcept override { return StorageFormat::Package; }

@@ -1,12 +1,15 @@
 // Path names in documents: here, above the streams and handles that hold them.
 
 #include "paths/path_name_table.h"
+#include "storage/stream_lock.h"
 
 #include <vexel/path_name.h>
 #include <vexel/storage.h>
 #include <vexel/strings.h>
 
 #include <cstdint>
+
+using Vexel::Detail::StreamLock;
 
 namespace {
 
@@ -62,7 +65,10 @@ void SharedPathName::write(::IStream* stream) const {
         stream->Write(&entry_->hash, sizeof entry_->hash, nullptr);
 }
 
-void SharedPathName::write(const StreamRef& stream) const { write(stream.stream()); }
+void SharedPathName::write(const StreamRef& stream) const {
+    const StreamLock lock(stream);
+    write(stream.stream());
+}
 
 void SharedPathName::read(CArchive& archive, unsigned fileVersion, unsigned hashVersion,
                           Vexel::FlagSet<ReadFlag> flags) {
@@ -107,6 +113,7 @@ void SharedPathName::read(::IStream* stream, unsigned fileVersion, unsigned hash
 
 void SharedPathName::read(const StreamRef& stream, unsigned fileVersion, unsigned hashVersion,
                           Vexel::FlagSet<ReadFlag> flags) {
+    const StreamLock lock(stream);
     if (!flags.has(ReadFlag::CArchiveString)) {
         read(stream.stream(), fileVersion, hashVersion, flags);
         return;

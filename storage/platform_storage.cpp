@@ -19,7 +19,7 @@ DWORD probeForWriting(const wchar_t* path) {
 } // namespace
 
 PlatformStorage& StoragePlatform() noexcept {
-    static PlatformStorage calls{::StgOpenStorageEx, ::StgIsStorageFile, probeForWriting};
+    static PlatformStorage calls{::StgOpenStorageEx, ::StgIsStorageFile, probeForWriting, ::CreateFileW};
     return calls;
 }
 

@@ -19,6 +19,7 @@ struct PlatformStorage {
     /// Opens an existing file for reading and writing, keeping other writers out, and closes it at once.
     /// Returns 0 or the system's error code.
     DWORD (*probeForWriting)(const wchar_t* path);
+    decltype(&::CreateFileW) createFile;
 };
 
 /// The calls in use. Not guarded: to be changed only while no other thread is in this layer.

@@ -9,8 +9,9 @@ std::unique_ptr<VxStorage> Vexel::Detail::makeRoot(const SharedPathName& path, b
     std::unique_ptr<VxStorage> root = std::make_unique<VxNativePackage>(path);
     root->setKeyed(keyed);
     status = operation(*root);
+    const auto isCompoundFile = [&] { return StoragePlatform().isStorageFile(path.asString()); };
     if ((status == STG_E_INVALIDHEADER || status == STG_E_SHAREVIOLATION) &&
-        StoragePlatform().isStorageFile(path.asString()) == S_OK) {
+        root->callTwiceIfExhausted(isCompoundFile) == S_OK) {
         root = std::make_unique<VxCompoundStorage>(path);
         root->setKeyed(keyed);
         status = operation(*root);

@@ -1,11 +1,10 @@
 #include "storage/compound_name.h"
 #include "storage/storage_item.h"
-#include "storage/tree_lock.h"
 
 #include <type_traits>
 
 using Vexel::Detail::ItemRef;
-using Vexel::Detail::lockTree;
+using Vexel::Detail::TreeLock;
 
 namespace {
 
@@ -24,16 +23,18 @@ bool mayHaveChildren(const VxStorage* storage) {
 } // namespace
 
 bool VxStorage::hasChild(const SharedPathName& name, StorageType type) {
-    const auto lock = lockTree();
+    const TreeLock lock(*this);
     const auto child = children_.find(name);
-    return child != children_.end() && child->second->type() == type;
+    if (child == children_.end() || child->second->type() != type)
+        return false;
+    return type == StorageType::Storage ? static_cast<VxStorage&>(*child->second).isOpen()
+                                        : static_cast<VxStream&>(*child->second).isOpen();
 }
 
 /// The child's item, made when there is none in the table. For creating, a node that is open without being
 /// used is closed.
 template <class Child>
 HRESULT VxStorage::findOrMake(const SharedPathName& name, bool creating, ItemRef<Child>& child, bool& made) {
-    const auto lock = lockTree();
     auto found = children_.find(name);
     if (found != children_.end() && found->second->type() != Child::Type) {
         found->second->deleteUnusedObjects(false);
@@ -68,10 +69,10 @@ HRESULT VxStorage::findOrMake(const SharedPathName& name, bool creating, ItemRef
 template <class Child, class Action>
 ItemRef<Child> VxStorage::withChild(const SharedPathName& name, bool creating, HRESULT* status,
                                     Action action) {
-    HRESULT result = E_FAIL;
+    const TreeLock lock(*this);
     ItemRef<Child> child;
     bool made = false;
-    result = findOrMake(name, creating, child, made);
+    HRESULT result = findOrMake(name, creating, child, made);
     if (SUCCEEDED(result)) {
         result = action(*child.get());
         if (FAILED(result)) {
@@ -87,7 +88,6 @@ ItemRef<Child> VxStorage::withChild(const SharedPathName& name, bool creating, H
 }
 
 void VxStorage::discard(const SharedPathName& name, const VxStorageItem* item) {
-    const auto lock = lockTree();
     const auto found = children_.find(name);
     if (found != children_.end() && found->second.get() == item && !item->isUsed())
         children_.erase(found);
@@ -115,7 +115,6 @@ ItemRef<VxStream> VxStorage::createChildStream(const SharedPathName& name, HRESU
 }
 
 HRESULT VxStorage::forgetChild(const SharedPathName& name) {
-    const auto lock = lockTree();
     const auto child = children_.find(name);
     if (child == children_.end())
         return S_OK;
@@ -127,6 +126,7 @@ HRESULT VxStorage::forgetChild(const SharedPathName& name) {
 }
 
 long VxStorage::destroyChild(const SharedPathName& name) {
+    const TreeLock lock(*this);
     if (name.empty())
         return STG_E_INVALIDNAME;
     HRESULT status = forgetChild(name);
@@ -137,5 +137,11 @@ long VxStorage::destroyChild(const SharedPathName& name) {
     // Not left to the platform: some let the elements of a storage that is open for reading be destroyed.
     if (readOnly_)
         return STG_E_ACCESSDENIED;
-    return Vexel::Detail::elementStatus(storage_->DestroyElement(name.asString()), format(), name);
+    status = callTwiceIfExhausted([&]() -> HRESULT {
+        // Again: another thread may have been let in meanwhile.
+        if (const HRESULT forgotten = forgetChild(name); FAILED(forgotten))
+            return forgotten;
+        return storage_ ? storage_->DestroyElement(name.asString()) : STG_E_INVALIDFUNCTION;
+    });
+    return Vexel::Detail::elementStatus(status, format(), name);
 }

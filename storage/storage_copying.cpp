@@ -159,6 +159,7 @@ private:
 long StorageRef::copyTo(const StorageRef& target) const {
     if (null() || target.null() || item_ == target.item_)
         return STG_E_INVALIDPARAMETER;
+    const Vexel::Detail::TreePairLock locks(*item_, *target.item_);
     target.item_->deleteUnusedObjects(false);
     return withStatus([&]() -> long {
         const ItemRef<VxStorage> from(item_);

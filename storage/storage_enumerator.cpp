@@ -13,6 +13,8 @@ StorageEnumerator::~StorageEnumerator() { release(); }
 
 long StorageEnumerator::reset(const StorageRef& storage) {
     release();
+    if (storage.null())
+        return STG_E_INVALIDPARAMETER;
     return Vexel::Detail::withStatus([&] {
         std::unique_ptr<VxStorageEnumerator> made = storage.item_->createEnumerator();
         if (!made)

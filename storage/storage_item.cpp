@@ -1,11 +1,11 @@
 #include "storage/storage_item.h"
 
-#include "storage/tree_lock.h"
+using Vexel::Detail::RootLock;
+using Vexel::Detail::TreeLock;
 
-using Vexel::Detail::lockTree;
-
-VxStorageItem::VxStorageItem(SharedPathName name, VxStorage* parent, VxStorageItem* root) noexcept
-    : name_(std::move(name)), parent_(parent), root_(root ? root : this) {}
+VxStorageItem::VxStorageItem(SharedPathName name, VxStorage* parent, VxStorageItem* root)
+    : name_(std::move(name)), parent_(parent), root_(root ? root : this),
+      lock_(root ? nullptr : std::make_shared<RootLock>()) {}
 
 bool VxStorageItem::deleteUnusedObjects(bool /*keepObjects*/) { return false; }
 
@@ -26,9 +26,10 @@ int VxStorageItem::release() noexcept {
 }
 
 void VxStorageItem::releaseHandle() noexcept {
-    const auto lock = lockTree(); // no clean-up frees the item between the release and the rest
+    const TreeLock lock(*this); // no clean-up frees the item between the release and the rest
+    const bool isCompoundFile = format() == StorageFormat::CompoundFile;
     release();
-    if (format() != StorageFormat::CompoundFile)
+    if (!lock || !isCompoundFile)
         return;
     if (!root_->referenced())
         root_->close();
@@ -37,22 +38,11 @@ void VxStorageItem::releaseHandle() noexcept {
 }
 
 bool VxStorageItem::retryAfterFailure(HRESULT status) {
-    constexpr HRESULT outOfMemory = 8; // whatever the facility
-    if (FAILED(status) && HRESULT_CODE(status) == outOfMemory)
-        status = STG_E_INSUFFICIENTMEMORY;
-    switch (status) {
-    case STG_E_INSUFFICIENTMEMORY:
-    case STG_E_TOOMANYOPENFILES:
-        break;
-    case STG_E_SHAREVIOLATION:
-    case STG_E_LOCKVIOLATION:
-    case STG_E_ACCESSDENIED:
-        if (parent_)
-            break;
+    const bool isConflict =
+        status == STG_E_SHAREVIOLATION || status == STG_E_LOCKVIOLATION || status == STG_E_ACCESSDENIED;
+    if (!Vexel::Detail::isExhausted(status) && !(isConflict && parent_))
         return false;
-    default:
-        return false;
-    }
     const Vexel::Detail::ItemRef<VxStorageItem> kept(this); // the clean-up must not free it
+    const Vexel::Detail::TreesLetGo letGo;
     return StorageContainer::Instance().freeForRetry();
 }

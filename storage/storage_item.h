@@ -1,6 +1,8 @@
 #pragma once
 
+#include "storage/error_status.h"
 #include "storage/item_ref.h"
+#include "storage/tree_lock.h"
 
 #include <vexel/path_name.h>
 #include <vexel/storage.h>
@@ -13,6 +15,7 @@
 #include <atomic>
 #include <map>
 #include <memory>
+#include <vector>
 
 /// The tree of items behind the handles: a VxStorage for each storage node and a VxStream for each stream
 /// node that is or was open. Each storage keeps a table of its children's items, so that one node is never
@@ -24,9 +27,10 @@
 /// container. Only the reference count keeps it alive, and a storage is in use as long as it has children.
 /// The order of the virtual functions is part of the contract between the backends.
 ///
-/// Threads. Counts may change on any thread. The tree is walked and changed under the tree's lock
-/// (tree_lock.h), which the functions take themselves. Opening, reading and closing the nodes of one root is
-/// for one thread at a time; a clean-up may run on any other thread meanwhile.
+/// Threads. Counts, names and the marks for reading may be asked on any thread. All else is done under the
+/// lock of the root (tree_lock.h), which the functions take themselves; the backends' are called with it.
+/// While a failed call waits for its clean-up the lock is let go of: nodes may be closed by then, and a node
+/// that was to be opened may be open.
 class VxStorageItem {
 public:
     VxStorageItem(const VxStorageItem&) = delete;
@@ -46,7 +50,8 @@ public:
     /// The node's times; either pointer may be null.
     virtual long stat(FILETIME* created, FILETIME* modified) = 0;
     /// Whether a call that failed with `status` deserves one more attempt: memory, file handles or, below the
-    /// root, sharing ran out, and a clean-up freed something. Runs that clean-up.
+    /// root, sharing ran out, and a clean-up freed something. Runs that clean-up, without this thread's locks
+    /// of roots.
     virtual bool retryAfterFailure(HRESULT status);
 
     /// An item's reference counts on its root too. Both return the item's new count.
@@ -63,23 +68,36 @@ public:
     VxStorage* parent() const noexcept { return parent_; }
     VxStorageItem* root() const noexcept { return root_; }
     bool readOnly() const noexcept { return readOnly_; }
+    const std::shared_ptr<Vexel::Detail::RootLock>& rootLock() const noexcept { return root_->lock_; }
+
+    /// `call`, and once more if this item finds the failure worth it.
+    template <class Call>
+    HRESULT callTwice(Call call) {
+        const HRESULT status = call();
+        return FAILED(status) && retryAfterFailure(status) ? call() : status;
+    }
+    /// The same for exhausted memory and file handles only: a conflict with others is no reason.
+    template <class Call>
+    HRESULT callTwiceIfExhausted(Call call) {
+        const HRESULT status = call();
+        return Vexel::Detail::isExhausted(status) && retryAfterFailure(status) ? call() : status;
+    }
 
 protected:
     /// `parent` is null for a root, which is its own `root` then.
-    VxStorageItem(SharedPathName name, VxStorage* parent, VxStorageItem* root) noexcept;
+    VxStorageItem(SharedPathName name, VxStorage* parent, VxStorageItem* root);
 
-    /// `call` until it succeeds, at most twice: `judge` decides whether a failure is worth a second attempt.
-    template <class Call>
-    static HRESULT callTwice(VxStorageItem& judge, Call call) {
-        const HRESULT status = call();
-        return FAILED(status) && judge.retryAfterFailure(status) ? call() : status;
-    }
+    /// A success, in the inside of opening and making nodes: another thread has opened the node meanwhile.
+    static constexpr HRESULT openedMeanwhile = MAKE_HRESULT(SEVERITY_SUCCESS, FACILITY_ITF, 0x2FF);
 
     SharedPathName name_;
     VxStorage* parent_;   // outlives this item: it stands in the parent's table
     VxStorageItem* root_; // this item for a root
     std::atomic<int> references_{0};
     std::atomic<bool> readOnly_{true}; // also while closed
+
+private:
+    std::shared_ptr<Vexel::Detail::RootLock> lock_; // a root's
 };
 
 class VxStorage : public VxStorageItem {
@@ -98,8 +116,9 @@ public:
 
     // For the backends, in the order of their slots.
 
-    /// Whether there is such a child; here, whether one of that very type stands in the table. Backends look
-    /// in the file too and take StorageType(0) for either type.
+    /// Whether there is such a child; here, whether one of that very type stands in the table and is open: an
+    /// item that is closed may have outlived its element. Backends look in the file too and take
+    /// StorageType(0) for either type.
     virtual bool hasChild(const SharedPathName& name, StorageType type);
     /// Makes a new temporary file of an unnamed root.
     virtual long createTemporary(bool flag) = 0;
@@ -110,7 +129,8 @@ public:
     virtual std::unique_ptr<VxStream> newChildStream(const SharedPathName& name) = 0;
     virtual std::unique_ptr<VxStorageEnumerator> createEnumerator() = 0;
     virtual long clear() = 0;
-    /// Make or open the root file with these STGM flags, and set the interface. `reserved` is 0.
+    /// Make or open the root file with these STGM flags, and set the interface, which a failure leaves null.
+    /// `reserved` is 0. `openedMeanwhile`, and nothing changed, when there is one after a clean-up.
     virtual long createRoot(DWORD stgm, DWORD reserved) = 0;
     virtual long openRoot(DWORD stgm) = 0;
 
@@ -121,7 +141,8 @@ public:
     long ensureOpen();
 
     /// Opens the node and the storages above it. An open node stays as it is, unless it is open for reading
-    /// and now wanted for writing: then it is closed, with all below it, and opened again. `rootFlag` is kept
+    /// and now wanted for writing: then it is closed, with all below it, and opened again; streams below it
+    /// that are used again go on where they were. `rootFlag` is kept
     /// with a root for the application. A failure, exhausted memory included, leaves the node closed.
     long open(bool readOnly, bool rootFlag);
     /// Makes the node's element, or a root's file. `convert` is for roots: with the contents of what stands
@@ -148,6 +169,8 @@ public:
     void setKeyed(bool keyed) noexcept { keyed_ = keyed; }
     bool rootFlag() const noexcept { return rootFlag_; }
     bool holdOpen() const noexcept { return holdOpen_; }
+    /// Whether its file goes with it.
+    bool temporary() const noexcept { return temporary_; }
 
 protected:
     VxStorage(SharedPathName name, VxStorage* parent, VxStorageItem* root);
@@ -162,8 +185,14 @@ protected:
 private:
     friend class VxStream;
 
+    bool isOpenedMeanwhile(HRESULT status) const noexcept {
+        return status == openedMeanwhile || (FAILED(status) && storage_);
+    }
+    long openRootOrInParent(bool readOnly);
     long openInParent(bool readOnly);
     long createInParent(bool readOnly, bool replace);
+    bool freeUnusedChildren(bool keepObjects);
+    void rememberPositions();
     template <class Child>
     HRESULT findOrMake(const SharedPathName& name, bool creating, ItemRef<Child>& child, bool& made);
     template <class Child, class Action>
@@ -200,19 +229,30 @@ public:
     unsigned long long size();
 
 protected:
-    VxStream(SharedPathName name, VxStorage* parent, VxStorageItem* root) noexcept;
+    VxStream(SharedPathName name, VxStorage* parent, VxStorageItem* root);
 
     Microsoft::WRL::ComPtr<::IStream> stream_;
 
 private:
+    friend class VxStorage;
+
     long ensureOpen();
+    long openNode(bool readOnly);
+    bool isOpenedMeanwhile(HRESULT status) const noexcept {
+        return status == openedMeanwhile || (FAILED(status) && stream_);
+    }
     long openOrRewind(bool readOnly);
+    long openInParent(bool readOnly);
     long createInParent();
     long statNode(STATSTG& info);
     long resize(unsigned long long size);
+    void rememberPosition();
+
+    unsigned long long resumeAt_ = 0; // where a stream goes on that was closed for its parent's reopening
 };
 
-/// Lists the children of a storage as the file has them.
+/// Lists the children of a storage as the file has them at the beginning. So the listing outlives whatever
+/// becomes of the storage, and keeps nothing of it open.
 class VxStorageEnumerator {
 public:
     VxStorageEnumerator() = default;
@@ -222,27 +262,33 @@ public:
     virtual ~VxStorageEnumerator();
     virtual StorageFormat format() const noexcept = 0;
 
-    /// Begins a listing, opening the storage when it is closed.
+    /// Begins a listing, opening the storage when it is closed. A failure in the middle is `moveNext`'s.
     long reset(VxStorage* storage);
-    /// Steps to the next storage or stream; false at the end and on a failure.
+    /// Steps to the next storage or stream; false at the end and where reading the list failed.
     bool moveNext();
     /// S_OK, S_FALSE at the end, or the failure.
     HRESULT status() const noexcept { return status_; }
 
-    StorageType type() const noexcept { return type_; }
-    const SharedPathName& name() const noexcept { return name_; }
-    ULARGE_INTEGER size() const noexcept { return size_; }
-    FILETIME createTime() const noexcept { return createTime_; }
-    FILETIME writeTime() const noexcept { return writeTime_; }
+    StorageType type() const noexcept { return entry_.type; }
+    const SharedPathName& name() const noexcept { return entry_.name; }
+    ULARGE_INTEGER size() const noexcept { return entry_.size; }
+    FILETIME createTime() const noexcept { return entry_.createTime; }
+    FILETIME writeTime() const noexcept { return entry_.writeTime; }
 
 private:
-    void clearEntry();
+    struct Entry {
+        StorageType type{}; // 0 before the first entry and after the last
+        SharedPathName name;
+        ULARGE_INTEGER size{};
+        FILETIME createTime{};
+        FILETIME writeTime{};
+    };
 
-    Microsoft::WRL::ComPtr<IEnumSTATSTG> enumerator_;
-    StorageType type_{}; // 0 before the first entry and after the last
-    SharedPathName name_;
-    ULARGE_INTEGER size_{};
-    FILETIME createTime_{};
-    FILETIME writeTime_{};
+    HRESULT readAll(VxStorage& storage, IEnumSTATSTG& list);
+
+    std::vector<Entry> entries_;
+    size_t next_ = 0;
+    Entry entry_;
+    HRESULT end_ = S_FALSE; // how reading the list ended
     HRESULT status_ = S_OK;
 };

@@ -2,9 +2,8 @@
 #include "storage/compound_name.h"
 #include "storage/element_name.h"
 #include "storage/storage_item.h"
-#include "storage/tree_lock.h"
 
-using Vexel::Detail::lockTree;
+using Vexel::Detail::TreeLock;
 using Vexel::Detail::withStatus;
 
 namespace {
@@ -45,12 +44,12 @@ VxStorage::VxStorage(SharedPathName name, VxStorage* parent, VxStorageItem* root
 VxStorage::~VxStorage() = default;
 
 bool VxStorage::isUsed() const {
-    const auto lock = lockTree();
+    const TreeLock lock(*this);
     return referenced() || !children_.empty();
 }
 
 void VxStorage::close() {
-    const auto lock = lockTree();
+    const TreeLock lock(*this);
     for (auto& [name, child] : children_)
         child->close();
     storage_.Reset();
@@ -58,8 +57,7 @@ void VxStorage::close() {
     VxStorageItem::close();
 }
 
-bool VxStorage::deleteUnusedObjects(bool keepObjects) {
-    const auto lock = lockTree();
+bool VxStorage::freeUnusedChildren(bool keepObjects) {
     bool freed = false;
     for (auto next = children_.begin(); next != children_.end();) {
         const auto child = next++;
@@ -69,6 +67,12 @@ bool VxStorage::deleteUnusedObjects(bool keepObjects) {
         children_.erase(child);
         freed = true;
     }
+    return freed;
+}
+
+bool VxStorage::deleteUnusedObjects(bool keepObjects) {
+    const TreeLock lock(*this);
+    const bool freed = freeUnusedChildren(keepObjects);
     if (isUsed() || (keepObjects && holdOpen_))
         return freed;
     close();
@@ -76,9 +80,12 @@ bool VxStorage::deleteUnusedObjects(bool keepObjects) {
 }
 
 long VxStorage::commit() {
+    const TreeLock lock(*this);
     HRESULT status = ensureOpen();
-    if (SUCCEEDED(status))
-        status = storage_->Commit(STGC_ONLYIFCURRENT);
+    if (FAILED(status))
+        return status;
+    status = callTwiceIfExhausted(
+        [this] { return storage_ ? storage_->Commit(STGC_ONLYIFCURRENT) : STG_E_INVALIDFUNCTION; });
     // A new package is a file from its first commit on. Memory that is missing to look does not undo that.
     if (SUCCEEDED(status) && !parent_)
         withStatus([this] { return name_.updateFileExists(), S_OK; });
@@ -86,11 +93,13 @@ long VxStorage::commit() {
 }
 
 long VxStorage::stat(FILETIME* created, FILETIME* modified) {
+    const TreeLock lock(*this);
     HRESULT status = ensureOpen();
     if (FAILED(status))
         return status;
     STATSTG info{}; // some systems leave the times as they find them
-    status = storage_->Stat(&info, STATFLAG_NONAME);
+    status = callTwiceIfExhausted(
+        [&] { return storage_ ? storage_->Stat(&info, STATFLAG_NONAME) : STG_E_INVALIDFUNCTION; });
     if (FAILED(status))
         return status;
     if (created)
@@ -103,23 +112,37 @@ long VxStorage::stat(FILETIME* created, FILETIME* modified) {
 long VxStorage::ensureOpen() { return storage_ ? S_OK : open(readOnly_, rootFlag_); }
 
 IStorage* VxStorage::storage() {
+    const TreeLock lock(*this);
     ensureOpen();
     return storage_.Get();
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): as deep as the items
+void VxStorage::rememberPositions() {
+    for (auto& [name, child] : children_) {
+        if (child->type() == StorageType::Stream)
+            static_cast<VxStream&>(*child).rememberPosition();
+        else
+            static_cast<VxStorage&>(*child).rememberPositions();
+    }
+}
+
 // NOLINTNEXTLINE(misc-no-recursion): as deep as the items that hold each other
 long VxStorage::open(bool readOnly, bool rootFlag) {
+    const TreeLock lock(*this);
     if (storage_ && readOnly_ && !readOnly) {
         if (name_.empty())
             return STG_E_ACCESSDENIED; // a caller's interface: once let go of, it could not be had again
+        rememberPositions();
         close();
     }
     if (storage_)
         return S_OK;
     if (name_.empty())
         return STG_E_INVALIDPARAMETER;
-    const HRESULT status = parent_ ? openInParent(readOnly)
-                                   : withStatus([&] { return openRoot(rootOpenFlags(readOnly, keyed_)); });
+    const HRESULT status = openRootOrInParent(readOnly);
+    if (isOpenedMeanwhile(status))
+        return open(readOnly, rootFlag);
     if (FAILED(status))
         close();
     else
@@ -129,13 +152,22 @@ long VxStorage::open(bool readOnly, bool rootFlag) {
 }
 
 // NOLINTNEXTLINE(misc-no-recursion): see open
+long VxStorage::openRootOrInParent(bool readOnly) {
+    if (parent_)
+        return openInParent(readOnly);
+    return withStatus([&] { return openRoot(rootOpenFlags(readOnly, keyed_)); });
+}
+
+// NOLINTNEXTLINE(misc-no-recursion): see open
 long VxStorage::openInParent(bool readOnly) {
     const HRESULT status = parent_->open(readOnly, false);
     if (FAILED(status))
         return status;
     if (!parent_->isOpen())
         return STG_E_INVALIDPARAMETER;
-    const HRESULT opened = callTwice(*parent_, [&]() -> HRESULT {
+    const HRESULT opened = parent_->callTwice([&]() -> HRESULT {
+        if (storage_)
+            return openedMeanwhile;
         if (!parent_->isOpen())
             return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
         return parent_->storage_->OpenStorage(name_.asString(), nullptr, childFlags | accessFlags(readOnly),
@@ -145,6 +177,7 @@ long VxStorage::openInParent(bool readOnly) {
 }
 
 long VxStorage::create(bool convert, bool readOnly, bool replace) {
+    const TreeLock lock(*this);
     if (name_.empty())
         return STG_E_INVALIDPARAMETER;
     if (storage_ && referenced())
@@ -152,9 +185,13 @@ long VxStorage::create(bool convert, bool readOnly, bool replace) {
     const bool keyed = keyed_;
     close();
     keyed_ = keyed;
+    if (!convert)
+        freeUnusedChildren(false); // their elements go, or went before
     const HRESULT status =
         parent_ ? createInParent(readOnly, replace)
                 : withStatus([&] { return createRoot(rootCreateFlags(convert, readOnly, keyed_), 0); });
+    if (isOpenedMeanwhile(status))
+        return STG_E_FILEALREADYEXISTS;
     if (FAILED(status))
         close();
     else
@@ -169,15 +206,16 @@ long VxStorage::createInParent(bool readOnly, bool replace) {
     if (!parent_->isOpen())
         return STG_E_INVALIDPARAMETER;
     if (replace) {
-        const auto lock = lockTree();
-        deleteUnusedObjects(false);
+        freeUnusedChildren(false);
         if (!children_.empty())
             return STG_E_INVALIDPARAMETER;
     }
     if (!Vexel::Detail::isElementName(format(), name_))
         return STG_E_INVALIDNAME;
     const DWORD stgm = childFlags | STGM_READWRITE | (replace ? STGM_CREATE : 0);
-    return callTwice(*parent_, [&]() -> HRESULT {
+    return parent_->callTwice([&]() -> HRESULT {
+        if (storage_)
+            return openedMeanwhile;
         if (!parent_->isOpen())
             return STG_E_INVALIDFUNCTION;
         return parent_->storage_->CreateStorage(name_.asString(), stgm, 0, 0,

@@ -1,6 +1,7 @@
 #include "paths/status_guard.h"
 #include "storage/element_name.h"
 #include "storage/item_ref.h"
+#include "storage/named_child.h"
 #include "storage/storage_item.h"
 
 #include <vexel/storage.h>
@@ -9,6 +10,7 @@
 
 using Vexel::Detail::elementName;
 using Vexel::Detail::ItemRef;
+using Vexel::Detail::withName;
 using Vexel::Detail::withStatus;
 
 // Where a node is let go of, name and parent are kept by copy: the name may be that node's, and the handle
@@ -62,11 +64,13 @@ long StorageRef::open(const SharedPathName& name, const StorageRef& parent, bool
 }
 
 long StorageRef::open(const wchar_t* name, const StorageRef& parent, bool readOnly) {
-    return withStatus([&] { return open(elementName(name), parent, readOnly); });
+    return withName(*this, parent, name,
+                    [&](const SharedPathName& kept) { return open(kept, parent, readOnly); });
 }
 
 long StorageRef::open(const CStringW& name, const StorageRef& parent, bool readOnly) {
-    return withStatus([&] { return open(elementName(name), parent, readOnly); });
+    return withName(*this, parent, name,
+                    [&](const SharedPathName& kept) { return open(kept, parent, readOnly); });
 }
 
 long StorageRef::create(const SharedPathName& path) {
@@ -78,7 +82,7 @@ long StorageRef::create(const SharedPathName& path) {
     });
 }
 
-long StorageRef::create(const SharedPathName& name, const StorageRef& parent, bool flag) {
+long StorageRef::create(const SharedPathName& name, const StorageRef& parent, bool replace) {
     if (parent.null())
         return STG_E_INVALIDPARAMETER;
     // NOLINTNEXTLINE(performance-unnecessary-copy-initialization): close() may let go of the parent's last
@@ -86,17 +90,19 @@ long StorageRef::create(const SharedPathName& name, const StorageRef& parent, bo
     return withStatus([&, kept = name, holder = parent] {
         close();
         HRESULT status = E_FAIL;
-        item_ = holder.item_->createChildStorage(kept, &status, flag).detach();
+        item_ = holder.item_->createChildStorage(kept, &status, replace).detach();
         return status;
     });
 }
 
-long StorageRef::create(const wchar_t* name, const StorageRef& parent, bool flag) {
-    return withStatus([&] { return create(elementName(name), parent, flag); });
+long StorageRef::create(const wchar_t* name, const StorageRef& parent, bool replace) {
+    return withName(*this, parent, name,
+                    [&](const SharedPathName& kept) { return create(kept, parent, replace); });
 }
 
-long StorageRef::create(const CStringW& name, const StorageRef& parent, bool flag) {
-    return withStatus([&] { return create(elementName(name), parent, flag); });
+long StorageRef::create(const CStringW& name, const StorageRef& parent, bool replace) {
+    return withName(*this, parent, name,
+                    [&](const SharedPathName& kept) { return create(kept, parent, replace); });
 }
 
 long StorageRef::createTemporary(bool flag) {

@@ -1,10 +1,9 @@
 #include "storage/compound_name.h"
 #include "storage/storage_item.h"
-#include "storage/tree_lock.h"
 
-using Vexel::Detail::lockTree;
+using Vexel::Detail::TreeLock;
 
-VxStream::VxStream(SharedPathName name, VxStorage* parent, VxStorageItem* root) noexcept
+VxStream::VxStream(SharedPathName name, VxStorage* parent, VxStorageItem* root)
     : VxStorageItem(std::move(name), parent, root) {}
 
 VxStream::~VxStream() = default;
@@ -12,13 +11,13 @@ VxStream::~VxStream() = default;
 StreamCompression VxStream::compression() const noexcept { return StreamCompression::None; }
 
 void VxStream::close() {
-    const auto lock = lockTree();
+    const TreeLock lock(*this);
     stream_.Reset();
     VxStorageItem::close();
 }
 
 bool VxStream::deleteUnusedObjects(bool keepObjects) {
-    const auto lock = lockTree();
+    const TreeLock lock(*this);
     if (referenced() || !stream_ || (keepObjects && parent_->holdOpen()))
         return false;
     close();
@@ -26,8 +25,12 @@ bool VxStream::deleteUnusedObjects(bool keepObjects) {
 }
 
 long VxStream::commit() {
+    const TreeLock lock(*this);
     const HRESULT status = ensureOpen();
-    return FAILED(status) ? status : stream_->Commit(STGC_ONLYIFCURRENT);
+    if (FAILED(status))
+        return status;
+    return callTwiceIfExhausted(
+        [this] { return stream_ ? stream_->Commit(STGC_ONLYIFCURRENT) : STG_E_INVALIDFUNCTION; });
 }
 
 long VxStream::stat(FILETIME* created, FILETIME* modified) {
@@ -49,11 +52,16 @@ unsigned long long VxStream::size() {
 
 /// `info` is zeroed by the caller: some systems leave the times as they find them.
 long VxStream::statNode(STATSTG& info) {
+    const TreeLock lock(*this);
     const HRESULT status = ensureOpen();
-    return FAILED(status) ? status : stream_->Stat(&info, STATFLAG_NONAME);
+    if (FAILED(status))
+        return status;
+    return callTwiceIfExhausted(
+        [&] { return stream_ ? stream_->Stat(&info, STATFLAG_NONAME) : STG_E_INVALIDFUNCTION; });
 }
 
 long VxStream::setSize(unsigned long long size) {
+    const TreeLock lock(*this);
     const HRESULT status = ensureOpen();
     return FAILED(status) ? status : resize(size);
 }
@@ -62,18 +70,40 @@ long VxStream::resize(unsigned long long size) {
     ULARGE_INTEGER wanted{};
     wanted.QuadPart = size;
     // The clean-up before a second attempt may have closed the node, here and below.
-    return callTwice(*this, [&] { return stream_ ? stream_->SetSize(wanted) : STG_E_INVALIDFUNCTION; });
+    return callTwice([&] { return stream_ ? stream_->SetSize(wanted) : STG_E_INVALIDFUNCTION; });
+}
+
+void VxStream::rememberPosition() {
+    ULARGE_INTEGER position{};
+    if (stream_ && referenced() && SUCCEEDED(stream_->Seek({}, STREAM_SEEK_CUR, &position)))
+        resumeAt_ = position.QuadPart;
 }
 
 // A closed node counts as open for reading, so that this never empties a stream.
-long VxStream::ensureOpen() { return stream_ ? S_OK : open(readOnly_); }
+long VxStream::ensureOpen() {
+    if (stream_)
+        return S_OK;
+    const HRESULT status = openNode(readOnly_);
+    if (FAILED(status) || resumeAt_ == 0)
+        return status;
+    LARGE_INTEGER position{};
+    position.QuadPart = static_cast<LONGLONG>(std::exchange(resumeAt_, 0));
+    return stream_->Seek(position, STREAM_SEEK_SET, nullptr);
+}
 
 ::IStream* VxStream::stream() {
+    const TreeLock lock(*this);
     ensureOpen();
     return stream_.Get();
 }
 
 long VxStream::open(bool readOnly) {
+    const TreeLock lock(*this);
+    resumeAt_ = 0;
+    return openNode(readOnly);
+}
+
+long VxStream::openNode(bool readOnly) {
     if (!parent_ || name_.empty())
         return STG_E_INVALIDPARAMETER;
     HRESULT status = openOrRewind(readOnly);
@@ -94,15 +124,24 @@ long VxStream::openOrRewind(bool readOnly) {
     if (!parent_->storage())
         return STG_E_INVALIDPARAMETER;
     if (stream_)
-        return callTwice(*this, [this] {
-            return stream_ ? stream_->Seek({}, STREAM_SEEK_SET, nullptr) : STG_E_INVALIDFUNCTION;
-        });
+        return callTwice(
+            [this] { return stream_ ? stream_->Seek({}, STREAM_SEEK_SET, nullptr) : STG_E_INVALIDFUNCTION; });
     // Not left to the platform: some take writes in a storage that is open for reading, and lose them.
     if (!readOnly && parent_->readOnly())
         return STG_E_ACCESSDENIED;
+    const HRESULT status = openInParent(readOnly);
+    if (isOpenedMeanwhile(status))
+        return openOrRewind(readOnly);
+    if (SUCCEEDED(status))
+        readOnly_ = readOnly;
+    return Vexel::Detail::elementStatus(status, format(), name_);
+}
 
+long VxStream::openInParent(bool readOnly) {
     const DWORD stgm = STGM_SHARE_EXCLUSIVE | (readOnly ? STGM_READ : STGM_READWRITE);
-    const HRESULT status = callTwice(*parent_, [&]() -> HRESULT {
+    return parent_->callTwice([&]() -> HRESULT {
+        if (stream_)
+            return openedMeanwhile;
         if (!parent_->isOpen())
             return STG_E_INVALIDFUNCTION;
         const HRESULT opened = parent_->storage_->OpenStream(name_.asString(), nullptr, stgm, 0,
@@ -110,18 +149,19 @@ long VxStream::openOrRewind(bool readOnly) {
         // Packages succeed without a stream where the packed data go on behind the contents.
         return SUCCEEDED(opened) && !stream_ ? STG_E_READFAULT : opened;
     });
-    if (SUCCEEDED(status))
-        readOnly_ = readOnly;
-    return Vexel::Detail::elementStatus(status, format(), name_);
 }
 
 long VxStream::create() {
+    const TreeLock lock(*this);
     if (!parent_ || name_.empty())
         return STG_E_INVALIDPARAMETER;
     if (stream_ && referenced())
         return STG_E_FILEALREADYEXISTS;
     close();
+    resumeAt_ = 0;
     const HRESULT status = createInParent();
+    if (isOpenedMeanwhile(status))
+        return STG_E_FILEALREADYEXISTS;
     if (FAILED(status))
         close();
     else
@@ -137,7 +177,9 @@ long VxStream::createInParent() {
         return STG_E_INVALIDPARAMETER;
     if (!Vexel::Detail::isElementName(format(), name_))
         return STG_E_INVALIDNAME;
-    return callTwice(*parent_, [&]() -> HRESULT {
+    return parent_->callTwice([&]() -> HRESULT {
+        if (stream_)
+            return openedMeanwhile;
         if (!parent_->isOpen())
             return STG_E_INVALIDFUNCTION;
         return parent_->storage_->CreateStream(name_.asString(),

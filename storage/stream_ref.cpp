@@ -1,18 +1,22 @@
 #include "io/com_stream.h"
 #include "paths/status_guard.h"
-#include "storage/element_name.h"
 #include "storage/item_ref.h"
+#include "storage/named_child.h"
 #include "storage/storage_item.h"
 
 #include <vexel/storage.h>
 
 #include <utility>
 
-using Vexel::Detail::elementName;
 using Vexel::Detail::ItemRef;
+using Vexel::Detail::TreeLock;
+using Vexel::Detail::withName;
 using Vexel::Detail::withStatus;
 
 // A name is kept by copy where a node is let go of: it may be the name of that node.
+//
+// What moves bytes or positions holds the root's lock from the look at the interface on: another thread may
+// reopen the node.
 
 StreamRef::StreamRef(const StreamRef& other) noexcept : item_(ItemRef<VxStream>(other.item_).detach()) {}
 
@@ -43,11 +47,13 @@ long StreamRef::open(const SharedPathName& name, const StorageRef& parent, bool 
 }
 
 long StreamRef::open(const wchar_t* name, const StorageRef& parent, bool readOnly) {
-    return withStatus([&] { return open(elementName(name), parent, readOnly); });
+    return withName(*this, parent, name,
+                    [&](const SharedPathName& kept) { return open(kept, parent, readOnly); });
 }
 
 long StreamRef::open(const CStringW& name, const StorageRef& parent, bool readOnly) {
-    return withStatus([&] { return open(elementName(name), parent, readOnly); });
+    return withName(*this, parent, name,
+                    [&](const SharedPathName& kept) { return open(kept, parent, readOnly); });
 }
 
 long StreamRef::create(const SharedPathName& name, const StorageRef& parent) {
@@ -62,11 +68,11 @@ long StreamRef::create(const SharedPathName& name, const StorageRef& parent) {
 }
 
 long StreamRef::create(const wchar_t* name, const StorageRef& parent) {
-    return withStatus([&] { return create(elementName(name), parent); });
+    return withName(*this, parent, name, [&](const SharedPathName& kept) { return create(kept, parent); });
 }
 
 long StreamRef::create(const CStringW& name, const StorageRef& parent) {
-    return withStatus([&] { return create(elementName(name), parent); });
+    return withName(*this, parent, name, [&](const SharedPathName& kept) { return create(kept, parent); });
 }
 
 void StreamRef::close() noexcept {
@@ -101,6 +107,7 @@ long StreamRef::stat(FILETIME* created, FILETIME* modified) const {
 long StreamRef::read(void* buffer, unsigned long count, unsigned long* done) {
     if (done)
         *done = 0;
+    const TreeLock lock(item_);
     ::IStream* com = stream();
     return com ? com->Read(buffer, count, done) : STG_E_INVALIDPARAMETER;
 }
@@ -108,6 +115,7 @@ long StreamRef::read(void* buffer, unsigned long count, unsigned long* done) {
 long StreamRef::write(const void* buffer, unsigned long count, unsigned long* done) {
     if (done)
         *done = 0;
+    const TreeLock lock(item_);
     ::IStream* com = stream();
     return com ? com->Write(buffer, count, done) : STG_E_INVALIDPARAMETER;
 }
@@ -115,6 +123,9 @@ long StreamRef::write(const void* buffer, unsigned long count, unsigned long* do
 long StreamRef::setSize(unsigned long long size) { return item_ ? item_->setSize(size) : E_FAIL; }
 
 long StreamRef::copyTo(StreamRef& target) {
+    if (null() || target.null())
+        return STG_E_INVALIDPARAMETER;
+    const Vexel::Detail::TreePairLock locks(*item_, *target.item_);
     ::IStream* from = stream();
     ::IStream* to = target.stream();
     if (!from || !to || from == to)
@@ -134,12 +145,14 @@ long StreamRef::copyTo(StreamRef& target) {
 long StreamRef::commit() const { return item_ ? item_->commit() : STG_E_INVALIDPARAMETER; }
 
 unsigned long long StreamRef::SeekToEnd() {
+    const TreeLock lock(item_);
     ::IStream* com = stream();
     unsigned long long reached = 0;
     return Vexel::Detail::seek(com, STREAM_SEEK_END, 0, reached) ? reached : Vexel::Detail::position(com);
 }
 
 void StreamRef::SeekToBegin() {
+    const TreeLock lock(item_);
     ::IStream* com = stream();
     unsigned long long reached = 0;
     // Kept as it always was: a move that fails asks for the position, though nobody takes this one.
@@ -150,6 +163,7 @@ void StreamRef::SeekToBegin() {
 unsigned long long StreamRef::GetLength() { return size(); }
 
 unsigned long long StreamRef::Seek(SeekPosition origin, long long offset) {
+    const TreeLock lock(item_);
     ::IStream* com = stream();
     const unsigned long long before = Vexel::Detail::position(com);
     if (origin != SeekPosition::Begin && origin != SeekPosition::Current && origin != SeekPosition::End)
@@ -166,12 +180,17 @@ unsigned long long StreamRef::Seek(SeekPosition origin, long long offset) {
     return before;
 }
 
-unsigned long long StreamRef::GetPosition() const { return Vexel::Detail::position(stream()); }
+unsigned long long StreamRef::GetPosition() const {
+    const TreeLock lock(item_);
+    return Vexel::Detail::position(stream());
+}
 
 unsigned long long StreamRef::ReadBytes(void* buffer, unsigned long long count) {
+    const TreeLock lock(item_);
     return count ? Vexel::Detail::readBytes(stream(), buffer, count) : 0;
 }
 
 unsigned long long StreamRef::WriteBytes(const void* buffer, unsigned long long count) {
+    const TreeLock lock(item_);
     return count ? Vexel::Detail::writeBytes(stream(), buffer, count) : 0;
 }

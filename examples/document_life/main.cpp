@@ -1,15 +1,17 @@
-// A document's life as a package: made, changed, copied, cleared.
+// A document's life: made, changed, copied, cleared. As a package, and where a compound file is named, as
+// such one too: none is made anew, so that file is copied and grows.
 //
-//   document_life.exe FOLDER
+//   document_life.exe FOLDER [COMPOUND-FILE]
 //
 // FOLDER gets document.7z and copy.7z, and as state-1.7z, state-2.7z ... what document.7z was after each
-// step.
+// step; with a compound file also compound-document.cfb, compound-copy.7z, compound-state-1.cfb and so on.
 #include <vexel/framework.h>
 #include <vexel/storage.h>
 
 #include <windows.h>
 
 #include <cstdio>
+#include <map>
 #include <stdexcept>
 #include <string>
 
@@ -78,64 +80,99 @@ std::string read(const StorageRef& storage, int number) {
     return contents;
 }
 
-// The steps. Nothing is in the file before the root is committed.
+// A change of the document. All storages that it concerns stay open until they are committed, from the inside
+// to the outside: a storage of a compound file passes its changes on to the one above, and forgets them when
+// it is closed before. Of a package every commit saves whatever there is to save, so that the later ones have
+// nothing to do.
+class Change {
+public:
+    explicit Change(StorageRef document) : document_(std::move(document)) {}
 
-StorageRef createDocument(const SharedPathName& path) {
-    StorageRef document;
-    check(document.create(path), "create the document");
-    for (int number = 0; number < kStorages; ++number) {
-        StorageRef parent = document;
-        if (number % 3 == 2)
-            parent = openStorage(document, number - 1, false);
-        StorageRef storage;
-        check(storage.create(storageName(number), parent, false), "create a storage");
+    const StorageRef& storage(int number) {
+        StorageRef& storage = storages_[number];
+        if (storage.null())
+            check(storage.open(storageName(number), parentOf(number), false), "open a storage");
+        return storage;
     }
+    void create(int number) {
+        check(storages_[number].create(storageName(number), parentOf(number), false), "create a storage");
+    }
+    void commit() {
+        for (auto storage = storages_.rbegin(); storage != storages_.rend();
+             ++storage) // inner ones come later
+            check(storage->second.commit(), "commit a storage");
+        check(document_.commit(), "save the document");
+    }
+
+private:
+    StorageRef parentOf(int number) { return number % 3 == 2 ? storage(number - 1) : document_; }
+
+    StorageRef document_;
+    std::map<int, StorageRef> storages_;
+};
+
+// The steps.
+
+void fill(const StorageRef& document) {
+    Change change(document);
+    for (int number = 0; number < kStorages; ++number)
+        change.create(number);
     for (int number = 0; number < kStreams; ++number) {
         StreamRef stream;
-        const StorageRef storage = openStorage(document, number % kStorages, false);
-        check(stream.create(streamName(number), storage), "create a stream");
+        check(stream.create(streamName(number), change.storage(number % kStorages)), "create a stream");
         write(stream, contentsOf(number, "first"));
     }
-    check(document.commit(), "save the document");
-    return document;
+    change.commit();
 }
 
 // A package that no handle is on stays open until a clean-up, so that it is not read again for the next
 // handle. After the clean-up the file is really read.
 StorageRef reopen(StorageRef document, RootStorageOpenMode mode) {
     const SharedPathName path = document.name();
+    const StorageFormat format = document.format();
     document.close();
     StorageContainer::Instance().deleteUnusedObjects();
     check(document.open(path, mode, false), "open the document");
-    expect(document.format() == StorageFormat::Package, "the document is no package");
+    expect(document.format() == format, "the document has another format");
     return document;
 }
 
 // Saving copies the packed bytes of what did not change, and compresses these three.
 void changeThreeStreams(const StorageRef& document) {
+    Change change(document);
     for (const int number : {7, 250, 499}) {
         StreamRef stream;
-        check(stream.open(streamName(number), openStorage(document, number % kStorages, false), false),
+        check(stream.open(streamName(number), change.storage(number % kStorages), false),
               "open a stream for writing");
         write(stream, contentsOf(number, "second"));
     }
-    check(document.commit(), "save the document");
+    change.commit();
 }
 
 // A package that borrows the packed data of another takes over what is copied from there as it is, without
-// unpacking and compressing it.
+// unpacking and compressing it. The contents of a compound file are packed.
 void copyPacked(const StorageRef& document, const SharedPathName& path) {
     StorageRef copy;
     check(copy.create(path), "create the copy");
-    expect(copy.borrowPackedData(document) == 1, "the packed data cannot be borrowed");
+    expect(document.format() != StorageFormat::Package || copy.borrowPackedData(document) == 1,
+           "the packed data cannot be borrowed");
     check(document.copyTo(copy), "copy the document");
     check(copy.commit(), "save the copy");
 }
 
-// The storage stays, what was in it goes.
+// The storage stays, what was in it goes. In a compound file its children go one by one.
 void clearStorage(const StorageRef& document) {
-    check(openStorage(document, 3, false).clear(), "clear a storage");
-    check(document.commit(), "save the document");
+    Change change(document);
+    StorageRef storage = change.storage(3);
+    if (document.format() == StorageFormat::Package) {
+        check(storage.clear(), "clear a storage");
+    } else {
+        StorageEnumerator child;
+        check(child.reset(storage), "list a storage");
+        while (child.moveNext())
+            check(storage.destroy(child.name()), "remove a stream");
+    }
+    change.commit();
 }
 
 // A storage goes with all that is in it, but not while a handle is on any of that.
@@ -164,30 +201,30 @@ void verify(const StorageRef& document) {
 // What has been committed is whole, and may be read and copied while the document is open.
 class States {
 public:
-    explicit States(CString folder) : folder_(std::move(folder)) {}
+    States(CString begin, CString extension) : begin_(std::move(begin)), extension_(std::move(extension)) {}
 
     void keep(const StorageRef& document, const char* step) {
         CString state;
-        state.Format(L"%ls\\state-%d.7z", folder_.GetString(), ++count_);
+        state.Format(L"%lsstate-%d.%ls", begin_.GetString(), ++count_, extension_.GetString());
         expect(CopyFileW(document.name().asString(), state, FALSE) != FALSE,
                "the document's file cannot be copied");
         std::printf("%d %s\n", count_, step);
     }
 
 private:
-    CString folder_;
+    CString begin_;
+    CString extension_;
     int count_ = 0;
 };
 
-void live(const CString& folder) {
-    const CString path = folder + L"\\document.7z";
-    States states(folder);
-    StorageRef document = createDocument(SharedPathName(path, false, false));
+void live(StorageRef document, const CString& begin, const CString& extension) {
+    States states(begin, extension);
+    fill(document);
     states.keep(document, "created");
     document = reopen(std::move(document), RootStorageOpenMode::ReadWrite);
     changeThreeStreams(document);
     states.keep(document, "changed");
-    copyPacked(document, SharedPathName(folder + L"\\copy.7z", false, false));
+    copyPacked(document, SharedPathName(begin + L"copy.7z", false, false));
     clearStorage(document);
     states.keep(document, "cleared");
     removeStorage(document);
@@ -196,16 +233,36 @@ void live(const CString& folder) {
     verify(document);
 }
 
+void livePackage(const CString& folder) {
+    const CString begin = folder + L"\\";
+    StorageRef document;
+    check(document.create(SharedPathName(begin + L"document.7z", false, false)), "create the document");
+    live(std::move(document), begin, L"7z");
+}
+
+void liveCompoundFile(const CString& folder, const CString& original) {
+    const CString begin = folder + L"\\compound-";
+    const CString path = begin + L"document.cfb";
+    expect(CopyFileW(original, path, FALSE) != FALSE, "the compound file cannot be copied");
+    StorageRef document;
+    check(document.open(SharedPathName(path, false, false), RootStorageOpenMode::ReadWrite, false),
+          "open the document");
+    expect(document.format() == StorageFormat::CompoundFile, "that is no compound file");
+    live(std::move(document), begin, L"cfb");
+}
+
 } // namespace
 
 // NOLINTNEXTLINE(misc-use-internal-linkage): the entry point is called from outside.
 int wmain(int count, wchar_t** arguments) {
-    if (count != 2) {
-        std::printf("usage: document_life FOLDER\n");
+    if (count != 2 && count != 3) {
+        std::printf("usage: document_life FOLDER [COMPOUND-FILE]\n");
         return 2;
     }
     try {
-        live(arguments[1]);
+        livePackage(arguments[1]);
+        if (count == 3)
+            liveCompoundFile(arguments[1], arguments[2]);
     } catch (const std::exception& error) {
         std::printf("%s\n", error.what());
         return 1;

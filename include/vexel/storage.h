@@ -31,24 +31,37 @@
 ///    replacing or destroying it under another goes through, and what is open then fails with
 ///    STG_E_REVERTED. An element of a compound file has 1 to 31 characters without "/", "\", ":" and "!";
 ///    others end in STG_E_INVALIDNAME.
-/// 5. Transactions. Everything is opened transacted: a change is written when its storage and every storage
-///    above it, the root last, has been committed, and is lost when one of them is closed before.
+/// 5. Transactions. Nothing reaches a file before a commit. What a commit writes depends on the format:
+///     - Compound file: a storage's commit passes its changes on to the storage above it, the root's commit
+///       writes the file. A change is in the file when its storage and every storage above it, the root last,
+///       have been committed; it is lost when one of them is closed (rule 8) before its commit.
+///     - Package: the commit of any storage, the root or another, writes the whole file with all changes,
+///     also
+///       those in storages that were not committed. Changes are lost when the root is closed before.
+///    Code for both formats commits from the inside to the outside. A stream needs no commit of its own.
 /// 6. Streams are written whole: to open a stream for writing empties it.
 /// 7. Ownership. A handle owns one reference on its node and through it keeps the root in use. Interface
-///    pointers (`storage()`, `stream()`) are borrowed: they hold while a handle on the node does and nothing
-///    reopens the node or clears it away; take a reference to keep one longer.
+///    pointers (`storage()`, `stream()`) are borrowed: they hold while a handle on the node does and nothing,
+///    on any thread, opens the node or one above it for writing after it was open for reading, clears it
+///    away, or closes all roots. A reference of one's own keeps the object alive, not of use.
 /// 8. What is released when. Dropping a handle does not close its node. A compound file's storage is closed
 ///    when its last handle goes and none of its children is cached; with the last handle on any of its
 ///    nodes the whole root is closed, cached children included, and its file is free for others. Until then
 ///    the children of a storage named "FileLinks" stay open. A package stays open, so that it is not read
 ///    again for each handle, until a clean-up finds it unused.
 /// 9. Clean-up. StorageContainer::deleteUnusedObjects closes and frees what no handle uses. The library
-///    runs it by itself when the system reports exhausted memory or file handles, and repeats the failed
-///    call once.
-/// 10. Threads. A handle belongs to one thread at a time, and so do all handles on the nodes of one root
-///     together: they share streams' positions and the system's interfaces. Handles on different roots may
-///     be used on different threads without more ado; opening, closing and clean-up are safe against each
-///     other on any thread. The calling thread need not have initialised COM.
+///    runs it by itself when the system reports exhausted memory or file handles while something is opened,
+///    made, listed, resized, asked for its size or times, committed or destroyed, and repeats the failed call
+///    once. Reading, writing and moving in a stream are not repeated.
+/// 10. Threads. A handle belongs to one thread at a time. Handles on one root, on one node even, may be used
+///     on several threads at once, whoever opened them: each call has the root for itself, and the others
+///     wait. What handles share by rules 3 and 5 they share across threads, too: the position of a stream,
+///     and what a commit writes. A stream that is being read goes on at its position when another thread
+///     opens its root or its storage for writing. A clean-up passes over roots that are in use at that
+///     moment. Borrowed interfaces (rule 7) are for their callers to guard. A log sink, and a caller's
+///     interface behind `fromPtr`, may be called with locks held and must not use handles. The
+///     calling thread need not have initialised COM. When the process ends, handles in static storage may be
+///     destroyed last.
 
 #include <vexel/byte_streams.h>
 #include <vexel/export.h>
@@ -61,6 +74,7 @@
 #include <objidl.h>
 #include <wrl/client.h>
 
+#include <atomic>
 #include <map>
 #include <memory>
 #include <mutex>
@@ -77,6 +91,7 @@ class VxStream;
 namespace Vexel::Detail {
 template <class Item>
 class ItemRef;
+class StreamLock;
 } // namespace Vexel::Detail
 
 /// How a structured file is stored.
@@ -153,21 +168,28 @@ public:
     ///    which a stream is in use.
     ///  - STG_E_FILENOTFOUND: there is no such element, or it is a stream.
     ///  - STG_E_INVALIDNAME: there cannot be such an element.
+    ///  - STG_E_INVALIDFUNCTION: more than 512 levels below the root.
     ///  - STG_E_ACCESSDENIED and the statuses of opening the root.
     long open(const SharedPathName& name, const StorageRef& parent, bool readOnly);
     long open(const wchar_t* name, const StorageRef& parent, bool readOnly);
     long open(const CStringW& name, const StorageRef& parent, bool readOnly);
 
-    /// Makes a new root file at `path`, open for reading and writing and shared like a root opened with
-    /// ReadOnly. STG_E_FILEALREADYEXISTS when a handle has that root open.
+    /// Makes a new root, a package, for the file at `path`, open for reading and writing and shared like a
+    /// root opened with ReadOnly. The file itself is made, or replaced, by the first commit after something
+    /// was changed: a root that is committed without ever having had an element writes nothing, and what
+    /// stood at `path` stays. STG_E_FILEALREADYEXISTS when a handle has that root open.
     long create(const SharedPathName& path);
 
-    /// Makes the storage `name` in `parent`, open for reading and writing. With `flag` an element that stands
-    /// there is replaced, without it STG_E_FILEALREADYEXISTS; so too, with and without, while a handle has
-    /// the storage open. The parent, and the other statuses, as for opening it for writing.
-    long create(const SharedPathName& name, const StorageRef& parent, bool flag);
-    long create(const wchar_t* name, const StorageRef& parent, bool flag);
-    long create(const CStringW& name, const StorageRef& parent, bool flag);
+    /// Makes the storage `name` in `parent`, empty and open for reading and writing. The parent, and the
+    /// statuses not named here, as for opening it for writing.
+    ///  - STG_E_FILEALREADYEXISTS: an element of the name stands there, and `replace` is not set; or a handle
+    ///    has the storage open.
+    ///  - STG_E_INVALIDPARAMETER: also when the storage is to be replaced while handles are on nodes below
+    ///  it.
+    ///  - STG_E_INVALIDFUNCTION: a stream of the name stands there, in a package, `replace` or not.
+    long create(const SharedPathName& name, const StorageRef& parent, bool replace);
+    long create(const wchar_t* name, const StorageRef& parent, bool replace);
+    long create(const CStringW& name, const StorageRef& parent, bool replace);
 
     /// Makes a new temporary root: always a package. `flag` is stored in the root.
     long createTemporary(bool flag);
@@ -200,8 +222,8 @@ public:
     /// Whether the node is open for reading only or not open; true for a null handle.
     bool readOnly() const noexcept;
     StorageFormat format() const noexcept;
-    /// Whether there is a child of that name and type (StorageType(0): of either). A child that exists but
-    /// cannot be opened now counts.
+    /// Whether there is a child of that name and type (StorageType(0): of either), by what is open or in the
+    /// file and not by what handles are on. A child that exists but cannot be opened now counts.
     bool hasChild(const SharedPathName& name, StorageType type) const;
     /// The times of the node as its format keeps them, 0 where it keeps none. Either pointer may be null.
     long stat(FILETIME* created, FILETIME* modified) const;
@@ -239,7 +261,9 @@ public:
     /// STG_E_INVALIDFUNCTION for a compound file; STG_E_INVALIDPARAMETER when either handle is null, or the
     /// source is no open package.
     long borrowPackedData(const StorageRef& source);
-    /// Passes this storage's changes on to the storage above, a root's to its file.
+    /// Commits what rule 5 says: for a compound file this storage's changes, to the storage above or a root's
+    /// to the file; for a package the whole of it, to the file. What could not be written may be committed
+    /// again.
     long commit() const;
 
     /// Closes and frees the nodes below this one that no handle uses.
@@ -281,14 +305,19 @@ public:
     /// Opens the stream `name` of `parent`, positioned at 0: a stream that is open already is rewound, for
     /// all its handles. Opening for writing empties it. A stream that is open for reading is reopened for
     /// that, and the storages above it; one that is not open needs a parent that is open for writing, else
-    /// STG_E_ACCESSDENIED. Other statuses as for StorageRef::open, with stream and storage exchanged.
+    /// STG_E_ACCESSDENIED. Other statuses as for StorageRef::open, with stream and storage exchanged. The
+    /// contents of a package's stream are read for it, before they are emptied as well:
+    ///  - STG_E_READFAULT, STG_E_INVALIDFUNCTION and other failures to unpack: they cannot be had. `create`
+    ///    replaces such a stream without reading it.
     long open(const SharedPathName& name, const StorageRef& parent, bool readOnly);
     long open(const wchar_t* name, const StorageRef& parent, bool readOnly);
     long open(const CStringW& name, const StorageRef& parent, bool readOnly);
 
-    /// Makes the stream `name` in `parent`, empty and open for reading and writing; an element that stands
-    /// there is replaced, unless a handle has it open: STG_E_FILEALREADYEXISTS. The parent, and the other
-    /// statuses, as for StorageRef::create.
+    /// Makes the stream `name` in `parent`, empty and open for reading and writing. A stream that stands
+    /// there is replaced, in a compound file also a storage. The parent, and the statuses not named here, as
+    /// for StorageRef::create.
+    ///  - STG_E_FILEALREADYEXISTS: a handle has the stream open; or a storage of the name stands there, in a
+    ///    package.
     long create(const SharedPathName& name, const StorageRef& parent);
     long create(const wchar_t* name, const StorageRef& parent);
     long create(const CStringW& name, const StorageRef& parent);
@@ -314,7 +343,7 @@ public:
     /// STG_E_INVALIDPARAMETER also when the stream cannot be opened. S_OK with fewer bytes than asked for, or
     /// none, at the end.
     long read(void* buffer, unsigned long count, unsigned long* done);
-    /// As read.
+    /// As read. STG_E_ACCESSDENIED when the stream is open for reading.
     long write(const void* buffer, unsigned long count, unsigned long* done);
     /// Cuts off or extends, by bytes of no given value; the position stays. E_FAIL for a null handle.
     long setSize(unsigned long long size);
@@ -338,6 +367,8 @@ public:
     unsigned long long WriteBytes(const void* buffer, unsigned long long count) override;
 
 private:
+    friend class Vexel::Detail::StreamLock;
+
     VxStream* item_ = nullptr; // carries one reference
 };
 
@@ -370,9 +401,9 @@ public:
         return enumerator_ != other.enumerator_;
     }
 
-    /// Begins a listing of `storage`, which must not be null (it is not checked), opening it when it is
-    /// closed. The storage must stay open while the listing runs. On failure the handle is null; E_FAIL when
-    /// the storage's format has no listing.
+    /// Begins a listing of the children that `storage` has now, opening it when it is closed. What becomes of
+    /// the storage meanwhile does not change the listing. On failure the handle is null.
+    ///  - STG_E_INVALIDPARAMETER: a null storage. E_FAIL: its format has no listing.
     long reset(const StorageRef& storage);
     /// Steps to the next child. False at the end, and when the listing cannot go on; children that are
     /// neither storage nor stream are passed over.
@@ -399,11 +430,13 @@ private:
     VxStorageEnumerator* enumerator_ = nullptr; // owned by this handle alone
 };
 
-/// The process-wide owner of all roots. Every operation holds the container's one lock for its whole
-/// duration, opening and creating the file included.
+/// The process-wide owner of all roots. Opening and creating a root by its path holds the container's one
+/// lock to the end, the system's calls included; others wait meanwhile. A temporary root's file is made
+/// without it.
 class VEXEL_API StorageContainer {
 public:
-    /// Lives until the process ends, handles in static storage included.
+    /// Lives until the process ends, handles in static storage included. Only the roots whose files are
+    /// temporary are closed then, so that these can be deleted.
     static StorageContainer& Instance();
 
     StorageContainer(const StorageContainer&) = delete;
@@ -421,8 +454,9 @@ public:
 
     /// Sets what runs instead of deleteUnusedObjects when the system reports exhausted memory or file
     /// handles; null for the default. The callback returns whether it freed anything; it usually lets go of
-    /// some of the application's handles and calls deleteUnusedObjects. It may run while this thread holds
-    /// the container's lock, so it must not wait for a thread that opens or closes handles.
+    /// some of the application's handles and calls deleteUnusedObjects. It runs without any lock of a root,
+    /// but, when a root is being opened by its path, with the container's: it must not wait for a thread that
+    /// opens roots.
     void setDeleteUnusedObjectsCallback(bool (*callback)());
 
     /// Closes all roots, with what was not committed, and empties the tables; for the end of the application.
@@ -452,26 +486,34 @@ private:
     bool freeForRetry();
 
     using RootKey = std::pair<SharedPathName, bool>; // path, keyed
-    VxStorage* findRoot(const RootKey& key);
-    ItemRef<VxStorage> referencedRoot(const RootKey& key);
-    ItemRef<VxStorage> enterRoot(const RootKey& key, std::unique_ptr<VxStorage> root, long status);
-    void detach(std::unique_ptr<VxStorage>& root);
-    void rememberMissing(const SharedPathName& path, long status);
-    long missingStatus(const SharedPathName& path) const;
-
     // The reference of its own keeps the interface's address from being met again for another object.
     struct WrappedRoot {
         Microsoft::WRL::ComPtr<IStorage> storage;
         std::unique_ptr<VxStorage> root;
     };
+    using Roots = std::multimap<RootKey, std::unique_ptr<VxStorage>>;
+    using Wrapped = std::multimap<IStorage*, WrappedRoot>;
+
+    VxStorage* findRoot(const RootKey& key);
+    ItemRef<VxStorage> enterRoot(const RootKey& key, std::unique_ptr<VxStorage> root, long status);
+    ItemRef<VxStorage> findWrapped(IStorage* storage);
+    long probe(const SharedPathName& path);
+    bool sweep(Roots& doomedRoots, Wrapped& doomedWrapped);
+    void forgetOldMissing();
+    void rememberMissing(const SharedPathName& path, long status);
+    long missingStatus(const SharedPathName& path);
+    void closeTemporaryRoots() noexcept;
 
     // Recursive: a retry inside the opening of a root cleans up under the lock its own thread holds.
     mutable std::recursive_mutex lock_;
     std::map<RootKey, std::unique_ptr<VxStorage>> roots_;
     std::map<IStorage*, WrappedRoot> wrapped_;
-    std::map<SharedPathName, long> missing_; // used only while path flags are cached
-    bool (*callback_)() = nullptr;
-    bool createOnDisk_ = false;
-    // Roots out of the tables that handles are still on.
-    std::map<VxStorage*, std::unique_ptr<VxStorage>> detached_;
+    std::map<SharedPathName, long> missing_; // of one period of caching path flags
+    std::atomic<bool (*)()> callback_{nullptr};
+    std::atomic<bool> createOnDisk_{false};
+    // Roots out of the tables that handles are still on. The nodes of the tables move here, which needs no
+    // memory.
+    Roots detachedRoots_;
+    Wrapped detachedWrapped_;
+    unsigned long long missingPeriod_ = 0;
 };

@@ -234,39 +234,6 @@ protected:
     VxCompoundStorage root_{SharedPathName(file_, false, false)};
 };
 
-TEST_F(CompoundNodes, KnowTheirChildren) {
-    constexpr auto storage = StorageType::Storage;
-    constexpr auto stream = StorageType::Stream;
-    constexpr auto either = StorageType{};
-    const struct {
-        const wchar_t* name;
-        StorageType type;
-        bool expected;
-    } cases[] = {
-        {L"Box", storage, true},   {L"Box", stream, false},          {L"Box", either, true},
-        {L"Note", storage, false}, {L"Note", stream, true},          {L"Note", either, true},
-        {L"Nix", either, false},   {L"Note", StorageType{3}, false}, {L"", either, false},
-        {L"a/b", either, false},
-    };
-    const auto check = [&](const char* state) {
-        for (const auto& [name, type, expected] : cases)
-            EXPECT_EQ(root_.hasChild(elementName(name), type), expected)
-                << state << ": " << CStringW(name).GetString() << " " << static_cast<int>(type);
-    };
-    check("nothing open");
-    const auto box = root_.openChildStorage(elementName(L"Box"), false, false, nullptr);
-    const auto note = root_.openChildStream(elementName(L"Note"), true, false, nullptr);
-    ASSERT_TRUE(box && note);
-    check("held by their handles");
-    EXPECT_TRUE(box->hasChild(elementName(L"Note"), stream));
-    const SharedPathName other = elementName(L"NOTE");
-    EXPECT_TRUE(root_.hasChild(other, stream)) << "cannot be opened a second time, but is there";
-    EXPECT_EQ(root_.openChildStream(other, true, false, nullptr).get(), nullptr);
-    root_.close();
-    check("root closed");
-    EXPECT_FALSE(root_.isOpen());
-}
-
 TEST(CompoundChildren, AreThereWhenTheyCannotBeOpenedNow) {
     const std::pair<HRESULT, bool> cases[] = {
         {STG_E_TOOMANYOPENFILES, true},  {STG_E_ACCESSDENIED, true},  {STG_E_SHAREVIOLATION, true},
@@ -276,7 +243,7 @@ TEST(CompoundChildren, AreThereWhenTheyCannotBeOpenedNow) {
     };
     FakeCalls calls;
     VxCompoundStorage root{SharedPathName()};
-    root.attach(Support::fakeStorage(calls).Get());
+    root.attach(Support::fakeStorage(calls).Get(), false);
     for (const auto& [failure, there] : cases) {
         calls.take();
         calls.failures = {{0, failure}};
@@ -302,7 +269,7 @@ TEST_F(CompoundNodes, WrapInterfacesAsTheyAreOpen) {
     FakeCalls silent;
     VxCompoundStorage wrapped{SharedPathName()};
     EXPECT_EQ(wrapped.open(true, false), STG_E_INVALIDPARAMETER) << "nothing to open";
-    wrapped.attach(reading.Get());
+    wrapped.attach(reading.Get(), VxCompoundStorage::isForReading(reading.Get()));
     EXPECT_TRUE(wrapped.readOnly());
     EXPECT_EQ(wrapped.destroyChild(elementName(L"Note")), STG_E_ACCESSDENIED);
     EXPECT_EQ(wrapped.open(false, false), STG_E_ACCESSDENIED);
@@ -310,27 +277,7 @@ TEST_F(CompoundNodes, WrapInterfacesAsTheyAreOpen) {
     EXPECT_FALSE(wrapped.getFileTimes(nullptr, nullptr, nullptr)) << "no file is known";
 
     silent.failures = {{0, E_NOTIMPL}};
-    wrapped.attach(Support::fakeStorage(silent).Get());
-    EXPECT_FALSE(wrapped.readOnly()) << "nothing says so";
-}
-
-TEST_F(CompoundNodes, ReplaceOnlyWhenAsked) {
-    HRESULT status = S_OK;
-    const SharedPathName box = elementName(L"Box");
-    EXPECT_EQ(root_.createChildStorage(box, &status, false).get(), nullptr);
-    EXPECT_EQ(status, STG_E_FILEALREADYEXISTS);
-    ASSERT_NE(root_.createChildStorage(box, &status, true).get(), nullptr);
-    const auto note = root_.createChildStream(elementName(L"Empty"), &status);
-    ASSERT_TRUE(note) << "a stream takes the storage's place";
-    EXPECT_EQ(note->setSize(3), S_OK);
-    EXPECT_EQ(note->size(), 3u);
-    EXPECT_EQ(root_.openChildStorage(box, false, true, nullptr)->commit(), S_OK);
-    EXPECT_EQ(root_.commit(), S_OK);
-    root_.close();
-    std::wstring paths;
-    for (const Support::Element& element : Support::readCompoundFile(file_))
-        paths += element.path + L" ";
-    EXPECT_EQ(paths, L"Box/ Note Empty ");
+    EXPECT_FALSE(VxCompoundStorage::isForReading(Support::fakeStorage(silent).Get())) << "nothing says so";
 }
 
 } // namespace

@@ -1,13 +1,19 @@
 #include "archive/platform.h"
+#include "paths/platform_files.h"
 #include "storage/error_status.h"
 #include "storage/platform_storage.h"
+#include "storage/stream_lock.h"
 #include "support/compound_file.h"
+#include "support/fake_storage.h"
 #include "support/handles.h"
 #include "support/log_capture.h"
+#include "support/scarce_memory.h"
 
-#include <atomic>
+#include <functional>
+#include <memory>
 #include <string>
 #include <thread>
+#include <utility>
 #include <vector>
 
 using namespace Support;
@@ -15,30 +21,42 @@ using Vexel::Detail::StoragePlatform;
 
 namespace {
 
-/// Counts the calls that touch the disk; `failOpen` is what the next opening of a compound file answers, and
-/// `stgm` are the flags of the last.
+/// Counts the calls that touch the disk. From the one with the number `failing` on, `failures` of them find
+/// no file handle left; `failOpen` is what the next opening of a compound file answers, and `stgm` are the
+/// flags of the last.
 class CountedSystem {
 public:
     static inline int touched;
+    static inline int failing;
+    static inline int failures;
     static inline HRESULT failOpen;
     static inline DWORD stgm;
 
     CountedSystem() {
-        touched = 0;
+        touched = failures = 0;
         failOpen = S_OK;
         real_ = StoragePlatform();
         realFiles_ = Vexel::Storage::Engine::platform();
         Vexel::Storage::Engine::platform().createFile = [](const wchar_t* path, DWORD access, DWORD share,
                                                            SECURITY_ATTRIBUTES* security, DWORD how,
                                                            DWORD attributes, HANDLE model) {
-            ++touched;
-            return realFiles_.createFile(path, access, share, security, how, attributes, model);
+            return fails() ? INVALID_HANDLE_VALUE
+                           : realFiles_.createFile(path, access, share, security, how, attributes, model);
+        };
+        StoragePlatform().createFile = [](const wchar_t* path, DWORD access, DWORD share,
+                                          SECURITY_ATTRIBUTES* security, DWORD how, DWORD attributes,
+                                          HANDLE model) {
+            return fails() ? INVALID_HANDLE_VALUE
+                           : real_.createFile(path, access, share, security, how, attributes, model);
         };
         StoragePlatform().probeForWriting = [](const wchar_t* path) {
-            ++touched;
-            return real_.probeForWriting(path);
+            return fails() ? DWORD{ERROR_TOO_MANY_OPEN_FILES} : real_.probeForWriting(path);
         };
         StoragePlatform().openStorage = open;
+        StoragePlatform().isStorageFile = [](const wchar_t* path) {
+            // Counted only where it may fail.
+            return failures > 0 && fails() ? STG_E_TOOMANYOPENFILES : real_.isStorageFile(path);
+        };
     }
     CountedSystem(const CountedSystem&) = delete;
     CountedSystem& operator=(const CountedSystem&) = delete;
@@ -48,10 +66,16 @@ public:
     }
 
 private:
+    static bool fails() {
+        SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+        const int number = touched++;
+        return number >= failing && number < failing + failures;
+    }
     static HRESULT WINAPI open(const wchar_t* path, DWORD flags, DWORD format, DWORD attributes,
                                STGOPTIONS* options, void* security, REFIID iid, void** result) {
-        ++touched;
         stgm = flags;
+        if (fails())
+            return STG_E_TOOMANYOPENFILES;
         if (const HRESULT status = std::exchange(failOpen, S_OK); FAILED(status))
             return status;
         return real_.openStorage(path, flags, format, attributes, options, security, iid, result);
@@ -73,21 +97,6 @@ protected:
     SharedPathName path_ = path(file_);
     LogCapture log_;
 };
-
-TEST_F(Container, OneRootForPathAndKey) {
-    StorageRef shared = openRoot(path_, modeRead), keyed, keyedToo;
-    EXPECT_EQ(shared, openRoot(path_, modeRead));
-    EXPECT_EQ(keyed.open(path_, modeReadDenyWrite, true), S_OK);
-    EXPECT_EQ(keyedToo.open(path(folder_.file(L"SAMPLE.CFB")), modeReadDenyWrite, false), S_OK);
-    EXPECT_TRUE(keyed == keyedToo && shared != keyed);
-    EXPECT_EQ(keyed.format(), StorageFormat::CompoundFile) << "though a package is tried first";
-    EXPECT_EQ(StorageRef().create(path_), STG_E_FILEALREADYEXISTS);
-    EXPECT_TRUE(shared.storage());
-    shared.close();
-    EXPECT_EQ(keyedToo.open(path_, modeWrite, false), S_OK);
-    EXPECT_TRUE(keyedToo == keyed && !keyed.readOnly());
-    EXPECT_EQ(log_.count(VxLog_Minor, L""), 0);
-}
 
 TEST_F(Container, MissingFilesAreAskedForOnce) {
     const CountedSystem system;
@@ -111,6 +120,10 @@ TEST_F(Container, MissingFilesAreAskedForOnce) {
             << "nor logged again";
     }
     EXPECT_EQ(openings(modeWrite, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND)), 1) << "kept by no block";
+    {
+        const SharedPathNameFlagsCacheBlock block;
+        openings(modeWrite, HRESULT_FROM_WIN32(ERROR_FILE_NOT_FOUND));
+    }
     const SharedPathNameFlagsCacheBlock block;
     EXPECT_FALSE(missing.fileExists());
     EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 0) << "known without having been opened";
@@ -167,31 +180,138 @@ TEST_F(Container, UnusedNodesLetGoForAKeyedRoot) {
     EXPECT_TRUE(box.hasChild(element(L"Note"), StorageType::Stream) && shared.storage());
 }
 
-TEST_F(Container, CleanUpDuringAnOpening) {
-    const CountedSystem system;
-    StorageRef used = openRoot(path_, modeRead), root;
-    openStream(L"Note", used);
-    const SharedPathName other = path(folder_.file(L"other.cfb"));
-    writeCompoundFile(other.asString(), {{L"Note", ""}});
-
-    CountedSystem::failOpen = STG_E_TOOMANYOPENFILES;
-    EXPECT_EQ(root.open(other, modeRead, false), S_OK) << "the unused stream was freed";
-    root.close();
-    container().deleteUnusedObjects();
-    CountedSystem::failOpen = STG_E_TOOMANYOPENFILES;
-    EXPECT_EQ(root.open(other, modeRead, false), STG_E_TOOMANYOPENFILES) << "there was nothing to free";
-
+// Whichever call of the system fails, and whatever it is for.
+TEST_F(Container, EveryCallIsTriedTwiceWhenHandlesRunOut) {
     static int runs;
-    runs = 0;
+    static StorageRef spare; // what the application can do without
+    const SharedPathName package = path(folder_.file(L"package"));
+    newStream(L"Note", newPackage(package), "note").commit();
+    EXPECT_EQ(openRoot(package, modeRead).commit(), S_OK);
     container().setDeleteUnusedObjectsCallback([] {
         ++runs;
+        spare.close();
         container().deleteUnusedObjects(); // the lock is this thread's already
         return true;
     });
+    const SharedPathName other = path(folder_.file(L"spare"));
+    writeCompoundFile(other.asString(), {{L"Note", ""}});
+    StorageRef root;
+    FILETIME time;
+    SharedPathName file;
+    const auto prepare = [&] {
+        root = openRoot(file, modeWrite);
+        if (root.format() == StorageFormat::Package)
+            newStream(L"Note", root, "note");
+    };
+    const struct {
+        const char* what;
+        std::function<void()> prepare;
+        std::function<bool()> call;
+        int most; // calls of the system that are to fail
+    } calls[] = {
+        {"open", [] {}, [&] { return root.open(file, modeRead, false) == S_OK; }, 20},
+        {"open keyed", [] {}, [&] { return root.open(file, modeReadDenyWrite, false) == S_OK; }, 20},
+        {"open for writing", [] {}, [&] { return root.open(file, modeWrite, false) == S_OK; }, 20},
+        {"times", prepare, [&] { return root.getFileTimes(&time, &time, &time); }, 20},
+        {"commit", prepare, [&] { return root.commit() == S_OK; }, 1}, // the others come too late
+    };
+    int failed = 0;
+    for (const SharedPathName& each : {path_, package}) {
+        for (const auto& [what, prepared, call, most] : calls) {
+            for (const int failures : {1, 2}) {
+                for (int failing = 0; failing < most; ++failing) {
+                    SCOPED_TRACE(testing::Message() << what << each.asString() << failures << failing);
+                    file = each;
+                    root.close();
+                    container().deleteUnusedObjects();
+                    const CountedSystem system;
+                    prepared();
+                    spare = openRoot(other, modeRead);
+                    runs = CountedSystem::touched = 0;
+                    CountedSystem::failing = failing;
+                    CountedSystem::failures = failures;
+                    const bool succeeded = call();
+                    CountedSystem::failures = 0;
+                    if (CountedSystem::touched <= failing)
+                        break;
+                    ++failed;
+                    EXPECT_EQ(succeeded, failures == 1);
+                    EXPECT_EQ(runs, 1);
+                }
+            }
+        }
+    }
+    EXPECT_GE(failed, 30);
+    spare.close();
+}
+
+TEST_F(Container, NoSecondAttemptWithoutAGain) {
+    const CountedSystem system;
+    StorageRef used = openRoot(path_, modeRead), root;
+    const SharedPathName other = path(folder_.file(L"other.cfb"));
+    writeCompoundFile(other.asString(), {{L"Note", ""}});
+    CountedSystem::failOpen = STG_E_TOOMANYOPENFILES;
+    EXPECT_EQ(root.open(other, modeRead, false), STG_E_TOOMANYOPENFILES) << "there was nothing to free";
+    openStream(L"Note", used);
     CountedSystem::failOpen = STG_E_INSUFFICIENTMEMORY;
-    EXPECT_EQ(root.open(other, modeWrite, false), S_OK);
-    EXPECT_EQ(runs, 1);
+    EXPECT_EQ(root.open(other, modeRead, false), S_OK) << "the unused stream was freed";
     EXPECT_TRUE(used.storage());
+}
+
+// A caller's interface behind a proxy may need another thread, with locks of its own, for its answer.
+TEST_F(Container, CallersInterfacesAreAskedUnderNoLock) {
+    FakeCalls calls;
+    const auto storage = fakeStorage(calls);
+    calls.during = [] { std::thread([] { container().deleteUnusedObjects(); }).join(); };
+    StorageRef root = StorageRef::fromPtr(storage.Get());
+    calls.during = nullptr;
+    EXPECT_EQ(calls.take(), L"Stat 1\n");
+    EXPECT_EQ(root, StorageRef::fromPtr(storage.Get()));
+    root.close();
+    container().deleteUnusedObjects();
+    EXPECT_EQ(calls.take(), L"");
+}
+
+// At the end of the process the other threads are gone, and with them the one that has the root's lock.
+TEST_F(Container, NothingIsWaitedForAtTheEndOfTheProcess) {
+    auto root = std::make_unique<StorageRef>(openRoot(path_, modeRead));
+    auto note = std::make_unique<StreamRef>(openStream(L"Note", *root));
+    const HANDLE held = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    const HANDLE done = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    std::thread holder([&] {
+        const Vexel::Detail::StreamLock lock(*note);
+        SetEvent(held);
+        WaitForSingleObject(done, INFINITE);
+    });
+    WaitForSingleObject(held, INFINITE);
+    const auto real = std::exchange(Vexel::Detail::Platform().processIsEnding, [] { return true; });
+    std::thread([&] { root.reset(); }).join(); // whose thread is not the holder's
+    EXPECT_FALSE(openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE))
+        << "what a thread was in the middle of is left alone";
+    Vexel::Detail::Platform().processIsEnding = real;
+    SetEvent(done);
+    holder.join();
+    note.reset();
+    EXPECT_TRUE(openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE));
+    CloseHandle(held);
+    CloseHandle(done);
+}
+
+// Short of memory at any point, the tables stay as they are or are empty.
+TEST_F(Container, ClearingNeedsNoMemory) {
+    static bool struck;
+    struck = false;
+    const StorageRef root = openRoot(path_, modeRead);
+    const auto storage = openCompoundFile(samplePath(L"namesdemo.xls"), STGM_TRANSACTED | STGM_READ);
+    const StorageRef wrapped = StorageRef::fromPtr(storage.Get());
+    AtMainAllocation(0, [] {
+        struck = true;
+        throw std::bad_alloc();
+    });
+    EXPECT_NO_THROW(container().clearAll());
+    AtMainAllocation(0, nullptr);
+    EXPECT_FALSE(struck);
+    EXPECT_NE(openRoot(path_, modeRead), root);
 }
 
 TEST_F(Container, ClearingLeavesHandlesSafe) {
@@ -236,43 +356,6 @@ TEST_F(Container, WrappedInterfacesComeBackAfterTheirLastHandle) {
     StorageRef temporary;
     ASSERT_EQ(temporary.createTemporary(false), S_OK);
     EXPECT_EQ(StorageRef::fromPtr(temporary.storage()), temporary) << "a package stays one";
-}
-
-TEST_F(Container, OpenCloseAndCleanUpOnManyThreads) {
-    StorageRef outer = openRoot(path_, modeReadDenyWrite);
-    std::atomic<bool> stop{false};
-    std::atomic<int> failures{0};
-    std::thread cleaner([&] {
-        while (!stop)
-            container().deleteUnusedObjects();
-    });
-    // The nodes of one root are for one thread; the root itself is opened and closed by all.
-    const auto work = [&](int number) {
-        const std::wstring file = folder_.file(L"own" + std::to_wstring(number));
-        writeCompoundFile(file, {{L"Box/Note", "box"}});
-        for (int i = 0; i < 40; ++i) {
-            StorageRef root, box;
-            StreamRef note;
-            if (FAILED(root.open(path_, modeReadDenyWrite, false)) ||
-                FAILED(root.open(path(file), modeRead, false)))
-                ++failures;
-            for (int again = 0; again < 5; ++again)
-                if (FAILED(box.open(L"Box", root, true)) || FAILED(note.open(L"Note", box, true)) ||
-                    note.size() != 3 || box.hasChild(element(L"Nix"), StorageType{}))
-                    ++failures;
-        }
-    };
-    std::vector<std::thread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back(work, i);
-    for (std::thread& thread : threads)
-        thread.join();
-    stop = true;
-    cleaner.join();
-    EXPECT_EQ(failures, 0);
-    outer.close();
-    container().deleteUnusedObjects();
-    EXPECT_FALSE(container().deleteUnusedObjects());
 }
 
 TEST(ErrorStatus, OfConditions) {

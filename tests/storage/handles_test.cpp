@@ -1,5 +1,9 @@
+// What vexel/storage.h promises of the handles, held against both formats; then what is particular to
+// compound files.
+
 #include "support/compound_file.h"
 #include "support/handles.h"
+#include "support/log_capture.h"
 #include "support/scarce_memory.h"
 
 #include <algorithm>
@@ -16,6 +20,9 @@ using SeekPosition = vxio::IReadStream::SeekPosition;
 namespace Support {
 static bool operator==(const Element& a, const Element& b) {
     return a.path == b.path && a.contents == b.contents;
+}
+static void PrintTo(const Element& element, std::ostream* out) {
+    *out << std::string(element.path.begin(), element.path.end()) << "=" << element.contents.substr(0, 20);
 }
 } // namespace Support
 
@@ -41,13 +48,13 @@ void collect(const StorageRef& storage, const std::wstring& prefix, std::vector<
         elements.push_back({path, read(child.name().asString(), storage)});
         EXPECT_EQ(child.size().QuadPart, elements.back().contents.size());
     }
-    EXPECT_TRUE(child.type() == StorageType{} && child.name().empty());
+    EXPECT_TRUE(child.type() == StorageType{} && child.name().empty() && child.status() == S_FALSE);
 }
 
-class Handles : public testing::Test {
+class Document {
 protected:
-    void SetUp() override { writeCompoundFile(file_, sample); }
-    ~Handles() override { container().deleteUnusedObjects(); }
+    Document() = default;
+    ~Document() { container().deleteUnusedObjects(); }
 
     StorageRef forReading() const { return openRoot(path_, modeReadDenyWrite); }
     StorageRef forWriting() const { return openRoot(path_, modeWrite); }
@@ -60,9 +67,66 @@ protected:
     }
 
     TempFolder folder_;
-    std::wstring file_ = folder_.file(L"sample.cfb");
+    std::wstring file_ = folder_.file(L"document");
     SharedPathName path_ = path(file_);
 };
+
+/// What is wanted to differ between the two formats.
+struct Format {
+    const char* name;
+    StorageFormat format;
+    StreamCompression compression;
+};
+
+class Handles : public Document, public testing::TestWithParam<Format> {
+protected:
+    static bool isPackage() { return GetParam().format == StorageFormat::Package; }
+
+    /// A new file with these elements, which nobody has open.
+    void make(const std::vector<Element>& elements) {
+        container().deleteUnusedObjects();
+        if (!isPackage()) {
+            writeCompoundFile(file_, elements);
+            return;
+        }
+        {
+            const StorageRef root = newPackage(path_);
+            std::vector<StorageRef> stack{root};
+            for (const auto& [path, bytes] : elements) {
+                const auto depth = static_cast<size_t>(std::count(path.begin(), path.end() - 1, L'/'));
+                stack.resize(depth + 1);
+                const bool isStorage = path.ends_with(L'/');
+                const std::wstring name = path.substr(path.find_last_of(L'/', path.size() - 2) + 1);
+                if (isStorage)
+                    stack.push_back(newStorage(name.substr(0, name.size() - 1).c_str(), stack.back()));
+                else
+                    newStream(name.c_str(), stack.back(), bytes);
+            }
+            ASSERT_EQ(root.commit(), S_OK);
+        }
+        container().deleteUnusedObjects();
+    }
+    void SetUp() override { make(sample); }
+
+    /// What is in the file, of a compound file by the system's word. Nothing may be in use.
+    std::vector<Element> saved() const {
+        container().deleteUnusedObjects();
+        EXPECT_TRUE(released());
+        if (!isPackage())
+            return readCompoundFile(file_);
+        std::vector<Element> elements;
+        collect(openRoot(path_, modeRead), L"", elements);
+        container().deleteUnusedObjects();
+        return elements;
+    }
+    const LogCapture quiet_;
+};
+
+INSTANTIATE_TEST_SUITE_P(
+    Both, Handles,
+    testing::Values(Format{"Compound", StorageFormat::CompoundFile, StreamCompression::None},
+                    Format{"Package", StorageFormat::Package, StreamCompression::Packed}),
+    [](const auto& format) { return format.param.name; });
 
 TEST(NullHandles, AnswerEveryCall) {
     StorageRef storage;
@@ -86,6 +150,7 @@ TEST(NullHandles, AnswerEveryCall) {
         stream.copyTo(other),
         stream.commit(),
         stream.stat(nullptr, &times[1]),
+        children.reset(storage),
     };
     EXPECT_THAT(refused, testing::Each(STG_E_INVALIDPARAMETER));
     EXPECT_EQ(stream.setSize(1), E_FAIL);
@@ -103,7 +168,367 @@ TEST(NullHandles, AnswerEveryCall) {
     children.release();
 }
 
-TEST_F(Handles, ReadWhatTheSystemWrote) {
+TEST_P(Handles, FailuresLeaveThemNull) {
+    const StorageRef root = forReading();
+    StorageRef storage;
+    StreamRef stream;
+    const std::function<long()> calls[] = {
+        [&] { return storage.open(path(folder_.file(L"missing")), modeRead, false); },
+        [&] { return storage.open(L"Missing", root, true); },
+        [&] { return storage.open(L"Short", root, true); },
+        [&] { return storage.open(L"", root, true); },
+        [&] { return storage.create(L"Box", forWriting(), false); },
+        [&] { return stream.open(L"Missing", root, true); },
+        [&] { return stream.open(L"", root, true); },
+        [&] { return stream.open(L"Box", root, true); },
+    };
+    for (const auto& call : calls) {
+        storage = openStorage(L"Box", root);
+        stream = openStream(L"Long", root);
+        EXPECT_TRUE(FAILED(call()));
+        EXPECT_EQ(storage.null(), stream.notNull()) << "one of the two was asked";
+        storage.close();
+        stream.close();
+    }
+    unsigned long done = 7;
+    EXPECT_TRUE(FAILED(stream.read(nullptr, 1, &done)) && done == 0);
+}
+
+TEST_P(Handles, ReportExhaustedMemory) {
+    static bool struck;
+    StorageRef root, box, made;
+    StreamRef note, written;
+    StorageEnumerator children;
+    const struct {
+        const char* what;
+        std::function<long()> call;
+        std::function<bool()> isNull;
+    } calls[] = {
+        {"open root", [&] { return root.open(path_, modeWrite, false); }, [&] { return root.null(); }},
+        {"open storage", [&] { return box.open(L"Box", root, false); }, [&] { return box.null(); }},
+        {"open stream", [&] { return note.open(L"Note", box, true); }, [&] { return note.null(); }},
+        {"list", [&] { return children.reset(box); }, [&] { return children.null(); }},
+        {"create storage", [&] { return made.create(L"Made", box, true); }, [&] { return made.null(); }},
+        {"create stream", [&] { return written.create(L"Written", made); }, [&] { return written.null(); }},
+        {"destroy", [&] { return root.destroy(L"Never interned"); }, nullptr},
+    };
+    for (const auto& [what, call, isNull] : calls) {
+        for (int spared = 0;; ++spared) {
+            struck = false;
+            AtMainAllocation(spared, [] {
+                struck = true;
+                throw std::bad_alloc();
+            });
+            const long status = call();
+            AtMainAllocation(0, nullptr);
+            if (!struck) {
+                EXPECT_GT(spared, 0) << what;
+                break;
+            }
+            ASSERT_LT(spared, 5000) << what;
+            // Else it was for something that can be done without, or the second attempt had it.
+            EXPECT_TRUE(status == S_OK || status == STG_E_INSUFFICIENTMEMORY) << what << spared;
+            EXPECT_TRUE(!isNull || isNull() == FAILED(status)) << what << spared;
+        }
+    }
+    EXPECT_TRUE(note.size() == 3 && children.moveNext() && written.WriteBytes("w", 1) == 1);
+    children.release();
+    for (StorageRef* handle : {&root, &box, &made})
+        handle->close();
+    note.close();
+    written.close();
+    EXPECT_EQ(saved(), sample);
+}
+
+TEST_P(Handles, ReachOneNodeByOneItem) {
+    StorageRef root = forReading(), other = openRoot(path_, modeRead);
+    EXPECT_NE(root, other) << "one for those who keep writers out, one for those who do not";
+    EXPECT_EQ(root, openRoot(path(folder_.file(L"DOCUMENT")), modeReadDenyWrite));
+    other.close();
+    container().deleteUnusedObjects(); // which would keep the writer out
+    EXPECT_EQ(root.format(), GetParam().format);
+    const StorageRef box = openStorage(L"Box", root);
+    StreamRef note = openStream(L"Note", box), again = openStream(L"Note", box);
+    EXPECT_TRUE(note == again && box == openStorage(L"Box", root));
+    EXPECT_EQ(note.compression(), GetParam().compression);
+    EXPECT_TRUE(root.readOnly() && box.readOnly() && note.readOnly());
+    EXPECT_EQ(note.Seek(SeekPosition::Begin, 2), 2u);
+    EXPECT_EQ(again.GetPosition(), 2u);
+    EXPECT_EQ(openStream(L"Note", box).GetPosition(), 0u) << "opening rewinds";
+    EXPECT_EQ(again.open(L"Note", box, false), S_OK);
+    EXPECT_TRUE(!note.readOnly() && !box.readOnly() && !root.readOnly()) << "for all, and up to the root";
+    EXPECT_EQ(note.size(), 0u) << "emptied";
+    EXPECT_EQ(forReading(), root);
+    EXPECT_FALSE(root.readOnly()) << "good enough for reading";
+}
+
+TEST_P(Handles, OpenForReadingRefuseChanges) {
+    for (const bool rootForReading : {true, false}) {
+        const StorageRef root = rootForReading ? forReading() : forWriting();
+        StreamRef note = openStream(L"Long", root);
+        EXPECT_EQ(note.write("x", 1, nullptr), STG_E_ACCESSDENIED);
+        EXPECT_EQ(note.setSize(1), STG_E_ACCESSDENIED);
+        EXPECT_EQ(note.WriteBytes("x", 1), 0u);
+        EXPECT_EQ(contents(note), std::string(50, 'x'));
+        if (rootForReading) {
+            EXPECT_EQ(StorageRef(root).destroy(L"Short"), STG_E_ACCESSDENIED);
+            EXPECT_EQ(StreamRef().open(L"Short", root, false), STG_E_ACCESSDENIED);
+        }
+    }
+    EXPECT_EQ(saved(), sample);
+}
+
+// In a compound file a change goes up level by level; a package is written whole by whoever commits.
+TEST_P(Handles, CommitWhatTheFormatSays) {
+    const struct {
+        const char* what;
+        bool inner, outer, root;
+        const wchar_t *compound, *package; // what is in the file then
+    } cases[] = {
+        {"nothing", false, false, false, L"", L""},
+        {"the root alone", false, false, true, L"Outer ", L"Beside Inner New Outer "},
+        {"a child alone", true, false, false, L"", L"Beside Inner New Outer "},
+        {"all but the middle", true, false, true, L"Outer ", L"Beside Inner New Outer "},
+        {"from the outside", true, true, true, L"Beside Inner New Outer ", L"Beside Inner New Outer "},
+    };
+    for (const auto& [what, inner, outer, ofRoot, compound, package] : cases) {
+        SCOPED_TRACE(what);
+        make({{L"Old", "old"}});
+        {
+            const StorageRef root = forWriting(), middle = newStorage(L"Outer", root),
+                             deep = newStorage(L"Inner", middle);
+            newStream(L"New", deep, "new").commit(); // which it need not be
+            newStream(L"Beside", middle, "beside");
+            EXPECT_EQ(inner ? deep.commit() : S_OK, S_OK);
+            EXPECT_EQ(outer ? middle.commit() : S_OK, S_OK);
+            EXPECT_EQ(ofRoot ? root.commit() : S_OK, S_OK);
+        }
+        std::vector<std::wstring> names;
+        for (const Element& element : saved()) {
+            const std::wstring path = element.path.substr(0, element.path.find_last_not_of(L'/') + 1);
+            names.push_back(path.substr(path.find_last_of(L'/') + 1) + L" ");
+        }
+        std::sort(names.begin(), names.end());
+        std::wstring all;
+        for (const std::wstring& name : names)
+            all += name == L"Old " ? L"" : name;
+        EXPECT_EQ(all, isPackage() ? package : compound);
+    }
+}
+
+// Over either format: what is made is a package.
+TEST_P(Handles, MakeRootsThatAreFilesOnceSomethingIsInThem) {
+    const std::string before = readFile(file_);
+    StorageRef root = newPackage(path_);
+    EXPECT_EQ(StorageRef().create(path_), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(children(root), L"");
+    EXPECT_EQ(root.commit(), S_OK);
+    EXPECT_EQ(readFile(file_), before) << "nothing was in it";
+    newStream(L"New", root, "new");
+    EXPECT_EQ(readFile(file_), before);
+    EXPECT_EQ(root.commit(), S_OK);
+    root.close();
+    container().deleteUnusedObjects();
+    root = forReading();
+    EXPECT_EQ(root.format(), StorageFormat::Package);
+    EXPECT_EQ(children(root), L"New ");
+    const SharedPathName fresh = path(folder_.file(L"fresh"));
+    EXPECT_EQ(newPackage(fresh).commit(), S_OK);
+    EXPECT_FALSE(fresh.fileExists());
+}
+
+TEST_P(Handles, MakeChildrenInPlaceOfOthers) {
+    enum Stands { Nothing, Storage, Stream };
+    const struct {
+        Stands stands;
+        bool held;
+        long storage, replaced, stream; // statuses of making it
+    } cases[] = {
+        {Nothing, false, S_OK, S_OK, S_OK},
+        {Storage, false, STG_E_FILEALREADYEXISTS, S_OK, isPackage() ? STG_E_FILEALREADYEXISTS : S_OK},
+        {Storage, true, STG_E_FILEALREADYEXISTS, STG_E_FILEALREADYEXISTS, STG_E_INVALIDPARAMETER},
+        {Stream, false, isPackage() ? STG_E_INVALIDFUNCTION : STG_E_FILEALREADYEXISTS,
+         isPackage() ? STG_E_INVALIDFUNCTION : S_OK, S_OK},
+        {Stream, true, STG_E_INVALIDPARAMETER, STG_E_INVALIDPARAMETER, STG_E_FILEALREADYEXISTS},
+    };
+    for (const auto& [stands, held, storage, replaced, stream] : cases) {
+        for (int verb = 0; verb < 3; ++verb) {
+            SCOPED_TRACE(testing::Message() << stands << held << verb);
+            const std::vector<Element> elements[] = {
+                {{L"Old", ""}}, {{L"X/", ""}, {L"X/In", "in"}}, {{L"X", "x"}}};
+            make(elements[stands]);
+            StorageRef root = forWriting(), storageThere, made;
+            StreamRef streamThere, written;
+            if (held && stands == Storage)
+                storageThere = openStorage(L"X", root);
+            if (held && stands == Stream)
+                streamThere = openStream(L"X", root);
+            const long status = verb < 2 ? made.create(L"X", root, verb == 1) : written.create(L"X", root);
+            const std::array expected{storage, replaced, stream};
+            EXPECT_EQ(status, expected[static_cast<size_t>(verb)]);
+            EXPECT_EQ(made.null() ? L"" : children(made), L"");
+            EXPECT_EQ(written.size(), 0u);
+        }
+    }
+}
+
+// Items outlive their elements as long as handles are on them.
+TEST_P(Handles, KnowWhichChildrenThereAre) {
+    const auto has = [](const StorageRef& storage, const wchar_t* name) {
+        std::string answer;
+        for (const int type : {0, 1, 2})
+            answer += storage.hasChild(element(name), StorageType(type)) ? '1' : '0';
+        return answer;
+    };
+    StorageRef root = forWriting(), box = openStorage(L"Box", root);
+    StreamRef note = openStream(L"Note", box);
+    EXPECT_EQ(has(root, L"Box") + has(box, L"Note") + has(root, L"Short") + has(root, L"Nix") +
+                  has(root, L""),
+              "110101101000000");
+    EXPECT_FALSE(root.hasChild(element(L"Box"), StorageType(3)));
+    EXPECT_EQ(root.destroy(L"Box"), STG_E_INUSE);
+    EXPECT_EQ(has(root, L"Box"), "110");
+    if (isPackage()) {
+        EXPECT_EQ(root.clear(), S_OK);
+        EXPECT_EQ(has(root, L"Box") + has(box, L"Note"), "000000");
+        StorageRef source;
+        ASSERT_EQ(source.createTemporary(false), S_OK);
+        newStream(L"Note", newStorage(L"Box", source), "copied");
+        EXPECT_EQ(source.copyTo(root), S_OK) << "beside a handle on a box of old";
+        EXPECT_EQ(read(L"Note", openStorage(L"Box", root)), "copied");
+    } else {
+        EXPECT_EQ(root.clear(), STG_E_INVALIDFUNCTION);
+        StorageRef source;
+        ASSERT_EQ(source.createTemporary(false), S_OK);
+        EXPECT_EQ(root.borrowPackedData(source), STG_E_INVALIDFUNCTION);
+    }
+    note.close();
+    box.close();
+    root.close();
+    if (!isPackage()) {
+        root = forReading();
+        note = openStream(L"Short", root);
+        EXPECT_EQ(has(root, L"SHORT"), "101")
+            << "which cannot be opened under this spelling now, but is there";
+        root.close();
+        note.close();
+    }
+    root = newPackage(path_);
+    openRoot(path_, modeRead);
+    EXPECT_EQ(has(root, L"Long") + has(root, L"Box"), "000000") << "made anew";
+}
+
+TEST_P(Handles, WriteWhatIsRead) {
+    StorageRef root = forWriting(), made = newStorage(L"Made", root), again;
+    StreamRef written = newStream(L"New", made, "new");
+    StreamRef emptied = openStream(L"Long", root, false);
+    EXPECT_EQ(emptied.size(), 0u);
+    EXPECT_EQ(emptied.write("longer", 6, nullptr), S_OK);
+    EXPECT_EQ(emptied.setSize(4), S_OK);
+    EXPECT_EQ(root.destroy(L"Short"), S_OK);
+    EXPECT_EQ(root.destroy(L"Short"), STG_E_FILENOTFOUND);
+    EXPECT_EQ(made.create(L"Box", root, true), S_OK);
+    EXPECT_EQ(again.open(L"Made", root, false), S_OK);
+    for (const StorageRef* storage : {&made, &again, &root})
+        EXPECT_EQ(storage->commit(), S_OK);
+    StreamRef uncommitted = newStream(L"Lost", root);
+    EXPECT_EQ(uncommitted.create(L"Lost", root), S_OK) << "its own handle went first";
+    for (StorageRef* handle : {&again, &made, &root})
+        handle->close();
+    for (StreamRef* handle : {&written, &emptied, &uncommitted})
+        handle->close();
+    const std::vector<Element> expected{
+        {L"Box/", {}}, {L"Made/", {}}, {L"Made/New", "new"}, {L"Long", "long"}};
+    EXPECT_THAT(saved(), testing::UnorderedElementsAreArray(expected));
+}
+
+TEST_P(Handles, MayBeTheirOwnParent) {
+    StorageRef handle = forWriting();
+    EXPECT_TRUE(handle.parent().null() && handle.name() == path_);
+    EXPECT_EQ(handle.open(L"Box", handle, true), S_OK);
+    EXPECT_EQ(handle.open(element(L"Deep"), handle, true), S_OK);
+    EXPECT_EQ(read(L"NOTE", handle), "deep");
+    EXPECT_EQ(handle.create(L"Deeper", handle, false), S_OK);
+    EXPECT_EQ(handle.open(handle.parent().name(), handle.parent().parent(), true), S_OK);
+    EXPECT_EQ(handle.name(), element(L"Deep"));
+    EXPECT_EQ(handle.open(L"Deep", StorageRef(), true), STG_E_INVALIDPARAMETER);
+    EXPECT_TRUE(handle.notNull()) << "a null parent is refused before anything is let go";
+    EXPECT_EQ(handle.open(L"Gone", handle, true), STG_E_FILENOTFOUND);
+    EXPECT_TRUE(handle.null());
+    EXPECT_EQ(released(), !isPackage()) << "which stays open until a clean-up";
+    container().deleteUnusedObjects();
+    EXPECT_TRUE(released());
+}
+
+template <class Ref>
+void countReferences(StorageRef& root, const wchar_t* child, Ref first) {
+    Ref second(first);
+    first.close();
+    Ref third;
+    third = second;
+    third = *&third;
+    second = Ref();
+    Ref fourth(std::move(third));
+    Ref fifth;
+    fifth = std::move(fourth);
+    EXPECT_EQ(root.destroy(child), STG_E_INUSE);
+    fifth.close();
+    EXPECT_EQ(root.destroy(child), S_OK);
+}
+
+TEST_P(Handles, HoldOneReferenceEach) {
+    StorageRef root = forWriting();
+    countReferences(root, L"Box", openStorage(L"Box", root));
+    countReferences(root, L"Short", openStream(L"Short", root));
+    StorageRef moved = std::move(root), target = newPackage(path(folder_.file(L"other")));
+    const StorageRef was = target;
+    target = std::move(moved);
+    EXPECT_EQ(moved, was) << "move assignment swaps"; // NOLINT(bugprone-use-after-move): it is promised
+}
+
+TEST_P(Handles, ListWhatWasThere) {
+    StorageRef root = forWriting();
+    StorageEnumerator first, alias;
+    ASSERT_EQ(first.reset(root), S_OK);
+    EXPECT_TRUE(first.format() == GetParam().format && first.type() == StorageType{});
+    EXPECT_EQ(root.destroy(L"Long"), S_OK);
+    int count = 0;
+    while (first.moveNext())
+        ++count;
+    EXPECT_EQ(count, 3) << "when it began";
+    ASSERT_EQ(first.reset(root), S_OK);
+    StorageEnumerator taken(std::move(first));
+    alias = taken;
+    EXPECT_TRUE(alias == taken && alias.moveNext());
+    EXPECT_EQ(taken.name(), alias.name());
+    EXPECT_TRUE(taken.reset(root) == S_OK && taken.moveNext()) << "begins anew";
+    alias = StorageEnumerator(); // only one of the two may destroy it
+    root.close();
+    container().deleteUnusedObjects();
+    EXPECT_TRUE(released()) << "a listing keeps nothing open";
+    EXPECT_TRUE(taken.moveNext());
+}
+
+TEST_P(Handles, CopyStreams) {
+    const StorageRef root = forWriting();
+    StreamRef from = openStream(L"Short", root), reading = openStream(L"Long", root), null;
+    StreamRef to = newStream(L"Target", root, std::string(50, 'y'));
+    from.Seek(SeekPosition::Begin, 4);
+    EXPECT_EQ(from.copyTo(to), S_OK);
+    EXPECT_EQ(from.GetPosition(), 4u);
+    EXPECT_EQ(contents(to), "0123456789");
+    EXPECT_EQ(from.copyTo(from), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(from.copyTo(null), STG_E_INVALIDPARAMETER);
+    EXPECT_TRUE(FAILED(from.copyTo(reading)));
+    EXPECT_EQ(contents(reading).size(), 50u) << "a stream that cannot be written stays as it was";
+}
+
+class CompoundHandles : public Document, public testing::Test {
+protected:
+    void SetUp() override { writeCompoundFile(file_, sample); }
+};
+
+TEST_F(CompoundHandles, ReadWhatTheSystemWrote) {
     for (const unsigned sectorSize : {512u, 4096u}) {
         writeCompoundFile(file_, sample, sectorSize);
         std::vector<Element> elements;
@@ -112,35 +537,7 @@ TEST_F(Handles, ReadWhatTheSystemWrote) {
     }
 }
 
-TEST_F(Handles, WriteWhatTheSystemReads) {
-    StorageRef root = forWriting(), made = newStorage(L"Made", root), again;
-    StreamRef written = newStream(L"New", made, "new");
-    StreamRef emptied = openStream(L"Long", root, false);
-    EXPECT_EQ(emptied.size(), 0u);
-    EXPECT_EQ(emptied.write("longer", 6, nullptr), S_OK);
-    EXPECT_EQ(emptied.setSize(4), S_OK);
-    EXPECT_EQ(root.destroy(L"Short"), S_OK);
-    EXPECT_EQ(made.create(L"Box", root, false), STG_E_FILEALREADYEXISTS);
-    EXPECT_TRUE(made.null()) << "a failed create lets go of what the handle held";
-    EXPECT_EQ(made.create(L"Box", root, true), S_OK);
-    EXPECT_EQ(again.create(L"Box", root, true), STG_E_FILEALREADYEXISTS) << "while a handle is on it";
-    EXPECT_EQ(made.commit(), S_OK);
-    EXPECT_EQ(again.open(L"Made", root, false), S_OK);
-    EXPECT_EQ(again.commit(), S_OK);
-    EXPECT_EQ(root.commit(), S_OK);
-    StreamRef uncommitted = newStream(L"Lost", root);
-    EXPECT_EQ(uncommitted.create(L"Lost", root), S_OK) << "its own handle went first";
-    for (StorageRef* handle : {&again, &made, &root})
-        handle->close();
-    for (StreamRef* handle : {&written, &emptied, &uncommitted})
-        handle->close();
-    ASSERT_TRUE(released());
-    const std::vector<Element> expected{
-        {L"Box/", {}}, {L"Made/", {}}, {L"Made/New", "new"}, {L"Long", "long"}};
-    EXPECT_THAT(readCompoundFile(file_), testing::UnorderedElementsAreArray(expected));
-}
-
-TEST_F(Handles, RootsThatCannotBeOpened) {
+TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
     const std::wstring text = folder_.file(L"text"), empty = folder_.file(L"empty"),
                        five = folder_.file(L"five"), locked = folder_.file(L"locked"),
                        guarded = folder_.file(L"guarded");
@@ -179,7 +576,7 @@ TEST_F(Handles, RootsThatCannotBeOpened) {
     EXPECT_EQ(StorageRef().open(SharedPathName(), modeRead, false), STG_E_INVALIDPARAMETER);
 }
 
-TEST_F(Handles, NamesThatAreNone) {
+TEST_F(CompoundHandles, NamesThatAreNone) {
     StorageRef root = forWriting();
     const struct {
         std::wstring text;
@@ -211,48 +608,7 @@ TEST_F(Handles, NamesThatAreNone) {
     }
 }
 
-TEST_F(Handles, MayBeTheirOwnParent) {
-    StorageRef handle = forWriting();
-    EXPECT_TRUE(handle.parent().null() && handle.name() == path_);
-    EXPECT_EQ(handle.open(L"Box", handle, true), S_OK);
-    EXPECT_EQ(handle.open(element(L"Deep"), handle, true), S_OK);
-    EXPECT_EQ(read(L"NOTE", handle), "deep");
-    EXPECT_EQ(handle.create(L"Deeper", handle, false), S_OK);
-    EXPECT_EQ(handle.open(handle.parent().name(), handle.parent().parent(), true), S_OK);
-    EXPECT_EQ(handle.name(), element(L"Deep"));
-    EXPECT_EQ(handle.open(L"Deep", StorageRef(), true), STG_E_INVALIDPARAMETER);
-    EXPECT_TRUE(handle.notNull()) << "a null parent is refused before anything is let go";
-    EXPECT_EQ(handle.open(L"Gone", handle, true), STG_E_FILENOTFOUND);
-    EXPECT_TRUE(handle.null() && released());
-}
-
-template <class Ref>
-void countReferences(StorageRef& root, const wchar_t* child, Ref first) {
-    Ref second(first);
-    first.close();
-    Ref third;
-    third = second;
-    third = *&third;
-    second = Ref();
-    Ref fourth(std::move(third));
-    Ref fifth;
-    fifth = std::move(fourth);
-    EXPECT_EQ(root.destroy(child), STG_E_INUSE);
-    fifth.close();
-    EXPECT_EQ(root.destroy(child), S_OK);
-}
-
-TEST_F(Handles, HoldOneReferenceEach) {
-    StorageRef root = forWriting();
-    countReferences(root, L"Box", openStorage(L"Box", root));
-    countReferences(root, L"Short", openStream(L"Short", root));
-    StorageRef moved = std::move(root), target = openRoot(path_, modeRead);
-    const StorageRef was = target;
-    target = std::move(moved);
-    EXPECT_EQ(moved, was) << "move assignment swaps"; // NOLINT(bugprone-use-after-move): it is promised
-}
-
-TEST_F(Handles, LetGoOfTheFileWithTheLastHandle) {
+TEST_F(CompoundHandles, LetGoOfTheFileWithTheLastHandle) {
     std::array<size_t, 3> order{0, 1, 2};
     do {
         StorageRef root = forReading(), box = openStorage(L"Box", root);
@@ -274,7 +630,7 @@ TEST_F(Handles, LetGoOfTheFileWithTheLastHandle) {
         << "a root that was closed in between keeps writers out again";
 }
 
-TEST_F(Handles, TellTimes) {
+TEST_F(CompoundHandles, TellTimes) {
     const FILETIME longAgo{0, 0x01C00000};
     FILETIME times[3], made;
     const HANDLE file =
@@ -290,7 +646,7 @@ TEST_F(Handles, TellTimes) {
                 openStream(L"Short", root).stat(nullptr, nullptr) == S_OK);
 }
 
-TEST_F(Handles, MeetAnElementUnderTwoSpellings) {
+TEST_F(CompoundHandles, MeetAnElementUnderTwoSpellings) {
     StorageRef root = forWriting(), box = openStorage(L"Box", root), other;
     StorageEnumerator children;
     EXPECT_EQ(other.open(L"BOX", root, true), STG_E_ACCESSDENIED);
@@ -300,60 +656,8 @@ TEST_F(Handles, MeetAnElementUnderTwoSpellings) {
     EXPECT_TRUE(children.null()) << "a failed reset lets go of the listing before";
 }
 
-TEST_F(Handles, EnumeratorsShareByAssignment) {
-    const StorageRef root = forReading();
-    StorageEnumerator first, alias;
-    ASSERT_EQ(first.reset(root), S_OK);
-    EXPECT_TRUE(first.format() == StorageFormat::CompoundFile && first.type() == StorageType{});
-    StorageEnumerator taken(std::move(first));
-    alias = taken;
-    EXPECT_TRUE(alias == taken && alias.moveNext());
-    EXPECT_EQ(taken.name(), alias.name());
-    EXPECT_TRUE(taken.reset(root) == S_OK && taken.moveNext()) << "begins anew";
-    alias = StorageEnumerator(); // only one of the two may destroy it
-}
-
-TEST_F(Handles, ReportExhaustedMemory) {
-    static bool struck;
-    StorageRef root, box, made;
-    StreamRef note, written;
-    StorageEnumerator children;
-    const std::pair<const char*, std::function<long()>> calls[] = {
-        {"open root", [&] { return root.open(path_, modeWrite, false); }},
-        {"open storage", [&] { return box.open(L"Box", root, false); }},
-        {"open stream", [&] { return note.open(L"Note", box, true); }},
-        {"list", [&] { return children.reset(box); }},
-        {"create storage", [&] { return made.create(L"Made", box, false); }},
-        {"create stream", [&] { return written.create(L"Written", made); }},
-        {"destroy", [&] { return root.destroy(L"Never interned"); }},
-    };
-    for (const auto& [what, call] : calls) {
-        for (int spared = 0; spared < 100; ++spared) {
-            struck = false;
-            AtMainAllocation(spared, [] {
-                struck = true;
-                throw std::bad_alloc();
-            });
-            const long status = call();
-            AtMainAllocation(0, nullptr);
-            if (!struck) {
-                EXPECT_GT(spared, 0) << what;
-                break;
-            }
-            EXPECT_EQ(status, STG_E_INSUFFICIENTMEMORY) << what << spared;
-        }
-    }
-    EXPECT_TRUE(note.size() == 3 && children.moveNext() && written.WriteBytes("w", 1) == 1);
-    children.release();
-    for (StorageRef* handle : {&root, &box, &made})
-        handle->close();
-    note.close();
-    written.close();
-    EXPECT_TRUE(released());
-}
-
 // The system itself may accept these positions, and end the process in the read that follows.
-TEST_F(Handles, NeverSeekOutOfReach) {
+TEST_F(CompoundHandles, NeverSeekOutOfReach) {
     StreamRef stream = openStream(L"Short", forReading());
     for (const auto origin : {SeekPosition::Begin, SeekPosition::Current, SeekPosition::End}) {
         for (const long long offset : {-11LL, LLONG_MAX, LLONG_MIN, 1LL << 32}) {
@@ -363,20 +667,6 @@ TEST_F(Handles, NeverSeekOutOfReach) {
             EXPECT_EQ(stream.ReadBytes(bytes.data(), bytes.size()), 7u);
         }
     }
-}
-
-TEST_F(Handles, CopyStreams) {
-    const StorageRef root = forWriting();
-    StreamRef from = openStream(L"Short", root), reading = openStream(L"Long", root), null;
-    StreamRef to = newStream(L"Target", root, std::string(50, 'y'));
-    from.Seek(SeekPosition::Begin, 4);
-    EXPECT_EQ(from.copyTo(to), S_OK);
-    EXPECT_EQ(from.GetPosition(), 4u);
-    EXPECT_EQ(contents(to), "0123456789");
-    EXPECT_EQ(from.copyTo(from), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(from.copyTo(null), STG_E_INVALIDPARAMETER);
-    EXPECT_TRUE(FAILED(from.copyTo(reading)));
-    EXPECT_EQ(contents(reading).size(), 50u) << "a stream that cannot be written stays as it was";
 }
 
 } // namespace

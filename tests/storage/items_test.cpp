@@ -8,6 +8,7 @@
 
 #include <functional>
 #include <map>
+#include <thread>
 #include <utility>
 #include <vector>
 
@@ -137,22 +138,6 @@ TEST_F(Items, ReopenTheChainToWriteAStream) {
     EXPECT_FALSE(root_.readOnly() || outer->readOnly() || inner->readOnly());
 }
 
-TEST_F(Items, MakeWayForTheOtherType) {
-    const auto held = storage(L"a");
-    EXPECT_EQ(stream(L"a").get(), nullptr);
-    EXPECT_EQ(status_, STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(root_.createChildStream(elementName(L"a"), &status_).get(), nullptr);
-    EXPECT_EQ(status_, STG_E_INVALIDPARAMETER);
-    EXPECT_TRUE(held->isOpen());
-
-    stream(L"b");
-    EXPECT_NE(storage(L"b").get(), nullptr) << "nobody uses the stream";
-    storage(L"c", *storage(L"b").get());
-    const auto replaced = root_.createChildStream(elementName(L"b"), &status_);
-    EXPECT_EQ(calls_.take(), L"~Storage\n~Storage\nCreateStream b 0x1012\n");
-    EXPECT_TRUE(replaced && replaced->type() == StorageType::Stream && !replaced->readOnly());
-}
-
 TEST_F(Items, RefuseToTouchWhatIsInUse) {
     const SharedPathName a = elementName(L"a"), b = elementName(L"b");
     const auto heldStorage = storage(L"a");
@@ -249,6 +234,7 @@ TEST_F(Items, RetryOnceAfterACleanUp) {
 TEST_F(Items, RetryEveryCallOnceOnly) {
     VxStream* bare = nullptr; // no handle keeps it
     const SharedPathName name = elementName(L"new");
+    const auto list = root_.createEnumerator();
     const std::pair<const char*, std::function<HRESULT()>> cases[] = {
         {"open storage", [&] { return (root_.openChildStorage(name, true, false, &status_), status_); }},
         {"create storage", [&] { return (root_.createChildStorage(name, &status_, false), status_); }},
@@ -256,6 +242,12 @@ TEST_F(Items, RetryEveryCallOnceOnly) {
         {"create stream", [&] { return (root_.createChildStream(name, &status_), status_); }},
         {"rewind", [&] { return bare->open(true); }},
         {"resize", [&] { return bare->setSize(1); }},
+        {"commit storage", [&] { return root_.commit(); }},
+        {"commit stream", [&] { return bare->commit(); }},
+        {"ask storage", [&] { return root_.stat(nullptr, nullptr); }},
+        {"ask stream", [&] { return bare->stat(nullptr, nullptr); }},
+        {"list", [&] { return list->reset(&root_); }},
+        {"destroy", [&] { return root_.destroyChild(name); }},
     };
     const struct {
         bool closing;                       // by the clean-up
@@ -273,9 +265,8 @@ TEST_F(Items, RetryEveryCallOnceOnly) {
             ASSERT_EQ(root_.open(false, false), S_OK);
             bare = stream(L"bare").get();
             const CleanUp cleanUp([&, close = closing] {
-                root_.deleteUnusedObjects(false);
-                if (close)
-                    root_.close();
+                const auto run = [&] { close ? root_.close() : void(root_.deleteUnusedObjects(false)); };
+                std::thread(run).join(); // no lock is held
                 return true;
             });
             calls_.take();
@@ -284,6 +275,54 @@ TEST_F(Items, RetryEveryCallOnceOnly) {
             EXPECT_EQ(CleanUp::runs, 1);
             calls_.failures.clear();
         }
+    }
+}
+
+// While the clean-up runs nobody has the tree for himself.
+TEST_F(Items, MayBeOpenedByAnotherThreadMeanwhile) {
+    const SharedPathName name = elementName(L"new");
+    const auto storage = [&](bool readOnly) {
+        return root_.openChildStorage(name, readOnly, false, &status_);
+    };
+    const auto stream = [&](bool readOnly) { return root_.openChildStream(name, readOnly, false, &status_); };
+    const struct {
+        const char* what;
+        bool isStream;
+        std::function<const VxStorageItem*()> operation;
+        HRESULT expected;
+        bool readOnly;
+    } cases[] = {
+        {"read storage", false, [&] { return storage(true).get(); }, S_OK, true},
+        {"write storage", false, [&] { return storage(false).get(); }, S_OK, false},
+        {"create storage", false, [&] { return root_.createChildStorage(name, &status_, true).get(); },
+         STG_E_FILEALREADYEXISTS, true},
+        {"read stream", true, [&] { return stream(true).get(); }, S_OK, true},
+        {"write stream", true, [&] { return stream(false).get(); }, S_OK, false},
+        {"create stream", true, [&] { return root_.createChildStream(name, &status_).get(); },
+         STG_E_FILEALREADYEXISTS, true},
+    };
+    for (const auto& [what, isStream, operation, expected, readOnly] : cases) {
+        SCOPED_TRACE(what);
+        ItemRef<VxStorageItem> others;
+        const CleanUp cleanUp([&, isStream = isStream] {
+            std::thread([&] {
+                others = isStream ? ItemRef<VxStorageItem>(stream(true).get())
+                                  : ItemRef<VxStorageItem>(storage(true).get());
+            }).join();
+            return true;
+        });
+        calls_.take();
+        calls_.failures = {{0, STG_E_TOOMANYOPENFILES}};
+        const VxStorageItem* const item = operation();
+        calls_.failures.clear();
+        EXPECT_EQ(status_, expected);
+        ASSERT_TRUE(others);
+        EXPECT_EQ(item, SUCCEEDED(expected) ? others.get() : nullptr);
+        EXPECT_EQ(others->readOnly(), readOnly);
+        EXPECT_TRUE(root_.VxStorage::hasChild(name, others->type())) << "still open";
+        others = {};
+        root_.deleteUnusedObjects(false);
+        ASSERT_EQ(root_.open(false, false), S_OK);
     }
 }
 
@@ -406,7 +445,7 @@ TEST(HandlesOfFormats, CompoundFilesAreLetGoOfAtOnce) {
         note->releaseHandle();
         EXPECT_EQ(root.isOpen(), !compound) << "the last one, held-open nodes or not";
         EXPECT_EQ(calls.alive, compound ? 0 : 5);
-        EXPECT_TRUE(root.hasChild(elementName(L"note"), StorageType::Stream));
+        EXPECT_EQ(root.hasChild(elementName(L"note"), StorageType::Stream), !compound) << "the items say so";
         root.close();
     }
 }

@@ -1,5 +1,4 @@
-// Packages through the handles: what they share with compound files, by one body of test over both, and what
-// only they can do.
+// Packages through the handles: what only they can do.
 
 #include "archive/platform.h"
 #include "support/compound_file.h"
@@ -21,80 +20,16 @@ using namespace Support;
 
 namespace {
 
-/// What is wanted to differ between the two formats.
-struct Backend {
-    const char* name;
-    StorageFormat format;
-    StreamCompression compression;
-};
-
-class Backends : public testing::TestWithParam<Backend> {
-protected:
-    void SetUp() override {
-        if (GetParam().format == StorageFormat::CompoundFile) {
-            writeCompoundFile(file_, {{L"Old", "old"}});
-            return;
-        }
-        const StorageRef root = newPackage(path_);
-        newStream(L"Old", root, "old");
-        ASSERT_EQ(root.commit(), S_OK);
-    }
-    void TearDown() override { container().deleteUnusedObjects(); }
-    StorageRef open(RootStorageOpenMode mode) {
-        container().deleteUnusedObjects();
-        StorageRef root = openRoot(path_, mode);
-        EXPECT_EQ(root.format(), GetParam().format);
-        return root;
-    }
-
-    TempFolder folder_;
-    std::wstring file_ = folder_.file(L"document");
-    SharedPathName path_ = path(file_);
-    LogCapture quiet_;
-};
-
-TEST_P(Backends, ADocumentsLife) {
-    {
-        StorageRef root = open(modeWrite), box = newStorage(L"Box", root), inner = newStorage(L"Inner", box);
-        StreamRef note = newStream(L"Note", inner, std::string(10'000, 'n'));
-        EXPECT_EQ(note.compression(), GetParam().compression);
-        EXPECT_EQ(openStream(L"Note", inner), note) << "one node, one item";
-        EXPECT_TRUE(box.hasChild(element(L"Inner"), StorageType::Storage));
-        EXPECT_FALSE(box.hasChild(element(L"Inner"), StorageType::Stream));
-        EXPECT_FALSE(box.hasChild(element(L"Nix"), StorageType{}));
-        StorageRef gone = newStorage(L"Gone", root);
-        EXPECT_EQ(root.destroy(L"Gone"), STG_E_INUSE);
-        gone.close();
-        EXPECT_EQ(root.destroy(L"Gone"), S_OK);
-        EXPECT_EQ(root.destroy(L"Gone"), STG_E_FILENOTFOUND);
-        StreamRef old = openStream(L"Old", root, false);
-        EXPECT_EQ(old.size(), 0U) << "emptied to be written";
-        EXPECT_EQ(old.WriteBytes("new", 3), 3U);
-        EXPECT_TRUE(inner.commit() == S_OK && box.commit() == S_OK && old.commit() == S_OK);
-        EXPECT_EQ(root.commit(), S_OK);
-    }
-    const StorageRef root = open(modeRead), box = openStorage(L"Box", root);
-    EXPECT_EQ(children(root), L"Box/ Old ");
-    EXPECT_EQ(read(L"Note", openStorage(L"Inner", box)), std::string(10'000, 'n'));
-    EXPECT_EQ(read(L"Old", root), "new");
-    EXPECT_EQ(StreamRef().open(L"Box", root, true), STG_E_INVALIDPARAMETER) << "open as a storage";
-}
-
-INSTANTIATE_TEST_SUITE_P(
-    Both, Backends,
-    testing::Values(Backend{"Compound", StorageFormat::CompoundFile, StreamCompression::None},
-                    Backend{"Package", StorageFormat::Package, StreamCompression::Packed}),
-    [](const auto& backend) { return backend.param.name; });
-
 TEST(Packages, TemporaryRootsLiveInMemoryOrInAFileThatGoes) {
     const LogCapture log;
     for (const bool onDisk : {false, true}) {
-        container().setCreateOnDisk(onDisk);
+        EXPECT_FALSE(container().SetCreateOnDisk(onDisk));
+        EXPECT_EQ(container().GetCreateOnDisk(), onDisk);
         std::wstring name;
         {
             StorageRef root;
             ASSERT_EQ(root.createTemporary(false), S_OK);
-            container().setCreateOnDisk(false);
+            EXPECT_EQ(container().setCreateOnDisk(false), onDisk);
             name = root.name().asString();
             newStream(L"Note", root, "bytes");
             EXPECT_EQ(root.commit(), S_OK);

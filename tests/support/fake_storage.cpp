@@ -176,6 +176,8 @@ public:
 } // namespace
 
 HRESULT FakeCalls::add(const std::wstring& call) {
+    if (during)
+        during();
     log.push_back(call);
     const auto failure = failures.find(log.size() - 1);
     return failure == failures.end() ? S_OK : failure->second;

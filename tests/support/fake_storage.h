@@ -8,6 +8,7 @@
 #include <wrl/client.h>
 
 #include <atomic>
+#include <functional>
 #include <map>
 #include <string>
 #include <utility>
@@ -28,6 +29,8 @@ struct FakeCalls {
     /// same.
     ULONGLONG position = 0;
     ULONGLONG available = 0;
+    /// Runs in each call, if set.
+    std::function<void()> during;
     /// Fakes that are alive.
     int alive = 0;
 

@@ -1,0 +1,251 @@
+// Handles on shared roots from many threads: opened by path in every mode, made writable, read, written,
+// listed, committed, copied and cleaned up at once. Whatever one thread does, the calls of the others succeed
+// and deliver the right bytes.
+//
+// VEXEL_TEST_SECONDS sets how long it runs.
+
+#include "support/compound_file.h"
+#include "support/handles.h"
+#include "support/log_capture.h"
+
+#include <vexel/temp_files.h>
+
+#include <array>
+#include <atomic>
+#include <chrono>
+#include <cstdlib>
+#include <functional>
+#include <mutex>
+#include <thread>
+
+using namespace Support;
+
+namespace {
+
+constexpr int threadCount = 8;
+
+/// The same for the same name, and different at every place.
+std::string pattern(std::wstring_view name, size_t size) {
+    unsigned state = 1;
+    for (const wchar_t c : name)
+        state = state * 31 + c;
+    std::string bytes(size, '\0');
+    for (char& byte : bytes)
+        byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
+    return bytes;
+}
+
+std::wstring numbered(const wchar_t* name, int number) { return name + std::to_wstring(number); }
+
+std::chrono::seconds duration() {
+    const char* const wanted = std::getenv("VEXEL_TEST_SECONDS");
+    return std::chrono::seconds(wanted ? std::atoi(wanted) : 3);
+}
+
+class Threads : public testing::TestWithParam<StorageFormat> {
+protected:
+    static constexpr size_t noteSize = 9000;
+
+    void SetUp() override {
+        std::vector<Element> elements;
+        for (int i = 0; i < threadCount; ++i) {
+            const std::wstring box = numbered(L"Box", i);
+            elements.push_back({box + L"/Note", pattern(box, noteSize)});
+            elements.push_back({numbered(L"Work", i) + L"/Own", "none yet"});
+        }
+        for (const wchar_t* const file : files_)
+            make(folder_.file(file), elements);
+    }
+    void TearDown() override {
+        EXPECT_EQ(failures_, 0) << what_;
+        container().deleteUnusedObjects();
+        EXPECT_FALSE(container().deleteUnusedObjects()) << "nothing is left";
+        for (int i = 0; i < 500 && leftovers() > 0; ++i, Sleep(10))
+            TempFileContainer::Instance().clear(); // done by a background thread
+        EXPECT_EQ(leftovers(), 0);
+    }
+
+    void make(const std::wstring& file, const std::vector<Element>& elements) {
+        if (GetParam() == StorageFormat::CompoundFile) {
+            writeCompoundFile(file, elements);
+            return;
+        }
+        StorageRef root = newPackage(path(file));
+        for (const auto& [name, bytes] : elements) {
+            const size_t bar = name.find(L'/');
+            StorageRef box;
+            if (FAILED(box.open(element(name.substr(0, bar)), root, false)))
+                box = newStorage(name.substr(0, bar).c_str(), root);
+            newStream(name.substr(bar + 1).c_str(), box, bytes);
+        }
+        EXPECT_EQ(root.commit(), S_OK);
+    }
+    /// Temporary files of this process.
+    static int leftovers() {
+        const std::wstring mark = L"-18-" + std::to_wstring(GetCurrentProcessId());
+        int count = 0;
+        for (const auto& entry : std::filesystem::directory_iterator(std::filesystem::temp_directory_path()))
+            count += entry.path().filename().wstring().find(mark) != std::wstring::npos;
+        return count;
+    }
+
+    /// Notes what should have succeeded.
+    bool check(bool succeeded, const char* what, long status = 0) {
+        if (!succeeded && failures_++ < 10) {
+            const std::lock_guard lock(mutex_);
+            char line[120];
+            std::snprintf(line, sizeof line, "%s: 0x%08lx\n", what, static_cast<unsigned long>(status));
+            what_ += line;
+        }
+        return succeeded;
+    }
+    bool check(long status, const char* what) { return check(SUCCEEDED(status), what, status); }
+
+    SharedPathName file(const wchar_t* name) const { return path(folder_.file(name)); }
+
+    // What the threads do. `number` is the thread's own part of the file.
+
+    /// Piece by piece, so that others come in between.
+    void readNote(const StorageRef& root, int number) {
+        const std::wstring name = numbered(L"Box", number);
+        StorageRef box;
+        StreamRef note;
+        if (!check(box.open(element(name), root, true), "open a storage") ||
+            !check(note.open(L"Note", box, true), "open a stream"))
+            return;
+        const std::string expected = pattern(name, noteSize);
+        std::array<char, 1000> piece{};
+        for (size_t at = 0; at < noteSize; at += piece.size()) {
+            if (!check(note.ReadBytes(piece.data(), piece.size()) == piece.size(), "read a piece") ||
+                !check(expected.compare(at, piece.size(), piece.data(), piece.size()) == 0, "compare it"))
+                return;
+            if (at % 3000 == 0)
+                std::this_thread::yield();
+        }
+        check(note.size() == noteSize, "ask for the size");
+    }
+    void rewrite(const StorageRef& root, int number, int edition) {
+        StorageRef work;
+        StreamRef own;
+        const std::string bytes = pattern(std::to_wstring(edition), 2000);
+        if (!check(work.open(element(numbered(L"Work", number)), root, false), "open for writing") ||
+            !check(own.create(L"Own", work), "make a stream"))
+            return;
+        check(own.WriteBytes(bytes.data(), bytes.size()) == bytes.size(), "write");
+        own.close();
+        check(work.commit(), "commit a storage");
+        check(root.commit(), "commit the root");
+        check(read(L"Own", work) == bytes, "read what was written");
+    }
+    void list(const StorageRef& root) {
+        StorageEnumerator child;
+        if (!check(child.reset(root), "list"))
+            return;
+        int count = 0;
+        while (child.moveNext()) {
+            ++count;
+            check(root.hasChild(child.name(), child.type()), "find a child");
+            std::this_thread::yield();
+        }
+        check(count >= 2 * threadCount && child.status() == S_FALSE, "list all", child.status());
+    }
+    void copyInto(const StorageRef& from, const StorageRef& to, int number) {
+        const SharedPathName name = element(numbered(L"Box", number));
+        StorageRef source, target;
+        if (check(source.open(name, from, true), "open a source") &&
+            check(target.open(name, to, false), "open a target") &&
+            check(source.copyTo(target), "copy a storage"))
+            check(read(L"Note", target) == pattern(name.asString(), noteSize), "read the copy");
+    }
+    /// A document of the thread's own, which takes a shared one over.
+    void copyWhole(const StorageRef& from, int number) {
+        StorageRef target;
+        if (!check(target.create(path(folder_.file(numbered(L"own", number)))), "make a package") ||
+            !check(from.copyTo(target), "copy a document"))
+            return;
+        check(target.commit(), "commit a copy");
+        readNote(target, number);
+    }
+
+    void work(int number, unsigned random) {
+        const auto next = [&] { return (random = random * 1664525 + 1013904223) >> 24; };
+        for (int i = 0; i < 6; ++i) {
+            StorageRef changed, still, other;
+            const bool writes = next() % 3 == 0;
+            if (!check(changed.open(file(files_[0]), writes ? modeWrite : modeReadDenyWrite, false),
+                       "open") ||
+                !check(still.open(file(files_[1]), next() % 2 ? modeRead : modeReadDenyWrite, false),
+                       "open for reading"))
+                return;
+            readNote(changed, number);
+            list(next() % 2 ? still : changed);
+            if (writes)
+                rewrite(changed, number, i);
+            readNote(still, number);
+            const unsigned what = next() % 4;
+            if (what == 0 && check(other.open(file(files_[4]), modeRead, false), "open a source"))
+                copyWhole(other, number);
+            if (what == 1 && check(changed.open(file(files_[2]), modeWrite, false), "open to copy") &&
+                check(other.open(file(files_[3]), modeWrite, false), "open to copy"))
+                number % 2 ? copyInto(changed, other, number) : copyInto(other, changed, number);
+            if (what == 2)
+                container().deleteUnusedObjects();
+            if (what == 3)
+                still.deleteUnusedObjects();
+        }
+    }
+
+    static constexpr std::array files_{L"changed", L"still", L"a", L"b", L"source"};
+    TempFolder folder_;
+    std::mutex mutex_;
+    std::string what_;
+    std::atomic<int> failures_{0};
+    LogCapture quiet_;
+};
+
+TEST_P(Threads, ShareRoots) {
+    const auto end = std::chrono::steady_clock::now() + duration();
+    for (unsigned round = 0; failures_ == 0 && std::chrono::steady_clock::now() < end; ++round) {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < threadCount; ++i)
+            threads.emplace_back([=, this] { work(i, round * 977 + static_cast<unsigned>(i) * 31); });
+        for (std::thread& thread : threads)
+            thread.join();
+        if (round % 2 == 0)
+            container().deleteUnusedObjects(); // so that the next ones open the files for reading again
+        else
+            container().clearAll();
+    }
+}
+
+// What one thread was in the middle of goes on when another reopens the root.
+TEST_P(Threads, GoOnAfterAReopening) {
+    const StorageRef root = openRoot(file(files_[0]), modeReadDenyWrite), box = openStorage(L"Box1", root);
+    StreamRef note = openStream(L"Note", box);
+    StorageEnumerator children;
+    ASSERT_EQ(children.reset(root), S_OK);
+    std::string first(1234, '\0'), rest(noteSize, '\0');
+    EXPECT_EQ(note.ReadBytes(first.data(), first.size()), first.size());
+    std::thread([&] {
+        const StorageRef writer = openRoot(file(files_[0]), modeWrite);
+        EXPECT_EQ(writer, root);
+        openStorage(L"Box1", writer, false);
+    }).join();
+    EXPECT_FALSE(root.readOnly() || box.readOnly());
+    EXPECT_EQ(note.GetPosition(), first.size());
+    rest.resize(static_cast<size_t>(note.ReadBytes(rest.data(), rest.size())));
+    EXPECT_EQ(first + rest, pattern(L"Box1", noteSize));
+    int count = 0;
+    while (children.moveNext())
+        ++count;
+    EXPECT_EQ(count, 2 * threadCount);
+    note.SeekToBegin();
+    EXPECT_EQ(openStream(L"Note", box).GetPosition(), 0u);
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, Threads, testing::Values(StorageFormat::CompoundFile, StorageFormat::Package),
+                         [](const auto& format) {
+                             return format.param == StorageFormat::Package ? "Package" : "Compound";
+                         });
+
+} // namespace
