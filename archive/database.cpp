@@ -30,6 +30,21 @@ Detail::FileHandle openForReading(const wchar_t* path) noexcept {
         platform().createFile(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
 }
 
+/// What reading a database came to. The engine raises its flags beside any status, S_OK included. Its
+/// warnings, of properties that it does not know and the like, are none.
+HRESULT verdictOn(const NArchive::N7z::CDbEx& database, HRESULT status) noexcept {
+    if (FAILED(status))
+        return status;
+    if (database.ThereIsHeaderError || database.UnexpectedEnd)
+        return STG_E_INVALIDHEADER;
+    if (database.UnsupportedFeatureError)
+        return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
+    return status == S_OK ? S_OK : E_FAIL;
+}
+
+/// A status as it is when the call has failed with it.
+HRESULT asFailure(HRESULT status) noexcept { return FAILED(status) ? status : E_FAIL; }
+
 void logFailure(int level, const wchar_t* format, const wchar_t* name, HRESULT status) noexcept {
     VxLog_WriteW(level, format, name, static_cast<unsigned>(status));
 }
@@ -71,9 +86,9 @@ HRESULT DatabaseStream::openCursor(ComPtr<IInStream>& cursor) const {
     }
     ComPtr<::IStream> clone;
     const HRESULT status = stream_->Clone(&clone);
-    if (FAILED(status)) {
+    if (status != S_OK || !clone) {
         VxLog_WriteW(VxLog_Error, L"Failed to clone an IStream: 0x%08x", static_cast<unsigned>(status));
-        return status;
+        return asFailure(status);
     }
     cursor = Detail::adopt<IInStream>(new IStreamInStream(std::move(clone)));
     return S_OK;
@@ -83,18 +98,18 @@ HRESULT DatabaseStream::readStart(StartHeader& start) const {
     FileInStream input(file_, fileSize_);
     UInt32 count = 0;
     const HRESULT status = input.Read(start.data(), static_cast<UInt32>(start.size()), &count);
-    if (FAILED(status))
-        return status;
+    if (status != S_OK)
+        return asFailure(status);
     return count == start.size() ? S_OK : STG_E_INVALIDHEADER;
 }
 
 // The start header holds a checksum of itself and of all that the database was read from.
 HRESULT DatabaseStream::reopenFile(const wchar_t* path) {
     std::shared_ptr<DatabaseStream> again;
-    if (const HRESULT status = openFile(path, again); FAILED(status) || !again)
+    if (const HRESULT status = openFile(path, again); status != S_OK || !again)
         return status;
     StartHeader start{};
-    if (const HRESULT status = again->readStart(start); FAILED(status))
+    if (const HRESULT status = again->readStart(start); status != S_OK)
         return status;
     if (again->fileSize_ != fileSize_ || start != start_)
         return STG_E_INVALIDHEADER;
@@ -104,19 +119,19 @@ HRESULT DatabaseStream::reopenFile(const wchar_t* path) {
 
 HRESULT DatabaseStream::read(const wchar_t* archiveName) {
     const HRESULT status = withEngine(E_FAIL, [&] { return readDatabase(archiveName); });
-    return status == S_FALSE ? E_FAIL : status;
+    return status == S_OK ? S_OK : asFailure(status);
 }
 
 HRESULT DatabaseStream::readDatabase(const wchar_t* archiveName) {
     PlainHeader header;
-    if (const HRESULT status = checkHeader(archiveName, header); FAILED(status))
+    if (const HRESULT status = checkHeader(archiveName, header); status != S_OK)
         return status;
-    if (const HRESULT status = readHeader(archiveName, std::move(header)); FAILED(status))
+    if (const HRESULT status = readHeader(archiveName, std::move(header)); status != S_OK)
         return status;
     if (isOnStream())
         return S_OK;
     const HRESULT status = readStart(start_);
-    if (FAILED(status))
+    if (status != S_OK)
         logFailure(VxLog_Error, kReadFailure, archiveName, status);
     return status;
 }
@@ -128,9 +143,9 @@ HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& hea
     else
         input = Detail::adopt<IInStream>(new FileInStream(file_, fileSize_));
     UInt64 size = 0;
-    if (const HRESULT status = input->Seek(0, STREAM_SEEK_END, &size); FAILED(status)) {
+    if (const HRESULT status = input->Seek(0, STREAM_SEEK_END, &size); status != S_OK) {
         logFailure(VxLog_Error, kOpenFailure, archiveName, status);
-        return status;
+        return asFailure(status);
     }
     InStreamSource source(*input.Get(), size);
     HeaderVerdict verdict;
@@ -138,9 +153,9 @@ HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& hea
         verdict = checkHeaders(source, &header);
         return S_OK;
     });
-    if (FAILED(status)) { // for want of memory
+    if (status != S_OK) { // for want of memory
         logFailure(VxLog_Error, kReadFailure, archiveName, status);
-        return status;
+        return asFailure(status);
     }
     if (verdict.fault == HeaderFault::None)
         return S_OK;
@@ -164,18 +179,16 @@ HRESULT DatabaseStream::readHeader(const wchar_t* archiveName, PlainHeader&& hea
     HRESULT status = withEngine(S_FALSE, [&] { return archive.Open(input.Get(), &searchLimit); });
     if (status != S_OK) {
         logFailure(status == S_FALSE ? VxLog_Trace : VxLog_Error, kOpenFailure, archiveName, status);
-        return status == S_FALSE ? STG_E_INVALIDHEADER : status;
+        return status == S_FALSE ? STG_E_INVALIDHEADER : asFailure(status);
     }
     status = withEngine(S_FALSE, [&] { return archive.ReadDatabase(database_); });
-    if (status == S_OK)
+    const HRESULT verdict = verdictOn(database_, status);
+    if (verdict == S_OK)
         return S_OK;
-    logFailure(VxLog_Error, kReadFailure, archiveName, status);
+    // What it only flags, it calls a success.
+    logFailure(VxLog_Error, kReadFailure, archiveName, status == S_OK ? verdict : status);
     archive.Close();
-    if (status != S_FALSE)
-        return status;
-    if (database_.ThereIsHeaderError || database_.UnexpectedEnd)
-        return STG_E_INVALIDHEADER;
-    return database_.UnsupportedFeatureError ? HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED) : E_FAIL;
+    return verdict;
 }
 
 std::wstring_view DatabaseStream::path(unsigned index) const noexcept {
