@@ -49,6 +49,7 @@ HRESULT SZipArchivePrivate::createFile(const CString& path, bool failIfExists, b
     }
     const RwGuard guard(item.lock_, RwGuard::Exclusive);
     item.contents_ = contents;
+    item.isAnti_ = false; // a mark for a deletion has no contents
     *changed = true;
     *result = contents.Detach();
     return S_OK;
@@ -115,8 +116,6 @@ HRESULT SZipArchive::createFile(IStream** result, const CString& path, bool fail
             return STG_E_INVALIDNAME;
         if (!guard.upgrade() && !private_->hasParentOf(text))
             return STG_E_INVALIDNAME;
-        if (const HRESULT status = private_->settle(); FAILED(status))
-            return status;
         return private_->createFile(path, failIfExists, replace, result);
     });
 }
@@ -133,8 +132,6 @@ HRESULT SZipArchive::createDirectory(const CString& path, bool failIfExists, boo
             return STG_E_FILENOTFOUND;
         if (!guard.upgrade() && !private_->hasParentOf(text))
             return STG_E_FILENOTFOUND;
-        if (const HRESULT status = private_->settle(); FAILED(status))
-            return status;
         return private_->createDirectory(path, failIfExists, clear);
     });
 }
@@ -144,8 +141,6 @@ HRESULT SZipArchive::remove(std::wstring_view path) {
         return status;
     return withStatus([&]() -> HRESULT {
         const RwGuard guard(private_->lock, RwGuard::Exclusive);
-        if (const HRESULT status = private_->settle(); FAILED(status))
-            return status;
         const auto found = private_->items.find(path);
         if (found == private_->items.end())
             return STG_E_FILENOTFOUND;
@@ -162,8 +157,6 @@ HRESULT SZipArchive::move(std::wstring_view from, std::wstring_view to) {
             return status;
     return withStatus([&]() -> HRESULT {
         const RwGuard guard(private_->lock, RwGuard::Exclusive);
-        if (const HRESULT status = private_->settle(); FAILED(status))
-            return status;
         return private_->move(from, to);
     });
 }
@@ -175,8 +168,6 @@ HRESULT SZipArchive::clear(std::wstring_view path) {
         return STG_E_INVALIDNAME;
     return withStatus([&]() -> HRESULT {
         const RwGuard guard(private_->lock, RwGuard::Exclusive);
-        if (const HRESULT status = private_->settle(); FAILED(status))
-            return status;
         if (path.empty() && private_->items.empty())
             return S_OK;
         if (!path.empty()) {

@@ -35,10 +35,8 @@ private:
 } // namespace
 
 HRESULT SZipArchivePrivate::borrowPackedData(const SZipArchivePrivate& source) {
-    if (const HRESULT status = settle(); FAILED(status))
-        return status;
     for (const auto& [path, item] : items)
-        if (item.databaseIndex_ >= 0 || item.oldIndex_ >= 0)
+        if (item.databaseIndex_ >= 0)
             return STG_E_INVALIDFUNCTION;
     database = source.database;
     return S_OK;
@@ -51,21 +49,15 @@ HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZip
     if (existing != items.end())
         return item.isDirectory_ && existing->second.isDirectory_ ? S_OK : STG_E_FILEALREADYEXISTS;
 
-    const bool isPacked =
-        !item.isDirectory_ && item.databaseIndex_ >= 0 && (!item.contents_ || !item.contents_->isModified());
     // An index means something only in the database that it was read from.
-    const bool staysPacked = isPacked && database && database == source.database;
+    const bool staysPacked = !item.isDirectory_ && source.recordOf(item) >= 0 &&
+                             database == source.database &&
+                             (!item.contents_ || !item.contents_->isModified());
     ComPtr<SZipStream> contents;
     if (!item.isDirectory_ && !staysPacked) {
         DynamicBuffer bytes;
-        bool isWhole = true;
-        HRESULT status = S_OK;
-        if (item.contents_)
-            bytes = item.contents_->copyBytes();
-        else
-            status = source.decode(item, sourcePath, bytes, isWhole);
-        if (!isWhole)
-            return FAILED(status) ? status : STG_E_READFAULT;
+        if (const HRESULT status = source.copyContents(item, sourcePath, bytes); status != S_OK)
+            return status;
         contents = newContents(std::move(bytes), targetPath);
         contents->markModified();
     }
@@ -77,7 +69,6 @@ HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZip
     copy.crc_ = item.crc_;
     copy.isAnti_ = item.isAnti_;
     copy.databaseIndex_ = staysPacked ? item.databaseIndex_ : -1;
-    copy.oldIndex_ = copy.databaseIndex_;
     *changed = true;
     return S_OK;
 }
@@ -93,8 +84,6 @@ HRESULT SZipArchive::borrowPackedData(const SZipArchive& source) {
 
 HRESULT SZipArchivePrivate::addTree(const SZipArchivePrivate& source, std::wstring_view sourcePath,
                                     std::wstring_view targetPath) {
-    if (const HRESULT status = settle(); FAILED(status))
-        return status;
     if (!sourcePath.empty()) {
         const auto top = source.items.find(sourcePath);
         if (top == source.items.end())

@@ -14,12 +14,6 @@ namespace Vexel::Storage {
 
 namespace {
 
-bool reserve(DynamicBuffer& bytes, unsigned long long size) noexcept {
-    bytes.data = static_cast<unsigned char*>(Detail::memorySource.reallocate(nullptr, size));
-    bytes.capacity = bytes.data ? size : 0;
-    return bytes.data != nullptr;
-}
-
 HRESULT hand(const ComPtr<SZipStream>& contents, IStream** result) {
     *result = new SZipStream(*contents.Get());
     return (*result)->Seek({}, STREAM_SEEK_SET, nullptr);
@@ -31,65 +25,110 @@ ComPtr<SZipStream> SZipArchivePrivate::newContents(DynamicBuffer&& bytes, const 
     return Detail::adopt(new SZipStream(std::move(bytes), {changed, path, readOnly}));
 }
 
-HRESULT SZipArchivePrivate::decode(const SZipArchiveItem& item, const CString& path, DynamicBuffer& bytes,
-                                   bool& isWhole) const {
-    isWhole = false;
-    if (item.databaseIndex_ < 0 || !database ||
-        static_cast<unsigned>(item.databaseIndex_) >= database->count())
-        return STG_E_FILENOTFOUND;
-    const auto index = static_cast<unsigned>(item.databaseIndex_);
-    const auto& record = database->database().Files[index];
-    isWhole = !record.HasStream || record.Size == 0;
-    return isWhole ? S_OK : decodeFolder(path, index, bytes, isWhole);
+int SZipArchivePrivate::recordOf(const SZipArchiveItem& item) const noexcept {
+    const int index = item.databaseIndex_;
+    return index >= 0 && database && static_cast<unsigned>(index) < database->count() ? index : -1;
 }
 
-HRESULT SZipArchivePrivate::decodeFolder(const CString& path, unsigned index, DynamicBuffer& bytes,
-                                         bool& isWhole) const {
-    const auto& records = database->database();
-    const auto& record = records.Files[index];
-    const auto folder = database->folderOf(index);
+bool SZipArchivePrivate::isPacked(unsigned record) const noexcept {
+    const auto& file = database->database().Files[record];
+    return file.HasStream && file.Size > 0;
+}
+
+HRESULT SZipArchivePrivate::decode(const SZipArchiveItem& item, const CString& path,
+                                   std::optional<DynamicBuffer>& bytes) const {
+    const int index = recordOf(item);
+    if (index < 0 || fileState_ == FileState::Stale)
+        return STG_E_FILENOTFOUND;
+    const auto record = static_cast<unsigned>(index);
+    if (isPacked(record))
+        return decodeFolder(path, record, bytes);
+    bytes.emplace();
+    return S_OK;
+}
+
+HRESULT SZipArchivePrivate::decodeFolder(const CString& path, unsigned record,
+                                         std::optional<DynamicBuffer>& bytes) const {
+    const auto folder = database->folderOf(record);
     if (folder.isShared) {
         VxLog_WriteW(VxLog_Error, L"File \"%ls\" in archive \"%ls\" belongs to a multi-file solid block",
                      path.GetString(), fileName.GetString());
         return STG_E_INVALIDFUNCTION;
     }
-    Engine::DecodedFolder decoded{STG_E_READFAULT, true};
-    if (folder.index != NArchive::N7z::kNumNoIndex && Engine::isPlausible(records, folder.index)) {
-        if (!reserve(bytes, record.Size)) {
-            VxLog_WriteW(
-                VxLog_Error,
-                L"Not enough memory for decompressed contents of the file \"%ls\" (%llu byte(s)) in archive "
-                L"\"%ls\"",
-                path.GetString(), record.Size, fileName.GetString());
-            return STG_E_INSUFFICIENTMEMORY;
-        }
-        decoded = Engine::decodeFolder(*database, folder.index, bytes);
+    if (folder.index == NArchive::N7z::kNumNoIndex ||
+        !Engine::isPlausible(database->database(), folder.index)) {
+        logDecodingFailure(path, STG_E_READFAULT);
+        return STG_E_READFAULT;
     }
+    DynamicBuffer unpacked;
+    if (const HRESULT status = reserve(unpacked, path, record); status != S_OK)
+        return status;
+    const Engine::DecodedFolder decoded = Engine::decodeFolder(*database, folder.index, unpacked);
     if (!decoded.isStarted)
         return decoded.status;
     // The decoder calls it a success when data are left over. So do we, but there is nothing to have.
     if (decoded.status != S_OK || decoded.dataAfterEnd) {
-        VxLog_WriteW(VxLog_Error, L"Failed to decompress the file \"%ls\" in archive \"%ls\": 0x%08x",
-                     path.GetString(), fileName.GetString(), static_cast<unsigned>(decoded.status));
+        logDecodingFailure(path, decoded.status);
         return decoded.status;
     }
-    isWhole = bytes.size == record.Size && (!record.CrcDefined || decoded.crc == record.Crc);
-    if (isWhole)
+    if (!isAsStored(path, record, unpacked, decoded.crc))
+        return STG_E_READFAULT;
+    bytes = std::move(unpacked);
+    return S_OK;
+}
+
+HRESULT SZipArchivePrivate::reserve(DynamicBuffer& bytes, const CString& path, unsigned record) const {
+    const UInt64 size = database->database().Files[record].Size;
+    bytes.data = static_cast<unsigned char*>(Detail::memorySource.reallocate(nullptr, size));
+    if (bytes.data) {
+        bytes.capacity = size;
         return S_OK;
-    if (record.CrcDefined) {
+    }
+    VxLog_WriteW(VxLog_Error,
+                 L"Not enough memory for decompressed contents of the file \"%ls\" (%llu byte(s)) in archive "
+                 L"\"%ls\"",
+                 path.GetString(), size, fileName.GetString());
+    return STG_E_INSUFFICIENTMEMORY;
+}
+
+bool SZipArchivePrivate::isAsStored(const CString& path, unsigned record, const DynamicBuffer& bytes,
+                                    std::uint32_t crc) const {
+    const auto& file = database->database().Files[record];
+    if (bytes.size == file.Size && (!file.CrcDefined || crc == file.Crc))
+        return true;
+    if (file.CrcDefined) {
         VxLog_WriteW(
             VxLog_Error,
             L"Decompressed version of the file \"%ls\" in archive \"%ls\" has not met the expectations: size "
             L"%llu/%llu, CRC 0x%08x/0x%08x",
-            path.GetString(), fileName.GetString(), bytes.size, record.Size, decoded.crc, record.Crc);
+            path.GetString(), fileName.GetString(), bytes.size, file.Size, crc, file.Crc);
     } else {
         VxLog_WriteW(
             VxLog_Error,
             L"Decompressed version of the file \"%ls\" in archive \"%ls\" has not met the expectations: size "
             L"%llu/%llu",
-            path.GetString(), fileName.GetString(), bytes.size, record.Size);
+            path.GetString(), fileName.GetString(), bytes.size, file.Size);
     }
-    return STG_E_READFAULT;
+    return false;
+}
+
+void SZipArchivePrivate::logDecodingFailure(const CString& path, HRESULT status) const noexcept {
+    VxLog_WriteW(VxLog_Error, L"Failed to decompress the file \"%ls\" in archive \"%ls\": 0x%08x",
+                 path.GetString(), fileName.GetString(), static_cast<unsigned>(status));
+}
+
+HRESULT SZipArchivePrivate::copyContents(const SZipArchiveItem& item, const CString& path,
+                                         DynamicBuffer& bytes) const {
+    if (item.contents_) {
+        bytes = item.contents_->copyBytes();
+        return S_OK;
+    }
+    std::optional<DynamicBuffer> decoded;
+    const HRESULT status = decode(item, path, decoded);
+    if (!decoded)
+        return FAILED(status) ? status : STG_E_READFAULT;
+    bytes = std::move(*decoded);
+    return S_OK;
 }
 
 HRESULT SZipArchivePrivate::extract(SZipArchiveItem& item, const CString& path, IStream** result) {
@@ -98,12 +137,11 @@ HRESULT SZipArchivePrivate::extract(SZipArchiveItem& item, const CString& path, 
     RwGuard guard(item.lock_, RwGuard::Shared);
     if (item.contents_)
         return hand(item.contents_, result);
-    DynamicBuffer bytes;
-    bool isWhole = false;
-    const HRESULT status = decode(item, path, bytes, isWhole);
-    if (!isWhole)
+    std::optional<DynamicBuffer> bytes;
+    const HRESULT status = decode(item, path, bytes);
+    if (!bytes)
         return status;
-    ComPtr<SZipStream> contents = newContents(std::move(bytes), path);
+    ComPtr<SZipStream> contents = newContents(std::move(*bytes), path);
     // Another thread may have been faster, and its stream be changed already.
     if (!guard.upgrade() && item.contents_)
         return hand(item.contents_, result);
@@ -119,12 +157,7 @@ HRESULT SZipArchive::extractFile(IStream** result, std::wstring_view path) {
     if (!isItemPath(path))
         return STG_E_INVALIDNAME;
     return Detail::withStatus([&]() -> HRESULT {
-        RwGuard guard(private_->lock, RwGuard::Shared);
-        if (!private_->isSettled()) {
-            guard.upgrade();
-            if (const HRESULT status = private_->settle(); FAILED(status))
-                return status;
-        }
+        const RwGuard guard(private_->lock, RwGuard::Shared);
         const auto found = private_->items.find(path);
         return found == private_->items.end() ? STG_E_FILENOTFOUND
                                               : private_->extract(found->second, found->first, result);

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archive/database.h"
+#include "archive/folder_splitter.h"
 #include "archive/item_paths.h"
 #include "archive/rw_lock.h"
 #include "archive/szip_stream.h"
@@ -8,8 +9,12 @@
 
 #include <vexel/archive.h>
 
+#include <cstdint>
 #include <memory>
+#include <optional>
+#include <span>
 #include <string_view>
+#include <utility>
 #include <vector>
 
 namespace Vexel::Storage {
@@ -19,11 +24,21 @@ using Detail::RwLockWord;
 using Detail::RwTryGuard;
 using Microsoft::WRL::ComPtr;
 
+/// How the items stand to the file at the archive's path.
+enum class FileState : std::uint8_t {
+    Ignored, ///< It was never to be read: the archive is made anew, and replaces whatever is there.
+    Unread,  ///< It could not be read, or was not there.
+    Stale,   ///< It was read, but could not be read again: what was not read before counts as missing for all
+             ///< but a save.
+    Read     ///< `database` is that of the file.
+};
+
 /// The state of an archive, and what is done to it. The functions expect the lock to be held as they say.
 ///
 /// Every file item has its contents in memory or, by its index, in `database`; no failure may part an item
-/// from both. So indices that a failed reload forgets are remembered (`SZipArchiveItem::oldIndex_`), and what
-/// a save could not finish is finished before anything is changed (`settle`).
+/// from both. The database is the file's, or another archive's whose packed data were borrowed. Its file may
+/// be closed (`Engine::DatabaseStream::open`), which matters only to who needs contents that are not in
+/// memory.
 class SZipArchivePrivate {
 public:
     using ItemMap = std::map<CString, SZipArchiveItem, StringLess>;
@@ -41,11 +56,7 @@ public:
     // With the lock held exclusively:
 
     HRESULT reload();
-    /// Catches up on what a save could not do: reads the file that it wrote, or opens the old one again. To
-    /// be called before anything else when `isSettled` is false.
-    HRESULT settle();
-    HRESULT openingStatus() const noexcept { return notOpened_; }
-    bool isSettled() const noexcept { return !unread_ && (!database || database->isOpen()); }
+    HRESULT openingStatus() const noexcept { return openingStatus_; }
     HRESULT save();
     HRESULT createFile(const CString& path, bool failIfExists, bool replace, IStream** result);
     HRESULT createDirectory(const CString& path, bool failIfExists, bool clear);
@@ -60,6 +71,12 @@ public:
 
     HRESULT extract(SZipArchiveItem& item, const CString& path, IStream** result);
     HRESULT saveTo(IStream* destination) const;
+    /// The contents of an item that has none in memory; `bytes` is null where they are not whole, whatever
+    /// the status.
+    HRESULT decode(const SZipArchiveItem& item, const CString& path,
+                   std::optional<DynamicBuffer>& bytes) const;
+    /// The contents of any item, or a failure.
+    HRESULT copyContents(const SZipArchiveItem& item, const CString& path, DynamicBuffer& bytes) const;
     HRESULT flush(std::wstring_view path, void (SZipArchiveItem::*drop)());
     bool hasDirectory(std::wstring_view path) const;
     bool hasParentOf(std::wstring_view path) const {
@@ -82,35 +99,66 @@ private:
         ComPtr<SZipStream> contents;
         std::uint64_t changes;
     };
+    /// An item whose contents have to be decoded from the database.
+    struct Wanted {
+        unsigned record;
+        std::size_t entry;
+    };
     struct Update {
         std::vector<Engine::UpdateEntry> entries;
         std::vector<Written> written;
-        std::vector<bool> taken; ///< by index in the database
+        std::vector<Wanted> wanted;
+        std::vector<bool> taken;     ///< by index in the database
+        HRESULT sourceStatus = S_OK; ///< of the database's file
+    };
+    /// A database that was read, with the items that it has. All that needs memory is done.
+    struct Reading {
+        Database database;
+        ItemMap added;
+        std::vector<std::pair<SZipArchiveItem*, unsigned>> records;
     };
 
     HRESULT read();
     HRESULT openInput(Database& fresh);
-    void takeOver(Database fresh);
+    Reading match(Database fresh);
+    void takeOver(Reading&& reading) noexcept;
     void refresh(SZipArchiveItem& item, unsigned index) const noexcept;
-    void forgetOldIndices() noexcept;
+    bool hasModifiedContents() const noexcept;
 
+    /// The index of the item's record, or -1.
+    int recordOf(const SZipArchiveItem& item) const noexcept;
+    bool isPacked(unsigned record) const noexcept;
     ComPtr<SZipStream> newContents(DynamicBuffer&& bytes, const CString& path) const;
     HRESULT addCopy(const SZipArchivePrivate& source, const SZipArchiveItem& item, const CString& sourcePath,
                     const CString& targetPath);
-    /// The contents are there only if `isWhole`, whatever the status.
-    HRESULT decode(const SZipArchiveItem& item, const CString& path, DynamicBuffer& bytes,
-                   bool& isWhole) const;
-    HRESULT decodeFolder(const CString& path, unsigned index, DynamicBuffer& bytes, bool& isWhole) const;
+    HRESULT decodeFolder(const CString& path, unsigned record, std::optional<DynamicBuffer>& bytes) const;
+    HRESULT reserve(DynamicBuffer& bytes, const CString& path, unsigned record) const;
+    bool isAsStored(const CString& path, unsigned record, const DynamicBuffer& bytes,
+                    std::uint32_t crc) const;
+    void logDecodingFailure(const CString& path, HRESULT status) const noexcept;
 
     HRESULT describe(Update& update) const;
     HRESULT describe(const CString& path, const SZipArchiveItem& item, Update& update) const;
-    HRESULT replaceFile(const wchar_t* temporaryPath);
-    HRESULT readBack(const Update& update);
-    HRESULT settleForSaving();
+    HRESULT describeContents(const SZipArchiveItem& item, int record, Engine::UpdateEntry& entry,
+                             Update& update) const;
+    HRESULT describePacked(const CString& path, int record, Engine::UpdateEntry& entry, Update& update) const;
+    bool claim(int record, Engine::UpdateEntry& entry, Update& update) const;
+    void takeFoldersApart(Update& update) const;
+    HRESULT decodeWanted(Update& update) const;
+    HRESULT decodeWanted(std::span<const Wanted> wanted, Update& update) const;
+    bool areVerified(std::span<const Engine::FolderSplitter::Part> parts) const noexcept;
+
+    /// The one place that decides whether a save may replace the file. Where the file was not read, it is
+    /// now.
+    HRESULT checkReplaceable();
+    HRESULT write(const Update& update, Engine::TemporaryFile& temporary, const CString& path,
+                  Reading& written);
+    HRESULT replaceFile(const CString& temporaryPath);
+    HRESULT finish(const Update& update, Reading&& written) noexcept;
     void markAllModified() noexcept;
 
-    HRESULT notOpened_ = S_OK; // why the file could not be opened when it was to be read last
-    bool unread_ = false;      // whether the file is newer than the items
+    FileState fileState_ = FileState::Ignored;
+    HRESULT openingStatus_ = S_OK;
 };
 
 } // namespace Vexel::Storage

@@ -2,6 +2,7 @@
 
 #include "archive/archive_private.h"
 
+#include <algorithm>
 #include <iterator>
 #include <utility>
 #include <vector>
@@ -26,7 +27,7 @@ void SZipArchivePrivate::refresh(SZipArchiveItem& item, unsigned index) const no
     item.creationTime_ = timeAt(records.CTime, index);
     item.modificationTime_ = timeAt(records.MTime, index);
     item.crc_ = record.CrcDefined ? record.Crc : 0;
-    item.databaseIndex_ = item.oldIndex_ = static_cast<int>(index);
+    item.databaseIndex_ = static_cast<int>(index);
     item.isDirectory_ = record.IsDir;
     item.isAnti_ = records.IsItemAnti(index);
     if (item.isDirectory_ || item.canFlush())
@@ -38,15 +39,15 @@ HRESULT SZipArchivePrivate::openInput(Database& fresh) {
         return Engine::openFile(fileName.GetString(), fresh);
     fresh = std::make_shared<Engine::DatabaseStream>(database->stream());
     database = std::make_shared<Engine::DatabaseStream>(fresh->stream());
-    forgetOldIndices();
-    return fresh->stream()->Seek({}, STREAM_SEEK_SET, nullptr);
+    for (auto& [path, item] : items)
+        item.databaseIndex_ = -1;
+    return Engine::asStatus(fresh->stream()->Seek({}, STREAM_SEEK_SET, nullptr), STG_E_SEEKERROR);
 }
 
-// All that needs memory comes before the first change.
-void SZipArchivePrivate::takeOver(Database fresh) {
-    ItemMap added;
-    std::vector<std::pair<SZipArchiveItem*, unsigned>> records;
-    records.reserve(fresh->count());
+SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
+    Reading reading;
+    ItemMap& added = reading.added;
+    reading.records.reserve(fresh->count());
     // Archives list their items in our order, or directory by directory: the next one is most likely the one
     // that is wanted, and a new one belongs behind the last.
     auto next = items.begin();
@@ -63,35 +64,42 @@ void SZipArchivePrivate::takeOver(Database fresh) {
             item = &made->second;
             place = std::next(made);
         }
-        records.emplace_back(item, i);
+        reading.records.emplace_back(item, i);
     }
-    forgetOldIndices();
-    database = std::move(fresh);
+    reading.database = std::move(fresh);
+    return reading;
+}
+
+void SZipArchivePrivate::takeOver(Reading&& reading) noexcept {
+    for (auto& [path, item] : items)
+        item.databaseIndex_ = -1;
+    database = std::move(reading.database);
     if (items.empty())
-        items.swap(added); // merging would look each place up again
+        items.swap(reading.added); // merging would look each place up again
     else
-        items.merge(added);
-    for (const auto& [item, index] : records)
-        refresh(*item, index);
+        items.merge(reading.added);
+    for (const auto& [item, record] : reading.records)
+        refresh(*item, record);
+    fileState_ = FileState::Read;
     *changed = false;
 }
 
-void SZipArchivePrivate::forgetOldIndices() noexcept {
-    for (auto& [path, item] : items)
-        item.oldIndex_ = -1;
+bool SZipArchivePrivate::hasModifiedContents() const noexcept {
+    return std::any_of(items.begin(), items.end(), [](const auto& entry) {
+        return entry.second.contents_ && entry.second.contents_->isModified();
+    });
 }
 
 HRESULT SZipArchivePrivate::read() {
-    for (auto& [path, item] : items)
-        item.databaseIndex_ = -1;
+    const bool wasRead = fileState_ == FileState::Read || fileState_ == FileState::Stale;
+    fileState_ = wasRead ? FileState::Stale : FileState::Unread;
     Database fresh;
-    notOpened_ = openInput(fresh);
-    if (FAILED(notOpened_) || !fresh) // or without an error that the system would tell of
-        return notOpened_;
-    if (const HRESULT status = fresh->read(fileName.GetString()); FAILED(status))
+    openingStatus_ = openInput(fresh);
+    if (openingStatus_ != S_OK)
+        return openingStatus_;
+    if (const HRESULT status = fresh->read(fileName.GetString()); status != S_OK)
         return status;
-    takeOver(std::move(fresh));
-    unread_ = false;
+    takeOver(match(std::move(fresh)));
     return S_OK;
 }
 
@@ -99,18 +107,12 @@ HRESULT SZipArchivePrivate::reload() {
     if (noFile)
         return S_OK;
     const HRESULT status = read();
+    if (status == S_OK && hasModifiedContents())
+        *changed = true;
     // What has no file is a new archive. What has one that cannot be opened now counts as such, too, but it
-    // will not replace what it never read.
-    return FAILED(notOpened_) && !readOnly ? S_OK : status;
-}
-
-HRESULT SZipArchivePrivate::settle() {
-    if (unread_) {
-        const HRESULT status = read();
-        *changed = true; // something may have been written since the file was
-        return status;
-    }
-    return isSettled() ? S_OK : database->reopenFile(fileName.GetString());
+    // will not replace what it never read. An error that the system does not name passes for none here.
+    const bool isPassedOver = !readOnly || openingStatus_ == Engine::storageStatus(ERROR_SUCCESS);
+    return openingStatus_ != S_OK && isPassedOver ? S_OK : status;
 }
 
 } // namespace Vexel::Storage

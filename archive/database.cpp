@@ -7,6 +7,8 @@
 
 #include <vexel/diagnostics.h>
 
+#include <7zip/Common/StreamUtils.h>
+
 #include <algorithm>
 #include <iterator>
 
@@ -42,19 +44,11 @@ HRESULT verdictOn(const NArchive::N7z::CDbEx& database, HRESULT status) noexcept
     return status == S_OK ? S_OK : E_FAIL;
 }
 
-/// A status as it is when the call has failed with it.
-HRESULT asFailure(HRESULT status) noexcept { return FAILED(status) ? status : E_FAIL; }
-
 void logFailure(int level, const wchar_t* format, const wchar_t* name, HRESULT status) noexcept {
     VxLog_WriteW(level, format, name, static_cast<unsigned>(status));
 }
 
 } // namespace
-
-bool isNotThere(HRESULT status) noexcept {
-    return HRESULT_FACILITY(status) == FACILITY_STORAGE &&
-           isNotThere(static_cast<DWORD>(HRESULT_CODE(status)));
-}
 
 HRESULT openFile(const wchar_t* path, std::shared_ptr<DatabaseStream>& opened) {
     Detail::FileHandle file = openForReading(path);
@@ -70,56 +64,63 @@ HRESULT openFile(const wchar_t* path, std::shared_ptr<DatabaseStream>& opened) {
                      static_cast<unsigned>(GetLastError()));
         size.QuadPart = 0;
     }
-    opened = std::make_shared<DatabaseStream>(std::move(file), static_cast<std::uint64_t>(size.QuadPart));
+    opened =
+        std::make_shared<DatabaseStream>(path, std::move(file), static_cast<std::uint64_t>(size.QuadPart));
     return S_OK;
 }
 
 bool DatabaseStream::fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const noexcept {
     // The caller's order differs from the system's.
-    return file_ && platform().getFileTime(file_.handle(), creation, lastAccess, lastWrite);
+    return file_.times(creation, lastAccess, lastWrite);
 }
 
-HRESULT DatabaseStream::openCursor(ComPtr<IInStream>& cursor) const {
+HRESULT DatabaseStream::openCursor(ComPtr<InStreamBase>& cursor) const {
     if (!isOnStream()) {
-        cursor = Detail::adopt<IInStream>(new FileInStream(file_, fileSize_));
+        if (const HRESULT status = open(); status != S_OK)
+            return status;
+        cursor = Detail::adopt<InStreamBase>(new FileInStream(file_, fileSize_));
         return S_OK;
     }
     ComPtr<::IStream> clone;
-    const HRESULT status = stream_->Clone(&clone);
-    if (status != S_OK || !clone) {
+    HRESULT status = asStatus(stream_->Clone(&clone));
+    if (status == S_OK && !clone)
+        status = E_FAIL;
+    if (status != S_OK) {
         VxLog_WriteW(VxLog_Error, L"Failed to clone an IStream: 0x%08x", static_cast<unsigned>(status));
-        return asFailure(status);
+        return status;
     }
-    cursor = Detail::adopt<IInStream>(new IStreamInStream(std::move(clone)));
+    cursor = Detail::adopt<InStreamBase>(new IStreamInStream(std::move(clone)));
     return S_OK;
 }
 
 HRESULT DatabaseStream::readStart(StartHeader& start) const {
     FileInStream input(file_, fileSize_);
-    UInt32 count = 0;
-    const HRESULT status = input.Read(start.data(), static_cast<UInt32>(start.size()), &count);
-    if (status != S_OK)
-        return asFailure(status);
-    return count == start.size() ? S_OK : STG_E_INVALIDHEADER;
+    const HRESULT status = ReadStream_FALSE(&input, start.data(), start.size());
+    return status == S_FALSE ? STG_E_INVALIDHEADER : status;
 }
 
 // The start header holds a checksum of itself and of all that the database was read from.
-HRESULT DatabaseStream::reopenFile(const wchar_t* path) {
+HRESULT DatabaseStream::open() const {
+    const std::scoped_lock lock(opening_);
+    if (isOnStream() || file_.isOpen())
+        return S_OK;
     std::shared_ptr<DatabaseStream> again;
-    if (const HRESULT status = openFile(path, again); status != S_OK || !again)
+    HRESULT status = openFile(path_.c_str(), again);
+    if (status != S_OK)
         return status;
     StartHeader start{};
-    if (const HRESULT status = again->readStart(start); status != S_OK)
-        return status;
-    if (again->fileSize_ != fileSize_ || start != start_)
-        return STG_E_INVALIDHEADER;
-    file_.reset(again->file_.release());
-    return S_OK;
+    status = again->readStart(start);
+    if (status == S_OK && (again->fileSize_ != fileSize_ || start != start_))
+        status = STG_E_INVALIDHEADER;
+    if (status == S_OK)
+        file_.take(again->file_);
+    else
+        logFailure(VxLog_Error, kOpenFailure, path_.c_str(), status);
+    return status;
 }
 
 HRESULT DatabaseStream::read(const wchar_t* archiveName) {
-    const HRESULT status = withEngine(E_FAIL, [&] { return readDatabase(archiveName); });
-    return status == S_OK ? S_OK : asFailure(status);
+    return asStatus(withEngine(E_FAIL, [&] { return readDatabase(archiveName); }));
 }
 
 HRESULT DatabaseStream::readDatabase(const wchar_t* archiveName) {
@@ -145,7 +146,7 @@ HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& hea
     UInt64 size = 0;
     if (const HRESULT status = input->Seek(0, STREAM_SEEK_END, &size); status != S_OK) {
         logFailure(VxLog_Error, kOpenFailure, archiveName, status);
-        return asFailure(status);
+        return asStatus(status);
     }
     InStreamSource source(*input.Get(), size);
     HeaderVerdict verdict;
@@ -155,7 +156,7 @@ HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& hea
     });
     if (status != S_OK) { // for want of memory
         logFailure(VxLog_Error, kReadFailure, archiveName, status);
-        return asFailure(status);
+        return asStatus(status);
     }
     if (verdict.fault == HeaderFault::None)
         return S_OK;
@@ -179,7 +180,7 @@ HRESULT DatabaseStream::readHeader(const wchar_t* archiveName, PlainHeader&& hea
     HRESULT status = withEngine(S_FALSE, [&] { return archive.Open(input.Get(), &searchLimit); });
     if (status != S_OK) {
         logFailure(status == S_FALSE ? VxLog_Trace : VxLog_Error, kOpenFailure, archiveName, status);
-        return status == S_FALSE ? STG_E_INVALIDHEADER : asFailure(status);
+        return status == S_FALSE ? STG_E_INVALIDHEADER : asStatus(status);
     }
     status = withEngine(S_FALSE, [&] { return archive.ReadDatabase(database_); });
     const HRESULT verdict = verdictOn(database_, status);
@@ -202,6 +203,18 @@ std::wstring_view DatabaseStream::path(unsigned index) const noexcept {
 DatabaseStream::Folder DatabaseStream::folderOf(unsigned index) const noexcept {
     const unsigned folder = database_.FileIndexToFolderIndexMap[index];
     return {folder, folder != NArchive::N7z::kNumNoIndex && database_.NumUnpackStreamsVector[folder] > 1};
+}
+
+bool DatabaseStream::hasSharedFolders() const noexcept {
+    const auto& counts = database_.NumUnpackStreamsVector;
+    return std::any_of(&counts[0], &counts[0] + database_.NumFolders,
+                       [](NArchive::N7z::CNum count) { return count > 1; });
+}
+
+std::optional<std::uint32_t> DatabaseStream::attributes(unsigned index) const noexcept {
+    UInt32 attributes = 0;
+    return database_.Attrib.GetItem(index, attributes) ? std::optional<std::uint32_t>(attributes)
+                                                       : std::nullopt;
 }
 
 std::uint64_t DatabaseStream::packedSize(unsigned index) const noexcept {

@@ -12,24 +12,28 @@
 #include <array>
 #include <cstdint>
 #include <memory>
+#include <mutex>
+#include <optional>
+#include <string>
 #include <string_view>
 
 namespace Vexel::Storage::Engine {
 
 /// An archive's database and the input that it was read from: a file of ours or a caller's stream. Once it is
-/// read, it does not change but by `closeFile` and `reopenFile`, and may be used from many threads.
+/// read, it does not change but by `closeFile`, and may be used from many threads.
 class DatabaseStream {
 public:
     /// On a caller's stream, on which it takes a reference.
     explicit DatabaseStream(::IStream* stream) noexcept : stream_(stream) { database_.Clear(); }
-    DatabaseStream(Detail::FileHandle file, std::uint64_t size) noexcept
-        : file_(std::move(file)), fileSize_(size) {
+    DatabaseStream(const wchar_t* path, Detail::FileHandle file, std::uint64_t size)
+        : path_(path), file_(std::move(file)), fileSize_(size) {
         database_.Clear();
     }
 
     bool isOnStream() const noexcept { return stream_ != nullptr; }
     ::IStream* stream() const noexcept { return stream_.Get(); }
-    bool isOpen() const noexcept { return isOnStream() || static_cast<bool>(file_); }
+    /// Whether it is of the file at this path.
+    bool isOf(std::wstring_view path) const noexcept { return !isOnStream() && path_ == path; }
     bool fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const noexcept;
 
     /// Reads the database. Failures are logged with the archive's name.
@@ -37,13 +41,20 @@ public:
     ///  codes.
     HRESULT read(const wchar_t* archiveName);
 
-    /// Lets go of the file, so that it can be replaced; the database stays.
+    /// Lets go of the file, so that it can be replaced; the database stays. Not while others use it.
     void closeFile() noexcept { file_.close(); }
-    /// Opens the file again. STG_E_INVALIDHEADER when it is not the one that the database was read from.
-    HRESULT reopenFile(const wchar_t* path);
+    /// The same for a file that is to be found at another path from then on.
+    void closeFile(const wchar_t* newPath) {
+        path_ = newPath;
+        closeFile();
+    }
+    /// Opens the file again if it was closed. Failures are logged. STG_E_INVALIDHEADER when it is not the one
+    /// that the database was read from.
+    HRESULT open() const;
 
-    /// An input with a position of its own. A stream that cannot be cloned is logged, and gives its code.
-    HRESULT openCursor(ComPtr<IInStream>& cursor) const;
+    /// An input with a position of its own; opens the file if need be. A stream that cannot be cloned is
+    /// logged, and gives its code.
+    HRESULT openCursor(ComPtr<InStreamBase>& cursor) const;
 
     const NArchive::N7z::CDbEx& database() const noexcept { return database_; }
     unsigned count() const noexcept { return database_.Files.Size(); }
@@ -55,6 +66,9 @@ public:
     };
     /// For files with contents only.
     Folder folderOf(unsigned index) const noexcept;
+    /// Whether any folder holds several files.
+    bool hasSharedFolders() const noexcept;
+    std::optional<std::uint32_t> attributes(unsigned index) const noexcept;
     /// The bytes of the folder of any item; 0 without one.
     std::uint64_t packedSize(unsigned index) const noexcept;
 
@@ -68,16 +82,15 @@ private:
 
     NArchive::N7z::CDbEx database_;
     StartHeader start_{};
+    std::wstring path_;
+    mutable std::mutex opening_;
     mutable SharedFile file_;
     std::uint64_t fileSize_ = 0;
     ComPtr<::IStream> stream_;
 };
 
 /// Opens an archive's file for reading. A failure is logged, and gives its Win32 error in the storage
-/// facility; error 0 gives S_OK, with nothing opened.
+/// facility.
 HRESULT openFile(const wchar_t* path, std::shared_ptr<DatabaseStream>& opened);
-
-/// Whether a status is one of those of a file or a place that is not there.
-bool isNotThere(HRESULT status) noexcept;
 
 } // namespace Vexel::Storage::Engine

@@ -19,11 +19,10 @@ constexpr std::uint32_t kLargestCall = 0x1000000;
 
 constexpr std::uint64_t kUnknownPosition = ~std::uint64_t{0};
 
-/// Returns 0 or the system's error code.
-DWORD moveTo(HANDLE file, std::uint64_t offset) noexcept {
+bool moveTo(HANDLE file, std::uint64_t offset) noexcept {
     LARGE_INTEGER position;
     position.QuadPart = static_cast<LONGLONG>(offset);
-    return SetFilePointerEx(file, position, nullptr, FILE_BEGIN) ? ERROR_SUCCESS : GetLastError();
+    return platform().setPosition(file, position, nullptr, FILE_BEGIN) != FALSE;
 }
 
 /// Nothing for an unknown origin or a position before the beginning.
@@ -45,8 +44,8 @@ HRESULT seekStream(::IStream* stream, Int64 offset, UInt32 origin, UInt64* newPo
     LARGE_INTEGER distance;
     distance.QuadPart = offset;
     ULARGE_INTEGER reached{};
-    const HRESULT status = stream->Seek(distance, origin, &reached);
-    if (SUCCEEDED(status) && newPosition)
+    const HRESULT status = asStatus(stream->Seek(distance, origin, &reached), STG_E_SEEKERROR);
+    if (status == S_OK && newPosition)
         *newPosition = reached.QuadPart;
     return status;
 }
@@ -75,11 +74,24 @@ HRESULT InStreamBase::QueryInterface(const GUID& iid, void** ppv) noexcept {
     return E_NOINTERFACE;
 }
 
+bool SharedFile::isOpen() const noexcept {
+    const std::scoped_lock lock(turn_);
+    return static_cast<bool>(file_);
+}
+
+bool SharedFile::times(FILETIME* creation, FILETIME* lastAccess, FILETIME* lastWrite) const noexcept {
+    const std::scoped_lock lock(turn_);
+    return file_ && platform().getFileTime(file_.get(), creation, lastAccess, lastWrite);
+}
+
 HRESULT SharedFile::read(std::uint64_t offset, void* data, std::uint32_t size, std::uint32_t& done) noexcept {
     const std::scoped_lock lock(turn_);
     if (offset != systemPosition_) {
-        if (const DWORD error = moveTo(file_.get(), offset); error != ERROR_SUCCESS)
+        if (!moveTo(file_.get(), offset)) {
+            const DWORD error = GetLastError();
+            systemPosition_ = kUnknownPosition;
             return storageStatus(error);
+        }
         systemPosition_ = offset;
     }
     DWORD count = 0;
@@ -94,6 +106,7 @@ HRESULT SharedFile::read(std::uint64_t offset, void* data, std::uint32_t size, s
 }
 
 void SharedFile::reset(Detail::FileHandle file) noexcept {
+    const std::scoped_lock lock(turn_);
     file_.close();
     file_ = std::move(file);
     systemPosition_ = 0;
@@ -102,9 +115,9 @@ void SharedFile::reset(Detail::FileHandle file) noexcept {
 HRESULT FileInStream::readFile(std::uint64_t offset, void* data, std::uint32_t size,
                                std::uint32_t& done) noexcept {
     const HRESULT status = file_.read(offset, data, size, done);
-    if (SUCCEEDED(status))
+    if (status == S_OK)
         lastEnd_ = offset + done;
-    return status;
+    return failure_.note(status);
 }
 
 std::size_t FileInStream::takeBuffered(void* data, std::size_t size) noexcept {
@@ -124,7 +137,7 @@ HRESULT FileInStream::fill() noexcept {
         buffered_ = room_ = 0;
         buffer_.reset(new (std::nothrow) std::byte[wanted]);
         if (!buffer_)
-            return S_FALSE;
+            return S_OK;
         room_ = wanted;
     }
     bufferOffset_ = position_;
@@ -139,13 +152,13 @@ HRESULT FileInStream::Read(void* data, UInt32 size, UInt32* processed) noexcept 
     auto count = static_cast<std::uint32_t>(takeBuffered(data, size));
     if (count == 0 && position_ == lastEnd_ && size < kMostReadAhead) {
         const HRESULT status = fill();
-        if (FAILED(status))
+        if (status != S_OK)
             return status;
         count = static_cast<std::uint32_t>(takeBuffered(data, size));
     }
     if (count == 0) {
         const HRESULT status = readFile(position_, data, size, count);
-        if (FAILED(status))
+        if (status != S_OK)
             return status;
         position_ += count;
     }
@@ -172,18 +185,19 @@ HRESULT IStreamInStream::Read(void* data, UInt32 size, UInt32* processed) noexce
     ULONG count = 0;
     const HRESULT status = stream_->Read(data, size, &count);
     tell(processed, (std::min)(static_cast<UInt32>(count), size));
-    return FAILED(status) ? status
-                          : S_OK; // S_FALSE is some streams' word for the end, and the engine's for bad data
+    if (status == S_FALSE) // some streams' word for the end, and the engine's for bad data
+        return S_OK;
+    return failure_.note(asStatus(status, STG_E_READFAULT));
 }
 
 HRESULT IStreamInStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {
-    return seekStream(stream_.Get(), offset, origin, newPosition);
+    return failure_.note(seekStream(stream_.Get(), offset, origin, newPosition));
 }
 
 HRESULT IStreamInStream::GetSize(UInt64* size) noexcept {
     STATSTG entry{};
-    const HRESULT status = stream_->Stat(&entry, STATFLAG_NONAME);
-    *size = SUCCEEDED(status) ? entry.cbSize.QuadPart : 0;
+    const HRESULT status = asStatus(stream_->Stat(&entry, STATFLAG_NONAME));
+    *size = status == S_OK ? entry.cbSize.QuadPart : 0;
     return status;
 }
 
@@ -206,38 +220,32 @@ HRESULT TemporaryFile::create() noexcept {
     file_ = Detail::FileHandle(platform().createFile(path_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
                                                      FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file_)
-        return storageStatus(GetLastError());
+        return fail();
     created_ = true;
     return S_OK;
 }
 
 HRESULT TemporaryFile::finish() noexcept {
-    if (const HRESULT status = writeBuffered(); FAILED(status))
+    if (const HRESULT status = writeBuffered(); status != S_OK)
         return status;
     if (!platform().flushFile(file_.get()))
-        return storageStatus(GetLastError());
+        return fail();
     file_.close();
     return S_OK;
 }
 
-// Bytes that were taken and then could not be written are missing from then on.
-HRESULT TemporaryFile::fail(HRESULT status) noexcept {
-    failure_ = status;
-    return status;
-}
-
 HRESULT TemporaryFile::writeFile(const std::byte* data, std::uint32_t size) noexcept {
-    if (FAILED(failure_))
-        return failure_;
-    if (fileOffset_ != systemPosition_)
-        if (const DWORD error = moveTo(file_.get(), fileOffset_); error != ERROR_SUCCESS)
-            return fail(storageStatus(error));
+    // Bytes that were taken and then could not be written are missing from then on.
+    if (failure_.status() != S_OK)
+        return failure_.status();
+    if (fileOffset_ != systemPosition_ && !moveTo(file_.get(), fileOffset_))
+        return fail();
     while (size > 0) {
         DWORD count = 0;
         if (!platform().writeFile(file_.get(), data, (std::min)(size, kLargestCall), &count, nullptr))
-            return fail(storageStatus(GetLastError()));
-        if (count == 0)
-            return fail(STG_E_MEDIUMFULL);
+            return fail();
+        if (count == 0 || count > size)
+            return failure_.note(count == 0 ? STG_E_MEDIUMFULL : STG_E_WRITEFAULT);
         data += count;
         size -= count;
         fileOffset_ += count;
@@ -254,10 +262,10 @@ HRESULT TemporaryFile::writeBuffered() noexcept {
 HRESULT TemporaryFile::Write(const void* data, UInt32 size, UInt32* processed) noexcept {
     tell(processed, 0);
     if (size > kWriteBehind - buffered_)
-        if (const HRESULT status = writeBuffered(); FAILED(status))
+        if (const HRESULT status = writeBuffered(); status != S_OK)
             return status;
     if (size >= kWriteBehind) {
-        if (const HRESULT status = writeFile(static_cast<const std::byte*>(data), size); FAILED(status))
+        if (const HRESULT status = writeFile(static_cast<const std::byte*>(data), size); status != S_OK)
             return status;
     } else {
         std::memcpy(buffer_.get() + buffered_, data, size);
@@ -273,7 +281,7 @@ HRESULT TemporaryFile::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) no
     if (!target)
         return STG_E_INVALIDFUNCTION;
     if (*target != position()) {
-        if (const HRESULT status = writeBuffered(); FAILED(status))
+        if (const HRESULT status = writeBuffered(); status != S_OK)
             return status;
         fileOffset_ = *target;
     }
@@ -283,34 +291,32 @@ HRESULT TemporaryFile::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) no
 }
 
 HRESULT TemporaryFile::SetSize(UInt64 newSize) noexcept {
-    if (const HRESULT status = writeBuffered(); FAILED(status))
+    if (const HRESULT status = writeBuffered(); status != S_OK)
         return status;
     systemPosition_ = kUnknownPosition;
-    if (const DWORD error = moveTo(file_.get(), newSize); error != ERROR_SUCCESS)
-        return fail(storageStatus(error));
-    if (!platform().setEndOfFile(file_.get()))
-        return fail(storageStatus(GetLastError()));
+    if (!moveTo(file_.get(), newSize) || !platform().setEndOfFile(file_.get()))
+        return fail();
     size_ = newSize;
     return S_OK;
 }
 
 HRESULT PassThroughOutStream::Write(const void* data, UInt32 size, UInt32* processed) noexcept {
     ULONG count = 0;
-    const HRESULT status = stream_->Write(data, size, &count);
+    HRESULT status = asStatus(stream_->Write(data, size, &count), STG_E_WRITEFAULT);
     tell(processed, (std::min)(static_cast<UInt32>(count), size));
-    if (FAILED(status))
-        return status;
-    return size > 0 && count == 0 ? STG_E_MEDIUMFULL : S_OK;
+    if (status == S_OK && size > 0 && count == 0)
+        status = STG_E_MEDIUMFULL;
+    return failure_.note(status);
 }
 
 HRESULT PassThroughOutStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {
-    return seekStream(stream_.Get(), offset, origin, newPosition);
+    return failure_.note(seekStream(stream_.Get(), offset, origin, newPosition));
 }
 
 HRESULT PassThroughOutStream::SetSize(UInt64 newSize) noexcept {
     ULARGE_INTEGER size;
     size.QuadPart = newSize;
-    return stream_->SetSize(size);
+    return failure_.note(asStatus(stream_->SetSize(size), STG_E_WRITEFAULT));
 }
 
 std::uint32_t InMemoryOutStream::crc() const noexcept { return ~crc_; }

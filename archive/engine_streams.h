@@ -26,6 +26,10 @@ struct IInStream_IStreamGetSize : IInStream, IStreamGetSize {};
 class InStreamBase : public IUnknownImpl<IInStream_IStreamGetSize> {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
+    const FirstFailure& failure() const noexcept { return failure_; }
+
+protected:
+    FirstFailure failure_;
 };
 
 /// A file open for reading, for any number of readers on any threads. They take turns: a read at a place
@@ -36,20 +40,21 @@ public:
     SharedFile() noexcept = default;
     explicit SharedFile(Detail::FileHandle file) noexcept : file_(std::move(file)) {}
 
-    explicit operator bool() const noexcept { return static_cast<bool>(file_); }
-    HANDLE handle() const noexcept { return file_.get(); }
+    bool isOpen() const noexcept;
+    bool times(FILETIME* creation, FILETIME* lastAccess, FILETIME* lastWrite) const noexcept;
 
     /// `done`: less than `size` where the file ends, or where the system reads no more at once; 0 at the end.
     HRESULT read(std::uint64_t offset, void* data, std::uint32_t size, std::uint32_t& done) noexcept;
 
-    Detail::FileHandle release() noexcept { return std::move(file_); }
-    // These are not for while somebody reads.
-    void reset(Detail::FileHandle file) noexcept;
+    /// Takes the other's file over. Not for while somebody reads, as the next.
+    void take(SharedFile& other) noexcept { reset(std::move(other.file_)); }
     void close() noexcept { reset({}); }
 
 private:
+    void reset(Detail::FileHandle file) noexcept;
+
     Detail::FileHandle file_;
-    std::mutex turn_;
+    mutable std::mutex turn_;
     std::uint64_t systemPosition_ = 0;
 };
 
@@ -96,6 +101,10 @@ private:
 class OutStream : public IUnknownImpl<IOutStream> {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
+    const FirstFailure& failure() const noexcept { return failure_; }
+
+protected:
+    FirstFailure failure_;
 };
 
 /// A new file that is deleted when this object goes, unless it is kept. What is written is collected and
@@ -122,13 +131,12 @@ public:
 private:
     HRESULT writeFile(const std::byte* data, std::uint32_t size) noexcept;
     HRESULT writeBuffered() noexcept;
-    HRESULT fail(HRESULT status) noexcept;
+    HRESULT fail() noexcept { return failure_.note(storageStatus(GetLastError())); }
     std::uint64_t position() const noexcept { return fileOffset_ + buffered_; }
 
     std::wstring path_;
     Detail::FileHandle file_;
     bool created_ = false;
-    HRESULT failure_ = S_OK;
     std::unique_ptr<std::byte[]> buffer_;
     std::uint32_t buffered_ = 0;
     std::uint64_t fileOffset_ = 0; // where the collected bytes belong

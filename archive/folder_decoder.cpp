@@ -78,7 +78,7 @@ DecoderPool& decoders() {
     return *pool;
 }
 
-HRESULT decode(const CDbEx& database, unsigned folder, IInStream* input, InMemoryOutStream* output,
+HRESULT decode(const CDbEx& database, unsigned folder, IInStream* input, ISequentialOutStream* output,
                bool& dataAfterEnd) {
     const bool isForPool = !takesMuch(database, folder);
     std::unique_ptr<CDecoder> decoder =
@@ -100,19 +100,22 @@ bool isPlausible(const CDbEx& database, unsigned folder) noexcept {
     return database.GetFolderUnpackSize(folder) / kMostExpansion <= packed + kExpansionSlack / kMostExpansion;
 }
 
-DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, DynamicBuffer& bytes) {
+DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, ISequentialOutStream* output) {
     DecodedFolder result;
-    result.status = withEngine(E_FAIL, [&] {
-        const auto output = Detail::adopt(new InMemoryOutStream(bytes));
-        ComPtr<IInStream> input;
-        if (const HRESULT status = source.openCursor(input); FAILED(status))
-            return status;
-        result.isStarted = true;
-        const HRESULT status =
-            decode(source.database(), folder, input.Get(), output.Get(), result.dataAfterEnd);
-        result.crc = output->crc();
-        return status;
-    });
+    ComPtr<InStreamBase> input;
+    result.status = source.openCursor(input);
+    if (result.status != S_OK)
+        return result;
+    result.isStarted = true;
+    result.status = input->failure().orElse(withEngine(
+        E_FAIL, [&] { return decode(source.database(), folder, input.Get(), output, result.dataAfterEnd); }));
+    return result;
+}
+
+DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, DynamicBuffer& bytes) {
+    const auto output = Detail::adopt(new InMemoryOutStream(bytes));
+    DecodedFolder result = decodeFolder(source, folder, output.Get());
+    result.crc = output->crc();
     return result;
 }
 

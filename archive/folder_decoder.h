@@ -10,16 +10,17 @@ struct DecodedFolder {
     HRESULT status = S_OK;     ///< the decoder's, or that of the input
     bool isStarted = false;    ///< false when there was no input to decode from, which is logged
     bool dataAfterEnd = false; ///< packed data were left over
-    std::uint32_t crc = 0;     ///< of the bytes that came out
+    std::uint32_t crc = 0;     ///< of the bytes that came out, where they went into a buffer
 };
 
 /// Whether the folder's packed bytes can be as many as it promises: the methods known here do not expand more
 /// than about 7,100 to 1.
 bool isPlausible(const NArchive::N7z::CDbEx& database, unsigned folder) noexcept;
 
-/// Decodes a whole folder and appends it to `bytes`, which has room for it and is not enlarged. Decoders are
-/// kept for the next call, for making one takes longer than decoding a small item. May run on many threads at
-/// once.
+/// Decodes a whole folder into `output`. Decoders are kept for the next call, for making one takes longer
+/// than decoding a small item. May run on many threads at once.
+DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, ISequentialOutStream* output);
+/// Appends it to `bytes`, which has room for it and is not enlarged.
 DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, DynamicBuffer& bytes);
 
 } // namespace Vexel::Storage::Engine

@@ -9,10 +9,10 @@ HRESULT InStreamSource::read(std::uint64_t offset, std::span<std::byte> target, 
     UInt32 done = 0;
     if (const HRESULT status = input_.Seek(static_cast<Int64>(offset), STREAM_SEEK_SET, nullptr);
         status != S_OK)
-        return FAILED(status) ? status : E_FAIL;
+        return asStatus(status);
     const HRESULT status = input_.Read(target.data(), static_cast<UInt32>(target.size()), &done);
     count = done;
-    return status == S_OK || FAILED(status) ? status : E_FAIL;
+    return asStatus(status);
 }
 
 HRESULT HeaderStream::Read(void* data, UInt32 size, UInt32* processed) noexcept {

@@ -3,8 +3,9 @@
 namespace Vexel::Storage::Engine {
 
 Platform& platform() noexcept {
-    static Platform calls{&::CreateFileW,  &::GetFileSizeEx,    &::GetFileTime, &::ReadFile,   &::WriteFile,
-                          &::SetEndOfFile, &::FlushFileBuffers, &::MoveFileExW, &::DeleteFileW};
+    static Platform calls{&::CreateFileW, &::GetFileSizeEx,    &::GetFileTime,  &::ReadFile,
+                          &::WriteFile,   &::SetFilePointerEx, &::SetEndOfFile, &::FlushFileBuffers,
+                          &::MoveFileExW, &::DeleteFileW};
     return calls;
 }
 

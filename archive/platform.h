@@ -1,5 +1,6 @@
 #pragma once
 
+#include "archive/status.h"
 #include "paths/file_handle.h"
 
 #include <windows.h>
@@ -14,6 +15,7 @@ struct Platform {
     decltype(&::GetFileTime) getFileTime;
     decltype(&::ReadFile) readFile;
     decltype(&::WriteFile) writeFile;
+    decltype(&::SetFilePointerEx) setPosition;
     decltype(&::SetEndOfFile) setEndOfFile;
     decltype(&::FlushFileBuffers) flushFile;
     decltype(&::MoveFileExW) moveFile;
@@ -22,10 +24,5 @@ struct Platform {
 
 /// The calls in use. Not guarded: to be changed only while no other thread is in this layer.
 Platform& platform() noexcept;
-
-/// A Win32 error as a status of the storage facility, where the codes keep their numbers; 0 stays 0.
-constexpr HRESULT storageStatus(DWORD error) noexcept {
-    return static_cast<HRESULT>(0x80030000UL * (error != 0) | (error & 0xFFFF));
-}
 
 } // namespace Vexel::Storage::Engine

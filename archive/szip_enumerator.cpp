@@ -33,10 +33,11 @@ CString childName(std::wstring_view pathBelow) {
 } // namespace
 
 SZipEnumerator::SZipEnumerator(const SZipArchive& archive, const CString& path) {
-    archive.visitDescendants(StringLess::view(path), [&](std::wstring_view pathBelow,
-                                                         const SZipArchiveItem& item) {
+    const auto add = [this](std::wstring_view pathBelow, const SZipArchiveItem& item) {
         entries_.try_emplace(childName(pathBelow), describe(item)); // a storage comes before what is in it
-    });
+    };
+    if (archive.visitDescendants(StringLess::view(path), add) != S_OK)
+        throw std::bad_alloc();
     next_ = entries_.begin();
 }
 

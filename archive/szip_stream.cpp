@@ -125,7 +125,7 @@ HRESULT SZipStream::Clone(::IStream** ppstm) noexcept {
         *ppstm = new SZipStream(*this, keeper_);
         return S_OK;
     } catch (const std::bad_alloc&) {
-        return E_OUTOFMEMORY;
+        return STG_E_INSUFFICIENTMEMORY;
     }
 }
 

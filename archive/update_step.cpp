@@ -6,6 +6,7 @@
 
 #include <vexel/diagnostics.h>
 
+#include <algorithm>
 #include <new>
 
 namespace Vexel::Storage::Engine {
@@ -86,7 +87,7 @@ HRESULT UpdateCallback::GetStream(UInt32 index, ISequentialInStream** stream) no
     if (index >= entries_.size() || !entries_[index].contents)
         return STG_E_INVALIDPARAMETER;
     const ComPtr<::IStream>& contents = entries_[index].contents;
-    if (const HRESULT status = contents->Seek({}, STREAM_SEEK_SET, nullptr); FAILED(status))
+    if (const HRESULT status = asStatus(contents->Seek({}, STREAM_SEEK_SET, nullptr)); status != S_OK)
         return status;
     *stream = new (std::nothrow) IStreamInStream(contents);
     return *stream ? S_OK : STG_E_INSUFFICIENTMEMORY;
@@ -106,7 +107,8 @@ void fill(CUpdateItem& item, const UpdateEntry& entry, unsigned index) {
     item.MTime = toNumber(entry.modification);
     item.MTimeDefined = item.MTime != 0;
     item.ATime = 0;
-    item.Attrib = 0;
+    item.AttribDefined = entry.attributes.has_value();
+    item.Attrib = entry.attributes.value_or(0);
     item.IsDir = entry.isDirectory;
     item.IsAnti = entry.isAnti;
     item.NewProps = true;
@@ -156,7 +158,7 @@ bool isHeaderWorthPacking(const std::vector<UpdateEntry>& entries, const Databas
 // The engine's update does not take an empty list.
 HRESULT writeEmpty(IOutStream* output) {
     NArchive::N7z::COutArchive archive;
-    if (const HRESULT status = archive.Create_and_WriteStartPrefix(output); FAILED(status))
+    if (const HRESULT status = archive.Create_and_WriteStartPrefix(output); status != S_OK)
         return status;
     return archive.WriteDatabase({}, nullptr, {});
 }
@@ -169,12 +171,18 @@ CObjectVector<CUpdateItem> itemsOf(const std::vector<UpdateEntry>& entries) {
     return items;
 }
 
+bool copiesPackedData(const std::vector<UpdateEntry>& entries) noexcept {
+    return std::any_of(entries.begin(), entries.end(),
+                       [](const UpdateEntry& entry) { return entry.databaseIndex >= 0; });
+}
+
 HRESULT update(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
                UpdateCallback& callback) {
-    ComPtr<IInStream> input;
-    if (old)
-        if (const HRESULT status = old->openCursor(input); FAILED(status))
-            return status;
+    ComPtr<InStreamBase> input;
+    if (!copiesPackedData(entries))
+        old = nullptr;
+    else if (const HRESULT status = old->openCursor(input); status != S_OK)
+        return status;
 
     CObjectVector<CUpdateItem> items = itemsOf(entries);
     const CCompressionMethodMode method = methodFor(kLzma2, threadCount());
@@ -187,24 +195,30 @@ HRESULT update(const std::vector<UpdateEntry>& entries, const DatabaseStream* ol
     // Contents are read back item by item, so no two share a folder.
     options.NumSolidFiles = 1;
     options.AnalysisLevel = 0;
-    return NArchive::N7z::Update(input.Get(), old ? &old->database() : nullptr, items, output, &callback,
-                                 options);
+    const HRESULT status = NArchive::N7z::Update(input.Get(), old ? &old->database() : nullptr, items, output,
+                                                 &callback, options);
+    return input ? input->failure().orElse(status) : status;
+}
+
+/// `status`: the engine's.
+HRESULT outcome(const OutStream& output, HRESULT status) noexcept {
+    if (status == E_OUTOFMEMORY)
+        status = STG_E_INSUFFICIENTMEMORY;
+    return output.failure().orElse(asStatus(status));
 }
 
 } // namespace
 
-HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
+HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, OutStream* output,
                      const wchar_t* archiveName) {
     bool isAtHeader = entries.empty();
-    HRESULT status = withEngine(E_FAIL, [&] {
+    const HRESULT status = outcome(*output, withEngine(E_FAIL, [&] {
         if (entries.empty())
             return writeEmpty(output);
         const auto callback = Detail::adopt(new UpdateCallback(entries, isAtHeader));
         return update(entries, old, output, *callback.Get());
-    });
-    if (status == S_FALSE) // the engine's word for data that it could not read
-        status = E_FAIL;
-    if (FAILED(status))
+    }));
+    if (status != S_OK)
         VxLog_WriteW(VxLog_Error, isAtHeader ? kHeaderFailure : kUpdateFailure, archiveName,
                      static_cast<unsigned>(status));
     return status;

@@ -7,27 +7,30 @@
 #include <windows.h>
 
 #include <cstdint>
+#include <optional>
 #include <vector>
 
 namespace Vexel::Storage::Engine {
 
 /// What an item of the archive to be written is made from.
 struct UpdateEntry {
-    int databaseIndex = -1; ///< of its record in the old archive
+    int databaseIndex = -1; ///< of its record in the old archive, whose packed data are copied; or no record
     CString name;
     std::uint64_t size = 0;
     FILETIME creation{}; ///< zero: none is written, as for the next
     FILETIME modification{};
     bool isDirectory = false;
     bool isAnti = false;
-    bool hasNewData = false;    ///< else the old archive's packed data are copied
+    std::optional<std::uint32_t> attributes; ///< as they stood in the old archive
+    bool hasNewData = false;
     ComPtr<::IStream> contents; ///< of its own for the new data
 };
 
 /// Writes a whole archive: compresses what is new, each item for itself so that each can be read for itself,
-/// and copies the packed data of the others from `old`, which may be null. Failures are logged with the
-/// archive's name and give the engine's code, or those of the streams. Nothing but `output` is changed.
-HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
+/// and copies the packed data of the others from `old`, which may be null when there are none. Of a folder
+/// that several items share, either all must be copied or none. Failures are logged with the archive's name
+/// and give the status of the stream that failed, or the engine's. Nothing but `output` is changed.
+HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, OutStream* output,
                      const wchar_t* archiveName);
 
 } // namespace Vexel::Storage::Engine

@@ -97,7 +97,6 @@ private:
     int databaseIndex_ = -1; // of the record in the archive that was read
     bool isDirectory_;
     bool isAnti_ = false;
-    int oldIndex_ = -1; // `databaseIndex_`, kept while a failed reload has made that -1
 };
 
 /// A 7z archive in memory. Contents are read when they are asked for and stay, until they are flushed.
@@ -144,7 +143,7 @@ public:
     SZipArchiveItem* item(const CString& path) const { return item(StringLess::view(path)); }
     /// Calls `visit` for each item below a directory, or for each there is for the empty path, in order, with
     /// its path from there on. Holds a share of the lock meanwhile: `visit` must not change the archive.
-    void visitDescendants(
+    HRESULT visitDescendants(
         std::wstring_view path,
         const std::function<void(std::wstring_view pathBelow, const SZipArchiveItem& item)>& visit) const;
     /// The same two answers under the lock: whether there is such a directory, and an item's times, which are

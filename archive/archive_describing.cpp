@@ -1,0 +1,169 @@
+// What a save is to write: new contents, and packed data that are copied as they are.
+//
+// The engine would pack what is left of a folder that several items share into a new one of that kind, whose
+// items could not be read one by one. So a folder of which something is gone is taken apart: it is decoded
+// once, and its items are written as new. One of which all items stay is copied whole.
+
+#include "archive/archive_private.h"
+#include "archive/folder_decoder.h"
+#include "io/com_pointer.h"
+
+#include <vexel/diagnostics.h>
+
+#include <algorithm>
+#include <utility>
+
+namespace Vexel::Storage {
+
+HRESULT SZipArchivePrivate::describe(Update& update) const {
+    update.entries.reserve(items.size());
+    if (database) {
+        update.taken.resize(database->count());
+        update.sourceStatus = database->open();
+    }
+    for (const auto& [path, item] : items)
+        if (const HRESULT status = describe(path, item, update); status != S_OK)
+            return status;
+    takeFoldersApart(update);
+    return decodeWanted(update);
+}
+
+HRESULT SZipArchivePrivate::describe(const CString& path, const SZipArchiveItem& item, Update& update) const {
+    const RwGuard guard(item.lock_, RwGuard::Shared);
+    const int record = recordOf(item);
+    Engine::UpdateEntry entry;
+    entry.name = path;
+    entry.size = item.contents_ ? item.contents_->lockedSize() : item.size_;
+    entry.creation = item.creationTime_;
+    entry.modification = item.modificationTime_;
+    entry.isDirectory = item.isDirectory_;
+    entry.isAnti = item.isAnti_ && entry.size == 0; // what was written into it since counts
+    if (record >= 0)
+        entry.attributes = database->attributes(static_cast<unsigned>(record));
+    HRESULT status = S_OK;
+    if (item.contents_)
+        status = describeContents(item, record, entry, update);
+    else if (!item.isDirectory_)
+        status = describePacked(path, record, entry, update);
+    if (status == S_OK)
+        update.entries.push_back(std::move(entry));
+    return status;
+}
+
+HRESULT SZipArchivePrivate::describeContents(const SZipArchiveItem& item, int record,
+                                             Engine::UpdateEntry& entry, Update& update) const {
+    const std::uint64_t changes = item.contents_->changes();
+    const bool isModified = item.contents_->isModified() || record < 0;
+    if (isModified)
+        entry.attributes.reset();
+    else if (claim(record, entry, update))
+        return S_OK;
+    entry.hasNewData = true;
+    update.written.push_back({item.contents_, changes});
+    return item.contents_->Clone(&entry.contents);
+}
+
+HRESULT SZipArchivePrivate::describePacked(const CString& path, int record, Engine::UpdateEntry& entry,
+                                           Update& update) const {
+    if (record >= 0 && !isPacked(static_cast<unsigned>(record)))
+        return S_OK;
+    if (record < 0 || update.sourceStatus != S_OK) {
+        // Its contents were in a file that has gone. Better no new file than one without them.
+        VxLog_WriteW(VxLog_Error, L"Contents of the file \"%ls\" are missing for archive \"%ls\"",
+                     path.GetString(), fileName.GetString());
+        return FAILED(update.sourceStatus) ? update.sourceStatus : STG_E_FILENOTFOUND;
+    }
+    if (!claim(record, entry, update))
+        update.wanted.push_back({static_cast<unsigned>(record), update.entries.size()});
+    return S_OK;
+}
+
+// The engine takes each record over once. Of two copies of one item, the second is compressed anew.
+bool SZipArchivePrivate::claim(int record, Engine::UpdateEntry& entry, Update& update) const {
+    const auto index = static_cast<std::size_t>(record);
+    if (update.sourceStatus != S_OK || !isPacked(static_cast<unsigned>(record)) || update.taken[index])
+        return false;
+    update.taken[index] = true;
+    entry.databaseIndex = record;
+    return true;
+}
+
+void SZipArchivePrivate::takeFoldersApart(Update& update) const {
+    if (!database || !database->hasSharedFolders())
+        return;
+    const auto& records = database->database();
+    std::vector<unsigned> kept(records.NumFolders);
+    const auto folderOf = [&](const Engine::UpdateEntry& entry) {
+        return database->folderOf(static_cast<unsigned>(entry.databaseIndex)).index;
+    };
+    for (const Engine::UpdateEntry& entry : update.entries)
+        if (entry.databaseIndex >= 0)
+            ++kept[folderOf(entry)];
+    for (std::size_t i = 0; i < update.entries.size(); ++i) {
+        Engine::UpdateEntry& entry = update.entries[i];
+        if (entry.databaseIndex < 0)
+            continue;
+        if (const unsigned folder = folderOf(entry); kept[folder] != records.NumUnpackStreamsVector[folder])
+            update.wanted.push_back({static_cast<unsigned>(std::exchange(entry.databaseIndex, -1)), i});
+    }
+}
+
+HRESULT SZipArchivePrivate::decodeWanted(Update& update) const {
+    std::vector<Wanted> wanted = std::move(update.wanted);
+    std::sort(wanted.begin(), wanted.end(),
+              [](const Wanted& a, const Wanted& b) { return a.record < b.record; });
+    // A folder's records follow each other.
+    for (auto first = wanted.cbegin(); first != wanted.cend();) {
+        const unsigned folder = database->folderOf(first->record).index;
+        const auto last = std::find_if(first, wanted.cend(), [&](const Wanted& other) {
+            return database->folderOf(other.record).index != folder;
+        });
+        if (const HRESULT status = decodeWanted({first, last}, update); status != S_OK)
+            return status;
+        first = last;
+    }
+    return S_OK;
+}
+
+// `wanted`: all of one folder.
+HRESULT SZipArchivePrivate::decodeWanted(std::span<const Wanted> wanted, Update& update) const {
+    const unsigned folder = database->folderOf(wanted.front().record).index;
+    const CString& firstPath = update.entries[wanted.front().entry].name;
+    if (!Engine::isPlausible(database->database(), folder)) {
+        logDecodingFailure(firstPath, STG_E_READFAULT);
+        return STG_E_READFAULT;
+    }
+    std::vector<Engine::FolderSplitter::Part> parts(wanted.size());
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        parts[i].record = wanted[i].record;
+        const CString& path = update.entries[wanted[i].entry].name;
+        if (const HRESULT status = reserve(parts[i].bytes, path, parts[i].record); status != S_OK)
+            return status;
+    }
+    const auto splitter = Detail::adopt(new Engine::FolderSplitter(database->database(), folder, parts));
+    const Engine::DecodedFolder decoded = Engine::decodeFolder(*database, folder, splitter.Get());
+    if (!decoded.isStarted)
+        return decoded.status;
+    if ((decoded.status != S_OK || decoded.dataAfterEnd) && !areVerified(parts)) {
+        logDecodingFailure(firstPath, decoded.status);
+        return FAILED(decoded.status) ? decoded.status : STG_E_READFAULT;
+    }
+    for (std::size_t i = 0; i < parts.size(); ++i) {
+        Engine::UpdateEntry& entry = update.entries[wanted[i].entry];
+        if (!isAsStored(entry.name, parts[i].record, parts[i].bytes, parts[i].crc))
+            return STG_E_READFAULT;
+        entry.contents = newContents(std::move(parts[i].bytes), entry.name);
+        entry.hasNewData = true;
+    }
+    return S_OK;
+}
+
+// Damage behind the last file that is wanted does no harm to those before it.
+bool SZipArchivePrivate::areVerified(std::span<const Engine::FolderSplitter::Part> parts) const noexcept {
+    return std::all_of(parts.begin(), parts.end(), [this](const Engine::FolderSplitter::Part& part) {
+        const auto& file = database->database().Files[part.record];
+        return file.CrcDefined && part.bytes.size == file.Size && part.crc == file.Crc;
+    });
+}
+
+} // namespace Vexel::Storage
