@@ -1,5 +1,7 @@
 #include "archive/header_stream.h"
 
+#include "archive/status.h"
+
 #include <algorithm>
 #include <cstring>
 
