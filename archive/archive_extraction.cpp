@@ -22,7 +22,7 @@ HRESULT hand(const ComPtr<SZipStream>& contents, IStream** result) {
 } // namespace
 
 ComPtr<SZipStream> SZipArchivePrivate::newContents(DynamicBuffer&& bytes, const CString& path) const {
-    return Detail::adopt(new SZipStream(std::move(bytes), {changed, path, readOnly}));
+    return Detail::adopt(new SZipStream(std::move(bytes), {changed, path, readOnly.load()}));
 }
 
 int SZipArchivePrivate::recordOf(const SZipArchiveItem& item) const noexcept {

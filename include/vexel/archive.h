@@ -141,11 +141,17 @@ public:
     /// Null when there is none. No lock, as above.
     SZipArchiveItem* item(std::wstring_view path) const;
     SZipArchiveItem* item(const CString& path) const { return item(StringLess::view(path)); }
-    /// Calls `visit` for each item below a directory, or for each there is for the empty path, in order, with
-    /// its path from there on. Holds a share of the lock meanwhile: `visit` must not change the archive.
-    HRESULT visitDescendants(
-        std::wstring_view path,
-        const std::function<void(std::wstring_view pathBelow, const SZipArchiveItem& item)>& visit) const;
+    /// Calls `visit` for each item in a directory, or at the root for the empty path, with its name. Holds a
+    /// share of the lock meanwhile: `visit` must not call the archive. STG_E_INSUFFICIENTMEMORY.
+    HRESULT visitChildren(
+        const CString& path,
+        const std::function<void(const CString& name, const SZipArchiveItem& item)>& visit) const;
+    /// The name of an item: its last element decoded, or as it is when encoding would not bring it back, as
+    /// with many that other programs wrote. Encoded further where another item of the directory has that name.
+    CString nameOf(const CString& path) const;
+    /// The path of the item of a directory that has a name, or that a new one of that name is to have. Of the
+    /// two, each undoes the other. Both throw std::bad_alloc, CMemoryException*.
+    CString childPath(const CString& directory, std::wstring_view name) const;
     /// The same two answers under the lock: whether there is such a directory, and an item's times, which are
     /// left as they are when there is no such item.
     bool hasDirectory(const CString& path) const;
