@@ -90,9 +90,17 @@ void expectFault(const char* name, const std::string& file, HeaderFault fault, u
 TEST(HeaderCheck, PassesWhatTheEngineReads) {
     std::string unfinished = sample(L"plain-lzma2.7z");
     unfinished.replace(8, 24, 24, '\0');
-    std::u16string deep, nested; // names that pack as well as any
+    std::u16string deep, nested, counted; // names that pack as well as any
     for (int i = 0; i < 1000; ++i)
         nested += (deep += deep.empty() ? u"a" : u"/a") + u'\0';
+    std::u16string longNames;
+    for (int i = 100'000; i < 300'000; ++i) {
+        for (const char digit : std::to_string(i))
+            counted += static_cast<char16_t>(digit);
+        counted += u'\0';
+        if (i < 120'000)
+            longNames += std::u16string(500, u'x') + counted.substr(counted.size() - 7);
+    }
     const std::pair<const char*, std::string> cases[] = {
         {"plain header", sample(L"plain-lzma2.7z")},
         {"packed header", sample(L"plain-lzma-packed-header.7z")},
@@ -104,6 +112,11 @@ TEST(HeaderCheck, PassesWhatTheEngineReads) {
         {"encrypted", sample(L"encrypted-data.7z")},
         {"unfinished, with its header", unfinished},
         {"deep tree", withPackedHeader(listHeader(1000, nested))},
+        {"names that count up", withPackedHeader(listHeader(200'000, counted))},
+        {"long names", withPackedHeader(listHeader(20'000, longNames))},
+        {"huge dictionary", archiveOf("x", bytes({1, 4}) + packInfo(1) + unpackInfo(lzma2Folder, 600) +
+                                               bytes({0, 5, 1, 0, 0}))},
+        {"property twice", archiveOf("", bytes({1, 5, 1, 0x0E, 1, 0x80, 0x0E, 1, 0x80, 0, 0}))},
         {"header of no streams", archiveOf("", bytes({0x17, 0}))},
         {"stored header", archiveOf(bytes({1, 0}), packedHeader(copyFolder, 2, 2))},
         {"item without a name", archiveOf("x", bytes({1, 4}) + packInfo(1) + unpackInfo(copyFolder, 1) +
