@@ -144,7 +144,8 @@ class Packages(unittest.TestCase):
             self.assertEqual(status == 0, is_listed, (path.name, hex(status), path.read_bytes().hex()))
 
     def opened(self, paths):
-        lines = tool("open", *(f"Z:{path}" for path in paths)).splitlines()
+        batches = [paths[i:i + 200] for i in range(0, len(paths), 200)]  # a command line has its limits
+        lines = [line for batch in batches for line in tool("open", *(f"Z:{path}" for path in batch)).splitlines()]
         return [tuple(map(int, line.split())) for line in lines]
 
     def test_twenty_thousand_items(self):

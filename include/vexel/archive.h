@@ -102,7 +102,8 @@ private:
 /// A 7z archive in memory. Contents are read when they are asked for and stay, until they are flushed.
 ///
 /// Readable are archives whose items use the methods Copy, LZMA and LZMA2 and have a folder (7z's coded unit)
-/// of their own; others open and list, and refuse their contents.
+/// of their own; others open and list, and refuse their contents. Directories for which the archive has no
+/// item are among the items all the same.
 class VEXEL_API SZipArchive {
 public:
     /// An archive that is read from `stream`, on which it takes a reference. It cannot be changed. Nothing is
@@ -125,6 +126,10 @@ public:
     ///    that can be changed and has no file is a new archive: S_OK.
     ///  - STG_E_INVALIDHEADER: not a 7z archive, or its headers are damaged.
     ///  - HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED): the headers use what the library does not support.
+    ///
+    /// An archive with several items of one path, or with a file that has items below it, is read-only from
+    /// then on and cannot be saved to a stream either. The log names what is hidden: of several items of one
+    /// path the last is there.
     HRESULT reload();
 
     /// Why the file could not be opened when the archive was read last, which `reload` tells of read-only
@@ -172,8 +177,8 @@ public:
     ///  - STG_E_INVALIDFUNCTION: the item shares a folder with others.
     ///  - STG_E_READFAULT: the contents are not those that were stored.
     ///  - STG_E_INSUFFICIENTMEMORY. The code of a stream that cannot be cloned, for an archive on one.
-    ///  - The engine's code when it cannot decode: E_NOTIMPL for an unknown method, S_FALSE for packed data
-    ///    that are damaged. S_OK with a null `*result` when there were data behind the end of the contents:
+    ///  - E_NOTIMPL: a method that is not known here, encryption for one; that is no damage.
+    ///  - The engine's code when it cannot decode: S_FALSE for packed data that are damaged. S_OK with a null `*result` when there were data behind the end of the contents:
     ///    look at both.
     HRESULT extractFile(IStream** result, std::wstring_view path);
     HRESULT extractFile(IStream** result, const CString& path) {
@@ -181,16 +186,17 @@ public:
     }
 
     // Changes. All of them give STG_E_ACCESSDENIED for a read-only archive, and STG_E_INVALIDNAME for a path
-    // that begins with "/" or, where an item is needed, is empty.
+    // that begins with "/" or, where an item is needed, is empty. What is made or moved needs a path that leads
+    // to it: STG_E_INVALIDNAME also for an empty element ("a//b", "a/"), STG_E_FILENOTFOUND where the parent is
+    // no directory.
 
     /// A new file, which counts as changed even if nothing is written. What happens to a file that exists:
     /// with `failIfExists` STG_E_FILEALREADYEXISTS, with `replace` it becomes empty, with neither its
     /// contents are given as by `extractFile`.
-    ///  - STG_E_INVALIDPOINTER. STG_E_INVALIDNAME also when the parent is missing or no directory.
+    ///  - STG_E_INVALIDPOINTER. STG_E_INVALIDNAME, here also when the parent is no directory.
     ///  - STG_E_FILEALREADYEXISTS also for a directory of that name.
     HRESULT createFile(IStream** result, const CString& path, bool failIfExists, bool replace);
     /// A new directory, or an existing one, which is emptied with `clear`.
-    ///  - STG_E_INVALIDNAME also for a "/" at the end. STG_E_FILENOTFOUND: no such parent directory.
     ///  - STG_E_INVALIDFUNCTION: a file has that name. STG_E_FILEALREADYEXISTS: with `failIfExists`.
     HRESULT createDirectory(const CString& path, bool failIfExists, bool clear);
     /// Removes an item and all below it. STG_E_FILENOTFOUND.
