@@ -20,7 +20,9 @@ constexpr std::ptrdiff_t kMostLevels = 512;
 constexpr std::size_t kParentsRoom = 0x800000;
 constexpr std::size_t kRoomForEach = 512;
 
-std::ptrdiff_t levelsOf(std::wstring_view path) noexcept { return std::count(path.begin(), path.end(), L'/'); }
+std::ptrdiff_t levelsOf(std::wstring_view path) noexcept {
+    return std::count(path.begin(), path.end(), L'/');
+}
 
 /// Null when there is none.
 const SZipArchivePrivate::ItemMap::value_type* entryOf(const SZipArchivePrivate::ItemMap& items,

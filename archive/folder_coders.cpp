@@ -53,8 +53,8 @@ void FolderCoders::parse() {
             cutLzma(properties, sizes[i]);
         else if (method == MethodId::kLzma2 && size == 1)
             cutLzma2(properties, sizes[i]);
-        isKnown_ = isKnown_ && (method == MethodId::kLzma || method == MethodId::kLzma2 ||
-                                method == MethodId::kCopy);
+        isKnown_ = isKnown_ &&
+                   (method == MethodId::kLzma || method == MethodId::kLzma2 || method == MethodId::kCopy);
     }
 }
 

@@ -65,10 +65,9 @@ HRESULT decode(const NArchive::N7z::CFolders& folders, unsigned folder, UInt64 d
                IInStream* input, ISequentialOutStream* output, bool& dataAfterEnd) {
     std::unique_ptr<CDecoder> decoder =
         takesMuch ? std::make_unique<CDecoder>(threadCount() > 1) : decoders().take();
-    const HRESULT status = decoder->Decode(input, dataStart, folders, folder, nullptr, output, nullptr, nullptr,
-                                           dataAfterEnd,
-                                           folders.GetFolderUnpackSize(folder) >= kMultiThreadedFrom,
-                                           threadCount(), kNoMemoryLimit);
+    const HRESULT status = decoder->Decode(
+        input, dataStart, folders, folder, nullptr, output, nullptr, nullptr, dataAfterEnd,
+        folders.GetFolderUnpackSize(folder) >= kMultiThreadedFrom, threadCount(), kNoMemoryLimit);
     // One that failed may have been left in the middle.
     if (!takesMuch && status == S_OK && !dataAfterEnd)
         decoders().giveBack(std::move(decoder));

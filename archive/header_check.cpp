@@ -254,7 +254,8 @@ private:
         const std::uint64_t most =
             (std::max)(kSmallHeader, kMostExpansion * (streams.firstPacked + header_.size()));
         if (folder.unpacked > most)
-            return refuse(HeaderFault::Header, "the packed header promises more than its bytes can hold", where);
+            return refuse(HeaderFault::Header, "the packed header promises more than its bytes can hold",
+                          where);
         return true;
     }
 
@@ -289,8 +290,9 @@ private:
         std::uint32_t wanted = headerChecksum_;
         if (streams.folders[0].hasDigest)
             std::memcpy(&wanted, streams.digestValues.data(), sizeof wanted);
-        return headerChecksum_ == wanted || refuse(HeaderFault::Header, "the packed header's checksum is wrong",
-                                                   kStartBytes + streams.offset);
+        return headerChecksum_ == wanted ||
+               refuse(HeaderFault::Header, "the packed header's checksum is wrong",
+                      kStartBytes + streams.offset);
     }
 
     HeaderSource& source_;

@@ -63,8 +63,8 @@ struct HeaderVerdict {
 /// bytes up to `offset`, and `bytes`, is to the engine the same as the one that was checked.
 struct PlainHeader {
     std::array<std::byte, 32> start{}; ///< with the header's place, size and checksum
-    std::uint64_t offset = 0; ///< where the header begins, from the beginning of the archive
-    PageBuffer bytes;         ///< none for an archive without items
+    std::uint64_t offset = 0;          ///< where the header begins, from the beginning of the archive
+    PageBuffer bytes;                  ///< none for an archive without items
 };
 
 /// Judges the headers. `plain`, if wanted, is filled when they are without a fault, else left as it was.

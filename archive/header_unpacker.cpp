@@ -19,11 +19,11 @@ const Byte* bytesOf(std::span<const std::byte> bytes) noexcept {
 
 HeaderUnpacker::HeaderUnpacker(std::uint64_t method, std::span<const std::byte> packed,
                                PageBuffer& target) noexcept
-    : method_(method), packed_(packed), target_(target) {
-    Lzma2Dec_CONSTRUCT(&lzma2_)
-}
+    : method_(method), packed_(packed), target_(target){Lzma2Dec_CONSTRUCT(&lzma2_)}
 
-HeaderUnpacker::~HeaderUnpacker() { Lzma2Dec_FreeProbs(&lzma2_, &g_Alloc); }
+      HeaderUnpacker::~HeaderUnpacker() {
+    Lzma2Dec_FreeProbs(&lzma2_, &g_Alloc);
+}
 
 bool HeaderUnpacker::start(std::span<const std::byte> properties) noexcept {
     if (method_ == MethodId::kLzma) {

@@ -43,9 +43,7 @@ SZipStorage::SZipStorage(CString path, std::shared_ptr<SZipArchive> archive, DWO
 
 SZipStorage::~SZipStorage() = default;
 
-CString SZipStorage::childPath(LPCOLESTR name) const {
-    return archive_->childPath(path_, name);
-}
+CString SZipStorage::childPath(LPCOLESTR name) const { return archive_->childPath(path_, name); }
 
 HRESULT SZipStorage::QueryInterface(const GUID& iid, void** ppv) noexcept {
     return ppv && (iid == __uuidof(IStorage) || iid == IID_SZipStorage)

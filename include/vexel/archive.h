@@ -148,11 +148,12 @@ public:
     SZipArchiveItem* item(const CString& path) const { return item(StringLess::view(path)); }
     /// Calls `visit` for each item in a directory, or at the root for the empty path, with its name. Holds a
     /// share of the lock meanwhile: `visit` must not call the archive. STG_E_INSUFFICIENTMEMORY.
-    HRESULT visitChildren(
-        const CString& path,
-        const std::function<void(const CString& name, const SZipArchiveItem& item)>& visit) const;
+    HRESULT
+    visitChildren(const CString& path,
+                  const std::function<void(const CString& name, const SZipArchiveItem& item)>& visit) const;
     /// The name of an item: its last element decoded, or as it is when encoding would not bring it back, as
-    /// with many that other programs wrote. Encoded further where another item of the directory has that name.
+    /// with many that other programs wrote. Encoded further where another item of the directory has that
+    /// name.
     CString nameOf(const CString& path) const;
     /// The path of the item of a directory that has a name, or that a new one of that name is to have. Of the
     /// two, each undoes the other. Both throw std::bad_alloc, CMemoryException*.
@@ -178,7 +179,8 @@ public:
     ///  - STG_E_READFAULT: the contents are not those that were stored.
     ///  - STG_E_INSUFFICIENTMEMORY. The code of a stream that cannot be cloned, for an archive on one.
     ///  - E_NOTIMPL: a method that is not known here, encryption for one; that is no damage.
-    ///  - The engine's code when it cannot decode: S_FALSE for packed data that are damaged. S_OK with a null `*result` when there were data behind the end of the contents:
+    ///  - The engine's code when it cannot decode: S_FALSE for packed data that are damaged. S_OK with a null
+    ///  `*result` when there were data behind the end of the contents:
     ///    look at both.
     HRESULT extractFile(IStream** result, std::wstring_view path);
     HRESULT extractFile(IStream** result, const CString& path) {
@@ -186,9 +188,9 @@ public:
     }
 
     // Changes. All of them give STG_E_ACCESSDENIED for a read-only archive, and STG_E_INVALIDNAME for a path
-    // that begins with "/" or, where an item is needed, is empty. What is made or moved needs a path that leads
-    // to it: STG_E_INVALIDNAME also for an empty element ("a//b", "a/"), STG_E_FILENOTFOUND where the parent is
-    // no directory.
+    // that begins with "/" or, where an item is needed, is empty. What is made or moved needs a path that
+    // leads to it: STG_E_INVALIDNAME also for an empty element ("a//b", "a/"), STG_E_FILENOTFOUND where the
+    // parent is no directory.
 
     /// A new file, which counts as changed even if nothing is written. What happens to a file that exists:
     /// with `failIfExists` STG_E_FILEALREADYEXISTS, with `replace` it becomes empty, with neither its

@@ -412,7 +412,8 @@ TEST(ItemPaths, AreThoseThatStoragesLeadTo) {
         undo();
         EXPECT_EQ(archive.addItem(source, L"d"sv, path), others);
         undo();
-        EXPECT_EQ(archive.move(L"f"sv, path), path == std::wstring_view(L"f/x") ? STG_E_ACCESSDENIED : others);
+        EXPECT_EQ(archive.move(L"f"sv, path),
+                  path == std::wstring_view(L"f/x") ? STG_E_ACCESSDENIED : others);
         EXPECT_EQ(archive.items().size(), 2U);
     }
     ASSERT_EQ(Support::writeItem(source, L"d/y", "y"), S_OK);

@@ -271,7 +271,8 @@ TEST(DamagedArchives, TakeMemoryForWhatTheyHoldAlone) {
     const std::string zero(1, '\0'), end = bytes({0, 0}), streams = bytes({1, 4});
     const std::string items = bytes({1, 5}) + number(many);
     const auto nameless = [&](std::uint64_t count) {
-        return Repeats{{bytes({1, 5}) + number(count) + bytes({0x0E}) + number(count / 8), 1}, {"\xFF", count / 8}};
+        return Repeats{{bytes({1, 5}) + number(count) + bytes({0x0E}) + number(count / 8), 1},
+                       {"\xFF", count / 8}};
     };
     const auto with = [](Repeats first, const Repeats& more) {
         first.insert(first.end(), more.begin(), more.end());
@@ -297,19 +298,26 @@ TEST(DamagedArchives, TakeMemoryForWhatTheyHoldAlone) {
         {"times", with(nameless(many), {{bytes({0x12}) + number(8 * many + 2) + bytes({1, 0}), 1},
                                         {std::string(8, 't'), many},
                                         {end, 1}})},
-        {"a time again and again", {{bytes({1, 5, 1}), 1}, {bytes({0x12, 10, 1, 0, 1, 2, 3, 4, 5, 6, 7, 8}), many},
-                                    {end, 1}}},
-        {"packed streams", {{streams + bytes({6, 0}) + number(much) + bytes({9}), 1}, {zero, much}, {end, 1}}},
-        {"checksums of packed streams", {{streams + bytes({6, 0, 1, 9, 0}), 1},
-                                         {bytes({0x0A, 1, 1, 2, 3, 4}), much / 6},
-                                         {end, 1}}},
-        {"folders", {{streams + bytes({6, 0}) + number(many) + bytes({9}), 1}, {zero, many},
-                     {bytes({0, 7, 11}) + number(many) + zero, 1}, {copyFolder, many}, {"\x0C", 1},
-                     {zero, many}, {end, 1}}},
-        {"properties of a coder", {{streams + packInfo(0) + bytes({7, 11, 1, 0, 1, 0x20}) + number(much), 1},
-                                   {zero, much}, {end, 1}}},
-        {"streams of a folder", {{streams + packInfo(0) + unpackInfo(copyFolder, 0) + bytes({8, 13}) +
-                                  number(many) + bytes({9}), 1}, {zero, many}, {end, 1}}},
+        {"a time again and again",
+         {{bytes({1, 5, 1}), 1}, {bytes({0x12, 10, 1, 0, 1, 2, 3, 4, 5, 6, 7, 8}), many}, {end, 1}}},
+        {"packed streams",
+         {{streams + bytes({6, 0}) + number(much) + bytes({9}), 1}, {zero, much}, {end, 1}}},
+        {"checksums of packed streams",
+         {{streams + bytes({6, 0, 1, 9, 0}), 1}, {bytes({0x0A, 1, 1, 2, 3, 4}), much / 6}, {end, 1}}},
+        {"folders",
+         {{streams + bytes({6, 0}) + number(many) + bytes({9}), 1},
+          {zero, many},
+          {bytes({0, 7, 11}) + number(many) + zero, 1},
+          {copyFolder, many},
+          {"\x0C", 1},
+          {zero, many},
+          {end, 1}}},
+        {"properties of a coder",
+         {{streams + packInfo(0) + bytes({7, 11, 1, 0, 1, 0x20}) + number(much), 1}, {zero, much}, {end, 1}}},
+        {"streams of a folder",
+         {{streams + packInfo(0) + unpackInfo(copyFolder, 0) + bytes({8, 13}) + number(many) + bytes({9}), 1},
+          {zero, many},
+          {end, 1}}},
     };
     const auto memory = mostMemory();
     for (const auto& [name, header] : bombs) {
@@ -399,21 +407,41 @@ struct Foreign {
 };
 
 const Foreign foreignArchives[] = {
-    {"no directories", {u"d/x", u"d/sub/y", u"top", u"d!/z"},
+    {"no directories",
+     {u"d/x", u"d/sub/y", u"top", u"d!/z"},
      {{L"d|x", u"d/x"}, {L"d|sub|y", u"d/sub/y"}, {L"top", u"top"}, {L"d!|z", u"d!/z"}}},
     {"names that nobody encoded",
      {u"100%.txt", u"a%20b", u"50%", u"%zA", u"b%2Fc", u"tab\there", u"n%00n", u"p%/q%41"},
-     {{L"100%.txt", u"100%.txt"}, {L"a%20b", u"a%20b"}, {L"50%", u"50%"}, {L"%zA", u"%zA"}, {L"b%2Fc", u"b%2Fc"},
-      {L"tab\there", u"tab\there"}, {L"n%00n", u"n%00n"}, {L"p%|q%41", u"p%/q%41"}}},
+     {{L"100%.txt", u"100%.txt"},
+      {L"a%20b", u"a%20b"},
+      {L"50%", u"50%"},
+      {L"%zA", u"%zA"},
+      {L"b%2Fc", u"b%2Fc"},
+      {L"tab\there", u"tab\there"},
+      {L"n%00n", u"n%00n"},
+      {L"p%|q%41", u"p%/q%41"}}},
     {"two of which one is encoded",
      {u"100%25", u"100%", u"100%2525", u"%25", u"%"},
-     {{L"100%", u"100%25"}, {L"100%25", u"100%2525"}, {L"100%2525", u"100%"}, {L"%", u"%25"}, {L"%25", u"%"}}},
+     {{L"100%", u"100%25"},
+      {L"100%25", u"100%2525"},
+      {L"100%2525", u"100%"},
+      {L"%", u"%25"},
+      {L"%25", u"%"}}},
     {"encoded names", {u"a%05", u"%25"}, {{L"a\x05", u"a%05"}, {L"%", u"%25"}}},
-    {"out of reach", {u"/x", u"a//b", u"c/", u"good"}, {{L"good", u"good"}}, false,
+    {"out of reach",
+     {u"/x", u"a//b", u"c/", u"good"},
+     {{L"good", u"good"}},
+     false,
      {L"\"/x\" in archive \"f\" (number", L"\"a//b\" in archive \"f\" (number", L"\"c/\" in archive"}},
-    {"one path twice", {u"a", u"b", u"a"}, {{L"a", u"a"}, {L"b", u"b"}}, true,
+    {"one path twice",
+     {u"a", u"b", u"a"},
+     {{L"a", u"a"}, {L"b", u"b"}},
+     true,
      {L"\"a\" in archive \"f\" (number 0) is hidden"}},
-    {"file with items below", {u"a/b", u"a", u"c"}, {{L"a", u"a"}, {L"c", u"c"}}, true,
+    {"file with items below",
+     {u"a/b", u"a", u"c"},
+     {{L"a", u"a"}, {L"c", u"c"}},
+     true,
      {L"\"a\" in archive \"f\" is a file with items below it"}},
 };
 
@@ -432,7 +460,8 @@ TEST(ForeignArchives, AreReachedAndSavedAsTheyAre) {
                 EXPECT_EQ(log.count(message), 1);
             for (const std::u16string& name : foreign.items)
                 EXPECT_NE(archive->item(std::wstring(name.begin(), name.end())), nullptr);
-            const auto root = Vexel::Detail::make<Vexel::Storage::SZipStorage>(CString(), archive, DWORD{STGM_READ});
+            const auto root =
+                Vexel::Detail::make<Vexel::Storage::SZipStorage>(CString(), archive, DWORD{STGM_READ});
             EXPECT_EQ(reach(root.Get()), withContents(foreign.reached));
             const auto copy = Vexel::Detail::adopt(new FaultyStream);
             EXPECT_EQ(archive->save(copy.Get()), foreign.isAmbiguous ? STG_E_ACCESSDENIED : S_OK);
@@ -455,7 +484,8 @@ TEST(ForeignArchives, OpenForReadingOnlyWhereAChangeWouldDropItems) {
         ComPtr<Vexel::Storage::SZipStorage> root;
         EXPECT_EQ(Vexel::Storage::openPackage(path.c_str(), STGM_READ, true, root.GetAddressOf()), S_OK);
         root.Reset();
-        EXPECT_EQ(Vexel::Storage::openPackage(path.c_str(), STGM_READWRITE, true, root.GetAddressOf()), denied);
+        EXPECT_EQ(Vexel::Storage::openPackage(path.c_str(), STGM_READWRITE, true, root.GetAddressOf()),
+                  denied);
         root.Reset();
         SZipArchive archive(path, false, true);
         ASSERT_EQ(archive.reload(), S_OK);

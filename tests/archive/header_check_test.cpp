@@ -114,8 +114,8 @@ TEST(HeaderCheck, PassesWhatTheEngineReads) {
         {"deep tree", withPackedHeader(listHeader(1000, nested))},
         {"names that count up", withPackedHeader(listHeader(200'000, counted))},
         {"long names", withPackedHeader(listHeader(20'000, longNames))},
-        {"huge dictionary", archiveOf("x", bytes({1, 4}) + packInfo(1) + unpackInfo(lzma2Folder, 600) +
-                                               bytes({0, 5, 1, 0, 0}))},
+        {"huge dictionary",
+         archiveOf("x", bytes({1, 4}) + packInfo(1) + unpackInfo(lzma2Folder, 600) + bytes({0, 5, 1, 0, 0}))},
         {"property twice", archiveOf("", bytes({1, 5, 1, 0x0E, 1, 0x80, 0x0E, 1, 0x80, 0, 0}))},
         {"header of no streams", archiveOf("", bytes({0x17, 0}))},
         {"stored header", archiveOf(bytes({1, 0}), packedHeader(copyFolder, 2, 2))},
