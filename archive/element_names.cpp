@@ -96,9 +96,8 @@ HRESULT SZipArchive::visitChildren(
                     visit(private_->nameOf(directory, key.substr(start)), item->second);
                 steps = 0;
             } else if (++steps > kFewSteps) {
-                std::wstring behind(key.substr(0, end));
-                behind += L'/' + 1;
-                item = items.lower_bound(behind);
+                constexpr wchar_t kBehindSlash = L'/' + 1;
+                item = items.lower_bound(std::wstring(key.substr(0, end)) + kBehindSlash);
                 steps = 0;
                 continue;
             }

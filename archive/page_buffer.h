@@ -13,6 +13,8 @@ public:
     PageBuffer() = default;
     /// Throws std::bad_alloc.
     explicit PageBuffer(std::size_t size);
+    PageBuffer(const PageBuffer&) = delete;
+    PageBuffer& operator=(const PageBuffer&) = delete;
     PageBuffer(PageBuffer&& other) noexcept { swap(other); }
     PageBuffer& operator=(PageBuffer&& other) noexcept {
         swap(other);
