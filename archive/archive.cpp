@@ -62,19 +62,6 @@ SZipArchiveItem* SZipArchive::item(std::wstring_view path) const {
     return path.empty() || found == private_->items.end() ? nullptr : &found->second;
 }
 
-HRESULT SZipArchive::visitDescendants(
-    std::wstring_view path,
-    const std::function<void(std::wstring_view pathBelow, const SZipArchiveItem& item)>& visit) const {
-    return Detail::withStatus([&] {
-        const RwGuard guard(private_->lock, RwGuard::Shared);
-        const std::size_t start = path.empty() ? 0 : path.size() + 1;
-        for (auto item = SZipArchivePrivate::descendantsBegin(private_->items, path);
-             item != private_->items.end() && SZipArchivePrivate::isDescendant(path, item->first); ++item)
-            visit(StringLess::view(item->first).substr(start), item->second);
-        return S_OK;
-    });
-}
-
 bool SZipArchive::hasDirectory(const CString& path) const {
     const RwGuard guard(private_->lock, RwGuard::Shared);
     return private_->hasDirectory(StringLess::view(path));

@@ -78,6 +78,8 @@ HRESULT SZipArchivePrivate::move(std::wstring_view from, std::wstring_view to) {
         return STG_E_FILEALREADYEXISTS;
     if (isInside(from, to))
         return STG_E_ACCESSDENIED;
+    if (const HRESULT status = checkNewPath(to); status != S_OK)
+        return status;
 
     // All new keys before the first change, so that exhausted memory leaves all as it was.
     std::vector<std::pair<ItemMap::iterator, CString>> moves;
@@ -112,9 +114,9 @@ HRESULT SZipArchive::createFile(IStream** result, const CString& path, bool fail
         RwGuard guard(private_->lock, RwGuard::Shared);
         // A missing parent makes the name invalid here, while `createDirectory` does not find it: callers
         // tell the two apart.
-        if (text.ends_with(L'/') || !private_->hasParentOf(text))
+        if (private_->checkNewPath(text) != S_OK)
             return STG_E_INVALIDNAME;
-        if (!guard.upgrade() && !private_->hasParentOf(text))
+        if (!guard.upgrade() && private_->checkNewPath(text) != S_OK)
             return STG_E_INVALIDNAME;
         return private_->createFile(path, failIfExists, replace, result);
     });
@@ -124,14 +126,13 @@ HRESULT SZipArchive::createDirectory(const CString& path, bool failIfExists, boo
     const std::wstring_view text = StringLess::view(path);
     if (const HRESULT status = checkChange(*private_, text); FAILED(status))
         return status;
-    if (text.ends_with(L'/'))
-        return STG_E_INVALIDNAME;
     return withStatus([&]() -> HRESULT {
         RwGuard guard(private_->lock, RwGuard::Shared);
-        if (!private_->hasParentOf(text))
-            return STG_E_FILENOTFOUND;
-        if (!guard.upgrade() && !private_->hasParentOf(text))
-            return STG_E_FILENOTFOUND;
+        if (const HRESULT status = private_->checkNewPath(text); status != S_OK)
+            return status;
+        if (const bool isSame = guard.upgrade(); !isSame)
+            if (const HRESULT status = private_->checkNewPath(text); status != S_OK)
+                return status;
         return private_->createDirectory(path, failIfExists, clear);
     });
 }
@@ -155,6 +156,8 @@ HRESULT SZipArchive::move(std::wstring_view from, std::wstring_view to) {
     for (const std::wstring_view path : {from, to})
         if (const HRESULT status = checkChange(*private_, path); FAILED(status))
             return status;
+    if (!isNewItemPath(to))
+        return STG_E_INVALIDNAME;
     return withStatus([&]() -> HRESULT {
         const RwGuard guard(private_->lock, RwGuard::Exclusive);
         return private_->move(from, to);

@@ -48,6 +48,8 @@ HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZip
     const auto existing = items.find(targetPath);
     if (existing != items.end())
         return item.isDirectory_ && existing->second.isDirectory_ ? S_OK : STG_E_FILEALREADYEXISTS;
+    if (const HRESULT status = checkNewPath(StringLess::view(targetPath)); status != S_OK)
+        return status;
 
     // An index means something only in the database that it was read from.
     const bool staysPacked = !item.isDirectory_ && source.recordOf(item) >= 0 &&

@@ -129,9 +129,9 @@ HRESULT SZipArchivePrivate::decodeWanted(Update& update) const {
 HRESULT SZipArchivePrivate::decodeWanted(std::span<const Wanted> wanted, Update& update) const {
     const unsigned folder = database->folderOf(wanted.front().record).index;
     const CString& firstPath = update.entries[wanted.front().entry].name;
-    if (!Engine::isPlausible(database->database(), folder)) {
-        logDecodingFailure(firstPath, STG_E_READFAULT);
-        return STG_E_READFAULT;
+    if (const HRESULT status = Engine::checkFolder(database->database(), folder); status != S_OK) {
+        logDecodingFailure(firstPath, status);
+        return status;
     }
     std::vector<Engine::FolderSplitter::Part> parts(wanted.size());
     for (std::size_t i = 0; i < parts.size(); ++i) {

@@ -22,7 +22,7 @@ HRESULT hand(const ComPtr<SZipStream>& contents, IStream** result) {
 } // namespace
 
 ComPtr<SZipStream> SZipArchivePrivate::newContents(DynamicBuffer&& bytes, const CString& path) const {
-    return Detail::adopt(new SZipStream(std::move(bytes), {changed, path, readOnly}));
+    return Detail::adopt(new SZipStream(std::move(bytes), {changed, path, readOnly.load()}));
 }
 
 int SZipArchivePrivate::recordOf(const SZipArchiveItem& item) const noexcept {
@@ -55,10 +55,9 @@ HRESULT SZipArchivePrivate::decodeFolder(const CString& path, unsigned record,
                      path.GetString(), fileName.GetString());
         return STG_E_INVALIDFUNCTION;
     }
-    if (folder.index == NArchive::N7z::kNumNoIndex ||
-        !Engine::isPlausible(database->database(), folder.index)) {
-        logDecodingFailure(path, STG_E_READFAULT);
-        return STG_E_READFAULT;
+    if (const HRESULT status = Engine::checkFolder(database->database(), folder.index); status != S_OK) {
+        logDecodingFailure(path, status);
+        return status;
     }
     DynamicBuffer unpacked;
     if (const HRESULT status = reserve(unpacked, path, record); status != S_OK)

@@ -9,6 +9,7 @@
 
 #include <vexel/archive.h>
 
+#include <atomic>
 #include <cstdint>
 #include <memory>
 #include <optional>
@@ -49,7 +50,10 @@ public:
     ItemMap items;
     mutable RwLockWord lock{0};
     bool noFile = false;
-    bool readOnly = false;
+    std::atomic<bool> readOnly{false};
+    /// Whether the file has several items of one path, or a file with items below it: then the archive is
+    /// read-only, and not to be written anywhere, for that would drop items.
+    bool isAmbiguous = false;
     bool silentDiscard = false;
     SZipStream::ChangeMark changed = std::make_shared<std::atomic<bool>>(false);
 
@@ -83,6 +87,16 @@ public:
         const std::wstring_view parent = parentOf(path);
         return path.find(L'/') == std::wstring_view::npos || hasDirectory(parent);
     }
+    /// Whether an item can be made there: STG_E_INVALIDNAME for a path that none can have, STG_E_FILENOTFOUND
+    /// where its parent is no directory.
+    HRESULT checkNewPath(std::wstring_view path) const {
+        if (!isNewItemPath(path))
+            return STG_E_INVALIDNAME;
+        return hasParentOf(path) ? S_OK : STG_E_FILENOTFOUND;
+    }
+    /// See `SZipArchive::nameOf`, `SZipArchive::childPath`.
+    CString nameOf(std::wstring_view directory, std::wstring_view element) const;
+    CString childPath(std::wstring_view directory, std::wstring_view name) const;
 
     /// The first item below `path`, or the first there is for the empty path; the others follow it.
     template <class Map>
@@ -116,12 +130,17 @@ private:
         Database database;
         ItemMap added;
         std::vector<std::pair<SZipArchiveItem*, unsigned>> records;
+        std::vector<std::pair<const CString*, const SZipArchiveItem*>> parents; ///< that have items
+        std::vector<unsigned> outOfReach; ///< records that no storage leads to
     };
 
     HRESULT read();
     HRESULT openInput(Database& fresh);
     Reading match(Database fresh);
+    void addParents(Reading& reading);
     void takeOver(Reading&& reading) noexcept;
+    void tellOfAmbiguities(const Reading& reading) noexcept;
+    void logRecord(const wchar_t* format, unsigned record) const noexcept;
     void refresh(SZipArchiveItem& item, unsigned index) const noexcept;
     bool hasModifiedContents() const noexcept;
 

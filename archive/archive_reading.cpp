@@ -2,7 +2,10 @@
 
 #include "archive/archive_private.h"
 
+#include <vexel/diagnostics.h>
+
 #include <algorithm>
+#include <cstddef>
 #include <iterator>
 #include <utility>
 #include <vector>
@@ -10,6 +13,23 @@
 namespace Vexel::Storage {
 
 namespace {
+
+/// Handles lead so deep.
+constexpr std::ptrdiff_t kMostLevels = 512;
+/// Bytes for directories that are made up: some for all, and some for each item.
+constexpr std::size_t kParentsRoom = 0x800000;
+constexpr std::size_t kRoomForEach = 512;
+
+std::ptrdiff_t levelsOf(std::wstring_view path) noexcept {
+    return std::count(path.begin(), path.end(), L'/');
+}
+
+/// Null when there is none.
+const SZipArchivePrivate::ItemMap::value_type* entryOf(const SZipArchivePrivate::ItemMap& items,
+                                                       std::wstring_view path) {
+    const auto found = items.find(path);
+    return found == items.end() ? nullptr : &*found;
+}
 
 FILETIME timeAt(const NArchive::N7z::CUInt64DefVector& times, unsigned index) noexcept {
     UInt64 time = 0;
@@ -67,7 +87,45 @@ SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
         reading.records.emplace_back(item, i);
     }
     reading.database = std::move(fresh);
+    addParents(reading);
     return reading;
+}
+
+// Directories need no items in other programs' archives. They are made up here, where paths lead through
+// them; a save writes them. The text of paths grows with the square of their depth, so that there is a limit.
+void SZipArchivePrivate::addParents(Reading& reading) {
+    std::size_t room = kParentsRoom;
+    const auto add = [&](std::wstring_view directory) {
+        const std::size_t cost = sizeof(SZipArchiveItem) + directory.size() * sizeof(wchar_t);
+        if (!isNewItemPath(directory) || room < cost)
+            return false;
+        room -= cost;
+        reading.added.try_emplace(toString(directory), *this, true);
+        return true;
+    };
+    std::wstring_view last;
+    bool isReached = true;
+    for (unsigned i = 0; i < reading.database->count(); ++i) {
+        const std::wstring_view path = reading.database->path(i);
+        room += kRoomForEach + path.size() * sizeof(wchar_t);
+        std::wstring_view parent = parentOf(path);
+        // Those of one directory mostly follow each other.
+        if (parent != last) {
+            last = parent;
+            isReached = levelsOf(path) <= kMostLevels;
+            const ItemMap::value_type* found = nullptr;
+            for (; isReached && !found && !parent.empty(); parent = parentOf(parent)) {
+                found = entryOf(items, parent);
+                if (!found)
+                    found = entryOf(reading.added, parent);
+                isReached = found || add(parent);
+            }
+            if (found)
+                reading.parents.emplace_back(&found->first, &found->second);
+        }
+        if (!isReached || !isNewItemPath(path))
+            reading.outOfReach.push_back(i);
+    }
 }
 
 void SZipArchivePrivate::takeOver(Reading&& reading) noexcept {
@@ -78,10 +136,37 @@ void SZipArchivePrivate::takeOver(Reading&& reading) noexcept {
         items.swap(reading.added); // merging would look each place up again
     else
         items.merge(reading.added);
-    for (const auto& [item, record] : reading.records)
+    isAmbiguous = false;
+    for (const auto& [item, record] : reading.records) {
+        if (item->databaseIndex_ >= 0) {
+            isAmbiguous = true;
+            logRecord(L"Item \"%ls\" in archive \"%ls\" (number %u) is hidden by one of the same path",
+                      static_cast<unsigned>(item->databaseIndex_));
+        }
         refresh(*item, record);
+    }
+    tellOfAmbiguities(reading);
     fileState_ = FileState::Read;
     *changed = false;
+}
+
+void SZipArchivePrivate::tellOfAmbiguities(const Reading& reading) noexcept {
+    for (const unsigned record : reading.outOfReach)
+        logRecord(L"Item \"%ls\" in archive \"%ls\" (number %u) has a path that no storage leads to", record);
+    for (const auto& [path, item] : reading.parents) {
+        if (item->isDirectory_)
+            continue;
+        isAmbiguous = true;
+        VxLog_WriteW(VxLog_Warning, L"Item \"%ls\" in archive \"%ls\" is a file with items below it",
+                     path->GetString(), fileName.GetString());
+    }
+    if (isAmbiguous)
+        readOnly = true;
+}
+
+void SZipArchivePrivate::logRecord(const wchar_t* format, unsigned record) const noexcept {
+    const std::wstring_view path = database->path(record);
+    VxLog_WriteW(VxLog_Warning, format, path.empty() ? L"" : path.data(), fileName.GetString(), record);
 }
 
 bool SZipArchivePrivate::hasModifiedContents() const noexcept {

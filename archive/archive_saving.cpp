@@ -54,6 +54,8 @@ HRESULT SZipArchivePrivate::save() {
         return S_OK;
     if (const HRESULT status = checkReplaceable(); status != S_OK)
         return status;
+    if (isAmbiguous) // as has turned out only now
+        return STG_E_ACCESSDENIED;
     Update update;
     if (const HRESULT status = describe(update); status != S_OK)
         return status;
@@ -141,6 +143,8 @@ void SZipArchivePrivate::markAllModified() noexcept {
 }
 
 HRESULT SZipArchivePrivate::saveTo(IStream* destination) const {
+    if (isAmbiguous)
+        return STG_E_ACCESSDENIED;
     Update update;
     if (const HRESULT status = describe(update); status != S_OK)
         return status;

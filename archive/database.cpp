@@ -32,6 +32,18 @@ Detail::FileHandle openForReading(const wchar_t* path) noexcept {
         platform().createFile(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
 }
 
+/// What reading a database came to. The engine raises its flags beside any status, S_OK included. Its
+/// warnings, of properties that it does not know and the like, are none.
+HRESULT verdictOn(const NArchive::N7z::CDbEx& database, HRESULT status) noexcept {
+    if (FAILED(status))
+        return status;
+    if (database.ThereIsHeaderError || database.UnexpectedEnd)
+        return STG_E_INVALIDHEADER;
+    if (database.UnsupportedFeatureError)
+        return HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
+    return status == S_OK ? S_OK : E_FAIL;
+}
+
 void logFailure(int level, const wchar_t* format, const wchar_t* name, HRESULT status) noexcept {
     VxLog_WriteW(level, format, name, static_cast<unsigned>(status));
 }
@@ -132,9 +144,9 @@ HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& hea
     else
         input = Detail::adopt<IInStream>(new FileInStream(file_, fileSize_));
     UInt64 size = 0;
-    if (const HRESULT status = input->Seek(0, STREAM_SEEK_END, &size); FAILED(status)) {
+    if (const HRESULT status = input->Seek(0, STREAM_SEEK_END, &size); status != S_OK) {
         logFailure(VxLog_Error, kOpenFailure, archiveName, status);
-        return status;
+        return asStatus(status);
     }
     InStreamSource source(*input.Get(), size);
     HeaderVerdict verdict;
@@ -142,9 +154,9 @@ HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& hea
         verdict = checkHeaders(source, &header);
         return S_OK;
     });
-    if (FAILED(status)) { // for want of memory
+    if (status != S_OK) { // for want of memory
         logFailure(VxLog_Error, kReadFailure, archiveName, status);
-        return status;
+        return asStatus(status);
     }
     if (verdict.fault == HeaderFault::None)
         return S_OK;
@@ -168,18 +180,16 @@ HRESULT DatabaseStream::readHeader(const wchar_t* archiveName, PlainHeader&& hea
     HRESULT status = withEngine(S_FALSE, [&] { return archive.Open(input.Get(), &searchLimit); });
     if (status != S_OK) {
         logFailure(status == S_FALSE ? VxLog_Trace : VxLog_Error, kOpenFailure, archiveName, status);
-        return status == S_FALSE ? STG_E_INVALIDHEADER : status;
+        return status == S_FALSE ? STG_E_INVALIDHEADER : asStatus(status);
     }
     status = withEngine(S_FALSE, [&] { return archive.ReadDatabase(database_); });
-    if (status == S_OK)
+    const HRESULT verdict = verdictOn(database_, status);
+    if (verdict == S_OK)
         return S_OK;
-    logFailure(VxLog_Error, kReadFailure, archiveName, status);
+    // What it only flags, it calls a success.
+    logFailure(VxLog_Error, kReadFailure, archiveName, status == S_OK ? verdict : status);
     archive.Close();
-    if (status != S_FALSE)
-        return status;
-    if (database_.ThereIsHeaderError || database_.UnexpectedEnd)
-        return STG_E_INVALIDHEADER;
-    return database_.UnsupportedFeatureError ? HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED) : E_FAIL;
+    return verdict;
 }
 
 std::wstring_view DatabaseStream::path(unsigned index) const noexcept {

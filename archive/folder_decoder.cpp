@@ -2,6 +2,7 @@
 
 #include "archive/engine.h"
 #include "archive/engine_status.h"
+#include "archive/folder_coders.h"
 #include "io/com_pointer.h"
 
 #include <algorithm>
@@ -25,9 +26,8 @@ constexpr UInt64 kMultiThreadedFrom = 0x100000;
 constexpr UInt64 kNoMemoryLimit = ~UInt64{0};
 constexpr UInt64 kMostExpansion = 8192;
 constexpr UInt64 kExpansionSlack = 0x10000;
-// LZMA's properties end with the dictionary's size, whose last byte counts 16 MiB; LZMA2's are a code for it.
-constexpr std::size_t kLzmaProperties = 5;
-constexpr Byte kLzma2Of16MiB = 24;
+/// With a dictionary above this, a decoder is given back at once.
+constexpr UInt32 kSmallDictionary = 0x1000000;
 
 /// Decoders that wait for the next small folder.
 class DecoderPool {
@@ -55,49 +55,49 @@ private:
     std::vector<std::unique_ptr<CDecoder>> idle_;
 };
 
-/// Whether decoding the folder takes so much, threads and blocks or a dictionary, that it is given back at
-/// once.
-bool takesMuch(const CDbEx& database, unsigned folder) {
-    if (database.GetFolderUnpackSize(folder) >= kMultiThreadedFrom)
-        return true;
-    NArchive::N7z::CFolder coders;
-    database.ParseFolderInfo(folder, coders);
-    for (unsigned i = 0; i < coders.Coders.Size(); ++i) {
-        const CByteBuffer& properties = coders.Coders[i].Props;
-        if (properties.Size() == kLzmaProperties && properties[kLzmaProperties - 1] != 0)
-            return true;
-        if (properties.Size() == 1 && properties[0] > kLzma2Of16MiB)
-            return true;
-    }
-    return false;
-}
-
 // Never destroyed: decoders own threads, which are gone when the process ends.
 DecoderPool& decoders() {
     static auto* const pool = new DecoderPool;
     return *pool;
 }
 
-HRESULT decode(const CDbEx& database, unsigned folder, IInStream* input, ISequentialOutStream* output,
-               bool& dataAfterEnd) {
-    const bool isForPool = !takesMuch(database, folder);
+HRESULT decode(const NArchive::N7z::CFolders& folders, unsigned folder, UInt64 dataStart, bool takesMuch,
+               IInStream* input, ISequentialOutStream* output, bool& dataAfterEnd) {
     std::unique_ptr<CDecoder> decoder =
-        isForPool ? decoders().take() : std::make_unique<CDecoder>(threadCount() > 1);
-    const HRESULT status =
-        decoder->Decode(input, database.ArcInfo.DataStartPosition, database, folder, nullptr, output, nullptr,
-                        nullptr, dataAfterEnd, database.GetFolderUnpackSize(folder) >= kMultiThreadedFrom,
-                        threadCount(), kNoMemoryLimit);
+        takesMuch ? std::make_unique<CDecoder>(threadCount() > 1) : decoders().take();
+    const HRESULT status = decoder->Decode(
+        input, dataStart, folders, folder, nullptr, output, nullptr, nullptr, dataAfterEnd,
+        folders.GetFolderUnpackSize(folder) >= kMultiThreadedFrom, threadCount(), kNoMemoryLimit);
     // One that failed may have been left in the middle.
-    if (isForPool && status == S_OK && !dataAfterEnd)
+    if (!takesMuch && status == S_OK && !dataAfterEnd)
         decoders().giveBack(std::move(decoder));
     return status;
 }
 
+HRESULT decode(const CDbEx& database, unsigned folder, IInStream* input, ISequentialOutStream* output,
+               bool& dataAfterEnd) {
+    const FolderCoders coders(database, folder);
+    const UInt64 dataStart = database.ArcInfo.DataStartPosition;
+    // Threads and blocks or a dictionary: what takes so much is given back at once.
+    const bool takesMuch = coders.largest() >= kMultiThreadedFrom || coders.dictionary() > kSmallDictionary;
+    if (!coders.isExcessive())
+        return decode(database, folder, dataStart, takesMuch, input, output, dataAfterEnd);
+    NArchive::N7z::CFolders alone;
+    coders.copyTo(alone);
+    return decode(alone, 0, dataStart, takesMuch, input, output, dataAfterEnd);
+}
+
 } // namespace
 
-bool isPlausible(const CDbEx& database, unsigned folder) noexcept {
+HRESULT checkFolder(const CDbEx& database, unsigned folder) {
+    if (folder == NArchive::N7z::kNumNoIndex)
+        return STG_E_READFAULT;
+    const FolderCoders coders(database, folder);
+    if (!coders.isKnown())
+        return E_NOTIMPL;
     const UInt64 packed = database.GetFolderFullPackSize(folder);
-    return database.GetFolderUnpackSize(folder) / kMostExpansion <= packed + kExpansionSlack / kMostExpansion;
+    const bool isPlausible = coders.largest() / kMostExpansion <= packed + kExpansionSlack / kMostExpansion;
+    return isPlausible ? S_OK : STG_E_READFAULT;
 }
 
 DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, ISequentialOutStream* output) {

@@ -13,9 +13,11 @@ struct DecodedFolder {
     std::uint32_t crc = 0;     ///< of the bytes that came out, where they went into a buffer
 };
 
-/// Whether the folder's packed bytes can be as many as it promises: the methods known here do not expand more
-/// than about 7,100 to 1.
-bool isPlausible(const NArchive::N7z::CDbEx& database, unsigned folder) noexcept;
+/// Whether the folder can be decoded at all, to be asked before memory is taken for it.
+///  - E_NOTIMPL: it uses methods that are not known here, encryption for one. That is no damage.
+///  - STG_E_READFAULT: there is no such folder, or it promises more than its packed bytes can hold: the known
+///  methods do not expand more than about 7,100 to 1.
+HRESULT checkFolder(const NArchive::N7z::CDbEx& database, unsigned folder);
 
 /// Decodes a whole folder into `output`. Decoders are kept for the next call, for making one takes longer
 /// than decoding a small item. May run on many threads at once.

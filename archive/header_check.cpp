@@ -1,10 +1,9 @@
 #include "archive/header_check.h"
 
 #include "archive/header_parser.h"
+#include "archive/header_unpacker.h"
 
 #include <7zCrc.h>
-#include <Alloc.h>
-#include <Lzma2Dec.h>
 
 #include <algorithm>
 #include <cstring>
@@ -27,17 +26,16 @@ constexpr std::size_t kHeaderChecksumAt = 28;
 constexpr std::size_t kLargestRead = 0x40000000;
 /// Where an unfinished archive's header is looked for: at the end, in so many bytes.
 constexpr std::uint64_t kRescueBytes = 512;
-/// As long as names differ, each takes more than an eighth of a bit of the packed header; see header_check.h.
-constexpr std::uint64_t kMostPerPackedByte = 64;
+
+// Of a packed header; see header_check.h. Small ones are unpacked before they are looked at.
+constexpr std::uint64_t kSmallHeader = 0x1000000;
+constexpr std::uint64_t kMostExpansion = 2048;
+constexpr std::uint64_t kFewThings = 0x10000;
+constexpr std::uint64_t kThingsPerByte = 20;
+constexpr std::uint64_t kFoldersPerByte = 10;
+constexpr std::uint64_t kNameBytesPerItem = 0x4000;
 
 using StartBytes = std::array<std::byte, kStartBytes>;
-
-struct Bytes {
-    std::unique_ptr<std::byte[]> data;
-    std::size_t size = 0;
-
-    std::span<const std::byte> view() const noexcept { return {data.get(), size}; }
-};
 
 template <class Number>
 Number load(const StartBytes& start, std::size_t at) noexcept {
@@ -75,26 +73,14 @@ HRESULT statusOf(HeaderFault fault) noexcept {
     return S_OK;
 }
 
-/// Unpacks all of a folder's bytes into `target`, which takes the place of the dictionary. Returns the
-/// decoder's result; `done` receives the number of bytes that came out.
-SRes unpack(std::uint64_t method, std::span<const std::byte> properties, std::span<const std::byte> packed,
-            std::span<std::byte> target, std::size_t& done) noexcept {
-    const auto* source = reinterpret_cast<const Byte*>(packed.data());
-    const auto* settings = reinterpret_cast<const Byte*>(properties.data());
-    auto* out = reinterpret_cast<Byte*>(target.data());
-    SizeT sourceSize = packed.size();
-    ELzmaStatus end = LZMA_STATUS_NOT_SPECIFIED;
-    done = target.size();
-    if (method == MethodId::kLzma)
-        return LzmaDecode(out, &done, source, &sourceSize, settings, static_cast<unsigned>(properties.size()),
-                          LZMA_FINISH_END, &end, &g_Alloc);
-    if (method == MethodId::kLzma2)
-        return properties.size() != 1
-                   ? SZ_ERROR_UNSUPPORTED
-                   : Lzma2Decode(out, &done, source, &sourceSize, *settings, LZMA_FINISH_END, &end, &g_Alloc);
-    done = (std::min)(target.size(), packed.size());
-    std::copy_n(packed.begin(), done, target.begin());
-    return properties.empty() ? SZ_OK : SZ_ERROR_UNSUPPORTED;
+HeaderBounds boundsFor(std::uint64_t packed) noexcept {
+    HeaderBounds bounds;
+    bounds.things = (std::max)(kFewThings, packed * kThingsPerByte);
+    bounds.folders = (std::max)(kFewThings, packed * kFoldersPerByte);
+    bounds.alikeItems = (std::max)(kFewThings, packed);
+    bounds.alikeNameBytes = kSmallHeader;
+    bounds.nameBytes = (std::max)(kSmallHeader, packed * kMostExpansion);
+    return bounds;
 }
 
 class HeaderChecker {
@@ -110,7 +96,7 @@ public:
             return true;
         if (!readHeader())
             return false;
-        HeaderParser parser(header_.view(), headerOffset_);
+        HeaderParser parser(header_.all(), headerOffset_);
         const std::uint64_t id = parser.reader().number();
         if (id == HeaderId::kHeader)
             return accept(parser, parser.parseHeader());
@@ -123,15 +109,14 @@ public:
     PlainHeader plain() noexcept {
         PlainHeader plain;
         std::copy_n(start_.begin(), kChecksumAt, plain.start.begin());
-        plain.offset = kStartBytes + (header_.size > 0 ? headerOffset_ : 0);
-        if (header_.size > 0) {
+        plain.offset = kStartBytes + (header_.size() > 0 ? headerOffset_ : 0);
+        if (header_.size() > 0) {
             store(plain.start, kOffsetAt, headerOffset_);
-            store<std::uint64_t>(plain.start, kSizeAt, header_.size);
+            store<std::uint64_t>(plain.start, kSizeAt, header_.size());
             store(plain.start, kHeaderChecksumAt, headerChecksum_);
         }
         store(plain.start, kChecksumAt, startChecksum(plain.start));
-        plain.bytes = std::move(header_.data);
-        plain.size = header_.size;
+        plain.bytes = std::move(header_);
         return plain;
     }
 
@@ -162,17 +147,17 @@ private:
     }
 
     /// The range has been held against the file's size.
-    bool read(Bytes& bytes, std::uint64_t offset, std::uint64_t size) {
+    bool read(PageBuffer& bytes, std::uint64_t offset, std::uint64_t size) {
         bytes = allocate(size);
-        return read(offset, {bytes.data.get(), bytes.size}, HeaderFault::Unreadable);
+        if (!bytes.grow(bytes.size()))
+            throw std::bad_alloc();
+        return read(offset, bytes.all(), HeaderFault::Unreadable);
     }
 
-    /// Memory that is not touched before it is filled: what is promised may not come.
-    static Bytes allocate(std::uint64_t size) {
+    static PageBuffer allocate(std::uint64_t size) {
         if (size > static_cast<std::uint64_t>(PTRDIFF_MAX))
             throw std::bad_alloc();
-        const auto count = static_cast<std::size_t>(size);
-        return {std::make_unique_for_overwrite<std::byte[]>(count), count};
+        return PageBuffer(static_cast<std::size_t>(size));
     }
 
     bool readStart() {
@@ -210,19 +195,19 @@ private:
     bool findHeader() {
         constexpr const char* kNone = "the archive was not finished";
         const std::uint64_t room = fileSize_ - (std::min<std::uint64_t>)(fileSize_, kStartBytes);
-        Bytes end;
+        PageBuffer end;
         if (!read(end, fileSize_ - (std::min)(room, kRescueBytes), (std::min)(room, kRescueBytes)))
             return false;
-        const auto at = [&](std::size_t index) { return std::to_integer<std::uint64_t>(end.data[index]); };
-        if (end.size < 3 || at(end.size - 1) != HeaderId::kEnd)
+        const auto at = [&](std::size_t index) { return std::to_integer<std::uint64_t>(end.data()[index]); };
+        if (end.size() < 3 || at(end.size() - 1) != HeaderId::kEnd)
             return refuse(HeaderFault::Unreadable, kNone, kChecksumAt);
-        for (std::size_t i = end.size - 1; i-- > 0;) {
+        for (std::size_t i = end.size() - 1; i-- > 0;) {
             if ((at(i) != HeaderId::kEncodedHeader || at(i + 1) != HeaderId::kPackInfo) &&
                 (at(i) != HeaderId::kHeader || at(i + 1) != HeaderId::kMainStreamsInfo))
                 continue;
-            headerBytes_ = end.size - i;
+            headerBytes_ = end.size() - i;
             headerOffset_ = room - headerBytes_;
-            headerChecksum_ = checksum(end.view().subspan(i));
+            headerChecksum_ = checksum(end.all().subspan(i));
             return true;
         }
         return refuse(HeaderFault::Unreadable, kNone, kChecksumAt);
@@ -231,11 +216,10 @@ private:
     bool readHeader() {
         if (!read(header_, kStartBytes + headerOffset_, headerBytes_))
             return false;
-        return checksum(header_.view()) == headerChecksum_ ||
+        return checksum(header_.all()) == headerChecksum_ ||
                refuse(HeaderFault::Header, "the header's checksum is wrong", kStartBytes + headerOffset_);
     }
 
-    /// `streams` refers into the header that is replaced here by the unpacked one.
     bool runPacked(const HeaderStreams& streams) {
         if (streams.folders.empty()) { // the engine takes that for an archive without items
             header_ = {};
@@ -243,16 +227,18 @@ private:
         }
         if (!isUnpackable(streams))
             return false;
-        const std::uint64_t stored = streams.folders[0].packed + header_.size;
-        Bytes unpacked;
-        if (!unpackHeader(streams, unpacked))
+        PageBuffer packed;
+        if (!read(packed, kStartBytes + streams.offset, streams.firstPacked))
             return false;
-        header_ = std::move(unpacked);
-        HeaderParser parser(header_.view(), headerOffset_, stored * kMostPerPackedByte);
-        // Headers packed several times over do not exist for the engine either.
-        if (parser.reader().number() != HeaderId::kHeader)
-            return refuse(HeaderFault::Header, "the packed header is none", 0);
-        return accept(parser, parser.parseHeader());
+        PageBuffer plain = allocate(streams.folders[0].unpacked);
+        HeaderUnpacker unpacker(streams.method, packed.all(), plain);
+        if (!unpacker.start(streams.properties))
+            return refuseUnpacking(streams, unpacker);
+        if (!parsePacked(streams, plain, unpacker))
+            return false;
+        // The streams refer into the header that is replaced.
+        header_ = std::move(plain);
+        return true;
     }
 
     bool isUnpackable(const HeaderStreams& streams) noexcept {
@@ -261,35 +247,52 @@ private:
         if (streams.folders.size() > 1)
             return refuse(HeaderFault::Header, "there are several packed headers", where);
         // An encrypted header, for one.
-        if (!folder.isKnown || folder.coders != 1)
+        const bool isKnown = streams.method == MethodId::kCopy || streams.method == MethodId::kLzma ||
+                             streams.method == MethodId::kLzma2;
+        if (!isKnown || folder.coders != 1 || streams.inputs != 1)
             return refuse(HeaderFault::Unsupported, "the header is packed with an unknown method", where);
+        const std::uint64_t most =
+            (std::max)(kSmallHeader, kMostExpansion * (streams.firstPacked + header_.size()));
+        if (folder.unpacked > most)
+            return refuse(HeaderFault::Header, "the packed header promises more than its bytes can hold",
+                          where);
         return true;
     }
 
-    bool unpackHeader(const HeaderStreams& streams, Bytes& unpacked) {
-        const HeaderFolder& folder = streams.folders[0];
-        const std::uint64_t where = kStartBytes + streams.offset;
-        Bytes packed;
-        if (!read(packed, where, folder.packed))
-            return false;
-        unpacked = allocate(folder.unpacked);
-        std::size_t done = 0;
-        const SRes result = unpack(streams.method, streams.properties, packed.view(),
-                                   {unpacked.data.get(), unpacked.size}, done);
-        if (result == SZ_ERROR_MEM)
+    bool refuseUnpacking(const HeaderStreams& streams, const HeaderUnpacker& unpacker) {
+        if (unpacker.isOutOfMemory())
             throw std::bad_alloc();
-        if (result == SZ_ERROR_UNSUPPORTED)
-            return refuse(HeaderFault::Unsupported, "the header is packed in an unknown way", where);
-        if (result != SZ_OK)
-            return refuse(HeaderFault::Unreadable, "the packed header does not unpack", where);
-        if (done != unpacked.size)
-            return refuse(HeaderFault::Header, "the packed header is shorter than it should be", where);
-        headerChecksum_ = checksum(unpacked.view());
+        return refuse(unpacker.fault(),
+                      unpacker.fault() == HeaderFault::Unsupported ? "the header is packed in an unknown way"
+                                                                   : "the packed header does not unpack",
+                      kStartBytes + streams.offset);
+    }
+
+    /// What is large is looked at while it is unpacked, and refused before it takes much memory.
+    bool parsePacked(const HeaderStreams& streams, const PageBuffer& plain, HeaderUnpacker& unpacker) {
+        if (plain.size() <= kSmallHeader && !finishUnpacking(streams, plain, unpacker))
+            return false;
+        HeaderParser parser(plain.all(), headerOffset_, boundsFor(streams.firstPacked + header_.size()),
+                            &unpacker);
+        // Headers packed several times over do not exist for the engine either.
+        if (parser.reader().number() != HeaderId::kHeader)
+            parser.reader().refuse(HeaderFault::Header, "the packed header is none");
+        const bool isParsed = parser.parseHeader() && parser.reader().waste(parser.reader().left());
+        if (unpacker.fault() != HeaderFault::None)
+            return refuseUnpacking(streams, unpacker);
+        return accept(parser, isParsed) && finishUnpacking(streams, plain, unpacker);
+    }
+
+    bool finishUnpacking(const HeaderStreams& streams, const PageBuffer& plain, HeaderUnpacker& unpacker) {
+        if (!unpacker.supply(plain.size()))
+            return refuseUnpacking(streams, unpacker);
+        headerChecksum_ = checksum(plain.all());
         std::uint32_t wanted = headerChecksum_;
-        if (folder.hasDigest)
+        if (streams.folders[0].hasDigest)
             std::memcpy(&wanted, streams.digestValues.data(), sizeof wanted);
         return headerChecksum_ == wanted ||
-               refuse(HeaderFault::Header, "the packed header's checksum is wrong", where);
+               refuse(HeaderFault::Header, "the packed header's checksum is wrong",
+                      kStartBytes + streams.offset);
     }
 
     HeaderSource& source_;
@@ -299,7 +302,7 @@ private:
     std::uint64_t headerOffset_ = 0; // behind the first bytes
     std::uint64_t headerBytes_ = 0;
     std::uint32_t headerChecksum_ = 0; // of the header, and of the unpacked one once there is one
-    Bytes header_;
+    PageBuffer header_;
 };
 
 } // namespace

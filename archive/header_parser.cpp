@@ -1,5 +1,7 @@
 #include "archive/header_parser.h"
 
+#include "archive/name_census.h"
+
 #include <algorithm>
 #include <bit>
 #include <cstring>
@@ -8,32 +10,17 @@ namespace Vexel::Storage::Engine {
 
 namespace {
 
-constexpr std::uint64_t kMostExpansion = 8192;
-constexpr std::uint64_t kExpansionSlack = 0x10000;
-/// What packers set for small data, too.
-constexpr std::uint32_t kUsualDictionary = 0x4000000;
-
+/// Of a packed header: what is not known here, or not needed, or behind its end.
+constexpr std::uint64_t kMostWasted = 0x1000000;
+/// Of a coder; what is more is not of a method that anybody knows.
+constexpr std::uint64_t kUsualProperties = 64;
+constexpr std::uint64_t kSlice = 0x100000;
 constexpr std::uint32_t kMostCoders = 64; // of a folder, and their inputs
 constexpr std::uint64_t kMostIdBytes = 8;
 constexpr std::uint64_t kLargestCount = 0x7FFFFFFF;
 constexpr std::size_t kDigestBytes = 4;
 
 constexpr std::size_t bitBytes(std::uint32_t count) noexcept { return (std::size_t{count} + 7) / 8; }
-
-std::uint32_t lzmaDictionary(std::span<const std::byte> properties) noexcept {
-    std::uint32_t size = 0;
-    if (properties.size() == 5)
-        std::memcpy(&size, properties.data() + 1, sizeof size);
-    return size;
-}
-
-/// Of a size given by its exponent, with halves.
-std::uint32_t lzma2Dictionary(std::span<const std::byte> properties) noexcept {
-    if (properties.size() != 1)
-        return 0;
-    const auto code = std::to_integer<std::uint32_t>(properties[0]);
-    return code >= 40 ? 0xFFFFFFFF : (2 | (code & 1)) << (code / 2 + 11);
-}
 
 /// The number of 16-bit units that are 0. Names are half of a header: four units are looked at together.
 std::size_t zeroUnits(std::span<const std::byte> units) noexcept {
@@ -56,7 +43,7 @@ std::size_t zeroUnits(std::span<const std::byte> units) noexcept {
 bool HeaderReader::refuse(HeaderFault fault, const char* what) noexcept {
     if (ok())
         verdict_ = {fault, S_OK, what, position()};
-    position_ = bytes_.size(); // nothing more is to be had
+    position_ = available_ = bytes_.size(); // nothing more is to be had
     return false;
 }
 
@@ -65,19 +52,26 @@ bool HeaderReader::accept(const HeaderReader& part) noexcept {
         return ok();
     if (ok())
         verdict_ = part.verdict_;
-    position_ = bytes_.size();
+    position_ = available_ = bytes_.size();
     return false;
 }
 
-void HeaderReader::noMore() noexcept { refuse(HeaderFault::Header, "the header ends too early"); }
+bool HeaderReader::fetch(std::uint64_t size) noexcept {
+    if (size <= available_ - position_)
+        return true;
+    if (size > left())
+        return refuse(HeaderFault::Header, "the header ends too early");
+    if (!supply_->supply(position_ + static_cast<std::size_t>(size)))
+        return refuse(HeaderFault::Unreadable, "the packed header does not unpack");
+    available_ = supply_->available();
+    return true;
+}
 
 // The ones at the top of the first byte say how many bytes follow; the bits below them are the highest.
 std::uint64_t HeaderReader::longNumber(std::uint8_t first) noexcept {
     const auto more = static_cast<unsigned>(std::countl_one(first));
-    if (left() < more) {
-        noMore();
+    if (!fetch(more))
         return 0;
-    }
     std::uint64_t value = 0;
     for (unsigned i = 0; i < more; ++i)
         value |= std::to_integer<std::uint64_t>(bytes_[position_++]) << (8 * i);
@@ -93,13 +87,26 @@ std::uint32_t HeaderReader::count() noexcept {
 }
 
 std::span<const std::byte> HeaderReader::take(std::uint64_t size) noexcept {
-    if (size > left()) {
-        noMore();
+    if (!fetch(size))
         return {};
-    }
     const auto taken = bytes_.subspan(position_, static_cast<std::size_t>(size));
     position_ += taken.size();
     return taken;
+}
+
+bool HeaderReader::waste(std::uint64_t size) noexcept {
+    if (supply_ && size > kMostWasted - wasted_)
+        return refuse(HeaderFault::Header, "there is too much in the packed header that means nothing");
+    wasted_ += supply_ ? size : 0;
+    return true;
+}
+
+void HeaderReader::skip(std::uint64_t size) noexcept {
+    constexpr std::uint64_t kLeastBefore = 2; // what it is, and its size
+    if (size <= left() && waste(size + kLeastBefore))
+        take(size);
+    else
+        refuse(HeaderFault::Header, "the header ends too early");
 }
 
 DefinedSet::DefinedSet(std::span<const std::byte> bits, std::uint32_t size) noexcept : bits_(bits) {
@@ -119,9 +126,12 @@ bool DefinedSet::contains(std::uint32_t index) const noexcept {
            (std::to_integer<unsigned>(bits_[index / 8]) & (0x80U >> (index % 8))) != 0;
 }
 
-bool HeaderParser::fits(std::uint64_t count, std::uint64_t leastBytes) noexcept {
-    return (count <= reader_.left() / leastBytes && count <= mostThings_) ||
-           reader_.refuse(HeaderFault::Header, "a count is higher than the header has bytes for");
+bool HeaderParser::refuseCount() noexcept {
+    return reader_.refuse(HeaderFault::Header, "a count is higher than the header has bytes for");
+}
+
+bool HeaderParser::fits(std::uint64_t count, std::uint64_t leastBytes, std::uint64_t most) noexcept {
+    return (count <= reader_.left() / leastBytes && count <= most) || refuseCount();
 }
 
 /// Skips what is not known here. The format ends each of its parts, so that this cannot miss what it looks
@@ -133,7 +143,7 @@ bool HeaderParser::skipTo(std::uint64_t id) noexcept {
             return reader_.ok();
         if (found == HeaderId::kEnd)
             return reader_.refuse(HeaderFault::Header, "a part of the header is missing");
-        reader_.take(reader_.number());
+        reader_.skip(reader_.number());
     }
     return false;
 }
@@ -148,7 +158,7 @@ bool HeaderParser::parseHeader() {
     std::uint64_t id = reader_.number();
     if (id == HeaderId::kArchiveProperties) {
         while (reader_.ok() && reader_.number() != HeaderId::kEnd)
-            reader_.take(reader_.number());
+            reader_.skip(reader_.number());
         id = reader_.number();
     }
     if (id == HeaderId::kAdditionalStreamsInfo)
@@ -197,9 +207,8 @@ bool HeaderParser::parsePackInfo(HeaderStreams& streams) noexcept {
     if (streams.offset > packedRange_)
         return reader_.refuse(HeaderFault::Header, "the packed streams begin behind the header");
     streams.packStreams = reader_.count();
-    if (!skipTo(HeaderId::kSize) || !fits(streams.packStreams, 1))
+    if (!skipTo(HeaderId::kSize) || !fits(streams.packStreams, 1, bounds_.things))
         return false;
-    streams.packSizes = reader_; // they are looked at once more, for less than it costs to keep them
     std::uint64_t room = packedRange_ - streams.offset;
     for (std::uint32_t i = 0; i < streams.packStreams; ++i) {
         const std::uint64_t size = reader_.number();
@@ -207,15 +216,22 @@ bool HeaderParser::parsePackInfo(HeaderStreams& streams) noexcept {
             return reader_.refuse(HeaderFault::Header,
                                   "the packed streams are longer than the file has room for");
         room -= size;
+        if (i == 0)
+            streams.firstPacked = size;
     }
     for (;;) {
         const std::uint64_t id = reader_.number();
         if (id == HeaderId::kEnd)
             return reader_.ok();
-        if (id == HeaderId::kCrc)
-            reader_.take(std::uint64_t{defined(reader_, streams.packStreams).count()} * kDigestBytes);
-        else
-            reader_.take(reader_.number());
+        if (id == HeaderId::kCrc) {
+            const std::uint64_t size =
+                std::uint64_t{defined(reader_, streams.packStreams).count()} * kDigestBytes;
+            if (!reader_.waste(size + bitBytes(streams.packStreams) + 2))
+                return false;
+            reader_.take(size);
+        } else {
+            reader_.skip(reader_.number());
+        }
     }
 }
 
@@ -226,7 +242,7 @@ bool HeaderParser::parseFolders(HeaderStreams& streams) {
     if (reader_.byte() != 0)
         return reader_.refuse(HeaderFault::Header, "the folders stand in additional data that do not exist");
     // Of a folder there is its number of coders, one coder and its size at least.
-    if (!fits(count, 3))
+    if (!fits(count, 3, bounds_.folders))
         return false;
     streams.folders.resize(count);
     for (HeaderFolder& folder : streams.folders) {
@@ -243,7 +259,7 @@ bool HeaderParser::parseFolder(HeaderStreams& streams, HeaderFolder& folder) noe
     folder.coders = static_cast<std::uint8_t>(coders);
     std::uint32_t inputs = 0;
     for (std::uint32_t i = 0; i < coders; ++i) {
-        if (!parseCoder(streams, folder, inputs))
+        if (!parseCoder(streams, inputs))
             return false;
     }
     if ((coders > 1 || inputs > 1) && !parseBonds(folder, inputs))
@@ -252,12 +268,11 @@ bool HeaderParser::parseFolder(HeaderStreams& streams, HeaderFolder& folder) noe
     if (taken > streams.packStreams)
         return reader_.refuse(HeaderFault::Header, "there are fewer packed streams than the folders need");
     streams.packStreams -= taken;
-    for (std::uint32_t i = 0; i < taken; ++i)
-        folder.packed += streams.packSizes.number();
-    return true;
+    streams.inputs = taken;
+    return reader_.ok();
 }
 
-bool HeaderParser::parseCoder(HeaderStreams& streams, HeaderFolder& folder, std::uint32_t& inputs) noexcept {
+bool HeaderParser::parseCoder(HeaderStreams& streams, std::uint32_t& inputs) noexcept {
     const std::uint8_t kind = reader_.byte();
     const unsigned idBytes = kind & 0x0F;
     if ((kind & 0xC0) != 0 || idBytes > kMostIdBytes)
@@ -276,13 +291,10 @@ bool HeaderParser::parseCoder(HeaderStreams& streams, HeaderFolder& folder, std:
     if (inputs > kMostCoders)
         return reader_.refuse(HeaderFault::Unsupported, "the coders of a folder have too many inputs");
 
-    streams.properties = (kind & 0x20) != 0 ? reader_.take(reader_.count()) : std::span<const std::byte>();
-    if (streams.method == MethodId::kLzma)
-        folder.dictionary = (std::max)(folder.dictionary, lzmaDictionary(streams.properties));
-    else if (streams.method == MethodId::kLzma2)
-        folder.dictionary = (std::max)(folder.dictionary, lzma2Dictionary(streams.properties));
-    else if (streams.method != MethodId::kCopy)
-        folder.isKnown = false;
+    const std::uint32_t properties = (kind & 0x20) != 0 ? reader_.count() : 0;
+    if (properties > kUsualProperties && !reader_.waste(properties))
+        return false;
+    streams.properties = reader_.take(properties);
     return reader_.ok();
 }
 
@@ -317,25 +329,14 @@ bool HeaderParser::parseBonds(HeaderFolder& folder, std::uint32_t inputs) noexce
 
 bool HeaderParser::parseUnpackSizes(HeaderStreams& streams) noexcept {
     for (HeaderFolder& folder : streams.folders) {
-        std::uint64_t largest = 0;
         for (unsigned i = 0; i < folder.coders; ++i) {
             const std::uint64_t size = reader_.number();
-            largest = (std::max)(largest, size);
             if (i == folder.mainCoder)
                 folder.unpacked = size;
         }
-        if (!reader_.ok() || !checkExpansion(folder, largest))
+        if (!reader_.ok())
             return false;
     }
-    return true;
-}
-
-bool HeaderParser::checkExpansion(const HeaderFolder& folder, std::uint64_t largest) noexcept {
-    if (folder.dictionary > kUsualDictionary && folder.dictionary / 2 > largest)
-        return reader_.refuse(HeaderFault::Header, "a dictionary is much larger than the data");
-    const std::uint64_t over = largest > kExpansionSlack ? largest - kExpansionSlack : 0;
-    if (folder.isKnown && over / kMostExpansion + (over % kMostExpansion != 0) > folder.packed)
-        return reader_.refuse(HeaderFault::Header, "a folder promises more than its packed bytes can hold");
     return true;
 }
 
@@ -347,11 +348,13 @@ bool HeaderParser::parseFolderDigests(HeaderStreams& streams) noexcept {
         if (id == HeaderId::kEnd)
             return reader_.ok();
         if (id != HeaderId::kCrc) {
-            reader_.take(reader_.number());
+            reader_.skip(reader_.number());
             continue;
         }
         if (found && count != 0)
             return reader_.refuse(HeaderFault::Header, "the folders have digests twice");
+        if (found && !reader_.waste(2))
+            return false;
         found = true;
         streams.digests = defined(reader_, count);
         streams.digestValues = reader_.take(std::uint64_t{streams.digests.count()} * kDigestBytes);
@@ -365,7 +368,7 @@ bool HeaderParser::parseSubStreams(HeaderStreams& streams) noexcept {
     for (bool counted = false; id != HeaderId::kCrc && id != HeaderId::kSize && id != HeaderId::kEnd;
          id = reader_.number()) {
         if (id != HeaderId::kNumUnpackStream) {
-            reader_.take(reader_.number());
+            reader_.skip(reader_.number());
             continue;
         }
         if (counted)
@@ -392,8 +395,8 @@ bool HeaderParser::parseStreamCounts(HeaderStreams& streams) noexcept {
         folder.streams = reader_.count();
         count += folder.streams;
         sizes += folder.streams > 1 ? folder.streams - 1 : 0;
-        if (sizes > reader_.left() || count > mostThings_)
-            return fits(std::numeric_limits<std::uint64_t>::max(), 1);
+        if (sizes > reader_.left() || count > bounds_.things)
+            return refuseCount();
     }
     if (count > kLargestCount)
         return reader_.refuse(HeaderFault::Unsupported, "a count is beyond what the engine counts to");
@@ -421,72 +424,92 @@ bool HeaderParser::parseStreamDigests(const HeaderStreams& streams, std::uint64_
         count += folder.streams == 1 && folder.hasDigest ? 0 : folder.streams;
     for (bool found = false; id != HeaderId::kEnd && reader_.ok(); id = reader_.number()) {
         if (id != HeaderId::kCrc) {
-            reader_.take(reader_.number());
+            reader_.skip(reader_.number());
             continue;
         }
         if (found && streams.count != 0)
             return reader_.refuse(HeaderFault::Header, "the streams have digests twice");
+        if (found && !reader_.waste(2))
+            return false;
         found = true;
         reader_.take(std::uint64_t{defined(reader_, count).count()} * kDigestBytes);
     }
     return reader_.ok();
 }
 
-bool HeaderParser::parseFiles(std::uint32_t streams) noexcept {
+bool HeaderParser::parseFiles(std::uint32_t streams) {
     files_ = reader_.count();
-    // The items' bytes are partly behind us: those with contents are described by their streams.
-    if (files_ > headerBytes_ || files_ > mostThings_)
-        return fits(std::numeric_limits<std::uint64_t>::max(), 1);
-    std::uint64_t seen = 0;
+    // Each has a stream, which was counted, or a bit that says that it has none.
+    if (files_ > streams + 8 * headerBytes_ || files_ > bounds_.things)
+        return refuseCount();
     for (;;) {
         const std::uint64_t id = reader_.number();
         if (id == HeaderId::kEnd)
             break;
-        const std::uint64_t size = reader_.number();
-        const std::size_t begin = reader_.position();
-        HeaderReader part(reader_.take(size), begin);
-        if (!reader_.ok())
-            return false;
-        if (id <= HeaderId::kStartPosition) {
-            if ((seen >> id & 1) != 0)
-                return reader_.refuse(HeaderFault::Header, "the items have a property twice");
-            seen |= std::uint64_t{1} << id;
-        }
-        parseProperty(id, part);
-        if (!reader_.accept(part))
+        if (!parseFileProperty(id, reader_.number()))
             return false;
     }
+    if (reader_.ok() && (seen_ >> HeaderId::kName & 1) == 0 && files_ > bounds_.alikeItems)
+        return reader_.refuse(HeaderFault::Header, "there are too many items without a name");
     if (reader_.ok() && files_ - emptyFiles_ != streams)
         return reader_.refuse(HeaderFault::Unsupported, "there are not as many items as streams");
     return reader_.ok();
 }
 
-void HeaderParser::parseProperty(std::uint64_t id, HeaderReader& part) noexcept {
+// A property may come twice: the engine takes the last.
+bool HeaderParser::parseFileProperty(std::uint64_t id, std::uint64_t size) {
+    if (id <= HeaderId::kStartPosition) {
+        if ((seen_ >> id & 1) != 0 && !reader_.waste(size))
+            return false;
+        seen_ |= std::uint64_t{1} << id;
+    }
+    if (id == HeaderId::kName)
+        return parseNames(size);
+    const std::uint64_t most = mostBytes(id);
+    if (most == 0) { // not known here; the engine skips it, too
+        reader_.skip(size);
+        return reader_.ok();
+    }
+    if (size > most)
+        return reader_.refuse(HeaderFault::Header, "a property of the items is longer than it should be");
+    const std::size_t begin = reader_.position();
+    HeaderReader part(reader_.take(size), begin);
+    if (!reader_.ok())
+        return false;
+    parseProperty(id, part);
+    if (part.ok() && part.left() != 0)
+        part.refuse(HeaderFault::Header, "a property of the items is longer than it should be");
+    return reader_.accept(part);
+}
+
+/// Of a property of the items; 0 for one that is not known here.
+std::uint64_t HeaderParser::mostBytes(std::uint64_t id) const noexcept {
+    // Which have a value, and where it stands, come first.
+    const auto values = [this](std::uint64_t each) { return 2 + bitBytes(files_) + each * files_; };
     switch (id) {
-    case HeaderId::kName:
-        parseNames(part);
-        break;
     case HeaderId::kEmptyStream:
-        emptyFiles_ = DefinedSet(part.take(bitBytes(files_)), files_).count();
-        break;
     case HeaderId::kEmptyFile:
     case HeaderId::kAnti:
-        part.take(bitBytes(emptyFiles_));
-        break;
+        return 1 + bitBytes(files_);
     case HeaderId::kCreationTime:
     case HeaderId::kAccessTime:
     case HeaderId::kModificationTime:
     case HeaderId::kStartPosition:
-        parseValues(part, sizeof(std::uint64_t));
-        break;
+        return values(sizeof(std::uint64_t));
     case HeaderId::kAttributes:
-        parseValues(part, sizeof(std::uint32_t));
-        break;
+        return values(sizeof(std::uint32_t));
     default:
-        return; // the engine skips it
+        return 0;
     }
-    if (part.ok() && part.left() != 0)
-        part.refuse(HeaderFault::Header, "a property of the items is longer than it should be");
+}
+
+void HeaderParser::parseProperty(std::uint64_t id, HeaderReader& part) noexcept {
+    if (id == HeaderId::kEmptyStream)
+        emptyFiles_ = DefinedSet(part.take(bitBytes(files_)), files_).count();
+    else if (id == HeaderId::kEmptyFile || id == HeaderId::kAnti)
+        part.take(bitBytes(emptyFiles_));
+    else
+        parseValues(part, id == HeaderId::kAttributes ? sizeof(std::uint32_t) : sizeof(std::uint64_t));
 }
 
 void HeaderParser::parseValues(HeaderReader& part, std::size_t bytesEach) noexcept {
@@ -496,17 +519,36 @@ void HeaderParser::parseValues(HeaderReader& part, std::size_t bytesEach) noexce
     part.take(std::uint64_t{count} * bytesEach);
 }
 
-// Each ends with a zero. What follows the last, the engine passes over.
-void HeaderParser::parseNames(HeaderReader& part) noexcept {
-    if (part.byte() != 0) {
-        part.refuse(HeaderFault::Header, "the names stand in additional data that do not exist");
-        return;
+// Each ends with a zero. What follows the last, the engine takes for an error.
+bool HeaderParser::parseNames(std::uint64_t size) {
+    if (size > reader_.left() || size == 0)
+        return reader_.refuse(HeaderFault::Header, "the header ends too early");
+    if (reader_.byte() != 0)
+        return reader_.refuse(HeaderFault::Header, "the names stand in additional data that do not exist");
+    --size;
+    if (size / sizeof(wchar_t) > kLargestCount)
+        return reader_.refuse(HeaderFault::Unsupported, "the names are longer than texts can be");
+    if (size > bounds_.nameBytes)
+        return reader_.refuse(HeaderFault::Header, "the names are longer than the header has bytes for");
+    if (files_ > bounds_.alikeItems || size > bounds_.alikeNameBytes)
+        return areNamesVaried(size);
+    return zeroUnits(reader_.take(size)) >= files_ || refuseNames();
+}
+
+bool HeaderParser::areNamesVaried(std::uint64_t size) {
+    NameCensus census(files_);
+    while (size > 0 && reader_.ok()) {
+        const std::uint64_t slice = (std::min)(size, kSlice);
+        census.add(reader_.take(slice));
+        size -= slice;
+        if (!census.isVaried())
+            return reader_.refuse(HeaderFault::Header, "there are too many items of the same name");
     }
-    const auto names = part.take(part.left());
-    if (names.size() / sizeof(wchar_t) > kLargestCount)
-        part.refuse(HeaderFault::Unsupported, "the names are longer than texts can be");
-    if (zeroUnits(names) < files_)
-        part.refuse(HeaderFault::Header, "there are fewer names than items");
+    return census.count() >= files_ || refuseNames();
+}
+
+bool HeaderParser::refuseNames() noexcept {
+    return reader_.refuse(HeaderFault::Header, "there are fewer names than items");
 }
 
 } // namespace Vexel::Storage::Engine

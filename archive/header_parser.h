@@ -44,12 +44,28 @@ constexpr std::uint64_t kLzma2 = 0x21;
 constexpr std::uint64_t kLzma = 0x030101;
 } // namespace MethodId
 
+/// Where the bytes of a header come from that is not there as a whole yet.
+class HeaderSupply {
+public:
+    HeaderSupply() = default;
+    HeaderSupply(const HeaderSupply&) = delete;
+    HeaderSupply& operator=(const HeaderSupply&) = delete;
+    virtual ~HeaderSupply() = default;
+
+    /// Sees that the first `count` bytes are there, of as many as the header has. False: they cannot be had.
+    virtual bool supply(std::size_t count) noexcept = 0;
+    virtual std::size_t available() const noexcept = 0;
+};
+
 /// Reads numbers off bytes. Whoever wants more than there is gets zeros, and the verdict tells of it: the
 /// first fault is the one that counts, and loops need to look for it only where they would run long.
 class HeaderReader {
 public:
-    explicit HeaderReader(std::span<const std::byte> bytes, std::size_t begin = 0) noexcept
-        : bytes_(bytes), begin_(begin) {}
+    /// `supply`, if any, puts the bytes in their places.
+    explicit HeaderReader(std::span<const std::byte> bytes, std::size_t begin = 0,
+                          HeaderSupply* supply = nullptr) noexcept
+        : bytes_(bytes), begin_(begin), available_(supply ? supply->available() : bytes.size()),
+          supply_(supply) {}
 
     bool ok() const noexcept { return verdict_.fault == HeaderFault::None; }
     const HeaderVerdict& verdict() const noexcept { return verdict_; }
@@ -61,10 +77,8 @@ public:
     bool accept(const HeaderReader& part) noexcept;
 
     std::uint8_t byte() noexcept {
-        if (left() > 0)
-            return std::to_integer<std::uint8_t>(bytes_[position_++]);
-        noMore();
-        return 0;
+        return position_ < available_ || fetch(1) ? std::to_integer<std::uint8_t>(bytes_[position_++])
+                                                  : std::uint8_t{0};
     }
     std::uint64_t number() noexcept {
         const std::uint8_t first = byte();
@@ -73,14 +87,23 @@ public:
     /// A number that the engine counts with.
     std::uint32_t count() noexcept;
     std::span<const std::byte> take(std::uint64_t size) noexcept;
+    /// Counts bytes that nobody needs. Of a packed header these may not be many: they would be unpacked for
+    /// nothing.
+    bool waste(std::uint64_t size) noexcept;
+    /// Passes over something with its size before it.
+    void skip(std::uint64_t size) noexcept;
 
 private:
     std::uint64_t longNumber(std::uint8_t first) noexcept;
-    void noMore() noexcept;
+    /// Whether the next bytes are there.
+    bool fetch(std::uint64_t size) noexcept;
 
     std::span<const std::byte> bytes_;
     std::size_t begin_;
     std::size_t position_ = 0;
+    std::size_t available_;
+    HeaderSupply* supply_;
+    std::uint64_t wasted_ = 0;
     HeaderVerdict verdict_;
 };
 
@@ -108,37 +131,44 @@ private:
 
 /// Streams in the file that are unpacked together.
 struct HeaderFolder {
-    std::uint64_t packed = 0;   ///< bytes
     std::uint64_t unpacked = 0; ///< bytes
     std::uint32_t streams = 1;  ///< that it unpacks to
-    std::uint32_t dictionary = 0;
     std::uint8_t coders = 0;
     std::uint8_t mainCoder = 0; ///< the one whose output is the folder's
-    bool isKnown = true;        ///< whether the methods of all its coders are
     bool hasDigest = false;
 };
 
 struct HeaderStreams {
     std::uint64_t offset = 0;      ///< of the first packed stream, after the archive's first bytes
-    HeaderReader packSizes{{}};    ///< of the packed streams that no folder has taken yet
-    std::uint32_t packStreams = 0; ///< how many these are
+    std::uint64_t firstPacked = 0; ///< bytes of that stream
+    std::uint32_t packStreams = 0; ///< how many no folder has taken yet
     std::vector<HeaderFolder> folders;
     std::uint32_t count = 0; ///< of the streams that come out of all folders
 
-    // Of the last folder.
+    // Of the last folder, and its last coder.
+    std::uint32_t inputs = 0; ///< packed streams that go into it
     std::uint64_t method = 0;
     std::span<const std::byte> properties;
     DefinedSet digests;                      ///< of the folders
     std::span<const std::byte> digestValues; ///< of those that have one, 4 bytes each
 };
 
+/// What a header's bytes can stand for; see header_check.h.
+struct HeaderBounds {
+    std::uint64_t things = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t folders = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t nameBytes = std::numeric_limits<std::uint64_t>::max();
+    /// Names must differ where there are more, of the items or of the bytes of their names.
+    std::uint64_t alikeItems = std::numeric_limits<std::uint64_t>::max();
+    std::uint64_t alikeNameBytes = std::numeric_limits<std::uint64_t>::max();
+};
+
 class HeaderParser {
 public:
-    /// `packedRange`: the bytes between the archive's first ones and the header. `mostThings`: that `bytes`
-    /// can stand for.
-    HeaderParser(std::span<const std::byte> bytes, std::uint64_t packedRange,
-                 std::uint64_t mostThings = std::numeric_limits<std::uint64_t>::max()) noexcept
-        : reader_(bytes), headerBytes_(bytes.size()), packedRange_(packedRange), mostThings_(mostThings) {}
+    /// `packedRange`: the bytes between the archive's first ones and the header. `supply` as in HeaderReader.
+    HeaderParser(std::span<const std::byte> bytes, std::uint64_t packedRange, const HeaderBounds& bounds = {},
+                 HeaderSupply* supply = nullptr) noexcept
+        : reader_(bytes, 0, supply), headerBytes_(bytes.size()), packedRange_(packedRange), bounds_(bounds) {}
 
     HeaderReader& reader() noexcept { return reader_; }
 
@@ -147,17 +177,17 @@ public:
     bool parseStreams(HeaderStreams& streams);
 
 private:
-    bool fits(std::uint64_t count, std::uint64_t leastBytes) noexcept;
+    bool refuseCount() noexcept;
+    bool fits(std::uint64_t count, std::uint64_t leastBytes, std::uint64_t most) noexcept;
     bool skipTo(std::uint64_t id) noexcept;
     DefinedSet defined(HeaderReader& reader, std::uint32_t count) noexcept;
 
     bool parsePackInfo(HeaderStreams& streams) noexcept;
     bool parseFolders(HeaderStreams& streams);
     bool parseFolder(HeaderStreams& streams, HeaderFolder& folder) noexcept;
-    bool parseCoder(HeaderStreams& streams, HeaderFolder& folder, std::uint32_t& inputs) noexcept;
+    bool parseCoder(HeaderStreams& streams, std::uint32_t& inputs) noexcept;
     bool parseBonds(HeaderFolder& folder, std::uint32_t inputs) noexcept;
     bool parseUnpackSizes(HeaderStreams& streams) noexcept;
-    bool checkExpansion(const HeaderFolder& folder, std::uint64_t largest) noexcept;
     bool parseFolderDigests(HeaderStreams& streams) noexcept;
 
     bool parseSubStreams(HeaderStreams& streams) noexcept;
@@ -165,17 +195,22 @@ private:
     bool parseStreamSizes(const HeaderStreams& streams) noexcept;
     bool parseStreamDigests(const HeaderStreams& streams, std::uint64_t id) noexcept;
 
-    bool parseFiles(std::uint32_t streams) noexcept;
+    bool parseFiles(std::uint32_t streams);
+    bool parseFileProperty(std::uint64_t id, std::uint64_t size);
+    std::uint64_t mostBytes(std::uint64_t id) const noexcept;
     void parseProperty(std::uint64_t id, HeaderReader& part) noexcept;
     void parseValues(HeaderReader& part, std::size_t bytesEach) noexcept;
-    void parseNames(HeaderReader& part) noexcept;
+    bool parseNames(std::uint64_t size);
+    bool areNamesVaried(std::uint64_t size);
+    bool refuseNames() noexcept;
 
     HeaderReader reader_;
     const std::uint64_t headerBytes_;
     const std::uint64_t packedRange_;
-    const std::uint64_t mostThings_;
+    const HeaderBounds bounds_;
     std::uint32_t files_ = 0;
     std::uint32_t emptyFiles_ = 0;
+    std::uint64_t seen_ = 0; // properties of the items, a bit each
 };
 
 } // namespace Vexel::Storage::Engine

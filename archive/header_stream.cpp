@@ -1,5 +1,7 @@
 #include "archive/header_stream.h"
 
+#include "archive/status.h"
+
 #include <algorithm>
 #include <cstring>
 
@@ -8,25 +10,26 @@ namespace Vexel::Storage::Engine {
 HRESULT InStreamSource::read(std::uint64_t offset, std::span<std::byte> target, std::size_t& count) noexcept {
     UInt32 done = 0;
     if (const HRESULT status = input_.Seek(static_cast<Int64>(offset), STREAM_SEEK_SET, nullptr);
-        FAILED(status))
-        return status;
+        status != S_OK)
+        return asStatus(status);
     const HRESULT status = input_.Read(target.data(), static_cast<UInt32>(target.size()), &done);
     count = done;
-    return status;
+    return asStatus(status);
 }
 
 HRESULT HeaderStream::Read(void* data, UInt32 size, UInt32* processed) noexcept {
+    constexpr std::size_t kAtOnce = 0x400000;
     std::span<const std::byte> from;
     if (position_ < header_.start.size())
         from = std::span(header_.start).subspan(static_cast<std::size_t>(position_));
-    else if (header_.bytes && position_ >= header_.offset && position_ < end())
-        from = header_.view().subspan(static_cast<std::size_t>(position_ - header_.offset));
-    const std::size_t count = (std::min)(from.size(), std::size_t{size});
+    else if (position_ >= header_.offset + header_.bytes.dropped() && position_ < end())
+        from = header_.bytes.all().subspan(static_cast<std::size_t>(position_ - header_.offset));
+    const std::size_t count = (std::min)({from.size(), std::size_t{size}, kAtOnce});
     if (count > 0)
         std::memcpy(data, from.data(), count);
     position_ += count;
-    if (count > 0 && position_ == end())
-        header_.bytes.reset();
+    if (position_ > header_.offset)
+        header_.bytes.dropFront(static_cast<std::size_t>(position_ - header_.offset));
     if (processed)
         *processed = static_cast<UInt32>(count);
     return S_OK;

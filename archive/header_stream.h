@@ -20,8 +20,8 @@ private:
     const std::uint64_t size_;
 };
 
-/// An archive of nothing but its first bytes and its header, at its place. The header can be read once and is
-/// then let go of: the engine reads all of it into memory of its own.
+/// An archive of nothing but its first bytes and its header, at its place. The header can be read once, and
+/// is let go of as it is read: the engine reads all of it into memory of its own.
 class HeaderStream final : public InStreamBase {
 public:
     explicit HeaderStream(PlainHeader&& header) noexcept : header_(std::move(header)) {}
@@ -31,7 +31,7 @@ public:
     HRESULT STDMETHODCALLTYPE GetSize(UInt64* size) noexcept override;
 
 private:
-    std::uint64_t end() const noexcept { return header_.offset + header_.size; }
+    std::uint64_t end() const noexcept { return header_.offset + header_.bytes.size(); }
 
     PlainHeader header_;
     std::uint64_t position_ = 0;

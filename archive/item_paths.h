@@ -16,6 +16,11 @@ inline void append(CString& path, std::wstring_view text) {
 /// Whether the path may name an item at all.
 inline bool isItemPath(std::wstring_view path) noexcept { return !path.empty() && !path.starts_with(L'/'); }
 
+/// Whether a new item may have that path: each of its elements is one.
+inline bool isNewItemPath(std::wstring_view path) noexcept {
+    return isItemPath(path) && !path.ends_with(L'/') && path.find(L"//") == std::wstring_view::npos;
+}
+
 /// Whether `path` names something below `directory`; everything is below the root.
 inline bool isInside(std::wstring_view directory, std::wstring_view path) noexcept {
     return directory.empty() ||

@@ -22,21 +22,19 @@ STATSTG describe(const SZipArchiveItem& item) {
     return entry;
 }
 
-/// The child that leads to an item, by its path below the storage. All of it is decoded before it is taken
-/// apart, so an element with a "/" in its name is cut there; documents rely on it.
-CString childName(std::wstring_view pathBelow) {
-    const CString decoded = SZipArchive::decodePathElement(pathBelow);
-    const std::wstring_view text = StringLess::view(decoded);
+/// An element with a "/" in its name is cut there; documents rely on it.
+CString cut(const CString& name) {
+    const std::wstring_view text = StringLess::view(name);
     return toString(text.substr(0, text.find(L'/')));
 }
 
 } // namespace
 
 SZipEnumerator::SZipEnumerator(const SZipArchive& archive, const CString& path) {
-    const auto add = [this](std::wstring_view pathBelow, const SZipArchiveItem& item) {
-        entries_.try_emplace(childName(pathBelow), describe(item)); // a storage comes before what is in it
+    const auto add = [this](const CString& name, const SZipArchiveItem& item) {
+        entries_.try_emplace(cut(name), describe(item));
     };
-    if (archive.visitDescendants(StringLess::view(path), add) != S_OK)
+    if (archive.visitChildren(path, add) != S_OK)
         throw std::bad_alloc();
     next_ = entries_.begin();
 }

@@ -51,6 +51,8 @@ HRESULT openPackage(const wchar_t* path, DWORD mode, bool silentDiscard, SZipSto
                 status = archive->openingStatus();
             if (!isTolerable(status, readOnly))
                 return status;
+            if (!readOnly && archive->readOnly()) // see SZipArchive::reload
+                return STG_E_ACCESSDENIED;
         }
         *root = Detail::make<SZipStorage>(CString(), std::move(archive), mode).Detach();
         return S_OK;

@@ -1,6 +1,5 @@
 #include "archive/szip_storage.h"
 
-#include "archive/item_paths.h"
 #include "archive/szip_enumerator.h"
 #include "archive/szip_stream.h"
 #include "archive/task_memory.h"
@@ -44,10 +43,7 @@ SZipStorage::SZipStorage(CString path, std::shared_ptr<SZipArchive> archive, DWO
 
 SZipStorage::~SZipStorage() = default;
 
-CString SZipStorage::childPath(LPCOLESTR name) const {
-    const CString element = SZipArchive::encodePathElement(std::wstring_view(name));
-    return path_.IsEmpty() ? element : path_ + L"/" + element;
-}
+CString SZipStorage::childPath(LPCOLESTR name) const { return archive_->childPath(path_, name); }
 
 HRESULT SZipStorage::QueryInterface(const GUID& iid, void** ppv) noexcept {
     return ppv && (iid == __uuidof(IStorage) || iid == IID_SZipStorage)
@@ -202,9 +198,7 @@ HRESULT SZipStorage::Stat(STATSTG* info, DWORD flags) noexcept {
         info->grfStateBits = stateBits_;
         if (flags == STATFLAG_NONAME)
             return S_OK;
-        const CString name = path_.IsEmpty()
-                                 ? archive_->fileName()
-                                 : SZipArchive::decodePathElement(lastElement(StringLess::view(path_)));
+        const CString name = path_.IsEmpty() ? archive_->fileName() : archive_->nameOf(path_);
         info->pwcsName = duplicateText(StringLess::view(name));
         return info->pwcsName ? S_OK : STG_E_INSUFFICIENTMEMORY;
     });

@@ -5,6 +5,7 @@ import os
 import pathlib
 import random
 import shutil
+import struct
 import subprocess
 import tempfile
 import time
@@ -14,6 +15,7 @@ import zlib
 from vexel_cli import BUILD, ROOT, listing, run, seven_zip
 
 WALKS = int(os.environ.get("VEXEL_WALKS", 4))
+MUTANTS = int(os.environ.get("VEXEL_MUTANTS", 300))
 KILLS = int(os.environ.get("VEXEL_KILLS", 12))
 EPOCH = 116444736000000000  # 1970 in the 100 ns units since 1601
 
@@ -112,6 +114,39 @@ class Packages(unittest.TestCase):
             for name, item in items.items():
                 real = 0 if read else zlib.crc32(name.encode() * 100)
                 self.assertEqual((item["read"], item["size"], item["real"]), (read, 500, real), (compression, name))
+
+    # What 7zz lists opens, and what it faults is refused: headers with changed bytes and mended checksums.
+    def test_headers_that_7zz_lists_open_and_no_others(self):
+        tree = self.directory / "tree"
+        (tree / "d").mkdir(parents=True)
+        for name in ["a", "b%", "d/c", "d/empty"]:
+            (tree / name).write_bytes(name.encode() * 50 * ("empty" not in name))
+        whole = []
+        for options in [["-ms=off", "-m0=lzma2:d=1g"], ["-ms=on", "-m0=lzma", "-mtc=on"], ["-m0=ppmd"], ["-mf=bcj", "-ms=off"]]:
+            whole.append(self.directory / f"{len(whole)}.7z")
+            seven_zip("a", "-mhc=off", *options, whole[-1], ".", cwd=tree)
+            self.assertEqual(self.opened(whole[-1:])[0][0], 0)
+        generator = random.Random(7)
+        changed = []
+        for number in range(MUTANTS):
+            data = bytearray(generator.choice(whole).read_bytes())
+            header = 32 + struct.unpack_from("<Q", data, 12)[0]
+            for _ in range(generator.choice([1, 1, 2])):
+                place = generator.randrange(header, len(data))
+                data[place] = generator.choice([data[place] ^ 1 << generator.randrange(8), 0, 1, 0xFF, generator.randrange(256)])
+            struct.pack_into("<I", data, 28, zlib.crc32(data[header:]))
+            struct.pack_into("<I", data, 8, zlib.crc32(data[12:32]))
+            changed.append(self.directory / f"changed {number}.7z")
+            changed[-1].write_bytes(data)
+        lists = [subprocess.run(["7zz", "l", path], capture_output=True, timeout=60).returncode == 0 for path in changed]
+        self.assertTrue(0 < sum(lists) < len(lists))
+        for path, is_listed, (status, _) in zip(changed, lists, self.opened(changed)):
+            self.assertEqual(status == 0, is_listed, (path.name, hex(status), path.read_bytes().hex()))
+
+    def opened(self, paths):
+        batches = [paths[i:i + 200] for i in range(0, len(paths), 200)]  # a command line has its limits
+        lines = [line for batch in batches for line in tool("open", *(f"Z:{path}" for path in batch)).splitlines()]
+        return [tuple(map(int, line.split())) for line in lines]
 
     def test_twenty_thousand_items(self):
         tree = self.directory / "tree"

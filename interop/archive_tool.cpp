@@ -1,6 +1,7 @@
 // Works on packages as a client of the DLL does, for the checks against other programs:
 //
 //   archive_tool dump FILE              every item, a line of JSON each
+//   archive_tool open FILE...           what opening each gives, and how many contents cannot be had
 //   archive_tool walk DIR SEED SAVES    a random walk, held against a plain map; after each save a package
 //                                       and its list of items are put in DIR
 //   archive_tool loop FILE              saves two states in turn until it is stopped, telling each time
@@ -19,6 +20,7 @@
 #include <nlohmann/json.hpp>
 #include <zlib.h>
 
+#include <algorithm>
 #include <cstdio>
 #include <filesystem>
 #include <fstream>
@@ -97,6 +99,21 @@ void dump(const std::wstring& file) {
         }
         std::cout << line.dump() << '\n';
     }
+}
+
+void open(const std::wstring& file) {
+    SZipArchive archive(file, true, true);
+    const HRESULT status = archive.reload();
+    unsigned refused = 0;
+    for (const auto& [path, item] : archive.items()) {
+        ComPtr<IStream> stream;
+        if (!item.isDirectory())
+            archive.extractFile(&stream, path);
+        refused += !item.isDirectory() && !stream;
+        stream.Reset();
+        archive.flush(path);
+    }
+    std::cout << static_cast<unsigned>(status) << ' ' << refused << std::endl;
 }
 
 /// A package beside a plain map that gets the same changes.
@@ -354,6 +371,8 @@ void writeProperties(const std::wstring& file) {
 int run(const std::vector<std::wstring>& arguments) {
     if (arguments.size() == 3 && arguments[1] == L"dump")
         dump(arguments[2]);
+    else if (arguments.size() >= 3 && arguments[1] == L"open")
+        std::for_each(arguments.begin() + 2, arguments.end(), open);
     else if (arguments.size() == 3 && arguments[1] == L"loop")
         loop(arguments[2]);
     else if (arguments.size() == 3 && arguments[1] == L"properties")

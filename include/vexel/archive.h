@@ -105,7 +105,8 @@ private:
 /// A 7z archive in memory. Contents are read when they are asked for and stay, until they are flushed.
 ///
 /// Readable are archives whose items use the methods Copy, LZMA and LZMA2 and have a folder (7z's coded unit)
-/// of their own; others open and list, and refuse their contents.
+/// of their own; others open and list, and refuse their contents. Directories for which the archive has no
+/// item are among the items all the same.
 class VEXEL_API SZipArchive {
 public:
     /// An archive that is read from `stream`, on which it takes a reference. It cannot be changed. Nothing is
@@ -130,6 +131,10 @@ public:
     ///    both, a file that cannot be opened although the system names no error.
     ///  - STG_E_INVALIDHEADER: not a 7z archive, or its headers are damaged.
     ///  - HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED): the headers use what the library does not support.
+    ///
+    /// An archive with several items of one path, or with a file that has items below it, is read-only from
+    /// then on and cannot be saved to a stream either. The log names what is hidden: of several items of one
+    /// path the last is there.
     HRESULT reload();
 
     /// Why the file could not be opened when the archive was read last; S_OK when it could.
@@ -145,13 +150,20 @@ public:
     /// Null when there is none. No lock, as above.
     SZipArchiveItem* item(std::wstring_view path) const;
     SZipArchiveItem* item(const CString& path) const { return item(StringLess::view(path)); }
-    /// Calls `visit` for each item below a directory, or for each there is for the empty path, in order, with
-    /// its path from there on. Holds a share of the lock meanwhile: `visit` may ask the item for what takes no
-    /// lock of the archive (size, times, flags), but must not call the archive, which could wait for ever.
-    /// STG_E_INSUFFICIENTMEMORY, also when `visit` throws std::bad_alloc; then not all items were visited.
-    HRESULT visitDescendants(
-        std::wstring_view path,
-        const std::function<void(std::wstring_view pathBelow, const SZipArchiveItem& item)>& visit) const;
+    /// Calls `visit` for each item in a directory, or at the root for the empty path, with its name. Holds a
+    /// share of the lock meanwhile: `visit` may ask the item for what takes no lock of the archive (size,
+    /// times, flags), but must not call the archive, which could wait for ever. STG_E_INSUFFICIENTMEMORY,
+    /// also when `visit` throws std::bad_alloc; then not all items were visited.
+    HRESULT
+    visitChildren(const CString& path,
+                  const std::function<void(const CString& name, const SZipArchiveItem& item)>& visit) const;
+    /// The name of an item: its last element decoded, or as it is when encoding would not bring it back, as
+    /// with many that other programs wrote. Encoded further where another item of the directory has that
+    /// name.
+    CString nameOf(const CString& path) const;
+    /// The path of the item of a directory that has a name, or that a new one of that name is to have. Of the
+    /// two, each undoes the other. Both throw std::bad_alloc, CMemoryException*.
+    CString childPath(const CString& directory, std::wstring_view name) const;
     /// The same two answers under the lock: whether there is such a directory, and an item's times, which are
     /// left as they are when there is no such item.
     bool hasDirectory(const CString& path) const;
@@ -174,8 +186,9 @@ public:
     ///    too few for them.
     ///  - Win32 codes of opening the file again after a save that failed. STG_E_INVALIDHEADER: it is another.
     ///  - STG_E_INSUFFICIENTMEMORY. The code of a stream that cannot be cloned, for an archive on one.
-    ///  - The engine's code when it cannot decode: E_NOTIMPL for an unknown method, S_FALSE for packed data
-    ///    that are damaged. S_OK with a null `*result` when there were data behind the end of the contents:
+    ///  - E_NOTIMPL: a method that is not known here, encryption for one; that is no damage.
+    ///  - The engine's code when it cannot decode: S_FALSE for packed data that are damaged. S_OK with a null
+    ///  `*result` when there were data behind the end of the contents:
     ///    look at both.
     HRESULT extractFile(IStream** result, std::wstring_view path);
     HRESULT extractFile(IStream** result, const CString& path) {
@@ -183,17 +196,18 @@ public:
     }
 
     // Changes. All of them give STG_E_ACCESSDENIED for a read-only archive, and STG_E_INVALIDNAME for a path
-    // that begins with "/" or, where an item is needed, is empty.
+    // that begins with "/" or, where an item is needed, is empty. What is made or moved needs a path that
+    // leads to it: STG_E_INVALIDNAME also for an empty element ("a//b", "a/"), STG_E_FILENOTFOUND where the
+    // parent is no directory.
 
     /// A new file, which counts as changed even if nothing is written. What happens to a file that exists:
     /// with `failIfExists` STG_E_FILEALREADYEXISTS, with `replace` it becomes empty, and its old contents are
     /// not needed, with neither its contents are given as by `extractFile`. A deletion mark that contents are
     /// written into becomes a file.
-    ///  - STG_E_INVALIDPOINTER. STG_E_INVALIDNAME also when the parent is missing or no directory.
+    ///  - STG_E_INVALIDPOINTER. STG_E_INVALIDNAME, here also when the parent is no directory.
     ///  - STG_E_FILEALREADYEXISTS also for a directory of that name.
     HRESULT createFile(IStream** result, const CString& path, bool failIfExists, bool replace);
     /// A new directory, or an existing one, which is emptied with `clear`.
-    ///  - STG_E_INVALIDNAME also for a "/" at the end. STG_E_FILENOTFOUND: no such parent directory.
     ///  - STG_E_INVALIDFUNCTION: a file has that name. STG_E_FILEALREADYEXISTS: with `failIfExists`.
     HRESULT createDirectory(const CString& path, bool failIfExists, bool clear);
     /// Removes an item and all below it. STG_E_FILENOTFOUND.

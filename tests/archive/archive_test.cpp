@@ -370,4 +370,46 @@ TEST(ForeignArchives, OpenAndReadOrSayWhyNot) {
     }
 }
 
+// However an item is made, its path is one that leads to it.
+TEST(ItemPaths, AreThoseThatStoragesLeadTo) {
+    const LogCapture log;
+    SZipArchive source(L"", false, true), archive(L"", false, true);
+    ComPtr<IStream> stream;
+    for (SZipArchive* each : {&source, &archive}) {
+        ASSERT_EQ(each->createDirectory(L"d", true, false), S_OK);
+        ASSERT_EQ(Support::writeItem(*each, L"f", "f"), S_OK);
+    }
+    struct Case {
+        const wchar_t* path;
+        HRESULT createFile, createDirectory, others;
+    };
+    constexpr HRESULT name = STG_E_INVALIDNAME, none = STG_E_FILENOTFOUND;
+    for (const auto& [path, file, directory, others] :
+         {Case{L"x/", name, name, name}, Case{L"/x", name, name, name}, Case{L"/", name, name, name},
+          Case{L"d//x", name, name, name}, Case{L"d/x/", name, name, name}, Case{L"", name, name, name},
+          Case{L"no/x", name, none, none}, Case{L"f/x", name, none, none}, Case{L"d/no/x", name, none, none},
+          Case{L"d/x", S_OK, S_OK, S_OK}}) {
+        SCOPED_TRACE(testing::PrintToString(std::wstring(path)));
+        const auto undo = [&] {
+            stream.Reset();
+            archive.remove(std::wstring_view(L"d/x"));
+        };
+        EXPECT_EQ(archive.createFile(&stream, path, true, false), file);
+        undo();
+        EXPECT_EQ(archive.createDirectory(path, true, false), directory);
+        undo();
+        EXPECT_EQ(archive.addItem(source, L"f"sv, path), others);
+        undo();
+        EXPECT_EQ(archive.addItem(source, L"d"sv, path), others);
+        undo();
+        EXPECT_EQ(archive.move(L"f"sv, path),
+                  path == std::wstring_view(L"f/x") ? STG_E_ACCESSDENIED : others);
+        EXPECT_EQ(archive.items().size(), 2U);
+    }
+    ASSERT_EQ(Support::writeItem(source, L"d/y", "y"), S_OK);
+    EXPECT_EQ(archive.remove(L"d"sv), S_OK);
+    EXPECT_EQ(archive.addItems(source, L"d/y"), none);
+    EXPECT_EQ(archive.addItems(source, L"d"), S_OK);
+}
+
 } // namespace

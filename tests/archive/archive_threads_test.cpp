@@ -107,8 +107,8 @@ protected:
             stream.Reset();
             note(archive_.flush(L"stable" + std::to_wstring(number)) == S_OK);
             unsigned long long listed = 0;
-            archive_.visitDescendants(L"", [&](std::wstring_view path, const auto& item) {
-                listed += path.starts_with(L"stable") ? item.size() : 0;
+            archive_.visitChildren(L"", [&](const CString& path, const auto& item) {
+                listed += Vexel::Storage::StringLess::view(path).starts_with(L"stable") ? item.size() : 0;
             });
             note(listed == stableBytes_);
         }

@@ -319,7 +319,7 @@ TEST_F(ScarceMemory, IsReportedByAVisitAndByAClone) {
     ASSERT_EQ(archive.extractFile(&stream, L"f"sv), S_OK);
     failAllocations(0, false);
     const HRESULT visited =
-        archive.visitDescendants(L"a directory with a long name", [](auto, const auto&) {});
+        archive.visitChildren(L"a directory with a long name", [](const auto&, const auto&) {});
     failAllocations(0, false);
     const HRESULT cloned = stream->Clone(&clone);
     AtMainAllocation(0, nullptr);
