@@ -4,6 +4,7 @@
 
 #include <vexel/diagnostics.h>
 
+#include <iterator>
 #include <utility>
 
 namespace Vexel::Storage {
@@ -68,8 +69,16 @@ void SZipArchive::visitDescendants(
     const RwGuard guard(private_->lock, RwGuard::Shared);
     const std::size_t start = path.empty() ? 0 : path.size() + 1;
     for (auto item = SZipArchivePrivate::descendantsBegin(private_->items, path);
-         item != private_->items.end() && SZipArchivePrivate::isDescendant(path, item->first); ++item)
-        visit(StringLess::view(item->first).substr(start), item->second);
+         item != private_->items.end() && SZipArchivePrivate::isDescendant(path, item->first);) {
+        const std::wstring_view key = StringLess::view(item->first);
+        visit(key.substr(start), item->second);
+        // Nested storages are listed level by level: with all below each, the time would grow with the
+        // square.
+        const std::size_t end = key.find(L'/', start);
+        item = end == std::wstring_view::npos
+                   ? std::next(item)
+                   : private_->items.lower_bound(std::wstring(key.substr(0, end)) + wchar_t{L'/' + 1});
+    }
 }
 
 bool SZipArchive::hasDirectory(const CString& path) const {

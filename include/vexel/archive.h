@@ -142,8 +142,10 @@ public:
     /// Null when there is none. No lock, as above.
     SZipArchiveItem* item(std::wstring_view path) const;
     SZipArchiveItem* item(const CString& path) const { return item(StringLess::view(path)); }
-    /// Calls `visit` for each item below a directory, or for each there is for the empty path, in order, with
-    /// its path from there on. Holds a share of the lock meanwhile: `visit` must not change the archive.
+    /// Calls `visit` for the children of a directory, or for those at the root for the empty path, in the
+    /// order of the items, with the path of an item from there on: the child's own, if there is one, and the
+    /// first that is below the child. Holds a share of the lock meanwhile: `visit` must not change the
+    /// archive.
     void visitDescendants(
         std::wstring_view path,
         const std::function<void(std::wstring_view pathBelow, const SZipArchiveItem& item)>& visit) const;
