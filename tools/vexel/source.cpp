@@ -2,6 +2,8 @@
 
 #include "console.h"
 #include "failure.h"
+#include "progress.h"
+#include "stopping.h"
 
 #include <algorithm>
 
@@ -17,11 +19,21 @@ Source::Source(const std::wstring& file)
         throw Failure(L"cannot open", name_, lastErrorStatus());
 }
 
-std::size_t Source::read(std::span<std::byte> buffer) {
-    DWORD done = 0;
+bool Source::readOnce(std::span<std::byte> buffer, DWORD& done) {
     const auto count = static_cast<DWORD>(std::min(buffer.size(), kChunkSize));
-    if (ReadFile(handle_, buffer.data(), count, &done, nullptr))
+    if (file_)
+        return ReadFile(handle_, buffer.data(), count, &done, nullptr) != FALSE;
+    const EndableWait wait;
+    return ReadFile(handle_, buffer.data(), count, &done, nullptr) != FALSE;
+}
+
+std::size_t Source::read(std::span<std::byte> buffer) {
+    checkStop();
+    DWORD done = 0;
+    if (readOnce(buffer, done)) {
+        progress().add(done);
         return done;
+    }
     // A pipe whose writer is done ends with this error instead of zero bytes.
     if (GetLastError() == ERROR_BROKEN_PIPE)
         return 0;
