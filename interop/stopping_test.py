@@ -18,7 +18,7 @@ class Stopping(CommandTest):
         super().setUp()
         tree = self.directory / "tree"
         tree.mkdir()
-        self.large = os.urandom(24_000_000)
+        self.large = os.urandom(3_000_000)
         for name in "abc":
             (tree / name).write_bytes(self.large)
         self.package = self.directory / "package.7z"
@@ -51,7 +51,7 @@ class Stopping(CommandTest):
     def test_signals_at_many_moments(self):
         signals = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP]
         for number, (name, command) in enumerate(self.commands.items()):
-            for moment, delay in enumerate([0.05, 0.7, 1.5, 3]):
+            for moment, delay in enumerate([0.05, 0.7, 1.5]):
                 kind = signals[(number + moment) % 3]
                 with self.subTest((name, delay, kind)):
                     with self.start(*command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
@@ -103,8 +103,8 @@ class Stopping(CommandTest):
         return program.returncode, bytes(output)
 
     def test_progress_and_control_c_on_a_terminal(self):
-        status, output = self.on_terminal(self.commands["pack"], b"MB", b"\x03")
-        self.assertIn(b"MB", output)
+        status, output = self.on_terminal(self.commands["pack"], b"ing: ", b"\x03")
+        self.assertRegex(output, rb"(pack|compress)ing: \d+ (s|%)")
         self.check(status, output)
 
 

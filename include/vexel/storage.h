@@ -231,8 +231,8 @@ public:
     ///    no more than these and the largest stream are in memory at a time;
     ///  - when memory or file handles run out, before the copy is tried once more.
     /// So a copy that must be whole or not at all goes into a new file. What cannot be copied is left out of
-    /// the target, the rest is copied, and the first failure is the result; only where memory, file handles
-    /// or space on the disk run out, the copy may end early. Handles on streams keep their positions.
+    /// the target, the rest is copied, and the first failure is the result. Where memory, file handles or
+    /// space on the disk run out, the copy may end early. Handles on streams keep their positions.
     ///  - STG_E_INVALIDPARAMETER: a null handle, the same storage, or one that cannot be opened.
     ///  - STG_E_ACCESSDENIED: the target is open for reading, or stands in this storage; nothing was done.
     ///  - STG_E_READFAULT: a stream holds less than it should. Other statuses of reading and writing.

@@ -43,7 +43,7 @@ bool writeConsole(HANDLE handle, std::wstring_view text) noexcept {
 
 [[noreturn]] void failToWrite() {
     const DWORD error = GetLastError();
-    if (error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA)
+    if (error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA || error == ERROR_PIPE_NOT_CONNECTED)
         throw ReaderGone();
     throw Failure(L"cannot write to", kOutputName, lastErrorStatus());
 }

@@ -1,5 +1,4 @@
 #include "command.h"
-#include "console.h"
 #include "conversion.h"
 #include "failure.h"
 #include "file_names.h"
@@ -143,19 +142,16 @@ private:
     void addFile(const Entry& entry) {
         Source source(entry.file);
         Microsoft::WRL::ComPtr<IStream> stream;
+        if (unsaved_ > 0 && unsaved_ + entry.size > kLargestUnsaved)
+            save(); // so that a large file is alone in memory
         check(archive_.createFile(&stream, entry.item, true, false), L"cannot add", entry.label);
-        while (const std::size_t count = source.read(buffer_)) {
-            ULONG written = 0;
-            check(stream->Write(buffer_.data(), static_cast<ULONG>(count), &written), L"cannot add",
-                  entry.label);
-            unsaved_ += count;
-            done_ += count;
-        }
+        const unsigned long long size = fill(*stream.Get(), source, entry.label);
+        unsaved_ += size;
+        done_ += size;
     }
 
     SZipArchive archive_;
     std::wstring label_;
-    std::vector<std::byte> buffer_ = std::vector<std::byte>(kChunkSize);
     unsigned long long total_;
     unsigned long long done_ = 0;
     unsigned long long unsaved_ = 0;

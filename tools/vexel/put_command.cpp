@@ -1,5 +1,4 @@
 #include "command.h"
-#include "console.h"
 #include "document.h"
 #include "failure.h"
 #include "progress.h"
@@ -39,20 +38,14 @@ StreamRef openForWriting(const Document& document, const NodePath& path, const S
     return stream;
 }
 
-void write(StreamRef& stream, std::span<const std::byte> data, const std::wstring& label) {
-    unsigned long done = 0;
-    check(stream.write(data.data(), static_cast<unsigned long>(data.size()), &done), L"cannot write", label);
-    if (done != data.size())
-        throw Failure(L"cannot write", label, STG_E_MEDIUMFULL);
-}
-
 // Into a node that the handles have opened for writing.
 void putByHandles(const Document& document, const NodePath& path, Source& source) {
     const std::vector<StorageRef> storages = document.openForWriting(path.parent(), true);
     StreamRef stream = openForWriting(document, path, storages.back());
-    std::vector<std::byte> buffer(kChunkSize);
-    while (const std::size_t count = source.read(buffer))
-        write(stream, std::span(buffer).first(count), document.label(path));
+    IStream* const contents = stream.stream();
+    if (!contents)
+        throw Failure(L"cannot write", document.label(path), STG_E_INVALIDHANDLE);
+    fill(*contents, source, document.label(path));
     // Up to here nothing is in the file, so that whatever fails before leaves it as it was.
     checkStop();
     check(stream.commit(), L"cannot commit", document.label(path));
@@ -87,9 +80,7 @@ bool putIntoArchive(const std::wstring& file, const NodePath& path, const std::w
     }
     Microsoft::WRL::ComPtr<IStream> stream;
     check(archive.createFile(&stream, items.back(), false, true), L"cannot create", label);
-    std::vector<std::byte> buffer(kChunkSize);
-    while (const std::size_t count = source.read(buffer))
-        check(stream->Write(buffer.data(), static_cast<ULONG>(count), nullptr), L"cannot write", label);
+    fill(*stream.Get(), source, label);
     archive.item(items.back())->touch();
     checkStop();
     progress().begin(L"writing");

@@ -2,6 +2,8 @@
 
 #include "file_handle.h"
 
+#include <objidl.h>
+
 #include <cstddef>
 #include <span>
 #include <string>
@@ -22,6 +24,9 @@ public:
     /// Fills as much of `buffer` as there is, 0 at the end. Throws Failure on a read error, and Stopped.
     std::size_t read(std::span<std::byte> buffer);
 
+    /// What the file's size was when it was opened; 0 for standard input.
+    unsigned long long size() const noexcept;
+
 private:
     bool readOnce(std::span<std::byte> buffer, DWORD& done);
 
@@ -29,5 +34,9 @@ private:
     FileHandle file_; // none: standard input, which is not ours to close
     HANDLE handle_;
 };
+
+/// Writes all that the source has into a new stream, whose memory is had at once where the size is known:
+/// grown, there would be twice as much. The number of bytes. `label` names the stream in failures.
+unsigned long long fill(IStream& stream, Source& source, const std::wstring& label);
 
 } // namespace Vexel::Tool
