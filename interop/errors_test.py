@@ -99,9 +99,9 @@ class Errors(CommandTest):
     def test_a_reader_that_leaves_is_no_failure(self):
         path = self.directory / "many.7z"
         (self.directory / "tree").mkdir()
-        (self.directory / "tree" / "large").write_bytes(os.urandom(3_000_000))
-        for number in range(3000):
-            (self.directory / "tree" / f"a name that fills a pipe in the end {number}").touch()
+        (self.directory / "tree" / "large").write_bytes(os.urandom(1_000_000))
+        for number in range(700):
+            (self.directory / "tree" / f"{number}{' a long name' * 16}").touch()
         self.succeed("pack", self.directory / "tree", path)
         for command in ["cat", path, "large"], ["list", path], ["list", "--json", path], ["tree", path]:
             with self.subTest(command[0]):

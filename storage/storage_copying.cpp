@@ -80,9 +80,9 @@ ItemRef<VxStream> openUnmoved(VxStorage& parent, const SharedPathName& name, HRE
 /// Moves a stream to its start, and back at the end.
 class Rewound {
 public:
-    explicit Rewound(::IStream* stream) : stream_(stream), before_(Vexel::Detail::position(stream)) {
-        status_ = outcomeOf(stream_->Seek({}, STREAM_SEEK_SET, nullptr));
-    }
+    explicit Rewound(::IStream* stream)
+        : stream_(stream), before_(Vexel::Detail::position(stream)),
+          status_(outcomeOf(stream->Seek({}, STREAM_SEEK_SET, nullptr))) {}
     Rewound(const Rewound&) = delete;
     Rewound& operator=(const Rewound&) = delete;
     ~Rewound() {
@@ -159,13 +159,13 @@ public:
 private:
     struct Level {
         ItemRef<VxStorage> from, to; // `to` is null without a target
-        std::unique_ptr<VxStorageEnumerator> children{};
+        std::unique_ptr<VxStorageEnumerator> children;
     };
 
     static constexpr unsigned long long largestUncommitted = 64ULL << 20;
 
     Level level(VxStorage& source) const {
-        return {ItemRef<VxStorage>(&source), ItemRef<VxStorage>(target_)};
+        return {ItemRef<VxStorage>(&source), ItemRef<VxStorage>(target_), nullptr};
     }
 
     void note(HRESULT status) {
@@ -215,7 +215,7 @@ private:
     HRESULT meetStorage(const SharedPathName& name) {
         const Level& parent = levels_.back();
         HRESULT status = E_FAIL;
-        Level child{parent.from->openChildStorage(name, true, false, &status), {}};
+        Level child{parent.from->openChildStorage(name, true, false, &status), {}, nullptr};
         if (status == STG_E_INVALIDFUNCTION)
             return stop(status); // deeper than items go; storages that hold each other would keep us for ever
         if (child.from && parent.to)
