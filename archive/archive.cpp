@@ -4,6 +4,7 @@
 
 #include <vexel/diagnostics.h>
 
+#include <iterator>
 #include <utility>
 
 namespace Vexel::Storage {

@@ -10,7 +10,6 @@
 
 #include <algorithm>
 #include <memory>
-#include <utility>
 #include <vector>
 
 namespace Vexel::Storage {
@@ -46,15 +45,21 @@ struct FreeTaskMemory {
     void operator()(void* memory) const noexcept { CoTaskMemFree(memory); }
 };
 
+/// Anything but S_OK as a failure.
+HRESULT outcomeOf(HRESULT status) noexcept {
+    return status == S_OK || FAILED(status) ? status : STG_E_READFAULT;
+}
+
 HRESULT copyBytes(::IStream* source, ::IStream* target) {
     constexpr ULARGE_INTEGER all{{0xFFFFFFFF, 0xFFFFFFFF}};
-    return source->CopyTo(target, all, nullptr, nullptr);
+    return outcomeOf(source->CopyTo(target, all, nullptr, nullptr));
 }
 
 } // namespace
 
-/// A copy of elements, of storages with all that is below them. Their depth comes from the file, so there is
-/// no recursion; and storages stay open until all below them is copied, as the system's want it.
+/// A copy of elements, of storages with all that is below them. What cannot be copied is left out and logged,
+/// the rest is copied, and the first failure is the result. The depth of storages comes from the file, so
+/// there is no recursion; and they stay open until all below them is copied, as the system's want it.
 class SZipStorage::Copying {
 public:
     /// Of the children, what to copy.
@@ -65,71 +70,75 @@ public:
     };
 
     HRESULT copyTree(SZipStorage& source, IStorage* destination, const Selection& selection) {
-        return finish(enter(source, destination, selection));
+        note(enter(source, destination, selection));
+        return finish();
     }
-    /// Unlike copyTree, this fails when anything in a storage below has failed.
     HRESULT copyElement(SZipStorage& parent, const CString& name, IStorage* destination, LPCOLESTR newName) {
         if (!parent.archive_->hasDirectory(parent.childPath(name)))
             return copyStream(parent, name, destination, newName);
-        const HRESULT status = finish(copyStorage(parent, name, destination, newName));
-        return FAILED(status) ? status : swallowed_;
+        note(copyStorage(parent, name, destination, newName));
+        return finish();
     }
 
 private:
     struct Level {
         ComPtr<SZipStorage> source;
         ComPtr<IStorage> destination;
-        ComPtr<IEnumSTATSTG> children;
+        ComPtr<IEnumSTATSTG> children; ///< null when they cannot be listed
         Selection selection;
-        bool isForeign; ///< the destination is no package
+        bool isForeign;         ///< the destination is no package
+        HRESULT failure = S_OK; ///< the first of an element
     };
 
     static void log(const wchar_t* format, const SZipStorage& storage, const CString& path, HRESULT status) {
         VxLog_WriteW(VxLog_Error, format, storage.archive_->fileName().GetString(), path.GetString(),
                      static_cast<unsigned>(status));
     }
-    HRESULT finish(HRESULT status);
+    void note(HRESULT status);
+    HRESULT finish();
     HRESULT enter(SZipStorage& source, IStorage* destination, const Selection& selection);
     HRESULT copyChild(const STATSTG& entry);
     HRESULT copyStorage(SZipStorage& parent, const CString& name, IStorage* destination, LPCOLESTR newName);
     static HRESULT copyStream(SZipStorage& parent, const CString& name, IStorage* destination,
                               LPCOLESTR newName);
     static bool addToArchive(const SZipStorage& parent, const CString& name, IStorage* destination,
-                             LPCOLESTR newName);
+                             LPCOLESTR newName, HRESULT& status);
 
     std::vector<Level> levels_;
-    HRESULT swallowed_ = S_OK;
+    HRESULT first_ = S_OK; ///< failure
 };
 
-// Between archives contents go as they are, packed if both read from one file. Whatever stands in the way of
-// that does so for a copy of the bytes too, which says what it is; except that it replaces a stream.
+// Between archives contents go as they are, packed if both read from one file. False where that is no way,
+// and nothing was tried: a stream that is there is replaced by a copy of the bytes.
 bool SZipStorage::Copying::addToArchive(const SZipStorage& parent, const CString& name, IStorage* destination,
-                                        LPCOLESTR newName) {
+                                        LPCOLESTR newName, HRESULT& status) {
     const ComPtr<SZipStorage> package = asPackage(destination);
     if (!package || package->archive_ == parent.archive_ || package->isReadOnly())
         return false;
     SZipArchive& archive = *package->archive_;
-    return (package->path_.IsEmpty() || archive.hasDirectory(package->path_)) &&
-           SUCCEEDED(archive.addItem(*parent.archive_, parent.childPath(name), package->childPath(newName)));
+    if (!package->path_.IsEmpty() && !archive.hasDirectory(package->path_))
+        return false;
+    const CString path = parent.childPath(name);
+    status = outcomeOf(archive.addItem(*parent.archive_, path, package->childPath(newName)));
+    if (status == STG_E_FILEALREADYEXISTS)
+        return false;
+    if (FAILED(status)) // nothing stood in its way there, so it cannot be had here
+        log(L"Failed to open stream \"%ls|%ls\" for copying: 0x%08x", parent, path, status);
+    return true;
 }
 
 HRESULT SZipStorage::Copying::copyStream(SZipStorage& parent, const CString& name, IStorage* destination,
                                          LPCOLESTR newName) {
-    if (addToArchive(parent, name, destination, newName))
-        return S_OK;
+    HRESULT status = S_OK;
+    if (addToArchive(parent, name, destination, newName, status))
+        return status;
     const CString path = parent.childPath(name);
     ComPtr<::IStream> source;
-    HRESULT status = parent.OpenStream(name, nullptr, kReading, 0, &source);
+    status = outcomeOf(parent.OpenStream(name, nullptr, kReading, 0, &source));
     if (SUCCEEDED(status) && !source)
         status = STG_E_READFAULT; // data behind the end: the archive's way to say so
     if (FAILED(status)) {
         log(L"Failed to open stream \"%ls|%ls\" for copying: 0x%08x", parent, path, status);
-        return status;
-    }
-    ComPtr<::IStream> target;
-    status = destination->CreateStream(newName, kMaking, 0, 0, &target);
-    if (FAILED(status)) {
-        log(L"Failed to create destination stream for copying \"%ls|%ls\": 0x%08x", parent, path, status);
         return status;
     }
     status = source->Seek({}, STREAM_SEEK_SET, nullptr);
@@ -137,9 +146,18 @@ HRESULT SZipStorage::Copying::copyStream(SZipStorage& parent, const CString& nam
         log(L"Failed to rewind stream \"%ls|%ls\": 0x%08x", parent, path, status);
         return status;
     }
+    ComPtr<::IStream> target;
+    status = outcomeOf(destination->CreateStream(newName, kMaking, 0, 0, &target));
+    if (FAILED(status)) {
+        log(L"Failed to create destination stream for copying \"%ls|%ls\": 0x%08x", parent, path, status);
+        return status;
+    }
     status = copyBytes(source.Get(), target.Get());
-    if (FAILED(status))
+    if (FAILED(status)) {
         log(L"Failed to copy stream \"%ls|%ls\": 0x%08x", parent, path, status);
+        target.Reset();
+        destination->DestroyElement(newName); // a part is not taken for the whole
+    }
     return status;
 }
 
@@ -156,6 +174,7 @@ HRESULT SZipStorage::Copying::copyStorage(SZipStorage& parent, const CString& na
     HRESULT status = destination->CreateStorage(newName, kMakingStorage, 0, 0, &target);
     if (status == STG_E_FILEALREADYEXISTS) // what is in it stays, as with the system's storages
         status = destination->OpenStorage(newName, nullptr, kMakingStorage, nullptr, 0, &target);
+    status = outcomeOf(status);
     if (FAILED(status)) {
         log(L"Failed to create destination storage for copying \"%ls|%ls\": 0x%08x", parent, source->path_,
             status);
@@ -175,8 +194,8 @@ HRESULT SZipStorage::Copying::enter(SZipStorage& source, IStorage* destination, 
         return status;
     }
     if (info.clsid != CLSID_NULL)
-        destination->SetClass(info.clsid);
-    destination->SetStateBits(info.grfStateBits, ~DWORD{0});
+        note(destination->SetClass(info.clsid));
+    destination->SetStateBits(info.grfStateBits, ~DWORD{0}); // which not everybody keeps
     return source.EnumElements(0, nullptr, 0, &level.children);
 }
 
@@ -194,26 +213,36 @@ HRESULT SZipStorage::Copying::copyChild(const STATSTG& entry) {
                      : copyStream(*level.source.Get(), name, level.destination.Get(), name);
 }
 
-/// Goes on with the copy that was begun with this status, and returns how its topmost storage has fared.
-HRESULT SZipStorage::Copying::finish(HRESULT status) {
+/// Takes down how an element of the storage that is being copied has fared.
+void SZipStorage::Copying::note(HRESULT status) {
+    const HRESULT failure = outcomeOf(status);
+    if (first_ == S_OK)
+        first_ = failure;
+    if (!levels_.empty() && levels_.back().failure == S_OK)
+        levels_.back().failure = failure;
+}
+
+/// Copies what is in the storages that were entered, and returns the first failure of all.
+HRESULT SZipStorage::Copying::finish() {
     while (!levels_.empty()) {
         const Level& level = levels_.back();
         STATSTG entry{};
-        if (SUCCEEDED(status) && level.children->Next(1, &entry, nullptr) == S_OK) {
-            const std::unique_ptr<wchar_t, FreeTaskMemory> owner(entry.pwcsName);
-            status = copyChild(entry);
+        const HRESULT next = level.children ? level.children->Next(1, &entry, nullptr) : S_FALSE;
+        const std::unique_ptr<wchar_t, FreeTaskMemory> owner(entry.pwcsName);
+        if (next == S_OK) {
+            note(withStatus([&] { return copyChild(entry); }));
             continue;
         }
-        if (FAILED(status) && levels_.size() > 1) {
+        if (next != S_FALSE)
+            note(next); // there may have been more
+        if (level.failure != S_OK && levels_.size() > 1)
             VxLog_WriteW(VxLog_Minor,
                          L"Swallowing error 0x%08x that occured during copying of storage \"%ls|%ls\"",
-                         static_cast<unsigned>(status), level.source->archive_->fileName().GetString(),
+                         static_cast<unsigned>(level.failure), level.source->archive_->fileName().GetString(),
                          level.source->path_.GetString());
-            swallowed_ = std::exchange(status, S_OK);
-        }
         levels_.pop_back();
     }
-    return status;
+    return first_;
 }
 
 HRESULT SZipStorage::CopyTo(DWORD excludedCount, const IID* excludedIids, SNB excludedNames,
@@ -224,7 +253,9 @@ HRESULT SZipStorage::CopyTo(DWORD excludedCount, const IID* excludedIids, SNB ex
         return !excludedIids ||
                std::find(excludedIids, excludedIids + excludedCount, iid) == excludedIids + excludedCount;
     };
-    return withStatus([&] {
+    return withStatus([&]() -> HRESULT {
+        if (const ComPtr<SZipStorage> package = asPackage(destination); package && package->isReadOnly())
+            return STG_E_ACCESSDENIED;
         return Copying().copyTree(
             *this, destination, {isCopied(__uuidof(IStorage)), isCopied(__uuidof(::IStream)), excludedNames});
     });
@@ -240,7 +271,7 @@ HRESULT SZipStorage::transfer(const CString& name, IStorage* destination, LPCOLE
         if (isAtOrInside(childPath(name), package->path_))
             return STG_E_ACCESSDENIED; // before a storage for it is made
     }
-    if (moves && archive_->readOnly())
+    if ((moves && archive_->readOnly()) || (package && package->isReadOnly()))
         return STG_E_ACCESSDENIED;
     const HRESULT status = Copying().copyElement(*this, name, destination, newName);
     return SUCCEEDED(status) && moves ? archive_->remove(childPath(name)) : status;

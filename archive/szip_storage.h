@@ -54,8 +54,9 @@ public:
     HRESULT STDMETHODCALLTYPE OpenStorage(LPCOLESTR name, IStorage* priority, DWORD mode, SNB exclude,
                                           DWORD reserved, IStorage** storage) noexcept override;
     /// Copies all children but those excluded; what is packed in a file that both packages read stays so.
-    /// What cannot be copied is logged; the failure of a storage inside is no failure of the whole.
-    /// STG_E_ACCESSDENIED: into its own subtree.
+    /// What cannot be copied is logged and left out, and the first such failure is returned when all else has
+    /// been copied. STG_E_ACCESSDENIED, before anything is copied: into its own subtree, or into a package's
+    /// storage that is open for reading.
     HRESULT STDMETHODCALLTYPE CopyTo(DWORD excludedCount, const IID* excludedIids, SNB excludedNames,
                                      IStorage* destination) noexcept override;
     /// E_NOTIMPL for STGMOVE_SHALLOWCOPY, STG_E_INVALIDFLAG for unknown flags. STG_E_ACCESSDENIED: onto or

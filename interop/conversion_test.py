@@ -86,6 +86,20 @@ class Conversion(CommandTest):
         self.fail_with(1, "cannot", "convert", self.sample("namesdemo.xls"), self.directory / "no" / "out.7z")
         self.assertEqual(sorted(os.listdir(self.directory)), ["foreign-tree.cfb", "namesdemo.xls", "text"])
 
+    def test_a_damaged_stream_leaves_no_package(self):
+        """Behind more than what is in memory at a time, so that there is half a package by then."""
+        tree = self.directory / "tree"
+        tree.mkdir()
+        (tree / "a").write_bytes(bytes(70_000_000))
+        (tree / "b").write_bytes(os.urandom(5000))
+        package = self.directory / "damaged.7z"
+        self.succeed("pack", tree, package)
+        data = bytearray(package.read_bytes())
+        data[data.index((tree / "b").read_bytes()) + 100] ^= 1
+        package.write_bytes(data)
+        self.fail_with(1, r'cannot copy "Z:.*damaged.7z\|b": 0x8003001e ', "convert", package, self.directory / "out.7z")
+        self.assertEqual(sorted(os.listdir(self.directory)), ["damaged.7z", "tree"])
+
     def test_a_killed_conversion_leaves_no_half_made_package(self):
         document = self.directory / "document"
         subprocess.run([ROOT / "scripts" / "wine", BUILD / "bin" / "make_compound.exe", "large", f"Z:{document}"],
@@ -94,10 +108,9 @@ class Conversion(CommandTest):
         seed = random.randrange(1 << 32)
         random.seed(seed)
         for _ in range(5):
-            command = [ROOT / "scripts" / "vexel", "convert", "--force", document, package]
-            with subprocess.Popen(command, env={**os.environ, "VEXEL_BUILD_DIR": str(BUILD)}) as conversion:
+            with self.start("convert", "--force", document, package) as conversion:
                 time.sleep(random.uniform(0.1, 1.0))
-                conversion.send_signal(signal.SIGKILL)
+                os.killpg(conversion.pid, signal.SIGKILL)
             self.assertEqual(document.read_bytes(), before)
             if package.exists():
                 subprocess.run(["7zz", "t", package], check=True, capture_output=True, timeout=120)

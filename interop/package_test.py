@@ -5,11 +5,12 @@ import json
 import os
 import random
 import re
+import shutil
 import subprocess
 import unittest
 import zlib
 
-from vexel_cli import BUILD, ROOT, CommandTest, listing, package_snapshot, run, seven_zip, snapshot
+from vexel_cli import BUILD, DATA, ROOT, CommandTest, listing, package_snapshot, run, seven_zip, snapshot, vexel
 
 # What extract makes of names that files cannot have, and the elements that packages write for them.
 NAMES = {"%05SummaryInformation": "%05SummaryInformation", "100%25": "100%25", "%43ON": "CON", "a%3cb%3e": "a<b>",
@@ -175,7 +176,49 @@ class Packages(CommandTest):
                     self.fail_with(status, pattern, "mv", path, node, new)
                     self.assertEqual(path.read_bytes(), before)
 
-    def test_verify_names_what_is_damaged(self):
+    def test_names_that_look_like_paths(self):
+        """In and out by every command; contents tell the names apart that a path would take for one."""
+        names = ["C:", "C:x", "C:\\x", "C:\\y\\..\\x", "\\foo", "..", "x. ", "nul:"]
+        package, copy, again = (self.directory / name for name in ["names.7z", "copy.7z", "again.7z"])
+        shutil.copy(DATA / "empty.7z", package)
+        wanted = {}
+        for number, name in enumerate(names):
+            self.succeed("put", package, f"{name}/in {name}", stdin=b"%d" % number)
+            wanted[f"{name}/in {name}"] = b"%d" % number
+        self.succeed("mv", package, "C:x/in C:x", "\\foo/C:x")
+        wanted["\\foo/C:x"] = wanted.pop("C:x/in C:x")
+        self.succeed("convert", package, copy)
+        self.succeed("extract", package, self.directory / "out")
+        self.assertEqual({path.name for path in self.directory.iterdir()}, {"names.7z", "copy.7z", "out"})
+        self.assertEqual(len(list((self.directory / "out").iterdir())), len(names))
+        self.succeed("pack", self.directory / "out", again)
+        for path in package, copy, again:
+            with self.subTest(path.name):
+                sizes = {path: int(item["Size"]) for path, item in listing(path).items()}
+                self.assertEqual(sizes, {**{name: 0 for name in names}, **{name: len(data) for name, data in wanted.items()}})
+                listed = {node["path"]: node["type"] for node in json.loads(self.succeed("list", "--json", path))}
+                self.assertEqual(listed, {**{name: "storage" for name in names}, **{name: "stream" for name in wanted}})
+                for name in ["\\foo/C:x", "C:\\x/in C:\\x", "../in .."]:
+                    self.assertEqual(self.succeed("cat", path, name), wanted[name])
+        self.succeed("rm", package, "C:\\x")
+        self.assertNotIn("C:\\x", listing(package))
+        self.assertIn("C:x", listing(package))
+
+    def test_put_keeps_the_time(self):
+        package = self.directory / "package.7z"
+        shutil.copy(DATA / "plain-lzma2.7z", package)
+        before = {path: item["Modified"] for path, item in listing(package).items()}
+        self.succeed("put", package, "d/x", stdin=b"new")
+        self.succeed("put", package, "new/one", stdin=b"new")
+        now = datetime.datetime.now(datetime.timezone.utc)
+        nodes = {node["path"]: node["modified"] for node in json.loads(self.succeed("list", "--json", package))}
+        for path in ["d/x", "new", "new/one"]:
+            age = now - datetime.datetime.fromisoformat(nodes[path][:19] + "+00:00")
+            self.assertLess(abs(age), datetime.timedelta(minutes=5), path)
+        after = {path: item["Modified"] for path, item in listing(package).items()}
+        self.assertEqual({path for path in before if after[path] != before[path]}, {"d/x"})
+
+    def test_damage_costs_the_damaged_nodes(self):
         package = self.package(self.tree())
         items = packed_items(package)
         data = bytearray(package.read_bytes())
@@ -188,6 +231,35 @@ class Packages(CommandTest):
         for name in damaged:
             self.assertRegex(output, rf'\|{name}": 0x8')
             self.fail_with(1, rf'\|{name}": 0x8', "cat", package, name)
+        result = vexel("extract", package, self.directory / "out")
+        self.assertEqual((result.returncode, result.stderr.count(b"\n")), (1, 2))
+        for name in damaged:
+            self.assertIn(f"|{name}".encode(), result.stderr)
+        whole = {path for path, item in items.items()} - set(damaged)
+        self.assertEqual(len(contents_below(self.directory / "out")), len(whole))
+        self.assertEqual({path for path in self.directory.iterdir() if "part" in path.name}, set())
+
+    def test_what_cannot_be_read_is_not_damaged(self):
+        for name, nodes in [("solid.7z", 5), ("encrypted-data.7z", 1), ("unsupported-ppmd.7z", 4), ("encrypted-header.7z", 0)]:
+            with self.subTest(name):
+                output = self.fail_with(3, "cannot read, or encrypted", "verify", DATA / name)
+                self.assertEqual(output.count(b"cannot read, or encrypted"), nodes)
+                self.assertNotIn(b"damaged", output)
+
+    def test_info_has_the_members_that_the_document_describes(self):
+        text = (ROOT / "docs" / "vexel-program.md").read_text().partition("The JSON object has these members")[2]
+        rows = [line.split("|")[1:3] for line in text.partition("\n## ")[0].splitlines() if line.startswith("| `")]
+        members = [name for row in rows for name in re.findall(r"`(\w+)`", row[0])]
+        summary = next(row[1] for row in rows if "summary" in row[0])
+        sample = self.sample("namesdemo.xls")
+        info = json.loads(self.succeed("info", "--json", sample))
+        self.assertEqual(list(info), members)
+        self.assertLessEqual(info["summary"].keys(), set(re.findall(r"`(\w+)`", summary)))
+        self.assertEqual(set(re.findall(r'"(\w+)"', (ROOT / "tools/vexel/info_command.cpp").read_text()
+                                        .partition("kFields[]")[2].partition("};")[0])) - set(re.findall(r"`(\w+)`", summary)), set())
+        (self.directory / "text").write_bytes(b"text")
+        self.assertEqual(list(json.loads(self.succeed("info", "--json", self.directory / "text"))),
+                         [name for name in members if name != "summary"])
 
     def test_info_tells_formats_apart(self):
         compound = json.loads(self.succeed("info", "--json", self.sample("foreign-tree.cfb")))

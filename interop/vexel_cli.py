@@ -122,6 +122,11 @@ class CommandTest(unittest.TestCase):
             make_compound(name, path)
         return path
 
+    def start(self, *arguments, **options):
+        """Begins a command, in a process group of its own."""
+        return subprocess.Popen([ROOT / "scripts" / "vexel", *arguments], start_new_session=True,
+                                env={**os.environ, "VEXEL_BUILD_DIR": str(BUILD)}, **options)
+
     def succeed(self, *arguments, stdin=b""):
         """Runs a command that must be silent about errors; returns its output."""
         result = vexel(*arguments, stdin=stdin)

@@ -73,6 +73,13 @@ SharedPathEntry* internRelative(std::wstring_view text, bool caseSensitive, bool
     return internPathName(text, pathNameHash(text, caseSensitiveHash), caseSensitive);
 }
 
+SharedPathEntry* internAsItStands(std::wstring_view text, bool caseSensitive) {
+    if (text.empty())
+        return nullptr;
+    const bool relative = PathIsRelativeW(TerminatedCopy(text).view().data()) != FALSE;
+    return relative ? internRelative(text, caseSensitive, false) : internAbsolute(text, caseSensitive, false);
+}
+
 } // namespace
 
 SharedPathEntry* internText(std::wstring_view text, bool caseSensitive, bool caseSensitiveHash) {
@@ -83,12 +90,9 @@ SharedPathEntry* internText(std::wstring_view text, bool caseSensitive, bool cas
     return internAbsolute(CanonicalPath(text).view(), caseSensitive, caseSensitiveHash);
 }
 
-SharedPathEntry* internPart(std::wstring_view part) {
-    if (part.empty())
-        return nullptr;
-    const bool relative = PathIsRelativeW(TerminatedCopy(part).view().data()) != FALSE;
-    return relative ? internRelative(part, false, false) : internAbsolute(part, false, false);
-}
+SharedPathEntry* internPart(std::wstring_view part) { return internAsItStands(part, false); }
+
+SharedPathName nameAsGiven(std::wstring_view text) { return SharedPathName(internAsItStands(text, true)); }
 
 } // namespace Vexel::Detail
 

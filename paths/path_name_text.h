@@ -14,6 +14,11 @@ SharedPathEntry* internText(std::wstring_view text, bool caseSensitive, bool cas
 /// would turn into its current directory.
 SharedPathEntry* internPart(std::wstring_view part);
 
+/// The name of a text that is no path of the file system, such as an element's in a document: with case, and
+/// never made canonical ("C:x", "\foo" and the like are names as any other). A path name made with case of a
+/// text that is canonical already is the same name.
+SharedPathName nameAsGiven(std::wstring_view text);
+
 inline std::wstring_view viewOf(const CString& text) noexcept {
     return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
 }

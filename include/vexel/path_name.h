@@ -27,8 +27,11 @@ class IReadStream;
 class IWriteStream;
 } // namespace vxio
 
+class SharedPathName;
+
 namespace Vexel::Detail {
 struct SharedPathEntry;
+SharedPathName nameAsGiven(std::wstring_view text);
 } // namespace Vexel::Detail
 
 /// What is known of a path: for each fact a bit that it is known and a bit for its value, which has no
@@ -211,6 +214,7 @@ public:
 
 private:
     friend class SharedPathNameFlagsCacheBlock;
+    friend SharedPathName Vexel::Detail::nameAsGiven(std::wstring_view text);
 
     explicit SharedPathName(Vexel::Detail::SharedPathEntry* entry) noexcept : entry_(entry) {}
     static void destroyUnused(Vexel::Detail::SharedPathEntry* entry, std::uint32_t hash) noexcept;

@@ -25,8 +25,10 @@
 ///    the same path are two roots. A node has one state: opening it for writing through one handle makes
 ///    it writable for all, and all handles of a stream share its position.
 /// 4. Names. A root's name is the path of its file, a child's the name of its element. Elements are named
-///    exactly as spelled: texts given to the handles are interned with case, and an enumeration delivers the
-///    spelling in the file. A compound file itself does not tell case apart: while an element is open, or
+///    exactly as spelled: texts given to the handles are interned with case and never made canonical ("C:x",
+///    "\foo" and ".." are names as any other), and an enumeration delivers the spelling in the file. A
+///    SharedPathName that the caller made of such a text may have become a path: it is used as it is. A
+///    compound file itself does not tell case apart: while an element is open, or
 ///    cached (rule 8), under one spelling, opening it under another fails with STG_E_ACCESSDENIED, but
 ///    replacing or destroying it under another goes through, and what is open then fails with
 ///    STG_E_REVERTED. An element of a compound file has 1 to 31 characters without "/", "\", ":" and "!";
@@ -250,9 +252,11 @@ public:
     ///  - by a copy of a compound file into a package, each time 64 MiB of contents have been copied, so that
     ///    no more than these and the largest stream are in memory at a time;
     ///  - when memory or file handles run out, before the copy is tried once more.
-    /// So a copy that must be whole or not at all goes into a new file. Out of a package, a failure inside
-    /// one of the storages below is logged, and the copy goes on behind that storage.
+    /// So a copy that must be whole or not at all goes into a new file. What cannot be copied is left out of
+    /// the target, the rest is copied, and the first failure is the result. Where memory, file handles or
+    /// space on the disk run out, the copy may end early. Handles on streams keep their positions.
     ///  - STG_E_INVALIDPARAMETER: a null handle, the same storage, or one that cannot be opened.
+    ///  - STG_E_ACCESSDENIED: the target is open for reading, or stands in this storage; nothing was done.
     ///  - STG_E_READFAULT: a stream holds less than it should. Other statuses of reading and writing.
     long copyTo(const StorageRef& target) const;
     /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another:

@@ -331,6 +331,18 @@ TEST(SZipStorage, CopiesWhatIsAskedFor) {
     EXPECT_EQ(describe(root.Get()), "class 7 box={class 0 a=1:2 b=1:1 } ");
 }
 
+// Far deeper than a stack would be.
+TEST(SZipStorage, CopiesStoragesHoweverDeep) {
+    const ComPtr<SZipStorage> root = inMemory(), copy = inMemory();
+    ComPtr<IStorage> storage = root;
+    for (int depth = 0; depth < 3000; ++depth)
+        storage = newStorage(storage.Get(), L"n");
+    ASSERT_EQ(write(storage.Get(), L"bottom", "1"), S_OK);
+    EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, copy.Get()), S_OK);
+    EXPECT_EQ(copy->archive()->items().size(), 3001U);
+    EXPECT_EQ(copy->archive()->items().size(), root->archive()->items().size());
+}
+
 // Not before all of it is in the other package, and not what cannot be read.
 TEST(SZipStorage, MovesElementsToOtherPackages) {
     const LogCapture log;
@@ -363,7 +375,7 @@ TEST(SZipStorage, MovesElementsToOtherPackages) {
             continue;
         }
         const ComPtr<SZipStorage> copy = inMemory();
-        EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, copy.Get()), S_OK);
+        EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, copy.Get()), STG_E_READFAULT);
         EXPECT_EQ(describe(copy.Get()), "class 0 outer={class 0 inner={class 0 } second=1:2 } ");
         EXPECT_EQ(log.count(VxLog_Minor, L"Swallowing error 0x8003001e that occured during copying of "
                                          L"storage \"" +

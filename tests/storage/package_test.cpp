@@ -102,9 +102,12 @@ TEST_F(Files, CopiesTakeBorrowedDataOver) {
 }
 
 TEST_F(Files, KeepNamesAsTheyAreGiven) {
-    const std::wstring names[] = {L"100% %2f%", L"\x01\x1f",     L"CON",     L"nul.txt",
-                                  L"..",        L" a. ",         L"x\\y:z|", L"Case",
-                                  L"case",      L"\xd83d\xde00", L"\xd83d",  std::wstring(4000, L'n')};
+    const std::wstring names[] = {L"100% %2f%",    L"\x01\x1f",     L"CON",     L"nul.txt",
+                                  L"..",           L" a. ",         L"x\\y:z|", L"Case",
+                                  L"case",         L"\xd83d\xde00", L"\xd83d",  std::wstring(4000, L'n'),
+                                  L"C:",           L"C:x",          L"C:\\x",   L"C:\\y\\..\\x",
+                                  L"x:y",          L"\\foo",        L"a\\b",    L"\\\\server\\share\\..\\x",
+                                  L"\\\\?\\C:\\a", L"nul:",         L"x.. ..",  L"C:\\x. "};
     {
         StorageRef root = newPackage(path_);
         for (const std::wstring& name : names)

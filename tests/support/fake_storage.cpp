@@ -81,7 +81,10 @@ public:
     STDMETHODIMP Revert() override { return E_NOTIMPL; }
     STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
     STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP Stat(STATSTG* info, DWORD flags) override { return stat(*info, flags); }
+    STDMETHODIMP Stat(STATSTG* info, DWORD flags) override {
+        info->cbSize.QuadPart = calls_.size;
+        return stat(*info, flags);
+    }
     STDMETHODIMP Clone(::IStream**) override { return E_NOTIMPL; }
 
 private:
@@ -98,7 +101,7 @@ public:
     using Fake::Fake;
 
     STDMETHODIMP Next(ULONG, STATSTG* entry, ULONG*) override {
-        if (const HRESULT status = calls_.add(L"Next"); FAILED(status))
+        if (const HRESULT status = calls_.add(L"Next"); status != S_OK)
             return status;
         if (next_ == calls_.elements.size())
             return S_FALSE;
@@ -144,7 +147,10 @@ public:
         return calls_.add(std::wstring(L"DestroyElement ") + name);
     }
     STDMETHODIMP Commit(DWORD flags) override { return calls_.add(L"Commit", L"storage", flags); }
-    STDMETHODIMP Stat(STATSTG* info, DWORD flags) override { return stat(*info, flags); }
+    STDMETHODIMP Stat(STATSTG* info, DWORD flags) override {
+        info->grfMode = calls_.mode;
+        return stat(*info, flags);
+    }
     STDMETHODIMP CopyTo(DWORD, const IID*, SNB, IStorage*) override { return calls_.add(L"CopyTo"); }
     STDMETHODIMP MoveElementTo(const wchar_t*, IStorage*, const wchar_t*, DWORD) override {
         return E_NOTIMPL;

@@ -25,6 +25,9 @@ struct FakeCalls {
     std::map<size_t, HRESULT> failures;
     /// What listings deliver: names and STGTY values.
     std::vector<std::pair<std::wstring, DWORD>> elements;
+    /// What the storages say of their access, and the streams of their size.
+    DWORD mode = STGM_READ;
+    ULONGLONG size = 0;
     /// The position of the streams, and how many bytes they still move; each such call ends in E_FAIL all the
     /// same.
     ULONGLONG position = 0;

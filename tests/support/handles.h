@@ -1,5 +1,7 @@
 #pragma once
 
+#include "storage/element_name.h"
+
 #include <vexel/storage.h>
 
 #include <gmock/gmock.h>
@@ -15,7 +17,7 @@ inline constexpr auto modeReadDenyWrite = RootStorageOpenMode::ReadOnlyDenyWrite
 inline constexpr auto modeWrite = RootStorageOpenMode::ReadWrite;
 
 inline StorageContainer& container() { return StorageContainer::Instance(); }
-inline SharedPathName element(std::wstring_view name) { return {name, true, false}; }
+inline SharedPathName element(std::wstring_view name) { return Vexel::Detail::elementName(name); }
 inline SharedPathName path(std::wstring_view file) { return {file, false, false}; }
 
 inline StorageRef openRoot(const SharedPathName& path, RootStorageOpenMode mode) {

@@ -21,15 +21,14 @@ void run(const Arguments& arguments) {
     document.read(stream, path, [&](std::span<const std::byte> data) { output.bytes(data); });
 }
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = program.add_subcommand("cat", "Write a stream's bytes to standard output");
-    addFile(*command, arguments->file);
-    addNode(*command, arguments->node)->required();
-    command->callback([arguments] { run(*arguments); });
+    command.file(arguments->file);
+    command.node(arguments->node);
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration registration("cat", "Write a stream's bytes to standard output", add);
 
 } // namespace
 } // namespace Vexel::Tool

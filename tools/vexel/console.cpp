@@ -1,6 +1,8 @@
 #include "console.h"
 
 #include "failure.h"
+#include "progress.h"
+#include "stopping.h"
 #include "text.h"
 
 #include <algorithm>
@@ -39,6 +41,13 @@ bool writeConsole(HANDLE handle, std::wstring_view text) noexcept {
     return true;
 }
 
+[[noreturn]] void failToWrite() {
+    const DWORD error = GetLastError();
+    if (error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA || error == ERROR_PIPE_NOT_CONNECTED)
+        throw ReaderGone();
+    throw Failure(L"cannot write to", kOutputName, lastErrorStatus());
+}
+
 bool writeText(HANDLE handle, bool console, std::string_view utf8) {
     return console ? writeConsole(handle, toUtf16(utf8)) : writeAll(handle, std::as_bytes(std::span(utf8)));
 }
@@ -63,15 +72,21 @@ void StandardOutput::text(std::string_view utf8) {
 
 void StandardOutput::bytes(std::span<const std::byte> data) {
     flush();
+    const Progress::Hidden hidden(progress());
+    const EndableWait wait;
     if (!writeAll(handle_, data))
-        throw Failure(L"cannot write to", kOutputName, lastErrorStatus());
+        failToWrite();
 }
 
 void StandardOutput::flush() {
     // Dropped before the attempt: after a failure there is nobody to write to.
     const std::string text = std::exchange(pending_, {});
+    if (text.empty())
+        return;
+    const Progress::Hidden hidden(progress());
+    const EndableWait wait;
     if (!writeText(handle_, console_, text))
-        throw Failure(L"cannot write to", kOutputName, lastErrorStatus());
+        failToWrite();
 }
 
 bool errorIsConsole() noexcept { return isConsole(GetStdHandle(STD_ERROR_HANDLE)); }

@@ -3,6 +3,7 @@
 #include <windows.h>
 
 #include <cstddef>
+#include <exception>
 #include <span>
 #include <string>
 #include <string_view>
@@ -12,8 +13,18 @@ namespace Vexel::Tool {
 /// Size of the pieces in which contents are moved.
 inline constexpr std::size_t kChunkSize = 0x10000;
 
+/// Thrown when nobody reads standard output any more, as with `| head`: no failure, but there is nothing left
+/// to do.
+class ReaderGone : public std::exception {
+public:
+    const char* what() const noexcept override { return "nobody reads"; }
+};
+
+/// Exit status of a command whose output nobody read to the end, as shells know it.
+inline constexpr int kReaderGone = 141;
+
 /// Standard output: UTF-8 text and raw bytes, untouched by the C library's text mode and by the console's
-/// code page. Throws Failure when the reader is gone or the disk is full.
+/// code page. Throws ReaderGone, and Failure when the disk is full.
 class StandardOutput {
 public:
     StandardOutput();

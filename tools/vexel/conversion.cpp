@@ -4,8 +4,11 @@
 #include "document.h"
 #include "file_paths.h"
 #include "progress.h"
+#include "stopping.h"
 
-#include <algorithm>
+#include <vexel/hash.h>
+
+#include <cstdint>
 
 namespace Vexel::Tool {
 namespace {
@@ -27,10 +30,11 @@ CLSID classOf(const StorageRef& storage, const std::wstring& label) {
     return info.clsid;
 }
 
+/// Copies a document's nodes into a new package.
 class Conversion {
 public:
-    Conversion(const Document& source, const std::wstring& path, std::wstring label, Progress& progress)
-        : source_(source), label_(std::move(label)), progress_(progress), targets_(1) {
+    Conversion(const Document& source, const std::wstring& path, std::wstring label)
+        : source_(source), label_(std::move(label)), targets_(1) {
         StorageRef& root = targets_.front();
         check(root.create(SharedPathName(path.c_str(), true, false)), L"cannot create", label_);
         // Without any change nothing would be saved, not even a package without nodes.
@@ -47,33 +51,54 @@ public:
 private:
     void copy(const Node& node) {
         targets_.resize(node.depth + 1);
-        const SharedPathName name = elementName(node.path.name());
         if (node.type == StorageType::Stream) {
-            copyStream(node, name);
+            copyStream(node);
             return;
         }
         StorageRef source;
         StorageRef target;
         const std::wstring label = source_.label(node.path);
+        const wchar_t* const name = node.path.name().c_str();
         check(source.open(name, *node.parent, true), L"cannot open", label);
         check(target.create(name, targets_.back(), false), L"cannot copy", label);
         copyClass(source, target, label);
         targets_.push_back(std::move(target));
     }
 
-    void copyStream(const Node& node, const SharedPathName& name) {
-        StreamRef source = source_.openStream(node.path, *node.parent);
-        StreamRef target;
-        check(target.create(name, targets_.back()), L"cannot copy", source_.label(node.path));
-        source_.read(source, node.path, [&](std::span<const std::byte> data) {
-            if (target.WriteBytes(data.data(), data.size()) != data.size())
-                throw Failure(L"cannot copy", source_.label(node.path), STG_E_MEDIUMFULL);
-            progress_.add(data.size());
-        });
-        target.close();
+    void copyStream(const Node& node) {
+        // So that a large stream is alone in memory.
+        if (unsaved_ > 0 && unsaved_ + node.size > kLargestUnsaved)
+            save();
+        if (source_.root().format() == StorageFormat::Package)
+            copyInPackages(node);
+        else
+            copyBytes(node);
         unsaved_ += node.size;
         if (unsaved_ >= kLargestUnsaved)
             save();
+    }
+
+    // From package to package contents go without being in both.
+    void copyInPackages(const Node& node) const {
+        IStorage* const from = node.parent->storage();
+        IStorage* const to = targets_.back().storage();
+        const wchar_t* const name = node.path.name().c_str();
+        check(from && to ? from->MoveElementTo(name, to, name, STGMOVE_COPY) : STG_E_INVALIDHANDLE,
+              L"cannot copy", source_.label(node.path));
+        progress().add(node.size);
+    }
+
+    void copyBytes(const Node& node) const {
+        const std::wstring label = source_.label(node.path);
+        StreamRef source = source_.openStream(node.path, *node.parent);
+        StreamRef target;
+        check(target.create(node.path.name().c_str(), targets_.back()), L"cannot copy", label);
+        // At once, or the memory would grow by copying what is there already.
+        check(target.setSize(source.size()), L"cannot copy", label);
+        source_.read(source, node.path, [&](std::span<const std::byte> data) {
+            if (target.WriteBytes(data.data(), data.size()) != data.size())
+                throw Failure(L"cannot copy", label, STG_E_MEDIUMFULL);
+        });
     }
 
     static void copyClass(const StorageRef& from, const StorageRef& to, const std::wstring& label) {
@@ -84,6 +109,7 @@ private:
     }
 
     void save() {
+        checkStop();
         check(targets_.front().commit(), L"cannot write", label_);
         targets_.front().deleteUnusedObjects(); // gives back what the file holds now
         unsaved_ = 0;
@@ -91,16 +117,28 @@ private:
 
     const Document& source_;
     std::wstring label_;
-    Progress& progress_;
     std::vector<StorageRef> targets_; // from the root to the storage that the walk is in
     unsigned long long unsaved_ = 0;
+};
+
+/// What tells one run of bytes from another. The bytes come in the pieces of Document::read.
+class Fingerprint {
+public:
+    void add(std::span<const std::byte> data) {
+        Hash::SpookyV2_128(data.data(), data.size(), first_, second_);
+    }
+    bool operator==(const Fingerprint&) const = default;
+
+private:
+    std::uint64_t first_ = 0; // seeds of the next piece
+    std::uint64_t second_ = 0;
 };
 
 /// Fails unless both documents have the same nodes, of the same class or with the same contents.
 class Comparison {
 public:
-    Comparison(const Document& source, const Document& target, std::wstring label, Progress& progress)
-        : source_(source), target_(target), label_(std::move(label)), progress_(progress) {}
+    Comparison(const Document& source, const Document& target, std::wstring label)
+        : source_(source), target_(target), label_(std::move(label)) {}
 
     void run() {
         compareClasses(source_.root(), target_.root(), {});
@@ -127,24 +165,26 @@ private:
             compareClasses(source_.openStorage(node.path), target_.openStorage(node.path), node.path);
     }
 
+    // One after the other: together, the contents of two packages would be in memory twice.
     void compareStreams(const Node& node) {
-        StreamRef source = source_.openStream(node.path, *node.parent);
-        StreamRef target = target_.openStream(node.path);
-        if (target.size() != node.size)
+        const Fingerprint wanted = read(source_, source_.openStream(node.path, *node.parent), node);
+        if (read(target_, target_.openStream(node.path), node) != wanted)
             fail();
-        std::vector<std::byte> copy(kChunkSize);
-        source_.read(source, node.path, [&](std::span<const std::byte> data) {
-            if (target.ReadBytes(copy.data(), data.size()) != data.size() ||
-                !std::equal(data.begin(), data.end(), copy.begin()))
-                fail();
-            progress_.add(data.size());
-        });
-        target.close();
-        compared_ += node.size;
-        if (compared_ >= kLargestUnsaved) {
+    }
+
+    Fingerprint read(const Document& document, StreamRef stream, const Node& node) {
+        if (stream.size() != node.size)
+            fail();
+        Fingerprint found;
+        document.read(stream, node.path, [&found](std::span<const std::byte> data) { found.add(data); });
+        stream.close();
+        inMemory_ += node.size;
+        if (inMemory_ >= kLargestUnsaved) {
+            StorageRef(source_.root()).deleteUnusedObjects();
             StorageRef(target_.root()).deleteUnusedObjects();
-            compared_ = 0;
+            inMemory_ = 0;
         }
+        return found;
     }
 
     void compareClasses(const StorageRef& source, const StorageRef& target, const NodePath& path) const {
@@ -159,8 +199,7 @@ private:
     const Document& source_;
     const Document& target_;
     std::wstring label_;
-    Progress& progress_;
-    unsigned long long compared_ = 0; // bytes that are in memory
+    unsigned long long inMemory_ = 0; // bytes
 };
 
 } // namespace
@@ -173,13 +212,13 @@ void convertDocument(const std::wstring& from, const std::wstring& to, bool forc
     PartialFile partial(path.substr(0, path.rfind(L'\\') + 1), to);
     partial.close();
     const unsigned long long total = totalSize(source);
-    Progress progress(L"converting", total);
-    Conversion(source, partial.path(), to, progress).run();
+    progress().begin(L"converting", total);
+    Conversion(source, partial.path(), to).run();
     StorageContainer::Instance().deleteUnusedObjects(); // the package's file is to be read, and renamed
-    progress.begin(L"verifying", total);
+    progress().begin(L"verifying", 2 * total);
     {
         const Document target(partial.path(), RootStorageOpenMode::ReadOnlyDenyWrite);
-        Comparison(source, target, to, progress).run();
+        Comparison(source, target, to).run();
     }
     StorageContainer::Instance().deleteUnusedObjects();
     partial.finish(path, force);

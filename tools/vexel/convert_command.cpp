@@ -13,18 +13,17 @@ struct Arguments {
     bool force = false;
 };
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = program.add_subcommand(
-        "convert", "Make a package of a document and compare it with what it was made of");
-    command->add_option("IN", arguments->from, "The document")->required();
-    command->add_option("OUT", arguments->to, "The package to make")->required();
-    command->add_flag("--force", arguments->force, "Replace a file that is there");
-    command->callback(
+    command.required("IN", arguments->from, "The document");
+    command.required("OUT", arguments->to, "The package to make");
+    command.flag("--force", arguments->force, "Replace a file that is there");
+    command.run(
         [arguments] { convertDocument(toUtf16(arguments->from), toUtf16(arguments->to), arguments->force); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration
+    registration("convert", "Make a package of a document and compare it with what it was made of", add);
 
 } // namespace
 } // namespace Vexel::Tool

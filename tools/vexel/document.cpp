@@ -1,7 +1,10 @@
 #include "document.h"
 
 #include "console.h"
+#include "progress.h"
+#include "stopping.h"
 
+#include <algorithm>
 #include <limits>
 
 namespace Vexel::Tool {
@@ -54,7 +57,8 @@ std::vector<Child> childrenOf(const StorageRef& storage, unsigned long long& nod
         children.push_back({enumerator.name(), enumerator.type(), enumerator.size().QuadPart,
                             enumerator.createTime(), enumerator.writeTime()});
     }
-    check(enumerator.status(), L"cannot list all of", label);
+    if (enumerator.status() != S_FALSE) // the end
+        throw Failure(L"cannot list all of", label, enumerator.status());
     return children;
 }
 
@@ -72,9 +76,23 @@ Node nodeOf(const Level& level, std::size_t depth) {
     return node;
 }
 
-} // namespace
+// The name as StorageRef::hasChild takes it. Of some texts ("C:x", "\foo") a SharedPathName makes a path;
+// only a listing has them as they are. Null when the storage has no such element.
+SharedPathName elementName(const StorageRef& parent, const std::wstring& name) {
+    SharedPathName made(name.c_str(), true, false);
+    if (made.asStringView() == name)
+        return made;
+    StorageEnumerator enumerator;
+    if (FAILED(enumerator.reset(parent)))
+        return {};
+    while (enumerator.moveNext()) {
+        if (enumerator.name().asStringView() == name)
+            return enumerator.name();
+    }
+    return {};
+}
 
-SharedPathName elementName(const std::wstring& name) { return {name.c_str(), true, false}; }
+} // namespace
 
 Document::Document(const std::wstring& file, RootStorageOpenMode mode) : file_(file) {
     check(root_.open(SharedPathName(file.c_str(), true, false), mode, false), L"cannot open", file_);
@@ -85,7 +103,7 @@ std::wstring Document::label(const NodePath& path) const {
 }
 
 std::optional<StorageType> Document::typeOf(const StorageRef& parent, const std::wstring& name) {
-    const SharedPathName element = elementName(name);
+    const SharedPathName element = elementName(parent, name);
     for (const StorageType type : {StorageType::Storage, StorageType::Stream}) {
         if (parent.hasChild(element, type))
             return type;
@@ -102,8 +120,8 @@ StorageRef Document::openStorage(const NodePath& path) const {
     for (std::size_t i = 0; i < path.elements().size(); ++i) {
         StorageRef child;
         const std::wstring& name = path.elements()[i];
-        const HRESULT status = child.open(elementName(name), storage, true);
-        if (FAILED(status) && storage.hasChild(elementName(name), StorageType::Stream))
+        const HRESULT status = child.open(name.c_str(), storage, true);
+        if (FAILED(status) && typeOf(storage, name) == StorageType::Stream)
             throw Failure(L"this is a stream, not a storage:", label(path.first(i + 1)),
                           STG_E_INVALIDFUNCTION);
         check(status, L"cannot open", label(path.first(i + 1)));
@@ -122,9 +140,9 @@ std::vector<StorageRef> Document::openForWriting(const NodePath& path, bool crea
             throw Failure(L"this is a stream, not a storage:", where, STG_E_INVALIDFUNCTION);
         StorageRef child;
         if (create && !type)
-            check(child.create(elementName(name), storages.back(), false), L"cannot create", where);
+            check(child.create(name.c_str(), storages.back(), false), L"cannot create", where);
         else
-            check(child.open(elementName(name), storages.back(), false), L"cannot open", where);
+            check(child.open(name.c_str(), storages.back(), false), L"cannot open", where);
         storages.push_back(std::move(child));
     }
     return storages;
@@ -138,9 +156,11 @@ StreamRef Document::openStream(const NodePath& path) const {
 
 StreamRef Document::openStream(const NodePath& path, const StorageRef& parent) const {
     StreamRef stream;
-    const HRESULT status = stream.open(elementName(path.name()), parent, true);
-    if (FAILED(status) && parent.hasChild(elementName(path.name()), StorageType::Storage))
+    const HRESULT status = stream.open(path.name().c_str(), parent, true);
+    if (FAILED(status) && typeOf(parent, path.name()) == StorageType::Storage)
         throw Failure(L"this is a storage, not a stream:", label(path), STG_E_INVALIDFUNCTION);
+    if (status == STG_E_INVALIDFUNCTION && parent.format() == StorageFormat::Package)
+        throw Failure(L"packed in one block with other nodes:", label(path), E_NOTIMPL);
     check(status, L"cannot open", label(path));
     return stream;
 }
@@ -150,12 +170,15 @@ void Document::read(StreamRef& stream, const NodePath& path,
     std::vector<std::byte> buffer(kChunkSize);
     unsigned long long remaining = stream.size();
     while (remaining > 0) {
+        checkStop();
+        const auto count =
+            static_cast<unsigned long>(std::min(remaining, static_cast<unsigned long long>(buffer.size())));
         unsigned long done = 0;
-        check(stream.read(buffer.data(), static_cast<unsigned long>(buffer.size()), &done), L"cannot read",
-              label(path));
-        if (done == 0 || done > remaining)
+        check(stream.read(buffer.data(), count, &done), L"cannot read", label(path));
+        if (done != count)
             throw Failure(L"damaged contents:", label(path), STG_E_READFAULT);
         sink(std::span(buffer).first(done));
+        progress().add(done);
         remaining -= done;
     }
 }
@@ -183,28 +206,30 @@ void Document::walk(const NodePath& start, const Visitor& visitor, const FaultHa
             levels.pop_back();
             continue;
         }
+        checkStop();
         const Node node = nodeOf(level, levels.size() - 1);
-        visitor(node);
         const SharedPathName name = level.children[level.next++].name;
         bytes += node.size;
-        if (bytes > kLargestCache) {
-            StorageRef(root_).deleteUnusedObjects();
-            bytes = 0;
-        }
-        if (node.type != StorageType::Storage)
-            continue;
         try {
-            open(level, name, node.path);
+            visitor(node);
+            if (node.type == StorageType::Storage)
+                open(level, name, node.path);
         } catch (const Failure& failure) {
             if (!onFault)
                 throw;
             onFault(failure);
+        }
+        if (bytes > kLargestCache) {
+            StorageRef(root_).deleteUnusedObjects();
+            bytes = 0;
         }
     }
 }
 
 void Document::commit(const std::vector<StorageRef>& storages, const NodePath& innermost,
                       std::size_t outer) const {
+    checkStop();
+    progress().begin(L"writing");
     for (std::size_t i = storages.size(); i-- > outer;)
         check(storages[i].commit(), L"cannot commit", label(innermost.first(i)));
 }

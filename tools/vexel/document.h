@@ -57,19 +57,20 @@ public:
     StreamRef openStream(const NodePath& path) const;
     StreamRef openStream(const NodePath& path, const StorageRef& parent) const;
 
-    /// Passes the contents of an open stream to `sink` in pieces. A stream that ends before its size is
-    /// reached fails: that is how damaged contents show.
+    /// Passes the contents of an open stream to `sink` in pieces, all of kChunkSize but the last. A stream
+    /// that ends before its size is reached fails: that is how damaged contents show. Shown as progress.
     void read(StreamRef& stream, const NodePath& path,
               const std::function<void(std::span<const std::byte>)>& sink) const;
 
     /// Meets everything below a storage, each storage before its contents, siblings in the order in which the
     /// storage lists them. In a damaged file storages may contain themselves: the walk fails where it is
-    /// deeper or has met more nodes than the file can hold. With `onFault`, what storages below `start` fail
-    /// with goes there, and the walk goes on with the others.
+    /// deeper or has met more nodes than the file can hold. With `onFault`, failures go there, the visitor's
+    /// too, and the walk goes on: behind the storage, if it was one. Throws Stopped.
     void walk(const NodePath& start, const Visitor& visitor, const FaultHandler& onFault = {}) const;
 
-    /// Writes changes out: from the innermost of `storages` to the root, each being a transaction within the
-    /// one before it. Nothing reaches the file before the last step. The outermost `outer` are left out.
+    /// Writes changes out, from the innermost of `storages` to the root: in a compound file each is a
+    /// transaction within the one above it, and the root's brings all into the file; of a package the first
+    /// writes the whole file. The outermost `outer` are left out. Throws Stopped before the first.
     void commit(const std::vector<StorageRef>& storages, const NodePath& innermost,
                 std::size_t outer = 0) const;
 
@@ -77,8 +78,5 @@ private:
     std::wstring file_;
     StorageRef root_;
 };
-
-/// The name of an element as the library takes it: in the spelling given.
-SharedPathName elementName(const std::wstring& name);
 
 } // namespace Vexel::Tool

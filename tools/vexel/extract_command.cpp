@@ -24,6 +24,13 @@ struct Level {
     FileNames names;
 };
 
+// What the next file would meet as well.
+bool isFull(HRESULT status) {
+    return status == HRESULT_FROM_WIN32(ERROR_DISK_FULL) ||
+           status == HRESULT_FROM_WIN32(ERROR_HANDLE_DISK_FULL);
+}
+
+// A node that cannot be extracted is told on standard error, and the others follow.
 class Extraction {
 public:
     Extraction(const Document& document, const Arguments& arguments)
@@ -31,10 +38,8 @@ public:
 
     void stream(StreamRef stream, const NodePath& path, const std::wstring& file) {
         TargetFile target(directory_, file);
-        document_.read(stream, path, [&](std::span<const std::byte> data) {
-            target.write(data.data(), data.size());
-            progress_.add(data.size());
-        });
+        document_.read(stream, path,
+                       [&](std::span<const std::byte> data) { target.write(data.data(), data.size()); });
         target.finish();
     }
 
@@ -46,22 +51,33 @@ public:
     void below(const NodePath& start, std::wstring prefix) {
         std::vector<Level> levels(1);
         levels[0].prefix = std::move(prefix);
-        document_.walk(start, [&](const Node& node) {
-            levels.resize(node.depth + 1);
-            const std::wstring path = levels.back().prefix + levels.back().names.unique(node.path.name());
-            if (node.type == StorageType::Storage) {
-                directory_.makeDirectory(path);
-                levels.push_back({path + L"\\", {}});
-            } else {
-                stream(document_.openStream(node.path, *node.parent), node.path, path);
-            }
-        });
+        document_.walk(
+            start,
+            [&](const Node& node) {
+                levels.resize(node.depth + 1);
+                const std::wstring path = levels.back().prefix + levels.back().names.unique(node.path.name());
+                if (node.type == StorageType::Storage) {
+                    directory_.makeDirectory(path);
+                    levels.push_back({path + L"\\", {}});
+                } else {
+                    stream(document_.openStream(node.path, *node.parent), node.path, path);
+                }
+            },
+            [this](const Failure& failure) {
+                if (isFull(failure.status()))
+                    throw Failure(failure);
+                const Progress::Hidden hidden(progress());
+                report(failure.message());
+                failed_ = true;
+            });
+        if (failed_)
+            throw SilentFailure(1);
     }
 
 private:
     const Document& document_;
     TargetDirectory directory_;
-    Progress progress_{L"extracting"};
+    bool failed_ = false;
 };
 
 void run(const Arguments& arguments) {
@@ -78,19 +94,18 @@ void run(const Arguments& arguments) {
     }
 }
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = program.add_subcommand(
-        "extract", "Write nodes as files and directories; names that Windows cannot hold are encoded");
-    addFile(*command, arguments->file);
-    command->add_option("DIR", arguments->directory, "The directory to write into, made when it is missing")
-        ->required();
-    addNode(*command, arguments->node);
-    command->add_flag("--force", arguments->force, "Replace files that are there");
-    command->callback([arguments] { run(*arguments); });
+    command.file(arguments->file);
+    command.required("DIR", arguments->directory, "The directory to write into, made when it is missing");
+    command.optionalNode(arguments->node);
+    command.flag("--force", arguments->force, "Replace files that are there");
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration
+    registration("extract",
+                 "Write nodes as files and directories; names that Windows cannot hold are encoded", add);
 
 } // namespace
 } // namespace Vexel::Tool

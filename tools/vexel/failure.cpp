@@ -1,5 +1,6 @@
 #include "failure.h"
 
+#include "console.h"
 #include "text.h"
 
 #include <objbase.h>
@@ -48,6 +49,8 @@ constexpr auto kStorageWords = std::to_array<StatusWords>({
     {STG_E_OLDFORMAT, L"the file has an old format"},
     {STG_E_NOTFILEBASEDSTORAGE, L"not a storage with a file of its own"},
     {STG_E_DOCFILECORRUPT, L"the file is damaged"},
+    {E_NOTIMPL, L"packed in a way that this program cannot read, or encrypted"},
+    {HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED), L"packed in a way that this program cannot read, or encrypted"},
 });
 
 std::wstring systemWords(HRESULT status) {
@@ -77,19 +80,27 @@ std::wstring quoted(std::wstring_view text) { return L'"' + std::wstring(text) +
 } // namespace
 
 Failure::Failure(std::wstring_view what, std::wstring_view where, HRESULT status)
-    : message_(std::wstring(what) + L" " + quoted(where) + L": " + describeStatus(status)) {}
+    : message_(std::wstring(what) + L" " + quoted(where) + L": " + describeStatus(status)), status_(status) {}
 
 UsageError::UsageError(std::wstring_view what, std::wstring_view argument)
     : message_(std::wstring(what) + L" " + quoted(argument)) {}
 
 void check(HRESULT status, std::wstring_view what, std::wstring_view where) {
-    if (FAILED(status))
-        throw Failure(what, where, status);
+    if (status != S_OK)
+        throw Failure(what, where, FAILED(status) ? status : STG_E_READFAULT);
 }
 
 HRESULT lastErrorStatus() {
     const DWORD error = GetLastError();
     return error == ERROR_SUCCESS ? E_FAIL : HRESULT_FROM_WIN32(error);
+}
+
+void report(std::wstring_view message) noexcept {
+    try {
+        printError(L"vexel: " + onOneLine(std::wstring(message)));
+    } catch (const std::exception&) {
+        return; // out of memory while reporting: the exit status still tells
+    }
 }
 
 std::wstring describeStatus(HRESULT status) {

@@ -5,27 +5,43 @@
 #include <exception>
 #include <string>
 #include <string_view>
+#include <utility>
 
 namespace Vexel::Tool {
 
 /// Ends the program with one line on standard error. The program's commands are short and straight, so they
-/// leave by exception; `main` is the only place that catches.
+/// leave by exception; besides `main`, only those catch that go on with the next node.
 class Failure : public std::exception {
 public:
     /// `what` without the object ("cannot open"), `where` a file's name or what Document::label gives.
     Failure(std::wstring_view what, std::wstring_view where, HRESULT status);
 
     const std::wstring& message() const noexcept { return message_; }
+    HRESULT status() const noexcept { return status_; }
     const char* what() const noexcept override { return "command failed"; }
 
 private:
     std::wstring message_;
+    HRESULT status_;
+};
+
+/// Ends the program with a status of its own, after what was to be said has been.
+class SilentFailure : public std::exception {
+public:
+    explicit SilentFailure(int exitStatus) noexcept : exitStatus_(exitStatus) {}
+
+    int exitStatus() const noexcept { return exitStatus_; }
+    const char* what() const noexcept override { return "command failed"; }
+
+private:
+    int exitStatus_;
 };
 
 /// Arguments that no document could satisfy: exit status 2.
 class UsageError : public std::exception {
 public:
     UsageError(std::wstring_view what, std::wstring_view argument);
+    explicit UsageError(std::wstring message) noexcept : message_(std::move(message)) {}
 
     const std::wstring& message() const noexcept { return message_; }
     const char* what() const noexcept override { return "wrong usage"; }
@@ -34,11 +50,14 @@ private:
     std::wstring message_;
 };
 
-/// Throws Failure when `status` is a failure.
+/// Throws Failure unless `status` is S_OK: other successes are half ones.
 void check(HRESULT status, std::wstring_view what, std::wstring_view where);
 
 /// The last error of the calling thread as a failing status, E_FAIL when none is set.
 HRESULT lastErrorStatus();
+
+/// The line on standard error.
+void report(std::wstring_view message) noexcept;
 
 /// "0x80030002 (there is no such file or node)".
 std::wstring describeStatus(HRESULT status);

@@ -1,6 +1,9 @@
 #include "file_paths.h"
 
 #include "failure.h"
+#include "stopping.h"
+
+#include <vexel/storage.h>
 
 #include <utility>
 #include <vector>
@@ -34,8 +37,17 @@ PartialFile::PartialFile(const std::wstring& directory, std::wstring label) : la
 
 PartialFile::~PartialFile() {
     file_.close();
-    if (!path_.empty())
-        DeleteFileW(path_.c_str());
+    if (path_.empty())
+        return;
+    // The library keeps a package's file open until it is told to let go.
+    StorageContainer::Instance().deleteUnusedObjects();
+    remove(path_ + L".7ztmp");
+    remove(path_);
+}
+
+void PartialFile::remove(const std::wstring& path) const {
+    if (!DeleteFileW(path.c_str()) && GetLastError() != ERROR_FILE_NOT_FOUND)
+        report(Failure(L"cannot delete", path, lastErrorStatus()).message());
 }
 
 void PartialFile::write(const void* data, std::size_t count) {
@@ -50,6 +62,7 @@ void PartialFile::close() {
 }
 
 void PartialFile::finish(const std::wstring& path, bool overwrite) {
+    checkStop();
     const DWORD flags = overwrite ? MOVEFILE_REPLACE_EXISTING : 0;
     if (!file_.close() || !MoveFileExW(path_.c_str(), path.c_str(), flags))
         throw Failure(L"cannot create", label_, lastErrorStatus());

@@ -11,7 +11,8 @@ namespace Vexel::Tool {
 std::wstring withoutLengthLimit(const std::wstring& path);
 
 /// A new file under a name of its own, deleted again unless it gets the one it is meant for: so that nothing
-/// half-made stands under that. Members throw Failure.
+/// half-made stands under that. A package may be made of it, whose handles must be gone when this object
+/// goes. Members throw Failure; when the file cannot be deleted, a line on standard error says so.
 class PartialFile {
 public:
     /// Makes it in `directory`, which ends with its separator, open for writing. `label` names the file that
@@ -30,6 +31,8 @@ public:
     void finish(const std::wstring& path, bool overwrite);
 
 private:
+    void remove(const std::wstring& path) const;
+
     std::wstring path_; // empty: finished
     std::wstring label_;
     FileHandle file_;

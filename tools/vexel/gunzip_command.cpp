@@ -1,6 +1,8 @@
 #include "command.h"
 #include "console.h"
 #include "document.h"
+#include "progress.h"
+#include "stopping.h"
 #include "text.h"
 
 #include <vexel/compressed_stream.h>
@@ -75,7 +77,9 @@ void run(const Arguments& arguments) {
         StandardOutput output;
         std::vector<std::byte> buffer(kChunkSize);
         while (const auto count = inflated.ReadBytes(buffer.data(), buffer.size())) {
+            checkStop();
             output.bytes(std::span(buffer).first(static_cast<std::size_t>(count)));
+            progress().add(count);
             done += static_cast<unsigned long>(count);
         }
         inflated.CloseCompression();
@@ -84,16 +88,15 @@ void run(const Arguments& arguments) {
         throw Failure(L"damaged gzip data:", document.label(path), STG_E_DOCFILECORRUPT);
 }
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command =
-        program.add_subcommand("gunzip", "Write the inflated bytes of a gzip stream to standard output");
-    addFile(*command, arguments->file);
-    addNode(*command, arguments->node)->required();
-    command->callback([arguments] { run(*arguments); });
+    command.file(arguments->file);
+    command.node(arguments->node);
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration registration("gunzip",
+                                       "Write the inflated bytes of a gzip stream to standard output", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -171,16 +171,15 @@ void run(const Arguments& arguments) {
     output.flush();
 }
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = program.add_subcommand(
-        "info", "Say what a file is: format, number of nodes, bytes, packed bytes, times");
-    addFile(*command, arguments->file);
-    command->add_flag("--json", arguments->json, "Print one object with the same figures");
-    command->callback([arguments] { run(*arguments); });
+    command.file(arguments->file);
+    command.flag("--json", arguments->json, "Print one object with the same figures");
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration
+    registration("info", "Say what a file is: format, number of nodes, bytes, packed bytes, times", add);
 
 } // namespace
 } // namespace Vexel::Tool

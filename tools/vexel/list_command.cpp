@@ -58,17 +58,16 @@ void run(const Arguments& arguments) {
     output.flush();
 }
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command =
-        program.add_subcommand("list", "List every node, depth first: type, size, modification time, path");
-    addFile(*command, arguments->file);
-    command->add_flag("--json", arguments->json,
-                      "Print an array of {\"path\", \"type\", \"size\", \"created\", \"modified\"}");
-    command->callback([arguments] { run(*arguments); });
+    command.file(arguments->file);
+    command.flag("--json", arguments->json,
+                 "Print an array of {\"path\", \"type\", \"size\", \"created\", \"modified\"}");
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration
+    registration("list", "List every node, depth first: type, size, modification time, path", add);
 
 } // namespace
 } // namespace Vexel::Tool

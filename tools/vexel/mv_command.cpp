@@ -1,5 +1,6 @@
 #include "command.h"
 #include "document.h"
+#include "stopping.h"
 #include "text.h"
 
 #include <algorithm>
@@ -34,9 +35,9 @@ bool isInside(const NodePath& path, const NodePath& storage) {
 HRESULT copyStorage(Place& from, Place& to) {
     StorageRef source;
     StorageRef target;
-    HRESULT status = source.open(elementName(from.path.name()), from.parent(), true);
+    HRESULT status = source.open(from.path.name().c_str(), from.parent(), true);
     if (SUCCEEDED(status))
-        status = target.create(elementName(to.path.name()), to.parent(), false);
+        status = target.create(to.path.name().c_str(), to.parent(), false);
     if (SUCCEEDED(status))
         status = source.copyTo(target);
     return SUCCEEDED(status) ? target.commit() : status;
@@ -45,9 +46,9 @@ HRESULT copyStorage(Place& from, Place& to) {
 HRESULT copyStream(Place& from, Place& to) {
     StreamRef source;
     StreamRef target;
-    HRESULT status = source.open(elementName(from.path.name()), from.parent(), true);
+    HRESULT status = source.open(from.path.name().c_str(), from.parent(), true);
     if (SUCCEEDED(status))
-        status = target.create(elementName(to.path.name()), to.parent());
+        status = target.create(to.path.name().c_str(), to.parent());
     if (SUCCEEDED(status))
         status = source.copyTo(target);
     if (FAILED(status))
@@ -65,7 +66,7 @@ HRESULT moveNode(Place& from, Place& to, StorageType type) {
                                 : STG_E_INVALIDHANDLE;
     }
     const HRESULT status = type == StorageType::Storage ? copyStorage(from, to) : copyStream(from, to);
-    return SUCCEEDED(status) ? from.parent().destroy(elementName(from.path.name())) : status;
+    return status == S_OK ? from.parent().destroy(from.path.name().c_str()) : status;
 }
 
 void run(const Arguments& arguments) {
@@ -84,6 +85,7 @@ void run(const Arguments& arguments) {
     Place to(document, newNode, true);
     if (Document::typeOf(to.parent(), newNode.name()))
         throw Failure(L"cannot move to", document.label(newNode), STG_E_FILEALREADYEXISTS);
+    checkStop();
     check(moveNode(from, to, *type), L"cannot move", document.label(node));
     // Where the ways to both places are one, it is committed when what lies below is.
     const auto ways =
@@ -93,18 +95,17 @@ void run(const Arguments& arguments) {
     document.commit(from.storages, node.parent());
 }
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = program.add_subcommand(
-        "mv", "Give a node another path, creating the storages above that where they are missing");
-    addFile(*command, arguments->file);
-    addNode(*command, arguments->node)->required();
-    command->add_option("NEWNODE", arguments->newNode, "The node's new path; nothing may stand there")
-        ->required();
-    command->callback([arguments] { run(*arguments); });
+    command.file(arguments->file);
+    command.node(arguments->node);
+    command.required("NEWNODE", arguments->newNode, "The node's new path; nothing may stand there");
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration
+    registration("mv", "Give a node another path, creating the storages above that where they are missing",
+                 add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -1,11 +1,11 @@
 #include "command.h"
-#include "console.h"
 #include "conversion.h"
 #include "failure.h"
 #include "file_names.h"
 #include "file_paths.h"
 #include "progress.h"
 #include "source.h"
+#include "stopping.h"
 #include "text.h"
 
 #include <vexel/archive.h>
@@ -74,6 +74,7 @@ void appendChildren(std::vector<Entry>& entries, const Entry& directory) {
         throw Failure(L"cannot list", directory.label, lastErrorStatus());
     const std::unique_ptr<HANDLE, CloseSearch> search(first);
     do {
+        checkStop();
         const std::wstring_view name = found.cFileName;
         if (name != L"." && name != L"..")
             entries.push_back(entryOf(directory, found));
@@ -109,12 +110,14 @@ class Packing {
 public:
     Packing(const std::wstring& path, std::wstring label, unsigned long long total)
         : archive_(path, false, true), label_(std::move(label)), total_(total) {
+        progress().begin(L"packing", total_);
         // Without any change nothing would be saved, not even an archive without items.
         check(archive_.createDirectory(L"-", true, false), L"cannot create", label_);
         check(archive_.clear(std::wstring_view()), L"cannot create", label_);
     }
 
     void add(const Entry& entry) {
+        checkStop();
         if (entry.isDirectory)
             check(archive_.createDirectory(entry.item, true, false), L"cannot add", entry.label);
         else
@@ -127,35 +130,31 @@ public:
     }
 
     void save() {
-        progress_.begin(L"compressing");
+        checkStop();
+        progress().begin(L"compressing");
         check(archive_.save(true), L"cannot write", label_);
         unsaved_ = 0;
-        progress_.begin(L"packing", total_);
-        progress_.add(done_);
+        progress().begin(L"packing", total_);
+        progress().add(done_);
     }
 
 private:
     void addFile(const Entry& entry) {
         Source source(entry.file);
         Microsoft::WRL::ComPtr<IStream> stream;
+        if (unsaved_ > 0 && unsaved_ + entry.size > kLargestUnsaved)
+            save(); // so that a large file is alone in memory
         check(archive_.createFile(&stream, entry.item, true, false), L"cannot add", entry.label);
-        while (const std::size_t count = source.read(buffer_)) {
-            ULONG written = 0;
-            check(stream->Write(buffer_.data(), static_cast<ULONG>(count), &written), L"cannot add",
-                  entry.label);
-            unsaved_ += count;
-            done_ += count;
-            progress_.add(count);
-        }
+        const unsigned long long size = fill(*stream.Get(), source, entry.label);
+        unsaved_ += size;
+        done_ += size;
     }
 
     SZipArchive archive_;
     std::wstring label_;
-    std::vector<std::byte> buffer_ = std::vector<std::byte>(kChunkSize);
     unsigned long long total_;
     unsigned long long done_ = 0;
     unsigned long long unsaved_ = 0;
-    Progress progress_{L"packing", total_};
 };
 
 void run(const Arguments& arguments) {
@@ -179,18 +178,17 @@ void run(const Arguments& arguments) {
     partial.finish(path, arguments.force);
 }
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = program.add_subcommand(
-        "pack", "Make a package from a directory; names are decoded as extract encodes them");
-    command->add_option("DIR", arguments->directory, "The directory with what is to be in it")->required();
-    command->add_option("FILE", arguments->file, "The package to make")->required();
-    command->add_flag("--force", arguments->force, "Replace a file that is there");
-    command->add_flag("--from", arguments->fromDocument, "DIR is a document; as convert");
-    command->callback([arguments] { run(*arguments); });
+    command.required("DIR", arguments->directory, "The directory with what is to be in it");
+    command.required("FILE", arguments->file, "The package to make");
+    command.flag("--force", arguments->force, "Replace a file that is there");
+    command.flag("--from", arguments->fromDocument, "DIR is a document; as convert");
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration
+    registration("pack", "Make a package from a directory; names are decoded as extract encodes them", add);
 
 } // namespace
 } // namespace Vexel::Tool

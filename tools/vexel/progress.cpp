@@ -3,6 +3,7 @@
 #include "console.h"
 
 #include <algorithm>
+#include <utility>
 
 namespace Vexel::Tool {
 namespace {
@@ -14,17 +15,9 @@ std::wstring megabytes(unsigned long long bytes) {
 
 } // namespace
 
-Progress::Progress(std::wstring_view phase, unsigned long long total) : phase_(phase), total_(total) {
-    if (errorIsConsole())
-        thread_ = std::jthread([this](const std::stop_token& stop) { show(stop); });
-}
-
-// The thread must be at its end before what it uses is.
-Progress::~Progress() {
-    if (!thread_.joinable())
-        return;
-    thread_.request_stop();
-    thread_.join();
+Progress& progress() {
+    static Progress instance;
+    return instance;
 }
 
 void Progress::begin(std::wstring_view phase, unsigned long long total) {
@@ -33,6 +26,26 @@ void Progress::begin(std::wstring_view phase, unsigned long long total) {
     total_ = total;
     done_ = 0;
     began_ = std::chrono::steady_clock::now();
+    if (!thread_.joinable() && errorIsConsole())
+        thread_ = std::jthread([this](const std::stop_token& stop) { show(stop); });
+}
+
+// The thread must be at its end before what it uses is.
+void Progress::end() noexcept {
+    if (!thread_.joinable())
+        return;
+    thread_.request_stop();
+    thread_.join();
+    thread_ = {};
+    erase();
+}
+
+Progress::Hidden::Hidden(Progress& progress) : guard_(progress.lock_) { progress.erase(); }
+
+void Progress::erase() noexcept {
+    if (!shown_.empty())
+        writeErrorConsole(L"\r" + std::wstring(shown_.size(), L' ') + L"\r");
+    shown_.clear();
 }
 
 void Progress::add(unsigned long long bytes) {
@@ -55,19 +68,16 @@ std::wstring Progress::text() const {
 
 void Progress::show(const std::stop_token& stop) {
     using std::chrono_literals::operator""ms;
-    std::wstring shown;
     std::unique_lock guard(lock_);
     for (auto pause = 1000ms; !stop.stop_requested(); pause = 200ms) {
         wake_.wait_for(guard, stop, pause, [] { return false; });
         std::wstring line = text();
-        if (stop.stop_requested() || line == shown)
+        if (stop.stop_requested() || line == shown_)
             continue;
-        shown.swap(line);
-        const std::size_t rest = line.size() > shown.size() ? line.size() - shown.size() : 0;
-        writeErrorConsole(L"\r" + shown + std::wstring(rest, L' '));
+        const std::size_t rest = shown_.size() > line.size() ? shown_.size() - line.size() : 0;
+        shown_ = std::move(line);
+        writeErrorConsole(L"\r" + shown_ + std::wstring(rest, L' '));
     }
-    if (!shown.empty())
-        writeErrorConsole(L"\r" + std::wstring(shown.size(), L' ') + L"\r");
 }
 
 } // namespace Vexel::Tool

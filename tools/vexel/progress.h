@@ -9,31 +9,47 @@
 
 namespace Vexel::Tool {
 
-/// Shows on standard error what work has got to, if people are looking there and it takes longer than a
-/// second: "packing: 42 % (126 of 300 MB)". The line is gone when the object is. It is written by a thread of
-/// its own, so that it goes on while the library is busy.
+/// Shows on standard error what the command has got to, if people are looking there and it takes longer than
+/// a second: "packing: 42 % (126 of 300 MB)". It is written by a thread of its own, so that it goes on while
+/// the library is busy.
 class Progress {
 public:
-    explicit Progress(std::wstring_view phase, unsigned long long total = 0);
+    Progress() = default;
     Progress(const Progress&) = delete;
     Progress& operator=(const Progress&) = delete;
-    ~Progress();
+    ~Progress() { end(); }
 
     /// What is being done now, and how many bytes that will be; 0: not known. Without any, the time is shown.
     void begin(std::wstring_view phase, unsigned long long total = 0);
     void add(unsigned long long bytes);
+    /// Takes the line away; the next `begin` brings it back.
+    void end() noexcept;
+
+    /// While one lives the line is not there, so that other text can be.
+    class Hidden {
+    public:
+        explicit Hidden(Progress& progress);
+
+    private:
+        std::unique_lock<std::mutex> guard_;
+    };
 
 private:
     void show(const std::stop_token& stop);
     std::wstring text() const;
+    void erase() noexcept;
 
     std::mutex lock_;
     std::condition_variable_any wake_;
     std::wstring phase_;
+    std::wstring shown_;
     unsigned long long total_ = 0;
     unsigned long long done_ = 0;
-    std::chrono::steady_clock::time_point began_ = std::chrono::steady_clock::now();
+    std::chrono::steady_clock::time_point began_;
     std::jthread thread_; // last: it uses the others
 };
+
+/// That of the command that runs.
+Progress& progress();
 
 } // namespace Vexel::Tool

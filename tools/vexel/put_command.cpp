@@ -1,14 +1,23 @@
 #include "command.h"
-#include "console.h"
 #include "document.h"
 #include "failure.h"
+#include "progress.h"
 #include "source.h"
+#include "stopping.h"
 #include "text.h"
 
+#include <vexel/archive.h>
+
+#include <wrl/client.h>
+
 #include <memory>
+#include <optional>
+#include <vector>
 
 namespace Vexel::Tool {
 namespace {
+
+using Vexel::Storage::SZipArchive;
 
 struct Arguments {
     std::string file;
@@ -23,46 +32,107 @@ StreamRef openForWriting(const Document& document, const NodePath& path, const S
         throw Failure(L"this is a storage, not a stream:", document.label(path), STG_E_FILEALREADYEXISTS);
     StreamRef stream;
     if (type)
-        check(stream.open(elementName(path.name()), parent, false), L"cannot open", document.label(path));
+        check(stream.open(path.name().c_str(), parent, false), L"cannot open", document.label(path));
     else
-        check(stream.create(elementName(path.name()), parent), L"cannot create", document.label(path));
+        check(stream.create(path.name().c_str(), parent), L"cannot create", document.label(path));
     return stream;
 }
 
-void write(StreamRef& stream, std::span<const std::byte> data, const std::wstring& label) {
-    unsigned long done = 0;
-    check(stream.write(data.data(), static_cast<unsigned long>(data.size()), &done), L"cannot write", label);
-    if (done != data.size())
-        throw Failure(L"cannot write", label, STG_E_MEDIUMFULL);
-}
-
-void run(const Arguments& arguments) {
-    const NodePath path = NodePath::parse(toUtf16(arguments.node));
-    if (path.isRoot())
-        throw UsageError(L"the root is not a stream:", toUtf16(arguments.file));
-    Source source = arguments.source.empty() ? Source() : Source(toUtf16(arguments.source));
-    const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadWrite);
+// Into a node that the handles have opened for writing.
+void putByHandles(const Document& document, const NodePath& path, Source& source) {
     const std::vector<StorageRef> storages = document.openForWriting(path.parent(), true);
     StreamRef stream = openForWriting(document, path, storages.back());
-    std::vector<std::byte> buffer(kChunkSize);
-    while (const std::size_t count = source.read(buffer))
-        write(stream, std::span(buffer).first(count), document.label(path));
-    // Up to the last of these nothing is in the file, so that whatever fails before leaves it as it was.
+    IStream* const contents = stream.stream();
+    if (!contents)
+        throw Failure(L"cannot write", document.label(path), STG_E_INVALIDHANDLE);
+    fill(*contents, source, document.label(path));
+    // Up to here nothing is in the file, so that whatever fails before leaves it as it was.
+    checkStop();
     check(stream.commit(), L"cannot commit", document.label(path));
     document.commit(storages, path.parent());
 }
 
-void add(CLI::App& program) {
-    const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = program.add_subcommand(
-        "put", "Write a stream whole, creating it and its parents where they are missing");
-    addFile(*command, arguments->file);
-    addNode(*command, arguments->node)->required();
-    command->add_option("SOURCE", arguments->source, "The file with the contents; standard input without it");
-    command->callback([arguments] { run(*arguments); });
+// The items on the way to a node, the node's included.
+std::vector<CString> itemsOf(const NodePath& path) {
+    std::vector<CString> items;
+    for (const std::wstring& element : path.elements()) {
+        const CString encoded = SZipArchive::encodePathElement(element);
+        items.push_back(items.empty() ? encoded : items.back() + L"/" + encoded);
+    }
+    return items;
 }
 
-const CommandRegistration registration(add);
+/// Puts a stream into a package's archive, which, unlike the handles, keeps the time. False with nothing done
+/// where it does not have the nodes that the handles do (other programs' archives need not have items for
+/// directories).
+bool putIntoArchive(const std::wstring& file, const NodePath& path, const std::wstring& label,
+                    std::size_t existing, Source& source) {
+    SZipArchive archive(file, false, true);
+    check(archive.reload(), L"cannot open", file);
+    const std::vector<CString> items = itemsOf(path);
+    for (std::size_t i = 0; i < items.size(); ++i) {
+        if ((archive.item(items[i]) != nullptr) != (i < existing))
+            return false;
+    }
+    for (std::size_t i = existing; i + 1 < items.size(); ++i) {
+        check(archive.createDirectory(items[i], true, false), L"cannot create", label);
+        archive.item(items[i])->touch();
+    }
+    Microsoft::WRL::ComPtr<IStream> stream;
+    check(archive.createFile(&stream, items.back(), false, true), L"cannot create", label);
+    fill(*stream.Get(), source, label);
+    archive.item(items.back())->touch();
+    checkStop();
+    progress().begin(L"writing");
+    check(archive.save(true), L"cannot write", file);
+    return true;
+}
+
+// How many of the nodes on the way to a stream, itself included, are there. Fails where none can be put.
+std::size_t countExisting(const Document& document, const NodePath& path) {
+    const std::size_t last = path.elements().size();
+    for (std::size_t i = 1; i <= last; ++i) {
+        const auto type = document.typeOf(path.first(i));
+        if (!type)
+            return i - 1;
+        if (i == last && type == StorageType::Storage)
+            throw Failure(L"this is a storage, not a stream:", document.label(path), STG_E_FILEALREADYEXISTS);
+        if (i < last && type == StorageType::Stream)
+            throw Failure(L"this is a stream, not a storage:", document.label(path.first(i)),
+                          STG_E_INVALIDFUNCTION);
+    }
+    return last;
+}
+
+void run(const Arguments& arguments) {
+    const NodePath path = NodePath::parse(toUtf16(arguments.node));
+    const std::wstring file = toUtf16(arguments.file);
+    if (path.isRoot())
+        throw UsageError(L"the root is not a stream:", file);
+    Source source = arguments.source.empty() ? Source() : Source(toUtf16(arguments.source));
+    std::optional<Document> document(std::in_place, file, RootStorageOpenMode::ReadWrite);
+    if (document->root().format() == StorageFormat::Package) {
+        const std::size_t existing = countExisting(*document, path);
+        const std::wstring label = document->label(path);
+        document.reset();
+        StorageContainer::Instance().deleteUnusedObjects(); // the file
+        if (putIntoArchive(file, path, label, existing, source))
+            return;
+        document.emplace(file, RootStorageOpenMode::ReadWrite);
+    }
+    putByHandles(*document, path, source);
+}
+
+void add(Command& command) {
+    const auto arguments = std::make_shared<Arguments>();
+    command.file(arguments->file);
+    command.node(arguments->node);
+    command.optional("SOURCE", arguments->source, "The file with the contents; standard input without it");
+    command.run([arguments] { run(*arguments); });
+}
+
+const CommandRegistration
+    registration("put", "Write a stream whole, creating it and its parents where they are missing", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -1,6 +1,7 @@
 #include "command.h"
 #include "document.h"
 #include "failure.h"
+#include "stopping.h"
 #include "text.h"
 
 #include <memory>
@@ -19,19 +20,19 @@ void run(const Arguments& arguments) {
         throw UsageError(L"the root cannot be removed from", toUtf16(arguments.file));
     const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadWrite);
     std::vector<StorageRef> storages = document.openForWriting(path.parent(), false);
-    check(storages.back().destroy(elementName(path.name())), L"cannot remove", document.label(path));
+    checkStop();
+    check(storages.back().destroy(path.name().c_str()), L"cannot remove", document.label(path));
     document.commit(storages, path.parent());
 }
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = program.add_subcommand("rm", "Remove a node with everything in it");
-    addFile(*command, arguments->file);
-    addNode(*command, arguments->node)->required();
-    command->callback([arguments] { run(*arguments); });
+    command.file(arguments->file);
+    command.node(arguments->node);
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration registration("rm", "Remove a node with everything in it", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -2,8 +2,11 @@
 
 #include "console.h"
 #include "failure.h"
+#include "progress.h"
+#include "stopping.h"
 
 #include <algorithm>
+#include <vector>
 
 namespace Vexel::Tool {
 
@@ -17,15 +20,48 @@ Source::Source(const std::wstring& file)
         throw Failure(L"cannot open", name_, lastErrorStatus());
 }
 
-std::size_t Source::read(std::span<std::byte> buffer) {
-    DWORD done = 0;
+unsigned long long Source::size() const noexcept {
+    LARGE_INTEGER size{};
+    return file_ && GetFileSizeEx(file_.get(), &size) ? static_cast<unsigned long long>(size.QuadPart) : 0;
+}
+
+bool Source::readOnce(std::span<std::byte> buffer, DWORD& done) {
     const auto count = static_cast<DWORD>(std::min(buffer.size(), kChunkSize));
-    if (ReadFile(handle_, buffer.data(), count, &done, nullptr))
+    if (file_)
+        return ReadFile(handle_, buffer.data(), count, &done, nullptr) != FALSE;
+    const EndableWait wait;
+    return ReadFile(handle_, buffer.data(), count, &done, nullptr) != FALSE;
+}
+
+std::size_t Source::read(std::span<std::byte> buffer) {
+    checkStop();
+    DWORD done = 0;
+    if (readOnce(buffer, done)) {
+        progress().add(done);
         return done;
+    }
     // A pipe whose writer is done ends with this error instead of zero bytes.
     if (GetLastError() == ERROR_BROKEN_PIPE)
         return 0;
     throw Failure(L"cannot read", name_, lastErrorStatus());
+}
+
+unsigned long long fill(IStream& stream, Source& source, const std::wstring& label) {
+    ULARGE_INTEGER size{};
+    size.QuadPart = source.size();
+    check(stream.SetSize(size), L"cannot write", label);
+    std::vector<std::byte> buffer(kChunkSize);
+    unsigned long long total = 0;
+    while (const std::size_t count = source.read(buffer)) {
+        ULONG written = 0;
+        check(stream.Write(buffer.data(), static_cast<ULONG>(count), &written), L"cannot write", label);
+        if (written != count)
+            throw Failure(L"cannot write", label, STG_E_MEDIUMFULL);
+        total += count;
+    }
+    size.QuadPart = total; // the file may have shrunk meanwhile
+    check(stream.SetSize(size), L"cannot write", label);
+    return total;
 }
 
 } // namespace Vexel::Tool

@@ -36,14 +36,13 @@ void run(const Arguments& arguments) {
     output.flush();
 }
 
-void add(CLI::App& program) {
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command = program.add_subcommand("tree", "Draw the nodes as a tree, streams with their sizes");
-    addFile(*command, arguments->file);
-    command->callback([arguments] { run(*arguments); });
+    command.file(arguments->file);
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration registration("tree", "Draw the nodes as a tree, streams with their sizes", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -13,63 +13,83 @@ struct Arguments {
     std::string file;
 };
 
+// Exit status where nothing is damaged, as far as this program can read it.
+constexpr int kNotReadable = 3;
+
+bool isNotReadable(HRESULT status) {
+    return status == E_NOTIMPL || status == HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
+}
+
+[[noreturn]] void failAsNotReadable(const Failure& failure) {
+    progress().end();
+    report(failure.message());
+    throw SilentFailure(kNotReadable);
+}
+
 // Reads everything that is in a document and prints each fault.
 class Verification {
 public:
     explicit Verification(const Document& document) : document_(document) {}
 
-    unsigned long long faults() {
+    void run() {
         document_.walk(
             {},
             [this](const Node& node) {
-                if (node.type == StorageType::Stream)
-                    read(node);
+                if (node.type != StorageType::Stream)
+                    return;
+                StreamRef stream = document_.openStream(node.path, *node.parent);
+                document_.read(stream, node.path, [](std::span<const std::byte>) {});
             },
-            [this](const Failure& failure) { print(failure); });
+            [this](const Failure& failure) {
+                output_.text(toUtf8(onOneLine(failure.message())) + "\n");
+                ++(isNotReadable(failure.status()) ? notReadable_ : faults_);
+            });
         output_.flush();
-        return faults_;
     }
+
+    unsigned long long faults() const noexcept { return faults_; }
+    unsigned long long notReadable() const noexcept { return notReadable_; }
 
 private:
-    void read(const Node& node) {
-        try {
-            StreamRef stream = document_.openStream(node.path, *node.parent);
-            document_.read(stream, node.path,
-                           [this](std::span<const std::byte> data) { progress_.add(data.size()); });
-        } catch (const Failure& failure) {
-            print(failure);
-        }
-    }
-
-    void print(const Failure& failure) {
-        output_.text(toUtf8(onOneLine(failure.message())) + "\n");
-        ++faults_;
-    }
-
     const Document& document_;
     StandardOutput output_;
-    Progress progress_{L"verifying"};
     unsigned long long faults_ = 0;
+    unsigned long long notReadable_ = 0;
 };
 
-void run(const Arguments& arguments) {
-    const std::wstring file = toUtf16(arguments.file);
+std::wstring count(unsigned long long number, std::wstring_view what) {
+    return std::to_wstring(number) + L" " + std::wstring(what) + (number == 1 ? L"" : L"s");
+}
+
+void verify(const std::wstring& file) {
     const Document document(file, RootStorageOpenMode::ReadOnlyDenyWrite);
-    const unsigned long long faults = Verification(document).faults();
-    if (faults > 0)
-        throw Failure(faults == 1 ? L"1 fault in" : std::to_wstring(faults) + L" faults in", file,
-                      STG_E_DOCFILECORRUPT);
+    Verification verification(document);
+    verification.run();
+    if (verification.faults() > 0)
+        throw Failure(count(verification.faults(), L"fault") + L" in", file, STG_E_DOCFILECORRUPT);
+    if (verification.notReadable() > 0)
+        throw Failure(count(verification.notReadable(), L"node") + L" could not be checked in", file,
+                      E_NOTIMPL);
 }
 
-void add(CLI::App& program) {
+void run(const Arguments& arguments) {
+    try {
+        verify(toUtf16(arguments.file));
+    } catch (const Failure& failure) {
+        if (!isNotReadable(failure.status()))
+            throw;
+        failAsNotReadable(failure);
+    }
+}
+
+void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    CLI::App* command =
-        program.add_subcommand("verify", "Read every stream wholly and print each fault on a line");
-    addFile(*command, arguments->file);
-    command->callback([arguments] { run(*arguments); });
+    command.file(arguments->file);
+    command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration(add);
+const CommandRegistration registration("verify", "Read every stream wholly and print each fault on a line",
+                                       add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -1,0 +1,112 @@
+"""Commands that somebody stops: they end with a status of their own and leave nothing half-made."""
+
+import fcntl
+import os
+import pty
+import signal
+import subprocess
+import termios
+import threading
+import time
+import unittest
+
+from vexel_cli import CommandTest, seven_zip
+
+
+class Stopping(CommandTest):
+    def setUp(self):
+        super().setUp()
+        tree = self.directory / "tree"
+        tree.mkdir()
+        self.large = os.urandom(3_000_000)
+        for name in "abc":
+            (tree / name).write_bytes(self.large)
+        self.package = self.directory / "package.7z"
+        seven_zip("a", "-mx0", "-ms=off", "-m0=copy", self.package, *tree.iterdir())
+        self.before = self.package.read_bytes()
+        self.commands = {
+            "pack": ["pack", tree, self.directory / "new.7z"],
+            "convert": ["convert", self.package, self.directory / "new.7z"],
+            "extract": ["extract", self.package, self.directory / "out"],
+            "put": ["put", self.package, "a", tree / "b"],
+        }
+        self.there = {path.name for path in self.directory.iterdir()} | {"out"}
+
+    def check(self, status, error):
+        """What a stopped command may leave: whole files of extract's. One that was done already says so."""
+        self.assertEqual(status, 130, error)
+        done = b"what was to be done is done" in error
+        found = {path.name for path in self.directory.iterdir()}
+        self.assertLessEqual(found, self.there | ({"new.7z"} if done else set()))
+        if done and "new.7z" in found:
+            seven_zip("t", self.directory / "new.7z")
+            (self.directory / "new.7z").unlink()
+        for path in (self.directory / "out").glob("*"):
+            self.assertEqual((path.name in "abc", path.stat().st_size), (True, len(self.large)))
+            path.unlink()
+        if not done:
+            self.assertTrue(self.package.read_bytes() == self.before)
+        seven_zip("t", self.package)
+
+    def test_signals_at_many_moments(self):
+        signals = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP]
+        for number, (name, command) in enumerate(self.commands.items()):
+            for moment, delay in enumerate([0.05, 0.7, 1.5]):
+                kind = signals[(number + moment) % 3]
+                with self.subTest((name, delay, kind)):
+                    with self.start(*command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL,
+                                    stderr=subprocess.PIPE) as program:
+                        time.sleep(delay)
+                        program.send_signal(kind)
+                        error = program.stderr.read()
+                    if program.returncode == 0:  # it was faster
+                        for path in (self.directory / "out").glob("*"):
+                            path.unlink()
+                        (self.directory / "new.7z").unlink(missing_ok=True)
+                        self.package.write_bytes(self.before)
+                        continue
+                    self.check(program.returncode, error)
+                    self.package.write_bytes(self.before)
+
+    def test_waiting_for_input_ends_at_once(self):
+        with self.start("put", self.package, "a", stdin=subprocess.PIPE, stderr=subprocess.PIPE) as program:
+            time.sleep(2)
+            program.send_signal(signal.SIGINT)
+            self.assertEqual(program.wait(60), 130)
+        self.assertTrue(self.package.read_bytes() == self.before)
+
+    def on_terminal(self, command, until, key):
+        """Status and output of a command that is given a key when its output has a text."""
+        master, slave = pty.openpty()
+        output = bytearray()
+
+        def read():
+            try:
+                while data := os.read(master, 4096):
+                    output.extend(data)
+            except OSError:
+                return
+
+        program = self.start(*command, stdin=slave, stdout=slave, stderr=slave,
+                             preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
+        os.close(slave)
+        reader = threading.Thread(target=read)
+        reader.start()
+        with program:
+            deadline = time.monotonic() + 60
+            while until not in output and program.poll() is None and time.monotonic() < deadline:
+                time.sleep(0.05)
+            os.write(master, key)
+            program.wait(120)
+        reader.join(5)
+        os.close(master)
+        return program.returncode, bytes(output)
+
+    def test_progress_and_control_c_on_a_terminal(self):
+        status, output = self.on_terminal(self.commands["pack"], b"ing: ", b"\x03")
+        self.assertRegex(output, rb"(pack|compress)ing: \d+ (s|%)")
+        self.check(status, output)
+
+
+if __name__ == "__main__":
+    unittest.main()
