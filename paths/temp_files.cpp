@@ -298,7 +298,8 @@ TempFileContainer& TempFileContainer::Instance() {
 namespace {
 
 // Made while the module is loaded: the first use may be at the end of the process, when no local static
-// object must be made any more.
+// object must be made any more. Without memory for it the module cannot be loaded.
+// NOLINTNEXTLINE(bugprone-throwing-static-initialization)
 [[maybe_unused]] TempFileContainer const& madeEarly = TempFileContainer::Instance();
 
 } // namespace
