@@ -10,7 +10,7 @@
 /// reads: on a chain of sectors or a tree of elements that runs in circles it hangs or takes memory without
 /// end, and on some contradictions in the allocation it aborts the process once something is written. This
 /// finds such damage beforehand. It reads the header, the allocation tables and the directory, never the
-/// contents, and takes time and memory in proportion to these.
+/// contents, and takes time and memory in proportion to these. docs/damaged-files.md tells what is refused.
 namespace Vexel::Detail {
 
 /// Bytes that are a compound file, or are to be judged.

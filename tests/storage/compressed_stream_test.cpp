@@ -268,7 +268,8 @@ TEST(CompressedStream, ExplainsWhyAStreamDoesNotOpen) {
             calls.failures[call] = status;
         COleStreamCompressFile file(true);
         CFileException error;
-        EXPECT_FALSE(file.OpenStream(root, {L"Note", true, false}, COleStreamCompressFile::OpenReadOnly, &error));
+        EXPECT_FALSE(
+            file.OpenStream(root, {L"Note", true, false}, COleStreamCompressFile::OpenReadOnly, &error));
         EXPECT_EQ(error.m_cause, cause) << std::hex << status;
         EXPECT_EQ(error.m_lOsError, osError) << std::hex << status;
     }
@@ -360,9 +361,9 @@ TEST(CompressedStream, OpensStreamsOfStructuredFiles) {
     file.SetAutoOpenCompression(true);
     EXPECT_FALSE(
         file.OpenStream(document, element(L"Plain"), COleStreamCompressFile::OpenForWriting, nullptr));
-    EXPECT_FALSE(file.OpenStream(document, element(L"Packed"),
-                                 COleStreamCompressFile::OpenReadOnly | COleStreamCompressFile::OpenForWriting,
-                                 nullptr));
+    EXPECT_FALSE(file.OpenStream(
+        document, element(L"Packed"),
+        COleStreamCompressFile::OpenReadOnly | COleStreamCompressFile::OpenForWriting, nullptr));
 }
 
 } // namespace

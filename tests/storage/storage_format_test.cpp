@@ -138,8 +138,7 @@ TEST(StorageFormat, RaisesAReadThatFails) {
     const LogCapture quiet;
     constexpr auto name = L"\\\\.\\pipe\\vexel-format-test";
     const auto withPipe = [&](const auto& read) {
-        const HANDLE pipe =
-            CreateNamedPipeW(name, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+        const HANDLE pipe = CreateNamedPipeW(name, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
         std::thread server([pipe] {
             ConnectNamedPipe(pipe, nullptr);
             CloseHandle(pipe);
@@ -167,7 +166,9 @@ public:
     }
     STDMETHODIMP_(ULONG) AddRef() noexcept override { return StreamOfLockedBytes::AddRef(); }
     STDMETHODIMP_(ULONG) Release() noexcept override { return StreamOfLockedBytes::Release(); }
-    STDMETHODIMP ReadAt(ULARGE_INTEGER, void*, ULONG, ULONG*) noexcept override { return STG_E_LOCKVIOLATION; }
+    STDMETHODIMP ReadAt(ULARGE_INTEGER, void*, ULONG, ULONG*) noexcept override {
+        return STG_E_LOCKVIOLATION;
+    }
     STDMETHODIMP WriteAt(ULARGE_INTEGER, const void*, ULONG, ULONG*) noexcept override { return E_NOTIMPL; }
     STDMETHODIMP Flush() noexcept override { return E_NOTIMPL; }
     STDMETHODIMP SetSize(ULARGE_INTEGER) noexcept override { return E_NOTIMPL; }

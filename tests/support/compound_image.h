@@ -25,6 +25,7 @@ public:
         Fat = 76
     };
     enum ElementField {
+        Name = 0,
         Type = 64,
         Left = 68,
         Right = 72,
