@@ -113,7 +113,7 @@ void open(const std::wstring& file) {
         stream.Reset();
         archive.flush(path);
     }
-    std::cout << static_cast<unsigned>(status) << ' ' << refused << std::endl;
+    std::cout << static_cast<unsigned>(status) << ' ' << refused << '\n';
 }
 
 /// A package beside a plain map that gets the same changes.

@@ -269,7 +269,6 @@ TEST(DamagedArchives, TakeMemoryForWhatTheyHoldAlone) {
     constexpr std::uint64_t much = 48 << 20;
     constexpr std::uint64_t many = 4 << 20;
     const std::string zero(1, '\0'), end = bytes({0, 0}), streams = bytes({1, 4});
-    const std::string items = bytes({1, 5}) + number(many);
     const auto nameless = [&](std::uint64_t count) {
         return Repeats{{bytes({1, 5}) + number(count) + bytes({0x0E}) + number(count / 8), 1},
                        {"\xFF", count / 8}};
@@ -372,7 +371,7 @@ std::map<std::wstring, std::string> reach(IStorage* storage, const std::wstring&
 
 /// A stored item of each name, which it holds as its contents.
 std::string storedArchive(const std::vector<std::u16string>& names) {
-    std::string packed, sizes, folders, unpacked;
+    std::string packed, sizes, folders;
     std::u16string list;
     for (const std::u16string& name : names) {
         const std::string contents(reinterpret_cast<const char*>(name.data()), name.size() * 2);
@@ -403,7 +402,7 @@ struct Foreign {
     std::vector<std::u16string> items;
     std::map<std::wstring, std::u16string> reached; ///< by names joined by "|"
     bool isAmbiguous = false;
-    std::vector<std::wstring> log{};
+    std::vector<std::wstring> log{}; // NOLINT(readability-redundant-member-init): GCC wants it
 };
 
 const Foreign foreignArchives[] = {
