@@ -55,9 +55,9 @@ std::atomic<USHORT>& Vexel::Detail::compoundOptionsVersion() noexcept {
     return version;
 }
 
-bool VxCompoundStorage::isForReading(IStorage* storage) {
+bool VxCompoundStorage::isOnlyForReading(IStorage* storage) {
     STATSTG info{};
-    return SUCCEEDED(storage->Stat(&info, STATFLAG_NONAME)) && ::isForReading(info.grfMode);
+    return SUCCEEDED(storage->Stat(&info, STATFLAG_NONAME)) && isForReading(info.grfMode);
 }
 
 void VxCompoundStorage::attach(IStorage* storage, bool readOnly) {
@@ -137,7 +137,7 @@ std::unique_ptr<VxStorageEnumerator> VxCompoundStorage::createEnumerator() {
 
 long VxCompoundStorage::openRoot(DWORD stgm) {
     HRESULT status = openFile(name_, stgm);
-    if (keyed_ && isHeldElsewhere(status) && ::isForReading(stgm) && name_.fileExists())
+    if (keyed_ && isHeldElsewhere(status) && isForReading(stgm) && name_.fileExists())
         status = openCopy(stgm, status);
 
     // Neither is worth a failure: they only save the system a scratch file or a snapshot.
@@ -153,7 +153,7 @@ long VxCompoundStorage::openRoot(DWORD stgm) {
 HRESULT VxCompoundStorage::openFile(const SharedPathName& path, DWORD stgm) {
     using Vexel::Detail::CompoundAccess;
     const HRESULT sound = Vexel::Detail::checkCompoundFile(
-        path.asString(), ::isForReading(stgm) ? CompoundAccess::Read : CompoundAccess::Write);
+        path.asString(), isForReading(stgm) ? CompoundAccess::Read : CompoundAccess::Write);
     if (FAILED(sound))
         return sound;
     STGOPTIONS options{};
