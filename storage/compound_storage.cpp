@@ -70,9 +70,9 @@ std::atomic<USHORT>& Vexel::Detail::compoundOptionsVersion() noexcept {
     return version;
 }
 
-bool VxCompoundStorage::isForReading(IStorage* storage) {
+bool VxCompoundStorage::isOnlyForReading(IStorage* storage) {
     STATSTG info{};
-    return SUCCEEDED(storage->Stat(&info, STATFLAG_NONAME)) && ::isForReading(info.grfMode);
+    return SUCCEEDED(storage->Stat(&info, STATFLAG_NONAME)) && isForReading(info.grfMode);
 }
 
 void VxCompoundStorage::attach(IStorage* storage, bool readOnly) {
@@ -156,7 +156,7 @@ long VxCompoundStorage::openRoot(DWORD stgm) {
     if (storage_)
         return openedMeanwhile;
     HRESULT status = openFile(name_, stgm);
-    if (keyed_ && isHeldElsewhere(status) && ::isForReading(stgm) && name_.fileExists())
+    if (keyed_ && isHeldElsewhere(status) && isForReading(stgm) && name_.fileExists())
         status = openCopy(stgm, status);
 
     // Neither is worth a failure: they only save the system a scratch file or a snapshot.

@@ -10,7 +10,7 @@ public:
     explicit VxCompoundStorage(SharedPathName path) : VxCompoundStorage(std::move(path), nullptr, nullptr) {}
 
     /// Whether a caller's interface says that it is for reading only.
-    static bool isForReading(IStorage* storage);
+    static bool isOnlyForReading(IStorage* storage);
     /// Makes `storage` the node's interface.
     void attach(IStorage* storage, bool readOnly);
 

@@ -12,6 +12,8 @@ class VxNativePackage final : public VxStorage {
 public:
     /// A closed root for the file at `path`, which need not be there; without a path for a temporary root.
     explicit VxNativePackage(SharedPathName path) : VxNativePackage(std::move(path), nullptr, nullptr) {}
+    VxNativePackage(const VxNativePackage&) = delete;
+    VxNativePackage& operator=(const VxNativePackage&) = delete;
     /// A temporary root's file goes with it.
     ~VxNativePackage() override;
 

@@ -282,7 +282,7 @@ ItemRef<VxStorage> StorageContainer::wrap(IStorage* storage) {
     if (auto found = findWrapped(storage))
         return found;
     // The caller's code, which may wait for whatever it likes, is asked under no lock.
-    const bool readOnly = VxCompoundStorage::isForReading(storage);
+    const bool readOnly = VxCompoundStorage::isOnlyForReading(storage);
     WrappedRoot made{storage, std::make_unique<VxCompoundStorage>(SharedPathName())};
     const auto lock = lockTables(lock_);
     if (!lock)

@@ -114,6 +114,7 @@ long VxStream::openNode(bool readOnly) {
     return status;
 }
 
+// NOLINTNEXTLINE(misc-no-recursion): once more for each time that another thread comes in between
 long VxStream::openOrRewind(bool readOnly) {
     if (stream_ && readOnly_ && !readOnly) {
         close();

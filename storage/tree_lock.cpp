@@ -15,12 +15,9 @@ thread_local TreeLock* heldByThread = nullptr;
 
 bool isLower(const RootLock* a, const RootLock* b) noexcept { return std::less<>()(a, b); }
 
-const VxStorageItem& lower(const VxStorageItem& a, const VxStorageItem& b) noexcept {
-    return isLower(b.rootLock().get(), a.rootLock().get()) ? b : a;
-}
-
-const VxStorageItem& upper(const VxStorageItem& a, const VxStorageItem& b) noexcept {
-    return isLower(b.rootLock().get(), a.rootLock().get()) ? a : b;
+/// The one of two items whose root is locked first.
+const VxStorageItem* first(const VxStorageItem* a, const VxStorageItem* b) noexcept {
+    return isLower(b->rootLock().get(), a->rootLock().get()) ? b : a;
 }
 
 } // namespace
@@ -78,7 +75,7 @@ TreeLock::~TreeLock() {
 }
 
 TreePairLock::TreePairLock(const VxStorageItem& a, const VxStorageItem& b) noexcept
-    : first_(lower(a, b)), second_(upper(a, b)) {}
+    : first_(first(&a, &b)), second_(first(&a, &b) == &a ? &b : &a) {}
 
 TreesLetGo::TreesLetGo() noexcept : held_(std::exchange(heldByThread, nullptr)) {
     for (const TreeLock* held = held_; held; held = held->before_)

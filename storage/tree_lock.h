@@ -31,6 +31,7 @@ public:
     RootLock() noexcept = default;
     RootLock(const RootLock&) = delete;
     RootLock& operator=(const RootLock&) = delete;
+    ~RootLock() = default;
 
     bool isMine() const noexcept { return owner_.load(std::memory_order_relaxed) == GetCurrentThreadId(); }
     bool isHeld() const noexcept { return owner_.load(std::memory_order_relaxed) != 0; }

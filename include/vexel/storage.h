@@ -38,8 +38,8 @@
 ///       writes the file. A change is in the file when its storage and every storage above it, the root last,
 ///       have been committed; it is lost when one of them is closed (rule 8) before its commit.
 ///     - Package: the commit of any storage, the root or another, writes the whole file with all changes,
-///     also
-///       those in storages that were not committed. Changes are lost when the root is closed before.
+///       those in storages that were not committed included. Changes are lost when the root is closed
+///       before.
 ///    Code for both formats commits from the inside to the outside. A stream needs no commit of its own.
 /// 6. Streams are written whole: to open a stream for writing empties it.
 /// 7. Ownership. A handle owns one reference on its node and through it keeps the root in use. Interface

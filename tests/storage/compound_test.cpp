@@ -269,7 +269,7 @@ TEST_F(CompoundNodes, WrapInterfacesAsTheyAreOpen) {
     FakeCalls silent;
     VxCompoundStorage wrapped{SharedPathName()};
     EXPECT_EQ(wrapped.open(true, false), STG_E_INVALIDPARAMETER) << "nothing to open";
-    wrapped.attach(reading.Get(), VxCompoundStorage::isForReading(reading.Get()));
+    wrapped.attach(reading.Get(), VxCompoundStorage::isOnlyForReading(reading.Get()));
     EXPECT_TRUE(wrapped.readOnly());
     EXPECT_EQ(wrapped.destroyChild(elementName(L"Note")), STG_E_ACCESSDENIED);
     EXPECT_EQ(wrapped.open(false, false), STG_E_ACCESSDENIED);
@@ -277,7 +277,7 @@ TEST_F(CompoundNodes, WrapInterfacesAsTheyAreOpen) {
     EXPECT_FALSE(wrapped.getFileTimes(nullptr, nullptr, nullptr)) << "no file is known";
 
     silent.failures = {{0, E_NOTIMPL}};
-    EXPECT_FALSE(VxCompoundStorage::isForReading(Support::fakeStorage(silent).Get())) << "nothing says so";
+    EXPECT_FALSE(VxCompoundStorage::isOnlyForReading(Support::fakeStorage(silent).Get())) << "nothing says so";
 }
 
 } // namespace

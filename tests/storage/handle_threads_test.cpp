@@ -39,7 +39,7 @@ std::wstring numbered(const wchar_t* name, int number) { return name + std::to_w
 
 std::chrono::seconds duration() {
     const char* const wanted = std::getenv("VEXEL_TEST_SECONDS");
-    return std::chrono::seconds(wanted ? std::atoi(wanted) : 3);
+    return std::chrono::seconds(wanted ? std::strtol(wanted, nullptr, 10) : 3);
 }
 
 class Threads : public testing::TestWithParam<StorageFormat> {

@@ -51,10 +51,10 @@ void collect(const StorageRef& storage, const std::wstring& prefix, std::vector<
     EXPECT_TRUE(child.type() == StorageType{} && child.name().empty() && child.status() == S_FALSE);
 }
 
-class Document {
+template <class Test>
+class Document : public Test {
 protected:
-    Document() = default;
-    ~Document() { container().deleteUnusedObjects(); }
+    ~Document() override { container().deleteUnusedObjects(); }
 
     StorageRef forReading() const { return openRoot(path_, modeReadDenyWrite); }
     StorageRef forWriting() const { return openRoot(path_, modeWrite); }
@@ -78,7 +78,7 @@ struct Format {
     StreamCompression compression;
 };
 
-class Handles : public Document, public testing::TestWithParam<Format> {
+class Handles : public Document<testing::TestWithParam<Format>> {
 protected:
     static bool isPackage() { return GetParam().format == StorageFormat::Package; }
 
@@ -523,7 +523,7 @@ TEST_P(Handles, CopyStreams) {
     EXPECT_EQ(contents(reading).size(), 50u) << "a stream that cannot be written stays as it was";
 }
 
-class CompoundHandles : public Document, public testing::Test {
+class CompoundHandles : public Document<testing::Test> {
 protected:
     void SetUp() override { writeCompoundFile(file_, sample); }
 };
