@@ -19,7 +19,6 @@
 #include <string>
 
 using namespace std::string_view_literals;
-using Microsoft::WRL::ComPtr;
 using Support::ArchiveFaults;
 using Support::contentsOf;
 using Support::readItem;

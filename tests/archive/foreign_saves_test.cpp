@@ -13,6 +13,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
+#include <new>
 #include <string>
 
 using namespace std::string_view_literals;
@@ -258,7 +259,7 @@ public:
         *clone = nullptr;
         if (plan_.strikes(Cloning))
             return plan_.status;
-        *clone = new SickStream(plan_, *this);
+        *clone = new (std::nothrow) SickStream(plan_, *this);
         return S_OK;
     }
 

@@ -200,7 +200,9 @@ protected:
         verifySaved(archive, status, fault.isAfterwards);
         return hit && !HasFailure();
     }
-    static bool hasForm(const Fault& fault, ArchiveFaults::Form form) {
+    static bool isSwept(const Change& change, const Fault& fault, ArchiveFaults::Form form, bool forGood) {
+        if (&change != &changes[5]) // which meets no other calls than all together
+            return form == ArchiveFaults::Error && forGood;
         return form <= ArchiveFaults::NoError || fault.call == ArchiveFaults::Read ||
                fault.call == ArchiveFaults::Write;
     }
@@ -212,13 +214,12 @@ TEST_F(SweptSaves, NoFailingCallCostsADocument) {
         use(maker);
         for (const Change& change : changes) {
             expect(change);
-            const bool isOne = &change != &changes[5]; // which meets no other calls than all together
             for (const Fault& fault : faults)
                 for (const auto form : {ArchiveFaults::Error, ArchiveFaults::NoError, ArchiveFaults::Short,
                                         ArchiveFaults::Nothing})
-                    for (const bool forGood : {false, true})
-                        for (unsigned n = 0; hasForm(fault, form) && !(isOne && (form || !forGood)) &&
-                                             sweep(change, fault, form, n, forGood);)
+                    for (const bool forGood : {true, false})
+                        for (unsigned n = 0;
+                             isSwept(change, fault, form, forGood) && sweep(change, fault, form, n, forGood);)
                             ++n;
             if (HasFailure())
                 return;
