@@ -387,8 +387,9 @@ private:
     bool addClaim(std::uint64_t& claims, std::uint32_t number) {
         const std::uint64_t limit = kMostClaims * reader_.fileBytes();
         const std::uint64_t size = entries_[number].size;
-        if (size > limit || (claims += size) > limit)
+        if (size > limit || claims > limit - size)
             return damaged("the streams claim to be far larger than the file", number);
+        claims += size;
         return true;
     }
 

@@ -6,8 +6,8 @@
  * null on failure. Both may be called on any thread; the interface belongs to one thread at a time.
  *
  *  - E_FAIL: no structured file, or (by path) no file that can be opened.
- *  - STG_E_INVALIDHEADER, STG_E_DOCFILECORRUPT: a damaged one. A compound file with a stream of which a part is
- *    missing, too: handles open that for reading.
+ *  - STG_E_INVALIDHEADER, STG_E_DOCFILECORRUPT: a damaged one. A compound file with a stream of which a part
+ * is missing, too: handles open that for reading.
  *  - STG_E_INSUFFICIENTMEMORY, and the statuses of opening and reading it. */
 
 #include <vexel/export.h>

@@ -258,7 +258,8 @@ public:
     ///  - STG_E_INVALIDPARAMETER: a null handle, the same storage, or one that cannot be opened.
     ///  - STG_E_ACCESSDENIED: the target is open for reading, or stands in this storage; nothing was done.
     ///  - STG_E_READFAULT: a stream holds less than it should. Other statuses of reading and writing.
-    ///  - STG_E_DOCFILECORRUPT: a part of this compound file is missing, or it is beyond what the system copies.
+    ///  - STG_E_DOCFILECORRUPT: a part of this compound file is missing, or it is beyond what the system
+    ///  copies.
     long copyTo(const StorageRef& target) const;
     /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another:
     /// what is copied from `source` by `copyTo` afterwards is not unpacked, unless it is changed or replaces
