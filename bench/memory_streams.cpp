@@ -106,12 +106,12 @@ Function copyingPieces(std::size_t length) {
     return [=](benchmark::State& state) {
         constexpr std::size_t size = std::size_t{64} * KiB;
         std::vector<char> pieces(size + 64, 'x');
-        char buffer[64] = {};
+        std::vector<char> buffer(64);
         for (auto _ : state) {
             for (std::size_t at = 0; at < size; at += length) {
                 std::size_t count = length;
                 benchmark::DoNotOptimize(count); // known at run time only, as the streams' counts are
-                Copy(buffer, pieces.data() + at, count);
+                Copy(buffer.data(), pieces.data() + at, count);
                 benchmark::ClobberMemory();
             }
         }
@@ -215,7 +215,7 @@ int main(int argc, char** argv) {
     }
     suite.compare("read 1 MiB against memcpy", 1 / 0.9, reading(ours, MiB), copying(MiB, true));
     suite.compare("write 1 MiB against memcpy", 1 / 0.9, writing(ours, MiB), copying(MiB, false));
-    for (const std::size_t length : {1, 4, 16, 40}) {
+    for (const std::size_t length : {1U, 4U, 16U, 40U}) {
         suite.compare("copy " + std::to_string(length) + " B against memmove", 0.8,
                       copyingPieces<moveShortBytes>(length), copyingPieces<moveBytes>(length));
     }

@@ -359,7 +359,7 @@ long StorageRef::copyTo(const StorageRef& target) const {
             status = copyByItself(*from.get(), *to.get());
         else if (!isAtOrBelow(to.get(), *from.get()))
             status = ElementWalk(*from.get(), to.get()).run();
-        if (FAILED(sound))
+        if (SUCCEEDED(status))
             status = sound;
         if (FAILED(status))
             VxLog_WriteW(VxLog_Minor, L"Failed to copy \"%ls\" to \"%ls\": 0x%08x",
