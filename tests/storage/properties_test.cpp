@@ -438,7 +438,7 @@ public:
     int stepsLeft = -1;
     std::map<std::wstring, ComPtr<Support::FaultyStream>> streams;
 
-    STDMETHODIMP CreateStream(const wchar_t* name, DWORD, DWORD, DWORD, IStream** made) noexcept override {
+    STDMETHODIMP CreateStream(const wchar_t* name, DWORD, DWORD, DWORD, IStream** made) override {
         if (fails())
             return STG_E_MEDIUMFULL;
         streams.erase(name);
