@@ -371,11 +371,11 @@ TEST(PropertySets, HaveNames) {
         const auto set = [&](PROPID id, const wchar_t* name) {
             return Vexel::WritePropertyNames(document.root, users, {{id, name}});
         };
-        EXPECT_EQ(set(8, L"N\u00E9w"), S_OK);
-        EXPECT_EQ(set(4, L"Renamed"), S_OK);
+        const Vexel::PropertyNames two{{4, L"Rename"}, {8, L"N\u00E9w"}}; // wide, the first is padded
+        EXPECT_EQ(Vexel::WritePropertyNames(document.root, users, two), S_OK);
         const std::string bytes = document.bytes(documentName);
         EXPECT_EQ(set(8, L"N\u00E9w"), S_OK);
-        EXPECT_EQ(set(2, L"RENAMED"), STG_E_INVALIDPARAMETER);
+        EXPECT_EQ(set(2, L"RENAME"), STG_E_INVALIDPARAMETER);
         EXPECT_EQ(set(2, L""), STG_E_INVALIDPARAMETER);
         EXPECT_EQ(set(PID_CODEPAGE, L"x"), STG_E_INVALIDPARAMETER);
         EXPECT_EQ(document.bytes(documentName), bytes);
@@ -383,10 +383,10 @@ TEST(PropertySets, HaveNames) {
         EXPECT_EQ(Vexel::ReadPropertyNames(document.root, users, names), S_OK);
         const Vexel::PropertyNames expected =
             isNarrow ? Vexel::PropertyNames{{3, L"Gr\u00F6\u00DFe"},
-                                            {4, L"Renamed"},
+                                            {4, L"Rename"},
                                             {7, L"Gone"},
                                             {8, L"N\u00E9w"}}
-                     : Vexel::PropertyNames{{2, L"\u0416"}, {4, L"Renamed"}, {8, L"N\u00E9w"}};
+                     : Vexel::PropertyNames{{2, L"\u0416"}, {4, L"Rename"}, {8, L"N\u00E9w"}};
         EXPECT_TRUE(names == expected);
         EXPECT_EQ(document.read(users)[3].asInteger(), 5);
     }
