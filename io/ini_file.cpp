@@ -1,6 +1,7 @@
 #include "io/ini_numbers.h"
 #include "io/name_places.h"
 
+#include <vexel/diagnostics.h>
 #include <vexel/ini.h>
 
 namespace vxio {
@@ -106,6 +107,8 @@ bool IniFile::changeFile(const wchar_t* path, const Change& change) {
     // What is no settings file is begun anew; one that cannot be read now is another matter.
     if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND && error != ERROR_INVALID_DATA)
         return false;
+    if (error == ERROR_INVALID_DATA)
+        VxLog_WriteW(VxLog_Error, L"The settings file \"%ls\" cannot be understood and is begun anew", path);
     change(file);
     return file.Save(path);
 }

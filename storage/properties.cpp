@@ -101,21 +101,46 @@ HRESULT rebuild(ByteView old, REFFMTID format, const Change& change, std::vector
     return bytes.size() <= largestStream ? S_OK : STG_E_DOCFILETOOLARGE;
 }
 
+HRESULT fill(StreamRef& stream, const std::vector<unsigned char>& bytes) {
+    return stream.WriteBytes(bytes.data(), bytes.size()) == bytes.size() ? S_OK : STG_E_WRITEFAULT;
+}
+
+/// Puts `bytes` in place of the old contents, which come back after a failure; null means that there is no
+/// stream yet.
+HRESULT replace(const StorageRef& storage, const SharedPathName& name, const std::vector<unsigned char>* old,
+                const std::vector<unsigned char>& bytes) {
+    StreamRef stream;
+    HRESULT status = stream.create(name, storage);
+    if (SUCCEEDED(status))
+        status = fill(stream, bytes);
+    else if (storage.hasChild(name, StorageType::Stream) == (old != nullptr))
+        return status; // nothing has happened
+    if (SUCCEEDED(status))
+        return status;
+    stream.close();
+    if (!old)
+        StorageRef(storage).destroy(name);
+    else if (SUCCEEDED(stream.create(name, storage)))
+        fill(stream, *old);
+    return status;
+}
+
 template <class Change>
 HRESULT write(const StorageRef& storage, REFFMTID format, const Change& change) {
+    const SharedPathName name = streamOf(format);
     std::vector<unsigned char> old;
     HRESULT status = load(storage, format, old);
-    if (FAILED(status) && status != STG_E_FILENOTFOUND)
+    const bool isThere = SUCCEEDED(status);
+    if (!isThere && status != STG_E_FILENOTFOUND)
         return status;
+    // A set can be a storage too, which some formats would replace by the stream.
+    if (!isThere && storage.hasChild(name, StorageType::Storage))
+        return STG_E_FILEALREADYEXISTS;
     std::vector<unsigned char> bytes;
     status = rebuild(old, format, change, bytes);
-    if (FAILED(status))
+    if (FAILED(status) || (isThere && bytes == old))
         return status;
-    StreamRef stream;
-    status = stream.create(streamOf(format), storage);
-    if (FAILED(status))
-        return status;
-    return stream.WriteBytes(bytes.data(), bytes.size()) == bytes.size() ? S_OK : STG_E_WRITEFAULT;
+    return replace(storage, name, isThere ? &old : nullptr, bytes);
 }
 
 template <class Change>

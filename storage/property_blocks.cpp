@@ -1,6 +1,7 @@
 #include "storage/property_bytes.h"
 
 #include <algorithm>
+#include <ranges>
 
 namespace Vexel::Detail {
 
@@ -24,11 +25,11 @@ std::optional<Blocks> splitBlocks(ByteView whole, std::size_t tableEnd,
         blocks.list.push_back({offset, {}});
     std::size_t end = whole.size();
     const std::vector<Block*> order = inOrder(blocks.list);
-    for (auto block = order.rbegin(); block != order.rend(); ++block) {
-        const std::size_t offset = (*block)->offset;
+    for (Block* const block : std::views::reverse(order)) {
+        const std::size_t offset = block->offset;
         if (offset < tableEnd || offset > end || end - offset < 4)
             return std::nullopt;
-        (*block)->bytes = whole.subspan(offset, end - offset);
+        block->bytes = whole.subspan(offset, end - offset);
         end = offset;
     }
     blocks.gap = whole.subspan(tableEnd, end - tableEnd);

@@ -132,9 +132,8 @@ private:
 
 enum class TextEncoding {
     /// Reading: by the byte-order mark, else by all of the contents, which are read twice for it. Contents
-    /// with
-    /// zero bytes are UTF-16 or UTF-32 if all of them can be that, and most characters or all line feeds say
-    /// so. Else what is valid UTF-8 is that; what is valid in the system's code page is Ansi; the rest is
+    /// with zero bytes are UTF-16 or UTF-32 if all of them can be that, and most characters or all line feeds
+    /// say so. Else what is valid UTF-8 is that; what is valid in the system's code page is Ansi; the rest is
     /// Latin1, which has a character for every byte. Of a pipe or device only the first 64 KiB count.
     /// Writing: UTF-8.
     Detect = 0,

@@ -141,9 +141,10 @@ public:
     std::optional<int> TryGetInt(std::wstring_view section, std::wstring_view key) const;
     std::optional<double> TryGetDouble(std::wstring_view section, std::wstring_view key) const;
 
-    // Straight on a file. Setting begins with what is in the file; with nothing when there is none, or none
-    // that can be loaded for its lines. False for a null or empty path and when the file is there but cannot
-    // be opened or read, else as Save. Of two that set at the same time one may undo what the other has set.
+    // Straight on a file. Setting begins with what is in the file; with nothing when there is none, and when
+    // it has a line that makes Load fail, so that all its settings go, which is logged. False for a null or
+    // empty path and when the file is there but cannot be opened or read, else as Save. Of two that set at
+    // the same time one may undo what the other has set. Getting finds nothing in a file that Load fails for.
 
     static bool SetString(std::wstring_view section, std::wstring_view key, const CStringW& value,
                           const wchar_t* path);

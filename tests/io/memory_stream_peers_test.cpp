@@ -177,20 +177,6 @@ const Peer peers[] = {
       {"64-bit positions", [](const Case& c) { return c.huge() && c.oursSeeks(); }},
       {"writing nothing does not extend",
        [](const Case& c) { return c.is(Kind::Write) && c.step.count == 0 && c.oursRefuses(S_OK); }}}},
-    {"CreateStreamOnHGlobal",
-     [](Pool& pool, const Support::TempFolder&) {
-         for (int i = 0; i < 2; ++i)
-             EXPECT_EQ(CreateStreamOnHGlobal(nullptr, TRUE, &pool.streams.emplace_back()), S_OK);
-     },
-     [](const Case& c) { return !(c.is(Kind::Read) || c.is(Kind::CopyTo)) || !c.beyond(); },
-     {{"status for a bad move",
-       [](const Case& c) { return c.is(Kind::Seek) && c.statuses(STG_E_INVALIDFUNCTION, STG_E_SEEKERROR); }},
-      {"64-bit moves", [](const Case& c) { return c.huge() && c.oursSeeks(); }},
-      {"nothing beyond the end", [](const Case& c) { return c.is(Kind::Read) && c.oursRefuses(S_OK); }},
-      {"null source to copy from",
-       [](const Case& c) {
-           return c.is(Kind::CopyTo) && c.oursRefuses(c.step.count > 0 ? STG_E_INVALIDPOINTER : S_OK);
-       }}}},
     {"compound file",
      [](Pool& pool, const Support::TempFolder& folder) {
          const DWORD mode = STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE;

@@ -2,6 +2,7 @@
 
 #include "support/compound_file.h"
 #include "support/log_capture.h"
+#include "support/streams.h"
 
 #include <vexel/properties.h>
 
@@ -228,6 +229,10 @@ TEST(PropertySets, ComeBackAsTheyWereWritten) {
                               : document.open({file, false, false}, RootStorageOpenMode::ReadWrite, false),
                       S_OK);
             ASSERT_EQ(Vexel::WriteProperties(document, summary, written), S_OK);
+            StorageRef set; // which other programs may make of a storage
+            EXPECT_EQ(set.create(documentName, document, false), S_OK);
+            set.close();
+            EXPECT_EQ(Vexel::WriteProperties(document, documentSummary, {}), STG_E_FILEALREADYEXISTS);
             ASSERT_EQ(document.commit(), S_OK);
         }
         StorageContainer::Instance().deleteUnusedObjects();
@@ -366,11 +371,11 @@ TEST(PropertySets, HaveNames) {
         const auto set = [&](PROPID id, const wchar_t* name) {
             return Vexel::WritePropertyNames(document.root, users, {{id, name}});
         };
-        EXPECT_EQ(set(8, L"N\u00E9w"), S_OK);
-        EXPECT_EQ(set(4, L"Renamed"), S_OK);
+        const Vexel::PropertyNames two{{4, L"Rename"}, {8, L"N\u00E9w"}}; // wide, the first is padded
+        EXPECT_EQ(Vexel::WritePropertyNames(document.root, users, two), S_OK);
         const std::string bytes = document.bytes(documentName);
         EXPECT_EQ(set(8, L"N\u00E9w"), S_OK);
-        EXPECT_EQ(set(2, L"RENAMED"), STG_E_INVALIDPARAMETER);
+        EXPECT_EQ(set(2, L"RENAME"), STG_E_INVALIDPARAMETER);
         EXPECT_EQ(set(2, L""), STG_E_INVALIDPARAMETER);
         EXPECT_EQ(set(PID_CODEPAGE, L"x"), STG_E_INVALIDPARAMETER);
         EXPECT_EQ(document.bytes(documentName), bytes);
@@ -378,10 +383,10 @@ TEST(PropertySets, HaveNames) {
         EXPECT_EQ(Vexel::ReadPropertyNames(document.root, users, names), S_OK);
         const Vexel::PropertyNames expected =
             isNarrow ? Vexel::PropertyNames{{3, L"Gr\u00F6\u00DFe"},
-                                            {4, L"Renamed"},
+                                            {4, L"Rename"},
                                             {7, L"Gone"},
                                             {8, L"N\u00E9w"}}
-                     : Vexel::PropertyNames{{2, L"\u0416"}, {4, L"Renamed"}, {8, L"N\u00E9w"}};
+                     : Vexel::PropertyNames{{2, L"\u0416"}, {4, L"Rename"}, {8, L"N\u00E9w"}};
         EXPECT_TRUE(names == expected);
         EXPECT_EQ(document.read(users)[3].asInteger(), 5);
     }
@@ -424,6 +429,87 @@ TEST(PropertySets, RefuseWhatTheyCannotHold) {
     EXPECT_EQ(Vexel::ReadProperties(document.root, summary, properties), STG_E_FILENOTFOUND);
     EXPECT_EQ(document.write(summary, title, PropertyVariant(L"new")), STG_E_INVALIDHEADER);
     EXPECT_EQ(document.bytes(summaryName), usersStream());
+}
+
+/// A storage of streams whose step of a number fails, once: making a stream, before and after the old one is
+/// gone, or writing it.
+class FaultyStorage final : public Vexel::IUnknownImpl<IStorage> {
+public:
+    int stepsLeft = -1;
+    std::map<std::wstring, ComPtr<Support::FaultyStream>> streams;
+
+    STDMETHODIMP CreateStream(const wchar_t* name, DWORD, DWORD, DWORD, IStream** made) override {
+        if (fails())
+            return STG_E_MEDIUMFULL;
+        streams.erase(name);
+        if (fails())
+            return STG_E_MEDIUMFULL;
+        streams[name] = Vexel::Detail::adopt(new Support::FaultyStream());
+        streams[name]->writesLeft = fails() ? 0 : ~0U;
+        return streams[name].CopyTo(made);
+    }
+    STDMETHODIMP OpenStream(const wchar_t* name, void*, DWORD, DWORD, IStream** opened) noexcept override {
+        if (!streams.contains(name))
+            return STG_E_FILENOTFOUND;
+        streams[name]->rewind();
+        return streams[name].CopyTo(opened);
+    }
+    STDMETHODIMP DestroyElement(const wchar_t* name) noexcept override {
+        return streams.erase(name) ? S_OK : STG_E_FILENOTFOUND;
+    }
+    STDMETHODIMP Stat(STATSTG* info, DWORD) noexcept override {
+        *info = {};
+        info->grfMode = STGM_READWRITE;
+        return S_OK;
+    }
+    STDMETHODIMP CreateStorage(const wchar_t*, DWORD, DWORD, DWORD, IStorage**) noexcept override {
+        return E_NOTIMPL;
+    }
+    STDMETHODIMP OpenStorage(const wchar_t*, IStorage*, DWORD, SNB, DWORD, IStorage**) noexcept override {
+        return STG_E_FILENOTFOUND;
+    }
+    STDMETHODIMP CopyTo(DWORD, const IID*, SNB, IStorage*) noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP MoveElementTo(const wchar_t*, IStorage*, const wchar_t*, DWORD) noexcept override {
+        return E_NOTIMPL;
+    }
+    STDMETHODIMP Commit(DWORD) noexcept override { return S_OK; }
+    STDMETHODIMP Revert() noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP EnumElements(DWORD, void*, DWORD, IEnumSTATSTG**) noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP RenameElement(const wchar_t*, const wchar_t*) noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP SetElementTimes(const wchar_t*, const FILETIME*, const FILETIME*,
+                                 const FILETIME*) noexcept override {
+        return E_NOTIMPL;
+    }
+    STDMETHODIMP SetClass(REFCLSID) noexcept override { return E_NOTIMPL; }
+    STDMETHODIMP SetStateBits(DWORD, DWORD) noexcept override { return E_NOTIMPL; }
+
+private:
+    bool fails() noexcept { return stepsLeft-- == 0; }
+};
+
+TEST(PropertySets, AreThereAgainAfterAFailure) {
+    const LogCapture quiet;
+    const auto storage = Vexel::Detail::adopt(new FaultyStorage());
+    const StorageRef root = StorageRef::fromPtr(storage.Get());
+    const auto contents = [&] {
+        std::map<std::wstring, std::string> all;
+        for (const auto& [name, stream] : storage->streams)
+            all[name] = Support::bytesOf(stream.Get());
+        return all;
+    };
+    for (const wchar_t* const value : {L"first", L"second"}) {
+        const auto before = contents();
+        for (const int step : {0, 1, 2}) {
+            storage->stepsLeft = step;
+            EXPECT_TRUE(FAILED(Vexel::WriteProperties(root, summary, {{title, PropertyVariant(value)}})));
+            EXPECT_LT(storage->stepsLeft, 0);
+            EXPECT_TRUE(contents() == before) << step;
+        }
+        for (const int steps : {3, 0}) { // what is there already needs none
+            storage->stepsLeft = steps;
+            EXPECT_EQ(Vexel::WriteProperties(root, summary, {{title, PropertyVariant(value)}}), S_OK);
+        }
+    }
 }
 
 // Whatever is in the stream: it is refused and stays as it is, or all that could be read stays.
