@@ -57,6 +57,10 @@ public:
     StreamRef openStream(const NodePath& path) const;
     StreamRef openStream(const NodePath& path, const StorageRef& parent) const;
 
+    /// As `check`, for what opens or copies a stream: tells the packages' streams that the library does not
+    /// unpack.
+    void checkUnpacking(HRESULT status, std::wstring_view what, const NodePath& path) const;
+
     /// Passes the contents of an open stream to `sink` in pieces, all of kChunkSize but the last. A stream
     /// that ends before its size is reached fails: that is how damaged contents show. Shown as progress.
     void read(StreamRef& stream, const NodePath& path,
