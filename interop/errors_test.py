@@ -48,8 +48,9 @@ class Errors(CommandTest):
                     self.fail_with(1, rf'cannot open "Z:[^"]*\\{windows_path}": 0x80[0-9a-f]{{6}} \(.+\)$', *arguments)
         self.assertEqual((self.directory / "text").read_bytes(), b"some text\n" * 500)
 
-    def test_bad_nodes(self):
+    def test_bad_nodes_and_sources(self):
         path = self.sample("foreign-tree.cfb")
+        before = path.read_bytes()
         for arguments, node, code in [
                 (["cat", path, "missing"], "missing", "80030002"),
                 (["cat", path, "Sub/Deep/missing"], "Sub/Deep/missing", "80030002"),
@@ -65,11 +66,20 @@ class Errors(CommandTest):
                 (["put", path, "a\\b"], "a\\b", "800300fc"),
                 (["put", path, "a%2fb"], "a%2fb", "800300fc"),
                 (["put", path, "a!b"], "a!b", "800300fc"),
+                (["put", path, "new/" + "n" * 32], "new/" + "n" * 32, "800300fc"),
+                (["put", path, "Sub/%05SummaryInformation/x"], "Sub/%05SummaryInformation", "80030001"),
+                (["put", path, "new", path], None, "800[37]0020"),
                 (["rm", path, "missing"], "missing", "80030002"),
+                (["rm", path, "Sub/missing"], "Sub/missing", "80030002"),
+                (["rm", path, "missing/below"], "missing", "80030002"),
         ]:
             with self.subTest(arguments):
                 where = re.escape("foreign-tree.cfb" + (f"|{node}" if node else ""))
                 self.fail_with(1, rf'\\{where}": 0x{code} \(.+\)$', *arguments, stdin=b"x")
+                self.assertEqual(path.read_bytes(), before)
+        for source in self.directory / "missing source", self.directory:
+            self.fail_with(1, rf'cannot open "[^"]*{source.name}": 0x8007', "put", path, "new", source)
+        self.assertEqual(path.read_bytes(), before)
         self.assertFalse((self.directory / "out").exists())
 
     def test_a_file_that_another_process_writes(self):
