@@ -230,7 +230,6 @@ void Document::walk(const NodePath& start, const Visitor& visitor, const FaultHa
 
 void Document::commit(const std::vector<StorageRef>& storages, const NodePath& innermost,
                       std::size_t outer) const {
-    checkStop();
     progress().begin(L"writing");
     for (std::size_t i = storages.size(); i-- > outer;)
         check(storages[i].commit(), L"cannot commit", label(innermost.first(i)));

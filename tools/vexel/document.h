@@ -74,7 +74,8 @@ public:
 
     /// Writes changes out, from the innermost of `storages` to the root: in a compound file each is a
     /// transaction within the one above it, and the root's brings all into the file; of a package the first
-    /// writes the whole file. The outermost `outer` are left out. Throws Stopped before the first.
+    /// writes the whole file. The outermost `outer` are left out. What is to be stopped is so before: from
+    /// the first on, changes may be in the file.
     void commit(const std::vector<StorageRef>& storages, const NodePath& innermost,
                 std::size_t outer = 0) const;
 

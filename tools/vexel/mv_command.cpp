@@ -87,6 +87,7 @@ void run(const Arguments& arguments) {
         throw Failure(L"cannot move to", document.label(newNode), STG_E_FILEALREADYEXISTS);
     checkStop();
     check(moveNode(from, to, *type), L"cannot move", document.label(node));
+    checkStop();
     // Where the ways to both places are one, it is committed when what lies below is.
     const auto ways =
         std::mismatch(from.storages.begin(), from.storages.end(), to.storages.begin(), to.storages.end());
