@@ -245,6 +245,11 @@ class Packages(CommandTest):
                 output = self.fail_with(3, "cannot read, or encrypted", "verify", DATA / name)
                 self.assertEqual(output.count(b"cannot read, or encrypted"), nodes)
                 self.assertNotIn(b"damaged", output)
+                self.fail_with(1, "cannot read, or encrypted", "convert", DATA / name, self.directory / "new")
+        (self.directory / "x%2fy").write_bytes(b"a slash in a node's name")
+        seven_zip("a", self.directory / "slash.7z", self.directory / "x%2fy")
+        output = self.fail_with(3, "1 node could not be checked", "verify", self.directory / "slash.7z")
+        self.assertRegex(output, rb'slash.7z\|x": 0x80030002 ')
 
     def test_info_has_the_members_that_the_document_describes(self):
         text = (ROOT / "docs" / "vexel-program.md").read_text().partition("The JSON object has these members")[2]

@@ -1,10 +1,14 @@
 """Runs the companion program, and reads compound files with olefile and packages with 7zz, for the tests of this folder."""
 
+import ctypes
+import fcntl
 import os
 import pathlib
 import shutil
 import subprocess
 import tempfile
+import termios
+import time
 import unittest
 import uuid
 
@@ -123,9 +127,30 @@ class CommandTest(unittest.TestCase):
         return path
 
     def start(self, *arguments, **options):
-        """Begins a command, in a process group of its own."""
-        return subprocess.Popen([ROOT / "scripts" / "vexel", *arguments], start_new_session=True,
-                                env={**os.environ, "VEXEL_BUILD_DIR": str(BUILD)}, **options)
+        """Begins a command, in a process group of its own. Its standard error is a file, which `end` reads."""
+        error = tempfile.TemporaryFile()
+        self.addCleanup(error.close)
+        program = subprocess.Popen([ROOT / "scripts" / "vexel", *arguments], start_new_session=True,
+                                   env={**os.environ, "VEXEL_BUILD_DIR": str(BUILD)}, **{"stderr": error, **options})
+        program.errors = error
+        return program
+
+    def feed(self, program, data):
+        """Gives a command input and waits until it has read it; `put` then has the document open."""
+        program.stdin.write(data)
+        program.stdin.flush()
+        waiting = ctypes.c_int(1)
+        deadline = time.monotonic() + 60
+        while waiting.value and time.monotonic() < deadline:
+            time.sleep(0.01)
+            fcntl.ioctl(program.stdin, termios.FIONREAD, waiting)
+        self.assertEqual(waiting.value, 0)
+
+    def end(self, program, timeout=60):
+        """Waits for a command that `start` began: its status, and what is on standard error by then."""
+        status = program.wait(timeout)
+        program.errors.seek(0)
+        return status, program.errors.read()
 
     def succeed(self, *arguments, stdin=b""):
         """Runs a command that must be silent about errors; returns its output."""

@@ -13,6 +13,10 @@ namespace Vexel::Tool {
 /// Size of the pieces in which contents are moved.
 inline constexpr std::size_t kChunkSize = 0x10000;
 
+/// How many bytes of contents a command lets come together in memory: written and not in the file yet, or
+/// read and kept by the library. One stream may be larger.
+inline constexpr unsigned long long kLargestInMemory = 64ULL << 20;
+
 /// Thrown when nobody reads standard output any more, as with `| head`: no failure, but there is nothing left
 /// to do.
 class ReaderGone : public std::exception {

@@ -13,9 +13,6 @@
 namespace Vexel::Tool {
 namespace {
 
-// What is not in the file yet is in memory.
-constexpr unsigned long long kLargestUnsaved = 64ULL << 20;
-
 unsigned long long totalSize(const Document& document) {
     unsigned long long size = 0;
     document.walk({}, [&size](const Node& node) { size += node.size; });
@@ -67,14 +64,14 @@ private:
 
     void copyStream(const Node& node) {
         // So that a large stream is alone in memory.
-        if (unsaved_ > 0 && unsaved_ + node.size > kLargestUnsaved)
+        if (unsaved_ > 0 && unsaved_ + node.size > kLargestInMemory)
             save();
         if (source_.root().format() == StorageFormat::Package)
             copyInPackages(node);
         else
             copyBytes(node);
         unsaved_ += node.size;
-        if (unsaved_ >= kLargestUnsaved)
+        if (unsaved_ >= kLargestInMemory)
             save();
     }
 
@@ -83,8 +80,9 @@ private:
         IStorage* const from = node.parent->storage();
         IStorage* const to = targets_.back().storage();
         const wchar_t* const name = node.path.name().c_str();
-        check(from && to ? from->MoveElementTo(name, to, name, STGMOVE_COPY) : STG_E_INVALIDHANDLE,
-              L"cannot copy", source_.label(node.path));
+        const HRESULT status =
+            from && to ? from->MoveElementTo(name, to, name, STGMOVE_COPY) : STG_E_INVALIDHANDLE;
+        source_.checkUnpacking(status, L"cannot copy", node.path);
         progress().add(node.size);
     }
 
@@ -179,7 +177,7 @@ private:
         document.read(stream, node.path, [&found](std::span<const std::byte> data) { found.add(data); });
         stream.close();
         inMemory_ += node.size;
-        if (inMemory_ >= kLargestUnsaved) {
+        if (inMemory_ >= kLargestInMemory) {
             StorageRef(source_.root()).deleteUnusedObjects();
             StorageRef(target_.root()).deleteUnusedObjects();
             inMemory_ = 0;

@@ -14,9 +14,6 @@ namespace {
 // calls.
 constexpr std::size_t kMaximumDepth = 256;
 
-// A package keeps the contents that were read until it is told to let them go.
-constexpr unsigned long long kLargestCache = 64ULL << 20;
-
 struct Child {
     SharedPathName name;
     StorageType type;
@@ -159,10 +156,14 @@ StreamRef Document::openStream(const NodePath& path, const StorageRef& parent) c
     const HRESULT status = stream.open(path.name().c_str(), parent, true);
     if (FAILED(status) && typeOf(parent, path.name()) == StorageType::Storage)
         throw Failure(L"this is a storage, not a stream:", label(path), STG_E_INVALIDFUNCTION);
-    if (status == STG_E_INVALIDFUNCTION && parent.format() == StorageFormat::Package)
-        throw Failure(L"packed in one block with other nodes:", label(path), E_NOTIMPL);
-    check(status, L"cannot open", label(path));
+    checkUnpacking(status, L"cannot open", path);
     return stream;
+}
+
+void Document::checkUnpacking(HRESULT status, std::wstring_view what, const NodePath& path) const {
+    if (status == STG_E_INVALIDFUNCTION && root_.format() == StorageFormat::Package)
+        throw Failure(L"packed in one block with other nodes:", label(path), E_NOTIMPL);
+    check(status, what, label(path));
 }
 
 void Document::read(StreamRef& stream, const NodePath& path,
@@ -219,7 +220,8 @@ void Document::walk(const NodePath& start, const Visitor& visitor, const FaultHa
                 throw;
             onFault(failure);
         }
-        if (bytes > kLargestCache) {
+        // A package keeps the contents that were read until it is told to let them go.
+        if (bytes > kLargestInMemory) {
             StorageRef(root_).deleteUnusedObjects();
             bytes = 0;
         }
@@ -228,7 +230,6 @@ void Document::walk(const NodePath& start, const Visitor& visitor, const FaultHa
 
 void Document::commit(const std::vector<StorageRef>& storages, const NodePath& innermost,
                       std::size_t outer) const {
-    checkStop();
     progress().begin(L"writing");
     for (std::size_t i = storages.size(); i-- > outer;)
         check(storages[i].commit(), L"cannot commit", label(innermost.first(i)));

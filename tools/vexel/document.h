@@ -57,6 +57,10 @@ public:
     StreamRef openStream(const NodePath& path) const;
     StreamRef openStream(const NodePath& path, const StorageRef& parent) const;
 
+    /// As `check`, for what opens or copies a stream: tells the packages' streams that the library does not
+    /// unpack.
+    void checkUnpacking(HRESULT status, std::wstring_view what, const NodePath& path) const;
+
     /// Passes the contents of an open stream to `sink` in pieces, all of kChunkSize but the last. A stream
     /// that ends before its size is reached fails: that is how damaged contents show. Shown as progress.
     void read(StreamRef& stream, const NodePath& path,
@@ -70,7 +74,8 @@ public:
 
     /// Writes changes out, from the innermost of `storages` to the root: in a compound file each is a
     /// transaction within the one above it, and the root's brings all into the file; of a package the first
-    /// writes the whole file. The outermost `outer` are left out. Throws Stopped before the first.
+    /// writes the whole file. The outermost `outer` are left out. What is to be stopped is so before: from
+    /// the first on, changes may be in the file.
     void commit(const std::vector<StorageRef>& storages, const NodePath& innermost,
                 std::size_t outer = 0) const;
 

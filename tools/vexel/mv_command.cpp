@@ -36,22 +36,22 @@ HRESULT copyStorage(Place& from, Place& to) {
     StorageRef source;
     StorageRef target;
     HRESULT status = source.open(from.path.name().c_str(), from.parent(), true);
-    if (SUCCEEDED(status))
+    if (status == S_OK)
         status = target.create(to.path.name().c_str(), to.parent(), false);
-    if (SUCCEEDED(status))
+    if (status == S_OK)
         status = source.copyTo(target);
-    return SUCCEEDED(status) ? target.commit() : status;
+    return status == S_OK ? target.commit() : status;
 }
 
 HRESULT copyStream(Place& from, Place& to) {
     StreamRef source;
     StreamRef target;
     HRESULT status = source.open(from.path.name().c_str(), from.parent(), true);
-    if (SUCCEEDED(status))
+    if (status == S_OK)
         status = target.create(to.path.name().c_str(), to.parent());
-    if (SUCCEEDED(status))
+    if (status == S_OK)
         status = source.copyTo(target);
-    if (FAILED(status))
+    if (status != S_OK)
         return status;
     return target.size() == source.size() ? target.commit() : STG_E_READFAULT;
 }
@@ -87,6 +87,7 @@ void run(const Arguments& arguments) {
         throw Failure(L"cannot move to", document.label(newNode), STG_E_FILEALREADYEXISTS);
     checkStop();
     check(moveNode(from, to, *type), L"cannot move", document.label(node));
+    checkStop();
     // Where the ways to both places are one, it is committed when what lies below is.
     const auto ways =
         std::mismatch(from.storages.begin(), from.storages.end(), to.storages.begin(), to.storages.end());

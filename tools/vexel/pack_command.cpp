@@ -1,4 +1,5 @@
 #include "command.h"
+#include "console.h"
 #include "conversion.h"
 #include "failure.h"
 #include "file_names.h"
@@ -19,9 +20,6 @@ namespace Vexel::Tool {
 namespace {
 
 using Vexel::Storage::SZipArchive;
-
-// What is not in the file yet is in memory.
-constexpr unsigned long long kLargestUnsaved = 256ULL << 20;
 
 struct Arguments {
     std::string directory; // or a document
@@ -125,7 +123,7 @@ public:
         Vexel::Storage::SZipArchiveItem* const item = archive_.item(entry.item);
         item->setCreationTime(entry.created);
         item->setModificationTime(entry.modified);
-        if (unsaved_ >= kLargestUnsaved)
+        if (unsaved_ >= kLargestInMemory)
             save();
     }
 
@@ -142,7 +140,7 @@ private:
     void addFile(const Entry& entry) {
         Source source(entry.file);
         Microsoft::WRL::ComPtr<IStream> stream;
-        if (unsaved_ > 0 && unsaved_ + entry.size > kLargestUnsaved)
+        if (unsaved_ > 0 && unsaved_ + entry.size > kLargestInMemory)
             save(); // so that a large file is alone in memory
         check(archive_.createFile(&stream, entry.item, true, false), L"cannot add", entry.label);
         const unsigned long long size = fill(*stream.Get(), source, entry.label);

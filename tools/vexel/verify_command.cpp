@@ -42,7 +42,7 @@ public:
             },
             [this](const Failure& failure) {
                 output_.text(toUtf8(onOneLine(failure.message())) + "\n");
-                ++(isNotReadable(failure.status()) ? notReadable_ : faults_);
+                ++(isNotReadable(failure.status()) || hasSlash(failure.status()) ? notReadable_ : faults_);
             });
         output_.flush();
     }
@@ -51,6 +51,11 @@ public:
     unsigned long long notReadable() const noexcept { return notReadable_; }
 
 private:
+    // A package lists a node with a slash in its name, and does not find it again.
+    bool hasSlash(HRESULT status) const {
+        return status == STG_E_FILENOTFOUND && document_.root().format() == StorageFormat::Package;
+    }
+
     const Document& document_;
     StandardOutput output_;
     unsigned long long faults_ = 0;
