@@ -256,13 +256,18 @@ TEST(SZipStorage, ReadsAndKeepsWhatTheModesSay) {
         EXPECT_EQ(root->archive()->isEmpty(), !isRead) << mode;
     }
     STATSTG info{};
-    ASSERT_EQ(openStorage(root.Get(), L"d", reading)->Stat(&info, STATFLAG_NONAME), S_OK);
+    const ComPtr<IStorage> directory = openStorage(root.Get(), L"d", reading);
+    ASSERT_EQ(directory->Stat(&info, STATFLAG_NONAME), S_OK);
     EXPECT_NE(info.mtime.dwHighDateTime, 0U);
     EXPECT_EQ(info.ctime.dwHighDateTime, 0U) << "which is not stored";
     EXPECT_EQ(CompareFileTime(&info.atime, &info.mtime), 0);
     EXPECT_EQ(write(root.Get(), L"pct%name", "X", STGM_CONVERT), S_OK);
     EXPECT_EQ(read(root.Get(), L"pct%name").size(), 3U);
+    EXPECT_EQ(write(directory.Get(), L".clsid", "short"), STG_E_ACCESSDENIED);
     EXPECT_EQ(write(root.Get(), L".clsid", "short"), S_OK);
+    ComPtr<IStream> stream;
+    ASSERT_EQ(root->OpenStream(L".clsid", nullptr, reading, 0, &stream), S_OK);
+    EXPECT_EQ(stream->Write("x", 1, nullptr), STG_E_ACCESSDENIED);
     ASSERT_EQ(root->Stat(&info, STATFLAG_NONAME), S_OK);
     EXPECT_EQ(info.clsid, CLSID_NULL);
     open(folder.file(L"no\\p"), writing);
