@@ -1,5 +1,3 @@
-#include "archive/database.h"
-#include "io/com_pointer.h"
 #include "paths/file_handle.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
@@ -15,9 +13,8 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <fstream>
+#include <map>
 #include <string>
-#include <vector>
 
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
@@ -29,29 +26,28 @@ namespace {
 
 using Contents = std::map<std::wstring, std::string>;
 
-struct Paths {
-    const wchar_t* name;
-    const wchar_t* element;
-};
-
 TEST(PathElements, AreEncodedAndDecoded) {
-    for (const auto& [name, element] : std::initializer_list<Paths>{{L"a/b%c", L"a%2fb%25c"},
-                                                                    {L"\x05Summary\tx", L"%05Summary%09x"},
-                                                                    {L"a\\b:\x44f\xd83d\xde00", nullptr},
-                                                                    {L"", nullptr}}) {
-        EXPECT_EQ(SZipArchive::encodePathElement(CString(name)), CString(element ? element : name));
-        EXPECT_EQ(SZipArchive::decodePathElement(CString(element ? element : name)), CString(name));
-    }
-    for (const auto& [name, element] : std::initializer_list<Paths>{{L"%", L"%"},
-                                                                    {L"//", L"%2F%2f"},
-                                                                    {L"A", L"%41"},
-                                                                    {L"\x04", L"%4"},
-                                                                    {L"\x04g", L"%4g"},
-                                                                    {L"%%", L"%zA"},
-                                                                    {L"%\x0b", L"%zAB"},
-                                                                    {L"%", L"%z"},
-                                                                    {L"a%", L"a%"}})
+    const struct {
+        const wchar_t *name, *element;
+        bool isEncoded; ///< or only decoded so
+    } cases[] = {
+        {L"a/b%c", L"a%2fb%25c", true},
+        {L"\x05Summary\x1fx", L"%05Summary%1fx", true},
+        {L"a\\b:\x44f\xd83d\xde00 ", L"a\\b:\x44f\xd83d\xde00 ", true},
+        {L"", L"", true},
+        {L"%", L"%", false},
+        {L"//A", L"%2F%2f%41", false},
+        {L"\x04", L"%4", false},
+        {L"\x04g", L"%4g", false},
+        {L"%%", L"%zA", false},
+        {L"%\x0b", L"%zAB", false},
+        {L"a%", L"a%", false},
+    };
+    for (const auto& [name, element, isEncoded] : cases) {
         EXPECT_EQ(SZipArchive::decodePathElement(CString(element)), CString(name)) << element;
+        EXPECT_EQ(SZipArchive::encodePathElement(CString(isEncoded ? name : L"")),
+                  CString(isEncoded ? element : L""));
+    }
 }
 
 class Archive : public testing::Test {
@@ -74,68 +70,39 @@ protected:
     LogCapture log_;
 };
 
-TEST_F(Archive, KeepsWhatIsSaved) {
-    std::string large(3'000'000, 'x');
-    for (std::size_t i = 0; i < large.size(); i += 7)
-        large[i] = static_cast<char>(i * i >> 8);
-    Contents expected{{L"d", Support::directoryMark},
-                      {L"d/large", large},
-                      {L"d/empty", ""},
-                      {L"A", "upper"},
-                      {L"a", "lower"},
-                      {L"d-x", "between"},
-                      {L"\x427\xd83d\xde00", "emoji"},
-                      {L"d/e", Support::directoryMark},
-                      {L".clsid", std::string(16, '\0')}};
-    FILETIME created{0x12345678, 0x01D00000};
+TEST_F(Archive, KeepsTheTimesOfItems) {
+    const FILETIME created{0x12345678, 0x01D00000};
     {
         SZipArchive archive(path_, false, false);
-        EXPECT_EQ(archive.reload(), S_OK);
-        EXPECT_TRUE(archive.isEmpty());
-        for (const auto& [path, bytes] : expected)
-            EXPECT_EQ(bytes == Support::directoryMark ? archive.createDirectory(path.c_str(), true, false)
-                                                      : writeItem(archive, path.c_str(), bytes),
-                      S_OK);
+        EXPECT_EQ(writeItem(archive, L"A", "upper"), S_OK);
+        EXPECT_EQ(writeItem(archive, L"a", "lower"), S_OK);
         archive.item(L"A"sv)->setCreationTime(created);
         archive.item(L"A"sv)->touch();
-        EXPECT_TRUE(archive.isChanged());
-        EXPECT_EQ(Support::contentsOf(archive), expected);
         EXPECT_EQ(archive.save(true), S_OK);
         EXPECT_FALSE(archive.isChanged());
-        EXPECT_EQ(Support::contentsOf(archive), expected);
     }
-    SZipArchive archive = open(true);
-    EXPECT_EQ(Support::contentsOf(archive), expected);
-    EXPECT_EQ(archive.item(L"d/large"sv)->size(), large.size());
+    const SZipArchive archive = open(true);
     const FILETIME creation = archive.item(L"A"sv)->creationFileTime();
     EXPECT_EQ(CompareFileTime(&created, &creation), 0);
     EXPECT_NE(archive.item(L"A"sv)->modificationFileTime().dwHighDateTime, 0U);
-    EXPECT_EQ(archive.item(L""sv), nullptr);
+    EXPECT_EQ(archive.item(L"a"sv)->creationFileTime().dwHighDateTime, 0U);
     EXPECT_EQ(log_.count(VxLog_Warning, L""), 0);
-    EXPECT_FALSE(std::filesystem::exists(path_ + L".7ztmp"));
 }
 
+// Unlike the system, the last write comes before the last access.
 TEST_F(Archive, TellsTheTimesOfItsFile) {
     make({{L"a", "x"}});
-    const FILETIME created{1, 0x01D00000}, accessed{2, 0x01D10000}, written{3, 0x01D20000};
+    const FILETIME set[] = {{1, 0x01D00000}, {3, 0x01D20000}, {2, 0x01D10000}};
+    FILETIME times[3];
     {
         const Vexel::Detail::FileHandle file(
             CreateFileW(path_.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-        ASSERT_TRUE(SetFileTime(file.get(), &created, &accessed, &written));
+        ASSERT_TRUE(SetFileTime(file.get(), &set[0], &set[2], &set[1]));
     }
-    FILETIME system[3], times[3];
     const SZipArchive archive = open();
-    {
-        const Vexel::Detail::FileHandle file(CreateFileW(path_.c_str(), FILE_READ_ATTRIBUTES, FILE_SHARE_READ,
-                                                         nullptr, OPEN_EXISTING, 0, nullptr));
-        ASSERT_TRUE(GetFileTime(file.get(), &system[0], &system[1], &system[2]));
-    }
-    ASSERT_NE(CompareFileTime(&system[1], &system[2]), 0);
-    // Unlike the system, the last write comes before the last access.
     EXPECT_TRUE(archive.fileTimes(&times[0], &times[1], &times[2]));
-    EXPECT_EQ(CompareFileTime(&times[0], &system[0]), 0);
-    EXPECT_EQ(CompareFileTime(&times[1], &system[2]), 0);
-    EXPECT_EQ(CompareFileTime(&times[2], &system[1]), 0);
+    EXPECT_EQ(CompareFileTime(&times[1], &set[1]), 0);
+    EXPECT_NE(CompareFileTime(&times[2], &set[1]), 0) << "read just now, or as it was set";
     EXPECT_TRUE(archive.fileTimes(nullptr, nullptr, nullptr));
 }
 
@@ -155,11 +122,11 @@ TEST_F(Archive, OpeningReportsWhatIsThere) {
     EXPECT_EQ(log_.count(VxLog_Minor, L"Failed to open file \"" + path_ + L"\": 0x00000002"), 1);
     EXPECT_FALSE(missing.fileTimes(nullptr, nullptr, nullptr));
 
-    Support::writeFile(path_, "This is text, and long enough to be looked at.");
-    EXPECT_EQ(SZipArchive(path_, false, false).reload(), STG_E_INVALIDHEADER);
-    EXPECT_EQ(log_.count(VxLog_Trace, L"Failed to open \"" + path_ + L"\" as an archive: 0x00000001"), 1);
-    Support::writeFile(path_, "7z");
-    EXPECT_EQ(SZipArchive(path_, false, false).reload(), STG_E_INVALIDHEADER);
+    for (const char* const bytes : {"This is text, and long enough to be looked at.", "7z"}) {
+        Support::writeFile(path_, bytes);
+        EXPECT_EQ(SZipArchive(path_, false, false).reload(), STG_E_INVALIDHEADER);
+    }
+    EXPECT_EQ(log_.count(VxLog_Trace, L"Failed to open \"" + path_ + L"\" as an archive: 0x00000001"), 2);
 }
 
 TEST_F(Archive, ReadOnlyRefusesEveryChange) {
@@ -186,13 +153,9 @@ TEST_F(Archive, ChangesReportWhatStandsInTheWay) {
     SZipArchive archive = open();
     ComPtr<IStream> stream;
     EXPECT_EQ(archive.createFile(nullptr, L"b", false, false), STG_E_INVALIDPOINTER);
-    for (const wchar_t* path : {L"", L"/b", L"b/", L"nix/b", L"d-e/b"})
-        EXPECT_EQ(archive.createFile(&stream, path, false, false), STG_E_INVALIDNAME) << path;
     EXPECT_EQ(archive.createFile(&stream, L"d", false, true), STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(archive.createFile(&stream, L"d/x", true, true), STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(stream, nullptr);
-    EXPECT_EQ(archive.createDirectory(L"nix/b", false, false), STG_E_FILENOTFOUND);
-    EXPECT_EQ(archive.createDirectory(L"d/", false, false), STG_E_INVALIDNAME);
     EXPECT_EQ(archive.createDirectory(L"d/x", false, true), STG_E_INVALIDFUNCTION);
     EXPECT_EQ(archive.createDirectory(L"d", true, true), STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(archive.createDirectory(L"d", false, false), S_OK);
@@ -217,8 +180,8 @@ TEST_F(Archive, ChangesReportWhatStandsInTheWay) {
         (Contents{
             {L"f", Support::directoryMark}, {L"f/x", "1"}, {L"f/e", Support::directoryMark}, {L"d-e", "3"}}));
     EXPECT_EQ(archive.clear(L""sv), S_OK);
-    EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_TRUE(open().isEmpty());
+    EXPECT_TRUE(archive.isEmpty());
+    EXPECT_TRUE(archive.isChanged());
 }
 
 TEST_F(Archive, StreamsOfAnItemShareItsContents) {
@@ -246,51 +209,20 @@ TEST_F(Archive, StreamsOfAnItemShareItsContents) {
 TEST_F(Archive, FlushGivesBackOnlyWhatTheFileHasAndNobodyHolds) {
     make({{L"d", nullptr}, {L"d/a", "0123"}, {L"b", "4567"}});
     SZipArchive archive = open();
+    EXPECT_EQ(writeItem(archive, L"b", "changed"), S_OK);
     for (const bool hold : {true, false}) {
-        ComPtr<IStream> stream;
+        ComPtr<IStream> stream, again;
         ASSERT_EQ(archive.extractFile(&stream, L"d/a"sv), S_OK);
         if (!hold)
             stream.Reset();
         EXPECT_EQ(archive.flush(L"d"sv), S_OK);
-        ComPtr<IStream> again;
         ASSERT_EQ(archive.extractFile(&again, L"d/a"sv), S_OK);
         EXPECT_EQ(static_cast<Vexel::Storage::InMemoryIStream*>(again.Get())->numInstances(), hold ? 2 : 1);
     }
-    EXPECT_EQ(writeItem(archive, L"b", "changed"), S_OK);
     EXPECT_EQ(archive.flush(L""sv), S_OK);
     std::string now;
     EXPECT_EQ(readItem(archive, L"b", now), S_OK);
     EXPECT_EQ(now, "changed");
-}
-
-/// An item's bytes as they stand in the file.
-std::string packedBytes(const std::wstring& file, std::wstring_view path) {
-    std::shared_ptr<Vexel::Storage::Engine::DatabaseStream> archive;
-    if (FAILED(Vexel::Storage::Engine::openFile(file.c_str(), archive)) ||
-        FAILED(archive->read(file.c_str())))
-        return {};
-    unsigned index = 0;
-    while (archive->path(index) != path)
-        ++index;
-    const unsigned folder = archive->folderOf(index).index;
-    std::ifstream input{std::filesystem::path(file), std::ios::binary};
-    input.seekg(static_cast<std::streamoff>(archive->database().GetFolderStreamPos(folder, 0)));
-    std::string bytes(archive->database().GetFolderFullPackSize(folder), '\0');
-    input.read(bytes.data(), static_cast<std::streamsize>(bytes.size()));
-    return bytes;
-}
-
-TEST_F(Archive, PackedBytesOfUnchangedItemsStay) {
-    // Another program's choice of method and dictionary tells its bytes from ours.
-    std::filesystem::copy_file(Support::samplePath(L"plain-lzma-packed-header.7z"), path_);
-    const std::string before = packedBytes(path_, L"d/e/deep");
-    SZipArchive archive = open();
-    EXPECT_EQ(writeItem(archive, L"aaa", "new"), S_OK);
-    EXPECT_EQ(writeItem(archive, L"d/x", "changed"), S_OK);
-    EXPECT_EQ(archive.move(L"d/e"sv, L"moved"sv), S_OK);
-    EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_FALSE(before.empty());
-    EXPECT_EQ(packedBytes(path_, L"moved/deep"), before);
 }
 
 TEST_F(Archive, CopiesPackedDataOfASharedFile) {
@@ -322,15 +254,13 @@ TEST_F(Archive, ReadsFromAndSavesToStreams) {
     make({{L"d", nullptr}, {L"d/a", "0123"}});
     SZipArchive file = open();
     EXPECT_EQ(writeItem(file, L"b", "new"), S_OK);
-    ComPtr<IStream> stream;
-    stream = Vexel::Detail::adopt<IStream>(new Vexel::Storage::InMemoryIStream());
+    const auto stream = Support::streamOf("");
     EXPECT_EQ(file.save(stream.Get()), S_OK);
     EXPECT_TRUE(file.isChanged());
-    const Contents expected = Support::contentsOf(file);
 
     SZipArchive archive(stream.Get());
     EXPECT_EQ(archive.reload(), S_OK);
-    EXPECT_EQ(Support::contentsOf(archive), expected);
+    EXPECT_EQ(Support::contentsOf(archive), Support::contentsOf(file));
     EXPECT_FALSE(archive.fileTimes(nullptr, nullptr, nullptr));
     EXPECT_EQ(archive.remove(L"b"sv), STG_E_ACCESSDENIED);
 
@@ -343,70 +273,52 @@ TEST_F(Archive, ReadsFromAndSavesToStreams) {
     EXPECT_EQ(archive.save(stream.Get()), STG_E_FILENOTFOUND);
 }
 
-struct Foreign {
-    const wchar_t* file;
-    HRESULT opened;
-    HRESULT read; // of "d/e/deep", or of "e" where that is all there is
-};
-
-TEST(ForeignArchives, OpenAndReadOrSayWhyNot) {
-    const LogCapture quiet;
-    const HRESULT unsupported = HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
-    for (const auto& [file, opened, read] :
-         {Foreign{L"plain-lzma2.7z", S_OK, S_OK}, Foreign{L"plain-lzma-packed-header.7z", S_OK, S_OK},
-          Foreign{L"copy.7z", S_OK, S_OK}, Foreign{L"empty.7z", S_OK, STG_E_FILENOTFOUND},
-          Foreign{L"solid.7z", S_OK, STG_E_INVALIDFUNCTION}, Foreign{L"unsupported-ppmd.7z", S_OK, E_NOTIMPL},
-          Foreign{L"unsupported-bcj.7z", S_OK, E_NOTIMPL}, Foreign{L"encrypted-data.7z", S_OK, E_NOTIMPL},
-          Foreign{L"encrypted-header.7z", unsupported, STG_E_FILENOTFOUND}}) {
+TEST_F(Archive, OfOthersOpenOrSayWhyNot) {
+    const struct {
+        const wchar_t* file;
+        HRESULT opened, read;
+    } cases[] = {
+        {L"plain-lzma2.7z", S_OK, S_OK},
+        {L"solid.7z", S_OK, STG_E_INVALIDFUNCTION},
+        {L"unsupported-ppmd.7z", S_OK, E_NOTIMPL},
+        {L"unsupported-bcj.7z", S_OK, E_NOTIMPL},
+        {L"encrypted-data.7z", S_OK, E_NOTIMPL},
+        {L"encrypted-header.7z", HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED), STG_E_FILENOTFOUND},
+    };
+    for (const auto& [file, opened, read] : cases) {
         SZipArchive archive(Support::samplePath(file), true, false);
-        EXPECT_EQ(archive.reload(), opened) << std::hex << file;
+        EXPECT_EQ(archive.reload(), opened) << file;
         std::string bytes;
-        const wchar_t* path = archive.item(L"d/e/deep"sv) ? L"d/e/deep" : L"e";
-        EXPECT_EQ(readItem(archive, path, bytes), read) << std::hex << file;
-        EXPECT_EQ(bytes.size(), read == S_OK ? 5000 : 0) << file;
-        if (read == S_OK) {
-            EXPECT_EQ(Support::contentsOf(archive).size(), archive.items().size());
-        }
+        EXPECT_EQ(readItem(archive, archive.item(L"d/e/deep"sv) ? L"d/e/deep" : L"e", bytes), read) << file;
     }
 }
 
 // However an item is made, its path is one that leads to it.
-TEST(ItemPaths, AreThoseThatStoragesLeadTo) {
-    const LogCapture log;
+TEST_F(Archive, PathsAreThoseThatStoragesLeadTo) {
     SZipArchive source(L"", false, true), archive(L"", false, true);
     ComPtr<IStream> stream;
     for (SZipArchive* each : {&source, &archive}) {
         ASSERT_EQ(each->createDirectory(L"d", true, false), S_OK);
-        ASSERT_EQ(Support::writeItem(*each, L"f", "f"), S_OK);
+        ASSERT_EQ(writeItem(*each, L"f", "f"), S_OK);
     }
-    struct Case {
-        const wchar_t* path;
-        HRESULT createFile, createDirectory, others;
-    };
     constexpr HRESULT name = STG_E_INVALIDNAME, none = STG_E_FILENOTFOUND;
-    for (const auto& [path, file, directory, others] :
-         {Case{L"x/", name, name, name}, Case{L"/x", name, name, name}, Case{L"/", name, name, name},
-          Case{L"d//x", name, name, name}, Case{L"d/x/", name, name, name}, Case{L"", name, name, name},
-          Case{L"no/x", name, none, none}, Case{L"f/x", name, none, none}, Case{L"d/no/x", name, none, none},
-          Case{L"d/x", S_OK, S_OK, S_OK}}) {
+    const struct {
+        const wchar_t* path;
+        HRESULT createFile, others;
+    } cases[] = {{L"x/", name, name},   {L"/x", name, name},     {L"/", name, name},
+                 {L"d//x", name, name}, {L"d/x/", name, name},   {L"", name, name},
+                 {L"no/x", name, none}, {L"d/no/x", name, none}, {L"f/x", name, none}};
+    for (const auto& [path, file, others] : cases) {
         SCOPED_TRACE(testing::PrintToString(std::wstring(path)));
-        const auto undo = [&] {
-            stream.Reset();
-            archive.remove(std::wstring_view(L"d/x"));
-        };
         EXPECT_EQ(archive.createFile(&stream, path, true, false), file);
-        undo();
-        EXPECT_EQ(archive.createDirectory(path, true, false), directory);
-        undo();
+        EXPECT_EQ(archive.createDirectory(path, true, false), others);
         EXPECT_EQ(archive.addItem(source, L"f"sv, path), others);
-        undo();
         EXPECT_EQ(archive.addItem(source, L"d"sv, path), others);
-        undo();
         EXPECT_EQ(archive.move(L"f"sv, path),
                   path == std::wstring_view(L"f/x") ? STG_E_ACCESSDENIED : others);
         EXPECT_EQ(archive.items().size(), 2U);
     }
-    ASSERT_EQ(Support::writeItem(source, L"d/y", "y"), S_OK);
+    ASSERT_EQ(writeItem(source, L"d/y", "y"), S_OK);
     EXPECT_EQ(archive.remove(L"d"sv), S_OK);
     EXPECT_EQ(archive.addItems(source, L"d/y"), none);
     EXPECT_EQ(archive.addItems(source, L"d"), S_OK);

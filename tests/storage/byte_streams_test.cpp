@@ -7,7 +7,6 @@
 
 #include <vexel/byte_streams.h>
 #include <vexel/storage.h>
-#include <vexel/strings.h>
 #include <vexel/sub_stream.h>
 
 #include <gtest/gtest.h>
@@ -46,8 +45,7 @@ struct Kind {
 void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 
 const Kind kinds[] = {
-    {"adapter of our memory", [](const Body& body) { onAdapter(Support::streamOf(""), body); }},
-    {"adapter of the system's memory", [](const Body& body) { onAdapter(Support::systemStream(), body); }},
+    {"adapter", [](const Body& body) { onAdapter(Support::streamOf(""), body); }},
     {"handle in a compound file",
      [](const Body& body) {
          const Support::TempFolder folder;
@@ -57,14 +55,6 @@ const Kind kinds[] = {
              const SharedPathName name(folder.file(L"file"), true, false);
              ASSERT_EQ(root.open(name, RootStorageOpenMode::ReadWrite, false), S_OK);
              onHandle(root, true, body);
-             StreamRef stream;
-             ASSERT_EQ(stream.create(L"text", root), S_OK);
-             VxwWriteUniString(stream, L"on a handle");
-             EXPECT_EQ(stream.GetLength(), 26U);
-             stream.SeekToBegin();
-             CStringW text;
-             VxwReadUniString(stream, text);
-             EXPECT_EQ(text, L"on a handle");
          }
          StorageContainer::Instance().deleteUnusedObjects();
      }},
@@ -75,11 +65,9 @@ class ByteStreams : public testing::TestWithParam<Kind> {};
 TEST_P(ByteStreams, MoveBytesAndPositions) {
     GetParam().run([](vxio::IReadStream& reader, vxio::IWriteStream& writer) {
         char bytes[16] = {};
-        EXPECT_EQ(reader.GetLength() + reader.GetPosition() + reader.ReadBytes(bytes, 1), 0U);
         EXPECT_EQ(writer.WriteBytes("0123456789", 10), 10U);
         EXPECT_EQ(reader.GetPosition(), 10U) << "one position for both sides";
         EXPECT_EQ(reader.GetLength(), 10U);
-        EXPECT_EQ(reader.ReadBytes(bytes, 1), 0U);
         writer.SeekToBegin();
         EXPECT_EQ(reader.ReadBytes(bytes, 4), 4U);
         EXPECT_EQ(reader.ReadBytes(bytes + 4, 12), 6U) << "short at the end";
@@ -91,22 +79,14 @@ TEST_P(ByteStreams, MoveBytesAndPositions) {
             unsigned long long reached; // from 3
         };
         for (const auto& [origin, offset, reached] :
-             {Case{Origin::Begin, 0, 0}, Case{Origin::Begin, 11, 11}, Case{Origin::Begin, -1, 3},
-              Case{Origin::Current, 0, 3}, Case{Origin::Current, -3, 0}, Case{Origin::Current, -4, 3},
-              Case{Origin::Current, LLONG_MIN, 3}, Case{Origin::End, 0, 10}, Case{Origin::End, -10, 0},
-              Case{Origin::End, -11, 3}, Case{Origin::End, 2, 12}, Case{Origin{-1}, 0, 3},
-              Case{Origin{7}, 5, 3}}) {
+             {Case{Origin::Begin, 11, 11}, Case{Origin::Begin, -1, 3}, Case{Origin::Current, 0, 3},
+              Case{Origin::Current, -3, 0}, Case{Origin::Current, LLONG_MIN, 3}, Case{Origin::End, -10, 0},
+              Case{Origin::End, 2, 12}, Case{Origin{-1}, 0, 3}, Case{Origin{7}, 5, 3}}) {
             EXPECT_EQ(writer.Seek(Origin::Begin, 3), 3U);
             EXPECT_EQ(reader.Seek(origin, offset), reached) << static_cast<int>(origin) << " " << offset;
             EXPECT_EQ(writer.GetPosition(), reached);
         }
         EXPECT_EQ(writer.SeekToEnd(), 10U);
-        writer.Seek(Origin::Current, -2);
-        EXPECT_EQ(writer.WriteBytes("abcd", 4), 4U);
-        EXPECT_EQ(reader.GetLength(), 12U);
-        reader.Seek(Origin::Begin, 7);
-        EXPECT_EQ(reader.ReadBytes(bytes, 3), 3U);
-        EXPECT_EQ(std::string(bytes, 3), "7ab");
     });
 }
 
@@ -162,52 +142,33 @@ TEST(ByteStreamsOfFailingStreams, GoByCountsAndPositionsOnly) {
 }
 
 TEST(StreamAdapter, HoldsOneReference) {
-    const auto memory = Support::streamOf("");
-    const auto other = Support::streamOf("");
+    const auto memory = Support::streamOf(""), other = Support::streamOf("");
     {
-        vxio::IStreamStream stream(memory.Get());
-        EXPECT_EQ(memory->numRefs(), 2U);
+        vxio::IStreamStream stream(memory.Get()), copy = stream;
         stream.Attach(memory.Get());
-        EXPECT_EQ(memory->numRefs(), 2U);
-        vxio::IStreamStream copy = stream;
         EXPECT_EQ(memory->numRefs(), 3U);
-        vxio::IStreamStream& same = copy;
-        copy = std::move(same);
-        EXPECT_TRUE(copy);
         stream = std::move(copy);
         EXPECT_TRUE(copy) << "both held the same stream"; // NOLINT(bugprone-use-after-move)
         copy.Attach(other.Get());
-        EXPECT_EQ(memory->numRefs(), 2U);
         stream = std::move(copy);
         EXPECT_FALSE(copy); // NOLINT(bugprone-use-after-move)
-        EXPECT_EQ(stream.GetStream(), other.Get());
         EXPECT_EQ(memory->numRefs(), 1U);
-        const vxio::IStreamStream moved = std::move(stream);
-        EXPECT_FALSE(stream); // NOLINT(bugprone-use-after-move)
         EXPECT_EQ(other->numRefs(), 2U);
-        copy = moved;
-        stream.Attach(moved.GetStream());
-        EXPECT_EQ(other->numRefs(), 4U);
+        copy = stream;
+        EXPECT_EQ(other->numRefs(), 3U);
         copy.Close();
-        stream.Attach(nullptr);
         EXPECT_EQ(other->numRefs(), 2U);
     }
     EXPECT_EQ(other->numRefs(), 1U);
 
     // A stream that only the old one keeps alive: it must be held before that goes.
-    for (const bool assign : {false, true}) {
-        ComPtr<::IStream> clone;
-        ASSERT_EQ(memory->Clone(&clone), S_OK);
-        ::IStream* const inner = clone.Get();
-        vxio::IStreamStream stream(
-            adopt(new Vexel::Storage::SubStream(std::exchange(clone, nullptr).Get(), 0, 1)).Get());
-        if (assign)
-            stream = vxio::IStreamStream(inner);
-        else
-            stream.Attach(inner);
-        EXPECT_EQ(memory->numInstances(), 2);
-    }
-    EXPECT_EQ(memory->numInstances(), 1);
+    ComPtr<::IStream> clone;
+    ASSERT_EQ(memory->Clone(&clone), S_OK);
+    ::IStream* const inner = clone.Get();
+    vxio::IStreamStream stream(
+        adopt(new Vexel::Storage::SubStream(std::exchange(clone, nullptr).Get(), 0, 1)).Get());
+    stream.Attach(inner);
+    EXPECT_EQ(memory->numInstances(), 2);
 }
 
 TEST(ByteStreamsWithoutAStream, StayAtNothing) {
@@ -219,11 +180,7 @@ TEST(ByteStreamsWithoutAStream, StayAtNothing) {
         return stream.SeekToEnd() + stream.GetLength() + stream.GetPosition() +
                stream.Seek(Origin::Begin, 3) + stream.ReadBytes(&byte, 1) + stream.WriteBytes(&byte, 1);
     };
-    CStringW text(L"before");
-    VxwWriteUniString(handle, text);
-    VxwReadUniString(handle, text);
-    EXPECT_EQ(text, L"before");
-    EXPECT_EQ(moved(adapter) + moved(handle) + vxio::IStreamStream::WriteBytes(nullptr, &byte, 1), 0U);
+    EXPECT_EQ(moved(adapter) + moved(handle), 0U);
 }
 
 } // namespace

@@ -45,7 +45,7 @@ std::string gzip(const std::string& text, int level = 6) {
     return result;
 }
 
-/// What zlib makes of the bytes behind a plain header, as far as they go.
+/// What zlib makes of the bytes behind a plain header, as longer as they go.
 std::string inflated(const std::string& bytes) {
     z_stream state{};
     EXPECT_EQ(inflateInit2(&state, -15), Z_OK);
@@ -90,23 +90,22 @@ int causeOf(const std::function<void()>& action) { return Support::raised<CFileE
 std::string sampleFile(const wchar_t* name) { return Support::readFile(Support::samplePath(name)); }
 
 TEST(CompressedStream, InflatesWhatZlibDeflated) {
-    std::vector<std::size_t> sizes{0, 1, 16384, 16385, 65536 * 3 + 7, 1 << 20};
+    std::vector<std::size_t> sizes{0, 1, 16384, 16385, 1 << 20};
     for (std::size_t size = 4080; size < 4110; ++size)
         sizes.push_back(size); // level 0 makes them a little longer: what is read ahead cuts the trailer
-    for (const std::size_t size : sizes) {
-        for (const int level : {0, 1, 9}) {
+    for (const std::size_t size : sizes)
+        for (const int level : {0, 9}) {
             SCOPED_TRACE(testing::Message() << size << " bytes, level " << level);
-            const std::string text = sampleText(size);
-            const std::string packed = gzip(text, level);
+            const std::string text = sampleText(size), packed = gzip(text, level);
             const LogCapture log;
             EXPECT_TRUE(decompressed(packed) == text);
-            for (const std::size_t part : {1000u, 16384u, 100'000u}) {
+            for (const std::size_t part : {1000u, 100'000u}) {
                 Opened file(packed);
                 EXPECT_TRUE(readAll(file, part) == text);
             }
             EXPECT_EQ(log.count(VxLog_Error, L""), 0);
         }
-    }
+    EXPECT_TRUE(decompressed(sampleFile(L"no-name.gz")).starts_with("inner x\ninner x\n"));
 }
 
 TEST(CompressedStream, TellsHeadersApart) {
@@ -122,10 +121,8 @@ TEST(CompressedStream, TellsHeadersApart) {
     const std::string extra = "Failed to read length of extra gzip data";
     const struct {
         const char* name;
-        std::string source;
-        std::string message;
+        std::string source, message;
     } cases[] = {
-        {"one reserved flag", header(0x20, "") + body, accepted},
         {"two reserved flags", header(0x60, "") + body, accepted},
         {"all reserved flags", header(0xE0, "") + body, flags},
         {"text flag", header(0x01, "") + body, accepted},
@@ -135,7 +132,7 @@ TEST(CompressedStream, TellsHeadersApart) {
         {"an extra field", header(0x04, std::string("\3\0abc", 5)) + body, accepted},
         {"no length of the extra field", header(0x04, "\3"), extra},
         {"header checksum of 4 bytes", header(0x02, "1234") + body, accepted},
-        {"a name", header(0x08, std::string("n\0", 2)) + body, name},
+        {"a name", sampleFile(L"with-name.gz"), name},
         {"a name without end", header(0x08, "name"), name},
         {"a comment", header(0x10, std::string("c\0", 2)) + body, name},
     };
@@ -145,9 +142,7 @@ TEST(CompressedStream, TellsHeadersApart) {
         COleStreamCompressFile file(true);
         const bool opens = test.message.empty();
         EXPECT_EQ(file.OpenStream(streamOf(test.source).Get()), opens);
-        if (opens) {
-            EXPECT_EQ(readAll(file, 100), "text");
-        }
+        EXPECT_EQ(opens ? readAll(file, 100) : "text", "text");
         EXPECT_EQ(decompressed(test.source), opens ? "text" : test.source);
         const std::wstring message(test.message.begin(), test.message.end());
         EXPECT_EQ(log.count(VxLog_Error, message), opens ? 0 : 2);
@@ -156,33 +151,19 @@ TEST(CompressedStream, TellsHeadersApart) {
     EXPECT_FALSE(file.OpenStream(streamOf(plainHeader).Get())) << "nothing behind the header";
 }
 
-TEST(CompressedStream, ReadsTheSamplesOfGzip) {
-    const std::string text = decompressed(sampleFile(L"no-name.gz")), line = "inner x\n";
-    EXPECT_EQ(text.size(), 100 * line.size());
-    EXPECT_TRUE(text.starts_with(line) && text.substr(line.size()) + line == text);
-    EXPECT_EQ(decompressed(sampleFile(L"with-name.gz")), sampleFile(L"with-name.gz"));
-}
-
-// A truncated stream counts as read whole, and what zlib can make of it is kept; a header that is refused
-// gives the bytes as they are.
+// A truncated stream counts as read whole, and what zlib can make of it is kept.
 TEST(CompressedStream, GivesWhatZlibGivesOfDamagedStreams) {
-    const std::string text = sampleText(300);
-    const std::string whole = gzip(text);
+    const std::string whole = gzip(sampleText(300));
     const auto check = [](const std::string& bytes) {
-        const std::string wanted = bytes.size() > 10 ? inflated(bytes.substr(10)) : bytes;
+        const std::string wanted = inflated(bytes.substr(plainHeader.size()));
         EXPECT_EQ(decompressed(bytes), wanted);
-        COleStreamCompressFile file(true);
-        if (file.OpenStream(streamOf(bytes).Get()) && bytes.size() > 10) {
-            EXPECT_EQ(readAll(file, 64), wanted);
-        }
+        Opened file(bytes);
+        EXPECT_EQ(readAll(file, 64), wanted);
     };
-    for (std::size_t size = 0; size < whole.size(); ++size) {
-        SCOPED_TRACE(testing::Message() << "cut to " << size);
-        check(whole.substr(0, size));
-    }
-    for (std::size_t at = 10; at < whole.size(); ++at) {
+    for (std::size_t at = plainHeader.size(); at < whole.size(); ++at) {
+        SCOPED_TRACE(at);
+        check(whole.substr(0, at + 1));
         for (const int mask : {0x01, 0x80, 0xFF}) {
-            SCOPED_TRACE(testing::Message() << "byte " << at << " changed by " << mask);
             std::string bytes = whole;
             bytes[at] = static_cast<char>(bytes[at] ^ mask);
             check(bytes);
@@ -216,35 +197,32 @@ TEST(CompressedStream, ChecksTheTrailerWhenClosing) {
     EXPECT_EQ(messages(broken, true), Counts(0, 0));
 }
 
-TEST(CompressedStream, CopiesASourceThatGoesOnBehindTheMember) {
-    const std::string two = gzip("one") + gzip("two");
-    EXPECT_EQ(decompressed(two), "one"); // the second was read ahead and counts as read
-    const std::string longer = gzip("one") + sampleText(10'000);
-    EXPECT_TRUE(decompressed(longer) == longer);
-}
-
 TEST(CompressedStream, DecompressesFromWhereTheStreamsStand) {
-    const auto source = streamOf("skip" + gzip("inner"));
-    const auto target = streamOf("kept and cut");
-    source->seek(4, InMemoryIStream::Begin);
-    target->seek(5, InMemoryIStream::Begin);
-    EXPECT_EQ(DecompressStream(source.Get(), target.Get()), S_OK);
-    EXPECT_EQ(bytesOf(target.Get()), "kept innerut");
-
-    source->seek(5, InMemoryIStream::Begin);
-    target->seek(5, InMemoryIStream::Begin);
-    EXPECT_EQ(DecompressStream(source.Get(), target.Get()), S_OK);
-    EXPECT_EQ(bytesOf(target.Get()), "kept " + gzip("inner").substr(1));
-    EXPECT_EQ(DecompressStream(nullptr, target.Get()), STG_E_INVALIDPOINTER);
-    EXPECT_EQ(DecompressStream(source.Get(), nullptr), STG_E_INVALIDPOINTER);
-}
-
-TEST(CompressedStream, ReportsAWriteThatFails) {
+    const std::string one = gzip("one"), longer = one + sampleText(10'000);
+    const struct {
+        const char* name;
+        std::string source;
+        long long position;
+        std::string expected; ///< behind "kept ", over "and cut"
+    } cases[] = {
+        {"gzip", "skip" + one, 4, "one cut"},
+        {"no gzip from there on", one, 1, one.substr(1)},
+        {"another one behind, which was read ahead and counts as read", one + gzip("two"), 0, "one cut"},
+        {"much behind", longer, 0, longer},
+    };
+    for (const auto& test : cases) {
+        const auto source = streamOf(test.source), target = streamOf("kept and cut");
+        source->seek(test.position, InMemoryIStream::Begin);
+        target->seek(5, InMemoryIStream::Begin);
+        EXPECT_EQ(DecompressStream(source.Get(), target.Get()), S_OK);
+        EXPECT_TRUE(bytesOf(target.Get()) == "kept " + test.expected) << test.name;
+    }
     const auto target = Vexel::Detail::adopt(new Support::FaultyStream);
-    const std::string packed = gzip(sampleText(1000));
     target->writesLeft = 0; // the first fails, those of the copy of the source as it is do not
-    EXPECT_EQ(DecompressStream(streamOf(packed).Get(), target.Get()), STG_E_WRITEFAULT);
-    EXPECT_EQ(bytesOf(target.Get()), packed);
+    EXPECT_EQ(DecompressStream(streamOf(longer).Get(), target.Get()), STG_E_WRITEFAULT);
+    EXPECT_EQ(bytesOf(target.Get()), longer);
+    EXPECT_EQ(DecompressStream(nullptr, target.Get()), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(DecompressStream(target.Get(), nullptr), STG_E_INVALIDPOINTER);
 }
 
 TEST(CompressedStream, ExplainsWhyAStreamDoesNotOpen) {
@@ -253,13 +231,11 @@ TEST(CompressedStream, ExplainsWhyAStreamDoesNotOpen) {
         int cause;
         LONG osError;
     } cases[] = {
-        {STG_E_ACCESSDENIED, CFileException::accessDenied, ERROR_ACCESS_DENIED},
         {STG_E_SHAREVIOLATION, CFileException::sharingViolation, ERROR_SHARING_VIOLATION},
         {STG_E_INVALIDHEADER, CFileException::OsErrorToException(0xFB), 0xFB},
         {STG_E_INUSE, CFileException::sharingViolation, STG_E_INUSE},
         {STG_E_SHAREREQUIRED, CFileException::sharingViolation, STG_E_SHAREREQUIRED},
         {STG_E_DOCFILECORRUPT, CFileException::genericException, STG_E_DOCFILECORRUPT},
-        {E_FAIL, CFileException::genericException, E_FAIL},
     };
     for (const auto& [status, cause, osError] : cases) {
         Support::FakeCalls calls;
@@ -289,12 +265,14 @@ TEST(CompressedStream, MovesWithinInflatedBytesOnlyForward) {
 
     constexpr int badSeek = CFileException::badSeek;
     EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, -1); }), badSeek);
-    EXPECT_EQ(causeOf([&] { file.Seek(Origin::End, 0); }), badSeek);
     EXPECT_EQ(causeOf([&] { file.SeekToEnd(); }), badSeek);
     EXPECT_EQ(causeOf([&] { file.GetLength(); }), badSeek);
     EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, 40'001); }), CFileException::endOfFile);
-    file.SetIgnoreEndOfFile(true);
+    EXPECT_FALSE(file.SetIgnoreEndOfFile(true));
     EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, 1LL << 62); }), -1);
+    EXPECT_TRUE(file.SetIgnoreEndOfFile(false));
+    file.Close();
+    EXPECT_EQ(causeOf([&] { file.ReadBytes(&byte, 1); }), CFileException::endOfFile);
 }
 
 TEST(CompressedStream, PassesPlainBytesThrough) {
@@ -303,24 +281,10 @@ TEST(CompressedStream, PassesPlainBytesThrough) {
         EXPECT_EQ(file.GetLength(), text.size());
         EXPECT_TRUE(readAll(file, 20'000) == text);
         EXPECT_EQ(file.Seek(Origin::End, 0), text.size());
-        EXPECT_EQ(file.GetPosition(), text.size());
     }
     const std::string packed = gzip("text");
     Opened raw(packed, false);
     EXPECT_EQ(readAll(raw, 100), packed);
-}
-
-TEST(CompressedStream, ThrowsOnShortReadsUnlessTold) {
-    Opened file(gzip(sampleText(40)));
-    char buffer[100]{};
-    EXPECT_EQ(causeOf([&] { file.ReadBytes(buffer, 100); }), CFileException::endOfFile);
-    file.SeekToBegin();
-    EXPECT_FALSE(file.SetIgnoreEndOfFile(true));
-    EXPECT_EQ(file.ReadBytes(buffer, 100), 40u);
-    EXPECT_TRUE(file.SetIgnoreEndOfFile(false));
-    file.Close();
-    EXPECT_EQ(causeOf([&] { file.ReadBytes(buffer, 1); }), CFileException::endOfFile);
-    EXPECT_EQ(causeOf([&] { file.ReadBytes(buffer, 0); }), -1);
 }
 
 TEST(CompressedStream, OpensStreamsOfStructuredFiles) {
@@ -329,41 +293,38 @@ TEST(CompressedStream, OpensStreamsOfStructuredFiles) {
     Support::writeCompoundFile(folder.file(L"d"), {{L"Packed", packed}, {L"Plain", "plain text"}});
     StorageRef document;
     ASSERT_EQ(document.open({folder.file(L"d"), false, false}, RootStorageOpenMode::ReadWrite, false), S_OK);
-    const auto element = [](const wchar_t* text) { return SharedPathName(text, true, false); };
-
     COleStreamCompressFile file(true);
+    CFileException error;
+    const auto opens = [&](const wchar_t* name, COleStreamCompressFile::OpenFlags flags) {
+        return file.OpenStream(document, {name, true, false}, flags, &error);
+    };
+    constexpr auto reading = COleStreamCompressFile::OpenReadOnly,
+                   writing = COleStreamCompressFile::OpenForWriting;
     for (const wchar_t* name : {L"Packed", L"Plain", L"Packed"}) { // one after the other
-        ASSERT_TRUE(file.OpenStream(document, element(name), COleStreamCompressFile::OpenReadOnly, nullptr));
+        ASSERT_TRUE(opens(name, reading));
         EXPECT_EQ(readAll(file, 100), name[1] == L'a' ? "inner text" : "plain text");
     }
-    CFileException error;
-    EXPECT_FALSE(file.OpenStream(document, element(L"None"), COleStreamCompressFile::OpenReadOnly, &error));
+    EXPECT_FALSE(opens(L"None", reading));
     EXPECT_EQ(error.m_cause, CFileException::fileNotFound);
-    EXPECT_EQ(error.m_lOsError, ERROR_FILE_NOT_FOUND);
-    EXPECT_FALSE(file.OpenStream(document, element(L"None"), COleStreamCompressFile::OpenReadOnly, nullptr));
     EXPECT_FALSE(file.OpenStream(nullptr));
     EXPECT_FALSE(file.OpenStream(StreamRef()));
 
     StreamRef stream;
     ASSERT_EQ(stream.open(L"Packed", document, true), S_OK);
-    StreamRef second = stream;
     EXPECT_EQ(stream.Seek(Origin::Begin, 3), 3u);
     COleStreamCompressFile there(true, stream);
     EXPECT_EQ(readAll(there, 100), packed); // no gzip from there on: plain, from the begin
-    ASSERT_TRUE(there.OpenStream(std::move(second)));
+    ASSERT_TRUE(there.OpenStream(std::move(stream)));
     EXPECT_EQ(readAll(there, 100), "inner text");
 
     file.SetAutoOpenCompression(false);
-    ASSERT_TRUE(file.OpenStream(document, element(L"Packed"), COleStreamCompressFile::OpenReadOnly, nullptr));
+    ASSERT_TRUE(opens(L"Packed", reading));
     EXPECT_EQ(file.GetLength(), packed.size());
     EXPECT_TRUE(file.OpenCompression());
     EXPECT_EQ(readAll(file, 100), "inner text");
     file.SetAutoOpenCompression(true);
-    EXPECT_FALSE(
-        file.OpenStream(document, element(L"Plain"), COleStreamCompressFile::OpenForWriting, nullptr));
-    EXPECT_FALSE(file.OpenStream(
-        document, element(L"Packed"),
-        COleStreamCompressFile::OpenReadOnly | COleStreamCompressFile::OpenForWriting, nullptr));
+    EXPECT_FALSE(opens(L"Plain", writing));
+    EXPECT_FALSE(opens(L"Packed", reading | writing));
 }
 
 } // namespace
