@@ -134,7 +134,8 @@ private:
 };
 
 TEST_F(ProcessExit, WaitsForNobodyAndLeavesNothing) {
-    const char* const wanted = std::getenv("VEXEL_TEST_EXITS"); // rounds of 24 exits, a third of a second each
+    // Rounds of 24 exits, which take 8 seconds.
+    const char* const wanted = std::getenv("VEXEL_TEST_EXITS");
     const long rounds = wanted ? std::strtol(wanted, nullptr, 10) : 3;
     for (long round = 0; round < rounds; ++round) {
         for (const std::wstring activity :
