@@ -2,8 +2,8 @@
 
   surface_check.py BIN_DIRECTORY OBJDUMP [--write]
 
-Exported classes are listed with their members' names, inline ones excepted, and by what else the compiler makes for
-them; of the imports the compiler's runtime is left out, which differs with its options. With --write the list is made
+Exported classes are listed with the names of their public and protected members, inline ones excepted, and by what
+else the compiler makes for them; of the imports the compiler's runtime is left out, which differs with its options. With --write the list is made
 anew; look at what changes in it.
 """
 
@@ -14,6 +14,7 @@ import subprocess
 import sys
 
 LIST = pathlib.Path(__file__).with_name("surface.txt")
+HEADERS = LIST.parents[2] / "include" / "vexel"
 DLLS = ["vexelstorage.dll", "vxdiagnostics.dll", "vxframework.dll"]
 
 # What the application's own diagnostics library has: the DLL must not ask for more.
@@ -31,7 +32,15 @@ def tables(objdump, dll):
     return re.findall(r"^\s*\[\s*\d+\] (?:\+base\[\s*\d+\]\s+[0-9a-f]+ )?(\S+)", exported, re.M), imported
 
 
-def readable(names):
+def accessible():
+    """The functions' names in the public headers, but for those of private members and of structures in them."""
+    headers = "\n".join(path.read_text(encoding="utf-8") for path in sorted(HEADERS.glob("*.h")))
+    headers = re.sub(r"//.*", "", headers)
+    headers = re.sub(r"^( *)private:\n.*?(?=^\1(?:public|protected):|^\1};)", "", headers, flags=re.M | re.S)
+    return set(re.findall(r"(~?\w+)(?:\(|;| =)", headers))
+
+
+def readable(names, known):
     """One line a class, or for all that belongs to none, with what is exported of it."""
     plain = subprocess.run(["c++filt"], input="\n".join(names), check=True, capture_output=True, text=True).stdout
     owners = {}
@@ -45,16 +54,17 @@ def readable(names):
             owner, _, member = whole.rpartition("::")
             if owner in ("", "Vexel", "vxio", "Vexel::Hash"):
                 owner, member = "(no class)", whole
-        owners.setdefault(owner, set()).add(member)
+        if owner == "(no class)" or member.startswith(("(", "operator")) or member in known:
+            owners.setdefault(owner, set()).add(member)
     return [f"    {owner}: {' '.join(sorted(members))}" for owner, members in sorted(owners.items())]
 
 
 def describe(folder, objdump):
-    lines, faults = [], []
+    lines, faults, known = [], [], accessible()
     for dll in DLLS:
         exported, imported = tables(objdump, folder / dll)
         others = [f"    {other}" for other in sorted(imported) if not other.startswith("lib")]
-        lines += [f"{dll} exports", *readable(exported), f"{dll} imports from", *others]
+        lines += [f"{dll} exports", *readable(exported, known), f"{dll} imports from", *others]
         excess = set(imported.get("vxdiagnostics.dll", [])) - DIAGNOSTICS
         if excess:
             faults.append(f"{dll} imports {', '.join(sorted(excess))}, which an application's library does not have")
