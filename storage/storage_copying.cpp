@@ -353,7 +353,8 @@ long StorageRef::copyTo(const StorageRef& target) const {
             format() == StorageFormat::CompoundFile && target.format() == StorageFormat::Package;
         const bool byElement = converts && !isForeign();
         // Where the source is damaged, the system's copy would not come back, and what reading makes of it is
-        // not the whole. A row of elements that is too long for that takes as much time as its length squared.
+        // not the whole. A row of elements that is too long for that takes as much time as its length
+        // squared.
         const CompoundVerdict look =
             checkSource(*from.get(), byElement ? CompoundAccess::Copy : CompoundAccess::Snapshot);
         HRESULT status = S_OK;
