@@ -360,8 +360,11 @@ private:
             return damaged("an element stands in more than one place", entry);
         if (step.storages > kDeepestStorage)
             return damaged("storages are nested too deeply", entry);
-        if (step.steps > (recursing() ? kMostStepsCopied : kMostStepsWalked))
-            return damaged("too many elements stand in one row", entry);
+        if (step.steps > (recursing() ? kMostStepsCopied : kMostStepsWalked)) {
+            damaged("too many elements stand in one row", entry);
+            verdict_.isTooLong = true;
+            return false;
+        }
         step.entry = entry;
         pending.push_back(step);
         return true;

@@ -44,22 +44,25 @@ enum class CompoundAccess {
 };
 
 struct CompoundVerdict {
-    /// S_OK; STG_E_INVALIDHEADER: not a compound file; STG_E_DOCFILECORRUPT: damaged.
+    /// S_OK; STG_E_INVALIDHEADER: not a compound file; STG_E_DOCFILECORRUPT: damaged; S_FALSE: nothing is
+    /// known of it.
     HRESULT status = S_OK;
     /// What is wrong, for the log; empty for S_OK.
     const char* what = "";
     /// Where: the number of the sector, mini sector or element that `what` speaks of, else 0.
     std::uint64_t where = 0;
+    /// What is wrong is only that going from element to element takes too long, or too much of the stack.
+    bool isTooLong = false;
 };
 
 /// Judges the bytes. Throws std::bad_alloc.
 CompoundVerdict checkCompound(CompoundSource& source, CompoundAccess access);
 
 /// Judges the file at `path`, without keeping anyone else from reading, writing or deleting it. A damaged
-/// file is logged with what is wrong where. S_OK also when the file cannot be read: the system's own open
-/// says that better. A file that another process is writing may look damaged for a moment; it is looked at
+/// file is logged with what is wrong where. S_FALSE when the file cannot be read: the system's own open says
+/// better why. A file that another process is writing may look damaged for a moment; it is looked at
 /// again before it is refused.
 ///  - STG_E_INVALIDHEADER, STG_E_DOCFILECORRUPT: as above. STG_E_INSUFFICIENTMEMORY.
-HRESULT checkCompoundFile(const wchar_t* path, CompoundAccess access) noexcept;
+CompoundVerdict checkCompoundFile(const wchar_t* path, CompoundAccess access) noexcept;
 
 } // namespace Vexel::Detail

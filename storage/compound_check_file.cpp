@@ -56,17 +56,18 @@ private:
     bool failed_ = false;
 };
 
-/// What a file that cannot be read gets: nothing is said about it.
+constexpr CompoundVerdict kUnknown{S_FALSE};
+
 CompoundVerdict look(const wchar_t* path, CompoundAccess access) {
     FileHandle file = openFile(path, FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE);
     if (!file)
-        return {};
+        return kUnknown;
     const auto size = FileSource::sizeOf(file);
     if (!size)
-        return {};
+        return kUnknown;
     FileSource source(std::move(file), *size);
     const CompoundVerdict verdict = checkCompound(source, access);
-    return source.failed() ? CompoundVerdict{} : verdict;
+    return source.failed() ? kUnknown : verdict;
 }
 
 bool isBeingWritten(const wchar_t* path) noexcept {
@@ -88,15 +89,15 @@ CompoundVerdict lookUntilSteady(const wchar_t* path, CompoundAccess access) {
 
 } // namespace
 
-HRESULT checkCompoundFile(const wchar_t* path, CompoundAccess access) noexcept {
+CompoundVerdict checkCompoundFile(const wchar_t* path, CompoundAccess access) noexcept {
     try {
         const CompoundVerdict verdict = lookUntilSteady(path, access);
         if (verdict.status == STG_E_DOCFILECORRUPT)
             VxLog_WriteW(VxLog_Minor, L"the compound file \"%ls\" is damaged: %hs (%llu)", path, verdict.what,
                          static_cast<unsigned long long>(verdict.where));
-        return verdict.status;
+        return verdict;
     } catch (const std::bad_alloc&) {
-        return STG_E_INSUFFICIENTMEMORY;
+        return {STG_E_INSUFFICIENTMEMORY};
     }
 }
 

@@ -174,7 +174,9 @@ long VxCompoundStorage::openRoot(DWORD stgm) {
 
 /// Looks at a file before the system does, once for all attempts to open it.
 HRESULT VxCompoundStorage::check(const SharedPathName& path, DWORD stgm) {
-    const auto look = [&] { return Vexel::Detail::checkCompoundFile(path.asString(), accessOf(stgm)); };
+    const auto look = [&] {
+        return Vexel::Detail::checkCompoundFile(path.asString(), accessOf(stgm)).status;
+    };
     const HRESULT sound = look();
     return FAILED(sound) && VxStorage::retryAfterFailure(sound) ? look() : sound;
 }

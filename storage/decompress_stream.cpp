@@ -17,7 +17,9 @@ void seekTo(::IStream* stream, DWORD origin, unsigned long long offset) {
 HRESULT writeAll(::IStream* destination, const void* bytes, ULONG count) {
     ULONG written = 0;
     const HRESULT status = destination->Write(bytes, count, &written);
-    return SUCCEEDED(status) && written < count ? STG_E_MEDIUMFULL : status;
+    if (status != S_OK)
+        return FAILED(status) ? status : STG_E_WRITEFAULT;
+    return written < count ? STG_E_MEDIUMFULL : S_OK;
 }
 
 /// S_OK, or why a write failed; S_FALSE when the source does not begin as gzip does.

@@ -77,8 +77,9 @@ HRESULT openCompound(::IStream* stream, IStorage** result) {
 }
 
 HRESULT openCompound(const wchar_t* path, IStorage** result) {
-    if (const HRESULT sound = Vexel::Detail::checkCompoundFile(path, CompoundAccess::Snapshot); FAILED(sound))
-        return sound;
+    const auto verdict = Vexel::Detail::checkCompoundFile(path, CompoundAccess::Snapshot);
+    if (FAILED(verdict.status))
+        return verdict.status;
     return StgOpenStorage(path, nullptr, compoundMode, nullptr, 0, result);
 }
 

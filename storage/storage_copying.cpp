@@ -18,6 +18,7 @@
 #include <vector>
 
 using Vexel::Detail::CompoundAccess;
+using Vexel::Detail::CompoundVerdict;
 using Vexel::Detail::elementName;
 using Vexel::Detail::ItemRef;
 using Vexel::Detail::withStatus;
@@ -46,10 +47,10 @@ HRESULT commitUpwards(VxStorage* storage) {
 
 /// Whether a source can be copied and nothing of it is missing, which no reading would tell. A caller's
 /// interface is not looked at.
-HRESULT checkSource(const VxStorage& source, CompoundAccess access) {
+CompoundVerdict checkSource(const VxStorage& source, CompoundAccess access) {
     const SharedPathName& file = source.root()->name();
     if (source.format() != StorageFormat::CompoundFile || file.empty())
-        return S_OK;
+        return {S_FALSE};
     return Vexel::Detail::checkCompoundFile(file.asString(), access);
 }
 
@@ -312,12 +313,13 @@ private:
 };
 
 /// A copy by the storage's own means. The system's stops at the first element that it cannot copy, and takes
-/// streams that deliver less than their size for whole; packages do neither.
-HRESULT copyByItself(VxStorage& source, VxStorage& target) {
+/// streams that deliver less than their size for whole; packages do neither. So where no look has found that
+/// the source `isComplete`, all of it is read once more.
+HRESULT copyByItself(VxStorage& source, VxStorage& target, bool isComplete) {
     HRESULT status = outcomeOf(plainCopy(source, target));
     if (source.format() != StorageFormat::CompoundFile)
         return status;
-    if (status == S_OK)
+    if (status == S_OK && !isComplete)
         status = ElementWalk(source, nullptr).run();
     const bool isFull =
         status == STG_E_MEDIUMFULL || status == STG_E_TOOMANYOPENFILES || isMemoryExhausted(status);
@@ -351,16 +353,17 @@ long StorageRef::copyTo(const StorageRef& target) const {
             format() == StorageFormat::CompoundFile && target.format() == StorageFormat::Package;
         const bool byElement = converts && !isForeign();
         // Where the source is damaged, the system's copy would not come back, and what reading makes of it is
-        // not the whole.
-        const HRESULT sound =
+        // not the whole. A row of elements that is too long for that takes as much time as its length
+        // squared.
+        const CompoundVerdict look =
             checkSource(*from.get(), byElement ? CompoundAccess::Copy : CompoundAccess::Snapshot);
         HRESULT status = S_OK;
-        if (SUCCEEDED(sound) && !byElement)
-            status = copyByItself(*from.get(), *to.get());
-        else if (!isAtOrBelow(to.get(), *from.get()))
+        if (SUCCEEDED(look.status) && !byElement)
+            status = copyByItself(*from.get(), *to.get(), look.status == S_OK);
+        else if (!look.isTooLong && !isAtOrBelow(to.get(), *from.get()))
             status = ElementWalk(*from.get(), to.get()).run();
-        if (SUCCEEDED(status))
-            status = sound;
+        if (SUCCEEDED(status) && FAILED(look.status))
+            status = look.status;
         if (FAILED(status))
             VxLog_WriteW(VxLog_Minor, L"Failed to copy \"%ls\" to \"%ls\": 0x%08x",
                          whereabouts(*from.get()).c_str(), whereabouts(*to.get()).c_str(),

@@ -315,7 +315,7 @@ TEST_F(Damage, SizesThatNothingHolds) {
     for (const Form& form : {Form{9}, Form{12}})
         for (const std::uint32_t element : {0U, 1U, 2U, 3U})
             for (const std::uint32_t size : {4095U, 4097U, 9000U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU})
-                for (const std::uint32_t high : {0U, 1U, 0x80000000U, 0xFFFFFFFFU}) {
+                for (const std::uint32_t high : {0U, 1U, 0xFFFFFFFFU}) {
                     CompoundImage image = CompoundImage::document(form, size % 2 == 0);
                     image.element(element, CompoundImage::Size) = size;
                     image.element(element, CompoundImage::SizeHigh) = high;
@@ -396,7 +396,7 @@ TEST_F(Damage, BytesAnywhere) {
     const struct {
         const wchar_t* sample;
         std::size_t begin, strides;
-    } sweeps[] = {{L"namesdemo.xls", 24, 60}, {L"foreign-tree.cfb", 512, 12}};
+    } sweeps[] = {{L"namesdemo.xls", 24, 40}, {L"foreign-tree.cfb", 512, 12}};
     for (const auto& [sample, begin, strides] : sweeps) {
         std::string bytes = Support::readFile(Support::samplePath(sample));
         const std::size_t stride = bytes.size() / strides | 1;

@@ -426,6 +426,22 @@ TEST_F(CopyingOfFakes, AFailureAnywhereFailsTheCopy) {
     }
 }
 
+// Nor may a package take what is neither S_OK nor a failure for success, where others are to take its
+// elements.
+TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
+    const StorageRef source = package();
+    copy(compound({{L"A", ""}, {L"B/", {}}, {L"B/C", ""}}), source);
+    for (size_t at = 0, asked = 1; asked > 0; ++at) {
+        targetCalls_.failures = {{at, 0x20000002}};
+        const long status = source.copyTo(target_);
+        const std::vector<std::wstring> calls = std::exchange(targetCalls_.log, {});
+        asked = at < calls.size() ? calls.size() : 0;
+        const bool isCreating = asked && calls[at].starts_with(L"Create");
+        EXPECT_EQ(status, isCreating ? STG_E_READFAULT : S_OK) << at;
+        EXPECT_GE(calls.size(), at < 3 ? 4U : 0U);
+    }
+}
+
 TEST_F(CopyingOfFakes, StreamsThatEndEarlyAreLeftOut) {
     calls_.elements = {{L"First", STGTY_STREAM}};
     calls_.size = 5;

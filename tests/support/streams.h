@@ -36,6 +36,7 @@ public:
         rewind();
     }
     unsigned writesLeft = ~0U;
+    HRESULT writing = STG_E_WRITEFAULT; ///< what the write behind these ends in
     bool readFails = false;
     bool cloneFails = false;
 
@@ -43,7 +44,7 @@ public:
         return readFails ? STG_E_READFAULT : InMemoryIStream::Read(data, size, done);
     }
     HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG size, ULONG* done) noexcept override {
-        return writesLeft-- == 0 ? STG_E_WRITEFAULT : InMemoryIStream::Write(data, size, done);
+        return writesLeft-- == 0 ? writing : InMemoryIStream::Write(data, size, done);
     }
     HRESULT STDMETHODCALLTYPE Clone(::IStream** clone) noexcept override {
         return cloneFails ? STG_E_TOOMANYOPENFILES : InMemoryIStream::Clone(clone);
