@@ -6,6 +6,7 @@
 #include "archive/rw_lock.h"
 #include "archive/szip_stream.h"
 #include "archive/update_step.h"
+#include "paths/status_guard.h"
 
 #include <vexel/archive.h>
 
@@ -70,6 +71,15 @@ public:
     /// Copies an item, or nothing for the empty path, and all below it.
     HRESULT addTree(const SZipArchivePrivate& source, std::wstring_view sourcePath,
                     std::wstring_view targetPath);
+
+    /// Runs `body`, and turns exhausted memory into its status. STG_E_INUSE when the lock cannot be had.
+    template <class Body>
+    HRESULT locked(RwGuard::Mode mode, const Body& body) const {
+        return Detail::withStatus([&]() -> HRESULT {
+            const RwGuard guard(lock, mode);
+            return guard ? body() : STG_E_INUSE;
+        });
+    }
 
     // With at least a share of it:
 

@@ -157,10 +157,7 @@ HRESULT SZipArchivePrivate::saveTo(IStream* destination) const {
 HRESULT SZipArchive::save(bool flushAfterwards) {
     if (private_->readOnly)
         return STG_E_ACCESSDENIED;
-    const HRESULT status = withStatus([&] {
-        const RwGuard guard(private_->lock, RwGuard::Exclusive);
-        return private_->save();
-    });
+    const HRESULT status = private_->locked(RwGuard::Exclusive, [&] { return private_->save(); });
     if (status == S_OK && flushAfterwards)
         flush(std::wstring_view());
     return status;
@@ -169,10 +166,7 @@ HRESULT SZipArchive::save(bool flushAfterwards) {
 HRESULT SZipArchive::save(IStream* destination) const {
     if (!destination)
         return STG_E_INVALIDPOINTER;
-    return withStatus([&] {
-        const RwGuard guard(private_->lock, RwGuard::Shared);
-        return private_->saveTo(destination);
-    });
+    return private_->locked(RwGuard::Shared, [&] { return private_->saveTo(destination); });
 }
 
 } // namespace Vexel::Storage

@@ -101,7 +101,9 @@ HRESULT DatabaseStream::readStart(StartHeader& start) const {
 
 // The start header holds a checksum of itself and of all that the database was read from.
 HRESULT DatabaseStream::open() const {
-    const std::scoped_lock lock(opening_);
+    const auto lock = lockUnlessEnding(opening_);
+    if (!lock)
+        return STG_E_INUSE;
     if (isOnStream() || file_.isOpen())
         return S_OK;
     std::shared_ptr<DatabaseStream> again;
