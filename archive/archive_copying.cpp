@@ -40,6 +40,11 @@ HRESULT SZipArchivePrivate::borrowPackedData(const SZipArchivePrivate& source) {
     for (const auto& [path, item] : items)
         if (item.databaseIndex_ >= 0)
             return STG_E_INVALIDFUNCTION;
+    if (database == source.database)
+        return S_OK;
+    // The file that was read is still the one to be replaced.
+    if (!ownDatabase_ && database && database->isOf(StringLess::view(fileName)))
+        ownDatabase_ = std::move(database);
     database = source.database;
     return S_OK;
 }
