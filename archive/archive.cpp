@@ -37,15 +37,12 @@ SZipArchive::~SZipArchive() {
 }
 
 HRESULT SZipArchive::reload() {
-    return Detail::withStatus([&] {
-        const RwGuard guard(private_->lock, RwGuard::Exclusive);
-        return private_->reload();
-    });
+    return private_->locked(RwGuard::Exclusive, [&] { return private_->reload(); });
 }
 
 HRESULT SZipArchive::openingStatus() const {
     const RwGuard guard(private_->lock, RwGuard::Shared);
-    return private_->openingStatus();
+    return guard ? private_->openingStatus() : STG_E_INUSE;
 }
 
 const CString& SZipArchive::fileName() const noexcept { return private_->fileName; }
@@ -65,11 +62,13 @@ SZipArchiveItem* SZipArchive::item(std::wstring_view path) const {
 
 bool SZipArchive::hasDirectory(const CString& path) const {
     const RwGuard guard(private_->lock, RwGuard::Shared);
-    return private_->hasDirectory(StringLess::view(path));
+    return guard && private_->hasDirectory(StringLess::view(path));
 }
 
 void SZipArchive::itemTimes(const CString& path, FILETIME& creation, FILETIME& modification) const {
     const RwGuard guard(private_->lock, RwGuard::Shared);
+    if (!guard)
+        return;
     const auto found = private_->items.find(path);
     if (found == private_->items.end())
         return;
@@ -79,14 +78,14 @@ void SZipArchive::itemTimes(const CString& path, FILETIME& creation, FILETIME& m
 
 bool SZipArchive::isEmpty() const {
     const RwGuard guard(private_->lock, RwGuard::Shared);
-    return private_->items.empty();
+    return !guard || private_->items.empty();
 }
 
 bool SZipArchive::isChanged() const noexcept { return *private_->changed; }
 
 bool SZipArchive::fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const {
     const RwGuard guard(private_->lock, RwGuard::Shared);
-    return private_->database && private_->database->fileTimes(creation, lastWrite, lastAccess);
+    return guard && private_->database && private_->database->fileTimes(creation, lastWrite, lastAccess);
 }
 
 } // namespace Vexel::Storage

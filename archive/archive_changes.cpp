@@ -48,6 +48,8 @@ HRESULT SZipArchivePrivate::createFile(const CString& path, bool failIfExists, b
             return extract(item, path, result);
     }
     const RwGuard guard(item.lock_, RwGuard::Exclusive);
+    if (!guard)
+        return STG_E_INUSE;
     item.contents_ = contents;
     item.isAnti_ = false; // a mark for a deletion has no contents
     *changed = true;
@@ -112,6 +114,8 @@ HRESULT SZipArchive::createFile(IStream** result, const CString& path, bool fail
         return status;
     return withStatus([&]() -> HRESULT {
         RwGuard guard(private_->lock, RwGuard::Shared);
+        if (!guard)
+            return STG_E_INUSE;
         // A missing parent makes the name invalid here, while `createDirectory` does not find it: callers
         // tell the two apart.
         if (private_->checkNewPath(text) != S_OK)
@@ -128,6 +132,8 @@ HRESULT SZipArchive::createDirectory(const CString& path, bool failIfExists, boo
         return status;
     return withStatus([&]() -> HRESULT {
         RwGuard guard(private_->lock, RwGuard::Shared);
+        if (!guard)
+            return STG_E_INUSE;
         if (const HRESULT status = private_->checkNewPath(text); status != S_OK)
             return status;
         if (const bool isSame = guard.upgrade(); !isSame)
@@ -140,8 +146,7 @@ HRESULT SZipArchive::createDirectory(const CString& path, bool failIfExists, boo
 HRESULT SZipArchive::remove(std::wstring_view path) {
     if (const HRESULT status = checkChange(*private_, path); FAILED(status))
         return status;
-    return withStatus([&]() -> HRESULT {
-        const RwGuard guard(private_->lock, RwGuard::Exclusive);
+    return private_->locked(RwGuard::Exclusive, [&]() -> HRESULT {
         const auto found = private_->items.find(path);
         if (found == private_->items.end())
             return STG_E_FILENOTFOUND;
@@ -158,10 +163,7 @@ HRESULT SZipArchive::move(std::wstring_view from, std::wstring_view to) {
             return status;
     if (!isNewItemPath(to))
         return STG_E_INVALIDNAME;
-    return withStatus([&]() -> HRESULT {
-        const RwGuard guard(private_->lock, RwGuard::Exclusive);
-        return private_->move(from, to);
-    });
+    return private_->locked(RwGuard::Exclusive, [&]() -> HRESULT { return private_->move(from, to); });
 }
 
 HRESULT SZipArchive::clear(std::wstring_view path) {
@@ -169,8 +171,7 @@ HRESULT SZipArchive::clear(std::wstring_view path) {
         return STG_E_ACCESSDENIED;
     if (path.starts_with(L'/'))
         return STG_E_INVALIDNAME;
-    return withStatus([&]() -> HRESULT {
-        const RwGuard guard(private_->lock, RwGuard::Exclusive);
+    return private_->locked(RwGuard::Exclusive, [&]() -> HRESULT {
         if (path.empty() && private_->items.empty())
             return S_OK;
         if (!path.empty()) {
@@ -191,10 +192,8 @@ HRESULT SZipArchive::flush(std::wstring_view path) {
         return S_OK;
     if (path.starts_with(L'/'))
         return STG_E_INVALIDNAME;
-    return withStatus([&]() -> HRESULT {
-        const RwGuard guard(private_->lock, RwGuard::Shared);
-        return private_->flush(path, &SZipArchiveItem::flush);
-    });
+    return private_->locked(RwGuard::Shared,
+                            [&]() -> HRESULT { return private_->flush(path, &SZipArchiveItem::flush); });
 }
 
 HRESULT SZipArchive::flushIfIdle(std::wstring_view path) {

@@ -21,6 +21,8 @@ public:
         : first_(lower(target, source), modeOf(lower(target, source), target)),
           second_(upper(target, source), modeOf(upper(target, source), target)) {}
 
+    explicit operator bool() const noexcept { return first_ && second_; }
+
 private:
     static RwLockWord& lower(RwLockWord& a, RwLockWord& b) noexcept { return std::less<>()(&a, &b) ? a : b; }
     static RwLockWord& upper(RwLockWord& a, RwLockWord& b) noexcept { return std::less<>()(&a, &b) ? b : a; }
@@ -38,6 +40,11 @@ HRESULT SZipArchivePrivate::borrowPackedData(const SZipArchivePrivate& source) {
     for (const auto& [path, item] : items)
         if (item.databaseIndex_ >= 0)
             return STG_E_INVALIDFUNCTION;
+    if (database == source.database)
+        return S_OK;
+    // The file that was read is still the one to be replaced.
+    if (!ownDatabase_ && database && database->isOf(StringLess::view(fileName)))
+        ownDatabase_ = std::move(database);
     database = source.database;
     return S_OK;
 }
@@ -45,6 +52,8 @@ HRESULT SZipArchivePrivate::borrowPackedData(const SZipArchivePrivate& source) {
 HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZipArchiveItem& item,
                                     const CString& sourcePath, const CString& targetPath) {
     const RwGuard itemGuard(item.lock_, RwGuard::Shared);
+    if (!itemGuard)
+        return STG_E_INUSE;
     const auto existing = items.find(targetPath);
     if (existing != items.end())
         return item.isDirectory_ && existing->second.isDirectory_ ? S_OK : STG_E_FILEALREADYEXISTS;
@@ -80,7 +89,7 @@ HRESULT SZipArchive::borrowPackedData(const SZipArchive& source) {
         return S_OK;
     return withStatus([&] {
         const CopyGuard guard(private_->lock, source.private_->lock);
-        return private_->borrowPackedData(*source.private_);
+        return guard ? private_->borrowPackedData(*source.private_) : STG_E_INUSE;
     });
 }
 
@@ -115,7 +124,8 @@ HRESULT SZipArchive::addItem(const SZipArchive& source, std::wstring_view source
         return STG_E_INVALIDNAME;
     return withStatus([&] {
         const CopyGuard guard(private_->lock, source.private_->lock);
-        return private_->addTree(*source.private_, sourcePath, StringLess::view(targetPath));
+        return guard ? private_->addTree(*source.private_, sourcePath, StringLess::view(targetPath))
+                     : STG_E_INUSE;
     });
 }
 
@@ -129,7 +139,7 @@ HRESULT SZipArchive::addItems(const SZipArchive& source, const CString& path) {
         return STG_E_INVALIDFUNCTION;
     return withStatus([&] {
         const CopyGuard guard(private_->lock, source.private_->lock);
-        return private_->addTree(*source.private_, text, text);
+        return guard ? private_->addTree(*source.private_, text, text) : STG_E_INUSE;
     });
 }
 

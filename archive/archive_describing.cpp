@@ -30,6 +30,8 @@ HRESULT SZipArchivePrivate::describe(Update& update) const {
 
 HRESULT SZipArchivePrivate::describe(const CString& path, const SZipArchiveItem& item, Update& update) const {
     const RwGuard guard(item.lock_, RwGuard::Shared);
+    if (!guard)
+        return STG_E_INUSE;
     const int record = recordOf(item);
     Engine::UpdateEntry entry;
     entry.name = path;

@@ -134,6 +134,8 @@ HRESULT SZipArchivePrivate::extract(SZipArchiveItem& item, const CString& path, 
     if (item.isDirectory_)
         return STG_E_FILENOTFOUND;
     RwGuard guard(item.lock_, RwGuard::Shared);
+    if (!guard)
+        return STG_E_INUSE;
     if (item.contents_)
         return hand(item.contents_, result);
     std::optional<DynamicBuffer> bytes;
@@ -155,8 +157,7 @@ HRESULT SZipArchive::extractFile(IStream** result, std::wstring_view path) {
     *result = nullptr;
     if (!isItemPath(path))
         return STG_E_INVALIDNAME;
-    return Detail::withStatus([&]() -> HRESULT {
-        const RwGuard guard(private_->lock, RwGuard::Shared);
+    return private_->locked(RwGuard::Shared, [&]() -> HRESULT {
         const auto found = private_->items.find(path);
         return found == private_->items.end() ? STG_E_FILENOTFOUND
                                               : private_->extract(found->second, found->first, result);

@@ -9,7 +9,7 @@ SZipArchiveItem::~SZipArchiveItem() = default;
 
 unsigned long long SZipArchiveItem::size() const {
     const RwGuard guard(lock_, RwGuard::Shared);
-    return contents_ ? contents_->lockedSize() : size_;
+    return guard && contents_ ? contents_->lockedSize() : size_;
 }
 
 void SZipArchiveItem::setCreationTime(const FILETIME& time) noexcept {
@@ -30,7 +30,7 @@ void SZipArchiveItem::touch() noexcept {
 
 void SZipArchiveItem::flush() {
     const RwGuard guard(lock_, RwGuard::Exclusive);
-    if (canFlush())
+    if (guard && canFlush())
         contents_.Reset();
 }
 

@@ -6,6 +6,7 @@
 #include "archive/rw_lock.h"
 #include "archive/szip_stream.h"
 #include "archive/update_step.h"
+#include "paths/status_guard.h"
 
 #include <vexel/archive.h>
 
@@ -31,7 +32,7 @@ enum class FileState : std::uint8_t {
     Unread,  ///< It could not be read, or was not there.
     Stale,   ///< It was read, but could not be read again: what was not read before counts as missing for all
              ///< but a save.
-    Read     ///< `database` is that of the file.
+    Read     ///< `fileDatabase` is that of the file.
 };
 
 /// The state of an archive, and what is done to it. The functions expect the lock to be held as they say.
@@ -70,6 +71,15 @@ public:
     /// Copies an item, or nothing for the empty path, and all below it.
     HRESULT addTree(const SZipArchivePrivate& source, std::wstring_view sourcePath,
                     std::wstring_view targetPath);
+
+    /// Runs `body`, and turns exhausted memory into its status. STG_E_INUSE when the lock cannot be had.
+    template <class Body>
+    HRESULT locked(RwGuard::Mode mode, const Body& body) const {
+        return Detail::withStatus([&]() -> HRESULT {
+            const RwGuard guard(lock, mode);
+            return guard ? body() : STG_E_INUSE;
+        });
+    }
 
     // With at least a share of it:
 
@@ -132,9 +142,12 @@ private:
         std::vector<std::pair<SZipArchiveItem*, unsigned>> records;
         std::vector<std::pair<const CString*, const SZipArchiveItem*>> parents; ///< that have items
         std::vector<unsigned> outOfReach; ///< records that no storage leads to
+        bool contradictsMemory = false;   ///< a directory for one is a file for the other
     };
+    /// What becomes of items in memory that the file contradicts.
+    enum class Contradiction { FileHolds, Refused };
 
-    HRESULT read();
+    HRESULT read(Contradiction contradiction);
     HRESULT openInput(Database& fresh);
     Reading match(Database fresh);
     void addParents(Reading& reading);
@@ -173,9 +186,12 @@ private:
     HRESULT write(const Update& update, Engine::TemporaryFile& temporary, const CString& path,
                   Reading& written);
     HRESULT replaceFile(const CString& temporaryPath);
+    /// The database of the archive's own file, if that was read.
+    Database& fileDatabase() noexcept { return ownDatabase_ ? ownDatabase_ : database; }
     HRESULT finish(const Update& update, Reading&& written) noexcept;
     void markAllModified() noexcept;
 
+    Database ownDatabase_; ///< of the archive's file, while `database` is another's
     FileState fileState_ = FileState::Ignored;
     HRESULT openingStatus_ = S_OK;
 };

@@ -55,7 +55,7 @@ void SZipArchivePrivate::refresh(SZipArchiveItem& item, unsigned index) const no
 }
 
 HRESULT SZipArchivePrivate::openInput(Database& fresh) {
-    if (!database || !database->isOnStream())
+    if (ownDatabase_ || !database || !database->isOnStream())
         return Engine::openFile(fileName.GetString(), fresh);
     fresh = std::make_shared<Engine::DatabaseStream>(database->stream());
     database = std::make_shared<Engine::DatabaseStream>(fresh->stream());
@@ -79,6 +79,7 @@ SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
         SZipArchiveItem* item = nullptr;
         if (next != items.end()) {
             item = &next++->second;
+            reading.contradictsMemory |= item->isDirectory_ != fresh->database().Files[i].IsDir;
         } else {
             const auto made = added.try_emplace(place, toString(path), *this, false);
             item = &made->second;
@@ -116,6 +117,7 @@ void SZipArchivePrivate::addParents(Reading& reading) {
             const ItemMap::value_type* found = nullptr;
             for (; isReached && !found && !parent.empty(); parent = parentOf(parent)) {
                 found = entryOf(items, parent);
+                reading.contradictsMemory |= found && !found->second.isDirectory_;
                 if (!found)
                     found = entryOf(reading.added, parent);
                 isReached = found || add(parent);
@@ -132,6 +134,7 @@ void SZipArchivePrivate::takeOver(Reading&& reading) noexcept {
     for (auto& [path, item] : items)
         item.databaseIndex_ = -1;
     database = std::move(reading.database);
+    ownDatabase_.reset();
     if (items.empty())
         items.swap(reading.added); // merging would look each place up again
     else
@@ -175,7 +178,7 @@ bool SZipArchivePrivate::hasModifiedContents() const noexcept {
     });
 }
 
-HRESULT SZipArchivePrivate::read() {
+HRESULT SZipArchivePrivate::read(Contradiction contradiction) {
     const bool wasRead = fileState_ == FileState::Read || fileState_ == FileState::Stale;
     fileState_ = wasRead ? FileState::Stale : FileState::Unread;
     Database fresh;
@@ -184,14 +187,17 @@ HRESULT SZipArchivePrivate::read() {
         return openingStatus_;
     if (const HRESULT status = fresh->read(fileName.GetString()); status != S_OK)
         return status;
-    takeOver(match(std::move(fresh)));
+    Reading reading = match(std::move(fresh));
+    if (reading.contradictsMemory && contradiction == Contradiction::Refused)
+        return STG_E_FILEALREADYEXISTS;
+    takeOver(std::move(reading));
     return S_OK;
 }
 
 HRESULT SZipArchivePrivate::reload() {
     if (noFile)
         return S_OK;
-    const HRESULT status = read();
+    const HRESULT status = read(Contradiction::FileHolds);
     if (status == S_OK && hasModifiedContents())
         *changed = true;
     // What has no file is a new archive. What has one that cannot be opened now counts as such, too, but it

@@ -32,13 +32,15 @@ void logFailure(const wchar_t* format, const CString& path, HRESULT status) noex
 HRESULT SZipArchivePrivate::checkReplaceable() {
     if (fileState_ == FileState::Ignored)
         return S_OK;
-    if (!database) {
-        const HRESULT status = read(); // what the file has and memory has not is kept
+    const Database& own = fileDatabase();
+    if (!own) {
+        // What the file has and memory has not is kept.
+        const HRESULT status = read(Contradiction::Refused);
         *changed = true;
         return isAbsent(openingStatus_) ? S_OK : status;
     }
-    if (database->isOf(StringLess::view(fileName))) {
-        const HRESULT status = database->open();
+    if (own->isOf(StringLess::view(fileName))) {
+        const HRESULT status = own->checkFile();
         return isAbsent(status) ? S_OK : status;
     }
     Database other;
@@ -102,9 +104,10 @@ HRESULT SZipArchivePrivate::write(const Update& update, Engine::TemporaryFile& t
 
 // Nobody can replace a file while we have it open.
 HRESULT SZipArchivePrivate::replaceFile(const CString& temporaryPath) {
-    const bool closes = database && database.use_count() == 1 && database->isOf(StringLess::view(fileName));
+    const Database& own = fileDatabase();
+    const bool closes = own && own.use_count() == 1 && own->isOf(StringLess::view(fileName));
     if (closes)
-        database->closeFile();
+        own->closeFile();
     constexpr DWORD flags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED | MOVEFILE_WRITE_THROUGH;
     if (platform().moveFile(temporaryPath.GetString(), fileName.GetString(), flags))
         return S_OK;
@@ -113,7 +116,7 @@ HRESULT SZipArchivePrivate::replaceFile(const CString& temporaryPath) {
                  fileName.GetString(), static_cast<unsigned>(error));
     // Unless it works now, it is tried again whenever the file is needed.
     if (closes)
-        withStatus([this] { return database->open(); });
+        withStatus([&] { return own->open(); });
     markAllModified();
     return storageStatus(error);
 }
@@ -157,10 +160,7 @@ HRESULT SZipArchivePrivate::saveTo(IStream* destination) const {
 HRESULT SZipArchive::save(bool flushAfterwards) {
     if (private_->readOnly)
         return STG_E_ACCESSDENIED;
-    const HRESULT status = withStatus([&] {
-        const RwGuard guard(private_->lock, RwGuard::Exclusive);
-        return private_->save();
-    });
+    const HRESULT status = private_->locked(RwGuard::Exclusive, [&] { return private_->save(); });
     if (status == S_OK && flushAfterwards)
         flush(std::wstring_view());
     return status;
@@ -169,10 +169,7 @@ HRESULT SZipArchive::save(bool flushAfterwards) {
 HRESULT SZipArchive::save(IStream* destination) const {
     if (!destination)
         return STG_E_INVALIDPOINTER;
-    return withStatus([&] {
-        const RwGuard guard(private_->lock, RwGuard::Shared);
-        return private_->saveTo(destination);
-    });
+    return private_->locked(RwGuard::Shared, [&] { return private_->saveTo(destination); });
 }
 
 } // namespace Vexel::Storage

@@ -100,11 +100,7 @@ HRESULT DatabaseStream::readStart(StartHeader& start) const {
 }
 
 // The start header holds a checksum of itself and of all that the database was read from.
-HRESULT DatabaseStream::open() const {
-    const std::scoped_lock lock(opening_);
-    if (isOnStream() || file_.isOpen())
-        return S_OK;
-    std::shared_ptr<DatabaseStream> again;
+HRESULT DatabaseStream::openAgain(std::shared_ptr<DatabaseStream>& again) const {
     HRESULT status = openFile(path_.c_str(), again);
     if (status != S_OK)
         return status;
@@ -112,11 +108,27 @@ HRESULT DatabaseStream::open() const {
     status = again->readStart(start);
     if (status == S_OK && (again->fileSize_ != fileSize_ || start != start_))
         status = STG_E_INVALIDHEADER;
-    if (status == S_OK)
-        file_.take(again->file_);
-    else
+    if (status != S_OK)
         logFailure(VxLog_Error, kOpenFailure, path_.c_str(), status);
     return status;
+}
+
+HRESULT DatabaseStream::open() const {
+    const auto lock = lockUnlessEnding(opening_);
+    if (!lock)
+        return STG_E_INUSE;
+    if (isOnStream() || file_.isOpen())
+        return S_OK;
+    std::shared_ptr<DatabaseStream> again;
+    const HRESULT status = openAgain(again);
+    if (status == S_OK)
+        file_.take(again->file_);
+    return status;
+}
+
+HRESULT DatabaseStream::checkFile() const {
+    std::shared_ptr<DatabaseStream> again;
+    return openAgain(again);
 }
 
 HRESULT DatabaseStream::read(const wchar_t* archiveName) {

@@ -51,6 +51,9 @@ public:
     /// Opens the file again if it was closed. Failures are logged. STG_E_INVALIDHEADER when it is not the one
     /// that the database was read from.
     HRESULT open() const;
+    /// Whether that file is still at its path. Beside an open one, another may have come there: on a server,
+    /// or under systems that let an open file be replaced. The statuses are those of `open`.
+    HRESULT checkFile() const;
 
     /// An input with a position of its own; opens the file if need be. A stream that cannot be cloned is
     /// logged, and gives its code.
@@ -76,6 +79,7 @@ private:
     using StartHeader = std::array<std::byte, NArchive::N7z::kHeaderSize>;
 
     HRESULT readStart(StartHeader& start) const;
+    HRESULT openAgain(std::shared_ptr<DatabaseStream>& again) const;
     HRESULT readDatabase(const wchar_t* archiveName);
     HRESULT checkHeader(const wchar_t* archiveName, PlainHeader& header) const;
     HRESULT readHeader(const wchar_t* archiveName, PlainHeader&& header);

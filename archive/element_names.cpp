@@ -5,6 +5,7 @@
 #include "paths/status_guard.h"
 
 #include <algorithm>
+#include <new>
 #include <utility>
 
 namespace Vexel::Storage {
@@ -67,11 +68,15 @@ CString SZipArchivePrivate::childPath(std::wstring_view directory, std::wstring_
 
 CString SZipArchive::childPath(const CString& directory, std::wstring_view name) const {
     const RwGuard guard(private_->lock, RwGuard::Shared);
+    if (!guard)
+        throw std::bad_alloc();
     return private_->childPath(StringLess::view(directory), name);
 }
 
 CString SZipArchive::nameOf(const CString& path) const {
     const RwGuard guard(private_->lock, RwGuard::Shared);
+    if (!guard)
+        throw std::bad_alloc();
     const std::wstring_view text = StringLess::view(path);
     return private_->nameOf(parentOf(text), lastElement(text));
 }
@@ -81,8 +86,7 @@ HRESULT SZipArchive::visitChildren(
     const CString& path,
     const std::function<void(const CString& name, const SZipArchiveItem& item)>& visit) const {
     constexpr unsigned kFewSteps = 8;
-    return Detail::withStatus([&] {
-        const RwGuard guard(private_->lock, RwGuard::Shared);
+    return private_->locked(RwGuard::Shared, [&] {
         const auto& items = private_->items;
         const std::wstring_view directory = StringLess::view(path);
         const std::size_t start = directory.empty() ? 0 : directory.size() + 1;

@@ -1,6 +1,7 @@
 #include "archive/engine.h"
 
 #include "archive/engine_api.h"
+#include "paths/process_end.h"
 
 #include <7zip/Common/RegisterCodec.h>
 
@@ -55,6 +56,6 @@ void start() {
         std::abort();
 }
 
-unsigned threadCount() noexcept { return threads; }
+unsigned threadCount() noexcept { return Detail::isProcessEnding() ? 1 : threads.load(); }
 
 } // namespace Vexel::Storage::Engine

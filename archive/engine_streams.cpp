@@ -1,5 +1,7 @@
 #include "archive/engine_streams.h"
 
+#include "paths/process_end.h"
+
 #include <7zCrc.h>
 
 #include <algorithm>
@@ -74,18 +76,24 @@ HRESULT InStreamBase::QueryInterface(const GUID& iid, void** ppv) noexcept {
     return E_NOINTERFACE;
 }
 
+std::unique_lock<std::mutex> lockUnlessEnding(std::mutex& mutex) noexcept {
+    return Detail::isProcessEnding() ? std::unique_lock(mutex, std::try_to_lock) : std::unique_lock(mutex);
+}
+
 bool SharedFile::isOpen() const noexcept {
-    const std::scoped_lock lock(turn_);
-    return static_cast<bool>(file_);
+    const auto lock = lockUnlessEnding(turn_);
+    return lock && file_;
 }
 
 bool SharedFile::times(FILETIME* creation, FILETIME* lastAccess, FILETIME* lastWrite) const noexcept {
-    const std::scoped_lock lock(turn_);
-    return file_ && platform().getFileTime(file_.get(), creation, lastAccess, lastWrite);
+    const auto lock = lockUnlessEnding(turn_);
+    return lock && file_ && platform().getFileTime(file_.get(), creation, lastAccess, lastWrite);
 }
 
 HRESULT SharedFile::read(std::uint64_t offset, void* data, std::uint32_t size, std::uint32_t& done) noexcept {
-    const std::scoped_lock lock(turn_);
+    const auto lock = lockUnlessEnding(turn_);
+    if (!lock)
+        return STG_E_INUSE;
     if (offset != systemPosition_) {
         if (!moveTo(file_.get(), offset)) {
             const DWORD error = GetLastError();
@@ -106,7 +114,7 @@ HRESULT SharedFile::read(std::uint64_t offset, void* data, std::uint32_t size, s
 }
 
 void SharedFile::reset(Detail::FileHandle file) noexcept {
-    const std::scoped_lock lock(turn_);
+    const auto lock = lockUnlessEnding(turn_);
     file_.close();
     file_ = std::move(file);
     systemPosition_ = 0;

@@ -32,6 +32,9 @@ protected:
     FirstFailure failure_;
 };
 
+/// Locks it, but at the end of the process only if nobody held it who was ended.
+std::unique_lock<std::mutex> lockUnlessEnding(std::mutex& mutex) noexcept;
+
 /// A file open for reading, for any number of readers on any threads. They take turns: a read at a place
 /// given with it, which needs no turns, costs as much as twenty of those below under Wine, and the system
 /// lets no two calls at such a file at the same time anyway.

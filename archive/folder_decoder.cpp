@@ -34,8 +34,8 @@ class DecoderPool {
 public:
     std::unique_ptr<CDecoder> take() {
         {
-            const std::scoped_lock lock(mutex_);
-            if (!idle_.empty()) {
+            const auto lock = lockUnlessEnding(mutex_);
+            if (lock && !idle_.empty()) {
                 std::unique_ptr<CDecoder> decoder = std::move(idle_.back());
                 idle_.pop_back();
                 return decoder;
@@ -45,8 +45,8 @@ public:
     }
 
     void giveBack(std::unique_ptr<CDecoder> decoder) {
-        const std::scoped_lock lock(mutex_);
-        if (idle_.size() < threadCount())
+        const auto lock = lockUnlessEnding(mutex_);
+        if (lock && idle_.size() < threadCount())
             idle_.push_back(std::move(decoder));
     }
 

@@ -60,17 +60,19 @@ void SZipStream::markChanged() noexcept {
 }
 
 unsigned long long SZipStream::lockedSize() const noexcept {
-    const RwGuard guard(shared().lock, RwGuard::Shared);
+    const RwGuard guard(shared().lock, RwGuard::Shared); // or not, at the end of the process
     return size();
 }
 
 void SZipStream::setPath(const CString& path) noexcept {
-    const RwGuard guard(shared().lock, RwGuard::Exclusive);
-    shared().origin.path = path;
+    if (const RwGuard guard(shared().lock, RwGuard::Exclusive); guard)
+        shared().origin.path = path;
 }
 
 DynamicBuffer SZipStream::copyBytes() const {
     const RwGuard guard(shared().lock, RwGuard::Shared);
+    if (!guard)
+        throw std::bad_alloc();
     DynamicBuffer copy;
     if (size() == 0)
         return copy;
@@ -84,16 +86,21 @@ DynamicBuffer SZipStream::copyBytes() const {
 
 HRESULT SZipStream::Read(void* pv, ULONG cb, ULONG* pcbRead) noexcept {
     const RwGuard guard(shared().lock, RwGuard::Shared);
-    return InMemoryIStream::Read(pv, cb, pcbRead);
+    if (guard)
+        return InMemoryIStream::Read(pv, cb, pcbRead);
+    if (pcbRead)
+        *pcbRead = 0;
+    return STG_E_INUSE;
 }
 
 HRESULT SZipStream::Write(const void* pv, ULONG cb, ULONG* pcbWritten) noexcept {
-    if (isReadOnly()) {
-        if (pcbWritten)
-            *pcbWritten = 0;
+    if (pcbWritten)
+        *pcbWritten = 0;
+    if (isReadOnly())
         return STG_E_ACCESSDENIED;
-    }
     const RwGuard guard(shared().lock, RwGuard::Exclusive);
+    if (!guard)
+        return STG_E_INUSE;
     const HRESULT status = InMemoryIStream::Write(pv, cb, pcbWritten);
     if (SUCCEEDED(status))
         markChanged();
@@ -104,6 +111,8 @@ HRESULT SZipStream::SetSize(ULARGE_INTEGER newSize) noexcept {
     if (isReadOnly())
         return STG_E_ACCESSDENIED;
     const RwGuard guard(shared().lock, RwGuard::Exclusive);
+    if (!guard)
+        return STG_E_INUSE;
     const HRESULT status = InMemoryIStream::SetSize(newSize);
     if (SUCCEEDED(status))
         markChanged();
@@ -112,6 +121,8 @@ HRESULT SZipStream::SetSize(ULARGE_INTEGER newSize) noexcept {
 
 HRESULT SZipStream::Stat(STATSTG* pstatstg, DWORD flags) noexcept {
     const RwGuard guard(shared().lock, RwGuard::Shared);
+    if (!guard)
+        return STG_E_INUSE;
     const HRESULT status = InMemoryIStream::Stat(pstatstg, flags);
     if (FAILED(status))
         return status;

@@ -258,7 +258,12 @@ public:
     /// folder are, because one is changed or removed, the others are unpacked and written one by one.
     ///  - STG_E_ACCESSDENIED: read-only, or (as the Win32 code) the file is in use.
     ///  - STG_E_FILENOTFOUND: contents that were never read are gone with their file.
-    ///  - STG_E_FILEALREADYEXISTS: this archive was read from, or borrows from, another file.
+    ///  - STG_E_FILEALREADYEXISTS: there is a file, but this archive was read from another one, or has not read
+    ///    any and borrows; or of a file that is read only now, a file has the path of a directory in memory, or
+    ///    the other way round.
+    ///  - STG_E_INVALIDHEADER: the file that was read is not the one that is there.
+    ///  - STG_E_INUSE, from whatever takes a lock: only at the end of the process, when a thread was ended while
+    ///    it was changing the archive.
     ///  - STG_E_READFAULT: contents that have to be unpacked are damaged.
     ///  - Win32 codes of opening, creating, writing and replacing; the engine's codes; those of `reload`.
     HRESULT save(bool flushAfterwards);

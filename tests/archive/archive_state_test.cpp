@@ -14,7 +14,7 @@
 #include <gtest/gtest.h>
 
 #include <filesystem>
-#include <functional>
+#include <memory>
 #include <optional>
 #include <string>
 
@@ -139,7 +139,7 @@ struct Loss {
 // The file goes while it is replaced or opened again: nothing is left of it, but all is in memory.
 TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
     for (const Loss& loss : {Loss{"replacing", ArchiveFaults::Move, 0, STG_E_PATHNOTFOUND},
-                             Loss{"opening again", ArchiveFaults::Create, 2, STG_E_PATHNOTFOUND}}) {
+                             Loss{"opening again", ArchiveFaults::Create, 3, STG_E_PATHNOTFOUND}}) {
         SCOPED_TRACE(loss.name);
         make({{L"cached", "1"}, {L"packed", "2"}});
         SZipArchive archive(path_, false, true);
@@ -195,6 +195,25 @@ TEST_F(State, NeverReplacesAFileThatIsNotTheOneItRead) {
     EXPECT_EQ(inFile(folder_.file(L"b.7z")), (Contents{{L"a", "mine"}}));
 }
 
+// Not everywhere does an open file keep others from putting another one in its place.
+TEST_F(State, NeverReplacesAFileThatCameInPlaceOfTheOpenOne) {
+    make({{L"a", "1"}});
+    Vexel::Storage::Engine::platform().createFile = [](auto name, auto access, auto share, auto... others) {
+        return CreateFileW(name, access, share | FILE_SHARE_DELETE, others...);
+    };
+    SZipArchive archive(path_, false, true);
+    EXPECT_EQ(archive.reload(), S_OK);
+    EXPECT_EQ(writeItem(archive, L"b", "2"), S_OK);
+    EXPECT_TRUE(MoveFileW(path_.c_str(), folder_.file(L"old.7z").c_str()));
+    make({{L"a", "9"}});
+    EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
+    EXPECT_EQ(onDisk(), (Contents{{L"a", "9"}}));
+    // With nothing in its place all can still be had.
+    EXPECT_TRUE(DeleteFileW(path_.c_str()));
+    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_EQ(onDisk(), (Contents{{L"a", "1"}, {L"b", "2"}}));
+}
+
 TEST_F(State, ReplacesNoOtherFileThanItsOwn) {
     make({{L"a", "1"}});
     SZipArchive archive(path_, false, true);
@@ -235,6 +254,55 @@ TEST_F(State, BorrowedDataOutliveAFailedSave) {
             EXPECT_EQ(target.save(false), S_OK);
             EXPECT_EQ(inFile(copy), (Contents{{L"a", "1"}, {L"b", "2"}}));
         }
+}
+
+// What was read is emptied, and filled with what another archive has.
+TEST_F(State, BorrowingDoesNotMakeAFileAnothers) {
+    for (const bool isPacked : {true, false}) {
+        SCOPED_TRACE(isPacked);
+        const std::wstring sourcePath = folder_.file(isPacked ? L"source.7z" : L"");
+        SZipArchive source(isPacked ? sourcePath : L"", false, true);
+        EXPECT_EQ(writeItem(source, L"b", "2"), S_OK);
+        EXPECT_EQ(source.save(true), S_OK);
+        make({{L"a", "1"}});
+        SZipArchive target(path_, false, true);
+        EXPECT_EQ(target.reload(), S_OK);
+        EXPECT_EQ(target.clear(L""sv), S_OK);
+        EXPECT_EQ(target.borrowPackedData(source), S_OK);
+        EXPECT_EQ(target.addItems(source, L""), S_OK);
+        ArchiveFaults::arm(ArchiveFaults::Move, ERROR_SHARING_VIOLATION, 0, false);
+        EXPECT_EQ(target.save(false), STG_E_SHAREVIOLATION);
+        ArchiveFaults::disarm();
+        EXPECT_EQ(target.save(false), S_OK);
+        EXPECT_EQ(onDisk(), (Contents{{L"b", "2"}}));
+        EXPECT_EQ(contentsOf(target), (Contents{{L"b", "2"}}));
+    }
+}
+
+// What one has as a file, the other has as a directory: neither can be kept without losing the other.
+TEST_F(State, RefusesAFileThatAppearsLaterWithOtherKindsOfItems) {
+    for (const bool isDirectory : {false, true}) {
+        SCOPED_TRACE(isDirectory);
+        path_ = folder_.file(isDirectory ? L"b.7z" : L"a.7z");
+        SZipArchive archive(path_, false, true);
+        EXPECT_EQ(archive.reload(), S_OK);
+        SZipArchive other(path_, false, true);
+        SZipArchive& withDirectory = isDirectory ? archive : other;
+        EXPECT_EQ(withDirectory.createDirectory(L"x", true, false), S_OK);
+        EXPECT_EQ(writeItem(withDirectory, L"x/y", "below"), S_OK);
+        EXPECT_EQ(writeItem(isDirectory ? other : archive, L"x", "file"), S_OK);
+        EXPECT_EQ(other.save(false), S_OK);
+        const Contents mine = contentsOf(archive);
+        const std::string theirs = Support::readFile(path_);
+        EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
+        EXPECT_EQ(contentsOf(archive), mine);
+        EXPECT_TRUE(archive.isChanged());
+        EXPECT_EQ(Support::readFile(path_), theirs);
+        other = SZipArchive(L"", true, true); // which lets go of the file
+        EXPECT_TRUE(DeleteFileW(path_.c_str()));
+        EXPECT_EQ(archive.save(false), S_OK);
+        EXPECT_EQ(onDisk(), mine);
+    }
 }
 
 TEST_F(State, AReloadKeepsChangedContentsForTheNextSave) {

@@ -2,19 +2,26 @@
 // saves.
 
 #include "archive/rw_lock.h"
+#include "io/com_pointer.h"
+#include "paths/platform_files.h"
+#include "support/archive_faults.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"
 
 #include <vexel/archive.h>
 
+#include <windows.h>
+
 #include <gtest/gtest.h>
 
 #include <atomic>
+#include <new>
 #include <string>
 #include <thread>
 #include <vector>
 
+using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
 using Vexel::Storage::SZipArchive;
 
@@ -62,6 +69,74 @@ TEST(RwLock, LetsAReaderBecomeTheWriter) {
         RwLock::unlockExclusive(word);
         EXPECT_EQ(word, 0U);
     }
+}
+
+class ProcessEnd : public testing::Test {
+protected:
+    static void end() {
+        Vexel::Detail::Platform().processIsEnding = [] { return true; };
+    }
+    ~ProcessEnd() override { Vexel::Detail::Platform().processIsEnding = real_; }
+
+private:
+    decltype(Vexel::Detail::Platform().processIsEnding) real_ = Vexel::Detail::Platform().processIsEnding;
+};
+
+// Whoever held the lock or waited for it is no more.
+TEST_F(ProcessEnd, LeavesNobodyToWaitFor) {
+    using namespace Vexel::Detail;
+    end();
+    for (const std::uint64_t word : {0U, 2U, 4U, 10U, 1U, 3U, 7U}) {
+        SCOPED_TRACE(word);
+        const bool isWhole = (word & 1) == 0; // nobody was changing anything
+        for (const auto mode : {RwGuard::Shared, RwGuard::Exclusive}) {
+            RwLockWord lock{word};
+            const RwGuard guard(lock, mode);
+            EXPECT_EQ(static_cast<bool>(guard), isWhole);
+            EXPECT_EQ(lock & 1, mode == RwGuard::Exclusive || !isWhole);
+        }
+    }
+    RwLockWord lock{12 + 2}; // two others read, one of them about to write
+    EXPECT_TRUE(RwLock::upgrade(lock));
+    EXPECT_EQ(lock, 1U);
+}
+
+// A thread was ended while it saved: what it was changing is left alone.
+TEST_F(ProcessEnd, LeavesAnUnfinishedSaveAlone) {
+    static const HANDLE saving = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    static const HANDLE ended = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    Support::ArchiveFaults faults;
+    Support::TempFolder folder;
+    const std::wstring path = folder.file(L"a.7z");
+    SZipArchive archive(path, false, true);
+    ASSERT_EQ(Support::writeItem(archive, L"a", "1"), S_OK);
+    Support::ArchiveFaults::alongside = [] {
+        SetEvent(saving);
+        WaitForSingleObject(ended, INFINITE);
+    };
+    Support::ArchiveFaults::arm(Support::ArchiveFaults::Flush, ERROR_WRITE_FAULT, 0, false);
+    std::thread saver([&] { EXPECT_TRUE(FAILED(archive.save(false))); });
+    WaitForSingleObject(saving, INFINITE);
+    end();
+    ComPtr<IStream> stream;
+    SZipArchive other(L"", false, true);
+    for (const HRESULT status :
+         {archive.save(false),
+          archive.save(Vexel::Detail::adopt(new Vexel::Storage::InMemoryIStream()).Get()), archive.reload(),
+          archive.openingStatus(), archive.extractFile(&stream, L"a"sv),
+          archive.createFile(&stream, L"b", true, false), archive.createDirectory(L"d", true, false),
+          archive.remove(L"a"sv), archive.move(L"a"sv, L"b"sv), archive.clear(L""sv), archive.flush(L""sv),
+          other.addItems(archive, L""), other.borrowPackedData(archive),
+          archive.visitChildren(L"", [](const auto&, const auto&) {})})
+        EXPECT_EQ(status, STG_E_INUSE);
+    EXPECT_EQ(archive.flushIfIdle(L""sv), S_FALSE);
+    EXPECT_FALSE(archive.hasDirectory(L"d"));
+    EXPECT_FALSE(archive.fileTimes(nullptr, nullptr, nullptr));
+    EXPECT_THROW(static_cast<void>(archive.nameOf(L"a")), std::bad_alloc);
+    EXPECT_THROW(static_cast<void>(archive.childPath(L"", L"a")), std::bad_alloc);
+    SetEvent(ended);
+    saver.join();
+    EXPECT_EQ(archive.items().size(), 1U);
 }
 
 class ArchiveThreads : public testing::Test {

@@ -353,8 +353,8 @@ TEST_F(SaveFaults, WhatIsDoneInBetweenIsSavedLater) {
     open(archive);
     Microsoft::WRL::ComPtr<IStream> stream;
     ASSERT_EQ(archive.extractFile(&stream, L"copied"sv), S_OK);
-    ArchiveFaults::arm(ArchiveFaults::Create, ERROR_ACCESS_DENIED, 2,
-                       false); // the temporary is made and read
+    ArchiveFaults::arm(ArchiveFaults::Create, ERROR_ACCESS_DENIED, 3,
+                       false); // the file is looked at, the temporary is made and read
     EXPECT_EQ(archive.save(false), STG_E_ACCESSDENIED);
     EXPECT_TRUE(ArchiveFaults::disarm());
     EXPECT_TRUE(onDisk() == new_);
