@@ -500,7 +500,7 @@ private:
     using Roots = std::multimap<RootKey, std::unique_ptr<VxStorage>>;
     using Wrapped = std::multimap<IStorage*, WrappedRoot>;
 
-    VxStorage* findRoot(const RootKey& key);
+    ItemRef<VxStorage> findRoot(const RootKey& key);
     ItemRef<VxStorage> enterRoot(const RootKey& key, std::unique_ptr<VxStorage> root, long status);
     ItemRef<VxStorage> findWrapped(IStorage* storage);
     long probe(const SharedPathName& path);

@@ -257,6 +257,7 @@ TEST_F(Items, RetryEveryCallOnceOnly) {
         {false, {{0, STG_E_TOOMANYOPENFILES}}, S_OK},
         {false, {{0, STG_E_TOOMANYOPENFILES}, {1, STG_E_READFAULT}, {2, STG_E_READFAULT}}, STG_E_READFAULT},
         {true, {{0, STG_E_TOOMANYOPENFILES}}, STG_E_INVALIDFUNCTION},
+        {false, {{0, STG_E_TOOMANYOPENFILES}, {1, S_FALSE}, {2, S_FALSE}}, STG_E_READFAULT}, // no success
     };
     for (const auto& [what, operation] : cases) {
         for (const auto& [closing, failures, expected] : ways) {
@@ -273,6 +274,7 @@ TEST_F(Items, RetryEveryCallOnceOnly) {
             calls_.failures = failures;
             EXPECT_EQ(operation(), expected);
             EXPECT_EQ(CleanUp::runs, 1);
+            EXPECT_FALSE(FAILED(expected) && root_.hasChild(name, StorageType::Storage));
             calls_.failures.clear();
         }
     }
