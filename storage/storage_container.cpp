@@ -166,7 +166,7 @@ ItemRef<VxStorage> StorageContainer::findRoot(const RootKey& key) {
         VxStorage& root = *found->second;
         const TreeLock lock(root);
         if (root.referenced() || root.isOpen()) {
-            root.setKeyed(key.second); // closing forgets it
+            root.setKeyed(key.second);        // closing forgets it
             return ItemRef<VxStorage>(&root); // from here on no handle is the last one, which would close it
         }
     }

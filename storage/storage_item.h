@@ -188,9 +188,7 @@ protected:
 private:
     friend class VxStream;
 
-    bool isOpenedMeanwhile(HRESULT status) const noexcept {
-        return FAILED(status) && storage_;
-    }
+    bool isOpenedMeanwhile(HRESULT status) const noexcept { return FAILED(status) && storage_; }
     long openRootOrInParent(bool readOnly);
     long openInParent(bool readOnly);
     long createInParent(bool readOnly, bool replace);
@@ -240,9 +238,7 @@ private:
     friend class VxStorage;
 
     long ensureOpen();
-    bool isOpenedMeanwhile(HRESULT status) const noexcept {
-        return FAILED(status) && stream_;
-    }
+    bool isOpenedMeanwhile(HRESULT status) const noexcept { return FAILED(status) && stream_; }
     long openOrRewind(bool readOnly);
     long openClosed(bool readOnly);
     long openInParent(bool readOnly);

@@ -320,7 +320,8 @@ TEST_F(Items, MayBeOpenedByAnotherThreadMeanwhile) {
         {"read stream", true, [&] { return stream(true).get(); }, S_OK, true},
         {"write stream", true, [&] { return stream(false).get(); }, S_OK, false},
         {"create stream", true, [&] { return root_.createChildStream(name, &status_).get(); },
-         STG_E_FILEALREADYEXISTS, true},        {"ask stream", true,
+         STG_E_FILEALREADYEXISTS, true},
+        {"ask stream", true,
          [&] {
              const auto known = root_.openChildStream(name, true, true, nullptr);
              status_ = known->stat(nullptr, nullptr);
