@@ -72,7 +72,7 @@ std::atomic<USHORT>& Vexel::Detail::compoundOptionsVersion() noexcept {
 
 bool VxCompoundStorage::isOnlyForReading(IStorage* storage) {
     STATSTG info{};
-    return SUCCEEDED(storage->Stat(&info, STATFLAG_NONAME)) && isForReading(info.grfMode);
+    return storage->Stat(&info, STATFLAG_NONAME) == S_OK && isForReading(info.grfMode);
 }
 
 void VxCompoundStorage::attach(IStorage* storage, bool readOnly) {
@@ -100,11 +100,7 @@ bool VxCompoundStorage::hasChild(const SharedPathName& name, StorageType type) {
         return false;
     if (VxStorage::hasChild(name, type))
         return true;
-    // A storage of its own on the same interface, so that trying leaves nothing in the child table.
-    VxCompoundStorage trial(name_, parent_, root_);
-    trial.storage_ = storage_;
-    trial.keyed_ = keyed_;
-    const HRESULT status = trial.tryElement(name, type);
+    const HRESULT status = tryElement(name, type);
     return SUCCEEDED(status) || cannotOpenNow(status);
 }
 
@@ -112,10 +108,25 @@ HRESULT VxCompoundStorage::tryElement(const SharedPathName& name, StorageType ty
     HRESULT status = STG_E_INVALIDPARAMETER; // what no type gets
     const bool either = type == StorageType{};
     if (either || type == StorageType::Storage)
-        openChildStorage(name, true, false, &status);
+        status = tryOpening<IStorage>([&](IStorage** made) {
+            constexpr DWORD stgm = STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READ;
+            return storage_->OpenStorage(name.asString(), nullptr, stgm, nullptr, 0, made);
+        });
     if (type == StorageType::Stream || (either && FAILED(status) && !cannotOpenNow(status)))
-        openChildStream(name, true, false, &status);
+        status = tryOpening<::IStream>([&](::IStream** made) {
+            return storage_->OpenStream(name.asString(), nullptr, STGM_SHARE_EXCLUSIVE | STGM_READ, 0, made);
+        });
     return status;
+}
+
+/// Opens an element past the child table, and closes it before anybody else gets here.
+template <class Interface, class Call>
+HRESULT VxCompoundStorage::tryOpening(Call call) {
+    const HRESULT status = ensureOpen();
+    return FAILED(status) ? status : callTwice([&]() -> HRESULT {
+        Microsoft::WRL::ComPtr<Interface> opened;
+        return storage_ ? Vexel::Detail::fetch(opened, call) : STG_E_INVALIDFUNCTION;
+    });
 }
 
 long VxCompoundStorage::createTemporary(bool /*flag*/) { return STG_E_INVALIDFUNCTION; }
@@ -185,9 +196,11 @@ HRESULT VxCompoundStorage::openFile(const SharedPathName& path, DWORD stgm) {
     STGOPTIONS options{};
     options.usVersion = Vexel::Detail::compoundOptionsVersion();
     options.ulSectorSize = 4096;
-    void** const result = reinterpret_cast<void**>(storage_.ReleaseAndGetAddressOf());
-    return Vexel::Detail::StoragePlatform().openStorage(path.asString(), stgm, STGFMT_DOCFILE, 0, &options,
-                                                        nullptr, IID_IStorage, result);
+    return Vexel::Detail::fetch(storage_, [&](IStorage** made) {
+        return Vexel::Detail::StoragePlatform().openStorage(path.asString(), stgm, STGFMT_DOCFILE, 0,
+                                                            &options, nullptr, IID_IStorage,
+                                                            reinterpret_cast<void**>(made));
+    });
 }
 
 /// Another process is writing the file: a copy gives a reader who wants no writers a view that does not

@@ -37,6 +37,8 @@ private:
     HRESULT openFile(const SharedPathName& path, DWORD stgm);
     HRESULT openCopy(DWORD stgm, HRESULT otherwise);
     HRESULT tryElement(const SharedPathName& name, StorageType type);
+    template <class Interface, class Call>
+    HRESULT tryOpening(Call call);
 };
 
 class VxCompoundStream final : public VxStream {

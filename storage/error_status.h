@@ -2,6 +2,9 @@
 
 #include <windows.h>
 
+#include <objidl.h>
+#include <wrl/client.h>
+
 #include <system_error>
 
 namespace Vexel::Detail {
@@ -13,5 +16,24 @@ HRESULT statusOf(const std::error_code& error) noexcept;
 /// Whether a call failed for want of memory or file handles, so that it deserves a second attempt after a
 /// clean-up.
 bool isExhausted(HRESULT status) noexcept;
+
+/// A call's status with everything but S_OK as a failure. Storages and streams of others know more successes;
+/// none of them means that all of it was done.
+constexpr HRESULT outcomeOf(HRESULT status) noexcept {
+    return status == S_OK || FAILED(status) ? status : STG_E_READFAULT;
+}
+
+/// Sets `into` by `call(address)`. A failure, and a success that brings nothing, leave it as it is.
+template <class Interface, class Call>
+HRESULT fetch(Microsoft::WRL::ComPtr<Interface>& into, Call call) {
+    Microsoft::WRL::ComPtr<Interface> made;
+    const HRESULT status = outcomeOf(call(made.GetAddressOf()));
+    if (FAILED(status))
+        return status;
+    if (!made)
+        return STG_E_READFAULT;
+    into = made;
+    return S_OK;
+}
 
 } // namespace Vexel::Detail

@@ -36,7 +36,9 @@ long VxStorageEnumerator::reset(VxStorage* storage) {
         status = storage->callTwiceIfExhausted([&]() -> HRESULT {
             if (!storage->isOpen())
                 return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
-            return storage->storage()->EnumElements(0, nullptr, 0, list.ReleaseAndGetAddressOf());
+            return Vexel::Detail::fetch(list, [&](IEnumSTATSTG** made) {
+                return storage->storage()->EnumElements(0, nullptr, 0, made);
+            });
         });
     end_ = SUCCEEDED(status) ? readAll(*storage, *list.Get()) : status;
     return status;
@@ -44,19 +46,22 @@ long VxStorageEnumerator::reset(VxStorage* storage) {
 
 HRESULT VxStorageEnumerator::readAll(VxStorage& storage, IEnumSTATSTG& list) {
     STATSTG element{};
-    const auto next = [&] {
+    bool isAtEnd = false;
+    const auto next = [&]() -> HRESULT {
         element = {};
-        return list.Next(1, &element, nullptr);
+        const HRESULT status = list.Next(1, &element, nullptr);
+        isAtEnd = status == S_FALSE;
+        return isAtEnd ? S_OK : status;
     };
     HRESULT status = S_OK;
-    while ((status = storage.callTwiceIfExhausted(next)) == S_OK) {
+    while (SUCCEEDED(status = storage.callTwiceIfExhausted(next)) && !isAtEnd) {
         const std::unique_ptr<wchar_t, FreeTaskMemory> name(element.pwcsName);
         const StorageType type = typeOf(element.type);
         if (type != StorageType{})
             entries_.push_back(
                 {type, Vexel::Detail::elementName(name.get()), element.cbSize, element.ctime, element.mtime});
     }
-    return status;
+    return isAtEnd ? S_FALSE : status;
 }
 
 bool VxStorageEnumerator::moveNext() {

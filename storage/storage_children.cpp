@@ -134,13 +134,13 @@ long VxStorage::destroyChild(const SharedPathName& name) {
         status = open(false, rootFlag_);
     if (FAILED(status))
         return status;
-    // Not left to the platform: some let the elements of a storage that is open for reading be destroyed.
-    if (readOnly_)
-        return STG_E_ACCESSDENIED;
     status = callTwiceIfExhausted([&]() -> HRESULT {
         // Again: another thread may have been let in meanwhile.
         if (const HRESULT forgotten = forgetChild(name); FAILED(forgotten))
             return forgotten;
+        // Not left to the platform: some let the elements of a storage that is open for reading be destroyed.
+        if (storage_ && readOnly_)
+            return STG_E_ACCESSDENIED;
         return storage_ ? storage_->DestroyElement(name.asString()) : STG_E_INVALIDFUNCTION;
     });
     return Vexel::Detail::elementStatus(status, format(), name);

@@ -158,20 +158,20 @@ void StorageContainer::clearAll() {
 
 /// The root with this key if it is of use. One that nobody uses and that is closed says nothing about the
 /// file any more, which may have been replaced by one of the other format.
-VxStorage* StorageContainer::findRoot(const RootKey& key) {
+ItemRef<VxStorage> StorageContainer::findRoot(const RootKey& key) {
     const auto found = roots_.find(key);
     if (found == roots_.end())
-        return nullptr;
+        return {};
     {
         VxStorage& root = *found->second;
         const TreeLock lock(root);
         if (root.referenced() || root.isOpen()) {
-            root.setKeyed(key.second); // closing forgets it
-            return &root;
+            root.setKeyed(key.second);        // closing forgets it
+            return ItemRef<VxStorage>(&root); // from here on no handle is the last one, which would close it
         }
     }
     roots_.erase(found);
-    return nullptr;
+    return {};
 }
 
 /// Opens an existing file for writing for a moment.
@@ -195,7 +195,7 @@ ItemRef<VxStorage> StorageContainer::openRoot(const SharedPathName& path, bool r
         if (const auto unkeyed = roots_.find({path, false}); unkeyed != roots_.end())
             unkeyed->second->deleteUnusedObjects(false);
     }
-    if (ItemRef<VxStorage> found(findRoot({path, keyed})); found) {
+    if (ItemRef<VxStorage> found = findRoot({path, keyed})) {
         status = found->open(readOnly, rootFlag);
         if (SUCCEEDED(status))
             return found;
@@ -227,7 +227,8 @@ ItemRef<VxStorage> StorageContainer::createRoot(const SharedPathName& path, bool
         return {};
     }
     const auto create = [=](VxStorage& root) { return root.create(convert, readOnly, false); };
-    if (VxStorage* const found = findRoot({path, keyed})) {
+    // Without the reference, with which it would be in use; under this lock nobody frees it.
+    if (VxStorage* const found = findRoot({path, keyed}).get()) {
         status = create(*found);
         return ItemRef<VxStorage>(SUCCEEDED(status) ? found : nullptr);
     }

@@ -21,6 +21,7 @@ using Vexel::Detail::CompoundAccess;
 using Vexel::Detail::CompoundVerdict;
 using Vexel::Detail::elementName;
 using Vexel::Detail::ItemRef;
+using Vexel::Detail::outcomeOf;
 using Vexel::Detail::withStatus;
 
 namespace {
@@ -68,9 +69,6 @@ HRESULT plainCopy(VxStorage& source, VxStorage& target) {
     const bool again = isExhausted ? SUCCEEDED(commitUpwards(&target)) : source.retryAfterFailure(status);
     return again ? copy() : status;
 }
-
-/// Anything but S_OK as a failure.
-HRESULT outcomeOf(HRESULT status) { return status == S_OK || FAILED(status) ? status : STG_E_READFAULT; }
 
 /// Whether `storage` is `other` or stands below it.
 bool isAtOrBelow(const VxStorage* storage, const VxStorage& other) {

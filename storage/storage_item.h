@@ -70,25 +70,28 @@ public:
     bool readOnly() const noexcept { return readOnly_; }
     const std::shared_ptr<Vexel::Detail::RootLock>& rootLock() const noexcept { return root_->lock_; }
 
-    /// `call`, and once more if this item finds the failure worth it.
+    /// `call`, and once more if this item finds the failure worth it. S_OK or a failure.
     template <class Call>
     HRESULT callTwice(Call call) {
-        const HRESULT status = call();
-        return FAILED(status) && retryAfterFailure(status) ? call() : status;
+        const HRESULT status = Vexel::Detail::outcomeOf(call());
+        return FAILED(status) && retryAfterFailure(status) ? Vexel::Detail::outcomeOf(call()) : status;
     }
     /// The same for exhausted memory and file handles only: a conflict with others is no reason.
     template <class Call>
     HRESULT callTwiceIfExhausted(Call call) {
-        const HRESULT status = call();
-        return Vexel::Detail::isExhausted(status) && retryAfterFailure(status) ? call() : status;
+        const HRESULT status = Vexel::Detail::outcomeOf(call());
+        return Vexel::Detail::isExhausted(status) && retryAfterFailure(status)
+                   ? Vexel::Detail::outcomeOf(call())
+                   : status;
     }
 
 protected:
     /// `parent` is null for a root, which is its own `root` then.
     VxStorageItem(SharedPathName name, VxStorage* parent, VxStorageItem* root);
 
-    /// A success, in the inside of opening and making nodes: another thread has opened the node meanwhile.
-    static constexpr HRESULT openedMeanwhile = MAKE_HRESULT(SEVERITY_SUCCESS, FACILITY_ITF, 0x2FF);
+    /// In the inside of opening and making nodes: nothing was done, for another thread has opened the node
+    /// meanwhile.
+    static constexpr HRESULT openedMeanwhile = STG_E_FILEALREADYEXISTS;
 
     SharedPathName name_;
     VxStorage* parent_;   // outlives this item: it stands in the parent's table
@@ -185,9 +188,7 @@ protected:
 private:
     friend class VxStream;
 
-    bool isOpenedMeanwhile(HRESULT status) const noexcept {
-        return status == openedMeanwhile || (FAILED(status) && storage_);
-    }
+    bool isOpenedMeanwhile(HRESULT status) const noexcept { return FAILED(status) && storage_; }
     long openRootOrInParent(bool readOnly);
     long openInParent(bool readOnly);
     long createInParent(bool readOnly, bool replace);
@@ -237,11 +238,9 @@ private:
     friend class VxStorage;
 
     long ensureOpen();
-    long openNode(bool readOnly);
-    bool isOpenedMeanwhile(HRESULT status) const noexcept {
-        return status == openedMeanwhile || (FAILED(status) && stream_);
-    }
+    bool isOpenedMeanwhile(HRESULT status) const noexcept { return FAILED(status) && stream_; }
     long openOrRewind(bool readOnly);
+    long openClosed(bool readOnly);
     long openInParent(bool readOnly);
     long createInParent();
     long statNode(STATSTG& info);

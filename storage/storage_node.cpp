@@ -170,8 +170,10 @@ long VxStorage::openInParent(bool readOnly) {
             return openedMeanwhile;
         if (!parent_->isOpen())
             return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
-        return parent_->storage_->OpenStorage(name_.asString(), nullptr, childFlags | accessFlags(readOnly),
-                                              nullptr, 0, storage_.ReleaseAndGetAddressOf());
+        return Vexel::Detail::fetch(storage_, [&](IStorage** made) {
+            return parent_->storage_->OpenStorage(name_.asString(), nullptr,
+                                                  childFlags | accessFlags(readOnly), nullptr, 0, made);
+        });
     });
     return Vexel::Detail::elementStatus(opened, format(), name_);
 }
@@ -218,7 +220,8 @@ long VxStorage::createInParent(bool readOnly, bool replace) {
             return openedMeanwhile;
         if (!parent_->isOpen())
             return STG_E_INVALIDFUNCTION;
-        return parent_->storage_->CreateStorage(name_.asString(), stgm, 0, 0,
-                                                storage_.ReleaseAndGetAddressOf());
+        return Vexel::Detail::fetch(storage_, [&](IStorage** made) {
+            return parent_->storage_->CreateStorage(name_.asString(), stgm, 0, 0, made);
+        });
     });
 }

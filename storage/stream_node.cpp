@@ -83,12 +83,18 @@ void VxStream::rememberPosition() {
 long VxStream::ensureOpen() {
     if (stream_)
         return S_OK;
-    const HRESULT status = openNode(readOnly_);
-    if (FAILED(status) || resumeAt_ == 0)
-        return status;
+    HRESULT status = openClosed(true);
+    if (isOpenedMeanwhile(status))
+        return S_OK; // and stands where the other thread has it
     LARGE_INTEGER position{};
-    position.QuadPart = static_cast<LONGLONG>(std::exchange(resumeAt_, 0));
-    return stream_->Seek(position, STREAM_SEEK_SET, nullptr);
+    position.QuadPart = static_cast<LONGLONG>(resumeAt_);
+    if (SUCCEEDED(status) && resumeAt_ != 0)
+        status = Vexel::Detail::outcomeOf(stream_->Seek(position, STREAM_SEEK_SET, nullptr));
+    if (FAILED(status))
+        close(); // rather than go on elsewhere
+    else
+        resumeAt_ = 0;
+    return status;
 }
 
 ::IStream* VxStream::stream() {
@@ -100,12 +106,6 @@ long VxStream::ensureOpen() {
 long VxStream::open(bool readOnly) {
     const TreeLock lock(*this);
     resumeAt_ = 0;
-    return openNode(readOnly);
-}
-
-long VxStream::openNode(bool readOnly) {
-    if (!parent_ || name_.empty())
-        return STG_E_INVALIDPARAMETER;
     HRESULT status = openOrRewind(readOnly);
     if (SUCCEEDED(status) && !readOnly)
         status = resize(0);
@@ -122,17 +122,20 @@ long VxStream::openOrRewind(bool readOnly) {
         if (FAILED(status))
             return status;
     }
-    if (!parent_->storage())
-        return STG_E_INVALIDPARAMETER;
     if (stream_)
         return callTwice(
             [this] { return stream_ ? stream_->Seek({}, STREAM_SEEK_SET, nullptr) : STG_E_INVALIDFUNCTION; });
+    const HRESULT status = openClosed(readOnly);
+    return isOpenedMeanwhile(status) ? openOrRewind(readOnly) : status;
+}
+
+long VxStream::openClosed(bool readOnly) {
+    if (!parent_ || name_.empty() || !parent_->storage())
+        return STG_E_INVALIDPARAMETER;
     // Not left to the platform: some take writes in a storage that is open for reading, and lose them.
     if (!readOnly && parent_->readOnly())
         return STG_E_ACCESSDENIED;
     const HRESULT status = openInParent(readOnly);
-    if (isOpenedMeanwhile(status))
-        return openOrRewind(readOnly);
     if (SUCCEEDED(status))
         readOnly_ = readOnly;
     return Vexel::Detail::elementStatus(status, format(), name_);
@@ -145,10 +148,10 @@ long VxStream::openInParent(bool readOnly) {
             return openedMeanwhile;
         if (!parent_->isOpen())
             return STG_E_INVALIDFUNCTION;
-        const HRESULT opened = parent_->storage_->OpenStream(name_.asString(), nullptr, stgm, 0,
-                                                             stream_.ReleaseAndGetAddressOf());
         // Packages succeed without a stream where the packed data go on behind the contents.
-        return SUCCEEDED(opened) && !stream_ ? STG_E_READFAULT : opened;
+        return Vexel::Detail::fetch(stream_, [&](::IStream** made) {
+            return parent_->storage_->OpenStream(name_.asString(), nullptr, stgm, 0, made);
+        });
     });
 }
 
@@ -183,8 +186,9 @@ long VxStream::createInParent() {
             return openedMeanwhile;
         if (!parent_->isOpen())
             return STG_E_INVALIDFUNCTION;
-        return parent_->storage_->CreateStream(name_.asString(),
-                                               STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, 0,
-                                               stream_.ReleaseAndGetAddressOf());
+        return Vexel::Detail::fetch(stream_, [&](::IStream** made) {
+            return parent_->storage_->CreateStream(
+                name_.asString(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, 0, made);
+        });
     });
 }

@@ -16,10 +16,10 @@
 /// 1. Null handles. A default-constructed handle is null and answers every call: with the status
 ///    STG_E_INVALIDPARAMETER (where not said otherwise), false, 0, an empty name or a null pointer. Nothing
 ///    throws for a null handle.
-/// 2. Statuses. `long` results are HRESULTs. A status of the system's storage passes through unchanged. An
-///    open or create that fails leaves the handle null, whatever it held before; an out-parameter is set in
-///    every case, to 0 on failure. Exhausted memory is STG_E_INSUFFICIENTMEMORY in a function that returns a
-///    status; one that returns anything else raises it (std::bad_alloc or the framework's memory exception).
+/// 2. Statuses. `long` results are HRESULTs. A failure of the system's storage passes through; a success of a
+///    node's call other than S_OK is STG_E_READFAULT. An open or create that fails leaves the handle null; an
+///    out-parameter is set in every case, to 0 on failure. Exhausted memory is STG_E_INSUFFICIENTMEMORY in a
+///    function that returns a status; one that returns anything else raises it (std::bad_alloc or similar).
 /// 3. Identity. One node of one open root is one object, however often it is opened; two handles are equal
 ///    exactly when they reach the same one. A root opened with ReadOnly and one opened with another mode on
 ///    the same path are two roots. A node has one state: opening it for writing through one handle makes
@@ -500,7 +500,7 @@ private:
     using Roots = std::multimap<RootKey, std::unique_ptr<VxStorage>>;
     using Wrapped = std::multimap<IStorage*, WrappedRoot>;
 
-    VxStorage* findRoot(const RootKey& key);
+    ItemRef<VxStorage> findRoot(const RootKey& key);
     ItemRef<VxStorage> enterRoot(const RootKey& key, std::unique_ptr<VxStorage> root, long status);
     ItemRef<VxStorage> findWrapped(IStorage* storage);
     long probe(const SharedPathName& path);

@@ -138,6 +138,24 @@ TEST_F(Items, ReopenTheChainToWriteAStream) {
     EXPECT_FALSE(root_.readOnly() || outer->readOnly() || inner->readOnly());
 }
 
+TEST_F(Items, GoOnWhereTheyWereOrNotAtAll) {
+    root_.close();
+    ASSERT_EQ(root_.open(true, true), S_OK);
+    const auto note = stream(L"note");
+    calls_.position = 7;
+    ASSERT_EQ(root_.open(false, true), S_OK);
+    calls_.position = 0;
+    calls_.take();
+    calls_.failures = {{1, S_FALSE}};
+    EXPECT_EQ(note->stream(), nullptr);
+    EXPECT_EQ(calls_.take(), L"OpenStream note 0x10\nSeek\n~Stream\n");
+    calls_.failures.clear();
+    EXPECT_TRUE(note->stream() && calls_.position == 7);
+    note->close();
+    calls_.take();
+    EXPECT_TRUE(note->stream() && calls_.take() == L"OpenStream note 0x10\n") << "once";
+}
+
 TEST_F(Items, RefuseToTouchWhatIsInUse) {
     const SharedPathName a = elementName(L"a"), b = elementName(L"b");
     const auto heldStorage = storage(L"a");
@@ -153,8 +171,9 @@ TEST_F(Items, RefuseToTouchWhatIsInUse) {
     EXPECT_EQ(calls_.take(), L"");
 
     const auto below = stream(L"below", *heldStorage.get());
+    heldStream->close();
     root_.close();
-    EXPECT_EQ(calls_.take(), L"~Stream\n~Storage\n~Stream\n~Storage\n") << "children first";
+    EXPECT_EQ(calls_.take(), L"~Stream\n~Stream\n~Storage\n~Storage\n") << "children first";
     EXPECT_EQ((root_.createChildStorage(a, &status_, true), status_), STG_E_INVALIDPARAMETER)
         << "a closed one, but what is below it is in use";
     heldStream = {};
@@ -257,6 +276,7 @@ TEST_F(Items, RetryEveryCallOnceOnly) {
         {false, {{0, STG_E_TOOMANYOPENFILES}}, S_OK},
         {false, {{0, STG_E_TOOMANYOPENFILES}, {1, STG_E_READFAULT}, {2, STG_E_READFAULT}}, STG_E_READFAULT},
         {true, {{0, STG_E_TOOMANYOPENFILES}}, STG_E_INVALIDFUNCTION},
+        {false, {{0, STG_E_TOOMANYOPENFILES}, {1, S_FALSE}, {2, S_FALSE}}, STG_E_READFAULT}, // no success
     };
     for (const auto& [what, operation] : cases) {
         for (const auto& [closing, failures, expected] : ways) {
@@ -273,6 +293,7 @@ TEST_F(Items, RetryEveryCallOnceOnly) {
             calls_.failures = failures;
             EXPECT_EQ(operation(), expected);
             EXPECT_EQ(CleanUp::runs, 1);
+            EXPECT_FALSE(FAILED(expected) && root_.hasChild(name, StorageType::Storage));
             calls_.failures.clear();
         }
     }
@@ -300,6 +321,13 @@ TEST_F(Items, MayBeOpenedByAnotherThreadMeanwhile) {
         {"write stream", true, [&] { return stream(false).get(); }, S_OK, false},
         {"create stream", true, [&] { return root_.createChildStream(name, &status_).get(); },
          STG_E_FILEALREADYEXISTS, true},
+        {"ask stream", true,
+         [&] {
+             const auto known = root_.openChildStream(name, true, true, nullptr);
+             status_ = known->stat(nullptr, nullptr);
+             return known.get();
+         },
+         S_OK, true},
     };
     for (const auto& [what, isStream, operation, expected, readOnly] : cases) {
         SCOPED_TRACE(what);
@@ -320,6 +348,8 @@ TEST_F(Items, MayBeOpenedByAnotherThreadMeanwhile) {
         EXPECT_EQ(item, SUCCEEDED(expected) ? others.get() : nullptr);
         EXPECT_EQ(others->readOnly(), readOnly);
         EXPECT_TRUE(root_.VxStorage::hasChild(name, others->type())) << "still open";
+        EXPECT_EQ(calls_.take().find(L"Seek") != std::wstring::npos, what == std::string("read stream"))
+            << "only opening rewinds";
         others = {};
         root_.deleteUnusedObjects(false);
         ASSERT_EQ(root_.open(false, false), S_OK);

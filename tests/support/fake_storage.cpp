@@ -216,7 +216,7 @@ FakeNode::FakeNode(FakeCalls& calls, StorageFormat format, const SharedPathName&
     : VxStorage(name, parent, root), calls_(calls), format_(format) {}
 
 HRESULT FakeNode::become(HRESULT status) {
-    if (SUCCEEDED(status))
+    if (status == S_OK)
         storage_ = fakeStorage(calls_);
     return status;
 }
