@@ -8,6 +8,8 @@
 namespace {
 
 constexpr int keyBytes = 72;
+constexpr int wheelCount = 3;
+constexpr int shortestWheel = (keyBytes - 3) / wheelCount;
 
 // The byte that deciphering leaves behind, for all objects; see the class.
 unsigned char intermediate = 0;
@@ -16,13 +18,25 @@ unsigned char intermediate = 0;
 
 struct SECCryptoBlackBox::Wheels {
     struct Wheel {
-        std::size_t start; // of its part of `key`
+        const char* data; // its part of `key`
         int length;
         int position;
     };
     std::array<char, keyBytes> key{};
-    std::array<Wheel, 3> wheels{{{0, 23, 0}, {23, 24, 0}, {47, 25, 0}}};
+    std::array<Wheel, wheelCount> wheels{};
     bool keyed = false;
+
+    // Each wheel is a byte longer than the one before, and starts where that one ends.
+    Wheels() {
+        const char* data = key.data();
+        int length = shortestWheel;
+        for (Wheel& wheel : wheels) {
+            wheel = {data, length, 0};
+            data += length++;
+        }
+    }
+    Wheels(const Wheels&) = delete;
+    Wheels& operator=(const Wheels&) = delete;
 
     void turnTo(long offset) noexcept {
         for (Wheel& wheel : wheels)
@@ -71,8 +85,7 @@ void SECCryptoBlackBox::SetPtr(long offset) { wheels_->turnTo(offset); }
 unsigned char SECCryptoBlackBox::NextKey() {
     unsigned key = 0;
     for (Wheels::Wheel& wheel : wheels_->wheels) {
-        key ^=
-            static_cast<unsigned char>(wheels_->key[wheel.start + static_cast<std::size_t>(wheel.position)]);
+        key ^= static_cast<unsigned char>(wheel.data[wheel.position]);
         if (++wheel.position == wheel.length)
             wheel.position = 0;
     }
