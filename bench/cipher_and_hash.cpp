@@ -1,25 +1,84 @@
-// The cipher and the hash in bytes a second.
+// The cipher against its definition written out byte by byte; the hash in bytes a second.
 
 #include "support/ratio.h"
 
 #include <vexel/cipher.h>
 #include <vexel/hash.h>
 
-#include <cstdint>
+#include <array>
+#include <string>
 #include <vector>
 
 namespace {
 
-template <SECCryptoBlackBox::eDir Direction, SECCryptoBlackBox::eMode Mode>
-void cipher(benchmark::State& state) {
-    wchar_t password[] = L"password";
-    SECCryptoBlackBox box(password, Direction, Mode);
-    std::vector<unsigned char> buffer(1 << 20);
+// Wheels of 23, 24 and 25 bytes, turned as the cipher turns them.
+template <bool Decipher, bool Feedback>
+class NaiveCipher {
+public:
+    void transform(unsigned char* buffer, long length) {
+        for (long i = 0; i < length; ++i) {
+            const unsigned char given = buffer[i];
+            buffer[i] = static_cast<unsigned char>(given ^ nextKey() ^ last_);
+            if (Feedback)
+                last_ = Decipher ? given : buffer[i];
+        }
+    }
+
+private:
+    struct Wheel {
+        std::array<unsigned char, 25> data{1, 2, 3};
+        unsigned length;
+        unsigned position = 0;
+    };
+
+    unsigned char nextKey() {
+        unsigned char key = 0;
+        for (Wheel& wheel : wheels_) {
+            key ^= wheel.data[wheel.position];
+            if (++wheel.position == wheel.length)
+                wheel.position = 0;
+        }
+        return key;
+    }
+
+    std::array<Wheel, 3> wheels_{Wheel{.length = 23}, Wheel{.length = 24}, Wheel{.length = 25}};
+    unsigned char last_ = 0;
+};
+
+template <class Cipher>
+void run(benchmark::State& state, Cipher transform, long bytes) {
+    std::vector<unsigned char> buffer(static_cast<std::size_t>(bytes));
     for (auto _ : state) {
-        box.TransformBuf(buffer.data(), static_cast<long>(buffer.size()));
+        transform(buffer.data(), bytes);
         benchmark::ClobberMemory();
     }
-    state.SetBytesProcessed(state.iterations() * static_cast<std::int64_t>(buffer.size()));
+    state.SetBytesProcessed(state.iterations() * bytes);
+}
+
+template <bool Decipher, bool Feedback>
+void compareCipher(Vexel::Bench::Suite& suite, const std::string& name, long bytes) {
+    using Box = SECCryptoBlackBox;
+    const auto ours = [bytes](benchmark::State& state) {
+        wchar_t password[] = L"password";
+        Box box(password, Decipher ? Box::DirDecrypt : Box::DirEncrypt,
+                Feedback ? Box::ModeFeedback : Box::ModeStream);
+        run(
+            state, [&](unsigned char* buffer, long length) { box.TransformBuf(buffer, length); }, bytes);
+    };
+    const auto naive = [bytes](benchmark::State& state) {
+        NaiveCipher<Decipher, Feedback> cipher;
+        run(
+            state, [&](unsigned char* buffer, long length) { cipher.transform(buffer, length); }, bytes);
+    };
+    suite.compare(name, 0.25, ours, naive);
+}
+
+void keyCipher(benchmark::State& state) {
+    wchar_t password[] = L"password";
+    for (auto _ : state) {
+        SECCryptoBlackBox box(password);
+        benchmark::DoNotOptimize(box);
+    }
 }
 
 template <std::size_t Bytes>
@@ -38,11 +97,13 @@ void hash(benchmark::State& state) {
 
 int main(int argc, char** argv) {
     Vexel::Bench::Suite suite;
-    using Box = SECCryptoBlackBox;
-    suite.measure("encipher 1 MiB, stream", cipher<Box::DirEncrypt, Box::ModeStream>);
-    suite.measure("encipher 1 MiB, feedback", cipher<Box::DirEncrypt, Box::ModeFeedback>);
-    suite.measure("decipher 1 MiB, stream", cipher<Box::DirDecrypt, Box::ModeStream>);
-    suite.measure("decipher 1 MiB, feedback", cipher<Box::DirDecrypt, Box::ModeFeedback>);
+    constexpr long large = 1 << 20;
+    compareCipher<false, false>(suite, "encipher 1 MiB, stream", large);
+    compareCipher<false, true>(suite, "encipher 1 MiB, feedback", large);
+    compareCipher<true, false>(suite, "decipher 1 MiB, stream", large);
+    compareCipher<true, true>(suite, "decipher 1 MiB, feedback", large);
+    compareCipher<true, true>(suite, "decipher 64 B, feedback", 64);
+    suite.measure("key a cipher", keyCipher);
     suite.measure("hash 16 B", hash<16>);
     suite.measure("hash 1 KiB", hash<1024>);
     suite.measure("hash 1 MiB", hash<1 << 20>);

@@ -1,46 +1,136 @@
 #include <vexel/cipher.h>
 
+#include <emmintrin.h>
+
 #include <algorithm>
 #include <array>
 #include <cstdint>
 #include <cstring>
 
+// Three wheels of key bytes turn together, each a byte longer than the one before, and never get out of step.
+// So the key bytes they make between them are laid out in memory for one whole period, and one position
+// stands for those of all wheels.
+
 namespace {
 
 constexpr int keyBytes = 72;
-constexpr int wheelCount = 3;
-constexpr int shortestWheel = (keyBytes - 3) / wheelCount;
+constexpr int shortestWheel = (keyBytes - 3) / 3;
+constexpr int period = shortestWheel * (shortestWheel + 1) * (shortestWheel + 2);
 
 // The byte that deciphering leaves behind, for all objects; see the class.
 unsigned char intermediate = 0;
 
+using Block = __m128i;
+constexpr int blockBytes = sizeof(Block);
+
+Block load(const unsigned char* place) noexcept {
+    return _mm_loadu_si128(reinterpret_cast<const Block*>(place));
+}
+
+void store(unsigned char* place, Block block) noexcept {
+    _mm_storeu_si128(reinterpret_cast<Block*>(place), block);
+}
+
+// Each byte of the result is the exclusive or of that byte of `block` and all before it.
+Block accumulate(Block block) noexcept {
+    block = _mm_xor_si128(block, _mm_slli_si128(block, 1));
+    block = _mm_xor_si128(block, _mm_slli_si128(block, 2));
+    block = _mm_xor_si128(block, _mm_slli_si128(block, 4));
+    return _mm_xor_si128(block, _mm_slli_si128(block, 8));
+}
+
+// The last byte of `block` in every place.
+Block spreadLast(Block block) noexcept {
+    const Block pairs = _mm_unpackhi_epi8(block, block);
+    const Block quarters = _mm_shufflehi_epi16(pairs, 0xFF);
+    return _mm_unpackhi_epi64(quarters, quarters);
+}
+
+// What the byte-by-byte definitions make of a run of `count` bytes. The chained forms return the feedback
+// byte for what follows.
+
+void mix(unsigned char* run, int count, const unsigned char* key, unsigned char feedback) noexcept {
+    const Block last = _mm_set1_epi8(static_cast<char>(feedback));
+    int i = 0;
+    for (; i + blockBytes <= count; i += blockBytes)
+        store(run + i, _mm_xor_si128(_mm_xor_si128(load(run + i), load(key + i)), last));
+    for (; i < count; ++i)
+        run[i] = static_cast<unsigned char>(run[i] ^ key[i] ^ feedback);
+}
+
+// A cipher byte is the exclusive or of the feedback byte and all plain and key bytes up to its own.
+unsigned char encryptChained(unsigned char* run, int count, const unsigned char* key,
+                             unsigned char feedback) noexcept {
+    Block last = _mm_set1_epi8(static_cast<char>(feedback));
+    int i = 0;
+    for (; i + blockBytes <= count; i += blockBytes) {
+        const Block mixed = accumulate(_mm_xor_si128(load(run + i), load(key + i)));
+        store(run + i, _mm_xor_si128(mixed, last));
+        last = _mm_xor_si128(last, spreadLast(mixed)); // from `mixed`, so that blocks wait for this step only
+    }
+    feedback = static_cast<unsigned char>(_mm_cvtsi128_si32(last));
+    for (; i < count; ++i)
+        run[i] = feedback = static_cast<unsigned char>(run[i] ^ key[i] ^ feedback);
+    return feedback;
+}
+
+// Each cipher byte is mixed into the next.
+unsigned char decryptChained(unsigned char* run, int count, const unsigned char* key,
+                             unsigned char feedback) noexcept {
+    int i = 0;
+    for (; i + blockBytes <= count; i += blockBytes) {
+        const Block cipher = load(run + i);
+        const Block before = _mm_or_si128(_mm_slli_si128(cipher, 1), _mm_cvtsi32_si128(feedback));
+        feedback = run[i + blockBytes - 1];
+        store(run + i, _mm_xor_si128(_mm_xor_si128(cipher, load(key + i)), before));
+    }
+    for (; i < count; ++i) {
+        const unsigned char cipher = run[i];
+        run[i] = static_cast<unsigned char>(cipher ^ key[i] ^ feedback);
+        feedback = cipher;
+    }
+    return feedback;
+}
+
+// Mixes a wheel of `length` bytes into the whole of `stream`.
+void mixWheel(unsigned char* stream, const char* wheel, int length) noexcept {
+    std::array<unsigned char, keyBytes> again{}; // a block can be read from any place on the wheel
+    for (int i = 0; i < length + blockBytes; ++i)
+        again[static_cast<std::size_t>(i)] = static_cast<unsigned char>(wheel[i % length]);
+    int place = 0;
+    for (int i = 0; i < period; i += blockBytes) {
+        store(stream + i, _mm_xor_si128(load(stream + i), load(again.data() + place)));
+        place += place + blockBytes < length ? blockBytes : blockBytes - length;
+    }
+}
+
+std::unique_ptr<unsigned char[]> layOut(const std::array<char, keyBytes>& key) {
+    auto stream = std::make_unique<unsigned char[]>(period + blockBytes);
+    const char* wheel = key.data();
+    for (int length = shortestWheel; length < shortestWheel + 3; ++length) {
+        mixWheel(stream.get(), wheel, length);
+        wheel += length;
+    }
+    return stream;
+}
+
 } // namespace
 
 struct SECCryptoBlackBox::Wheels {
-    struct Wheel {
-        const char* data; // its part of `key`
-        int length;
-        int position;
-    };
-    std::array<char, keyBytes> key{};
-    std::array<Wheel, wheelCount> wheels{};
-    bool keyed = false;
+    std::unique_ptr<unsigned char[]>
+        stream;       // one period of key bytes, filled up to a block; null until keyed
+    int position = 0; // in it
 
-    // Each wheel is a byte longer than the one before, and starts where that one ends.
-    Wheels() {
-        const char* data = key.data();
-        int length = shortestWheel;
-        for (Wheel& wheel : wheels) {
-            wheel = {data, length, 0};
-            data += length++;
+    // Hands the buffer out in runs that do not leave the period, each with its key bytes.
+    template <class Transform>
+    void inRuns(unsigned char* buffer, long length, Transform transform) {
+        while (length > 0) {
+            const int count = static_cast<int>((std::min)(length, static_cast<long>(period - position)));
+            transform(buffer, count, stream.get() + position);
+            position = (position + count) % period;
+            buffer += count;
+            length -= count;
         }
-    }
-    Wheels(const Wheels&) = delete;
-    Wheels& operator=(const Wheels&) = delete;
-
-    void turnTo(long offset) noexcept {
-        for (Wheel& wheel : wheels)
-            wheel.position = static_cast<int>((offset % wheel.length + wheel.length) % wheel.length);
     }
 };
 
@@ -66,30 +156,31 @@ void SECCryptoBlackBox::HashString(char* input, int inputLength, char* output, i
 int SECCryptoBlackBox::SetPassword(const wchar_t* password) {
     // Hashed as narrow text: what was enciphered so must stay readable.
     const std::size_t length = password ? std::strlen(reinterpret_cast<const char*>(password)) : 0;
-    if (length == 0 || wheels_->keyed)
+    if (length == 0 || wheels_->stream)
         return 0;
     // The hash never looks further than one byte past the last it writes for.
     std::array<char, keyBytes + 1> text{};
     const auto used = static_cast<int>((std::min)(length, text.size()));
     std::memcpy(text.data(), password, static_cast<std::size_t>(used));
-    HashString(text.data(), used, wheels_->key.data(), keyBytes);
-    wheels_->keyed = true;
-    Reset();
+    std::array<char, keyBytes> key{};
+    HashString(text.data(), used, key.data(), keyBytes);
+
+    wheels_->stream = layOut(key);
+    wheels_->position = 0;
     return 1;
 }
 
-void SECCryptoBlackBox::Reset() { wheels_->turnTo(0); }
+void SECCryptoBlackBox::Reset() { wheels_->position = 0; }
 
-void SECCryptoBlackBox::SetPtr(long offset) { wheels_->turnTo(offset); }
+void SECCryptoBlackBox::SetPtr(long offset) {
+    wheels_->position = static_cast<int>((offset % period + period) % period);
+}
 
 unsigned char SECCryptoBlackBox::NextKey() {
-    unsigned key = 0;
-    for (Wheels::Wheel& wheel : wheels_->wheels) {
-        key ^= static_cast<unsigned char>(wheel.data[wheel.position]);
-        if (++wheel.position == wheel.length)
-            wheel.position = 0;
-    }
-    return static_cast<unsigned char>(key);
+    unsigned char key = 0;
+    if (wheels_->stream)
+        wheels_->inRuns(&key, 1, [](unsigned char* byte, int, const unsigned char* next) { *byte = *next; });
+    return key;
 }
 
 void SECCryptoBlackBox::Encrypt(unsigned char& byte) {
@@ -106,6 +197,32 @@ void SECCryptoBlackBox::Decrypt(unsigned char& byte) {
 }
 
 void SECCryptoBlackBox::TransformBuf(unsigned char* buffer, long length) {
+    if (length < 1)
+        return;
+    const bool decrypt = direction_ != DirEncrypt;
+    if (wheels_->stream) {
+        decrypt ? decryptAll(buffer, length) : encryptAll(buffer, length);
+        return;
+    }
     for (long i = 0; i < length; ++i)
-        direction_ != DirEncrypt ? Decrypt(buffer[i]) : Encrypt(buffer[i]);
+        decrypt ? Decrypt(buffer[i]) : Encrypt(buffer[i]);
+}
+
+void SECCryptoBlackBox::encryptAll(unsigned char* buffer, long length) {
+    wheels_->inRuns(buffer, length, [this](unsigned char* run, int count, const unsigned char* key) {
+        if (mode_ == ModeFeedback)
+            encryptFeedback_ = encryptChained(run, count, key, encryptFeedback_);
+        else
+            mix(run, count, key, encryptFeedback_);
+    });
+}
+
+void SECCryptoBlackBox::decryptAll(unsigned char* buffer, long length) {
+    wheels_->inRuns(buffer, length, [this](unsigned char* run, int count, const unsigned char* key) {
+        if (mode_ == ModeFeedback)
+            decryptFeedback_ = decryptChained(run, count, key, decryptFeedback_);
+        else
+            mix(run, count, key, decryptFeedback_);
+    });
+    intermediate = buffer[length - 1];
 }

@@ -29,7 +29,8 @@ public:
 
     /// Keys the wheels, once: 1, or 0 with the old key in force when there is one. 0 also for null and for a
     /// password without a byte to hash. Only the bytes before the first zero byte count: of a text in Latin
-    /// letters that is the first letter. Data in the field depends on it.
+    /// letters that is the first letter. Data in the field depends on it. A key takes 14 kB and some
+    /// microseconds to lay out. Throws std::bad_alloc.
     int SetPassword(const wchar_t* password);
 
     /// Turns the wheels back to the start; feedback bytes stay.
@@ -53,6 +54,8 @@ private:
 
     unsigned char NextKey();
     void HashString(char* input, int inputLength, char* output, int outputLength);
+    void encryptAll(unsigned char* buffer, long length);
+    void decryptAll(unsigned char* buffer, long length);
 
     std::shared_ptr<Wheels> wheels_;
     eDir direction_;

@@ -25,6 +25,12 @@ Box keyed(std::wstring password, Box::eDir direction, Box::eMode mode) {
     return {password.data(), direction, mode};
 }
 
+struct ByteCipher : Box {
+    using Box::Box;
+    using Box::Decrypt;
+    using Box::Encrypt;
+};
+
 void transform(Box& box, Bytes& bytes) { box.TransformBuf(bytes.data(), static_cast<long>(bytes.size())); }
 
 /// What becomes of the plain bytes.
@@ -79,6 +85,36 @@ TEST(Cipher, GivesTheKnownAnswers) {
         Box back = keyed(c.password, Box::DirDecrypt, c.mode);
         transform(back, bytes);
         EXPECT_EQ(bytes, plain(30000));
+    }
+}
+
+// Long buffers take another way than single bytes; cutting them up anywhere must not show.
+TEST(Cipher, DoesNotDependOnHowABufferIsCut) {
+    constexpr long length = period + 100;
+    const Bytes given = plain(length);
+    for (const Box::eMode mode : {Box::ModeStream, Box::ModeFeedback}) {
+        Bytes byteByByte = given;
+        wchar_t password[] = L"k";
+        ByteCipher slow(password, Box::DirEncrypt, mode);
+        ByteCipher slowBack(password, Box::DirDecrypt, mode);
+        for (std::size_t i = 0; i < byteByByte.size(); ++i) {
+            slow.Encrypt(byteByByte[i]);
+            unsigned char back = byteByByte[i];
+            slowBack.Decrypt(back);
+            ASSERT_EQ(back, given[i]) << i;
+        }
+        for (long first = 0; first < length; first += first < 40 || first > period ? 1 : 1021) {
+            Bytes bytes = given;
+            Box box = keyed(L"k", Box::DirEncrypt, mode);
+            box.TransformBuf(bytes.data(), first);
+            box.TransformBuf(bytes.data() + first, length - first);
+            ASSERT_EQ(bytes, byteByByte) << first;
+
+            Box back = keyed(L"k", Box::DirDecrypt, mode);
+            back.TransformBuf(bytes.data(), length - first);
+            back.TransformBuf(bytes.data() + length - first, first);
+            ASSERT_EQ(bytes, given) << first;
+        }
     }
 }
 
