@@ -163,9 +163,12 @@ TEST_F(Engine7z, PacksContentsInSmallBlocksAndHeadersThatAreLargeBesideThem) {
         EXPECT_EQ(read()->count(), count);
     }
     NArchive::N7z::CFolder folder;
-    read()->database().ParseFolderInfo(0, folder);
+    const auto archive = read();
+    archive->database().ParseFolderInfo(0, folder);
     EXPECT_EQ(folder.Coders[0].MethodID, 0x21U);
     EXPECT_EQ(folder.Coders[0].Props[0], 16) << "1 MiB";
+    UInt64 time = 0;
+    EXPECT_FALSE(archive->database().CTime.GetItem(0, time)) << "none was given";
 }
 
 TEST_F(Engine7z, TellsWhereWritingFailed) {
@@ -197,6 +200,8 @@ TEST_F(Engine7z, TellsWhereWritingFailed) {
     contents->readFails = true;
     entries[1].contents = contents;
     EXPECT_EQ(writeArchive(entries, nullptr, output.Get(), L"x"), STG_E_READFAULT);
+    entries[1].contents.Reset();
+    EXPECT_EQ(writeArchive(entries, nullptr, output.Get(), L"x"), STG_E_INVALIDPARAMETER);
 }
 
 } // namespace
