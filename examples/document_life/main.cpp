@@ -12,6 +12,7 @@
 
 #include <cstdio>
 #include <map>
+#include <ranges>
 #include <stdexcept>
 #include <string>
 
@@ -88,24 +89,27 @@ class Change {
 public:
     explicit Change(StorageRef document) : document_(std::move(document)) {}
 
-    const StorageRef& storage(int number) {
-        StorageRef& storage = storages_[number];
-        if (storage.null())
-            check(storage.open(storageName(number), parentOf(number), false), "open a storage");
-        return storage;
-    }
+    const StorageRef& storage(int number) { return opened(number, parentOf(number)); }
     void create(int number) {
         check(storages_[number].create(storageName(number), parentOf(number), false), "create a storage");
     }
     void commit() {
-        for (auto storage = storages_.rbegin(); storage != storages_.rend();
-             ++storage) // inner ones come later
-            check(storage->second.commit(), "commit a storage");
+        for (const auto& [number, storage] : std::views::reverse(storages_)) // inner ones come later
+            check(storage.commit(), "commit a storage");
         check(document_.commit(), "save the document");
     }
 
 private:
-    StorageRef parentOf(int number) { return number % 3 == 2 ? storage(number - 1) : document_; }
+    const StorageRef& opened(int number, const StorageRef& parent) {
+        StorageRef& storage = storages_[number];
+        if (storage.null())
+            check(storage.open(storageName(number), parent, false), "open a storage");
+        return storage;
+    }
+    // Each third storage stands in the one before it.
+    const StorageRef& parentOf(int number) {
+        return number % 3 == 2 ? opened(number - 1, document_) : document_;
+    }
 
     StorageRef document_;
     std::map<int, StorageRef> storages_;

@@ -11,11 +11,11 @@
 ///    replaces it. Whatever fails on the way, the file is the old one or, if it was replaced already, the new
 ///    one, and the archive in memory can be used and saved again. Whatever becomes of the file, contents that
 ///    are in memory can be read, changed and saved elsewhere.
-///  - Statuses are of the storage facility; a Win32 error keeps its code there (0x80030000 | code), and a call
-///    that failed without one gives 0x80030000. Exhausted memory is STG_E_INSUFFICIENTMEMORY, but a caller's
-///    stream that fails gives its own status. A positive one, which would pass for a success, is replaced by
-///    a failure. Only constructors and functions that return a string or change a name throw (std::bad_alloc,
-///    CMemoryException*). Failures are logged with the archive's name.
+///  - Statuses are of the storage facility; a Win32 error keeps its code there (0x80030000 | code), and a
+///    call that failed without one gives 0x80030000. Exhausted memory is STG_E_INSUFFICIENTMEMORY, but a
+///    caller's stream that fails gives its own status. A positive one, which would pass for a success, is
+///    replaced by a failure. Only constructors and functions that return a string or change a name throw
+///    (std::bad_alloc, CMemoryException*). Failures are logged with the archive's name.
 ///  - Threads: an archive may be used from many at once, but for its constructors, destructor, assignment and
 ///    `setFileName`. What takes no lock says so; an item pointer is valid until the item is removed.
 
@@ -182,14 +182,13 @@ public:
     ///  - STG_E_INVALIDPOINTER, STG_E_INVALIDNAME (empty, or begins with "/").
     ///  - STG_E_FILENOTFOUND: no such item, a directory, or not in the file that was read.
     ///  - STG_E_INVALIDFUNCTION: the item shares a folder with others.
-    ///  - STG_E_READFAULT: the contents are not those that were stored, or cannot be: the packed bytes are far
-    ///    too few for them.
+    ///  - STG_E_READFAULT: the contents are not those that were stored, or cannot be: the packed bytes are
+    ///    far too few for them.
     ///  - Win32 codes of opening the file again after a save that failed. STG_E_INVALIDHEADER: it is another.
     ///  - STG_E_INSUFFICIENTMEMORY. The code of a stream that cannot be cloned, for an archive on one.
     ///  - E_NOTIMPL: a method that is not known here, encryption for one; that is no damage.
     ///  - The engine's code when it cannot decode: S_FALSE for packed data that are damaged. S_OK with a null
-    ///  `*result` when there were data behind the end of the contents:
-    ///    look at both.
+    ///    `*result` when there were data behind the end of the contents: look at both.
     HRESULT extractFile(IStream** result, std::wstring_view path);
     HRESULT extractFile(IStream** result, const CString& path) {
         return extractFile(result, StringLess::view(path));
@@ -252,18 +251,18 @@ public:
     /// Replaces the file by one with all changes; nothing is done when there are none. With `flushAfterwards`
     /// a `flush` of everything follows.
     ///
-    /// A file that `reload` could not read, or did not find, is read first: what it has and memory does not is
-    /// kept. While that fails, it is not replaced, unless it is not there. An archive that was never to be read
-    /// replaces whatever is there. Packed contents of unchanged items are copied. Where not all items of a
-    /// folder are, because one is changed or removed, the others are unpacked and written one by one.
+    /// A file that `reload` could not read, or did not find, is read first: what it has and memory does not
+    /// is kept. While that fails, it is not replaced, unless it is not there. An archive that was never to be
+    /// read replaces whatever is there. Packed contents of unchanged items are copied. Where not all items of
+    /// a folder are, because one is changed or removed, the others are unpacked and written one by one.
     ///  - STG_E_ACCESSDENIED: read-only, or (as the Win32 code) the file is in use.
     ///  - STG_E_FILENOTFOUND: contents that were never read are gone with their file.
-    ///  - STG_E_FILEALREADYEXISTS: there is a file, but this archive was read from another one, or has not read
-    ///    any and borrows; or of a file that is read only now, a file has the path of a directory in memory, or
-    ///    the other way round.
+    ///  - STG_E_FILEALREADYEXISTS: there is a file, but this archive was read from another one, or has not
+    ///    read any and borrows; or of a file that is read only now, a file has the path of a directory in
+    ///    memory, or the other way round.
     ///  - STG_E_INVALIDHEADER: the file that was read is not the one that is there.
-    ///  - STG_E_INUSE, from whatever takes a lock: only at the end of the process, when a thread was ended while
-    ///    it was changing the archive.
+    ///  - STG_E_INUSE, from whatever takes a lock: only at the end of the process, when a thread was ended
+    ///    while it was changing the archive.
     ///  - STG_E_READFAULT: contents that have to be unpacked are damaged.
     ///  - Win32 codes of opening, creating, writing and replacing; the engine's codes; those of `reload`.
     HRESULT save(bool flushAfterwards);

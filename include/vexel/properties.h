@@ -82,8 +82,8 @@ VEXEL_API long ReadProperties(const StorageRef& storage, REFFMTID format, Proper
 /// VT_EMPTY or VT_NULL it has no value. The set's format becomes that of version 1 where a type needs it
 /// (VT_I1, VT_INT, VT_UINT, VT_DECIMAL).
 /// The user's own properties (FMTID_UserDefinedProperties) share a stream with the document summary, which is
-/// made with them. On failure the storage keeps what it had: a stream that could not be filled is written back
-/// as it was, or removed. The storage is not committed.
+/// made with them. On failure the storage keeps what it had: a stream that could not be filled is written
+/// back as it was, or removed. The storage is not committed.
 ///  - STG_E_INVALIDPARAMETER: a null handle, a number below PID_FIRST_USABLE or above 0x7FFFFFFF, or a type
 ///    that is not written. Written are integers, VT_R4, VT_R8, VT_CY, VT_DATE, VT_DECIMAL, VT_FILETIME,
 ///    VT_BOOL, VT_ERROR, strings, VT_CLSID, VT_BLOB, VT_BLOB_OBJECT, VT_CF, VT_EMPTY and VT_NULL, and
@@ -93,8 +93,8 @@ VEXEL_API long ReadProperties(const StorageRef& storage, REFFMTID format, Proper
 ///    sets. What cannot be read is not written over.
 ///  - STG_E_DOCFILETOOLARGE: the stream would have more than 64 MiB, which ReadProperties does not read.
 ///  - STG_E_FILEALREADYEXISTS: a storage has the set's name, or a handle has the stream open.
-///  - STG_E_WRITEFAULT, and statuses of opening and reading the old stream and of StreamRef::create. None when
-///    the values are there already: then nothing is written.
+///  - STG_E_WRITEFAULT, and statuses of opening and reading the old stream and of StreamRef::create. None
+///    when the values are there already: then nothing is written.
 VEXEL_API long WriteProperties(const StorageRef& storage, REFFMTID format, const Properties& properties);
 
 /// Reads the names that properties of a set have: a user's own properties are known to other programs by

@@ -277,7 +277,8 @@ TEST_F(CompoundNodes, WrapInterfacesAsTheyAreOpen) {
     EXPECT_FALSE(wrapped.getFileTimes(nullptr, nullptr, nullptr)) << "no file is known";
 
     silent.failures = {{0, E_NOTIMPL}};
-    EXPECT_FALSE(VxCompoundStorage::isOnlyForReading(Support::fakeStorage(silent).Get())) << "nothing says so";
+    EXPECT_FALSE(VxCompoundStorage::isOnlyForReading(Support::fakeStorage(silent).Get()))
+        << "nothing says so";
 }
 
 } // namespace

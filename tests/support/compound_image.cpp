@@ -38,8 +38,8 @@ CompoundImage::CompoundImage(const std::vector<Item>& items, Form form) {
         (isLarge(item) ? largeSectors : miniSectors) +=
             isStream(item) ? parts(item.size, isLarge(item) ? bytes : 64) : 0;
     const std::uint32_t directory = parts(items.size() * 128, bytes);
-    const std::uint32_t miniFat = parts(miniSectors * 4, bytes);
-    const std::uint32_t miniStream = parts(miniSectors * 64, bytes);
+    const std::uint32_t miniFat = parts(std::size_t{miniSectors} * 4, bytes);
+    const std::uint32_t miniStream = parts(std::size_t{miniSectors} * 64, bytes);
     const std::uint32_t others = directory + miniFat + miniStream + largeSectors + form.freeSectors;
     std::uint32_t fat = 0;
     std::uint32_t difat = 0;
@@ -67,10 +67,10 @@ CompoundImage::CompoundImage(const std::vector<Item>& items, Form form) {
     for (std::uint32_t i = 0; i < difat; ++i)
         for (std::uint32_t place = 0; place < perSector; ++place) {
             const std::uint32_t table = inHeader + i * (static_cast<std::uint32_t>(perSector) - 1) + place;
-            const bool link = place + 1 == perSector;
-            number(firstDifat + i, place) = link          ? (i + 1 < difat ? firstDifat + i + 1 : end)
-                                            : table < fat ? firstFat + table
-                                                          : none;
+            if (place + 1 == perSector)
+                number(firstDifat + i, place) = i + 1 < difat ? firstDifat + i + 1 : end;
+            else
+                number(firstDifat + i, place) = table < fat ? firstFat + table : none;
         }
     for (std::uint32_t sector = 0; sector < fat * perSector; ++sector)
         next(sector) = none;
@@ -101,7 +101,7 @@ CompoundImage::CompoundImage(const std::vector<Item>& items, Form form) {
             contents += (element(i, Start) + 1) * bytes;
         } else {
             element(i, Start) = mini;
-            contents += (firstMini + 1) * bytes + mini * 64;
+            contents += (firstMini + 1) * bytes + std::size_t{mini} * 64;
             for (std::uint32_t k = 1; k <= sectors; ++k, ++mini)
                 number(number(MiniFat), mini) = k < sectors ? mini + 1 : end;
         }
@@ -131,8 +131,9 @@ CompoundImage CompoundImage::line(unsigned elements, ElementField direction) {
     for (std::uint32_t i = 1; i <= elements; ++i) {
         const std::wstring digits = std::to_wstring(100'000 + (direction == Left ? elements - i : i));
         Item item{digits, static_cast<unsigned char>(direction == Child ? 1 : 2), 0};
+        std::uint32_t& sibling = direction == Left ? item.left : item.right;
         if (i < elements)
-            (direction == Left ? item.left : direction == Right ? item.right : item.child) = i + 1;
+            (direction == Child ? item.child : sibling) = i + 1;
         items.push_back(item);
     }
     return {items, {}};

@@ -21,6 +21,7 @@
 #include <wrl/client.h>
 
 #include <cstdio>
+#include <new>
 #include <string>
 #include <utility>
 
@@ -96,8 +97,8 @@ public:
     OwnMemoryStream() : InMemoryIStream(std::make_shared<Private>()) {}
     OwnMemoryStream(const OwnMemoryStream& other) : InMemoryIStream(other), cloned_(true) {}
     HRESULT STDMETHODCALLTYPE Clone(::IStream** result) noexcept override {
-        *result = new OwnMemoryStream(*this);
-        return S_OK;
+        *result = new (std::nothrow) OwnMemoryStream(*this);
+        return *result ? S_OK : E_OUTOFMEMORY;
     }
     bool cloned() const { return cloned_ && contents()->ownsMemory; }
 
