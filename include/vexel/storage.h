@@ -186,7 +186,7 @@ public:
     /// statuses not named here, as for opening it for writing.
     ///  - STG_E_FILEALREADYEXISTS: an element of the name stands there, and `replace` is not set; or a handle
     ///    has the storage open.
-    ///  - STG_E_INVALIDPARAMETER: also when the storage is to be replaced while handles are on nodes below it.
+    ///  - STG_E_INVALIDPARAMETER: also when a storage with handles on nodes below it is to be replaced.
     ///  - STG_E_INVALIDFUNCTION: a stream of the name stands there, in a package, `replace` or not.
     long create(const SharedPathName& name, const StorageRef& parent, bool replace);
     long create(const wchar_t* name, const StorageRef& parent, bool replace);
@@ -257,7 +257,7 @@ public:
     ///  - STG_E_INVALIDPARAMETER: a null handle, the same storage, or one that cannot be opened.
     ///  - STG_E_ACCESSDENIED: the target is open for reading, or stands in this storage; nothing was done.
     ///  - STG_E_READFAULT: a stream holds less than it should. Other statuses of reading and writing.
-    ///  - STG_E_DOCFILECORRUPT: a part of this compound file is missing, or it is more than the system copies.
+    ///  - STG_E_DOCFILECORRUPT: a part of this compound file is missing, or the system cannot copy so much.
     long copyTo(const StorageRef& target) const;
     /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another:
     /// what is copied from `source` by `copyTo` afterwards is not unpacked, unless it is changed or replaces
