@@ -1,6 +1,7 @@
 // Copying and moving elements between storages.
 
 #include "archive/item_paths.h"
+#include "archive/status.h"
 #include "archive/szip_storage.h"
 #include "archive/task_memory.h"
 #include "io/com_pointer.h"
@@ -46,8 +47,13 @@ struct FreeTaskMemory {
 };
 
 /// Anything but S_OK as a failure.
-HRESULT outcomeOf(HRESULT status) noexcept {
-    return status == S_OK || FAILED(status) ? status : STG_E_READFAULT;
+HRESULT outcomeOf(HRESULT status) noexcept { return Engine::asStatus(status, STG_E_READFAULT); }
+
+/// The same for a call that opens or makes an element: success without one is a failure. Packages answer so
+/// where there are data behind the end of the contents, other programs' storages as they like.
+template <class Element>
+HRESULT outcomeOf(HRESULT status, const ComPtr<Element>& element) noexcept {
+    return status == S_OK && !element ? STG_E_READFAULT : outcomeOf(status);
 }
 
 HRESULT copyBytes(::IStream* source, ::IStream* target) {
@@ -134,9 +140,8 @@ HRESULT SZipStorage::Copying::copyStream(SZipStorage& parent, const CString& nam
         return status;
     const CString path = parent.childPath(name);
     ComPtr<::IStream> source;
-    status = outcomeOf(parent.OpenStream(name, nullptr, kReading, 0, &source));
-    if (SUCCEEDED(status) && !source)
-        status = STG_E_READFAULT; // data behind the end: the archive's way to say so
+    status = parent.OpenStream(name, nullptr, kReading, 0, &source);
+    status = outcomeOf(status, source);
     if (FAILED(status)) {
         log(L"Failed to open stream \"%ls|%ls\" for copying: 0x%08x", parent, path, status);
         return status;
@@ -147,7 +152,8 @@ HRESULT SZipStorage::Copying::copyStream(SZipStorage& parent, const CString& nam
         return status;
     }
     ComPtr<::IStream> target;
-    status = outcomeOf(destination->CreateStream(newName, kMaking, 0, 0, &target));
+    status = destination->CreateStream(newName, kMaking, 0, 0, &target);
+    status = outcomeOf(status, target);
     if (FAILED(status)) {
         log(L"Failed to create destination stream for copying \"%ls|%ls\": 0x%08x", parent, path, status);
         return status;
@@ -174,7 +180,7 @@ HRESULT SZipStorage::Copying::copyStorage(SZipStorage& parent, const CString& na
     HRESULT status = destination->CreateStorage(newName, kMakingStorage, 0, 0, &target);
     if (status == STG_E_FILEALREADYEXISTS) // what is in it stays, as with the system's storages
         status = destination->OpenStorage(newName, nullptr, kMakingStorage, nullptr, 0, &target);
-    status = outcomeOf(status);
+    status = outcomeOf(status, target);
     if (FAILED(status)) {
         log(L"Failed to create destination storage for copying \"%ls|%ls\": 0x%08x", parent, source->path_,
             status);

@@ -440,6 +440,8 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
         EXPECT_EQ(status, isCreating ? STG_E_READFAULT : S_OK) << at;
         EXPECT_GE(calls.size(), at < 3 ? 4U : 0U);
     }
+    targetCalls_.givesNothing = true;
+    EXPECT_EQ(source.copyTo(target_), STG_E_READFAULT);
 }
 
 TEST_F(CopyingOfFakes, StreamsThatEndEarlyAreLeftOut) {

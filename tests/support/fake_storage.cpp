@@ -38,7 +38,7 @@ protected:
     /// A new `Made` in `result` if `status` is a success, with the only reference on it.
     template <class Made, class Result>
     HRESULT give(HRESULT status, Result** result) {
-        *result = SUCCEEDED(status) ? new Made(calls_) : nullptr;
+        *result = SUCCEEDED(status) && !calls_.givesNothing ? new Made(calls_) : nullptr;
         return status;
     }
 

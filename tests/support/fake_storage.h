@@ -23,6 +23,8 @@ struct FakeCalls {
     std::vector<std::wstring> log;
     /// What the call with this number, counted from 0, answers instead of S_OK.
     std::map<size_t, HRESULT> failures;
+    /// Whether what is opened and made is null, whatever the status.
+    bool givesNothing = false;
     /// What listings deliver: names and STGTY values.
     std::vector<std::pair<std::wstring, DWORD>> elements;
     /// What the storages say of their access, and the streams of their size.
