@@ -1,6 +1,6 @@
 #include "archive/archive_private.h"
 #include "archive/engine.h"
-#include "paths/status_guard.h"
+#include "base/status_guard.h"
 
 #include <vexel/diagnostics.h>
 
@@ -18,7 +18,7 @@ SZipArchive::SZipArchive(IStream* stream) : private_(std::make_unique<SZipArchiv
 SZipArchive::SZipArchive(std::wstring_view path, bool readOnly, bool silentDiscard)
     : private_(std::make_unique<SZipArchivePrivate>()) {
     Engine::start();
-    private_->fileName = toString(path);
+    private_->fileName = stringOf(path);
     private_->noFile = path.empty();
     private_->readOnly = readOnly;
     private_->silentDiscard = silentDiscard || path.empty();

@@ -2,7 +2,7 @@
 
 #include "archive/archive_private.h"
 #include "archive/item_paths.h"
-#include "paths/status_guard.h"
+#include "base/status_guard.h"
 
 #include <windows.h>
 
@@ -85,10 +85,10 @@ HRESULT SZipArchivePrivate::move(std::wstring_view from, std::wstring_view to) {
 
     // All new keys before the first change, so that exhausted memory leaves all as it was.
     std::vector<std::pair<ItemMap::iterator, CString>> moves;
-    moves.emplace_back(first, toString(to));
+    moves.emplace_back(first, stringOf(to));
     for (auto item = descendantsBegin(items, from); item != items.end() && isDescendant(from, item->first);
          ++item) {
-        CString key = toString(to);
+        CString key = stringOf(to);
         append(key, StringLess::view(item->first).substr(from.size()));
         if (items.contains(key))
             return STG_E_FILEALREADYEXISTS;

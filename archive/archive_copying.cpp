@@ -1,7 +1,7 @@
 // Taking items over from another archive.
 
 #include "archive/archive_private.h"
-#include "paths/status_guard.h"
+#include "base/status_guard.h"
 
 #include <windows.h>
 
@@ -99,13 +99,13 @@ HRESULT SZipArchivePrivate::addTree(const SZipArchivePrivate& source, std::wstri
         const auto top = source.items.find(sourcePath);
         if (top == source.items.end())
             return STG_E_FILENOTFOUND;
-        const HRESULT status = addCopy(source, top->second, top->first, toString(targetPath));
+        const HRESULT status = addCopy(source, top->second, top->first, stringOf(targetPath));
         if (FAILED(status) || !top->second.isDirectory_)
             return status;
     }
     for (auto item = descendantsBegin(source.items, sourcePath);
          item != source.items.end() && isDescendant(sourcePath, item->first); ++item) {
-        CString path = toString(targetPath);
+        CString path = stringOf(targetPath);
         append(path, StringLess::view(item->first).substr(sourcePath.size()));
         if (const HRESULT status = addCopy(source, item->second, item->first, path); FAILED(status))
             return status;

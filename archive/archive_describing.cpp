@@ -6,7 +6,7 @@
 
 #include "archive/archive_private.h"
 #include "archive/folder_decoder.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 
 #include <vexel/diagnostics.h>
 

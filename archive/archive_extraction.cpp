@@ -2,9 +2,9 @@
 
 #include "archive/archive_private.h"
 #include "archive/folder_decoder.h"
-#include "io/com_pointer.h"
-#include "io/memory_blocks.h"
-#include "paths/status_guard.h"
+#include "base/com_pointer.h"
+#include "base/platform.h"
+#include "base/status_guard.h"
 
 #include <vexel/diagnostics.h>
 
@@ -78,7 +78,7 @@ HRESULT SZipArchivePrivate::decodeFolder(const CString& path, unsigned record,
 
 HRESULT SZipArchivePrivate::reserve(DynamicBuffer& bytes, const CString& path, unsigned record) const {
     const UInt64 size = database->database().Files[record].Size;
-    bytes.data = static_cast<unsigned char*>(Detail::memorySource.reallocate(nullptr, size));
+    bytes.data = static_cast<unsigned char*>(Detail::platform().reallocate(nullptr, size));
     if (bytes.data) {
         bytes.capacity = size;
         return S_OK;

@@ -3,10 +3,10 @@
 #include "archive/database.h"
 #include "archive/folder_splitter.h"
 #include "archive/item_paths.h"
-#include "archive/rw_lock.h"
 #include "archive/szip_stream.h"
 #include "archive/update_step.h"
-#include "paths/status_guard.h"
+#include "base/rw_lock.h"
+#include "base/status_guard.h"
 
 #include <vexel/archive.h>
 

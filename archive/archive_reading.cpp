@@ -1,6 +1,7 @@
 // Reading an archive's database into items.
 
 #include "archive/archive_private.h"
+#include "base/status.h"
 
 #include <vexel/diagnostics.h>
 
@@ -61,7 +62,7 @@ HRESULT SZipArchivePrivate::openInput(Database& fresh) {
     database = std::make_shared<Engine::DatabaseStream>(fresh->stream());
     for (auto& [path, item] : items)
         item.databaseIndex_ = -1;
-    return Engine::asStatus(fresh->stream()->Seek({}, STREAM_SEEK_SET, nullptr), STG_E_SEEKERROR);
+    return Detail::asStatus(fresh->stream()->Seek({}, STREAM_SEEK_SET, nullptr), STG_E_SEEKERROR);
 }
 
 SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
@@ -81,7 +82,7 @@ SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
             item = &next++->second;
             reading.contradictsMemory |= item->isDirectory_ != fresh->database().Files[i].IsDir;
         } else {
-            const auto made = added.try_emplace(place, toString(path), *this, false);
+            const auto made = added.try_emplace(place, stringOf(path), *this, false);
             item = &made->second;
             place = std::next(made);
         }
@@ -101,7 +102,7 @@ void SZipArchivePrivate::addParents(Reading& reading) {
         if (!isNewItemPath(directory) || room < cost)
             return false;
         room -= cost;
-        reading.added.try_emplace(toString(directory), *this, true);
+        reading.added.try_emplace(stringOf(directory), *this, true);
         return true;
     };
     std::wstring_view last;
@@ -202,7 +203,7 @@ HRESULT SZipArchivePrivate::reload() {
         *changed = true;
     // What has no file is a new archive. What has one that cannot be opened now counts as such, too, but it
     // will not replace what it never read. An error that the system does not name passes for none here.
-    const bool isPassedOver = !readOnly || openingStatus_ == Engine::storageStatus(ERROR_SUCCESS);
+    const bool isPassedOver = !readOnly || openingStatus_ == Detail::storageStatus(ERROR_SUCCESS);
     return openingStatus_ != S_OK && isPassedOver ? S_OK : status;
 }
 

@@ -2,9 +2,10 @@
 // place.
 
 #include "archive/archive_private.h"
-#include "archive/platform.h"
-#include "io/com_pointer.h"
-#include "paths/status_guard.h"
+#include "base/com_pointer.h"
+#include "base/platform.h"
+#include "base/status.h"
+#include "base/status_guard.h"
 
 #include <vexel/diagnostics.h>
 
@@ -109,7 +110,7 @@ HRESULT SZipArchivePrivate::replaceFile(const CString& temporaryPath) {
     if (closes)
         own->closeFile();
     constexpr DWORD flags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED | MOVEFILE_WRITE_THROUGH;
-    if (platform().moveFile(temporaryPath.GetString(), fileName.GetString(), flags))
+    if (Detail::platform().moveFile(temporaryPath.GetString(), fileName.GetString(), flags))
         return S_OK;
     const DWORD error = GetLastError();
     VxLog_WriteW(VxLog_Error, L"Failed to move \"%ls\" to \"%ls\": 0x%08x", temporaryPath.GetString(),
@@ -118,7 +119,7 @@ HRESULT SZipArchivePrivate::replaceFile(const CString& temporaryPath) {
     if (closes)
         withStatus([&] { return own->open(); });
     markAllModified();
-    return storageStatus(error);
+    return Detail::storageStatus(error);
 }
 
 HRESULT SZipArchivePrivate::finish(const Update& update, Reading&& written) noexcept {

@@ -3,7 +3,10 @@
 #include "archive/engine.h"
 #include "archive/engine_status.h"
 #include "archive/header_stream.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
+#include "base/handles.h"
+#include "base/platform.h"
+#include "base/status.h"
 
 #include <vexel/diagnostics.h>
 
@@ -28,8 +31,8 @@ bool isNotThere(DWORD error) noexcept {
 }
 
 Detail::FileHandle openForReading(const wchar_t* path) noexcept {
-    return Detail::FileHandle(
-        platform().createFile(path, GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    return Detail::FileHandle(Detail::platform().createFile(path, GENERIC_READ, FILE_SHARE_READ, nullptr,
+                                                            OPEN_EXISTING, 0, nullptr));
 }
 
 /// What reading a database came to. The engine raises its flags beside any status, S_OK included. Its
@@ -56,10 +59,10 @@ HRESULT openFile(const wchar_t* path, std::shared_ptr<DatabaseStream>& opened) {
         const DWORD error = GetLastError();
         VxLog_WriteW(isNotThere(error) ? VxLog_Minor : VxLog_Error, L"Failed to open file \"%ls\": 0x%08x",
                      path, static_cast<unsigned>(error));
-        return storageStatus(error);
+        return Detail::storageStatus(error);
     }
     LARGE_INTEGER size{};
-    if (!platform().getFileSize(file.get(), &size)) {
+    if (!Detail::platform().getFileSize(file.get(), &size)) {
         VxLog_WriteW(VxLog_Error, L"Failed to get the size of the file \"%ls\": 0x%08x", path,
                      static_cast<unsigned>(GetLastError()));
         size.QuadPart = 0;
@@ -82,7 +85,7 @@ HRESULT DatabaseStream::openCursor(ComPtr<InStreamBase>& cursor) const {
         return S_OK;
     }
     ComPtr<::IStream> clone;
-    HRESULT status = asStatus(stream_->Clone(&clone));
+    HRESULT status = Detail::asStatus(stream_->Clone(&clone));
     if (status == S_OK && !clone)
         status = E_FAIL;
     if (status != S_OK) {
@@ -132,7 +135,7 @@ HRESULT DatabaseStream::checkFile() const {
 }
 
 HRESULT DatabaseStream::read(const wchar_t* archiveName) {
-    return asStatus(withEngine(E_FAIL, [&] { return readDatabase(archiveName); }));
+    return Detail::asStatus(withEngine(E_FAIL, [&] { return readDatabase(archiveName); }));
 }
 
 HRESULT DatabaseStream::readDatabase(const wchar_t* archiveName) {
@@ -158,7 +161,7 @@ HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& hea
     UInt64 size = 0;
     if (const HRESULT status = input->Seek(0, STREAM_SEEK_END, &size); status != S_OK) {
         logFailure(VxLog_Error, kOpenFailure, archiveName, status);
-        return asStatus(status);
+        return Detail::asStatus(status);
     }
     InStreamSource source(*input.Get(), size);
     HeaderVerdict verdict;
@@ -168,7 +171,7 @@ HRESULT DatabaseStream::checkHeader(const wchar_t* archiveName, PlainHeader& hea
     });
     if (status != S_OK) { // for want of memory
         logFailure(VxLog_Error, kReadFailure, archiveName, status);
-        return asStatus(status);
+        return Detail::asStatus(status);
     }
     if (verdict.fault == HeaderFault::None)
         return S_OK;
@@ -192,7 +195,7 @@ HRESULT DatabaseStream::readHeader(const wchar_t* archiveName, PlainHeader&& hea
     HRESULT status = withEngine(S_FALSE, [&] { return archive.Open(input.Get(), &searchLimit); });
     if (status != S_OK) {
         logFailure(status == S_FALSE ? VxLog_Trace : VxLog_Error, kOpenFailure, archiveName, status);
-        return status == S_FALSE ? STG_E_INVALIDHEADER : asStatus(status);
+        return status == S_FALSE ? STG_E_INVALIDHEADER : Detail::asStatus(status);
     }
     status = withEngine(S_FALSE, [&] { return archive.ReadDatabase(database_); });
     const HRESULT verdict = verdictOn(database_, status);

@@ -3,6 +3,7 @@
 #include "archive/engine_api.h"
 #include "archive/engine_streams.h"
 #include "archive/header_check.h"
+#include "base/handles.h"
 
 #include <windows.h>
 

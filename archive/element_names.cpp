@@ -2,7 +2,7 @@
 // not come out of decoding and encoding as it was is called by its own spelling.
 
 #include "archive/archive_private.h"
-#include "paths/status_guard.h"
+#include "base/status_guard.h"
 
 #include <algorithm>
 #include <new>
@@ -27,7 +27,7 @@ bool isEncoded(std::wstring_view element) {
 }
 
 CString join(std::wstring_view directory, const CString& element) {
-    CString path = toString(directory);
+    CString path = stringOf(directory);
     if (!directory.empty())
         append(path, L"/");
     append(path, StringLess::view(element));
@@ -40,7 +40,7 @@ CString join(std::wstring_view directory, const CString& element) {
 CString SZipArchivePrivate::nameOf(std::wstring_view directory, std::wstring_view element) const {
     if (isEncoded(element))
         return SZipArchive::decodePathElement(element);
-    CString name = toString(element);
+    CString name = stringOf(element);
     for (;;) {
         CString encoded = SZipArchive::encodePathElement(name);
         if (!items.contains(join(directory, encoded)))
@@ -54,7 +54,7 @@ CString SZipArchivePrivate::childPath(std::wstring_view directory, std::wstring_
     if (isPlain(name) || name.find(L'/') != std::wstring_view::npos || items.contains(path))
         return path;
     // What may stand in the archive as it is, if anything does.
-    CString element = toString(name);
+    CString element = stringOf(name);
     while (isEncoded(StringLess::view(element))) {
         if (isPlain(StringLess::view(element)))
             return path;

@@ -1,7 +1,7 @@
 #include "archive/engine.h"
 
 #include "archive/engine_api.h"
-#include "paths/process_end.h"
+#include "base/process_end.h"
 
 #include <7zip/Common/RegisterCodec.h>
 

@@ -1,6 +1,8 @@
 #include "archive/engine_streams.h"
 
-#include "paths/process_end.h"
+#include "base/handles.h"
+#include "base/process_end.h"
+#include "base/status.h"
 
 #include <7zCrc.h>
 
@@ -24,7 +26,7 @@ constexpr std::uint64_t kUnknownPosition = ~std::uint64_t{0};
 bool moveTo(HANDLE file, std::uint64_t offset) noexcept {
     LARGE_INTEGER position;
     position.QuadPart = static_cast<LONGLONG>(offset);
-    return platform().setPosition(file, position, nullptr, FILE_BEGIN) != FALSE;
+    return Detail::platform().setPosition(file, position, nullptr, FILE_BEGIN) != FALSE;
 }
 
 /// Nothing for an unknown origin or a position before the beginning.
@@ -46,7 +48,7 @@ HRESULT seekStream(::IStream* stream, Int64 offset, UInt32 origin, UInt64* newPo
     LARGE_INTEGER distance;
     distance.QuadPart = offset;
     ULARGE_INTEGER reached{};
-    const HRESULT status = asStatus(stream->Seek(distance, origin, &reached), STG_E_SEEKERROR);
+    const HRESULT status = Detail::asStatus(stream->Seek(distance, origin, &reached), STG_E_SEEKERROR);
     if (status == S_OK && newPosition)
         *newPosition = reached.QuadPart;
     return status;
@@ -87,7 +89,7 @@ bool SharedFile::isOpen() const noexcept {
 
 bool SharedFile::times(FILETIME* creation, FILETIME* lastAccess, FILETIME* lastWrite) const noexcept {
     const auto lock = lockUnlessEnding(turn_);
-    return lock && file_ && platform().getFileTime(file_.get(), creation, lastAccess, lastWrite);
+    return lock && file_ && Detail::platform().getFileTime(file_.get(), creation, lastAccess, lastWrite);
 }
 
 HRESULT SharedFile::read(std::uint64_t offset, void* data, std::uint32_t size, std::uint32_t& done) noexcept {
@@ -98,15 +100,15 @@ HRESULT SharedFile::read(std::uint64_t offset, void* data, std::uint32_t size, s
         if (!moveTo(file_.get(), offset)) {
             const DWORD error = GetLastError();
             systemPosition_ = kUnknownPosition;
-            return storageStatus(error);
+            return Detail::storageStatus(error);
         }
         systemPosition_ = offset;
     }
     DWORD count = 0;
-    if (!platform().readFile(file_.get(), data, (std::min)(size, kLargestCall), &count, nullptr)) {
+    if (!Detail::platform().readFile(file_.get(), data, (std::min)(size, kLargestCall), &count, nullptr)) {
         const DWORD error = GetLastError();
         systemPosition_ = kUnknownPosition;
-        return storageStatus(error);
+        return Detail::storageStatus(error);
     }
     systemPosition_ += count;
     done = count;
@@ -195,7 +197,7 @@ HRESULT IStreamInStream::Read(void* data, UInt32 size, UInt32* processed) noexce
     tell(processed, (std::min)(static_cast<UInt32>(count), size));
     if (status == S_FALSE) // some streams' word for the end, and the engine's for bad data
         return S_OK;
-    return failure_.note(asStatus(status, STG_E_READFAULT));
+    return failure_.note(Detail::asStatus(status, STG_E_READFAULT));
 }
 
 HRESULT IStreamInStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {
@@ -204,7 +206,7 @@ HRESULT IStreamInStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) 
 
 HRESULT IStreamInStream::GetSize(UInt64* size) noexcept {
     STATSTG entry{};
-    const HRESULT status = asStatus(stream_->Stat(&entry, STATFLAG_NONAME));
+    const HRESULT status = Detail::asStatus(stream_->Stat(&entry, STATFLAG_NONAME));
     *size = status == S_OK ? entry.cbSize.QuadPart : 0;
     return status;
 }
@@ -221,12 +223,12 @@ TemporaryFile::TemporaryFile(const wchar_t* path)
 TemporaryFile::~TemporaryFile() {
     file_.close();
     if (created_)
-        platform().deleteFile(path_.c_str());
+        Detail::platform().deleteFile(path_.c_str());
 }
 
 HRESULT TemporaryFile::create() noexcept {
-    file_ = Detail::FileHandle(platform().createFile(path_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS,
-                                                     FILE_ATTRIBUTE_NORMAL, nullptr));
+    file_ = Detail::FileHandle(Detail::platform().createFile(path_.c_str(), GENERIC_WRITE, 0, nullptr,
+                                                             CREATE_ALWAYS, FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!file_)
         return fail();
     created_ = true;
@@ -236,7 +238,7 @@ HRESULT TemporaryFile::create() noexcept {
 HRESULT TemporaryFile::finish() noexcept {
     if (const HRESULT status = writeBuffered(); status != S_OK)
         return status;
-    if (!platform().flushFile(file_.get()))
+    if (!Detail::platform().flushFile(file_.get()))
         return fail();
     file_.close();
     return S_OK;
@@ -250,7 +252,7 @@ HRESULT TemporaryFile::writeFile(const std::byte* data, std::uint32_t size) noex
         return fail();
     while (size > 0) {
         DWORD count = 0;
-        if (!platform().writeFile(file_.get(), data, (std::min)(size, kLargestCall), &count, nullptr))
+        if (!Detail::platform().writeFile(file_.get(), data, (std::min)(size, kLargestCall), &count, nullptr))
             return fail();
         if (count == 0 || count > size)
             return failure_.note(count == 0 ? STG_E_MEDIUMFULL : STG_E_WRITEFAULT);
@@ -302,7 +304,7 @@ HRESULT TemporaryFile::SetSize(UInt64 newSize) noexcept {
     if (const HRESULT status = writeBuffered(); status != S_OK)
         return status;
     systemPosition_ = kUnknownPosition;
-    if (!moveTo(file_.get(), newSize) || !platform().setEndOfFile(file_.get()))
+    if (!moveTo(file_.get(), newSize) || !Detail::platform().setEndOfFile(file_.get()))
         return fail();
     size_ = newSize;
     return S_OK;
@@ -310,7 +312,7 @@ HRESULT TemporaryFile::SetSize(UInt64 newSize) noexcept {
 
 HRESULT PassThroughOutStream::Write(const void* data, UInt32 size, UInt32* processed) noexcept {
     ULONG count = 0;
-    HRESULT status = asStatus(stream_->Write(data, size, &count), STG_E_WRITEFAULT);
+    HRESULT status = Detail::asStatus(stream_->Write(data, size, &count), STG_E_WRITEFAULT);
     tell(processed, (std::min)(static_cast<UInt32>(count), size));
     if (status == S_OK && size > 0 && count == 0)
         status = STG_E_MEDIUMFULL;
@@ -324,7 +326,7 @@ HRESULT PassThroughOutStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosit
 HRESULT PassThroughOutStream::SetSize(UInt64 newSize) noexcept {
     ULARGE_INTEGER size;
     size.QuadPart = newSize;
-    return failure_.note(asStatus(stream_->SetSize(size), STG_E_WRITEFAULT));
+    return failure_.note(Detail::asStatus(stream_->SetSize(size), STG_E_WRITEFAULT));
 }
 
 std::uint32_t InMemoryOutStream::crc() const noexcept { return ~crc_; }

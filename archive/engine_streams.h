@@ -1,7 +1,9 @@
 #pragma once
 
 #include "archive/engine_api.h"
-#include "archive/platform.h"
+#include "base/handles.h"
+#include "base/platform.h"
+#include "base/status.h"
 
 #include <vexel/com.h>
 #include <vexel/memory_streams.h>
@@ -26,10 +28,10 @@ struct IInStream_IStreamGetSize : IInStream, IStreamGetSize {};
 class InStreamBase : public IUnknownImpl<IInStream_IStreamGetSize> {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
-    const FirstFailure& failure() const noexcept { return failure_; }
+    const Detail::FirstFailure& failure() const noexcept { return failure_; }
 
 protected:
-    FirstFailure failure_;
+    Detail::FirstFailure failure_;
 };
 
 /// Locks it, but at the end of the process only if nobody held it who was ended.
@@ -104,10 +106,10 @@ private:
 class OutStream : public IUnknownImpl<IOutStream> {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
-    const FirstFailure& failure() const noexcept { return failure_; }
+    const Detail::FirstFailure& failure() const noexcept { return failure_; }
 
 protected:
-    FirstFailure failure_;
+    Detail::FirstFailure failure_;
 };
 
 /// A new file that is deleted when this object goes, unless it is kept. What is written is collected and
@@ -134,7 +136,7 @@ public:
 private:
     HRESULT writeFile(const std::byte* data, std::uint32_t size) noexcept;
     HRESULT writeBuffered() noexcept;
-    HRESULT fail() noexcept { return failure_.note(storageStatus(GetLastError())); }
+    HRESULT fail() noexcept { return failure_.note(Detail::storageStatus(GetLastError())); }
     std::uint64_t position() const noexcept { return fileOffset_ + buffered_; }
 
     std::wstring path_;

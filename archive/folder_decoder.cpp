@@ -3,7 +3,7 @@
 #include "archive/engine.h"
 #include "archive/engine_status.h"
 #include "archive/folder_coders.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 
 #include <algorithm>
 #include <cstring>

@@ -1,6 +1,6 @@
 #include "archive/header_stream.h"
 
-#include "archive/status.h"
+#include "base/status.h"
 
 #include <algorithm>
 #include <cstring>
@@ -11,10 +11,10 @@ HRESULT InStreamSource::read(std::uint64_t offset, std::span<std::byte> target, 
     UInt32 done = 0;
     if (const HRESULT status = input_.Seek(static_cast<Int64>(offset), STREAM_SEEK_SET, nullptr);
         status != S_OK)
-        return asStatus(status);
+        return Detail::asStatus(status);
     const HRESULT status = input_.Read(target.data(), static_cast<UInt32>(target.size()), &done);
     count = done;
-    return asStatus(status);
+    return Detail::asStatus(status);
 }
 
 HRESULT HeaderStream::Read(void* data, UInt32 size, UInt32* processed) noexcept {

@@ -1,17 +1,14 @@
 #pragma once
 
-#include <vexel/framework.h>
+#include "base/text.h"
 
 #include <string_view>
 
 /// Rules of item paths, which are elements joined by "/".
 namespace Vexel::Storage {
 
-inline CString toString(std::wstring_view text) { return {text.data(), static_cast<int>(text.size())}; }
-
-inline void append(CString& path, std::wstring_view text) {
-    path.Append(text.data(), static_cast<int>(text.size()));
-}
+using Detail::append;
+using Detail::stringOf;
 
 /// Whether the path may name an item at all.
 inline bool isItemPath(std::wstring_view path) noexcept { return !path.empty() && !path.starts_with(L'/'); }

@@ -28,7 +28,7 @@ int digitValue(wchar_t c) noexcept {
 
 CString SZipArchive::encodePathElement(std::wstring_view name) {
     if (std::none_of(name.begin(), name.end(), needsEscape))
-        return toString(name);
+        return stringOf(name);
     std::wstring element;
     element.reserve(name.size() + 8);
     for (const wchar_t c : name) {
@@ -39,12 +39,12 @@ CString SZipArchive::encodePathElement(std::wstring_view name) {
         constexpr wchar_t digits[] = L"0123456789abcdef";
         element += {kEscape, digits[c >> 4], digits[c & 0xF]};
     }
-    return toString(element);
+    return stringOf(element);
 }
 
 CString SZipArchive::decodePathElement(std::wstring_view element) {
     if (element.find(kEscape) == std::wstring_view::npos)
-        return toString(element);
+        return stringOf(element);
     std::wstring name;
     name.reserve(element.size());
     // After a malformed escape the character that follows its two is taken for the start of the next one,
@@ -74,7 +74,7 @@ CString SZipArchive::decodePathElement(std::wstring_view element) {
         }
         name += static_cast<wchar_t>(value);
     }
-    return toString(name);
+    return stringOf(name);
 }
 
 } // namespace Vexel::Storage

@@ -1,11 +1,11 @@
 // Copying and moving elements between storages.
 
 #include "archive/item_paths.h"
-#include "archive/status.h"
 #include "archive/szip_storage.h"
-#include "archive/task_memory.h"
-#include "io/com_pointer.h"
-#include "paths/status_guard.h"
+#include "base/com_pointer.h"
+#include "base/status.h"
+#include "base/status_guard.h"
+#include "base/task_memory.h"
 
 #include <vexel/diagnostics.h>
 
@@ -42,18 +42,12 @@ bool isAtOrInside(const CString& directory, const CString& path) noexcept {
     return path == directory || isInside(StringLess::view(directory), StringLess::view(path));
 }
 
-struct FreeTaskMemory {
-    void operator()(void* memory) const noexcept { CoTaskMemFree(memory); }
-};
-
-/// Anything but S_OK as a failure.
-HRESULT outcomeOf(HRESULT status) noexcept { return Engine::asStatus(status, STG_E_READFAULT); }
-
-/// The same for a call that opens or makes an element: success without one is a failure. Packages answer so
-/// where there are data behind the end of the contents, other programs' storages as they like.
+/// As `Detail::outcomeOf`, for a call that opens or makes an element: success without one is a failure.
+/// Packages answer so where there are data behind the end of the contents, other programs' storages as they
+/// like.
 template <class Element>
 HRESULT outcomeOf(HRESULT status, const ComPtr<Element>& element) noexcept {
-    return status == S_OK && !element ? STG_E_READFAULT : outcomeOf(status);
+    return status == S_OK && !element ? STG_E_READFAULT : Detail::outcomeOf(status);
 }
 
 HRESULT copyBytes(::IStream* source, ::IStream* target) {
@@ -234,7 +228,7 @@ HRESULT SZipStorage::Copying::finish() {
         const Level& level = levels_.back();
         STATSTG entry{};
         const HRESULT next = level.children ? level.children->Next(1, &entry, nullptr) : S_FALSE;
-        const std::unique_ptr<wchar_t, FreeTaskMemory> owner(entry.pwcsName);
+        const Detail::TaskText owner(entry.pwcsName);
         if (next == S_OK) {
             note(withStatus([&] { return copyChild(entry); }));
             continue;

@@ -1,9 +1,9 @@
 #include "archive/szip_enumerator.h"
 
 #include "archive/item_paths.h"
-#include "archive/task_memory.h"
-#include "io/com_pointer.h"
-#include "paths/status_guard.h"
+#include "base/com_pointer.h"
+#include "base/status_guard.h"
+#include "base/task_memory.h"
 
 #include <algorithm>
 #include <iterator>
@@ -25,7 +25,7 @@ STATSTG describe(const SZipArchiveItem& item) {
 /// An element with a "/" in its name is cut there; documents rely on it.
 CString cut(const CString& name) {
     const std::wstring_view text = StringLess::view(name);
-    return toString(text.substr(0, text.find(L'/')));
+    return stringOf(text.substr(0, text.find(L'/')));
 }
 
 } // namespace
@@ -61,7 +61,7 @@ HRESULT SZipEnumerator::Next(ULONG celt, STATSTG* rgelt, ULONG* pceltFetched) no
     auto entry = next_;
     for (; count < celt && entry != entries_.end(); ++entry, ++count) {
         rgelt[count] = entry->second;
-        rgelt[count].pwcsName = duplicateText(StringLess::view(entry->first));
+        rgelt[count].pwcsName = Detail::duplicateText(StringLess::view(entry->first));
         if (rgelt[count].pwcsName)
             continue;
         std::for_each(rgelt, rgelt + count, [](STATSTG& delivered) { CoTaskMemFree(delivered.pwcsName); });

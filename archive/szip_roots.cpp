@@ -1,8 +1,8 @@
 // Packages as the storages that they begin with.
 
 #include "archive/szip_storage.h"
-#include "io/com_pointer.h"
-#include "paths/status_guard.h"
+#include "base/com_pointer.h"
+#include "base/status_guard.h"
 
 #include <cwchar>
 #include <iterator>

@@ -2,9 +2,9 @@
 
 #include "archive/szip_enumerator.h"
 #include "archive/szip_stream.h"
-#include "archive/task_memory.h"
-#include "io/com_pointer.h"
-#include "paths/status_guard.h"
+#include "base/com_pointer.h"
+#include "base/status_guard.h"
+#include "base/task_memory.h"
 
 #include <algorithm>
 #include <utility>
@@ -199,7 +199,7 @@ HRESULT SZipStorage::Stat(STATSTG* info, DWORD flags) noexcept {
         if (flags == STATFLAG_NONAME)
             return S_OK;
         const CString name = path_.IsEmpty() ? archive_->fileName() : archive_->nameOf(path_);
-        info->pwcsName = duplicateText(StringLess::view(name));
+        info->pwcsName = Detail::duplicateText(StringLess::view(name));
         return info->pwcsName ? S_OK : STG_E_INSUFFICIENTMEMORY;
     });
 }

@@ -1,8 +1,9 @@
 #include "archive/szip_stream.h"
 
 #include "archive/item_paths.h"
-#include "archive/task_memory.h"
-#include "io/memory_blocks.h"
+#include "base/platform.h"
+#include "base/task_memory.h"
+#include "base/text.h"
 
 #include <windows.h>
 
@@ -28,7 +29,7 @@ namespace {
 
 // The last element as it is stored. Unlike a storage, a stream does not decode its name.
 HRESULT duplicateName(const CString& path, LPOLESTR* name) noexcept {
-    *name = duplicateText(lastElement({path.GetString(), static_cast<std::size_t>(path.GetLength())}));
+    *name = Detail::duplicateText(lastElement(Detail::viewOf(path)));
     return *name ? S_OK : STG_E_INSUFFICIENTMEMORY;
 }
 
@@ -76,7 +77,7 @@ DynamicBuffer SZipStream::copyBytes() const {
     DynamicBuffer copy;
     if (size() == 0)
         return copy;
-    copy.data = static_cast<unsigned char*>(Detail::memorySource.reallocate(nullptr, size()));
+    copy.data = static_cast<unsigned char*>(Detail::platform().reallocate(nullptr, size()));
     if (!copy.data)
         throw std::bad_alloc();
     std::memcpy(copy.data, data(0), size());

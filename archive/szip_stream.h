@@ -1,6 +1,6 @@
 #pragma once
 
-#include "archive/rw_lock.h"
+#include "base/rw_lock.h"
 
 #include <vexel/framework.h>
 #include <vexel/memory_streams.h>

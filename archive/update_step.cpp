@@ -2,7 +2,8 @@
 
 #include "archive/engine.h"
 #include "archive/engine_status.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
+#include "base/status.h"
 
 #include <vexel/diagnostics.h>
 
@@ -87,7 +88,7 @@ HRESULT UpdateCallback::GetStream(UInt32 index, ISequentialInStream** stream) no
     if (index >= entries_.size() || !entries_[index].contents)
         return STG_E_INVALIDPARAMETER;
     const ComPtr<::IStream>& contents = entries_[index].contents;
-    if (const HRESULT status = asStatus(contents->Seek({}, STREAM_SEEK_SET, nullptr)); status != S_OK)
+    if (const HRESULT status = Detail::asStatus(contents->Seek({}, STREAM_SEEK_SET, nullptr)); status != S_OK)
         return status;
     *stream = new (std::nothrow) IStreamInStream(contents);
     return *stream ? S_OK : STG_E_INSUFFICIENTMEMORY;
@@ -172,7 +173,7 @@ CObjectVector<CUpdateItem> itemsOf(const std::vector<UpdateEntry>& entries) {
 }
 
 HRESULT engineStatus(HRESULT result) noexcept {
-    return result == E_OUTOFMEMORY ? STG_E_INSUFFICIENTMEMORY : asStatus(result);
+    return result == E_OUTOFMEMORY ? STG_E_INSUFFICIENTMEMORY : Detail::asStatus(result);
 }
 
 bool copiesPackedData(const std::vector<UpdateEntry>& entries) noexcept {

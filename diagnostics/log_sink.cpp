@@ -1,6 +1,6 @@
 #include "log_sink.h"
 
-#include "base/process_end.h"
+#include "base/process_end_query.h"
 #include "default_sink.h"
 
 #include <vexel/diagnostics.h>
@@ -32,12 +32,12 @@ class SinkSlot {
 public:
     bool wants(int level) const noexcept {
         return level >= minimumLevel_.load(std::memory_order_relaxed) &&
-               (level >= VxLog_Warning || !processIsEnding());
+               (level >= VxLog_Warning || !queryProcessEnd());
     }
 
     void call(int level, const wchar_t* message) noexcept {
         // A sink of the application may wait for a lock that is held for good.
-        if (processIsEnding()) {
+        if (queryProcessEnd()) {
             writeToStandardError(level, message);
             return;
         }
@@ -54,7 +54,7 @@ public:
     }
 
     Target exchange(Target target) noexcept {
-        if (processIsEnding())
+        if (queryProcessEnd())
             return replace(target);
         AcquireSRWLockExclusive(&settingLock_); // one generation ends at a time
         AcquireSRWLockExclusive(&lock_);

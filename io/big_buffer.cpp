@@ -1,4 +1,4 @@
-#include "io/memory_blocks.h"
+#include "base/platform.h"
 
 #include <vexel/memory_streams.h>
 
@@ -9,7 +9,7 @@
 #include <limits>
 #include <utility>
 
-using Vexel::Detail::memorySource;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -50,9 +50,9 @@ unsigned long long doubledUpTo(unsigned long long capacity, unsigned long long b
 // to copy from, or that another buffer holds, must still be there when it returns.
 void* BigBuffer::alloc(unsigned long long n) noexcept {
     const bool pinnedBefore = std::exchange(shared.pinned, true);
-    void* block = memorySource.commit(n);
+    void* block = platform().commitPages(n);
     if (!block && depletionHandler && depletionHandler(n))
-        block = memorySource.commit(n);
+        block = platform().commitPages(n);
     shared.pinned = pinnedBefore;
     return block;
 }
@@ -78,14 +78,14 @@ void* BigBuffer::allocate(unsigned long long n) noexcept {
     unsigned long long capacity = roundedToPages((std::max)(n, smallestShared));
     if (shared.address) {
         capacity = doubledUpTo(shared.capacity, n);
-        memorySource.release(shared.address);
+        platform().releasePages(shared.address);
         shared.address = nullptr;
     }
     void* const block = alloc(capacity);
     // The depletion handler may have used a buffer meanwhile, which has taken the free place. A block that it
     // still holds becomes its own, one that it gave back is not kept.
     if (shared.address && !shared.inUse)
-        memorySource.release(shared.address);
+        platform().releasePages(shared.address);
     shared.address = block;
     shared.capacity = block ? capacity : 0;
     shared.inUse = block != nullptr;
@@ -107,7 +107,7 @@ void* BigBuffer::reallocate(unsigned long long n) noexcept {
     // private blocks have always come out so. It may be longer than the shared block, or that may be gone.
     if (shared.address)
         std::memcpy(block, shared.address, (std::min)(size_, shared.capacity));
-    memorySource.release(address_);
+    platform().releasePages(address_);
     if (holdsShared) {
         shared.address = block;
         shared.capacity = capacity;
@@ -121,7 +121,7 @@ void BigBuffer::clear() noexcept {
     if (address_ == shared.address)
         shared.inUse = false;
     else
-        memorySource.release(address_);
+        platform().releasePages(address_);
     address_ = nullptr;
     size_ = 0;
 }
@@ -129,7 +129,7 @@ void BigBuffer::clear() noexcept {
 bool BigBuffer::compact() noexcept {
     if (!shared.address || shared.inUse || shared.pinned)
         return false;
-    memorySource.release(shared.address);
+    platform().releasePages(shared.address);
     shared.address = nullptr;
     shared.capacity = 0;
     return true;

@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "io/ini_numbers.h"
 #include "io/name_places.h"
 
@@ -5,6 +6,8 @@
 #include <vexel/ini.h>
 
 namespace vxio {
+
+using Vexel::Detail::stringOf;
 
 using Vexel::Detail::findName;
 using Vexel::Detail::notListed;
@@ -18,7 +21,7 @@ IniFileSection& IniFile::GetOrCreateSection(std::wstring_view name) {
     const std::size_t place = findName(sections_, places_, name);
     if (place != notListed)
         return sections_[place].second;
-    sections_.emplace_back(CStringW(name.data(), static_cast<int>(name.size())), IniFileSection());
+    sections_.emplace_back(stringOf(name), IniFileSection());
     try {
         Vexel::Detail::addPlace(sections_, places_);
     } catch (...) {
@@ -72,7 +75,7 @@ CStringW IniFile::GetString(std::wstring_view section, std::wstring_view key,
 
 CStringW IniFile::GetString(std::wstring_view section, std::wstring_view key,
                             std::wstring_view fallback) const {
-    return GetString(section, key, CStringW(fallback.data(), static_cast<int>(fallback.size())));
+    return GetString(section, key, stringOf(fallback));
 }
 
 int IniFile::GetInt(std::wstring_view section, std::wstring_view key, int fallback) const {

@@ -1,5 +1,7 @@
 #include "io/ini_numbers.h"
 
+#include "base/text.h"
+
 #include <array>
 #include <charconv>
 #include <climits>
@@ -29,7 +31,7 @@ std::optional<std::string> narrowed(std::wstring_view text) {
 
 CStringW widened(const char* begin, const char* end) {
     const std::wstring wide(begin, end);
-    return {wide.data(), static_cast<int>(wide.size())};
+    return stringOf(wide);
 }
 
 } // namespace

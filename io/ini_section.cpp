@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "io/ini_numbers.h"
 #include "io/name_places.h"
 
@@ -6,6 +7,8 @@
 #include <iterator>
 
 namespace vxio {
+
+using Vexel::Detail::stringOf;
 
 using Vexel::Detail::findName;
 using Vexel::Detail::notListed;
@@ -32,7 +35,7 @@ void IniFileSection::setString(const CStringW& key, const CStringW& value) {
 }
 
 void IniFileSection::setString(std::wstring_view key, const CStringW& value) {
-    setString(CStringW(key.data(), static_cast<int>(key.size())), value);
+    setString(stringOf(key), value);
 }
 
 IniFileSection& IniFileSection::SetString(std::wstring_view key, const CStringW& value) {
@@ -84,7 +87,7 @@ CStringW IniFileSection::GetString(std::wstring_view key, const CStringW& fallba
 
 CStringW IniFileSection::GetString(std::wstring_view key, std::wstring_view fallback) const {
     const CStringW* const value = find(key);
-    return value ? *value : CStringW(fallback.data(), static_cast<int>(fallback.size()));
+    return value ? *value : stringOf(fallback);
 }
 
 int IniFileSection::GetInt(std::wstring_view key, int fallback) const {

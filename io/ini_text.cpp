@@ -1,5 +1,6 @@
 // Settings files as text.
 
+#include "base/text.h"
 #include "io/ini_numbers.h"
 #include "io/name_places.h"
 #include "io/text_encoding.h"
@@ -14,13 +15,12 @@
 
 namespace vxio {
 
+using Vexel::Detail::stringOf;
 using Vexel::Detail::trimmed;
 using Vexel::Detail::viewOf;
 using Vexel::Detail::WholeFile;
 
 namespace {
-
-CStringW toString(std::wstring_view text) { return {text.data(), static_cast<int>(text.size())}; }
 
 std::wstring_view unquoted(std::wstring_view value) noexcept {
     const bool quoted = value.size() >= 2 && value.front() == value.back() &&
@@ -68,7 +68,7 @@ bool parse(TextFileReadStream& stream, IniFile& file) {
         if (!entry || !section)
             return false;
         if (entry->value.find(L'\n') == std::wstring_view::npos)
-            section->SetString(entry->key, toString(entry->value));
+            section->SetString(entry->key, stringOf(entry->value));
     }
     return stream.GetPosition() == stream.GetLength();
 }

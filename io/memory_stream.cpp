@@ -1,4 +1,4 @@
-#include "io/memory_blocks.h"
+#include "base/platform.h"
 #include "io/small_copy.h"
 
 #include <vexel/memory_streams.h>
@@ -9,7 +9,7 @@
 #include <utility>
 
 using Vexel::Detail::copyBytes;
-using Vexel::Detail::memorySource;
+using Vexel::Detail::platform;
 
 namespace Vexel::Storage {
 namespace {
@@ -36,7 +36,7 @@ DynamicBuffer& DynamicBuffer::operator=(DynamicBuffer&& other) noexcept {
 
 DynamicBuffer::~DynamicBuffer() {
     if (ownsMemory)
-        memorySource.free(data);
+        platform().freeMemory(data);
     data = nullptr;
     size = 0;
     capacity = 0;
@@ -119,7 +119,7 @@ bool InMemoryIStream::resize(unsigned long long newSize) noexcept {
 
 void InMemoryIStream::freeMemory() noexcept {
     if (private_->ownsMemory)
-        memorySource.free(private_->data);
+        platform().freeMemory(private_->data);
     private_->data = nullptr;
     private_->size = 0;
     private_->capacity = 0;

@@ -1,7 +1,7 @@
 // How memory streams grow. Apart from the rest, so that no compiler draws it into writes for which there is
 // room: they need fewer registers without it.
 
-#include "io/memory_blocks.h"
+#include "base/platform.h"
 
 #include <vexel/memory_streams.h>
 
@@ -10,7 +10,7 @@
 #include <functional>
 #include <limits>
 
-using Vexel::Detail::memorySource;
+using Vexel::Detail::platform;
 
 namespace Vexel::Storage {
 namespace {
@@ -59,7 +59,7 @@ bool InMemoryIStream::enlarge(unsigned long long newCapacity) noexcept {
     Private& buffer = *private_;
     if (!buffer.ownsMemory)
         return false;
-    void* const block = memorySource.reallocate(buffer.data, newCapacity);
+    void* const block = platform().reallocate(buffer.data, newCapacity);
     if (!block)
         return false;
     buffer.data = static_cast<unsigned char*>(block);

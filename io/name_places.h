@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/text.h"
+
 #include <vexel/ini.h>
 
 #include <cstddef>
@@ -15,10 +17,6 @@ inline constexpr std::size_t notListed = ~std::size_t{0};
 
 /// Equal for names that are equal without regard to case, in every locale of the C library: it folds more.
 std::size_t hashName(std::wstring_view name) noexcept;
-
-inline std::wstring_view viewOf(const CStringW& text) noexcept {
-    return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
-}
 
 inline bool isSameName(const CStringW& a, std::wstring_view b) noexcept {
     return static_cast<std::size_t>(a.GetLength()) == b.size() &&

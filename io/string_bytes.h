@@ -1,6 +1,6 @@
 #pragma once
 
-#include <vexel/framework.h>
+#include "base/text.h"
 
 #include <algorithm>
 #include <cstddef>
@@ -65,7 +65,7 @@ unsigned long long readUniString(unsigned long bytes, Read read, CStringW& text)
     return readWide(bytes, read, [&](std::wstring_view wide) {
         wide = wide.substr(0, bytes / 2);
         wide = wide.substr(0, wide.find_last_not_of(L'\0') + 1);
-        text.SetString(wide.data(), static_cast<int>(wide.size()));
+        assign(text, wide);
     });
 }
 

@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "io/com_stream.h"
 #include "io/string_bytes.h"
 
@@ -185,5 +186,5 @@ void VxwReadCArchiveString(vxio::IReadStream& stream, CStringW& text) {
     if (length > 0x7FFFFFFF)
         AfxThrowArchiveException(CArchiveException::genericException, nullptr);
     readWide(length * 2, readerOf(stream),
-             [&](std::wstring_view wide) { text.SetString(wide.data(), static_cast<int>(wide.size())); });
+             [&](std::wstring_view wide) { Vexel::Detail::assign(text, wide); });
 }

@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "io/encoding_guess.h"
 #include "io/text_encoding.h"
 
@@ -103,7 +104,7 @@ std::size_t TextFileReadStream::findLineEnd(std::size_t from) const noexcept {
 
 void TextFileReadStream::decode(const unsigned char* bytes, std::size_t size, CStringW& line) {
     hasReplaced_ = !Vexel::Detail::decodeText({bytes, size}, encoding_, text_) || hasReplaced_;
-    line = CStringW(text_.data(), static_cast<int>(text_.size()));
+    line = Vexel::Detail::stringOf(text_);
 }
 
 bool TextFileReadStream::ReadString(CStringW& line) {

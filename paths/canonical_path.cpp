@@ -1,3 +1,4 @@
+#include "base/text.h"
 #include "paths/path_text.h"
 
 #include <vexel/paths.h>
@@ -83,9 +84,7 @@ std::wstring Canonical(std::wstring_view path) {
 std::wstring& CanonicalizeFileSystemPath(std::wstring* path) { return *path = Canonical(*path); }
 
 CString& CanonicalizeFileSystemPath(CString* path) {
-    const std::wstring canonical =
-        Canonical({path->GetString(), static_cast<std::size_t>(path->GetLength())});
-    path->SetString(canonical.data(), static_cast<int>(canonical.size()));
+    Detail::assign(*path, Canonical(Detail::viewOf(*path)));
     return *path;
 }
 

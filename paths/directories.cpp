@@ -1,11 +1,11 @@
-#include "paths/platform_files.h"
+#include "base/platform.h"
+#include "base/task_memory.h"
 
 #include <vexel/paths.h>
 
 #include <objbase.h>
 #include <shlobj.h>
 
-#include <memory>
 #include <vector>
 
 namespace Vexel {
@@ -15,16 +15,11 @@ namespace {
 // {F1B32785-6FBA-4FCF-9D55-7B8E7F157091}, here by value so that no import library of identifiers is needed.
 constexpr GUID LocalAppData{0xF1B32785, 0x6FBA, 0x4FCF, {0x9D, 0x55, 0x7B, 0x8E, 0x7F, 0x15, 0x70, 0x91}};
 
-struct TaskMemoryDeleter {
-    void operator()(wchar_t* memory) const noexcept { CoTaskMemFree(memory); }
-};
-using TaskMemoryText = std::unique_ptr<wchar_t, TaskMemoryDeleter>;
-
 /// The folder's path, or null. The shell may hand out a buffer even when it fails.
-TaskMemoryText FindKnownFolder(GUID const& folderId, DWORD flags) {
+Detail::TaskText FindKnownFolder(GUID const& folderId, DWORD flags) {
     wchar_t* buffer = nullptr;
-    const HRESULT result = Detail::Platform().getKnownFolder(folderId, flags, nullptr, &buffer);
-    TaskMemoryText path(buffer);
+    const HRESULT result = Detail::platform().getKnownFolder(folderId, flags, nullptr, &buffer);
+    Detail::TaskText path(buffer);
     if (result != S_OK)
         path.reset();
     return path;
@@ -37,7 +32,7 @@ DWORD CreateOneDirectory(std::wstring const& path) {
     const DWORD error = GetLastError();
     // The code for a directory that exists differs (a drive is "access denied"), so look for oneself.
     Detail::EntryInfo info;
-    if (Detail::Platform().readEntry(path.c_str(), true, info) != ERROR_SUCCESS)
+    if (Detail::platform().readEntry(path.c_str(), true, info) != ERROR_SUCCESS)
         return error;
     return (info.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS;
 }
@@ -81,19 +76,19 @@ bool CreateDirectories(std::wstring_view path, std::error_code* error, int /*res
 }
 
 CString GetKnownFolderPath(GUID const& folderId, bool create) {
-    const TaskMemoryText path = FindKnownFolder(folderId, create ? DWORD{KF_FLAG_CREATE} : 0);
+    const Detail::TaskText path = FindKnownFolder(folderId, create ? DWORD{KF_FLAG_CREATE} : 0);
     return path ? CString(path.get()) : CString();
 }
 
 bool GetUserDataFolderPath(CString* path) {
-    const TaskMemoryText found = FindKnownFolder(LocalAppData, 0);
+    const Detail::TaskText found = FindKnownFolder(LocalAppData, 0);
     if (found)
         *path = found.get();
     return found != nullptr;
 }
 
 bool GetUserDataFolderPath(std::wstring* path) {
-    const TaskMemoryText found = FindKnownFolder(LocalAppData, 0);
+    const Detail::TaskText found = FindKnownFolder(LocalAppData, 0);
     if (found)
         *path = found.get();
     return found != nullptr;

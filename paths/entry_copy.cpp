@@ -1,6 +1,6 @@
-#include "paths/file_handle.h"
+#include "base/handles.h"
+#include "base/platform.h"
 #include "paths/path_text.h"
-#include "paths/platform_files.h"
 
 #include <vexel/paths.h>
 
@@ -35,26 +35,11 @@ struct Entry {
     bool directory = false;
 };
 
-class FindHandle {
-public:
-    explicit FindHandle(HANDLE handle) noexcept : handle_(handle) {}
-    FindHandle(FindHandle const&) = delete;
-    FindHandle& operator=(FindHandle const&) = delete;
-    ~FindHandle() {
-        if (handle_ != INVALID_HANDLE_VALUE)
-            FindClose(handle_);
-    }
-    HANDLE get() const noexcept { return handle_; }
-
-private:
-    HANDLE handle_;
-};
-
 std::error_code SystemError(DWORD code) { return {static_cast<int>(code), std::system_category()}; }
 
 std::error_code ReadTarget(std::wstring const& path, Entry& entry) {
     Detail::EntryInfo info;
-    const DWORD error = Detail::Platform().readEntry(path.c_str(), true, info);
+    const DWORD error = Detail::platform().readEntry(path.c_str(), true, info);
     entry = {error == ERROR_SUCCESS, (info.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0}; // none on failure
     if (error == ERROR_SUCCESS || error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND)
         return {};
@@ -87,7 +72,7 @@ std::wstring Join(std::wstring_view directory, std::wstring_view name) {
 
 std::error_code ListDirectory(std::wstring const& directory, std::vector<std::wstring>& names) {
     WIN32_FIND_DATAW found{};
-    const FindHandle search(FindFirstFileW(Join(directory, L"*").c_str(), &found));
+    const Detail::SearchHandle search(FindFirstFileW(Join(directory, L"*").c_str(), &found));
     if (search.get() == INVALID_HANDLE_VALUE) {
         const DWORD error = GetLastError();
         return error == ERROR_FILE_NOT_FOUND ? std::error_code() : SystemError(error); // an empty drive root
@@ -106,7 +91,7 @@ std::error_code CopyOneFile(CopyJob const& job, Entry const& target, FlagSet<Cop
     // The system would truncate or lock a file that it copies onto itself.
     if (target.exists && (!overwrite || IsSameEntry(job.source, job.target)))
         return std::make_error_code(std::errc::file_exists);
-    if (!Detail::Platform().copyFile(job.source.c_str(), job.target.c_str(), overwrite ? FALSE : TRUE))
+    if (!Detail::platform().copyFile(job.source.c_str(), job.target.c_str(), overwrite ? FALSE : TRUE))
         return SystemError(GetLastError());
     return {};
 }
@@ -150,7 +135,7 @@ bool LeadsBack(std::vector<CopyJob> const& jobs, CopyJob const& job) {
 std::error_code PlanOne(std::vector<CopyJob>& jobs, std::size_t index, FlagSet<CopyingFlag> flags) {
     const CopyJob parent = jobs[index];
     Detail::EntryInfo source;
-    if (const DWORD error = Detail::Platform().readEntry(parent.source.c_str(), true, source))
+    if (const DWORD error = Detail::platform().readEntry(parent.source.c_str(), true, source))
         return SystemError(error);
     if ((source.attributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
         return {};
@@ -196,7 +181,7 @@ std::error_code ClearReadOnly(std::wstring const& path) {
     if ((attributes & FILE_ATTRIBUTE_READONLY) == 0)
         return {};
     const DWORD writable = attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
-    return Detail::Platform().setAttributes(path.c_str(), writable) ? std::error_code()
+    return Detail::platform().setAttributes(path.c_str(), writable) ? std::error_code()
                                                                     : SystemError(GetLastError());
 }
 

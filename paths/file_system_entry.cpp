@@ -1,4 +1,4 @@
-#include "paths/platform_files.h"
+#include "base/platform.h"
 
 #include <vexel/paths.h>
 
@@ -30,12 +30,12 @@ bool FileSystemEntryExists(std::wstring_view path) {
         return false;
     const std::wstring text(path);
     Detail::EntryInfo info;
-    const DWORD error = Detail::Platform().readEntry(text.c_str(), false, info);
+    const DWORD error = Detail::platform().readEntry(text.c_str(), false, info);
     if (error != ERROR_SUCCESS)
         return error == ERROR_SHARING_VIOLATION; // somebody keeps the entry to himself, so there is one
     if ((info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0)
         return true;
-    return !MeansNotFound(Detail::Platform().readEntry(text.c_str(), true, info));
+    return !MeansNotFound(Detail::platform().readEntry(text.c_str(), true, info));
 }
 
 std::filesystem::file_type GetFileSystemEntryType(std::wstring_view path) {
@@ -43,7 +43,7 @@ std::filesystem::file_type GetFileSystemEntryType(std::wstring_view path) {
     if (path.empty())
         return file_type::none;
     Detail::EntryInfo info;
-    const DWORD error = Detail::Platform().readEntry(std::wstring(path).c_str(), false, info);
+    const DWORD error = Detail::platform().readEntry(std::wstring(path).c_str(), false, info);
     if (error != ERROR_SUCCESS)
         return MeansNotFound(error) ? file_type::not_found : file_type::none;
 

@@ -1,3 +1,5 @@
+#include "base/text.h"
+
 #include <vexel/paths.h>
 
 #include <shlwapi.h>
@@ -23,7 +25,7 @@ int VxwReplaceExt(CString& name, wchar_t const* extension) {
 }
 
 int VxwIsThisAPath(CString const& text) {
-    const std::wstring_view view(text.GetString(), static_cast<std::size_t>(text.GetLength()));
+    const std::wstring_view view = Vexel::Detail::viewOf(text);
     constexpr std::size_t nowhere = std::wstring_view::npos;
     if (view.empty() || view.find_first_of(L"*?\"<>|") != nowhere)
         return FALSE;

@@ -1,6 +1,6 @@
+#include "base/spin_lock.h"
 #include "paths/path_name_flags.h"
 #include "paths/path_name_text.h"
-#include "paths/spin_lock.h"
 
 #include <vexel/path_name.h>
 #include <vexel/paths.h>

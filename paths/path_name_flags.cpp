@@ -2,7 +2,7 @@
 
 #include "paths/path_name_flags.h"
 
-#include "paths/spin_lock.h"
+#include "base/spin_lock.h"
 
 #include <vexel/path_name.h>
 #include <vexel/paths.h>

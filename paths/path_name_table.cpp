@@ -1,6 +1,7 @@
 #include "paths/path_name_table.h"
 
-#include "paths/spin_lock.h"
+#include "base/spin_lock.h"
+#include "base/text.h"
 
 #include <climits>
 #include <cstddef>
@@ -85,7 +86,7 @@ std::unique_ptr<SharedPathEntry> makeEntry(std::wstring_view text, std::uint32_t
     if (text.size() > INT_MAX)
         AfxThrowMemoryException();
     auto entry = std::make_unique<SharedPathEntry>();
-    entry->text.SetString(text.data(), static_cast<int>(text.size()));
+    assign(entry->text, text);
     entry->hash = hash;
     return entry;
 }

@@ -2,6 +2,7 @@
 
 #include "paths/path_name_text.h"
 
+#include "base/text.h"
 #include "paths/path_name_hash.h"
 #include "paths/path_name_table.h"
 
@@ -29,7 +30,7 @@ public:
         }
         if (text.size() > INT_MAX)
             AfxThrowMemoryException();
-        large_.SetString(text.data(), static_cast<int>(text.size()));
+        assign(large_, text);
         view_ = viewOf(large_);
     }
 

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/text.h"
+
 #include <vexel/path_name.h>
 
 #include <string_view>
@@ -18,9 +20,5 @@ SharedPathEntry* internPart(std::wstring_view part);
 /// never made canonical ("C:x", "\foo" and the like are names as any other). A path name made with case of a
 /// text that is canonical already is the same name.
 SharedPathName nameAsGiven(std::wstring_view text);
-
-inline std::wstring_view viewOf(const CString& text) noexcept {
-    return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
-}
 
 } // namespace Vexel::Detail

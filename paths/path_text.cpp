@@ -1,5 +1,7 @@
 #include "paths/path_text.h"
 
+#include "base/text.h"
+
 #include <vexel/paths.h>
 
 #include <climits>
@@ -11,10 +13,6 @@ namespace Vexel {
 namespace {
 
 constexpr std::size_t NoExtension = std::wstring_view::npos;
-
-std::wstring_view ViewOf(CString const& text) {
-    return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
-}
 
 /// Where the dot of the extension of `name` stands; `name` is a file-name part alone.
 std::size_t FindExtensionInName(std::wstring_view name) noexcept {
@@ -103,7 +101,7 @@ std::wstring_view RemoveTrailingPathSeparators(std::wstring_view path) {
 }
 
 CString& RemoveTrailingPathSeparators(CString* path) {
-    path->Truncate(static_cast<int>(RemoveTrailingPathSeparators(ViewOf(*path)).size()));
+    path->Truncate(static_cast<int>(RemoveTrailingPathSeparators(Detail::viewOf(*path)).size()));
     return *path;
 }
 
@@ -117,8 +115,8 @@ std::wstring& ChangeFileExtension(std::wstring* path, std::wstring_view extensio
 }
 
 CString& ChangeFileExtension(CString* path, std::wstring_view extension) {
-    const std::wstring changed = WithExtension(ViewOf(*path), extension);
-    path->SetString(changed.data(), static_cast<int>(changed.size()));
+    const std::wstring changed = WithExtension(Detail::viewOf(*path), extension);
+    Detail::assign(*path, changed);
     return *path;
 }
 
@@ -126,7 +124,7 @@ CString ConvertFileSystemPath(std::filesystem::path const& path) {
     std::wstring const& text = path.native();
     if (text.size() >= INT_MAX)
         throw std::length_error("the path is too long for a string");
-    return {text.data(), static_cast<int>(text.size())};
+    return Detail::stringOf(text);
 }
 
 } // namespace Vexel

@@ -1,6 +1,6 @@
-#include "paths/file_handle.h"
-#include "paths/platform_files.h"
-#include "paths/process_end.h"
+#include "base/handles.h"
+#include "base/platform.h"
+#include "base/process_end.h"
 #include "paths/temp_names.h"
 
 #include <vexel/diagnostics.h>
@@ -27,7 +27,7 @@
 
 using Vexel::Detail::FileHandle;
 using Vexel::Detail::isProcessEnding;
-using Vexel::Detail::Platform;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -55,12 +55,12 @@ struct MarkedFile {
 /// Whether the file is gone. A failure is logged unless it was logged for this file a minute ago or less.
 bool DeleteTempFile(SharedPathName const& name, FailureNote& lastFailure) {
     constexpr DWORD silentMilliseconds = 60001;
-    if (Platform().deleteFile(name.asString()))
+    if (platform().deleteFile(name.asString()))
         return true;
     const DWORD error = GetLastError();
     if (error == ERROR_FILE_NOT_FOUND)
         return true;
-    const DWORD now = Platform().getTickCount();
+    const DWORD now = platform().getTickCount();
     if (error == lastFailure.error && now - lastFailure.tick < silentMilliseconds)
         return false;
     lastFailure = {now, error};
@@ -204,7 +204,7 @@ bool TempFileContainer::State::startThread() {
         return false;
     try {
         PinModule();
-        deletionThread = Platform().startThread([this] { runDeletionThread(); });
+        deletionThread = platform().startThread([this] { runDeletionThread(); });
         return true;
     } catch (std::exception const& error) {
         VxLog_Write(VxLog_Error, "Failed to start the temporary file deletion thread: %s", error.what());
@@ -330,7 +330,7 @@ SharedPathName TempFileContainer::insert(SharedPathName const& name, bool holdHa
         // Of a link the link itself, as DeleteFileW does, and not what it leads to.
         constexpr DWORD flags = FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT;
         record.handle = FileHandle(
-            Platform().openFile(name.asString(), 0, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
+            platform().createFile(name.asString(), 0, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
     }
     return name;
 }
@@ -349,7 +349,7 @@ SharedPathName TempFileContainer::insertCopy(wchar_t const* source, wchar_t cons
 
     SharedPathName target = insert(prefix, extension, holdHandle, userFlag);
     VxLog_WriteW(VxLog_Notice, L"Copying file \"%ls\" to \"%ls\"...", source, target.asString());
-    if (!Platform().copyFile(source, target.asString(), FALSE)) {
+    if (!platform().copyFile(source, target.asString(), FALSE)) {
         const DWORD code = GetLastError();
         report(code);
         VxLog_WriteW(VxLog_Error, L"Failed to copy file \"%ls\" to \"%ls\": 0x%08x", source,
@@ -359,7 +359,7 @@ SharedPathName TempFileContainer::insertCopy(wchar_t const* source, wchar_t cons
     }
     report(ERROR_SUCCESS);
     // A read-only source must not make a temporary file that cannot be written or deleted.
-    if (!Platform().setAttributes(target.asString(), FILE_ATTRIBUTE_NORMAL)) {
+    if (!platform().setAttributes(target.asString(), FILE_ATTRIBUTE_NORMAL)) {
         VxLog_WriteW(VxLog_Minor, L"Failed to change attributes of the file \"%ls\": 0x%08x",
                      target.asString(), GetLastError());
     }

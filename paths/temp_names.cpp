@@ -1,7 +1,8 @@
 #include "paths/temp_names.h"
 
-#include "paths/platform_files.h"
-#include "paths/process_end.h"
+#include "base/platform.h"
+#include "base/process_end.h"
+#include "base/text.h"
 
 #include <vexel/diagnostics.h>
 
@@ -21,7 +22,7 @@ std::atomic<unsigned long long> nextName{0};
 
 void ComputeDirectory(TempNaming& naming) noexcept {
     const auto capacity = static_cast<DWORD>(naming.directory.size());
-    const DWORD length = Platform().getTempPath(capacity, naming.directory.data());
+    const DWORD length = platform().getTempPath(capacity, naming.directory.data());
     if (length == 0) {
         VxLog_Write(VxLog_Error, "Failed to get the path to the temporary directory: 0x%08lx",
                     GetLastError());
@@ -44,7 +45,7 @@ void ComputeProcessTag(TempNaming& naming) noexcept {
     FILETIME exited{};
     FILETIME kernel{};
     FILETIME user{};
-    if (!Platform().getProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) {
+    if (!platform().getProcessTimes(GetCurrentProcess(), &created, &exited, &kernel, &user)) {
         VxLog_Write(VxLog_Error, "Failed to get timing information of the process: 0x%08lx", GetLastError());
         return;
     }
@@ -96,7 +97,7 @@ CString MakeTempFileName(wchar_t const* prefix, wchar_t const* extension) {
             name += L'.';
         name += extension;
     }
-    return {name.data(), static_cast<int>(name.size())};
+    return stringOf(name);
 }
 
 } // namespace Vexel::Detail

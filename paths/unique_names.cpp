@@ -1,9 +1,14 @@
+#include "base/text.h"
+
 #include <vexel/diagnostics.h>
 #include <vexel/paths.h>
 
 #include <limits>
 
 namespace vxio {
+
+using Vexel::Detail::stringOf;
+using Vexel::Detail::viewOf;
 
 namespace {
 
@@ -55,7 +60,7 @@ CString MakeCandidate(std::wstring_view name, NameParts const& parts, std::wstri
     std::wstring candidate(name.substr(0, parts.baseEnd));
     candidate += suffix;
     candidate += name.substr(parts.extension);
-    return {candidate.data(), static_cast<int>(candidate.size())};
+    return stringOf(candidate);
 }
 
 std::wstring MakeSuffix(unsigned counter, bool bracketStyle) {
@@ -73,11 +78,11 @@ bool MakeFileNameUnique(CString& name, std::function<std::error_code(CString con
         return false;
     const CounterStyle wanted = bracketStyle ? CounterStyle::Bracket : CounterStyle::Underscore;
 
-    std::wstring working(name.GetString(), static_cast<std::size_t>(name.GetLength()));
+    std::wstring working(viewOf(name));
     const NameParts given = Split(working, stripCounter ? wanted : CounterStyle::None);
     working.erase(given.baseEnd, given.extension - given.baseEnd);
 
-    CString candidate(working.data(), static_cast<int>(working.size()));
+    CString candidate = stringOf(working);
     std::error_code answer = probe(candidate);
     // A bracketed counter always gives way to the new one, else "a (1)" would grow to "a (1) (1)"; digits at
     // the end may be part of the name, and go only by request.

@@ -1,4 +1,4 @@
-#include "paths/file_handle.h"
+#include "base/handles.h"
 #include "storage/compound_check.h"
 
 #include <vexel/diagnostics.h>

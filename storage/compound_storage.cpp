@@ -1,10 +1,11 @@
 #include "storage/compound_storage.h"
 
-#include "paths/file_handle.h"
-#include "paths/process_end.h"
-#include "paths/status_guard.h"
+#include "base/handles.h"
+#include "base/platform.h"
+#include "base/process_end.h"
+#include "base/status.h"
+#include "base/status_guard.h"
 #include "storage/compound_check.h"
-#include "storage/platform_storage.h"
 
 #include <vexel/diagnostics.h>
 #include <vexel/temp_files.h>
@@ -141,9 +142,9 @@ bool VxCompoundStorage::getFileTimes(FILETIME* created, FILETIME* modified, FILE
     constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     Vexel::Detail::FileHandle file;
     callTwiceIfExhausted([&] {
-        file = Vexel::Detail::FileHandle(Vexel::Detail::StoragePlatform().createFile(
-            root_->name().asString(), GENERIC_READ, shareAll, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL,
-            nullptr));
+        file = Vexel::Detail::FileHandle(
+            Vexel::Detail::platform().createFile(root_->name().asString(), GENERIC_READ, shareAll, nullptr,
+                                                 OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
         return file ? S_OK : Vexel::Detail::storageStatus(GetLastError());
     });
     return file && GetFileTime(file.get(), created, accessed, modified);
@@ -197,9 +198,8 @@ HRESULT VxCompoundStorage::openFile(const SharedPathName& path, DWORD stgm) {
     options.usVersion = Vexel::Detail::compoundOptionsVersion();
     options.ulSectorSize = 4096;
     return Vexel::Detail::fetch(storage_, [&](IStorage** made) {
-        return Vexel::Detail::StoragePlatform().openStorage(path.asString(), stgm, STGFMT_DOCFILE, 0,
-                                                            &options, nullptr, IID_IStorage,
-                                                            reinterpret_cast<void**>(made));
+        return Vexel::Detail::platform().openStorage(path.asString(), stgm, STGFMT_DOCFILE, 0, &options,
+                                                     nullptr, IID_IStorage, reinterpret_cast<void**>(made));
     });
 }
 

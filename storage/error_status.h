@@ -1,5 +1,7 @@
 #pragma once
 
+#include "base/status.h"
+
 #include <windows.h>
 
 #include <objidl.h>
@@ -16,12 +18,6 @@ HRESULT statusOf(const std::error_code& error) noexcept;
 /// Whether a call failed for want of memory or file handles, so that it deserves a second attempt after a
 /// clean-up.
 bool isExhausted(HRESULT status) noexcept;
-
-/// A call's status with everything but S_OK as a failure. Storages and streams of others know more successes;
-/// none of them means that all of it was done.
-constexpr HRESULT outcomeOf(HRESULT status) noexcept {
-    return status == S_OK || FAILED(status) ? status : STG_E_READFAULT;
-}
 
 /// Sets `into` by `call(address)`. A failure, and a success that brings nothing, leave it as it is.
 template <class Interface, class Call>

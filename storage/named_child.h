@@ -1,6 +1,6 @@
 #pragma once
 
-#include "paths/status_guard.h"
+#include "base/status_guard.h"
 #include "storage/element_name.h"
 
 #include <vexel/storage.h>

@@ -1,13 +1,8 @@
+#include "base/task_memory.h"
 #include "storage/element_name.h"
 #include "storage/storage_item.h"
 
-#include <memory>
-
 namespace {
-
-struct FreeTaskMemory {
-    void operator()(void* memory) const noexcept { CoTaskMemFree(memory); }
-};
 
 StorageType typeOf(DWORD elementType) {
     switch (elementType) {
@@ -55,7 +50,7 @@ HRESULT VxStorageEnumerator::readAll(VxStorage& storage, IEnumSTATSTG& list) {
     };
     HRESULT status = S_OK;
     while (SUCCEEDED(status = storage.callTwiceIfExhausted(next)) && !isAtEnd) {
-        const std::unique_ptr<wchar_t, FreeTaskMemory> name(element.pwcsName);
+        const Vexel::Detail::TaskText name(element.pwcsName);
         const StorageType type = typeOf(element.type);
         if (type != StorageType{})
             entries_.push_back(

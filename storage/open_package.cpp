@@ -1,5 +1,5 @@
 #include "archive/szip_storage.h"
-#include "paths/status_guard.h"
+#include "base/status_guard.h"
 #include "storage/compound_check.h"
 #include "storage/error_status.h"
 

@@ -1,7 +1,7 @@
 #include "storage/package_storage.h"
 
 #include "archive/szip_storage.h"
-#include "paths/status_guard.h"
+#include "base/status_guard.h"
 
 #include <vexel/archive.h>
 #include <vexel/temp_files.h>

@@ -1,5 +1,6 @@
 // Path names in documents: here, above the streams and handles that hold them.
 
+#include "base/text.h"
 #include "paths/path_name_table.h"
 #include "storage/stream_lock.h"
 
@@ -22,8 +23,7 @@ void SharedPathName::attach(const CString& text, unsigned hash, bool caseSensiti
     clear();
     if (text.IsEmpty())
         return;
-    const std::wstring_view view(text.GetString(), static_cast<std::size_t>(text.GetLength()));
-    entry_ = Vexel::Detail::internPathName(view, hash, caseSensitive);
+    entry_ = Vexel::Detail::internPathName(Vexel::Detail::viewOf(text), hash, caseSensitive);
 }
 
 template <class ReadHash>

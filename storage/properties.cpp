@@ -1,4 +1,4 @@
-#include "paths/status_guard.h"
+#include "base/status_guard.h"
 #include "storage/element_name.h"
 #include "storage/property_set.h"
 

@@ -1,6 +1,7 @@
 #include "storage/property_values.h"
 
-#include "archive/task_memory.h"
+#include "base/task_memory.h"
+#include "base/text.h"
 
 #include <windows.h>
 
@@ -86,8 +87,7 @@ Result* taskCopy(ByteView bytes) {
 }
 
 wchar_t* taskText(const CStringW& text) {
-    wchar_t* const copy =
-        Storage::duplicateText({text.GetString(), static_cast<std::size_t>(text.GetLength())});
+    wchar_t* const copy = Detail::duplicateText(Detail::viewOf(text));
     if (!copy)
         throw std::bad_alloc();
     return copy;

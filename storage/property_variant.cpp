@@ -1,4 +1,4 @@
-#include "archive/task_memory.h"
+#include "base/task_memory.h"
 #include "storage/property_values.h"
 
 #include <vexel/properties.h>
@@ -43,7 +43,7 @@ PropertyVariant::PropertyVariant(bool value) noexcept : PropertyVariant() {
 }
 
 PropertyVariant::PropertyVariant(const wchar_t* value) : PropertyVariant() {
-    value_.pwszVal = Storage::duplicateText(value ? value : L"");
+    value_.pwszVal = Detail::duplicateText(value ? value : L"");
     if (!value_.pwszVal)
         throw std::bad_alloc();
     value_.vt = VT_LPWSTR;

@@ -1,10 +1,10 @@
-#include "archive/platform.h"
+#include "base/platform.h"
+#include "base/process_end.h"
+#include "base/status.h"
 #include "paths/path_name_flags.h"
-#include "paths/process_end.h"
 #include "storage/compound_storage.h"
 #include "storage/error_status.h"
 #include "storage/package_storage.h"
-#include "storage/platform_storage.h"
 #include "storage/root_factory.h"
 #include "storage/storage_item.h"
 
@@ -176,7 +176,7 @@ ItemRef<VxStorage> StorageContainer::findRoot(const RootKey& key) {
 
 /// Opens an existing file for writing for a moment.
 long StorageContainer::probe(const SharedPathName& path) {
-    const auto call = [&] { return Vexel::Detail::StoragePlatform().probeForWriting(path.asString()); };
+    const auto call = [&] { return Vexel::Detail::platform().probeForWriting(path.asString()); };
     DWORD error = call();
     if (Vexel::Detail::isExhausted(Vexel::Detail::storageStatus(error)) && freeForRetry())
         error = call();

@@ -1,7 +1,8 @@
 // Copying a storage with all that is in it.
 
+#include "base/status.h"
+#include "base/status_guard.h"
 #include "io/com_stream.h"
-#include "paths/status_guard.h"
 #include "storage/compound_check.h"
 #include "storage/element_name.h"
 #include "storage/item_ref.h"

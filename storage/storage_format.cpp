@@ -1,4 +1,4 @@
-#include "paths/file_handle.h"
+#include "base/handles.h"
 
 #include <vexel/storage.h>
 

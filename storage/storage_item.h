@@ -1,5 +1,6 @@
 #pragma once
 
+#include "base/status.h"
 #include "storage/error_status.h"
 #include "storage/item_ref.h"
 #include "storage/tree_lock.h"

@@ -1,3 +1,4 @@
+#include "base/status.h"
 #include "storage/compound_name.h"
 #include "storage/storage_item.h"
 

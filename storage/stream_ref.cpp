@@ -1,5 +1,5 @@
+#include "base/status_guard.h"
 #include "io/com_stream.h"
-#include "paths/status_guard.h"
 #include "storage/item_ref.h"
 #include "storage/named_child.h"
 #include "storage/storage_item.h"

@@ -1,6 +1,6 @@
 #include "storage/tree_lock.h"
 
-#include "paths/process_end.h"
+#include "base/process_end.h"
 #include "storage/storage_item.h"
 
 #include <functional>

@@ -2,6 +2,7 @@
 // when the file could not be read, has gone, or is another one.
 
 #include "archive/database.h"
+#include "base/platform.h"
 #include "support/archive_faults.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
@@ -198,7 +199,7 @@ TEST_F(State, NeverReplacesAFileThatIsNotTheOneItRead) {
 // Not everywhere does an open file keep others from putting another one in its place.
 TEST_F(State, NeverReplacesAFileThatCameInPlaceOfTheOpenOne) {
     make({{L"a", "1"}});
-    Vexel::Storage::Engine::platform().createFile = [](auto name, auto access, auto share, auto... others) {
+    Vexel::Detail::platform().createFile = [](auto name, auto access, auto share, auto... others) {
         return CreateFileW(name, access, share | FILE_SHARE_DELETE, others...);
     };
     SZipArchive archive(path_, false, true);

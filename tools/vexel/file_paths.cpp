@@ -28,8 +28,8 @@ PartialFile::PartialFile(const std::wstring& directory, std::wstring label) : la
     const std::wstring stem = directory + L"vexel-" + std::to_wstring(GetCurrentProcessId()) + L"-";
     for (unsigned number = 0; !file_; ++number) {
         path_ = stem + std::to_wstring(number) + L".part";
-        file_ = FileHandle(CreateFileW(path_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
-                                       FILE_ATTRIBUTE_NORMAL, nullptr));
+        file_ = Detail::FileHandle(CreateFileW(path_.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_NEW,
+                                               FILE_ATTRIBUTE_NORMAL, nullptr));
         if (!file_ && GetLastError() != ERROR_FILE_EXISTS)
             throw Failure(L"cannot create", label_, lastErrorStatus());
     }

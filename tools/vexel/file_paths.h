@@ -1,6 +1,6 @@
 #pragma once
 
-#include "file_handle.h"
+#include "base/handles.h"
 
 #include <string>
 
@@ -35,7 +35,7 @@ private:
 
     std::wstring path_; // empty: finished
     std::wstring label_;
-    FileHandle file_;
+    Detail::FileHandle file_;
 };
 
 } // namespace Vexel::Tool

@@ -1,7 +1,7 @@
+#include "base/handles.h"
 #include "command.h"
 #include "console.h"
 #include "document.h"
-#include "file_handle.h"
 #include "package_size.h"
 #include "text.h"
 
@@ -74,8 +74,8 @@ Contents contentsOf(const std::wstring& file) {
 
 Info infoOf(const std::wstring& file) {
     constexpr DWORD kAnyAccess = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    const FileHandle handle(CreateFileW(file.c_str(), GENERIC_READ, kAnyAccess, nullptr, OPEN_EXISTING,
-                                        FILE_ATTRIBUTE_NORMAL, nullptr));
+    const Detail::FileHandle handle(CreateFileW(file.c_str(), GENERIC_READ, kAnyAccess, nullptr,
+                                                OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
     Info info;
     if (!handle || !GetFileInformationByHandle(handle.get(), &info.file))
         throw Failure(L"cannot open", file, lastErrorStatus());

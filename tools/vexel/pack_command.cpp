@@ -38,11 +38,6 @@ struct Entry {
     FILETIME modified{};
 };
 
-struct CloseSearch {
-    using pointer = HANDLE;
-    void operator()(HANDLE search) const noexcept { FindClose(search); }
-};
-
 Entry entryOf(const Entry& directory, const WIN32_FIND_DATAW& found) {
     Entry entry;
     const std::wstring name = found.cFileName;
@@ -70,7 +65,7 @@ void appendChildren(std::vector<Entry>& entries, const Entry& directory) {
     const HANDLE first = FindFirstFileW(pattern.c_str(), &found);
     if (first == INVALID_HANDLE_VALUE)
         throw Failure(L"cannot list", directory.label, lastErrorStatus());
-    const std::unique_ptr<HANDLE, CloseSearch> search(first);
+    const Detail::SearchHandle search(first);
     do {
         checkStop();
         const std::wstring_view name = found.cFileName;

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "file_handle.h"
+#include "base/handles.h"
 
 #include <objidl.h>
 
@@ -31,7 +31,7 @@ private:
     bool readOnce(std::span<std::byte> buffer, DWORD& done);
 
     std::wstring name_;
-    FileHandle file_; // none: standard input, which is not ours to close
+    Detail::FileHandle file_; // none: standard input, which is not ours to close
     HANDLE handle_;
 };
 

@@ -1,6 +1,6 @@
-#include "paths/spin_lock.h"
+#include "base/spin_lock.h"
 
-#include "paths/process_end.h"
+#include "base/process_end.h"
 
 #include <thread>
 

@@ -2,7 +2,7 @@
 
 #include <windows.h>
 
-namespace Vexel::Storage::Engine {
+namespace Vexel::Detail {
 
 /// A Win32 error as a status of the storage facility, where the codes keep their numbers. Always a failure:
 /// a call that failed has failed, also where the system names no error.
@@ -16,6 +16,10 @@ constexpr HRESULT storageStatus(DWORD error) noexcept {
 constexpr HRESULT asStatus(HRESULT result, HRESULT otherwise = E_FAIL) noexcept {
     return result == S_OK || FAILED(result) ? result : otherwise;
 }
+
+/// A call's status with everything but S_OK as a failure. Storages and streams of others know more successes;
+/// none of them means that all of it was done.
+constexpr HRESULT outcomeOf(HRESULT status) noexcept { return asStatus(status, STG_E_READFAULT); }
 
 /// The first failure of a stream. The engine passes some on under another name, and others not at all.
 class FirstFailure {
@@ -33,4 +37,4 @@ private:
     HRESULT status_ = S_OK;
 };
 
-} // namespace Vexel::Storage::Engine
+} // namespace Vexel::Detail

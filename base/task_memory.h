@@ -3,9 +3,17 @@
 #include <objbase.h>
 
 #include <cstring>
+#include <memory>
 #include <string_view>
 
-namespace Vexel::Storage {
+namespace Vexel::Detail {
+
+struct FreeTaskMemory {
+    void operator()(void* memory) const noexcept { CoTaskMemFree(memory); }
+};
+
+/// A text that the system or an interface made for its caller.
+using TaskText = std::unique_ptr<wchar_t, FreeTaskMemory>;
 
 /// A zero-terminated copy for a caller to free by CoTaskMemFree; null without memory.
 inline wchar_t* duplicateText(std::wstring_view text) noexcept {
@@ -17,4 +25,4 @@ inline wchar_t* duplicateText(std::wstring_view text) noexcept {
     return copy;
 }
 
-} // namespace Vexel::Storage
+} // namespace Vexel::Detail

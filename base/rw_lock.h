@@ -1,6 +1,6 @@
 #pragma once
 
-#include "paths/process_end.h"
+#include "base/process_end.h"
 
 #include <atomic>
 #include <cstdint>
