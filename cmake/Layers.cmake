@@ -18,12 +18,12 @@ function(vexel_dll name)
   vexel_finish_dll(${name} ${arg_DESCRIPTION})
 endfunction()
 
-# One layer of the library: the sources of the folder `name` as objects, which go into the DLL and, for tests
+# One layer of the library: the sources in and below the folder `name` as objects, which go into the DLL and, for tests
 # that reach the internals, straight into a test program.
 set(VEXEL_LAYERS "")
 function(vexel_layer name)
   cmake_parse_arguments(arg "" "" "USES;LIBRARIES" ${ARGN})
-  file(GLOB sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
+  file(GLOB_RECURSE sources CONFIGURE_DEPENDS ${CMAKE_CURRENT_SOURCE_DIR}/${name}/*.cpp)
   if(NOT sources) # a layer that has only headers so far
     set(sources ${CMAKE_BINARY_DIR}/empty.cpp)
     file(CONFIGURE OUTPUT ${sources} CONTENT "// A layer without sources.\n")

@@ -1,6 +1,6 @@
 #include "base/platform.h"
-#include "storage/compound_storage.h"
-#include "storage/element_name.h"
+#include "storage/compound/compound_storage.h"
+#include "storage/tree/element_name.h"
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
 #include "support/scarce_memory.h"

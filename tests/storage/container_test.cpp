@@ -1,6 +1,6 @@
 #include "base/platform.h"
-#include "storage/error_status.h"
-#include "storage/stream_lock.h"
+#include "storage/handles/stream_lock.h"
+#include "storage/tree/error_status.h"
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
 #include "support/handles.h"

@@ -1,0 +1,63 @@
+#pragma once
+
+#include "storage/tree/storage_item.h"
+
+/// Compound files: nodes of the system's structured storage. Roots are opened or wrapped around a caller's
+/// interface, never made: new files are packages.
+class VxCompoundStorage final : public VxStorage {
+public:
+    /// A closed root for the file at `path`; without a path for a caller's interface.
+    explicit VxCompoundStorage(SharedPathName path) : VxCompoundStorage(std::move(path), nullptr, nullptr) {}
+
+    /// Whether a caller's interface says that it is for reading only.
+    static bool isOnlyForReading(IStorage* storage);
+    /// Makes `storage` the node's interface.
+    void attach(IStorage* storage, bool readOnly);
+
+    StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
+    void close() override;
+    bool retryAfterFailure(HRESULT status) override;
+    bool hasChild(const SharedPathName& name, StorageType type) override;
+    long createTemporary(bool flag) override;
+    long borrowPackedData(VxStorage* source) override;
+    /// The times of the root's file.
+    bool getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) override;
+    std::unique_ptr<VxStorage> newChildStorage(const SharedPathName& name) override;
+    std::unique_ptr<VxStream> newChildStream(const SharedPathName& name) override;
+    std::unique_ptr<VxStorageEnumerator> createEnumerator() override;
+    long clear() override;
+    long createRoot(DWORD stgm, DWORD reserved) override;
+    long openRoot(DWORD stgm) override;
+
+private:
+    VxCompoundStorage(SharedPathName name, VxStorage* parent, VxStorageItem* root)
+        : VxStorage(std::move(name), parent, root) {}
+
+    HRESULT check(const SharedPathName& path, DWORD stgm);
+    HRESULT openFile(const SharedPathName& path, DWORD stgm);
+    HRESULT openCopy(DWORD stgm, HRESULT otherwise);
+    HRESULT tryElement(const SharedPathName& name, StorageType type);
+    template <class Interface, class Call>
+    HRESULT tryOpening(Call call);
+};
+
+class VxCompoundStream final : public VxStream {
+public:
+    VxCompoundStream(SharedPathName name, VxStorage* parent, VxStorageItem* root)
+        : VxStream(std::move(name), parent, root) {}
+
+    StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
+};
+
+class VxCompoundStorageEnumerator final : public VxStorageEnumerator {
+public:
+    StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
+};
+
+namespace Vexel::Detail {
+
+/// The version of the options that root files are opened with: 2 until a system refuses it, then 1 for the
+/// rest of the process.
+std::atomic<USHORT>& compoundOptionsVersion() noexcept;
+
+} // namespace Vexel::Detail

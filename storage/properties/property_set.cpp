@@ -1,0 +1,150 @@
+// The sets of a stream.
+
+#include "storage/properties/property_set.h"
+
+#include <algorithm>
+#include <cstring>
+
+namespace Vexel::Detail {
+
+namespace {
+
+// Header (28 bytes): byte order (2), version (2), system (4), class (16), number of sets (4). Then for each
+// set its format (16) and where its section begins (4), and then the sections, which begin with their size.
+constexpr std::size_t headerSize = 28;
+constexpr std::size_t entrySize = 20;
+constexpr std::size_t smallestSection = 8;
+constexpr std::uint32_t byteOrder = 0xFFFE;
+constexpr std::uint32_t newestVersion = 1;
+constexpr std::uint32_t system = 2U << 16 | 10; // Windows 10
+constexpr std::uint32_t mostSets = 2;
+
+/// The number of sets; 0 when the stream is none, or its table is cut off.
+std::uint32_t countSets(ByteView stream) noexcept {
+    if (!has(stream, 0, headerSize) || (numberAt(stream, 0) & 0xFFFF) != byteOrder ||
+        numberAt(stream, 0) >> 16 > newestVersion)
+        return 0;
+    const std::uint32_t count = numberAt(stream, headerSize - 4);
+    return count <= mostSets && has(stream, headerSize, std::uint64_t{count} * entrySize) ? count : 0;
+}
+
+FMTID formatAt(ByteView stream, std::size_t index) noexcept {
+    FMTID format{};
+    std::memcpy(&format, stream.data() + headerSize + index * entrySize, sizeof format);
+    return format;
+}
+
+std::size_t offsetAt(ByteView stream, std::size_t index) noexcept {
+    return numberAt(stream, headerSize + index * entrySize + sizeof(FMTID));
+}
+
+/// The section at the begin of the bytes, empty when it is damaged. Some writers count the padding of the
+/// last value without writing it.
+ByteView sectionAt(ByteView bytes) noexcept {
+    constexpr std::size_t padding = 3;
+    if (bytes.size() < smallestSection)
+        return {};
+    const std::size_t size = numberAt(bytes, 0);
+    if (size < smallestSection || size > bytes.size() + padding)
+        return {};
+    return bytes.first((std::min)(size, bytes.size()));
+}
+
+} // namespace
+
+std::optional<ByteView> findSection(ByteView stream, REFFMTID format) {
+    const std::uint32_t count = countSets(stream);
+    if (count == 0)
+        return std::nullopt;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        if (formatAt(stream, i) != format)
+            continue;
+        const std::size_t offset = offsetAt(stream, i);
+        const ByteView section = offset < stream.size() ? sectionAt(stream.subspan(offset)) : ByteView();
+        return section.empty() ? std::nullopt : std::optional(section);
+    }
+    return ByteView();
+}
+
+bool PropertyStream::split(ByteView stream) {
+    const std::uint32_t count = countSets(stream);
+    if (count == 0)
+        return false;
+    std::vector<std::size_t> offsets;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        formats_.push_back(formatAt(stream, i));
+        offsets.push_back(offsetAt(stream, i));
+    }
+    auto blocks = splitBlocks(stream, headerSize + count * entrySize, offsets);
+    if (!blocks || (count > 1 && formats_.front() == formats_.back()))
+        return false;
+    header_ = stream.first(headerSize);
+    version_ = numberAt(stream, 0) >> 16;
+    blocks_ = std::move(*blocks);
+    return std::ranges::all_of(blocks_.list, [](const Block& block) {
+        PropertySection section;
+        const ByteView bytes = sectionAt(block.bytes);
+        return !bytes.empty() && section.split(bytes) && section.isSound();
+    });
+}
+
+ByteView PropertyStream::section(REFFMTID format) const noexcept {
+    const auto at = std::ranges::find(formats_, format);
+    return at == formats_.end()
+               ? ByteView()
+               : sectionAt(blocks_.list[static_cast<std::size_t>(at - formats_.begin())].bytes);
+}
+
+bool PropertyStream::put(REFFMTID format, std::vector<unsigned char>&& section) {
+    if (const auto at = std::ranges::find(formats_, format); at != formats_.end()) {
+        Block& block = blocks_.list[static_cast<std::size_t>(at - formats_.begin())];
+        const ByteView behind = block.bytes.subspan(sectionAt(block.bytes).size());
+        appendBytes(section, behind.data(), behind.size());
+        block.bytes = made_.emplace_back(std::move(section));
+        return true;
+    }
+    // The set of the user's own properties is always a stream's second one.
+    const bool isSecond = format == FMTID_UserDefinedProperties;
+    const FMTID& other = isSecond ? FMTID_DocSummaryInformation : FMTID_UserDefinedProperties;
+    const bool isAlone = formats_.size() == 1 && formats_.front() == other &&
+                         (isSecond || format == FMTID_DocSummaryInformation);
+    if (!formats_.empty() && !isAlone)
+        return false;
+    if (isSecond && formats_.empty())
+        add(other, PropertySection().join());
+    add(format, std::move(section));
+    if (!isSecond) {
+        std::ranges::reverse(formats_);
+        std::ranges::reverse(blocks_.list);
+    }
+    return true;
+}
+
+void PropertyStream::add(REFFMTID format, std::vector<unsigned char>&& section) {
+    formats_.push_back(format);
+    blocks_.list.push_back({newBlock, made_.emplace_back(std::move(section))});
+}
+
+std::vector<unsigned char> PropertyStream::join() {
+    std::vector<unsigned char> stream;
+    appendNumber(stream, byteOrder | version_ << 16);
+    if (header_.empty()) {
+        appendNumber(stream, system);
+        stream.resize(headerSize - 4); // no class
+    } else {
+        appendBytes(stream, header_.data() + 4, headerSize - 8);
+    }
+    appendNumber(stream, formats_.size());
+    const std::size_t table = stream.size();
+    stream.resize(table + formats_.size() * entrySize);
+    joinBlocks(blocks_, stream);
+    std::vector<unsigned char> entries;
+    for (std::size_t i = 0; i < formats_.size(); ++i) {
+        appendBytes(entries, &formats_[i], sizeof formats_[i]);
+        appendNumber(entries, blocks_.list[i].offset);
+    }
+    std::ranges::copy(entries, stream.begin() + static_cast<std::ptrdiff_t>(table));
+    return stream;
+}
+
+} // namespace Vexel::Detail

@@ -1,0 +1,31 @@
+#include "storage/tree/error_status.h"
+
+#include <utility>
+
+HRESULT Vexel::Detail::statusOf(const std::error_code& error) noexcept {
+    if (!error)
+        return S_OK;
+    if (error.category() == std::system_category())
+        return HRESULT_FROM_WIN32(static_cast<DWORD>(error.value()));
+
+    static constexpr std::pair<std::errc, HRESULT> conditions[] = {
+        {std::errc::no_such_file_or_directory, STG_E_FILENOTFOUND},
+        {std::errc::not_enough_memory, STG_E_INSUFFICIENTMEMORY},
+        {std::errc::permission_denied, STG_E_ACCESSDENIED},
+        {std::errc::not_a_directory, STG_E_PATHNOTFOUND},
+        {std::errc::is_a_directory, STG_E_INVALIDFUNCTION},
+        {std::errc::too_many_files_open_in_system, STG_E_TOOMANYOPENFILES},
+        {std::errc::too_many_files_open, STG_E_TOOMANYOPENFILES},
+        {std::errc::filename_too_long, STG_E_INVALIDNAME},
+    };
+    for (const auto& [condition, status] : conditions) {
+        if (error == condition)
+            return status;
+    }
+    return E_FAIL;
+}
+
+bool Vexel::Detail::isExhausted(HRESULT status) noexcept {
+    constexpr HRESULT outOfMemory = 8; // whatever the facility
+    return status == STG_E_TOOMANYOPENFILES || (FAILED(status) && HRESULT_CODE(status) == outOfMemory);
+}

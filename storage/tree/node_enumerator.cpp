@@ -1,0 +1,68 @@
+#include "base/task_memory.h"
+#include "storage/tree/element_name.h"
+#include "storage/tree/storage_item.h"
+
+namespace {
+
+StorageType typeOf(DWORD elementType) {
+    switch (elementType) {
+    case STGTY_STORAGE:
+        return StorageType::Storage;
+    case STGTY_STREAM:
+        return StorageType::Stream;
+    default:
+        return StorageType{};
+    }
+}
+
+} // namespace
+
+VxStorageEnumerator::~VxStorageEnumerator() = default;
+
+long VxStorageEnumerator::reset(VxStorage* storage) {
+    const Vexel::Detail::TreeLock lock(*storage);
+    entries_.clear();
+    next_ = 0;
+    entry_ = {};
+    status_ = S_OK;
+    Microsoft::WRL::ComPtr<IEnumSTATSTG> list;
+    HRESULT status = storage->ensureOpen();
+    if (SUCCEEDED(status))
+        status = storage->callTwiceIfExhausted([&]() -> HRESULT {
+            if (!storage->isOpen())
+                return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
+            return Vexel::Detail::fetch(list, [&](IEnumSTATSTG** made) {
+                return storage->storage()->EnumElements(0, nullptr, 0, made);
+            });
+        });
+    end_ = SUCCEEDED(status) ? readAll(*storage, *list.Get()) : status;
+    return status;
+}
+
+HRESULT VxStorageEnumerator::readAll(VxStorage& storage, IEnumSTATSTG& list) {
+    STATSTG element{};
+    bool isAtEnd = false;
+    const auto next = [&]() -> HRESULT {
+        element = {};
+        const HRESULT status = list.Next(1, &element, nullptr);
+        isAtEnd = status == S_FALSE;
+        return isAtEnd ? S_OK : status;
+    };
+    HRESULT status = S_OK;
+    while (SUCCEEDED(status = storage.callTwiceIfExhausted(next)) && !isAtEnd) {
+        const Vexel::Detail::TaskText name(element.pwcsName);
+        const StorageType type = typeOf(element.type);
+        if (type != StorageType{})
+            entries_.push_back(
+                {type, Vexel::Detail::elementName(name.get()), element.cbSize, element.ctime, element.mtime});
+    }
+    return isAtEnd ? S_FALSE : status;
+}
+
+bool VxStorageEnumerator::moveNext() {
+    const bool isThere = next_ < entries_.size();
+    entry_ = isThere ? std::move(entries_[next_++]) : Entry();
+    if (!isThere)
+        status_ = end_;
+    return isThere;
+}
