@@ -15,8 +15,6 @@
 namespace Vexel::Storage {
 
 using Detail::withStatus;
-using Engine::platform;
-using Engine::storageStatus;
 
 namespace {
 

@@ -15,6 +15,7 @@
 
 namespace Vexel::Storage {
 
+using Detail::outcomeOf;
 using Detail::withStatus;
 using Microsoft::WRL::ComPtr;
 
@@ -42,12 +43,12 @@ bool isAtOrInside(const CString& directory, const CString& path) noexcept {
     return path == directory || isInside(StringLess::view(directory), StringLess::view(path));
 }
 
-/// As `Detail::outcomeOf`, for a call that opens or makes an element: success without one is a failure.
+/// As `outcomeOf`, for a call that opens or makes an element: success without one is a failure.
 /// Packages answer so where there are data behind the end of the contents, other programs' storages as they
 /// like.
 template <class Element>
-HRESULT outcomeOf(HRESULT status, const ComPtr<Element>& element) noexcept {
-    return status == S_OK && !element ? STG_E_READFAULT : Detail::outcomeOf(status);
+HRESULT elementOutcome(HRESULT status, const ComPtr<Element>& element) noexcept {
+    return status == S_OK && !element ? STG_E_READFAULT : outcomeOf(status);
 }
 
 HRESULT copyBytes(::IStream* source, ::IStream* target) {
@@ -135,7 +136,7 @@ HRESULT SZipStorage::Copying::copyStream(SZipStorage& parent, const CString& nam
     const CString path = parent.childPath(name);
     ComPtr<::IStream> source;
     status = parent.OpenStream(name, nullptr, kReading, 0, &source);
-    status = outcomeOf(status, source);
+    status = elementOutcome(status, source);
     if (FAILED(status)) {
         log(L"Failed to open stream \"%ls|%ls\" for copying: 0x%08x", parent, path, status);
         return status;
@@ -147,7 +148,7 @@ HRESULT SZipStorage::Copying::copyStream(SZipStorage& parent, const CString& nam
     }
     ComPtr<::IStream> target;
     status = destination->CreateStream(newName, kMaking, 0, 0, &target);
-    status = outcomeOf(status, target);
+    status = elementOutcome(status, target);
     if (FAILED(status)) {
         log(L"Failed to create destination stream for copying \"%ls|%ls\": 0x%08x", parent, path, status);
         return status;
@@ -174,7 +175,7 @@ HRESULT SZipStorage::Copying::copyStorage(SZipStorage& parent, const CString& na
     HRESULT status = destination->CreateStorage(newName, kMakingStorage, 0, 0, &target);
     if (status == STG_E_FILEALREADYEXISTS) // what is in it stays, as with the system's storages
         status = destination->OpenStorage(newName, nullptr, kMakingStorage, nullptr, 0, &target);
-    status = outcomeOf(status, target);
+    status = elementOutcome(status, target);
     if (FAILED(status)) {
         log(L"Failed to create destination storage for copying \"%ls|%ls\": 0x%08x", parent, source->path_,
             status);

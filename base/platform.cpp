@@ -1,6 +1,6 @@
 #include "base/platform.h"
 
-#include "base/file_handle.h"
+#include "base/handles.h"
 #include "base/process_end_query.h"
 
 #include <cstdlib>

@@ -18,8 +18,8 @@ function(vexel_dll name)
   vexel_finish_dll(${name} ${arg_DESCRIPTION})
 endfunction()
 
-# One layer of the library: the sources in and below the folder `name` as objects, which go into the DLL and, for tests
-# that reach the internals, straight into a test program.
+# One layer of the library: the sources in and below the folder `name` as objects, which go into the DLL and,
+# for tests that reach the internals, straight into a test program.
 set(VEXEL_LAYERS "")
 function(vexel_layer name)
   cmake_parse_arguments(arg "" "" "USES;LIBRARIES" ${ARGN})
@@ -32,5 +32,6 @@ function(vexel_layer name)
   target_include_directories(vexel_${name} PUBLIC ${CMAKE_CURRENT_SOURCE_DIR})
   target_compile_definitions(vexel_${name} PRIVATE VEXEL_BUILDING)
   target_link_libraries(vexel_${name} PUBLIC vexel_headers ${arg_USES} ${arg_LIBRARIES} PRIVATE vexel_options)
+  vexel_precompile(vexel_${name} vexel_base ${VEXEL_COMMON_HEADERS})
   set(VEXEL_LAYERS ${VEXEL_LAYERS} vexel_${name} PARENT_SCOPE)
 endfunction()

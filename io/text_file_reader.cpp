@@ -104,7 +104,7 @@ std::size_t TextFileReadStream::findLineEnd(std::size_t from) const noexcept {
 
 void TextFileReadStream::decode(const unsigned char* bytes, std::size_t size, CStringW& line) {
     hasReplaced_ = !Vexel::Detail::decodeText({bytes, size}, encoding_, text_) || hasReplaced_;
-    line = Vexel::Detail::stringOf(text_);
+    line = Vexel::Detail::stringOf({text_.data(), text_.size()});
 }
 
 bool TextFileReadStream::ReadString(CStringW& line) {

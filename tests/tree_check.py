@@ -30,8 +30,6 @@ HEADER_LAYERS = {
 }
 
 
-
-
 def layer_of(path):
     """The layer's place in LAYERS; None for tests and the like, which may use everything."""
     if path.startswith(PUBLIC):

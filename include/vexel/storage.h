@@ -468,56 +468,6 @@ public:
     void clearAll();
 
 private:
-    friend class StorageRef;
-    friend class StreamRef;
-    friend class VxStorage;
-    friend class VxStorageItem;
-    template <class Item>
-    using ItemRef = Vexel::Detail::ItemRef<Item>;
-
-    StorageContainer();
-    ~StorageContainer();
-
-    // For the handles. The result carries its reference already; it is null when `status` is a failure.
-    ItemRef<VxStorage> openRoot(const SharedPathName& path, bool readOnly, bool keyed, long& status,
-                                bool rootFlag);
-    ItemRef<VxStorage> createRoot(const SharedPathName& path, bool convert, bool readOnly, bool keyed,
-                                  long& status);
-    ItemRef<VxStorage> createTemporaryRoot(long& status, bool flag);
-    ItemRef<VxStorage> wrap(IStorage* storage);
-
-    // For the tree's retry after exhausted memory or file handles: the callback, else deleteUnusedObjects.
-    bool freeForRetry();
-
-    using RootKey = std::pair<SharedPathName, bool>; // path, keyed
-    // The reference of its own keeps the interface's address from being met again for another object.
-    struct WrappedRoot {
-        Microsoft::WRL::ComPtr<IStorage> storage;
-        std::unique_ptr<VxStorage> root;
-    };
-    using Roots = std::multimap<RootKey, std::unique_ptr<VxStorage>>;
-    using Wrapped = std::multimap<IStorage*, WrappedRoot>;
-
-    ItemRef<VxStorage> findRoot(const RootKey& key);
-    ItemRef<VxStorage> enterRoot(const RootKey& key, std::unique_ptr<VxStorage> root, long status);
-    ItemRef<VxStorage> findWrapped(IStorage* storage);
-    long probe(const SharedPathName& path);
-    bool sweep(Roots& doomedRoots, Wrapped& doomedWrapped);
-    void forgetOldMissing();
-    void rememberMissing(const SharedPathName& path, long status);
-    long missingStatus(const SharedPathName& path);
-    void closeTemporaryRoots() noexcept;
-
-    // Recursive: a retry inside the opening of a root cleans up under the lock its own thread holds.
-    mutable std::recursive_mutex lock_;
-    std::map<RootKey, std::unique_ptr<VxStorage>> roots_;
-    std::map<IStorage*, WrappedRoot> wrapped_;
-    std::map<SharedPathName, long> missing_; // of one period of caching path flags
-    std::atomic<bool (*)()> callback_{nullptr};
-    std::atomic<bool> createOnDisk_{false};
-    // Roots out of the tables that handles are still on. The nodes of the tables move here, which needs no
-    // memory.
-    Roots detachedRoots_;
-    Wrapped detachedWrapped_;
-    unsigned long long missingPeriod_ = 0;
+    constexpr StorageContainer() noexcept = default;
+    ~StorageContainer() = default;
 };

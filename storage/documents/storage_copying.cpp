@@ -4,6 +4,7 @@
 #include "base/status_guard.h"
 #include "io/com_stream.h"
 #include "storage/compound/compound_check.h"
+#include "storage/handles/root_tables.h"
 #include "storage/tree/element_name.h"
 #include "storage/tree/item_ref.h"
 #include "storage/tree/storage_item.h"
@@ -374,10 +375,10 @@ long StorageRef::copyTo(const StorageRef& target) const {
 long StorageRef::convert(const SharedPathName& path, RootStorageOpenMode mode) {
     return withStatus([&, kept = path] {
         close();
-        const bool readOnly = mode != RootStorageOpenMode::ReadWrite;
-        const bool keyed = mode != RootStorageOpenMode::ReadOnly;
         long status = E_FAIL;
-        item_ = StorageContainer::Instance().createRoot(kept, true, readOnly, keyed, status).detach();
+        item_ = Vexel::Detail::rootTables()
+                    .convert(kept, Vexel::Detail::rootOptions(mode, false), status)
+                    .detach();
         return status;
     });
 }

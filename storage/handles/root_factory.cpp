@@ -4,17 +4,30 @@
 #include "storage/compound/compound_storage.h"
 #include "storage/package/package_storage.h"
 
-std::unique_ptr<VxStorage> Vexel::Detail::makeRoot(const SharedPathName& path, bool keyed,
-                                                   const RootOperation& operation, long& status) {
-    std::unique_ptr<VxStorage> root = std::make_unique<VxNativePackage>(path);
-    root->setKeyed(keyed);
+namespace Vexel::Detail {
+
+namespace {
+
+template <class Root>
+std::unique_ptr<VxStorage> closedRoot(const NewRoot& wanted) {
+    auto root = std::make_unique<Root>(wanted.path);
+    root->setKeyed(wanted.keyed);
+    root->setKeeper(wanted.keeper);
+    return root;
+}
+
+} // namespace
+
+std::unique_ptr<VxStorage> makeRoot(const NewRoot& wanted, const RootOperation& operation, long& status) {
+    auto root = closedRoot<VxNativePackage>(wanted);
     status = operation(*root);
-    const auto isCompoundFile = [&] { return platform().isStorageFile(path.asString()); };
+    const auto isCompoundFile = [&] { return platform().isStorageFile(wanted.path.asString()); };
     if ((status == STG_E_INVALIDHEADER || status == STG_E_SHAREVIOLATION) &&
         root->callTwiceIfExhausted(isCompoundFile) == S_OK) {
-        root = std::make_unique<VxCompoundStorage>(path);
-        root->setKeyed(keyed);
+        root = closedRoot<VxCompoundStorage>(wanted);
         status = operation(*root);
     }
     return SUCCEEDED(status) ? std::move(root) : nullptr;
 }
+
+} // namespace Vexel::Detail

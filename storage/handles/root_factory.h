@@ -7,13 +7,18 @@
 
 namespace Vexel::Detail {
 
-/// Opens or creates a root: `operation` is the call to make.
+/// Opens or creates a root: the call to make.
 using RootOperation = std::function<long(VxStorage& root)>;
 
-/// A root for the file at `path`, on which `operation` succeeded; null when it failed. A file is taken for a
-/// package first. If it turns out to be none, or cannot be read as one, and the system knows it as a compound
-/// file, the operation is run on a compound-file root.
-std::unique_ptr<VxStorage> makeRoot(const SharedPathName& path, bool keyed, const RootOperation& operation,
-                                    long& status);
+struct NewRoot {
+    const SharedPathName& path;
+    bool keyed;
+    RootKeeper& keeper;
+};
+
+/// A root for the file, on which `operation` succeeded; null when it failed. A file is taken for a package
+/// first. If it turns out to be none, or cannot be read as one, and the system knows it as a compound file,
+/// the operation is run on a compound-file root.
+std::unique_ptr<VxStorage> makeRoot(const NewRoot& wanted, const RootOperation& operation, long& status);
 
 } // namespace Vexel::Detail

@@ -1,5 +1,6 @@
 #include "base/status_guard.h"
 #include "storage/handles/named_child.h"
+#include "storage/handles/root_tables.h"
 #include "storage/tree/element_name.h"
 #include "storage/tree/item_ref.h"
 #include "storage/tree/storage_item.h"
@@ -10,13 +11,15 @@
 
 using Vexel::Detail::elementName;
 using Vexel::Detail::ItemRef;
+using Vexel::Detail::rootOptions;
+using Vexel::Detail::rootTables;
 using Vexel::Detail::withName;
 using Vexel::Detail::withStatus;
 
 // Where a node is let go of, name and parent are kept by copy: the name may be that node's, and the handle
 // its own parent.
 
-StorageRef::StorageRef(IStorage* storage) : item_(StorageContainer::Instance().wrap(storage).detach()) {}
+StorageRef::StorageRef(IStorage* storage) : item_(rootTables().wrap(storage).detach()) {}
 
 StorageRef::StorageRef(ItemRef<VxStorage> item) noexcept : item_(item.detach()) {}
 
@@ -42,10 +45,8 @@ StorageRef StorageRef::fromPtr(IStorage* storage) { return storage ? StorageRef(
 long StorageRef::open(const SharedPathName& path, RootStorageOpenMode mode, bool flag) {
     return withStatus([&, kept = path] {
         close();
-        const bool readOnly = mode != RootStorageOpenMode::ReadWrite;
-        const bool keyed = mode != RootStorageOpenMode::ReadOnly;
         long status = E_FAIL;
-        item_ = StorageContainer::Instance().openRoot(kept, readOnly, keyed, status, flag).detach();
+        item_ = rootTables().open(kept, rootOptions(mode, flag), status).detach();
         return status;
     });
 }
@@ -77,7 +78,7 @@ long StorageRef::create(const SharedPathName& path) {
     return withStatus([&, kept = path] {
         close();
         long status = E_FAIL;
-        item_ = StorageContainer::Instance().createRoot(kept, false, false, false, status).detach();
+        item_ = rootTables().create(kept, status).detach();
         return status;
     });
 }
@@ -109,7 +110,7 @@ long StorageRef::createTemporary(bool flag) {
     return withStatus([&] {
         close();
         long status = E_FAIL;
-        item_ = StorageContainer::Instance().createTemporaryRoot(status, flag).detach();
+        item_ = rootTables().createTemporary(status, flag).detach();
         return status;
     });
 }

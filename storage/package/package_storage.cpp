@@ -80,7 +80,7 @@ long VxNativePackage::createTemporary(bool flag) {
 }
 
 long VxNativePackage::makeTemporary() {
-    if (StorageContainer::Instance().GetCreateOnDisk()) {
+    if (keeper() && keeper()->isMakingFiles()) {
         name_ = TempFileContainer::Instance().insert(nullptr, L"grb", false, false);
         temporary_ = true; // the file is to be given back even if it cannot be made
         return openArchive(temporaryFlags, true);

@@ -40,9 +40,9 @@ void VxStorageItem::releaseHandle() noexcept {
 bool VxStorageItem::retryAfterFailure(HRESULT status) {
     const bool isConflict =
         status == STG_E_SHAREVIOLATION || status == STG_E_LOCKVIOLATION || status == STG_E_ACCESSDENIED;
-    if (!Vexel::Detail::isExhausted(status) && !(isConflict && parent_))
+    if (!root_->keeper_ || (!Vexel::Detail::isExhausted(status) && !(isConflict && parent_)))
         return false;
     const Vexel::Detail::ItemRef<VxStorageItem> kept(this); // the clean-up must not free it
     const Vexel::Detail::TreesLetGo letGo;
-    return StorageContainer::Instance().freeForRetry();
+    return root_->keeper_->freeForRetry();
 }

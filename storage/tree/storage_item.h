@@ -3,6 +3,7 @@
 #include "base/status.h"
 #include "storage/tree/error_status.h"
 #include "storage/tree/item_ref.h"
+#include "storage/tree/root_keeper.h"
 #include "storage/tree/tree_lock.h"
 
 #include <vexel/path_name.h>
@@ -94,11 +95,15 @@ protected:
     /// meanwhile.
     static constexpr HRESULT openedMeanwhile = STG_E_FILEALREADYEXISTS;
 
+    /// The root's; may be null.
+    const Vexel::Detail::RootKeeper* keeper() const noexcept { return root_->keeper_; }
+
     SharedPathName name_;
     VxStorage* parent_;   // outlives this item: it stands in the parent's table
     VxStorageItem* root_; // this item for a root
     std::atomic<int> references_{0};
-    std::atomic<bool> readOnly_{true}; // also while closed
+    std::atomic<bool> readOnly_{true};            // also while closed
+    Vexel::Detail::RootKeeper* keeper_ = nullptr; // a root's
 
 private:
     std::shared_ptr<Vexel::Detail::RootLock> lock_; // a root's
@@ -167,8 +172,9 @@ public:
     /// Removes the element `name`. STG_E_INUSE, and the file untouched, while the child is in use.
     long destroyChild(const SharedPathName& name);
 
-    // For the container, which sets up roots.
+    // For whoever keeps roots, and sets them up.
 
+    void setKeeper(Vexel::Detail::RootKeeper& keeper) noexcept { keeper_ = &keeper; }
     bool keyed() const noexcept { return keyed_; }
     void setKeyed(bool keyed) noexcept { keyed_ = keyed; }
     bool rootFlag() const noexcept { return rootFlag_; }

@@ -26,6 +26,8 @@ using namespace Vexel::Storage::Engine;
 using Support::FaultyStream;
 using Support::noise;
 using Vexel::Detail::adopt;
+using Vexel::Detail::Platform;
+using Vexel::Detail::platform;
 
 namespace {
 

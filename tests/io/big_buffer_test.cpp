@@ -25,14 +25,14 @@ protected:
                 --refusals;
                 return nullptr;
             }
-            void* const block = saved.commit(bytes);
+            void* const block = saved.commitPages(bytes);
             if (block)
                 blocks.insert(block);
             return block;
         };
         platform().releasePages = [](void* block) noexcept {
             EXPECT_EQ(blocks.erase(block), 1U);
-            saved.release(block);
+            saved.releasePages(block);
         };
         wanted = {};
         refusals = 0;

@@ -1,5 +1,6 @@
 #include "base/platform.h"
 #include "storage/compound/compound_storage.h"
+#include "storage/handles/root_tables.h"
 #include "storage/tree/element_name.h"
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
@@ -19,7 +20,7 @@
 using Support::FakeCalls;
 using Vexel::Detail::compoundOptionsVersion;
 using Vexel::Detail::elementName;
-using Vexel::Detail::StoragePlatform;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -99,6 +100,7 @@ TEST(CompoundRoots, OpenAgainWhereThatHelps) {
         const ScriptedSystem system(test.answers);
         VxCompoundStorage root(SharedPathName(L"C:\\no such folder\\file.cfb", false, false));
         root.setKeyed(test.mode != Reading);
+        root.setKeeper(Vexel::Detail::rootTables());
         EXPECT_EQ(root.open(test.mode != WritingKeyed, false), test.status);
         EXPECT_EQ(ScriptedSystem::calls, test.calls);
         EXPECT_EQ(root.isOpen(), SUCCEEDED(test.status));

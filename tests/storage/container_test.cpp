@@ -15,7 +15,7 @@
 #include <vector>
 
 using namespace Support;
-using Vexel::Detail::StoragePlatform;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -34,13 +34,6 @@ public:
         touched = failures = 0;
         failOpen = S_OK;
         real_ = platform();
-        realFiles_ = Vexel::Detail::platform();
-        Vexel::Detail::platform().createFile = [](const wchar_t* path, DWORD access, DWORD share,
-                                                  SECURITY_ATTRIBUTES* security, DWORD how, DWORD attributes,
-                                                  HANDLE model) {
-            return fails() ? INVALID_HANDLE_VALUE
-                           : realFiles_.createFile(path, access, share, security, how, attributes, model);
-        };
         platform().createFile = [](const wchar_t* path, DWORD access, DWORD share,
                                    SECURITY_ATTRIBUTES* security, DWORD how, DWORD attributes, HANDLE model) {
             return fails() ? INVALID_HANDLE_VALUE
@@ -57,10 +50,7 @@ public:
     }
     CountedSystem(const CountedSystem&) = delete;
     CountedSystem& operator=(const CountedSystem&) = delete;
-    ~CountedSystem() {
-        platform() = real_;
-        Vexel::Detail::platform() = realFiles_;
-    }
+    ~CountedSystem() { platform() = real_; }
 
 private:
     static bool fails() {
@@ -78,7 +68,6 @@ private:
         return real_.openStorage(path, flags, format, attributes, options, security, iid, result);
     }
     static inline Vexel::Detail::Platform real_;
-    static inline Vexel::Detail::Platform realFiles_;
 };
 
 class Container : public testing::Test {

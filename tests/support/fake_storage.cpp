@@ -1,5 +1,7 @@
 #include "support/fake_storage.h"
 
+#include "storage/handles/root_tables.h"
+
 #include <algorithm>
 #include <cwchar>
 
@@ -209,7 +211,9 @@ ComPtr<IStorage> fakeStorage(FakeCalls& calls) {
 }
 
 FakeNode::FakeNode(FakeCalls& calls, StorageFormat format, const wchar_t* path)
-    : FakeNode(calls, format, SharedPathName(path, true, false), nullptr, nullptr) {}
+    : FakeNode(calls, format, SharedPathName(path, true, false), nullptr, nullptr) {
+    setKeeper(Vexel::Detail::rootTables());
+}
 
 FakeNode::FakeNode(FakeCalls& calls, StorageFormat format, const SharedPathName& name, VxStorage* parent,
                    VxStorageItem* root)
