@@ -197,6 +197,10 @@ TEST_F(Copying, ConvertingInPlaceIsForPackages) {
     ASSERT_EQ(root.convert(path(L"package"), RootStorageOpenMode::ReadWrite), S_OK);
     EXPECT_FALSE(root.readOnly());
     EXPECT_TRUE(contents(root) == sorted(document));
+    EXPECT_EQ(StorageRef().convert(path(L"package"), RootStorageOpenMode::ReadWrite),
+              STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(root.convert(path(L"missing"), RootStorageOpenMode::ReadOnly), STG_E_FILENOTFOUND);
+    EXPECT_EQ(root.convert(path(L"missing"), RootStorageOpenMode::ReadWrite), S_OK);
 }
 
 /// A document with streams at many places, whose contents go into a package as they are.
