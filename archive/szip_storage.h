@@ -69,7 +69,8 @@ public:
     HRESULT STDMETHODCALLTYPE Revert() noexcept override;
     HRESULT STDMETHODCALLTYPE EnumElements(DWORD reserved1, void* reserved2, DWORD reserved3,
                                            IEnumSTATSTG** enumerator) noexcept override;
-    /// With all that is below it. STG_E_FILENOTFOUND, STG_E_ACCESSDENIED.
+    /// With all that is below it. STG_E_FILENOTFOUND. STG_E_ACCESSDENIED: the archive is open for reading. Of
+    /// this storage's own mode nothing is asked here, nor in RenameElement; the handles ask themselves.
     HRESULT STDMETHODCALLTYPE DestroyElement(LPCOLESTR name) noexcept override;
     /// STG_E_FILENOTFOUND, STG_E_FILEALREADYEXISTS, STG_E_ACCESSDENIED.
     HRESULT STDMETHODCALLTYPE RenameElement(LPCOLESTR oldName, LPCOLESTR newName) noexcept override;

@@ -17,9 +17,10 @@
 ///    STG_E_INVALIDPARAMETER (where not said otherwise), false, 0, an empty name or a null pointer. Nothing
 ///    throws for a null handle.
 /// 2. Statuses. `long` results are HRESULTs. A failure of the system's storage passes through; a success of a
-///    node's call other than S_OK is STG_E_READFAULT. An open or create that fails leaves the handle null; an
-///    out-parameter is set in every case, to 0 on failure. Exhausted memory is STG_E_INSUFFICIENTMEMORY in a
-///    function that returns a status; one that returns anything else raises it (std::bad_alloc or similar).
+///    node's call other than S_OK is STG_E_READFAULT, except that StreamRef::read and write return what the
+///    node's stream does. An open or create that fails leaves the handle null; an out-parameter is set in
+///    every case, on failure to 0 where nothing else is said. Exhausted memory is STG_E_INSUFFICIENTMEMORY in
+///    a function that returns a status; one that returns anything else raises it (std::bad_alloc or similar).
 /// 3. Identity. One node of one open root is one object, however often it is opened; two handles are equal
 ///    exactly when they reach the same one. A root opened with ReadOnly and one opened with another mode on
 ///    the same path are two roots. A node has one state: opening it for writing through one handle makes
@@ -54,7 +55,8 @@
 /// 9. Clean-up. StorageContainer::deleteUnusedObjects closes and frees what no handle uses. The library
 ///    runs it by itself when the system reports exhausted memory or file handles while something is opened,
 ///    made, listed, resized, asked for its size or times, committed or destroyed, and repeats the failed call
-///    once. Reading, writing and moving in a stream are not repeated.
+///    once. Below the root's own children a conflict over sharing or access is answered alike. Reading,
+///    writing and moving in a stream are not repeated.
 /// 10. Threads. A handle belongs to one thread at a time. Handles on one root, on one node even, may be used
 ///     on several threads at once, whoever opened them: each call has the root for itself, and the others
 ///     wait. What handles share by rules 3 and 5 they share across threads, too: the position of a stream,
@@ -160,8 +162,11 @@ public:
     ///  - STG_E_FILENOTFOUND, STG_E_PATHNOTFOUND: there is no such file, for reading.
     ///  - HRESULT_FROM_WIN32 of the system's error, for writing: the file is missing (ERROR_FILE_NOT_FOUND),
     ///    write-protected (ERROR_ACCESS_DENIED) or open elsewhere (ERROR_SHARING_VIOLATION).
-    ///  - STG_E_SHAREVIOLATION, STG_E_LOCKVIOLATION, STG_E_ACCESSDENIED: it cannot be read as asked for.
-    ///  - STG_E_INVALIDHEADER: neither a package nor a compound file.
+    ///  - STG_E_SHAREVIOLATION, STG_E_LOCKVIOLATION, STG_E_ACCESSDENIED: it cannot be opened as asked for.
+    ///  - STG_E_INVALIDHEADER: neither a package nor a compound file, or a damaged package.
+    ///  - STG_E_DOCFILECORRUPT: a damaged compound file. STG_E_INVALIDPARAMETER: an empty path, for reading.
+    /// While a SharedPathNameFlagsCacheBlock lives, the first answer about a missing file stands for every
+    /// mode.
     long open(const SharedPathName& path, RootStorageOpenMode mode, bool flag);
 
     /// Opens the storage `name` of `parent`; for writing, a parent that is open for reading is reopened
@@ -195,8 +200,10 @@ public:
     /// Makes a new temporary root: always a package. `flag` is stored in the root.
     long createTemporary(bool flag);
 
-    /// Makes the root at `path` anew with the contents of what stands there, as `open` with that mode. A
-    /// package keeps what it has. STG_E_INVALIDFUNCTION for a compound file: `copyTo` makes a package of it.
+    /// Makes the root at `path` anew with the contents of what stands there, open like a root of that mode. A
+    /// package keeps what it has; where no file is, a root for writing begins empty.
+    ///  - STG_E_INVALIDFUNCTION: a compound file. `copyTo` makes a package of it.
+    ///  - STG_E_FILEALREADYEXISTS: a handle has that root open. Other failures of reading the package.
     long convert(const SharedPathName& path, RootStorageOpenMode mode);
 
     /// Drops the handle's reference and makes it null; see rule 8 for what that closes.
@@ -342,7 +349,8 @@ public:
     /// The node's interface, opening the node when it is closed; null when that fails. Borrowed (rule 7).
     ::IStream* stream() const;
 
-    // Contents. One call of the system's stream each; `done`, where not null, receives the bytes moved.
+    // Contents. Reading and writing are one call of the node's stream; `done`, where not null, receives the
+    // bytes moved, on failure too.
 
     /// STG_E_INVALIDPARAMETER also when the stream cannot be opened. S_OK with fewer bytes than asked for, or
     /// none, at the end.
@@ -352,8 +360,9 @@ public:
     /// Cuts off or extends, by bytes of no given value; the position stays. E_FAIL for a null handle.
     long setSize(unsigned long long size);
     /// Replaces the contents of `target` by those of this stream, whose position stays; the target's is at
-    /// its end afterwards. STG_E_INVALIDPARAMETER when either is null or cannot be opened or both are the
-    /// same stream. On failure the target holds what was copied until then.
+    /// its end afterwards. On failure the target holds what was copied until then, or what it held.
+    ///  - STG_E_INVALIDPARAMETER: either is null or cannot be opened, or both are the same stream.
+    ///  - STG_E_READFAULT: this stream holds less than its size says. Other statuses of reading and writing.
     long copyTo(StreamRef& target);
     long commit() const;
 
@@ -464,7 +473,8 @@ public:
     void setDeleteUnusedObjectsCallback(bool (*callback)());
 
     /// Closes all roots, with what was not committed, and empties the tables; for the end of the application.
-    /// Handles that are left stay valid: when used again, they open their root anew, apart from later ones.
+    /// Handles that are left stay valid: when used again, they open their root anew, apart from later ones. A
+    /// caller's interface and a temporary root in memory are gone for them.
     void clearAll();
 
 private:

@@ -176,6 +176,8 @@ long VxCompoundStorage::openRoot(DWORD stgm) {
     if ((status == STG_E_ACCESSDENIED || isHeldElsewhere(status)) && (stgm & savings)) {
         // Without them a reader who lets others write is given a copy, which asks more of the file.
         const HRESULT sound = needsSnapshot(stgm & ~savings) ? check(name_, stgm & ~savings) : S_OK;
+        if (storage_)
+            return openedMeanwhile;
         status = SUCCEEDED(sound) ? openFile(name_, stgm & ~savings) : sound;
     }
 

@@ -12,6 +12,8 @@
 #include <vexel/diagnostics.h>
 #include <vexel/storage.h>
 
+#include <wrl/client.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <memory>
@@ -19,6 +21,7 @@
 #include <utility>
 #include <vector>
 
+using Microsoft::WRL::ComPtr;
 using Vexel::Detail::CompoundAccess;
 using Vexel::Detail::CompoundVerdict;
 using Vexel::Detail::elementName;
@@ -245,15 +248,17 @@ private:
         const Level& parent = levels_.back();
         HRESULT status = E_FAIL;
         const ItemRef<VxStream> source = openUnmoved(*parent.from.get(), name, status);
-        ::IStream* const stream = source ? source->stream() : nullptr;
+        // Held: others may close the node while a clean-up runs that the target needs.
+        const ComPtr<::IStream> stream = source ? source->stream() : nullptr;
         if (!stream)
             return missing(status);
         unsigned long long size = 0;
-        const Rewound rewound(stream);
-        status = FAILED(rewound.status()) ? rewound.status() : sizeOf(stream, size);
+        const Rewound rewound(stream.Get());
+        status = FAILED(rewound.status()) ? rewound.status() : sizeOf(stream.Get(), size);
         if (FAILED(status))
             return status;
-        return parent.to ? copyStream(stream, size, *parent.to.get(), name) : readWhole(stream, size);
+        return parent.to ? copyStream(stream.Get(), size, *parent.to.get(), name)
+                         : readWhole(stream.Get(), size);
     }
 
     HRESULT copyStream(::IStream* source, unsigned long long size, VxStorage& to,
@@ -297,8 +302,7 @@ private:
     }
 
     static HRESULT copyClass(VxStorage& from, VxStorage& to) {
-        IStorage* const source = from.storage();
-        IStorage* const target = to.storage();
+        const ComPtr<IStorage> source = from.storage(), target = to.storage(); // held, as streams are
         if (!source || !target)
             return STG_E_INVALIDPARAMETER;
         STATSTG info{};

@@ -1,17 +1,34 @@
 #include "base/status_guard.h"
 #include "io/com_stream.h"
 #include "storage/handles/named_child.h"
+#include "storage/tree/error_status.h"
 #include "storage/tree/item_ref.h"
 #include "storage/tree/storage_item.h"
 
 #include <vexel/storage.h>
 
+#include <wrl/client.h>
+
 #include <utility>
 
+using Microsoft::WRL::ComPtr;
 using Vexel::Detail::ItemRef;
+using Vexel::Detail::outcomeOf;
 using Vexel::Detail::TreeLock;
 using Vexel::Detail::withName;
 using Vexel::Detail::withStatus;
+
+namespace {
+
+HRESULT moveToStart(::IStream& stream) { return outcomeOf(stream.Seek({}, STREAM_SEEK_SET, nullptr)); }
+
+/// The size that a stream tells; 0 when it cannot.
+unsigned long long sizeOf(::IStream& stream) {
+    STATSTG info{};
+    return stream.Stat(&info, STATFLAG_NONAME) == S_OK ? info.cbSize.QuadPart : 0;
+}
+
+} // namespace
 
 // A name is kept by copy where a node is let go of: it may be the name of that node.
 //
@@ -126,20 +143,28 @@ long StreamRef::copyTo(StreamRef& target) {
     if (null() || target.null())
         return STG_E_INVALIDPARAMETER;
     const Vexel::Detail::TreePairLock locks(*item_, *target.item_);
-    ::IStream* from = stream();
-    ::IStream* to = target.stream();
-    if (!from || !to || from == to)
+    // Held: the lock is let go of where a clean-up runs before the other one can be opened.
+    const ComPtr<::IStream> from = stream();
+    const ComPtr<::IStream> to = target.stream();
+    if (!from || !to || from.Get() == to.Get())
         return STG_E_INVALIDPARAMETER;
-    const auto before = static_cast<long long>(Vexel::Detail::position(from));
-    unsigned long long reached = 0;
-    Vexel::Detail::seek(from, STREAM_SEEK_SET, 0, reached);
-    Vexel::Detail::seek(to, STREAM_SEEK_SET, 0, reached);
+    const auto before = static_cast<long long>(Vexel::Detail::position(from.Get()));
+    const unsigned long long size = sizeOf(*from.Get());
+    if (const HRESULT status = moveToStart(*from.Get()); FAILED(status))
+        return status;
+    const HRESULT ready = moveToStart(*to.Get());
     constexpr ULARGE_INTEGER everything{.QuadPart = ~0ULL};
     ULARGE_INTEGER written{};
-    const HRESULT status = from->CopyTo(to, everything, nullptr, &written);
-    Vexel::Detail::seek(from, STREAM_SEEK_SET, before, reached);
-    to->SetSize(written); // what remains of longer contents
-    return status;
+    const HRESULT copied =
+        FAILED(ready) ? ready : outcomeOf(from->CopyTo(to.Get(), everything, nullptr, &written));
+    unsigned long long reached = 0;
+    Vexel::Detail::seek(from.Get(), STREAM_SEEK_SET, before, reached);
+    if (FAILED(ready))
+        return ready;
+    const HRESULT cutOff = outcomeOf(to->SetSize(written)); // what remains of longer contents
+    if (FAILED(copied))
+        return copied;
+    return written.QuadPart < size ? STG_E_READFAULT : cutOff; // some systems take a part for the whole
 }
 
 long StreamRef::commit() const { return item_ ? item_->commit() : STG_E_INVALIDPARAMETER; }
@@ -176,7 +201,8 @@ unsigned long long StreamRef::Seek(SeekPosition origin, long long offset) {
     constexpr unsigned long long highestSafe = 0xFFFFFFFF;
     if (format() != StorageFormat::CompoundFile || reached <= highestSafe || reached <= size())
         return reached;
-    Vexel::Detail::seek(com, STREAM_SEEK_SET, static_cast<long long>(before), reached);
+    // Asked for anew: the clean-up behind a size that cannot be asked lets others reopen the node.
+    Vexel::Detail::seek(stream(), STREAM_SEEK_SET, static_cast<long long>(before), reached);
     return before;
 }
 

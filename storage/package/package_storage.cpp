@@ -98,9 +98,10 @@ long VxNativePackage::borrowPackedData(VxStorage* source) {
     if (!source || source->format() != StorageFormat::Package)
         return STG_E_INVALIDPARAMETER;
     const TreePairLock locks(*this, *source);
-    if (!source->isOpen())
-        return STG_E_INVALIDPARAMETER;
-    if (const HRESULT status = ensureOpen(); FAILED(status))
+    HRESULT status = source->isOpen() ? ensureOpen() : STG_E_INVALIDPARAMETER;
+    if (SUCCEEDED(status) && !source->isOpen())
+        status = STG_E_INVALIDPARAMETER; // closed by the clean-up that the opening needed
+    if (FAILED(status))
         return status;
     const SZipArchive& from = *static_cast<VxNativePackage*>(source)->package()->archive();
     return SUCCEEDED(package()->archive()->borrowPackedData(from)) ? 1 : 0;

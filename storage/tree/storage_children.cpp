@@ -32,9 +32,10 @@ bool VxStorage::hasChild(const SharedPathName& name, StorageType type) {
 }
 
 /// The child's item, made when there is none in the table. For creating, a node that is open without being
-/// used is closed.
+/// used is closed. One with handles below it stays open: what they wrote and nobody committed yet would go.
 template <class Child>
-HRESULT VxStorage::findOrMake(const SharedPathName& name, bool creating, ItemRef<Child>& child, bool& made) {
+HRESULT VxStorage::findOrMake(const SharedPathName& name, Purpose purpose, ItemRef<Child>& child,
+                              bool& made) {
     auto found = children_.find(name);
     if (found != children_.end() && found->second->type() != Child::Type) {
         found->second->deleteUnusedObjects(false);
@@ -55,10 +56,12 @@ HRESULT VxStorage::findOrMake(const SharedPathName& name, bool creating, ItemRef
         found = children_.emplace(name, std::move(item)).first;
     }
     auto& item = static_cast<Child&>(*found->second);
-    if (creating && item.isOpen()) {
+    if (purpose != Purpose::Open && item.isOpen()) {
         if (item.referenced())
             return STG_E_FILEALREADYEXISTS;
-        item.close();
+        item.deleteUnusedObjects(false);
+        if (item.isOpen())
+            return purpose == Purpose::Replace ? STG_E_INVALIDPARAMETER : STG_E_FILEALREADYEXISTS;
     }
     child = ItemRef<Child>(&item);
     return S_OK;
@@ -67,12 +70,12 @@ HRESULT VxStorage::findOrMake(const SharedPathName& name, bool creating, ItemRef
 /// Runs `action` on the child's item, which its reference protects meanwhile. An item that was made for this
 /// and is of no use goes again.
 template <class Child, class Action>
-ItemRef<Child> VxStorage::withChild(const SharedPathName& name, bool creating, HRESULT* status,
+ItemRef<Child> VxStorage::withChild(const SharedPathName& name, Purpose purpose, HRESULT* status,
                                     Action action) {
     const TreeLock lock(*this);
     ItemRef<Child> child;
     bool made = false;
-    HRESULT result = findOrMake(name, creating, child, made);
+    HRESULT result = findOrMake(name, purpose, child, made);
     if (SUCCEEDED(result)) {
         result = action(*child.get());
         if (FAILED(result)) {
@@ -95,23 +98,23 @@ void VxStorage::discard(const SharedPathName& name, const VxStorageItem* item) {
 
 ItemRef<VxStorage> VxStorage::openChildStorage(const SharedPathName& name, bool readOnly, bool lazy,
                                                HRESULT* status) {
-    return withChild<VxStorage>(name, false, status,
+    return withChild<VxStorage>(name, Purpose::Open, status,
                                 [&](VxStorage& child) { return lazy ? S_OK : child.open(readOnly, false); });
 }
 
 ItemRef<VxStream> VxStorage::openChildStream(const SharedPathName& name, bool readOnly, bool lazy,
                                              HRESULT* status) {
-    return withChild<VxStream>(name, false, status,
+    return withChild<VxStream>(name, Purpose::Open, status,
                                [&](VxStream& child) { return lazy ? S_OK : child.open(readOnly); });
 }
 
 ItemRef<VxStorage> VxStorage::createChildStorage(const SharedPathName& name, HRESULT* status, bool replace) {
-    return withChild<VxStorage>(name, true, status,
+    return withChild<VxStorage>(name, replace ? Purpose::Replace : Purpose::Create, status,
                                 [&](VxStorage& child) { return child.create(false, false, replace); });
 }
 
 ItemRef<VxStream> VxStorage::createChildStream(const SharedPathName& name, HRESULT* status) {
-    return withChild<VxStream>(name, true, status, [](VxStream& child) { return child.create(); });
+    return withChild<VxStream>(name, Purpose::Create, status, [](VxStream& child) { return child.create(); });
 }
 
 HRESULT VxStorage::forgetChild(const SharedPathName& name) {

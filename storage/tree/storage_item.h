@@ -195,16 +195,22 @@ protected:
 private:
     friend class VxStream;
 
+    /// What a child's item is wanted for.
+    enum class Purpose { Open, Create, Replace };
+
     bool isOpenedMeanwhile(HRESULT status) const noexcept { return FAILED(status) && storage_; }
+    /// Whether a child may be had from the interface: a clean-up before the second attempt may have closed
+    /// it, and another thread may have opened it again, for reading.
+    HRESULT checkAccess(bool readOnly) const noexcept;
     long openRootOrInParent(bool readOnly);
     long openInParent(bool readOnly);
     long createInParent(bool readOnly, bool replace);
     bool freeUnusedChildren(bool keepObjects);
     void rememberPositions();
     template <class Child>
-    HRESULT findOrMake(const SharedPathName& name, bool creating, ItemRef<Child>& child, bool& made);
+    HRESULT findOrMake(const SharedPathName& name, Purpose purpose, ItemRef<Child>& child, bool& made);
     template <class Child, class Action>
-    ItemRef<Child> withChild(const SharedPathName& name, bool creating, HRESULT* status, Action action);
+    ItemRef<Child> withChild(const SharedPathName& name, Purpose purpose, HRESULT* status, Action action);
     void discard(const SharedPathName& name, const VxStorageItem* item);
     HRESULT forgetChild(const SharedPathName& name);
 };

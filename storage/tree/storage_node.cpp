@@ -86,9 +86,10 @@ long VxStorage::commit() {
         return status;
     status = callTwiceIfExhausted(
         [this] { return storage_ ? storage_->Commit(STGC_ONLYIFCURRENT) : STG_E_INVALIDFUNCTION; });
-    // A new package is a file from its first commit on. Memory that is missing to look does not undo that.
-    if (SUCCEEDED(status) && !parent_)
-        withStatus([this] { return name_.updateFileExists(), S_OK; });
+    // A new package is a file from its first commit on, whichever of its storages commits. Memory that is
+    // missing to look does not undo that.
+    if (SUCCEEDED(status) && (!parent_ || format() == StorageFormat::Package))
+        withStatus([this] { return root_->name().updateFileExists(), S_OK; });
     return status;
 }
 
@@ -158,6 +159,13 @@ long VxStorage::openRootOrInParent(bool readOnly) {
     return withStatus([&] { return openRoot(rootOpenFlags(readOnly, keyed_)); });
 }
 
+HRESULT VxStorage::checkAccess(bool readOnly) const noexcept {
+    if (!storage_)
+        return STG_E_INVALIDFUNCTION;
+    // Not left to the platform: some take changes below a storage that is open for reading, and lose them.
+    return readOnly_ && !readOnly ? STG_E_ACCESSDENIED : S_OK;
+}
+
 // NOLINTNEXTLINE(misc-no-recursion): see open
 long VxStorage::openInParent(bool readOnly) {
     const HRESULT status = parent_->open(readOnly, false);
@@ -168,8 +176,8 @@ long VxStorage::openInParent(bool readOnly) {
     const HRESULT opened = parent_->callTwice([&]() -> HRESULT {
         if (storage_)
             return openedMeanwhile;
-        if (!parent_->isOpen())
-            return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
+        if (const HRESULT allowed = parent_->checkAccess(readOnly); FAILED(allowed))
+            return allowed;
         return Vexel::Detail::fetch(storage_, [&](IStorage** made) {
             return parent_->storage_->OpenStorage(name_.asString(), nullptr,
                                                   childFlags | accessFlags(readOnly), nullptr, 0, made);
@@ -218,8 +226,8 @@ long VxStorage::createInParent(bool readOnly, bool replace) {
     return parent_->callTwice([&]() -> HRESULT {
         if (storage_)
             return openedMeanwhile;
-        if (!parent_->isOpen())
-            return STG_E_INVALIDFUNCTION;
+        if (const HRESULT allowed = parent_->checkAccess(false); FAILED(allowed))
+            return allowed;
         return Vexel::Detail::fetch(storage_, [&](IStorage** made) {
             return parent_->storage_->CreateStorage(name_.asString(), stgm, 0, 0, made);
         });

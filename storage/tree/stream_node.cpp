@@ -133,9 +133,8 @@ long VxStream::openOrRewind(bool readOnly) {
 long VxStream::openClosed(bool readOnly) {
     if (!parent_ || name_.empty() || !parent_->storage())
         return STG_E_INVALIDPARAMETER;
-    // Not left to the platform: some take writes in a storage that is open for reading, and lose them.
-    if (!readOnly && parent_->readOnly())
-        return STG_E_ACCESSDENIED;
+    if (const HRESULT allowed = parent_->checkAccess(readOnly); FAILED(allowed))
+        return allowed;
     const HRESULT status = openInParent(readOnly);
     if (SUCCEEDED(status))
         readOnly_ = readOnly;
@@ -147,8 +146,8 @@ long VxStream::openInParent(bool readOnly) {
     return parent_->callTwice([&]() -> HRESULT {
         if (stream_)
             return openedMeanwhile;
-        if (!parent_->isOpen())
-            return STG_E_INVALIDFUNCTION;
+        if (const HRESULT allowed = parent_->checkAccess(readOnly); FAILED(allowed))
+            return allowed;
         // Packages succeed without a stream where the packed data go on behind the contents.
         return Vexel::Detail::fetch(stream_, [&](::IStream** made) {
             return parent_->storage_->OpenStream(name_.asString(), nullptr, stgm, 0, made);
@@ -185,8 +184,8 @@ long VxStream::createInParent() {
     return parent_->callTwice([&]() -> HRESULT {
         if (stream_)
             return openedMeanwhile;
-        if (!parent_->isOpen())
-            return STG_E_INVALIDFUNCTION;
+        if (const HRESULT allowed = parent_->checkAccess(false); FAILED(allowed))
+            return allowed;
         return Vexel::Detail::fetch(stream_, [&](::IStream** made) {
             return parent_->storage_->CreateStream(
                 name_.asString(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, 0, made);

@@ -309,6 +309,9 @@ TEST(SZipStorage, CopiesWhatIsAskedFor) {
                            reader = openStorage(other.Get(), L"d", reading);
     EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, reader.Get()), STG_E_ACCESSDENIED);
     EXPECT_EQ(describe(reader.Get()), "class 0 ");
+    EXPECT_EQ(write(gone.Get(), L"x", "x"), S_OK);
+    EXPECT_EQ(reader->RenameElement(L"x", L"y"), S_OK) << "for which the archive's mode counts alone";
+    EXPECT_EQ(reader->DestroyElement(L"y"), S_OK);
     EXPECT_EQ(other->DestroyElement(L"d"), S_OK);
     EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, gone.Get()), STG_E_INVALIDNAME);
     EXPECT_EQ(gone->Commit(STGC_DEFAULT), S_OK);

@@ -340,11 +340,13 @@ TEST(MemoryStream, CopiesAsFarAsTheTargetGoes) {
         HRESULT answer, status;
         unsigned long long copied;
         std::string calls;
+        int idle = 0;
     };
     for (const Case& c : {
              Case{"all", 1, limit, limit, 0, S_FALSE, S_FALSE, 9, "Write 9, "},
              Case{"some", 1, 4, limit, 0, S_OK, S_OK, 4, "Write 4, "},
              Case{"in parts", 2, 6, 3, 0, S_OK, S_OK, 6, "Write 6, Write 3, "},
+             Case{"taking its time", 0, 4, limit, 0, S_OK, S_OK, 4, "Write 4, Write 4, Write 4, ", 2},
              Case{"failing", 0, 10, 3, 0, STG_E_MEDIUMFULL, STG_E_MEDIUMFULL, 3, "Write 10, "},
              Case{"overstating", 0, 4, limit, 2, S_OK, S_OK, 6, "Write 4, "},
              Case{"nothing asked for", 0, 0, limit, 0, E_FAIL, S_OK, 0, ""},
@@ -359,6 +361,7 @@ TEST(MemoryStream, CopiesAsFarAsTheTargetGoes) {
         target->status = c.answer;
         target->most = c.most;
         target->excess = c.excess;
+        target->idle = c.idle;
         ULARGE_INTEGER read{.QuadPart = 77}, written{.QuadPart = 77};
         EXPECT_EQ(stream->CopyTo(target.Get(), {.QuadPart = c.count}, &read, &written), c.status) << c.what;
         EXPECT_EQ(target->take(), c.calls) << c.what;

@@ -189,6 +189,37 @@ TEST_F(HeldRoots, RaiseNothingWhileTheyOpenACopy) {
     EXPECT_FALSE(struck);
 }
 
+TEST_F(HeldRoots, MayBeOpenedByOthersWhileTheyAreLookedAt) {
+    static bool struck;
+    static VxCompoundStorage* shared;
+    static IStorage* first;
+    StorageContainer::Instance().setDeleteUnusedObjectsCallback([] {
+        shared->open(true, false);
+        first = shared->storage();
+        return true;
+    });
+    struck = true;
+    int opened = 0;
+    for (int spared = 0; struck && spared < 1000; ++spared) {
+        const ScriptedSystem system({STG_E_SHAREVIOLATION});
+        VxCompoundStorage root(path_);
+        shared = &root;
+        first = nullptr;
+        struck = false;
+        AtMainAllocation(spared, [] {
+            struck = true;
+            throw std::bad_alloc();
+        });
+        const HRESULT status = open(root, false, true);
+        AtMainAllocation(0, nullptr);
+        opened += first != nullptr;
+        EXPECT_EQ(status, first || !struck ? S_OK : STG_E_INSUFFICIENTMEMORY) << spared;
+        EXPECT_TRUE(!first || root.storage() == first) << spared;
+    }
+    StorageContainer::Instance().setDeleteUnusedObjectsCallback(nullptr);
+    EXPECT_GE(opened, 2);
+}
+
 // The system's own structured storage keeps others out, as it does in another process.
 TEST_F(HeldRoots, AreReadWhileAnotherWrites) {
     static std::vector<std::wstring> opened;

@@ -121,8 +121,7 @@ TEST_F(Container, MissingFilesAreAskedForOnce) {
     const SharedPathName made = path(folder_.file(L"made")), text = path(folder_.file(L"text"));
     EXPECT_EQ(root.open(made, modeRead, false), STG_E_FILENOTFOUND);
     EXPECT_EQ(root.create(made), S_OK);
-    newStream(L"Note", root);
-    EXPECT_EQ(root.commit(), S_OK);
+    EXPECT_EQ(newStorage(L"Box", root).commit(), S_OK);
     EXPECT_EQ(root.open(made, modeReadDenyWrite, false), S_OK) << "made by us";
     root.close();
     writeFile(text.asString(), "text");

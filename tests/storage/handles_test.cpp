@@ -154,6 +154,7 @@ TEST(NullHandles, AnswerEveryCall) {
     };
     EXPECT_THAT(refused, testing::Each(STG_E_INVALIDPARAMETER));
     EXPECT_EQ(stream.setSize(1), E_FAIL);
+    EXPECT_EQ(children.status(), STG_E_INVALIDPARAMETER);
     EXPECT_EQ(times[0].dwLowDateTime + times[1].dwHighDateTime + done, 0u);
 
     EXPECT_TRUE(storage.null() && !storage && stream.null() && !stream && children.null() && !children);
@@ -196,8 +197,9 @@ TEST_P(Handles, FailuresLeaveThemNull) {
 
 TEST_P(Handles, ReportExhaustedMemory) {
     static bool struck;
-    StorageRef root, box, made;
-    StreamRef note, written;
+    StorageRef root, box, made, other;
+    StreamRef note, written, filled;
+    const SharedPathName fresh = path(folder_.file(L"fresh"));
     StorageEnumerator children;
     const struct {
         const char* what;
@@ -211,6 +213,10 @@ TEST_P(Handles, ReportExhaustedMemory) {
         {"create storage", [&] { return made.create(L"Made", box, true); }, [&] { return made.null(); }},
         {"create stream", [&] { return written.create(L"Written", made); }, [&] { return written.null(); }},
         {"destroy", [&] { return root.destroy(L"Never interned"); }, nullptr},
+        {"temporary", [&] { return other.createTemporary(false); }, [&] { return other.null(); }},
+        {"create root", [&] { return other.create(fresh); }, [&] { return other.null(); }},
+        {"fill", [&] { return filled.create(L"New", other); }, [&] { return filled.null(); }},
+        {"commit", [&] { return other.commit(); }, nullptr},
     };
     for (const auto& [what, call, isNull] : calls) {
         for (int spared = 0;; ++spared) {
@@ -233,11 +239,12 @@ TEST_P(Handles, ReportExhaustedMemory) {
     }
     EXPECT_TRUE(note.size() == 3 && children.moveNext() && written.WriteBytes("w", 1) == 1);
     children.release();
-    for (StorageRef* handle : {&root, &box, &made})
+    for (StorageRef* handle : {&root, &box, &made, &other})
         handle->close();
-    note.close();
-    written.close();
+    for (StreamRef* handle : {&note, &written, &filled})
+        handle->close();
     EXPECT_EQ(saved(), sample);
+    EXPECT_EQ(Support::children(openRoot(fresh, modeRead)), L"New ");
 }
 
 TEST_P(Handles, ReachOneNodeByOneItem) {
@@ -270,6 +277,9 @@ TEST_P(Handles, OpenForReadingRefuseChanges) {
         EXPECT_EQ(note.setSize(1), STG_E_ACCESSDENIED);
         EXPECT_EQ(note.WriteBytes("x", 1), 0u);
         EXPECT_EQ(contents(note), std::string(50, 'x'));
+        StorageRef box = openStorage(L"Box", root);
+        EXPECT_EQ(box.destroy(L"Note"), STG_E_ACCESSDENIED);
+        EXPECT_EQ(StreamRef().open(L"Note", box, false), STG_E_ACCESSDENIED);
         if (rootForReading) {
             EXPECT_EQ(StorageRef(root).destroy(L"Short"), STG_E_ACCESSDENIED);
             EXPECT_EQ(StreamRef().open(L"Short", root, false), STG_E_ACCESSDENIED);
@@ -425,6 +435,14 @@ TEST_P(Handles, WriteWhatIsRead) {
     EXPECT_EQ(emptied.size(), 0u);
     EXPECT_EQ(emptied.write("longer", 6, nullptr), S_OK);
     EXPECT_EQ(emptied.setSize(4), S_OK);
+    EXPECT_EQ(emptied.GetPosition(), 6u);
+    EXPECT_EQ(emptied.Seek(SeekPosition::Begin, 1), 1u);
+    std::array<char, 8> bytes{};
+    for (const unsigned long left : {3ul, 0ul}) {
+        unsigned long done = 7;
+        EXPECT_EQ(emptied.read(bytes.data(), 8, &done), S_OK);
+        EXPECT_EQ(done, left);
+    }
     EXPECT_EQ(root.destroy(L"Short"), S_OK);
     EXPECT_EQ(root.destroy(L"Short"), STG_E_FILENOTFOUND);
     EXPECT_EQ(made.create(L"Box", root, true), S_OK);
@@ -654,6 +672,11 @@ TEST_F(CompoundHandles, MeetAnElementUnderTwoSpellings) {
     EXPECT_EQ(root.destroy(L"BOX"), S_OK) << "in nobody's use by this name";
     EXPECT_EQ(children.reset(box), STG_E_REVERTED);
     EXPECT_TRUE(children.null()) << "a failed reset lets go of the listing before";
+
+    StreamRef note = openStream(L"Short", root);
+    EXPECT_EQ(StreamRef().open(L"SHORT", root, true), STG_E_ACCESSDENIED);
+    EXPECT_EQ(StreamRef().create(L"SHORT", root), S_OK);
+    EXPECT_EQ(note.read(nullptr, 0, nullptr), STG_E_REVERTED);
 }
 
 // The system itself may accept these positions, and end the process in the read that follows.

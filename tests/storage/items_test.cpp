@@ -170,6 +170,17 @@ TEST_F(Items, RefuseToTouchWhatIsInUse) {
     EXPECT_EQ((root_.createChildStream({}, &status_), status_), STG_E_INVALIDPARAMETER);
     EXPECT_EQ(calls_.take(), L"");
 
+    {
+        const auto inner = stream(L"inner", *storage(L"outer").get());
+        for (const bool replace : {false, true}) {
+            root_.createChildStorage(elementName(L"outer"), &status_, replace);
+            EXPECT_EQ(status_, replace ? STG_E_INVALIDPARAMETER : STG_E_FILEALREADYEXISTS);
+        }
+        EXPECT_EQ(calls_.take(), L"") << "what is not committed in it would be lost";
+    }
+    root_.deleteUnusedObjects(false);
+    calls_.take();
+
     const auto below = stream(L"below", *heldStorage.get());
     heldStream->close();
     root_.close();
@@ -356,6 +367,30 @@ TEST_F(Items, MayBeOpenedByAnotherThreadMeanwhile) {
     }
 }
 
+// Some systems take changes below a storage that is open for reading, and lose them.
+TEST_F(Items, ChangeNothingBelowAParentThatIsOpenForReadingByThen) {
+    const SharedPathName name = elementName(L"new");
+    const std::pair<const char*, std::function<void()>> cases[] = {
+        {"open storage", [&] { root_.openChildStorage(name, false, false, &status_); }},
+        {"create storage", [&] { root_.createChildStorage(name, &status_, true); }},
+        {"open stream", [&] { root_.openChildStream(name, false, false, &status_); }},
+        {"create stream", [&] { root_.createChildStream(name, &status_); }},
+    };
+    const CleanUp cleanUp([&] {
+        root_.close();
+        return root_.open(true, false) == S_OK;
+    });
+    for (const auto& [what, operation] : cases) {
+        root_.close();
+        ASSERT_EQ(root_.open(false, false), S_OK);
+        calls_.take();
+        calls_.failures = {{0, STG_E_TOOMANYOPENFILES}};
+        operation();
+        EXPECT_EQ(status_, STG_E_ACCESSDENIED) << what;
+        EXPECT_EQ(calls_.log.size(), 3u) << what;
+    }
+}
+
 TEST_F(Items, FailedOpeningsLeaveNothingBehind) {
     const SharedPathName name = elementName(L"new");
     const struct {
@@ -433,6 +468,7 @@ TEST_F(Items, ListStoragesAndStreamsOnly) {
     calls_.failures = {{1, STG_E_READFAULT}, {2, STG_E_READFAULT}};
     ASSERT_EQ(list->reset(&root_), S_OK);
     EXPECT_FALSE(list->moveNext()) << "a failure ends it";
+    EXPECT_EQ(list->status(), STG_E_READFAULT);
     EXPECT_EQ(list->reset(&root_), STG_E_READFAULT);
     EXPECT_FALSE(list->moveNext());
 }
@@ -446,7 +482,7 @@ TEST_F(Items, BoundTheirDepth) {
         ASSERT_LT(chain.size(), 10'000u);
     }
     EXPECT_EQ(status_, STG_E_INVALIDFUNCTION);
-    EXPECT_GT(chain.size(), 500u);
+    EXPECT_EQ(chain.size(), 512u);
     chain.clear();
     EXPECT_TRUE(root_.deleteUnusedObjects(false));
     EXPECT_EQ(calls_.alive, 0);

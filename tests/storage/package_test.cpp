@@ -83,6 +83,7 @@ protected:
 TEST_F(Files, CopiesTakeBorrowedDataOver) {
     writeCompoundFile(file_, {{L"Note", "note"}});
     const std::wstring sample = samplePath(L"plain-lzma-packed-header.7z");
+    static const auto real = platform();
     const std::string packed = readFile(sample).substr(52, 240'864); // all but the class
     for (const bool borrow : {true, false}) {
         const std::wstring made = folder_.file(borrow ? L"borrowed" : L"packed anew");
@@ -98,6 +99,20 @@ TEST_F(Files, CopiesTakeBorrowedDataOver) {
         EXPECT_EQ(read(L"deep", openStorage(L"e", openStorage(L"d", target))).size(), 5000U);
         container().clearAll();
         EXPECT_EQ(target.borrowPackedData(source), STG_E_INVALIDPARAMETER) << "closed";
+
+        EXPECT_TRUE(source.storage());
+        container().setDeleteUnusedObjectsCallback([] {
+            container().clearAll();
+            return true;
+        });
+        platform().createFile = [](auto...) {
+            platform() = real;
+            SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+            return INVALID_HANDLE_VALUE;
+        };
+        EXPECT_EQ(target.borrowPackedData(source), STG_E_INVALIDPARAMETER)
+            << "closed while the target was opened";
+        container().setDeleteUnusedObjectsCallback(nullptr);
     }
 }
 

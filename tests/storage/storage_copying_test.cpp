@@ -3,6 +3,7 @@
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
 #include "support/log_capture.h"
+#include "support/scarce_memory.h"
 
 #include <vexel/storage.h>
 
@@ -10,6 +11,8 @@
 
 #include <algorithm>
 #include <filesystem>
+#include <map>
+#include <new>
 #include <random>
 #include <set>
 #include <string>
@@ -194,6 +197,10 @@ TEST_F(Copying, ConvertingInPlaceIsForPackages) {
     ASSERT_EQ(root.convert(path(L"package"), RootStorageOpenMode::ReadWrite), S_OK);
     EXPECT_FALSE(root.readOnly());
     EXPECT_TRUE(contents(root) == sorted(document));
+    EXPECT_EQ(StorageRef().convert(path(L"package"), RootStorageOpenMode::ReadWrite),
+              STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(root.convert(path(L"missing"), RootStorageOpenMode::ReadOnly), STG_E_FILENOTFOUND);
+    EXPECT_EQ(root.convert(path(L"missing"), RootStorageOpenMode::ReadWrite), S_OK);
 }
 
 /// A document with streams at many places, whose contents go into a package as they are.
@@ -452,6 +459,82 @@ TEST_F(CopyingOfFakes, StreamsThatEndEarlyAreLeftOut) {
     EXPECT_EQ(source_.copyTo(target), STG_E_READFAULT);
     EXPECT_TRUE(contents(target).empty());
     EXPECT_EQ(source_.copyTo(target_), E_FAIL) << "what the fakes' reading ends in";
+}
+
+TEST_F(CopyingOfFakes, OfOneStreamTellsWhatFailed) {
+    StreamRef from, to;
+    ASSERT_EQ(from.open(L"From", source_, true), S_OK);
+    ASSERT_EQ(to.open(L"To", target_, true), S_OK);
+    const struct {
+        const char* what;
+        std::map<size_t, HRESULT> source, target;
+        ULONGLONG size;
+        HRESULT result;
+        std::wstring targetCalls;
+    } cases[] = {
+        {"nothing", {}, {}, 0, S_OK, L"Seek\nSetSize 0\n"},
+        {"position", {{0, E_NOTIMPL}}, {}, 0, S_OK, L"Seek\nSetSize 0\n"},
+        {"size", {{1, E_NOTIMPL}}, {}, 5, S_OK, L"Seek\nSetSize 0\n"},
+        {"source's start", {{2, STG_E_READFAULT}}, {}, 0, STG_E_READFAULT, L""},
+        {"target's start", {}, {{0, STG_E_WRITEFAULT}}, 0, STG_E_WRITEFAULT, L"Seek\n"},
+        {"copy", {{3, STG_E_REVERTED}}, {{1, STG_E_WRITEFAULT}}, 0, STG_E_REVERTED, L"Seek\nSetSize 0\n"},
+        {"odd copy", {{3, S_FALSE}}, {}, 0, STG_E_READFAULT, L"Seek\nSetSize 0\n"},
+        {"way back", {{4, STG_E_READFAULT}}, {}, 0, S_OK, L"Seek\nSetSize 0\n"},
+        {"cutting off", {}, {{1, STG_E_MEDIUMFULL}}, 0, STG_E_MEDIUMFULL, L"Seek\nSetSize 0\n"},
+        {"end of a damaged stream", {}, {}, 5, STG_E_READFAULT, L"Seek\nSetSize 0\n"},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.what);
+        calls_.take();
+        targetCalls_.take();
+        calls_.failures = test.source;
+        targetCalls_.failures = test.target;
+        calls_.size = test.size;
+        EXPECT_EQ(from.copyTo(to), test.result);
+        EXPECT_EQ(targetCalls_.take(), test.targetCalls);
+    }
+    calls_.failures.clear();
+    targetCalls_.failures.clear();
+}
+
+// While the target is opened once more, others may close the source.
+TEST_F(CopyingOfFakes, HoldsTheStreamsItCopies) {
+    static StorageRef* source;
+    source = &source_;
+    StreamRef from, to;
+    ASSERT_EQ(from.open(L"From", source_, true), S_OK);
+    ASSERT_EQ(to.open(L"To", target_, true), S_OK);
+    targetCalls_.take();
+    targetCalls_.failures = {{0, STG_E_READFAULT}};
+    EXPECT_EQ(StreamRef().open(L"To", target_, true), STG_E_READFAULT) << "which closes it for all";
+    targetCalls_.take();
+    targetCalls_.failures = {{0, STG_E_TOOMANYOPENFILES}};
+    StorageContainer::Instance().setDeleteUnusedObjectsCallback(
+        [] { return FAILED(StreamRef().open(L"From", *source, false)); }); // and so does this
+    calls_.take();
+    EXPECT_EQ(from.copyTo(to), S_OK);
+    EXPECT_EQ(calls_.take(), L"Seek\nStat 1\nSeek\nCopyTo\nSeek\n~Stream\n");
+
+    static bool struck;
+    struck = true;
+    calls_.elements = {{L"From", STGTY_STREAM}};
+    for (int spared = 0; struck; ++spared) {
+        const StorageRef target = package(L"package" + std::to_wstring(spared));
+        source_.deleteUnusedObjects();
+        calls_.take();
+        calls_.failures = {{0, STG_E_FILENOTFOUND}}; // there is no "\1Ole"
+        struck = false;
+        AtMainAllocation(spared, [] {
+            struck = true;
+            throw std::bad_alloc();
+        });
+        source_.copyTo(target);
+        AtMainAllocation(0, nullptr);
+        const std::wstring calls = calls_.take();
+        const size_t copied = calls.find(L"CopyTo");
+        EXPECT_TRUE(copied == calls.npos || calls.find(L"~Stream") > copied) << spared;
+        ASSERT_LT(spared, 5000);
+    }
 }
 
 } // namespace

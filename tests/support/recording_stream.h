@@ -20,6 +20,8 @@ public:
     /// How many bytes a call moves at most, and how many it claims on top of that.
     unsigned long long most = ~0ULL;
     ULONG excess = 0;
+    /// How many calls move nothing before that.
+    int idle = 0;
 
     /// The calls since the last time, with their numbers, as in "Read 10, Seek 5 0, ".
     std::string take() { return std::exchange(calls_, {}); }
@@ -79,7 +81,9 @@ private:
         return status;
     }
     HRESULT move(const char* call, ULONG cb, ULONG* moved) {
-        *moved = static_cast<ULONG>((std::min)(static_cast<unsigned long long>(cb), most)) + excess;
+        *moved = 0;
+        if (idle-- <= 0)
+            *moved = static_cast<ULONG>((std::min)(static_cast<unsigned long long>(cb), most)) + excess;
         return record(call, cb);
     }
 
