@@ -1,3 +1,4 @@
+#include "base/last_error.h"
 #include "paths/platform_files.h"
 
 #include <vexel/paths.h>
@@ -34,7 +35,7 @@ TaskMemoryText FindKnownFolder(GUID const& folderId, DWORD flags) {
 DWORD CreateOneDirectory(std::wstring const& path) {
     if (CreateDirectoryW(path.c_str(), nullptr))
         return ERROR_SUCCESS;
-    const DWORD error = GetLastError();
+    const DWORD error = Detail::lastError();
     // The code for a directory that exists differs (a drive is "access denied"), so look for oneself.
     Detail::EntryInfo info;
     if (Detail::Platform().readEntry(path.c_str(), true, info) != ERROR_SUCCESS)

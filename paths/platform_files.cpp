@@ -1,5 +1,6 @@
 #include "paths/platform_files.h"
 
+#include "base/last_error.h"
 #include "base/process_end.h"
 #include "paths/file_handle.h"
 
@@ -11,7 +12,7 @@ DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
     // Most entries are no links, and their attributes can be had without opening them.
     const DWORD attributes = GetFileAttributesW(path);
     if (attributes == INVALID_FILE_ATTRIBUTES)
-        return GetLastError();
+        return lastError();
     if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
         info = {attributes, 0};
         return ERROR_SUCCESS;
@@ -22,17 +23,17 @@ DWORD ReadEntry(wchar_t const* path, bool followLinks, EntryInfo& info) {
     const FileHandle entry(
         CreateFileW(path, FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
     if (!entry)
-        return GetLastError();
+        return lastError();
     if (followLinks) { // the target may be on a volume that knows no tags
         BY_HANDLE_FILE_INFORMATION target{};
         if (!GetFileInformationByHandle(entry.get(), &target))
-            return GetLastError();
+            return lastError();
         info = {target.dwFileAttributes, 0};
         return ERROR_SUCCESS;
     }
     FILE_ATTRIBUTE_TAG_INFO read{};
     if (!GetFileInformationByHandleEx(entry.get(), FileAttributeTagInfo, &read, sizeof read))
-        return GetLastError();
+        return lastError();
     info = {read.FileAttributes, read.ReparseTag};
     return ERROR_SUCCESS;
 }

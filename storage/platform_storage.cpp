@@ -1,5 +1,6 @@
 #include "storage/platform_storage.h"
 
+#include "base/last_error.h"
 #include "paths/file_handle.h"
 
 namespace Vexel::Detail {
@@ -13,7 +14,7 @@ DWORD probeForWriting(const wchar_t* path) {
         return ERROR_ACCESS_DENIED;
     const FileHandle file(
         CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-    return file ? ERROR_SUCCESS : GetLastError();
+    return file ? ERROR_SUCCESS : lastError();
 }
 
 } // namespace
