@@ -51,16 +51,15 @@ std::wstring longPassword() {
     return text;
 }
 
-// Worked out by tests/data/cipher_answers.py: the first bytes, which see each wheel come round, and the last,
-// which see all of them come round together.
+// Worked out from the definition by a program of its own: the first bytes, which see each wheel come round,
+// and the last, which see all of them come round together.
 TEST(Cipher, GivesTheKnownAnswers) {
-    struct Case {
+    constexpr auto stream = Box::ModeStream, feedback = Box::ModeFeedback;
+    const struct {
         std::wstring password;
         Box::eMode mode;
         const char *first, *last;
-    };
-    constexpr auto stream = Box::ModeStream, feedback = Box::ModeFeedback;
-    const Case cases[] = {
+    } cases[] = {
         {L"A", stream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
         {L"A", feedback, "a5575d3a91bd3114fd139d7ed9594148057fcd62818581a3540e", "d754fc5eb174"},
         {L"Another", stream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
@@ -71,7 +70,7 @@ TEST(Cipher, GivesTheKnownAnswers) {
         {longPassword(), stream, "7f9d861a6c2208536937da287ef48c99cb197ee6e096382efa72", "42e91fa9cda3"},
         {longPassword(), feedback, "7fe2647e1230386b0235efc7b94dc158938af412f2645c7288fa", "fe1708a16ccf"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         Box box = keyed(c.password, Box::DirEncrypt, c.mode);
         Bytes bytes = through(box, 30000);
         EXPECT_EQ(hex({bytes.begin(), bytes.begin() + 26}), c.first);

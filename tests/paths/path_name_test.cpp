@@ -43,14 +43,14 @@ TEST(PathName, SharesTheEntryOfTheFirstSpelling) {
 }
 
 TEST(PathName, MakesAbsolutePathsCanonicalAndLeavesRelativeOnes) {
-    struct Case {
-        const wchar_t* text;
-        const wchar_t* expected;
+    const std::pair<const wchar_t*, const wchar_t*> cases[] = {
+        {LR"(C:\a\..\b\.\c.txt)", LR"(C:\b\c.txt)"},
+        {L"C:/a/b.txt", LR"(C:\a\b.txt)"},
+        {LR"(a\..\b)", LR"(a\..\b)"},
+        {L"\x05SummaryInformation", L"\x05SummaryInformation"},
+        {nullptr, L""},
     };
-    for (const auto& [text, expected] :
-         {Case{LR"(C:\a\..\b\.\c.txt)", LR"(C:\b\c.txt)"}, Case{L"C:/a/b.txt", LR"(C:\a\b.txt)"},
-          Case{LR"(a\..\b)", LR"(a\..\b)"}, Case{L"\x05SummaryInformation", L"\x05SummaryInformation"},
-          Case{L"", L""}, Case{nullptr, L""}})
+    for (const auto& [text, expected] : cases)
         EXPECT_STREQ(SharedPathName(text, false, false).asString(), expected);
 
     // A view need not end with a zero; one inside ends the path for the system, but not a relative text.
@@ -162,13 +162,18 @@ TEST(PathName, TellsWhereAPathLies) {
     EXPECT_FALSE(anyCase(LR"(C:\b)").isRelative());
     EXPECT_TRUE(anyCase(LR"(\\server\share\x)").isNetwork());
     EXPECT_FALSE(anyCase(LR"(C:\b)").isNetwork());
-    EXPECT_FALSE(SharedPathName().isRelative() || SharedPathName().isNetwork());
+    EXPECT_FALSE(SharedPathName().isRelative());
+    EXPECT_FALSE(SharedPathName().isNetwork());
 
     const SharedPathName null, inside = anyCase(LR"(C:\Dir\x)");
-    EXPECT_TRUE(inside.isSubPath(anyCase(LR"(C:\dir\)")) && !inside.isSubPath(inside));
-    EXPECT_TRUE(inside.isSubPath(null) && null.isSubPath(null) && !null.isSubPath(inside));
+    EXPECT_TRUE(inside.isSubPath(anyCase(LR"(C:\dir\)")));
+    EXPECT_FALSE(inside.isSubPath(inside));
+    EXPECT_TRUE(inside.isSubPath(null));
+    EXPECT_TRUE(null.isSubPath(null));
+    EXPECT_FALSE(null.isSubPath(inside));
     EXPECT_TRUE(anyCase(LR"(\\server\share)").isSubPath(CString()));
-    EXPECT_FALSE(inside.isSubPath(CString()) || null.isSubPath(CString()));
+    EXPECT_FALSE(inside.isSubPath(CString()));
+    EXPECT_FALSE(null.isSubPath(CString()));
 }
 
 TEST(PathName, ShowsWhatItKnowsInItsFlags) {
@@ -259,20 +264,18 @@ TEST(PathName, WithoutMemoryTheTableStaysAsItWas) {
     const SharedPathName directory = anyCase(LR"(C:\Scarce)");
     SharedPathName name = directory;
     int failures = 0;
-    for (bool done = false; !done; failures += !done) {
+    for (; name == directory; ++failures) {
+        AtMainAllocation(failures, [] { throw std::bad_alloc(); });
         try {
-            AtMainAllocation(failures, [] { throw std::bad_alloc(); });
             name = anyCase(LR"(C:\Scarce\Memory)");
-            done = true;
         } catch (CMemoryException* error) {
             error->Delete();
-            EXPECT_EQ(name, directory);
             EXPECT_STREQ(anyCase(LR"(C:\scarce\memory)").asString(), LR"(C:\scarce\memory)")
                 << "none was left";
         }
     }
     AtMainAllocation(0, nullptr);
-    EXPECT_GE(failures, 2) << "an entry and its place in the table";
+    EXPECT_GE(failures, 3) << "an entry and its place in the table";
     EXPECT_STREQ(name.asString(), LR"(C:\Scarce\Memory)");
 }
 
