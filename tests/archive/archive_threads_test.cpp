@@ -152,10 +152,7 @@ protected:
         ASSERT_EQ(archive_.save(true), S_OK);
     }
 
-    void note(bool success) {
-        if (!success)
-            ++failures_;
-    }
+    void note(bool success) { failures_ += !success; }
 
     // In two parts: a save in between has to leave the second to the next one.
     void write(unsigned writer) {
@@ -199,7 +196,7 @@ protected:
 };
 
 TEST_F(ArchiveThreads, NothingIsLostWhileOneSaves) {
-    std::vector<std::thread> writers, others;
+    std::vector<std::jthread> writers, others;
     for (unsigned i = 0; i < kWriters; ++i)
         writers.emplace_back([this, i] { write(i); });
     for (unsigned i = 0; i < 2; ++i)
@@ -210,11 +207,9 @@ TEST_F(ArchiveThreads, NothingIsLostWhileOneSaves) {
             note(!archive_.isEmpty());
         }
     });
-    for (std::thread& thread : writers)
-        thread.join();
+    writers.clear();
     stop_ = true;
-    for (std::thread& thread : others)
-        thread.join();
+    others.clear();
     EXPECT_EQ(failures_, 0U);
 
     EXPECT_EQ(archive_.save(true), S_OK);
@@ -236,9 +231,8 @@ TEST_F(ArchiveThreads, ArchivesCopyFromEachOther) {
     };
     ASSERT_EQ(other.createDirectory(L"w0", true, false), S_OK);
     std::thread first([&] { copy(archive_, other, L"x"); });
-    std::thread second([&] { copy(other, archive_, L"y"); });
+    copy(other, archive_, L"y");
     first.join();
-    second.join();
     EXPECT_EQ(failures_, 0U);
 }
 

@@ -171,37 +171,4 @@ TEST_F(Engine7z, PacksContentsInSmallBlocksAndHeadersThatAreLargeBesideThem) {
     EXPECT_FALSE(archive->database().CTime.GetItem(0, time)) << "none was given";
 }
 
-TEST_F(Engine7z, TellsWhereWritingFailed) {
-    std::vector<UpdateEntry> entries = manyEntries(3, 70'000);
-    ptrdiff_t updateFailures = 0, headerFailures = 0;
-    for (const bool isEmpty : {false, true})
-        for (unsigned n = 0;; ++n) {
-            const auto target = adopt(new FaultyStream);
-            target->writesLeft = n;
-            const auto output = adopt(new PassThroughOutStream(target.Get()));
-            log_.clear();
-            const HRESULT status = writeArchive(isEmpty ? std::vector<UpdateEntry>() : entries, nullptr,
-                                                output.Get(), L"target");
-            if (status == S_OK)
-                break;
-            EXPECT_EQ(status, STG_E_WRITEFAULT);
-            const auto update = log_.count(7, L"Failed to create or update archive \"target\": 0x8003001d");
-            const auto header = log_.count(7, L"Failed to write archive header to \"target\": 0x8003001d");
-            EXPECT_EQ(update + header, 1) << n;
-            EXPECT_EQ(header, isEmpty ? 1 : header);
-            updateFailures += update;
-            headerFailures += header;
-        }
-    EXPECT_GE(updateFailures, 4);
-    EXPECT_GE(headerFailures, 4);
-
-    const auto output = adopt(new PassThroughOutStream(adopt(new FaultyStream).Get()));
-    const auto contents = adopt(new FaultyStream);
-    contents->readFails = true;
-    entries[1].contents = contents;
-    EXPECT_EQ(writeArchive(entries, nullptr, output.Get(), L"x"), STG_E_READFAULT);
-    entries[1].contents.Reset();
-    EXPECT_EQ(writeArchive(entries, nullptr, output.Get(), L"x"), STG_E_INVALIDPARAMETER);
-}
-
 } // namespace

@@ -247,6 +247,7 @@ private:
 
 TEST_F(ForeignSaves, TellWhatAStreamFailedWith) {
     const auto bytes = Support::streamOf(Support::readFile(Support::samplePath(L"plain-lzma2.7z")));
+    std::ptrdiff_t updates = 0, headers = 0;
     for (const auto call :
          {SickStream::Reading, SickStream::Writing, SickStream::Seeking, SickStream::Cloning})
         for (const HRESULT status :
@@ -262,13 +263,22 @@ TEST_F(ForeignSaves, TellWhatAStreamFailedWith) {
                 const auto empty = Support::streamOf({});
                 const auto target = Vexel::Detail::adopt(new SickStream(plan, *empty.Get()));
                 plan = {call, n, status, false};
+                log_.clear();
                 const HRESULT saved = archive.save(target.Get());
+                if (plan.hit && status == STG_E_WRITEFAULT && call == SickStream::Writing) {
+                    updates += log_.count(7, L"Failed to create or update archive \"");
+                    headers += log_.count(7, L"Failed to write archive header to \"");
+                    EXPECT_EQ(updates + headers, n + 1);
+                    EXPECT_EQ(log_.count(7, L":\": 0x8003001d"), 1);
+                }
                 EXPECT_EQ(saved == S_OK, !plan.hit) << call << ' ' << n << std::hex << ' ' << status;
                 EXPECT_TRUE(!plan.hit || saved == status || (status > 0 && FAILED(saved)))
                     << call << ' ' << n << std::hex << ' ' << status << ' ' << saved;
                 if (!plan.hit || HasFailure())
                     break;
             }
+    EXPECT_GE(updates, 1);
+    EXPECT_GE(headers, 1);
 }
 
 } // namespace
