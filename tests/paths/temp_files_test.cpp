@@ -80,10 +80,11 @@ protected:
     LogCapture log_;
 };
 
-std::wstring Hex(unsigned long value) {
-    wchar_t text[16]{};
-    swprintf(text, std::size(text), L"%08lx", value);
-    return text;
+template <class... Numbers>
+std::wstring Formatted(const wchar_t* format, Numbers... numbers) {
+    CString text;
+    text.Format(format, numbers...);
+    return text.GetString();
 }
 
 TEST_F(TempFiles, HaveNamesOfOneShape) {
@@ -93,8 +94,8 @@ TEST_F(TempFiles, HaveNamesOfOneShape) {
     FILETIME created{};
     FILETIME ignored{};
     GetProcessTimes(GetCurrentProcess(), &created, &ignored, &ignored, &ignored);
-    const std::wstring tag = L"-18-" + Hex(GetCurrentProcessId()) + L'-' + Hex(created.dwHighDateTime) +
-                             Hex(created.dwLowDateTime) + L'-';
+    const std::wstring tag = Formatted(L"-18-%08lx-%08lx%08lx-", GetCurrentProcessId(),
+                                       created.dwHighDateTime, created.dwLowDateTime);
 
     const SharedPathName first = Registry().insert(nullptr, L"tmp", false, false);
     const std::wstring start = directory + (L"vexelapp" + tag);
@@ -103,11 +104,7 @@ TEST_F(TempFiles, HaveNamesOfOneShape) {
     EXPECT_FALSE(Exists(first));
     unsigned long long counter = std::stoull(text.substr(start.size()), nullptr, 16);
 
-    const auto next = [&counter] {
-        wchar_t digits[24]{};
-        swprintf(digits, std::size(digits), L"%llx", ++counter);
-        return std::wstring(digits);
-    };
+    const auto next = [&counter] { return Formatted(L"%llx", ++counter); };
     EXPECT_EQ(Registry().insert(L"", L".tmp", false, false).asString(), start + next() + L".tmp");
     EXPECT_EQ(Registry().generateUniqueFileName(L"p", nullptr), (L'p' + tag + next()).c_str());
     EXPECT_EQ(Registry().generateUniqueFileName(L"p", L""), (L'p' + tag + next() + L'.').c_str());
@@ -125,7 +122,7 @@ TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
     };
     const Vexel::Detail::TempNaming naming = Vexel::Detail::ComputeTempNaming();
     EXPECT_STREQ(naming.directory.data(), L"C:\\Temp"); // and no separator
-    EXPECT_EQ(naming.processTag.data(), L"-18-" + Hex(GetCurrentProcessId()));
+    EXPECT_EQ(naming.processTag.data(), Formatted(L"-18-%08lx", GetCurrentProcessId()));
     EXPECT_EQ(log_.count(7, L"Failed to get the path to the temporary directory: 0x00000015"), 1);
     EXPECT_EQ(log_.count(7, L"Failed to get timing information of the process: 0x00000005"), 1);
 }
