@@ -106,17 +106,14 @@ TEST_F(Archive, ReadOnlyRefusesEveryChange) {
     SZipArchive archive = open(path_, true);
     SZipArchive other(L"", false, false);
     ComPtr<IStream> stream;
-    EXPECT_EQ(archive.createFile(&stream, L"b", false, false), STG_E_ACCESSDENIED);
-    EXPECT_EQ(archive.createDirectory(L"b", false, false), STG_E_ACCESSDENIED);
-    EXPECT_EQ(archive.remove(L"a"sv), STG_E_ACCESSDENIED);
-    EXPECT_EQ(archive.move(L"a"sv, L"b"sv), STG_E_ACCESSDENIED);
-    EXPECT_EQ(archive.clear(L"d"sv), STG_E_ACCESSDENIED);
-    EXPECT_EQ(archive.addItem(other, L"a"sv, L"b"), STG_E_ACCESSDENIED);
-    EXPECT_EQ(archive.addItems(other, L""), STG_E_ACCESSDENIED);
-    EXPECT_EQ(archive.save(false), STG_E_ACCESSDENIED);
-    ASSERT_EQ(archive.extractFile(&stream, L"a"sv), S_OK);
+    EXPECT_EQ(archive.extractFile(&stream, L"a"sv), S_OK);
     EXPECT_EQ(stream->Write("y", 1, nullptr), STG_E_ACCESSDENIED);
     EXPECT_EQ(stream->SetSize({}), STG_E_ACCESSDENIED);
+    for (const HRESULT status :
+         {archive.createFile(&stream, L"b", false, false), archive.createDirectory(L"b", false, false),
+          archive.remove(L"a"sv), archive.move(L"a"sv, L"b"sv), archive.clear(L"d"sv),
+          archive.addItem(other, L"a"sv, L"b"), archive.addItems(other, L""), archive.save(false)})
+        EXPECT_EQ(status, STG_E_ACCESSDENIED);
     EXPECT_FALSE(archive.isChanged());
 }
 

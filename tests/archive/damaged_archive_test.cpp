@@ -149,7 +149,7 @@ struct Patient {
         EXPECT_EQ(stream == nullptr, !log.messages().empty());
         return status;
     }
-    const LogCapture log{};
+    const LogCapture log;
     const ComPtr<FaultyStream> source;
     SZipArchive archive{source.Get()};
 };

@@ -45,10 +45,6 @@ protected:
     }
     void TearDown() override { platform() = saved_; }
 
-    Vexel::Detail::FileHandle openForReading() const {
-        return Vexel::Detail::FileHandle(
-            CreateFileW(path_.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-    }
     void write(const std::vector<UpdateEntry>& entries, const DatabaseStream* old = nullptr) const {
         const auto file = adopt(new TemporaryFile(path_.c_str()));
         ASSERT_EQ(file->create(), S_OK);
@@ -73,7 +69,8 @@ protected:
 
 TEST_F(Engine7z, FileInputReadsAheadOnlyForWhoReadsOn) {
     Support::writeFile(path_, noise(3'000'000));
-    SharedFile file(openForReading());
+    SharedFile file(Vexel::Detail::FileHandle(
+        CreateFileW(path_.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr)));
     char target[3000];
     UInt32 done = 0;
     FileInStream one(file, 3'000'000), all(file, 3'000'000);
