@@ -126,7 +126,7 @@ public:
         EXPECT_EQ(StgCreateDocfile(folder_.file(L"file").c_str(), mode, 0, &root_), S_OK);
         for (const wchar_t* name : {L"a", L"b"}) {
             EXPECT_EQ(root_->CreateStream(name, mode, 0, 0, &theirs_.streams.emplace_back()), S_OK);
-            ours_.streams.push_back(Support::streamOf(""));
+            ours_.streams.emplace_back(Support::streamOf(""));
         }
     }
 
