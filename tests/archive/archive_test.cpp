@@ -1,5 +1,5 @@
 #include "archive_fixture.h"
-#include "paths/file_handle.h"
+#include "base/handles.h"
 
 #include <vexel/memory_streams.h>
 

@@ -1,9 +1,9 @@
 // Many threads on one archive: reading, listing, creating, changing and giving back memory, while another one
 // saves.
 
-#include "archive/rw_lock.h"
 #include "archive_fixture.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
+#include "base/rw_lock.h"
 #include "support/platform_guard.h"
 
 #include <atomic>
@@ -65,7 +65,7 @@ TEST(RwLock, LetsAReaderBecomeTheWriter) {
 class ProcessEnd : public Support::ArchiveTest {
 protected:
     static void end() {
-        Vexel::Detail::Platform().processIsEnding = [] { return true; };
+        Vexel::Detail::platform().processIsEnding = [] { return true; };
     }
 
 private:

@@ -4,7 +4,7 @@
 
 #include "archive/engine_streams.h"
 #include "archive_fixture.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 #include "support/scarce_memory.h"
 
 #include <filesystem>
@@ -81,9 +81,7 @@ class SaveFaults : public Support::ArchiveTest {
 protected:
     void SetUp() override {
         ArchiveTest::SetUp();
-        Vexel::Storage::Engine::platform().flushFile = [](HANDLE) -> BOOL {
-            return TRUE;
-        }; // takes most of the time
+        Vexel::Detail::platform().flushFile = [](HANDLE) -> BOOL { return TRUE; }; // takes most of the time
         use(makers[0]);
     }
     void TearDown() override { AtMainAllocation(0, nullptr); }

@@ -1,4 +1,4 @@
-#include "paths/file_handle.h"
+#include "base/handles.h"
 #include "paths/temp_names.h"
 #include "support/log_capture.h"
 #include "support/platform_guard.h"
@@ -20,7 +20,7 @@
 
 using Vexel::FileSystemEntryExists;
 using Vexel::Detail::FileHandle;
-using Vexel::Detail::Platform;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -63,13 +63,13 @@ protected:
         return name;
     }
     static void refuseThreads() {
-        Platform().startThread = [](std::function<void()> const&) -> std::thread {
+        platform().startThread = [](std::function<void()> const&) -> std::thread {
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         };
     }
     static void refuseDeletion(DWORD error) {
         deleteError = error;
-        Platform().deleteFile = [](wchar_t const*) -> BOOL {
+        platform().deleteFile = [](wchar_t const*) -> BOOL {
             SetLastError(deleteError);
             return FALSE;
         };
@@ -112,11 +112,11 @@ TEST_F(TempFiles, HaveNamesOfOneShape) {
 }
 
 TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
-    Platform().getTempPath = [](DWORD, wchar_t*) -> DWORD {
+    platform().getTempPath = [](DWORD, wchar_t*) -> DWORD {
         SetLastError(ERROR_NOT_READY);
         return 0;
     };
-    Platform().getProcessTimes = [](HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*) -> BOOL {
+    platform().getProcessTimes = [](HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*) -> BOOL {
         SetLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     };
@@ -165,7 +165,7 @@ TEST_F(TempFiles, InUseAreTriedAgainAndReportedOnce) {
 
 TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
     const SharedPathName name = insertFile();
-    Platform().getTickCount = [] { return tick; };
+    platform().getTickCount = [] { return tick; };
     struct {
         DWORD tick, error;
         bool logged;
@@ -214,11 +214,11 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     static std::atomic<bool> held;
     static std::atomic<bool> over;
     held = over = false;
-    const auto startThread = Platform().startThread;
+    const auto startThread = platform().startThread;
     refuseThreads();
     const SharedPathName first = insertFile();
     const SharedPathName second = insertFile();
-    Platform().deleteFile = [](wchar_t const* path) -> BOOL {
+    platform().deleteFile = [](wchar_t const* path) -> BOOL {
         held = true;
         while (!over)
             Sleep(1);
@@ -227,9 +227,9 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     std::jthread holder([&first] { Registry().erase(first); });
     while (!held)
         Sleep(1);
-    Platform().deleteFile = DeleteFileW;
-    Platform().startThread = startThread; // not to be tried any more
-    Platform().processIsEnding = [] { return true; };
+    platform().deleteFile = DeleteFileW;
+    platform().startThread = startThread; // not to be tried any more
+    platform().processIsEnding = [] { return true; };
     Registry().erase(second);
     EXPECT_FALSE(Exists(second));
     const SharedPathName third = insertFile(); // without the lock, too
@@ -246,7 +246,7 @@ TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
         Registry().clearAll(); // what this round or another test has left
         const SharedPathName files[] = {insertFile(), insertFile(), insertFile()};
         deletesBeforeFailure = n;
-        Platform().deleteFile = [](wchar_t const* path) -> BOOL {
+        platform().deleteFile = [](wchar_t const* path) -> BOOL {
             SetLastError(ERROR_ACCESS_DENIED);
             return deletesBeforeFailure-- != 0 && DeleteFileW(path);
         };
@@ -279,8 +279,8 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
     EXPECT_FALSE(Exists(name)); // closing was enough
 
     // Of a link the link itself goes, not what it leads to.
-    Platform().openFile = [](const wchar_t*, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD creation,
-                             DWORD flags, HANDLE) {
+    platform().createFile = [](const wchar_t*, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES,
+                               DWORD creation, DWORD flags, HANDLE) {
         EXPECT_EQ(access, 0U);
         EXPECT_EQ(share, static_cast<DWORD>(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE));
         EXPECT_EQ(creation, static_cast<DWORD>(OPEN_EXISTING));
@@ -321,7 +321,7 @@ TEST_F(TempFiles, CopiesAreWritable) {
                                 copy.asString() + L"\"..."),
               1);
 
-    Platform().setAttributes = [](wchar_t const*, DWORD) -> BOOL {
+    platform().setAttributes = [](wchar_t const*, DWORD) -> BOOL {
         SetLastError(ERROR_WRITE_PROTECT);
         return FALSE;
     };
@@ -404,8 +404,8 @@ TEST_F(TempFiles, RegistryServesManyThreads) {
 TEST_F(TempFiles, MarkedAgainWhileTheThreadDeletesThemStayMarked) {
     static SharedPathName name;
     name = insertFile();
-    Platform().deleteFile = [](wchar_t const* path) -> BOOL {
-        Platform().deleteFile = DeleteFileW;
+    platform().deleteFile = [](wchar_t const* path) -> BOOL {
+        platform().deleteFile = DeleteFileW;
         const BOOL deleted = DeleteFileW(path);
         Registry().insert(name, false, false);
         Write(name);

@@ -1,6 +1,6 @@
-#include "storage/compound_storage.h"
-#include "storage/element_name.h"
-#include "storage/platform_storage.h"
+#include "base/platform.h"
+#include "storage/compound/compound_storage.h"
+#include "storage/tree/element_name.h"
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
 #include "support/scarce_memory.h"
@@ -19,7 +19,7 @@
 using Support::FakeCalls;
 using Vexel::Detail::compoundOptionsVersion;
 using Vexel::Detail::elementName;
-using Vexel::Detail::StoragePlatform;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -36,12 +36,12 @@ public:
         answers = std::move(script);
         paths.clear();
         calls.clear();
-        StoragePlatform().openStorage = open;
+        platform().openStorage = open;
     }
     ScriptedSystem(const ScriptedSystem&) = delete;
     ScriptedSystem& operator=(const ScriptedSystem&) = delete;
     ~ScriptedSystem() {
-        StoragePlatform() = saved_;
+        platform() = saved_;
         compoundOptionsVersion() = 2;
     }
 
@@ -63,7 +63,7 @@ private:
         return status;
     }
 
-    Vexel::Detail::PlatformStorage saved_ = StoragePlatform();
+    Vexel::Detail::Platform saved_ = platform();
 };
 
 TEST(CompoundRoots, OpenAgainWhereThatHelps) {
@@ -119,7 +119,7 @@ TEST(CompoundRoots, LowerTheOptionsForGood) {
 
 class HeldRoots : public testing::Test {
 protected:
-    ~HeldRoots() override { StoragePlatform() = saved_; }
+    ~HeldRoots() override { platform() = saved_; }
     /// How `root` opens the file.
     HRESULT open(VxCompoundStorage& root, bool keyed, bool readOnly) {
         root.setKeyed(keyed);
@@ -142,7 +142,7 @@ protected:
     SharedPathName path_{file_, false, false};
 
 private:
-    Vexel::Detail::PlatformStorage saved_ = StoragePlatform();
+    Vexel::Detail::Platform saved_ = platform();
 };
 
 TEST_F(HeldRoots, AreReadFromACopy) {
@@ -191,7 +191,7 @@ TEST_F(HeldRoots, RaiseNothingWhileTheyOpenACopy) {
 TEST_F(HeldRoots, AreReadWhileAnotherWrites) {
     static std::vector<std::wstring> opened;
     opened.clear();
-    StoragePlatform().openStorage = [](const wchar_t* path, auto... rest) -> HRESULT {
+    platform().openStorage = [](const wchar_t* path, auto... rest) -> HRESULT {
         opened.emplace_back(path);
         return StgOpenStorageEx(path, rest...);
     };

@@ -1,8 +1,6 @@
-#include "archive/platform.h"
-#include "paths/platform_files.h"
-#include "storage/error_status.h"
-#include "storage/platform_storage.h"
-#include "storage/stream_lock.h"
+#include "base/platform.h"
+#include "storage/handles/stream_lock.h"
+#include "storage/tree/error_status.h"
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
 #include "support/handles.h"
@@ -17,7 +15,7 @@
 #include <vector>
 
 using namespace Support;
-using Vexel::Detail::StoragePlatform;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -35,25 +33,24 @@ public:
     CountedSystem() {
         touched = failures = 0;
         failOpen = S_OK;
-        real_ = StoragePlatform();
-        realFiles_ = Vexel::Storage::Engine::platform();
-        Vexel::Storage::Engine::platform().createFile = [](const wchar_t* path, DWORD access, DWORD share,
-                                                           SECURITY_ATTRIBUTES* security, DWORD how,
-                                                           DWORD attributes, HANDLE model) {
+        real_ = platform();
+        realFiles_ = Vexel::Detail::platform();
+        Vexel::Detail::platform().createFile = [](const wchar_t* path, DWORD access, DWORD share,
+                                                  SECURITY_ATTRIBUTES* security, DWORD how, DWORD attributes,
+                                                  HANDLE model) {
             return fails() ? INVALID_HANDLE_VALUE
                            : realFiles_.createFile(path, access, share, security, how, attributes, model);
         };
-        StoragePlatform().createFile = [](const wchar_t* path, DWORD access, DWORD share,
-                                          SECURITY_ATTRIBUTES* security, DWORD how, DWORD attributes,
-                                          HANDLE model) {
+        platform().createFile = [](const wchar_t* path, DWORD access, DWORD share,
+                                   SECURITY_ATTRIBUTES* security, DWORD how, DWORD attributes, HANDLE model) {
             return fails() ? INVALID_HANDLE_VALUE
                            : real_.createFile(path, access, share, security, how, attributes, model);
         };
-        StoragePlatform().probeForWriting = [](const wchar_t* path) {
+        platform().probeForWriting = [](const wchar_t* path) {
             return fails() ? DWORD{ERROR_TOO_MANY_OPEN_FILES} : real_.probeForWriting(path);
         };
-        StoragePlatform().openStorage = open;
-        StoragePlatform().isStorageFile = [](const wchar_t* path) {
+        platform().openStorage = open;
+        platform().isStorageFile = [](const wchar_t* path) {
             // Counted only where it may fail.
             return failures > 0 && fails() ? STG_E_TOOMANYOPENFILES : real_.isStorageFile(path);
         };
@@ -61,8 +58,8 @@ public:
     CountedSystem(const CountedSystem&) = delete;
     CountedSystem& operator=(const CountedSystem&) = delete;
     ~CountedSystem() {
-        StoragePlatform() = real_;
-        Vexel::Storage::Engine::platform() = realFiles_;
+        platform() = real_;
+        Vexel::Detail::platform() = realFiles_;
     }
 
 private:
@@ -80,8 +77,8 @@ private:
             return status;
         return real_.openStorage(path, flags, format, attributes, options, security, iid, result);
     }
-    static inline Vexel::Detail::PlatformStorage real_;
-    static inline Vexel::Storage::Engine::Platform realFiles_;
+    static inline Vexel::Detail::Platform real_;
+    static inline Vexel::Detail::Platform realFiles_;
 };
 
 class Container : public testing::Test {
@@ -284,11 +281,11 @@ TEST_F(Container, NothingIsWaitedForAtTheEndOfTheProcess) {
         WaitForSingleObject(done, INFINITE);
     });
     WaitForSingleObject(held, INFINITE);
-    const auto real = std::exchange(Vexel::Detail::Platform().processIsEnding, [] { return true; });
+    const auto real = std::exchange(Vexel::Detail::platform().processIsEnding, [] { return true; });
     std::thread([&] { root.reset(); }).join(); // whose thread is not the holder's
     EXPECT_FALSE(openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE))
         << "what a thread was in the middle of is left alone";
-    Vexel::Detail::Platform().processIsEnding = real;
+    Vexel::Detail::platform().processIsEnding = real;
     SetEvent(done);
     holder.join();
     note.reset();

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "storage/storage_item.h"
+#include "storage/tree/storage_item.h"
 
 #include <windows.h>
 
