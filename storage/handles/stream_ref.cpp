@@ -1,3 +1,4 @@
+#include "base/status.h"
 #include "base/status_guard.h"
 #include "io/com_stream.h"
 #include "storage/handles/named_child.h"
