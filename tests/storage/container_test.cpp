@@ -144,23 +144,6 @@ TEST_F(Container, MissingFilesAreAskedForOnce) {
         EXPECT_EQ(root.open(text, modeRead, false), STG_E_INVALIDHEADER) << "not missing";
 }
 
-// New files are packages, even in the place of a compound file that was open and is in nobody's use.
-TEST_F(Container, ThePlaceOfPackages) {
-    StorageRef root = openRoot(path_, modeRead);
-    EXPECT_EQ(root.format(), StorageFormat::CompoundFile);
-    ASSERT_EQ(root.create(path_), S_OK) << "the handle lets go of it first";
-    newStream(L"Note", root);
-    EXPECT_EQ(root.commit(), S_OK);
-    for (const char* const replacement : {"", "no longer a storage", "7z\xBC\xAF\x27\x1C damaged"}) {
-        root.close();
-        container().deleteUnusedObjects();
-        if (*replacement)
-            writeFile(file_, replacement);
-        EXPECT_EQ(root.open(path_, modeRead, false), *replacement ? STG_E_INVALIDHEADER : S_OK);
-        EXPECT_EQ(root.format(), *replacement ? StorageFormat::None : StorageFormat::Package);
-    }
-}
-
 TEST_F(Container, RootsKeepWritersOutAgainAfterAFailure) {
     const CountedSystem system;
     const StorageRef reader = openRoot(path_, modeReadDenyWrite);

@@ -73,6 +73,10 @@ void collect(IStorage* storage, const std::wstring& prefix, std::vector<Element>
 
 } // namespace
 
+void PrintTo(const Element& element, std::ostream* out) {
+    *out << std::string(element.path.begin(), element.path.end()) << "=" << element.contents.substr(0, 20);
+}
+
 std::wstring samplePath(std::wstring_view name) {
     std::filesystem::path path(L"Z:" + std::filesystem::path(VEXEL_TEST_DATA_DIR).wstring());
     return (path / name).make_preferred().wstring();
