@@ -37,6 +37,101 @@ def dump(path):
     return lines[0]["opened"], {line["path"]: line for line in lines[1:]}
 
 
+class Walk:
+    """A script of random calls, and the items that they are to leave: contents by path, None for a directory."""
+
+    NAMES = ["a", "A", "a-b", "%05x", "Ж😀", ".clsid", "x y"]
+    CALLS = {"write": 30, "make_directory": 15, "rewrite": 20, "remove": 8, "move": 10, "clear": 1, "flush": 4,
+             "reload": 2, "copy": 1, "save": 4}
+
+    def __init__(self, seed, saves):
+        self.random, self.items, self.script, self.packages = random.Random(seed), {}, [], {}
+        self.data = self.random.randbytes(1_300_000) + bytes(self.random.choices(b"abcd", k=1_300_000))
+        while sum(name.startswith("save") for name in self.packages) < saves:
+            getattr(self, *self.random.choices(list(self.CALLS), self.CALLS.values()))()
+
+    def call(self, name, path, **more):
+        self.script.append(json.dumps({"call": name, "path": path, **more}))
+
+    def chance(self, out_of):
+        return self.random.randrange(out_of) == 0
+
+    def any(self, directory):
+        """A path, empty for the root or when there is none."""
+        found = [path for path, data in self.items.items() if (data is None) == directory]
+        return self.random.choice([""] * (directory or not found) + found)
+
+    def new(self):
+        name = self.random.choice(self.NAMES) + (str(self.random.randrange(30)) if self.chance(3) else "")
+        return f"{self.any(True)}/{name}".removeprefix("/")
+
+    def is_below(self, directory, path):
+        return not directory or path.startswith(directory + "/")
+
+    def erase_below(self, directory):
+        self.items = {path: data for path, data in self.items.items() if not self.is_below(directory, path)}
+
+    def write(self):
+        path, replace = self.new(), self.chance(2)
+        size = self.random.randrange(self.random.choice([1, 2, 101, 3001, 70_001]) if self.random.randrange(60) else 1_200_001)
+        at = self.random.choice([0, 1_300_000]) + self.random.randrange(100_000)
+        if self.items.get(path, b"") is not None:
+            before = b"" if replace else self.items.get(path, b"")
+            self.call("createFile", path, replace=replace, at=at, size=size, crc=zlib.crc32(before))
+            self.items[path] = before + self.data[at:at + size]
+
+    def make_directory(self):
+        path, clear = self.new(), self.chance(4)
+        if self.items.get(path) is None:
+            self.call("createDirectory", path, clear=clear)
+            self.items[path] = None
+            if clear:
+                self.erase_below(path)
+
+    def rewrite(self):
+        if path := self.any(False):
+            data = self.items[path]
+            size = {"size": self.random.randrange(len(data) + 1)} if self.chance(2) else {}
+            self.call("extractFile", path, crc=zlib.crc32(data), **size)
+            self.items[path] = data[:size.get("size")]
+
+    def remove(self):
+        if path := self.any(self.chance(3)):
+            self.call("remove", path)
+            self.erase_below(path)
+            del self.items[path]
+
+    def move(self):
+        source, target = self.any(self.chance(3)), self.new()
+        if source and target not in self.items and not self.is_below(source, target):
+            self.call("move", source, to=target)
+            self.items = {target + path[len(source):] if path == source or self.is_below(source, path) else path: data
+                          for path, data in self.items.items()}
+
+    def clear(self):
+        path = self.any(True)
+        self.call("clear", path)
+        self.erase_below(path)
+
+    def flush(self):
+        self.call("flush", self.any(True))
+
+    def reload(self):
+        self.call("reload", "")
+
+    def package(self, name, **more):
+        package = f"{name} {len(self.packages)}.7z"
+        self.packages[package] = {path: (data is None, len(data or b""), zlib.crc32(data or b""))
+                                  for path, data in self.items.items()}
+        self.call(name, package, items=self.packages[package], reopen=self.chance(3) and name == "save", **more)
+
+    def copy(self):
+        self.package("copy", borrow=self.chance(2))
+
+    def save(self):
+        self.package("save", flag=self.chance(2))
+
+
 class Packages(unittest.TestCase):
     maxDiff = 2000
 
@@ -49,9 +144,13 @@ class Packages(unittest.TestCase):
             with self.subTest(seed=seed):
                 folder = self.directory / str(seed)
                 folder.mkdir()
-                tool("walk", f"Z:{folder}", seed, 12)
-                for wanted in sorted(folder.glob("*.json")):
-                    self.compare(wanted.with_suffix(".7z"), json.loads(wanted.read_text()))
+                walk = Walk(seed, 12)
+                (folder / "data").write_bytes(walk.data)
+                (folder / "script").write_text("\n".join(walk.script), encoding="utf-8")
+                tool("play", f"Z:{folder}")
+                for name, wanted in walk.packages.items():
+                    if wanted or (folder / name).exists():
+                        self.compare(folder / name, wanted)
 
     def compare(self, package, wanted):
         seven_zip("t", package)
