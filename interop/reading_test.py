@@ -42,16 +42,6 @@ class Reading(CommandTest):
                 by_path = {node.pop("path"): node for node in listed}
                 self.assertEqual(by_path, expected_list(path))
                 self.assertEqual(len(listed), len(by_path))
-                self.check_depth_first(list(by_path))
-
-    def check_depth_first(self, paths):
-        ancestors = [""]
-        for path in paths:
-            parent = path.rpartition("/")[0]
-            while ancestors and ancestors[-1] != parent:
-                ancestors.pop()
-            self.assertTrue(ancestors, path)
-            ancestors.append(path)
 
     def test_list_and_tree_show_the_same_nodes(self):
         path = self.sample("foreign-tree.cfb")
