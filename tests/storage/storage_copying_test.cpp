@@ -331,6 +331,10 @@ TEST_F(CopyingOfFakes, EndsWhereStoragesDoNot) {
     calls_.elements = {{L"Next", STGTY_STORAGE}};
     calls_.failures = {{0, STG_E_FILENOTFOUND}};                 // there is no "\1Ole"
     EXPECT_EQ(source_.copyTo(package()), STG_E_INVALIDFUNCTION); // handles go only so deep
+    EXPECT_GT(std::count_if(calls_.log.begin(), calls_.log.end(),
+                            [](const std::wstring& call) { return call.starts_with(L"OpenStorage"); }),
+              500);
+    EXPECT_LT(calls_.log.size(), 100'000u);
 }
 
 // A part is not taken for the whole, whatever fails and with whatever status, and the rest is copied.

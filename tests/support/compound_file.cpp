@@ -74,7 +74,8 @@ void collect(IStorage* storage, const std::wstring& prefix, std::vector<Element>
 } // namespace
 
 void PrintTo(const Element& element, std::ostream* out) {
-    *out << std::string(element.path.begin(), element.path.end()) << "=" << element.contents.substr(0, 20);
+    const std::wstring path = element.path.substr(0, 60);
+    *out << std::string(path.begin(), path.end()) << "=" << element.contents.substr(0, 20);
 }
 
 std::wstring samplePath(std::wstring_view name) {

@@ -128,22 +128,32 @@ public:
     ~FakeStorage() override { calls_.add(L"~Storage"); }
 
     STDMETHODIMP CreateStream(const wchar_t* name, DWORD stgm, DWORD, DWORD, ::IStream** result) override {
-        return give<FakeStream>(calls_.add(L"CreateStream", name, stgm), result);
+        const HRESULT status = calls_.add(L"CreateStream", name, stgm);
+        return calls_.keeps && SUCCEEDED(status) ? keep(name, result) : give<FakeStream>(status, result);
     }
     STDMETHODIMP OpenStream(const wchar_t* name, void*, DWORD stgm, DWORD, ::IStream** result) override {
-        return give<FakeStream>(calls_.add(L"OpenStream", name, stgm), result);
+        const HRESULT status = calls_.add(L"OpenStream", name, stgm);
+        if (!calls_.keeps || FAILED(status))
+            return give<FakeStream>(status, result);
+        const auto kept = calls_.streams.find(name);
+        if (kept == calls_.streams.end())
+            return STG_E_FILENOTFOUND;
+        kept->second->rewind();
+        return kept->second.CopyTo(result);
     }
     STDMETHODIMP CreateStorage(const wchar_t* name, DWORD stgm, DWORD, DWORD, IStorage** result) override {
         return give<FakeStorage>(calls_.add(L"CreateStorage", name, stgm), result);
     }
     STDMETHODIMP OpenStorage(const wchar_t* name, IStorage*, DWORD stgm, SNB, DWORD,
                              IStorage** result) override {
-        return give<FakeStorage>(calls_.add(L"OpenStorage", name, stgm), result);
+        const HRESULT status = calls_.add(L"OpenStorage", name, stgm);
+        return give<FakeStorage>(calls_.keeps ? STG_E_FILENOTFOUND : status, result);
     }
     STDMETHODIMP EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** result) override {
         return give<FakeList>(calls_.add(L"EnumElements"), result);
     }
     STDMETHODIMP DestroyElement(const wchar_t* name) override {
+        calls_.streams.erase(name);
         return calls_.add(std::wstring(L"DestroyElement ") + name);
     }
     STDMETHODIMP Commit(DWORD flags) override { return calls_.add(L"Commit", L"storage", flags); }
@@ -162,6 +172,16 @@ public:
     }
     STDMETHODIMP SetClass(REFCLSID) override { return E_NOTIMPL; }
     STDMETHODIMP SetStateBits(DWORD, DWORD) override { return E_NOTIMPL; }
+
+private:
+    HRESULT keep(const wchar_t* name, ::IStream** result) {
+        calls_.streams.erase(name);
+        if (const HRESULT status = calls_.add(L"made"); FAILED(status))
+            return status;
+        auto& stream = calls_.streams[name] = Vexel::Detail::adopt(new FaultyStream);
+        stream->writesLeft = FAILED(calls_.add(L"written")) ? 0 : ~0U;
+        return stream.CopyTo(result);
+    }
 };
 
 class FakePart final : public VxStream {

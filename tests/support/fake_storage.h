@@ -1,6 +1,7 @@
 #pragma once
 
 #include "storage/storage_item.h"
+#include "support/streams.h"
 
 #include <windows.h>
 
@@ -14,7 +15,8 @@
 #include <utility>
 #include <vector>
 
-/// Storages and streams that hold nothing, tell what they are asked and fail when they are told to.
+/// Storages and streams that hold nothing unless told to, tell what they are asked and fail when they are
+/// told to.
 namespace Support {
 
 /// What a set of fakes was asked, and what they answer.
@@ -25,6 +27,10 @@ struct FakeCalls {
     std::map<size_t, HRESULT> failures;
     /// Whether what is opened and made is null, whatever the status.
     bool givesNothing = false;
+    /// Whether streams that are made are kept in `streams`, to be opened again. Making one is three calls,
+    /// for it may fail before and after the old stream is gone, and when the new one is written.
+    bool keeps = false;
+    std::map<std::wstring, Microsoft::WRL::ComPtr<FaultyStream>> streams;
     /// What listings deliver: names and STGTY values.
     std::vector<std::pair<std::wstring, DWORD>> elements;
     /// What the storages say of their access, and the streams of their size.
