@@ -96,7 +96,10 @@ class Conversion(CommandTest):
         self.assertEqual(sorted(os.listdir(self.directory)), ["damaged.7z", "tree"])
 
     def test_a_killed_conversion_leaves_no_half_made_package(self):
-        document = self.sample("large")
+        document = self.sample("foreign-tree.cfb")
+        for name in "abcdefgh":
+            self.succeed("put", document, name, stdin=os.urandom(3_000_000))
+        nodes = self.succeed("list", document).count(b"\n")
         before, package = document.read_bytes(), self.directory / "out.7z"
         seed = random.randrange(1 << 32)
         random.seed(seed)
@@ -107,7 +110,7 @@ class Conversion(CommandTest):
             self.assertEqual(document.read_bytes(), before)
             if package.exists():
                 seven_zip("t", package)
-                self.assertEqual(self.succeed("list", package).count(b"\n"), 8, f"seed {seed}")
+                self.assertEqual(self.succeed("list", package).count(b"\n"), nodes, f"seed {seed}")
                 package.unlink()
 
 

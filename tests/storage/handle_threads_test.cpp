@@ -78,9 +78,7 @@ protected:
     bool check(bool succeeded, const char* what, long status = 0) {
         if (!succeeded && failures_++ < 10) {
             const std::lock_guard lock(mutex_);
-            char line[120];
-            std::snprintf(line, sizeof line, "%s: 0x%08lx\n", what, static_cast<unsigned long>(status));
-            what_ += line;
+            what_ += what + (": " + std::to_string(status)) + "\n";
         }
         return succeeded;
     }

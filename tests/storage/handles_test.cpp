@@ -123,28 +123,16 @@ TEST(NullHandles, AnswerEveryCall) {
 
 TEST_P(Handles, FailuresLeaveThemNull) {
     const StorageRef root = forReading();
-    StorageRef storage;
-    StreamRef stream;
-    const std::function<long()> calls[] = {
-        [&] { return storage.open(path(folder_.file(L"missing")), modeRead, false); },
-        [&] { return storage.open(L"Missing", root, true); },
-        [&] { return storage.open(L"Short", root, true); },
-        [&] { return storage.open(L"", root, true); },
-        [&] { return storage.create(L"Box", forWriting(), false); },
-        [&] { return stream.open(L"Missing", root, true); },
-        [&] { return stream.open(L"", root, true); },
-        [&] { return stream.open(L"Box", root, true); },
-    };
-    for (const auto& call : calls) {
-        storage = openStorage(L"Box", root);
-        stream = openStream(L"Long", root);
-        EXPECT_TRUE(FAILED(call()));
-        EXPECT_EQ(storage.null(), stream.notNull()) << "one of the two was asked";
-        storage.close();
-        stream.close();
+    for (const wchar_t* const name : {L"", L"Missing", L"Short"}) {
+        StorageRef storage = openStorage(L"Box", root);
+        EXPECT_TRUE(FAILED(storage.open(name, root, true)));
+        EXPECT_TRUE(storage.null()) << name;
     }
-    unsigned long done = 7;
-    EXPECT_TRUE(FAILED(stream.read(nullptr, 1, &done)) && done == 0);
+    for (const wchar_t* const name : {L"", L"Missing", L"Box"}) {
+        StreamRef stream = openStream(L"Long", root);
+        EXPECT_TRUE(FAILED(stream.open(name, root, true)));
+        EXPECT_TRUE(stream.null()) << name;
+    }
 }
 
 TEST_P(Handles, ReportExhaustedMemory) {
@@ -516,38 +504,6 @@ TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
     }
     CloseHandle(lock);
     EXPECT_EQ(StorageRef().open(SharedPathName(), modeRead, false), STG_E_INVALIDPARAMETER);
-}
-
-TEST_F(CompoundHandles, NamesThatAreNone) {
-    StorageRef root = forWriting();
-    const struct {
-        std::wstring text;
-        long open;
-        long create;
-    } cases[] = {
-        {std::wstring(31, L'n'), STG_E_FILENOTFOUND, S_OK},
-        {std::wstring(32, L'n'), STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {std::wstring(4000, L'n'), STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"a/b", STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"a\\b", STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"a:b", STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"a!b", STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"", STG_E_INVALIDPARAMETER, STG_E_INVALIDPARAMETER},
-        {L"\x05Summary \x0416", STG_E_FILENOTFOUND, S_OK},
-    };
-    EXPECT_EQ(StorageRef().open(L"Short", root, true), STG_E_FILENOTFOUND) << "a stream";
-    EXPECT_EQ(StreamRef().open(L"Box", root, true), STG_E_FILENOTFOUND) << "a storage";
-    for (const auto& [text, open, create] : cases) {
-        SCOPED_TRACE(text.substr(0, 40).c_str());
-        StorageRef storage;
-        StreamRef stream;
-        EXPECT_EQ(storage.open(text.c_str(), root, true), open);
-        EXPECT_EQ(stream.open(CStringW(text.c_str()), root, true), open);
-        EXPECT_EQ(storage.create(CStringW(text.c_str()), root, false), create);
-        storage.close();
-        EXPECT_EQ(stream.create(text.c_str(), root), create);
-        EXPECT_EQ(stream.null(), FAILED(create));
-    }
 }
 
 // What the application keeps as links stays open without handles, but only as long as there are others.

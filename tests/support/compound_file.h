@@ -50,9 +50,6 @@ void writeCompoundFile(const std::wstring& file, const std::vector<Element>& ele
 /// Every element, depth first, in the order in which the system lists them.
 std::vector<Element> readCompoundFile(const std::wstring& file);
 
-/// The contents of one stream.
-std::string readElement(const std::wstring& file, std::wstring_view path);
-
 /// Opens the root with the given STGM flags, or returns null.
 Microsoft::WRL::ComPtr<IStorage> openCompoundFile(const std::wstring& file, DWORD stgm);
 

@@ -15,24 +15,12 @@ void setTimes(STATSTG& info) {
 }
 
 template <class Interface>
-class Fake : public Interface {
+class Fake : public Vexel::IUnknownImpl<Interface> {
 public:
     explicit Fake(FakeCalls& calls) : calls_(calls) { ++calls_.alive; }
     Fake(const Fake&) = delete;
     Fake& operator=(const Fake&) = delete;
-    virtual ~Fake() { --calls_.alive; }
-
-    STDMETHODIMP QueryInterface(REFIID, void** result) override {
-        *result = nullptr;
-        return E_NOINTERFACE;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++count_; }
-    STDMETHODIMP_(ULONG) Release() override {
-        const ULONG left = --count_;
-        if (left == 0)
-            delete this;
-        return left;
-    }
+    ~Fake() override { --calls_.alive; }
 
 protected:
     /// A new `Made` in `result` if `status` is a success, with the only reference on it.
@@ -48,9 +36,6 @@ protected:
     }
 
     FakeCalls& calls_;
-
-private:
-    std::atomic<ULONG> count_{1};
 };
 
 class FakeStream final : public Fake<::IStream> {
@@ -184,21 +169,6 @@ private:
     }
 };
 
-class FakePart final : public VxStream {
-public:
-    FakePart(StorageFormat format, const SharedPathName& name, VxStorage* parent, VxStorageItem* root)
-        : VxStream(name, parent, root), format_(format) {}
-    StorageFormat format() const noexcept override { return format_; }
-
-private:
-    StorageFormat format_;
-};
-
-class FakeNodeList final : public VxStorageEnumerator {
-public:
-    StorageFormat format() const noexcept override { return StorageFormat::Package; }
-};
-
 } // namespace
 
 HRESULT FakeCalls::add(const std::wstring& call) {
@@ -227,34 +197,5 @@ ComPtr<IStorage> fakeStorage(FakeCalls& calls) {
     *made.GetAddressOf() = new FakeStorage(calls); // some libraries' Attach takes a reference of its own
     return made;
 }
-
-FakeNode::FakeNode(FakeCalls& calls, StorageFormat format, const wchar_t* path)
-    : FakeNode(calls, format, SharedPathName(path, true, false), nullptr, nullptr) {}
-
-FakeNode::FakeNode(FakeCalls& calls, StorageFormat format, const SharedPathName& name, VxStorage* parent,
-                   VxStorageItem* root)
-    : VxStorage(name, parent, root), calls_(calls), format_(format) {}
-
-HRESULT FakeNode::become(HRESULT status) {
-    if (status == S_OK)
-        storage_ = fakeStorage(calls_);
-    return status;
-}
-
-long FakeNode::createTemporary(bool) { return STG_E_INVALIDFUNCTION; }
-long FakeNode::borrowPackedData(VxStorage*) { return STG_E_INVALIDFUNCTION; }
-long FakeNode::clear() { return STG_E_INVALIDFUNCTION; }
-long FakeNode::createRoot(DWORD stgm, DWORD) { return become(calls_.add(L"createRoot", L"", stgm)); }
-long FakeNode::openRoot(DWORD stgm) { return become(calls_.add(L"openRoot", L"", stgm)); }
-
-std::unique_ptr<VxStorage> FakeNode::newChildStorage(const SharedPathName& name) {
-    return std::unique_ptr<VxStorage>(new FakeNode(calls_, format_, name, this, root_));
-}
-
-std::unique_ptr<VxStream> FakeNode::newChildStream(const SharedPathName& name) {
-    return std::make_unique<FakePart>(format_, name, this, root_);
-}
-
-std::unique_ptr<VxStorageEnumerator> FakeNode::createEnumerator() { return std::make_unique<FakeNodeList>(); }
 
 } // namespace Support

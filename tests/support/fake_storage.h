@@ -1,6 +1,5 @@
 #pragma once
 
-#include "storage/storage_item.h"
 #include "support/streams.h"
 
 #include <windows.h>
@@ -53,31 +52,5 @@ struct FakeCalls {
 
 /// A storage with its children; they share `calls`, which outlives them.
 Microsoft::WRL::ComPtr<IStorage> fakeStorage(FakeCalls& calls);
-
-/// A node of a tree over fakes.
-class FakeNode final : public VxStorage {
-public:
-    /// A root.
-    FakeNode(FakeCalls& calls, StorageFormat format, const wchar_t* path = L"root");
-
-    StorageFormat format() const noexcept override { return format_; }
-    long createTemporary(bool flag) override;
-    long borrowPackedData(VxStorage* source) override;
-    bool getFileTimes(FILETIME*, FILETIME*, FILETIME*) override { return false; }
-    std::unique_ptr<VxStorage> newChildStorage(const SharedPathName& name) override;
-    std::unique_ptr<VxStream> newChildStream(const SharedPathName& name) override;
-    std::unique_ptr<VxStorageEnumerator> createEnumerator() override;
-    long clear() override;
-    long createRoot(DWORD stgm, DWORD reserved) override;
-    long openRoot(DWORD stgm) override;
-
-private:
-    FakeNode(FakeCalls& calls, StorageFormat format, const SharedPathName& name, VxStorage* parent,
-             VxStorageItem* root);
-    HRESULT become(HRESULT status);
-
-    FakeCalls& calls_;
-    StorageFormat format_;
-};
 
 } // namespace Support
