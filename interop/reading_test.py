@@ -74,11 +74,6 @@ class Reading(CommandTest):
 class Extracting(CommandTest):
     def test_names_that_the_file_system_cannot_hold(self):
         path = self.sample("file-names.cfb")
-        # Names that no storage service makes, but a file may well contain.
-        data = path.read_bytes()
-        for name in ["..\\..\\evil--", "C:\\evil\\abcd", "\\\\evil\\abcde", "../../evil--"]:
-            data = data.replace("__XXXXXXXXXX".encode("utf-16-le"), name.encode("utf-16-le"), 1)
-        path.write_bytes(data)
         self.succeed("extract", path, self.directory / "out")
         self.assertEqual(sorted(p.name for p in self.directory.iterdir()), ["file-names.cfb", "out"])
         self.assertEqual(sorted(place.name for place in (self.directory / "out").rglob("*")), sorted([
