@@ -1,7 +1,7 @@
 // Memory streams against the system's, and against nothing but copying; strings in documents against the
 // least that writing and reading them takes.
 
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 #include "io/small_copy.h"
 #include "support/ratio.h"
 

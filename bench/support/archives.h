@@ -3,8 +3,8 @@
 #include "archive/database.h"
 #include "archive/engine.h"
 #include "archive/update_step.h"
-#include "io/com_pointer.h"
-#include "paths/file_handle.h"
+#include "base/com_pointer.h"
+#include "base/handles.h"
 
 #include <vexel/memory_streams.h>
 

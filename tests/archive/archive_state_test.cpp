@@ -198,7 +198,7 @@ TEST_F(State, NeverReplacesAFileThatIsNotTheOneItRead) {
 // Not everywhere does an open file keep others from putting another one in its place.
 TEST_F(State, NeverReplacesAFileThatCameInPlaceOfTheOpenOne) {
     make({{L"a", "1"}});
-    Vexel::Storage::Engine::platform().createFile = [](auto name, auto access, auto share, auto... others) {
+    Vexel::Detail::platform().createFile = [](auto name, auto access, auto share, auto... others) {
         return CreateFileW(name, access, share | FILE_SHARE_DELETE, others...);
     };
     SZipArchive archive(path_, false, true);

@@ -1,4 +1,4 @@
-#include "paths/file_handle.h"
+#include "base/handles.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"

@@ -1,9 +1,9 @@
 // Many threads on one archive: reading, listing, creating, changing and giving back memory, while another one
 // saves.
 
-#include "archive/rw_lock.h"
-#include "io/com_pointer.h"
-#include "paths/platform_files.h"
+#include "base/com_pointer.h"
+#include "base/platform.h"
+#include "base/rw_lock.h"
 #include "support/archive_faults.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
@@ -74,12 +74,12 @@ TEST(RwLock, LetsAReaderBecomeTheWriter) {
 class ProcessEnd : public testing::Test {
 protected:
     static void end() {
-        Vexel::Detail::Platform().processIsEnding = [] { return true; };
+        Vexel::Detail::platform().processIsEnding = [] { return true; };
     }
-    ~ProcessEnd() override { Vexel::Detail::Platform().processIsEnding = real_; }
+    ~ProcessEnd() override { Vexel::Detail::platform().processIsEnding = real_; }
 
 private:
-    decltype(Vexel::Detail::Platform().processIsEnding) real_ = Vexel::Detail::Platform().processIsEnding;
+    decltype(Vexel::Detail::platform().processIsEnding) real_ = Vexel::Detail::platform().processIsEnding;
 };
 
 // Whoever held the lock or waited for it is no more.

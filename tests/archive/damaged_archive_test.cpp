@@ -2,8 +2,8 @@
 // and reading all of it ends in a status and a message, with memory for what the file can hold.
 
 #include "archive/szip_storage.h"
-#include "io/com_pointer.h"
-#include "io/memory_blocks.h"
+#include "base/com_pointer.h"
+#include "base/platform.h"
 #include "support/archive_bytes.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
@@ -188,12 +188,12 @@ TEST(DamagedArchives, TellWhatIsMissingToReadThem) {
     source->cloneFails = true;
     EXPECT_EQ(archive.extractFile(&stream, L"a"sv), STG_E_TOOMANYOPENFILES);
     EXPECT_EQ(log.count(VxLog_Error, L"Failed to clone an IStream: 0x80030004"), 1);
-    const auto saved = Vexel::Detail::memorySource;
-    Vexel::Detail::memorySource.reallocate = [](void*, unsigned long long) noexcept -> void* {
+    const auto saved = Vexel::Detail::platform();
+    Vexel::Detail::platform().reallocate = [](void*, unsigned long long) noexcept -> void* {
         return nullptr;
     };
     EXPECT_EQ(archive.extractFile(&stream, L"a"sv), STG_E_INSUFFICIENTMEMORY);
-    Vexel::Detail::memorySource = saved;
+    Vexel::Detail::platform() = saved;
     EXPECT_EQ(log.count(VxLog_Error,
                         L"Not enough memory for decompressed contents of the file \"a\" (5 byte(s)) in "
                         L"archive \"patient\""),

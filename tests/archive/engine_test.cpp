@@ -3,7 +3,7 @@
 #include "archive/database.h"
 #include "archive/engine.h"
 #include "archive/update_step.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"
 #include "support/streams.h"

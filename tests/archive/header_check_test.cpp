@@ -5,7 +5,7 @@
 #include "archive/engine_status.h"
 #include "archive/header_check.h"
 #include "archive/header_stream.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 #include "support/archive_bytes.h"
 #include "support/compound_file.h"
 #include "support/scarce_memory.h"

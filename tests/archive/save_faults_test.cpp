@@ -3,7 +3,7 @@
 // file on the disk is the old one, byte for byte, or the new one, and the archive in memory can be saved.
 
 #include "archive/engine_streams.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 #include "support/archive_faults.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
@@ -90,9 +90,7 @@ const Change changes[] = {
 class SaveFaults : public testing::Test {
 protected:
     void SetUp() override {
-        Vexel::Storage::Engine::platform().flushFile = [](HANDLE) -> BOOL {
-            return TRUE;
-        }; // takes most of the time
+        Vexel::Detail::platform().flushFile = [](HANDLE) -> BOOL { return TRUE; }; // takes most of the time
         make(makers[0]);
     }
     void TearDown() override { AtMainAllocation(0, nullptr); }

@@ -1,7 +1,7 @@
 // Packages as IStorage, held against the system's own storage.
 
 #include "archive/szip_storage.h"
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 #include "support/archive_file.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"

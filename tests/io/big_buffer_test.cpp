@@ -1,4 +1,4 @@
-#include "io/memory_blocks.h"
+#include "base/platform.h"
 
 #include <vexel/memory_streams.h>
 
@@ -11,7 +11,7 @@
 #include <utility>
 #include <vector>
 
-using Vexel::Detail::memorySource;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -19,20 +19,20 @@ namespace {
 class BigBuffers : public testing::Test {
 protected:
     BigBuffers() {
-        memorySource.commit = [](unsigned long long bytes) noexcept -> void* {
+        platform().commitPages = [](unsigned long long bytes) noexcept -> void* {
             wanted.push_back(bytes);
             if (refusals > 0) {
                 --refusals;
                 return nullptr;
             }
-            void* const block = saved.commit(bytes);
+            void* const block = saved.commitPages(bytes);
             if (block)
                 blocks.insert(block);
             return block;
         };
-        memorySource.release = [](void* block) noexcept {
+        platform().releasePages = [](void* block) noexcept {
             EXPECT_EQ(blocks.erase(block), 1U);
-            saved.release(block);
+            saved.releasePages(block);
         };
         wanted = {};
         refusals = 0;
@@ -41,7 +41,7 @@ protected:
         BigBuffer::setMemoryDepletionHandler(nullptr);
         BigBuffer::compact();
         EXPECT_TRUE(blocks.empty());
-        memorySource = saved;
+        platform() = saved;
     }
 
     using Sizes = std::vector<unsigned long long>;
@@ -51,7 +51,7 @@ protected:
         return VirtualQuery(block, &region, sizeof region) != 0 && region.RegionSize == bytes;
     }
 
-    inline static const Vexel::Detail::MemorySource saved = memorySource;
+    inline static const Vexel::Detail::Platform saved = platform();
     inline static Sizes wanted;
     inline static std::set<void*> blocks;
     inline static int refusals = 0;

@@ -1,5 +1,5 @@
-#include "io/com_pointer.h"
-#include "io/memory_blocks.h"
+#include "base/com_pointer.h"
+#include "base/platform.h"
 #include "support/recording_stream.h"
 #include "support/scarce_memory.h"
 #include "support/streams.h"
@@ -26,7 +26,7 @@
 using Microsoft::WRL::ComPtr;
 using Support::streamOf;
 using Vexel::Detail::adopt;
-using Vexel::Detail::memorySource;
+using Vexel::Detail::platform;
 using Vexel::Storage::DynamicBuffer;
 using Vexel::Storage::InMemoryIStream;
 
@@ -39,17 +39,17 @@ class ScarceHeap {
 public:
     explicit ScarceHeap(int blocks) {
         left = blocks;
-        memorySource.reallocate = [](void* block, unsigned long long bytes) noexcept -> void* {
+        platform().reallocate = [](void* block, unsigned long long bytes) noexcept -> void* {
             return left-- > 0 ? std::realloc(block, bytes) : nullptr;
         };
     }
     ScarceHeap(const ScarceHeap&) = delete;
     ScarceHeap& operator=(const ScarceHeap&) = delete;
-    ~ScarceHeap() { memorySource = saved_; }
+    ~ScarceHeap() { platform() = saved_; }
 
 private:
     inline static int left = 0;
-    Vexel::Detail::MemorySource saved_ = memorySource;
+    Vexel::Detail::Platform saved_ = platform();
 };
 
 std::string contents(const ComPtr<InMemoryIStream>& stream) {
@@ -297,7 +297,7 @@ TEST(MemoryStream, TakesBuffersOver) {
     static unsigned char bytes[8] = {'a', 'b', 'c', 'd'};
     static void* expected;
     const ScarceHeap watched(INT_MAX);
-    memorySource.free = [](void* freed) noexcept {
+    platform().freeMemory = [](void* freed) noexcept {
         EXPECT_NE(freed, bytes);
         if (freed == expected)
             expected = nullptr;

@@ -1,4 +1,4 @@
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 #include "support/recording_stream.h"
 #include "support/scarce_memory.h"
 #include "support/streams.h"

@@ -283,7 +283,7 @@ TEST(PathName, TheEndOfTheProcessDoesNotWaitForAStoppedThread) {
     kept = anyCase(L"kept to the end");
     AtMainAllocation(0, [] { // inside the table's lock
         const PlatformGuard platform;
-        Vexel::Detail::Platform().processIsEnding = [] { return true; };
+        Vexel::Detail::platform().processIsEnding = [] { return true; };
         EXPECT_STREQ(anyCase(L"made at the end").asString(), L"made at the end");
         kept.clear();
     });

@@ -360,7 +360,7 @@ TEST_F(Entries, FollowTheSystemsAnswers) {
         {{0, 0, {link, 0x80000013}}, true, fs::file_type::regular},
         {{0, 5, {link, 0x80000013}}, true, fs::file_type::regular},
     };
-    Detail::Platform().readEntry = [](wchar_t const*, bool followLinks, Detail::EntryInfo& info) {
+    Detail::platform().readEntry = [](wchar_t const*, bool followLinks, Detail::EntryInfo& info) {
         info = answers.link;
         return followLinks ? answers.targetError : answers.linkError;
     };
@@ -466,7 +466,7 @@ TEST_F(Entries, CopyClearsReadOnlyByRequest) {
     EXPECT_FALSE(copy(L"a", L"cleared", CopyingFlag::ClearReadOnly));
     EXPECT_FALSE(readOnly(L"cleared"));
 
-    Detail::Platform().setAttributes = [](wchar_t const*, DWORD) -> BOOL {
+    Detail::platform().setAttributes = [](wchar_t const*, DWORD) -> BOOL {
         SetLastError(ERROR_WRITE_PROTECT);
         return FALSE;
     };
@@ -483,7 +483,7 @@ TEST_F(Entries, EveryFailingCopyIsReported) {
     ASSERT_TRUE(CreateDirectories(at(L"from\\sub"), nullptr, 0));
     for (auto* name : {L"from\\a", L"from\\b", L"from\\sub\\c"})
         write(name, "x");
-    Detail::Platform().copyFile = [](wchar_t const* source, wchar_t const* target,
+    Detail::platform().copyFile = [](wchar_t const* source, wchar_t const* target,
                                      BOOL failIfExists) -> BOOL {
         if (copiesLeft-- > 0)
             return CopyFileW(source, target, failIfExists);
@@ -537,7 +537,7 @@ TEST_F(Entries, KnownFoldersComeFromTheShell) {
     EXPECT_TRUE(FileSystemEntryExists(data.GetString()));
     EXPECT_EQ(GetKnownFolderPath(GUID{}, false), L"");
 
-    Detail::Platform().getKnownFolder = [](REFKNOWNFOLDERID, DWORD flags, HANDLE, PWSTR* path) -> HRESULT {
+    Detail::platform().getKnownFolder = [](REFKNOWNFOLDERID, DWORD flags, HANDLE, PWSTR* path) -> HRESULT {
         folder.flags = flags;
         *path = static_cast<PWSTR>(CoTaskMemAlloc(32)); // on failure, too
         wcscpy(*path, folder.path);

@@ -1,4 +1,4 @@
-#include "paths/file_handle.h"
+#include "base/handles.h"
 #include "paths/temp_names.h"
 #include "support/log_capture.h"
 #include "support/platform_guard.h"
@@ -19,7 +19,7 @@
 
 using Vexel::FileSystemEntryExists;
 using Vexel::Detail::FileHandle;
-using Vexel::Detail::Platform;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -62,13 +62,13 @@ protected:
         return name;
     }
     static void refuseThreads() {
-        Platform().startThread = [](std::function<void()> const&) -> std::thread {
+        platform().startThread = [](std::function<void()> const&) -> std::thread {
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         };
     }
     static void refuseDeletion(DWORD error) {
         deleteError = error;
-        Platform().deleteFile = [](wchar_t const*) -> BOOL {
+        platform().deleteFile = [](wchar_t const*) -> BOOL {
             SetLastError(deleteError);
             return FALSE;
         };
@@ -114,11 +114,11 @@ TEST_F(TempFiles, HaveNamesOfOneShape) {
 }
 
 TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
-    Platform().getTempPath = [](DWORD, wchar_t*) -> DWORD {
+    platform().getTempPath = [](DWORD, wchar_t*) -> DWORD {
         SetLastError(ERROR_NOT_READY);
         return 0;
     };
-    Platform().getProcessTimes = [](HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*) -> BOOL {
+    platform().getProcessTimes = [](HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*) -> BOOL {
         SetLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     };
@@ -171,7 +171,7 @@ TEST_F(TempFiles, InUseAreTriedAgainAndReportedOnce) {
 
 TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
     const SharedPathName name = insertFile();
-    Platform().getTickCount = [] { return tick; };
+    platform().getTickCount = [] { return tick; };
     struct {
         DWORD tick, error;
         bool logged;
@@ -220,11 +220,11 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     static std::atomic<bool> held;
     static std::atomic<bool> over;
     held = over = false;
-    const auto startThread = Platform().startThread;
+    const auto startThread = platform().startThread;
     refuseThreads();
     const SharedPathName first = insertFile();
     const SharedPathName second = insertFile();
-    Platform().deleteFile = [](wchar_t const* path) -> BOOL {
+    platform().deleteFile = [](wchar_t const* path) -> BOOL {
         held = true;
         while (!over)
             Sleep(1);
@@ -233,9 +233,9 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     std::jthread holder([&first] { Registry().erase(first); });
     while (!held)
         Sleep(1);
-    Platform().deleteFile = DeleteFileW;
-    Platform().startThread = startThread; // not to be tried any more
-    Platform().processIsEnding = [] { return true; };
+    platform().deleteFile = DeleteFileW;
+    platform().startThread = startThread; // not to be tried any more
+    platform().processIsEnding = [] { return true; };
     Registry().erase(second);
     EXPECT_FALSE(Exists(second));
     const SharedPathName third = insertFile(); // without the lock, too
@@ -251,7 +251,7 @@ TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
     for (int n = 0; n <= 3; ++n) {
         const SharedPathName files[] = {insertFile(), insertFile(), insertFile()};
         deletesBeforeFailure = n;
-        Platform().deleteFile = [](wchar_t const* path) -> BOOL {
+        platform().deleteFile = [](wchar_t const* path) -> BOOL {
             if (deletesBeforeFailure-- != 0)
                 return DeleteFileW(path);
             SetLastError(ERROR_ACCESS_DENIED);
@@ -287,8 +287,8 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
     EXPECT_FALSE(Exists(name)); // closing was enough
 
     // Of a link the link itself goes, not what it leads to.
-    Platform().openFile = [](const wchar_t*, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES, DWORD creation,
-                             DWORD flags, HANDLE) {
+    platform().createFile = [](const wchar_t*, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES,
+                               DWORD creation, DWORD flags, HANDLE) {
         EXPECT_EQ(access, 0U);
         EXPECT_EQ(share, static_cast<DWORD>(FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE));
         EXPECT_EQ(creation, static_cast<DWORD>(OPEN_EXISTING));
@@ -296,8 +296,8 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
         return INVALID_HANDLE_VALUE;
     };
     Registry().release(Registry().insert(nullptr, L"tmp", true, false));
-    Platform().openFile = CreateFileW;
-    Platform().deleteFile = DeleteFileW;
+    platform().createFile = CreateFileW;
+    platform().deleteFile = DeleteFileW;
     const SharedPathName missing = Registry().insert(nullptr, L"tmp", true, false);
     Registry().release(missing); // there was nothing to hold
     EXPECT_FALSE(Registry().contains(missing));
@@ -332,7 +332,7 @@ TEST_F(TempFiles, CopiesAreWritable) {
                                 copy.asString() + L"\"..."),
               1);
 
-    Platform().setAttributes = [](wchar_t const*, DWORD) -> BOOL {
+    platform().setAttributes = [](wchar_t const*, DWORD) -> BOOL {
         SetLastError(ERROR_WRITE_PROTECT);
         return FALSE;
     };
@@ -418,8 +418,8 @@ TEST_F(TempFiles, RegistryServesManyThreads) {
 TEST_F(TempFiles, MarkedAgainWhileTheThreadDeletesThemStayMarked) {
     static SharedPathName name;
     name = insertFile();
-    Platform().deleteFile = [](wchar_t const* path) -> BOOL {
-        Platform().deleteFile = DeleteFileW;
+    platform().deleteFile = [](wchar_t const* path) -> BOOL {
+        platform().deleteFile = DeleteFileW;
         const BOOL deleted = DeleteFileW(path);
         Registry().insert(name, false, false);
         Write(name);

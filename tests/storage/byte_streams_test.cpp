@@ -1,6 +1,6 @@
 // One body for the library's two byte streams: the adapter of a COM stream and the stream handle.
 
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 #include "support/fake_storage.h"
 #include "support/handles.h"
 #include "support/streams.h"

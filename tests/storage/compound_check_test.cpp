@@ -1,5 +1,5 @@
-#include "storage/compound_check.h"
-#include "storage/compound_layout.h"
+#include "storage/compound/compound_check.h"
+#include "storage/compound/compound_layout.h"
 #include "support/compound_file.h"
 #include "support/compound_image.h"
 #include "support/scarce_memory.h"

@@ -1,6 +1,6 @@
-#include "storage/compound_storage.h"
-#include "storage/element_name.h"
-#include "storage/platform_storage.h"
+#include "base/platform.h"
+#include "storage/compound/compound_storage.h"
+#include "storage/tree/element_name.h"
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
 #include "support/handles.h"
@@ -19,7 +19,7 @@
 using Support::FakeCalls;
 using Vexel::Detail::compoundOptionsVersion;
 using Vexel::Detail::elementName;
-using Vexel::Detail::StoragePlatform;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -34,12 +34,12 @@ public:
     explicit ScriptedSystem(std::deque<HRESULT> script) {
         answers = std::move(script);
         calls.clear();
-        StoragePlatform().openStorage = open;
+        platform().openStorage = open;
     }
     ScriptedSystem(const ScriptedSystem&) = delete;
     ScriptedSystem& operator=(const ScriptedSystem&) = delete;
     ~ScriptedSystem() {
-        StoragePlatform() = saved_;
+        platform() = saved_;
         compoundOptionsVersion() = 2;
     }
 
@@ -62,12 +62,12 @@ private:
         return status;
     }
 
-    Vexel::Detail::PlatformStorage saved_ = StoragePlatform();
+    Vexel::Detail::Platform saved_ = platform();
 };
 
 class CompoundRoots : public testing::Test {
 protected:
-    ~CompoundRoots() override { StoragePlatform() = saved_; }
+    ~CompoundRoots() override { platform() = saved_; }
     /// A background thread deletes what is given up.
     static bool isSoonGone(const std::wstring& file) {
         for (int i = 0; i < 3000; ++i) {
@@ -85,7 +85,7 @@ protected:
     SharedPathName path_{file_, false, false};
 
 private:
-    Vexel::Detail::PlatformStorage saved_ = StoragePlatform();
+    Vexel::Detail::Platform saved_ = platform();
 };
 
 TEST_F(CompoundRoots, OpenAgainWhereThatHelps) {
@@ -170,7 +170,7 @@ TEST_F(CompoundRoots, RaiseNothingWhileTheyOpenACopy) {
 // The system's own structured storage keeps others out, as it does in another process.
 TEST_F(CompoundRoots, AreReadWhileAnotherWrites) {
     static std::wstring opened;
-    StoragePlatform().openStorage = [](const wchar_t* path, auto... rest) -> HRESULT {
+    platform().openStorage = [](const wchar_t* path, auto... rest) -> HRESULT {
         return StgOpenStorageEx((opened = path).c_str(), rest...);
     };
     auto holder = Support::openCompoundFile(file_, STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_READWRITE);

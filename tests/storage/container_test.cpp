@@ -1,8 +1,6 @@
-#include "archive/platform.h"
-#include "paths/platform_files.h"
-#include "storage/error_status.h"
-#include "storage/platform_storage.h"
-#include "storage/stream_lock.h"
+#include "base/platform.h"
+#include "storage/handles/stream_lock.h"
+#include "storage/tree/error_status.h"
 #include "support/compound_file.h"
 #include "support/fake_storage.h"
 #include "support/handles.h"
@@ -18,7 +16,7 @@
 #include <vector>
 
 using namespace Support;
-using Vexel::Detail::StoragePlatform;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -36,25 +34,25 @@ public:
     CountedSystem() {
         touched = failures = 0;
         failOpen = S_OK;
-        real_ = StoragePlatform();
-        realFiles_ = Vexel::Storage::Engine::platform();
-        Vexel::Storage::Engine::platform().createFile = [](auto... arguments) -> HANDLE {
+        real_ = platform();
+        realFiles_ = Vexel::Detail::platform();
+        Vexel::Detail::platform().createFile = [](auto... arguments) -> HANDLE {
             return fails() ? INVALID_HANDLE_VALUE : realFiles_.createFile(arguments...);
         };
-        StoragePlatform().createFile = [](auto... arguments) -> HANDLE {
+        platform().createFile = [](auto... arguments) -> HANDLE {
             return fails() ? INVALID_HANDLE_VALUE : real_.createFile(arguments...);
         };
-        StoragePlatform().probeForWriting = [](const wchar_t* path) {
+        platform().probeForWriting = [](const wchar_t* path) {
             return fails() ? DWORD{ERROR_TOO_MANY_OPEN_FILES} : real_.probeForWriting(path);
         };
-        StoragePlatform().openStorage = [](const wchar_t* path, DWORD flags, auto... rest) -> HRESULT {
+        platform().openStorage = [](const wchar_t* path, DWORD flags, auto... rest) -> HRESULT {
             stgm = flags;
             if (fails())
                 return STG_E_TOOMANYOPENFILES;
             const HRESULT status = std::exchange(failOpen, S_OK);
             return FAILED(status) ? status : real_.openStorage(path, flags, rest...);
         };
-        StoragePlatform().isStorageFile = [](const wchar_t* path) {
+        platform().isStorageFile = [](const wchar_t* path) {
             // Counted only where it may fail.
             return failures > 0 && fails() ? STG_E_TOOMANYOPENFILES : real_.isStorageFile(path);
         };
@@ -62,8 +60,8 @@ public:
     CountedSystem(const CountedSystem&) = delete;
     CountedSystem& operator=(const CountedSystem&) = delete;
     ~CountedSystem() {
-        StoragePlatform() = real_;
-        Vexel::Storage::Engine::platform() = realFiles_;
+        platform() = real_;
+        Vexel::Detail::platform() = realFiles_;
     }
 
 private:
@@ -72,8 +70,8 @@ private:
         const int number = touched++;
         return number >= failing && number < failing + failures;
     }
-    static inline Vexel::Detail::PlatformStorage real_;
-    static inline Vexel::Storage::Engine::Platform realFiles_;
+    static inline Vexel::Detail::Platform real_;
+    static inline Vexel::Detail::Platform realFiles_;
 };
 
 class Container : public testing::Test {
@@ -250,11 +248,11 @@ TEST_F(Container, NothingIsWaitedForAtTheEndOfTheProcess) {
         done.get_future().wait();
     });
     held.get_future().wait();
-    const auto real = std::exchange(Vexel::Detail::Platform().processIsEnding, [] { return true; });
+    const auto real = std::exchange(Vexel::Detail::platform().processIsEnding, [] { return true; });
     std::thread([&] { root.reset(); }).join(); // whose thread is not the holder's
     EXPECT_FALSE(openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE))
         << "what a thread was in the middle of is left alone";
-    Vexel::Detail::Platform().processIsEnding = real;
+    Vexel::Detail::platform().processIsEnding = real;
     done.set_value();
     holder.join();
     note.reset();

@@ -1,5 +1,5 @@
-#include "storage/element_name.h"
-#include "storage/storage_item.h"
+#include "storage/tree/element_name.h"
+#include "storage/tree/storage_item.h"
 #include "support/fake_storage.h"
 
 #include <vexel/storage.h>

@@ -1,6 +1,6 @@
 // Packages through the handles: what only they can do.
 
-#include "archive/platform.h"
+#include "base/platform.h"
 #include "support/compound_file.h"
 #include "support/handles.h"
 #include "support/log_capture.h"
@@ -59,7 +59,7 @@ protected:
         platform() = real_;
         container().deleteUnusedObjects();
     }
-    static Vexel::Storage::Engine::Platform& platform() { return Vexel::Storage::Engine::platform(); }
+    static Vexel::Detail::Platform& platform() { return Vexel::Detail::platform(); }
 
     /// A package with one stream, which nobody has open.
     void make() const { writeDocument(file_, StorageFormat::Package, {{L"Note", "old"}}); }
@@ -68,7 +68,7 @@ protected:
         return read(L"Note", openRoot(path_, modeRead));
     }
 
-    static inline const Vexel::Storage::Engine::Platform real_ = platform();
+    static inline const Vexel::Detail::Platform real_ = platform();
     const TempFolder folder_;
     const std::wstring file_ = folder_.file(L"p");
     const SharedPathName path_ = path(file_);

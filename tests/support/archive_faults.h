@@ -1,6 +1,6 @@
 #pragma once
 
-#include "archive/platform.h"
+#include "base/platform.h"
 
 #include <windows.h>
 
@@ -39,7 +39,7 @@ public:
     static inline void (*alongside)() = nullptr;
 
 private:
-    using Platform = Vexel::Storage::Engine::Platform;
+    using Platform = Vexel::Detail::Platform;
     struct Plan {
         DWORD error;
         Form form;
@@ -48,7 +48,7 @@ private:
         bool hit;
     };
 
-    static Platform& Calls() { return Vexel::Storage::Engine::platform(); }
+    static Platform& Calls() { return Vexel::Detail::platform(); }
     static bool isStruck() {
         if (plan.skipped > 0) {
             --plan.skipped;
@@ -82,7 +82,7 @@ private:
         return plan.form == Nothing;
     }
 
-    static inline const Platform real = Vexel::Storage::Engine::platform();
+    static inline const Platform real = Vexel::Detail::platform();
     static inline Plan plan{};
     // The engine reads through the same calls when it opens the file, copies packed data and decodes.
     static inline void (*const breaks[])(Platform& calls) = {

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "storage/compound_check.h"
+#include "storage/compound/compound_check.h"
 
 #include <cstdint>
 #include <string>

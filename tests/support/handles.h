@@ -1,6 +1,6 @@
 #pragma once
 
-#include "storage/element_name.h"
+#include "storage/tree/element_name.h"
 #include "support/compound_file.h"
 
 #include <vexel/storage.h>

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "paths/platform_files.h"
+#include "base/platform.h"
 
 /// Puts the platform calls back as they were, so that a test may replace some of them.
 class PlatformGuard {
@@ -8,8 +8,8 @@ public:
     PlatformGuard() = default;
     PlatformGuard(PlatformGuard const&) = delete;
     PlatformGuard& operator=(PlatformGuard const&) = delete;
-    ~PlatformGuard() { Vexel::Detail::Platform() = saved_; }
+    ~PlatformGuard() { Vexel::Detail::platform() = saved_; }
 
 private:
-    Vexel::Detail::PlatformFiles saved_ = Vexel::Detail::Platform();
+    Vexel::Detail::Platform saved_ = Vexel::Detail::platform();
 };

@@ -1,6 +1,6 @@
 #pragma once
 
-#include "io/com_pointer.h"
+#include "base/com_pointer.h"
 
 #include <vexel/memory_streams.h>
 
