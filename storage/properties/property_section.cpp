@@ -121,7 +121,7 @@ bool PropertySection::split(ByteView section) {
     blocks_ = std::move(*blocks);
     made_.clear();
     const ByteView page = find(PID_CODEPAGE);
-    codePage_ = has(page, 0, 6) && numberAt(page, 0) == VT_I2 ? page[4] | page[5] << 8U : CP_ACP;
+    codePage_ = has(page, 0, 6) && numberAt(page, 0) == VT_I2 ? UINT{page[4]} | UINT{page[5]} << 8U : CP_ACP;
     if (codePage_ != wideCodePage && !IsValidCodePage(codePage_))
         codePage_ = CP_ACP;
     return true;

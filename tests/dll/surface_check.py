@@ -54,6 +54,8 @@ def readable(names, known):
             owner, _, member = whole.rpartition("::")
             if owner in ("", "Vexel", "vxio", "Vexel::Hash"):
                 owner, member = "(no class)", whole
+        if owner.startswith("std::"):
+            continue  # the runtime's own, of which precompiled headers make the compiler export some
         if owner == "(no class)" or member.startswith(("(", "operator")) or member in known:
             owners.setdefault(owner, set()).add(member)
     return [f"    {owner}: {' '.join(sorted(members))}" for owner, members in sorted(owners.items())]

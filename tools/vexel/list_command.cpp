@@ -22,8 +22,10 @@ std::string lineOf(const Node& node) {
     const std::string size = node.type == StorageType::Stream ? std::to_string(node.size) : "-";
     std::string modified = toIso8601(node.modified);
     constexpr std::size_t kToSeconds = 19;
-    if (modified.size() > kToSeconds)
-        modified = modified.substr(0, kToSeconds) + "Z";
+    if (modified.size() > kToSeconds) {
+        modified.resize(kToSeconds);
+        modified += 'Z';
+    }
     char columns[80];
     std::snprintf(columns, sizeof columns, "%-7s %12s %-20s ", typeName(node.type), size.c_str(),
                   modified.empty() ? "-" : modified.c_str());
