@@ -130,7 +130,7 @@ HRESULT VxCompoundStorage::tryOpening(Call call) {
     });
 }
 
-long VxCompoundStorage::createTemporary(bool /*flag*/) { return STG_E_INVALIDFUNCTION; }
+long VxCompoundStorage::createTemporary(bool /*rootFlag*/) { return STG_E_INVALIDFUNCTION; }
 
 long VxCompoundStorage::borrowPackedData(VxStorage* /*source*/) { return STG_E_INVALIDFUNCTION; }
 

@@ -163,7 +163,7 @@ ItemRef<VxStorage> RootTables::open(const SharedPathName& path, const RootOption
     }
     const auto open = [&](VxStorage& root) { return root.open(options.readOnly, options.rootFlag); };
     if (options.keyed) {
-        // Unused nodes of the root that other openers share may hold what the file is wanted for.
+        // Unused items of the root that other openers share may hold what the file is wanted for.
         if (const auto unkeyed = roots_.find({path, false}); unkeyed != roots_.end())
             unkeyed->second->deleteUnusedObjects(false);
     }

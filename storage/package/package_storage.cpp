@@ -66,7 +66,7 @@ bool VxNativePackage::hasChild(const SharedPathName& name, StorageType type) {
            type == (item->isDirectory() ? StorageType::Storage : StorageType::Stream);
 }
 
-long VxNativePackage::createTemporary(bool flag) {
+long VxNativePackage::createTemporary(bool rootFlag) {
     close();
     const long status = makeTemporary();
     if (FAILED(status)) {
@@ -75,7 +75,7 @@ long VxNativePackage::createTemporary(bool flag) {
     }
     readOnly_ = false;
     temporary_ = true;
-    rootFlag_ = flag;
+    rootFlag_ = rootFlag;
     return status;
 }
 

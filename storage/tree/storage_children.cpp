@@ -31,7 +31,7 @@ bool VxStorage::hasChild(const SharedPathName& name, StorageType type) {
                                         : static_cast<VxStream&>(*child->second).isOpen();
 }
 
-/// The child's item, made when there is none in the table. For creating, a node that is open without being
+/// The child's item, made when there is none in the table. For creating, an item that is open without being
 /// used is closed. One with handles below it stays open: what they wrote and nobody committed yet would go.
 template <class Child>
 HRESULT VxStorage::findOrMake(const SharedPathName& name, Purpose purpose, ItemRef<Child>& child,
