@@ -1,5 +1,5 @@
 """Checks the shape of the source tree: layers include only downwards, nothing includes in a circle, every test is
-registered, and the documents name files that exist.
+registered, and the documents name files, classes and functions that exist.
 
   tree_check.py BUILD_DIRECTORY
 """
@@ -95,6 +95,39 @@ def check_tests(build):
             yield f"{path}: not registered with ctest"
 
 
+def named_in(text):
+    """The classes and functions that a document names in code quotes: `Class::function`, `function()`, and single
+    names with a capital inside, which are no words of a sentence."""
+    text = re.sub(r"```.*?```", "", text, flags=re.DOTALL)
+    for quoted in re.findall(r"`([^`\n]+)`", text):
+        name = quoted.removesuffix("()")
+        if re.fullmatch(r"\w+(::\w+)+", name):
+            yield name
+        elif re.fullmatch(r"[A-Za-z_]\w*", name) and (name != quoted or re.search(r"[a-z][A-Z]", name)):
+            yield name
+
+
+def check_names():
+    sources = [re.sub(r"//.*", "", (ROOT / path).read_text(encoding="utf-8"))
+               for path in source_tree.files("*.h", "*.cpp", "*.py", "*.cmake")]
+    words = [set(re.findall(r"\w+", text)) for text in sources]
+
+    def exists(name):
+        *scope, last = name.split("::")
+        if not scope:
+            return any(last in known for known in words)
+        # Defined as it is written, or in the class's own text.
+        owner = re.compile(rf"\b(class|struct|enum|namespace)\b[^;{{]*\b{scope[-1]}\b")
+        return any(f"{scope[-1]}::{last}" in text or (last in known and owner.search(text))
+                   for text, known in zip(sources, words))
+
+    for document in source_tree.files("*.md"):
+        text = (ROOT / document).read_text(encoding="utf-8")
+        for name in sorted(set(named_in(text))):
+            if not name.startswith("std::") and not exists(name):
+                yield f"{document}: names {name}, which no source has"
+
+
 def check_documents():
     folders = {path.split("/")[0] for path in source_tree.files() if "/" in path}
     for document in source_tree.files("*.md"):
@@ -112,7 +145,8 @@ def check_documents():
 def main(build):
     sources = source_tree.files("*.h", "*.cpp")
     graph = {path: source_tree.includes(path) for path in sources}
-    faults = [*check_layers(graph), *check_circles(graph), *check_tests(build), *check_documents()]
+    faults = [*check_layers(graph), *check_circles(graph), *check_tests(build), *check_documents(),
+              *check_names()]
     print("\n".join(faults) or f"{len(sources)} sources in order")
     return 1 if faults or not sources else 0
 
