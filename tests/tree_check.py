@@ -16,6 +16,8 @@ import source_tree  # noqa: E402
 
 # Bottom to top. A layer includes only itself and what stands below it.
 LAYERS = ["framework", "base", "diagnostics", "paths", "io", "archive", "storage", "tools"]
+# These stand side by side.
+NEIGHBOURS = {"paths", "io"}
 
 # The layer that implements each public header.
 PUBLIC = "include/vexel/"
@@ -58,6 +60,8 @@ def check_layers(graph):
                     yield f"{path}: {name} is not part of the library"
                 elif other > own:
                     yield f"{path}: {name} stands above it"
+                elif other != own and {LAYERS[own], LAYERS[other]} == NEIGHBOURS:
+                    yield f"{path}: {name} stands beside it"
                 elif LAYERS[own] == "tools" and LAYERS[other] not in ("base", "tools") and not target.startswith(PUBLIC):
                     yield f"{path}: {name} is internal; programs see only the public headers"
                 elif path.startswith(PUBLIC) and not target.startswith(PUBLIC):
@@ -128,6 +132,13 @@ def check_names():
                 yield f"{document}: names {name}, which no source has"
 
 
+def check_reading_order():
+    order = (ROOT / "README.md").read_text(encoding="utf-8").partition("\n## Reading order\n")[2].partition("\n## ")[0]
+    for header in source_tree.files(PUBLIC + "*.h"):
+        if f"`{header.removeprefix(PUBLIC)}`" not in order:
+            yield f"README.md: {header} has no place in the reading order"
+
+
 def check_documents():
     folders = {path.split("/")[0] for path in source_tree.files() if "/" in path}
     for document in source_tree.files("*.md"):
@@ -146,7 +157,7 @@ def main(build):
     sources = source_tree.files("*.h", "*.cpp")
     graph = {path: source_tree.includes(path) for path in sources}
     faults = [*check_layers(graph), *check_circles(graph), *check_tests(build), *check_documents(),
-              *check_names()]
+              *check_names(), *check_reading_order()]
     print("\n".join(faults) or f"{len(sources)} sources in order")
     return 1 if faults or not sources else 0
 
