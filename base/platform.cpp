@@ -1,6 +1,7 @@
 #include "base/platform.h"
 
 #include "base/handles.h"
+#include "base/last_error.h"
 #include "base/process_end_query.h"
 
 #include <cstdlib>
@@ -14,7 +15,7 @@ DWORD readEntry(const wchar_t* path, bool followLinks, EntryInfo& info) {
     // Most entries are no links, and their attributes can be had without opening them.
     const DWORD attributes = GetFileAttributesW(path);
     if (attributes == INVALID_FILE_ATTRIBUTES)
-        return GetLastError();
+        return lastError();
     if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0) {
         info = {attributes, 0};
         return ERROR_SUCCESS;
@@ -25,17 +26,17 @@ DWORD readEntry(const wchar_t* path, bool followLinks, EntryInfo& info) {
     const FileHandle entry(
         CreateFileW(path, FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
     if (!entry)
-        return GetLastError();
+        return lastError();
     if (followLinks) { // the target may be on a volume that knows no tags
         BY_HANDLE_FILE_INFORMATION target{};
         if (!GetFileInformationByHandle(entry.get(), &target))
-            return GetLastError();
+            return lastError();
         info = {target.dwFileAttributes, 0};
         return ERROR_SUCCESS;
     }
     FILE_ATTRIBUTE_TAG_INFO read{};
     if (!GetFileInformationByHandleEx(entry.get(), FileAttributeTagInfo, &read, sizeof read))
-        return GetLastError();
+        return lastError();
     info = {read.FileAttributes, read.ReparseTag};
     return ERROR_SUCCESS;
 }
@@ -47,7 +48,7 @@ DWORD probeForWriting(const wchar_t* path) {
         return ERROR_ACCESS_DENIED;
     const FileHandle file(
         CreateFileW(path, GENERIC_READ | GENERIC_WRITE, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-    return file ? ERROR_SUCCESS : GetLastError();
+    return file ? ERROR_SUCCESS : lastError();
 }
 
 // No object is larger, and what the heap adds and rounds up cannot overflow below it.

@@ -7,9 +7,18 @@
 #include <cstdint>
 #include <cstring>
 
-// Three wheels of key bytes turn together, each a byte longer than the one before, and never get out of step.
-// So the key bytes they make between them are laid out in memory for one whole period, and one position
-// stands for those of all wheels.
+// By definition, the key byte for place n is the exclusive or of three bytes, one of each wheel: those at n
+// modulo 23, 24 and 25. A loop that turns the wheels byte by byte spends its time on three positions and
+// their wrapping, and takes some fifty times as long as this code in the chained mode and some two hundred
+// times in the other.
+//
+// The wheels start together, so what they make between them repeats after 23 * 24 * 25 = 13,800 bytes. That
+// period is computed once for each key, by mixing the wheels one after the other into a table (layOut), and
+// one position in the table stands for those of all wheels. The table has a block more than the period, which
+// only its filling needs. Enciphering is then the exclusive or of the data and a run of the table, 16 bytes
+// at a time (SSE2, which every processor of this architecture has). The chained mode makes each byte depend
+// on the one before; within a block this is worked out in four steps of shifting (accumulate) for
+// enciphering, and by one shift for deciphering, which has all the cipher bytes at hand.
 
 namespace {
 
@@ -179,21 +188,21 @@ void SECCryptoBlackBox::SetPtr(long offset) {
 unsigned char SECCryptoBlackBox::NextKey() {
     unsigned char key = 0;
     if (wheels_->stream)
-        wheels_->inRuns(&key, 1, [](unsigned char* byte, int, const unsigned char* next) { *byte = *next; });
+        wheels_->inRuns(&key, 1, [](unsigned char* to, int, const unsigned char* next) { *to = *next; });
     return key;
 }
 
-void SECCryptoBlackBox::Encrypt(unsigned char& byte) {
-    byte = static_cast<unsigned char>(byte ^ NextKey() ^ encryptFeedback_);
+void SECCryptoBlackBox::Encrypt(unsigned char& value) {
+    value = static_cast<unsigned char>(value ^ NextKey() ^ encryptFeedback_);
     if (mode_ == ModeFeedback)
-        encryptFeedback_ = byte;
+        encryptFeedback_ = value;
 }
 
-void SECCryptoBlackBox::Decrypt(unsigned char& byte) {
-    intermediate = static_cast<unsigned char>(byte ^ NextKey() ^ decryptFeedback_);
+void SECCryptoBlackBox::Decrypt(unsigned char& value) {
+    intermediate = static_cast<unsigned char>(value ^ NextKey() ^ decryptFeedback_);
     if (mode_ == ModeFeedback)
-        decryptFeedback_ = byte;
-    byte = intermediate;
+        decryptFeedback_ = value;
+    value = intermediate;
 }
 
 void SECCryptoBlackBox::TransformBuf(unsigned char* buffer, long length) {

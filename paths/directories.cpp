@@ -1,5 +1,6 @@
 #include "base/platform.h"
 #include "base/task_memory.h"
+#include "base/last_error.h"
 
 #include <vexel/paths.h>
 
@@ -29,7 +30,7 @@ Detail::TaskText FindKnownFolder(GUID const& folderId, DWORD flags) {
 DWORD CreateOneDirectory(std::wstring const& path) {
     if (CreateDirectoryW(path.c_str(), nullptr))
         return ERROR_SUCCESS;
-    const DWORD error = GetLastError();
+    const DWORD error = Detail::lastError();
     // The code for a directory that exists differs (a drive is "access denied"), so look for oneself.
     Detail::EntryInfo info;
     if (Detail::platform().readEntry(path.c_str(), true, info) != ERROR_SUCCESS)

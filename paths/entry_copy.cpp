@@ -1,5 +1,6 @@
 #include "base/handles.h"
 #include "base/platform.h"
+#include "base/last_error.h"
 #include "paths/path_text.h"
 
 #include <vexel/paths.h>
@@ -74,7 +75,7 @@ std::error_code ListDirectory(std::wstring const& directory, std::vector<std::ws
     WIN32_FIND_DATAW found{};
     const Detail::SearchHandle search(FindFirstFileW(Join(directory, L"*").c_str(), &found));
     if (search.get() == INVALID_HANDLE_VALUE) {
-        const DWORD error = GetLastError();
+        const DWORD error = Detail::lastError();
         return error == ERROR_FILE_NOT_FOUND ? std::error_code() : SystemError(error); // an empty drive root
     }
     do {
@@ -82,7 +83,7 @@ std::error_code ListDirectory(std::wstring const& directory, std::vector<std::ws
         if (name != L"." && name != L"..")
             names.emplace_back(name);
     } while (FindNextFileW(search.get(), &found));
-    const DWORD error = GetLastError();
+    const DWORD error = Detail::lastError();
     return error == ERROR_NO_MORE_FILES ? std::error_code() : SystemError(error);
 }
 
@@ -92,7 +93,7 @@ std::error_code CopyOneFile(CopyJob const& job, Entry const& target, FlagSet<Cop
     if (target.exists && (!overwrite || IsSameEntry(job.source, job.target)))
         return std::make_error_code(std::errc::file_exists);
     if (!Detail::platform().copyFile(job.source.c_str(), job.target.c_str(), overwrite ? FALSE : TRUE))
-        return SystemError(GetLastError());
+        return SystemError(Detail::lastError());
     return {};
 }
 
@@ -102,7 +103,7 @@ std::error_code CopyDirectory(CopyJob const& job, Entry const& target) {
     if (target.exists && IsSameEntry(job.source, job.target))
         return std::make_error_code(std::errc::file_exists);
     if (!target.exists && job.copied && !CreateDirectoryW(job.target.c_str(), nullptr))
-        return SystemError(GetLastError());
+        return SystemError(Detail::lastError());
     return {};
 }
 
@@ -177,12 +178,12 @@ std::error_code CopyTree(std::wstring_view source, std::wstring_view target, Fla
 std::error_code ClearReadOnly(std::wstring const& path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES)
-        return SystemError(GetLastError());
+        return SystemError(Detail::lastError());
     if ((attributes & FILE_ATTRIBUTE_READONLY) == 0)
         return {};
     const DWORD writable = attributes & ~static_cast<DWORD>(FILE_ATTRIBUTE_READONLY);
     return Detail::platform().setAttributes(path.c_str(), writable) ? std::error_code()
-                                                                    : SystemError(GetLastError());
+                                                                    : SystemError(Detail::lastError());
 }
 
 } // namespace

@@ -19,6 +19,9 @@ LAYERS = ["framework", "base", "diagnostics", "paths", "io", "archive", "storage
 # These stand side by side.
 NEIGHBOURS = {"paths", "io"}
 
+# The rooms of a large layer, bottom to top as well.
+ROOMS = {"storage": ["tree", "compound", "package", "handles", "documents", "properties"]}
+
 # The layer that implements each public header.
 PUBLIC = "include/vexel/"
 HEADER_LAYERS = {
@@ -42,6 +45,19 @@ def layer_of(path):
         return LAYERS.index(layer)
     folder = path.split("/")[0]
     return LAYERS.index(folder) if folder in LAYERS else None
+
+
+def room_of(path):
+    """The room's place in its layer; None for a layer without rooms."""
+    layer, room, *_ = path.split("/")
+    return ROOMS[layer].index(room) if layer in ROOMS else None
+
+
+def check_rooms(graph):
+    for path, included in graph.items():
+        for name, target in included:
+            if target and path.split("/")[0] == target.split("/")[0] in ROOMS and room_of(target) > room_of(path):
+                yield f"{path}: {name} stands above it"
 
 
 def check_layers(graph):
@@ -156,8 +172,8 @@ def check_documents():
 def main(build):
     sources = source_tree.files("*.h", "*.cpp")
     graph = {path: source_tree.includes(path) for path in sources}
-    faults = [*check_layers(graph), *check_circles(graph), *check_tests(build), *check_documents(),
-              *check_names(), *check_reading_order()]
+    faults = [*check_layers(graph), *check_rooms(graph), *check_circles(graph), *check_tests(build),
+              *check_documents(), *check_names(), *check_reading_order()]
     print("\n".join(faults) or f"{len(sources)} sources in order")
     return 1 if faults or not sources else 0
 

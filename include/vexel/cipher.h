@@ -46,8 +46,8 @@ public:
     eMode GetMode() { return mode_; }
 
 protected:
-    void Encrypt(unsigned char& byte);
-    void Decrypt(unsigned char& byte);
+    void Encrypt(unsigned char& value);
+    void Decrypt(unsigned char& value);
 
 private:
     struct Wheels;

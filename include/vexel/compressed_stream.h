@@ -114,5 +114,7 @@ private:
 /// them goes unnoticed: that is success with what could be inflated. A trailer that does not fit is logged
 /// and no failure either.
 ///  - The failures of copying. A failed write of inflated bytes is one, even if copying succeeds then.
+///    STG_E_SEEKERROR: `source` cannot be rewound to be copied. STG_E_WRITEFAULT: what was inflated cannot be
+///    taken back.
 ///  - STG_E_INVALIDPOINTER: null.
 VEXEL_API HRESULT DecompressStream(::IStream* source, ::IStream* destination);

@@ -98,6 +98,7 @@ public:
         Circle,
         Shared, ///< runs into another chain, and ends with that
         Table,  ///< runs into a sector of a table, which has a successor as any
+        CutOff, ///< its next link is behind the end of the file
         Broken, ///< runs out of the table or onto a mark that ends no chain
     };
     struct Chain {
@@ -110,13 +111,17 @@ public:
     /// The number of sectors that really exist.
     void setRoom(std::uint64_t sectors) noexcept { room_ = sectors; }
 
-    /// What the end of the file cuts off counts as zeros: as links to the first sector.
+    /// Only the file's last sector can be cut short, so that there is one gap in the table at most.
     void append(std::span<const std::byte> sector, std::size_t wholeBytes) {
         const std::size_t old = next_.size();
         next_.resize(old + wholeBytes / sizeof(std::uint32_t));
         std::memcpy(next_.data() + old, sector.data(), std::min(sector.size(), wholeBytes));
         used_.resize(next_.size());
         tables_.resize(next_.size());
+        if (sector.size() < wholeBytes) {
+            gapBegin_ = old + sector.size() / sizeof(std::uint32_t);
+            gapEnd_ = next_.size();
+        }
     }
 
     /// Takes a sector for a table; false if it is one already.
@@ -144,6 +149,10 @@ public:
             chain.leavesRoom = chain.leavesRoom || sector >= room_;
             ++chain.length;
             visit(sector);
+            if (sector >= gapBegin_ && sector < gapEnd_) {
+                chain.end = End::CutOff;
+                return chain;
+            }
         }
         return chain;
     }
@@ -157,6 +166,7 @@ private:
     }
 
     std::vector<std::uint32_t> next_;
+    std::size_t gapBegin_ = 0, gapEnd_ = 0; ///< the numbers that are cut off
     NumberSet used_;
     NumberSet tables_;
     std::uint64_t room_ = 0;
@@ -281,6 +291,8 @@ private:
             return incomplete("a chain of sectors runs into another one", chain.last);
         case AllocationTable::End::Table:
             return damaged("a chain of sectors runs into the allocation table", chain.last);
+        case AllocationTable::End::CutOff:
+            return damaged("a chain of sectors leads to where its table is cut off", chain.last);
         case AllocationTable::End::Broken:
             return damaged("a chain of sectors breaks off", chain.last);
         case AllocationTable::End::Clean:
@@ -301,12 +313,13 @@ private:
             if (first / entriesPerSector >= reader_.sectors())
                 return;
             std::copy(bytes.begin(), bytes.end(), whole.begin());
-            std::fill(whole.begin() + static_cast<std::ptrdiff_t>(bytes.size()), whole.end(), std::byte{0});
-            for (std::size_t at = 0; at < reader_.sectorBytes(); at += kEntryBytes)
+            for (std::size_t at = 0; at < reader_.sectorBytes(); at += kEntryBytes) {
                 entries_.push_back(
                     decodeEntry(std::span(whole).subspan(at).first<kEntryBytes>(), header_.sectorShift));
+                entries_.back().isThere = at + kEntryBytes <= bytes.size();
+            }
         });
-        if (entries_.empty())
+        if (entries_.empty() || !entries_[0].isThere)
             return damaged("there is no directory", header_.firstDirectorySector);
         return acceptEnd(chain) && (complete || unfitForWriting("the directory is cut short"));
     }
@@ -314,8 +327,10 @@ private:
     bool loadMiniFat() {
         if (header_.firstMiniFatSector == kFreeSector)
             return true;
+        bool isThere = true;
         return acceptEnd(fat_.follow(header_.firstMiniFatSector, [&](std::uint32_t sector) {
-            if (access_ != CompoundAccess::Read && sector < reader_.sectors()) // else it is refused below
+            isThere = isThere && sector < reader_.sectors();
+            if (isThere) // else the table ends there, for who may read what is left
                 miniFat_.append(reader_.sector(sector), reader_.sectorBytes());
         }));
     }
@@ -356,6 +371,8 @@ private:
             return true;
         if (entry >= entries_.size())
             return damaged("the directory refers to an element that does not exist", entry);
+        if (!entries_[entry].isThere)
+            return damaged("an element is cut off", entry);
         if (!reached_.insert(entry))
             return damaged("an element stands in more than one place", entry);
         if (step.storages > kDeepestStorage)
@@ -399,10 +416,11 @@ private:
     bool checkContents(std::uint32_t number) {
         if (entries_[number].size >= kMiniStreamCutoff)
             return checkLarge(number);
-        // Who only reads follows a chain of mini sectors no further than the stream's few bytes.
-        if (access_ == CompoundAccess::Read)
-            return true;
         const auto chain = miniFat_.follow(entries_[number].start, [](std::uint32_t) {});
+        // Who only reads follows a chain of mini sectors no further than the stream's few bytes, and is told
+        // where it breaks off.
+        if (access_ == CompoundAccess::Read && chain.end != AllocationTable::End::CutOff)
+            return true;
         return acceptEnd(chain) && checkLength(number, chain.length * kMiniSectorBytes);
     }
 

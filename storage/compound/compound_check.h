@@ -32,8 +32,8 @@ public:
 enum class CompoundAccess {
     /// Opens it and reads what it is asked for: that has to end. A part may be missing.
     Read,
-    /// The same, but everything is going to be read, and taken for the whole. What a sector that is cut off
-    /// lacks reads as zeros, so nothing may be missing.
+    /// The same, but everything is going to be read, and taken for the whole. For what a sector that is cut
+    /// off lacks the system gives what its memory holds, and says nothing, so nothing may be missing.
     Copy,
     /// Copies all of it by itself, as a snapshot or into another storage. That makes each stream as long as
     /// it claims to be, says nothing of what cannot be read, and recurses from element to element.

@@ -57,6 +57,7 @@ enum class EntryType : std::uint8_t { Unused = 0, Storage = 1, Stream = 2, Root 
 struct Entry {
     std::uint16_t nameBytes = 0; ///< 0: the place counts as free
     EntryType type = EntryType::Unused;
+    bool isThere = true; ///< false when the end of the file cuts it off
     std::uint32_t left = kNoEntry;
     std::uint32_t right = kNoEntry;
     std::uint32_t child = kNoEntry;

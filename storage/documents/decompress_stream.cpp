@@ -6,13 +6,9 @@
 #include <array>
 
 using Vexel::Detail::position;
+using Vexel::Detail::seek;
 
 namespace {
-
-void seekTo(::IStream* stream, DWORD origin, unsigned long long offset) {
-    unsigned long long reached = 0;
-    Vexel::Detail::seek(stream, origin, static_cast<long long>(offset), reached);
-}
 
 HRESULT writeAll(::IStream* destination, const void* bytes, ULONG count) {
     ULONG written = 0;
@@ -49,17 +45,21 @@ bool isConsumed(::IStream* stream) {
 HRESULT DecompressStream(::IStream* source, ::IStream* destination) {
     if (!source || !destination)
         return STG_E_INVALIDPOINTER;
-    const auto sourceStart = position(source);
-    const auto destinationStart = position(destination);
+    unsigned long long sourceStart = 0, destinationStart = 0, end = 0;
+    const bool isSourceKnown = seek(source, STREAM_SEEK_CUR, 0, sourceStart);
+    const bool isDestinationKnown = seek(destination, STREAM_SEEK_CUR, 0, destinationStart);
 
     vxio::IStreamStream reading(source);
     const HRESULT inflated = inflateInto(reading, destination);
     if (inflated == S_OK && isConsumed(source))
         return S_OK;
 
-    seekTo(source, STREAM_SEEK_SET, sourceStart);
-    destination->SetSize({.QuadPart = destinationStart});
-    seekTo(destination, STREAM_SEEK_END, 0);
+    if (!isSourceKnown || !seek(source, STREAM_SEEK_SET, static_cast<long long>(sourceStart), sourceStart))
+        return STG_E_SEEKERROR;
+    const bool isCut = isDestinationKnown && destination->SetSize({.QuadPart = destinationStart}) == S_OK;
+    const bool isAtEnd = seek(destination, STREAM_SEEK_END, 0, end);
+    if (inflated != S_FALSE && !(isCut && isAtEnd)) // what was inflated would stay before the copy
+        return FAILED(inflated) ? inflated : STG_E_WRITEFAULT;
     const HRESULT copied = source->CopyTo(destination, {.QuadPart = ~0ULL}, nullptr, nullptr);
     return SUCCEEDED(copied) && FAILED(inflated) ? inflated : copied;
 }

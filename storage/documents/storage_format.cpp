@@ -1,4 +1,5 @@
 #include "base/handles.h"
+#include "base/last_error.h"
 
 #include <vexel/storage.h>
 
@@ -35,7 +36,7 @@ std::optional<StorageFormat> StorageRef::getFormat(const wchar_t* path) {
     Signature start{};
     DWORD read = 0;
     if (!ReadFile(file.get(), start.data(), static_cast<DWORD>(start.size()), &read, nullptr))
-        throw std::system_error(static_cast<int>(GetLastError()), std::system_category());
+        throw std::system_error(static_cast<int>(Vexel::Detail::lastError()), std::system_category());
     return formatOf(start, read);
 }
 

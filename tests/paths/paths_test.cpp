@@ -479,6 +479,7 @@ TEST_F(Entries, CopyClearsReadOnlyByRequest) {
 }
 
 int copiesLeft;
+DWORD copyError; // 0: the system names none
 
 TEST_F(Entries, EveryFailingCopyIsReported) {
     ASSERT_TRUE(CreateDirectories(at(L"from\\sub"), nullptr, 0));
@@ -488,14 +489,18 @@ TEST_F(Entries, EveryFailingCopyIsReported) {
                                      BOOL failIfExists) -> BOOL {
         if (copiesLeft-- > 0)
             return CopyFileW(source, target, failIfExists);
-        SetLastError(ERROR_DISK_FULL);
+        SetLastError(copyError);
         return FALSE;
     };
-    for (int n = 0; n <= 3; ++n) {
-        copiesLeft = n;
-        const std::error_code error = copy(L"from", L"to" + std::to_wstring(n), CopyingFlag::Recursive);
-        EXPECT_EQ(error == std::error_code(ERROR_DISK_FULL, std::system_category()), n < 3);
-    }
+    for (const auto& [given, reported] :
+         {std::pair{ERROR_DISK_FULL, ERROR_DISK_FULL}, {0L, ERROR_GEN_FAILURE}})
+        for (int n = 0; n <= 3; ++n) {
+            copiesLeft = n;
+            copyError = static_cast<DWORD>(given);
+            const std::wstring target = L"to" + std::to_wstring(given) + L"-" + std::to_wstring(n);
+            const std::error_code error = copy(L"from", target, CopyingFlag::Recursive);
+            EXPECT_EQ(error.value(), n < 3 ? reported : 0);
+        }
 }
 
 TEST_F(Entries, CreateDirectories) {

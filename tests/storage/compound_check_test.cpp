@@ -18,6 +18,7 @@ TEST(CompoundCheck, RefusesWhatTheSystemWouldNotSurvive) {
     const auto tree = [] { return sample(L"foreign-tree.cfb"); };
     const auto sheet = [] { return sample(L"namesdemo.xls"); };
     const auto small = [] { return Image::document({}); };
+    const auto row = [] { return Image::line(3, Image::Right); };
     const auto large = [] { return Image::document({12, true}); };
     const auto difat = [] { return Image::document({9, true, 14'000}); };
     const struct {
@@ -62,6 +63,20 @@ TEST(CompoundCheck, RefusesWhatTheSystemWouldNotSurvive) {
         {"last byte gone", small, [](Image& f) { f.cutTo(f.size() - 513 + 5000 % 512); }, S_OK, corrupt,
          corrupt, corrupt},
         {"free part of the table cut off", large, [](Image& f) { f.cutTo(f.size() - 100); }, S_OK, S_OK, S_OK,
+         corrupt},
+        {"a chain into what is cut off", large,
+         [](Image& f) {
+             f.next(f.element(1, Image::Start)) = 1000;
+             f.cutTo(f.size() - 100);
+         },
+         corrupt, corrupt, corrupt, corrupt},
+        {"a small stream into what is cut off", small,
+         [](Image& f) {
+             f.number(Image::MiniFat) = f.follow(f.element(4, Image::Start), 9);
+             f.cutTo(f.size() - 510);
+         },
+         corrupt, corrupt, corrupt, corrupt},
+        {"an element cut off", row, [](Image& f) { f.cutTo(f.size() - 8); }, corrupt, corrupt, corrupt,
          corrupt},
     };
     for (const auto& [damage, make, apply, read, copy, snapshot, write] : cases) {

@@ -226,6 +226,21 @@ TEST(CompressedStream, DecompressesFromWhereTheStreamsStand) {
         EXPECT_EQ(DecompressStream(nullptr, target.Get()), STG_E_INVALIDPOINTER);
         EXPECT_EQ(DecompressStream(target.Get(), nullptr), STG_E_INVALIDPOINTER);
     }
+    // Nor is a copy that lacks its beginning, or has what was inflated before it.
+    const struct {
+        std::string source;
+        bool seekFails, resizeFails;
+        HRESULT expected;
+    } faults[] = {{longer, true, false, STG_E_SEEKERROR},
+                  {longer, false, true, STG_E_WRITEFAULT},
+                  {"plain", false, true, S_OK}};
+    for (const auto& test : faults) {
+        const auto source = Vexel::Detail::adopt(new Support::FaultyStream(test.source)),
+                   target = Vexel::Detail::adopt(new Support::FaultyStream);
+        source->seekFails = test.seekFails;
+        target->resizeFails = test.resizeFails;
+        EXPECT_EQ(DecompressStream(source.Get(), target.Get()), test.expected);
+    }
 }
 
 TEST(CompressedStream, ExplainsWhyAStreamDoesNotOpen) {

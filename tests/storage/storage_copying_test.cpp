@@ -447,6 +447,10 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
         EXPECT_EQ(status, isCreating ? STG_E_READFAULT : S_OK) << at;
         EXPECT_GE(calls.size(), at < 3 ? 4U : 0U);
     }
+    targetCalls_.failures.clear();
+    copy(compound({{L"Part", "which cannot be written"}}), source);
+    EXPECT_EQ(source.copyTo(target_), E_FAIL);
+    EXPECT_NE(targetCalls_.take().find(L"DestroyElement Part"), std::wstring::npos);
     targetCalls_.givesNothing = true;
     EXPECT_EQ(source.copyTo(target_), STG_E_READFAULT);
 }

@@ -39,12 +39,21 @@ public:
     HRESULT writing = STG_E_WRITEFAULT; ///< what the write behind these ends in
     bool readFails = false;
     bool cloneFails = false;
+    bool seekFails = false; ///< to a place
+    bool resizeFails = false;
 
     HRESULT STDMETHODCALLTYPE Read(void* data, ULONG size, ULONG* done) noexcept override {
         return readFails ? STG_E_READFAULT : InMemoryIStream::Read(data, size, done);
     }
     HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG size, ULONG* done) noexcept override {
         return writesLeft-- == 0 ? writing : InMemoryIStream::Write(data, size, done);
+    }
+    HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER to, DWORD origin, ULARGE_INTEGER* at) noexcept override {
+        return seekFails && origin == STREAM_SEEK_SET ? STG_E_SEEKERROR
+                                                      : InMemoryIStream::Seek(to, origin, at);
+    }
+    HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER size) noexcept override {
+        return resizeFails ? E_NOTIMPL : InMemoryIStream::SetSize(size);
     }
     HRESULT STDMETHODCALLTYPE Clone(::IStream** clone) noexcept override {
         return cloneFails ? STG_E_TOOMANYOPENFILES : InMemoryIStream::Clone(clone);
