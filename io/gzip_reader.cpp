@@ -1,3 +1,6 @@
+// The header and the trailer are read here and only the deflated data are left to zlib. Its own gzip mode
+// would accept and refuse other headers than documents and callers rely on.
+
 #include "io/gzip_reader.h"
 
 #include <vexel/diagnostics.h>

@@ -1,3 +1,6 @@
+// Every call that fails leaves the system's error for GetLastErrorCode; a later success does not clear it, so
+// that a caller may look once at the end.
+
 #include <vexel/files.h>
 
 #include <algorithm>

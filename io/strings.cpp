@@ -1,3 +1,7 @@
+// The four layouts share two steps: reading or writing a little-endian count, and moving as many characters
+// as really arrive (io/string_bytes.h). Counts come from documents that may be damaged, so no memory is taken
+// for what has only been promised.
+
 #include "base/text.h"
 #include "io/com_stream.h"
 #include "io/string_bytes.h"

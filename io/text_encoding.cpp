@@ -1,3 +1,7 @@
+// The system converts what has a code page. UTF-16 and UTF-32 of either byte order have none, or none that
+// reports faults, and are converted here unit by unit. Whatever cannot be converted becomes a stand-in and is
+// reported.
+
 #include "io/text_encoding.h"
 
 #include <windows.h>

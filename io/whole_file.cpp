@@ -1,3 +1,8 @@
+// A file that takes the old one's place in one step is the only way in which neither a crash nor a full disk
+// can cost the old contents. But it would also break links and lose names, so there are files that have to be
+// written into instead. Others may be doing the same at the time; their files are open for moments, which is
+// what the attempts are for.
+
 #include "io/whole_file.h"
 
 #include <vexel/files.h>

@@ -1,3 +1,10 @@
+// The look goes in the order in which the system would come to things: header, DIFAT, allocation tables,
+// directory, the tree of elements, then the chains of the streams. A table is followed only once it is known
+// to end, and sectors and elements are marked as they are met, so that time and memory are bounded by the
+// size of the file. How much is asked depends on what the system is going to do (CompoundAccess): a fault
+// ends the look only if it matters for that. The limits below are measured: where the system begins to fail,
+// with room to spare.
+
 #include "storage/compound/compound_check.h"
 
 #include "storage/compound/compound_layout.h"

@@ -1,3 +1,8 @@
+// Roots are found by path and by the kind of opener, so that one file is read once. Everything that opens or
+// makes a root by its path happens under the one lock: two threads that open one path must get one root, and
+// the system must not be asked for one file twice at the same time. What is out of use is moved out of the
+// table first and destroyed last, when nobody is on the way through the table any more.
+
 #include "storage/handles/root_tables.h"
 
 #include "base/platform.h"

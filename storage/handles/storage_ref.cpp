@@ -1,3 +1,6 @@
+// Handles hold one reference on an item and hand calls on to it. What they add is the answer for a null
+// handle, and exhausted memory as a status.
+
 #include "base/status_guard.h"
 #include "storage/handles/named_child.h"
 #include "storage/handles/root_tables.h"

@@ -1,3 +1,7 @@
+// A stream's handle is two things: a handle like the other, and a byte stream over the item's COM stream. The
+// second half looks up the interface anew in every call, under the lock of the root, because the item may
+// have been closed and opened again meanwhile.
+
 #include "base/status_guard.h"
 #include "io/com_stream.h"
 #include "storage/handles/named_child.h"

@@ -1,3 +1,6 @@
+// What a package needs beyond what SZipStorage offers as a COM storage: temporary roots, whose file goes with
+// them, borrowing packed data, removing all children at once, and giving memory back.
+
 #include "storage/package/package_storage.h"
 
 #include "archive/szip_storage.h"

@@ -1,3 +1,7 @@
+// Values of the types that are known, from bytes to PROPVARIANT and back. What a value claims to hold is held
+// against the bytes that are there before memory is taken. Memory comes from the allocator from which
+// PropVariantClear frees.
+
 #include "storage/properties/property_values.h"
 
 #include "base/task_memory.h"

@@ -1,3 +1,7 @@
+// Opening, making and closing storages. A call that fails for want of memory or handles is repeated after a
+// clean-up, during which the root's lock is released. So every call looks again, before each attempt, at what
+// it knew: the parent may be closed then, or this item open.
+
 #include "base/status_guard.h"
 #include "storage/tree/compound_name.h"
 #include "storage/tree/element_name.h"

@@ -1,3 +1,6 @@
+// The table of children: finding an item, making it when it is missing, and taking it out again when nothing
+// came of it. An item is only destroyed when it is out of use and its table says so, under the root's lock.
+
 #include "storage/tree/compound_name.h"
 #include "storage/tree/storage_item.h"
 

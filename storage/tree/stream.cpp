@@ -1,3 +1,6 @@
+// Opening, making and closing streams, with the same care as for storages (storage.cpp). A stream that was
+// closed because its storage was reopened for writing remembers where it stood and goes on there.
+
 #include "base/status.h"
 #include "storage/tree/compound_name.h"
 #include "storage/tree/storage_item.h"

@@ -1,3 +1,6 @@
+// A console takes UTF-16 and anything else takes UTF-8: pipes and files get bytes that do not depend on the
+// code page. A reader that has gone away ends the program without a message.
+
 #include "console.h"
 
 #include "failure.h"

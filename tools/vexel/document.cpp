@@ -1,3 +1,6 @@
+// Walking a document without recursion, since its depth comes from the file, and with an end for every
+// damage: a level limit, and no more nodes than the file can hold.
+
 #include "document.h"
 
 #include "console.h"

@@ -1,3 +1,7 @@
+// Names of nodes as names of files and back. Encoding has to be undone by decoding for every name, and two
+// names must never become one file, on a file system that does not tell case apart and takes some names for
+// devices.
+
 #include "file_names.h"
 
 #include <windows.h>

@@ -1,3 +1,6 @@
+// A thread of its own draws the line, because the library may take long in one call. It is started with the
+// first phase and only for a terminal.
+
 #include "progress.h"
 
 #include "console.h"
