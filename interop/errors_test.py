@@ -59,6 +59,8 @@ class Errors(CommandTest):
                 (["cat", path, "Sub/%05SummaryInformation/x"], "Sub/%05SummaryInformation", "80030001"),
                 (["cat", path, ""], None, "80030001"),
                 (["extract", path, self.directory / "out", "missing"], "missing", "80030002"),
+                (["cat", path, "a:b"], "a:b", "800300fc"),
+                (["cat", path, "n" * 32 + "/x"], "n" * 32, "800300fc"),
                 (["put", path, "Sub"], "Sub", "80030050"),
                 (["put", path, "n" * 32], "n" * 32, "800300fc"),
                 (["put", path, "n" * 32 + "/x"], "n" * 32, "800300fc"),

@@ -42,16 +42,6 @@ class Reading(CommandTest):
                 by_path = {node.pop("path"): node for node in listed}
                 self.assertEqual(by_path, expected_list(path))
                 self.assertEqual(len(listed), len(by_path))
-                self.check_depth_first(list(by_path))
-
-    def check_depth_first(self, paths):
-        ancestors = [""]
-        for path in paths:
-            parent = path.rpartition("/")[0]
-            while ancestors and ancestors[-1] != parent:
-                ancestors.pop()
-            self.assertTrue(ancestors, path)
-            ancestors.append(path)
 
     def test_list_and_tree_show_the_same_nodes(self):
         path = self.sample("foreign-tree.cfb")
@@ -83,14 +73,9 @@ class Reading(CommandTest):
 
 class Extracting(CommandTest):
     def test_names_that_the_file_system_cannot_hold(self):
-        path = self.sample("file-names")
-        # Names that the storage service would not have made, but a file may well contain.
-        data = path.read_bytes()
-        for name in ["..\\..\\evil--", "C:\\evil\\abcd", "\\\\evil\\abcde", "../../evil--"]:
-            data = data.replace("__XXXXXXXXXX".encode("utf-16-le"), name.encode("utf-16-le"), 1)
-        path.write_bytes(data)
+        path = self.sample("file-names.cfb")
         self.succeed("extract", path, self.directory / "out")
-        self.assertEqual(sorted(p.name for p in self.directory.iterdir()), ["file-names", "out"])
+        self.assertEqual(sorted(p.name for p in self.directory.iterdir()), ["file-names.cfb", "out"])
         self.assertEqual(sorted(place.name for place in (self.directory / "out").rglob("*")), sorted([
             "%43ON", "%6eul.txt", "%63om1", "%4cPT².a.b", "console", "%2e", ".%2e", "dot%2e", "blank%20", " lead",
             "a%3cb%3ec%22d%7ce%3ff%2ag", "50%25", "tab%09here", "Straße", "half%ud800", "~",
@@ -140,14 +125,14 @@ class Damaged(CommandTest):
         path.write_bytes(data)
 
     def test_a_stream_shorter_than_it_says(self):
-        path = self.sample("large-sectors")
+        path = self.sample("large-sectors.cfb")
         self.patch(path, "size 300000", 120, 8, 400_000)
         self.fail_with(1, r'\|size 300000": 0x80', "cat", path, "size 300000")
         self.fail_with(1, r'\|size 300000": 0x80', "extract", path, self.directory / "out")
         self.assertNotRegex(" ".join(files_below(self.directory / "out")), "size 300000|part")
 
     def test_trees_without_end_end(self):
-        path = self.sample("deep")
+        path = self.sample("deep.cfb")
         output = self.fail_with(1, r"too deep .*0x80030109 ", "list", path)
         self.assertEqual(output.count(b"\n"), 256)
         self.assertEqual(self.fail_with(1, r"too deep ", "list", "--json", path), b"")

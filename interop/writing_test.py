@@ -1,80 +1,107 @@
-"""What put and rm leave in a file, read with olefile and gsf."""
+"""What put, mv and rm leave in documents of both formats, read with olefile, gsf and 7zz."""
 
 import re
 import subprocess
 import unittest
 
-from vexel_cli import SAMPLES, CommandTest, snapshot
+from vexel_cli import SAMPLES, CommandTest, package_snapshot, snapshot
 
 
-def content(size, seed):
-    return bytes((i * 7 + i // 256 * seed + seed) & 0xFF for i in range(size))
-
-
-def decode(node):
-    return re.sub("%(..)", lambda escape: chr(int(escape[1], 16)), node)
+def content(size):
+    return bytes((i * 7 + i // 256 * size) & 0xFF for i in range(size))
 
 
 def gsf_cat(path, node):
-    return subprocess.run(["gsf", "cat", path, node], capture_output=True, check=True).stdout
-
-
-def gsf_sizes(path):
-    """What gsf lists as files: name and size. It takes empty storages for files, too."""
-    listing = subprocess.run(["gsf", "list", path], capture_output=True, check=True).stdout.decode()
-    return sorted((line[35:], int(line[1:35])) for line in listing.splitlines() if line.startswith("f "))
-
-
-def sizes_for_gsf(wanted):
-    storages = {node.rpartition("/")[0] for node in wanted}
-    return sorted((decode(node), len(data) if isinstance(data, bytes) else 0)
-                  for node, data in wanted.items() if node not in storages)
+    """A stream as gsf reads it."""
+    name = re.sub("%(..)", lambda escape: chr(int(escape[1], 16)), node)
+    return subprocess.run(["gsf", "cat", path, name], capture_output=True, check=True).stdout
 
 
 class Writing(CommandTest):
-    def expect(self, path, wanted):
-        """The file holds exactly what is wanted: the new contents and everything else as it was."""
-        found = snapshot(path)
-        self.assertEqual({place: data for place, data in found.items() if wanted.get(place) != data}, {})
-        self.assertEqual(found.keys(), wanted.keys())
+    def both(self):
+        """One document in both formats, and what reads each."""
+        compound, package = self.sample("foreign-tree.cfb"), self.directory / "package.7z"
+        self.succeed("convert", compound, package)
+        unpacked = iter(self.directory / f"unpacked {number}" for number in range(100))
+        return [(compound, snapshot), (package, lambda path: package_snapshot(path, next(unpacked)))]
 
-    def put(self, path, wanted, node, data, from_file=False):
-        if from_file:
-            source = self.directory / "source file ы"
-            source.write_bytes(data)
-            self.succeed("put", path, node, source)
-        else:
+    def expect(self, found, wanted):
+        self.assertEqual({place for place in found.keys() | wanted.keys() if found.get(place) != wanted.get(place)}, set())
+
+    def put(self, path, wanted, node, data):
+        """From a file and from the standard input by turns."""
+        source = self.directory / "source file ы"
+        source.write_bytes(data)
+        if len(data) % 2:
             self.succeed("put", path, node, stdin=data)
-        parents = node.split("/")[:-1]
-        for depth in range(1, len(parents) + 1):
-            wanted.setdefault("/".join(parents[:depth]), "")
+        else:
+            self.succeed("put", path, node, source)
+        self.add_parents(wanted, node)
         wanted[node] = data
-        self.expect(path, wanted)
+
+    def move(self, path, wanted, node, new):
+        self.succeed("mv", path, node, new)
+        self.add_parents(wanted, new)
+        for place in [p for p in wanted if p == node or p.startswith(node + "/")]:
+            wanted[new + place[len(node):]] = wanted.pop(place)
 
     def remove(self, path, wanted, node):
         self.succeed("rm", path, node)
         for place in [p for p in wanted if p == node or p.startswith(node + "/")]:
             del wanted[place]
-        self.expect(path, wanted)
+
+    def add_parents(self, wanted, node):
+        for depth in range(1, node.count("/") + 1):
+            wanted.setdefault("/".join(node.split("/")[:depth]), "")
 
     def test_put_and_rm_change_only_their_node(self):
-        for name in SAMPLES:
-            with self.subTest(name):
-                path = self.sample(name)
-                wanted = snapshot(path)
+        for path, read in [*((self.sample(name), snapshot) for name in SAMPLES if name != "foreign-tree.cfb"), *self.both()]:
+            with self.subTest(path.name):
+                wanted = read(path)
                 streams = [place for place, data in wanted.items() if isinstance(data, bytes)]
                 largest = max(streams, key=lambda place: len(wanted[place]))
-                self.put(path, wanted, "new", content(5000, 1), from_file=True)
-                self.put(path, wanted, "empty", b"")
-                self.put(path, wanted, largest, content(10, 2))
-                self.put(path, wanted, largest, content(300_000, 3), from_file=True)
-                self.put(path, wanted, "Папка/%05Внутри %25/100%252/лист №1 📐", content(4095, 4))
-                self.put(path, wanted, "Папка/name with 31 characters, no dot", content(4096, 5))
-                self.assertEqual(gsf_cat(path, "new"), content(5000, 1))
-                self.assertEqual(gsf_cat(path, decode(largest)), content(300_000, 3))
-                self.remove(path, wanted, streams[0] if streams[0] != largest else streams[1])
-                self.remove(path, wanted, "Папка")
-                self.assertEqual(gsf_sizes(path), sizes_for_gsf(wanted))
+                for node, size in [("new", 5000), ("empty", 0), (largest, 10), (largest, 300_001),
+                                   ("Папка/%05Внутри %25/№1 📐", 4095), ("Папка/31 characters, and no dot here", 4096)]:
+                    self.put(path, wanted, node, content(size))
+                    self.expect(read(path), wanted)
+                if read == snapshot:
+                    self.assertEqual(gsf_cat(path, "new"), content(5000))
+                    self.assertEqual(gsf_cat(path, largest), content(300_001))
+                for node in [streams[0] if streams[0] != largest else streams[1], "Папка"]:
+                    self.remove(path, wanted, node)
+                    self.expect(read(path), wanted)
+
+    def test_nodes_are_moved_in_both_formats(self):
+        odd = [("C:x", "\\foo/C:\\x"), ("\\foo", "x. ")]  # names that only packages can hold
+        for path, read in self.both():
+            with self.subTest(path.name):
+                wanted = read(path)
+                for node, new in [("Contents", "Inhalt"), ("Sub", "Teil"), ("Чертёж", "Teil/%05 x/Чертёж"),
+                                  ("Teil/Deep/Deeper", "Deeper"), ("Exact4096", "Many/5"), ("Teil/Deep", "Teil/Tief"),
+                                  ("Many/5", "5"), ("Deeper/leaf", "leaf")]:
+                    self.move(path, wanted, node, new)
+                    self.expect(read(path), wanted)
+                self.assertEqual(self.succeed("verify", path), b"")
+                self.assertEqual(self.succeed("cat", path, "Inhalt"), wanted["Inhalt"])
+        self.put(path, wanted, "C:x", b"odd")
+        for node, new in odd:
+            self.move(path, wanted, node, new)
+        self.expect(read(path), wanted)
+        self.assertEqual(self.succeed("cat", path, "x. /C:\\x"), b"odd")
+        self.remove(path, wanted, "x. ")
+        self.expect(read(path), wanted)
+
+    def test_moves_that_fail_change_nothing(self):
+        for path, _ in self.both():
+            before = path.read_bytes()
+            for status, pattern, node, new in [
+                    (1, r"\|missing\": 0x80030002 ", "missing", "new"), (1, r"\|Mini\": 0x80030050 ", "Contents", "Mini"),
+                    (1, r"\|Mini\": 0x80030001 ", "Contents", "Mini/x"), (1, r"\|Sub\": 0x80030050 ", "Many", "Sub"),
+                    (1, r"\|missing\": 0x80030002 ", "missing/x", "new/y"),
+                    (2, "into itself", "Sub", "Sub/Deep/x"), (2, "root", "Sub", ""), (2, "root", "", "x")]:
+                with self.subTest((path.name, node, new)):
+                    self.fail_with(status, pattern, "mv", path, node, new)
+                    self.assertEqual(path.read_bytes(), before)
 
 
 if __name__ == "__main__":

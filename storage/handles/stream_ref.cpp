@@ -2,6 +2,7 @@
 // second half looks up the interface anew in every call, under the lock of the root, because the item may
 // have been closed and opened again meanwhile.
 
+#include "base/status.h"
 #include "base/status_guard.h"
 #include "io/com_stream.h"
 #include "storage/handles/named_child.h"

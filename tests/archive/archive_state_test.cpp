@@ -2,56 +2,24 @@
 // when the file could not be read, has gone, or is another one.
 
 #include "archive/database.h"
+#include "archive_fixture.h"
+#include "base/com_pointer.h"
 #include "base/platform.h"
-#include "support/archive_faults.h"
-#include "support/archive_file.h"
-#include "support/compound_file.h"
-#include "support/log_capture.h"
 
-#include <vexel/archive.h>
+#include <vexel/memory_streams.h>
 
-#include <windows.h>
-
-#include <gtest/gtest.h>
-
-#include <filesystem>
-#include <memory>
 #include <optional>
-#include <string>
 
 using namespace std::string_view_literals;
 using Support::ArchiveFaults;
-using Support::contentsOf;
+using Support::Contents;
 using Support::readItem;
+using Support::statesOf;
 using Support::writeItem;
-using Vexel::Storage::SZipArchive;
 
 namespace {
 
-using Contents = std::map<std::wstring, std::string>;
-
-class State : public testing::Test {
-protected:
-    void make(const Contents& contents) const {
-        SZipArchive archive(path_, false, true);
-        for (const auto& [path, bytes] : contents)
-            EXPECT_EQ(writeItem(archive, path.c_str(), bytes), S_OK);
-        EXPECT_EQ(archive.save(false), S_OK);
-    }
-    Contents onDisk() const { return inFile(path_); }
-    static Contents inFile(const std::wstring& path) {
-        SZipArchive archive(path, true, true);
-        EXPECT_EQ(archive.reload(), S_OK);
-        return contentsOf(archive);
-    }
-
-    ArchiveFaults faults_;
-    Support::TempFolder folder_;
-    static inline std::wstring path_;
-    LogCapture log_;
-
-    void SetUp() override { path_ = folder_.file(L"a.7z"); }
-};
+using State = Support::ArchiveTest;
 
 struct Unreadable {
     const char* name;
@@ -89,14 +57,11 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         EXPECT_EQ(log_.count(fault.message), 1);
         EXPECT_TRUE(archive.isEmpty());
         EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
-        ArchiveFaults::arm(fault.call, fault.error, 0,
-                           false); // the save itself would find nothing in its way
-        EXPECT_TRUE(FAILED(archive.save(false)));
-        EXPECT_TRUE(ArchiveFaults::disarm());
+        // The save itself would find nothing in its way.
+        EXPECT_TRUE(FAILED(saveFailing(archive, fault.call, fault.error)));
         EXPECT_EQ(Support::readFile(path_), before);
         EXPECT_EQ(archive.save(false), S_OK);
         EXPECT_EQ(onDisk(), (Contents{{L"old", "precious"}, {L"new", "x"}}));
-        DeleteFileW(path_.c_str());
     }
 }
 
@@ -114,56 +79,47 @@ TEST_F(State, NeverReplacesWhatIsNoArchive) {
 
 // Two programs begin the same document.
 TEST_F(State, TakesInAFileThatAppearsLater) {
-    SZipArchive archive(path_, false, true);
-    EXPECT_EQ(archive.reload(), S_OK);
+    SZipArchive archive = open();
     EXPECT_EQ(archive.openingStatus(), STG_E_FILENOTFOUND);
     EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
     make({{L"old", "precious"}});
     EXPECT_EQ(archive.save(false), S_OK);
     EXPECT_EQ(onDisk(), (Contents{{L"old", "precious"}, {L"new", "x"}}));
-}
-
-// Made anew is made anew: who never reads a file wants it replaced.
-TEST_F(State, ReplacesAFileThatWasNeverToBeRead) {
-    make({{L"old", "x"}});
-    make({{L"new", "y"}});
-    EXPECT_EQ(onDisk(), (Contents{{L"new", "y"}}));
+    // Made anew is made anew: who never reads a file wants it replaced.
+    archive = SZipArchive(L"", true, true); // which lets go of the file
+    make({{L"other", "y"}});
+    EXPECT_EQ(onDisk(), (Contents{{L"other", "y"}}));
 }
 
 struct Loss {
     const char* name;
     ArchiveFaults::Call call;
     unsigned skipped;
-    HRESULT saved;
 };
 
 // The file goes while it is replaced or opened again: nothing is left of it, but all is in memory.
 TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
-    for (const Loss& loss : {Loss{"replacing", ArchiveFaults::Move, 0, STG_E_PATHNOTFOUND},
-                             Loss{"opening again", ArchiveFaults::Create, 3, STG_E_PATHNOTFOUND}}) {
+    for (const Loss& loss :
+         {Loss{"replacing", ArchiveFaults::Move, 0}, Loss{"opening again", ArchiveFaults::Create, 3}}) {
         SCOPED_TRACE(loss.name);
         make({{L"cached", "1"}, {L"packed", "2"}});
-        SZipArchive archive(path_, false, true);
-        EXPECT_EQ(archive.reload(), S_OK);
+        SZipArchive archive = open();
         std::string bytes;
         EXPECT_EQ(readItem(archive, L"cached", bytes), S_OK);
         EXPECT_EQ(writeItem(archive, L"new", "3"), S_OK);
         ArchiveFaults::alongside = [] { DeleteFileW(path_.c_str()); };
-        ArchiveFaults::arm(loss.call, ERROR_PATH_NOT_FOUND, loss.skipped, false);
-        EXPECT_EQ(archive.save(false), loss.saved);
-        EXPECT_TRUE(ArchiveFaults::disarm());
+        EXPECT_EQ(saveFailing(archive, loss.call, ERROR_PATH_NOT_FOUND, loss.skipped), STG_E_PATHNOTFOUND);
 
-        EXPECT_EQ(readItem(archive, L"cached", bytes), S_OK);
-        EXPECT_EQ(readItem(archive, L"new", bytes), S_OK);
+        const Contents rest{
+            {L"cached", "1"}, {L"new", "3"}, {L"packed", "status " + std::to_string(STG_E_FILENOTFOUND)}};
+        EXPECT_EQ(statesOf(archive), rest) << "what was never read has gone with the file";
         EXPECT_EQ(writeItem(archive, L"more", "4"), S_OK);
         EXPECT_EQ(archive.move(L"cached"sv, L"moved"sv), S_OK);
         EXPECT_EQ(archive.createDirectory(L"d", true, false), S_OK);
         SZipArchive other(L"", false, true);
         EXPECT_EQ(other.addItem(archive, L"moved"sv, L"copy"), S_OK);
 
-        // What was never read has gone with the file.
         const auto target = Vexel::Detail::adopt(new Vexel::Storage::InMemoryIStream());
-        EXPECT_EQ(readItem(archive, L"packed", bytes), STG_E_FILENOTFOUND);
         EXPECT_EQ(archive.save(target.Get()), STG_E_FILENOTFOUND);
         EXPECT_EQ(archive.save(false), STG_E_FILENOTFOUND);
         EXPECT_EQ(archive.remove(L"packed"sv), S_OK);
@@ -174,26 +130,23 @@ TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
         EXPECT_EQ(onDisk(), expected);
         SZipArchive streamed(target.Get());
         EXPECT_EQ(streamed.reload(), S_OK);
-        EXPECT_EQ(contentsOf(streamed), expected);
+        EXPECT_EQ(statesOf(streamed), expected);
     }
 }
 
 // The file goes, and another program puts one of its own there.
 TEST_F(State, NeverReplacesAFileThatIsNotTheOneItRead) {
     make({{L"a", "1"}});
-    SZipArchive archive(path_, false, true);
-    EXPECT_EQ(archive.reload(), S_OK);
+    SZipArchive archive = open();
     EXPECT_EQ(writeItem(archive, L"a", "mine"), S_OK);
     ArchiveFaults::alongside = [] { Support::writeFile(path_, "theirs, which is no archive at all"); };
-    ArchiveFaults::arm(ArchiveFaults::Move, ERROR_SHARING_VIOLATION, 0, false);
-    EXPECT_EQ(archive.save(false), STG_E_SHAREVIOLATION);
-    ArchiveFaults::disarm();
+    EXPECT_EQ(saveFailing(archive, ArchiveFaults::Move, ERROR_SHARING_VIOLATION), STG_E_SHAREVIOLATION);
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
     EXPECT_EQ(Support::readFile(path_).substr(0, 6), "theirs");
     // Elsewhere it can be saved.
     archive.setFileName(folder_.file(L"b.7z").c_str());
     EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_EQ(inFile(folder_.file(L"b.7z")), (Contents{{L"a", "mine"}}));
+    EXPECT_EQ(onDisk(folder_.file(L"b.7z")), (Contents{{L"a", "mine"}}));
 }
 
 // Not everywhere does an open file keep others from putting another one in its place.
@@ -202,8 +155,7 @@ TEST_F(State, NeverReplacesAFileThatCameInPlaceOfTheOpenOne) {
     Vexel::Detail::platform().createFile = [](auto name, auto access, auto share, auto... others) {
         return CreateFileW(name, access, share | FILE_SHARE_DELETE, others...);
     };
-    SZipArchive archive(path_, false, true);
-    EXPECT_EQ(archive.reload(), S_OK);
+    SZipArchive archive = open();
     EXPECT_EQ(writeItem(archive, L"b", "2"), S_OK);
     EXPECT_TRUE(MoveFileW(path_.c_str(), folder_.file(L"old.7z").c_str()));
     make({{L"a", "9"}});
@@ -217,8 +169,7 @@ TEST_F(State, NeverReplacesAFileThatCameInPlaceOfTheOpenOne) {
 
 TEST_F(State, ReplacesNoOtherFileThanItsOwn) {
     make({{L"a", "1"}});
-    SZipArchive archive(path_, false, true);
-    EXPECT_EQ(archive.reload(), S_OK);
+    SZipArchive archive = open();
     EXPECT_EQ(writeItem(archive, L"b", "2"), S_OK);
     const std::wstring elsewhere = folder_.file(L"b.7z");
     Support::writeFile(elsewhere, "somebody else's");
@@ -227,79 +178,60 @@ TEST_F(State, ReplacesNoOtherFileThanItsOwn) {
     EXPECT_EQ(Support::readFile(elsewhere), "somebody else's");
     EXPECT_TRUE(DeleteFileW(elsewhere.c_str()));
     EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_EQ(inFile(elsewhere), (Contents{{L"a", "1"}, {L"b", "2"}}));
+    EXPECT_EQ(onDisk(elsewhere), (Contents{{L"a", "1"}, {L"b", "2"}}));
     EXPECT_EQ(onDisk(), (Contents{{L"a", "1"}}));
 }
 
-// The packed data come from a file that is not the one that is written.
+enum class Target { MadeAnew, Missing, ReadAndCleared };
+enum class Source { Open, Gone, NeverSaved };
+
+// The packed data come from a file that is not the one that is written, and does not become the target's own.
 TEST_F(State, BorrowedDataOutliveAFailedSave) {
-    make({{L"a", "1"}, {L"b", "2"}});
-    for (const bool isNew : {true, false})
-        for (const bool sourceGoes : {false, true}) {
-            const std::wstring copy = folder_.file(L"copy.7z");
-            DeleteFileW(copy.c_str());
-            std::optional<SZipArchive> source(std::in_place, path_, true, true);
-            EXPECT_EQ(source->reload(), S_OK);
-            SZipArchive target(copy, false, true);
-            if (!isNew) {
-                EXPECT_EQ(target.reload(), S_OK);
+    const Contents contents{{L"a", "1"}, {L"b", "2"}};
+    const std::wstring sourcePath = folder_.file(L"source.7z");
+    make(contents, sourcePath);
+    for (const Target kind : {Target::MadeAnew, Target::Missing, Target::ReadAndCleared})
+        for (const Source from : {Source::Open, Source::Gone, Source::NeverSaved}) {
+            SCOPED_TRACE(testing::Message() << static_cast<int>(kind) << static_cast<int>(from));
+            std::optional<SZipArchive> source(std::in_place, from == Source::NeverSaved ? L"" : sourcePath,
+                                              false, true);
+            if (from == Source::NeverSaved)
+                fill(*source, contents);
+            else
+                EXPECT_EQ(source->reload(), S_OK);
+            DeleteFileW(path_.c_str());
+            if (kind == Target::ReadAndCleared)
+                make({{L"old", "0"}});
+            SZipArchive target = kind == Target::MadeAnew ? SZipArchive(path_, false, true) : open();
+            if (kind == Target::ReadAndCleared) {
+                EXPECT_EQ(target.clear(L""sv), S_OK);
             }
             EXPECT_EQ(target.borrowPackedData(*source), S_OK);
             EXPECT_EQ(target.addItems(*source, L""), S_OK);
-            if (sourceGoes)
+            if (from == Source::Gone)
                 source.reset();
-            ArchiveFaults::arm(ArchiveFaults::Move, ERROR_ACCESS_DENIED, 0, false);
-            EXPECT_EQ(target.save(false), STG_E_ACCESSDENIED);
-            ArchiveFaults::disarm();
-            EXPECT_EQ(contentsOf(target), (Contents{{L"a", "1"}, {L"b", "2"}}));
+            EXPECT_EQ(saveFailing(target, ArchiveFaults::Move, ERROR_ACCESS_DENIED), STG_E_ACCESSDENIED);
+            EXPECT_EQ(statesOf(target), contents);
             EXPECT_EQ(target.save(false), S_OK);
-            EXPECT_EQ(inFile(copy), (Contents{{L"a", "1"}, {L"b", "2"}}));
+            EXPECT_EQ(onDisk(), contents);
         }
-}
-
-// What was read is emptied, and filled with what another archive has.
-TEST_F(State, BorrowingDoesNotMakeAFileAnothers) {
-    for (const bool isPacked : {true, false}) {
-        SCOPED_TRACE(isPacked);
-        const std::wstring sourcePath = folder_.file(isPacked ? L"source.7z" : L"");
-        SZipArchive source(isPacked ? sourcePath : L"", false, true);
-        EXPECT_EQ(writeItem(source, L"b", "2"), S_OK);
-        EXPECT_EQ(source.save(true), S_OK);
-        make({{L"a", "1"}});
-        SZipArchive target(path_, false, true);
-        EXPECT_EQ(target.reload(), S_OK);
-        EXPECT_EQ(target.clear(L""sv), S_OK);
-        EXPECT_EQ(target.borrowPackedData(source), S_OK);
-        EXPECT_EQ(target.addItems(source, L""), S_OK);
-        ArchiveFaults::arm(ArchiveFaults::Move, ERROR_SHARING_VIOLATION, 0, false);
-        EXPECT_EQ(target.save(false), STG_E_SHAREVIOLATION);
-        ArchiveFaults::disarm();
-        EXPECT_EQ(target.save(false), S_OK);
-        EXPECT_EQ(onDisk(), (Contents{{L"b", "2"}}));
-        EXPECT_EQ(contentsOf(target), (Contents{{L"b", "2"}}));
-    }
 }
 
 // What one has as a file, the other has as a directory: neither can be kept without losing the other.
 TEST_F(State, RefusesAFileThatAppearsLaterWithOtherKindsOfItems) {
+    const Contents asDirectory{{L"x", Support::directoryMark}, {L"x/y", "below"}}, asFile{{L"x", "file"}};
     for (const bool isDirectory : {false, true}) {
         SCOPED_TRACE(isDirectory);
-        path_ = folder_.file(isDirectory ? L"b.7z" : L"a.7z");
-        SZipArchive archive(path_, false, true);
-        EXPECT_EQ(archive.reload(), S_OK);
-        SZipArchive other(path_, false, true);
-        SZipArchive& withDirectory = isDirectory ? archive : other;
-        EXPECT_EQ(withDirectory.createDirectory(L"x", true, false), S_OK);
-        EXPECT_EQ(writeItem(withDirectory, L"x/y", "below"), S_OK);
-        EXPECT_EQ(writeItem(isDirectory ? other : archive, L"x", "file"), S_OK);
-        EXPECT_EQ(other.save(false), S_OK);
-        const Contents mine = contentsOf(archive);
+        DeleteFileW(path_.c_str());
+        const Contents& mine = isDirectory ? asDirectory : asFile;
+        SZipArchive archive = open();
+        fill(archive, mine);
+        make(isDirectory ? asFile : asDirectory);
         const std::string theirs = Support::readFile(path_);
         EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
-        EXPECT_EQ(contentsOf(archive), mine);
+        EXPECT_EQ(statesOf(archive), mine);
         EXPECT_TRUE(archive.isChanged());
         EXPECT_EQ(Support::readFile(path_), theirs);
-        other = SZipArchive(L"", true, true); // which lets go of the file
         EXPECT_TRUE(DeleteFileW(path_.c_str()));
         EXPECT_EQ(archive.save(false), S_OK);
         EXPECT_EQ(onDisk(), mine);
@@ -308,8 +240,7 @@ TEST_F(State, RefusesAFileThatAppearsLaterWithOtherKindsOfItems) {
 
 TEST_F(State, AReloadKeepsChangedContentsForTheNextSave) {
     make({{L"a", "1"}, {L"b", "2"}});
-    SZipArchive archive(path_, false, true);
-    EXPECT_EQ(archive.reload(), S_OK);
+    SZipArchive archive = open();
     EXPECT_EQ(archive.remove(L"b"sv), S_OK);
     EXPECT_EQ(archive.reload(), S_OK);
     EXPECT_FALSE(archive.isChanged());
@@ -323,8 +254,7 @@ TEST_F(State, AReloadKeepsChangedContentsForTheNextSave) {
 
 TEST_F(State, AFailedReloadLosesNothing) {
     make({{L"a", "0123"}, {L"b", "4567"}});
-    SZipArchive archive(path_, false, true);
-    EXPECT_EQ(archive.reload(), S_OK);
+    SZipArchive archive = open();
     EXPECT_EQ(writeItem(archive, L"c", "new"), S_OK);
     EXPECT_EQ(archive.remove(L"b"sv), S_OK);
     archive.setFileName(L"");
@@ -334,7 +264,7 @@ TEST_F(State, AFailedReloadLosesNothing) {
     EXPECT_EQ(readItem(archive, L"a", bytes), STG_E_FILENOTFOUND);
     EXPECT_EQ(readItem(archive, L"c", bytes), S_OK);
     EXPECT_EQ(archive.save(true), S_OK);
-    EXPECT_EQ(contentsOf(archive), (Contents{{L"a", "0123"}, {L"c", "new"}}));
+    EXPECT_EQ(statesOf(archive), (Contents{{L"a", "0123"}, {L"c", "new"}}));
 }
 
 } // namespace

@@ -1,19 +1,11 @@
 // Many threads on one archive: reading, listing, creating, changing and giving back memory, while another one
 // saves.
 
+#include "archive_fixture.h"
 #include "base/com_pointer.h"
 #include "base/platform.h"
 #include "base/rw_lock.h"
-#include "support/archive_faults.h"
-#include "support/archive_file.h"
-#include "support/compound_file.h"
-#include "support/log_capture.h"
-
-#include <vexel/archive.h>
-
-#include <windows.h>
-
-#include <gtest/gtest.h>
+#include "support/platform_guard.h"
 
 #include <atomic>
 #include <new>
@@ -71,15 +63,14 @@ TEST(RwLock, LetsAReaderBecomeTheWriter) {
     }
 }
 
-class ProcessEnd : public testing::Test {
+class ProcessEnd : public Support::ArchiveTest {
 protected:
     static void end() {
         Vexel::Detail::platform().processIsEnding = [] { return true; };
     }
-    ~ProcessEnd() override { Vexel::Detail::platform().processIsEnding = real_; }
 
 private:
-    decltype(Vexel::Detail::platform().processIsEnding) real_ = Vexel::Detail::platform().processIsEnding;
+    PlatformGuard platform_;
 };
 
 // Whoever held the lock or waited for it is no more.
@@ -105,11 +96,8 @@ TEST_F(ProcessEnd, LeavesNobodyToWaitFor) {
 TEST_F(ProcessEnd, LeavesAnUnfinishedSaveAlone) {
     static const HANDLE saving = CreateEventW(nullptr, TRUE, FALSE, nullptr);
     static const HANDLE ended = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    Support::ArchiveFaults faults;
-    Support::TempFolder folder;
-    const std::wstring path = folder.file(L"a.7z");
-    SZipArchive archive(path, false, true);
-    ASSERT_EQ(Support::writeItem(archive, L"a", "1"), S_OK);
+    SZipArchive archive(path_, false, true);
+    fill(archive, {{L"a", "1"}});
     Support::ArchiveFaults::alongside = [] {
         SetEvent(saving);
         WaitForSingleObject(ended, INFINITE);
@@ -139,23 +127,22 @@ TEST_F(ProcessEnd, LeavesAnUnfinishedSaveAlone) {
     EXPECT_EQ(archive.items().size(), 1U);
 }
 
-class ArchiveThreads : public testing::Test {
+class ArchiveThreads : public Support::ArchiveTest {
 protected:
     void SetUp() override {
+        Support::Contents contents;
         for (unsigned i = 0; i < kStable; ++i) {
-            const std::string bytes = contentsFor(i);
-            stableBytes_ += bytes.size();
-            ASSERT_EQ(Support::writeItem(archive_, (L"stable" + std::to_wstring(i)).c_str(), bytes), S_OK);
+            contents[L"stable" + std::to_wstring(i)] = contentsFor(i);
+            stableBytes_ += contentsFor(i).size();
         }
         for (unsigned writer = 0; writer < kWriters; ++writer)
-            ASSERT_EQ(archive_.createDirectory((L"w" + std::to_wstring(writer)).c_str(), true, false), S_OK);
+            contents[L"w" + std::to_wstring(writer)] = Support::directoryMark;
+        fill(archive_, contents);
+        ArchiveTest::SetUp();
         ASSERT_EQ(archive_.save(true), S_OK);
     }
 
-    void note(bool success) {
-        if (!success)
-            ++failures_;
-    }
+    void note(bool success) { failures_ += !success; }
 
     // In two parts: a save in between has to leave the second to the next one.
     void write(unsigned writer) {
@@ -172,15 +159,11 @@ protected:
     void read(unsigned seed) {
         while (!stop_) {
             const unsigned number = seed++ % kStable;
-            ComPtr<IStream> stream;
-            note(archive_.extractFile(&stream, L"stable" + std::to_wstring(number)) == S_OK);
-            std::string bytes(contentsFor(number).size() + 1, '\0');
-            ULONG count = 0;
-            note(stream && stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &count) == S_OK);
-            bytes.resize(count);
+            const std::wstring name = L"stable" + std::to_wstring(number);
+            std::string bytes;
+            note(Support::readItem(archive_, name, bytes) == S_OK);
             note(bytes == contentsFor(number));
-            stream.Reset();
-            note(archive_.flush(L"stable" + std::to_wstring(number)) == S_OK);
+            note(archive_.flush(name) == S_OK);
             unsigned long long listed = 0;
             archive_.visitChildren(L"", [&](const CString& path, const auto& item) {
                 listed += Vexel::Storage::StringLess::view(path).starts_with(L"stable") ? item.size() : 0;
@@ -189,17 +172,14 @@ protected:
         }
     }
 
-    LogCapture quiet_;
-    Support::TempFolder folder_;
-    std::wstring path_ = folder_.file(L"a.7z");
-    SZipArchive archive_{path_, false, true};
+    SZipArchive archive_{folder_.file(L"a.7z"), false, true};
     unsigned long long stableBytes_ = 0;
     std::atomic<unsigned> failures_{0};
     std::atomic<bool> stop_{false};
 };
 
 TEST_F(ArchiveThreads, NothingIsLostWhileOneSaves) {
-    std::vector<std::thread> writers, others;
+    std::vector<std::jthread> writers, others;
     for (unsigned i = 0; i < kWriters; ++i)
         writers.emplace_back([this, i] { write(i); });
     for (unsigned i = 0; i < 2; ++i)
@@ -210,17 +190,13 @@ TEST_F(ArchiveThreads, NothingIsLostWhileOneSaves) {
             note(!archive_.isEmpty());
         }
     });
-    for (std::thread& thread : writers)
-        thread.join();
+    writers.clear();
     stop_ = true;
-    for (std::thread& thread : others)
-        thread.join();
+    others.clear();
     EXPECT_EQ(failures_, 0U);
 
     EXPECT_EQ(archive_.save(true), S_OK);
-    SZipArchive saved(path_, true, true);
-    ASSERT_EQ(saved.reload(), S_OK);
-    const auto contents = Support::contentsOf(saved);
+    const Support::Contents contents = onDisk();
     EXPECT_EQ(contents.size(), kStable + kWriters * (1 + kRounds));
     for (unsigned writer = 0; writer < kWriters; ++writer)
         for (unsigned round = 0; round < kRounds; ++round)
@@ -234,11 +210,10 @@ TEST_F(ArchiveThreads, ArchivesCopyFromEachOther) {
         for (unsigned i = 0; i < 200; ++i)
             note(to.addItem(from, std::wstring_view(L"w0"), (name + std::to_wstring(i)).c_str()) == S_OK);
     };
-    ASSERT_EQ(other.createDirectory(L"w0", true, false), S_OK);
+    fill(other, {{L"w0", Support::directoryMark}});
     std::thread first([&] { copy(archive_, other, L"x"); });
-    std::thread second([&] { copy(other, archive_, L"y"); });
+    copy(other, archive_, L"y");
     first.join();
-    second.join();
     EXPECT_EQ(failures_, 0U);
 }
 

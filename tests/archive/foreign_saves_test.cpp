@@ -2,22 +2,14 @@
 // streams of callers that fail, on either side of a save.
 
 #include "archive/database.h"
-#include "support/archive_file.h"
-#include "support/compound_file.h"
-#include "support/log_capture.h"
-
-#include <vexel/archive.h>
-
-#include <windows.h>
-
-#include <gtest/gtest.h>
+#include "archive_fixture.h"
 
 #include <filesystem>
 #include <new>
-#include <string>
 
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
+using Support::Contents;
 using Support::readItem;
 using Support::statesOf;
 using Support::writeItem;
@@ -25,8 +17,6 @@ using Vexel::Storage::SZipArchive;
 using Vexel::Storage::Engine::DatabaseStream;
 
 namespace {
-
-using Contents = std::map<std::wstring, std::string>;
 
 std::string numbers() {
     std::string lines;
@@ -42,16 +32,11 @@ const Contents solidFiles{{L"d/a.txt", "first member, which stays"},
                           {L"top", "x"}};
 constexpr auto* kSolid = L"solid-without-directories.7z";
 
-class ForeignSaves : public testing::Test {
+class ForeignSaves : public Support::ArchiveTest {
 protected:
     void use(const wchar_t* sample) const {
         DeleteFileW(path_.c_str());
         std::filesystem::copy_file(Support::samplePath(sample), path_);
-    }
-    SZipArchive open() {
-        SZipArchive archive(path_, false, true);
-        EXPECT_EQ(archive.reload(), S_OK);
-        return archive;
     }
     std::shared_ptr<DatabaseStream> database() const {
         std::shared_ptr<DatabaseStream> database;
@@ -59,10 +44,8 @@ protected:
         EXPECT_EQ(database->read(path_.c_str()), S_OK);
         return database;
     }
-    /// Of all files, but not of directories.
-    Contents onDisk() {
-        SZipArchive archive = open();
-        Contents files = statesOf(archive);
+    static Contents filesOnDisk() {
+        Contents files = onDisk();
         std::erase_if(files, [](const auto& file) { return file.second == Support::directoryMark; });
         return files;
     }
@@ -75,28 +58,29 @@ protected:
         whole.reset(); // it holds the file
         Support::writeFile(path_, bytes);
     }
-
-    Support::TempFolder folder_;
-    std::wstring path_ = folder_.file(L"a.7z");
-    LogCapture log_;
 };
+
+HRESULT removeAll(SZipArchive& archive, std::initializer_list<std::wstring_view> paths) {
+    for (const std::wstring_view path : paths)
+        if (const HRESULT status = archive.remove(path); status != S_OK)
+            return status;
+    return S_OK;
+}
 
 struct SolidChange {
     const char* name;
     HRESULT (*apply)(SZipArchive& archive);
     void (*expect)(Contents& files);
-    bool isShared; ///< whether the files still share a folder
+    bool isShared = false; ///< whether the files still share a folder
 };
 
 TEST_F(ForeignSaves, TakeASharedFolderApartThatIsNotKeptWhole) {
     for (const SolidChange& change :
          {SolidChange{"remove the first", [](SZipArchive& a) { return a.remove(L"d/a.txt"sv); },
-                      [](Contents& files) { files.erase(L"d/a.txt"); }, false},
-          {"remove the last", [](SZipArchive& a) { return a.remove(L"top"sv); },
-           [](Contents& files) { files.erase(L"top"); }, false},
-          {"put over one", [](SZipArchive& a) { return writeItem(a, L"top", "another"); },
-           [](Contents& files) { files[L"top"] = "another"; }, false},
-          {"remove and move",
+                      [](Contents& files) { files.erase(L"d/a.txt"); }},
+          {"put over the last", [](SZipArchive& a) { return writeItem(a, L"top", "another"); },
+           [](Contents& files) { files[L"top"] = "another"; }},
+          {"remove the last and move",
            [](SZipArchive& a) {
                const HRESULT status = a.remove(L"top"sv);
                return status == S_OK ? a.move(L"d/b.txt"sv, L"moved"sv) : status;
@@ -105,19 +89,14 @@ TEST_F(ForeignSaves, TakeASharedFolderApartThatIsNotKeptWhole) {
                files.erase(L"top");
                files[L"moved"] = numbers();
                files.erase(L"d/b.txt");
-           },
-           false},
+           }},
           {"keep one",
            [](SZipArchive& a) {
-               for (const auto path : {L"d/a.txt"sv, L"d/b.txt"sv, L"d/e/c.txt"sv, L"link"sv})
-                   if (const HRESULT status = a.remove(path); status != S_OK)
-                       return status;
-               return S_OK;
+               return removeAll(a, {L"d/a.txt", L"d/b.txt", L"d/e/c.txt", L"link"});
            },
            [](Contents& files) {
                files = {{L"empty", ""}, {L"top", "x"}};
-           },
-           false},
+           }},
           {"only move", [](SZipArchive& a) { return a.move(L"d/b.txt"sv, L"moved"sv); },
            [](Contents& files) {
                for (auto& [path, bytes] : files)
@@ -139,7 +118,7 @@ TEST_F(ForeignSaves, TakeASharedFolderApartThatIsNotKeptWhole) {
             EXPECT_EQ(archive.save(false), S_OK);
             EXPECT_EQ(Support::bytesOf(copy.Get()), Support::readFile(path_));
         }
-        EXPECT_EQ(onDisk(), expected);
+        EXPECT_EQ(filesOnDisk(), expected);
         EXPECT_EQ(database()->hasSharedFolders(), change.isShared);
     }
 }
@@ -148,14 +127,13 @@ TEST_F(ForeignSaves, TakeASharedFolderApartThatIsNotKeptWhole) {
 TEST_F(ForeignSaves, CopyItemsOfASharedFolderTwice) {
     use(kSolid);
     SZipArchive source = open();
-    const std::wstring copy = folder_.file(L"copy.7z");
-    SZipArchive target(copy, false, true);
+    SZipArchive target(folder_.file(L"copy.7z"), false, true);
     EXPECT_EQ(target.borrowPackedData(source), S_OK);
     for (const wchar_t* path : {L"b1", L"b2", L"b3"})
         EXPECT_EQ(target.addItem(source, L"d/b.txt"sv, path), S_OK);
     EXPECT_EQ(target.addItem(source, L"top"sv, L"t"), S_OK);
     EXPECT_EQ(target.save(false), S_OK);
-    EXPECT_EQ(Support::contentsOf(target),
+    EXPECT_EQ(statesOf(target),
               (Contents{{L"b1", numbers()}, {L"b2", numbers()}, {L"b3", numbers()}, {L"t", "x"}}));
 }
 
@@ -180,11 +158,10 @@ TEST_F(ForeignSaves, LeaveAFileAloneWhoseFolderIsDamaged) {
     // Nor does damage behind the last of the contents that are needed matter.
     {
         SZipArchive first = open();
-        for (const auto path : {L"d/b.txt"sv, L"d/e/c.txt"sv, L"link"sv, L"top"sv})
-            EXPECT_EQ(first.remove(path), S_OK);
+        EXPECT_EQ(removeAll(first, {L"d/b.txt", L"d/e/c.txt", L"link", L"top"}), S_OK);
         EXPECT_EQ(first.save(false), S_OK);
     }
-    EXPECT_EQ(onDisk(), (Contents{{L"d/a.txt", "first member, which stays"}, {L"empty", "new"}}));
+    EXPECT_EQ(filesOnDisk(), (Contents{{L"d/a.txt", "first member, which stays"}, {L"empty", "new"}}));
 }
 
 TEST_F(ForeignSaves, KeepTheAttributesOfUnchangedItems) {
@@ -270,6 +247,7 @@ private:
 
 TEST_F(ForeignSaves, TellWhatAStreamFailedWith) {
     const auto bytes = Support::streamOf(Support::readFile(Support::samplePath(L"plain-lzma2.7z")));
+    std::ptrdiff_t updates = 0, headers = 0;
     for (const auto call :
          {SickStream::Reading, SickStream::Writing, SickStream::Seeking, SickStream::Cloning})
         for (const HRESULT status :
@@ -285,13 +263,22 @@ TEST_F(ForeignSaves, TellWhatAStreamFailedWith) {
                 const auto empty = Support::streamOf({});
                 const auto target = Vexel::Detail::adopt(new SickStream(plan, *empty.Get()));
                 plan = {call, n, status, false};
+                log_.clear();
                 const HRESULT saved = archive.save(target.Get());
+                if (plan.hit && status == STG_E_WRITEFAULT && call == SickStream::Writing) {
+                    updates += log_.count(7, L"Failed to create or update archive \"");
+                    headers += log_.count(7, L"Failed to write archive header to \"");
+                    EXPECT_EQ(updates + headers, n + 1);
+                    EXPECT_EQ(log_.count(7, L":\": 0x8003001d"), 1);
+                }
                 EXPECT_EQ(saved == S_OK, !plan.hit) << call << ' ' << n << std::hex << ' ' << status;
                 EXPECT_TRUE(!plan.hit || saved == status || (status > 0 && FAILED(saved)))
                     << call << ' ' << n << std::hex << ' ' << status << ' ' << saved;
                 if (!plan.hit || HasFailure())
                     break;
             }
+    EXPECT_GE(updates, 1);
+    EXPECT_GE(headers, 1);
 }
 
 } // namespace

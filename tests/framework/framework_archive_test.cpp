@@ -1,4 +1,5 @@
 #include "support/framework_files.h"
+#include "support/streams.h"
 
 #include <vexel/framework.h>
 
@@ -8,6 +9,7 @@
 #include <bit>
 #include <random>
 #include <string>
+#include <vector>
 
 using namespace std::string_literals;
 using Support::contentsOf;
@@ -18,21 +20,18 @@ using Support::stored;
 namespace {
 
 TEST(FrameworkArchive, StoresStringLengthsInTheShortestForm) {
-    struct Case {
-        UINT_PTR length;
-        std::string narrow;
+    const std::pair<UINT_PTR, std::string> cases[] = {
+        {0, "\0"s},
+        {0xFE, "\xFE"},
+        {0xFF, "\xFF\xFF\0"s},
+        {0x12C, "\xFF\x2C\1"},
+        {0xFFFD, "\xFF\xFD\xFF"},
+        {0xFFFE, "\xFF\xFF\xFF\xFE\xFF\0\0"s},
+        {0x12345678, "\xFF\xFF\xFF\x78\x56\x34\x12"},
+        {0xFFFFFFFF, std::string(11, '\xFF') + "\0\0\0\0"s},
+        {0x123456789A, std::string(7, '\xFF') + "\x9A\x78\x56\x34\x12\0\0\0"s},
     };
-    for (const auto& [length, narrow] : {
-             Case{0, "\0"s},
-             Case{0xFE, "\xFE"},
-             Case{0xFF, "\xFF\xFF\0"s},
-             Case{0x12C, "\xFF\x2C\1"},
-             Case{0xFFFD, "\xFF\xFD\xFF"},
-             Case{0xFFFE, "\xFF\xFF\xFF\xFE\xFF\0\0"s},
-             Case{0x12345678, "\xFF\xFF\xFF\x78\x56\x34\x12"},
-             Case{0xFFFFFFFF, std::string(11, '\xFF') + "\0\0\0\0"s},
-             Case{0x123456789A, std::string(7, '\xFF') + "\x9A\x78\x56\x34\x12\0\0\0"s},
-         }) {
+    for (const auto& [length, narrow] : cases) {
         for (const int size : {1, 2}) {
             const bool wide = size == 2;
             const std::string bytes = wide ? "\xFF\xFE\xFF" + narrow : narrow;
@@ -50,39 +49,34 @@ TEST(FrameworkArchive, StringsAndNumbersRoundTrip) {
     EXPECT_EQ(stored([](CArchive& archive) { archive << CString(L"a\u0416") << 1 << BYTE{2} << true; }),
               "\xFF\xFE\xFF\2a\0\x16\4\1\0\0\0\2\1"s);
     for (const int length : {0, 1, 254, 255, 4095, 4097, 65533, 65534, 65535, 200000}) {
-        CString text;
-        wchar_t* characters = text.GetBufferSetLength(length);
-        for (int i = 0; i < length; ++i)
-            characters[i] = static_cast<wchar_t>(i + 1);
-        loadFrom(
-            stored([&](CArchive& to) { to << text << WORD{0xABCD} << -2LL << 1.5; }), [&](CArchive& archive) {
-                CString loaded = L"before";
-                WORD word = 0;
-                LONGLONG number = 0;
-                double real = 0;
-                archive >> loaded >> word >> number >> real;
-                EXPECT_TRUE(loaded == text && word == 0xABCD && number == -2 && real == 1.5) << length;
-                EXPECT_EQ(raised<CArchiveException>([&] { archive >> word; }), CArchiveException::endOfFile);
-            });
+        const CString text(L'\u0416', length);
+        loadFrom(stored([&](CArchive& to) { to << text << -2LL << 1.5; }), [&](CArchive& archive) {
+            CString loaded = L"before";
+            LONGLONG number = 0;
+            double real = 0;
+            archive >> loaded >> number >> real;
+            EXPECT_EQ(loaded, text) << length;
+            EXPECT_EQ(number, -2);
+            EXPECT_EQ(real, 1.5);
+            EXPECT_EQ(raised<CArchiveException>([&] { archive >> number; }), CArchiveException::endOfFile);
+        });
     }
-    for (int stored = 0; stored < 3; ++stored) {
-        loadFrom(std::string(1, static_cast<char>(stored)), [&](CArchive& archive) {
+    loadFrom("\0\1\2"s, [&](CArchive& archive) {
+        for (const int stored : {0, 1, 2}) {
             bool value = stored == 0;
             archive >> value;
             EXPECT_EQ(std::bit_cast<char>(value), stored != 0);
-        });
-    }
+        }
+    });
 }
 
 TEST(FrameworkArchive, LoadsNarrowStrings) {
-    loadFrom("\3abc\0"s, [](CArchive& archive) {
-        CString text;
-        EXPECT_EQ((archive >> text, text), L"abc");
-        EXPECT_EQ((archive >> text, text), L"");
-    });
-    loadFrom("\xFF\x2C\1" + std::string(300, 'x'), [](CArchive& archive) {
-        CString text;
-        EXPECT_EQ((archive >> text, text), CString(L'x', 300));
+    loadFrom("\3abc\0\xFF\x2C\1"s + std::string(300, 'x'), [](CArchive& archive) {
+        for (const CString& expected : {CString(L"abc"), CString(), CString(L'x', 300)}) {
+            CString text = L"before";
+            archive >> text;
+            EXPECT_EQ(text, expected);
+        }
     });
 }
 
@@ -101,18 +95,15 @@ TEST(FrameworkArchive, LengthsThatPromiseTooMuchTakeNoMemory) {
     constexpr int cut = CArchiveException::endOfFile;
     constexpr int tooLong = CArchiveException::genericException;
     const std::string rest(20000, 'x');
-    struct Case {
-        std::string bytes;
-        int cause;
+    const std::pair<std::string, int> cases[] = {
+        {"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, cut},
+        {"\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, cut},
+        {"\xFF\xFE\xFF\xFF\xFF\xFF\0\0\0\x80"s + rest, tooLong},
+        {"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\1\0\0\0\1\0\0\0"s + rest, tooLong},
+        {"\xFF\xFE\xFF\xFF", cut},
+        {"", cut},
     };
-    for (auto [bytes, cause] : {
-             Case{"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, cut},
-             Case{"\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, cut},
-             Case{"\xFF\xFE\xFF\xFF\xFF\xFF\0\0\0\x80"s + rest, tooLong},
-             Case{"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\1\0\0\0\1\0\0\0"s + rest, tooLong},
-             Case{"\xFF\xFE\xFF\xFF", cut},
-             Case{"", cut},
-         }) {
+    for (auto [bytes, cause] : cases) {
         WatchedFile file(reinterpret_cast<BYTE*>(bytes.data()), static_cast<UINT>(bytes.size()));
         CArchive archive(&file, CArchive::load);
         CString text = L"before";
@@ -144,20 +135,20 @@ TEST(FrameworkArchive, RefusesTheWrongDirectionAndNamesTheFile) {
 }
 
 TEST(FrameworkArchive, OnlyAnEndedArchiveWritesWhatItHolds) {
-    struct Ending {
+    constexpr UINT store = CArchive::store, noFlush = store | CArchive::bNoFlushOnDelete;
+    const struct {
         const char* what;
         UINT mode;
         void (*end)(CArchive&);
         ULONGLONG written;
+    } cases[] = {
+        {"closed", store, [](CArchive& archive) { archive.Close(); }, 1},
+        {"destroyed", store, [](CArchive&) {}, 1},
+        {"flushed", noFlush, [](CArchive& archive) { archive.Flush(); }, 1},
+        {"destroyed without", noFlush, [](CArchive&) {}, 0},
+        {"given up", store, [](CArchive& archive) { archive.Abort(); }, 0},
     };
-    for (const auto& [what, mode, end, written] : {
-             Ending{"closed", CArchive::store, [](CArchive& archive) { archive.Close(); }, 1},
-             Ending{"destroyed", CArchive::store, [](CArchive&) {}, 1},
-             Ending{"flushed", CArchive::store | CArchive::bNoFlushOnDelete,
-                    [](CArchive& archive) { archive.Flush(); }, 1},
-             Ending{"destroyed without", CArchive::store | CArchive::bNoFlushOnDelete, [](CArchive&) {}, 0},
-             Ending{"given up", CArchive::store, [](CArchive& archive) { archive.Abort(); }, 0},
-         }) {
+    for (const auto& [what, mode, end, written] : cases) {
         CMemFile file;
         {
             CArchive archive(&file, mode);
@@ -170,36 +161,32 @@ TEST(FrameworkArchive, OnlyAnEndedArchiveWritesWhatItHolds) {
 
 TEST(FrameworkArchive, PiecesOfAnySizePassThroughAnyBuffer) {
     std::mt19937 random(1);
-    std::string data(60000, '\0');
-    std::generate(data.begin(), data.end(), [&] { return static_cast<char>(random()); });
-    const auto inPieces = [&](const std::function<void(const char*, UINT)>& move) {
-        for (std::size_t done = 0; done < data.size();) {
-            const std::size_t piece = std::min<std::size_t>(random() % 700, data.size() - done);
-            move(data.data() + done, static_cast<UINT>(piece));
-            done += piece;
-        }
-    };
+    const std::string data = Support::noise(60000);
     for (const int buffer : {0, 200, 4096}) {
         CMemFile file;
         CArchive storing(&file, CArchive::store, buffer);
-        inPieces([&](const char* piece, UINT size) { storing.Write(piece, size); });
+        std::vector<std::size_t> ends{0};
+        while (ends.back() < data.size()) {
+            const std::size_t start = ends.back();
+            ends.push_back(std::min(start + random() % 700, data.size()));
+            storing.Write(data.data() + start, static_cast<UINT>(ends.back() - start));
+        }
         storing.Close();
         EXPECT_TRUE(contentsOf(file) == data) << buffer;
 
         file.SeekToBegin();
         CArchive loading(&file, CArchive::load, buffer);
-        std::string loaded;
-        inPieces([&](const char*, UINT size) {
-            loaded.resize(loaded.size() + size);
-            EXPECT_EQ(loading.Read(loaded.data() + loaded.size() - size, size), size);
-            if (random() % 8 == 0) {
+        std::string loaded(data.size() + 1, '\0');
+        for (std::size_t i = 1; i < ends.size(); ++i) {
+            const UINT size = static_cast<UINT>(ends[i] - ends[i - 1]);
+            EXPECT_EQ(loading.Read(loaded.data() + ends[i - 1], size), size);
+            if (i % 8 == 0) {
                 loading.Flush(); // gives back what was read ahead
-                EXPECT_EQ(file.GetPosition(), loaded.size());
+                EXPECT_EQ(file.GetPosition(), ends[i]);
             }
-        });
-        EXPECT_TRUE(loaded == data) << buffer;
-        BYTE more = 0;
-        EXPECT_EQ(loading.Read(&more, 1), 0U);
+        }
+        EXPECT_EQ(loading.Read(&loaded.back(), 1), 0U);
+        EXPECT_TRUE(loaded == data + '\0') << buffer;
     }
 }
 

@@ -123,27 +123,23 @@ std::vector<ULONGLONG> exercise(CFile& file, unsigned seed) {
     std::mt19937 random(seed);
     std::vector<ULONGLONG> answers;
     std::vector<BYTE> data(3000);
-    const std::function<void(UINT)> operations[] = {
-        [&](UINT count) { answers.push_back(file.Seek(count, CFile::begin)); },
-        [&](UINT count) {
-            answers.push_back(file.Seek(-static_cast<LONGLONG>(count % (file.GetLength() + 1)), CFile::end));
-        },
-        [&](UINT count) {
-            std::fill(data.begin(), data.end(), static_cast<BYTE>(random()));
-            file.Write(data.data(), count);
-        },
-        [&](UINT count) {
-            answers.push_back(file.Read(data.data(), count));
-            answers.insert(answers.end(), data.begin(), data.begin() + static_cast<int>(answers.back()));
-        },
-        [&](UINT count) {
-            file.SetLength(file.GetLength() * (count % 4) / 2);
-            answers.push_back(file.SeekToEnd());
-        },
-    };
     for (int i = 0; i < 200; ++i) {
         const UINT count = static_cast<UINT>(random() % data.size());
-        operations[random() % std::size(operations)](count);
+        const unsigned operation = random() % 5;
+        if (operation == 0) {
+            file.Seek(count, CFile::begin);
+        } else if (operation == 1) {
+            file.Seek(-static_cast<LONGLONG>(count % (file.GetLength() + 1)), CFile::end);
+        } else if (operation == 2) {
+            std::fill(data.begin(), data.end(), static_cast<BYTE>(random()));
+            file.Write(data.data(), count);
+        } else if (operation == 3) {
+            answers.push_back(file.Read(data.data(), count));
+            answers.insert(answers.end(), data.begin(), data.begin() + static_cast<int>(answers.back()));
+        } else {
+            file.SetLength(file.GetLength() * (count % 4) / 2);
+            file.SeekToEnd();
+        }
         answers.push_back(file.GetPosition());
         answers.push_back(file.GetLength());
     }

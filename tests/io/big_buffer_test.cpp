@@ -131,60 +131,69 @@ TEST_F(BigBuffers, TakeTheKeptBytesAlongWhenTheyGrow) {
 
 TEST_F(BigBuffers, AskTheDepletionHandlerOnce) {
     static std::vector<unsigned long long> asked;
-    static BigBuffer other;
-    BigBuffer buffer;
-    const auto handler = [](unsigned long long bytes) {
+    asked.clear();
+    BigBuffer::setMemoryDepletionHandler([](unsigned long long bytes) {
         asked.push_back(bytes);
         EXPECT_FALSE(BigBuffer::compact()) << "the kept block is needed";
         return bytes != 3000;
-    };
-    BigBuffer::setMemoryDepletionHandler(handler);
+    });
+    BigBuffer buffer;
+    BigBuffer other;
     refusals = 1;
     EXPECT_NE(buffer.allocate(5), nullptr);
-    EXPECT_EQ(taken(), (Sizes{kept, kept}));
     refusals = 2;
     EXPECT_EQ(buffer.reallocate(kept + 1), nullptr) << "the second refusal is final";
     EXPECT_EQ(buffer.size(), 5U);
     EXPECT_NE(buffer.reallocate(kept), nullptr) << "what was kept is as large as before";
     refusals = 1;
     EXPECT_EQ(other.allocate(3000), nullptr) << "not tried again";
-    EXPECT_EQ(asked, (Sizes{kept, kept * 2, 3000}));
-    EXPECT_EQ(taken(), (Sizes{kept * 2, kept * 2, 3000}));
     EXPECT_EQ(other.size(), 0U);
+    EXPECT_EQ(asked, (Sizes{kept, kept * 2, 3000}));
+    EXPECT_EQ(taken(), (Sizes{kept, kept, kept * 2, kept * 2, 3000}));
     EXPECT_NE(other.allocate(10), nullptr);
     refusals = 2;
     EXPECT_EQ(other.reallocate(20), nullptr);
     EXPECT_EQ(other.size(), 10U);
-    EXPECT_EQ(buffer.reallocate(~0ULL), nullptr);
     buffer.clear();
     refusals = 1;
     EXPECT_NE(other.reallocate(30), nullptr) << "filled from a kept block that nobody holds";
-    other.clear();
     refusals = 2;
     EXPECT_EQ(buffer.allocate(kept + 1), nullptr);
+    other.clear();
     EXPECT_TRUE(blocks.empty()) << "a kept block that is too small goes first";
+}
+
+TEST_F(BigBuffers, RefuseWhatCannotBeHad) {
+    BigBuffer buffer;
     refusals = 1;
-    BigBuffer::setMemoryDepletionHandler(nullptr);
-    EXPECT_EQ(buffer.allocate(kept), nullptr);
+    EXPECT_EQ(buffer.allocate(kept), nullptr) << "there is nobody to ask";
     for (const unsigned long long bytes : {~0ULL, ~0ULL / 2 + 1, 1ULL << 60})
         EXPECT_EQ(buffer.allocate(bytes), nullptr) << bytes;
+    EXPECT_NE(buffer.allocate(5), nullptr);
+    EXPECT_EQ(buffer.reallocate(~0ULL), nullptr);
+}
 
-    // A handler may use buffers, too.
-    BigBuffer::setMemoryDepletionHandler([](unsigned long long) {
-        BigBuffer passing;
-        return passing.init() != nullptr;
-    });
-    refusals = 1;
-    EXPECT_NE(buffer.allocate(kept * 2), nullptr);
-    EXPECT_EQ(blocks.size(), 1U);
-    buffer.clear();
-    EXPECT_TRUE(BigBuffer::compact());
-    BigBuffer::setMemoryDepletionHandler([](unsigned long long) { return other.init() != nullptr; });
-    refusals = 1;
-    EXPECT_NE(buffer.allocate(kept * 2), nullptr);
-    EXPECT_NE(buffer.data(), other.data());
-    other.clear();
-    EXPECT_EQ(blocks.size(), 1U) << "became the other's own";
+TEST_F(BigBuffers, MayBeUsedByTheDepletionHandler) {
+    static BigBuffer handlers;
+    BigBuffer buffer;
+    for (const bool isKept : {false, true}) {
+        static bool isPassing;
+        isPassing = !isKept;
+        BigBuffer::setMemoryDepletionHandler([](unsigned long long) {
+            const bool isHad = handlers.init() != nullptr;
+            if (isPassing)
+                handlers.clear();
+            return isHad;
+        });
+        refusals = 1;
+        EXPECT_NE(buffer.allocate(kept * 2), nullptr);
+        EXPECT_NE(buffer.data(), handlers.data());
+        EXPECT_EQ(blocks.size(), isKept ? 2U : 1U);
+        handlers.clear();
+        EXPECT_EQ(blocks.size(), 1U) << "what it holds became its own";
+        buffer.clear();
+        EXPECT_TRUE(BigBuffer::compact());
+    }
 }
 
 } // namespace

@@ -63,6 +63,11 @@ protected:
         return file;
     }
 
+    /// In the folder: nothing must be left behind.
+    std::ptrdiff_t files() const {
+        return std::distance(std::filesystem::directory_iterator(folder_.file(L"")), {});
+    }
+
     Support::TempFolder folder_;
     std::wstring path_ = folder_.file(L"settings.ini");
 };
@@ -203,7 +208,8 @@ TEST_F(Ini, DoesNotSaveWhatItCouldNotRead) {
         EXPECT_FALSE(IniFile::SetInt(L"s", L"n", 1, path_.c_str()));
         EXPECT_EQ(readFile(path_), tail);
         writeFile(path_, "[s]\n");
-        EXPECT_TRUE(file.Load(path_.c_str()) && file.Save(path_.c_str()));
+        EXPECT_TRUE(file.Load(path_.c_str()));
+        EXPECT_TRUE(file.Save(path_.c_str()));
     }
     // UTF-8 has no place for half a pair.
     IniFile file;
@@ -225,7 +231,7 @@ TEST_F(Ini, SavesWhatItHolds) {
     EXPECT_EQ(dump(again), dump(file));
     again.SetSection(L"Moved", std::move(again.GetOrCreateSection(L"Main"))); // makes room meanwhile
     EXPECT_EQ(dump(again), "Main{}Empty{}Moved{Text=a b \x16|Number=-5|X=0.1|}");
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.file(L"")), {}), 1) << "left-overs";
+    EXPECT_EQ(files(), 1);
 }
 
 // In place of the old file, or into it; either way nothing is left behind.
@@ -233,9 +239,6 @@ TEST_F(Ini, SavesWhereverItCan) {
     const wchar_t* const path = path_.c_str();
     const IniFile file = std::move(IniFile().SetInt(L"new", L"k", 1));
     const std::string saved = "[new]\nk=1\n";
-    const auto files = [&] {
-        return std::distance(std::filesystem::directory_iterator(folder_.file(L"")), {});
-    };
     vxio::SimpleFile held;
     for (const std::string& old : {"[old]\n"s, "[old]\n" + std::string(100, ';')}) {
         writeFile(path_, old);
@@ -261,7 +264,8 @@ TEST_F(Ini, SavesWhereverItCan) {
         EXPECT_EQ(files(), 1);
     }
     const std::wstring longest = folder_.file(std::wstring(250, L'n'));
-    EXPECT_TRUE(file.Save(longest.c_str()) && file.Save(longest.c_str()));
+    EXPECT_TRUE(file.Save(longest.c_str()));
+    EXPECT_TRUE(file.Save(longest.c_str())) << "once more";
     EXPECT_EQ(readFile(longest), saved);
     EXPECT_EQ(files(), 2);
 }
@@ -272,7 +276,7 @@ TEST_F(Ini, AFailedSaveLeavesTheOldFile) {
     const IniFile file = std::move(IniFile().SetInt(L"new", L"k", 1));
     const auto unchanged = [&] {
         EXPECT_FALSE(file.Save(path));
-        EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.file(L"")), {}), 1);
+        EXPECT_EQ(files(), 1);
     };
     vxio::SimpleFile held;
     const auto hold = [&](vxio::FileAccess access, vxio::FileStreamProtectedType protection) {
@@ -300,7 +304,7 @@ TEST_F(Ini, AFailedSaveLeavesTheOldFile) {
 // Each save of one file by several threads succeeds, and what is read is always one of them, whole.
 TEST_F(Ini, ThreadsSaveOneFile) {
     constexpr int saves = 10, entries = 2000;
-    std::atomic<int> failed = 0, torn = 0, notSet = 0;
+    std::atomic<int> failed = 0, torn = 0;
     const auto save = [&](int number) {
         IniFile file;
         for (int i = 0; i < entries; ++i)
@@ -318,15 +322,14 @@ TEST_F(Ini, ThreadsSaveOneFile) {
                 IniFile file;
                 if (file.Load(path_.c_str())) // it may be held just then
                     torn += file.GetInt(L"s", L"0", 0) != file.GetInt(L"s", std::to_wstring(entries - 1), -1);
-                notSet += !IniFile::SetInt(L"t", L"k", i, path_.c_str());
+                failed += !IniFile::SetInt(L"t", L"k", i, path_.c_str());
             }
         });
     }
     EXPECT_EQ(failed, 0);
     EXPECT_EQ(torn, 0);
-    EXPECT_EQ(notSet, 0);
     EXPECT_EQ(loaded().GetSection(L"s")->GetEntries().size(), std::size_t{entries});
-    EXPECT_EQ(std::distance(std::filesystem::directory_iterator(folder_.file(L"")), {}), 1);
+    EXPECT_EQ(files(), 1);
 }
 
 // Without memory nothing is changed, whichever allocation fails.
@@ -381,13 +384,11 @@ TEST_F(Ini, WorksStraightOnFiles) {
 
 // Where the rules agree, the system reads the same.
 TEST_F(Ini, AgreesWithTheSystem) {
-    const IniFile file = [] {
-        IniFile made;
-        for (int i = 0; i < 40; ++i)
-            made.SetString(L"Section " + std::to_wstring(i % 3), L"key" + std::to_wstring(i),
-                           (L"value " + std::to_wstring(i * 7)).c_str());
-        return made.SetString(L"Section 1", L"Quoted", L"it's \"so\"");
-    }();
+    IniFile file;
+    file.SetString(L"Section 1", L"Quoted", L"it's \"so\"");
+    for (int i = 0; i < 40; ++i)
+        file.SetString(L"Section " + std::to_wstring(i % 3), L"key" + std::to_wstring(i),
+                       (L"value " + std::to_wstring(i * 7)).c_str());
     ASSERT_TRUE(file.Save(path_.c_str()));
     for (const auto& [name, section] : file) {
         for (const auto& [key, value] : section) {
@@ -443,15 +444,12 @@ TEST_F(Ini, KeepsDoubles) {
         if (std::isnan(value))
             continue;
         section.SetDouble(L"k", value);
-        const auto again = section.TryGetDouble(L"k");
-        ASSERT_TRUE(again && std::bit_cast<std::uint64_t>(*again) == std::bit_cast<std::uint64_t>(value));
+        ASSERT_EQ(std::bit_cast<std::uint64_t>(section.GetDouble(L"k", 0)),
+                  std::bit_cast<std::uint64_t>(value));
         ASSERT_LE(section.GetString(L"k", L"").GetLength(), 24);
     }
-    const std::pair<double, const wchar_t*> texts[]{{std::nan(""), L"nan"},
-                                                    {-std::nan(""), L"nan"},
-                                                    {-Limits::infinity(), L"-inf"},
-                                                    {0.1, L"0.1"},
-                                                    {-5, L"-5"}};
+    const std::pair<double, const wchar_t*> texts[]{
+        {-std::nan(""), L"nan"}, {-Limits::infinity(), L"-inf"}, {0.1, L"0.1"}, {-5, L"-5"}};
     for (const auto& [value, text] : texts)
         EXPECT_STREQ(section.SetDouble(L"k", value).GetString(L"k", L""), text);
     EXPECT_TRUE(std::isnan(section.SetString(L"k", L" NaN ").GetDouble(L"k", 0)));
@@ -505,16 +503,14 @@ TEST_F(Ini, AnyFileIsRefusedOrKept) {
             continue;
         }
         ++accepted;
-        ASSERT_TRUE(file.Save(path_.c_str()));
-        IniFile once;
-        IniFile twice;
         // Quotes go layer by layer, so what was saved may lose some more; it still is a file.
-        ASSERT_TRUE(once.Load(path_.c_str())) << round;
-        ASSERT_EQ(once.GetSections().size(), file.GetSections().size());
-        while (dump(once) != dump(twice)) {
-            ASSERT_TRUE(once.Save(path_.c_str()));
-            twice = once;
-            ASSERT_TRUE(once.Load(path_.c_str()));
+        std::string before;
+        while (before != dump(file)) {
+            before = dump(file);
+            const std::size_t sections = file.GetSections().size();
+            ASSERT_TRUE(file.Save(path_.c_str()));
+            ASSERT_TRUE(file.Load(path_.c_str())) << round;
+            ASSERT_EQ(file.GetSections().size(), sections);
         }
     }
     EXPECT_GT(accepted, 12);

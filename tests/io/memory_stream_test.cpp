@@ -57,11 +57,8 @@ std::string contents(const ComPtr<InMemoryIStream>& stream) {
                               : "";
 }
 
-HRESULT seek(::IStream* stream, long long move, DWORD origin, unsigned long long& position) {
-    ULARGE_INTEGER reached{.QuadPart = position};
-    const HRESULT status = stream->Seek({.QuadPart = move}, origin, &reached);
-    position = reached.QuadPart;
-    return status;
+HRESULT seek(const ComPtr<InMemoryIStream>& stream, long long move, DWORD origin = STREAM_SEEK_SET) {
+    return stream->Seek({.QuadPart = move}, origin, nullptr);
 }
 
 DynamicBuffer bufferOn(unsigned char* block, unsigned long long size, unsigned long long capacity,
@@ -139,8 +136,7 @@ TEST(MemoryStream, GrowsInSteps) {
           Case{48 * MiB, 48 * MiB, 1, 80 * MiB}, Case{48 * MiB, 48 * MiB, 0, 48 * MiB}}) {
         const auto stream = adopt(new InMemoryIStream(initial));
         EXPECT_EQ(stream->capacity(), initial) << "exactly what was asked for";
-        EXPECT_EQ(stream->Seek({.QuadPart = static_cast<long long>(position)}, STREAM_SEEK_SET, nullptr),
-                  S_OK);
+        EXPECT_EQ(seek(stream, static_cast<long long>(position)), S_OK);
         EXPECT_EQ(stream->write(std::string(count, 'x').data(), count), count);
         EXPECT_EQ(stream->capacity(), capacity) << initial << " " << position << " " << count;
         EXPECT_EQ(stream->size(), position + count) << "nothing written beyond the end makes it reach there";
@@ -154,38 +150,36 @@ TEST(MemoryStream, TakesWhatMemoryThereIs) {
     const auto stream = streamOf(std::string(100, 'x'));
     const std::string more(2000, 'y');
     ULONG done = 7;
-    {
-        const ScarceHeap heap(0);
-        EXPECT_EQ(adopt(new InMemoryIStream(5))->size(), 0U);
-        EXPECT_FALSE(stream->resize(1025));
-        EXPECT_TRUE(stream->resize(1024)) << "there already";
-        EXPECT_TRUE(stream->resize(100));
-        EXPECT_EQ(stream->SetSize({.QuadPart = 5000}), STG_E_INSUFFICIENTMEMORY);
-        stream->seek(0, InMemoryIStream::End);
-        EXPECT_EQ(stream->Write(more.data(), 2000, &done), S_OK) << "part of it";
-        EXPECT_EQ(done, 924U);
-        EXPECT_EQ(stream->Write(more.data(), 1, &done), STG_E_INSUFFICIENTMEMORY);
-        EXPECT_EQ(done, 0U);
-        unsigned long long position = 0;
-        EXPECT_EQ(seek(stream.Get(), 1, STREAM_SEEK_END, position), S_OK);
-        EXPECT_EQ(stream->write(more.data(), 0), 0U);
-        EXPECT_EQ(stream->size(), 1024U) << "beyond the memory nothing changes";
-        EXPECT_EQ(stream->position(), 1025U);
-        EXPECT_TRUE(stream->resize(1000));
-        EXPECT_EQ(seek(stream.Get(), 1024, STREAM_SEEK_SET, position), S_OK);
-        EXPECT_EQ(stream->Write(more.data(), 1, &done), STG_E_INSUFFICIENTMEMORY);
-        EXPECT_EQ(stream->size(), 1024U) << "reaches to the position where the memory ends";
-    }
-    EXPECT_EQ(contents(stream), std::string(100, 'x') + std::string(924, 'y'));
+    const ScarceHeap heap(0);
+    EXPECT_EQ(adopt(new InMemoryIStream(5))->size(), 0U);
+    EXPECT_FALSE(stream->resize(1025));
+    EXPECT_TRUE(stream->resize(1024)) << "there already";
+    EXPECT_TRUE(stream->resize(100));
+    EXPECT_EQ(stream->SetSize({.QuadPart = 5000}), STG_E_INSUFFICIENTMEMORY);
+    stream->seek(0, InMemoryIStream::End);
+    EXPECT_EQ(stream->Write(more.data(), 2000, &done), S_OK) << "part of it";
+    EXPECT_EQ(done, 924U);
+    EXPECT_EQ(stream->Write(more.data(), 1, &done), STG_E_INSUFFICIENTMEMORY);
+    EXPECT_EQ(done, 0U);
+    EXPECT_EQ(seek(stream, 1025), S_OK);
+    EXPECT_EQ(stream->write(more.data(), 0), 0U);
+    EXPECT_EQ(stream->size(), 1024U) << "beyond the memory nothing changes";
+    EXPECT_TRUE(stream->resize(1000));
+    EXPECT_EQ(seek(stream, 1024), S_OK);
+    EXPECT_EQ(stream->Write(more.data(), 1, &done), STG_E_INSUFFICIENTMEMORY);
+    EXPECT_EQ(contents(stream), std::string(100, 'x') + std::string(924, 'y'))
+        << "reaches to the position where the memory ends";
+}
 
+TEST(MemoryStream, RefusesSizesThatCannotBe) {
+    const auto stream = streamOf("");
     EXPECT_TRUE(stream->resize(3001));
-    unsigned long long position = 0;
+    EXPECT_EQ(seek(stream, LLONG_MAX), S_OK);
     for (const unsigned long long at : {limit / 2, limit - 1}) {
-        EXPECT_EQ(seek(stream.Get(), LLONG_MAX, at > limit / 2 ? STREAM_SEEK_CUR : STREAM_SEEK_SET, position),
-                  S_OK);
-        EXPECT_EQ(position, at);
-        EXPECT_EQ(stream->Write(more.data(), 100, &done), STG_E_INSUFFICIENTMEMORY);
         EXPECT_EQ(stream->position(), at);
+        EXPECT_EQ(stream->Write("0123456789", 10, nullptr), STG_E_INSUFFICIENTMEMORY);
+        EXPECT_EQ(stream->position(), at);
+        EXPECT_EQ(seek(stream, at > limit / 2 ? 0 : LLONG_MAX, STREAM_SEEK_CUR), S_OK);
     }
     EXPECT_FALSE(stream->resize(limit));
     EXPECT_EQ(stream->SetSize({.QuadPart = limit / 2 + 1}), STG_E_INSUFFICIENTMEMORY);
@@ -222,10 +216,10 @@ TEST(MemoryStream, SeeksDirectlyWithinItsBytes) {
             << move << " " << origin;
         EXPECT_EQ(stream->position(), reached);
     }
-    unsigned long long position = 77;
-    EXPECT_EQ(seek(stream.Get(), -1, STREAM_SEEK_SET, position), STG_E_INVALIDFUNCTION);
-    EXPECT_EQ(position, 77U);
-    EXPECT_EQ(seek(stream.Get(), 10, STREAM_SEEK_END, position), S_OK);
+    ULARGE_INTEGER position{.QuadPart = 77};
+    EXPECT_EQ(stream->Seek({.QuadPart = -1}, STREAM_SEEK_SET, &position), STG_E_INVALIDFUNCTION);
+    EXPECT_EQ(position.QuadPart, 77U);
+    EXPECT_EQ(seek(stream, 10, STREAM_SEEK_END), S_OK);
     EXPECT_EQ(stream->data(), nullptr);
     EXPECT_EQ(stream->seek(LLONG_MAX, InMemoryIStream::Current), 5U) << "back into the range";
 }
@@ -282,42 +276,49 @@ TEST(MemoryStream, MovesEveryLength) {
         }
 }
 
+unsigned char* newBlock() { return static_cast<unsigned char*>(std::malloc(8)); }
+
+auto fieldsOf(const DynamicBuffer& buffer) {
+    return std::tuple(buffer.data, buffer.size, buffer.capacity, buffer.ownsMemory);
+}
+
+// An assigned buffer brings all four fields, and what stood there before is freed if it was owned.
+TEST(DynamicBuffers, FreeWhatTheyOwn) {
+    static std::vector<void*> freed;
+    freed.clear();
+    const ScarceHeap watched(INT_MAX);
+    platform().freeMemory = [](void* block) noexcept {
+        if (block)
+            freed.push_back(block);
+        std::free(block);
+    };
+    unsigned char bytes[8] = {};
+    unsigned char *const first = newBlock(), *const second = newBlock();
+    {
+        DynamicBuffer target = bufferOn(first, 4, 8, true);
+        target = bufferOn(bytes, 2, 7, false);
+        EXPECT_EQ(freed, std::vector<void*>{first});
+        EXPECT_EQ(fieldsOf(target), std::tuple(+bytes, 2ULL, 7ULL, false));
+        target = bufferOn(second, 1, 8, true);
+        DynamicBuffer& itself = target;
+        target = std::move(itself);
+        EXPECT_EQ(fieldsOf(target), std::tuple(second, 1ULL, 8ULL, true));
+    }
+    EXPECT_EQ(freed, (std::vector<void*>{first, second}));
+}
+
 TEST(MemoryStream, TakesBuffersOver) {
-    auto* const block = static_cast<unsigned char*>(std::malloc(8));
+    auto* const block = newBlock();
     DynamicBuffer owned = bufferOn(block, 4, 8, true);
     const auto stream = adopt(new InMemoryIStream(std::move(owned)));
-    EXPECT_EQ(owned.data, nullptr); // NOLINT(bugprone-use-after-move)
-    EXPECT_EQ(owned.size, 4U);
-    EXPECT_EQ(owned.capacity, 8U);
+    // NOLINTNEXTLINE(bugprone-use-after-move): it keeps its numbers, but no memory
+    EXPECT_EQ(fieldsOf(owned), std::tuple(nullptr, 4ULL, 8ULL, true));
     EXPECT_EQ(stream->data(0), block);
     EXPECT_EQ(stream->capacity(), 8U);
-    const auto left = adopt(new InMemoryIStream(std::move(owned))); // NOLINT(bugprone-use-after-move)
+    const auto left = adopt(new InMemoryIStream(std::move(owned)));
     EXPECT_EQ(left->size() + left->capacity(), 0U);
 
-    static unsigned char bytes[8] = {'a', 'b', 'c', 'd'};
-    static void* expected;
-    const ScarceHeap watched(INT_MAX);
-    platform().freeMemory = [](void* freed) noexcept {
-        EXPECT_NE(freed, bytes);
-        if (freed == expected)
-            expected = nullptr;
-        std::free(freed);
-    };
-    // An assigned buffer brings all four fields, and what stood there before is freed if it was owned.
-    auto* const first = static_cast<unsigned char*>(std::malloc(8));
-    DynamicBuffer target = bufferOn(first, 4, 8, true);
-    expected = first;
-    target = bufferOn(bytes, 2, 7, false);
-    EXPECT_EQ(expected, nullptr);
-    EXPECT_EQ(std::tuple(target.data, target.size, target.capacity, target.ownsMemory),
-              std::tuple(+bytes, 2ULL, 7ULL, false));
-    auto* const second = static_cast<unsigned char*>(std::malloc(8));
-    target = bufferOn(second, 1, 8, true);
-    DynamicBuffer& itself = target;
-    target = std::move(itself);
-    EXPECT_EQ(std::tuple(target.data, target.size, target.capacity, target.ownsMemory),
-              std::tuple(second, 1ULL, 8ULL, true));
-    EXPECT_EQ(adopt(new InMemoryIStream(bufferOn(bytes, 4, 8, false)))->size(), 4U);
+    unsigned char bytes[8] = {'a', 'b', 'c', 'd'};
     const auto view = adopt(new InMemoryIStream(bufferOn(bytes, 4, 8, false)));
     EXPECT_FALSE(view->resize(4));
     EXPECT_EQ(view->SetSize({.QuadPart = 1}), STG_E_INSUFFICIENTMEMORY);
@@ -355,20 +356,19 @@ TEST(MemoryStream, CopiesAsFarAsTheTargetGoes) {
              Case{"a lot from beyond", 12, 0x200000000, 1, 0, E_FAIL, E_FAIL, 1, "WriteNull 4294967295, "},
          }) {
         const auto stream = streamOf("0123456789");
-        unsigned long long position = 0;
-        ASSERT_EQ(seek(stream.Get(), static_cast<long long>(c.position), STREAM_SEEK_SET, position), S_OK);
+        ASSERT_EQ(seek(stream, static_cast<long long>(c.position)), S_OK);
         const auto target = adopt(new Support::RecordingStream());
         target->status = c.answer;
         target->most = c.most;
         target->excess = c.excess;
         target->idle = c.idle;
         ULARGE_INTEGER read{.QuadPart = 77}, written{.QuadPart = 77};
-        EXPECT_EQ(stream->CopyTo(target.Get(), {.QuadPart = c.count}, &read, &written), c.status) << c.what;
-        EXPECT_EQ(target->take(), c.calls) << c.what;
-        EXPECT_EQ(read.QuadPart, c.copied) << c.what;
-        EXPECT_EQ(written.QuadPart, c.copied) << c.what;
-        EXPECT_EQ(stream->position(), c.position + c.copied) << c.what;
-        EXPECT_EQ(stream->CopyTo(nullptr, {.QuadPart = 1}, &read, nullptr), STG_E_INVALIDPOINTER);
+        SCOPED_TRACE(c.what);
+        EXPECT_EQ(stream->CopyTo(target.Get(), {.QuadPart = c.count}, &read, &written), c.status);
+        EXPECT_EQ(target->take(), c.calls);
+        EXPECT_EQ(read.QuadPart, c.copied);
+        EXPECT_EQ(written.QuadPart, c.copied);
+        EXPECT_EQ(stream->position(), c.position + c.copied);
     }
 }
 
@@ -382,6 +382,7 @@ TEST(MemoryStream, AnswersWhatItCannotDo) {
     EXPECT_EQ(stream->read(nullptr, 1) + stream->write(nullptr, 1), 0U);
     EXPECT_EQ(stream->Stat(nullptr, 0), STG_E_INVALIDPOINTER);
     EXPECT_EQ(stream->Clone(nullptr), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(stream->CopyTo(nullptr, {.QuadPart = 1}, nullptr, nullptr), STG_E_INVALIDPOINTER);
     EXPECT_EQ(stream->Commit(0), S_OK);
     EXPECT_EQ(stream->Revert(), E_NOTIMPL);
     EXPECT_EQ(stream->LockRegion({}, {}, 0), E_NOTIMPL);

@@ -8,9 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <climits>
-#include <cstring>
 #include <new>
-#include <numeric>
 #include <string>
 
 using Microsoft::WRL::ComPtr;
@@ -44,42 +42,30 @@ protected:
 };
 
 TEST_F(SubStreams, ShowARangeOfRealBytes) {
-    std::string all(1000, '\0');
-    std::iota(all.begin(), all.end(), '\0');
-    const auto base = Support::streamOf(all);
-    const auto range = adopt(new SubStream(base.Get(), 100, 10));
+    const auto base = Support::streamOf("0123456789abcdef");
+    const auto range = adopt(new SubStream(base.Get(), 2, 10));
     ULONG done = 0;
-    EXPECT_EQ(seek(range.Get(), 0), S_OK);
-    EXPECT_EQ(range->Read(bytes_, 50, &done), S_OK);
-    EXPECT_EQ(done, 10U);
-    EXPECT_TRUE(bytes_[0] == 100 && bytes_[9] == 109 && bytes_[10] == 0);
-    EXPECT_EQ(range->Read(bytes_, 50, &done), S_OK);
-    EXPECT_EQ(done, 0U);
-
+    EXPECT_EQ(Support::bytesOf(range.Get()), "23456789ab");
     EXPECT_EQ(seek(range.Get(), 5), S_OK);
     ComPtr<::IStream> clone;
     EXPECT_EQ(range->Clone(&clone), S_OK);
     EXPECT_EQ(range->Write("ABCDEFGHIJKLMNOPQRST", 20, &done), S_OK);
     EXPECT_EQ(done, 5U);
-    EXPECT_EQ(std::memcmp(base->data(104), "hABCDEn", 7), 0);
     EXPECT_EQ(position(clone.Get()), 5U) << "a seek pointer of its own";
     EXPECT_EQ(clone->Read(bytes_, 50, &done), S_OK);
     EXPECT_EQ(std::string(bytes_, done), "ABCDE");
-    STATSTG entry{};
-    EXPECT_EQ(range->Stat(&entry, STATFLAG_NONAME), S_OK);
-    EXPECT_EQ(entry.cbSize.QuadPart, 10U);
-    EXPECT_EQ(entry.type, static_cast<DWORD>(STGTY_STREAM));
+    EXPECT_EQ(Support::bytesOf(base.Get()), "0123456ABCDEcdef");
 }
 
 TEST_F(SubStreams, SeekWithinTheRange) {
+    constexpr HRESULT bad = STG_E_INVALIDFUNCTION, good = S_FALSE; // as the base answers
+    base_->status = good;
     struct Case {
         long long move;
         DWORD origin;
         HRESULT status;
         unsigned long long reached; // from 3
     };
-    constexpr HRESULT bad = STG_E_INVALIDFUNCTION, good = S_FALSE; // as the base answers
-    base_->status = good;
     for (const auto& [move, origin, status, reached] :
          {Case{0, STREAM_SEEK_SET, good, 0}, Case{10, STREAM_SEEK_SET, good, 10},
           Case{11, STREAM_SEEK_SET, bad, 3}, Case{-1, STREAM_SEEK_SET, bad, 3},
@@ -128,7 +114,8 @@ TEST_F(SubStreams, GoByWhatTheBaseMoves) {
     ULARGE_INTEGER copied{}, written{};
     EXPECT_EQ(range_->CopyTo(nullptr, {.QuadPart = limit}, &copied, &written), S_OK);
     EXPECT_EQ(base_->take(), "Seek 104 0, CopyTo 6, ");
-    EXPECT_TRUE(copied.QuadPart == 11 && written.QuadPart == 11);
+    EXPECT_EQ(copied.QuadPart, 11U);
+    EXPECT_EQ(written.QuadPart, 11U);
     EXPECT_EQ(position(range_.Get()), 10U) << "what it claims beyond the range does not wrap";
     EXPECT_EQ(seek(range_.Get(), 0), S_OK);
     EXPECT_EQ(range_->CopyTo(nullptr, {.QuadPart = 3}, nullptr, nullptr), S_OK);
@@ -203,13 +190,15 @@ TEST_F(SubStreams, TakeAndLetGoOfBases) {
     lonely->Release();
     EXPECT_TRUE(range_->set(lonely, 0, 8, true));
     EXPECT_TRUE(range_->detach());
+}
 
-    ::IStream* clone = range_.Get();
+TEST_F(SubStreams, TellWhyTheyHaveNoClone) {
     EXPECT_EQ(range_->Clone(nullptr), STG_E_INVALIDPOINTER);
-    EXPECT_TRUE(range_->set(base_.Get(), 3, 4, false));
+    ::IStream* clone = range_.Get();
     base_->status = E_ACCESSDENIED;
     EXPECT_EQ(range_->Clone(&clone), E_ACCESSDENIED);
     EXPECT_EQ(clone, nullptr);
+    clone = range_.Get();
     base_->status = S_OK;
     base_->take();
     AtMainAllocation(1, [] { throw std::bad_alloc(); });

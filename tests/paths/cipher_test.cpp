@@ -2,8 +2,8 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <climits>
+#include <random>
 #include <string>
 #include <vector>
 
@@ -24,12 +24,6 @@ Bytes plain(std::size_t length) {
 Box keyed(std::wstring password, Box::eDir direction, Box::eMode mode) {
     return {password.data(), direction, mode};
 }
-
-struct ByteCipher : Box {
-    using Box::Box;
-    using Box::Decrypt;
-    using Box::Encrypt;
-};
 
 void transform(Box& box, Bytes& bytes) { box.TransformBuf(bytes.data(), static_cast<long>(bytes.size())); }
 
@@ -57,16 +51,15 @@ std::wstring longPassword() {
     return text;
 }
 
-// Worked out by tests/data/cipher_answers.py: the first bytes, which see each wheel come round, and the last,
-// which see all of them come round together.
+// Worked out from the definition by a program of its own: the first bytes, which see each wheel come round,
+// and the last, which see all of them come round together.
 TEST(Cipher, GivesTheKnownAnswers) {
-    struct Case {
+    constexpr auto stream = Box::ModeStream, feedback = Box::ModeFeedback;
+    const struct {
         std::wstring password;
         Box::eMode mode;
         const char *first, *last;
-    };
-    constexpr auto stream = Box::ModeStream, feedback = Box::ModeFeedback;
-    const Case cases[] = {
+    } cases[] = {
         {L"A", stream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
         {L"A", feedback, "a5575d3a91bd3114fd139d7ed9594148057fcd62818581a3540e", "d754fc5eb174"},
         {L"Another", stream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
@@ -77,7 +70,7 @@ TEST(Cipher, GivesTheKnownAnswers) {
         {longPassword(), stream, "7f9d861a6c2208536937da287ef48c99cb197ee6e096382efa72", "42e91fa9cda3"},
         {longPassword(), feedback, "7fe2647e1230386b0235efc7b94dc158938af412f2645c7288fa", "fe1708a16ccf"},
     };
-    for (const Case& c : cases) {
+    for (const auto& c : cases) {
         Box box = keyed(c.password, Box::DirEncrypt, c.mode);
         Bytes bytes = through(box, 30000);
         EXPECT_EQ(hex({bytes.begin(), bytes.begin() + 26}), c.first);
@@ -88,86 +81,84 @@ TEST(Cipher, GivesTheKnownAnswers) {
     }
 }
 
-// Long buffers take another way than single bytes; cutting them up anywhere must not show.
-TEST(Cipher, DoesNotDependOnHowABufferIsCut) {
-    constexpr long length = period + 100;
-    const Bytes given = plain(length);
-    for (const Box::eMode mode : {Box::ModeStream, Box::ModeFeedback}) {
-        Bytes byteByByte = given;
-        wchar_t password[] = L"k";
-        ByteCipher slow(password, Box::DirEncrypt, mode);
-        ByteCipher slowBack(password, Box::DirDecrypt, mode);
-        for (std::size_t i = 0; i < byteByByte.size(); ++i) {
-            slow.Encrypt(byteByByte[i]);
-            unsigned char back = byteByByte[i];
-            slowBack.Decrypt(back);
-            ASSERT_EQ(back, given[i]) << i;
-        }
-        for (long first = 0; first < length; first += first < 40 || first > period ? 1 : 1021) {
-            Bytes bytes = given;
-            Box box = keyed(L"k", Box::DirEncrypt, mode);
-            box.TransformBuf(bytes.data(), first);
-            box.TransformBuf(bytes.data() + first, length - first);
-            ASSERT_EQ(bytes, byteByByte) << first;
+struct ByteCipher : Box {
+    using Box::Box;
+    using Box::Decrypt;
+    using Box::Encrypt;
+};
 
-            Box back = keyed(L"k", Box::DirDecrypt, mode);
-            back.TransformBuf(bytes.data(), length - first);
-            back.TransformBuf(bytes.data() + length - first, first);
-            ASSERT_EQ(bytes, given) << first;
+// Long buffers take another way than single bytes, which must not show, whatever was done before.
+TEST(Cipher, DoesNotDependOnHowABufferIsCut) {
+    for (unsigned seed = 0; seed < 20; ++seed) {
+        std::mt19937 random(seed);
+        wchar_t password[] = L"k";
+        Box box(password);
+        ByteCipher byByte(password);
+        Box::eDir direction = Box::DirEncrypt;
+        for (int step = 0; step < 100; ++step) {
+            direction = random() % 2 ? Box::DirEncrypt : Box::DirDecrypt;
+            const Box::eMode mode = random() % 2 ? Box::ModeStream : Box::ModeFeedback;
+            const auto place = static_cast<long>(random());
+            const long length = static_cast<long>(random() % (step % 20 ? 70 : 2 * period)) - 5;
+            for (Box* each : {&box, static_cast<Box*>(&byByte)}) {
+                each->SetDir(direction);
+                each->SetMode(mode);
+                if (step % 8 == 0)
+                    each->SetPtr(place);
+            }
+            Bytes bytes = plain(2 * period);
+            Bytes expected = bytes;
+            box.TransformBuf(bytes.data(), length);
+            for (long i = 0; i < length; ++i) {
+                unsigned char& byte = expected[static_cast<std::size_t>(i)];
+                direction == Box::DirEncrypt ? byByte.Encrypt(byte) : byByte.Decrypt(byte);
+            }
+            ASSERT_TRUE(bytes == expected) << seed << " step " << step << ", length " << length;
         }
     }
 }
 
-TEST(Cipher, CanBeEnteredAnywhereInStreamModeOnly) {
-    constexpr std::size_t piece = 37;
-    const Bytes given = plain(period + 2 * piece);
+Bytes keyStream(std::size_t length) {
+    Bytes keys(length);
     Box box = keyed(L"k", Box::DirEncrypt, Box::ModeStream);
-    Bytes cipher = through(box, given.size());
-    Box entered = keyed(L"k", Box::DirDecrypt, Box::ModeStream);
-    const auto enter = [&](std::size_t offset, long pointer) {
-        Bytes bytes(cipher.begin() + static_cast<int>(offset),
-                    cipher.begin() + static_cast<int>(offset + piece));
-        entered.SetPtr(pointer);
-        entered.TransformBuf(bytes.data(), 1);
-        entered.TransformBuf(bytes.data() + 1, static_cast<long>(piece - 1));
-        return std::equal(bytes.begin(), bytes.end(), given.begin() + static_cast<int>(offset));
-    };
-    for (std::size_t offset = 0; offset < period + piece; ++offset)
-        ASSERT_TRUE(enter(offset, static_cast<long>(offset))) << offset;
-    EXPECT_TRUE(enter(period - 1, -1)) << "the wheels are where they are after a whole period less one";
-    EXPECT_TRUE(enter(LONG_MAX % period, LONG_MAX));
-    EXPECT_TRUE(enter(period + LONG_MIN % period, LONG_MIN));
-
-    box = keyed(L"k", Box::DirEncrypt, Box::ModeFeedback);
-    cipher = through(box, 100);
-    Box late = keyed(L"k", Box::DirDecrypt, Box::ModeFeedback);
-    late.SetPtr(50);
-    Bytes tail(cipher.begin() + 50, cipher.end());
-    transform(late, tail);
-    EXPECT_NE(tail.front(), plain(51).back());
-    EXPECT_TRUE(std::equal(tail.begin() + 1, tail.end(), plain(100).begin() + 51))
-        << "one byte later it is in step";
+    transform(box, keys);
+    return keys;
 }
 
-// Back in stream mode, the last feedback byte goes on being mixed in. Any number but one means that mode.
-TEST(Cipher, KeepsTheFeedbackByteWhenTheModeChanges) {
-    Bytes keys(100);
-    Box stream = keyed(L"k", Box::DirEncrypt, Box::ModeStream);
-    transform(stream, keys);
+TEST(Cipher, CanBeEnteredAnywhereInStreamMode) {
+    const Bytes keys = keyStream(2 * period);
+    Box box = keyed(L"k", Box::DirDecrypt, Box::ModeStream);
+    const auto keysAt = [&box](long pointer) {
+        Bytes zeros(37);
+        box.SetPtr(pointer);
+        transform(box, zeros);
+        return zeros;
+    };
+    const auto expected = [&keys](long place) {
+        return Bytes(keys.begin() + place, keys.begin() + place + 37);
+    };
+    for (long place = 0; place < period + 37; ++place)
+        ASSERT_EQ(keysAt(place), expected(place)) << place;
+    EXPECT_EQ(keysAt(-1), expected(period - 1)) << "where it is after a whole period less one";
+    EXPECT_EQ(keysAt(LONG_MAX), expected(LONG_MAX % period));
+    EXPECT_EQ(keysAt(LONG_MIN), expected(period + LONG_MIN % period));
+}
+
+// The last feedback byte outlives a reset, and goes on being mixed in when the mode is another. Any number
+// but one means stream mode, any direction but one deciphering.
+TEST(Cipher, KeepsTheFeedbackByte) {
+    const Bytes keys = keyStream(60);
     for (const Box::eDir direction : {Box::DirEncrypt, Box::DirDecrypt, static_cast<Box::eDir>(7)}) {
-        Box box = keyed(L"k", Box::DirEncrypt, static_cast<Box::eMode>(2));
-        box.SetDir(direction);
-        Bytes bytes = plain(100);
-        box.TransformBuf(bytes.data(), 20);
-        EXPECT_EQ(bytes[19], plain(20).back() ^ keys[19]);
-        box.SetMode(Box::ModeFeedback);
+        Box box = keyed(L"k", direction, Box::ModeFeedback);
         EXPECT_EQ(box.GetMode(), Box::ModeFeedback);
-        box.TransformBuf(bytes.data() + 20, 20);
-        box.SetMode(Box::ModeStream);
-        box.TransformBuf(bytes.data() + 40, 60);
-        const unsigned char feedback = direction == Box::DirEncrypt ? bytes[39] : plain(40).back();
-        for (std::size_t i = 40; i < 100; ++i)
-            ASSERT_EQ(bytes[i], plain(i + 1).back() ^ keys[i] ^ feedback) << i;
+        const Bytes bytes = through(box, 40);
+        const unsigned char feedback = direction == Box::DirEncrypt ? bytes.back() : plain(40).back();
+        box.SetMode(static_cast<Box::eMode>(2));
+        box.Reset();
+        Bytes mixed(60);
+        transform(box, mixed);
+        for (std::size_t i = 0; i < mixed.size(); ++i)
+            ASSERT_EQ(mixed[i], keys[i] ^ feedback) << i;
     }
 }
 
@@ -180,27 +171,17 @@ TEST(Cipher, IsKeyedOnce) {
     box.SetPtr(5);
     EXPECT_EQ(box.SetPassword(L"k"), 1) << "and starts at the beginning";
     EXPECT_EQ(box.SetPassword(L"other"), 0);
-    Box expected = keyed(L"k", Box::DirEncrypt, Box::ModeStream);
-    EXPECT_EQ(through(box, 30), through(expected, 30));
-}
-
-TEST(Cipher, KeepsFeedbackOverResetAndSharesWheelsWithACopy) {
-    Box box = keyed(L"k", Box::DirEncrypt, Box::ModeFeedback);
-    const Bytes first = through(box, 16);
-    box.Reset();
-    const Bytes second = through(box, 16);
-    EXPECT_EQ(second.front(), first.front() ^ first.back());
-
-    Box stream = keyed(L"k", Box::DirEncrypt, Box::ModeStream);
+    Bytes zeros(30);
+    transform(box, zeros);
+    EXPECT_EQ(zeros, keyStream(30));
     Box copy;
-    copy = stream;
-    Bytes whole = plain(32);
-    stream.TransformBuf(whole.data(), 16);
-    copy.TransformBuf(whole.data() + 16, 0);
-    copy.TransformBuf(whole.data() + 16, -5);
-    copy.TransformBuf(whole.data() + 16, 16);
-    Box single = keyed(L"k", Box::DirEncrypt, Box::ModeStream);
-    EXPECT_EQ(whole, through(single, 32));
+    copy = box;
+    zeros.assign(30, 0);
+    transform(copy, zeros);
+    transform(box, zeros); // goes on where the copy stopped: they share the wheels
+    const Bytes keys = keyStream(90);
+    for (std::size_t i = 0; i < 30; ++i)
+        ASSERT_EQ(zeros[i], keys[30 + i] ^ keys[60 + i]) << i;
 }
 
 } // namespace

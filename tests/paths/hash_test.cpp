@@ -48,8 +48,8 @@ TEST(SpookyHash, GivesThePublishedValues) {
             EXPECT_EQ(hashOf(first + i, 0, {}).first & 0xFFFFFFFF, values[i]) << first + i << " bytes";
 }
 
-// What the published values leave open, worked out by tests/data/hash_answers.py: both halves and both seeds;
-// and that neither alignment nor the bytes beyond count.
+// What the published values leave open, worked out from the definition by a program of its own: both halves
+// and both seeds; and that neither alignment nor the bytes beyond count.
 TEST(SpookyHash, DependsOnSeedsAndBytesAndNothingElse) {
     constexpr Halves seeds{0x0123456789ABCDEF, 0xFEDCBA9876543210};
     const std::pair<std::size_t, Halves> cases[] = {

@@ -44,14 +44,14 @@ TEST(PathName, SharesTheEntryOfTheFirstSpelling) {
 }
 
 TEST(PathName, MakesAbsolutePathsCanonicalAndLeavesRelativeOnes) {
-    struct Case {
-        const wchar_t* text;
-        const wchar_t* expected;
+    const std::pair<const wchar_t*, const wchar_t*> cases[] = {
+        {LR"(C:\a\..\b\.\c.txt)", LR"(C:\b\c.txt)"},
+        {L"C:/a/b.txt", LR"(C:\a\b.txt)"},
+        {LR"(a\..\b)", LR"(a\..\b)"},
+        {L"\x05SummaryInformation", L"\x05SummaryInformation"},
+        {nullptr, L""},
     };
-    for (const auto& [text, expected] :
-         {Case{LR"(C:\a\..\b\.\c.txt)", LR"(C:\b\c.txt)"}, Case{L"C:/a/b.txt", LR"(C:\a\b.txt)"},
-          Case{LR"(a\..\b)", LR"(a\..\b)"}, Case{L"\x05SummaryInformation", L"\x05SummaryInformation"},
-          Case{L"", L""}, Case{nullptr, L""}})
+    for (const auto& [text, expected] : cases)
         EXPECT_STREQ(SharedPathName(text, false, false).asString(), expected);
 
     // A view need not end with a zero; one inside ends the path for the system, but not a relative text.
@@ -163,36 +163,18 @@ TEST(PathName, TellsWhereAPathLies) {
     EXPECT_FALSE(anyCase(LR"(C:\b)").isRelative());
     EXPECT_TRUE(anyCase(LR"(\\server\share\x)").isNetwork());
     EXPECT_FALSE(anyCase(LR"(C:\b)").isNetwork());
-    EXPECT_FALSE(SharedPathName().isRelative() || SharedPathName().isNetwork());
+    EXPECT_FALSE(SharedPathName().isRelative());
+    EXPECT_FALSE(SharedPathName().isNetwork());
 
     const SharedPathName null, inside = anyCase(LR"(C:\Dir\x)");
-    EXPECT_TRUE(inside.isSubPath(anyCase(LR"(C:\dir\)")) && !inside.isSubPath(inside));
-    EXPECT_TRUE(inside.isSubPath(null) && null.isSubPath(null) && !null.isSubPath(inside));
+    EXPECT_TRUE(inside.isSubPath(anyCase(LR"(C:\dir\)")));
+    EXPECT_FALSE(inside.isSubPath(inside));
+    EXPECT_TRUE(inside.isSubPath(null));
+    EXPECT_TRUE(null.isSubPath(null));
+    EXPECT_FALSE(null.isSubPath(inside));
     EXPECT_TRUE(anyCase(LR"(\\server\share)").isSubPath(CString()));
-    EXPECT_FALSE(inside.isSubPath(CString()) || null.isSubPath(CString()));
-}
-
-TEST(PathName, ShowsWhatItKnowsInItsFlags) {
-    const SharedPathName name = exact(LR"(facts\known.txt)");
-    const auto bits = [&name] { return name.flags().bits(); };
-    EXPECT_EQ(bits(), 0U);
-    EXPECT_TRUE(name.isRelative());
-    EXPECT_EQ(bits(), 0xC0U);
-    EXPECT_FALSE(name.isNetwork());
-    EXPECT_EQ(bits(), 0x1C0U);
-    EXPECT_EQ(name.getDirectory(), anyCase(LR"(FACTS\)"));
-    EXPECT_EQ(bits(), 0x1D0U);
-    EXPECT_EQ(name.getDirectoryPathName(), anyCase(L"FACTS"));
-    EXPECT_EQ(bits(), 0x1F0U);
-    {
-        const SharedPathNameFlagsCacheBlock block;
-        EXPECT_FALSE(name.fileExists());
-        EXPECT_EQ(bits(), 0x1F1U);
-        name.setUpToDate(true);
-        EXPECT_EQ(bits(), 0xDF1U);
-    }
-    EXPECT_EQ(bits(), 0x9F0U) << "a value without its known bit means nothing, and stays";
-    EXPECT_EQ(SharedPathName().flags().bits(), 0U);
+    EXPECT_FALSE(inside.isSubPath(CString()));
+    EXPECT_FALSE(null.isSubPath(CString()));
 }
 
 TEST(PathName, KeepsFileFactsOnlyWhileABlockLives) {
@@ -203,6 +185,10 @@ TEST(PathName, KeepsFileFactsOnlyWhileABlockLives) {
     EXPECT_FALSE(name.isUpToDate()) << "outside a block";
     EXPECT_FALSE(name.fileExists());
     EXPECT_TRUE(name.flags().empty());
+    EXPECT_FALSE(name.isRelative());
+    EXPECT_FALSE(name.isNetwork());
+    const auto lasting = name.flags().bits();
+    EXPECT_EQ(lasting, 0x140U) << "known, and neither";
     {
         const SharedPathNameFlagsCacheBlock outer;
         {
@@ -219,8 +205,7 @@ TEST(PathName, KeepsFileFactsOnlyWhileABlockLives) {
         EXPECT_FALSE(name.isUpToDate());
         EXPECT_TRUE(name.flags().has(SharedPathNameFlag::UpToDateKnown));
     }
-    EXPECT_FALSE(name.flags().has(SharedPathNameFlag::FileExistsKnown));
-    EXPECT_FALSE(name.flags().has(SharedPathNameFlag::UpToDateKnown));
+    EXPECT_EQ(name.flags().bits(), lasting | 0x2) << "a value without its known bit means nothing, and stays";
     std::filesystem::remove(path);
     EXPECT_FALSE(name.fileExists());
     name.updateFileExists();
@@ -260,20 +245,18 @@ TEST(PathName, WithoutMemoryTheTableStaysAsItWas) {
     const SharedPathName directory = anyCase(LR"(C:\Scarce)");
     SharedPathName name = directory;
     int failures = 0;
-    for (bool done = false; !done; failures += !done) {
+    for (; name == directory; ++failures) {
+        AtMainAllocation(failures, [] { throw std::bad_alloc(); });
         try {
-            AtMainAllocation(failures, [] { throw std::bad_alloc(); });
             name = anyCase(LR"(C:\Scarce\Memory)");
-            done = true;
         } catch (CMemoryException* error) {
             error->Delete();
-            EXPECT_EQ(name, directory);
             EXPECT_STREQ(anyCase(LR"(C:\scarce\memory)").asString(), LR"(C:\scarce\memory)")
                 << "none was left";
         }
     }
     AtMainAllocation(0, nullptr);
-    EXPECT_GE(failures, 2) << "an entry and its place in the table";
+    EXPECT_GE(failures, 3) << "an entry and its place in the table";
     EXPECT_STREQ(name.asString(), LR"(C:\Scarce\Memory)");
 }
 

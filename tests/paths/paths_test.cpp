@@ -400,13 +400,11 @@ TEST_F(Entries, CopyFiles) {
     fs::current_path(before);
 
     EXPECT_FALSE(CopyFileSystemEntry(at(L"none"), at(L"c"), {}, nullptr));
-
-    std::error_code error;
-    EXPECT_FALSE(CopyFileSystemEntry(L"", at(L"c"), {}, &error));
-    EXPECT_EQ(error, std::errc::invalid_argument);
-    error.clear();
-    EXPECT_FALSE(CopyFileSystemEntry(at(L"a"), L"", {}, &error));
-    EXPECT_EQ(error, std::errc::invalid_argument);
+    for (const auto& [source, target] : {std::pair(std::wstring(), at(L"c")), {at(L"a"), std::wstring()}}) {
+        std::error_code error;
+        EXPECT_FALSE(CopyFileSystemEntry(source, target, {}, &error));
+        EXPECT_EQ(error, std::errc::invalid_argument);
+    }
 }
 
 TEST_F(Entries, CopyDirectories) {

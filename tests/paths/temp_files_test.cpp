@@ -13,6 +13,7 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
+#include <mutex>
 #include <set>
 #include <string>
 #include <thread>
@@ -80,10 +81,11 @@ protected:
     LogCapture log_;
 };
 
-std::wstring Hex(unsigned long value) {
-    wchar_t text[16]{};
-    swprintf(text, std::size(text), L"%08lx", value);
-    return text;
+template <class... Numbers>
+std::wstring Formatted(const wchar_t* format, Numbers... numbers) {
+    CString text;
+    text.Format(format, numbers...);
+    return text.GetString();
 }
 
 TEST_F(TempFiles, HaveNamesOfOneShape) {
@@ -93,8 +95,8 @@ TEST_F(TempFiles, HaveNamesOfOneShape) {
     FILETIME created{};
     FILETIME ignored{};
     GetProcessTimes(GetCurrentProcess(), &created, &ignored, &ignored, &ignored);
-    const std::wstring tag = L"-18-" + Hex(GetCurrentProcessId()) + L'-' + Hex(created.dwHighDateTime) +
-                             Hex(created.dwLowDateTime) + L'-';
+    const std::wstring tag = Formatted(L"-18-%08lx-%08lx%08lx-", GetCurrentProcessId(),
+                                       created.dwHighDateTime, created.dwLowDateTime);
 
     const SharedPathName first = Registry().insert(nullptr, L"tmp", false, false);
     const std::wstring start = directory + (L"vexelapp" + tag);
@@ -103,11 +105,7 @@ TEST_F(TempFiles, HaveNamesOfOneShape) {
     EXPECT_FALSE(Exists(first));
     unsigned long long counter = std::stoull(text.substr(start.size()), nullptr, 16);
 
-    const auto next = [&counter] {
-        wchar_t digits[24]{};
-        swprintf(digits, std::size(digits), L"%llx", ++counter);
-        return std::wstring(digits);
-    };
+    const auto next = [&counter] { return Formatted(L"%llx", ++counter); };
     EXPECT_EQ(Registry().insert(L"", L".tmp", false, false).asString(), start + next() + L".tmp");
     EXPECT_EQ(Registry().generateUniqueFileName(L"p", nullptr), (L'p' + tag + next()).c_str());
     EXPECT_EQ(Registry().generateUniqueFileName(L"p", L""), (L'p' + tag + next() + L'.').c_str());
@@ -125,22 +123,18 @@ TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
     };
     const Vexel::Detail::TempNaming naming = Vexel::Detail::ComputeTempNaming();
     EXPECT_STREQ(naming.directory.data(), L"C:\\Temp"); // and no separator
-    EXPECT_EQ(naming.processTag.data(), L"-18-" + Hex(GetCurrentProcessId()));
+    EXPECT_EQ(naming.processTag.data(), Formatted(L"-18-%08lx", GetCurrentProcessId()));
     EXPECT_EQ(log_.count(7, L"Failed to get the path to the temporary directory: 0x00000015"), 1);
     EXPECT_EQ(log_.count(7, L"Failed to get timing information of the process: 0x00000005"), 1);
 }
 
 TEST_F(TempFiles, AreDeletedByTheThreadWhenItIsWoken) {
     EXPECT_TRUE(Registry().clear()); // nothing is marked
-    const SharedPathName files[] = {insertFile(), insertFile()};
-    for (SharedPathName const& file : files) {
-        Registry().erase(file);
-        Registry().erase(file);
-    }
-    for (SharedPathName const& file : files) {
-        EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(file); }));
-        EXPECT_FALSE(Exists(file));
-    }
+    const SharedPathName file = insertFile();
+    Registry().erase(file);
+    Registry().erase(file);
+    EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(file); }));
+    EXPECT_FALSE(Exists(file));
     EXPECT_TRUE(Registry().clear());
 
     // A thread that was only just started, and never woken, stops all the same.
@@ -198,12 +192,12 @@ TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
 TEST_F(TempFiles, AreDeletedAtOnceWithoutAThread) {
     refuseThreads();
     const SharedPathName name = insertFile();
-    const SharedPathName used = insertFile();
     Registry().erase(name);
     EXPECT_EQ(log_.count(7, L"Failed to start the temporary file deletion thread: "), 1);
     EXPECT_FALSE(Registry().contains(name));
     EXPECT_FALSE(Exists(name));
     EXPECT_TRUE(Registry().clear());
+    const SharedPathName used = insertFile();
     {
         const FileHandle user = Lock(used);
         Registry().erase(used);
@@ -250,22 +244,20 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
 
 TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
     for (int n = 0; n <= 3; ++n) {
+        Registry().clearAll(); // what this round or another test has left
         const SharedPathName files[] = {insertFile(), insertFile(), insertFile()};
         deletesBeforeFailure = n;
         platform().deleteFile = [](wchar_t const* path) -> BOOL {
-            if (deletesBeforeFailure-- != 0)
-                return DeleteFileW(path);
             SetLastError(ERROR_ACCESS_DENIED);
-            return FALSE;
+            return deletesBeforeFailure-- != 0 && DeleteFileW(path);
         };
         Registry().clearAll();
         int left = 0;
         for (SharedPathName const& file : files) {
             EXPECT_EQ(Exists(file), Registry().contains(file));
-            left += Exists(file) ? 1 : 0;
+            left += Exists(file);
         }
         EXPECT_EQ(left, n < 3 ? 1 : 0);
-        Registry().clearAll();
     }
 }
 
@@ -296,9 +288,6 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
         EXPECT_EQ(flags, static_cast<DWORD>(FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT));
         return INVALID_HANDLE_VALUE;
     };
-    Registry().release(Registry().insert(nullptr, L"tmp", true, false));
-    platform().createFile = CreateFileW;
-    platform().deleteFile = DeleteFileW;
     const SharedPathName missing = Registry().insert(nullptr, L"tmp", true, false);
     Registry().release(missing); // there was nothing to hold
     EXPECT_FALSE(Registry().contains(missing));
@@ -363,10 +352,8 @@ TEST_F(TempFiles, FailedCopiesLeaveNothing) {
 
 TEST_F(TempFiles, LocalContainerHandsItsNamesOver) {
     refuseThreads(); // so that each file goes at once
-    SharedPathName given;
-    SharedPathName made;
-    SharedPathName copied;
-    SharedPathName dropped;
+    SharedPathName given, made, copied, dropped;
+    const auto left = [&] { return Exists(made) + Exists(given) + Exists(copied); };
     {
         TempLocalFileContainer first;
         made = first.Add(L"local", L"tmp", false, false);
@@ -381,9 +368,9 @@ TEST_F(TempFiles, LocalContainerHandsItsNamesOver) {
         assigned = std::move(second);
         TempLocalFileContainer& itself = assigned;
         assigned = std::move(itself);
-        EXPECT_TRUE(Exists(made) && Exists(given) && Exists(copied));
+        EXPECT_EQ(left(), 3);
     }
-    EXPECT_FALSE(Exists(made) || Exists(given) || Exists(copied));
+    EXPECT_EQ(left(), 0);
     EXPECT_TRUE(Exists(dropped)); // still registered, for the end of the process
     EXPECT_TRUE(Registry().contains(dropped));
 }
@@ -391,26 +378,25 @@ TEST_F(TempFiles, LocalContainerHandsItsNamesOver) {
 // The last tests: what they do to the count of marks cannot be undone.
 
 TEST_F(TempFiles, RegistryServesManyThreads) {
-    std::vector<std::wstring> names[3];
-    {
-        std::vector<std::jthread> threads;
-        for (auto& mine : names) {
-            threads.emplace_back([this, &mine] {
-                for (int i = 0; i < 5000; ++i)
-                    mine.emplace_back(Registry().generateUniqueFileName(nullptr, L"x").GetString());
-                for (int i = 0; i < 60; ++i) {
-                    const SharedPathName name = insertFile();
-                    Registry().erase(name);
-                    if (i % 3 == 0)
-                        Registry().insert(name, false, false);
-                    Registry().erase(name);
-                }
-            });
-        }
-    }
+    std::mutex mutex;
     std::set<std::wstring> all;
-    for (auto const& mine : names)
-        all.insert(mine.begin(), mine.end());
+    std::vector<std::jthread> threads;
+    for (int number = 0; number < 3; ++number)
+        threads.emplace_back([&] {
+            std::vector<std::wstring> names;
+            for (int i = 0; i < 5000; ++i)
+                names.emplace_back(Registry().generateUniqueFileName(nullptr, L"x").GetString());
+            for (int i = 0; i < 60; ++i) {
+                const SharedPathName name = insertFile();
+                Registry().erase(name);
+                if (i % 3 == 0)
+                    Registry().insert(name, false, false);
+                Registry().erase(name);
+            }
+            const std::lock_guard lock(mutex);
+            all.insert(names.begin(), names.end());
+        });
+    threads.clear();
     EXPECT_EQ(all.size(), 15000U);
     Registry().clearAll();
     EXPECT_EQ(failuresLogged(), 0);

@@ -1,8 +1,8 @@
 // One body for the library's two byte streams: the adapter of a COM stream and the stream handle.
 
 #include "base/com_pointer.h"
-#include "support/compound_file.h"
 #include "support/fake_storage.h"
+#include "support/handles.h"
 #include "support/streams.h"
 
 #include <vexel/byte_streams.h>
@@ -50,13 +50,8 @@ const Kind kinds[] = {
      [](const Body& body) {
          const Support::TempFolder folder;
          Support::writeCompoundFile(folder.file(L"file"), {});
-         {
-             StorageRef root;
-             const SharedPathName name(folder.file(L"file"), true, false);
-             ASSERT_EQ(root.open(name, RootStorageOpenMode::ReadWrite, false), S_OK);
-             onHandle(root, true, body);
-         }
-         StorageContainer::Instance().deleteUnusedObjects();
+         onHandle(Support::openRoot(Support::path(folder.file(L"file")), Support::modeWrite), true, body);
+         Support::container().deleteUnusedObjects();
      }},
 };
 
@@ -137,7 +132,7 @@ TEST(ByteStreamsOfFailingStreams, GoByCountsAndPositionsOnly) {
         onHandle(StorageRef::fromPtr(storage.Get()), false,
                  [&](auto& reader, auto& writer) { goByCountsAndPositions(calls, true, reader, writer); });
     }
-    StorageContainer::Instance().deleteUnusedObjects();
+    Support::container().deleteUnusedObjects();
     EXPECT_EQ(calls.alive, 0);
 }
 

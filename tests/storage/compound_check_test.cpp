@@ -11,6 +11,9 @@ namespace {
 using namespace Vexel::Detail;
 using Image = Support::CompoundImage;
 
+/// A number of the first DIFAT sector.
+std::uint32_t& list(Image& file, std::size_t index) { return file.number(file.number(Image::Difat), index); }
+
 Image sample(const wchar_t* name) { return Image(Support::samplePath(name)); }
 
 TEST(CompoundCheck, RefusesWhatTheSystemWouldNotSurvive) {
@@ -21,75 +24,76 @@ TEST(CompoundCheck, RefusesWhatTheSystemWouldNotSurvive) {
     const auto row = [] { return Image::line(3, Image::Right); };
     const auto large = [] { return Image::document({12, true}); };
     const auto difat = [] { return Image::document({9, true, 14'000}); };
+    const auto longer = [] { return Image::document({9, false, 31'000}); };
+    struct Verdicts {
+        HRESULT read, copy, snapshot, write;
+    };
+    constexpr Verdicts sound{S_OK, S_OK, S_OK, S_OK}, refused{corrupt, corrupt, corrupt, corrupt},
+        onlyRead{S_OK, corrupt, corrupt, corrupt}, notWritten{S_OK, S_OK, S_OK, corrupt},
+        notInASnapshot{S_OK, S_OK, corrupt, S_OK},
+        none{STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, STG_E_INVALIDHEADER};
     const struct {
         const char* damage;
         Image (*make)();
         void (*apply)(Image&);
-        HRESULT read, copy, snapshot, write;
+        Verdicts expected;
     } cases[] = {
-        {"none", tree, [](Image&) {}, S_OK, S_OK, S_OK, S_OK},
-        {"none", sheet, [](Image&) {}, S_OK, S_OK, S_OK, S_OK},
-        {"none", large, [](Image&) {}, S_OK, S_OK, S_OK, S_OK},
-        {"none", difat, [](Image&) {}, S_OK, S_OK, S_OK, S_OK},
-        {"signature", tree, [](Image& f) { f.number(0) ^= 1; }, STG_E_INVALIDHEADER, STG_E_INVALIDHEADER,
-         STG_E_INVALIDHEADER, STG_E_INVALIDHEADER},
-        {"sector shift", tree, [](Image& f) { f.number(28) ^= 0x10000; }, corrupt, corrupt, corrupt, corrupt},
-        {"header cut", tree, [](Image& f) { f.cutTo(511); }, corrupt, corrupt, corrupt, corrupt},
-        {"no directory", tree, [](Image& f) { f.number(Image::Directory) = Image::end; }, corrupt, corrupt,
-         corrupt, corrupt},
-        {"circle of mini sectors", tree, [](Image& f) { f.number(3, 14) = 14; }, S_OK, corrupt, corrupt,
-         corrupt},
-        {"stream with a child", sheet, [](Image& f) { f.element(1, Image::Child) = 2; }, S_OK, S_OK, corrupt,
-         S_OK},
-        {"element without a name", tree, [](Image& f) { f.element(4, Image::Type) &= 0xFFFF0000; }, S_OK,
-         S_OK, S_OK, corrupt},
-        {"FAT sectors not listed", tree, [](Image& f) { f.number(Image::FatSectors) = 4; }, corrupt, corrupt,
-         corrupt, corrupt},
-        {"more FAT sectors than counted", tree, [](Image& f) { f.number(Image::Fat + 16) = 9; }, S_OK, S_OK,
-         S_OK, corrupt},
-        {"FAT sector free", tree, [](Image& f) { f.next(1) = Image::none; }, S_OK, S_OK, S_OK, corrupt},
-        {"FAT sector free in the DIFAT", difat,
-         [](Image& f) { f.next(f.number(f.number(Image::Difat), 0)) = Image::none; }, S_OK, S_OK, S_OK,
-         corrupt},
-        {"DIFAT sector gone", difat, [](Image& f) { f.cutTo(f.size() - 512); }, corrupt, corrupt, corrupt,
-         corrupt},
-        {"chains crossing", sheet, [](Image& f) { f.next(30) = 34; }, S_OK, corrupt, corrupt, corrupt},
-        {"stream longer than its chain", sheet, [](Image& f) { f.element(1, Image::Size) = 14000; }, S_OK,
-         corrupt, corrupt, corrupt},
-        {"last sector gone", tree, [](Image& f) { f.cutTo(f.size() - 512); }, S_OK, corrupt, corrupt,
-         corrupt},
-        {"last sector not whole", small, [](Image& f) { f.cutTo(f.size() - 512 + 5000 % 512); }, S_OK, S_OK,
-         S_OK, S_OK},
-        {"last byte gone", small, [](Image& f) { f.cutTo(f.size() - 513 + 5000 % 512); }, S_OK, corrupt,
-         corrupt, corrupt},
-        {"free part of the table cut off", large, [](Image& f) { f.cutTo(f.size() - 100); }, S_OK, S_OK, S_OK,
-         corrupt},
+        {"none", tree, [](Image&) {}, sound},
+        {"none", sheet, [](Image&) {}, sound},
+        {"none", large, [](Image&) {}, sound},
+        {"none", difat, [](Image&) {}, sound},
+        {"signature", tree, [](Image& f) { f.number(0) ^= 1; }, none},
+        {"sector shift", tree, [](Image& f) { f.number(28) ^= 0x10000; }, refused},
+        {"header cut", tree, [](Image& f) { f.cutTo(511); }, refused},
+        {"no directory", tree, [](Image& f) { f.number(Image::Directory) = Image::end; }, refused},
+        {"circle of mini sectors", tree, [](Image& f) { f.number(3, 14) = 14; }, onlyRead},
+        {"stream with a child", sheet, [](Image& f) { f.element(1, Image::Child) = 2; }, notInASnapshot},
+        {"no name", tree, [](Image& f) { f.element(4, Image::Type) &= 0xFFFF0000; }, notWritten},
+        {"FAT sectors not listed", tree, [](Image& f) { f.number(Image::FatSectors) = 4; }, refused},
+        {"more FAT than counted", tree, [](Image& f) { f.number(Image::Fat + 16) = 9; }, notWritten},
+        {"FAT sector free", tree, [](Image& f) { f.next(1) = Image::none; }, notWritten},
+        {"FAT sector of the DIFAT free", difat, [](Image& f) { f.next(list(f, 0)) = Image::none; },
+         notWritten},
+        {"DIFAT sector gone", difat, [](Image& f) { f.cutTo(f.size() - 512); }, refused},
+        {"DIFAT a circle", longer, [](Image& f) { list(f, 127) = f.number(Image::Difat); }, refused},
+        {"DIFAT breaks off", longer, [](Image& f) { list(f, 127) = Image::end; }, refused},
+        {"another first one", difat, [](Image& f) { f.number(Image::Difat) = 0; }, refused},
+        {"FAT sector listed twice", longer, [](Image& f) { list(f, 3) = list(f, 4); }, refused},
+        {"FAT sector not listed", longer, [](Image& f) { list(f, 3) = Image::none; }, refused},
+        {"stream into the DIFAT", difat,
+         [](Image& f) { f.next(f.element(1, Image::Start)) = f.number(Image::Difat); }, refused},
+        {"too much FAT", difat, [](Image& f) { f.number(Image::FatSectors) = 0x40000000; }, refused},
+        {"chains crossing", sheet, [](Image& f) { f.next(30) = 34; }, onlyRead},
+        {"stream too long", sheet, [](Image& f) { f.element(1, Image::Size) = 14000; }, onlyRead},
+        {"last sector gone", tree, [](Image& f) { f.cutTo(f.size() - 512); }, onlyRead},
+        {"last sector not whole", small, [](Image& f) { f.cutTo(f.size() - 512 + 5000 % 512); }, sound},
+        {"last byte gone", small, [](Image& f) { f.cutTo(f.size() - 513 + 5000 % 512); }, onlyRead},
+        {"free part of the table cut", large, [](Image& f) { f.cutTo(f.size() - 100); }, notWritten},
         {"a chain into what is cut off", large,
          [](Image& f) {
              f.next(f.element(1, Image::Start)) = 1000;
              f.cutTo(f.size() - 100);
          },
-         corrupt, corrupt, corrupt, corrupt},
+         refused},
         {"a small stream into what is cut off", small,
          [](Image& f) {
              f.number(Image::MiniFat) = f.follow(f.element(4, Image::Start), 9);
              f.cutTo(f.size() - 510);
          },
-         corrupt, corrupt, corrupt, corrupt},
-        {"an element cut off", row, [](Image& f) { f.cutTo(f.size() - 8); }, corrupt, corrupt, corrupt,
-         corrupt},
+         refused},
+        {"an element cut off", row, [](Image& f) { f.cutTo(f.size() - 8); }, refused},
     };
-    for (const auto& [damage, make, apply, read, copy, snapshot, write] : cases) {
+    for (const auto& [damage, make, apply, expected] : cases) {
         Image image = make();
         apply(image);
-        const auto check = [&](CompoundAccess access, HRESULT expected) {
+        const std::pair<CompoundAccess, HRESULT> verdicts[] = {{CompoundAccess::Read, expected.read},
+                                                               {CompoundAccess::Copy, expected.copy},
+                                                               {CompoundAccess::Snapshot, expected.snapshot},
+                                                               {CompoundAccess::Write, expected.write}};
+        for (const auto& [access, status] : verdicts) {
             const CompoundVerdict verdict = checkCompound(image, access);
-            EXPECT_EQ(verdict.status, expected) << damage << ": " << verdict.what;
-        };
-        check(CompoundAccess::Read, read);
-        check(CompoundAccess::Copy, copy);
-        check(CompoundAccess::Snapshot, snapshot);
-        check(CompoundAccess::Write, write);
+            EXPECT_EQ(verdict.status, status) << damage << static_cast<int>(access) << verdict.what;
+        }
     }
 }
 

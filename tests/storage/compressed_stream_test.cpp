@@ -1,8 +1,8 @@
 // Gzip streams, made and judged by zlib.
 
-#include "support/compound_file.h"
 #include "support/fake_storage.h"
 #include "support/framework_files.h"
+#include "support/handles.h"
 #include "support/log_capture.h"
 #include "support/streams.h"
 
@@ -173,28 +173,32 @@ TEST(CompressedStream, GivesWhatZlibGivesOfDamagedStreams) {
 
 TEST(CompressedStream, ChecksTheTrailerWhenClosing) {
     const std::string whole = gzip(sampleText(5000));
-    const auto messages = [](const std::string& bytes, bool toTheEnd) {
-        LogCapture log;
-        Opened file(bytes);
-        std::string text(5000, '\0');
-        file.ReadBytes(text.data(), toTheEnd ? 5000 : 10);
-        file.SetIgnoreEndOfFile(true);
-        if (toTheEnd)
-            file.ReadBytes(text.data(), 1);
-        file.CloseCompression();
-        return std::pair{log.count(VxLog_Error, L"Broken gzip data: size 5000/5000, CRC 0x"),
-                         log.count(VxLog_Error, L"Incomplete gzip data")};
+    std::string otherSum = whole, otherSize = whole;
+    otherSum[whole.size() - 5] ^= 1;
+    otherSize[whole.size() - 1] ^= 1;
+    const struct {
+        const char* name;
+        std::string bytes;
+        std::size_t read;
+        std::ptrdiff_t broken, incomplete; ///< messages
+    } cases[] = {
+        {"whole", whole, 5001, 0, 0},
+        {"another checksum", otherSum, 5001, 1, 0},
+        {"another checksum, not read to the end", otherSum, 10, 0, 0},
+        {"cut", whole.substr(0, whole.size() - 1), 5001, 0, 1},
+        {"another size, which alone is not compared", otherSize, 5001, 0, 0},
     };
-    using Counts = std::pair<std::ptrdiff_t, std::ptrdiff_t>;
-    std::string broken = whole;
-    broken[broken.size() - 5] ^= 1;
-    EXPECT_EQ(messages(whole, true), Counts(0, 0));
-    EXPECT_EQ(messages(broken, true), Counts(1, 0));
-    EXPECT_EQ(messages(broken, false), Counts(0, 0));
-    EXPECT_EQ(messages(whole.substr(0, whole.size() - 1), true), Counts(0, 1));
-    broken = whole;
-    broken[broken.size() - 1] ^= 1; // the size alone is not compared
-    EXPECT_EQ(messages(broken, true), Counts(0, 0));
+    for (const auto& test : cases) {
+        LogCapture log;
+        Opened file(test.bytes);
+        file.SetIgnoreEndOfFile(true);
+        std::string text(test.read, '\0');
+        file.ReadBytes(text.data(), test.read);
+        file.CloseCompression();
+        EXPECT_EQ(log.count(VxLog_Error, L"Broken gzip data: size 5000/5000, CRC 0x"), test.broken)
+            << test.name;
+        EXPECT_EQ(log.count(VxLog_Error, L"Incomplete gzip data"), test.incomplete) << test.name;
+    }
 }
 
 TEST(CompressedStream, DecompressesFromWhereTheStreamsStand) {
@@ -306,11 +310,11 @@ TEST(CompressedStream, PassesPlainBytesThrough) {
 }
 
 TEST(CompressedStream, OpensStreamsOfStructuredFiles) {
-    const Support::TempFolder folder;
     const std::string packed = gzip("inner text");
-    Support::writeCompoundFile(folder.file(L"d"), {{L"Packed", packed}, {L"Plain", "plain text"}});
     StorageRef document;
-    ASSERT_EQ(document.open({folder.file(L"d"), false, false}, RootStorageOpenMode::ReadWrite, false), S_OK);
+    ASSERT_EQ(document.createTemporary(false), S_OK);
+    Support::newStream(L"Packed", document, packed);
+    Support::newStream(L"Plain", document, "plain text");
     COleStreamCompressFile file(true);
     CFileException error;
     const auto opens = [&](const wchar_t* name, COleStreamCompressFile::OpenFlags flags) {
@@ -327,8 +331,7 @@ TEST(CompressedStream, OpensStreamsOfStructuredFiles) {
     EXPECT_FALSE(file.OpenStream(nullptr));
     EXPECT_FALSE(file.OpenStream(StreamRef()));
 
-    StreamRef stream;
-    ASSERT_EQ(stream.open(L"Packed", document, true), S_OK);
+    StreamRef stream = Support::openStream(L"Packed", document);
     EXPECT_EQ(stream.Seek(Origin::Begin, 3), 3u);
     COleStreamCompressFile there(true, stream);
     EXPECT_EQ(readAll(there, 100), packed); // no gzip from there on: plain, from the begin

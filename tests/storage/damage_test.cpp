@@ -5,6 +5,7 @@
 #include "support/case_watch.h"
 #include "support/compound_file.h"
 #include "support/compound_image.h"
+#include "support/handles.h"
 #include "support/streams.h"
 
 #include <vexel/diagnostics.h>
@@ -18,6 +19,7 @@
 #include <algorithm>
 #include <functional>
 #include <string>
+#include <utility>
 #include <vector>
 
 using Support::CompoundImage;
@@ -79,14 +81,6 @@ bool areEqual(const Seen& left, const Seen& right) {
         [](const auto& a, const auto& b) { return a.path == b.path && a.contents == b.contents; });
 }
 
-std::string bytesOf(const wchar_t* name, const StorageRef& storage) {
-    StreamRef stream;
-    EXPECT_EQ(stream.open(name, storage, true), S_OK);
-    std::string bytes(static_cast<std::size_t>(stream.size()), '\0');
-    bytes.resize(static_cast<std::size_t>(stream.ReadBytes(bytes.data(), bytes.size())));
-    return bytes;
-}
-
 /// What the doors answer.
 struct Answers {
     long handles, intoPackage, intoCompound, byPath, inStream;
@@ -112,7 +106,7 @@ protected:
         Answers answers{};
         {
             StorageRef root;
-            answers.handles = root.open(path(file()), RootStorageOpenMode::ReadOnlyDenyWrite, false);
+            answers.handles = root.open(Support::path(file()), Support::modeReadDenyWrite, false);
             if (root.null()) {
                 answers.intoPackage = answers.intoCompound = answers.handles;
             } else {
@@ -123,7 +117,7 @@ protected:
                 answers.intoCompound = copyIntoCompound(root, &answers.seen);
             }
         }
-        StorageContainer::Instance().deleteUnusedObjects();
+        Support::container().deleteUnusedObjects();
         answers.byPath =
             open([&](IStorage** root) { return OpenVexelPackage(root, file().c_str()); }, answers);
         const auto stream = Vexel::Detail::adopt(new Support::StreamOfLockedBytes(bytes));
@@ -144,12 +138,9 @@ protected:
 
     /// The target is as it was afterwards.
     long copyIntoCompound(const StorageRef& from, const Seen* expected = nullptr) const {
-        StorageRef compound;
-        EXPECT_EQ(compound.open(path(folder_.file(L"target")), RootStorageOpenMode::ReadWrite, false), S_OK);
-        return copy(from, compound, expected);
+        return copy(from, Support::openRoot(Support::path(folder_.file(L"target")), Support::modeWrite),
+                    expected);
     }
-
-    static SharedPathName path(const std::wstring& file) { return {file, false, false}; }
 
 private:
     static long copy(const StorageRef& from, const StorageRef& to, const Seen* expected) {
@@ -273,73 +264,65 @@ const struct {
 
 // Each chain at its head and at its last link, with table sectors whose own successor leads on.
 TEST_F(Damage, ChainsThatLeadAnywhere) {
-    using Heads = std::vector<std::uint32_t*>;
     unsigned refused = 0;
-    for (const Form& form : {Form{9}, Form{9, true}, Form{12, true}}) {
-        const bool difat = form.tablesLast && form.shift == 9;
+    const auto judgeWith = [&](const Form& form, const auto& target, unsigned chain, bool tableGoesOn) {
+        CompoundImage image = CompoundImage::document(form, tableGoesOn);
+        if (form.tablesLast && form.shift == 9) { // a DIFAT that the header need not have
+            image.number(CompoundImage::Difat) = image.number(CompoundImage::MiniFat);
+            image.number(CompoundImage::DifatSectors) = 1;
+        }
+        std::uint32_t* const heads[]{
+            &image.number(CompoundImage::Directory), &image.number(CompoundImage::MiniFat),
+            &image.element(0, CompoundImage::Start), &image.element(1, CompoundImage::Start),
+            &image.element(4, CompoundImage::Start)};
+        std::uint32_t* link = heads[chain % 5];
+        const std::uint32_t first = *link;
+        while (chain >= 5 && *link < CompoundImage::end)
+            link = &image.next(*link); // behind the last sector
+        const std::uint32_t table = image.number(CompoundImage::Fat);
+        const std::uint32_t to = target.of(image, first, *link);
+        if (tableGoesOn)
+            image.next(table) = first;
+        *link = to;
+        const std::string name = nameOf(form) + ", chain " + std::to_string(chain) + " to " + target.name +
+                                 (tableGoesOn ? ", the table going on" : "");
+        refused += FAILED(judge(name, image.bytes()).handles);
+    };
+    for (const Form& form : {Form{9}, Form{9, true}, Form{12, true}})
         for (const auto& target : targets)
-            for (unsigned chain = 0; chain < 10; ++chain)
-                for (const bool tableGoesOn : {false, true}) {
-                    if (tableGoesOn && &target - targets > 2)
-                        continue;
-                    CompoundImage image = CompoundImage::document(form, tableGoesOn);
-                    if (difat) { // one that the header need not have
-                        image.number(CompoundImage::Difat) = image.number(CompoundImage::MiniFat);
-                        image.number(CompoundImage::DifatSectors) = 1;
-                    }
-                    const Heads heads{
-                        &image.number(CompoundImage::Directory), &image.number(CompoundImage::MiniFat),
-                        &image.element(0, CompoundImage::Start), &image.element(1, CompoundImage::Start),
-                        &image.element(4, CompoundImage::Start)};
-                    std::uint32_t* link = heads[chain % 5];
-                    const std::uint32_t first = *link;
-                    for (;
-                         chain >= 5 && *link < CompoundImage::end && image.next(*link) != CompoundImage::end;)
-                        link = &image.next(*link);
-                    if (chain >= 5 && *link < CompoundImage::end)
-                        link = &image.next(*link); // behind the last sector
-                    const std::uint32_t table = image.number(CompoundImage::Fat);
-                    const std::uint32_t to = target.of(image, first, *link);
-                    if (tableGoesOn)
-                        image.next(table) = first;
-                    *link = to;
-                    const std::string name = nameOf(form) + ", chain " + std::to_string(chain) + " to " +
-                                             target.name + (tableGoesOn ? ", the table going on" : "");
-                    refused += FAILED(judge(name, image.bytes()).handles);
-                }
-    }
+            for (unsigned chain = 0; chain < 10; ++chain) {
+                judgeWith(form, target, chain, false);
+                if (&target - targets <= 2)
+                    judgeWith(form, target, chain, true);
+            }
     EXPECT_GT(refused, 300U);
 }
 
-TEST_F(Damage, SizesThatNothingHolds) {
-    for (const Form& form : {Form{9}, Form{12}})
-        for (const std::uint32_t element : {0U, 1U, 2U, 3U})
-            for (const std::uint32_t size : {4095U, 4097U, 9000U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU})
-                for (const std::uint32_t high : {0U, 1U, 0xFFFFFFFFU}) {
-                    CompoundImage image = CompoundImage::document(form, size % 2 == 0);
-                    image.element(element, CompoundImage::Size) = size;
-                    image.element(element, CompoundImage::SizeHigh) = high;
-                    const std::string name = nameOf(form) + ", element " + std::to_string(element) + " of " +
-                                             std::to_string(high) + ":" + std::to_string(size) + " bytes";
-                    judge(name, image.bytes());
-                }
-}
-
-// Every link of every element to every element, and to none that is there.
-TEST_F(Damage, LinksBetweenElements) {
+// Every number of every element: sizes that nothing holds, links to every element and to none that is there.
+TEST_F(Damage, NumbersOfElements) {
     using Image = CompoundImage;
-    for (std::uint32_t from = 0; from < 5; ++from)
-        for (const auto field : {Image::Left, Image::Right, Image::Child, Image::Type})
-            for (const std::uint32_t to : {0U, 1U, 3U, 4U, 5U, 1000U, 0x80000001U}) {
-                Image image = Image::document({}, to % 2 == 0);
-                if (field == Image::Type)
-                    image.element(from, field) ^= (1 + to) << 16;
-                else
-                    image.element(from, field) = to;
-                judge("element " + std::to_string(from) + ", " + std::to_string(field) + " to " +
-                          std::to_string(to),
-                      image.bytes());
-            }
+    const auto judgeWith = [&](const Form& form, std::uint32_t element, Image::ElementField field,
+                               std::uint32_t value, std::uint32_t high) {
+        Image image = Image::document(form, value % 2 == 0);
+        image.element(element, field) = field == Image::Type ? image.element(element, field) ^ value : value;
+        if (field == Image::Size)
+            image.element(element, Image::SizeHigh) = high;
+        judge(nameOf(form) + ", element " + std::to_string(element) + ", number " + std::to_string(field) +
+                  " is " + std::to_string(high) + ":" + std::to_string(value),
+              image.bytes());
+    };
+    for (std::uint32_t element = 0; element < 5; ++element) {
+        for (const auto field : {Image::Left, Image::Right, Image::Child})
+            for (const std::uint32_t to : {0U, 1U, 3U, 4U, 5U, 1000U, 0x80000001U})
+                judgeWith({}, element, field, to, 0);
+        for (const std::uint32_t bits : {1U, 2U, 4U, 5U, 6U, 1001U})
+            judgeWith({}, element, Image::Type, bits << 16, 0);
+        for (const std::uint32_t size : {4095U, 4097U, 9000U, 0x7FFFFFFFU, 0x80000000U, 0xFFFFFFFFU})
+            for (const std::uint32_t high : {0U, 1U, 0xFFFFFFFFU})
+                for (const unsigned shift : {9U, 12U})
+                    if (element < 4)
+                        judgeWith({shift}, element, Image::Size, size, high);
+    }
 }
 
 // The system recurses where it copies, from sibling to sibling too; who lists goes on without.
@@ -359,7 +342,7 @@ TEST_F(Damage, LongLinesOfElements) {
         Support::CaseWatch::begin(name);
         Support::writeFile(file(), image.bytes());
         StorageRef root;
-        EXPECT_EQ(root.open(path(file()), RootStorageOpenMode::ReadOnlyDenyWrite, false), opened) << name;
+        EXPECT_EQ(root.open(Support::path(file()), Support::modeReadDenyWrite, false), opened) << name;
         if (opened == S_OK) {
             EXPECT_EQ(copyIntoCompound(root), copied) << name;
         }
@@ -367,28 +350,6 @@ TEST_F(Damage, LongLinesOfElements) {
         Microsoft::WRL::ComPtr<IStorage> byPath;
         EXPECT_EQ(OpenVexelPackage(&byPath, file().c_str()), copied) << name;
     }
-}
-
-// More sectors of the allocation table than the header lists.
-TEST_F(Damage, InAndBehindTheDifat) {
-    const Form form{9, false, 31'000};
-    Answers answers = judge("whole", CompoundImage::document(form).bytes());
-    EXPECT_TRUE(answers.seen.whole());
-    EXPECT_EQ(answers.byPath, S_OK);
-    const auto damage = [&](const char* name, const auto& apply) {
-        CompoundImage image = CompoundImage::document(form);
-        apply(image, image.number(CompoundImage::Difat));
-        answers = judge(name, image.bytes());
-        EXPECT_EQ(answers.handles, STG_E_DOCFILECORRUPT) << name;
-    };
-    damage("a circle", [](auto& f, auto difat) { f.number(difat, 127) = difat; });
-    damage("breaks off", [](auto& f, auto difat) { f.number(difat, 127) = CompoundImage::end; });
-    damage("another first one", [](auto& f, auto) { f.number(CompoundImage::Difat) = 0; });
-    damage("a sector listed twice", [](auto& f, auto difat) { f.number(difat, 3) = f.number(difat, 4); });
-    damage("a sector not listed", [](auto& f, auto difat) { f.number(difat, 3) = CompoundImage::none; });
-    damage("a stream into it",
-           [](auto& f, auto difat) { f.next(f.element(1, CompoundImage::Start)) = difat; });
-    damage("too many counted", [](auto& f, auto) { f.number(CompoundImage::FatSectors) = 0x40000000; });
 }
 
 // A stride that meets every column of tables and elements, whose records are 4 and 128 bytes long.
@@ -410,38 +371,33 @@ TEST_F(Damage, BytesAnywhere) {
     }
 }
 
-constexpr std::size_t addedBytes = 5000;
-
-bool addTo(const SharedPathName& path, const std::string& bytes) {
-    StorageRef root;
-    StreamRef stream;
-    return SUCCEEDED(root.open(path, RootStorageOpenMode::ReadWrite, false)) &&
-           SUCCEEDED(stream.create(L"Added", root)) &&
-           stream.WriteBytes(bytes.data(), addedBytes) == addedBytes && SUCCEEDED(stream.commit()) &&
-           SUCCEEDED(root.commit());
-}
-
 // What was accepted and committed is there afterwards.
 TEST_F(Damage, MeetsAWriter) {
+    constexpr std::size_t added = 5000;
     unsigned changed = 0;
+    const auto addTo = [&](const std::string& bytes) {
+        StorageRef root;
+        StreamRef stream;
+        return SUCCEEDED(root.open(Support::path(file()), Support::modeWrite, false)) &&
+               SUCCEEDED(stream.create(L"Added", root)) && stream.WriteBytes(bytes.data(), added) == added &&
+               SUCCEEDED(root.commit());
+    };
     for (const wchar_t* sample : {L"namesdemo.xls", L"foreign-tree.cfb"}) {
         std::string bytes = Support::readFile(Support::samplePath(sample));
         const std::size_t stride = bytes.size() / 100 | 1;
         for (std::size_t offset = 28; offset < bytes.size(); offset += offset < 96 ? 3 : stride) {
-            const char before = bytes[offset];
-            bytes[offset] = '\xFF';
+            const char before = std::exchange(bytes[offset], '\xFF');
             const std::string name = "changing with byte " + std::to_string(offset);
             Support::CaseWatch::begin(name);
             Support::writeFile(file(), bytes);
-            const bool added = addTo(path(file()), bytes);
-            StorageContainer::Instance().deleteUnusedObjects();
-            if (added) {
+            const bool isThere = addTo(bytes);
+            Support::container().deleteUnusedObjects();
+            if (isThere) {
                 ++changed;
-                StorageRef root;
-                EXPECT_EQ(root.open(path(file()), RootStorageOpenMode::ReadOnlyDenyWrite, false), S_OK);
-                EXPECT_EQ(bytesOf(L"Added", root), bytes.substr(0, addedBytes)) << name;
+                const StorageRef root = Support::openRoot(Support::path(file()), Support::modeReadDenyWrite);
+                EXPECT_EQ(Support::read(L"Added", root), bytes.substr(0, added)) << name;
             }
-            StorageContainer::Instance().deleteUnusedObjects();
+            Support::container().deleteUnusedObjects();
             bytes[offset] = before;
         }
     }

@@ -10,21 +10,14 @@
 #include <array>
 #include <climits>
 #include <functional>
+#include <numeric>
+#include <set>
 #include <string>
 #include <utility>
 #include <vector>
 
 using namespace Support;
 using SeekPosition = vxio::IReadStream::SeekPosition;
-
-namespace Support {
-static bool operator==(const Element& a, const Element& b) {
-    return a.path == b.path && a.contents == b.contents;
-}
-static void PrintTo(const Element& element, std::ostream* out) {
-    *out << std::string(element.path.begin(), element.path.end()) << "=" << element.contents.substr(0, 20);
-}
-} // namespace Support
 
 namespace {
 
@@ -34,22 +27,6 @@ const std::vector<Element> sample{{L"Box/", {}},
                                   {L"Box/Note", "box"},
                                   {L"Long", std::string(50, 'x')},
                                   {L"Short", "0123456789"}};
-
-void collect(const StorageRef& storage, const std::wstring& prefix, std::vector<Element>& elements) {
-    StorageEnumerator child;
-    ASSERT_EQ(child.reset(storage), S_OK);
-    while (child.moveNext()) {
-        const std::wstring path = prefix + child.name().asString();
-        if (child.type() == StorageType::Storage) {
-            elements.push_back({path + L"/", {}});
-            collect(openStorage(child.name().asString(), storage), path + L"/", elements);
-            continue;
-        }
-        elements.push_back({path, read(child.name().asString(), storage)});
-        EXPECT_EQ(child.size().QuadPart, elements.back().contents.size());
-    }
-    EXPECT_TRUE(child.type() == StorageType{} && child.name().empty() && child.status() == S_FALSE);
-}
 
 template <class Test>
 class Document : public Test {
@@ -85,39 +62,15 @@ protected:
     /// A new file with these elements, which nobody has open.
     void make(const std::vector<Element>& elements) {
         container().deleteUnusedObjects();
-        if (!isPackage()) {
-            writeCompoundFile(file_, elements);
-            return;
-        }
-        {
-            const StorageRef root = newPackage(path_);
-            std::vector<StorageRef> stack{root};
-            for (const auto& [path, bytes] : elements) {
-                const auto depth = static_cast<size_t>(std::count(path.begin(), path.end() - 1, L'/'));
-                stack.resize(depth + 1);
-                const bool isStorage = path.ends_with(L'/');
-                const std::wstring name = path.substr(path.find_last_of(L'/', path.size() - 2) + 1);
-                if (isStorage)
-                    stack.push_back(newStorage(name.substr(0, name.size() - 1).c_str(), stack.back()));
-                else
-                    newStream(name.c_str(), stack.back(), bytes);
-            }
-            ASSERT_EQ(root.commit(), S_OK);
-        }
-        container().deleteUnusedObjects();
+        writeDocument(file_, GetParam().format, elements);
     }
     void SetUp() override { make(sample); }
 
-    /// What is in the file, of a compound file by the system's word. Nothing may be in use.
+    /// What is in the file. Nothing may be in use.
     std::vector<Element> saved() const {
         container().deleteUnusedObjects();
         EXPECT_TRUE(released());
-        if (!isPackage())
-            return readCompoundFile(file_);
-        std::vector<Element> elements;
-        collect(openRoot(path_, modeRead), L"", elements);
-        container().deleteUnusedObjects();
-        return elements;
+        return readDocument(file_, GetParam().format);
     }
     const LogCapture quiet_;
 };
@@ -171,28 +124,16 @@ TEST(NullHandles, AnswerEveryCall) {
 
 TEST_P(Handles, FailuresLeaveThemNull) {
     const StorageRef root = forReading();
-    StorageRef storage;
-    StreamRef stream;
-    const std::function<long()> calls[] = {
-        [&] { return storage.open(path(folder_.file(L"missing")), modeRead, false); },
-        [&] { return storage.open(L"Missing", root, true); },
-        [&] { return storage.open(L"Short", root, true); },
-        [&] { return storage.open(L"", root, true); },
-        [&] { return storage.create(L"Box", forWriting(), false); },
-        [&] { return stream.open(L"Missing", root, true); },
-        [&] { return stream.open(L"", root, true); },
-        [&] { return stream.open(L"Box", root, true); },
-    };
-    for (const auto& call : calls) {
-        storage = openStorage(L"Box", root);
-        stream = openStream(L"Long", root);
-        EXPECT_TRUE(FAILED(call()));
-        EXPECT_EQ(storage.null(), stream.notNull()) << "one of the two was asked";
-        storage.close();
-        stream.close();
+    for (const wchar_t* const name : {L"", L"Missing", L"Short"}) {
+        StorageRef storage = openStorage(L"Box", root);
+        EXPECT_TRUE(FAILED(storage.open(name, root, true)));
+        EXPECT_TRUE(storage.null()) << name;
     }
-    unsigned long done = 7;
-    EXPECT_TRUE(FAILED(stream.read(nullptr, 1, &done)) && done == 0);
+    for (const wchar_t* const name : {L"", L"Missing", L"Box"}) {
+        StreamRef stream = openStream(L"Long", root);
+        EXPECT_TRUE(FAILED(stream.open(name, root, true)));
+        EXPECT_TRUE(stream.null()) << name;
+    }
 }
 
 TEST_P(Handles, ReportExhaustedMemory) {
@@ -290,18 +231,20 @@ TEST_P(Handles, OpenForReadingRefuseChanges) {
 
 // In a compound file a change goes up level by level; a package is written whole by whoever commits.
 TEST_P(Handles, CommitWhatTheFormatSays) {
+    const std::wstring none = L"Old ", outer = L"Old Outer/ ",
+                       all = L"Old Outer/ Outer/Beside Outer/Inner/ Outer/Inner/New ";
     const struct {
         const char* what;
-        bool inner, outer, root;
-        const wchar_t *compound, *package; // what is in the file then
+        bool ofInner, ofOuter, ofRoot;
+        std::wstring compound, package; // what is in the file then
     } cases[] = {
-        {"nothing", false, false, false, L"", L""},
-        {"the root alone", false, false, true, L"Outer ", L"Beside Inner New Outer "},
-        {"a child alone", true, false, false, L"", L"Beside Inner New Outer "},
-        {"all but the middle", true, false, true, L"Outer ", L"Beside Inner New Outer "},
-        {"from the outside", true, true, true, L"Beside Inner New Outer ", L"Beside Inner New Outer "},
+        {"nothing", false, false, false, none, none},
+        {"the root alone", false, false, true, outer, all},
+        {"a child alone", true, false, false, none, all},
+        {"all but the middle", true, false, true, outer, all},
+        {"from the outside", true, true, true, all, all},
     };
-    for (const auto& [what, inner, outer, ofRoot, compound, package] : cases) {
+    for (const auto& [what, ofInner, ofOuter, ofRoot, compound, package] : cases) {
         SCOPED_TRACE(what);
         make({{L"Old", "old"}});
         {
@@ -309,27 +252,23 @@ TEST_P(Handles, CommitWhatTheFormatSays) {
                              deep = newStorage(L"Inner", middle);
             newStream(L"New", deep, "new").commit(); // which it need not be
             newStream(L"Beside", middle, "beside");
-            EXPECT_EQ(inner ? deep.commit() : S_OK, S_OK);
-            EXPECT_EQ(outer ? middle.commit() : S_OK, S_OK);
+            EXPECT_EQ(ofInner ? deep.commit() : S_OK, S_OK);
+            EXPECT_EQ(ofOuter ? middle.commit() : S_OK, S_OK);
             EXPECT_EQ(ofRoot ? root.commit() : S_OK, S_OK);
         }
-        std::vector<std::wstring> names;
-        for (const Element& element : saved()) {
-            const std::wstring path = element.path.substr(0, element.path.find_last_not_of(L'/') + 1);
-            names.push_back(path.substr(path.find_last_of(L'/') + 1) + L" ");
-        }
-        std::sort(names.begin(), names.end());
-        std::wstring all;
-        for (const std::wstring& name : names)
-            all += name == L"Old " ? L"" : name;
-        EXPECT_EQ(all, isPackage() ? package : compound);
+        std::set<std::wstring> paths;
+        for (const Element& element : saved())
+            paths.insert(element.path + L" ");
+        EXPECT_EQ(std::accumulate(paths.begin(), paths.end(), std::wstring()),
+                  isPackage() ? package : compound);
     }
 }
 
 // Over either format: what is made is a package.
 TEST_P(Handles, MakeRootsThatAreFilesOnceSomethingIsInThem) {
     const std::string before = readFile(file_);
-    StorageRef root = newPackage(path_);
+    StorageRef root = openRoot(path_, modeRead);
+    EXPECT_EQ(root.create(path_), S_OK) << "the handle lets go of what it had first";
     EXPECT_EQ(StorageRef().create(path_), STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(children(root), L"");
     EXPECT_EQ(root.commit(), S_OK);
@@ -546,15 +485,6 @@ protected:
     void SetUp() override { writeCompoundFile(file_, sample); }
 };
 
-TEST_F(CompoundHandles, ReadWhatTheSystemWrote) {
-    for (const unsigned sectorSize : {512u, 4096u}) {
-        writeCompoundFile(file_, sample, sectorSize);
-        std::vector<Element> elements;
-        collect(forReading(), L"", elements);
-        EXPECT_TRUE(elements == readCompoundFile(file_) && elements.size() == sample.size()) << sectorSize;
-    }
-}
-
 TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
     const std::wstring text = folder_.file(L"text"), empty = folder_.file(L"empty"),
                        five = folder_.file(L"five"), locked = folder_.file(L"locked"),
@@ -594,43 +524,14 @@ TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
     EXPECT_EQ(StorageRef().open(SharedPathName(), modeRead, false), STG_E_INVALIDPARAMETER);
 }
 
-TEST_F(CompoundHandles, NamesThatAreNone) {
-    StorageRef root = forWriting();
-    const struct {
-        std::wstring text;
-        long open;
-        long create;
-    } cases[] = {
-        {std::wstring(31, L'n'), STG_E_FILENOTFOUND, S_OK},
-        {std::wstring(32, L'n'), STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {std::wstring(4000, L'n'), STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"a/b", STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"a\\b", STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"a:b", STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"a!b", STG_E_INVALIDNAME, STG_E_INVALIDNAME},
-        {L"", STG_E_INVALIDPARAMETER, STG_E_INVALIDPARAMETER},
-        {L"\x05Summary \x0416", STG_E_FILENOTFOUND, S_OK},
-    };
-    EXPECT_EQ(StorageRef().open(L"Short", root, true), STG_E_FILENOTFOUND) << "a stream";
-    EXPECT_EQ(StreamRef().open(L"Box", root, true), STG_E_FILENOTFOUND) << "a storage";
-    for (const auto& [text, open, create] : cases) {
-        SCOPED_TRACE(text.substr(0, 40).c_str());
-        StorageRef storage;
-        StreamRef stream;
-        EXPECT_EQ(storage.open(text.c_str(), root, true), open);
-        EXPECT_EQ(stream.open(CStringW(text.c_str()), root, true), open);
-        EXPECT_EQ(storage.create(CStringW(text.c_str()), root, false), create);
-        storage.close();
-        EXPECT_EQ(stream.create(text.c_str(), root), create);
-        EXPECT_EQ(stream.null(), FAILED(create));
-    }
-}
-
+// What the application keeps as links stays open without handles, but only as long as there are others.
 TEST_F(CompoundHandles, LetGoOfTheFileWithTheLastHandle) {
+    writeCompoundFile(file_, {{L"Box/Note", "box"}, {L"FileLinks/Link/", {}}, {L"Long", "long"}});
     std::array<size_t, 3> order{0, 1, 2};
     do {
         StorageRef root = forReading(), box = openStorage(L"Box", root);
         openStream(L"Long", root); // stays cached
+        openStorage(L"Link", openStorage(L"FileLinks", root));
         StreamRef note = openStream(L"Note", box);
         const std::array<std::function<void()>, 3> closing{[&] { root.close(); }, [&] { box.close(); },
                                                            [&] { note.close(); }};
@@ -668,6 +569,10 @@ TEST_F(CompoundHandles, MeetAnElementUnderTwoSpellings) {
     StorageRef root = forWriting(), box = openStorage(L"Box", root), other;
     StorageEnumerator children;
     EXPECT_EQ(other.open(L"BOX", root, true), STG_E_ACCESSDENIED);
+    box.close();
+    EXPECT_EQ(other.open(L"BOX", root, true), S_OK) << "closed with its last handle";
+    other.close();
+    box = openStorage(L"Box", root);
     EXPECT_EQ(children.reset(box), S_OK);
     EXPECT_EQ(root.destroy(L"BOX"), S_OK) << "in nobody's use by this name";
     EXPECT_EQ(children.reset(box), STG_E_REVERTED);

@@ -1,5 +1,5 @@
-#include "support/compound_file.h"
 #include "support/framework_files.h"
+#include "support/handles.h"
 #include "support/streams.h"
 
 #include <vexel/path_name.h>
@@ -149,13 +149,9 @@ TEST(PathNameSerialisation, LeavesTheWrongKindsOfStreamsAlone) {
 }
 
 TEST(PathNameSerialisation, GoesThroughAStreamOfADocument) {
-    const Support::TempFolder folder;
-    const std::wstring path = folder.file(L"names.cfb");
-    Support::writeCompoundFile(path, {{L"Names", ""}});
     StorageRef document;
-    ASSERT_EQ(document.open(SharedPathName(path, false, false), RootStorageOpenMode::ReadWrite, false), S_OK);
-    StreamRef stream;
-    ASSERT_EQ(stream.open(L"Names", document, false), S_OK);
+    ASSERT_EQ(document.createTemporary(false), S_OK);
+    StreamRef stream = Support::newStream(L"Names", document);
     ab.write(stream);
     VxwWriteCArchiveString(stream, L"archived");
     VxwWriteUniString(stream, L"text");

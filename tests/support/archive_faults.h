@@ -62,17 +62,6 @@ private:
         SetLastError(plan.error);
         return true;
     }
-    /// What a call that moves bytes does.
-    template <class Transfer>
-    static BOOL move(const Transfer& transfer, DWORD size, DWORD* count) {
-        if (!isStruck())
-            return transfer(size);
-        *count = 0;
-        if (plan.form == Short)
-            return transfer((size + 1) / 2);
-        return plan.form == Nothing;
-    }
-
     template <auto Call, class... Arguments>
     static BOOL WINAPI strike(Arguments... arguments) {
         return !isStruck() && (real.*Call)(arguments...);
@@ -82,11 +71,15 @@ private:
         return isStruck() ? INVALID_HANDLE_VALUE
                           : real.createFile(name, access, share, security, how, flags, model);
     }
-    static BOOL WINAPI read(HANDLE file, void* data, DWORD size, DWORD* count, OVERLAPPED* at) {
-        return move([&](DWORD part) { return real.readFile(file, data, part, count, at); }, size, count);
-    }
-    static BOOL WINAPI write(HANDLE file, const void* data, DWORD size, DWORD* count, OVERLAPPED* at) {
-        return move([&](DWORD part) { return real.writeFile(file, data, part, count, at); }, size, count);
+    /// What a call that moves bytes does.
+    template <auto Call, class Data>
+    static BOOL WINAPI move(HANDLE file, Data data, DWORD size, DWORD* count, OVERLAPPED* at) {
+        if (!isStruck())
+            return (real.*Call)(file, data, size, count, at);
+        *count = 0;
+        if (plan.form == Short)
+            return (real.*Call)(file, data, (size + 1) / 2, count, at);
+        return plan.form == Nothing;
     }
 
     static inline const Platform real = Vexel::Detail::platform();
@@ -95,8 +88,8 @@ private:
     static inline void (*const breaks[])(Platform& calls) = {
         [](Platform& p) { p.createFile = create; },
         [](Platform& p) { p.getFileSize = strike<&Platform::getFileSize>; },
-        [](Platform& p) { p.readFile = read; },
-        [](Platform& p) { p.writeFile = write; },
+        [](Platform& p) { p.readFile = move<&Platform::readFile>; },
+        [](Platform& p) { p.writeFile = move<&Platform::writeFile>; },
         [](Platform& p) { p.setPosition = strike<&Platform::setPosition>; },
         [](Platform& p) { p.setEndOfFile = strike<&Platform::setEndOfFile>; },
         [](Platform& p) { p.flushFile = strike<&Platform::flushFile>; },

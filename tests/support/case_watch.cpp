@@ -6,6 +6,7 @@
 
 #include <atomic>
 #include <mutex>
+#include <stop_token>
 #include <thread>
 
 namespace Support {
@@ -40,39 +41,23 @@ LONG CALLBACK onException(EXCEPTION_POINTERS* what) {
 }
 
 /// Looks at the program until it is told to stop.
-class Watcher {
-public:
-    Watcher() : stop_(CreateEventW(nullptr, TRUE, FALSE, nullptr)), thread_([this] { run(); }) {}
-    Watcher(const Watcher&) = delete;
-    Watcher& operator=(const Watcher&) = delete;
-    ~Watcher() {
-        SetEvent(stop_);
-        thread_.join();
-        CloseHandle(stop_);
-    }
-
-private:
-    void run() const {
-        const std::size_t before = memoryInUse();
-        unsigned seen = 0;
-        ULONGLONG since = GetTickCount64();
-        while (WaitForSingleObject(stop_, 50) == WAIT_TIMEOUT) {
-            if (const unsigned now = cases; now != seen) {
-                seen = now;
-                since = GetTickCount64();
-            }
-            if (GetTickCount64() - since > kLongestCase)
-                die("no end");
-            if (memoryInUse() > before + kMostMemory)
-                die("too much memory");
+void watch(const std::stop_token& stop) {
+    const std::size_t before = memoryInUse();
+    unsigned seen = 0;
+    ULONGLONG since = GetTickCount64();
+    for (; !stop.stop_requested(); Sleep(50)) {
+        if (const unsigned now = cases; now != seen) {
+            seen = now;
+            since = GetTickCount64();
         }
+        if (GetTickCount64() - since > kLongestCase)
+            die("no end");
+        if (memoryInUse() > before + kMostMemory)
+            die("too much memory");
     }
+}
 
-    HANDLE stop_;
-    std::thread thread_;
-};
-
-Watcher* watcher = nullptr;
+std::jthread watcher;
 void* handler = nullptr;
 
 } // namespace
@@ -80,11 +65,11 @@ void* handler = nullptr;
 CaseWatch::CaseWatch() {
     begin("none");
     handler = AddVectoredExceptionHandler(1, onException);
-    watcher = new Watcher;
+    watcher = std::jthread(watch);
 }
 
 CaseWatch::~CaseWatch() {
-    delete watcher;
+    watcher = {}; // stopped and waited for
     RemoveVectoredExceptionHandler(handler);
 }
 

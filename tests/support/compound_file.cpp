@@ -2,7 +2,6 @@
 
 #include <gtest/gtest.h>
 
-#include <algorithm>
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
@@ -73,6 +72,11 @@ void collect(IStorage* storage, const std::wstring& prefix, std::vector<Element>
 
 } // namespace
 
+void PrintTo(const Element& element, std::ostream* out) {
+    const std::wstring path = element.path.substr(0, 60);
+    *out << std::string(path.begin(), path.end()) << "=" << element.contents.substr(0, 20);
+}
+
 std::wstring samplePath(std::wstring_view name) {
     std::filesystem::path path(L"Z:" + std::filesystem::path(VEXEL_TEST_DATA_DIR).wstring());
     return (path / name).make_preferred().wstring();
@@ -115,16 +119,6 @@ std::vector<Element> readCompoundFile(const std::wstring& file) {
     require(root ? S_OK : E_FAIL, "StgOpenStorageEx");
     collect(root.Get(), L"", elements);
     return elements;
-}
-
-std::string readElement(const std::wstring& file, std::wstring_view path) {
-    const auto elements = readCompoundFile(file);
-    const auto found = std::find_if(elements.begin(), elements.end(),
-                                    [&](const Element& element) { return element.path == path; });
-    if (found != elements.end())
-        return found->contents;
-    ADD_FAILURE() << "no such element";
-    return {};
 }
 
 ComPtr<IStorage> openCompoundFile(const std::wstring& file, DWORD stgm) {

@@ -7,6 +7,7 @@
 #include <wrl/client.h>
 
 #include <filesystem>
+#include <iosfwd>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -37,7 +38,10 @@ private:
 struct Element {
     std::wstring path;
     std::string contents;
+    bool operator==(const Element&) const = default;
 };
+/// For the messages of failures.
+void PrintTo(const Element& element, std::ostream* out);
 
 /// Writes a new compound file with these elements; `sectorSize` is 512 or 4096.
 void writeCompoundFile(const std::wstring& file, const std::vector<Element>& elements,
@@ -45,9 +49,6 @@ void writeCompoundFile(const std::wstring& file, const std::vector<Element>& ele
 
 /// Every element, depth first, in the order in which the system lists them.
 std::vector<Element> readCompoundFile(const std::wstring& file);
-
-/// The contents of one stream.
-std::string readElement(const std::wstring& file, std::wstring_view path);
 
 /// Opens the root with the given STGM flags, or returns null.
 Microsoft::WRL::ComPtr<IStorage> openCompoundFile(const std::wstring& file, DWORD stgm);

@@ -1,7 +1,5 @@
 #include "support/fake_storage.h"
 
-#include "storage/handles/root_tables.h"
-
 #include <algorithm>
 #include <cwchar>
 
@@ -17,24 +15,12 @@ void setTimes(STATSTG& info) {
 }
 
 template <class Interface>
-class Fake : public Interface {
+class Fake : public Vexel::IUnknownImpl<Interface> {
 public:
     explicit Fake(FakeCalls& calls) : calls_(calls) { ++calls_.alive; }
     Fake(const Fake&) = delete;
     Fake& operator=(const Fake&) = delete;
-    virtual ~Fake() { --calls_.alive; }
-
-    STDMETHODIMP QueryInterface(REFIID, void** result) override {
-        *result = nullptr;
-        return E_NOINTERFACE;
-    }
-    STDMETHODIMP_(ULONG) AddRef() override { return ++count_; }
-    STDMETHODIMP_(ULONG) Release() override {
-        const ULONG left = --count_;
-        if (left == 0)
-            delete this;
-        return left;
-    }
+    ~Fake() override { --calls_.alive; }
 
 protected:
     /// A new `Made` in `result` if `status` is a success, with the only reference on it.
@@ -50,9 +36,6 @@ protected:
     }
 
     FakeCalls& calls_;
-
-private:
-    std::atomic<ULONG> count_{1};
 };
 
 class FakeStream final : public Fake<::IStream> {
@@ -130,22 +113,32 @@ public:
     ~FakeStorage() override { calls_.add(L"~Storage"); }
 
     STDMETHODIMP CreateStream(const wchar_t* name, DWORD stgm, DWORD, DWORD, ::IStream** result) override {
-        return give<FakeStream>(calls_.add(L"CreateStream", name, stgm), result);
+        const HRESULT status = calls_.add(L"CreateStream", name, stgm);
+        return calls_.keeps && SUCCEEDED(status) ? keep(name, result) : give<FakeStream>(status, result);
     }
     STDMETHODIMP OpenStream(const wchar_t* name, void*, DWORD stgm, DWORD, ::IStream** result) override {
-        return give<FakeStream>(calls_.add(L"OpenStream", name, stgm), result);
+        const HRESULT status = calls_.add(L"OpenStream", name, stgm);
+        if (!calls_.keeps || FAILED(status))
+            return give<FakeStream>(status, result);
+        const auto kept = calls_.streams.find(name);
+        if (kept == calls_.streams.end())
+            return STG_E_FILENOTFOUND;
+        kept->second->rewind();
+        return kept->second.CopyTo(result);
     }
     STDMETHODIMP CreateStorage(const wchar_t* name, DWORD stgm, DWORD, DWORD, IStorage** result) override {
         return give<FakeStorage>(calls_.add(L"CreateStorage", name, stgm), result);
     }
     STDMETHODIMP OpenStorage(const wchar_t* name, IStorage*, DWORD stgm, SNB, DWORD,
                              IStorage** result) override {
-        return give<FakeStorage>(calls_.add(L"OpenStorage", name, stgm), result);
+        const HRESULT status = calls_.add(L"OpenStorage", name, stgm);
+        return give<FakeStorage>(calls_.keeps ? STG_E_FILENOTFOUND : status, result);
     }
     STDMETHODIMP EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** result) override {
         return give<FakeList>(calls_.add(L"EnumElements"), result);
     }
     STDMETHODIMP DestroyElement(const wchar_t* name) override {
+        calls_.streams.erase(name);
         return calls_.add(std::wstring(L"DestroyElement ") + name);
     }
     STDMETHODIMP Commit(DWORD flags) override { return calls_.add(L"Commit", L"storage", flags); }
@@ -164,21 +157,16 @@ public:
     }
     STDMETHODIMP SetClass(REFCLSID) override { return E_NOTIMPL; }
     STDMETHODIMP SetStateBits(DWORD, DWORD) override { return E_NOTIMPL; }
-};
-
-class FakePart final : public VxStream {
-public:
-    FakePart(StorageFormat format, const SharedPathName& name, VxStorage* parent, VxStorageItem* root)
-        : VxStream(name, parent, root), format_(format) {}
-    StorageFormat format() const noexcept override { return format_; }
 
 private:
-    StorageFormat format_;
-};
-
-class FakeNodeList final : public VxStorageEnumerator {
-public:
-    StorageFormat format() const noexcept override { return StorageFormat::Package; }
+    HRESULT keep(const wchar_t* name, ::IStream** result) {
+        calls_.streams.erase(name);
+        if (const HRESULT status = calls_.add(L"made"); FAILED(status))
+            return status;
+        auto& stream = calls_.streams[name] = Vexel::Detail::adopt(new FaultyStream);
+        stream->writesLeft = FAILED(calls_.add(L"written")) ? 0 : ~0U;
+        return stream.CopyTo(result);
+    }
 };
 
 } // namespace
@@ -209,36 +197,5 @@ ComPtr<IStorage> fakeStorage(FakeCalls& calls) {
     *made.GetAddressOf() = new FakeStorage(calls); // some libraries' Attach takes a reference of its own
     return made;
 }
-
-FakeNode::FakeNode(FakeCalls& calls, StorageFormat format, const wchar_t* path)
-    : FakeNode(calls, format, SharedPathName(path, true, false), nullptr, nullptr) {
-    setKeeper(Vexel::Detail::rootTables());
-}
-
-FakeNode::FakeNode(FakeCalls& calls, StorageFormat format, const SharedPathName& name, VxStorage* parent,
-                   VxStorageItem* root)
-    : VxStorage(name, parent, root), calls_(calls), format_(format) {}
-
-HRESULT FakeNode::become(HRESULT status) {
-    if (status == S_OK)
-        storage_ = fakeStorage(calls_);
-    return status;
-}
-
-long FakeNode::createTemporary(bool) { return STG_E_INVALIDFUNCTION; }
-long FakeNode::borrowPackedData(VxStorage*) { return STG_E_INVALIDFUNCTION; }
-long FakeNode::clear() { return STG_E_INVALIDFUNCTION; }
-long FakeNode::createRoot(DWORD stgm, DWORD) { return become(calls_.add(L"createRoot", L"", stgm)); }
-long FakeNode::openRoot(DWORD stgm) { return become(calls_.add(L"openRoot", L"", stgm)); }
-
-std::unique_ptr<VxStorage> FakeNode::newChildStorage(const SharedPathName& name) {
-    return std::unique_ptr<VxStorage>(new FakeNode(calls_, format_, name, this, root_));
-}
-
-std::unique_ptr<VxStream> FakeNode::newChildStream(const SharedPathName& name) {
-    return std::make_unique<FakePart>(format_, name, this, root_);
-}
-
-std::unique_ptr<VxStorageEnumerator> FakeNode::createEnumerator() { return std::make_unique<FakeNodeList>(); }
 
 } // namespace Support

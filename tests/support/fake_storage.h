@@ -1,6 +1,6 @@
 #pragma once
 
-#include "storage/tree/storage_item.h"
+#include "support/streams.h"
 
 #include <windows.h>
 
@@ -14,7 +14,8 @@
 #include <utility>
 #include <vector>
 
-/// Storages and streams that hold nothing, tell what they are asked and fail when they are told to.
+/// Storages and streams that hold nothing unless told to, tell what they are asked and fail when they are
+/// told to.
 namespace Support {
 
 /// What a set of fakes was asked, and what they answer.
@@ -25,6 +26,10 @@ struct FakeCalls {
     std::map<size_t, HRESULT> failures;
     /// Whether what is opened and made is null, whatever the status.
     bool givesNothing = false;
+    /// Whether streams that are made are kept in `streams`, to be opened again. Making one is three calls,
+    /// for it may fail before and after the old stream is gone, and when the new one is written.
+    bool keeps = false;
+    std::map<std::wstring, Microsoft::WRL::ComPtr<FaultyStream>> streams;
     /// What listings deliver: names and STGTY values.
     std::vector<std::pair<std::wstring, DWORD>> elements;
     /// What the storages say of their access, and the streams of their size.
@@ -47,31 +52,5 @@ struct FakeCalls {
 
 /// A storage with its children; they share `calls`, which outlives them.
 Microsoft::WRL::ComPtr<IStorage> fakeStorage(FakeCalls& calls);
-
-/// A node of a tree over fakes.
-class FakeNode final : public VxStorage {
-public:
-    /// A root.
-    FakeNode(FakeCalls& calls, StorageFormat format, const wchar_t* path = L"root");
-
-    StorageFormat format() const noexcept override { return format_; }
-    long createTemporary(bool flag) override;
-    long borrowPackedData(VxStorage* source) override;
-    bool getFileTimes(FILETIME*, FILETIME*, FILETIME*) override { return false; }
-    std::unique_ptr<VxStorage> newChildStorage(const SharedPathName& name) override;
-    std::unique_ptr<VxStream> newChildStream(const SharedPathName& name) override;
-    std::unique_ptr<VxStorageEnumerator> createEnumerator() override;
-    long clear() override;
-    long createRoot(DWORD stgm, DWORD reserved) override;
-    long openRoot(DWORD stgm) override;
-
-private:
-    FakeNode(FakeCalls& calls, StorageFormat format, const SharedPathName& name, VxStorage* parent,
-             VxStorageItem* root);
-    HRESULT become(HRESULT status);
-
-    FakeCalls& calls_;
-    StorageFormat format_;
-};
 
 } // namespace Support

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "storage/tree/element_name.h"
+#include "support/compound_file.h"
 
 #include <vexel/storage.h>
 
@@ -8,6 +9,7 @@
 
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Short ways to go through the exported handles; a call that fails is a test failure.
 namespace Support {
@@ -72,6 +74,60 @@ inline std::wstring children(const StorageRef& storage) {
     while (child.moveNext())
         names += child.name().asString() + std::wstring(child.type() == StorageType::Storage ? L"/ " : L" ");
     return names;
+}
+/// Every element below, depth first, as listed; what holds a package's class is none.
+inline void collect(const StorageRef& storage, const std::wstring& prefix, std::vector<Element>& elements) {
+    StorageEnumerator child;
+    EXPECT_EQ(child.reset(storage), S_OK);
+    while (child.moveNext()) {
+        const std::wstring name = child.name().asString();
+        if (child.type() == StorageType::Storage) {
+            elements.push_back({prefix + name + L"/", {}});
+            collect(openStorage(name, storage), prefix + name + L"/", elements);
+        } else if (name != L".clsid") {
+            elements.push_back({prefix + name, read(name, storage)});
+            EXPECT_EQ(child.size().QuadPart, elements.back().contents.size());
+        }
+    }
+    EXPECT_EQ(child.status(), S_FALSE);
+}
+inline std::vector<Element> elementsOf(const StorageRef& storage) {
+    std::vector<Element> elements;
+    collect(storage, L"", elements);
+    return elements;
+}
+
+/// Writes a new document with these elements, which nobody has open afterwards.
+inline void writeDocument(const std::wstring& file, StorageFormat format,
+                          const std::vector<Element>& elements) {
+    if (format == StorageFormat::CompoundFile) {
+        writeCompoundFile(file, elements);
+        return;
+    }
+    {
+        const StorageRef root = newPackage(path(file));
+        for (const auto& [place, bytes] : elements) {
+            StorageRef parent = root;
+            std::size_t begin = 0;
+            for (std::size_t slash = 0; (slash = place.find(L'/', begin)) != place.npos; begin = slash + 1) {
+                const std::wstring name = place.substr(begin, slash - begin);
+                const bool isThere = parent.hasChild(element(name), StorageType::Storage);
+                parent = isThere ? openStorage(name, parent, false) : newStorage(name.c_str(), parent);
+            }
+            if (begin < place.size())
+                newStream(place.substr(begin).c_str(), parent, bytes);
+        }
+        EXPECT_EQ(root.commit(), S_OK);
+    }
+    container().deleteUnusedObjects();
+}
+/// Every element of a document that nobody has open: of a compound file by the system's word.
+inline std::vector<Element> readDocument(const std::wstring& file, StorageFormat format) {
+    if (format == StorageFormat::CompoundFile)
+        return readCompoundFile(file);
+    std::vector<Element> elements = elementsOf(openRoot(path(file), modeRead));
+    container().deleteUnusedObjects();
+    return elements;
 }
 
 } // namespace Support

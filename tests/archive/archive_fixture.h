@@ -1,0 +1,66 @@
+#pragma once
+
+#include "support/archive_faults.h"
+#include "support/archive_file.h"
+#include "support/compound_file.h"
+#include "support/log_capture.h"
+
+#include <vexel/archive.h>
+
+#include <windows.h>
+
+#include <gtest/gtest.h>
+
+#include <map>
+#include <string>
+
+namespace Support {
+
+/// Paths with contents; a directory has its mark for contents.
+using Contents = std::map<std::wstring, std::string>;
+
+/// A folder with the path of an archive in it, whose system calls can be made to fail.
+class ArchiveTest : public testing::Test {
+protected:
+    using SZipArchive = Vexel::Storage::SZipArchive;
+
+    void SetUp() override { path_ = folder_.file(L"a.7z"); }
+
+    static void fill(SZipArchive& archive, const Contents& contents) {
+        for (const auto& [path, bytes] : contents)
+            EXPECT_EQ(bytes == directoryMark ? archive.createDirectory(path.c_str(), true, false)
+                                             : writeItem(archive, path.c_str(), bytes),
+                      S_OK);
+    }
+    /// Makes the file anew.
+    static void make(const Contents& contents, const std::wstring& path = path_) {
+        SZipArchive archive(path, false, true);
+        fill(archive, contents);
+        EXPECT_EQ(archive.save(false), S_OK);
+    }
+    static SZipArchive open(const std::wstring& path = path_, bool readOnly = false) {
+        SZipArchive archive(path, readOnly, true);
+        EXPECT_EQ(archive.reload(), S_OK);
+        return archive;
+    }
+    /// What is in the file.
+    static Contents onDisk(const std::wstring& path = path_) {
+        SZipArchive archive = open(path, true);
+        return statesOf(archive);
+    }
+    /// A save during which one call fails, the first or a later one.
+    static HRESULT saveFailing(SZipArchive& archive, ArchiveFaults::Call call, DWORD error,
+                               unsigned skipped = 0) {
+        ArchiveFaults::arm(call, error, skipped, false);
+        const HRESULT status = archive.save(false);
+        EXPECT_TRUE(ArchiveFaults::disarm());
+        return status;
+    }
+
+    ArchiveFaults faults_;
+    TempFolder folder_;
+    LogCapture log_;
+    static inline std::wstring path_; // for what happens alongside a fault, too
+};
+
+} // namespace Support
