@@ -142,6 +142,7 @@ unsigned long long SimpleFile::GetLength() const noexcept {
                : 0;
 }
 
+// By the length itself and not by moving the position there: the position stays.
 bool SimpleFile::SetLength(unsigned long long length) noexcept {
     FILE_END_OF_FILE_INFO end{};
     end.EndOfFile.QuadPart = static_cast<long long>(length);

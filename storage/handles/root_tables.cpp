@@ -119,6 +119,8 @@ bool RootTables::deleteUnusedObjects() {
     return sweep(doomedRoots, doomedWrapped);
 }
 
+// A root that handles are still on leaves the tables but lives on for them; its path opened again afterwards
+// gets a root of its own.
 void RootTables::clearAll() {
     Wrapped doomedWrapped;
     const auto lock = lockTables(lock_);
@@ -151,7 +153,8 @@ ItemRef<VxStorage> RootTables::findRoot(const RootKey& key) {
     return {};
 }
 
-/// Opens an existing file for writing for a moment.
+/// Opens an existing file for writing for a moment. The system tells best why that cannot be done; reading it
+/// as a package or compound file first would give a status about its contents.
 long RootTables::probe(const SharedPathName& path) {
     const auto call = [&] { return platform().probeForWriting(path.asString()); };
     DWORD error = call();
