@@ -281,25 +281,32 @@ public:
     ///  - STG_E_INVALIDFUNCTION: this is a compound file.
     ///  - STG_E_ACCESSDENIED: this storage is open for reading.
     long clear();
-    /// Copies all that is in this storage into `target`, beside what is there; streams of the same name are
-    /// replaced, storages joined. The target is committed by its owner (rule 5), except that it is
-    /// committed on the way, up to its file,
+    /// Copies everything in this storage into `target`, beside what is there. A stream of the same name is
+    /// replaced; a storage of the same name is joined with the one that is copied. Handles on streams keep
+    /// their positions.
+    ///
+    /// The target is committed by its owner (rule 5). In two cases it is also committed on the way, up to its
+    /// file:
     ///  - by a copy of a compound file into a package, each time 64 MiB of contents have been copied, so that
     ///    no more than these and the largest stream are in memory at a time;
     ///  - when memory or file handles run out, before the copy is tried once more.
-    /// So a copy that must be whole or not at all goes into a new file. What cannot be copied is left out of
-    /// the target, the rest is copied, and the first failure is the result. Where memory, file handles or
-    /// space on the disk run out, the copy may end early. Handles on streams keep their positions.
-    ///  - STG_E_INVALIDPARAMETER: a null handle, the same storage, or one that cannot be opened.
+    /// So a copy that must be whole or not at all goes into a new file.
+    ///
+    /// What cannot be copied is left out of the target, the rest is copied, and the first failure is the
+    /// result. Where memory, file handles or space on the disk run out, the copy may end early.
+    ///  - STG_E_INVALIDPARAMETER: a handle is null, both are on the same storage, or a storage cannot be
+    ///    opened.
     ///  - STG_E_ACCESSDENIED: the target is open for reading, or stands in this storage; nothing was done.
-    ///  - STG_E_READFAULT: a stream holds less than it should. Other statuses of reading and writing.
+    ///  - STG_E_READFAULT: a stream holds less than it should.
     ///  - STG_E_DOCFILECORRUPT: a part of this compound file is missing, or the system cannot copy so much.
+    ///  - Other statuses of reading and writing.
     long copyTo(const StorageRef& target) const;
-    /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another:
-    /// what is copied from `source` by `copyTo` afterwards is not unpacked, unless it is changed or replaces
-    /// something. 1, or 0 when that is not possible. Until the next commit the file of `source` is in use.
-    /// STG_E_INVALIDFUNCTION for a compound file; STG_E_INVALIDPARAMETER when either handle is null, or the
-    /// source is no open package.
+    /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another
+    /// one: streams that `copyTo` copies from `source` afterwards are not unpacked, unless they are changed
+    /// or replace something. Until the next commit the file of `source` is in use. Returns 1, or 0 when that
+    /// is not possible.
+    ///  - STG_E_INVALIDFUNCTION: this is a compound file.
+    ///  - STG_E_INVALIDPARAMETER: either handle is null, or the source is no open package.
     long borrowPackedData(const StorageRef& source);
     /// Commits what rule 5 says. In a compound file, the changes of this storage go to the storage above it,
     /// those of a root to the file; of a package, everything goes to the file. After a failure the commit may
