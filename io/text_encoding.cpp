@@ -79,6 +79,8 @@ bool decodeUnits(Bytes bytes, std::size_t size, bool bigEndian, std::vector<wcha
     return isSound;
 }
 
+/// Strictly first, to learn whether all bytes are characters; the second call puts stand-ins where they are
+/// not.
 bool decodeMultiByte(Bytes bytes, UINT page, std::vector<wchar_t>& text) {
     text.resize(bytes.size()); // no code page makes more than one unit of a byte
     const auto decode = [&](DWORD flags) {
@@ -110,6 +112,7 @@ void forEachCodePoint(std::wstring_view text, const Visit& visit) {
     }
 }
 
+/// Piece by piece, never between the halves of a surrogate pair, which would become two stand-ins.
 void encodeMultiByte(std::wstring_view text, UINT page, std::vector<unsigned char>& bytes) {
     constexpr std::size_t piece = 1 << 20; // the system counts in int
     while (!text.empty()) {

@@ -69,6 +69,8 @@ std::wstring Progress::text() const {
            megabytes(total_) + L" MB)";
 }
 
+// The first line comes after a second, so that short commands show none. Each line is written over the one
+// before; what that had more is blanked.
 void Progress::show(const std::stop_token& stop) {
     using std::chrono_literals::operator""ms;
     std::unique_lock guard(lock_);
