@@ -1,3 +1,7 @@
+// What an archive is asked and told that needs no file. The public class holds nothing but its private part
+// and takes that one's lock; what is done under the lock is in the sources beside this one, by subject:
+// archive_reading, _extraction, _changes, _copying, _describing and _saving.
+
 #include "archive/archive_private.h"
 #include "archive/engine.h"
 #include "base/status_guard.h"

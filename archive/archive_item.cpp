@@ -1,3 +1,6 @@
+// Size and contents are under the item's own lock, because contents come and go while the archive is only
+// shared. The times take no lock (archive.h).
+
 #include "archive/archive_private.h"
 
 namespace Vexel::Storage {

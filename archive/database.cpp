@@ -1,3 +1,7 @@
+// A file counts as the one that was read if it has the same size and the same first 32 bytes: those tell the
+// place, the size and the checksum of the header, which lists everything else. So a file can be closed, for
+// others or to be replaced, and opened again later without being read again.
+
 #include "archive/database.h"
 
 #include "archive/engine.h"

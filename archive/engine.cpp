@@ -1,3 +1,7 @@
+// The engine's methods register themselves by static objects. A linker that leaves one out takes a method
+// away without an error, which would show only when some file cannot be read; so the list is compared here at
+// the start.
+
 #include "archive/engine.h"
 
 #include "archive/engine_api.h"

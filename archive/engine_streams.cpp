@@ -1,3 +1,7 @@
+// The engine asks for bytes in small pieces and often. Files are therefore read ahead, more and more as long
+// as the reading goes on in order, and written in large parts. Failures are kept beside the stream, since the
+// engine may report them under another name.
+
 #include "archive/engine_streams.h"
 
 #include "base/handles.h"

@@ -1,3 +1,7 @@
+// The description of a folder's coders is read a second time here, from the header's bytes, because the
+// engine keeps it in one block that decoders get as it is. Only the bytes that tell a dictionary's size are
+// changed, in a copy.
+
 #include "archive/folder_coders.h"
 
 #include "archive/header_parser.h"

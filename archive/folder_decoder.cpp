@@ -1,3 +1,6 @@
+// A folder is decoded in one go into memory that has room for it. The limits keep a header that promises much
+// from taking memory, and several threads from taking more than they are worth.
+
 #include "archive/folder_decoder.h"
 
 #include "archive/engine.h"

@@ -1,3 +1,6 @@
+// The engine delivers a folder's bytes without telling where one file ends and the next begins; the database
+// says that. The same file may be wanted several times, and files that are not wanted are passed over.
+
 #include "archive/folder_splitter.h"
 
 #include <7zCrc.h>

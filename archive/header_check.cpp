@@ -1,3 +1,7 @@
+// The order of the checks is that of trust: the first 32 bytes by their checksum, the packed header by its
+// checksum, its description, and then the header itself while it is being unpacked. Nothing that a step has
+// not vouched for is used by the next.
+
 #include "archive/header_check.h"
 
 #include "archive/header_parser.h"

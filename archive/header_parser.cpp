@@ -1,3 +1,7 @@
+// Reads what the format description says, number by number, and builds nothing from it but counts: the engine
+// reads the same bytes again. A fault empties the reader, so that what follows gets zeros and comes to its
+// end without a check after each number.
+
 #include "archive/header_parser.h"
 
 #include "archive/name_census.h"

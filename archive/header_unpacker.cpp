@@ -1,3 +1,7 @@
+// The engine's plain decoders are used here, not its folder decoder, because only they can be stopped after
+// any number of bytes. The target is the decoder's dictionary as well: a header is unpacked only once, into
+// the place where it is read.
+
 #include "archive/header_unpacker.h"
 
 #include <Alloc.h>

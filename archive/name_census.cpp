@@ -1,3 +1,6 @@
+// Each name is hashed to a place in a set of bits. Two different names that meet in one place count as one,
+// so that the count can only be too low, and the set is large enough for that to matter to no honest archive.
+
 #include "archive/name_census.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// Address space is reserved for all of it at once and costs nothing; pages get memory as they are asked for.
+// A buffer that grows by being copied would need twice the memory for moments.
+
 #include "archive/page_buffer.h"
 
 #include <windows.h>

@@ -1,3 +1,6 @@
+// How names become elements of paths. The encoding is that of documents in the field, including what decoding
+// makes of texts that no encoding ever made.
+
 #include "archive/item_paths.h"
 
 #include <vexel/archive.h>

@@ -1,3 +1,6 @@
+// A listing is a copy of what the directory had at its beginning, sorted by name: the items may change under
+// it.
+
 #include "archive/szip_enumerator.h"
 
 #include "archive/item_paths.h"

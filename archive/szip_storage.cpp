@@ -1,3 +1,6 @@
+// A thin layer: each function checks its arguments as COM wants it, encodes the name, and asks the archive.
+// What an element's mode allows is decided here, what the archive allows by the archive.
+
 #include "archive/szip_storage.h"
 
 #include "archive/szip_enumerator.h"

@@ -1,3 +1,6 @@
+// Two numbers tell whether contents have to be saved: how often they were changed, and how often they had
+// been when the file got them. So a change that comes while a save is running is not taken for saved.
+
 #include "archive/szip_stream.h"
 
 #include "archive/item_paths.h"

@@ -1,3 +1,6 @@
+// The call of the engine that writes an archive. The constants at the top are all that decides how contents
+// and headers are compressed.
+
 #include "archive/update_step.h"
 
 #include "archive/engine.h"

@@ -1,3 +1,8 @@
+// The system's own calls in the table of the seam. A call goes in as it is where the system's answer is all
+// that is wanted; the functions here are for what takes several calls, or where systems differ. The table is
+// one local static object, made while the module is loaded, because making it at the end of the process could
+// wait for ever.
+
 #include "base/platform.h"
 
 #include "base/handles.h"

@@ -1,3 +1,6 @@
+// Waiting is kept apart from taking: a lock is nearly always free, and taking it is inline. The waiter asks
+// each time whether the process is ending, for then the holder may be a thread that is no more.
+
 #include "base/spin_lock.h"
 
 #include "base/process_end.h"

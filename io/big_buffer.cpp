@@ -1,3 +1,8 @@
+// One block of the process is kept between users, because buffers of this size are taken and given back all
+// the time and the system zeroes every page that it hands out anew. The kept block only grows: it is replaced
+// by one of at least twice the size. Two marks protect it while it is in use or about to be copied from,
+// since the depletion handler may call anything here.
+
 #include "base/platform.h"
 
 #include <vexel/memory_streams.h>

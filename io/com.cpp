@@ -1,3 +1,6 @@
+// The one instance of the COM base that clients take out of the DLL. Compilers that export all members of an
+// instance need the last line only; the others have to be told of each member.
+
 #include <vexel/com.h>
 
 namespace Vexel {

@@ -1,3 +1,6 @@
+// The byte-stream interface over SimpleFile. Its moves cannot fail visibly: they answer with the position at
+// which the file stands afterwards.
+
 #include <vexel/files.h>
 
 namespace vxio {

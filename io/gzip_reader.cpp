@@ -1,3 +1,6 @@
+// The header and the trailer are read here and only the deflated data are left to zlib. Its own gzip mode
+// would accept and refuse other headers than documents and callers rely on.
+
 #include "io/gzip_reader.h"
 
 #include <vexel/diagnostics.h>
@@ -108,6 +111,8 @@ void GzipReader::refill() {
     endOfInput_ = inflate_.avail_in == 0;
 }
 
+// The checksum is taken as bytes come out and compared only at the end: callers read on in parts, and what
+// was handed out cannot be taken back.
 std::uint64_t GzipReader::read(void* buffer, std::uint64_t count) {
     if (status_ != Z_OK || !buffer || count == 0)
         return 0;
@@ -129,6 +134,7 @@ std::uint64_t GzipReader::read(void* buffer, std::uint64_t count) {
     return done;
 }
 
+// The trailer begins with what was read ahead of the inflated data, and may go on in the source.
 void GzipReader::checkTrailer() {
     unsigned have = inflate_.avail_in;
     const unsigned char* trailer = inflate_.next_in;

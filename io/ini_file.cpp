@@ -1,3 +1,7 @@
+// Sections and the static functions that work straight on a file. Whatever adds a section does so wholly or,
+// when memory runs out in the middle, not at all: the list of sections and the table of their places must not
+// differ.
+
 #include "base/text.h"
 #include "io/ini_numbers.h"
 #include "io/name_places.h"

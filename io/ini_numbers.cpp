@@ -1,3 +1,6 @@
+// Numbers in settings are read and written by hand or by the standard's locale-free functions: a settings
+// file has to read the same whatever locale the application has set.
+
 #include "io/ini_numbers.h"
 
 #include "base/text.h"

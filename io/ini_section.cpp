@@ -1,3 +1,6 @@
+// Entries stand in a list, in their order, beside a table of their places by the hash of the key
+// (io/name_places.h). Adding to the two is done wholly or not at all.
+
 #include "base/text.h"
 #include "io/ini_numbers.h"
 #include "io/name_places.h"

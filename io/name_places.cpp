@@ -1,3 +1,6 @@
+// The hash has to call equal whatever the comparison of names does. That one folds case by the system and
+// stops at the first zero character, and so does this.
+
 #include "io/name_places.h"
 
 #include <windows.h>

@@ -1,3 +1,6 @@
+// Every call that fails leaves the system's error for GetLastErrorCode; a later success does not clear it, so
+// that a caller may look once at the end.
+
 #include <vexel/files.h>
 
 #include <algorithm>
@@ -139,6 +142,7 @@ unsigned long long SimpleFile::GetLength() const noexcept {
                : 0;
 }
 
+// By the length itself and not by moving the position there: the position stays.
 bool SimpleFile::SetLength(unsigned long long length) noexcept {
     FILE_END_OF_FILE_INFO end{};
     end.EndOfFile.QuadPart = static_cast<long long>(length);

@@ -1,3 +1,7 @@
+// The four layouts share two steps: reading or writing a little-endian count, and moving as many characters
+// as really arrive (io/string_bytes.h). Counts come from documents that may be damaged, so no memory is taken
+// for what has only been promised.
+
 #include "base/text.h"
 #include "io/com_stream.h"
 #include "io/string_bytes.h"
@@ -40,7 +44,9 @@ std::string readNarrow(vxio::IReadStream& stream, std::uint32_t count) {
 
 unsigned long byteCount(const CStringW& text) { return static_cast<unsigned long>(text.GetLength()) * 2; }
 
-// The length in layout M; the stream stands behind it.
+// The length in layout M; the stream stands behind it. Each step to a wider number is told by the largest
+// value of the narrower one, but 0xFFFE in 16 bits is the mark of wide text, after which the length begins
+// anew. A number that is cut off reads as 0.
 std::uint64_t readArchiveLength(vxio::IReadStream& stream) {
     constexpr std::uint16_t unicodeMark = 0xFFFE;
     std::uint8_t byte = 0;
@@ -144,6 +150,7 @@ void VxwReadStringW(vxio::IReadStream& stream, std::wstring& text) {
     VxwReadStringW(stream, text, count);
 }
 
+// The text is assigned as a whole at the end, so that it stays as it was when memory runs out.
 void VxwReadStringW(vxio::IReadStream& stream, std::wstring& text, unsigned count) {
     readWide(count * 2ULL, readerOf(stream), [&](std::wstring_view wide) { text = wide; });
 }

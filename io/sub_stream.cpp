@@ -1,3 +1,7 @@
+// A sub-stream keeps the distance from its position to the end of the range instead of the position: that is
+// what every read and write is cut to. The position is worked out from it where somebody asks. The seek
+// pointer is the base's.
+
 #include <vexel/sub_stream.h>
 
 #include <algorithm>

@@ -1,3 +1,7 @@
+// The system converts what has a code page. UTF-16 and UTF-32 of either byte order have none, or none that
+// reports faults, and are converted here unit by unit. Whatever cannot be converted becomes a stand-in and is
+// reported.
+
 #include "io/text_encoding.h"
 
 #include <windows.h>
@@ -75,6 +79,8 @@ bool decodeUnits(Bytes bytes, std::size_t size, bool bigEndian, std::vector<wcha
     return isSound;
 }
 
+/// Strictly first, to learn whether all bytes are characters; the second call puts stand-ins where they are
+/// not.
 bool decodeMultiByte(Bytes bytes, UINT page, std::vector<wchar_t>& text) {
     text.resize(bytes.size()); // no code page makes more than one unit of a byte
     const auto decode = [&](DWORD flags) {
@@ -106,6 +112,7 @@ void forEachCodePoint(std::wstring_view text, const Visit& visit) {
     }
 }
 
+/// Piece by piece, never between the halves of a surrogate pair, which would become two stand-ins.
 void encodeMultiByte(std::wstring_view text, UINT page, std::vector<unsigned char>& bytes) {
     constexpr std::size_t piece = 1 << 20; // the system counts in int
     while (!text.empty()) {

@@ -1,3 +1,6 @@
+// The file is read into a buffer ahead of the lines. Lines are found in the bytes and only then decoded,
+// because the position that callers ask for counts bytes of the file.
+
 #include "base/text.h"
 #include "io/encoding_guess.h"
 #include "io/text_encoding.h"

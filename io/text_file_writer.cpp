@@ -1,3 +1,6 @@
+// Text is encoded into a buffer and written when that has grown. The first error stays: after it nothing more
+// is written, so that no later piece follows a gap.
+
 #include "io/text_encoding.h"
 
 #include <vexel/files.h>

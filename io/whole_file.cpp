@@ -1,3 +1,8 @@
+// A file that takes the old one's place in one step is the only way in which neither a crash nor a full disk
+// can cost the old contents. But it would also break links and lose names, so there are files that have to be
+// written into instead. Others may be doing the same at the time; their files are open for moments, which is
+// what the attempts are for.
+
 #include "io/whole_file.h"
 
 #include <vexel/files.h>
@@ -23,6 +28,8 @@ struct Target {
     DWORD attributes = INVALID_FILE_ATTRIBUTES;
 };
 
+/// What may be done with the file. It is opened for writing for a moment, because only that tells whether it
+/// may be written: replacing it would go by the rights on its folder.
 Target lookAt(const wchar_t* path) {
     Target target;
     target.attributes = GetFileAttributesW(path);
@@ -151,6 +158,9 @@ bool isPassing(DWORD error) noexcept {
 
 } // namespace
 
+// Replacing comes first. After some attempts, each of which a reader may have spoilt, the contents are
+// written into the file, which a reader that shares it for writing does not hinder. A failure that does not
+// pass, or stays for all attempts, is the result.
 WholeFile writeWholeFile(const wchar_t* path, Bytes contents, DWORD& error) {
     FileBeside beside(path);
     for (unsigned attempt = 1;; ++attempt) {

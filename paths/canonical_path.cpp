@@ -1,3 +1,7 @@
+// The system's own functions ask the current directory or look at the disk; this goes by the text alone. A
+// path is taken apart into its root, which nothing changes, and its elements, of which the plain ones are
+// joined again.
+
 #include "base/text.h"
 #include "paths/path_text.h"
 

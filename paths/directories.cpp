@@ -1,6 +1,10 @@
+// A chain of directories is made from below: the last one first, and only where the system says that its
+// parent is missing, the parent. So the usual case, all there but the last, is one call, and no directory is
+// asked for that the caller may not look at.
+
+#include "base/last_error.h"
 #include "base/platform.h"
 #include "base/task_memory.h"
-#include "base/last_error.h"
 
 #include <vexel/paths.h>
 

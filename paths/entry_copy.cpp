@@ -1,6 +1,6 @@
 #include "base/handles.h"
-#include "base/platform.h"
 #include "base/last_error.h"
+#include "base/platform.h"
 #include "paths/path_text.h"
 
 #include <vexel/paths.h>

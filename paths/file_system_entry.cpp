@@ -1,3 +1,6 @@
+// Whether there is an entry and of what type. Errors of the system are sorted into those that say that there
+// is none and those that say nothing: what is there but cannot be examined must not pass for missing.
+
 #include "base/platform.h"
 
 #include <vexel/paths.h>

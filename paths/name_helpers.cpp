@@ -1,3 +1,6 @@
+// Helpers of older code, which documents and applications rely on as they are. What counts as an extension
+// differs here from the functions of paths.h: it is the shell's definition.
+
 #include "base/text.h"
 
 #include <vexel/paths.h>

@@ -1,3 +1,7 @@
+// What the text of a name decides is found when it is first asked for and kept in the shared entry. All
+// threads would find the same, so pointers and flags are stored without a lock; only the two directories,
+// whose names callers hold by reference, are stored once under the entry's spin lock.
+
 #include "base/spin_lock.h"
 #include "paths/path_name_flags.h"
 #include "paths/path_name_text.h"

@@ -1,3 +1,6 @@
+// The table of all names files entries by hash, several under one where texts differ in case or hashes meet.
+// An entry goes when its last name does, under the table's lock and only if nobody has taken it up meanwhile.
+
 #include "paths/path_name_table.h"
 
 #include "base/spin_lock.h"

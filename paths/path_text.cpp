@@ -1,3 +1,6 @@
+// Parts of a path by its text alone: what counts as a separator, a drive, a file name and an extension for
+// the functions of paths.h is defined here, once.
+
 #include "paths/path_text.h"
 
 #include "base/text.h"

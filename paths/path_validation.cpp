@@ -1,3 +1,6 @@
+// One pass over the characters with a small state machine, because the first character that is wrong is the
+// answer, and what may stand somewhere depends only on how the text began.
+
 #include "paths/path_text.h"
 
 #include <vexel/paths.h>

@@ -1,3 +1,5 @@
+// A list of names that its owner wants deleted. All else is the registry's.
+
 #include <vexel/temp_files.h>
 
 #include <utility>

@@ -1,3 +1,7 @@
+// Names of temporary files have to differ from those of every other process, also of one that had this
+// process's number before. So they bear the number and the time at which the process began; both, and the
+// directory, are asked for once.
+
 #include "paths/temp_names.h"
 
 #include "base/platform.h"

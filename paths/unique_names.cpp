@@ -1,3 +1,7 @@
+// A name is taken apart into base, counter and extension; candidates are made by putting another counter in.
+// The caller's probe alone says what is free, so that the same function serves files, list entries and
+// anything else with names.
+
 #include "base/text.h"
 
 #include <vexel/diagnostics.h>

@@ -1,5 +1,5 @@
 """Checks the shape of the source tree: layers include only downwards, nothing includes in a circle, every test is
-registered, and the documents name files that exist.
+registered, and the documents name files, classes and functions that exist.
 
   tree_check.py BUILD_DIRECTORY
 """
@@ -16,6 +16,8 @@ import source_tree  # noqa: E402
 
 # Bottom to top. A layer includes only itself and what stands below it.
 LAYERS = ["framework", "base", "diagnostics", "paths", "io", "archive", "storage", "tools"]
+# These stand side by side.
+NEIGHBOURS = {"paths", "io"}
 
 # The rooms of a large layer, bottom to top as well.
 ROOMS = {"storage": ["tree", "compound", "package", "handles", "documents", "properties"]}
@@ -74,6 +76,8 @@ def check_layers(graph):
                     yield f"{path}: {name} is not part of the library"
                 elif other > own:
                     yield f"{path}: {name} stands above it"
+                elif other != own and {LAYERS[own], LAYERS[other]} == NEIGHBOURS:
+                    yield f"{path}: {name} stands beside it"
                 elif LAYERS[own] == "tools" and LAYERS[other] not in ("base", "tools") and not target.startswith(PUBLIC):
                     yield f"{path}: {name} is internal; programs see only the public headers"
                 elif path.startswith(PUBLIC) and not target.startswith(PUBLIC):
@@ -111,6 +115,46 @@ def check_tests(build):
             yield f"{path}: not registered with ctest"
 
 
+def named_in(text):
+    """The classes and functions that a document names in code quotes: `Class::function`, `function()`, and single
+    names with a capital inside, which are no words of a sentence."""
+    text = re.sub(r"```.*?```", "", text, flags=re.DOTALL)
+    for quoted in re.findall(r"`([^`\n]+)`", text):
+        name = quoted.removesuffix("()")
+        if re.fullmatch(r"\w+(::\w+)+", name):
+            yield name
+        elif re.fullmatch(r"[A-Za-z_]\w*", name) and (name != quoted or re.search(r"[a-z][A-Z]", name)):
+            yield name
+
+
+def check_names():
+    sources = [re.sub(r"//.*", "", (ROOT / path).read_text(encoding="utf-8"))
+               for path in source_tree.files("*.h", "*.cpp", "*.py", "*.cmake")]
+    words = [set(re.findall(r"\w+", text)) for text in sources]
+
+    def exists(name):
+        *scope, last = name.split("::")
+        if not scope:
+            return any(last in known for known in words)
+        # Defined as it is written, or in the class's own text.
+        owner = re.compile(rf"\b(class|struct|enum|namespace)\b[^;{{]*\b{scope[-1]}\b")
+        return any(f"{scope[-1]}::{last}" in text or (last in known and owner.search(text))
+                   for text, known in zip(sources, words))
+
+    for document in source_tree.files("*.md"):
+        text = (ROOT / document).read_text(encoding="utf-8")
+        for name in sorted(set(named_in(text))):
+            if not name.startswith("std::") and not exists(name):
+                yield f"{document}: names {name}, which no source has"
+
+
+def check_reading_order():
+    order = (ROOT / "README.md").read_text(encoding="utf-8").partition("\n## Reading order\n")[2].partition("\n## ")[0]
+    for header in source_tree.files(PUBLIC + "*.h"):
+        if f"`{header.removeprefix(PUBLIC)}`" not in order:
+            yield f"README.md: {header} has no place in the reading order"
+
+
 def check_documents():
     folders = {path.split("/")[0] for path in source_tree.files() if "/" in path}
     for document in source_tree.files("*.md"):
@@ -128,7 +172,8 @@ def check_documents():
 def main(build):
     sources = source_tree.files("*.h", "*.cpp")
     graph = {path: source_tree.includes(path) for path in sources}
-    faults = [*check_layers(graph), *check_rooms(graph), *check_circles(graph), *check_tests(build), *check_documents()]
+    faults = [*check_layers(graph), *check_rooms(graph), *check_circles(graph), *check_tests(build),
+              *check_documents(), *check_names(), *check_reading_order()]
     print("\n".join(faults) or f"{len(sources)} sources in order")
     return 1 if faults or not sources else 0
 

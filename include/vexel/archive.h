@@ -4,20 +4,22 @@
 /// directories the storages.
 ///
 /// The rules of all that follows:
-///  - Paths are elements joined by "/", without one at either end; the empty path is the root, which has no
+///  - Paths are elements joined by "/", without one at either end. The empty path is the root, which has no
 ///    item of its own. Paths are compared code unit by code unit, so case counts. Elements are stored as
 ///    `SZipArchive::encodePathElement` makes them; nothing here encodes or decodes by itself.
 ///  - Changes are kept in memory until `save`, which writes a whole new archive beside the old one and then
-///    replaces it. Whatever fails on the way, the file is the old one or, if it was replaced already, the new
-///    one, and the archive in memory can be used and saved again. Whatever becomes of the file, contents that
-///    are in memory can be read, changed and saved elsewhere.
-///  - Statuses are of the storage facility; a Win32 error keeps its code there (0x80030000 | code), and a
-///    call that failed without one gives 0x80030000. Exhausted memory is STG_E_INSUFFICIENTMEMORY, but a
-///    caller's stream that fails gives its own status. A positive one, which would pass for a success, is
-///    replaced by a failure. Only constructors and functions that return a string or change a name throw
-///    (std::bad_alloc, CMemoryException*). Failures are logged with the archive's name.
-///  - Threads: an archive may be used from many at once, but for its constructors, destructor, assignment and
-///    `setFileName`. What takes no lock says so; an item pointer is valid until the item is removed.
+///    replaces the old one by it. Whatever fails on the way, the file is the old one or, if it was replaced
+///    already, the new one, and the archive in memory can be used and saved again. Whatever becomes of the
+///    file, contents that are in memory can be read, changed and saved elsewhere.
+///  - Statuses are those of the storage facility. A Win32 error keeps its code there (0x80030000 | code), and
+///    a call of the system that failed without an error gives 0x80030000. Exhausted memory is
+///    STG_E_INSUFFICIENTMEMORY. A caller's stream that fails gives its own status; a positive one, which
+///    would pass for a success, is replaced by a failure. Failures are logged with the archive's name.
+///  - Only constructors and functions that return a string or change a name throw (std::bad_alloc,
+///    CMemoryException*).
+///  - Threads: an archive may be used from many threads at once, except for its constructors, destructor,
+///    assignment and `setFileName`. Functions that take no lock say so. An item pointer is valid until the
+///    item is removed.
 
 #include <vexel/export.h>
 #include <vexel/framework.h>
@@ -63,16 +65,16 @@ public:
     SZipArchiveItem& operator=(const SZipArchiveItem&) = delete;
     ~SZipArchiveItem();
 
-    /// Bytes of the contents as they are now, changes included.
+    /// The size in bytes of the contents as they are now, changes included.
     unsigned long long size() const;
     bool isDirectory() const noexcept { return isDirectory_; }
     /// Whether the archive marks the item as a deletion.
     bool isAnti() const noexcept { return isAnti_; }
-    /// CRC-32 of the contents in the file; 0 when it records none.
+    /// The CRC-32 of the contents in the file; 0 when the file records none.
     unsigned crc() const noexcept { return crc_; }
 
-    /// UTC; zero when the archive has none. The times take no lock: reading them while another thread sets
-    /// them, reloads or saves may give a mixture.
+    /// The times are in UTC, and zero when the archive has none. They take no lock: reading them while
+    /// another thread sets them, reloads or saves may give a mixture.
     FILETIME creationFileTime() const noexcept { return creationTime_; }
     FILETIME modificationFileTime() const noexcept { return modificationTime_; }
     void setCreationTime(const FILETIME& time) noexcept;
@@ -104,162 +106,184 @@ private:
 
 /// A 7z archive in memory. Contents are read when they are asked for and stay, until they are flushed.
 ///
-/// Readable are archives whose items use the methods Copy, LZMA and LZMA2 and have a folder (7z's coded unit)
-/// of their own; others open and list, and refuse their contents. Directories for which the archive has no
-/// item are among the items all the same.
+/// Contents can be read if their item uses the methods Copy, LZMA and LZMA2 and has a folder (7z's coded
+/// unit) of its own. Archives with other items can be opened and listed, but such contents are refused.
+/// Directories for which the archive has no item are among the items all the same.
 class VEXEL_API SZipArchive {
 public:
-    /// An archive that is read from `stream`, on which it takes a reference. It cannot be changed. Nothing is
-    /// read before `reload`.
+    /// Makes an archive that is read from `stream`, on which it takes a reference. It cannot be changed.
+    /// Nothing is read before `reload`.
     explicit SZipArchive(IStream* stream);
-    /// An archive at `path`; with an empty path one that has no file, is never read and never written.
-    /// Nothing is read before `reload`. `silentDiscard`: destroying it unsaved is no reason for a warning.
+    /// Makes an archive at `path`, or with an empty path one that has no file and is never read or written.
+    /// Nothing is read before `reload`. With `silentDiscard` destroying it unsaved is no reason for a
+    /// warning.
     SZipArchive(std::wstring_view path, bool readOnly, bool silentDiscard);
-    /// The other archive is left empty-handed: it may only be assigned to or destroyed.
+    /// Afterwards the other archive may only be assigned to or destroyed.
     SZipArchive(SZipArchive&& other) noexcept;
     SZipArchive& operator=(SZipArchive&& other) noexcept;
-    /// Never saves. Logs a warning when that loses changes.
+    /// Does not save, and logs a warning when that loses changes.
     ~SZipArchive();
     void swap(SZipArchive& other) noexcept { private_.swap(other.private_); }
 
-    /// Reads the file or stream. Items in memory that it has, too, get its attributes; changed contents and
-    /// items that it does not have stay, and the next save writes changed contents. On failure all stays, and
-    /// a save loses nothing; but contents that were not read yet cannot be had before a reload or a save
-    /// succeeds.
-    ///  - STG_E_FILENOTFOUND and other Win32 codes: the file of a read-only archive cannot be opened. One
-    ///    that can be changed counts as a new archive then: S_OK, and `openingStatus` tells why. So does, for
-    ///    both, a file that cannot be opened although the system names no error.
-    ///  - STG_E_INVALIDHEADER: not a 7z archive, or its headers are damaged.
-    ///  - HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED): the headers use what the library does not support.
+    /// Reads the file or stream. Items in memory that the file has, too, get the file's attributes. Changed
+    /// contents, and items that the file does not have, stay, and the next save writes changed contents. On
+    /// failure everything in memory stays, and a save loses nothing; but contents that were not read yet
+    /// cannot be had before a reload or a save succeeds.
+    ///  - STG_E_FILENOTFOUND and other Win32 codes: the archive is read-only, and its file cannot be opened.
+    ///    An archive that can be changed counts as a new one then: the status is S_OK, and `openingStatus`
+    ///    tells why. For both, so does a file that cannot be opened although the system names no error.
+    ///  - STG_E_INVALIDHEADER: it is not a 7z archive, or its headers are damaged.
+    ///  - HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED): the headers use something that the library does not
+    ///    support.
     ///
     /// An archive with several items of one path, or with a file that has items below it, is read-only from
-    /// then on and cannot be saved to a stream either. The log names what is hidden: of several items of one
-    /// path the last is there.
+    /// then on and cannot be saved to a stream either. Of several items of one path the last one is there;
+    /// the log names the hidden ones.
     HRESULT reload();
 
     /// Why the file could not be opened when the archive was read last; S_OK when it could.
     HRESULT openingStatus() const;
 
-    /// The path, or whatever name was given for messages. No lock.
+    /// The path, or whatever name was given for messages. Takes no lock.
     const CString& fileName() const noexcept;
     void setFileName(const CString& name);
     bool readOnly() const noexcept;
 
-    /// All items by path. No lock: not while another thread may add, move or remove some.
+    /// All items by path. Takes no lock: it must not be used while another thread may add, move or remove
+    /// items.
     const std::map<CString, SZipArchiveItem, StringLess>& items() const noexcept;
-    /// Null when there is none. No lock, as above.
+    /// The item with this path; null when there is none. Takes no lock, as `items`.
     SZipArchiveItem* item(std::wstring_view path) const;
     SZipArchiveItem* item(const CString& path) const { return item(StringLess::view(path)); }
-    /// Calls `visit` for each item in a directory, or at the root for the empty path, with its name. Holds a
-    /// share of the lock meanwhile: `visit` may ask the item for what takes no lock of the archive (size,
-    /// times, flags), but must not call the archive, which could wait for ever. STG_E_INSUFFICIENTMEMORY,
-    /// also when `visit` throws std::bad_alloc; then not all items were visited.
+    /// Calls `visit` for each item in a directory, or at the root for the empty path, with its name. A share
+    /// of the lock is held meanwhile: `visit` may ask the item for what takes no lock of the archive (size,
+    /// times, flags), but must not call the archive, which could wait for ever.
+    ///  - STG_E_INSUFFICIENTMEMORY: memory is exhausted, or `visit` threw std::bad_alloc; not all items were
+    ///    visited.
     HRESULT
     visitChildren(const CString& path,
                   const std::function<void(const CString& name, const SZipArchiveItem& item)>& visit) const;
-    /// The name of an item: its last element decoded, or as it is when encoding would not bring it back, as
-    /// with many that other programs wrote. Encoded further where another item of the directory has that
-    /// name.
+    /// The name of an item: its last element, decoded. Where encoding the name would not give the element
+    /// back, as with many that other programs wrote, the name is the element as it is. Where another item of
+    /// the directory has that name, it is encoded further.
     CString nameOf(const CString& path) const;
-    /// The path of the item of a directory that has a name, or that a new one of that name is to have. Of the
-    /// two, each undoes the other. Both throw std::bad_alloc, CMemoryException*.
+    /// The path of the item of that name in a directory, or the path that a new item of that name is to have.
+    /// `nameOf` and this function undo each other. Both throw std::bad_alloc, CMemoryException*.
     CString childPath(const CString& directory, std::wstring_view name) const;
-    /// The same two answers under the lock: whether there is such a directory, and an item's times, which are
+    /// These two answer under the lock: whether there is such a directory, and an item's times, which are
     /// left as they are when there is no such item.
     bool hasDirectory(const CString& path) const;
     void itemTimes(const CString& path, FILETIME& creation, FILETIME& modification) const;
     bool isEmpty() const;
-    /// Whether anything was created, changed, moved or removed since the last load or save. No lock.
+    /// Whether anything was created, changed, moved or removed since the last load or save. Takes no lock.
     bool isChanged() const noexcept;
 
-    /// The times of the archive's file; note the order. False, with nothing set, unless a file is open. Any
+    /// The times of the archive's file; note their order. False, with nothing set, unless a file is open. Any
     /// pointer may be null.
     bool fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const;
 
-    /// The contents of a file, as a stream at position 0. All streams of one item show the same bytes, each
-    /// has its own position. They refuse changes when the archive is read-only; otherwise the next save
-    /// writes what was changed through them. `*result` is null unless a stream is given, with one reference.
-    ///  - STG_E_INVALIDPOINTER, STG_E_INVALIDNAME (empty, or begins with "/").
-    ///  - STG_E_FILENOTFOUND: no such item, a directory, or not in the file that was read.
+    /// Gives the contents of a file as a stream at position 0. All streams of one item show the same bytes;
+    /// each has its own position. They refuse changes when the archive is read-only; otherwise the next save
+    /// writes what was changed through them. `*result` receives the stream with one reference, or null.
+    ///  - STG_E_INVALIDPOINTER: `result` is null.
+    ///  - STG_E_INVALIDNAME: the path is empty or begins with "/".
+    ///  - STG_E_FILENOTFOUND: there is no such item, it is a directory, or its contents are not in the file
+    ///    that was read.
     ///  - STG_E_INVALIDFUNCTION: the item shares a folder with others.
-    ///  - STG_E_READFAULT: the contents are not those that were stored, or cannot be: the packed bytes are
-    ///    far too few for them.
-    ///  - Win32 codes of opening the file again after a save that failed. STG_E_INVALIDHEADER: it is another.
-    ///  - STG_E_INSUFFICIENTMEMORY. The code of a stream that cannot be cloned, for an archive on one.
-    ///  - E_NOTIMPL: a method that is not known here, encryption for one; that is no damage.
-    ///  - The engine's code when it cannot decode: S_FALSE for packed data that are damaged. S_OK with a null
-    ///    `*result` when there were data behind the end of the contents: look at both.
+    ///  - STG_E_READFAULT: the contents are not those that were stored, or cannot be, because the packed
+    ///  bytes
+    ///    are far too few for them.
+    ///  - Win32 codes of opening the file again after a save that failed.
+    ///  - STG_E_INVALIDHEADER: the file was opened again, and is another one.
+    ///  - STG_E_INSUFFICIENTMEMORY.
+    ///  - The code of the archive's stream, when that cannot be cloned.
+    ///  - E_NOTIMPL: the contents use a method that is not known here, such as encryption. That is no damage.
+    ///  - The engine's code when it cannot decode, such as S_FALSE for packed data that are damaged.
+    ///  - S_OK with a null `*result`: there were data behind the end of the contents. So look at both.
     HRESULT extractFile(IStream** result, std::wstring_view path);
     HRESULT extractFile(IStream** result, const CString& path) {
         return extractFile(result, StringLess::view(path));
     }
 
-    // Changes. All of them give STG_E_ACCESSDENIED for a read-only archive, and STG_E_INVALIDNAME for a path
-    // that begins with "/" or, where an item is needed, is empty. What is made or moved needs a path that
-    // leads to it: STG_E_INVALIDNAME also for an empty element ("a//b", "a/"), STG_E_FILENOTFOUND where the
-    // parent is no directory.
+    // Changes. Statuses that all of them can return:
+    //  - STG_E_ACCESSDENIED: the archive is read-only.
+    //  - STG_E_INVALIDNAME: the path begins with "/" or, where an item is needed, is empty. For an item that
+    //    is made or moved, also when the path has an empty element ("a//b", "a/").
+    //  - STG_E_FILENOTFOUND: an item was to be made or moved where the parent is no directory.
 
-    /// A new file, which counts as changed even if nothing is written. What happens to a file that exists:
-    /// with `failIfExists` STG_E_FILEALREADYEXISTS, with `replace` it becomes empty, and its old contents are
-    /// not needed, with neither its contents are given as by `extractFile`. A deletion mark that contents are
+    /// Makes a new file, which counts as changed even if nothing is written. When there is such a file
+    /// already, it depends on the last two arguments: with `failIfExists` the status is
+    /// STG_E_FILEALREADYEXISTS; with `replace` the file becomes empty, and its old contents are not needed;
+    /// with neither its contents are given as by `extractFile`. A mark for a deletion that contents are
     /// written into becomes a file.
-    ///  - STG_E_INVALIDPOINTER. STG_E_INVALIDNAME, here also when the parent is no directory.
-    ///  - STG_E_FILEALREADYEXISTS also for a directory of that name.
+    ///  - STG_E_INVALIDPOINTER: `result` is null.
+    ///  - STG_E_INVALIDNAME: here also when the parent is no directory.
+    ///  - STG_E_FILEALREADYEXISTS: also when a directory has that name.
     HRESULT createFile(IStream** result, const CString& path, bool failIfExists, bool replace);
-    /// A new directory, or an existing one, which is emptied with `clear`.
-    ///  - STG_E_INVALIDFUNCTION: a file has that name. STG_E_FILEALREADYEXISTS: with `failIfExists`.
+    /// Makes a new directory. One that exists is left as it is, or with `clear` emptied.
+    ///  - STG_E_INVALIDFUNCTION: a file has that name.
+    ///  - STG_E_FILEALREADYEXISTS: the directory exists, and `failIfExists` is set.
     HRESULT createDirectory(const CString& path, bool failIfExists, bool clear);
-    /// Removes an item and all below it. STG_E_FILENOTFOUND.
+    /// Removes an item and all below it. STG_E_FILENOTFOUND when there is no such item.
     HRESULT remove(std::wstring_view path);
     HRESULT remove(const CString& path) { return remove(StringLess::view(path)); }
-    /// Gives an item and all below it a new path. STG_E_FILENOTFOUND, STG_E_FILEALREADYEXISTS;
-    /// STG_E_ACCESSDENIED for a move into itself.
+    /// Gives an item and all below it a new path.
+    ///  - STG_E_FILENOTFOUND: there is no such item.
+    ///  - STG_E_FILEALREADYEXISTS: the new path has an item.
+    ///  - STG_E_ACCESSDENIED: the item would be moved into itself.
     HRESULT move(std::wstring_view from, std::wstring_view to);
     HRESULT move(const CString& from, const CString& to) {
         return move(StringLess::view(from), StringLess::view(to));
     }
-    /// Removes all items below a directory, or all there are for the empty path. STG_E_FILENOTFOUND,
-    /// STG_E_INVALIDFUNCTION (not a directory).
+    /// Removes all items below a directory, or for the empty path all that there are.
+    ///  - STG_E_FILENOTFOUND: there is no such item.
+    ///  - STG_E_INVALIDFUNCTION: it is not a directory.
     HRESULT clear(std::wstring_view path);
     HRESULT clear(const CString& path) { return clear(StringLess::view(path)); }
 
-    /// Gives back the memory of unchanged contents that nobody holds, of the item and all below it or, for
-    /// the empty path, everywhere. STG_E_INVALIDNAME, STG_E_FILENOTFOUND. Allowed on read-only archives.
+    /// Gives back the memory of unchanged contents that nobody holds: those of the item and of all below it,
+    /// or for the empty path all. Read-only archives allow it.
+    ///  - STG_E_INVALIDNAME: the path begins with "/".
+    ///  - STG_E_FILENOTFOUND: there is no such item.
     HRESULT flush(std::wstring_view path);
     HRESULT flush(const CString& path) { return flush(StringLess::view(path)); }
-    /// As flush, but does not wait for other threads: contents that one of them is reading stay, and all do,
-    /// with S_FALSE, while one changes or saves the archive.
+    /// As flush, but does not wait for other threads. Contents that another thread is reading stay. While
+    /// another thread changes or saves the archive, all contents stay, and the result is S_FALSE.
     HRESULT flushIfIdle(std::wstring_view path);
     HRESULT flushIfIdle(const CString& path) { return flushIfIdle(StringLess::view(path)); }
 
-    /// Lets items of `source` be copied without recompression: from then on both read from the file that
-    /// `source` has read, which stays open as long as either needs it. STG_E_INVALIDFUNCTION when an item
-    /// of this archive still needs the file of its own.
+    /// Lets items of `source` be copied without recompression: from then on both archives read from the file
+    /// that `source` has read, which stays open as long as either needs it.
+    ///  - STG_E_INVALIDFUNCTION: an item of this archive still needs the archive's own file.
     HRESULT borrowPackedData(const SZipArchive& source);
     /// Copies an item and all below it. Contents that are unchanged since they were read from a file that
-    /// both archives share stay packed; others are copied, decoded if need be.
-    ///  - STG_E_INVALIDFUNCTION: `source` is this archive. STG_E_FILENOTFOUND.
+    /// both archives share stay packed; others are copied, and decoded if need be. Items that were copied
+    /// before a failure stay.
+    ///  - STG_E_INVALIDFUNCTION: `source` is this archive.
+    ///  - STG_E_FILENOTFOUND: there is no such item.
     ///  - STG_E_FILEALREADYEXISTS: a file has one of the paths, or a file would get that of a directory.
-    ///  - Failures of `extractFile`. What was copied before a failure stays.
+    ///  - Failures of `extractFile`.
     HRESULT addItem(const SZipArchive& source, std::wstring_view sourcePath, const CString& targetPath);
     HRESULT addItem(const SZipArchive& source, const CString& sourcePath, const CString& targetPath) {
         return addItem(source, StringLess::view(sourcePath), targetPath);
     }
-    /// `addItem` for the item at `path`, or for all there are for the empty one, under their own paths.
+    /// Does what `addItem` does for the item at `path`, or for the empty path for all items that there are.
+    /// They keep their paths.
     HRESULT addItems(const SZipArchive& source, const CString& path);
 
     /// Replaces the file by one with all changes; nothing is done when there are none. With `flushAfterwards`
     /// a `flush` of everything follows.
     ///
-    /// A file that `reload` could not read, or did not find, is read first: what it has and memory does not
-    /// is kept. While that fails, it is not replaced, unless it is not there. An archive that was never to be
-    /// read replaces whatever is there. Packed contents of unchanged items are copied. Where not all items of
-    /// a folder are, because one is changed or removed, the others are unpacked and written one by one.
-    ///  - STG_E_ACCESSDENIED: read-only, or (as the Win32 code) the file is in use.
+    /// A file that `reload` could not read, or did not find, is read first, and items that it has and memory
+    /// does not are kept. While that fails, the file is not replaced, unless there is none. An archive that
+    /// was never to be read replaces whatever is there. The packed contents of unchanged items are copied.
+    /// Where one item of a folder is changed or removed, the folder's other items are unpacked and written
+    /// one by one.
+    ///  - STG_E_ACCESSDENIED: the archive is read-only, or (as the Win32 code) the file is in use.
     ///  - STG_E_FILENOTFOUND: contents that were never read are gone with their file.
-    ///  - STG_E_FILEALREADYEXISTS: there is a file, but this archive was read from another one, or has not
-    ///    read any and borrows; or of a file that is read only now, a file has the path of a directory in
-    ///    memory, or the other way round.
+    ///  - STG_E_FILEALREADYEXISTS: there is a file, but this archive was read from another one, or has read
+    ///    none and borrows; or the file is read only now, and has a file where memory has a directory, or the
+    ///    other way round.
     ///  - STG_E_INVALIDHEADER: the file that was read is not the one that is there.
     ///  - STG_E_INUSE, from whatever takes a lock: only at the end of the process, when a thread was ended
     ///    while it was changing the archive.
@@ -267,19 +291,19 @@ public:
     ///  - Win32 codes of opening, creating, writing and replacing; the engine's codes; those of `reload`.
     HRESULT save(bool flushAfterwards);
     /// Writes the whole archive to a stream, from its position on. This archive does not change. The statuses
-    /// of `save`, and those of the stream.
+    /// are those of `save`, and those of the stream.
     HRESULT save(IStream* destination) const;
-    /// The same: without it, a pointer would as soon be taken for a `bool`.
+    /// The same. Without this overload, a pointer could equally well be taken for a `bool`.
     HRESULT save(IStream* destination) { return std::as_const(*this).save(destination); }
 
-    /// Makes an element of what a name is: "/", "%" and characters below 0x20 become "%" and two hexadecimal
-    /// digits.
+    /// Makes the element of a path that stands for a name: "/", "%" and characters below 0x20 become "%" and
+    /// two hexadecimal digits.
     static CString encodePathElement(std::wstring_view name);
     static CString encodePathElement(const CString& name) {
         return encodePathElement(StringLess::view(name));
     }
-    /// The other way. Malformed escapes, which `encodePathElement` never makes, come out garbled, and always
-    /// the same: "%zAB" is "%" and U+000B.
+    /// Makes the name that an element stands for. Malformed escapes, which `encodePathElement` never makes,
+    /// come out garbled, but always in the same way: "%zAB" is "%" and U+000B.
     static CString decodePathElement(std::wstring_view element);
     static CString decodePathElement(const CString& element) {
         return decodePathElement(StringLess::view(element));

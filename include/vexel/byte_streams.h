@@ -77,14 +77,14 @@ public:
     void Attach(::IStream* stream);
     void Close();
 
-    /// Borrowed.
+    /// The COM stream, borrowed; null when there is none.
     ::IStream* GetStream() const noexcept { return stream_.Get(); }
     explicit operator bool() const noexcept { return stream_ != nullptr; }
 
-    /// Writes to any COM stream, in calls as long as COM's counts reach; 0 for null.
+    /// Writes to any COM stream, in as many calls as COM's counts require. Returns 0 when `stream` is null.
     static unsigned long long WriteBytes(::IStream* stream, const void* buffer, unsigned long long count);
 
-    /// 0 when the move fails.
+    /// Returns 0 when the move fails.
     unsigned long long SeekToEnd() override;
     void SeekToBegin() override;
     unsigned long long GetLength() override;

@@ -27,18 +27,19 @@ public:
     SECCryptoBlackBox& operator=(const SECCryptoBlackBox&) noexcept = default;
     ~SECCryptoBlackBox();
 
-    /// Keys the wheels, once: 1, or 0 with the old key in force when there is one. 0 also for null and for a
-    /// password without a byte to hash. Only the bytes before the first zero byte count: of a text in Latin
-    /// letters that is the first letter. Data in the field depends on it. A key takes 14 kB and some
-    /// microseconds to lay out. Throws std::bad_alloc.
+    /// Gives the object its key, which can be done once. Returns 1 on success. Returns 0 when there is a key
+    /// already, which stays in force, for a null pointer, and for a password without a byte to hash. Only the
+    /// bytes before the first zero byte count: of a text in Latin letters that is the first letter. Existing
+    /// data depend on that. A key takes 14 kB and some microseconds to lay out. Throws std::bad_alloc.
     int SetPassword(const wchar_t* password);
 
     /// Turns the wheels back to the start; feedback bytes stay.
     void Reset();
-    /// Turns the wheels to where they are after `offset` bytes; a negative one counts back from the start.
+    /// Turns the wheels to where they are after `offset` bytes; a negative offset counts back from the start.
     void SetPtr(long offset);
 
-    /// Enciphers or, unless the direction is DirEncrypt, deciphers in place; nothing for a `length` below 1.
+    /// Transforms the bytes in place: enciphers them if the direction is DirEncrypt, else deciphers them.
+    /// Does nothing for a `length` below 1.
     void TransformBuf(unsigned char* buffer, long length);
 
     void SetDir(eDir direction) { direction_ = direction; }

@@ -15,15 +15,16 @@ namespace Vexel {
 /// The base of a COM object: derives from the COM interface `I` and gives it `IUnknown`. The creator holds
 /// the first reference; the object deletes itself when the last one goes.
 ///
-/// Threads: references may be taken and released, and `numRefs` be asked, on any thread.
+/// Threads: references may be taken and released on any thread, and so may `numRefs` be asked.
 template <class I>
 class IUnknownImpl : public I {
 public:
     IUnknownImpl& operator=(const IUnknownImpl&) = delete;
 
-    /// Answers only `IID_IUnknown`; classes that stand for more interfaces override it. `E_POINTER` when
-    /// `ppv` is null; `*ppv` is null whenever the status is not `S_OK`, `E_NOINTERFACE` for all other
-    /// interfaces.
+    /// Answers only `IID_IUnknown`; classes that stand for more interfaces override it. `*ppv` is null
+    /// whenever the status is not `S_OK`.
+    ///  - `E_POINTER`: `ppv` is null.
+    ///  - `E_NOINTERFACE`: any other interface was asked for.
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override {
         if (!ppv)
             return E_POINTER;
@@ -31,7 +32,7 @@ public:
         return iid == __uuidof(IUnknown) ? hand(ppv) : E_NOINTERFACE;
     }
 
-    /// Both return the new count.
+    /// AddRef and Release return the new count.
     ULONG STDMETHODCALLTYPE AddRef() noexcept override {
         return references_.fetch_add(1, std::memory_order_relaxed) + 1;
     }
@@ -42,7 +43,7 @@ public:
         return left;
     }
 
-    /// The current count. Worth something only to one who knows that no other thread changes it.
+    /// The current count. It is of use only to a caller who knows that no other thread changes it.
     ULONG numRefs() const noexcept { return references_.load(std::memory_order_acquire); }
 
 protected:
@@ -55,7 +56,7 @@ protected:
     /// destructor itself and then for the one that also frees the memory.
     virtual ~IUnknownImpl() = default;
 
-    /// Ends a successful `QueryInterface`: this object with one more reference. `S_OK`.
+    /// Ends a successful `QueryInterface`: hands this object out with one more reference and returns `S_OK`.
     HRESULT hand(void** ppv) noexcept {
         *ppv = static_cast<I*>(this);
         AddRef();

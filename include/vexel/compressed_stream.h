@@ -22,56 +22,58 @@ namespace Vexel::Detail {
 class GzipReader;
 } // namespace Vexel::Detail
 
-/// Reads a stream of a structured file, or any COM stream: inflated if it begins as gzip does, else as it is.
-/// Errors are the framework's file exceptions, unlike those of other byte streams:
-///  - CFileException* (endOfFile): fewer bytes than asked for, unless these are to be ignored. What there was
-///    stands in the buffer.
-///  - CFileException* (badSeek): while inflating, moving back except to the begin, moving to or from the end,
-///    and asking for the length, which nobody knows in advance.
-/// Belongs to one thread at a time.
+/// Reads a stream of a structured file, or any COM stream. A stream that begins as gzip does is inflated; any
+/// other is read as it is. Unlike other byte streams, this one reports errors by the framework's file
+/// exceptions:
+///  - CFileException* (endOfFile): there were fewer bytes than asked for, and short reads are not to be
+///    ignored. The bytes that there were stand in the buffer.
+///  - CFileException* (badSeek): while inflating, the position was to be moved back (except to the begin) or
+///    to or from the end, or the length was asked, which nobody knows in advance.
+/// An object belongs to one thread at a time.
 class VEXEL_API COleStreamCompressFile : public vxio::IReadStream {
 public:
     enum OpenFlags : unsigned {
-        OpenDefault = 0,    ///< as StreamRef::open for writing, which empties the stream
-        OpenReadOnly = 1,   ///< for reading
+        OpenDefault = 0,    ///< opens as StreamRef::open for writing does, which empties the stream
+        OpenReadOnly = 1,   ///< opens for reading
         OpenForWriting = 2, ///< marks a stream that is going to be written: it is never read as compressed
     };
     friend constexpr OpenFlags operator|(OpenFlags a, OpenFlags b) noexcept {
         return static_cast<OpenFlags>(static_cast<unsigned>(a) | static_cast<unsigned>(b));
     }
 
-    /// Empty. Without `decompress` every stream is read as it is.
+    /// Makes an object without a stream. Without `decompress` every stream is read as it is.
     explicit COleStreamCompressFile(bool decompress);
-    /// Reads `stream` from its present position on, as compressed where it is, whatever
+    /// Reads `stream` from its present position on. If it is compressed, it is inflated, whatever
     /// SetAutoOpenCompression would say.
     COleStreamCompressFile(bool decompress, StreamRef stream);
     COleStreamCompressFile(const COleStreamCompressFile&) = delete;
     COleStreamCompressFile& operator=(const COleStreamCompressFile&) = delete;
-    /// As CloseCompression and Close.
+    /// Does what CloseCompression and Close do.
     ~COleStreamCompressFile();
 
-    // Opening closes what was open. False leaves the file closed: there is no such stream, it begins as gzip
-    // does but cannot be read as that, or it is marked OpenForWriting and yet to be decompressed.
+    // Opening closes what was open. The result is false, and the object is closed, when there is no such
+    // stream, when the stream begins as gzip does but cannot be read as that, or when it is marked
+    // OpenForWriting although it is to be decompressed.
 
-    /// On failure to open the stream `error`, where not null, receives the cause and a code: of a status of
-    /// the storage facility the system's error, else the status.
+    /// When the stream cannot be opened, `error`, if it is not null, receives the cause and a code. The code
+    /// is the system's error for a status of the storage facility, and the status itself for any other.
     bool OpenStream(const StorageRef& parent, const SharedPathName& name, OpenFlags flags,
                     CFileException* error);
-    /// Rewinds `stream` and takes a reference on it; false for null.
+    /// Rewinds `stream` and takes a reference on it. False when it is null.
     bool OpenStream(::IStream* stream);
     bool OpenStream(StreamRef stream);
 
-    /// Begins to read as compressed at the present position; true also where the bytes turn out not to be, or
-    /// nothing is to be inflated.
+    /// Begins to read compressed bytes at the present position. True also when the bytes turn out not to be
+    /// compressed, or when nothing is to be inflated.
     bool OpenCompression();
-    /// Ends that, and logs what the trailer says of the contents if they were read to their end. Reading goes
-    /// on with the bytes as they are, behind what was read ahead.
+    /// Ends inflating. If the contents were read to their end, faults in the trailer are logged. Reading goes
+    /// on with the bytes as they are stored, behind those that were read ahead.
     void CloseCompression();
 
-    /// Whether opening a stream opens its compression; true at first.
+    /// Whether opening a stream also opens its compression; true at first.
     bool GetAutoOpenCompression() const noexcept { return autoOpenCompression_; }
     void SetAutoOpenCompression(bool open) noexcept { autoOpenCompression_ = open; }
-    /// Whether short reads return what there was; false at first.
+    /// Whether a read that finds too few bytes returns them instead of throwing; false at first.
     bool GetIgnoreEndOfFile() const noexcept { return ignoreEndOfFile_; }
     /// Returns the previous value.
     bool SetIgnoreEndOfFile(bool ignore) noexcept;
@@ -79,11 +81,11 @@ public:
     unsigned long long SeekToEnd() override;
     void SeekToBegin() override;
     unsigned long long GetLength() override;
-    /// While inflating, moves forward by reading and returns 0. From the begin starts again at the first byte
-    /// of the stream.
+    /// While inflating, moves forward by reading, and returns 0. A move from the begin starts again at the
+    /// first byte of the stream.
     unsigned long long Seek(vxio::IStream::SeekPosition origin, long long offset) override;
-    /// While inflating, too, the position in the stream as it is stored, bytes read ahead included: callers
-    /// show their progress by it.
+    /// Returns the position in the stream as it is stored, also while inflating; bytes that were read ahead
+    /// count. Callers show their progress by it.
     unsigned long long GetPosition() const override;
     unsigned long long ReadBytes(void* buffer, unsigned long long count) override;
 
@@ -106,15 +108,15 @@ private:
     bool compressionOpen_ = false;
 };
 
-/// Inflates the gzip member that `source` holds from its position to its end into `destination` at its
-/// position. A source that is something else, or has bytes left over when nothing more can be inflated, is
-/// copied as it is instead, and what was inflated taken back.
+/// Inflates the gzip member that `source` holds from its position to its end, and writes the bytes to
+/// `destination` at its position. A source that is something else, or that has bytes left over when nothing
+/// more can be inflated, is copied as it is instead; the bytes that were inflated are taken back then.
 ///
-/// Up to 4096 bytes are read ahead and count as used. So damage, a cut or a further member within the last of
-/// them goes unnoticed: that is success with what could be inflated. A trailer that does not fit is logged
-/// and no failure either.
-///  - The failures of copying. A failed write of inflated bytes is one, even if copying succeeds then.
-///    STG_E_SEEKERROR: `source` cannot be rewound to be copied. STG_E_WRITEFAULT: what was inflated cannot be
-///    taken back.
-///  - STG_E_INVALIDPOINTER: null.
+/// Up to 4096 bytes are read ahead, and count as used. So damage, a cut or a further member within the last
+/// 4096 bytes goes unnoticed: the call succeeds with the bytes that could be inflated. A trailer that does
+/// not fit the contents is logged and is no failure either.
+///  - The failures of copying. A failed write of inflated bytes is a failure even if copying succeeds then.
+///  - STG_E_SEEKERROR: `source` cannot be rewound to be copied.
+///  - STG_E_WRITEFAULT: what was inflated cannot be taken back.
+///  - STG_E_INVALIDPOINTER: `source` or `destination` is null.
 VEXEL_API HRESULT DecompressStream(::IStream* source, ::IStream* destination);

@@ -68,8 +68,8 @@ VEXEL_DIAGNOSTICS_API void VxLog_WriteWV(int level, const wchar_t* format, va_li
 /// `VxLog_Warning` up to the standard error stream, one line of UTF-8 each.
 ///
 /// Waits until the calls that run in the old sink are over, so that its context may be freed when this
-/// returns; not at the end of the process, when no call can be running. Returns the old sink (null: the
-/// default one) and, when `oldContext` is given, its context.
+/// returns. At the end of the process it does not wait, for no call can be running then. Returns the old
+/// sink (null stands for the default one), and stores its context in `*oldContext` if that is given.
 VEXEL_DIAGNOSTICS_API VxLogSink VxLog_SetSink(VxLogSink sink, void* context,
                                               void** oldContext = nullptr) noexcept;
 

@@ -3,10 +3,11 @@
 /// Plain files: a handle that knows its errors, byte streams over it (byte_streams.h, whose rules hold), and
 /// lines of text in whatever encoding a file has.
 ///
-/// Nothing here throws but std::bad_alloc and the framework's memory exception, where text is handed out.
-/// What failed is told by `GetLastErrorCode`: the system's error code of the last call that failed since
-/// opening, 0 if none did. A path that is null or empty is ERROR_INVALID_PARAMETER, a file that is not open
-/// ERROR_INVALID_HANDLE. Objects close their file when they go. Each belongs to one thread at a time.
+/// Nothing here throws except where memory is exhausted: std::bad_alloc, and where text is handed out also
+/// the framework's memory exception. `GetLastErrorCode` returns the system's error code of the last call that
+/// failed since opening, or 0 if none did. It is ERROR_INVALID_PARAMETER for a path that is null or empty,
+/// and ERROR_INVALID_HANDLE for a file that is not open. An object closes its file when it is destroyed, and
+/// belongs to one thread at a time.
 
 #include <vexel/byte_streams.h>
 #include <vexel/export.h>
@@ -31,13 +32,13 @@ enum FileStreamProtectedType : unsigned {
 enum class FileAccess { Read, Write, ReadWrite };
 
 enum class FileCreation {
-    OpenExisting, ///< ERROR_FILE_NOT_FOUND when there is none
-    OpenOrCreate, ///< with its contents, if there are any
-    CreateNew,    ///< ERROR_FILE_EXISTS when there is one
-    Truncate,     ///< made, or emptied
+    OpenExisting, ///< opens a file; ERROR_FILE_NOT_FOUND when there is none
+    OpenOrCreate, ///< opens a file with its contents, or makes an empty one
+    CreateNew,    ///< makes a file; ERROR_FILE_EXISTS when there is one
+    Truncate,     ///< makes a file, or empties the one that is there
 };
 
-/// A file of the system, unbuffered. Movable; the source is closed then.
+/// A file of the system, unbuffered. It can be moved; the object that it is moved from is closed then.
 class VEXEL_API SimpleFile {
 public:
     SimpleFile() noexcept = default;
@@ -47,32 +48,33 @@ public:
     SimpleFile& operator=(const SimpleFile&) = delete;
     ~SimpleFile();
 
-    /// Closes what was open, then opens.
+    /// Closes the file that was open, then opens this one.
     bool Open(const wchar_t* path, FileAccess access, FileCreation creation,
               FileStreamProtectedType protection) noexcept;
     void Close() noexcept;
     bool IsOpen() const noexcept { return handle_ != nullptr; }
-    /// Borrowed; null while closed.
+    /// The handle, borrowed. It is null while no file is open.
     HANDLE GetHandle() const noexcept { return handle_; }
     DWORD GetLastErrorCode() const noexcept { return error_; }
-    /// Sets the error, for a class that finds one in what it has read; false.
+    /// Sets the error, for a class that finds a fault in what it has read. Returns false.
     bool Fail(DWORD error) noexcept {
         error_ = error;
         return false;
     }
 
-    /// The bytes moved: fewer than asked for at the end, or when an error is set.
+    /// Both return the number of bytes moved. It is less than asked for at the end of the file, or when an
+    /// error is set.
     unsigned long long Read(void* buffer, unsigned long long count) noexcept;
     unsigned long long Write(const void* buffer, unsigned long long count) noexcept;
-    /// `origin` is one of FILE_BEGIN, FILE_CURRENT, FILE_END. `position`, where not null, receives the new
-    /// one.
+    /// `origin` is one of FILE_BEGIN, FILE_CURRENT, FILE_END. `position`, if it is not null, receives the new
+    /// position.
     bool Seek(long long offset, DWORD origin, unsigned long long* position) noexcept;
-    /// 0 when it cannot be asked.
+    /// Both return 0 when the file cannot be asked.
     unsigned long long GetPosition() const noexcept;
     unsigned long long GetLength() const noexcept;
     /// Cuts the file off, or extends it by zeros; the position stays.
     bool SetLength(unsigned long long length) noexcept;
-    /// Has the system bring all to the disk.
+    /// Has the system bring everything to the disk.
     bool Flush() noexcept;
 
 private:
@@ -113,7 +115,7 @@ struct WriteStreamOpenArgs {
 class VEXEL_API FileWriteStream : public IWriteStream {
 public:
     bool Open(const WriteStreamOpenArgs& args);
-    /// Whatever failed before is still told afterwards.
+    /// An error of an earlier call can still be asked afterwards.
     void Close() noexcept { file_.Close(); }
     bool IsOpen() const noexcept { return file_.IsOpen(); }
     bool Flush() noexcept { return file_.Flush(); }
@@ -131,11 +133,11 @@ private:
 };
 
 enum class TextEncoding {
-    /// Reading: by the byte-order mark, else by all of the contents, which are read twice for it. Contents
-    /// with zero bytes are UTF-16 or UTF-32 if all of them can be that, and most characters or all line feeds
-    /// say so. Else what is valid UTF-8 is that; what is valid in the system's code page is Ansi; the rest is
-    /// Latin1, which has a character for every byte. Of a pipe or device only the first 64 KiB count.
-    /// Writing: UTF-8.
+    /// For reading, the encoding is found by the byte-order mark, or where there is none by all of the
+    /// contents, which are then read twice. Contents with zero bytes are UTF-16 or UTF-32 if all of them can
+    /// be that, and most characters or all line feeds say so. Other contents are UTF-8 if they are valid as
+    /// that, Ansi if they are valid in the system's code page, and else Latin1, which has a character for
+    /// every byte. Of a pipe or device only the first 64 KiB count. For writing this stands for UTF-8.
     Detect = 0,
     Ansi = 1,   ///< the system's code page
     Latin1 = 2, ///< ISO 8859-1
@@ -154,24 +156,24 @@ public:
     TextFileReadStream& operator=(const TextFileReadStream&) = delete;
     ~TextFileReadStream();
 
-    /// Passes over a byte-order mark of the encoding. With `binary` the carriage return before a line feed
-    /// belongs to the line.
+    /// Opens the file and passes over a byte-order mark of the encoding. With `binary` the carriage return
+    /// before a line feed belongs to the line; otherwise it belongs to the line's end.
     bool Open(const wchar_t* path, FileStreamProtectedType protection, TextEncoding encoding, bool binary);
     void Close() noexcept;
     bool IsOpen() const noexcept { return file_.IsOpen(); }
     DWORD GetLastErrorCode() const noexcept { return file_.GetLastErrorCode(); }
-    /// What is read as; the one that was found instead of Detect.
+    /// The encoding that is read; instead of Detect, the one that was found.
     TextEncoding GetEncoding() const noexcept { return encoding_; }
 
-    /// The next line, without its end: a line feed or a zero unit. False, with an empty line, when nothing is
-    /// left or reading fails, which differ by position and error. Bytes that the encoding has no characters
-    /// for become U+FFFD, or in Ansi the stand-in of the code page.
+    /// Reads the next line, without its end, which is a line feed or a zero unit. False, with an empty line,
+    /// when nothing is left or reading fails; the position and the error tell which. Bytes for which the
+    /// encoding has no characters become U+FFFD, or in Ansi the stand-in of the code page.
     bool ReadString(CStringW& line);
 
-    /// Whether lines so far had bytes that the encoding has no characters for.
+    /// Whether the lines read so far had bytes for which the encoding has no characters.
     bool HasReplaced() const noexcept { return hasReplaced_; }
 
-    /// In bytes: behind the last line read, and the file's.
+    /// The position behind the last line that was read, and the length of the file, both in bytes.
     unsigned long long GetPosition() const noexcept { return position_; }
     unsigned long long GetLength() const noexcept { return file_.GetLength(); }
 
@@ -198,21 +200,22 @@ public:
     TextFileWriteStream() noexcept = default;
     TextFileWriteStream(const TextFileWriteStream&) = delete;
     TextFileWriteStream& operator=(const TextFileWriteStream&) = delete;
-    /// As Close.
+    /// Does what Close does.
     ~TextFileWriteStream();
 
-    /// `mark`: begin an empty file with a byte-order mark, where the encoding has one.
+    /// With `mark` an empty file begins with a byte-order mark, if the encoding has one.
     bool Open(const WriteStreamOpenArgs& args, TextEncoding encoding, bool mark);
-    /// Writes what is left. False when this or an earlier write failed.
+    /// Writes what is still in the buffer, and closes the file. False when this or an earlier write failed.
     bool Close();
-    /// The same, and has the system bring it to the disk.
+    /// Writes what is still in the buffer, and has the system bring it to the disk. False when this or an
+    /// earlier write failed.
     bool Flush();
     bool IsOpen() const noexcept { return file_.IsOpen(); }
     DWORD GetLastErrorCode() const noexcept { return error_ ? error_ : file_.GetLastErrorCode(); }
 
-    /// Appends the text as it is: line ends are the caller's. Characters that the encoding lacks become "?"
-    /// or one that looks alike, lone surrogates, which only UTF-16 has, U+FFFD. A failure may show only
-    /// later, at the latest in Close.
+    /// Appends the text as it is: the caller writes the ends of lines. A character that the encoding lacks
+    /// becomes "?" or one that looks alike; a lone surrogate, which only UTF-16 can hold, becomes U+FFFD. A
+    /// failure may show only later, at the latest in Close.
     bool WriteString(std::wstring_view text);
 
 private:

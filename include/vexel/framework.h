@@ -131,7 +131,7 @@ public:
         return *this;
     }
 
-    /// Negative, zero or positive. `CompareNoCase` folds case as the C library's locale does.
+    /// The result is negative, zero or positive. `CompareNoCase` folds case as the C library's locale does.
     int Compare(const wchar_t* other) const noexcept { return wcscmp(GetString(), other ? other : L""); }
     int CompareNoCase(const wchar_t* other) const noexcept {
         return _wcsicmp(GetString(), other ? other : L"");
@@ -143,23 +143,23 @@ public:
     CStringW Mid(int first) const { return Mid(first, GetLength()); }
     CStringW Mid(int first, int count) const;
 
-    /// The index of the first (or last) place, -1 when there is none.
+    /// These return the index of the first (or last) place, -1 when there is none.
     int Find(wchar_t character, int start = 0) const noexcept;
     int Find(const wchar_t* text, int start = 0) const noexcept;
     int ReverseFind(wchar_t character) const noexcept;
     int FindOneOf(const wchar_t* characters) const noexcept;
 
-    /// The number of places that were replaced.
+    /// These return the number of places that were replaced.
     int Replace(wchar_t from, wchar_t to);
     int Replace(const wchar_t* from, const wchar_t* to);
-    /// The new length. An index beyond the end means the end.
+    /// These return the new length. An index beyond the end means the end.
     int Insert(int index, wchar_t character);
     int Insert(int index, const wchar_t* text);
     int Delete(int index, int count = 1);
 
     CStringW& MakeLower();
     CStringW& MakeUpper();
-    /// Without an argument, white space goes.
+    /// Without an argument these remove white space.
     CStringW& TrimLeft();
     CStringW& TrimLeft(wchar_t character);
     CStringW& TrimLeft(const wchar_t* characters);
@@ -227,7 +227,7 @@ public:
     /// Frees the exception if it was made by `new`; those made ahead of need stay.
     void Delete();
 
-    /// Puts a short text, cut to fit, into the buffer of `size` characters. FALSE: there is none.
+    /// Puts a short text, cut to fit, into the buffer of `size` characters. FALSE when there is no text.
     virtual BOOL GetErrorMessage(wchar_t* buffer, UINT size, UINT* helpContext = nullptr) const;
 
 protected:
@@ -345,19 +345,20 @@ public:
     /// Closes; a failure to do so is dropped.
     virtual ~CFile();
 
-    /// FALSE on failure, with the reason in `error` when given.
+    /// FALSE on failure; `error`, if it is given, receives the reason.
     virtual BOOL Open(const wchar_t* fileName, UINT openFlags, CFileException* error = nullptr);
     virtual void Close();
     /// Closes without throwing.
     virtual void Abort();
 
-    /// The number of bytes read; less than asked only at the end of the file.
+    /// Returns the number of bytes read, which is less than asked for only at the end of the file.
     virtual UINT Read(void* data, UINT count);
-    /// Writes all, or throws.
+    /// Writes all the bytes, or throws.
     virtual void Write(const void* data, UINT count);
     virtual void Flush();
 
-    /// The new position from the beginning. A position before the beginning throws `badSeek`.
+    /// Returns the new position, counted from the beginning. A position before the beginning throws
+    /// `badSeek`.
     virtual ULONGLONG Seek(LONGLONG offset, UINT origin);
     virtual ULONGLONG GetPosition() const;
     virtual ULONGLONG GetLength() const;
@@ -379,9 +380,9 @@ protected:
 /// A file in memory.
 class VEXEL_FRAMEWORK_API CMemFile : public CFile {
 public:
-    /// An empty file whose memory grows in steps of `growBytes`; 0: it cannot grow.
+    /// Makes an empty file whose memory grows in steps of `growBytes`; with 0 it cannot grow.
     explicit CMemFile(UINT growBytes = 1024) noexcept;
-    /// As `Attach`.
+    /// Does what `Attach` does.
     CMemFile(BYTE* memory, UINT size, UINT growBytes = 0) noexcept;
     ~CMemFile() override;
 
@@ -416,9 +417,9 @@ private:
 
 /// A buffered sequence of values stored into, or loaded from, a file. Not synchronised.
 ///
-/// Values are little-endian. Storing into an archive that loads throws `CArchiveException*` with `readOnly`,
-/// loading from one that stores `writeOnly`, values beyond the end of the file `endOfFile`; what the file
-/// throws passes through.
+/// Values are little-endian. `CArchiveException*` is thrown with `readOnly` for storing into an archive that
+/// loads, with `writeOnly` for loading from one that stores, and with `endOfFile` for loading beyond the end
+/// of the file. What the file throws passes through.
 class VEXEL_FRAMEWORK_API CArchive {
 public:
     enum Mode : UINT { store = 0, load = 1, bNoFlushOnDelete = 2 };
@@ -434,7 +435,7 @@ public:
     BOOL IsStoring() const noexcept { return (mode_ & load) == 0; }
     CFile* GetFile() const noexcept { return file_; }
 
-    /// The number of bytes read; less than asked only at the end of the file.
+    /// Returns the number of bytes read, which is less than asked for only at the end of the file.
     UINT Read(void* data, UINT count);
     void Write(const void* data, UINT count);
     /// Writes what is buffered, or gives back what was read ahead, so that the file's position is the

@@ -41,8 +41,8 @@
 
 namespace vxio {
 
-/// Where names are in a list, by a hash that does not tell case apart; empty while it is not known. The
-/// library's own.
+/// The places of names in a list, by a hash that does not tell upper from lower case; empty while they are
+/// not known. For the library's own use.
 using NamePlaces = std::unordered_multimap<std::size_t, std::size_t>;
 
 /// A section: entries of key and value. References and iterators hold until an entry is added or removed.
@@ -58,12 +58,13 @@ public:
     /// Replaces the value of the key, or appends the entry.
     IniFileSection& SetString(std::wstring_view key, const CStringW& value);
     IniFileSection& SetString(const CStringW& key, const CStringW& value);
-    /// Without it, a literal would as soon be taken for the one as for the other; so with the next ones.
+    /// This overload is there because a literal would fit the two others equally well. It is the same with
+    /// the overloads for pointers further on.
     IniFileSection& SetString(const wchar_t* key, const CStringW& value) {
         return SetString(std::wstring_view(key), value);
     }
     IniFileSection& SetInt(std::wstring_view key, int value);
-    /// As the shortest text that reads back to the same value; "nan", "inf" and "-inf".
+    /// Stores the shortest text that reads back to the same value, or "nan", "inf" and "-inf".
     IniFileSection& SetDouble(std::wstring_view key, double value);
     IniFileSection& Remove(std::wstring_view key);
 
@@ -72,11 +73,11 @@ public:
     CStringW GetString(std::wstring_view key, const wchar_t* fallback) const {
         return GetString(key, std::wstring_view(fallback));
     }
-    /// Numbers may have white space around them and a sign, and are decimal. What is no number, or no `int`,
-    /// counts as missing.
+    /// A number is decimal; it may have white space around it and a sign. A value that is no number, or does
+    /// not fit an `int`, counts as missing.
     int GetInt(std::wstring_view key, int fallback) const;
-    /// As GetInt; with a fraction, an exponent, or as "inf", "infinity" and "nan" in any case. What is too
-    /// large or too small for a `double` counts as missing.
+    /// As GetInt. The number may also have a fraction and an exponent, or be "inf", "infinity" or "nan" in
+    /// upper or lower case. A value that is too large or too small for a `double` counts as missing.
     double GetDouble(std::wstring_view key, double fallback) const;
     std::optional<CStringW> TryGetString(std::wstring_view key) const;
     std::optional<int> TryGetInt(std::wstring_view key) const;
@@ -99,17 +100,21 @@ class VEXEL_API IniFile {
 public:
     using Sections = std::vector<std::pair<CStringW, IniFileSection>>;
 
-    /// False leaves the object empty: the file could not be opened or read to its end (others may not write
-    /// it meanwhile), or has a line that is none. Exhausted memory leaves it empty too.
+    /// Reads the file. The result is false, and the object is empty, when the file could not be opened or
+    /// read to its end, or has a line that makes reading fail. Others may not write the file meanwhile.
+    /// Exhausted memory leaves the object empty, too.
     bool Load(const wchar_t* path);
-    /// Writes the file beside the old one and puts it in its place, with its attributes, so that a failure
-    /// leaves the old one whole. Access rights given to the old file itself, and streams beside its contents,
-    /// do not come along. Where no file can be made beside it, or it cannot be replaced (someone reads it, it
-    /// is a link or has other names), it is written into instead. Threads and processes may save one file at
-    /// the same time: the last one's contents stay.
-    /// False leaves the file as it was: it cannot be opened for writing, also after a while, or what was
-    /// loaded into this object had bytes that are no text in the encoding of its byte-order mark, and would
-    /// lose them. Failures to write are logged, and do not count: callers cannot mend them.
+    /// Writes a new file beside the old one and puts it in the old one's place, with its attributes, so that
+    /// a failure leaves the old one whole. Access rights that were given to the old file itself, and streams
+    /// beside its contents, do not come along. Where no file can be made beside the old one, or the old one
+    /// cannot be replaced (someone reads it, it is a link or has other names), the contents are written into
+    /// it instead. Threads and processes may save one file at the same time; the contents of the last one
+    /// stay.
+    ///
+    /// False, with the file as it was, when the file cannot be opened for writing, even after a while;
+    /// or when the file that was loaded into this object had bytes that are no text in the encoding of its
+    /// byte-order mark, which saving would lose. Failures to write are logged and do not make the result
+    /// false: callers cannot mend them.
     bool Save(const wchar_t* path) const;
 
     bool IsEmpty() const noexcept { return sections_.empty(); }
@@ -125,7 +130,7 @@ public:
     /// Replaces the section's contents, or appends it.
     void SetSection(std::wstring_view name, IniFileSection&& section);
 
-    // As on the section; a missing section is a missing key.
+    // These do what the section's functions do. A key in a section that is missing is missing.
 
     IniFile& SetString(std::wstring_view section, std::wstring_view key, const CStringW& value);
     IniFile& SetInt(std::wstring_view section, std::wstring_view key, int value);
@@ -141,10 +146,15 @@ public:
     std::optional<int> TryGetInt(std::wstring_view section, std::wstring_view key) const;
     std::optional<double> TryGetDouble(std::wstring_view section, std::wstring_view key) const;
 
-    // Straight on a file. Setting begins with what is in the file; with nothing when there is none, and when
-    // it has a line that makes Load fail, so that all its settings go, which is logged. False for a null or
-    // empty path and when the file is there but cannot be opened or read, else as Save. Of two that set at
-    // the same time one may undo what the other has set. Getting finds nothing in a file that Load fails for.
+    // These work straight on a file.
+    //
+    // Setting begins with the settings that are in the file. It begins with none when there is no file, and
+    // also when the file has a line that makes Load fail: then all its settings are lost, which is logged.
+    // The result is false for a null or empty path, and when the file is there but cannot be opened or read;
+    // otherwise it is that of Save. Of two callers that set at the same time, one may undo what the other has
+    // set.
+    //
+    // Getting finds nothing in a file for which Load fails.
 
     static bool SetString(std::wstring_view section, std::wstring_view key, const CStringW& value,
                           const wchar_t* path);
@@ -172,7 +182,8 @@ public:
     static std::optional<IniFileSection> TryGetSection(std::wstring_view name, const wchar_t* path);
 
 private:
-    /// As Load; the system's code, ERROR_INVALID_DATA for a file that is none.
+    /// Does what Load does, and returns the system's code: ERROR_INVALID_DATA for a file that is no settings
+    /// file.
     unsigned long load(const wchar_t* path);
     template <class Change>
     static bool changeFile(const wchar_t* path, const Change& change);

@@ -3,11 +3,11 @@
 /// Bytes in memory: a COM stream over a growable buffer, and large blocks straight from the virtual-memory
 /// manager.
 ///
-/// Sizes, counts and positions are in bytes. Memory that cannot be had gives short counts, `false`, null or
-/// the status named; only making a stream object raises `std::bad_alloc`.
+/// Sizes, counts and positions are in bytes. When memory cannot be had, the result is a short count, `false`,
+/// null or the status that is named; only making a stream object raises `std::bad_alloc`.
 ///
-/// Threads: reference counts are atomic. Nothing else is locked: a buffer and all that share it are for one
-/// thread at a time.
+/// Threads: reference counts are atomic. Nothing else is locked: a buffer, and all objects that share it,
+/// belong to one thread at a time.
 
 #include <vexel/com.h>
 #include <vexel/export.h>
@@ -25,7 +25,7 @@ struct VEXEL_API DynamicBuffer {
     unsigned char* data = nullptr;   ///< from `malloc` or `realloc`, or somebody else's
     unsigned long long size = 0;     ///< bytes of content, not more than `capacity`
     unsigned long long capacity = 0; ///< bytes at `data`
-    bool ownsMemory = true; ///< `data` is ours to `realloc` and `free`; else it is never grown or freed
+    bool ownsMemory = true;          ///< whether `data` may be grown and freed by `realloc` and `free`
 
     DynamicBuffer() noexcept = default;
     /// Leaves `other.data` null and the other fields of `other` as they were; such a left-over counts as
@@ -45,18 +45,18 @@ class VEXEL_API InMemoryIStream : public IUnknownImpl<::IStream> {
 public:
     enum SeekOrigin { Begin = 0, Current = 1, End = 2 };
 
-    /// A stream of `initialSize` bytes; empty when that much memory cannot be had.
+    /// Makes a stream of `initialSize` bytes, or an empty one when that much memory cannot be had.
     explicit InMemoryIStream(unsigned long long initialSize = 0);
-    /// Takes the buffer over; `buffer.data` becomes null, its other fields stay.
+    /// Takes the buffer over. `buffer.data` becomes null; its other fields stay.
     explicit InMemoryIStream(DynamicBuffer&& buffer);
 
     unsigned long long size() const noexcept { return private_->size; }
     unsigned long long capacity() const noexcept { return private_->capacity; }
-    /// May stand beyond the end after `Seek`.
+    /// The position, which may be beyond the end after `Seek`.
     unsigned long long position() const noexcept { return position_; }
 
-    /// The byte at the position or at `offset`; null at the end and beyond. Valid until the stream or one
-    /// that shares its memory changes.
+    /// The address of the byte at the position or at `offset`; null at the end and beyond. It is valid until
+    /// the stream, or one that shares its memory, changes.
     const unsigned char* data() const noexcept { return data(position_); }
     const unsigned char* data(unsigned long long offset) const noexcept {
         return offset < private_->size ? private_->data + offset : nullptr;
@@ -67,58 +67,64 @@ public:
 
     void rewind() noexcept { position_ = 0; }
 
-    /// Copies up to `count` bytes and moves on by them; the number of bytes, 0 at the end.
+    /// Copies up to `count` bytes and moves the position behind them. Returns the number of bytes, 0 at the
+    /// end.
     unsigned long long read(void* destination, unsigned long long count) noexcept;
 
-    /// Writes and moves on; the number of bytes written, less than `count` where memory ends. `source` may
-    /// lie in the stream's own memory. Writing 0 bytes beyond the end makes the stream reach to the position.
+    /// Writes bytes and moves the position behind them. Returns the number of bytes written, which is less
+    /// than `count` where memory ends. `source` may lie in the stream's own memory. Writing 0 bytes beyond
+    /// the end makes the stream reach to the position.
     unsigned long long write(const void* source, unsigned long long count) noexcept;
 
-    /// Moves within [0, size] and returns the new position: a move beyond the end stops there, one to before
-    /// the beginning, one forward from the end, and an unknown origin leave the position unchanged. (`Seek`
-    /// differs: it goes beyond the end, and fails.)
+    /// Moves within [0, size] and returns the new position. A move beyond the end stops at the end. A move to
+    /// before the beginning, a move forward from the end, and an unknown origin leave the position unchanged.
+    /// (`Seek` differs: it goes beyond the end, and fails.)
     unsigned long long seek(long long offset, SeekOrigin origin) noexcept;
 
-    /// Sets the size, but not the position; the capacity grows to exactly `newSize` where it is less. False
-    /// with nothing changed when the memory is not owned or cannot be had.
+    /// Sets the size, but not the position. The capacity grows to exactly `newSize` where it is less. False,
+    /// with nothing changed, when the memory is not owned or cannot be had.
     bool resize(unsigned long long newSize) noexcept;
 
-    /// Empties the stream for all that share its memory; the position stays. Owned memory is freed and can
-    /// grow again, other memory is let go of for good.
+    /// Empties the stream for all that share its memory. The position stays. Memory that the stream owns is
+    /// freed, and the stream can grow again; other memory is dropped for good.
     void freeMemory() noexcept;
 
-    /// `IID_IUnknown`, `IID_ISequentialStream`, `IID_IStream`; otherwise as the base.
+    /// Answers `IID_IUnknown`, `IID_ISequentialStream` and `IID_IStream`; otherwise as the base.
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
 
-    // In all of these, null for what the stream is to read from, write to or fill in gives
-    // STG_E_INVALIDPOINTER; null for a count or position that is told is allowed. Counts are 0 on failure.
+    // In all of these a null pointer to what the stream is to read from, write to or fill in gives
+    // STG_E_INVALIDPOINTER. A pointer that receives a count or a position may be null. Counts are 0 on
+    // failure.
 
-    /// `S_OK` also with a short count at the end.
+    /// `S_OK`, also with a short count at the end.
     HRESULT STDMETHODCALLTYPE Read(void* pv, ULONG cb, ULONG* pcbRead) noexcept override;
     /// `S_OK` when at least one byte was written or none was asked for, else `STG_E_INSUFFICIENTMEMORY`.
     HRESULT STDMETHODCALLTYPE Write(const void* pv, ULONG cb, ULONG* pcbWritten) noexcept override;
     /// Positions beyond the end are allowed, and a write there extends the stream. `STG_E_INVALIDFUNCTION`
-    /// before the beginning, for a negative move from it, and for an unknown origin.
+    /// for a position before the beginning, for a negative move from the beginning, and for an unknown
+    /// origin.
     HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER move, DWORD origin,
                                    ULARGE_INTEGER* plibNewPosition) noexcept override;
-    /// As `resize`; `STG_E_INSUFFICIENTMEMORY` where that is false.
+    /// Does what `resize` does; `STG_E_INSUFFICIENTMEMORY` where the result of that is false.
     HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER newSize) noexcept override;
-    /// Writes up to `cb` bytes to `pstm` until it fails, and returns its last status. Both counts tell what
-    /// it accepted. A target that succeeds without accepting anything is asked again for ever. From beyond
-    /// the end the target is given `cb` bytes at a null address, to be refused.
+    /// Writes up to `cb` bytes to `pstm` until it fails, and returns its last status. Both counts are of the
+    /// bytes that it accepted. A target that succeeds without accepting anything is asked again for ever.
+    /// When the position is beyond the end, the target is given `cb` bytes at a null address, to be refused.
     HRESULT STDMETHODCALLTYPE CopyTo(::IStream* pstm, ULARGE_INTEGER cb, ULARGE_INTEGER* pcbRead,
                                      ULARGE_INTEGER* pcbWritten) noexcept override;
     /// `S_OK`; there is nothing to commit.
     HRESULT STDMETHODCALLTYPE Commit(DWORD flags) noexcept override;
-    /// `E_NOTIMPL`, as the two below.
+    /// `E_NOTIMPL`, as for the two functions below.
     HRESULT STDMETHODCALLTYPE Revert() noexcept override;
     HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER cb,
                                          DWORD type) noexcept override;
     HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER cb,
                                            DWORD type) noexcept override;
-    /// Type, size and mode (`STGM_READWRITE`); all else is zero, the name null whatever `flags` say.
+    /// Tells type, size and mode (`STGM_READWRITE`). All else is zero; the name is null, whatever `flags`
+    /// say.
     HRESULT STDMETHODCALLTYPE Stat(STATSTG* pstatstg, DWORD flags) noexcept override;
-    /// A stream that shares the memory, at this one's position. `E_OUTOFMEMORY` with null in `*ppstm`.
+    /// Makes a stream that shares the memory, at this one's position. `E_OUTOFMEMORY`, with null in `*ppstm`,
+    /// when it cannot be made.
     HRESULT STDMETHODCALLTYPE Clone(::IStream** ppstm) noexcept override;
 
 protected:
@@ -166,8 +172,8 @@ public:
     /// Allocates 512 KiB.
     void* init() noexcept { return allocate(0x80000); }
 
-    /// A block of at least `n` bytes, of unknown content. Null when memory cannot be had, or when this object
-    /// holds a block already, which it keeps.
+    /// Takes a block of at least `n` bytes, of unknown content, and returns its address. Null when memory
+    /// cannot be had, or when this object holds a block already, which it keeps.
     void* allocate(unsigned long long n) noexcept;
 
     /// Makes room for `n` bytes and returns the address, which changes when the block does. Never shrinks.
@@ -178,14 +184,14 @@ public:
     /// the bytes of the kept block, as far as it reaches.
     void* reallocate(unsigned long long n) noexcept;
 
-    /// Gives the block back, the kept one for the next user.
+    /// Gives the block back; the process's kept block is kept for the next user.
     void clear() noexcept;
 
     void* data() const noexcept { return address_; }
-    /// What was asked for; the block may be larger.
+    /// The size that was asked for; the block may be larger.
     unsigned long long size() const noexcept { return size_; }
 
-    /// Releases the kept block to the system; true when there was one and nobody used it.
+    /// Releases the kept block to the system. True when there was one and nobody used it.
     static bool compact() noexcept;
 
     /// Installs a function that is called when memory is exhausted, with the number of bytes wanted, and that

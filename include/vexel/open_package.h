@@ -5,10 +5,10 @@
  * `IStorage`, for reading and transacted. `*result` carries one reference, which the caller releases; it is
  * null on failure. Both may be called on any thread; the interface belongs to one thread at a time.
  *
- *  - E_FAIL: no structured file, or (by path) no file that can be opened.
- *  - STG_E_INVALIDHEADER, STG_E_DOCFILECORRUPT: a damaged one. A compound file with a stream of which a part
- * is missing, too: handles open that for reading.
- *  - STG_E_INSUFFICIENTMEMORY, and the statuses of opening and reading it. */
+ *  - E_FAIL: it is no structured file, or (by path) no file that can be opened.
+ *  - STG_E_INVALIDHEADER, STG_E_DOCFILECORRUPT: the file is damaged. This includes a compound file with a
+ *    stream of which a part is missing, which handles do open for reading.
+ *  - STG_E_INSUFFICIENTMEMORY, and the statuses of opening and reading the file. */
 
 #include <vexel/export.h>
 
@@ -20,12 +20,14 @@
 extern "C" {
 #endif
 
-/* The file at `path`. STG_E_INVALIDPOINTER: no `result`. */
+/* Opens the file at `path`.
+ *  - STG_E_INVALIDPOINTER: `result` is null. */
 VEXEL_API HRESULT OpenVexelPackage(IStorage** result, const wchar_t* path);
 
-/* What `stream` holds from its beginning on. The result keeps a reference on it and moves its position. For a
- * compound file the stream has to offer ILockBytes, too (else E_NOINTERFACE).
- *  - E_INVALIDARG: a null argument. */
+/* Opens the file that `stream` holds from its beginning on. The result keeps a reference on the stream and
+ * moves its position.
+ *  - E_NOINTERFACE: it is a compound file, for which the stream has to offer ILockBytes, too.
+ *  - E_INVALIDARG: an argument is null. */
 VEXEL_API HRESULT OpenVexelPackageStream(IStorage** result, IStream* stream);
 
 #ifdef __cplusplus

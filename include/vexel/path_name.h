@@ -93,7 +93,7 @@ public:
 
     /// Shares the entry.
     SharedPathName(const SharedPathName& other) noexcept;
-    /// Leaves `other` null.
+    /// Takes the entry over and leaves `other` null.
     SharedPathName(SharedPathName&& other) noexcept : entry_(std::exchange(other.entry_, nullptr)) {}
     SharedPathName& operator=(const SharedPathName& other) noexcept;
     /// Swaps: what this name held is released when `other` dies.
@@ -119,11 +119,11 @@ public:
     bool operator<(const SharedPathName& other) const noexcept {
         return reinterpret_cast<std::uintptr_t>(entry_) < reinterpret_cast<std::uintptr_t>(other.entry_);
     }
-    /// By identity, as equality is; 0 for the null name.
+    /// A hash of the entry's identity, on which equality rests, too; 0 for the null name.
     unsigned long long hash() const noexcept { return reinterpret_cast<std::uintptr_t>(entry_); }
 
-    // The text. Pointers and views are valid while any name shares the entry. All of the null name is empty,
-    // and no pointer is ever null.
+    // The text. Pointers and views are valid while any name shares the entry. The text of the null name is
+    // empty; no pointer is ever null.
 
     const wchar_t* asString() const noexcept;
     CString asCString() const noexcept;
@@ -132,10 +132,11 @@ public:
 
     // Parts of the path, found once for an entry.
 
-    /// Where the file name starts, trailing separators set aside; `length`, where not null, receives the
-    /// number of characters from there to the end of the text, such separators included.
+    /// The place where the file name starts, when trailing separators are set aside. `length`, if it is not
+    /// null, receives the number of characters from there to the end of the text, such separators included.
     const wchar_t* fileName(int* length) const;
-    /// Where the extension starts, at its dot or behind it; the terminating zero when there is none.
+    /// The place where the extension starts, at its dot or behind it. When there is no extension, that is the
+    /// terminating zero.
     const wchar_t* fileExtension(bool withDot, int* length) const;
     /// The text before the file name, with its separator; this name itself when it ends with a separator or
     /// is a bare drive. Interned without regard to case, as is the next. The reference is valid while this
@@ -151,7 +152,7 @@ public:
     /// `extension` brings its dot; a null pointer or an empty text removes the present one. Nothing changes
     /// when the name has exactly that extension.
     SharedPathName& changeExtension(const wchar_t* extension, bool caseSensitive);
-    /// Turns slashes into backslashes.
+    /// Replaces slashes by backslashes.
     SharedPathName& slashNormalize(bool caseSensitive);
 
     // Questions about the path.
@@ -165,13 +166,14 @@ public:
     /// with a separator.
     bool isSubPath(const CString& base) const;
 
-    /// Whether the file-system entry exists; asks the file system each time, unless a flags-cache block is
-    /// active: then the first answer stands.
+    /// Whether the file-system entry exists. The file system is asked each time, unless a flags-cache block
+    /// is active: then the first answer stands.
     bool fileExists() const;
     /// Asks again and replaces the answer that is kept; does nothing when none is kept.
     void updateFileExists() const;
-    /// Whether the file is a structured one (StorageRef::isStorage); no value when it cannot be examined. The
-    /// null name is none. Kept within a flags-cache block as fileExists is, for which it answers too.
+    /// Whether the file is a structured one (StorageRef::isStorage); no value when it cannot be examined.
+    /// False for the null name. Within a flags-cache block the answer is kept as that of fileExists is, and
+    /// it serves as an answer to fileExists, too.
     std::optional<bool> isStorage() const;
     /// A mark of the application's, kept only within a flags-cache block: outside one, setting it does
     /// nothing.
@@ -187,17 +189,17 @@ public:
     // document's, with `hashVersion`, one of the two constants above. Null streams and handles are left
     // alone.
 
-    /// Always with the hash. CArchiveException* (readOnly) when the archive is loading.
+    /// Always writes the hash. CArchiveException* (readOnly) when the archive is loading.
     void write(CArchive& archive) const;
-    /// With the hash where `fileVersion` has reached `hashVersion`.
+    /// Writes the hash where `fileVersion` has reached `hashVersion`.
     void write(vxio::IWriteStream& stream, unsigned fileVersion, unsigned hashVersion) const;
-    /// Always with the hash.
+    /// These always write the hash.
     void write(::IStream* stream) const;
     void write(const StreamRef& stream) const;
 
-    // The name becomes the text read, interned with the case asked for. Documents of version 3688 and later
-    // have their hash taken at its word, and the text as it stands; before that the hash is dropped and
-    // worked out anew. Short data make short or null names.
+    // Reading. The name becomes the text that is read, interned with the case that `flags` ask for. In
+    // documents of version 3688 and later the hash is taken as it stands, and so is the text; in older ones
+    // the hash is dropped and worked out anew. When data are missing, the name is short or null.
 
     /// CArchiveException*: writeOnly when the archive is storing, and what the archive raises on bad data.
     void read(CArchive& archive, unsigned fileVersion, unsigned hashVersion, Vexel::FlagSet<ReadFlag> flags);
@@ -205,10 +207,11 @@ public:
     /// CArchiveException* for a length beyond what a string holds.
     void read(vxio::IReadStream& stream, unsigned fileVersion, unsigned hashVersion,
               Vexel::FlagSet<ReadFlag> flags);
-    /// Knows the streams' layout only. Without a hash the case does not count, whatever `flags` say:
+    /// Reads the layout of streams only. Where no hash follows, case does not count, whatever `flags` say:
     /// documents of that age rely on it.
     void read(::IStream* stream, unsigned fileVersion, unsigned hashVersion, Vexel::FlagSet<ReadFlag> flags);
-    /// As one of the two before, by ReadFlag::CArchiveString.
+    /// Does what one of the two functions before does: with ReadFlag::CArchiveString the first of them, else
+    /// the second.
     void read(const StreamRef& stream, unsigned fileVersion, unsigned hashVersion,
               Vexel::FlagSet<ReadFlag> flags);
 

@@ -76,7 +76,7 @@ VEXEL_API std::wstring_view GetFileName(std::wstring_view path, bool withExtensi
 /// the dot. A dot at the very end is an extension of its own.
 VEXEL_API std::size_t FindFileExtension(std::wstring_view path);
 
-/// The extension from its dot, or from behind it without `withDot`; empty when there is none.
+/// The extension from its dot on, or without `withDot` from behind it on. Empty when there is none.
 VEXEL_API std::wstring_view GetFileExtension(std::wstring_view path, bool withDot);
 
 /// Whether `path` lies inside `base`, by text and without regard to case: one trailing separator of `base`
@@ -105,7 +105,7 @@ VEXEL_API CString& ChangeFileExtension(CString* path, std::wstring_view extensio
 VEXEL_API CString& CanonicalizeFileSystemPath(CString* path);
 VEXEL_API std::wstring& CanonicalizeFileSystemPath(std::wstring* path);
 
-/// The path's text. Throws `std::length_error` for one of 0x7FFFFFFF characters or more.
+/// Returns the path's text. Throws `std::length_error` for a text of 0x7FFFFFFF characters or more.
 VEXEL_API CString ConvertFileSystemPath(std::filesystem::path const& path);
 
 /// Whether the characters of `path` may stand in a path; elements are not looked at. A drive letter may
@@ -137,12 +137,13 @@ VEXEL_API std::filesystem::file_type GetFileSystemEntryType(std::wstring_view pa
 VEXEL_API bool CopyFileSystemEntry(std::wstring_view source, std::wstring_view target,
                                    FlagSet<CopyingFlag> flags, std::error_code* error);
 
-/// Creates every missing directory of the chain `path`, trailing separators ignored. True when the directory
-/// is there in the end, with `*error` (when given) cleared; else the error. An empty text is
-/// `std::errc::invalid_argument`. The last argument is reserved: pass 0.
+/// Creates every missing directory of the chain `path`; trailing separators are ignored. True when the
+/// directory is there in the end. `*error`, if it is given, is cleared on success and receives the error
+/// otherwise; for an empty text that is `std::errc::invalid_argument`. The last argument is reserved: pass 0.
 VEXEL_API bool CreateDirectories(std::wstring_view path, std::error_code* error, int reserved);
 
-/// The shell's folder `folderId`, made first when `create`; empty when the shell has none.
+/// Returns the path of the shell's folder `folderId`, or an empty text when the shell has none. With `create`
+/// the folder is made first if it is missing.
 VEXEL_API CString GetKnownFolderPath(GUID const& folderId, bool create);
 
 /// Stores the user's local application-data folder in `*path`; false, with `*path` as it was, when the

@@ -12,10 +12,11 @@
 ///         | FF FFFF FFFFFFFF and 64 bits,
 ///       then UTF-16 text
 ///
-/// Short data give short strings: as many characters as arrived, of which the last one may lack its high
-/// byte. Memory is taken as data arrive, never on the word of a count alone. Exhausted memory raises
-/// (std::bad_alloc or the framework's memory exception); streams do not throw here. File handles raise
-/// CFileException* with the system's error. The functions keep nothing and may be called on any thread.
+/// When there are fewer data than a count promises, the string has as many characters as arrived, and the
+/// last one may lack its high byte. Memory is taken as data arrive, never on the word of a count alone.
+/// Exhausted memory raises std::bad_alloc or the framework's memory exception. Streams do not throw here;
+/// the functions on file handles raise CFileException* with the system's error. The functions keep nothing
+/// and may be called on any thread.
 
 #include <vexel/byte_streams.h>
 #include <vexel/export.h>
@@ -32,14 +33,15 @@ class StreamRef;
 
 /// Writes U.
 VEXEL_API void VxwWriteString(vxio::IWriteStream& stream, const CStringW& text);
-/// Writes W; at most 0xFFFFFFFF characters.
+/// Writes W. The text has at most 0xFFFFFFFF characters.
 VEXEL_API void VxwWriteString(vxio::IWriteStream& stream, std::wstring_view text);
 
-/// Reads A, up to its first zero byte and in the calling thread's code page, where `version` is below 2861,
-/// else U.
+/// Reads A where `version` is below 2861, up to its first zero byte and in the calling thread's code page.
+/// From that version on it reads U.
 VEXEL_API void VxwReadString(vxio::IReadStream& stream, CStringW& text, int version);
-/// Reads A where `version` is below 2861, else W. From A the text has as many characters as there were bytes:
-/// where they make fewer, the rest are zeros. A count of 0 in A leaves `text` as it was.
+/// Reads A where `version` is below 2861, else W. Read from A, the text has as many characters as there were
+/// bytes: where the bytes make fewer characters, the rest are zeros. A count of 0 in A leaves `text` as it
+/// was.
 VEXEL_API void VxwReadString(vxio::IReadStream& stream, std::wstring& text, int version);
 /// Reads A without converting it.
 VEXEL_API void VxwReadStringA(vxio::IReadStream& stream, std::string& text);
@@ -48,23 +50,24 @@ VEXEL_API void VxwReadStringW(vxio::IReadStream& stream, std::wstring& text);
 /// Reads `count` characters without a count in front.
 VEXEL_API void VxwReadStringW(vxio::IReadStream& stream, std::wstring& text, unsigned count);
 
-// U, read: zeros at the end of the text are dropped. The result tells whether all the bytes came that the
-// count promised, its own four among them.
+// These read U, and drop zeros at the end of the text. The result tells whether all the bytes came that the
+// count promised, the four bytes of the count among them.
 
 VEXEL_API bool VxwReadUniString(vxio::IReadStream& stream, CStringW& text);
-/// Null does nothing.
+/// Does nothing when `stream` is null.
 VEXEL_API void VxwReadUniString(::IStream* stream, CStringW& text);
-/// As on the handle's COM stream.
+/// Reads from the handle's COM stream.
 VEXEL_API void VxwReadUniString(const StreamRef& stream, CStringW& text);
-/// From a Win32 file. Always true: the end of the file gives a short or empty text, a failure raises.
+/// Reads from a Win32 file. The result is always true: at the end of the file the text is short or empty, and
+/// a failure raises.
 VEXEL_API bool VxwReadUniString(void* fileHandle, CStringW& text);
 
-// U, written. What COM streams answer is not looked at.
+// These write U. The statuses of COM streams are not looked at.
 
-/// Null does nothing.
+/// Does nothing when `stream` is null.
 VEXEL_API void VxwWriteUniString(::IStream* stream, const CStringW& text);
 VEXEL_API void VxwWriteUniString(const StreamRef& stream, const CStringW& text);
-/// To a Win32 file. Always true; a failure raises.
+/// Writes to a Win32 file. The result is always true; a failure raises.
 VEXEL_API bool VxwWriteUniString(void* fileHandle, const CStringW& text);
 
 /// Writes M.
@@ -73,6 +76,6 @@ VEXEL_API void VxwWriteCArchiveString(vxio::IWriteStream& stream, const CStringW
 /// above 0x7FFFFFFF raises CArchiveException* (genericException).
 VEXEL_API void VxwReadCArchiveString(vxio::IReadStream& stream, CStringW& text);
 
-/// The low half of a Win32 file's position. Raises CFileException* where that is 0xFFFFFFFF, which a failure
-/// cannot be told from.
+/// Returns the low half of a Win32 file's position. Raises CFileException* when that is 0xFFFFFFFF, which
+/// cannot be told from a failure.
 VEXEL_API unsigned VxwGetFilePointer(void* fileHandle);

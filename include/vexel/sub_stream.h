@@ -17,32 +17,34 @@ namespace Vexel::Storage {
 /// positioned first unless the base stands at `offset` already, and sub-streams that share a base disturb
 /// each other unless each seeks before it reads. They never pass the end of the range.
 ///
-/// Threads: only the reference count is safe on several.
+/// Threads: an object belongs to one thread at a time; only references may be taken and released on any.
 class VEXEL_API SubStream : public IUnknownImpl<::IStream> {
 public:
-    /// Without a base: methods answer `STG_E_INVALIDFUNCTION`, `QueryInterface` `E_FAIL`.
+    /// Makes a sub-stream without a base. As long as it has none, its methods return
+    /// `STG_E_INVALIDFUNCTION`, and `QueryInterface` returns `E_FAIL`.
     SubStream() noexcept = default;
     /// Holds a reference on `base`, which may be null.
     SubStream(::IStream* base, unsigned long long offset, unsigned long long size) noexcept;
 
-    /// Shows another range, of `base` itself or, with `clone`, of a clone of it. False with nothing changed
-    /// when `base` is null or anybody else holds this object; false without a base when cloning fails.
+    /// Shows another range, of `base` itself or, with `clone`, of a clone of it. False, with nothing changed,
+    /// when `base` is null or anybody else holds this object. When cloning fails, the result is false and the
+    /// object is left without a base.
     bool set(::IStream* base, unsigned long long offset, unsigned long long size, bool clone) noexcept;
 
-    /// Lets go of the base; false with nothing changed when anybody else holds this object.
+    /// Drops the base. False, with nothing changed, when anybody else holds this object.
     bool detach() noexcept;
 
-    /// `IID_IUnknown`, `IID_ISequentialStream` and `IID_IStream` are this object; whatever else is asked for,
-    /// the base answers with an interface of its own. `E_POINTER` when `ppv` is null.
+    /// `IID_IUnknown`, `IID_ISequentialStream` and `IID_IStream` are this object. Any other interface is
+    /// asked of the base, which gives one of its own. `E_POINTER` when `ppv` is null.
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
 
-    // The statuses that follow are the base's, if nothing else is said. Null for a count or position that is
-    // told is allowed; counts are 0 when there is no base.
+    // The statuses of the following methods are those of the base where nothing else is said. Pointers that
+    // receive a count or a position may be null; counts are 0 when there is no base.
 
     HRESULT STDMETHODCALLTYPE Read(void* pv, ULONG cb, ULONG* pcbRead) noexcept override;
     HRESULT STDMETHODCALLTYPE Write(const void* pv, ULONG cb, ULONG* pcbWritten) noexcept override;
-    /// Within the range: `STG_E_INVALIDFUNCTION` for positions outside and for unknown origins. Asking for
-    /// the position (0 from `STREAM_SEEK_CUR`) does not touch the base.
+    /// Moves within the range; `STG_E_INVALIDFUNCTION` for positions outside it and for unknown origins.
+    /// Asking for the position (a move by 0 from `STREAM_SEEK_CUR`) does not touch the base.
     HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER move, DWORD origin,
                                    ULARGE_INTEGER* plibNewPosition) noexcept override;
     /// Changes the range only, not the base. `E_INVALIDARG` for an end beyond 64 bits. A range that is made
@@ -52,12 +54,13 @@ public:
                                      ULARGE_INTEGER* pcbWritten) noexcept override;
     HRESULT STDMETHODCALLTYPE Commit(DWORD flags) noexcept override;
     HRESULT STDMETHODCALLTYPE Revert() noexcept override;
-    /// Both lock a region of the base. `STG_E_INVALIDFUNCTION` for an offset beyond 64 bits.
+    /// Both lock or unlock a region of the base. `STG_E_INVALIDFUNCTION` for an offset beyond 64 bits.
     HRESULT STDMETHODCALLTYPE LockRegion(ULARGE_INTEGER libOffset, ULARGE_INTEGER cb,
                                          DWORD type) noexcept override;
     HRESULT STDMETHODCALLTYPE UnlockRegion(ULARGE_INTEGER libOffset, ULARGE_INTEGER cb,
                                            DWORD type) noexcept override;
-    /// What the base tells, with the size of the range, which is told even when the base fails.
+    /// Returns what the base tells of itself, but the size of the range, which is set even when the base
+    /// fails.
     HRESULT STDMETHODCALLTYPE Stat(STATSTG* pstatstg, DWORD flag) noexcept override;
     /// A sub-stream of the same range, at the same position, over a clone of the base.
     /// `STG_E_INVALIDPOINTER` when `ppstm` is null, `E_OUTOFMEMORY`; `*ppstm` is null on failure.

@@ -4,9 +4,9 @@
 /// their deletion: on request, by a background thread that tries again while a file is in use, and at
 /// process exit.
 ///
-/// File-system failures are logged and never raised. Errors of the registry's lock are raised as
-/// `std::system_error`, exhausted memory as `std::bad_alloc` or, from names and strings, as the framework's
-/// memory exception.
+/// Failures of the file system are logged and never raised. Errors of the registry's lock are raised as
+/// `std::system_error`. Exhausted memory is raised as `std::bad_alloc` or, where names and strings are made,
+/// as the framework's memory exception.
 
 #include <vexel/export.h>
 #include <vexel/framework.h>
@@ -41,15 +41,16 @@ public:
     /// created.
     SharedPathName insert(wchar_t const* prefix, wchar_t const* extension, bool holdHandle, bool userFlag);
 
-    /// Registers `name` and returns it; a null name is returned unregistered. A mark for deletion is taken
-    /// back, though it goes on counting as unfinished work for `clear`. With `holdHandle` an existing file is
-    /// held by a handle that makes the system delete it when it is closed, at the latest when the process
-    /// ends. `userFlag` is kept with the name for the caller's own use.
+    /// Registers `name` and returns it; a null name is returned unregistered. If the file is marked for
+    /// deletion, the mark is taken back, though it goes on counting as unfinished work for `clear`. With
+    /// `holdHandle` an existing file is held by a handle that makes the system delete the file when the
+    /// handle is closed, at the latest when the process ends. `userFlag` is kept with the name for the
+    /// caller's own use.
     SharedPathName insert(SharedPathName const& name, bool holdHandle, bool userFlag);
 
-    /// Copies the file `source` into a newly registered one, not read-only, and returns its name. `*error`
-    /// (when given) becomes 0, or the system's error code with a null result and nothing registered;
-    /// `ERROR_INVALID_PARAMETER` for a null or empty `source`.
+    /// Copies the file `source` into a newly registered one, which is not read-only, and returns its name. On
+    /// failure the result is null and nothing is registered. `*error`, if it is given, becomes 0 on success
+    /// and the system's error code on failure: `ERROR_INVALID_PARAMETER` for a null or empty `source`.
     SharedPathName insertCopy(wchar_t const* source, wchar_t const* prefix, wchar_t const* extension,
                               unsigned long* error, bool holdHandle, bool userFlag);
 
@@ -65,8 +66,8 @@ public:
     /// Forgets a file without deleting it. One that is held by a handle or marked for deletion stays.
     void release(SharedPathName const& name);
 
-    /// Deletes the marked files now if no background thread runs; else only wakes the thread and returns
-    /// false. True when no marked file is left.
+    /// Deletes the marked files now if no background thread runs, else only wakes the thread. True when no
+    /// marked file is left; false when it left them to the thread.
     bool clear();
 
     /// Stops the background thread, then deletes every registered file, marked or not. Files that cannot be
@@ -98,11 +99,11 @@ public:
     /// Calls `TempFileContainer::erase` for each name, in the order they were added.
     ~TempLocalFileContainer();
 
-    /// As the `insert` functions of the registry.
+    /// These do what the `insert` functions of the registry do, and remember the name.
     SharedPathName Add(SharedPathName const& name, bool holdHandle, bool userFlag);
     SharedPathName Add(wchar_t const* prefix, wchar_t const* extension, bool holdHandle, bool userFlag);
 
-    /// As `TempFileContainer::insertCopy`; a null result is not remembered.
+    /// Does what `TempFileContainer::insertCopy` does, and remembers the name unless it is null.
     SharedPathName AddCopy(wchar_t const* source, wchar_t const* prefix, wchar_t const* extension,
                            unsigned long* error, bool holdHandle, bool userFlag);
 

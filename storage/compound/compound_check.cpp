@@ -1,3 +1,10 @@
+// The look goes in the order in which the system would come to things: header, DIFAT, allocation tables,
+// directory, the tree of elements, then the chains of the streams. A table is followed only once it is known
+// to end, and sectors and elements are marked as they are met, so that time and memory are bounded by the
+// size of the file. How much is asked depends on what the system is going to do (CompoundAccess): a fault
+// ends the look only if it matters for that. The limits below are measured: where the system begins to fail,
+// with room to spare.
+
 #include "storage/compound/compound_check.h"
 
 #include "storage/compound/compound_layout.h"
@@ -74,6 +81,8 @@ private:
     std::size_t windowBytes_ = 0;
 };
 
+/// The sectors or elements that have been met, by number: one bit each, for a file has as many as its size
+/// allows.
 class NumberSet {
 public:
     void resize(std::size_t size) { members_.resize(size); }
@@ -158,6 +167,8 @@ public:
     }
 
 private:
+    /// Tells a circle from two chains that meet: the sector is in this chain, or was taken by another one.
+    /// Asked once for a chain at most, when it ends.
     bool isAmongFirst(std::size_t length, std::uint32_t start, std::uint32_t wanted) const noexcept {
         for (std::uint32_t sector = start; length > 0; --length, sector = next_[sector])
             if (sector == wanted)
@@ -172,6 +183,8 @@ private:
     std::uint64_t room_ = 0;
 };
 
+/// The look at one file. Each step returns false when a fault is found that matters for what the system is
+/// going to do; then the verdict tells it, and no further step is taken.
 class CompoundChecker {
 public:
     CompoundChecker(CompoundSource& source, CompoundAccess access) : reader_(source), access_(access) {}
@@ -237,6 +250,7 @@ private:
                 damaged("the header counts more sectors of the allocation table than are listed"));
     }
 
+    /// The header's count of DIFAT sectors decides how far their chain is followed, not the mark at its end.
     bool listFatSectorsFromDifat(std::uint32_t count) {
         NumberSet met;
         met.resize(header_.difatSectors > 0 ? reader_.sectors() : 0);
@@ -270,6 +284,8 @@ private:
         return true;
     }
 
+    /// Marks the tables' own sectors, before any chain is followed. The system follows a chain into a table
+    /// without noticing: a table's sector has an entry as every other has.
     bool claimFat() {
         for (const auto* list : {&fatSectors_, &difatSectors_}) {
             for (const std::uint32_t sector : *list) {
@@ -283,6 +299,8 @@ private:
         return true;
     }
 
+    /// Which ends of a chain are damage. Reading gets over a chain that runs into another one, for it ends
+    /// with that; from the other faulty ends it does not come back, or not with a count of bytes.
     bool acceptEnd(const AllocationTable::Chain& chain) {
         switch (chain.end) {
         case AllocationTable::End::Circle:
@@ -301,6 +319,7 @@ private:
         return !chain.leavesRoom || incomplete("a chain of sectors leads behind the end", chain.last);
     }
 
+    /// Reads all entries of the directory, also those that nobody refers to: their numbers are their places.
     bool loadDirectory() {
         bool complete = true;
         std::vector<std::byte> whole(reader_.sectorBytes());
@@ -366,6 +385,8 @@ private:
         unsigned steps;    ///< from the root to it, from sibling to sibling too
     };
 
+    /// Takes an element up for the walk. The list of pending ones stands for the recursion, whose depth would
+    /// come from the file.
     bool reach(std::uint32_t entry, TreeStep step, std::vector<TreeStep>& pending) {
         if (entry == kNoEntry)
             return true;
@@ -404,6 +425,7 @@ private:
         return checkLarge(0);
     }
 
+    /// Sizes are believed by whoever makes room for a stream, so they are held against the file.
     bool addClaim(std::uint64_t& claims, std::uint32_t number) {
         const std::uint64_t limit = kMostClaims * reader_.fileBytes();
         const std::uint64_t size = entries_[number].size;

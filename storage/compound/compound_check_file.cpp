@@ -1,3 +1,7 @@
+// The look at a file by its path. The file is opened without keeping anyone out and read at places given with
+// each read. Damage is only believed when it stays: a commit of another process shows for some milliseconds
+// as contradictions.
+
 #include "base/handles.h"
 #include "storage/compound/compound_check.h"
 

@@ -1,3 +1,6 @@
+// Where the fields are, by the published description of the format. Fields that the look does not need are
+// not decoded.
+
 #include "storage/compound/compound_layout.h"
 
 #include <algorithm>

@@ -1,3 +1,6 @@
+// The system's storage behind the items: which flags a file is opened with, what is tried again when it
+// refuses, and the copy that readers are given while another process is writing.
+
 #include "storage/compound/compound_storage.h"
 
 #include "base/handles.h"
@@ -130,7 +133,7 @@ HRESULT VxCompoundStorage::tryOpening(Call call) {
     });
 }
 
-long VxCompoundStorage::createTemporary(bool /*flag*/) { return STG_E_INVALIDFUNCTION; }
+long VxCompoundStorage::createTemporary(bool /*rootFlag*/) { return STG_E_INVALIDFUNCTION; }
 
 long VxCompoundStorage::borrowPackedData(VxStorage* /*source*/) { return STG_E_INVALIDFUNCTION; }
 

@@ -2,8 +2,8 @@
 
 #include "storage/tree/storage_item.h"
 
-/// Compound files: nodes of the system's structured storage. Roots are opened or wrapped around a caller's
-/// interface, never made: new files are packages.
+/// Storages of a compound file, behind which the system's structured storage stands. A root is opened, or
+/// wrapped around a caller's interface, but never created: new files are packages.
 class VxCompoundStorage final : public VxStorage {
 public:
     /// A closed root for the file at `path`; without a path for a caller's interface.
@@ -11,14 +11,14 @@ public:
 
     /// Whether a caller's interface says that it is for reading only.
     static bool isOnlyForReading(IStorage* storage);
-    /// Makes `storage` the node's interface.
+    /// Sets `storage` as the item's interface, which opens it.
     void attach(IStorage* storage, bool readOnly);
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
     void close() override;
     bool retryAfterFailure(HRESULT status) override;
     bool hasChild(const SharedPathName& name, StorageType type) override;
-    long createTemporary(bool flag) override;
+    long createTemporary(bool rootFlag) override;
     long borrowPackedData(VxStorage* source) override;
     /// The times of the root's file.
     bool getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) override;

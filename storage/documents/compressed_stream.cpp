@@ -1,3 +1,7 @@
+// Three readers stand one on the other: a stream of a document or of the caller, the same as a byte stream
+// (raw_), and the inflating reader over that. Which one answers a call depends on whether inflating has
+// begun. Positions are those of the stored bytes, because nobody knows the inflated length before the end.
+
 #include "io/gzip_reader.h"
 
 #include <vexel/compressed_stream.h>

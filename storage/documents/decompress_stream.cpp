@@ -1,3 +1,6 @@
+// Whether a stream is gzip shows only when it has been inflated to its end. So the bytes are written as they
+// come, and taken back when the source turns out to be something else.
+
 #include "io/com_stream.h"
 #include "io/gzip_reader.h"
 

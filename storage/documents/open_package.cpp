@@ -1,3 +1,7 @@
+// Whole files as COM storages, without items and handles. Callers in C know no exceptions, and a compound
+// file goes to the system by other functions here than behind the handles; it is looked at all the same
+// before.
+
 #include "archive/szip_storage.h"
 #include "base/status_guard.h"
 #include "storage/compound/compound_check.h"

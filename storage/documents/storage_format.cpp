@@ -1,3 +1,6 @@
+// The first six bytes decide, without opening the file as either format: the question is asked often, and of
+// files that are neither.
+
 #include "base/handles.h"
 #include "base/last_error.h"
 

@@ -1,3 +1,7 @@
+// Packages come first because new files are packages, and because reading one says at once whether a file is
+// none. A file that others hold may be a compound file, too, although the package could not be read: that is
+// the second status that leads to the other format.
+
 #include "storage/handles/root_factory.h"
 
 #include "base/platform.h"

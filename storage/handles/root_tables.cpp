@@ -1,3 +1,8 @@
+// Roots are found by path and by the kind of opener, so that one file is read once. Everything that opens or
+// makes a root by its path happens under the one lock: two threads that open one path must get one root, and
+// the system must not be asked for one file twice at the same time. What is out of use is moved out of the
+// table first and destroyed last, when nobody is on the way through the table any more.
+
 #include "storage/handles/root_tables.h"
 
 #include "base/platform.h"
@@ -114,6 +119,8 @@ bool RootTables::deleteUnusedObjects() {
     return sweep(doomedRoots, doomedWrapped);
 }
 
+// A root that handles are still on leaves the tables but lives on for them; its path opened again afterwards
+// gets a root of its own.
 void RootTables::clearAll() {
     Wrapped doomedWrapped;
     const auto lock = lockTables(lock_);
@@ -146,7 +153,8 @@ ItemRef<VxStorage> RootTables::findRoot(const RootKey& key) {
     return {};
 }
 
-/// Opens an existing file for writing for a moment.
+/// Opens an existing file for writing for a moment. The system tells best why that cannot be done; reading it
+/// as a package or compound file first would give a status about its contents.
 long RootTables::probe(const SharedPathName& path) {
     const auto call = [&] { return platform().probeForWriting(path.asString()); };
     DWORD error = call();
@@ -163,7 +171,7 @@ ItemRef<VxStorage> RootTables::open(const SharedPathName& path, const RootOption
     }
     const auto open = [&](VxStorage& root) { return root.open(options.readOnly, options.rootFlag); };
     if (options.keyed) {
-        // Unused nodes of the root that other openers share may hold what the file is wanted for.
+        // Unused items of the root that other openers share may hold what the file is wanted for.
         if (const auto unkeyed = roots_.find({path, false}); unkeyed != roots_.end())
             unkeyed->second->deleteUnusedObjects(false);
     }

@@ -1,3 +1,6 @@
+// Handles hold one reference on an item and hand calls on to it. What they add is the answer for a null
+// handle, and exhausted memory as a status.
+
 #include "base/status_guard.h"
 #include "storage/handles/named_child.h"
 #include "storage/handles/root_tables.h"
@@ -16,7 +19,7 @@ using Vexel::Detail::rootTables;
 using Vexel::Detail::withName;
 using Vexel::Detail::withStatus;
 
-// Where a node is let go of, name and parent are kept by copy: the name may be that node's, and the handle
+// Where an item is let go of, name and parent are kept by copy: the name may be that item's, and the handle
 // its own parent.
 
 StorageRef::StorageRef(IStorage* storage) : item_(rootTables().wrap(storage).detach()) {}
@@ -42,11 +45,11 @@ StorageRef::~StorageRef() { close(); }
 
 StorageRef StorageRef::fromPtr(IStorage* storage) { return storage ? StorageRef(storage) : StorageRef(); }
 
-long StorageRef::open(const SharedPathName& path, RootStorageOpenMode mode, bool flag) {
+long StorageRef::open(const SharedPathName& path, RootStorageOpenMode mode, bool rootFlag) {
     return withStatus([&, kept = path] {
         close();
         long status = E_FAIL;
-        item_ = rootTables().open(kept, rootOptions(mode, flag), status).detach();
+        item_ = rootTables().open(kept, rootOptions(mode, rootFlag), status).detach();
         return status;
     });
 }
@@ -106,11 +109,11 @@ long StorageRef::create(const CStringW& name, const StorageRef& parent, bool rep
                     [&](const SharedPathName& kept) { return create(kept, parent, replace); });
 }
 
-long StorageRef::createTemporary(bool flag) {
+long StorageRef::createTemporary(bool rootFlag) {
     return withStatus([&] {
         close();
         long status = E_FAIL;
-        item_ = rootTables().createTemporary(status, flag).detach();
+        item_ = rootTables().createTemporary(status, rootFlag).detach();
         return status;
     });
 }

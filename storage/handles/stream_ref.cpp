@@ -1,3 +1,7 @@
+// A stream's handle is two things: a handle like the other, and a byte stream over the item's COM stream. The
+// second half looks up the interface anew in every call, under the lock of the root, because the item may
+// have been closed and opened again meanwhile.
+
 #include "base/status.h"
 #include "base/status_guard.h"
 #include "io/com_stream.h"
@@ -31,10 +35,10 @@ unsigned long long sizeOf(::IStream& stream) {
 
 } // namespace
 
-// A name is kept by copy where a node is let go of: it may be the name of that node.
+// A name is kept by copy where an item is let go of: it may be the name of that item.
 //
 // What moves bytes or positions holds the root's lock from the look at the interface on: another thread may
-// reopen the node.
+// reopen the item.
 
 StreamRef::StreamRef(const StreamRef& other) noexcept : item_(ItemRef<VxStream>(other.item_).detach()) {}
 
@@ -202,7 +206,7 @@ unsigned long long StreamRef::Seek(SeekPosition origin, long long offset) {
     constexpr unsigned long long highestSafe = 0xFFFFFFFF;
     if (format() != StorageFormat::CompoundFile || reached <= highestSafe || reached <= size())
         return reached;
-    // Asked for anew: the clean-up behind a size that cannot be asked lets others reopen the node.
+    // Asked for anew: the clean-up behind a size that cannot be asked lets others reopen the item.
     Vexel::Detail::seek(stream(), STREAM_SEEK_SET, static_cast<long long>(before), reached);
     return before;
 }

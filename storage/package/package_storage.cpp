@@ -1,3 +1,6 @@
+// What a package needs beyond what SZipStorage offers as a COM storage: temporary roots, whose file goes with
+// them, borrowing packed data, removing all children at once, and giving memory back.
+
 #include "storage/package/package_storage.h"
 
 #include "archive/szip_storage.h"
@@ -66,7 +69,7 @@ bool VxNativePackage::hasChild(const SharedPathName& name, StorageType type) {
            type == (item->isDirectory() ? StorageType::Storage : StorageType::Stream);
 }
 
-long VxNativePackage::createTemporary(bool flag) {
+long VxNativePackage::createTemporary(bool rootFlag) {
     close();
     const long status = makeTemporary();
     if (FAILED(status)) {
@@ -75,7 +78,7 @@ long VxNativePackage::createTemporary(bool flag) {
     }
     readOnly_ = false;
     temporary_ = true;
-    rootFlag_ = flag;
+    rootFlag_ = rootFlag;
     return status;
 }
 

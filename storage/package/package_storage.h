@@ -6,8 +6,8 @@ namespace Vexel::Storage {
 class SZipStorage;
 } // namespace Vexel::Storage
 
-/// Packages: nodes of a 7z archive, reached as storages and streams. For what those cannot express, the
-/// archive behind them is asked by the node's path in it.
+/// Storages of a package, behind which an archive stands as COM storages and streams (SZipStorage). For what
+/// those interfaces cannot express, the archive itself is asked, by the element's path in it.
 class VxNativePackage final : public VxStorage {
 public:
     /// A closed root for the file at `path`, which need not be there; without a path for a temporary root.
@@ -18,13 +18,14 @@ public:
     ~VxNativePackage() override;
 
     StorageFormat format() const noexcept override { return StorageFormat::Package; }
-    /// Also gives back the memory of contents that nobody holds, unless another thread is busy with them.
+    /// Also gives back the memory of contents that nobody holds, unless another thread is busy with the
+    /// archive.
     bool deleteUnusedObjects(bool keepObjects) override;
     /// A temporary root that is not used any more gives its file back, too.
     void close() override;
     bool hasChild(const SharedPathName& name, StorageType type) override;
     /// In a temporary file if the container says so, else in memory; the root is named after it.
-    long createTemporary(bool flag) override;
+    long createTemporary(bool rootFlag) override;
     /// 1 when the packed data can be had from then on, 0 when not. STG_E_INVALIDPARAMETER: the source is no
     /// open package.
     long borrowPackedData(VxStorage* source) override;
@@ -41,7 +42,7 @@ private:
     VxNativePackage(SharedPathName name, VxStorage* parent, VxStorageItem* root)
         : VxStorage(std::move(name), parent, root) {}
 
-    /// The interface; null while the node is closed.
+    /// The interface; null while the item is closed.
     Vexel::Storage::SZipStorage* package() const noexcept;
     long makeTemporary();
     long openArchive(DWORD stgm, bool silentDiscard);

@@ -1,3 +1,6 @@
+// A property set is read whole, changed in memory and written whole. When writing fails in the middle, the
+// old bytes are put back, or the next commit would make half a set permanent.
+
 #include "base/status_guard.h"
 #include "storage/properties/property_set.h"
 #include "storage/tree/element_name.h"

@@ -1,3 +1,7 @@
+// Sections and properties both are pieces of a whole that a table of offsets points at, in any order and with
+// gaps. Such a whole is cut at the offsets and joined again in the same order, each piece at the same place
+// within its four bytes, so that what was not changed keeps its bytes.
+
 #include "storage/properties/property_bytes.h"
 
 #include <algorithm>

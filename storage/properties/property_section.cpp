@@ -30,7 +30,9 @@ struct Name {
     ByteView text;
 };
 
-/// Nothing when the list is damaged.
+/// The list of names: their number (4 bytes), then for each the property's number (4), the number of
+/// characters, the final zero included (4), and the text. Wide text is padded to four bytes, narrow text is
+/// not. Nothing when the list is damaged; the last entry may lack its padding.
 std::optional<std::vector<Name>> splitNames(ByteView bytes, bool isWide) {
     std::optional names = std::vector<Name>();
     std::size_t at = 4;

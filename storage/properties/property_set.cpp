@@ -52,6 +52,7 @@ ByteView sectionAt(ByteView bytes) noexcept {
 
 } // namespace
 
+// Looks only at the set that is asked for: the other one in the stream may be damaged.
 std::optional<ByteView> findSection(ByteView stream, REFFMTID format) {
     const std::uint32_t count = countSets(stream);
     if (count == 0)
@@ -66,6 +67,7 @@ std::optional<ByteView> findSection(ByteView stream, REFFMTID format) {
     return ByteView();
 }
 
+// For writing, all sets must be sound, since all of them move.
 bool PropertyStream::split(ByteView stream) {
     const std::uint32_t count = countSets(stream);
     if (count == 0)
@@ -95,6 +97,8 @@ ByteView PropertyStream::section(REFFMTID format) const noexcept {
                : sectionAt(blocks_.list[static_cast<std::size_t>(at - formats_.begin())].bytes);
 }
 
+// What stands behind a section, up to the next one, belongs to nobody and stays behind it. A set that is new
+// can only join the one stream that holds two: the document summary, and behind it the user's own properties.
 bool PropertyStream::put(REFFMTID format, std::vector<unsigned char>&& section) {
     if (const auto at = std::ranges::find(formats_, format); at != formats_.end()) {
         Block& block = blocks_.list[static_cast<std::size_t>(at - formats_.begin())];

@@ -1,3 +1,7 @@
+// Values of the types that are known, from bytes to PROPVARIANT and back. What a value claims to hold is held
+// against the bytes that are there before memory is taken. Memory comes from the allocator from which
+// PropVariantClear frees.
+
 #include "storage/properties/property_values.h"
 
 #include "base/task_memory.h"
@@ -99,6 +103,8 @@ class ValueReader {
 public:
     ValueReader(ByteView bytes, UINT codePage) noexcept : bytes_(bytes), codePage_(codePage) {}
 
+    /// A value of a type that is not known is no damage: it is passed on as empty, and left as it is by
+    /// writing.
     enum class Result { Read, Unknown, Damaged };
 
     Result read(PROPVARIANT& value) {
@@ -171,6 +177,9 @@ private:
         return value.pwszVal != nullptr;
     }
 
+    /// Elements without padding and elements padded to four bytes both occur, and nothing says which these
+    /// are. So both are tried, the usual one first: read the wrong way, the next element's size or type makes
+    /// no sense.
     Result readVector(std::uint32_t element, PROPVARIANT& value) {
         std::uint32_t count = 0;
         if (!takeNumber(count))
@@ -292,7 +301,7 @@ bool encodeClip(const CLIPDATA* clip, std::vector<unsigned char>& bytes) {
     return clip->cbSize == 4 || clip->pClipData;
 }
 
-/// All but vectors.
+/// All but vectors. Texts of every kind are written as wide text, so that no code page can lose a character.
 bool encodeSingle(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
     if (isText(value.vt)) {
         const auto text = textOf(value);
@@ -354,6 +363,7 @@ bool encodeVector(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
     return true;
 }
 
+/// The text up to its first zero: sizes count the zero at the end.
 CStringW wideText(ByteView bytes) {
     std::wstring text(bytes.size() / sizeof(wchar_t), L'\0');
     std::memcpy(text.data(), bytes.data(), text.size() * sizeof(wchar_t));
@@ -384,6 +394,7 @@ bool encodeValue(const PROPVARIANT& value, std::vector<unsigned char>& bytes) {
     return isWritten;
 }
 
+// The published format has these types only from version 1 on.
 bool isNewerValue(const PROPVARIANT& value) noexcept {
     const auto isNewer = [](const PROPVARIANT& one) {
         const int type = one.vt & VT_TYPEMASK;

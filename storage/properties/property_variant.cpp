@@ -1,3 +1,6 @@
+// An owner around the system's record, which the system copies and frees. The conversions read the value and
+// never change its type.
+
 #include "base/task_memory.h"
 #include "storage/properties/property_values.h"
 

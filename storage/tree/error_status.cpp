@@ -1,3 +1,6 @@
+// Errors of the standard library as statuses. Those of the system's category keep their code; a portable
+// condition gets the code of the storage facility that says the same.
+
 #include "storage/tree/error_status.h"
 
 #include <utility>

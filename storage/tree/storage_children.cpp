@@ -1,3 +1,6 @@
+// The table of children: finding an item, making it when it is missing, and taking it out again when nothing
+// came of it. An item is only destroyed when it is out of use and its table says so, under the root's lock.
+
 #include "storage/tree/compound_name.h"
 #include "storage/tree/storage_item.h"
 
@@ -31,7 +34,7 @@ bool VxStorage::hasChild(const SharedPathName& name, StorageType type) {
                                         : static_cast<VxStream&>(*child->second).isOpen();
 }
 
-/// The child's item, made when there is none in the table. For creating, a node that is open without being
+/// The child's item, made when there is none in the table. For creating, an item that is open without being
 /// used is closed. One with handles below it stays open: what they wrote and nobody committed yet would go.
 template <class Child>
 HRESULT VxStorage::findOrMake(const SharedPathName& name, Purpose purpose, ItemRef<Child>& child,

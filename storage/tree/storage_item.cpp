@@ -1,3 +1,6 @@
+// What all items have in common: counting references, here and on the root, and the second attempt after a
+// clean-up.
+
 #include "storage/tree/storage_item.h"
 
 using Vexel::Detail::RootLock;

@@ -19,20 +19,21 @@
 #include <memory>
 #include <vector>
 
-/// The tree of items behind the handles: a VxStorage for each storage node and a VxStream for each stream
-/// node that is or was open. Each storage keeps a table of its children's items, so that one node is never
-/// two objects. The logic here is common to all formats and speaks to the nodes through COM; a backend
-/// derives from these classes and supplies the interfaces and the factories.
+/// The tree of items behind the handles. An item is the object in memory that stands for one element of an
+/// open file: a VxStorage for a storage, a VxStream for a stream. It is made when its element is first opened
+/// or created. Each storage keeps a table of its children's items, so that one element never has two. The
+/// logic here is common to all formats and reaches the element through the COM interface that an open item
+/// holds; a backend derives from these classes and supplies the interfaces and the factories.
 ///
-/// Life of an item. A factory makes it closed; it is opened and closed any number of times; it is destroyed
-/// by its parent's clean-up, by destroyChild, or to make way for a child of the other type, a root by the
-/// container. Only the reference count keeps it alive, and a storage is in use as long as it has children.
-/// The order of the virtual functions is part of the contract between the backends.
+/// Life of an item. A factory makes it closed. It is opened and closed any number of times. A root is
+/// destroyed by the container; any other item by its parent's clean-up, by destroyChild, or to make way for a
+/// child of the other type. Only the reference count keeps an item alive, and a storage is in use as long as
+/// it has children. The order of the virtual functions is part of the contract between the backends.
 ///
-/// Threads. Counts, names and the marks for reading may be asked on any thread. All else is done under the
-/// lock of the root (tree_lock.h), which the functions take themselves; the backends' are called with it.
-/// While a failed call waits for its clean-up the lock is let go of: nodes may be closed by then, and a node
-/// that was to be opened may be open.
+/// Threads. Reference counts, names and `readOnly` may be asked on any thread. Everything else is done under
+/// the lock of the root (tree_lock.h). The functions here take it themselves; the backends' functions are
+/// called with it held. While a failed call waits for its clean-up the lock is released: afterwards items may
+/// be closed, and an item that was to be opened may be open already.
 class VxStorageItem {
 public:
     VxStorageItem(const VxStorageItem&) = delete;
@@ -41,28 +42,28 @@ public:
     virtual ~VxStorageItem() = default;
     virtual StorageType type() const noexcept = 0;
     virtual StorageFormat format() const noexcept = 0;
-    /// Closes what no handle uses, at and below this item, and frees the items below; with `keepObjects` the
-    /// items stay in their tables. Returns whether anything was freed.
+    /// Closes the items at and below this one that no handle uses, and frees those below; with `keepObjects`
+    /// they stay in their tables. Returns whether anything was freed.
     virtual bool deleteUnusedObjects(bool keepObjects);
-    /// Closes the node and what is open below it; the items stay.
+    /// Closes this item and all that are open below it; none of them is freed.
     virtual void close();
     virtual bool isUsed() const;
-    /// These two open a closed node first, for reading.
+    /// Commits the element's changes. A closed item is opened for reading first, as it is by `stat`.
     virtual long commit() = 0;
-    /// The node's times; either pointer may be null.
+    /// Tells the element's times; either pointer may be null.
     virtual long stat(FILETIME* created, FILETIME* modified) = 0;
-    /// Whether a call that failed with `status` deserves one more attempt: memory, file handles or, below the
-    /// root, sharing ran out, and a clean-up freed something. Runs that clean-up, without this thread's locks
-    /// of roots.
+    /// Whether a call that failed with `status` deserves one more attempt. It does when it failed for want of
+    /// memory or file handles, or below the root for a conflict over sharing or access, and a clean-up freed
+    /// something. This function runs that clean-up, after releasing this thread's locks of roots.
     virtual bool retryAfterFailure(HRESULT status);
 
     /// An item's reference counts on its root too. Both return the item's new count.
     int addRef() noexcept;
     int release() noexcept;
     bool referenced() const noexcept { return references_.load() != 0; }
-    /// Drops a handle's reference and, for a compound file, what the handle kept open: the item when it is
-    /// out of use now; the whole root, with the file, when this was the last reference to any of its nodes.
-    /// The item may be gone afterwards.
+    /// Drops a handle's reference. In a compound file this closes what the handle kept open: the item, when
+    /// nothing uses it now; the whole root, with the file, when this was the last reference to any of its
+    /// items. The item may be gone afterwards.
     void releaseHandle() noexcept;
 
     /// A root's is the path of its file.
@@ -72,13 +73,14 @@ public:
     bool readOnly() const noexcept { return readOnly_; }
     const std::shared_ptr<Vexel::Detail::RootLock>& rootLock() const noexcept { return root_->lock_; }
 
-    /// `call`, and once more if this item finds the failure worth it. S_OK or a failure.
+    /// Makes `call`, and makes it once more if it failed and retryAfterFailure allows that. Returns S_OK or a
+    /// failure.
     template <class Call>
     HRESULT callTwice(Call call) {
         const HRESULT status = Vexel::Detail::outcomeOf(call());
         return FAILED(status) && retryAfterFailure(status) ? Vexel::Detail::outcomeOf(call()) : status;
     }
-    /// The same for exhausted memory and file handles only: a conflict with others is no reason.
+    /// The same, but only exhausted memory or file handles are a reason for a second attempt.
     template <class Call>
     HRESULT callTwiceIfExhausted(Call call) {
         const HRESULT status = Vexel::Detail::outcomeOf(call());
@@ -91,11 +93,11 @@ protected:
     /// `parent` is null for a root, which is its own `root` then.
     VxStorageItem(SharedPathName name, VxStorage* parent, VxStorageItem* root);
 
-    /// In the inside of opening and making nodes: nothing was done, for another thread has opened the node
-    /// meanwhile.
+    /// What the inner functions of opening and creating return when another thread has opened the item while
+    /// a clean-up ran: nothing was done then.
     static constexpr HRESULT openedMeanwhile = STG_E_FILEALREADYEXISTS;
 
-    /// The root's; may be null.
+    /// The keeper of the root; may be null.
     const Vexel::Detail::RootKeeper* keeper() const noexcept { return root_->keeper_; }
 
     SharedPathName name_;
@@ -125,61 +127,65 @@ public:
 
     // For the backends, in the order of their slots.
 
-    /// Whether there is such a child; here, whether one of that very type stands in the table and is open: an
-    /// item that is closed may have outlived its element. Backends look in the file too and take
-    /// StorageType(0) for either type.
+    /// Whether there is a child of this name and type. This implementation answers whether one of that very
+    /// type stands in the table and is open, for a closed item may have outlived its element. Backends look
+    /// in the file too, and take StorageType(0) for either type.
     virtual bool hasChild(const SharedPathName& name, StorageType type);
     /// Makes a new temporary file of an unnamed root.
-    virtual long createTemporary(bool flag) = 0;
+    virtual long createTemporary(bool rootFlag) = 0;
     virtual long borrowPackedData(VxStorage* source) = 0;
     virtual bool getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) = 0;
-    /// Factories of closed children, which are not in the table yet.
+    /// Factories: they make children that are closed and not yet in the table.
     virtual std::unique_ptr<VxStorage> newChildStorage(const SharedPathName& name) = 0;
     virtual std::unique_ptr<VxStream> newChildStream(const SharedPathName& name) = 0;
     virtual std::unique_ptr<VxStorageEnumerator> createEnumerator() = 0;
     virtual long clear() = 0;
-    /// Make or open the root file with these STGM flags, and set the interface, which a failure leaves null.
-    /// `reserved` is 0. `openedMeanwhile`, and nothing changed, when there is one after a clean-up.
+    /// These two make and open a root's file with these STGM flags. On success they set the interface; on
+    /// failure it stays null. `reserved` is 0. They return `openedMeanwhile`, and change nothing, when the
+    /// root has an interface after a clean-up.
     virtual long createRoot(DWORD stgm, DWORD reserved) = 0;
     virtual long openRoot(DWORD stgm) = 0;
 
-    /// The node's interface, borrowed; opens a closed node for reading. Null when that fails.
+    /// The item's interface, borrowed. A closed item is opened for reading; when that fails, the result is
+    /// null.
     IStorage* storage();
     bool isOpen() const noexcept { return storage_ != nullptr; }
-    /// Opens a closed node for reading.
+    /// Opens a closed item for reading; an open one stays as it is.
     long ensureOpen();
 
-    /// Opens the node and the storages above it. An open node stays as it is, unless it is open for reading
-    /// and now wanted for writing: then it is closed, with all below it, and opened again; streams below it
-    /// that are used again go on where they were. `rootFlag` is kept
-    /// with a root for the application. A failure, exhausted memory included, leaves the node closed.
+    /// Opens the item and the storages above it. An open item stays as it is, unless it is open for reading
+    /// and is now wanted for writing: then it is closed, with all below it, and opened again; streams below
+    /// it that are used afterwards go on where they were. `rootFlag` is kept with a root for the application.
+    /// A failure, exhausted memory included, leaves the item closed.
     long open(bool readOnly, bool rootFlag);
-    /// Makes the node's element, or a root's file. `convert` is for roots: with the contents of what stands
-    /// there. `replace` is for children: an element of the name is removed first. STG_E_FILEALREADYEXISTS
-    /// when a handle has the node open.
+    /// Makes the item's element, or a root's file. `convert` is for roots: the new file takes over the
+    /// contents of the one that stands there. `replace` is for children: an element of the name is removed
+    /// first. STG_E_FILEALREADYEXISTS when a handle has the item open.
     long create(bool convert, bool readOnly, bool replace);
 
-    // Children. The result carries a reference; it is null, and `status` (which may be null) a failure, when
-    // the child cannot be had. STG_E_INVALIDPARAMETER while a child of the other type uses the name.
+    // Children. On success the result carries a reference. When the child cannot be had, the result is null
+    // and `status` (a pointer that may be null) receives the failure: STG_E_INVALIDPARAMETER while a child of
+    // the other type uses the name.
 
-    /// With `lazy` the child is made known but not opened.
+    /// With `lazy` the child's item is entered in the table but not opened.
     ItemRef<VxStorage> openChildStorage(const SharedPathName& name, bool readOnly, bool lazy,
                                         HRESULT* status);
     ItemRef<VxStream> openChildStream(const SharedPathName& name, bool readOnly, bool lazy, HRESULT* status);
     ItemRef<VxStorage> createChildStorage(const SharedPathName& name, HRESULT* status, bool replace);
     ItemRef<VxStream> createChildStream(const SharedPathName& name, HRESULT* status);
 
-    /// Removes the element `name`. STG_E_INUSE, and the file untouched, while the child is in use.
+    /// Removes the element `name`. While the child is in use, the result is STG_E_INUSE and the file stays
+    /// untouched.
     long destroyChild(const SharedPathName& name);
 
-    // For whoever keeps roots, and sets them up.
+    // For the keeper of roots, which sets them up.
 
     void setKeeper(Vexel::Detail::RootKeeper& keeper) noexcept { keeper_ = &keeper; }
     bool keyed() const noexcept { return keyed_; }
     void setKeyed(bool keyed) noexcept { keyed_ = keyed; }
     bool rootFlag() const noexcept { return rootFlag_; }
     bool holdOpen() const noexcept { return holdOpen_; }
-    /// Whether its file goes with it.
+    /// Whether the root's file, if it has one, is deleted with it.
     bool temporary() const noexcept { return temporary_; }
 
 protected:
@@ -190,7 +196,7 @@ protected:
     bool holdOpen_;      // a child of "FileLinks": deleteUnusedObjects(true) does not close it
     bool keyed_ = false; // a root that keeps writers out while it is open for reading; until it is closed
     bool rootFlag_ = false;
-    bool temporary_ = false; // a root whose file, if it has one, goes with it
+    bool temporary_ = false; // a root whose file, if it has one, is deleted with it
 
 private:
     friend class VxStream;
@@ -227,19 +233,20 @@ public:
     long stat(FILETIME* created, FILETIME* modified) override;
     virtual StreamCompression compression() const noexcept;
 
-    /// The node's interface, borrowed; opens a closed node for reading. Null when that fails.
+    /// The item's interface, borrowed. A closed item is opened for reading; when that fails, the result is
+    /// null.
     ::IStream* stream();
     bool isOpen() const noexcept { return stream_ != nullptr; }
 
-    /// Opens the node, or rewinds it when it is open; for writing it is emptied, and a node that was open for
-    /// reading reopens its parent for writing. A failure leaves the node closed.
+    /// Opens the item, or rewinds it when it is open. For writing the stream is emptied, and an item that was
+    /// open for reading reopens its parent for writing. A failure leaves the item closed.
     long open(bool readOnly);
-    /// Makes the node's element, empty, in place of one that stands there. STG_E_FILEALREADYEXISTS when a
-    /// handle has the node open.
+    /// Makes the item's element, empty, in place of one that stands there. STG_E_FILEALREADYEXISTS when a
+    /// handle has the item open.
     long create();
 
     long setSize(unsigned long long size);
-    /// In bytes; 0 when it cannot be asked.
+    /// The size in bytes; 0 when it cannot be asked.
     unsigned long long size();
 
 protected:
@@ -263,8 +270,8 @@ private:
     unsigned long long resumeAt_ = 0; // where a stream goes on that was closed for its parent's reopening
 };
 
-/// Lists the children of a storage as the file has them at the beginning. So the listing outlives whatever
-/// becomes of the storage, and keeps nothing of it open.
+/// Lists the children that a storage has in the file when the listing begins. All of them are read then, so
+/// that the listing holds whatever becomes of the storage, and keeps nothing of it open.
 class VxStorageEnumerator {
 public:
     VxStorageEnumerator() = default;
@@ -274,11 +281,12 @@ public:
     virtual ~VxStorageEnumerator();
     virtual StorageFormat format() const noexcept = 0;
 
-    /// Begins a listing, opening the storage when it is closed. A failure in the middle is `moveNext`'s.
+    /// Begins a listing, opening the storage when it is closed. A failure in the middle of the list is not
+    /// reported here: `moveNext` meets it after the children that were read.
     long reset(VxStorage* storage);
-    /// Steps to the next storage or stream; false at the end and where reading the list failed.
+    /// Steps to the next storage or stream. False at the end, and where reading the list failed.
     bool moveNext();
-    /// S_OK, S_FALSE at the end, or the failure.
+    /// S_OK, S_FALSE after the last child, or the failure that ended the list.
     HRESULT status() const noexcept { return status_; }
 
     StorageType type() const noexcept { return entry_.type; }

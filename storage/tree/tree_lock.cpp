@@ -1,3 +1,7 @@
+// A thread knows which roots it has locked by a list of its TreeLock objects, which lie on its stack. So a
+// function may take the lock that its caller has already, and a clean-up can give all of them back for its
+// time and take them again in their order.
+
 #include "storage/tree/tree_lock.h"
 
 #include "base/process_end.h"

@@ -11,7 +11,7 @@ class VxStorageItem;
 /// The locks of the storage layer, in the order in which a thread takes them:
 ///
 ///  1. the container's, over its tables (recursive; storage/handles/root_tables.h);
-///  2. a root's, over the whole tree below it: the tables of children, the state of the nodes, and the
+///  2. a root's, over the whole tree below it: the tables of children, the state of the items, and the
 ///     system's interfaces and the archive behind them. Of two roots the one with the lower lock comes first;
 ///  3. an archive's, one of its items', and an item's contents' (archive/).
 ///

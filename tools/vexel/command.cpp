@@ -1,3 +1,6 @@
+// Commands register themselves before main begins, in a list that needs no memory, so that a new command is a
+// new file and nothing else.
+
 #include "command.h"
 
 #include "console.h"

@@ -1,3 +1,6 @@
+// A console takes UTF-16 and anything else takes UTF-8: pipes and files get bytes that do not depend on the
+// code page. A reader that has gone away ends the program without a message.
+
 #include "console.h"
 
 #include "failure.h"
@@ -41,6 +44,7 @@ bool writeConsole(HANDLE handle, std::wstring_view text) noexcept {
     return true;
 }
 
+// A reader that has seen enough closes the pipe; which of these errors that gives depends on the moment.
 [[noreturn]] void failToWrite() {
     const DWORD error = GetLastError();
     if (error == ERROR_BROKEN_PIPE || error == ERROR_NO_DATA || error == ERROR_PIPE_NOT_CONNECTED)
@@ -70,6 +74,7 @@ void StandardOutput::text(std::string_view utf8) {
         flush();
 }
 
+// Contents go out as they are, behind the text that waits, and never through the console's conversion.
 void StandardOutput::bytes(std::span<const std::byte> data) {
     flush();
     const Progress::Hidden hidden(progress());

@@ -1,3 +1,6 @@
+// Walking a document without recursion, since its depth comes from the file, and with an end for every
+// damage: a level limit, and no more nodes than the file can hold.
+
 #include "document.h"
 
 #include "console.h"
@@ -127,6 +130,8 @@ StorageRef Document::openStorage(const NodePath& path) const {
     return storage;
 }
 
+// All storages on the way are returned, since each has to be held until it is committed: closing one would
+// lose its changes.
 std::vector<StorageRef> Document::openForWriting(const NodePath& path, bool create) const {
     std::vector<StorageRef> storages{root_};
     for (std::size_t i = 0; i < path.elements().size(); ++i) {
@@ -160,12 +165,15 @@ StreamRef Document::openStream(const NodePath& path, const StorageRef& parent) c
     return stream;
 }
 
+// The library's status for a node that shares its block with others is a general one. Here it is given the
+// words, and the status by which `verify` tells it from damage.
 void Document::checkUnpacking(HRESULT status, std::wstring_view what, const NodePath& path) const {
     if (status == STG_E_INVALIDFUNCTION && root_.format() == StorageFormat::Package)
         throw Failure(L"packed in one block with other nodes:", label(path), E_NOTIMPL);
     check(status, what, label(path));
 }
 
+// Asks for no more than the size tells, and for all of it: damaged streams end early without an error.
 void Document::read(StreamRef& stream, const NodePath& path,
                     const std::function<void(std::span<const std::byte>)>& sink) const {
     std::vector<std::byte> buffer(kChunkSize);
@@ -228,6 +236,8 @@ void Document::walk(const NodePath& start, const Visitor& visitor, const FaultHa
     }
 }
 
+// From the inside to the outside, as compound files want it: there only the root's commit brings anything
+// into the file.
 void Document::commit(const std::vector<StorageRef>& storages, const NodePath& innermost,
                       std::size_t outer) const {
     progress().begin(L"writing");

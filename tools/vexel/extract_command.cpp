@@ -1,3 +1,6 @@
+// `vexel extract FILE DIR [NODE]`. A node that fails is reported and left out; only what the next node would
+// meet as well, a full disk, ends the command.
+
 #include "command.h"
 #include "document.h"
 #include "file_names.h"

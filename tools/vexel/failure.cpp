@@ -1,3 +1,6 @@
+// A failure is one line: what was being done, to which file and node, the status, and what that means in
+// words.
+
 #include "failure.h"
 
 #include "console.h"

@@ -1,3 +1,7 @@
+// Names of nodes as names of files and back. Encoding has to be undone by decoding for every name, and two
+// names must never become one file, on a file system that does not tell case apart and takes some names for
+// devices.
+
 #include "file_names.h"
 
 #include <windows.h>
@@ -67,7 +71,8 @@ std::optional<wchar_t> hexValue(std::wstring_view text, std::size_t digits) {
     return static_cast<wchar_t>(value);
 }
 
-// What tells siblings apart.
+// Without the number at the end that tells siblings apart. A "%" of a name is always encoded, so no name of a
+// node ends in such a number by itself.
 std::wstring_view withoutNumber(std::wstring_view fileName) {
     const std::size_t mark = fileName.rfind(L"%~");
     if (mark == std::wstring_view::npos || mark + 2 == fileName.size() ||
@@ -96,6 +101,7 @@ std::wstring fileNameOf(std::wstring_view nodeName) {
     return result.empty() ? L"%" : result;
 }
 
+// What is no encoding stands for itself: files need not have been written by `extract`.
 std::wstring nodeNameOf(std::wstring_view fileName) {
     std::wstring result;
     std::wstring_view rest = withoutNumber(fileName);

@@ -1,3 +1,5 @@
+// Paths beyond 260 characters, and a file that is made under another name and gets its own at the end.
+
 #include "file_paths.h"
 
 #include "failure.h"

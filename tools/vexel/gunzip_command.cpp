@@ -1,3 +1,6 @@
+// `vexel gunzip FILE NODE`. The library inflates what it can and only logs that the trailer does not agree;
+// so this command watches the log to know whether to fail.
+
 #include "command.h"
 #include "console.h"
 #include "document.h"

@@ -1,3 +1,6 @@
+// `vexel info FILE [--json]`. The facts are gathered first and printed last, so that a failure in the middle
+// prints nothing half.
+
 #include "base/handles.h"
 #include "command.h"
 #include "console.h"

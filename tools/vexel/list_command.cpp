@@ -1,3 +1,6 @@
+// `vexel list FILE [--json]`. Lines are printed as nodes are met; the JSON array is printed whole or not at
+// all.
+
 #include "command.h"
 #include "console.h"
 #include "document.h"

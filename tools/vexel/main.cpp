@@ -1,3 +1,6 @@
+// All commands end here: each kind of exception has its exit status, and what was begun has been taken back
+// by the destructors on the way.
+
 #include "command.h"
 #include "console.h"
 #include "failure.h"

@@ -1,3 +1,6 @@
+// Node paths are encoded as packages encode theirs, so that what `list` prints is the same for both formats
+// and any name can be given on a command line.
+
 #include "node_path.h"
 
 #include "failure.h"

@@ -1,3 +1,5 @@
+// The library does not tell the packed size, but the first bytes of the file do.
+
 #include "package_size.h"
 
 #include "failure.h"

@@ -1,3 +1,6 @@
+// A thread of its own draws the line, because the library may take long in one call. It is started with the
+// first phase and only for a terminal.
+
 #include "progress.h"
 
 #include "console.h"
@@ -66,6 +69,8 @@ std::wstring Progress::text() const {
            megabytes(total_) + L" MB)";
 }
 
+// The first line comes after a second, so that short commands show none. Each line is written over the one
+// before; what that had more is blanked.
 void Progress::show(const std::stop_token& stop) {
     using std::chrono_literals::operator""ms;
     std::unique_lock guard(lock_);

@@ -1,3 +1,7 @@
+// `vexel put FILE NODE [SOURCE]`. Everything is written before anything is committed. In a package the
+// archive is used directly, which keeps the time of the change; where that does not know the nodes as the
+// handles do, the handles are used.
+
 #include "command.h"
 #include "document.h"
 #include "failure.h"

@@ -1,3 +1,6 @@
+// What `put` reads: a file, or standard input. Reading standard input may wait for ever, and is the one place
+// where an interruption ends the process at once.
+
 #include "source.h"
 
 #include "console.h"

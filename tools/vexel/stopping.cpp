@@ -1,3 +1,7 @@
+// The system calls back on a thread of its own. It only leaves a mark, which the command looks at between two
+// steps; but while the command waits for input there are no steps, so then the process is ended from there.
+// The three states see to it that it is not ended while something is being taken back.
+
 #include "stopping.h"
 
 #include <windows.h>

@@ -1,3 +1,6 @@
+// Nothing is written outside the directory: names are encoded before they come here, and a link in the place
+// of a subdirectory is refused.
+
 #include "target_directory.h"
 
 #include "failure.h"

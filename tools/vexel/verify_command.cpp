@@ -1,3 +1,6 @@
+// `vexel verify FILE`. Faults go to standard output, as they are the answer. What this program cannot read is
+// told apart from damage and has an exit status of its own.
+
 #include "command.h"
 #include "console.h"
 #include "document.h"

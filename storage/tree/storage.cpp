@@ -1,3 +1,7 @@
+// Opening, making and closing storages. A call that fails for want of memory or handles is repeated after a
+// clean-up, during which the root's lock is released. So every call looks again, before each attempt, at what
+// it knew: the parent may be closed then, or this item open.
+
 #include "base/status_guard.h"
 #include "storage/tree/compound_name.h"
 #include "storage/tree/element_name.h"
@@ -57,6 +61,7 @@ void VxStorage::close() {
     VxStorageItem::close();
 }
 
+/// From the leaves up, so that a storage whose last child goes may go in the same pass.
 bool VxStorage::freeUnusedChildren(bool keepObjects) {
     bool freed = false;
     for (auto next = children_.begin(); next != children_.end();) {
@@ -142,6 +147,7 @@ long VxStorage::open(bool readOnly, bool rootFlag) {
     if (name_.empty())
         return STG_E_INVALIDPARAMETER;
     const HRESULT status = openRootOrInParent(readOnly);
+    // Opened for whatever another thread wanted it for, which may be reading only: all of it once more.
     if (isOpenedMeanwhile(status))
         return open(readOnly, rootFlag);
     if (FAILED(status))
@@ -215,7 +221,7 @@ long VxStorage::createInParent(bool readOnly, bool replace) {
         return status;
     if (!parent_->isOpen())
         return STG_E_INVALIDPARAMETER;
-    if (replace) {
+    if (replace) { // not from under handles on what is below
         freeUnusedChildren(false);
         if (!children_.empty())
             return STG_E_INVALIDPARAMETER;

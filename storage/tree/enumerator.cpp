@@ -1,3 +1,6 @@
+// The whole list is read when the listing begins: a list of the system's that is read bit by bit keeps the
+// storage in use, and may deliver anything once the storage has changed.
+
 #include "base/task_memory.h"
 #include "storage/tree/element_name.h"
 #include "storage/tree/storage_item.h"

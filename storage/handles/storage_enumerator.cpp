@@ -1,3 +1,6 @@
+// The handle on a listing. Unlike the other handles it owns its object alone; what a listing has read is in
+// VxStorageEnumerator (storage/tree/enumerator.cpp).
+
 #include "base/status_guard.h"
 #include "storage/tree/storage_item.h"
 

@@ -1,3 +1,6 @@
+// Opening, making and closing streams, with the same care as for storages (storage.cpp). A stream that was
+// closed because its storage was reopened for writing remembers where it stood and goes on there.
+
 #include "base/status.h"
 #include "storage/tree/compound_name.h"
 #include "storage/tree/storage_item.h"
@@ -70,7 +73,7 @@ long VxStream::setSize(unsigned long long size) {
 long VxStream::resize(unsigned long long size) {
     ULARGE_INTEGER wanted{};
     wanted.QuadPart = size;
-    // The clean-up before a second attempt may have closed the node, here and below.
+    // The clean-up before a second attempt may have closed the item, here and below.
     return callTwice([&] { return stream_ ? stream_->SetSize(wanted) : STG_E_INVALIDFUNCTION; });
 }
 
@@ -80,7 +83,7 @@ void VxStream::rememberPosition() {
         resumeAt_ = position.QuadPart;
 }
 
-// A closed node counts as open for reading, so that this never empties a stream.
+// A closed item counts as open for reading, so that this never empties a stream.
 long VxStream::ensureOpen() {
     if (stream_)
         return S_OK;
