@@ -138,11 +138,14 @@ private:
     /// A database that was read, with the items that it has. All that needs memory is done.
     struct Reading {
         Database database;
-        ItemMap added;
+        ItemMap added; ///< items that memory does not have, as their records describe them
+        /// Items that memory has, and their records.
         std::vector<std::pair<SZipArchiveItem*, unsigned>> records;
+        std::vector<unsigned> hidden; ///< records of added items that a later one describes, too
         std::vector<std::pair<const CString*, const SZipArchiveItem*>> parents; ///< that have items
         std::vector<unsigned> outOfReach; ///< records that no storage leads to
         bool contradictsMemory = false;   ///< a directory for one is a file for the other
+        std::size_t room = 0;             ///< bytes left for directories that are made up
     };
     /// What becomes of items in memory that the file contradicts.
     enum class Contradiction { FileHolds, Refused };
@@ -151,9 +154,14 @@ private:
     HRESULT openInput(Database& fresh);
     Reading match(Database fresh);
     void addParents(Reading& reading);
+    /// Makes up a directory and those above it, as far as they are missing. Whether storages lead to it.
+    bool addParents(Reading& reading, std::wstring_view directory);
     void takeOver(Reading&& reading) noexcept;
-    void tellOfAmbiguities(const Reading& reading) noexcept;
+    void noteHidden(unsigned record) noexcept;
+    void reportAmbiguities(const Reading& reading) noexcept;
     void logRecord(const wchar_t* format, unsigned record) const noexcept;
+    static void describeBy(const Engine::DatabaseStream& source, unsigned index,
+                           SZipArchiveItem& item) noexcept;
     void refresh(SZipArchiveItem& item, unsigned index) const noexcept;
     bool hasModifiedContents() const noexcept;
 

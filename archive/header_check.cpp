@@ -270,7 +270,8 @@ private:
 
     /// What is large is looked at while it is unpacked, and refused before it takes much memory.
     bool parsePacked(const HeaderStreams& streams, const PageBuffer& plain, HeaderUnpacker& unpacker) {
-        if (plain.size() <= kSmallHeader && !finishUnpacking(streams, plain, unpacker))
+        const bool isSmall = plain.size() <= kSmallHeader;
+        if (isSmall && !finishUnpacking(streams, plain, unpacker))
             return false;
         HeaderParser parser(plain.all(), headerOffset_, boundsFor(streams.firstPacked + header_.size()),
                             &unpacker);
@@ -280,7 +281,7 @@ private:
         const bool isParsed = parser.parseHeader() && parser.reader().waste(parser.reader().left());
         if (unpacker.fault() != HeaderFault::None)
             return refuseUnpacking(streams, unpacker);
-        return accept(parser, isParsed) && finishUnpacking(streams, plain, unpacker);
+        return accept(parser, isParsed) && (isSmall || finishUnpacking(streams, plain, unpacker));
     }
 
     bool finishUnpacking(const HeaderStreams& streams, const PageBuffer& plain, HeaderUnpacker& unpacker) {
