@@ -24,8 +24,9 @@ namespace {
 // memory instead of 1.03 times.
 constexpr UInt64 kMultiThreadedFrom = 0x100000;
 constexpr UInt64 kNoMemoryLimit = ~UInt64{0};
+/// What is unpacked from each packed byte at most: LZMA reaches about 7,100. A few bytes are not counted.
 constexpr UInt64 kMostExpansion = 8192;
-constexpr UInt64 kExpansionSlack = 0x10000;
+constexpr UInt64 kUncountedBytes = 8;
 /// With a dictionary above this, a decoder is given back at once.
 constexpr UInt32 kSmallDictionary = 0x1000000;
 
@@ -95,26 +96,23 @@ HRESULT checkFolder(const CDbEx& database, unsigned folder) {
     const FolderCoders coders(database, folder);
     if (!coders.isKnown())
         return E_NOTIMPL;
-    const UInt64 packed = database.GetFolderFullPackSize(folder);
-    const bool isPlausible = coders.largest() / kMostExpansion <= packed + kExpansionSlack / kMostExpansion;
-    return isPlausible ? S_OK : STG_E_READFAULT;
+    const UInt64 needed = coders.largest() / kMostExpansion;
+    return needed <= database.GetFolderFullPackSize(folder) + kUncountedBytes ? S_OK : STG_E_READFAULT;
 }
 
-DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, ISequentialOutStream* output) {
+DecodedFolder decodeFolder(const CDbEx& database, unsigned folder, InStreamBase& input,
+                           ISequentialOutStream* output) {
     DecodedFolder result;
-    ComPtr<InStreamBase> input;
-    result.status = source.openCursor(input);
-    if (result.status != S_OK)
-        return result;
-    result.isStarted = true;
-    result.status = input->failure().orElse(withEngine(
-        E_FAIL, [&] { return decode(source.database(), folder, input.Get(), output, result.dataAfterEnd); }));
+    const HRESULT status =
+        withEngine(E_FAIL, [&] { return decode(database, folder, &input, output, result.dataAfterEnd); });
+    result.status = input.failure().orElse(status);
     return result;
 }
 
-DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, DynamicBuffer& bytes) {
+DecodedFolder decodeFolder(const CDbEx& database, unsigned folder, InStreamBase& input,
+                           DynamicBuffer& bytes) {
     const auto output = Detail::adopt(new InMemoryOutStream(bytes));
-    DecodedFolder result = decodeFolder(source, folder, output.Get());
+    DecodedFolder result = decodeFolder(database, folder, input, output.Get());
     result.crc = output->crc();
     return result;
 }

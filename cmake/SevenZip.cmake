@@ -37,7 +37,6 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" OR CMAKE_CXX_COMPILER_ID STREQUAL "Clang
   target_compile_options(seven_zip PRIVATE -w -O2)
 endif()
 target_link_libraries(seven_zip PUBLIC oleaut32)
-# The copying coder takes a buffer from the system, page by page, for every single item; archive/copy_buffer.cpp keeps
-# it from one to the next.
+# The one change to the engine: its copying coder gets its buffer from archive/copy_buffer.cpp, which says why.
 set_source_files_properties(${VEXEL_7ZIP_SOURCE_DIR}/CPP/7zip/Compress/CopyCoder.cpp PROPERTIES
   COMPILE_DEFINITIONS "MidAlloc=VexelTakeCopyBuffer;MidFree=VexelReturnCopyBuffer")
