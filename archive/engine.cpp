@@ -1,6 +1,7 @@
 #include "archive/engine.h"
 
 #include "archive/engine_api.h"
+#include "archive/header_layout.h"
 #include "base/process_end.h"
 
 #include <7zip/Common/RegisterCodec.h>
@@ -18,7 +19,7 @@ namespace Vexel::Storage::Engine {
 
 namespace {
 
-constexpr CMethodId kMethods[] = {0, 0x030101, 0x21}; // Copy, LZMA, LZMA2
+constexpr CMethodId kMethods[] = {MethodId::kCopy, MethodId::kLzma, MethodId::kLzma2};
 
 std::atomic<unsigned> threads{1};
 

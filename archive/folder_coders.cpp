@@ -1,5 +1,6 @@
 #include "archive/folder_coders.h"
 
+#include "archive/header_layout.h"
 #include "archive/header_parser.h"
 
 #include <algorithm>

@@ -1,5 +1,7 @@
 #include "archive/header_unpacker.h"
 
+#include "archive/header_layout.h"
+
 #include <Alloc.h>
 
 #include <algorithm>
