@@ -49,13 +49,13 @@ HRESULT SZipArchivePrivate::describe(const CString& path, const SZipArchiveItem&
         entry.attributes = database->attributes(static_cast<unsigned>(record));
 
     HRESULT status = S_OK;
-    if (!isUnchanged || !claim(record, entry, update)) {
+    if (!isUnchanged || !claimPackedData(record, entry, update)) {
         if (contents) {
             update.written.push_back({item.contents_, changes});
             entry.hasNewData = true;
             status = item.contents_->Clone(&entry.contents);
         } else if (!item.isDirectory_) {
-            status = demand(record, path, update);
+            status = requestDecoding(record, path, update);
         }
     }
     if (status == S_OK)
@@ -65,7 +65,7 @@ HRESULT SZipArchivePrivate::describe(const CString& path, const SZipArchiveItem&
 
 // True: the packed data of the record become those of the entry. The engine takes each record over once; of
 // two copies of one item, the second is compressed anew.
-bool SZipArchivePrivate::claim(int record, Engine::UpdateEntry& entry, Update& update) const {
+bool SZipArchivePrivate::claimPackedData(int record, Engine::UpdateEntry& entry, Update& update) const {
     const auto index = static_cast<std::size_t>(record);
     if (update.sourceStatus != S_OK || !isPacked(static_cast<unsigned>(record)) || update.taken[index])
         return false;
@@ -76,7 +76,7 @@ bool SZipArchivePrivate::claim(int record, Engine::UpdateEntry& entry, Update& u
 
 // For contents that are only in the database's file and cannot be copied: the entry that comes next gets them
 // decoded.
-HRESULT SZipArchivePrivate::demand(int record, const CString& path, Update& update) const {
+HRESULT SZipArchivePrivate::requestDecoding(int record, const CString& path, Update& update) const {
     if (record >= 0 && !isPacked(static_cast<unsigned>(record)))
         return S_OK; // there are none
     if (record < 0 || update.sourceStatus != S_OK) {

@@ -184,8 +184,8 @@ private:
 
     HRESULT describe(Update& update) const;
     HRESULT describe(const CString& path, const SZipArchiveItem& item, Update& update) const;
-    bool claim(int record, Engine::UpdateEntry& entry, Update& update) const;
-    HRESULT demand(int record, const CString& path, Update& update) const;
+    bool claimPackedData(int record, Engine::UpdateEntry& entry, Update& update) const;
+    HRESULT requestDecoding(int record, const CString& path, Update& update) const;
     void takeFoldersApart(Update& update) const;
     HRESULT decodeWanted(Update& update) const;
     HRESULT decodeWanted(std::span<const Wanted> wanted, Update& update) const;

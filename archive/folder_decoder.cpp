@@ -1,6 +1,7 @@
 #include "archive/folder_decoder.h"
 
 #include "archive/engine.h"
+#include "archive/engine_outputs.h"
 #include "archive/engine_status.h"
 #include "archive/folder_coders.h"
 #include "base/com_pointer.h"
@@ -33,7 +34,7 @@ constexpr UInt32 kSmallDictionary = 0x1000000;
 /// Decoders that wait for the next small folder.
 class DecoderPool {
 public:
-    std::unique_ptr<CDecoder> take() {
+    std::unique_ptr<CDecoder> acquire() {
         {
             const auto lock = lockUnlessEnding(mutex_);
             if (lock && !idle_.empty()) {
@@ -45,7 +46,7 @@ public:
         return std::make_unique<CDecoder>(threadCount() > 1);
     }
 
-    void giveBack(std::unique_ptr<CDecoder> decoder) {
+    void release(std::unique_ptr<CDecoder> decoder) {
         const auto lock = lockUnlessEnding(mutex_);
         if (lock && idle_.size() < threadCount())
             idle_.push_back(std::move(decoder));
@@ -65,13 +66,13 @@ DecoderPool& decoders() {
 HRESULT decode(const NArchive::N7z::CFolders& folders, unsigned folder, UInt64 dataStart, bool takesMuch,
                IInStream* input, ISequentialOutStream* output, bool& dataAfterEnd) {
     std::unique_ptr<CDecoder> decoder =
-        takesMuch ? std::make_unique<CDecoder>(threadCount() > 1) : decoders().take();
+        takesMuch ? std::make_unique<CDecoder>(threadCount() > 1) : decoders().acquire();
     const HRESULT status = decoder->Decode(
         input, dataStart, folders, folder, nullptr, output, nullptr, nullptr, dataAfterEnd,
         folders.GetFolderUnpackSize(folder) >= kMultiThreadedFrom, threadCount(), kNoMemoryLimit);
     // One that failed may have been left in the middle.
     if (!takesMuch && status == S_OK && !dataAfterEnd)
-        decoders().giveBack(std::move(decoder));
+        decoders().release(std::move(decoder));
     return status;
 }
 

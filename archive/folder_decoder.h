@@ -2,6 +2,8 @@
 
 #include "archive/database.h"
 
+#include <vexel/memory_streams.h>
+
 #include <cstdint>
 
 namespace Vexel::Storage::Engine {

@@ -54,7 +54,7 @@ public:
     }
     /// A number that the engine counts with.
     std::uint32_t count() noexcept;
-    std::span<const std::byte> take(std::uint64_t size) noexcept;
+    std::span<const std::byte> readBytes(std::uint64_t size) noexcept;
     /// Counts bytes that nobody needs. Of a packed header these may not be many: they would be unpacked for
     /// nothing.
     bool waste(std::uint64_t size) noexcept;
