@@ -192,8 +192,9 @@ HRESULT SZipArchive::flush(std::wstring_view path) {
         return S_OK;
     if (path.starts_with(L'/'))
         return STG_E_INVALIDNAME;
-    return private_->locked(RwGuard::Shared,
-                            [&]() -> HRESULT { return private_->flush(path, &SZipArchiveItem::flush); });
+    return private_->locked(RwGuard::Shared, [&]() -> HRESULT {
+        return private_->flush(path, SZipArchivePrivate::Flushing::WaitsForOthers);
+    });
 }
 
 HRESULT SZipArchive::flushIfIdle(std::wstring_view path) {
@@ -203,22 +204,28 @@ HRESULT SZipArchive::flushIfIdle(std::wstring_view path) {
         return STG_E_INVALIDNAME;
     return withStatus([&]() -> HRESULT {
         const RwTryGuard guard(private_->lock, RwGuard::Shared);
-        return guard ? private_->flush(path, &SZipArchiveItem::flushIfIdle) : S_FALSE;
+        return guard ? private_->flush(path, SZipArchivePrivate::Flushing::PassesThemOver) : S_FALSE;
     });
 }
 
-HRESULT SZipArchivePrivate::flush(std::wstring_view path, void (SZipArchiveItem::*drop)()) {
+HRESULT SZipArchivePrivate::flush(std::wstring_view path, Flushing flushing) {
+    const auto flushItem = [flushing](SZipArchiveItem& item) {
+        if (flushing == Flushing::WaitsForOthers)
+            item.flush();
+        else
+            item.flushIfIdle();
+    };
     if (!path.empty()) {
         const auto found = items.find(path);
         if (found == items.end())
             return STG_E_FILENOTFOUND;
-        (found->second.*drop)();
+        flushItem(found->second);
         if (!found->second.isDirectory_)
             return S_OK;
     }
     for (auto item = descendantsBegin(items, path); item != items.end() && isDescendant(path, item->first);
          ++item)
-        (item->second.*drop)();
+        flushItem(item->second);
     return S_OK;
 }
 

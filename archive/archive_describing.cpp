@@ -32,62 +32,61 @@ HRESULT SZipArchivePrivate::describe(const CString& path, const SZipArchiveItem&
     const RwGuard guard(item.lock_, RwGuard::Shared);
     if (!guard)
         return STG_E_INUSE;
-    const int record = recordOf(item);
+    const SZipStream* const contents = item.contents_.Get();
     Engine::UpdateEntry entry;
     entry.name = path;
-    entry.size = item.contents_ ? item.contents_->lockedSize() : item.size_;
+    entry.size = contents ? contents->lockedSize() : item.size_;
     entry.creation = item.creationTime_;
     entry.modification = item.modificationTime_;
     entry.isDirectory = item.isDirectory_;
     entry.isAnti = item.isAnti_ && entry.size == 0; // what was written into it since counts
-    if (record >= 0)
+
+    const int record = recordOf(item);
+    // The number comes first: what is written after it was asked for is left to the next save.
+    const std::uint64_t changes = contents ? contents->changes() : 0;
+    const bool isUnchanged = record >= 0 && !(contents && contents->isModified());
+    if (isUnchanged)
         entry.attributes = database->attributes(static_cast<unsigned>(record));
+
     HRESULT status = S_OK;
-    if (item.contents_)
-        status = describeContents(item, record, entry, update);
-    else if (!item.isDirectory_)
-        status = describePacked(path, record, entry, update);
+    if (!isUnchanged || !claimPackedData(record, entry, update)) {
+        if (contents) {
+            update.written.push_back({item.contents_, changes});
+            entry.hasNewData = true;
+            status = item.contents_->Clone(&entry.contents);
+        } else if (!item.isDirectory_) {
+            status = requestDecoding(record, path, update);
+        }
+    }
     if (status == S_OK)
         update.entries.push_back(std::move(entry));
     return status;
 }
 
-HRESULT SZipArchivePrivate::describeContents(const SZipArchiveItem& item, int record,
-                                             Engine::UpdateEntry& entry, Update& update) const {
-    const std::uint64_t changes = item.contents_->changes();
-    const bool isModified = item.contents_->isModified() || record < 0;
-    if (isModified)
-        entry.attributes.reset();
-    else if (claim(record, entry, update))
-        return S_OK;
-    entry.hasNewData = true;
-    update.written.push_back({item.contents_, changes});
-    return item.contents_->Clone(&entry.contents);
-}
-
-HRESULT SZipArchivePrivate::describePacked(const CString& path, int record, Engine::UpdateEntry& entry,
-                                           Update& update) const {
-    if (record >= 0 && !isPacked(static_cast<unsigned>(record)))
-        return S_OK;
-    if (record < 0 || update.sourceStatus != S_OK) {
-        // Its contents were in a file that has gone. Better no new file than one without them.
-        VxLog_WriteW(VxLog_Error, L"Contents of the file \"%ls\" are missing for archive \"%ls\"",
-                     path.GetString(), fileName.GetString());
-        return FAILED(update.sourceStatus) ? update.sourceStatus : STG_E_FILENOTFOUND;
-    }
-    if (!claim(record, entry, update))
-        update.wanted.push_back({static_cast<unsigned>(record), update.entries.size()});
-    return S_OK;
-}
-
-// The engine takes each record over once. Of two copies of one item, the second is compressed anew.
-bool SZipArchivePrivate::claim(int record, Engine::UpdateEntry& entry, Update& update) const {
+// True: the packed data of the record become those of the entry. The engine takes each record over once; of
+// two copies of one item, the second is compressed anew.
+bool SZipArchivePrivate::claimPackedData(int record, Engine::UpdateEntry& entry, Update& update) const {
     const auto index = static_cast<std::size_t>(record);
     if (update.sourceStatus != S_OK || !isPacked(static_cast<unsigned>(record)) || update.taken[index])
         return false;
     update.taken[index] = true;
     entry.databaseIndex = record;
     return true;
+}
+
+// For contents that are only in the database's file and cannot be copied: the entry that comes next gets them
+// decoded.
+HRESULT SZipArchivePrivate::requestDecoding(int record, const CString& path, Update& update) const {
+    if (record >= 0 && !isPacked(static_cast<unsigned>(record)))
+        return S_OK; // there are none
+    if (record < 0 || update.sourceStatus != S_OK) {
+        // They were in a file that has gone. Better no new file than one without them.
+        VxLog_WriteW(VxLog_Error, L"Contents of the file \"%ls\" are missing for archive \"%ls\"",
+                     path.GetString(), fileName.GetString());
+        return FAILED(update.sourceStatus) ? update.sourceStatus : STG_E_FILENOTFOUND;
+    }
+    update.wanted.push_back({static_cast<unsigned>(record), update.entries.size()});
+    return S_OK;
 }
 
 void SZipArchivePrivate::takeFoldersApart(Update& update) const {
@@ -143,10 +142,11 @@ HRESULT SZipArchivePrivate::decodeWanted(std::span<const Wanted> wanted, Update&
             return status;
     }
     const auto splitter = Detail::adopt(new Engine::FolderSplitter(database->database(), folder, parts));
-    const Engine::DecodedFolder decoded = Engine::decodeFolder(*database, folder, splitter.Get());
-    if (!decoded.isStarted)
-        return decoded.status;
-    if ((decoded.status != S_OK || decoded.dataAfterEnd) && !areVerified(parts)) {
+    ComPtr<Engine::InStreamBase> input;
+    if (const HRESULT status = database->openCursor(input); status != S_OK)
+        return status;
+    const auto decoded = Engine::decodeFolder(database->database(), folder, *input.Get(), splitter.Get());
+    if (!decoded.isWhole() && !areVerified(parts)) {
         logDecodingFailure(firstPath, decoded.status);
         return FAILED(decoded.status) ? decoded.status : STG_E_READFAULT;
     }

@@ -8,13 +8,16 @@
 
 #include <vexel/diagnostics.h>
 
+#include <cwchar>
+#include <iterator>
 #include <utility>
 
 namespace Vexel::Storage {
 
 namespace {
 
-HRESULT hand(const ComPtr<SZipStream>& contents, IStream** result) {
+/// Gives the caller a stream of its own over the contents, at their beginning.
+HRESULT openStreamOn(const ComPtr<SZipStream>& contents, IStream** result) {
     *result = new SZipStream(*contents.Get());
     return (*result)->Seek({}, STREAM_SEEK_SET, nullptr);
 }
@@ -35,45 +38,40 @@ bool SZipArchivePrivate::isPacked(unsigned record) const noexcept {
     return file.HasStream && file.Size > 0;
 }
 
-HRESULT SZipArchivePrivate::decode(const SZipArchiveItem& item, const CString& path,
-                                   std::optional<DynamicBuffer>& bytes) const {
+SZipArchivePrivate::Decoded SZipArchivePrivate::decode(const SZipArchiveItem& item,
+                                                       const CString& path) const {
     const int index = recordOf(item);
     if (index < 0 || fileState_ == FileState::Stale)
-        return STG_E_FILENOTFOUND;
+        return {STG_E_FILENOTFOUND, std::nullopt};
     const auto record = static_cast<unsigned>(index);
-    if (isPacked(record))
-        return decodeFolder(path, record, bytes);
-    bytes.emplace();
-    return S_OK;
+    return isPacked(record) ? decodePacked(path, record) : Decoded{S_OK, DynamicBuffer()};
 }
 
-HRESULT SZipArchivePrivate::decodeFolder(const CString& path, unsigned record,
-                                         std::optional<DynamicBuffer>& bytes) const {
+SZipArchivePrivate::Decoded SZipArchivePrivate::decodePacked(const CString& path, unsigned record) const {
     const auto folder = database->folderOf(record);
     if (folder.isShared) {
         VxLog_WriteW(VxLog_Error, L"File \"%ls\" in archive \"%ls\" belongs to a multi-file solid block",
                      path.GetString(), fileName.GetString());
-        return STG_E_INVALIDFUNCTION;
+        return {STG_E_INVALIDFUNCTION, std::nullopt};
     }
     if (const HRESULT status = Engine::checkFolder(database->database(), folder.index); status != S_OK) {
         logDecodingFailure(path, status);
-        return status;
+        return {status, std::nullopt};
     }
-    DynamicBuffer unpacked;
-    if (const HRESULT status = reserve(unpacked, path, record); status != S_OK)
-        return status;
-    const Engine::DecodedFolder decoded = Engine::decodeFolder(*database, folder.index, unpacked);
-    if (!decoded.isStarted)
-        return decoded.status;
-    // The decoder calls it a success when data are left over. So do we, but there is nothing to have.
-    if (decoded.status != S_OK || decoded.dataAfterEnd) {
+    DynamicBuffer bytes;
+    if (const HRESULT status = reserve(bytes, path, record); status != S_OK)
+        return {status, std::nullopt};
+    ComPtr<Engine::InStreamBase> input;
+    if (const HRESULT status = database->openCursor(input); status != S_OK)
+        return {status, std::nullopt};
+    const auto decoded = Engine::decodeFolder(database->database(), folder.index, *input.Get(), bytes);
+    if (!decoded.isWhole()) {
         logDecodingFailure(path, decoded.status);
-        return decoded.status;
+        return {decoded.status, std::nullopt};
     }
-    if (!isAsStored(path, record, unpacked, decoded.crc))
-        return STG_E_READFAULT;
-    bytes = std::move(unpacked);
-    return S_OK;
+    if (!isAsStored(path, record, bytes, decoded.crc))
+        return {STG_E_READFAULT, std::nullopt};
+    return {S_OK, std::move(bytes)};
 }
 
 HRESULT SZipArchivePrivate::reserve(DynamicBuffer& bytes, const CString& path, unsigned record) const {
@@ -95,19 +93,13 @@ bool SZipArchivePrivate::isAsStored(const CString& path, unsigned record, const 
     const auto& file = database->database().Files[record];
     if (bytes.size == file.Size && (!file.CrcDefined || crc == file.Crc))
         return true;
-    if (file.CrcDefined) {
-        VxLog_WriteW(
-            VxLog_Error,
-            L"Decompressed version of the file \"%ls\" in archive \"%ls\" has not met the expectations: size "
-            L"%llu/%llu, CRC 0x%08x/0x%08x",
-            path.GetString(), fileName.GetString(), bytes.size, file.Size, crc, file.Crc);
-    } else {
-        VxLog_WriteW(
-            VxLog_Error,
-            L"Decompressed version of the file \"%ls\" in archive \"%ls\" has not met the expectations: size "
-            L"%llu/%llu",
-            path.GetString(), fileName.GetString(), bytes.size, file.Size);
-    }
+    wchar_t crcs[32] = L"";
+    if (file.CrcDefined)
+        std::swprintf(crcs, std::size(crcs), L", CRC 0x%08x/0x%08x", crc, file.Crc);
+    VxLog_WriteW(VxLog_Error,
+                 L"Decompressed version of the file \"%ls\" in archive \"%ls\" has not met the expectations: "
+                 L"size %llu/%llu%ls",
+                 path.GetString(), fileName.GetString(), bytes.size, file.Size, crcs);
     return false;
 }
 
@@ -122,11 +114,10 @@ HRESULT SZipArchivePrivate::copyContents(const SZipArchiveItem& item, const CStr
         bytes = item.contents_->copyBytes();
         return S_OK;
     }
-    std::optional<DynamicBuffer> decoded;
-    const HRESULT status = decode(item, path, decoded);
-    if (!decoded)
-        return FAILED(status) ? status : STG_E_READFAULT;
-    bytes = std::move(*decoded);
+    Decoded decoded = decode(item, path);
+    if (!decoded.contents)
+        return FAILED(decoded.status) ? decoded.status : STG_E_READFAULT;
+    bytes = std::move(*decoded.contents);
     return S_OK;
 }
 
@@ -137,15 +128,14 @@ HRESULT SZipArchivePrivate::extract(SZipArchiveItem& item, const CString& path, 
     if (!guard)
         return STG_E_INUSE;
     if (item.contents_)
-        return hand(item.contents_, result);
-    std::optional<DynamicBuffer> bytes;
-    const HRESULT status = decode(item, path, bytes);
-    if (!bytes)
-        return status;
-    ComPtr<SZipStream> contents = newContents(std::move(*bytes), path);
+        return openStreamOn(item.contents_, result);
+    Decoded decoded = decode(item, path);
+    if (!decoded.contents)
+        return decoded.status;
+    ComPtr<SZipStream> contents = newContents(std::move(*decoded.contents), path);
     // Another thread may have been faster, and its stream be changed already.
     if (!guard.upgrade() && item.contents_)
-        return hand(item.contents_, result);
+        return openStreamOn(item.contents_, result);
     item.contents_ = contents;
     *result = contents.Detach();
     return S_OK;

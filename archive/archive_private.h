@@ -85,13 +85,18 @@ public:
 
     HRESULT extract(SZipArchiveItem& item, const CString& path, IStream** result);
     HRESULT saveTo(IStream* destination) const;
-    /// The contents of an item that has none in memory; `bytes` is null where they are not whole, whatever
-    /// the status.
-    HRESULT decode(const SZipArchiveItem& item, const CString& path,
-                   std::optional<DynamicBuffer>& bytes) const;
+    /// What decoding an item came to: its whole contents, or else the status that says why there are none.
+    /// That is S_OK where packed data are left over behind the contents; see `SZipArchive::extractFile`.
+    struct Decoded {
+        HRESULT status = S_OK;
+        std::optional<DynamicBuffer> contents;
+    };
+    /// For an item that has no contents in memory.
+    Decoded decode(const SZipArchiveItem& item, const CString& path) const;
     /// The contents of any item, or a failure.
     HRESULT copyContents(const SZipArchiveItem& item, const CString& path, DynamicBuffer& bytes) const;
-    HRESULT flush(std::wstring_view path, void (SZipArchiveItem::*drop)());
+    enum class Flushing { WaitsForOthers, PassesThemOver };
+    HRESULT flush(std::wstring_view path, Flushing flushing);
     bool hasDirectory(std::wstring_view path) const;
     bool hasParentOf(std::wstring_view path) const {
         const std::wstring_view parent = parentOf(path);
@@ -138,11 +143,14 @@ private:
     /// A database that was read, with the items that it has. All that needs memory is done.
     struct Reading {
         Database database;
-        ItemMap added;
+        ItemMap added; ///< items that memory does not have, as their records describe them
+        /// Items that memory has, and their records.
         std::vector<std::pair<SZipArchiveItem*, unsigned>> records;
+        std::vector<unsigned> hidden; ///< records of added items that a later one describes, too
         std::vector<std::pair<const CString*, const SZipArchiveItem*>> parents; ///< that have items
         std::vector<unsigned> outOfReach; ///< records that no storage leads to
         bool contradictsMemory = false;   ///< a directory for one is a file for the other
+        std::size_t room = 0;             ///< bytes left for directories that are made up
     };
     /// What becomes of items in memory that the file contradicts.
     enum class Contradiction { FileHolds, Refused };
@@ -151,9 +159,14 @@ private:
     HRESULT openInput(Database& fresh);
     Reading match(Database fresh);
     void addParents(Reading& reading);
+    /// Makes up a directory and those above it, as far as they are missing. Whether storages lead to it.
+    bool addParents(Reading& reading, std::wstring_view directory);
     void takeOver(Reading&& reading) noexcept;
-    void tellOfAmbiguities(const Reading& reading) noexcept;
+    void noteHidden(unsigned record) noexcept;
+    void reportAmbiguities(const Reading& reading) noexcept;
     void logRecord(const wchar_t* format, unsigned record) const noexcept;
+    static void describeBy(const Engine::DatabaseStream& source, unsigned index,
+                           SZipArchiveItem& item) noexcept;
     void refresh(SZipArchiveItem& item, unsigned index) const noexcept;
     bool hasModifiedContents() const noexcept;
 
@@ -163,7 +176,7 @@ private:
     ComPtr<SZipStream> newContents(DynamicBuffer&& bytes, const CString& path) const;
     HRESULT addCopy(const SZipArchivePrivate& source, const SZipArchiveItem& item, const CString& sourcePath,
                     const CString& targetPath);
-    HRESULT decodeFolder(const CString& path, unsigned record, std::optional<DynamicBuffer>& bytes) const;
+    Decoded decodePacked(const CString& path, unsigned record) const;
     HRESULT reserve(DynamicBuffer& bytes, const CString& path, unsigned record) const;
     bool isAsStored(const CString& path, unsigned record, const DynamicBuffer& bytes,
                     std::uint32_t crc) const;
@@ -171,10 +184,8 @@ private:
 
     HRESULT describe(Update& update) const;
     HRESULT describe(const CString& path, const SZipArchiveItem& item, Update& update) const;
-    HRESULT describeContents(const SZipArchiveItem& item, int record, Engine::UpdateEntry& entry,
-                             Update& update) const;
-    HRESULT describePacked(const CString& path, int record, Engine::UpdateEntry& entry, Update& update) const;
-    bool claim(int record, Engine::UpdateEntry& entry, Update& update) const;
+    bool claimPackedData(int record, Engine::UpdateEntry& entry, Update& update) const;
+    HRESULT requestDecoding(int record, const CString& path, Update& update) const;
     void takeFoldersApart(Update& update) const;
     HRESULT decodeWanted(Update& update) const;
     HRESULT decodeWanted(std::span<const Wanted> wanted, Update& update) const;

@@ -40,10 +40,10 @@ FILETIME timeAt(const NArchive::N7z::CUInt64DefVector& times, unsigned index) no
 
 } // namespace
 
-void SZipArchivePrivate::refresh(SZipArchiveItem& item, unsigned index) const noexcept {
-    const auto& records = database->database();
+void SZipArchivePrivate::describeBy(const Engine::DatabaseStream& source, unsigned index,
+                                    SZipArchiveItem& item) noexcept {
+    const auto& records = source.database();
     const auto& record = records.Files[index];
-    const RwGuard guard(item.lock_, RwGuard::Exclusive); // its size is read without the archive's
     item.size_ = record.Size;
     item.creationTime_ = timeAt(records.CTime, index);
     item.modificationTime_ = timeAt(records.MTime, index);
@@ -51,6 +51,11 @@ void SZipArchivePrivate::refresh(SZipArchiveItem& item, unsigned index) const no
     item.databaseIndex_ = static_cast<int>(index);
     item.isDirectory_ = record.IsDir;
     item.isAnti_ = records.IsItemAnti(index);
+}
+
+void SZipArchivePrivate::refresh(SZipArchiveItem& item, unsigned index) const noexcept {
+    const RwGuard guard(item.lock_, RwGuard::Exclusive); // its size is read without the archive's
+    describeBy(*database, index, item);
     if (item.isDirectory_ || item.canFlush())
         item.contents_.Reset();
 }
@@ -68,7 +73,6 @@ HRESULT SZipArchivePrivate::openInput(Database& fresh) {
 SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
     Reading reading;
     ItemMap& added = reading.added;
-    reading.records.reserve(fresh->count());
     // Archives list their items in our order, or directory by directory: the next one is most likely the one
     // that is wanted, and a new one belongs behind the last.
     auto next = items.begin();
@@ -77,16 +81,18 @@ SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
         const std::wstring_view path = fresh->path(i);
         if (next == items.end() || StringLess::view(next->first) != path)
             next = items.find(path);
-        SZipArchiveItem* item = nullptr;
         if (next != items.end()) {
-            item = &next++->second;
-            reading.contradictsMemory |= item->isDirectory_ != fresh->database().Files[i].IsDir;
-        } else {
-            const auto made = added.try_emplace(place, stringOf(path), *this, false);
-            item = &made->second;
-            place = std::next(made);
+            reading.contradictsMemory |= next->second.isDirectory_ != fresh->database().Files[i].IsDir;
+            reading.records.emplace_back(&next->second, i);
+            ++next;
+            continue;
         }
-        reading.records.emplace_back(item, i);
+        const auto made = added.try_emplace(place, stringOf(path), *this, false);
+        // The step from the last item to the end would climb the whole tree.
+        place = made == std::prev(added.end()) ? added.end() : std::next(made);
+        if (made->second.databaseIndex_ >= 0)
+            reading.hidden.push_back(static_cast<unsigned>(made->second.databaseIndex_));
+        describeBy(*fresh, i, made->second);
     }
     reading.database = std::move(fresh);
     addParents(reading);
@@ -96,39 +102,44 @@ SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
 // Directories need no items in other programs' archives. They are made up here, where paths lead through
 // them; a save writes them. The text of paths grows with the square of their depth, so that there is a limit.
 void SZipArchivePrivate::addParents(Reading& reading) {
-    std::size_t room = kParentsRoom;
-    const auto add = [&](std::wstring_view directory) {
-        const std::size_t cost = sizeof(SZipArchiveItem) + directory.size() * sizeof(wchar_t);
-        if (!isNewItemPath(directory) || room < cost)
-            return false;
-        room -= cost;
-        reading.added.try_emplace(stringOf(directory), *this, true);
-        return true;
-    };
-    std::wstring_view last;
+    reading.room = kParentsRoom;
+    std::wstring_view directory;
     bool isReached = true;
     for (unsigned i = 0; i < reading.database->count(); ++i) {
         const std::wstring_view path = reading.database->path(i);
-        room += kRoomForEach + path.size() * sizeof(wchar_t);
-        std::wstring_view parent = parentOf(path);
+        reading.room += kRoomForEach + path.size() * sizeof(wchar_t);
         // Those of one directory mostly follow each other.
-        if (parent != last) {
-            last = parent;
-            isReached = levelsOf(path) <= kMostLevels;
-            const ItemMap::value_type* found = nullptr;
-            for (; isReached && !found && !parent.empty(); parent = parentOf(parent)) {
-                found = entryOf(items, parent);
-                reading.contradictsMemory |= found && !found->second.isDirectory_;
-                if (!found)
-                    found = entryOf(reading.added, parent);
-                isReached = found || add(parent);
-            }
-            if (found)
-                reading.parents.emplace_back(&found->first, &found->second);
+        if (!isChild(directory, path)) {
+            directory = parentOf(path);
+            isReached = addParents(reading, directory);
         }
-        if (!isReached || !isNewItemPath(path))
+        // Of a path whose directory is reached, only the last element may still be wrong.
+        if (!isReached || !isItemPath(path) || path.ends_with(L'/'))
             reading.outOfReach.push_back(i);
     }
+}
+
+bool SZipArchivePrivate::addParents(Reading& reading, std::wstring_view directory) {
+    if (directory.empty())
+        return true;
+    if (levelsOf(directory) >= kMostLevels)
+        return false;
+    for (std::wstring_view parent = directory; !parent.empty(); parent = parentOf(parent)) {
+        const ItemMap::value_type* found = entryOf(items, parent);
+        reading.contradictsMemory |= found && !found->second.isDirectory_;
+        if (!found)
+            found = entryOf(reading.added, parent);
+        if (found) {
+            reading.parents.emplace_back(&found->first, &found->second);
+            break;
+        }
+        const std::size_t cost = sizeof(SZipArchiveItem) + parent.size() * sizeof(wchar_t);
+        if (!isNewItemPath(parent) || reading.room < cost)
+            return false;
+        reading.room -= cost;
+        reading.added.try_emplace(stringOf(parent), *this, true);
+    }
+    return isNewItemPath(directory);
 }
 
 void SZipArchivePrivate::takeOver(Reading&& reading) noexcept {
@@ -142,19 +153,23 @@ void SZipArchivePrivate::takeOver(Reading&& reading) noexcept {
         items.merge(reading.added);
     isAmbiguous = false;
     for (const auto& [item, record] : reading.records) {
-        if (item->databaseIndex_ >= 0) {
-            isAmbiguous = true;
-            logRecord(L"Item \"%ls\" in archive \"%ls\" (number %u) is hidden by one of the same path",
-                      static_cast<unsigned>(item->databaseIndex_));
-        }
+        if (item->databaseIndex_ >= 0)
+            noteHidden(static_cast<unsigned>(item->databaseIndex_));
         refresh(*item, record);
     }
-    tellOfAmbiguities(reading);
+    for (const unsigned record : reading.hidden)
+        noteHidden(record);
+    reportAmbiguities(reading);
     fileState_ = FileState::Read;
     *changed = false;
 }
 
-void SZipArchivePrivate::tellOfAmbiguities(const Reading& reading) noexcept {
+void SZipArchivePrivate::noteHidden(unsigned record) noexcept {
+    isAmbiguous = true;
+    logRecord(L"Item \"%ls\" in archive \"%ls\" (number %u) is hidden by one of the same path", record);
+}
+
+void SZipArchivePrivate::reportAmbiguities(const Reading& reading) noexcept {
     for (const unsigned record : reading.outOfReach)
         logRecord(L"Item \"%ls\" in archive \"%ls\" (number %u) has a path that no storage leads to", record);
     for (const auto& [path, item] : reading.parents) {
@@ -198,8 +213,9 @@ HRESULT SZipArchivePrivate::read(Contradiction contradiction) {
 HRESULT SZipArchivePrivate::reload() {
     if (noFile)
         return S_OK;
+    const bool hadItems = !items.empty();
     const HRESULT status = read(Contradiction::FileHolds);
-    if (status == S_OK && hasModifiedContents())
+    if (status == S_OK && hadItems && hasModifiedContents())
         *changed = true;
     // What has no file is a new archive. What has one that cannot be opened now counts as such, too, but it
     // will not replace what it never read. An error that the system does not name passes for none here.

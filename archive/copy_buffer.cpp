@@ -1,6 +1,9 @@
-// The engine's copying coder is made anew for every item that is copied, and with it its buffer: a save of
-// ten thousand items would spend most of its time in getting pages from the system. The build has the coder
-// call these functions for the buffer instead.
+// The buffer of the engine's copying coder. A save copies the packed data of every item that has not changed,
+// and the engine makes a new coder for each of them, which takes 128 KiB from the system and gives them back:
+// with ten thousand items most of the time of a save goes into getting pages. The coder calls `MidAlloc` and
+// `MidFree`; for this one source of the engine cmake/SevenZip.cmake defines those names as the two functions
+// here, which keep the buffer from one coder to the next. Saving one changed item of 10,000 so takes a fourth
+// of the time: 150 to 240 ms where it takes 610 to 790 ms (bench/archive_model).
 
 #include <atomic>
 #include <cstddef>

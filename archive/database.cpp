@@ -129,7 +129,7 @@ HRESULT DatabaseStream::open() const {
     std::shared_ptr<DatabaseStream> again;
     const HRESULT status = openAgain(again);
     if (status == S_OK)
-        file_.take(again->file_);
+        file_.takeOver(again->file_);
     return status;
 }
 

@@ -1,7 +1,7 @@
 #pragma once
 
 #include "archive/engine_api.h"
-#include "archive/engine_streams.h"
+#include "archive/engine_inputs.h"
 #include "archive/header_check.h"
 #include "base/handles.h"
 

@@ -5,6 +5,7 @@
 #include "archive/engine.h"
 
 #include "archive/engine_api.h"
+#include "archive/header_layout.h"
 #include "base/process_end.h"
 
 #include <7zip/Common/RegisterCodec.h>
@@ -22,7 +23,7 @@ namespace Vexel::Storage::Engine {
 
 namespace {
 
-constexpr CMethodId kMethods[] = {0, 0x030101, 0x21}; // Copy, LZMA, LZMA2
+constexpr CMethodId kMethods[] = {MethodId::kCopy, MethodId::kLzma, MethodId::kLzma2};
 
 std::atomic<unsigned> threads{1};
 

@@ -4,6 +4,7 @@
 
 #include "archive/folder_coders.h"
 
+#include "archive/header_layout.h"
 #include "archive/header_parser.h"
 
 #include <algorithm>
@@ -44,13 +45,13 @@ void FolderCoders::parse() {
     for (std::uint32_t i = 0; i < count && reader.ok(); ++i) {
         const std::uint8_t kind = reader.byte();
         std::uint64_t method = 0;
-        for (const std::byte part : reader.take(kind & 0x0F))
+        for (const std::byte part : reader.readBytes(kind & 0x0F))
             method = method << 8 | std::to_integer<std::uint64_t>(part);
         if ((kind & 0x10) != 0) { // its inputs and outputs
             reader.count();
             reader.count();
         }
-        const std::size_t size = reader.take((kind & 0x20) != 0 ? reader.count() : 0).size();
+        const std::size_t size = reader.readBytes((kind & 0x20) != 0 ? reader.count() : 0).size();
         const std::size_t properties = reader.position() - size;
         largest_ = (std::max)(largest_, sizes[i]);
         if (method == MethodId::kLzma && size == kLzmaProperties)
@@ -62,7 +63,7 @@ void FolderCoders::parse() {
     }
 }
 
-void FolderCoders::note(std::uint32_t declared, std::uint32_t needed) noexcept {
+void FolderCoders::noteDictionary(std::uint32_t declared, std::uint32_t needed) noexcept {
     dictionary_ = (std::max)(dictionary_, needed);
     isExcessive_ = isExcessive_ || needed < declared;
 }
@@ -73,7 +74,7 @@ void FolderCoders::cutLzma(std::size_t properties, std::uint64_t size) noexcept 
     const auto needed = static_cast<std::uint32_t>(
         (std::min)(std::uint64_t{declared}, (std::max)(std::uint64_t{kUsualDictionary}, size)));
     std::memcpy(&description_[properties + kLzmaDictionaryAt], &needed, sizeof needed);
-    note(declared, needed);
+    noteDictionary(declared, needed);
 }
 
 void FolderCoders::cutLzma2(std::size_t properties, std::uint64_t size) noexcept {
@@ -82,7 +83,7 @@ void FolderCoders::cutLzma2(std::size_t properties, std::uint64_t size) noexcept
     while (code < declared && lzma2Dictionary(code) < (std::max)(std::uint64_t{kUsualDictionary}, size))
         ++code;
     description_[properties] = static_cast<std::byte>(code);
-    note(lzma2Dictionary(declared), lzma2Dictionary(code));
+    noteDictionary(lzma2Dictionary(declared), lzma2Dictionary(code));
 }
 
 void FolderCoders::copyTo(CFolders& target) const {

@@ -30,7 +30,7 @@ private:
     void parse();
     void cutLzma(std::size_t properties, std::uint64_t size) noexcept;
     void cutLzma2(std::size_t properties, std::uint64_t size) noexcept;
-    void note(std::uint32_t declared, std::uint32_t needed) noexcept;
+    void noteDictionary(std::uint32_t declared, std::uint32_t needed) noexcept;
 
     const NArchive::N7z::CFolders& folders_;
     const unsigned folder_;

@@ -4,6 +4,7 @@
 #include "archive/folder_decoder.h"
 
 #include "archive/engine.h"
+#include "archive/engine_outputs.h"
 #include "archive/engine_status.h"
 #include "archive/folder_coders.h"
 #include "base/com_pointer.h"
@@ -27,15 +28,16 @@ namespace {
 // memory instead of 1.03 times.
 constexpr UInt64 kMultiThreadedFrom = 0x100000;
 constexpr UInt64 kNoMemoryLimit = ~UInt64{0};
+/// What is unpacked from each packed byte at most: LZMA reaches about 7,100. A few bytes are not counted.
 constexpr UInt64 kMostExpansion = 8192;
-constexpr UInt64 kExpansionSlack = 0x10000;
+constexpr UInt64 kUncountedBytes = 8;
 /// With a dictionary above this, a decoder is given back at once.
 constexpr UInt32 kSmallDictionary = 0x1000000;
 
 /// Decoders that wait for the next small folder.
 class DecoderPool {
 public:
-    std::unique_ptr<CDecoder> take() {
+    std::unique_ptr<CDecoder> acquire() {
         {
             const auto lock = lockUnlessEnding(mutex_);
             if (lock && !idle_.empty()) {
@@ -47,7 +49,7 @@ public:
         return std::make_unique<CDecoder>(threadCount() > 1);
     }
 
-    void giveBack(std::unique_ptr<CDecoder> decoder) {
+    void release(std::unique_ptr<CDecoder> decoder) {
         const auto lock = lockUnlessEnding(mutex_);
         if (lock && idle_.size() < threadCount())
             idle_.push_back(std::move(decoder));
@@ -67,13 +69,13 @@ DecoderPool& decoders() {
 HRESULT decode(const NArchive::N7z::CFolders& folders, unsigned folder, UInt64 dataStart, bool takesMuch,
                IInStream* input, ISequentialOutStream* output, bool& dataAfterEnd) {
     std::unique_ptr<CDecoder> decoder =
-        takesMuch ? std::make_unique<CDecoder>(threadCount() > 1) : decoders().take();
+        takesMuch ? std::make_unique<CDecoder>(threadCount() > 1) : decoders().acquire();
     const HRESULT status = decoder->Decode(
         input, dataStart, folders, folder, nullptr, output, nullptr, nullptr, dataAfterEnd,
         folders.GetFolderUnpackSize(folder) >= kMultiThreadedFrom, threadCount(), kNoMemoryLimit);
     // One that failed may have been left in the middle.
     if (!takesMuch && status == S_OK && !dataAfterEnd)
-        decoders().giveBack(std::move(decoder));
+        decoders().release(std::move(decoder));
     return status;
 }
 
@@ -98,26 +100,23 @@ HRESULT checkFolder(const CDbEx& database, unsigned folder) {
     const FolderCoders coders(database, folder);
     if (!coders.isKnown())
         return E_NOTIMPL;
-    const UInt64 packed = database.GetFolderFullPackSize(folder);
-    const bool isPlausible = coders.largest() / kMostExpansion <= packed + kExpansionSlack / kMostExpansion;
-    return isPlausible ? S_OK : STG_E_READFAULT;
+    const UInt64 needed = coders.largest() / kMostExpansion;
+    return needed <= database.GetFolderFullPackSize(folder) + kUncountedBytes ? S_OK : STG_E_READFAULT;
 }
 
-DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, ISequentialOutStream* output) {
+DecodedFolder decodeFolder(const CDbEx& database, unsigned folder, InStreamBase& input,
+                           ISequentialOutStream* output) {
     DecodedFolder result;
-    ComPtr<InStreamBase> input;
-    result.status = source.openCursor(input);
-    if (result.status != S_OK)
-        return result;
-    result.isStarted = true;
-    result.status = input->failure().orElse(withEngine(
-        E_FAIL, [&] { return decode(source.database(), folder, input.Get(), output, result.dataAfterEnd); }));
+    const HRESULT status =
+        withEngine(E_FAIL, [&] { return decode(database, folder, &input, output, result.dataAfterEnd); });
+    result.status = input.failure().orElse(status);
     return result;
 }
 
-DecodedFolder decodeFolder(const DatabaseStream& source, unsigned folder, DynamicBuffer& bytes) {
+DecodedFolder decodeFolder(const CDbEx& database, unsigned folder, InStreamBase& input,
+                           DynamicBuffer& bytes) {
     const auto output = Detail::adopt(new InMemoryOutStream(bytes));
-    DecodedFolder result = decodeFolder(source, folder, output.Get());
+    DecodedFolder result = decodeFolder(database, folder, input, output.Get());
     result.crc = output->crc();
     return result;
 }

@@ -4,6 +4,7 @@
 
 #include "archive/header_check.h"
 
+#include "archive/header_layout.h"
 #include "archive/header_parser.h"
 #include "archive/header_unpacker.h"
 
@@ -16,16 +17,6 @@
 namespace Vexel::Storage::Engine {
 
 namespace {
-
-// The archive's first bytes: signature (6), version (2), checksum of what follows (4); the header's place
-// behind these bytes (8), its size (8) and its checksum (4).
-constexpr std::size_t kStartBytes = 32;
-constexpr std::array<std::uint8_t, 6> kSignature{'7', 'z', 0xBC, 0xAF, 0x27, 0x1C};
-constexpr std::size_t kVersionAt = 6;
-constexpr std::size_t kChecksumAt = 8;
-constexpr std::size_t kOffsetAt = 12;
-constexpr std::size_t kSizeAt = 20;
-constexpr std::size_t kHeaderChecksumAt = 28;
 
 constexpr std::size_t kLargestRead = 0x40000000;
 /// Where an unfinished archive's header is looked for: at the end, in so many bytes.
@@ -58,7 +49,7 @@ std::uint32_t checksum(std::span<const std::byte> bytes) noexcept {
 }
 
 std::uint32_t startChecksum(const StartBytes& start) noexcept {
-    return checksum(std::span(start).subspan(kOffsetAt));
+    return checksum(std::span(start).subspan(StartAt::kOffset));
 }
 
 HRESULT statusOf(HeaderFault fault) noexcept {
@@ -112,14 +103,14 @@ public:
 
     PlainHeader plain() noexcept {
         PlainHeader plain;
-        std::copy_n(start_.begin(), kChecksumAt, plain.start.begin());
+        std::copy_n(start_.begin(), StartAt::kChecksum, plain.start.begin());
         plain.offset = kStartBytes + (header_.size() > 0 ? headerOffset_ : 0);
         if (header_.size() > 0) {
-            store(plain.start, kOffsetAt, headerOffset_);
-            store<std::uint64_t>(plain.start, kSizeAt, header_.size());
-            store(plain.start, kHeaderChecksumAt, headerChecksum_);
+            store(plain.start, StartAt::kOffset, headerOffset_);
+            store<std::uint64_t>(plain.start, StartAt::kSize, header_.size());
+            store(plain.start, StartAt::kHeaderChecksum, headerChecksum_);
         }
-        store(plain.start, kChecksumAt, startChecksum(plain.start));
+        store(plain.start, StartAt::kChecksum, startChecksum(plain.start));
         plain.bytes = std::move(header_);
         return plain;
     }
@@ -169,29 +160,31 @@ private:
             return false;
         if (std::memcmp(start_.data(), kSignature.data(), kSignature.size()) != 0)
             return refuse(HeaderFault::NotAnArchive, "it does not begin as an archive", 0);
-        const bool isWhole = startChecksum(start_) == load<std::uint32_t>(start_, kChecksumAt);
+        const bool isWhole = startChecksum(start_) == load<std::uint32_t>(start_, StartAt::kChecksum);
         if (!isWhole && !isUnfinished())
-            return refuse(HeaderFault::NotAnArchive, "the checksum of the first bytes is wrong", kChecksumAt);
-        if (start_[kVersionAt] != std::byte{0})
-            return refuse(HeaderFault::Unreadable, "it is of an unknown version", kVersionAt);
+            return refuse(HeaderFault::NotAnArchive, "the checksum of the first bytes is wrong",
+                          StartAt::kChecksum);
+        if (start_[StartAt::kVersion] != std::byte{0})
+            return refuse(HeaderFault::Unreadable, "it is of an unknown version", StartAt::kVersion);
         if (!isWhole)
             return findHeader();
-        headerOffset_ = load<std::uint64_t>(start_, kOffsetAt);
-        headerBytes_ = load<std::uint64_t>(start_, kSizeAt);
-        headerChecksum_ = load<std::uint32_t>(start_, kHeaderChecksumAt);
+        headerOffset_ = load<std::uint64_t>(start_, StartAt::kOffset);
+        headerBytes_ = load<std::uint64_t>(start_, StartAt::kSize);
+        headerChecksum_ = load<std::uint32_t>(start_, StartAt::kHeaderChecksum);
         if (headerBytes_ == 0)
             return (headerOffset_ == 0 && headerChecksum_ == 0) ||
-                   refuse(HeaderFault::Unreadable, "a header of no bytes has a place", kOffsetAt);
+                   refuse(HeaderFault::Unreadable, "a header of no bytes has a place", StartAt::kOffset);
         const std::uint64_t room = fileSize_ - (std::min<std::uint64_t>)(fileSize_, kStartBytes);
         if (headerOffset_ > room || headerBytes_ > room - headerOffset_)
-            return refuse(HeaderFault::Header, "the header lies behind the end of the file", kOffsetAt);
+            return refuse(HeaderFault::Header, "the header lies behind the end of the file",
+                          StartAt::kOffset);
         return true;
     }
 
     /// A writer that did not get to the end leaves zeros behind the version.
     bool isUnfinished() const noexcept {
-        return start_[kVersionAt + 1] != std::byte{0} &&
-               std::all_of(start_.begin() + kChecksumAt, start_.end(),
+        return start_[StartAt::kVersion + 1] != std::byte{0} &&
+               std::all_of(start_.begin() + StartAt::kChecksum, start_.end(),
                            [](std::byte byte) { return byte == std::byte{0}; });
     }
 
@@ -204,7 +197,7 @@ private:
             return false;
         const auto at = [&](std::size_t index) { return std::to_integer<std::uint64_t>(end.data()[index]); };
         if (end.size() < 3 || at(end.size() - 1) != HeaderId::kEnd)
-            return refuse(HeaderFault::Unreadable, kNone, kChecksumAt);
+            return refuse(HeaderFault::Unreadable, kNone, StartAt::kChecksum);
         for (std::size_t i = end.size() - 1; i-- > 0;) {
             if ((at(i) != HeaderId::kEncodedHeader || at(i + 1) != HeaderId::kPackInfo) &&
                 (at(i) != HeaderId::kHeader || at(i + 1) != HeaderId::kMainStreamsInfo))
@@ -214,7 +207,7 @@ private:
             headerChecksum_ = checksum(end.all().subspan(i));
             return true;
         }
-        return refuse(HeaderFault::Unreadable, kNone, kChecksumAt);
+        return refuse(HeaderFault::Unreadable, kNone, StartAt::kChecksum);
     }
 
     bool readHeader() {
@@ -274,7 +267,8 @@ private:
 
     /// What is large is looked at while it is unpacked, and refused before it takes much memory.
     bool parsePacked(const HeaderStreams& streams, const PageBuffer& plain, HeaderUnpacker& unpacker) {
-        if (plain.size() <= kSmallHeader && !finishUnpacking(streams, plain, unpacker))
+        const bool isSmall = plain.size() <= kSmallHeader;
+        if (isSmall && !finishUnpacking(streams, plain, unpacker))
             return false;
         HeaderParser parser(plain.all(), headerOffset_, boundsFor(streams.firstPacked + header_.size()),
                             &unpacker);
@@ -284,7 +278,7 @@ private:
         const bool isParsed = parser.parseHeader() && parser.reader().waste(parser.reader().left());
         if (unpacker.fault() != HeaderFault::None)
             return refuseUnpacking(streams, unpacker);
-        return accept(parser, isParsed) && finishUnpacking(streams, plain, unpacker);
+        return accept(parser, isParsed) && (isSmall || finishUnpacking(streams, plain, unpacker));
     }
 
     bool finishUnpacking(const HeaderStreams& streams, const PageBuffer& plain, HeaderUnpacker& unpacker) {

@@ -90,7 +90,7 @@ std::uint32_t HeaderReader::count() noexcept {
     return 0;
 }
 
-std::span<const std::byte> HeaderReader::take(std::uint64_t size) noexcept {
+std::span<const std::byte> HeaderReader::readBytes(std::uint64_t size) noexcept {
     if (!fetch(size))
         return {};
     const auto taken = bytes_.subspan(position_, static_cast<std::size_t>(size));
@@ -108,7 +108,7 @@ bool HeaderReader::waste(std::uint64_t size) noexcept {
 void HeaderReader::skip(std::uint64_t size) noexcept {
     constexpr std::uint64_t kLeastBefore = 2; // what it is, and its size
     if (size <= left() && waste(size + kLeastBefore))
-        take(size);
+        readBytes(size);
     else
         refuse(HeaderFault::Header, "the header ends too early");
 }
@@ -155,7 +155,7 @@ bool HeaderParser::skipTo(std::uint64_t id) noexcept {
 DefinedSet HeaderParser::defined(HeaderReader& reader, std::uint32_t count) noexcept {
     if (reader.byte() != 0)
         return DefinedSet::all(count);
-    return {reader.take(bitBytes(count)), count};
+    return {reader.readBytes(bitBytes(count)), count};
 }
 
 bool HeaderParser::parseHeader() {
@@ -232,7 +232,7 @@ bool HeaderParser::parsePackInfo(HeaderStreams& streams) noexcept {
                 std::uint64_t{defined(reader_, streams.packStreams).count()} * kDigestBytes;
             if (!reader_.waste(size + bitBytes(streams.packStreams) + 2))
                 return false;
-            reader_.take(size);
+            reader_.readBytes(size);
         } else {
             reader_.skip(reader_.number());
         }
@@ -282,7 +282,7 @@ bool HeaderParser::parseCoder(HeaderStreams& streams, std::uint32_t& inputs) noe
     if ((kind & 0xC0) != 0 || idBytes > kMostIdBytes)
         return reader_.refuse(HeaderFault::Unsupported, "a coder is described in an unknown way");
     streams.method = 0;
-    for (const std::byte part : reader_.take(idBytes))
+    for (const std::byte part : reader_.readBytes(idBytes))
         streams.method = streams.method << 8 | std::to_integer<std::uint64_t>(part);
 
     std::uint32_t coderInputs = 1;
@@ -298,7 +298,7 @@ bool HeaderParser::parseCoder(HeaderStreams& streams, std::uint32_t& inputs) noe
     const std::uint32_t properties = (kind & 0x20) != 0 ? reader_.count() : 0;
     if (properties > kUsualProperties && !reader_.waste(properties))
         return false;
-    streams.properties = reader_.take(properties);
+    streams.properties = reader_.readBytes(properties);
     return reader_.ok();
 }
 
@@ -361,7 +361,7 @@ bool HeaderParser::parseFolderDigests(HeaderStreams& streams) noexcept {
             return false;
         found = true;
         streams.digests = defined(reader_, count);
-        streams.digestValues = reader_.take(std::uint64_t{streams.digests.count()} * kDigestBytes);
+        streams.digestValues = reader_.readBytes(std::uint64_t{streams.digests.count()} * kDigestBytes);
         for (std::uint32_t i = 0; i < count; ++i)
             streams.folders[i].hasDigest = streams.digests.contains(i);
     }
@@ -436,7 +436,7 @@ bool HeaderParser::parseStreamDigests(const HeaderStreams& streams, std::uint64_
         if (found && !reader_.waste(2))
             return false;
         found = true;
-        reader_.take(std::uint64_t{defined(reader_, count).count()} * kDigestBytes);
+        reader_.readBytes(std::uint64_t{defined(reader_, count).count()} * kDigestBytes);
     }
     return reader_.ok();
 }
@@ -477,7 +477,7 @@ bool HeaderParser::parseFileProperty(std::uint64_t id, std::uint64_t size) {
     if (size > most)
         return reader_.refuse(HeaderFault::Header, "a property of the items is longer than it should be");
     const std::size_t begin = reader_.position();
-    HeaderReader part(reader_.take(size), begin);
+    HeaderReader part(reader_.readBytes(size), begin);
     if (!reader_.ok())
         return false;
     parseProperty(id, part);
@@ -509,9 +509,9 @@ std::uint64_t HeaderParser::mostBytes(std::uint64_t id) const noexcept {
 
 void HeaderParser::parseProperty(std::uint64_t id, HeaderReader& part) noexcept {
     if (id == HeaderId::kEmptyStream)
-        emptyFiles_ = DefinedSet(part.take(bitBytes(files_)), files_).count();
+        emptyFiles_ = DefinedSet(part.readBytes(bitBytes(files_)), files_).count();
     else if (id == HeaderId::kEmptyFile || id == HeaderId::kAnti)
-        part.take(bitBytes(emptyFiles_));
+        part.readBytes(bitBytes(emptyFiles_));
     else
         parseValues(part, id == HeaderId::kAttributes ? sizeof(std::uint32_t) : sizeof(std::uint64_t));
 }
@@ -520,7 +520,7 @@ void HeaderParser::parseValues(HeaderReader& part, std::size_t bytesEach) noexce
     const std::uint32_t count = defined(part, files_).count();
     if (part.byte() != 0)
         part.refuse(HeaderFault::Header, "a property stands in additional data that do not exist");
-    part.take(std::uint64_t{count} * bytesEach);
+    part.readBytes(std::uint64_t{count} * bytesEach);
 }
 
 // Each ends with a zero. What follows the last, the engine takes for an error.
@@ -536,14 +536,14 @@ bool HeaderParser::parseNames(std::uint64_t size) {
         return reader_.refuse(HeaderFault::Header, "the names are longer than the header has bytes for");
     if (files_ > bounds_.alikeItems || size > bounds_.alikeNameBytes)
         return areNamesVaried(size);
-    return zeroUnits(reader_.take(size)) >= files_ || refuseNames();
+    return zeroUnits(reader_.readBytes(size)) >= files_ || refuseNames();
 }
 
 bool HeaderParser::areNamesVaried(std::uint64_t size) {
     NameCensus census(files_);
     while (size > 0 && reader_.ok()) {
         const std::uint64_t slice = (std::min)(size, kSlice);
-        census.add(reader_.take(slice));
+        census.add(reader_.readBytes(slice));
         size -= slice;
         if (!census.isVaried())
             return reader_.refuse(HeaderFault::Header, "there are too many items of the same name");

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archive/header_check.h"
+#include "archive/header_layout.h"
 
 #include <cstddef>
 #include <cstdint>
@@ -8,41 +9,8 @@
 #include <span>
 #include <vector>
 
-/// The inside of an archive's header, read with nothing believed. Numbers below are of the format.
+/// The inside of an archive's header, read with nothing believed. Its layout is described in header_layout.h.
 namespace Vexel::Storage::Engine {
-
-namespace HeaderId {
-constexpr std::uint64_t kEnd = 0x00;
-constexpr std::uint64_t kHeader = 0x01;
-constexpr std::uint64_t kArchiveProperties = 0x02;
-constexpr std::uint64_t kAdditionalStreamsInfo = 0x03;
-constexpr std::uint64_t kMainStreamsInfo = 0x04;
-constexpr std::uint64_t kFilesInfo = 0x05;
-constexpr std::uint64_t kPackInfo = 0x06;
-constexpr std::uint64_t kUnpackInfo = 0x07;
-constexpr std::uint64_t kSubStreamsInfo = 0x08;
-constexpr std::uint64_t kSize = 0x09;
-constexpr std::uint64_t kCrc = 0x0A;
-constexpr std::uint64_t kFolder = 0x0B;
-constexpr std::uint64_t kCodersUnpackSize = 0x0C;
-constexpr std::uint64_t kNumUnpackStream = 0x0D;
-constexpr std::uint64_t kEmptyStream = 0x0E;
-constexpr std::uint64_t kEmptyFile = 0x0F;
-constexpr std::uint64_t kAnti = 0x10;
-constexpr std::uint64_t kName = 0x11;
-constexpr std::uint64_t kCreationTime = 0x12;
-constexpr std::uint64_t kAccessTime = 0x13;
-constexpr std::uint64_t kModificationTime = 0x14;
-constexpr std::uint64_t kAttributes = 0x15;
-constexpr std::uint64_t kEncodedHeader = 0x17;
-constexpr std::uint64_t kStartPosition = 0x18;
-} // namespace HeaderId
-
-namespace MethodId {
-constexpr std::uint64_t kCopy = 0;
-constexpr std::uint64_t kLzma2 = 0x21;
-constexpr std::uint64_t kLzma = 0x030101;
-} // namespace MethodId
 
 /// Where the bytes of a header come from that is not there as a whole yet.
 class HeaderSupply {
@@ -86,7 +54,7 @@ public:
     }
     /// A number that the engine counts with.
     std::uint32_t count() noexcept;
-    std::span<const std::byte> take(std::uint64_t size) noexcept;
+    std::span<const std::byte> readBytes(std::uint64_t size) noexcept;
     /// Counts bytes that nobody needs. Of a packed header these may not be many: they would be unpacked for
     /// nothing.
     bool waste(std::uint64_t size) noexcept;

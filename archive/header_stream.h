@@ -1,6 +1,6 @@
 #pragma once
 
-#include "archive/engine_streams.h"
+#include "archive/engine_inputs.h"
 #include "archive/header_check.h"
 
 /// How the check of the headers and the engine get what they read: the check reads the archive, and the

@@ -4,6 +4,8 @@
 
 #include "archive/header_unpacker.h"
 
+#include "archive/header_layout.h"
+
 #include <Alloc.h>
 
 #include <algorithm>

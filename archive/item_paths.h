@@ -24,6 +24,12 @@ inline bool isInside(std::wstring_view directory, std::wstring_view path) noexce
            (path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == L'/');
 }
 
+/// Whether `path` is that of an element of `directory` itself: then `parentOf` it is `directory`.
+inline bool isChild(std::wstring_view directory, std::wstring_view path) noexcept {
+    const std::size_t element = directory.empty() ? 0 : directory.size() + 1;
+    return isInside(directory, path) && path.find(L'/', element) == std::wstring_view::npos;
+}
+
 /// Empty for an element at the root.
 inline std::wstring_view parentOf(std::wstring_view path) noexcept {
     const std::size_t end = path.rfind(L'/');

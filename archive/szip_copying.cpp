@@ -71,13 +71,13 @@ public:
     };
 
     HRESULT copyTree(SZipStorage& source, IStorage* destination, const Selection& selection) {
-        note(enter(source, destination, selection));
+        noteOutcome(enter(source, destination, selection));
         return finish();
     }
     HRESULT copyElement(SZipStorage& parent, const CString& name, IStorage* destination, LPCOLESTR newName) {
         if (!parent.archive_->hasDirectory(parent.childPath(name)))
             return copyStream(parent, name, destination, newName);
-        note(copyStorage(parent, name, destination, newName));
+        noteOutcome(copyStorage(parent, name, destination, newName));
         return finish();
     }
 
@@ -95,7 +95,7 @@ private:
         VxLog_WriteW(VxLog_Error, format, storage.archive_->fileName().GetString(), path.GetString(),
                      static_cast<unsigned>(status));
     }
-    void note(HRESULT status);
+    void noteOutcome(HRESULT status);
     HRESULT finish();
     HRESULT enter(SZipStorage& source, IStorage* destination, const Selection& selection);
     HRESULT copyChild(const STATSTG& entry);
@@ -195,7 +195,7 @@ HRESULT SZipStorage::Copying::enter(SZipStorage& source, IStorage* destination, 
         return status;
     }
     if (info.clsid != CLSID_NULL)
-        note(destination->SetClass(info.clsid));
+        noteOutcome(destination->SetClass(info.clsid));
     destination->SetStateBits(info.grfStateBits, ~DWORD{0}); // which not everybody keeps
     return source.EnumElements(0, nullptr, 0, &level.children);
 }
@@ -215,7 +215,7 @@ HRESULT SZipStorage::Copying::copyChild(const STATSTG& entry) {
 }
 
 /// Takes down how an element of the storage that is being copied has fared.
-void SZipStorage::Copying::note(HRESULT status) {
+void SZipStorage::Copying::noteOutcome(HRESULT status) {
     const HRESULT failure = outcomeOf(status);
     if (first_ == S_OK)
         first_ = failure;
@@ -231,11 +231,11 @@ HRESULT SZipStorage::Copying::finish() {
         const HRESULT next = level.children ? level.children->Next(1, &entry, nullptr) : S_FALSE;
         const Detail::TaskText owner(entry.pwcsName);
         if (next == S_OK) {
-            note(withStatus([&] { return copyChild(entry); }));
+            noteOutcome(withStatus([&] { return copyChild(entry); }));
             continue;
         }
         if (next != S_FALSE)
-            note(next); // there may have been more
+            noteOutcome(next); // there may have been more
         if (level.failure != S_OK && levels_.size() > 1)
             VxLog_WriteW(VxLog_Minor,
                          L"Swallowing error 0x%08x that occured during copying of storage \"%ls|%ls\"",

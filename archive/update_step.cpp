@@ -5,6 +5,7 @@
 
 #include "archive/engine.h"
 #include "archive/engine_status.h"
+#include "archive/header_layout.h"
 #include "base/com_pointer.h"
 #include "base/status.h"
 
@@ -21,8 +22,6 @@ using NArchive::N7z::CUpdateItem;
 
 namespace {
 
-constexpr CMethodId kLzma = 0x030101;
-constexpr CMethodId kLzma2 = 0x21;
 constexpr UInt32 kDictionary = 0x100000;
 constexpr UInt32 kFastMode = 0;
 constexpr UInt32 kFastBytes = 32;
@@ -193,8 +192,8 @@ HRESULT update(const std::vector<UpdateEntry>& entries, const DatabaseStream* ol
         return status;
 
     CObjectVector<CUpdateItem> items = itemsOf(entries);
-    const CCompressionMethodMode method = methodFor(kLzma2, threadCount());
-    const CCompressionMethodMode headerMethod = methodFor(kLzma, kLzmaThreads);
+    const CCompressionMethodMode method = methodFor(MethodId::kLzma2, threadCount());
+    const CCompressionMethodMode headerMethod = methodFor(MethodId::kLzma, kLzmaThreads);
     NArchive::N7z::CUpdateOptions options;
     options.Method = &method;
     if (isHeaderWorthPacking(entries, old))

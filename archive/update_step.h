@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archive/database.h"
+#include "archive/engine_outputs.h"
 
 #include <vexel/framework.h>
 

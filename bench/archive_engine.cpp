@@ -49,7 +49,9 @@ void decode(benchmark::State& state, const wchar_t* path, std::size_t size) {
     for (auto _ : state)
         for (unsigned i = 0; i < archive->count(); ++i) {
             DynamicBuffer bytes = roomFor(size);
-            const DecodedFolder decoded = decodeFolder(*archive, i, bytes);
+            ComPtr<InStreamBase> input;
+            require(archive->openCursor(input));
+            const DecodedFolder decoded = decodeFolder(archive->database(), i, *input.Get(), bytes);
             require(decoded.status);
             benchmark::DoNotOptimize(decoded.crc);
         }

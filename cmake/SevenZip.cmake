@@ -39,7 +39,6 @@ endif()
 target_link_libraries(seven_zip PUBLIC oleaut32)
 # Every C++ source of the engine begins with this header, which is little more than the platform's.
 vexel_precompile(seven_zip seven_zip $<$<COMPILE_LANGUAGE:CXX>:${VEXEL_7ZIP_SOURCE_DIR}/CPP/Common/Common.h>)
-# The copying coder takes a buffer from the system, page by page, for every single item; archive/copy_buffer.cpp keeps
-# it from one to the next.
+# The one change to the engine: its copying coder gets its buffer from archive/copy_buffer.cpp, which says why.
 set_source_files_properties(${VEXEL_7ZIP_SOURCE_DIR}/CPP/7zip/Compress/CopyCoder.cpp PROPERTIES
   COMPILE_DEFINITIONS "MidAlloc=VexelTakeCopyBuffer;MidFree=VexelReturnCopyBuffer")

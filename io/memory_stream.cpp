@@ -8,6 +8,9 @@
 #include <vexel/memory_streams.h>
 
 #include <algorithm>
+#include <cstddef>
+#include <functional>
+#include <limits>
 #include <new>
 #include <optional>
 #include <utility>
@@ -18,9 +21,25 @@ using Vexel::Detail::platform;
 namespace Vexel::Storage {
 namespace {
 
+// Right also for the least number, which has no opposite.
 unsigned long long magnitude(long long negative) noexcept {
-    return 0 - static_cast<unsigned long long>(
-                   negative); // also right for the least number, which has no opposite
+    return 0 - static_cast<unsigned long long>(negative);
+}
+
+constexpr unsigned long long smallestStep = 1024;
+constexpr unsigned long long largestStep = 0x2000000;
+constexpr unsigned long long limit = std::numeric_limits<unsigned long long>::max();
+
+unsigned long long saturatedSum(unsigned long long a, unsigned long long b) noexcept {
+    return a <= limit - b ? a + b : limit;
+}
+
+// Doubles the capacity up to steps of 32 MiB, then goes on in such steps. A whole step is added also where
+// the end falls on one, so there is always room to spare. What cannot be expressed is larger than any memory.
+unsigned long long enlargedCapacity(unsigned long long capacity, unsigned long long end) noexcept {
+    const unsigned long long step = std::clamp(capacity, smallestStep, largestStep);
+    const unsigned long long need = end - capacity;
+    return saturatedSum(end, step - need % step);
 }
 
 } // namespace
@@ -70,7 +89,7 @@ unsigned long long InMemoryIStream::read(void* destination, unsigned long long c
     return count;
 }
 
-// What both ways of writing have in common, in the place of a call: `count` bytes for which there is room.
+// Writes `count` bytes for which there is room.
 inline void InMemoryIStream::place(const void* source, unsigned long long count) noexcept {
     Private& buffer = *private_;
     const unsigned long long start = position_;
@@ -83,6 +102,31 @@ inline void InMemoryIStream::place(const void* source, unsigned long long count)
 
 inline bool InMemoryIStream::hasRoom(unsigned long long count) const noexcept {
     return position_ <= private_->capacity && count <= private_->capacity - position_;
+}
+
+// Makes room for `count` more bytes if it can, and tells where `source` lies then: a clone is written to from
+// the very block that moves.
+const void* InMemoryIStream::grow(const void* source, unsigned long long count) noexcept {
+    const Private& buffer = *private_;
+    const auto* bytes = static_cast<const unsigned char*>(source);
+    const std::less<> before;
+    const bool inside =
+        buffer.data && !before(bytes, buffer.data) && before(bytes, buffer.data + buffer.capacity);
+    const std::ptrdiff_t offset = inside ? bytes - buffer.data : 0;
+    const unsigned long long end = saturatedSum(position_, count);
+    return enlarge(enlargedCapacity(buffer.capacity, end)) && inside ? buffer.data + offset : source;
+}
+
+bool InMemoryIStream::enlarge(unsigned long long newCapacity) noexcept {
+    Private& buffer = *private_;
+    if (!buffer.ownsMemory)
+        return false;
+    void* const block = platform().reallocate(buffer.data, newCapacity);
+    if (!block)
+        return false;
+    buffer.data = static_cast<unsigned char*>(block);
+    buffer.capacity = newCapacity;
+    return true;
 }
 
 unsigned long long InMemoryIStream::write(const void* source, unsigned long long count) noexcept {
@@ -159,6 +203,15 @@ HRESULT InMemoryIStream::Write(const void* pv, ULONG cb, ULONG* pcbWritten) noex
         *pcbWritten = cb;
     place(pv, cb);
     return S_OK;
+}
+
+HRESULT InMemoryIStream::writeAtMost(const void* pv, ULONG cb, ULONG* pcbWritten) noexcept {
+    const auto count = cb > 0 ? static_cast<ULONG>(write(pv, cb)) : 0;
+    if (pcbWritten)
+        *pcbWritten = count;
+    if (!pv)
+        return STG_E_INVALIDPOINTER;
+    return count > 0 || cb == 0 ? S_OK : STG_E_INSUFFICIENTMEMORY;
 }
 
 HRESULT InMemoryIStream::Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* plibNewPosition) noexcept {

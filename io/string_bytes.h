@@ -35,11 +35,11 @@ std::basic_string<Character> readArriving(unsigned long long bytes, Read read, u
     return text;
 }
 
-/// Reads up to `bytes` bytes of UTF-16 text likewise, and gives it to `take` as a `std::wstring_view`; a last
-/// odd byte is the low one of its character. Returns how many bytes came. Short texts, which nearly all are,
-/// take no memory on the way.
-template <class Read, class Take>
-unsigned long long readWide(unsigned long long bytes, Read read, Take take) {
+/// Reads up to `bytes` bytes of UTF-16 text likewise, and gives it to `receive` as a `std::wstring_view`; a
+/// last odd byte is the low one of its character. Returns how many bytes came. Short texts, which nearly all
+/// are, take no memory on the way.
+template <class Read, class Receive>
+unsigned long long readWide(unsigned long long bytes, Read read, Receive receive) {
     static_assert(sizeof(wchar_t) == 2);
     wchar_t buffer[128];
     std::wstring longer;
@@ -54,7 +54,7 @@ unsigned long long readWide(unsigned long long bytes, Read read, Take take) {
     }
     if (arrived % 2 != 0)
         text[arrived / 2] &= 0xFF;
-    take(std::wstring_view(text, static_cast<std::size_t>(charactersIn<wchar_t>(arrived))));
+    receive(std::wstring_view(text, static_cast<std::size_t>(charactersIn<wchar_t>(arrived))));
     return arrived;
 }
 

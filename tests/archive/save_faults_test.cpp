@@ -2,7 +2,7 @@
 // second, and so on until nothing fails any more, once each and from there on for good. Whatever happens, the
 // file on the disk is the old one, byte for byte, or the new one, and the archive in memory can be saved.
 
-#include "archive/engine_streams.h"
+#include "archive/engine_outputs.h"
 #include "archive_fixture.h"
 #include "base/com_pointer.h"
 #include "base/handles.h"
