@@ -31,7 +31,7 @@ HEADER_LAYERS = {
     "io": ["byte_streams.h", "com.h", "files.h", "ini.h", "memory_streams.h", "strings.h",
            "sub_stream.h"],
     "archive": ["archive.h"],
-    "storage": ["compressed_stream.h", "open_package.h", "properties.h", "storage.h"],
+    "storage": ["compressed_stream.h", "copying.h", "open_package.h", "properties.h", "storage.h"],
 }
 
 

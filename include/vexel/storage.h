@@ -113,6 +113,7 @@ namespace Vexel::Detail {
 template <class Item>
 class ItemRef;
 class StreamLock;
+class TreeWalk;
 } // namespace Vexel::Detail
 
 /// How a structured file is stored.
@@ -319,6 +320,7 @@ public:
 private:
     friend class StorageEnumerator;
     friend class StreamRef;
+    friend class Vexel::Detail::TreeWalk;
 
     explicit StorageRef(IStorage* storage);
     explicit StorageRef(Vexel::Detail::ItemRef<VxStorage> item) noexcept;

@@ -288,6 +288,8 @@ public:
     bool moveNext();
     /// S_OK, S_FALSE after the last child, or the failure that ended the list.
     HRESULT status() const noexcept { return status_; }
+    /// Whether nothing follows the current entry.
+    bool isLast() const noexcept { return next_ == entries_.size(); }
 
     StorageType type() const noexcept { return entry_.type; }
     const SharedPathName& name() const noexcept { return entry_.name; }

@@ -6,6 +6,7 @@
 #include "support/log_capture.h"
 #include "support/scarce_memory.h"
 
+#include <vexel/copying.h>
 #include <vexel/storage.h>
 
 #include <gtest/gtest.h>
@@ -17,6 +18,8 @@
 #include <random>
 #include <set>
 #include <string>
+#include <thread>
+#include <utility>
 #include <vector>
 
 using namespace Support;
@@ -151,6 +154,60 @@ TEST_F(Copying, ConvertingInPlaceIsForPackages) {
     EXPECT_EQ(root.convert(at(L"missing"), modeWrite), S_OK);
 }
 
+/// Takes down what it is told, in the notation of elements, and ends the work when it is told to.
+class Observer : public Vexel::TreeObserver {
+public:
+    bool onNode(const Vexel::TreeNode& node) override {
+        EXPECT_EQ(nodes.insert(text(node.path, node.type)).second, true);
+        EXPECT_TRUE(node.parent.hasChild(node.path.back(), node.type));
+        isLast = node.isLast;
+        return !leftOut.contains(text(node.path, node.type));
+    }
+    void onStorage(Vexel::TreePath path, const StorageRef& storage) override {
+        // Somebody who is waited for may need the root.
+        if (path.empty())
+            std::thread([&storage] { EXPECT_EQ(StorageEnumerator().reset(storage), S_OK); }).join();
+        EXPECT_EQ(storages.insert(text(path, StorageType::Storage)).second, true);
+    }
+    bool onProgress(unsigned long long count) override {
+        bytes += count;
+        return steps-- > 0;
+    }
+    bool onFault(const Vexel::TreeFault& fault) override {
+        EXPECT_EQ(fault.isInTarget, isInTarget);
+        EXPECT_TRUE(FAILED(fault.status));
+        faults.insert(text(fault.path, fault.type));
+        return goesOn;
+    }
+
+    std::set<std::wstring> nodes, storages, faults, leftOut;
+    unsigned long long bytes = 0;
+    int steps = 1'000'000;
+    bool goesOn = true, isInTarget = false, isLast = false;
+
+private:
+    static std::wstring text(Vexel::TreePath path, StorageType type) {
+        std::wstring all;
+        for (const SharedPathName& name : path)
+            all += (all.empty() ? L"" : L"/") + std::wstring(name.asStringView());
+        return type == StorageType::Storage ? all + L"/" : all;
+    }
+};
+
+std::set<std::wstring> pathsOf(const std::vector<Element>& elements) {
+    std::set<std::wstring> paths;
+    for (const Element& element : elements)
+        paths.insert(element.path);
+    return paths;
+}
+
+unsigned long long totalOf(const std::vector<Element>& elements) {
+    unsigned long long total = 0;
+    for (const Element& element : elements)
+        total += element.contents.size();
+    return total;
+}
+
 /// A document with streams at many places, whose contents go into a package as they are.
 std::vector<Element> placesOfStreams() {
     std::vector<Element> elements;
@@ -183,13 +240,17 @@ TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
     const struct {
         const char* name;
         StorageFormat from, to;
-        bool foreign;
+        bool foreign = false, observed = false;
     } ways[] = {
-        {"compound to compound", compoundFile, compoundFile, false},
-        {"compound to package", compoundFile, packages, false},
+        {"compound to compound", compoundFile, compoundFile},
+        {"compound to package", compoundFile, packages},
         {"foreign compound to package", compoundFile, packages, true},
-        {"package to compound", packages, compoundFile, false},
-        {"package to package", packages, packages, false},
+        {"package to compound", packages, compoundFile},
+        {"package to package", packages, packages},
+        {"compound to compound, observed", compoundFile, compoundFile, false, true},
+        {"compound to package, observed", compoundFile, packages, false, true},
+        {"package to compound, observed", packages, compoundFile, false, true},
+        {"package to package, observed", packages, packages, false, true},
     };
     const std::vector<std::set<std::wstring>> badOnes{
         {},
@@ -203,6 +264,7 @@ TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
     int number = 0;
     for (const auto& way : ways)
         for (const auto& bad : badOnes) {
+            Observer observer;
             SCOPED_TRACE(testing::Message() << way.name << ", bad " << bad.size() << " "
                                             << (bad.empty() ? std::wstring() : *bad.begin()));
             const std::wstring from = folder_.file(std::to_wstring(++number) + L" from"),
@@ -228,7 +290,14 @@ TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
                       kept = openStream(L"z-kept", target);
             ASSERT_EQ(mine.Seek(vxio::IReadStream::Begin, 3), 3u);
             ASSERT_EQ(kept.Seek(vxio::IReadStream::Begin, 2), 2u);
-            EXPECT_EQ(source.copyTo(target), bad.empty() ? S_OK : STG_E_READFAULT);
+            const long status =
+                way.observed ? Vexel::copyTree(source, target, &observer) : source.copyTo(target);
+            EXPECT_EQ(status, bad.empty() ? S_OK : STG_E_READFAULT);
+            if (way.observed) {
+                EXPECT_EQ(observer.nodes, pathsOf(elements));
+                EXPECT_EQ(observer.faults, bad);
+                EXPECT_GE(observer.bytes, totalOf(expected) - 4);
+            }
             EXPECT_EQ(mine.GetPosition(), 3u);
             EXPECT_EQ(kept.GetPosition(), 2u);
             mine.close();
@@ -237,7 +306,8 @@ TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
             target.close();
             closeUnused();
             EXPECT_EQ(allOf(openRoot(path(to), modeRead)), sorted(expected));
-            if (way.from == packages) { // told once, by the archive and by who copies
+            if (way.from == packages &&
+                !(way.observed && way.to == compoundFile)) { // told once, by the archive and by who copies
                 EXPECT_EQ(log_.count(VxLog_Error, L"for copying: 0x8003001e") +
                               log_.count(VxLog_Error, L"has not met the expectations"),
                           2 * static_cast<int>(bad.size()));
@@ -264,18 +334,88 @@ TEST_F(Copying, IntoAStorageOpenForReadingFails) {
         }
 }
 
-// A document larger than what may wait in memory is in the file before anybody commits.
-TEST_F(Copying, CommitsOnTheWay) {
-    const std::vector<Element> elements{{L"A", std::string(64u << 20, 'a')}, {L"B", "b"}};
-    const StorageRef target = package();
-    copy(compound(elements), target);
-    StorageRef first = open(L"package", modeReadDenyWrite);
-    EXPECT_EQ(allOf(first).size(), 1u);
-    first.close();
-    closeUnused();
-    EXPECT_EQ(target.commit(), S_OK);
-    closeUnused();
-    EXPECT_EQ(allOf(target), elements);
+// Wherever it is, between nodes or within a stream.
+TEST_F(Copying, EndsWhereTheObserverWantsIt) {
+    const std::vector<Element> elements{
+        {L"a", "first"}, {L"box/", {}}, {L"box/large", std::string(150'000, 'j')}, {L"box/last", "l"}};
+    copyAndClose(compound(elements), package());
+    int number = 0;
+    for (const wchar_t* const from : {L"compound", L"package"})
+        for (const bool toPackage : {false, true}) {
+            std::size_t most = 0;
+            long status = E_ABORT;
+            for (int steps = 0; status != S_OK; ++steps) {
+                SCOPED_TRACE(testing::Message() << from << toPackage << steps);
+                ASSERT_LT(steps, 100);
+                const std::wstring to = std::to_wstring(++number);
+                if (!toPackage)
+                    writeCompoundFile(folder_.file(to), {});
+                const StorageRef source = open(from);
+                const StorageRef target = toPackage ? package(to) : open(to, modeWrite);
+                Observer observer;
+                observer.steps = steps;
+                status = Vexel::copyTree(source, target, &observer);
+                const std::vector<Element> copied = allOf(target);
+                if (status == S_OK) {
+                    EXPECT_EQ(copied, elements);
+                    EXPECT_EQ(observer.bytes, totalOf(elements));
+                    EXPECT_EQ(observer.storages, (std::set<std::wstring>{L"/", L"box/"}));
+                    EXPECT_TRUE(observer.isLast);
+                    continue;
+                }
+                EXPECT_EQ(status, E_ABORT);
+                EXPECT_LE(copied.size(), elements.size());
+                EXPECT_GE(copied.size(), most);
+                most = copied.size();
+                for (const Element& element : copied)
+                    EXPECT_TRUE(std::find(elements.begin(), elements.end(), element) != elements.end());
+            }
+            EXPECT_GE(most, elements.size() - 1);
+        }
+}
+
+TEST_F(Copying, FaultsEndItWhereTheObserverWantsThat) {
+    std::vector<Element> elements = placesOfStreams();
+    copyAndClose(compound(elements), package());
+    std::string file = readFile(folder_.file(L"package"));
+    damage(file, elements[2], true);
+    writeFile(folder_.file(L"package"), file);
+    Observer observer;
+    observer.goesOn = false;
+    observer.leftOut = {L"a-first"};
+    const StorageRef target = package(L"target");
+    EXPECT_EQ(Vexel::copyTree(open(L"package"), target, &observer), STG_E_READFAULT);
+    EXPECT_EQ(observer.faults, std::set<std::wstring>{elements[2].path});
+    EXPECT_EQ(pathsOf(allOf(target)), std::set<std::wstring>{L"b-box/"});
+
+    // What stands in the target's place is a fault there; the target itself cannot stand in the source.
+    StorageRef inside;
+    StreamRef taken;
+    Observer other;
+    other.isInTarget = true;
+    ASSERT_EQ(inside.create(L"inside", target, false), S_OK);
+    EXPECT_EQ(Vexel::copyTree(target, inside, &other), STG_E_ACCESSDENIED);
+    ASSERT_EQ(target.storage() ? StorageRef(target).destroy(L"b-box") : E_FAIL, S_OK);
+    ASSERT_EQ(taken.create(L"b-box", target), S_OK);
+    EXPECT_TRUE(FAILED(Vexel::copyTree(open(L"compound"), target, &other)));
+    EXPECT_EQ(other.faults, std::set<std::wstring>{L"b-box/"});
+}
+
+TEST_F(Copying, WalksMeetEachNodeOnce) {
+    const std::vector<Element> elements = placesOfStreams();
+    copyAndClose(compound(elements), package());
+    for (const wchar_t* const name : {L"compound", L"package"}) {
+        const StorageRef root = open(name);
+        Observer observer, stopped;
+        EXPECT_EQ(Vexel::walkTree(root, observer), S_OK);
+        EXPECT_EQ(observer.nodes, pathsOf(elements));
+        EXPECT_EQ(observer.bytes, 0u);
+        stopped.steps = 3;
+        EXPECT_EQ(Vexel::walkTree(root, stopped), E_ABORT);
+        EXPECT_EQ(stopped.nodes.size(), 3u);
+    }
+    Observer observer;
+    EXPECT_EQ(Vexel::walkTree(StorageRef(), observer), STG_E_INVALIDPARAMETER);
 }
 
 class CopyingOfFakes : public Copying {
@@ -333,6 +473,28 @@ TEST_F(CopyingOfFakes, IsTriedOnceMoreWhereThatHelps) {
     }
 }
 
+// A document larger than what may wait in memory is in the file before anybody commits: when as much waits,
+// or before a stream that would make it more.
+TEST_F(CopyingOfFakes, CommitsOnTheWay) {
+    constexpr ULONGLONG largest = 64ULL << 20;
+    calls_.available = ~0ULL;
+    calls_.moved = S_OK;
+    calls_.elements = {{L"First", STGTY_STREAM}};
+    for (const ULONGLONG size : {largest, largest / 2 + 1}) {
+        const std::wstring name = std::to_wstring(size);
+        const StorageRef target = package(name);
+        calls_.take();
+        calls_.failures = {{0, STG_E_FILENOTFOUND}}; // there is no "\1Ole"
+        calls_.size = size;
+        copy(source_, target);
+        const StorageRef written = open(name, modeReadDenyWrite);
+        EXPECT_EQ(openStream(L"First", written).size(), size);
+        EXPECT_FALSE(written.hasChild(element(L"Second"), StorageType::Stream));
+        EXPECT_EQ(target.hasChild(element(L"Second"), StorageType::Stream), size < largest);
+        calls_.elements.push_back({L"Second", STGTY_STREAM});
+    }
+}
+
 TEST_F(CopyingOfFakes, EndsWhereStoragesDoNot) {
     calls_.elements = {{L"Next", STGTY_STORAGE}};
     calls_.failures = {{0, STG_E_FILENOTFOUND}};                 // there is no "\1Ole"
@@ -341,11 +503,17 @@ TEST_F(CopyingOfFakes, EndsWhereStoragesDoNot) {
                             [](const std::wstring& call) { return call.starts_with(L"OpenStorage"); }),
               500);
     EXPECT_LT(calls_.log.size(), 100'000u);
+    Observer observer;
+    EXPECT_EQ(Vexel::walkTree(source_, observer), STG_E_INVALIDFUNCTION);
+    EXPECT_EQ(observer.faults.size(), 1u);
 }
 
 // A part is not taken for the whole, whatever fails and with whatever status, and the rest is copied.
 TEST_F(CopyingOfFakes, AFailureAnywhereFailsTheCopy) {
     calls_.elements = {{L"First", STGTY_STREAM}, {L"Second", STGTY_STREAM}, {L"Third", STGTY_STREAM}};
+    calls_.size = 5;
+    calls_.available = ~0ULL;
+    calls_.moved = S_OK;
     int number = 0;
     for (const HRESULT failure : {STG_E_READFAULT, STG_E_ACCESSDENIED, E_FAIL, HRESULT{0x20000002}}) {
         int failures = 0;
@@ -365,7 +533,7 @@ TEST_F(CopyingOfFakes, AFailureAnywhereFailsTheCopy) {
                 continue;
             SCOPED_TRACE(call);
             EXPECT_EQ(status, FAILED(failure) ? failure : STG_E_READFAULT);
-            if (isOpening || call == L"CopyTo") {
+            if (isOpening || call == L"Read 5") {
                 EXPECT_EQ(allOf(target).size(), 2u);
             }
             ++failures;
@@ -399,11 +567,17 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
 TEST_F(CopyingOfFakes, StreamsThatEndEarlyAreLeftOut) {
     calls_.elements = {{L"First", STGTY_STREAM}};
     calls_.size = 5;
-    calls_.failures = {{0, STG_E_FILENOTFOUND}}; // there is no "\1Ole"
-    const StorageRef target = package();
-    EXPECT_EQ(source_.copyTo(target), STG_E_READFAULT);
-    EXPECT_TRUE(allOf(target).empty());
-    EXPECT_EQ(source_.copyTo(target_), E_FAIL) << "what the fakes' reading ends in";
+    for (const HRESULT end : {S_OK, STG_E_DOCFILECORRUPT}) {
+        calls_.moved = end;
+        calls_.failures = {{0, STG_E_FILENOTFOUND}}; // there is no "\1Ole"
+        const StorageRef target = package();
+        EXPECT_EQ(source_.copyTo(target), STG_E_READFAULT);
+        EXPECT_TRUE(allOf(target).empty());
+        calls_.take();
+        calls_.failures.clear();
+        EXPECT_EQ(source_.copyTo(target_), STG_E_READFAULT);
+        calls_.take();
+    }
 }
 
 TEST_F(CopyingOfFakes, OfOneStreamTellsWhatFailed) {
@@ -463,6 +637,9 @@ TEST_F(CopyingOfFakes, HoldsTheStreamsItCopies) {
     static bool struck;
     struck = true;
     calls_.elements = {{L"From", STGTY_STREAM}};
+    calls_.size = 5;
+    calls_.available = ~0ULL;
+    calls_.moved = S_OK;
     for (int spared = 0; struck; ++spared) {
         const StorageRef target = package(L"package" + std::to_wstring(spared));
         source_.deleteUnusedObjects();
@@ -476,7 +653,7 @@ TEST_F(CopyingOfFakes, HoldsTheStreamsItCopies) {
         source_.copyTo(target);
         AtMainAllocation(0, nullptr);
         const std::wstring calls = calls_.take();
-        const size_t copied = calls.find(L"CopyTo");
+        const size_t copied = calls.find(L"Read 5");
         EXPECT_TRUE(copied == calls.npos || calls.find(L"~Stream") > copied) << spared;
         ASSERT_LT(spared, 5000);
     }

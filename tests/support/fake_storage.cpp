@@ -74,10 +74,10 @@ public:
 
 private:
     HRESULT move(const wchar_t* call, ULONG count, ULONG* done) {
-        calls_.add(call + std::to_wstring(count));
+        const HRESULT status = calls_.add(call + std::to_wstring(count));
         *done = static_cast<ULONG>((std::min)(calls_.available, ULONGLONG{count}));
         calls_.available -= *done;
-        return E_FAIL;
+        return status == S_OK ? calls_.moved : status;
     }
 };
 

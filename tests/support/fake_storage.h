@@ -35,10 +35,11 @@ struct FakeCalls {
     /// What the storages say of their access, and the streams of their size.
     DWORD mode = STGM_READ;
     ULONGLONG size = 0;
-    /// The position of the streams, and how many bytes they still move; each such call ends in E_FAIL all the
-    /// same.
+    /// The position of the streams, how many bytes they still move, and what such a call ends in all the same
+    /// unless `failures` says it.
     ULONGLONG position = 0;
     ULONGLONG available = 0;
+    HRESULT moved = E_FAIL;
     /// Runs in each call, if set.
     std::function<void()> during;
     /// Fakes that are alive.

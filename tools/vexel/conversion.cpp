@@ -4,7 +4,6 @@
 #include "document.h"
 #include "file_paths.h"
 #include "progress.h"
-#include "stopping.h"
 
 #include <vexel/hash.h>
 
@@ -27,97 +26,15 @@ CLSID classOf(const StorageRef& storage, const std::wstring& label) {
     return info.clsid;
 }
 
-/// Copies a document's nodes into a new package.
-class Conversion {
-public:
-    Conversion(const Document& source, const std::wstring& path, std::wstring label)
-        : source_(source), label_(std::move(label)), targets_(1) {
-        StorageRef& root = targets_.front();
-        check(root.create(SharedPathName(path.c_str(), true, false)), L"cannot create", label_);
-        // Without any change nothing would be saved, not even a package without nodes.
-        check(StorageRef().create(L"-", root, false), L"cannot create", label_);
-        check(root.destroy(L"-"), L"cannot create", label_);
-    }
-
-    void run() {
-        copyClass(source_.root(), targets_.front(), source_.label({}));
-        source_.walk({}, [this](const Node& node) { copy(node); });
-        save();
-    }
-
-private:
-    void copy(const Node& node) {
-        targets_.resize(node.depth + 1);
-        if (node.type == StorageType::Stream) {
-            copyStream(node);
-            return;
-        }
-        StorageRef source;
-        StorageRef target;
-        const std::wstring label = source_.label(node.path);
-        const wchar_t* const name = node.path.name().c_str();
-        check(source.open(name, *node.parent, true), L"cannot open", label);
-        check(target.create(name, targets_.back(), false), L"cannot copy", label);
-        copyClass(source, target, label);
-        targets_.push_back(std::move(target));
-    }
-
-    void copyStream(const Node& node) {
-        // So that a large stream is alone in memory.
-        if (unsaved_ > 0 && unsaved_ + node.size > kLargestInMemory)
-            save();
-        if (source_.root().format() == StorageFormat::Package)
-            copyInPackages(node);
-        else
-            copyBytes(node);
-        unsaved_ += node.size;
-        if (unsaved_ >= kLargestInMemory)
-            save();
-    }
-
-    // From package to package contents go without being in both.
-    void copyInPackages(const Node& node) const {
-        IStorage* const from = node.parent->storage();
-        IStorage* const to = targets_.back().storage();
-        const wchar_t* const name = node.path.name().c_str();
-        const HRESULT status =
-            from && to ? from->MoveElementTo(name, to, name, STGMOVE_COPY) : STG_E_INVALIDHANDLE;
-        source_.checkUnpacking(status, L"cannot copy", node.path);
-        progress().add(node.size);
-    }
-
-    void copyBytes(const Node& node) const {
-        const std::wstring label = source_.label(node.path);
-        StreamRef source = source_.openStream(node.path, *node.parent);
-        StreamRef target;
-        check(target.create(node.path.name().c_str(), targets_.back()), L"cannot copy", label);
-        // At once, or the memory would grow by copying what is there already.
-        check(target.setSize(source.size()), L"cannot copy", label);
-        source_.read(source, node.path, [&](std::span<const std::byte> data) {
-            if (target.WriteBytes(data.data(), data.size()) != data.size())
-                throw Failure(L"cannot copy", label, STG_E_MEDIUMFULL);
-        });
-    }
-
-    static void copyClass(const StorageRef& from, const StorageRef& to, const std::wstring& label) {
-        const CLSID id = classOf(from, label);
-        IStorage* const target = to.storage();
-        if (id != CLSID_NULL)
-            check(target ? target->SetClass(id) : E_FAIL, L"cannot copy the class of", label);
-    }
-
-    void save() {
-        checkStop();
-        check(targets_.front().commit(), L"cannot write", label_);
-        targets_.front().deleteUnusedObjects(); // gives back what the file holds now
-        unsaved_ = 0;
-    }
-
-    const Document& source_;
-    std::wstring label_;
-    std::vector<StorageRef> targets_; // from the root to the storage that the walk is in
-    unsigned long long unsaved_ = 0;
-};
+void makePackage(const Document& source, const std::wstring& path, const std::wstring& label) {
+    StorageRef root;
+    check(root.create(SharedPathName(path.c_str(), true, false)), L"cannot create", label);
+    // Without any change nothing would be saved, not even a package without nodes.
+    check(StorageRef().create(L"-", root, false), L"cannot create", label);
+    check(root.destroy(L"-"), L"cannot create", label);
+    source.copy(source.root(), {}, root, label);
+    check(root.commit(), L"cannot write", label);
+}
 
 /// What tells one run of bytes from another. The bytes come in the pieces of Document::read.
 class Fingerprint {
@@ -132,45 +49,51 @@ private:
     std::uint64_t second_ = 0;
 };
 
-/// Fails unless both documents have the same nodes, of the same class or with the same contents.
+/// Fails unless both documents have the same nodes, of the same class or with the same contents. They are
+/// walked side by side: what is met in one is looked for in the storage of the other that the walk is in.
 class Comparison {
 public:
     Comparison(const Document& source, const Document& target, std::wstring label)
         : source_(source), target_(target), label_(std::move(label)) {}
 
     void run() {
-        compareClasses(source_.root(), target_.root(), {});
-        unsigned long long nodes = 0;
-        source_.walk({}, [&](const Node& node) {
-            nodes += !isClass(node);
-            compare(node);
-        });
-        target_.walk({}, [&nodes](const Node& node) { nodes -= !isClass(node); });
-        if (nodes != 0)
+        source_.walk(
+            {}, [this](const Node& node) { compare(node); }, {},
+            [this](const NodePath& path, const StorageRef& storage) { enter(path, storage); });
+        if (nodes_ != 0)
             fail();
     }
 
 private:
     // Packages keep a storage's class in a stream.
-    static bool isClass(const Node& node) {
-        return node.type == StorageType::Stream && node.path.name() == L".clsid";
+    static bool isClass(StorageType type, std::wstring_view name) {
+        return type == StorageType::Stream && name == L".clsid";
     }
 
     void compare(const Node& node) {
-        if (node.type == StorageType::Stream)
-            compareStreams(node);
-        else
-            compareClasses(source_.openStorage(node.path), target_.openStorage(node.path), node.path);
-    }
-
-    // One after the other: together, the contents of two packages would be in memory twice.
-    void compareStreams(const Node& node) {
-        const Fingerprint wanted = read(source_, source_.openStream(node.path, *node.parent), node);
-        if (read(target_, target_.openStream(node.path), node) != wanted)
+        targets_.resize(node.depth + 1);
+        nodes_ += !isClass(node.type, node.path.name());
+        // One after the other: together, the contents of two packages would be in memory twice.
+        if (node.type == StorageType::Stream &&
+            read(source_, *node.parent, node) != read(target_, targets_.back(), node))
             fail();
     }
 
-    Fingerprint read(const Document& document, StreamRef stream, const Node& node) {
+    void enter(const NodePath& path, const StorageRef& storage) {
+        StorageRef target = target_.root();
+        if (!path.isRoot())
+            check(target.open(path.name().c_str(), targets_.back(), true), L"cannot open",
+                  target_.label(path));
+        if (classOf(storage, source_.label(path)) != classOf(target, label_))
+            fail();
+        StorageEnumerator child;
+        for (check(child.reset(target), L"cannot list", target_.label(path)); child.moveNext();)
+            nodes_ -= !isClass(child.type(), child.name().asStringView());
+        targets_.push_back(std::move(target));
+    }
+
+    Fingerprint read(const Document& document, const StorageRef& parent, const Node& node) {
+        StreamRef stream = document.openStream(node.path, parent);
         if (stream.size() != node.size)
             fail();
         Fingerprint found;
@@ -185,11 +108,6 @@ private:
         return found;
     }
 
-    void compareClasses(const StorageRef& source, const StorageRef& target, const NodePath& path) const {
-        if (classOf(source, source_.label(path)) != classOf(target, label_))
-            fail();
-    }
-
     [[noreturn]] void fail() const {
         throw Failure(L"what was written is not what was read:", label_, STG_E_WRITEFAULT);
     }
@@ -197,6 +115,8 @@ private:
     const Document& source_;
     const Document& target_;
     std::wstring label_;
+    std::vector<StorageRef> targets_; // those that the walk is in
+    long long nodes_ = 0;             // met in the source, less those listed in the target
     unsigned long long inMemory_ = 0; // bytes
 };
 
@@ -211,7 +131,7 @@ void convertDocument(const std::wstring& from, const std::wstring& to, bool forc
     partial.close();
     const unsigned long long total = totalSize(source);
     progress().begin(L"converting", total);
-    Conversion(source, partial.path(), to).run();
+    makePackage(source, partial.path(), to);
     StorageContainer::Instance().deleteUnusedObjects(); // the package's file is to be read, and renamed
     progress().begin(L"verifying", 2 * total);
     {

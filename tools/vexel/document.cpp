@@ -7,7 +7,10 @@
 #include "progress.h"
 #include "stopping.h"
 
+#include <vexel/copying.h>
+
 #include <algorithm>
+#include <exception>
 #include <limits>
 
 namespace Vexel::Tool {
@@ -16,22 +19,6 @@ namespace {
 // Deep enough for any real document; each level holds an open storage, and the storage service nests its
 // calls.
 constexpr std::size_t kMaximumDepth = 256;
-
-struct Child {
-    SharedPathName name;
-    StorageType type;
-    unsigned long long size;
-    FILETIME created;
-    FILETIME modified;
-};
-
-// One level of a walk.
-struct Level {
-    StorageRef storage;
-    NodePath path;
-    std::vector<Child> children;
-    std::size_t next = 0;
-};
 
 // In a compound file each node takes a directory entry of 128 bytes. The paths of a package cannot form a
 // circle, and its directory may be packed, so its size says nothing.
@@ -43,37 +30,6 @@ unsigned long long maximumNodes(const std::wstring& file, StorageFormat format) 
         return std::numeric_limits<unsigned long long>::max();
     return ((static_cast<unsigned long long>(data.nFileSizeHigh) << 32) | data.nFileSizeLow) /
            kDirectoryEntrySize;
-}
-
-// Takes the children it finds off `nodesLeft`.
-std::vector<Child> childrenOf(const StorageRef& storage, unsigned long long& nodesLeft,
-                              const std::wstring& label) {
-    StorageEnumerator enumerator;
-    check(enumerator.reset(storage), L"cannot list", label);
-    std::vector<Child> children;
-    for (; enumerator.moveNext(); --nodesLeft) {
-        if (nodesLeft == 0)
-            throw Failure(L"more nodes than the file can hold in", label, STG_E_DOCFILECORRUPT);
-        children.push_back({enumerator.name(), enumerator.type(), enumerator.size().QuadPart,
-                            enumerator.createTime(), enumerator.writeTime()});
-    }
-    if (enumerator.status() != S_FALSE) // the end
-        throw Failure(L"cannot list all of", label, enumerator.status());
-    return children;
-}
-
-Node nodeOf(const Level& level, std::size_t depth) {
-    const Child& child = level.children[level.next];
-    Node node;
-    node.path = level.path.child(child.name.asStringView());
-    node.depth = depth;
-    node.type = child.type;
-    node.size = child.type == StorageType::Stream ? child.size : 0;
-    node.created = child.created;
-    node.modified = child.modified;
-    node.last = level.next + 1 == level.children.size();
-    node.parent = &level.storage;
-    return node;
 }
 
 // The name as StorageRef::hasChild takes it. Of some texts ("C:x", "\foo") a SharedPathName makes a path;
@@ -91,6 +47,98 @@ SharedPathName elementName(const StorageRef& parent, const std::wstring& name) {
     }
     return {};
 }
+
+// What goes on in a walk. Nothing may be thrown through it, so what ends it is kept.
+class Walk : public TreeObserver {
+public:
+    Walk(const Document& document, const NodePath& start, unsigned long long nodesLeft,
+         const Document::Visitor& visitor, const Document::FaultHandler& onFault,
+         const Document::StorageVisitor& onStorage)
+        : document_(document), start_(start), nodesLeft_(nodesLeft), visitor_(visitor), onFault_(onFault),
+          onStorage_(onStorage) {}
+
+    void run() {
+        walkTree(document_.openStorage(start_), *this);
+        if (end_)
+            std::rethrow_exception(end_);
+    }
+
+    bool onNode(const TreeNode& met) override {
+        return !end_ && attempt([&] {
+            const std::size_t depth = met.path.size();
+            const Node node{start_.below(met.path), depth - 1,  met.type,   met.size, met.created,
+                            met.modified,           met.isLast, &met.parent};
+            visitor_(node);
+            if (node.type == StorageType::Storage && depth >= kMaximumDepth)
+                throw Failure(L"storages are nested too deep at", document_.label(node.path),
+                              STG_E_DOCFILECORRUPT);
+        });
+    }
+    void onStorage(TreePath path, const StorageRef& storage) override {
+        if (onStorage_)
+            attempt([&] { onStorage_(start_.below(path), storage); });
+    }
+    bool onProgress(unsigned long long /*bytes*/) override {
+        if (end_)
+            return false;
+        if (stopIsWanted())
+            end_ = std::make_exception_ptr(Stopped());
+        else if (nodesLeft_-- == 0)
+            end_ = std::make_exception_ptr(
+                Failure(L"more nodes than the file can hold in", document_.label({}), STG_E_DOCFILECORRUPT));
+        return !end_;
+    }
+    bool onFault(const TreeFault& fault) override {
+        attempt(
+            [&] { throw Failure(L"cannot read", document_.label(start_.below(fault.path)), fault.status); });
+        return !end_;
+    }
+
+private:
+    template <class Body>
+    bool attempt(const Body& body) {
+        try {
+            try {
+                body();
+                return true;
+            } catch (const Failure& failure) {
+                if (!onFault_)
+                    throw;
+                onFault_(failure);
+            }
+        } catch (...) {
+            end_ = std::current_exception();
+        }
+        return false;
+    }
+
+    const Document& document_;
+    const NodePath& start_;
+    unsigned long long nodesLeft_;
+    const Document::Visitor& visitor_;
+    const Document::FaultHandler& onFault_;
+    const Document::StorageVisitor& onStorage_;
+    std::exception_ptr end_;
+};
+
+// The first thing that fails ends the copy.
+class Copy : public TreeObserver {
+public:
+    bool onProgress(unsigned long long bytes) override {
+        progress().add(bytes);
+        return !stopIsWanted();
+    }
+    bool onFault(const TreeFault& fault) override {
+        path.assign(fault.path.begin(), fault.path.end());
+        type = fault.type;
+        isInTarget = fault.isInTarget;
+        return false;
+    }
+
+    std::vector<SharedPathName> path; // of the fault
+    StorageType type = StorageType::Storage;
+    bool isInTarget = false;
+};
 
 } // namespace
 
@@ -192,48 +240,22 @@ void Document::read(StreamRef& stream, const NodePath& path,
     }
 }
 
-void Document::walk(const NodePath& start, const Visitor& visitor, const FaultHandler& onFault) const {
-    unsigned long long nodesLeft = maximumNodes(file_, root_.format());
-    unsigned long long bytes = 0; // of streams that the visitor may have read since the last clean-up
-    std::vector<Level> levels;
-    const auto enter = [&](StorageRef storage, NodePath path) {
-        const std::wstring where = label(path);
-        if (levels.size() >= kMaximumDepth)
-            throw Failure(L"storages are nested too deep at", where, STG_E_DOCFILECORRUPT);
-        std::vector<Child> children = childrenOf(storage, nodesLeft, where);
-        levels.push_back({std::move(storage), std::move(path), std::move(children)});
-    };
-    const auto open = [&](const Level& level, const SharedPathName& name, const NodePath& path) {
-        StorageRef storage;
-        check(storage.open(name, level.storage, true), L"cannot open", label(path));
-        enter(std::move(storage), path);
-    };
-    enter(openStorage(start), start);
-    while (!levels.empty()) {
-        Level& level = levels.back();
-        if (level.next == level.children.size()) {
-            levels.pop_back();
-            continue;
-        }
-        checkStop();
-        const Node node = nodeOf(level, levels.size() - 1);
-        const SharedPathName name = level.children[level.next++].name;
-        bytes += node.size;
-        try {
-            visitor(node);
-            if (node.type == StorageType::Storage)
-                open(level, name, node.path);
-        } catch (const Failure& failure) {
-            if (!onFault)
-                throw;
-            onFault(failure);
-        }
-        // A package keeps the contents that were read until it is told to let them go.
-        if (bytes > kLargestInMemory) {
-            StorageRef(root_).deleteUnusedObjects();
-            bytes = 0;
-        }
-    }
+void Document::walk(const NodePath& start, const Visitor& visitor, const FaultHandler& onFault,
+                    const StorageVisitor& onStorage) const {
+    Walk(*this, start, maximumNodes(file_, root_.format()), visitor, onFault, onStorage).run();
+}
+
+void Document::copy(const StorageRef& from, const NodePath& path, const StorageRef& to,
+                    const std::wstring& target) const {
+    Copy copy;
+    const HRESULT status = copyTree(from, to, &copy);
+    checkStop();
+    const NodePath node = path.below(copy.path);
+    if (copy.isInTarget)
+        check(status, L"cannot write", target);
+    else if (copy.type == StorageType::Stream)
+        checkUnpacking(status, L"cannot copy", node);
+    check(status, L"cannot copy", label(node));
 }
 
 // From the inside to the outside, as compound files want it: there only the root's commit brings anything

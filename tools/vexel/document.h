@@ -32,6 +32,7 @@ class Document {
 public:
     using Visitor = std::function<void(const Node&)>;
     using FaultHandler = std::function<void(const Failure&)>;
+    using StorageVisitor = std::function<void(const NodePath&, const StorageRef&)>;
 
     /// For reading, use ReadOnlyDenyWrite: what a command reads is then of one piece, and where somebody else
     /// is writing, it reads a copy.
@@ -69,8 +70,15 @@ public:
     /// Meets everything below a storage, each storage before its contents, siblings in the order in which the
     /// storage lists them. In a damaged file storages may contain themselves: the walk fails where it is
     /// deeper or has met more nodes than the file can hold. With `onFault`, failures go there, the visitor's
-    /// too, and the walk goes on: behind the storage, if it was one. Throws Stopped.
-    void walk(const NodePath& start, const Visitor& visitor, const FaultHandler& onFault = {}) const;
+    /// too, and the walk goes on: behind the storage, if it was one. `onStorage` gets each storage that was
+    /// opened, before what is in it, the first one too. Throws Stopped.
+    void walk(const NodePath& start, const Visitor& visitor, const FaultHandler& onFault = {},
+              const StorageVisitor& onStorage = {}) const;
+
+    /// Copies all that is in the storage `from`, which stands at `path`, into another one. Shown as progress.
+    /// Whatever fails ends it. `target` names the other one in failures. Throws Stopped.
+    void copy(const StorageRef& from, const NodePath& path, const StorageRef& to,
+              const std::wstring& target) const;
 
     /// Writes changes out, from the innermost of `storages` to the root: in a compound file each is a
     /// transaction within the one above it, and the root's brings all into the file; of a package the first

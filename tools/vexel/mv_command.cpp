@@ -32,15 +32,16 @@ bool isInside(const NodePath& path, const NodePath& storage) {
            path.first(storage.elements().size()).elements() == storage.elements();
 }
 
-HRESULT copyStorage(Place& from, Place& to) {
+HRESULT copyStorage(const Document& document, Place& from, Place& to) {
     StorageRef source;
     StorageRef target;
-    HRESULT status = source.open(from.path.name().c_str(), from.parent(), true);
+    HRESULT status = source.open(from.name(), from.parent(), true);
     if (status == S_OK)
-        status = target.create(to.path.name().c_str(), to.parent(), false);
-    if (status == S_OK)
-        status = source.copyTo(target);
-    return status == S_OK ? target.commit() : status;
+        status = target.create(to.name(), to.parent(), false);
+    if (status != S_OK)
+        return status;
+    document.copy(source, from.path, target, document.label(to.path));
+    return target.commit();
 }
 
 HRESULT copyStream(Place& from, Place& to) {
@@ -58,14 +59,15 @@ HRESULT copyStream(Place& from, Place& to) {
 
 // Packages move. The system's storage only renames within a storage, and where it leaves the name's length as
 // it was (seen with Wine 8), nobody else finds the node again.
-HRESULT moveNode(Place& from, Place& to, StorageType type) {
+HRESULT moveNode(const Document& document, Place& from, Place& to, StorageType type) {
     if (from.parent().format() == StorageFormat::Package) {
         IStorage* const source = from.parent().storage();
         IStorage* const target = to.parent().storage();
         return source && target ? source->MoveElementTo(from.name(), target, to.name(), STGMOVE_MOVE)
                                 : STG_E_INVALIDHANDLE;
     }
-    const HRESULT status = type == StorageType::Storage ? copyStorage(from, to) : copyStream(from, to);
+    const HRESULT status =
+        type == StorageType::Storage ? copyStorage(document, from, to) : copyStream(from, to);
     return status == S_OK ? from.parent().destroy(from.path.name().c_str()) : status;
 }
 
@@ -86,7 +88,7 @@ void run(const Arguments& arguments) {
     if (Document::typeOf(to.parent(), newNode.name()))
         throw Failure(L"cannot move to", document.label(newNode), STG_E_FILEALREADYEXISTS);
     checkStop();
-    check(moveNode(from, to, *type), L"cannot move", document.label(node));
+    check(moveNode(document, from, to, *type), L"cannot move", document.label(node));
     checkStop();
     // Where the ways to both places are one, it is committed when what lies below is.
     const auto ways =

@@ -98,4 +98,12 @@ NodePath NodePath::child(std::wstring_view name) const {
     return result;
 }
 
+NodePath NodePath::below(TreePath path) const {
+    NodePath result = *this;
+    result.elements_.reserve(elements_.size() + path.size());
+    for (const SharedPathName& name : path)
+        result.elements_.emplace_back(name.asStringView());
+    return result;
+}
+
 } // namespace Vexel::Tool

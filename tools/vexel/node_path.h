@@ -1,5 +1,7 @@
 #pragma once
 
+#include <vexel/copying.h>
+
 #include <string>
 #include <string_view>
 #include <utility>
@@ -36,6 +38,9 @@ public:
     NodePath first(std::size_t count) const;
 
     NodePath child(std::wstring_view name) const;
+
+    /// The path of a node that a walk from this one's storage has met.
+    NodePath below(TreePath path) const;
 
 private:
     explicit NodePath(std::vector<std::wstring> elements) noexcept : elements_(std::move(elements)) {}

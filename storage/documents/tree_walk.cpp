@@ -1,0 +1,304 @@
+#include "storage/documents/tree_walk.h"
+
+#include "base/status_guard.h"
+#include "io/com_stream.h"
+#include "storage/tree/tree_lock.h"
+
+#include <wrl/client.h>
+
+#include <algorithm>
+#include <span>
+#include <utility>
+
+using Microsoft::WRL::ComPtr;
+
+namespace Vexel::Detail {
+
+namespace {
+
+constexpr unsigned long long largestInMemory = 64ULL << 20;
+constexpr std::size_t chunkSize = 0x10000;
+
+HRESULT sizeOf(::IStream* stream, unsigned long long& size) {
+    STATSTG info{};
+    const HRESULT status = outcomeOf(stream->Stat(&info, STATFLAG_NONAME));
+    size = info.cbSize.QuadPart;
+    return status;
+}
+
+/// Fills `bytes` from `offset` on. The stream stays where it is, which the application may know.
+HRESULT readAt(::IStream* stream, unsigned long long offset, std::span<std::byte> bytes) {
+    const unsigned long long before = position(stream);
+    HRESULT status =
+        outcomeOf(stream->Seek({.QuadPart = static_cast<LONGLONG>(offset)}, STREAM_SEEK_SET, nullptr));
+    ULONG done = 0;
+    if (status == S_OK)
+        status = outcomeOf(stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), &done));
+    unsigned long long reached = 0;
+    seek(stream, STREAM_SEEK_SET, static_cast<long long>(before), reached);
+    // Some systems' streams just end where their sectors do, others say that the file is damaged.
+    if (status == STG_E_DOCFILECORRUPT || (status == S_OK && done != bytes.size()))
+        return STG_E_READFAULT;
+    return status;
+}
+
+HRESULT write(VxStream& target, std::span<const std::byte> bytes) {
+    ::IStream* const stream = target.stream();
+    ULONG done = 0;
+    const HRESULT status =
+        stream ? outcomeOf(stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), &done))
+               : STG_E_INVALIDPARAMETER;
+    return status == S_OK && done != bytes.size() ? STG_E_MEDIUMFULL : status;
+}
+
+HRESULT copyClass(const StorageRef& from, const StorageRef& to) {
+    const ComPtr<IStorage> source = from.storage(), target = to.storage(); // held, as streams are
+    if (!source || !target)
+        return STG_E_INVALIDPARAMETER;
+    STATSTG info{};
+    const HRESULT status = outcomeOf(source->Stat(&info, STATFLAG_NONAME));
+    if (status == S_OK && info.grfStateBits != 0)
+        target->SetStateBits(info.grfStateBits, ~DWORD{0}); // which not everybody keeps
+    return FAILED(status) || info.clsid == CLSID_NULL ? status : target->SetClass(info.clsid);
+}
+
+} // namespace
+
+ItemRef<VxStream> TreeWalk::openUnmoved(const StorageRef& parent, const SharedPathName& name,
+                                        HRESULT& status) {
+    VxStorage& storage = *itemOf(parent);
+    if (storage.VxStorage::hasChild(name, StorageType::Stream)) { // in the table
+        ItemRef<VxStream> known = storage.openChildStream(name, true, true, &status);
+        if (known && known->isOpen())
+            return known;
+    }
+    return storage.openChildStream(name, true, false, &status);
+}
+
+HRESULT TreeWalk::run() {
+    enter({source_, target_, nullptr});
+    while (!levels_.empty() && SUCCEEDED(end_)) {
+        const auto& children = levels_.back().children;
+        if (!children || !children->moveNext()) {
+            leave();
+            continue;
+        }
+        const StorageType type = children->type();
+        note(withStatus([this] { return path_.push_back(levels_.back().children->name()), meet(), S_OK; }),
+             type);
+        path_.resize(levels_.size() - 1);
+    }
+    while (!levels_.empty())
+        levels_.pop_back(); // each before the one that it is in
+    return end_ == E_ABORT ? end_ : first_.status();
+}
+
+/// Begins with a storage, to which the path leads.
+void TreeWalk::enter(Level level) {
+    levels_.push_back(std::move(level));
+    Level& current = levels_.back();
+    if (current.to)
+        note(copyClass(current.from, current.to), StorageType::Storage);
+    if (observer_ && SUCCEEDED(end_)) {
+        const TreesLetGo letGo;
+        observer_->onStorage(path_, current.from);
+    }
+    auto children = itemOf(current.from)->createEnumerator();
+    if (note(children ? children->reset(itemOf(current.from)) : E_FAIL, StorageType::Storage) == S_OK)
+        current.children = std::move(children);
+}
+
+void TreeWalk::leave() {
+    Level& done = levels_.back();
+    const HRESULT listed = done.children ? done.children->status() : S_FALSE;
+    if (listed != S_FALSE) // there may be more
+        note(FAILED(listed) ? listed : STG_E_READFAULT, StorageType::Storage);
+    done.children.reset();
+    if (levels_.size() > 1) {
+        // Gives back what they take in memory, unless the application uses it.
+        done.from.deleteUnusedObjects();
+        if (done.to.format() == StorageFormat::CompoundFile && SUCCEEDED(end_))
+            note(done.to.commit(), StorageType::Storage, true);
+        done.to.deleteUnusedObjects();
+        path_.pop_back();
+    }
+    levels_.pop_back();
+}
+
+void TreeWalk::meet() {
+    const Level& level = levels_.back();
+    const VxStorageEnumerator& child = *level.children;
+    const bool isStorage = child.type() == StorageType::Storage;
+    const unsigned long long size = isStorage ? 0 : child.size().QuadPart;
+    if (!tell(0))
+        return;
+    if (observer_) {
+        const TreesLetGo letGo;
+        if (!observer_->onNode({path_, child.type(), size, child.createTime(), child.writeTime(),
+                                child.isLast(), level.from}))
+            return;
+    }
+    if (isStorage)
+        meetStorage(child.name());
+    else
+        meetStream(child.name(), size);
+}
+
+void TreeWalk::meetStorage(const SharedPathName& name) {
+    const Level& parent = levels_.back();
+    Level child;
+    HRESULT status = child.from.open(name, parent.from, true);
+    if (status != S_OK) {
+        // Deeper than items go: storages that hold each other would keep us for ever.
+        const bool isTooDeep = status == STG_E_INVALIDFUNCTION;
+        // Whoever only looks leaves open what the system's copy, which goes round its own interfaces, could
+        // read all the same.
+        if (isCopying() || observer_ || isTooDeep)
+            note(status, StorageType::Storage);
+        if (isTooDeep)
+            end_ = status;
+        return;
+    }
+    if (isCopying())
+        status = note(openTarget(name, child.to), StorageType::Storage, true);
+    if (status == S_OK)
+        enter(std::move(child));
+}
+
+HRESULT TreeWalk::openTarget(const SharedPathName& name, StorageRef& target) const {
+    const StorageRef& parent = levels_.back().to;
+    return parent.hasChild(name, StorageType::Storage) ? target.open(name, parent, false)
+                                                       : target.create(name, parent, false);
+}
+
+void TreeWalk::meetStream(const SharedPathName& name, unsigned long long listedSize) {
+    const Level& parent = levels_.back();
+    const bool isFromPackage = parent.from.format() == StorageFormat::Package;
+    if (isCopying() && isFromPackage && parent.to.format() == StorageFormat::Package)
+        copyInPackages(name, listedSize);
+    else if (isCopying() && isFromPackage && name.asStringView() == L".clsid")
+        return; // elsewhere a storage's class is no stream, but what copyClass sets
+    else if (isCopying() || !observer_)
+        copyStream(name);
+    else
+        take(listedSize);
+}
+
+/// Contents go without being in both, and packed where one lends the other what it has.
+void TreeWalk::copyInPackages(const SharedPathName& name, unsigned long long size) {
+    if (!makeRoom(size))
+        return;
+    const Level& parent = levels_.back();
+    const ComPtr<IStorage> from = parent.from.storage(), to = parent.to.storage();
+    const wchar_t* const text = name.asString();
+    const HRESULT status =
+        from && to ? from->MoveElementTo(text, to.Get(), text, STGMOVE_COPY) : STG_E_INVALIDPARAMETER;
+    if (note(status, StorageType::Stream) == S_OK && tell(size))
+        take(size);
+}
+
+/// Copies a stream, or only reads it where there is no target.
+void TreeWalk::copyStream(const SharedPathName& name) {
+    const Level& parent = levels_.back();
+    HRESULT status = E_FAIL;
+    const ItemRef<VxStream> source = openUnmoved(parent.from, name, status);
+    // Held: others may close the node while a clean-up runs that the target needs, or the observer.
+    const ComPtr<::IStream> stream = source ? source->stream() : nullptr;
+    if (!stream) {
+        if (isCopying())
+            note(FAILED(status) ? status : STG_E_READFAULT, StorageType::Stream);
+        return;
+    }
+    buffer_.resize(chunkSize);
+    unsigned long long size = 0;
+    if (note(sizeOf(stream.Get(), size), StorageType::Stream) != S_OK)
+        return;
+    if (!isCopying()) {
+        moveBytes(stream.Get(), size, nullptr);
+        return;
+    }
+    if (!makeRoom(size))
+        return;
+    VxStorage& to = *itemOf(parent.to);
+    ItemRef<VxStream> target = to.createChildStream(name, &status);
+    if (!target) {
+        note(status, StorageType::Stream, true);
+        return;
+    }
+    // A package's contents get their memory in one piece; where there is none, writing says so.
+    if (::IStream* const made = target->stream(); made && target->format() == StorageFormat::Package)
+        made->SetSize({.QuadPart = size});
+    status = moveBytes(stream.Get(), size, target.get());
+    target = {};
+    if (status == S_OK)
+        take(size);
+    else
+        to.destroyChild(name); // a part is not taken for the whole
+}
+
+HRESULT TreeWalk::moveBytes(::IStream* from, unsigned long long size, VxStream* to) {
+    for (unsigned long long done = 0; done < size;) {
+        const auto count = static_cast<std::size_t>((std::min)(size - done, 0ULL + chunkSize));
+        const std::span<std::byte> chunk(buffer_.data(), count);
+        HRESULT status = note(readAt(from, done, chunk), StorageType::Stream);
+        if (status == S_OK && to)
+            status = note(write(*to, chunk), StorageType::Stream, true);
+        if (status != S_OK)
+            return status;
+        done += count;
+        if (!tell(count))
+            return end_;
+    }
+    return S_OK;
+}
+
+bool TreeWalk::tell(unsigned long long bytes) {
+    if (!observer_ || FAILED(end_))
+        return SUCCEEDED(end_);
+    const TreesLetGo letGo;
+    if (!observer_->onProgress(bytes))
+        end_ = E_ABORT;
+    return SUCCEEDED(end_);
+}
+
+/// Takes down how it went with the node that the path leads to.
+HRESULT TreeWalk::note(HRESULT status, StorageType type, bool isInTarget) {
+    const HRESULT failure = first_.note(outcomeOf(status));
+    if (failure == S_OK || !observer_ || FAILED(end_))
+        return failure;
+    const TreesLetGo letGo;
+    if (!observer_->onFault({path_, type, failure, isInTarget}))
+        end_ = failure;
+    return failure;
+}
+
+/// So that a large stream is alone in memory.
+bool TreeWalk::makeRoom(unsigned long long size) {
+    if (inMemory_ > 0 && inMemory_ + size > largestInMemory)
+        giveBack();
+    return SUCCEEDED(end_);
+}
+
+void TreeWalk::take(unsigned long long size) {
+    inMemory_ += size;
+    if (inMemory_ >= largestInMemory)
+        giveBack();
+}
+
+/// What cannot be committed now would not find memory for what is still to come.
+void TreeWalk::giveBack() {
+    inMemory_ = 0;
+    StorageRef(source_).deleteUnusedObjects();
+    if (!isCopying() || target_.format() != StorageFormat::Package)
+        return;
+    const HRESULT status = outcomeOf(target_.commit());
+    StorageRef(target_).deleteUnusedObjects(); // gives back what the file holds now
+    if (status == S_OK)
+        return;
+    const std::vector<SharedPathName> node = std::exchange(path_, {}); // it is not this node that failed
+    note(status, StorageType::Storage, true);
+    path_ = node;
+    end_ = status;
+}
+
+} // namespace Vexel::Detail
