@@ -35,7 +35,7 @@ Root FindRoot(std::wstring_view path) {
     return root;
 }
 
-void AddElement(Elements& elements, std::wstring_view element, Root const& root) {
+void AddElement(Elements& elements, std::wstring_view element, const Root& root) {
     if (element.empty())
         return;
     if (elements.size() >= root.fixedElements) {
@@ -51,7 +51,7 @@ void AddElement(Elements& elements, std::wstring_view element, Root const& root)
     elements.push_back(element);
 }
 
-Elements SplitElements(std::wstring_view path, Root const& root) {
+Elements SplitElements(std::wstring_view path, const Root& root) {
     Elements elements;
     std::size_t start = root.length;
     for (std::size_t i = start; i <= path.size(); ++i) {

@@ -21,7 +21,7 @@ namespace {
 constexpr GUID LocalAppData{0xF1B32785, 0x6FBA, 0x4FCF, {0x9D, 0x55, 0x7B, 0x8E, 0x7F, 0x15, 0x70, 0x91}};
 
 /// The folder's path, or null. The shell may hand out a buffer even when it fails.
-Detail::TaskText FindKnownFolder(GUID const& folderId, DWORD flags) {
+Detail::TaskText FindKnownFolder(const GUID& folderId, DWORD flags) {
     wchar_t* buffer = nullptr;
     const HRESULT result = Detail::platform().getKnownFolder(folderId, flags, nullptr, &buffer);
     Detail::TaskText path(buffer);
@@ -31,7 +31,7 @@ Detail::TaskText FindKnownFolder(GUID const& folderId, DWORD flags) {
 }
 
 /// Makes one directory whose parent is there. 0 also for a directory that already is.
-DWORD CreateOneDirectory(std::wstring const& path) {
+DWORD CreateOneDirectory(const std::wstring& path) {
     if (CreateDirectoryW(path.c_str(), nullptr))
         return ERROR_SUCCESS;
     const DWORD error = Detail::lastError();
@@ -80,7 +80,7 @@ bool CreateDirectories(std::wstring_view path, std::error_code* error, int /*res
     return !result;
 }
 
-CString GetKnownFolderPath(GUID const& folderId, bool create) {
+CString GetKnownFolderPath(const GUID& folderId, bool create) {
     const Detail::TaskText path = FindKnownFolder(folderId, create ? DWORD{KF_FLAG_CREATE} : 0);
     return path ? CString(path.get()) : CString();
 }

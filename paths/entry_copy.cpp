@@ -38,7 +38,7 @@ struct Entry {
 
 std::error_code SystemError(DWORD code) { return {static_cast<int>(code), std::system_category()}; }
 
-std::error_code ReadTarget(std::wstring const& path, Entry& entry) {
+std::error_code ReadTarget(const std::wstring& path, Entry& entry) {
     Detail::EntryInfo info;
     const DWORD error = Detail::platform().readEntry(path.c_str(), true, info);
     entry = {error == ERROR_SUCCESS, (info.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0}; // none on failure
@@ -48,7 +48,7 @@ std::error_code ReadTarget(std::wstring const& path, Entry& entry) {
 }
 
 /// What tells an entry from all others, links followed; none where it cannot be examined.
-std::optional<Identity> ReadIdentity(std::wstring const& path) {
+std::optional<Identity> ReadIdentity(const std::wstring& path) {
     constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     const Detail::FileHandle entry(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, shareAll, nullptr,
                                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
@@ -60,7 +60,7 @@ std::optional<Identity> ReadIdentity(std::wstring const& path) {
     return Identity{info.dwVolumeSerialNumber, info.nFileIndexHigh, info.nFileIndexLow};
 }
 
-bool IsSameEntry(std::wstring const& a, std::wstring const& b) {
+bool IsSameEntry(const std::wstring& a, const std::wstring& b) {
     const auto first = ReadIdentity(a);
     return first && first == ReadIdentity(b);
 }
@@ -71,7 +71,7 @@ std::wstring Join(std::wstring_view directory, std::wstring_view name) {
     return (std::filesystem::path(directory) / name).native();
 }
 
-std::error_code ListDirectory(std::wstring const& directory, std::vector<std::wstring>& names) {
+std::error_code ListDirectory(const std::wstring& directory, std::vector<std::wstring>& names) {
     WIN32_FIND_DATAW found{};
     const Detail::SearchHandle search(FindFirstFileW(Join(directory, L"*").c_str(), &found));
     if (search.get() == INVALID_HANDLE_VALUE) {
@@ -87,7 +87,7 @@ std::error_code ListDirectory(std::wstring const& directory, std::vector<std::ws
     return error == ERROR_NO_MORE_FILES ? std::error_code() : SystemError(error);
 }
 
-std::error_code CopyOneFile(CopyJob const& job, Entry const& target, FlagSet<CopyingFlag> flags) {
+std::error_code CopyOneFile(const CopyJob& job, const Entry& target, FlagSet<CopyingFlag> flags) {
     const bool overwrite = flags.has(CopyingFlag::Overwrite);
     // The system would truncate or lock a file that it copies onto itself.
     if (target.exists && (!overwrite || IsSameEntry(job.source, job.target)))
@@ -97,7 +97,7 @@ std::error_code CopyOneFile(CopyJob const& job, Entry const& target, FlagSet<Cop
     return {};
 }
 
-std::error_code CopyDirectory(CopyJob const& job, Entry const& target) {
+std::error_code CopyDirectory(const CopyJob& job, const Entry& target) {
     if (target.exists && !target.directory)
         return std::make_error_code(std::errc::is_a_directory);
     if (target.exists && IsSameEntry(job.source, job.target))
@@ -124,7 +124,7 @@ std::error_code CopyOne(CopyJob job, FlagSet<CopyingFlag> flags) {
 
 /// Whether a directory is one of those it was found in, by way of a link: the listing would go round for
 /// ever.
-bool LeadsBack(std::vector<CopyJob> const& jobs, CopyJob const& job) {
+bool LeadsBack(const std::vector<CopyJob>& jobs, const CopyJob& job) {
     for (std::size_t above = job.parent; job.identity && above != noParent; above = jobs[above].parent) {
         if (jobs[above].identity == job.identity)
             return true;
@@ -154,7 +154,7 @@ std::error_code PlanOne(std::vector<CopyJob>& jobs, std::size_t index, FlagSet<C
     if (!copied)
         return {};
     const std::error_code error = ListDirectory(parent.source, names);
-    for (std::wstring const& name : names)
+    for (const std::wstring& name : names)
         jobs.push_back({Join(parent.source, name), Join(parent.target, name), index});
     return error;
 }
@@ -168,14 +168,14 @@ std::error_code CopyTree(std::wstring_view source, std::wstring_view target, Fla
         if (const std::error_code error = PlanOne(jobs, index, flags))
             return error;
     }
-    for (CopyJob const& job : jobs) {
+    for (const CopyJob& job : jobs) {
         if (const std::error_code error = CopyOne(job, flags))
             return error;
     }
     return {};
 }
 
-std::error_code ClearReadOnly(std::wstring const& path) {
+std::error_code ClearReadOnly(const std::wstring& path) {
     const DWORD attributes = GetFileAttributesW(path.c_str());
     if (attributes == INVALID_FILE_ATTRIBUTES)
         return SystemError(Detail::lastError());

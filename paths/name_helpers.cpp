@@ -9,17 +9,17 @@
 
 #include <string_view>
 
-int VxwNameHasExt(CString const& name) {
+int VxwNameHasExt(const CString& name) {
     return *PathFindExtensionW(name.GetString()) != L'\0' ? TRUE : FALSE;
 }
 
-int VxwAddExt(CString& name, wchar_t const* extension) {
+int VxwAddExt(CString& name, const wchar_t* extension) {
     if (!VxwNameHasExt(name))
         name += extension;
     return TRUE;
 }
 
-int VxwReplaceExt(CString& name, wchar_t const* extension) {
+int VxwReplaceExt(CString& name, const wchar_t* extension) {
     const CString appended(extension); // before the cut: it may point into the name
     if (VxwNameHasExt(name))
         name.Truncate(name.ReverseFind(L'.'));
@@ -27,7 +27,7 @@ int VxwReplaceExt(CString& name, wchar_t const* extension) {
     return TRUE;
 }
 
-int VxwIsThisAPath(CString const& text) {
+int VxwIsThisAPath(const CString& text) {
     const std::wstring_view view = Vexel::Detail::viewOf(text);
     constexpr std::size_t nowhere = std::wstring_view::npos;
     if (view.empty() || view.find_first_of(L"*?\"<>|") != nowhere)

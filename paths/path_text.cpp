@@ -123,8 +123,8 @@ CString& ChangeFileExtension(CString* path, std::wstring_view extension) {
     return *path;
 }
 
-CString ConvertFileSystemPath(std::filesystem::path const& path) {
-    std::wstring const& text = path.native();
+CString ConvertFileSystemPath(const std::filesystem::path& path) {
+    const std::wstring& text = path.native();
     if (text.size() >= INT_MAX)
         throw std::length_error("the path is too long for a string");
     return Detail::stringOf(text);

@@ -53,7 +53,7 @@ struct MarkedFile {
 };
 
 /// Whether the file is gone. A failure is logged unless it was logged for this file a minute ago or less.
-bool DeleteTempFile(SharedPathName const& name, FailureNote& lastFailure) {
+bool DeleteTempFile(const SharedPathName& name, FailureNote& lastFailure) {
     constexpr DWORD silentMilliseconds = 60001;
     if (platform().deleteFile(name.asString()))
         return true;
@@ -110,8 +110,8 @@ private:
 class ChangeMark {
 public:
     explicit ChangeMark(std::atomic<bool>& changing) noexcept : changing_(changing) { changing_ = true; }
-    ChangeMark(ChangeMark const&) = delete;
-    ChangeMark& operator=(ChangeMark const&) = delete;
+    ChangeMark(const ChangeMark&) = delete;
+    ChangeMark& operator=(const ChangeMark&) = delete;
     ~ChangeMark() { changing_ = false; }
 
 private:
@@ -123,7 +123,7 @@ private:
 void PinModule() {
     HMODULE module = nullptr;
     GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                       reinterpret_cast<wchar_t const*>(&PinModule), &module);
+                       reinterpret_cast<const wchar_t*>(&PinModule), &module);
 }
 
 } // namespace
@@ -144,7 +144,7 @@ struct TempFileContainer::State {
 
     /// Takes the mutex, unless the process is ending; true when the records may be used.
     bool enter(std::unique_lock<std::recursive_mutex>& lock);
-    Record& recordOf(SharedPathName const& name);
+    Record& recordOf(const SharedPathName& name);
     Records::iterator forget(Records::iterator file);
     void mark(Record& record);
     bool wakeThread();
@@ -155,7 +155,7 @@ struct TempFileContainer::State {
     void runDeletionThread();
     std::vector<MarkedFile> waitAndCollect();
     std::vector<MarkedFile> collect() const;
-    void settle(std::vector<MarkedFile> const& files);
+    void settle(const std::vector<MarkedFile>& files);
 };
 
 bool TempFileContainer::State::enter(std::unique_lock<std::recursive_mutex>& lock) {
@@ -167,7 +167,7 @@ bool TempFileContainer::State::enter(std::unique_lock<std::recursive_mutex>& loc
 
 // Memory is taken and given back outside the marked stretches, which keeps them short.
 
-Record& TempFileContainer::State::recordOf(SharedPathName const& name) {
+Record& TempFileContainer::State::recordOf(const SharedPathName& name) {
     if (const auto found = records.find(name); found != records.end())
         return found->second;
     Records made;
@@ -206,7 +206,7 @@ bool TempFileContainer::State::startThread() {
         PinModule();
         deletionThread = platform().startThread([this] { runDeletionThread(); });
         return true;
-    } catch (std::exception const& error) {
+    } catch (const std::exception& error) {
         VxLog_Write(VxLog_Error, "Failed to start the temporary file deletion thread: %s", error.what());
         return false;
     }
@@ -248,7 +248,7 @@ std::vector<MarkedFile> TempFileContainer::State::waitAndCollect() {
     wake.wait(lock);
     try {
         return collect();
-    } catch (std::exception const& error) {
+    } catch (const std::exception& error) {
         // Short of memory; the files stay marked for a later pass.
         VxLog_Write(VxLog_Error, "Failed to collect the temporary files to delete: %s", error.what());
         return {};
@@ -258,7 +258,7 @@ std::vector<MarkedFile> TempFileContainer::State::waitAndCollect() {
 std::vector<MarkedFile> TempFileContainer::State::collect() const {
     std::vector<MarkedFile> files;
     files.reserve(pendingCount);
-    for (auto const& [name, record] : records) {
+    for (const auto& [name, record] : records) {
         if (record.pendingDeletion)
             files.push_back({name, record.lastFailure, record.mark});
     }
@@ -266,9 +266,9 @@ std::vector<MarkedFile> TempFileContainer::State::collect() const {
 }
 
 /// Enters what became of the collected files.
-void TempFileContainer::State::settle(std::vector<MarkedFile> const& files) {
+void TempFileContainer::State::settle(const std::vector<MarkedFile>& files) {
     const std::lock_guard lock(mutex);
-    for (MarkedFile const& file : files) {
+    for (const MarkedFile& file : files) {
         const auto found = records.find(file.name);
         if (found == records.end() || !found->second.pendingDeletion || found->second.mark != file.mark)
             continue;
@@ -300,22 +300,22 @@ namespace {
 // Made while the module is loaded: the first use may be at the end of the process, when no local static
 // object must be made any more. Without memory for it the module cannot be loaded.
 // NOLINTNEXTLINE(bugprone-throwing-static-initialization)
-[[maybe_unused]] TempFileContainer const& madeEarly = TempFileContainer::Instance();
+[[maybe_unused]] const TempFileContainer& madeEarly = TempFileContainer::Instance();
 
 } // namespace
 
-CString TempFileContainer::generateUniqueFileName(wchar_t const* prefix, wchar_t const* extension) const {
+CString TempFileContainer::generateUniqueFileName(const wchar_t* prefix, const wchar_t* extension) const {
     return Vexel::Detail::MakeTempFileName(prefix, extension);
 }
 
-SharedPathName TempFileContainer::insert(wchar_t const* prefix, wchar_t const* extension, bool holdHandle,
+SharedPathName TempFileContainer::insert(const wchar_t* prefix, const wchar_t* extension, bool holdHandle,
                                          bool userFlag) {
     std::wstring path = Vexel::Detail::GetTempNaming().directory.data();
     path += generateUniqueFileName(prefix, extension).GetString();
     return insert(SharedPathName(std::wstring_view(path), false, false), holdHandle, userFlag);
 }
 
-SharedPathName TempFileContainer::insert(SharedPathName const& name, bool holdHandle, bool userFlag) {
+SharedPathName TempFileContainer::insert(const SharedPathName& name, bool holdHandle, bool userFlag) {
     if (name.empty())
         return name;
     std::unique_lock<std::recursive_mutex> lock;
@@ -335,8 +335,8 @@ SharedPathName TempFileContainer::insert(SharedPathName const& name, bool holdHa
     return name;
 }
 
-SharedPathName TempFileContainer::insertCopy(wchar_t const* source, wchar_t const* prefix,
-                                             wchar_t const* extension, unsigned long* error, bool holdHandle,
+SharedPathName TempFileContainer::insertCopy(const wchar_t* source, const wchar_t* prefix,
+                                             const wchar_t* extension, unsigned long* error, bool holdHandle,
                                              bool userFlag) {
     const auto report = [error](DWORD code) {
         if (error)
@@ -366,12 +366,12 @@ SharedPathName TempFileContainer::insertCopy(wchar_t const* source, wchar_t cons
     return target;
 }
 
-bool TempFileContainer::contains(SharedPathName const& name) const {
+bool TempFileContainer::contains(const SharedPathName& name) const {
     std::unique_lock<std::recursive_mutex> lock;
     return !name.empty() && state_->enter(lock) && state_->records.contains(name);
 }
 
-void TempFileContainer::erase(SharedPathName const& name) {
+void TempFileContainer::erase(const SharedPathName& name) {
     std::unique_lock<std::recursive_mutex> lock;
     if (name.empty() || !state_->enter(lock))
         return;
@@ -383,7 +383,7 @@ void TempFileContainer::erase(SharedPathName const& name) {
         state_->deleteNow(found);
 }
 
-void TempFileContainer::release(SharedPathName const& name) {
+void TempFileContainer::release(const SharedPathName& name) {
     std::unique_lock<std::recursive_mutex> lock;
     if (name.empty() || !state_->enter(lock))
         return;

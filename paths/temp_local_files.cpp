@@ -20,28 +20,28 @@ TempLocalFileContainer& TempLocalFileContainer::operator=(TempLocalFileContainer
 }
 
 TempLocalFileContainer::~TempLocalFileContainer() {
-    for (SharedPathName const& name : names_)
+    for (const SharedPathName& name : names_)
         TempFileContainer::Instance().erase(name);
 }
 
 // The place for the name is made first, so that a file is never registered and then forgotten for want of
 // memory.
 
-SharedPathName TempLocalFileContainer::Add(SharedPathName const& name, bool holdHandle, bool userFlag) {
+SharedPathName TempLocalFileContainer::Add(const SharedPathName& name, bool holdHandle, bool userFlag) {
     SharedPathName& added = names_.emplace_back();
     added = TempFileContainer::Instance().insert(name, holdHandle, userFlag);
     return added;
 }
 
-SharedPathName TempLocalFileContainer::Add(wchar_t const* prefix, wchar_t const* extension, bool holdHandle,
+SharedPathName TempLocalFileContainer::Add(const wchar_t* prefix, const wchar_t* extension, bool holdHandle,
                                            bool userFlag) {
     SharedPathName& added = names_.emplace_back();
     added = TempFileContainer::Instance().insert(prefix, extension, holdHandle, userFlag);
     return added;
 }
 
-SharedPathName TempLocalFileContainer::AddCopy(wchar_t const* source, wchar_t const* prefix,
-                                               wchar_t const* extension, unsigned long* error,
+SharedPathName TempLocalFileContainer::AddCopy(const wchar_t* source, const wchar_t* prefix,
+                                               const wchar_t* extension, unsigned long* error,
                                                bool holdHandle, bool userFlag) {
     SharedPathName& added = names_.emplace_back();
     added = TempFileContainer::Instance().insertCopy(source, prefix, extension, error, holdHandle, userFlag);

@@ -67,7 +67,7 @@ TempNaming ComputeTempNaming() noexcept {
     return naming;
 }
 
-TempNaming const& GetTempNaming() noexcept {
+const TempNaming& GetTempNaming() noexcept {
     static INIT_ONCE once = INIT_ONCE_STATIC_INIT;
     static TempNaming naming;
     BOOL pending = FALSE;
@@ -88,7 +88,7 @@ TempNaming const& GetTempNaming() noexcept {
     return naming;
 }
 
-CString MakeTempFileName(wchar_t const* prefix, wchar_t const* extension) {
+CString MakeTempFileName(const wchar_t* prefix, const wchar_t* extension) {
     std::array<wchar_t, 24> counter{};
     swprintf(counter.data(), counter.size(), L"-%llx", nextName.fetch_add(1));
 

@@ -16,9 +16,9 @@ struct TempNaming {
 TempNaming ComputeTempNaming() noexcept;
 
 /// The process's naming data, computed by the first caller while others wait.
-TempNaming const& GetTempNaming() noexcept;
+const TempNaming& GetTempNaming() noexcept;
 
 /// The next unique file name, without directory.
-CString MakeTempFileName(wchar_t const* prefix, wchar_t const* extension);
+CString MakeTempFileName(const wchar_t* prefix, const wchar_t* extension);
 
 } // namespace Vexel::Detail

@@ -60,7 +60,7 @@ NameParts Split(std::wstring_view name, CounterStyle style) {
     return {extension, extension};
 }
 
-CString MakeCandidate(std::wstring_view name, NameParts const& parts, std::wstring_view suffix) {
+CString MakeCandidate(std::wstring_view name, const NameParts& parts, std::wstring_view suffix) {
     std::wstring candidate(name.substr(0, parts.baseEnd));
     candidate += suffix;
     candidate += name.substr(parts.extension);
@@ -76,7 +76,7 @@ std::wstring MakeSuffix(unsigned counter, bool bracketStyle) {
 
 } // namespace
 
-bool MakeFileNameUnique(CString& name, std::function<std::error_code(CString const&)> const& probe,
+bool MakeFileNameUnique(CString& name, const std::function<std::error_code(const CString&)>& probe,
                         bool bracketStyle, bool stripCounter) {
     if (!probe)
         return false;

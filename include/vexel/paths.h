@@ -106,7 +106,7 @@ VEXEL_API CString& CanonicalizeFileSystemPath(CString* path);
 VEXEL_API std::wstring& CanonicalizeFileSystemPath(std::wstring* path);
 
 /// Returns the path's text. Throws `std::length_error` for a text of 0x7FFFFFFF characters or more.
-VEXEL_API CString ConvertFileSystemPath(std::filesystem::path const& path);
+VEXEL_API CString ConvertFileSystemPath(const std::filesystem::path& path);
 
 /// Whether the characters of `path` may stand in a path; elements are not looked at. A drive letter may
 /// follow the long-path prefix. With `allowMarker`, and unless `type` is `PathType::FileSystem`, the text may
@@ -144,7 +144,7 @@ VEXEL_API bool CreateDirectories(std::wstring_view path, std::error_code* error,
 
 /// Returns the path of the shell's folder `folderId`, or an empty text when the shell has none. With `create`
 /// the folder is made first if it is missing.
-VEXEL_API CString GetKnownFolderPath(GUID const& folderId, bool create);
+VEXEL_API CString GetKnownFolderPath(const GUID& folderId, bool create);
 
 /// Stores the user's local application-data folder in `*path`; false, with `*path` as it was, when the
 /// shell has none.
@@ -157,17 +157,17 @@ VEXEL_API bool GetUserDataFolderPath(std::wstring* path);
 // The results are TRUE (1) and FALSE (0).
 
 /// Whether the name has a non-empty extension; a dot alone is one.
-VEXEL_API int VxwNameHasExt(CString const& name);
+VEXEL_API int VxwNameHasExt(const CString& name);
 
 /// Appends `extension` unless the name has one. Returns TRUE.
-VEXEL_API int VxwAddExt(CString& name, wchar_t const* extension);
+VEXEL_API int VxwAddExt(CString& name, const wchar_t* extension);
 
 /// Cuts the name before the last dot if it has an extension, then appends `extension`. Returns TRUE.
-VEXEL_API int VxwReplaceExt(CString& name, wchar_t const* extension);
+VEXEL_API int VxwReplaceExt(CString& name, const wchar_t* extension);
 
 /// Whether the text may be a path: not empty, none of the characters *?"<>|, no double backslash but at the
 /// very start, no double slash, and no colon but as the second character.
-VEXEL_API int VxwIsThisAPath(CString const& text);
+VEXEL_API int VxwIsThisAPath(const CString& text);
 
 namespace vxio {
 
@@ -178,7 +178,7 @@ namespace vxio {
 /// still replaces a bracketed counter once the name itself is taken.
 /// True with `name` set to the free name; false, `name` unchanged, when `probe` is empty, answers another
 /// error, or no counter is left.
-VEXEL_API bool MakeFileNameUnique(CString& name, std::function<std::error_code(CString const&)> const& probe,
+VEXEL_API bool MakeFileNameUnique(CString& name, const std::function<std::error_code(const CString&)>& probe,
                                   bool bracketStyle, bool stripCounter);
 
 } // namespace vxio

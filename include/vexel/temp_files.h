@@ -25,8 +25,8 @@
 /// failure in the middle of a walk over the files.
 class VEXEL_API TempFileContainer {
 public:
-    TempFileContainer(TempFileContainer const&) = delete;
-    TempFileContainer& operator=(TempFileContainer const&) = delete;
+    TempFileContainer(const TempFileContainer&) = delete;
+    TempFileContainer& operator=(const TempFileContainer&) = delete;
 
     /// The process's registry, made on first use. Its destruction at process exit runs `clearAll`.
     static TempFileContainer& Instance();
@@ -35,36 +35,36 @@ public:
     /// ("vexelapp" when null or empty), "-18-" and the process id, the process's start time, a counter, and
     /// `extension`, with or without its leading dot (an empty one leaves the dot, null leaves both out).
     /// Nothing is created.
-    CString generateUniqueFileName(wchar_t const* prefix, wchar_t const* extension) const;
+    CString generateUniqueFileName(const wchar_t* prefix, const wchar_t* extension) const;
 
     /// Registers a new name, made as by `generateUniqueFileName`, in the temporary directory. No file is
     /// created.
-    SharedPathName insert(wchar_t const* prefix, wchar_t const* extension, bool holdHandle, bool userFlag);
+    SharedPathName insert(const wchar_t* prefix, const wchar_t* extension, bool holdHandle, bool userFlag);
 
     /// Registers `name` and returns it; a null name is returned unregistered. If the file is marked for
     /// deletion, the mark is taken back, though it goes on counting as unfinished work for `clear`. With
     /// `holdHandle` an existing file is held by a handle that makes the system delete the file when the
     /// handle is closed, at the latest when the process ends. `userFlag` is kept with the name for the
     /// caller's own use.
-    SharedPathName insert(SharedPathName const& name, bool holdHandle, bool userFlag);
+    SharedPathName insert(const SharedPathName& name, bool holdHandle, bool userFlag);
 
     /// Copies the file `source` into a newly registered one, which is not read-only, and returns its name. On
     /// failure the result is null and nothing is registered. `*error`, if it is given, becomes 0 on success
     /// and the system's error code on failure: `ERROR_INVALID_PARAMETER` for a null or empty `source`.
-    SharedPathName insertCopy(wchar_t const* source, wchar_t const* prefix, wchar_t const* extension,
+    SharedPathName insertCopy(const wchar_t* source, const wchar_t* prefix, const wchar_t* extension,
                               unsigned long* error, bool holdHandle, bool userFlag);
 
     /// Whether `name` is registered, marked for deletion or not; false for a null name.
-    bool contains(SharedPathName const& name) const;
+    bool contains(const SharedPathName& name) const;
 
     /// Marks a registered file for deletion, closes its handle and leaves the deletion to the background
     /// thread, which the first call starts. The thread works when it is woken, and starting it does not wake
     /// it: files marked while it was not waiting go with the next `erase`, `clear` or `clearAll`. Where no
     /// thread can be started the file is deleted at once. Unknown, marked and null names are left alone.
-    void erase(SharedPathName const& name);
+    void erase(const SharedPathName& name);
 
     /// Forgets a file without deleting it. One that is held by a handle or marked for deletion stays.
-    void release(SharedPathName const& name);
+    void release(const SharedPathName& name);
 
     /// Deletes the marked files now if no background thread runs, else only wakes the thread. True when no
     /// marked file is left; false when it left them to the thread.
@@ -94,17 +94,17 @@ public:
     /// Takes the names of `other`. The names held before are dropped, not handed over for deletion: they stay
     /// registered until the process ends.
     TempLocalFileContainer& operator=(TempLocalFileContainer&& other) noexcept;
-    TempLocalFileContainer(TempLocalFileContainer const&) = delete;
-    TempLocalFileContainer& operator=(TempLocalFileContainer const&) = delete;
+    TempLocalFileContainer(const TempLocalFileContainer&) = delete;
+    TempLocalFileContainer& operator=(const TempLocalFileContainer&) = delete;
     /// Calls `TempFileContainer::erase` for each name, in the order they were added.
     ~TempLocalFileContainer();
 
     /// These do what the `insert` functions of the registry do, and remember the name.
-    SharedPathName Add(SharedPathName const& name, bool holdHandle, bool userFlag);
-    SharedPathName Add(wchar_t const* prefix, wchar_t const* extension, bool holdHandle, bool userFlag);
+    SharedPathName Add(const SharedPathName& name, bool holdHandle, bool userFlag);
+    SharedPathName Add(const wchar_t* prefix, const wchar_t* extension, bool holdHandle, bool userFlag);
 
     /// Does what `TempFileContainer::insertCopy` does, and remembers the name unless it is null.
-    SharedPathName AddCopy(wchar_t const* source, wchar_t const* prefix, wchar_t const* extension,
+    SharedPathName AddCopy(const wchar_t* source, const wchar_t* prefix, const wchar_t* extension,
                            unsigned long* error, bool holdHandle, bool userFlag);
 
 private:

@@ -56,7 +56,7 @@ TEST(PathText, FindsNameAndExtension) {
         {L"a.b.c d", 0, 0, npos},
         {L"a.b\tc", 0, 0, 1},
     };
-    for (NameCase const& c : cases) {
+    for (const NameCase& c : cases) {
         SCOPED_TRACE(fs::path(c.path).string());
         EXPECT_EQ(FindFileName(c.path, false), c.name);
         EXPECT_EQ(FindFileName(c.path, true), c.nameIgnoringSeparators);
@@ -90,7 +90,7 @@ TEST(PathText, KnowsPathsInsideOthers) {
         {L"", L"", false},
         {L"/", L"\\", true},
     };
-    for (auto const& c : cases)
+    for (const auto& c : cases)
         EXPECT_EQ(IsSubPath(c.path, c.base), c.inside) << fs::path(c.path) << " in " << fs::path(c.base);
 }
 
@@ -109,7 +109,7 @@ TEST(PathText, RemovesTrailingSeparators) {
         {L"//?/\\", L"//?/"},
         {L"\\\\?", L"\\\\?"},
     };
-    for (auto const& [given, expected] : cases) {
+    for (const auto& [given, expected] : cases) {
         EXPECT_EQ(RemoveTrailingPathSeparators(given), expected) << fs::path(given);
         std::wstring text(given);
         EXPECT_EQ(&RemoveTrailingPathSeparators(&text), &text);
@@ -137,7 +137,7 @@ TEST(PathText, ChangesExtension) {
         {L"", L"x", L".x"},
         {L"C:", L"x", L"C:.x"},
     };
-    for (auto const& [path, extension, expected] : cases) {
+    for (const auto& [path, extension, expected] : cases) {
         std::wstring text(path);
         EXPECT_EQ(ChangeFileExtension(&text, extension), expected) << fs::path(path);
         CString string(path.data());
@@ -151,7 +151,7 @@ TEST(PathText, ChangesExtension) {
 
 TEST(PathText, NameHelpers) {
     struct {
-        wchar_t const *name, *added, *replaced;
+        const wchar_t *name, *added, *replaced;
         int has;
     } const cases[] = {
         {L"a", L"a.x", L"a.x", FALSE},
@@ -162,7 +162,7 @@ TEST(PathText, NameHelpers) {
         {L"", L".x", L".x", FALSE},
         {L"a.b c", L"a.b c.x", L"a.b c.x", FALSE},
     };
-    for (auto const& c : cases) {
+    for (const auto& c : cases) {
         CString added(c.name);
         CString replaced(c.name);
         EXPECT_EQ(VxwNameHasExt(added), c.has);
@@ -206,7 +206,7 @@ TEST(PathText, IsMadeCanonical) {
         {L"\xD800\\..\\\xDC00", L"\xDC00"},
         {L"a/../C:\\b", L".\\C:\\b"},
     };
-    for (auto const& [given, expected] : cases) {
+    for (const auto& [given, expected] : cases) {
         std::wstring text(given);
         EXPECT_EQ(CanonicalizeFileSystemPath(&text), expected) << fs::path(given);
         CString string = ConvertFileSystemPath(fs::path(given));
@@ -271,7 +271,7 @@ TEST(PathText, IsValidatedByItsCharacters) {
         {L"<a>C:", MisplacedMarker, MisplacedColon},
         {L"<a><b>", MisplacedMarker, MisplacedMarker},
     };
-    for (auto const& c : cases) {
+    for (const auto& c : cases) {
         EXPECT_EQ(ValidatePath(c.path, PathType::FileSystem, true), c.result) << &c - cases;
         EXPECT_EQ(ValidatePath(c.path, PathType::Document, false), c.result) << &c - cases;
         EXPECT_EQ(ValidatePath(c.path, PathType::Document, true), c.withMarker) << &c - cases;
@@ -318,10 +318,10 @@ private:
 
 TEST_F(Entries, Exist) {
     write(L"file", "x");
-    for (std::wstring const& path : {at(L"file"), at(L""), at(L"") + L"\\", std::wstring(L"C:"),
+    for (const std::wstring& path : {at(L"file"), at(L""), at(L"") + L"\\", std::wstring(L"C:"),
                                      std::wstring(L"C:\\"), L"\\\\?\\" + at(L"file")})
         EXPECT_TRUE(FileSystemEntryExists(path)) << fs::path(path);
-    for (std::wstring const& path : {at(L"no"), at(L"no\\file"), at(L"file\\x"), at(L"fi*"), at(L"fi?e"),
+    for (const std::wstring& path : {at(L"no"), at(L"no\\file"), at(L"file\\x"), at(L"fi*"), at(L"fi?e"),
                                      at(L"a|b"), std::wstring(L"\\\\?\\"), std::wstring()})
         EXPECT_FALSE(FileSystemEntryExists(path)) << fs::path(path);
     EXPECT_EQ(GetFileSystemEntryType(at(L"file")), fs::file_type::regular);
@@ -361,11 +361,11 @@ TEST_F(Entries, FollowTheSystemsAnswers) {
         {{0, 0, {link, 0x80000013}}, true, fs::file_type::regular},
         {{0, 5, {link, 0x80000013}}, true, fs::file_type::regular},
     };
-    Detail::platform().readEntry = [](wchar_t const*, bool followLinks, Detail::EntryInfo& info) {
+    Detail::platform().readEntry = [](const wchar_t*, bool followLinks, Detail::EntryInfo& info) {
         info = answers.link;
         return followLinks ? answers.targetError : answers.linkError;
     };
-    for (auto const& c : cases) {
+    for (const auto& c : cases) {
         answers = c.given;
         EXPECT_EQ(FileSystemEntryExists(L"x"), c.exists) << &c - cases;
         EXPECT_EQ(GetFileSystemEntryType(L"x"), c.type) << &c - cases;
@@ -448,7 +448,7 @@ TEST_F(Entries, CopyDirectories) {
     const std::wstring target = L"\\\\?\\" + at(L"copied");
     ASSERT_TRUE(CreateDirectories(source + inner, nullptr, 0));
     EXPECT_TRUE(CopyFileSystemEntry(source, target, CopyingFlag::Recursive, nullptr));
-    for (std::wstring const& root : {source, target}) {
+    for (const std::wstring& root : {source, target}) {
         EXPECT_TRUE(RemoveDirectoryW((root + inner).c_str()));
         EXPECT_TRUE(RemoveDirectoryW((root + outer).c_str()));
     }
@@ -465,7 +465,7 @@ TEST_F(Entries, CopyClearsReadOnlyByRequest) {
     EXPECT_FALSE(copy(L"a", L"cleared", CopyingFlag::ClearReadOnly));
     EXPECT_FALSE(readOnly(L"cleared"));
 
-    Detail::platform().setAttributes = [](wchar_t const*, DWORD) -> BOOL {
+    Detail::platform().setAttributes = [](const wchar_t*, DWORD) -> BOOL {
         SetLastError(ERROR_WRITE_PROTECT);
         return FALSE;
     };
@@ -483,7 +483,7 @@ TEST_F(Entries, EveryFailingCopyIsReported) {
     ASSERT_TRUE(CreateDirectories(at(L"from\\sub"), nullptr, 0));
     for (auto* name : {L"from\\a", L"from\\b", L"from\\sub\\c"})
         write(name, "x");
-    Detail::platform().copyFile = [](wchar_t const* source, wchar_t const* target,
+    Detail::platform().copyFile = [](const wchar_t* source, const wchar_t* target,
                                      BOOL failIfExists) -> BOOL {
         if (copiesLeft-- > 0)
             return CopyFileW(source, target, failIfExists);
@@ -504,7 +504,7 @@ TEST_F(Entries, EveryFailingCopyIsReported) {
 TEST_F(Entries, CreateDirectories) {
     write(L"file", "x");
     std::error_code error = std::make_error_code(std::errc::io_error);
-    for (std::wstring const& path :
+    for (const std::wstring& path :
          {at(L"a\\b/c"), at(L"a\\b/c"), at(L"d\\e\\\\"), at(L""), L"\\\\?\\" + at(L"f\\g"),
           std::wstring(L"C:\\"), std::wstring(L"C:"), std::wstring(L"\\")}) {
         EXPECT_TRUE(CreateDirectories(path, &error, 0)) << fs::path(path) << error.message();
@@ -520,7 +520,7 @@ TEST_F(Entries, CreateDirectories) {
         {at(L"new\\a|b\\c"), std::errc::no_such_file_or_directory},
         {L"Q:\\x\\y", std::errc::no_such_file_or_directory},
     };
-    for (auto const& [path, expected] : failures) {
+    for (const auto& [path, expected] : failures) {
         error.clear();
         EXPECT_FALSE(CreateDirectories(path, &error, 0));
         EXPECT_EQ(error, expected) << fs::path(path) << error.value();

@@ -31,14 +31,14 @@ int deletesBeforeFailure;
 
 TempFileContainer& Registry() { return TempFileContainer::Instance(); }
 
-void Write(SharedPathName const& name, std::string_view text = "x") {
+void Write(const SharedPathName& name, std::string_view text = "x") {
     std::ofstream(name.asString(), std::ios::binary) << text;
 }
 
-bool Exists(SharedPathName const& name) { return FileSystemEntryExists(name.asString()); }
+bool Exists(const SharedPathName& name) { return FileSystemEntryExists(name.asString()); }
 
 /// Keeps others from writing and deleting the file.
-FileHandle Lock(SharedPathName const& name) {
+FileHandle Lock(const SharedPathName& name) {
     return FileHandle(
         CreateFileW(name.asString(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
 }
@@ -64,13 +64,13 @@ protected:
         return name;
     }
     static void refuseThreads() {
-        platform().startThread = [](std::function<void()> const&) -> std::thread {
+        platform().startThread = [](const std::function<void()>&) -> std::thread {
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         };
     }
     static void refuseDeletion(DWORD error) {
         deleteError = error;
-        platform().deleteFile = [](wchar_t const*) -> BOOL {
+        platform().deleteFile = [](const wchar_t*) -> BOOL {
             SetLastError(deleteError);
             return FALSE;
         };
@@ -175,7 +175,7 @@ TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
         {0x0000E961, 5, true}, {0x0000E962, 32, true}, {0x0000E963, 32, false}, {0x0000E964, 5, true},
     };
     std::ptrdiff_t expected = 0;
-    for (auto const& pass : passes) {
+    for (const auto& pass : passes) {
         tick = pass.tick;
         refuseDeletion(pass.error);
         Registry().clearAll();
@@ -219,7 +219,7 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     refuseThreads();
     const SharedPathName first = insertFile();
     const SharedPathName second = insertFile();
-    platform().deleteFile = [](wchar_t const* path) -> BOOL {
+    platform().deleteFile = [](const wchar_t* path) -> BOOL {
         held = true;
         while (!over)
             Sleep(1);
@@ -247,13 +247,13 @@ TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
         Registry().clearAll(); // what this round or another test has left
         const SharedPathName files[] = {insertFile(), insertFile(), insertFile()};
         deletesBeforeFailure = n;
-        platform().deleteFile = [](wchar_t const* path) -> BOOL {
+        platform().deleteFile = [](const wchar_t* path) -> BOOL {
             SetLastError(ERROR_ACCESS_DENIED);
             return deletesBeforeFailure-- != 0 && DeleteFileW(path);
         };
         Registry().clearAll();
         int left = 0;
-        for (SharedPathName const& file : files) {
+        for (const SharedPathName& file : files) {
             EXPECT_EQ(Exists(file), Registry().contains(file));
             left += Exists(file);
         }
@@ -299,7 +299,7 @@ TEST_F(TempFiles, UnknownNamesAreLeftAlone) {
     EXPECT_FALSE(Registry().contains(name));
     Registry().erase(name);
     Registry().release(name);
-    for (SharedPathName const& null : {SharedPathName(), Registry().insert(SharedPathName(), true, false)}) {
+    for (const SharedPathName& null : {SharedPathName(), Registry().insert(SharedPathName(), true, false)}) {
         EXPECT_FALSE(Registry().contains(null));
         Registry().erase(null);
         Registry().release(null);
@@ -322,7 +322,7 @@ TEST_F(TempFiles, CopiesAreWritable) {
                                 copy.asString() + L"\"..."),
               1);
 
-    platform().setAttributes = [](wchar_t const*, DWORD) -> BOOL {
+    platform().setAttributes = [](const wchar_t*, DWORD) -> BOOL {
         SetLastError(ERROR_WRITE_PROTECT);
         return FALSE;
     };
@@ -339,7 +339,7 @@ TEST_F(TempFiles, CopiesAreWritable) {
 TEST_F(TempFiles, FailedCopiesLeaveNothing) {
     refuseThreads();
     unsigned long error = 0;
-    for (wchar_t const* source : {static_cast<wchar_t const*>(nullptr), L""}) {
+    for (const wchar_t* source : {static_cast<const wchar_t*>(nullptr), L""}) {
         EXPECT_TRUE(Registry().insertCopy(source, nullptr, L"x", &error, false, false).empty());
         EXPECT_EQ(error, static_cast<unsigned long>(ERROR_INVALID_PARAMETER));
     }
@@ -405,7 +405,7 @@ TEST_F(TempFiles, RegistryServesManyThreads) {
 TEST_F(TempFiles, MarkedAgainWhileTheThreadDeletesThemStayMarked) {
     static SharedPathName name;
     name = insertFile();
-    platform().deleteFile = [](wchar_t const* path) -> BOOL {
+    platform().deleteFile = [](const wchar_t* path) -> BOOL {
         platform().deleteFile = DeleteFileW;
         const BOOL deleted = DeleteFileW(path);
         Registry().insert(name, false, false);
@@ -438,7 +438,7 @@ TEST_F(TempFiles, MarkTakenBackGoesOnCounting) {
 struct AfterTheRegistry {
     std::vector<std::wstring> files;
     ~AfterTheRegistry() {
-        for (std::wstring const& file : files)
+        for (const std::wstring& file : files)
             if (FileSystemEntryExists(file))
                 std::_Exit(1);
     }

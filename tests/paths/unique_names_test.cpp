@@ -21,7 +21,7 @@ struct Directory {
     std::set<std::wstring> taken;
     std::vector<std::wstring> asked;
 
-    std::error_code operator()(CString const& name) {
+    std::error_code operator()(const CString& name) {
         asked.emplace_back(name.GetString());
         return taken.contains(asked.back()) ? std::make_error_code(std::errc::file_exists)
                                             : std::error_code();
@@ -61,7 +61,7 @@ TEST(UniqueNames, FindTheFirstFreeVariant) {
         {L"", Underscores, Strip, {L""}, L"_1_" + Id()},
     };
     const LogCapture log;
-    for (auto const& c : cases) {
+    for (const auto& c : cases) {
         Directory directory{c.taken, {}};
         CString name(c.name.c_str());
         EXPECT_TRUE(MakeFileNameUnique(name, std::ref(directory), c.brackets, c.strip));
@@ -78,7 +78,7 @@ TEST(UniqueNames, GiveUpOnOtherErrors) {
     EXPECT_FALSE(MakeFileNameUnique(name, nullptr, Brackets, Strip));
     for (int failAt = 0; failAt < 4; ++failAt) {
         int asked = 0;
-        const auto probe = [&](CString const&) {
+        const auto probe = [&](const CString&) {
             return std::make_error_code(asked++ == failAt ? std::errc::permission_denied
                                                           : std::errc::file_exists);
         };

@@ -15,12 +15,12 @@
 class LogCapture {
 public:
     LogCapture() {
-        oldSink_ = VxLog_SetSink([](int level, wchar_t const* message,
+        oldSink_ = VxLog_SetSink([](int level, const wchar_t* message,
                                     void* self) { static_cast<LogCapture*>(self)->add(level, message); },
                                  this, &oldContext_);
     }
-    LogCapture(LogCapture const&) = delete;
-    LogCapture& operator=(LogCapture const&) = delete;
+    LogCapture(const LogCapture&) = delete;
+    LogCapture& operator=(const LogCapture&) = delete;
     ~LogCapture() { VxLog_SetSink(oldSink_, oldContext_); }
 
     /// A level and a text.
@@ -33,7 +33,7 @@ public:
     /// How many messages of this level contain `part`.
     std::ptrdiff_t count(int level, std::wstring_view part) const {
         const std::vector<Message> all = messages();
-        return std::count_if(all.begin(), all.end(), [&](Message const& message) {
+        return std::count_if(all.begin(), all.end(), [&](const Message& message) {
             return (level == anyLevel || message.first == level) &&
                    message.second.find(part) != std::wstring::npos;
         });
@@ -47,7 +47,7 @@ public:
 private:
     static constexpr int anyLevel = -1;
 
-    void add(int level, wchar_t const* message) {
+    void add(int level, const wchar_t* message) {
         SetLastError(ERROR_INVALID_FUNCTION); // as any sink may; who logs must not lose the error it had
         const std::lock_guard lock(mutex_);
         messages_.emplace_back(level, message);

@@ -6,8 +6,8 @@
 class PlatformGuard {
 public:
     PlatformGuard() = default;
-    PlatformGuard(PlatformGuard const&) = delete;
-    PlatformGuard& operator=(PlatformGuard const&) = delete;
+    PlatformGuard(const PlatformGuard&) = delete;
+    PlatformGuard& operator=(const PlatformGuard&) = delete;
     ~PlatformGuard() { Vexel::Detail::platform() = saved_; }
 
 private:
