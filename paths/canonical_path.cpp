@@ -22,20 +22,20 @@ struct Root {
     std::size_t fixedElements = 0; ///< server and share, which nothing removes
 };
 
-Root FindRoot(std::wstring_view path) {
-    if (path.size() >= 2 && Detail::IsSeparator(path[0]) && Detail::IsSeparator(path[1]))
+Root findRoot(std::wstring_view path) {
+    if (path.size() >= 2 && Detail::isSeparator(path[0]) && Detail::isSeparator(path[1]))
         return {L"\\\\", 2, 2};
     Root root;
-    root.length = Detail::DrivePrefixLength(path);
+    root.length = Detail::drivePrefixLength(path);
     root.text = path.substr(0, root.length);
-    if (root.length < path.size() && Detail::IsSeparator(path[root.length])) {
+    if (root.length < path.size() && Detail::isSeparator(path[root.length])) {
         root.text += L'\\';
         ++root.length;
     }
     return root;
 }
 
-void AddElement(Elements& elements, std::wstring_view element, const Root& root) {
+void addElement(Elements& elements, std::wstring_view element, const Root& root) {
     if (element.empty())
         return;
     if (elements.size() >= root.fixedElements) {
@@ -51,26 +51,26 @@ void AddElement(Elements& elements, std::wstring_view element, const Root& root)
     elements.push_back(element);
 }
 
-Elements SplitElements(std::wstring_view path, const Root& root) {
+Elements splitElements(std::wstring_view path, const Root& root) {
     Elements elements;
     std::size_t start = root.length;
     for (std::size_t i = start; i <= path.size(); ++i) {
-        if (i < path.size() && !Detail::IsSeparator(path[i]))
+        if (i < path.size() && !Detail::isSeparator(path[i]))
             continue;
-        AddElement(elements, path.substr(start, i - start), root);
+        addElement(elements, path.substr(start, i - start), root);
         start = i + 1;
     }
     return elements;
 }
 
-std::wstring Canonical(std::wstring_view path) {
+std::wstring canonical(std::wstring_view path) {
     // Behind the long-path prefix the system takes every character as it stands.
-    if (path.empty() || Detail::ProtectedRootLength(path) == 4)
+    if (path.empty() || Detail::protectedRootLength(path) == 4)
         return std::wstring(path);
-    Root root = FindRoot(path);
-    const Elements elements = SplitElements(path, root);
+    Root root = findRoot(path);
+    const Elements elements = splitElements(path, root);
     // With nothing before it, such an element would become a drive.
-    if (root.length == 0 && !elements.empty() && Detail::DrivePrefixLength(elements.front()) != 0)
+    if (root.length == 0 && !elements.empty() && Detail::drivePrefixLength(elements.front()) != 0)
         root.text = L".\\";
     std::wstring result = std::move(root.text);
     for (std::size_t i = 0; i < elements.size(); ++i) {
@@ -78,17 +78,17 @@ std::wstring Canonical(std::wstring_view path) {
             result += L'\\';
         result += elements[i];
     }
-    if (!elements.empty() && Detail::IsSeparator(path.back()))
+    if (!elements.empty() && Detail::isSeparator(path.back()))
         result += L'\\';
     return result.empty() ? L"." : result;
 }
 
 } // namespace
 
-std::wstring& CanonicalizeFileSystemPath(std::wstring* path) { return *path = Canonical(*path); }
+std::wstring& CanonicalizeFileSystemPath(std::wstring* path) { return *path = canonical(*path); }
 
 CString& CanonicalizeFileSystemPath(CString* path) {
-    Detail::assign(*path, Canonical(Detail::viewOf(*path)));
+    Detail::assign(*path, canonical(Detail::viewOf(*path)));
     return *path;
 }
 

@@ -21,7 +21,7 @@ namespace {
 constexpr GUID LocalAppData{0xF1B32785, 0x6FBA, 0x4FCF, {0x9D, 0x55, 0x7B, 0x8E, 0x7F, 0x15, 0x70, 0x91}};
 
 /// The folder's path, or null. The shell may hand out a buffer even when it fails.
-Detail::TaskText FindKnownFolder(const GUID& folderId, DWORD flags) {
+Detail::TaskText findKnownFolder(const GUID& folderId, DWORD flags) {
     wchar_t* buffer = nullptr;
     const HRESULT result = Detail::platform().getKnownFolder(folderId, flags, nullptr, &buffer);
     Detail::TaskText path(buffer);
@@ -31,7 +31,7 @@ Detail::TaskText FindKnownFolder(const GUID& folderId, DWORD flags) {
 }
 
 /// Makes one directory whose parent is there. 0 also for a directory that already is.
-DWORD CreateOneDirectory(const std::wstring& path) {
+DWORD createOneDirectory(const std::wstring& path) {
     if (CreateDirectoryW(path.c_str(), nullptr))
         return ERROR_SUCCESS;
     const DWORD error = Detail::lastError();
@@ -42,25 +42,25 @@ DWORD CreateOneDirectory(const std::wstring& path) {
     return (info.attributes & FILE_ATTRIBUTE_DIRECTORY) != 0 ? ERROR_SUCCESS : ERROR_ALREADY_EXISTS;
 }
 
-std::wstring_view ParentOf(std::wstring_view path) {
+std::wstring_view parentOf(std::wstring_view path) {
     return RemoveTrailingPathSeparators(path.substr(0, FindFileName(path, false)));
 }
 
 /// Goes up to the first directory that exists or can be made, then down again.
-DWORD CreateDirectoryChain(std::wstring_view path) {
+DWORD createDirectoryChain(std::wstring_view path) {
     std::vector<std::wstring_view> missing;
     for (;;) {
-        const DWORD error = CreateOneDirectory(std::wstring(path));
+        const DWORD error = createOneDirectory(std::wstring(path));
         if (error == ERROR_SUCCESS)
             break;
-        const std::wstring_view parent = ParentOf(path);
+        const std::wstring_view parent = parentOf(path);
         if (error != ERROR_PATH_NOT_FOUND || parent.empty() || parent.size() == path.size())
             return error;
         missing.push_back(path);
         path = parent;
     }
     while (!missing.empty()) {
-        if (const DWORD error = CreateOneDirectory(std::wstring(missing.back())))
+        if (const DWORD error = createOneDirectory(std::wstring(missing.back())))
             return error;
         missing.pop_back();
     }
@@ -74,26 +74,26 @@ bool CreateDirectories(std::wstring_view path, std::error_code* error, int /*res
     const std::error_code result =
         directory.empty()
             ? std::make_error_code(std::errc::invalid_argument)
-            : std::error_code(static_cast<int>(CreateDirectoryChain(directory)), std::system_category());
+            : std::error_code(static_cast<int>(createDirectoryChain(directory)), std::system_category());
     if (error)
         *error = result;
     return !result;
 }
 
 CString GetKnownFolderPath(const GUID& folderId, bool create) {
-    const Detail::TaskText path = FindKnownFolder(folderId, create ? DWORD{KF_FLAG_CREATE} : 0);
+    const Detail::TaskText path = findKnownFolder(folderId, create ? DWORD{KF_FLAG_CREATE} : 0);
     return path ? CString(path.get()) : CString();
 }
 
 bool GetUserDataFolderPath(CString* path) {
-    const Detail::TaskText found = FindKnownFolder(LocalAppData, 0);
+    const Detail::TaskText found = findKnownFolder(LocalAppData, 0);
     if (found)
         *path = found.get();
     return found != nullptr;
 }
 
 bool GetUserDataFolderPath(std::wstring* path) {
-    const Detail::TaskText found = FindKnownFolder(LocalAppData, 0);
+    const Detail::TaskText found = findKnownFolder(LocalAppData, 0);
     if (found)
         *path = found.get();
     return found != nullptr;

@@ -10,7 +10,7 @@ namespace Vexel {
 namespace {
 
 /// Errors by which the system says that there is no entry of this name, rather than that it cannot tell.
-bool MeansNotFound(DWORD error) noexcept {
+bool meansNotFound(DWORD error) noexcept {
     switch (error) {
     case ERROR_FILE_NOT_FOUND:
     case ERROR_PATH_NOT_FOUND:
@@ -38,7 +38,7 @@ bool FileSystemEntryExists(std::wstring_view path) {
         return error == ERROR_SHARING_VIOLATION; // somebody keeps the entry to himself, so there is one
     if ((info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) == 0)
         return true;
-    return !MeansNotFound(Detail::platform().readEntry(text.c_str(), true, info));
+    return !meansNotFound(Detail::platform().readEntry(text.c_str(), true, info));
 }
 
 std::filesystem::file_type GetFileSystemEntryType(std::wstring_view path) {
@@ -48,7 +48,7 @@ std::filesystem::file_type GetFileSystemEntryType(std::wstring_view path) {
     Detail::EntryInfo info;
     const DWORD error = Detail::platform().readEntry(std::wstring(path).c_str(), false, info);
     if (error != ERROR_SUCCESS)
-        return MeansNotFound(error) ? file_type::not_found : file_type::none;
+        return meansNotFound(error) ? file_type::not_found : file_type::none;
 
     if ((info.attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0) {
         if (info.reparseTag == IO_REPARSE_TAG_SYMLINK)

@@ -18,7 +18,7 @@ namespace {
 constexpr std::size_t NoExtension = std::wstring_view::npos;
 
 /// Where the dot of the extension of `name` stands; `name` is a file-name part alone.
-std::size_t FindExtensionInName(std::wstring_view name) noexcept {
+std::size_t findExtensionInName(std::wstring_view name) noexcept {
     if (name == L"." || name == L"..")
         return NoExtension;
     const std::size_t dot = name.rfind(L'.');
@@ -47,14 +47,14 @@ std::wstring WithExtension(std::wstring_view path, std::wstring_view extension) 
 
 } // namespace
 
-std::size_t Detail::DrivePrefixLength(std::wstring_view path) noexcept {
-    return path.size() >= 2 && path[1] == L':' && IsDriveLetter(path[0]) ? 2 : 0;
+std::size_t Detail::drivePrefixLength(std::wstring_view path) noexcept {
+    return path.size() >= 2 && path[1] == L':' && isDriveLetter(path[0]) ? 2 : 0;
 }
 
-std::size_t Detail::ProtectedRootLength(std::wstring_view path) noexcept {
-    if (path.size() < 2 || !IsSeparator(path[0]) || !IsSeparator(path[1]))
+std::size_t Detail::protectedRootLength(std::wstring_view path) noexcept {
+    if (path.size() < 2 || !isSeparator(path[0]) || !isSeparator(path[1]))
         return 1;
-    const bool longPathPrefix = path.size() >= 4 && path[2] == L'?' && IsSeparator(path[3]);
+    const bool longPathPrefix = path.size() >= 4 && path[2] == L'?' && isSeparator(path[3]);
     return longPathPrefix ? 4 : 2;
 }
 
@@ -63,20 +63,20 @@ std::size_t FindFileName(std::wstring_view path, bool ignoreTrailingSeparators) 
         path = RemoveTrailingPathSeparators(path);
     // By hand: every path that is interned comes by here, and find_last_of takes five times as long.
     std::size_t start = path.size();
-    while (start > 0 && !Detail::IsSeparator(path[start - 1]))
+    while (start > 0 && !Detail::isSeparator(path[start - 1]))
         --start;
-    return start > 0 ? start : Detail::DrivePrefixLength(path);
+    return start > 0 ? start : Detail::drivePrefixLength(path);
 }
 
 std::wstring_view GetFileName(std::wstring_view path, bool withExtension) {
     const std::wstring_view name = path.substr(FindFileName(path, false));
     // With no extension its index is the largest size, and the cut keeps the whole name.
-    return withExtension ? name : name.substr(0, FindExtensionInName(name));
+    return withExtension ? name : name.substr(0, findExtensionInName(name));
 }
 
 std::size_t FindFileExtension(std::wstring_view path) {
     const std::size_t nameStart = FindFileName(path, false);
-    const std::size_t dot = FindExtensionInName(path.substr(nameStart));
+    const std::size_t dot = findExtensionInName(path.substr(nameStart));
     return dot == NoExtension ? NoExtension : nameStart + dot;
 }
 
@@ -89,16 +89,16 @@ std::wstring_view GetFileExtension(std::wstring_view path, bool withDot) {
 
 bool IsSubPath(std::wstring_view path, std::wstring_view base) {
     // Only one separator: a base written with two stands for no directory that a path could name.
-    if (!base.empty() && Detail::IsSeparator(base.back()))
+    if (!base.empty() && Detail::isSeparator(base.back()))
         base.remove_suffix(1);
-    if (path.size() <= base.size() || !Detail::IsSeparator(path[base.size()]))
+    if (path.size() <= base.size() || !Detail::isSeparator(path[base.size()]))
         return false;
     return base.empty() || _wcsnicmp(path.data(), base.data(), base.size()) == 0;
 }
 
 std::wstring_view RemoveTrailingPathSeparators(std::wstring_view path) {
-    const std::size_t shortest = Detail::ProtectedRootLength(path);
-    while (path.size() > shortest && Detail::IsSeparator(path.back()))
+    const std::size_t shortest = Detail::protectedRootLength(path);
+    while (path.size() > shortest && Detail::isSeparator(path.back()))
         path.remove_suffix(1);
     return path;
 }

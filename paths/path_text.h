@@ -5,17 +5,17 @@
 
 namespace Vexel::Detail {
 
-constexpr bool IsSeparator(wchar_t c) noexcept { return c == L'\\' || c == L'/'; }
+constexpr bool isSeparator(wchar_t c) noexcept { return c == L'\\' || c == L'/'; }
 
-constexpr bool IsDriveLetter(wchar_t c) noexcept {
+constexpr bool isDriveLetter(wchar_t c) noexcept {
     return (c >= L'A' && c <= L'Z') || (c >= L'a' && c <= L'z');
 }
 
 /// 2 when the text starts with an ASCII letter and a colon, else 0.
-std::size_t DrivePrefixLength(std::wstring_view path) noexcept;
+std::size_t drivePrefixLength(std::wstring_view path) noexcept;
 
 /// The length below which no trailing separator is removed: 4 for the long-path prefix, 2 for a network path,
 /// else 1.
-std::size_t ProtectedRootLength(std::wstring_view path) noexcept;
+std::size_t protectedRootLength(std::wstring_view path) noexcept;
 
 } // namespace Vexel::Detail

@@ -23,7 +23,7 @@ enum class State {
     Rest,
 };
 
-State AfterSeparator(State state) noexcept {
+State afterSeparator(State state) noexcept {
     switch (state) {
     case State::Nothing:
         return State::OneSeparator;
@@ -45,7 +45,7 @@ public:
             return Result::ControlCharacter;
         if (state_ == State::Marker)
             return c == L'>' ? go(State::Rest) : Result::Valid;
-        if (state_ == State::PrefixMark && !Detail::IsSeparator(c))
+        if (state_ == State::PrefixMark && !Detail::isSeparator(c))
             return Result::MisplacedQuestionMark;
         switch (c) {
         case L'*':
@@ -61,9 +61,9 @@ public:
             return markerAllowed_ && state_ == State::Nothing ? go(State::Marker) : Result::MisplacedMarker;
         case L'\\':
         case L'/':
-            return go(AfterSeparator(state_));
+            return go(afterSeparator(state_));
         default:
-            return go(mayBeDrive() && Detail::IsDriveLetter(c) ? State::DriveLetter : State::Rest);
+            return go(mayBeDrive() && Detail::isDriveLetter(c) ? State::DriveLetter : State::Rest);
         }
     }
 

@@ -53,7 +53,7 @@ struct MarkedFile {
 };
 
 /// Whether the file is gone. A failure is logged unless it was logged for this file a minute ago or less.
-bool DeleteTempFile(const SharedPathName& name, FailureNote& lastFailure) {
+bool deleteTempFile(const SharedPathName& name, FailureNote& lastFailure) {
     constexpr DWORD silentMilliseconds = 60001;
     if (platform().deleteFile(name.asString()))
         return true;
@@ -120,10 +120,10 @@ private:
 
 /// Keeps this module loaded for good: the thread runs its code, and unloading could not wait for the thread,
 /// which needs the loader to end.
-void PinModule() {
+void pinModule() {
     HMODULE module = nullptr;
     GetModuleHandleExW(GET_MODULE_HANDLE_EX_FLAG_PIN | GET_MODULE_HANDLE_EX_FLAG_FROM_ADDRESS,
-                       reinterpret_cast<const wchar_t*>(&PinModule), &module);
+                       reinterpret_cast<const wchar_t*>(&pinModule), &module);
 }
 
 } // namespace
@@ -203,7 +203,7 @@ bool TempFileContainer::State::startThread() {
     if (isProcessEnding())
         return false;
     try {
-        PinModule();
+        pinModule();
         deletionThread = platform().startThread([this] { runDeletionThread(); });
         return true;
     } catch (const std::exception& error) {
@@ -225,7 +225,7 @@ TempFileContainer::State::Records::iterator TempFileContainer::State::deleteNow(
     Record& record = file->second;
     record.handle.close();
     // At the end of the process the record stays: a thread may have been stopped in the middle of the heap.
-    if (!DeleteTempFile(file->first, record.lastFailure) || isProcessEnding())
+    if (!deleteTempFile(file->first, record.lastFailure) || isProcessEnding())
         return std::next(file);
     if (record.pendingDeletion)
         --pendingCount;
@@ -236,7 +236,7 @@ void TempFileContainer::State::runDeletionThread() {
     do {
         std::vector<MarkedFile> files = waitAndCollect();
         for (MarkedFile& file : files)
-            file.deleted = DeleteTempFile(file.name, file.lastFailure);
+            file.deleted = deleteTempFile(file.name, file.lastFailure);
         settle(files);
     } while (!wake.stopRequested());
 }
@@ -305,12 +305,12 @@ namespace {
 } // namespace
 
 CString TempFileContainer::generateUniqueFileName(const wchar_t* prefix, const wchar_t* extension) const {
-    return Vexel::Detail::MakeTempFileName(prefix, extension);
+    return Vexel::Detail::makeTempFileName(prefix, extension);
 }
 
 SharedPathName TempFileContainer::insert(const wchar_t* prefix, const wchar_t* extension, bool holdHandle,
                                          bool userFlag) {
-    std::wstring path = Vexel::Detail::GetTempNaming().directory.data();
+    std::wstring path = Vexel::Detail::getTempNaming().directory.data();
     path += generateUniqueFileName(prefix, extension).GetString();
     return insert(SharedPathName(std::wstring_view(path), false, false), holdHandle, userFlag);
 }

@@ -24,7 +24,7 @@ constexpr unsigned NamingScheme = 18;
 
 std::atomic<unsigned long long> nextName{0};
 
-void ComputeDirectory(TempNaming& naming) noexcept {
+void computeDirectory(TempNaming& naming) noexcept {
     const auto capacity = static_cast<DWORD>(naming.directory.size());
     const DWORD length = platform().getTempPath(capacity, naming.directory.data());
     if (length == 0) {
@@ -40,7 +40,7 @@ void ComputeDirectory(TempNaming& naming) noexcept {
     naming.directory.back() = L'\0';
 }
 
-void ComputeProcessTag(TempNaming& naming) noexcept {
+void computeProcessTag(TempNaming& naming) noexcept {
     auto& tag = naming.processTag;
     swprintf(tag.data(), tag.size(), L"-%u-%08lx", NamingScheme, GetCurrentProcessId());
 
@@ -60,27 +60,27 @@ void ComputeProcessTag(TempNaming& naming) noexcept {
 
 } // namespace
 
-TempNaming ComputeTempNaming() noexcept {
+TempNaming computeTempNaming() noexcept {
     TempNaming naming;
-    ComputeDirectory(naming);
-    ComputeProcessTag(naming);
+    computeDirectory(naming);
+    computeProcessTag(naming);
     return naming;
 }
 
-const TempNaming& GetTempNaming() noexcept {
+const TempNaming& getTempNaming() noexcept {
     static INIT_ONCE once = INIT_ONCE_STATIC_INIT;
     static TempNaming naming;
     BOOL pending = FALSE;
     if (isProcessEnding()) {
         // The thread that began may be gone.
         if (!InitOnceBeginInitialize(&once, INIT_ONCE_CHECK_ONLY, &pending, nullptr) || pending)
-            naming = ComputeTempNaming();
+            naming = computeTempNaming();
         return naming;
     }
     if (!InitOnceBeginInitialize(&once, 0, &pending, nullptr))
         std::terminate();
     if (pending) {
-        naming = ComputeTempNaming();
+        naming = computeTempNaming();
         // Nobody could ever make a name again; there is nothing to go on with.
         if (!InitOnceComplete(&once, 0, nullptr))
             std::terminate();
@@ -88,12 +88,12 @@ const TempNaming& GetTempNaming() noexcept {
     return naming;
 }
 
-CString MakeTempFileName(const wchar_t* prefix, const wchar_t* extension) {
+CString makeTempFileName(const wchar_t* prefix, const wchar_t* extension) {
     std::array<wchar_t, 24> counter{};
     swprintf(counter.data(), counter.size(), L"-%llx", nextName.fetch_add(1));
 
     std::wstring name = prefix && *prefix ? prefix : L"vexelapp";
-    name += GetTempNaming().processTag.data();
+    name += getTempNaming().processTag.data();
     name += counter.data();
     if (extension) {
         // An empty extension leaves its dot.

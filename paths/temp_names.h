@@ -13,12 +13,12 @@ struct TempNaming {
 };
 
 /// Asks the system; what it does not tell is logged and done without.
-TempNaming ComputeTempNaming() noexcept;
+TempNaming computeTempNaming() noexcept;
 
 /// The process's naming data, computed by the first caller while others wait.
-const TempNaming& GetTempNaming() noexcept;
+const TempNaming& getTempNaming() noexcept;
 
 /// The next unique file name, without directory.
-CString MakeTempFileName(const wchar_t* prefix, const wchar_t* extension);
+CString makeTempFileName(const wchar_t* prefix, const wchar_t* extension);
 
 } // namespace Vexel::Detail

@@ -24,14 +24,14 @@ struct NameParts {
     std::size_t extension;
 };
 
-constexpr bool IsDigit(wchar_t c) noexcept { return c >= L'0' && c <= L'9'; }
+constexpr bool isDigit(wchar_t c) noexcept { return c >= L'0' && c <= L'9'; }
 
 /// The start of " (digits)" that ends at `end`, or `end`. The digits may be missing.
-std::size_t FindBracketCounter(std::wstring_view name, std::size_t end) noexcept {
+std::size_t findBracketCounter(std::wstring_view name, std::size_t end) noexcept {
     if (end < 5 || name[end - 1] != L')')
         return end;
     std::size_t first = end - 1;
-    while (first > 2 && IsDigit(name[first - 1]))
+    while (first > 2 && isDigit(name[first - 1]))
         --first;
     const bool opened = name[first - 1] == L'(' && name[first - 2] == L' ';
     return opened ? first - 2 : end;
@@ -39,35 +39,35 @@ std::size_t FindBracketCounter(std::wstring_view name, std::size_t end) noexcept
 
 /// The start of the digits that end at `end`; at least one character stays before them. The underscore in
 /// front of them belongs to the base: "base_3_1234" has the base "base_3_".
-std::size_t FindTrailingDigits(std::wstring_view name, std::size_t end) noexcept {
+std::size_t findTrailingDigits(std::wstring_view name, std::size_t end) noexcept {
     std::size_t first = end;
-    while (first > 1 && IsDigit(name[first - 1]))
+    while (first > 1 && isDigit(name[first - 1]))
         --first;
     return first;
 }
 
-NameParts Split(std::wstring_view name, CounterStyle style) {
+NameParts split(std::wstring_view name, CounterStyle style) {
     const std::size_t dot = Vexel::FindFileExtension(name);
     const std::size_t extension = dot == std::wstring_view::npos ? name.size() : dot;
     switch (style) {
     case CounterStyle::Bracket:
-        return {FindBracketCounter(name, extension), extension};
+        return {findBracketCounter(name, extension), extension};
     case CounterStyle::Underscore:
-        return {FindTrailingDigits(name, extension), extension};
+        return {findTrailingDigits(name, extension), extension};
     case CounterStyle::None:
         break;
     }
     return {extension, extension};
 }
 
-CString MakeCandidate(std::wstring_view name, const NameParts& parts, std::wstring_view suffix) {
+CString makeCandidate(std::wstring_view name, const NameParts& parts, std::wstring_view suffix) {
     std::wstring candidate(name.substr(0, parts.baseEnd));
     candidate += suffix;
     candidate += name.substr(parts.extension);
     return stringOf(candidate);
 }
 
-std::wstring MakeSuffix(unsigned counter, bool bracketStyle) {
+std::wstring makeSuffix(unsigned counter, bool bracketStyle) {
     const std::wstring number = std::to_wstring(counter);
     if (bracketStyle)
         return L" (" + number + L')';
@@ -83,16 +83,16 @@ bool MakeFileNameUnique(CString& name, const std::function<std::error_code(const
     const CounterStyle wanted = bracketStyle ? CounterStyle::Bracket : CounterStyle::Underscore;
 
     std::wstring working(viewOf(name));
-    const NameParts given = Split(working, stripCounter ? wanted : CounterStyle::None);
+    const NameParts given = split(working, stripCounter ? wanted : CounterStyle::None);
     working.erase(given.baseEnd, given.extension - given.baseEnd);
 
     CString candidate = stringOf(working);
     std::error_code answer = probe(candidate);
     // A bracketed counter always gives way to the new one, else "a (1)" would grow to "a (1) (1)"; digits at
     // the end may be part of the name, and go only by request.
-    const NameParts parts = Split(working, bracketStyle || stripCounter ? wanted : CounterStyle::None);
+    const NameParts parts = split(working, bracketStyle || stripCounter ? wanted : CounterStyle::None);
     for (unsigned counter = 1; answer == std::errc::file_exists; ++counter) {
-        candidate = MakeCandidate(working, parts, MakeSuffix(counter, bracketStyle));
+        candidate = makeCandidate(working, parts, makeSuffix(counter, bracketStyle));
         VxLog_WriteW(VxLog_Trace, L"Trying temporary file name \"%s\"...", candidate.GetString());
         answer = probe(candidate);
         if (counter == std::numeric_limits<unsigned>::max())

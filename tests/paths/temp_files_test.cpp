@@ -121,7 +121,7 @@ TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
         SetLastError(ERROR_ACCESS_DENIED);
         return FALSE;
     };
-    const Vexel::Detail::TempNaming naming = Vexel::Detail::ComputeTempNaming();
+    const Vexel::Detail::TempNaming naming = Vexel::Detail::computeTempNaming();
     EXPECT_STREQ(naming.directory.data(), L"C:\\Temp"); // and no separator
     EXPECT_EQ(naming.processTag.data(), Formatted(L"-18-%08lx", GetCurrentProcessId()));
     EXPECT_EQ(log_.count(7, L"Failed to get the path to the temporary directory: 0x00000015"), 1);
