@@ -52,10 +52,14 @@ TEST_F(Archive, KeepsTheTimesOfItems) {
         archive.item(L"A"sv)->touch();
         EXPECT_EQ(archive.save(true), S_OK);
         EXPECT_FALSE(archive.isChanged());
+        archive.item(L"a"sv)->setModificationTime(created); // and nothing else
+        EXPECT_EQ(archive.save(false), S_OK);
     }
     const SZipArchive archive = open(path_, true);
     const FILETIME creation = archive.item(L"A"sv)->creationFileTime();
+    const FILETIME modification = archive.item(L"a"sv)->modificationFileTime();
     EXPECT_EQ(CompareFileTime(&created, &creation), 0);
+    EXPECT_EQ(CompareFileTime(&created, &modification), 0);
     EXPECT_NE(archive.item(L"A"sv)->modificationFileTime().dwHighDateTime, 0U);
     EXPECT_EQ(archive.item(L"a"sv)->creationFileTime().dwHighDateTime, 0U);
     EXPECT_EQ(log_.count(VxLog_Warning, L""), 0);
@@ -171,6 +175,8 @@ TEST_F(Archive, StreamsOfAnItemShareItsContents) {
     ASSERT_EQ(third->Stat(&entry, STATFLAG_DEFAULT), S_OK);
     EXPECT_STREQ(entry.pwcsName, L"b");
     CoTaskMemFree(entry.pwcsName);
+    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_EQ(onDisk(), (Contents{{L"b", ""}})) << "replaced, although nothing was written";
 }
 
 TEST_F(Archive, FlushGivesBackOnlyWhatTheFileHasAndNobodyHolds) {
@@ -201,10 +207,12 @@ TEST_F(Archive, CopiesPackedDataOfASharedFile) {
         EXPECT_EQ(borrow ? target.borrowPackedData(source) : S_OK, S_OK);
         EXPECT_EQ(target.addItem(source, L"d"sv, L"copy"), S_OK);
         EXPECT_EQ(target.addItem(source, L"c"sv, L"copy/a"), STG_E_FILEALREADYEXISTS);
+        EXPECT_EQ(target.addItem(source, L"d"sv, L"copy"), STG_E_FILEALREADYEXISTS) << "for what is below";
         EXPECT_EQ(target.addItem(source, L"nix"sv, L"n"), STG_E_FILENOTFOUND);
         EXPECT_EQ(target.addItem(target, L"copy"sv, L"n"), STG_E_INVALIDFUNCTION);
         EXPECT_EQ(target.addItems(source, L""), S_OK);
         EXPECT_EQ(target.borrowPackedData(source), borrow ? STG_E_INVALIDFUNCTION : S_OK);
+        EXPECT_EQ(target.flush(L""sv), S_OK); // gives back nothing that no file has
         EXPECT_EQ(target.save(false), S_OK);
         Contents expected = statesOf(source);
         expected.insert({{L"copy", directory}, {L"copy/a", "0123"}, {L"copy/b", "changed"}});

@@ -185,7 +185,7 @@ TEST_F(ForeignSaves, KeepTheAttributesOfUnchangedItems) {
 }
 
 TEST_F(ForeignSaves, KeepWhatIsWrittenIntoAnAntiItem) {
-    for (const bool creates : {true, false}) {
+    for (const auto& [creates, text] : {std::pair(true, "back"sv), {false, "back"sv}, {true, ""sv}}) {
         use(L"solid-with-anti-items.7z");
         SZipArchive archive = open();
         ASSERT_TRUE(archive.item(L"d/e/c.txt"sv)->isAnti());
@@ -193,14 +193,17 @@ TEST_F(ForeignSaves, KeepWhatIsWrittenIntoAnAntiItem) {
         EXPECT_EQ(creates ? archive.createFile(&stream, L"d/e/c.txt", false, true)
                           : archive.extractFile(&stream, L"d/e/c.txt"sv),
                   S_OK);
-        EXPECT_EQ(stream->Write("back", 4, nullptr), S_OK);
+        EXPECT_EQ(stream->Write(text.data(), static_cast<ULONG>(text.size()), nullptr), S_OK);
         stream.Reset();
         EXPECT_EQ(archive.save(true), S_OK);
         std::string bytes;
         EXPECT_EQ(readItem(archive, L"d/e/c.txt", bytes), S_OK);
-        EXPECT_EQ(bytes, "back");
+        EXPECT_EQ(bytes, text);
         EXPECT_FALSE(archive.item(L"d/e/c.txt"sv)->isAnti());
         EXPECT_TRUE(archive.item(L"d/e"sv)->isAnti());
+        SZipArchive copy(L"", false, true);
+        EXPECT_EQ(copy.addItem(archive, L"d/e"sv, L"e"), S_OK);
+        EXPECT_TRUE(copy.item(L"e"sv)->isAnti());
     }
 }
 

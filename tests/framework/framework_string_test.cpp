@@ -206,6 +206,9 @@ TEST(FrameworkString, CopiesAreSharedAmongThreads) {
         });
     threads.clear();
     EXPECT_EQ(wrong, 0);
+    CString cut = original;
+    cut.ReleaseBufferSetLength(2);
+    EXPECT_EQ(cut, L"sh");
     EXPECT_EQ(original, L"shared");
 }
 

@@ -289,6 +289,9 @@ TEST_F(Ini, AFailedSaveLeavesTheOldFile) {
     EXPECT_FALSE(IniFile().Load(path));
     EXPECT_FALSE(IniFile::SetInt(L"new", L"k", 1, path));
     held.Close();
+    hold(vxio::FileAccess::Read, vxio::ProtectReading); // so that it could be written
+    EXPECT_FALSE(IniFile::SetInt(L"new", L"k", 1, path));
+    held.Close();
     SetFileAttributesW(path, FILE_ATTRIBUTE_READONLY);
     unchanged();
     EXPECT_EQ(readFile(path_), "[old]\n");

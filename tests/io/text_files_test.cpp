@@ -6,6 +6,7 @@
 #include <gtest/gtest.h>
 
 #include <string>
+#include <thread>
 #include <vector>
 
 using vxio::FileAccess;
@@ -156,6 +157,26 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     EXPECT_NE(reading.GetLastErrorCode(), 0u);
     EXPECT_FALSE(vxio::TextFileReadStream().Open(L"Z:\\proc\\self\\mem", vxio::ProtectNothing,
                                                  TextEncoding::Detect, false));
+
+    // What is cut off by a failure is no last line.
+    constexpr auto pipeName = L"\\\\.\\pipe\\vexel text files test";
+    const HANDLE pipe = CreateNamedPipeW(pipeName, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+    std::jthread writer([pipe] {
+        const std::string lines = "one\n" + std::string((64 << 10) - 4, 'x'); // as much as is read ahead
+        DWORD written = 0;
+        ConnectNamedPipe(pipe, nullptr);
+        WriteFile(pipe, lines.data(), static_cast<DWORD>(lines.size()), &written, nullptr);
+        FlushFileBuffers(pipe); // waits for the reader
+        DisconnectNamedPipe(pipe);
+    });
+    vxio::TextFileReadStream cut;
+    CString line;
+    EXPECT_TRUE(cut.Open(pipeName, vxio::ProtectNothing, TextEncoding::Utf8, false));
+    writer.join();
+    EXPECT_TRUE(cut.ReadString(line));
+    EXPECT_FALSE(cut.ReadString(line));
+    EXPECT_NE(cut.GetLastErrorCode(), 0u);
+    CloseHandle(pipe);
 
     vxio::TextFileWriteStream full; // a device that takes nothing
     ASSERT_TRUE(full.Open({.path = L"Z:\\dev\\full", .creation = FileCreation::OpenExisting},

@@ -346,6 +346,15 @@ TEST_F(TempFiles, FailedCopiesLeaveNothing) {
     EXPECT_TRUE(Registry().insertCopy(L"C:\\no such file", nullptr, L"x", &error, false, false).empty());
     EXPECT_EQ(error, static_cast<unsigned long>(ERROR_FILE_NOT_FOUND));
     EXPECT_EQ(log_.count(7, L"Failed to copy file \"C:\\no such file\" to \""), 1);
+    static std::wstring half;
+    platform().copyFile = [](const wchar_t*, const wchar_t* to, BOOL) -> BOOL {
+        half = to;
+        std::ofstream(to) << "half";
+        SetLastError(ERROR_DISK_FULL);
+        return FALSE;
+    };
+    EXPECT_TRUE(Registry().insertCopy(L"C:\\full", nullptr, L"x", &error, false, false).empty());
+    EXPECT_FALSE(FileSystemEntryExists(half));
     EXPECT_TRUE(Registry().clear());
     EXPECT_EQ(failuresLogged(), 0);
 }

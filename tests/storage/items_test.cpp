@@ -142,6 +142,15 @@ TEST_F(Items, GoOnWhereTheyWereOrNotAtAll) {
     note->close();
     calls_.take();
     EXPECT_TRUE(note->stream() && calls_.take() == L"OpenStream note 0x10\n") << "once";
+    root_.close();
+    ASSERT_EQ(root_.open(true, true), S_OK);
+    ASSERT_NE(note->stream(), nullptr);
+    ASSERT_EQ(root_.open(false, true), S_OK);
+    ASSERT_EQ(note->open(true), S_OK);
+    note->close();
+    calls_.take();
+    EXPECT_NE(note->stream(), nullptr);
+    EXPECT_EQ(calls_.take(), L"OpenStream note 0x10\n") << "opening it rewinds";
 }
 
 TEST_F(Items, KeepWhatIsBelowThemWhenTheyCannotBeMadeAnew) {

@@ -441,6 +441,7 @@ TEST(PropertySets, AreThereAgainAfterAFailure) {
             struck = asked > failing;
         }
         EXPECT_GT(failing, 4u);
+        EXPECT_EQ(write(L"over what cannot be read", 0), STG_E_MEDIUMFULL);
         EXPECT_EQ(write(L"second"), S_OK);
         EXPECT_EQ(asked, 1u) << "what is there already is not written again";
     }
