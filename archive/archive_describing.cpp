@@ -33,6 +33,9 @@ HRESULT SZipArchivePrivate::describe(const CString& path, const SZipArchiveItem&
     if (!guard)
         return STG_E_INUSE;
     const SZipStream* const contents = item.contents_.Get();
+    // The number comes before the size: what is written after it was asked for is left to the next save. An
+    // entry of size 0 is written without contents, whatever its stream has by then.
+    const std::uint64_t changes = contents ? contents->changes() : 0;
     Engine::UpdateEntry entry;
     entry.name = path;
     entry.size = contents ? contents->lockedSize() : item.size_;
@@ -42,8 +45,6 @@ HRESULT SZipArchivePrivate::describe(const CString& path, const SZipArchiveItem&
     entry.isAnti = item.isAnti_ && entry.size == 0; // what was written into it since counts
 
     const int record = recordOf(item);
-    // The number comes first: what is written after it was asked for is left to the next save.
-    const std::uint64_t changes = contents ? contents->changes() : 0;
     const bool isUnchanged = record >= 0 && !(contents && contents->isModified());
     if (isUnchanged)
         entry.attributes = database->attributes(static_cast<unsigned>(record));

@@ -1,6 +1,6 @@
 // The engine asks for bytes in small pieces and often. Files are therefore read ahead, more and more as long
-// as the reading goes on in order. Failures are kept beside the stream, since the engine may report them under
-// another name.
+// as the reading goes on in order. Failures are kept beside the stream, since the engine may report them
+// under another name.
 
 #include "archive/engine_inputs.h"
 
@@ -79,7 +79,7 @@ void SharedFile::reset(Detail::FileHandle file) noexcept {
     const auto lock = lockUnlessEnding(turn_);
     file_.close();
     file_ = std::move(file);
-    systemPosition_ = 0;
+    systemPosition_ = kUnknownPosition; // the handle may have been read from
 }
 
 HRESULT FileInStream::readFile(std::uint64_t offset, void* data, std::uint32_t size,

@@ -1,5 +1,5 @@
-// The engine writes small pieces, which reach the file in large parts. Failures are kept beside the stream, as
-// the inputs keep theirs.
+// The engine writes small pieces, which reach the file in large parts. Failures are kept beside the stream,
+// as the inputs keep theirs.
 
 #include "archive/engine_outputs.h"
 
@@ -49,8 +49,7 @@ HRESULT TemporaryFile::finish() noexcept {
         return status;
     if (!Detail::platform().flushFile(file_.get()))
         return fail();
-    file_.close();
-    return S_OK;
+    return file_.close() ? S_OK : fail();
 }
 
 HRESULT TemporaryFile::writeFile(const std::byte* data, std::uint32_t size) noexcept {

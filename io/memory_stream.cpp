@@ -1,5 +1,5 @@
-// Clones share the buffer by a shared pointer; the position is each stream's own. Arithmetic on positions is done
-// on unsigned 64-bit numbers and checked before, since callers may seek anywhere.
+// Clones share the buffer by a shared pointer; the position is each stream's own. Arithmetic on positions is
+// done on unsigned 64-bit numbers and checked before, since callers may seek anywhere.
 
 #include "base/platform.h"
 #include "io/small_copy.h"

@@ -76,11 +76,12 @@ ItemRef<VxStream> TreeWalk::openUnmoved(const StorageRef& parent, const SharedPa
 }
 
 HRESULT TreeWalk::run() {
-    enter({source_, target_, nullptr});
+    note(withStatus([this] { return enter({source_, target_, nullptr}), S_OK; }), StorageType::Storage);
     while (!levels_.empty() && SUCCEEDED(end_)) {
         const auto& children = levels_.back().children;
         if (!children || !children->moveNext()) {
-            leave();
+            note(withStatus([this] { return leave(), S_OK; }), StorageType::Storage);
+            path_.resize(levels_.empty() ? 0 : levels_.size() - 1);
             continue;
         }
         const StorageType type = children->type();
@@ -109,20 +110,19 @@ void TreeWalk::enter(Level level) {
 }
 
 void TreeWalk::leave() {
-    Level& done = levels_.back();
+    Level done = std::move(levels_.back());
+    levels_.pop_back(); // whatever fails from here on
     const HRESULT listed = done.children ? done.children->status() : S_FALSE;
     if (listed != S_FALSE) // there may be more
         note(FAILED(listed) ? listed : STG_E_READFAULT, StorageType::Storage);
     done.children.reset();
-    if (levels_.size() > 1) {
+    if (!levels_.empty()) {
         // Gives back what they take in memory, unless the application uses it.
         done.from.deleteUnusedObjects();
         if (done.to.format() == StorageFormat::CompoundFile && SUCCEEDED(end_))
             note(done.to.commit(), StorageType::Storage, true);
         done.to.deleteUnusedObjects();
-        path_.pop_back();
     }
-    levels_.pop_back();
 }
 
 void TreeWalk::meet() {
@@ -132,16 +132,18 @@ void TreeWalk::meet() {
     const unsigned long long size = isStorage ? 0 : child.size().QuadPart;
     if (!tell(0))
         return;
+    bool isWanted = true;
     if (observer_) {
         const TreesLetGo letGo;
-        if (!observer_->onNode({path_, child.type(), size, child.createTime(), child.writeTime(),
-                                child.isLast(), level.from}))
-            return;
+        isWanted = observer_->onNode(
+            {path_, child.type(), size, child.createTime(), child.writeTime(), child.isLast(), level.from});
     }
-    if (isStorage)
+    if (isWanted && isStorage)
         meetStorage(child.name());
-    else
+    else if (isWanted)
         meetStream(child.name(), size);
+    else if (!isCopying())
+        take(size); // the observer may have read it all the same
 }
 
 void TreeWalk::meetStorage(const SharedPathName& name) {
@@ -176,12 +178,20 @@ void TreeWalk::meetStream(const SharedPathName& name, unsigned long long listedS
     const bool isFromPackage = parent.from.format() == StorageFormat::Package;
     if (isCopying() && isFromPackage && parent.to.format() == StorageFormat::Package)
         copyInPackages(name, listedSize);
-    else if (isCopying() && isFromPackage && name.asStringView() == L".clsid")
-        return; // elsewhere a storage's class is no stream, but what copyClass sets
-    else if (isCopying() || !observer_)
-        copyStream(name);
-    else
+    else if (isCopying() && isFromPackage && name.asStringView() == L".clsid" && listedSize == sizeof(CLSID))
+        checkClass(name);
+    else if (!isCopying() && observer_)
         take(listedSize);
+    else if (!isCopying() || makeRoom(listedSize)) // before opening unpacks it
+        copyStream(name);
+}
+
+/// Elsewhere a storage's class is no stream, but what copyClass sets: that takes one that cannot be read for
+/// none.
+void TreeWalk::checkClass(const SharedPathName& name) {
+    HRESULT status = S_OK;
+    if (!openUnmoved(levels_.back().from, name, status))
+        note(FAILED(status) ? status : STG_E_READFAULT, StorageType::Stream);
 }
 
 /// Contents go without being in both, and packed where one lends the other what it has.
@@ -197,13 +207,19 @@ void TreeWalk::copyInPackages(const SharedPathName& name, unsigned long long siz
         take(size);
 }
 
+/// A part is not taken for the whole. Where it cannot be taken away, nothing may be committed any more.
+void TreeWalk::discardPart(VxStorage& to, const SharedPathName& name) {
+    if (const HRESULT status = outcomeOf(to.destroyChild(name)); status != S_OK && SUCCEEDED(end_))
+        end_ = status;
+}
+
 /// Copies a stream, or only reads it where there is no target.
 void TreeWalk::copyStream(const SharedPathName& name) {
     const Level& parent = levels_.back();
     HRESULT status = E_FAIL;
-    const ItemRef<VxStream> source = openUnmoved(parent.from, name, status);
+    ItemRef<VxStream> source = openUnmoved(parent.from, name, status);
     // Held: others may close the node while a clean-up runs that the target needs, or the observer.
-    const ComPtr<::IStream> stream = source ? source->stream() : nullptr;
+    ComPtr<::IStream> stream = source ? source->stream() : nullptr;
     if (!stream) {
         if (isCopying())
             note(FAILED(status) ? status : STG_E_READFAULT, StorageType::Stream);
@@ -230,10 +246,12 @@ void TreeWalk::copyStream(const SharedPathName& name) {
         made->SetSize({.QuadPart = size});
     status = moveBytes(stream.Get(), size, target.get());
     target = {};
+    stream.Reset(); // or its contents could not be given back
+    source = {};
     if (status == S_OK)
         take(size);
     else
-        to.destroyChild(name); // a part is not taken for the whole
+        discardPart(to, name);
 }
 
 HRESULT TreeWalk::moveBytes(::IStream* from, unsigned long long size, VxStream* to) {
@@ -295,9 +313,9 @@ void TreeWalk::giveBack() {
     StorageRef(target_).deleteUnusedObjects(); // gives back what the file holds now
     if (status == S_OK)
         return;
-    const std::vector<SharedPathName> node = std::exchange(path_, {}); // it is not this node that failed
+    std::vector<SharedPathName> node = std::exchange(path_, {}); // it is not this node that failed
     note(status, StorageType::Storage, true);
-    path_ = node;
+    path_ = std::move(node);
     end_ = status;
 }
 

@@ -51,7 +51,9 @@ private:
     HRESULT openTarget(const SharedPathName& name, StorageRef& target) const;
     void meetStream(const SharedPathName& name, unsigned long long listedSize);
     void copyInPackages(const SharedPathName& name, unsigned long long size);
+    void checkClass(const SharedPathName& name);
     void copyStream(const SharedPathName& name);
+    void discardPart(VxStorage& to, const SharedPathName& name);
     HRESULT moveBytes(::IStream* from, unsigned long long size, VxStream* to);
 
     bool isCopying() const noexcept { return target_.notNull(); }

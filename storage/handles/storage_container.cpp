@@ -8,6 +8,13 @@
 using Vexel::Detail::RootTables;
 using Vexel::Detail::rootTables;
 
+namespace {
+
+// Makes the tables while the module is loaded: at the end of the process no local static object can be made.
+[[maybe_unused]] const RootTables& madeEarly = rootTables();
+
+} // namespace
+
 /// The tables themselves are never destroyed, nor are their roots: handles in static storage may still be on
 /// them. But files that are to be deleted must not be open then.
 RootTables& Vexel::Detail::rootTables() {

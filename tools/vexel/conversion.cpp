@@ -89,6 +89,8 @@ private:
         StorageEnumerator child;
         for (check(child.reset(target), L"cannot list", target_.label(path)); child.moveNext();)
             nodes_ -= !isClass(child.type(), child.name().asStringView());
+        if (child.status() != S_FALSE)
+            throw Failure(L"cannot list all of", target_.label(path), child.status());
         targets_.push_back(std::move(target));
     }
 

@@ -58,9 +58,11 @@ public:
           onStorage_(onStorage) {}
 
     void run() {
-        walkTree(document_.openStorage(start_), *this);
+        const HRESULT status = walkTree(document_.openStorage(start_), *this);
         if (end_)
             std::rethrow_exception(end_);
+        if (!isTold_)
+            check(status, L"cannot read", document_.label(start_));
     }
 
     bool onNode(const TreeNode& met) override {
@@ -89,6 +91,7 @@ public:
         return !end_;
     }
     bool onFault(const TreeFault& fault) override {
+        isTold_ = true;
         attempt(
             [&] { throw Failure(L"cannot read", document_.label(start_.below(fault.path)), fault.status); });
         return !end_;
@@ -118,6 +121,7 @@ private:
     const Document::Visitor& visitor_;
     const Document::FaultHandler& onFault_;
     const Document::StorageVisitor& onStorage_;
+    bool isTold_ = false; // of a fault
     std::exception_ptr end_;
 };
 
