@@ -37,6 +37,7 @@ public:
     RootTables() = default;
     RootTables(const RootTables&) = delete;
     RootTables& operator=(const RootTables&) = delete;
+    ~RootTables() = default;
 
     ItemRef<VxStorage> open(const SharedPathName& path, const RootOptions& options, long& status);
     /// Makes the file anew.

@@ -11,6 +11,7 @@ using Vexel::Detail::rootTables;
 namespace {
 
 // Makes the tables while the module is loaded: at the end of the process no local static object can be made.
+// NOLINTNEXTLINE(bugprone-throwing-static-initialization): without the memory for it nothing can be opened.
 [[maybe_unused]] const RootTables& madeEarly = rootTables();
 
 } // namespace

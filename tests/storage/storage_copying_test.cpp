@@ -307,7 +307,7 @@ TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
             closeUnused();
             EXPECT_EQ(allOf(openRoot(path(to), modeRead)), sorted(expected));
             if (way.from == packages &&
-                !(way.observed && way.to == compoundFile)) { // told once, by the archive and by who copies
+                (!way.observed || way.to != compoundFile)) { // told once, by the archive and by who copies
                 EXPECT_EQ(log_.count(VxLog_Error, L"for copying: 0x8003001e") +
                               log_.count(VxLog_Error, L"has not met the expectations"),
                           2 * static_cast<int>(bad.size()));
@@ -491,7 +491,7 @@ TEST_F(CopyingOfFakes, CommitsOnTheWay) {
         EXPECT_EQ(openStream(L"First", written).size(), size);
         EXPECT_FALSE(written.hasChild(element(L"Second"), StorageType::Stream));
         EXPECT_EQ(target.hasChild(element(L"Second"), StorageType::Stream), size < largest);
-        calls_.elements.push_back({L"Second", STGTY_STREAM});
+        calls_.elements.emplace_back(L"Second", STGTY_STREAM);
     }
 }
 
