@@ -41,7 +41,7 @@ struct TreeFault {
     TreePath path;
     StorageType type;
     long status;     ///< a failure
-    bool isInTarget; ///< it could not be written; else it could not be read
+    bool isInTarget; ///< the target failed; else the source, or it cannot be told which of the two
 };
 
 /// Somebody who is told of a walk or a copy. The functions are called on the thread that walks, without any
@@ -77,10 +77,10 @@ VEXEL_API long walkTree(const StorageRef& top, TreeObserver& observer);
 /// StorageRef::copyTo with an observer, and exactly that for null. With one, in all formats,
 ///  - the copy goes from element to element, and a package as target is committed on the way each time 64 MiB
 ///    of contents wait in it; a stream that would bring it beyond waits until that is done, so that no more
-///    than 64 MiB or the largest stream are in memory at a time;
+///    than 64 MiB and the largest stream are in memory at a time;
 ///  - what the observer's false ends leaves no part of a stream in the target, and is never a success: the
-///    result is E_ABORT after onProgress, else the first fault. What was copied before stays, but nothing is
-///    committed any more;
+///    result is E_ABORT after onProgress, else the first fault. What was copied before stays, in a compound
+///    file only in the storages that were done, and nothing is committed any more;
 ///  - a missing part of a compound file of which no node has told is a fault of `from` itself, at the end;
 ///  - the target must not stand in `from`: STG_E_ACCESSDENIED.
 VEXEL_API long copyTree(const StorageRef& from, const StorageRef& to, TreeObserver* observer);
