@@ -107,8 +107,8 @@ HRESULT SZipArchivePrivate::replaceFile(const CString& temporaryPath) {
     const bool closes = own && own.use_count() == 1 && own->isOf(StringLess::view(fileName));
     if (closes)
         own->closeFile();
-    constexpr DWORD flags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED | MOVEFILE_WRITE_THROUGH;
-    if (Detail::platform().moveFile(temporaryPath.GetString(), fileName.GetString(), flags))
+    constexpr DWORD kFlags = MOVEFILE_REPLACE_EXISTING | MOVEFILE_COPY_ALLOWED | MOVEFILE_WRITE_THROUGH;
+    if (Detail::platform().moveFile(temporaryPath.GetString(), fileName.GetString(), kFlags))
         return S_OK;
     const DWORD error = GetLastError();
     VxLog_WriteW(VxLog_Error, L"Failed to move \"%ls\" to \"%ls\": 0x%08x", temporaryPath.GetString(),

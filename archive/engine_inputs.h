@@ -22,10 +22,10 @@ namespace Vexel::Storage::Engine {
 
 using Microsoft::WRL::ComPtr;
 
-struct IInStream_IStreamGetSize : IInStream, IStreamGetSize {};
+struct IInStreamIStreamGetSize : IInStream, IStreamGetSize {};
 
 /// A seekable input that knows its size.
-class InStreamBase : public IUnknownImpl<IInStream_IStreamGetSize> {
+class InStreamBase : public IUnknownImpl<IInStreamIStreamGetSize> {
 public:
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
     const Detail::FirstFailure& failure() const noexcept { return failure_; }

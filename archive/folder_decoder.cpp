@@ -23,9 +23,9 @@ using NArchive::N7z::CDecoder;
 
 namespace {
 
-// On several threads, each of them holds a block of LZMA2 packed and unpacked: with our dictionary, 4 MiB and
-// its packed bytes. Two decode an item of 64 MiB nearly twice as fast as one does, with 1.22 to 1.3 times its
-// memory instead of 1.03 times.
+// On several threads, each of them holds a block of LZMA2 packed and unpacked: with our dictionary, 4 MiB
+// and its packed bytes. Two decode an item of 64 MiB nearly twice as fast as one does, with 1.22 to 1.3
+// times its memory instead of 1.03 times.
 constexpr UInt64 kMultiThreadedFrom = 0x100000;
 constexpr UInt64 kNoMemoryLimit = ~UInt64{0};
 /// What is unpacked from each packed byte at most: LZMA reaches about 7,100. A few bytes are not counted.
@@ -62,8 +62,8 @@ private:
 
 // Never destroyed: decoders own threads, which are gone when the process ends.
 DecoderPool& decoders() {
-    static auto* const pool = new DecoderPool;
-    return *pool;
+    static auto* const kPool = new DecoderPool;
+    return *kPool;
 }
 
 HRESULT decode(const NArchive::N7z::CFolders& folders, unsigned folder, UInt64 dataStart, bool takesMuch,

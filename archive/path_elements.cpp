@@ -39,8 +39,8 @@ CString SZipArchive::encodePathElement(std::wstring_view name) {
             element += c;
             continue;
         }
-        constexpr wchar_t digits[] = L"0123456789abcdef";
-        element += {kEscape, digits[c >> 4], digits[c & 0xF]};
+        constexpr wchar_t kDigits[] = L"0123456789abcdef";
+        element += {kEscape, kDigits[c >> 4], kDigits[c & 0xF]};
     }
     return stringOf(element);
 }

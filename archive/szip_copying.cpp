@@ -52,8 +52,8 @@ HRESULT elementOutcome(HRESULT status, const ComPtr<Element>& element) noexcept 
 }
 
 HRESULT copyBytes(::IStream* source, ::IStream* target) {
-    constexpr ULARGE_INTEGER all{{0xFFFFFFFF, 0xFFFFFFFF}};
-    return outcomeOf(source->CopyTo(target, all, nullptr, nullptr));
+    constexpr ULARGE_INTEGER kAll{{0xFFFFFFFF, 0xFFFFFFFF}};
+    return outcomeOf(source->CopyTo(target, kAll, nullptr, nullptr));
 }
 
 } // namespace

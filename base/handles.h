@@ -6,8 +6,8 @@
 
 namespace Vexel::Detail {
 
-/// Owns a handle that `closeWith` closes; `INVALID_HANDLE_VALUE` stands for none.
-template <BOOL (*closeWith)(HANDLE)>
+/// Owns a handle that `CloseWith` closes; `INVALID_HANDLE_VALUE` stands for none.
+template <BOOL (*CloseWith)(HANDLE)>
 class UniqueHandle {
 public:
     UniqueHandle() noexcept = default;
@@ -28,7 +28,7 @@ public:
     /// False when closing reports an error, which may be the last news of failed writes.
     bool close() noexcept {
         const HANDLE handle = std::exchange(handle_, INVALID_HANDLE_VALUE);
-        return handle == INVALID_HANDLE_VALUE || closeWith(handle);
+        return handle == INVALID_HANDLE_VALUE || CloseWith(handle);
     }
 
 private:

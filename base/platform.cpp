@@ -26,10 +26,10 @@ DWORD readEntry(const wchar_t* path, bool followLinks, EntryInfo& info) {
         return ERROR_SUCCESS;
     }
 
-    constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     const DWORD flags = FILE_FLAG_BACKUP_SEMANTICS | (followLinks ? 0 : FILE_FLAG_OPEN_REPARSE_POINT);
     const FileHandle entry(
-        CreateFileW(path, FILE_READ_ATTRIBUTES, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
+        CreateFileW(path, FILE_READ_ATTRIBUTES, kShareAll, nullptr, OPEN_EXISTING, flags, nullptr));
     if (!entry)
         return lastError();
     if (followLinks) { // the target may be on a volume that knows no tags
@@ -57,16 +57,16 @@ DWORD probeForWriting(const wchar_t* path) {
 }
 
 // No object is larger, and what the heap adds and rounds up cannot overflow below it.
-constexpr unsigned long long largestBlock = std::numeric_limits<std::ptrdiff_t>::max();
+constexpr unsigned long long kLargestBlock = std::numeric_limits<std::ptrdiff_t>::max();
 
 void* reallocateOnHeap(void* block, unsigned long long bytes) noexcept {
-    return bytes <= largestBlock ? std::realloc(block, bytes) : nullptr;
+    return bytes <= kLargestBlock ? std::realloc(block, bytes) : nullptr;
 }
 
 void freeOnHeap(void* block) noexcept { std::free(block); }
 
 void* commitPages(unsigned long long bytes) noexcept {
-    return bytes <= largestBlock ? VirtualAlloc(nullptr, bytes, MEM_COMMIT, PAGE_READWRITE) : nullptr;
+    return bytes <= kLargestBlock ? VirtualAlloc(nullptr, bytes, MEM_COMMIT, PAGE_READWRITE) : nullptr;
 }
 
 void releasePages(void* pages) noexcept { VirtualFree(pages, 0, MEM_RELEASE); }

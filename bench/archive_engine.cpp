@@ -16,13 +16,13 @@ constexpr std::size_t kLargeItem = std::size_t{64} << 20;
 constexpr std::size_t kPackedItem = 3000;
 
 const std::vector<unsigned char>& text() {
-    static const auto bytes = someBytes(kLargeItem, false);
-    return bytes;
+    static const auto kBytes = someBytes(kLargeItem, false);
+    return kBytes;
 }
 
 const std::vector<unsigned char>& noise() {
-    static const auto bytes = someBytes(std::size_t{40} << 20, true);
-    return bytes;
+    static const auto kBytes = someBytes(std::size_t{40} << 20, true);
+    return kBytes;
 }
 
 std::shared_ptr<DatabaseStream> openArchive(const wchar_t* path) {

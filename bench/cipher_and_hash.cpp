@@ -97,11 +97,11 @@ void hash(benchmark::State& state) {
 
 int main(int argc, char** argv) {
     Vexel::Bench::Suite suite;
-    constexpr long large = 1 << 20;
-    compareCipher<false, false>(suite, "encipher 1 MiB, stream", large);
-    compareCipher<false, true>(suite, "encipher 1 MiB, feedback", large);
-    compareCipher<true, false>(suite, "decipher 1 MiB, stream", large);
-    compareCipher<true, true>(suite, "decipher 1 MiB, feedback", large);
+    constexpr long kLarge = 1 << 20;
+    compareCipher<false, false>(suite, "encipher 1 MiB, stream", kLarge);
+    compareCipher<false, true>(suite, "encipher 1 MiB, feedback", kLarge);
+    compareCipher<true, false>(suite, "decipher 1 MiB, stream", kLarge);
+    compareCipher<true, true>(suite, "decipher 1 MiB, feedback", kLarge);
     compareCipher<true, true>(suite, "decipher 64 B, feedback", 64);
     suite.measure("key a cipher", keyCipher);
     suite.measure("hash 16 B", hash<16>);

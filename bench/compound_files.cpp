@@ -17,7 +17,7 @@ using Microsoft::WRL::ComPtr;
 
 namespace {
 
-const std::wstring sample = [] {
+const std::wstring kSample = [] {
     const std::string folder = "Z:" VEXEL_TEST_DATA_DIR;
     return std::wstring(folder.begin(), folder.end()) + L"/foreign-tree.cfb";
 }();
@@ -77,7 +77,7 @@ Totals throughHandles(std::vector<char>& buffer) {
     Totals totals;
     StorageRef root;
     if (SUCCEEDED(
-            root.open(SharedPathName(sample, false, false), RootStorageOpenMode::ReadOnlyDenyWrite, false)))
+            root.open(SharedPathName(kSample, false, false), RootStorageOpenMode::ReadOnlyDenyWrite, false)))
         readAll(root, buffer, totals);
     return totals;
 }
@@ -88,18 +88,18 @@ Totals throughTheSystem(std::vector<char>& buffer) {
     options.usVersion = 1;
     options.ulSectorSize = 512;
     ComPtr<IStorage> root;
-    if (SUCCEEDED(StgOpenStorageEx(sample.c_str(), STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_READ,
+    if (SUCCEEDED(StgOpenStorageEx(kSample.c_str(), STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_READ,
                                    STGFMT_DOCFILE, 0, &options, nullptr, IID_IStorage, &root)))
         readAll(root.Get(), buffer, totals);
     return totals;
 }
 
-template <Totals (*read)(std::vector<char>&)>
+template <Totals (*Read)(std::vector<char>&)>
 void run(benchmark::State& state) {
     std::vector<char> buffer;
     const Totals expected = throughTheSystem(buffer);
     for (auto _ : state)
-        if (read(buffer) != expected || expected.bytes == 0)
+        if (Read(buffer) != expected || expected.bytes == 0)
             state.SkipWithError("not everything was read");
 }
 

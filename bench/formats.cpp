@@ -28,39 +28,39 @@ constexpr unsigned kStreams = 500;
 constexpr DWORD kWhole = STGM_SHARE_EXCLUSIVE;
 constexpr double kNoLimit = std::numeric_limits<double>::infinity();
 
-const std::wstring package = (std::filesystem::temp_directory_path() / L"vexel-bench-package").wstring();
-const std::wstring compound = (std::filesystem::temp_directory_path() / L"vexel-bench-compound").wstring();
+const std::wstring kPackage = (std::filesystem::temp_directory_path() / L"vexel-bench-package").wstring();
+const std::wstring kCompound = (std::filesystem::temp_directory_path() / L"vexel-bench-compound").wstring();
 
 std::wstring storageOf(unsigned stream) { return L"Storage " + std::to_wstring(stream % kStorages); }
 std::wstring nameOf(unsigned stream) { return L"Stream " + std::to_wstring(stream); }
 
 /// 2 to 20 KB that pack to less than half.
 const std::vector<unsigned char>& contentsOf(unsigned stream) {
-    static const auto all = [] {
+    static const auto kAll = [] {
         std::mt19937 random(3);
         std::vector<std::vector<unsigned char>> made;
         for (unsigned i = 0; i < kStreams; ++i)
             made.push_back(Vexel::Bench::someBytes(2000 + random() % 18000, false, i));
         return made;
     }();
-    return all[stream];
+    return kAll[stream];
 }
 
 // The package.
 
 StorageRef openPackage(RootStorageOpenMode mode) {
     StorageRef root;
-    check(root.open(SharedPathName(package.c_str(), false, false), mode, false) == S_OK);
+    check(root.open(SharedPathName(kPackage.c_str(), false, false), mode, false) == S_OK);
     return root;
 }
 
 void cleanUp() { StorageContainer::Instance().deleteUnusedObjects(); }
 
 void createPackage() {
-    DeleteFileW(package.c_str());
+    DeleteFileW(kPackage.c_str());
     {
         StorageRef root;
-        check(root.create(SharedPathName(package.c_str(), false, false)) == S_OK);
+        check(root.create(SharedPathName(kPackage.c_str(), false, false)) == S_OK);
         for (unsigned i = 0; i < kStreams; ++i) {
             StorageRef storage;
             StreamRef stream;
@@ -112,7 +112,7 @@ void changePackage() {
 
 ComPtr<IStorage> openCompound(DWORD stgm) {
     ComPtr<IStorage> root;
-    check(SUCCEEDED(StgOpenStorageEx(compound.c_str(), STGM_TRANSACTED | stgm, STGFMT_DOCFILE, 0, nullptr,
+    check(SUCCEEDED(StgOpenStorageEx(kCompound.c_str(), STGM_TRANSACTED | stgm, STGFMT_DOCFILE, 0, nullptr,
                                      nullptr, IID_IStorage, reinterpret_cast<void**>(root.GetAddressOf()))));
     return root;
 }
@@ -133,8 +133,8 @@ void writeStream(IStorage* root, unsigned i, bool isNew) {
 void createCompound() {
     ComPtr<IStorage> root;
     check(SUCCEEDED(StgCreateStorageEx(
-        compound.c_str(), STGM_CREATE | STGM_TRANSACTED | STGM_READWRITE | kWhole, STGFMT_DOCFILE, 0, nullptr,
-        nullptr, IID_IStorage, reinterpret_cast<void**>(root.GetAddressOf()))));
+        kCompound.c_str(), STGM_CREATE | STGM_TRANSACTED | STGM_READWRITE | kWhole, STGFMT_DOCFILE, 0,
+        nullptr, nullptr, IID_IStorage, reinterpret_cast<void**>(root.GetAddressOf()))));
     for (unsigned i = 0; i < kStreams; ++i)
         writeStream(root.Get(), i, i < kStorages);
     check(SUCCEEDED(root->Commit(STGC_DEFAULT)));
@@ -176,8 +176,8 @@ int main(int argc, char** argv) {
     createPackage();
     createCompound();
     std::printf("%u streams in %u storages: package %llu bytes, compound file %llu bytes\n", kStreams,
-                kStorages, static_cast<unsigned long long>(std::filesystem::file_size(package)),
-                static_cast<unsigned long long>(std::filesystem::file_size(compound)));
+                kStorages, static_cast<unsigned long long>(std::filesystem::file_size(kPackage)),
+                static_cast<unsigned long long>(std::filesystem::file_size(kCompound)));
     Vexel::Bench::Suite suite;
     suite.compare("open", kNoLimit, repeat([] { readPackage(0, 0); }), repeat([] { readCompound(0, 0); }));
     suite.compare("read all", kNoLimit, repeat([] { readPackage(0, kStreams); }),
@@ -187,7 +187,7 @@ int main(int argc, char** argv) {
     suite.compare("change one and save", kNoLimit, repeat(changePackage), repeat(changeCompound));
     suite.compare("create", kNoLimit, repeat(createPackage), repeat(createCompound));
     const int status = suite.run(argc, argv);
-    DeleteFileW(package.c_str());
-    DeleteFileW(compound.c_str());
+    DeleteFileW(kPackage.c_str());
+    DeleteFileW(kCompound.c_str());
     return status;
 }

@@ -28,8 +28,8 @@ using Vexel::Storage::InMemoryIStream;
 
 namespace {
 
-constexpr ULONG KiB = 1024;
-constexpr ULONG MiB = 1024 * KiB;
+constexpr ULONG kKiB = 1024;
+constexpr ULONG kMiB = 1024 * kKiB;
 
 using Make = ComPtr<::IStream> (*)();
 
@@ -37,7 +37,7 @@ ComPtr<::IStream> ours() { return adopt<::IStream>(new InMemoryIStream()); }
 ComPtr<::IStream> systems() { return adopt(SHCreateMemStream(nullptr, 0)); }
 
 // Small blocks stay within the cache, so that the calls count and not the memory.
-ULONG lengthFor(ULONG block) { return (std::max)(64 * KiB, (std::min)(8 * block, 2 * MiB)); }
+ULONG lengthFor(ULONG block) { return (std::max)(64 * kKiB, (std::min)(8 * block, 2 * kMiB)); }
 
 void toStart(::IStream* stream) { stream->Seek({}, STREAM_SEEK_SET, nullptr); }
 
@@ -104,11 +104,11 @@ Function copying(ULONG block, bool reads) {
 template <void (*Copy)(void*, const void*, std::size_t)>
 Function copyingPieces(std::size_t length) {
     return [=](benchmark::State& state) {
-        constexpr std::size_t size = std::size_t{64} * KiB;
-        std::vector<char> pieces(size + 64, 'x');
+        constexpr std::size_t kSize = std::size_t{64} * kKiB;
+        std::vector<char> pieces(kSize + 64, 'x');
         std::vector<char> buffer(64);
         for (auto _ : state) {
-            for (std::size_t at = 0; at < size; at += length) {
+            for (std::size_t at = 0; at < kSize; at += length) {
                 std::size_t count = length;
                 benchmark::DoNotOptimize(count); // known at run time only, as the streams' counts are
                 Copy(buffer.data(), pieces.data() + at, count);
@@ -208,22 +208,22 @@ int main(int argc, char** argv) {
         double limit; // above 1 where both do little but copy, and only chance makes a difference
     };
     for (const auto& [name, bytes, limit] :
-         {Block{"16 B", 16, 0.6}, {"4 KiB", 4 * KiB, 1.1}, {"1 MiB", MiB, 1.1}}) {
+         {Block{"16 B", 16, 0.6}, {"4 KiB", 4 * kKiB, 1.1}, {"1 MiB", kMiB, 1.1}}) {
         const std::string blocks = std::string(" in blocks of ") + name;
         suite.compare("read" + blocks, limit, reading(ours, bytes), reading(systems, bytes));
         suite.compare("write" + blocks, limit, writing(ours, bytes), writing(systems, bytes));
     }
-    suite.compare("read 1 MiB against memcpy", 1 / 0.9, reading(ours, MiB), copying(MiB, true));
-    suite.compare("write 1 MiB against memcpy", 1 / 0.9, writing(ours, MiB), copying(MiB, false));
+    suite.compare("read 1 MiB against memcpy", 1 / 0.9, reading(ours, kMiB), copying(kMiB, true));
+    suite.compare("write 1 MiB against memcpy", 1 / 0.9, writing(ours, kMiB), copying(kMiB, false));
     for (const std::size_t length : {1U, 4U, 16U, 40U}) {
         suite.compare("copy " + std::to_string(length) + " B against memmove", 0.8,
                       copyingPieces<moveShortBytes>(length), copyingPieces<moveBytes>(length));
     }
     // The system's stream moves its memory with every block: more of them would take it minutes.
-    suite.compare("append 1 MiB in blocks of 16 B", 0.5, appending(ours, 16, MiB),
-                  appending(systems, 16, MiB));
-    suite.compare("append 256 MiB in blocks of 16 MiB", 1, appending(ours, 16 * MiB, 256 * MiB),
-                  appending(systems, 16 * MiB, 256 * MiB));
+    suite.compare("append 1 MiB in blocks of 16 B", 0.5, appending(ours, 16, kMiB),
+                  appending(systems, 16, kMiB));
+    suite.compare("append 256 MiB in blocks of 16 MiB", 1, appending(ours, 16 * kMiB, 256 * kMiB),
+                  appending(systems, 16 * kMiB, 256 * kMiB));
     suite.compare("write 1000 strings, U", 1.5, onStrings(ours, VxwWriteString, writeU),
                   onStrings(systems, VxwWriteString, writePlainly));
     suite.compare("read 1000 strings, U", 1.5, onStrings(ours, VxwWriteString, readU),

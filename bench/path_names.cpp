@@ -15,10 +15,10 @@
 
 namespace {
 
-constexpr const wchar_t* path = LR"(C:\users\somebody\Documents\Projects\House\ground floor.vxl)";
+constexpr const wchar_t* kPath = LR"(C:\users\somebody\Documents\Projects\House\ground floor.vxl)";
 
 void copyName(benchmark::State& state) {
-    const SharedPathName name(path, false, false);
+    const SharedPathName name(kPath, false, false);
     for (auto _ : state) {
         SharedPathName copy(name);
         benchmark::DoNotOptimize(copy);
@@ -28,7 +28,7 @@ void copyName(benchmark::State& state) {
 }
 
 void copySharedString(benchmark::State& state) {
-    const auto string = std::make_shared<const std::wstring>(path);
+    const auto string = std::make_shared<const std::wstring>(kPath);
     for (auto _ : state) {
         std::shared_ptr<const std::wstring> copy(string);
         benchmark::DoNotOptimize(copy);
@@ -36,9 +36,9 @@ void copySharedString(benchmark::State& state) {
 }
 
 void intern(benchmark::State& state) {
-    const SharedPathName known(path, false, false);
+    const SharedPathName known(kPath, false, false);
     for (auto _ : state) {
-        const SharedPathName name(path, false, false);
+        const SharedPathName name(kPath, false, false);
         benchmark::DoNotOptimize(name.hash());
     }
 }
@@ -61,7 +61,7 @@ private:
 void internInMap(benchmark::State& state) {
     PathMap map;
     for (auto _ : state)
-        benchmark::DoNotOptimize(map.intern(path));
+        benchmark::DoNotOptimize(map.intern(kPath));
 }
 
 } // namespace

@@ -20,7 +20,7 @@ constexpr int kEntries = 10'000;
 constexpr int kSections = 10;
 constexpr int kSystemLookups = 200;
 
-const std::wstring path = (std::filesystem::temp_directory_path() / L"vexel-bench.ini").wstring();
+const std::wstring kPath = (std::filesystem::temp_directory_path() / L"vexel-bench.ini").wstring();
 
 void require(bool works) {
     if (works)
@@ -36,27 +36,27 @@ void make() {
     vxio::IniFile file;
     for (int i = 0; i < kEntries; ++i)
         file.SetString(sectionOf(i), keyOf(i), (L"value of the entry " + std::to_wstring(i)).c_str());
-    require(file.Save(path.c_str()));
+    require(file.Save(kPath.c_str()));
 }
 
 void load(benchmark::State& state) {
     for (auto _ : state) {
         vxio::IniFile file;
-        require(file.Load(path.c_str()) && file.GetSections().size() == kSections);
+        require(file.Load(kPath.c_str()) && file.GetSections().size() == kSections);
     }
 }
 
 void loadPeer(benchmark::State& state) {
     for (auto _ : state) {
         CSimpleIniW file(true);
-        require(file.LoadFile(path.c_str()) == SI_OK &&
+        require(file.LoadFile(kPath.c_str()) == SI_OK &&
                 file.GetSectionSize(L"Section 1") == kEntries / kSections);
     }
 }
 
 void lookUp(benchmark::State& state) {
     vxio::IniFile file;
-    require(file.Load(path.c_str()));
+    require(file.Load(kPath.c_str()));
     for (auto _ : state)
         for (int i = 0; i < kEntries; ++i)
             require(file.GetString(sectionOf(i), keyOf(i), L"").GetLength() != 0);
@@ -64,7 +64,7 @@ void lookUp(benchmark::State& state) {
 
 void lookUpPeer(benchmark::State& state) {
     CSimpleIniW file(true);
-    require(file.LoadFile(path.c_str()) == SI_OK);
+    require(file.LoadFile(kPath.c_str()) == SI_OK);
     for (auto _ : state)
         for (int i = 0; i < kEntries; ++i)
             require(file.GetValue(sectionOf(i).c_str(), keyOf(i).c_str(), L"")[0] != 0);
@@ -75,7 +75,7 @@ void lookUpPeer(benchmark::State& state) {
 void loadAndLookUp(benchmark::State& state) {
     for (auto _ : state) {
         vxio::IniFile file;
-        require(file.Load(path.c_str()));
+        require(file.Load(kPath.c_str()));
         for (int i = 0; i < kSystemLookups; ++i)
             require(file.GetString(sectionOf(i), keyOf(i), L"").GetLength() != 0);
     }
@@ -86,7 +86,7 @@ void lookUpBySystem(benchmark::State& state) {
         for (int i = 0; i < kSystemLookups; ++i) {
             wchar_t value[100];
             require(GetPrivateProfileStringW(sectionOf(i).c_str(), keyOf(i).c_str(), L"", value, 100,
-                                             path.c_str()) != 0);
+                                             kPath.c_str()) != 0);
         }
 }
 
@@ -99,6 +99,6 @@ int main(int argc, char** argv) {
     suite.compare("look 10,000 entries up", 1.0, lookUp, lookUpPeer);
     suite.compare("load, and look 200 entries up, against the system", 1.0, loadAndLookUp, lookUpBySystem);
     const int status = suite.run(argc, argv);
-    DeleteFileW(path.c_str());
+    DeleteFileW(kPath.c_str());
     return status;
 }

@@ -14,7 +14,7 @@
 namespace Vexel::Detail {
 namespace {
 
-constexpr std::size_t bytesPerUnit = 3; ///< the most that a UTF-16 code unit becomes in UTF-8
+constexpr std::size_t kBytesPerUnit = 3; ///< the most that a UTF-16 code unit becomes in UTF-8
 
 std::string_view levelName(int level) noexcept {
     if (level >= VxLog_Error)
@@ -33,11 +33,11 @@ void writeToStandardError(int level, const wchar_t* message) noexcept {
 
     const std::string_view prefix = levelName(level);
     const std::size_t added = prefix.size() + 1; // the line end
-    constexpr std::size_t longest = (std::numeric_limits<int>::max() - 16) / bytesPerUnit;
-    std::size_t units = std::min(std::wcslen(message), longest);
+    constexpr std::size_t kLongest = (std::numeric_limits<int>::max() - 16) / kBytesPerUnit;
+    std::size_t units = std::min(std::wcslen(message), kLongest);
     ScratchBuffer<char, 2048> line;
-    if (!line.reserve(added + units * bytesPerUnit))
-        units = (line.size() - added) / bytesPerUnit;
+    if (!line.reserve(added + units * kBytesPerUnit))
+        units = (line.size() - added) / kBytesPerUnit;
 
     char* const text = std::copy(prefix.begin(), prefix.end(), line.data());
     const int room = static_cast<int>(line.size() - added);

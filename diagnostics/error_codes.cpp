@@ -6,7 +6,7 @@
 
 namespace {
 
-constexpr std::pair<DWORD, int> platformErrors[] = {
+constexpr std::pair<DWORD, int> kPlatformErrors[] = {
     {ERROR_FILE_NOT_FOUND, VxError_NotFound},
     {ERROR_PATH_NOT_FOUND, VxError_NotFound},
     {ERROR_INVALID_DRIVE, VxError_NotFound},
@@ -55,7 +55,7 @@ constexpr std::pair<DWORD, int> platformErrors[] = {
 };
 
 int fromPlatformError(DWORD error) noexcept {
-    for (const auto& [known, code] : platformErrors) {
+    for (const auto& [known, code] : kPlatformErrors) {
         if (known == error)
             return code;
     }

@@ -19,7 +19,7 @@ struct Target {
     void* context = nullptr;
 };
 
-constexpr int everyLevel = std::numeric_limits<int>::min();
+constexpr int kEveryLevel = std::numeric_limits<int>::min();
 
 /// The present sink and how many calls are running. No lock is held during a call, so a sink may log. Calls
 /// are counted per generation of the sink: who sets a new one waits for those of the old one only, however
@@ -72,7 +72,7 @@ private:
         const Target old = targets_[generation_];
         const unsigned next = generation_ ^ 1U;
         targets_[next] = target;
-        minimumLevel_.store(target.sink ? everyLevel : VxLog_Warning, std::memory_order_relaxed);
+        minimumLevel_.store(target.sink ? kEveryLevel : VxLog_Warning, std::memory_order_relaxed);
         generation_ = next;
         return old;
     }

@@ -9,7 +9,7 @@ namespace Vexel::Detail {
 
 /// Memory for a text: the stack where it fits, else the heap. Running out of memory is an answer here,
 /// because a message may be about just that.
-template <class Character, std::size_t fixedSize>
+template <class Character, std::size_t FixedSize>
 class ScratchBuffer {
 public:
     /// Whether there is room for `size` characters now; otherwise everything stays as it was.
@@ -28,9 +28,9 @@ public:
     std::size_t size() const noexcept { return size_; }
 
 private:
-    Character fixed_[fixedSize] = {};
+    Character fixed_[FixedSize] = {};
     std::unique_ptr<Character[]> heap_;
-    std::size_t size_ = fixedSize;
+    std::size_t size_ = FixedSize;
 };
 
 } // namespace Vexel::Detail

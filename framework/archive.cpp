@@ -10,20 +10,20 @@
 
 namespace {
 
-constexpr UINT smallestBuffer = 128;
+constexpr UINT kSmallestBuffer = 128;
 
-constexpr BYTE longer8 = 0xFF;
-constexpr WORD wideMark = 0xFFFE;
-constexpr WORD longer16 = 0xFFFF;
-constexpr DWORD longer32 = 0xFFFFFFFF;
+constexpr BYTE kLonger8 = 0xFF;
+constexpr WORD kWideMark = 0xFFFE;
+constexpr WORD kLonger16 = 0xFFFF;
+constexpr DWORD kLonger32 = 0xFFFFFFFF;
 
 /// Reads a text of `length` characters in growing steps: memory is taken for what came, not for what a
 /// damaged length promises. `room(n)` gives the whole text's memory with room for n characters.
 template <class Character, class Room>
 void readText(CArchive& archive, int length, Room room) {
-    constexpr int firstStep = 4096;
+    constexpr int kFirstStep = 4096;
     for (int done = 0; done < length;) {
-        const int step = std::min(length - done, std::max(done, firstStep));
+        const int step = std::min(length - done, std::max(done, kFirstStep));
         const UINT bytes = static_cast<UINT>(step) * UINT{sizeof(Character)};
         if (archive.Read(room(done + step) + done, bytes) != bytes)
             AfxThrowArchiveException(CArchiveException::endOfFile, archive.m_strFileName);
@@ -51,7 +51,7 @@ CStringW readNarrow(CArchive& archive, int length) try {
 } // namespace
 
 CArchive::CArchive(CFile* file, UINT mode, int bufferSize)
-    : file_(file), mode_(mode), size_(std::max(static_cast<UINT>(std::max(bufferSize, 0)), smallestBuffer)),
+    : file_(file), mode_(mode), size_(std::max(static_cast<UINT>(std::max(bufferSize, 0)), kSmallestBuffer)),
       buffer_(new (std::nothrow) BYTE[size_]) {
     if (!file)
         AfxThrowInvalidArgException();
@@ -170,39 +170,39 @@ CArchive& operator>>(CArchive& archive, CStringW& text) {
 
 void AfxWriteStringLength(CArchive& archive, UINT_PTR length, BOOL wide) {
     if (wide)
-        archive << longer8 << wideMark;
-    if (length < longer8)
+        archive << kLonger8 << kWideMark;
+    if (length < kLonger8)
         archive << static_cast<BYTE>(length);
-    else if (length < wideMark)
-        archive << longer8 << static_cast<WORD>(length);
-    else if (length < longer32)
-        archive << longer8 << longer16 << static_cast<DWORD>(length);
+    else if (length < kWideMark)
+        archive << kLonger8 << static_cast<WORD>(length);
+    else if (length < kLonger32)
+        archive << kLonger8 << kLonger16 << static_cast<DWORD>(length);
     else
-        archive << longer8 << longer16 << longer32 << static_cast<ULONGLONG>(length);
+        archive << kLonger8 << kLonger16 << kLonger32 << static_cast<ULONGLONG>(length);
 }
 
 UINT_PTR AfxReadStringLength(CArchive& archive, int& characterSize) {
     characterSize = 1;
     BYTE length8 = 0;
     archive >> length8;
-    if (length8 < longer8)
+    if (length8 < kLonger8)
         return length8;
 
     WORD length16 = 0;
     archive >> length16;
-    if (length16 == wideMark) {
+    if (length16 == kWideMark) {
         characterSize = 2;
         archive >> length8;
-        if (length8 < longer8)
+        if (length8 < kLonger8)
             return length8;
         archive >> length16;
     }
-    if (length16 < longer16)
+    if (length16 < kLonger16)
         return length16;
 
     DWORD length32 = 0;
     archive >> length32;
-    if (length32 < longer32)
+    if (length32 < kLonger32)
         return length32;
 
     ULONGLONG length64 = 0;

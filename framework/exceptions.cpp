@@ -24,15 +24,15 @@ BOOL putMessage(const wchar_t* text, wchar_t* buffer, UINT size, UINT* helpConte
 template <std::size_t N>
 BOOL putMessage(const wchar_t* const (&texts)[N], int cause, const CString& fileName, wchar_t* buffer,
                 UINT size, UINT* helpContext) {
-    constexpr std::size_t unknown = 1;
+    constexpr std::size_t kUnknown = 1;
     const auto index = static_cast<std::size_t>(cause);
-    CString text = texts[index < N ? index : unknown];
+    CString text = texts[index < N ? index : kUnknown];
     if (!fileName.IsEmpty())
         text = fileName + L": " + text;
     return putMessage(text, buffer, size, helpContext);
 }
 
-constexpr const wchar_t* fileTexts[] = {
+constexpr const wchar_t* kFileTexts[] = {
     L"no error",
     L"unknown error",
     L"file not found",
@@ -49,9 +49,9 @@ constexpr const wchar_t* fileTexts[] = {
     L"the disk is full",
     L"unexpected end of file",
 };
-static_assert(std::size(fileTexts) == CFileException::endOfFile + 1);
+static_assert(std::size(kFileTexts) == CFileException::endOfFile + 1);
 
-constexpr const wchar_t* archiveTexts[] = {
+constexpr const wchar_t* kArchiveTexts[] = {
     L"no error",
     L"unknown error",
     L"cannot store into an archive opened for loading",
@@ -62,9 +62,9 @@ constexpr const wchar_t* archiveTexts[] = {
     L"unsupported version",
     L"the archive's buffer is full",
 };
-static_assert(std::size(archiveTexts) == CArchiveException::bufferFull + 1);
+static_assert(std::size(kArchiveTexts) == CArchiveException::bufferFull + 1);
 
-constexpr std::pair<LONG, int> causes[] = {
+constexpr std::pair<LONG, int> kCauses[] = {
     {NO_ERROR, CFileException::none},
     {ERROR_FILE_NOT_FOUND, CFileException::fileNotFound},
     {ERROR_NO_MORE_FILES, CFileException::fileNotFound},
@@ -156,7 +156,7 @@ CFileException::CFileException(int cause, LONG osError, const wchar_t* fileName)
     : m_cause(cause), m_lOsError(osError), m_strFileName(fileName) {}
 
 BOOL CFileException::GetErrorMessage(wchar_t* buffer, UINT size, UINT* helpContext) const {
-    return putMessage(fileTexts, m_cause, m_strFileName, buffer, size, helpContext);
+    return putMessage(kFileTexts, m_cause, m_strFileName, buffer, size, helpContext);
 }
 
 void CFileException::ThrowOsError(LONG osError, const wchar_t* fileName) {
@@ -167,7 +167,7 @@ void CFileException::ThrowOsError(LONG osError, const wchar_t* fileName) {
 }
 
 int CFileException::OsErrorToException(LONG osError) noexcept {
-    for (const auto& [error, cause] : causes) {
+    for (const auto& [error, cause] : kCauses) {
         if (error == osError)
             return cause;
     }
@@ -178,7 +178,7 @@ CArchiveException::CArchiveException(int cause, const wchar_t* fileName)
     : m_cause(cause), m_strFileName(fileName) {}
 
 BOOL CArchiveException::GetErrorMessage(wchar_t* buffer, UINT size, UINT* helpContext) const {
-    return putMessage(archiveTexts, m_cause, m_strFileName, buffer, size, helpContext);
+    return putMessage(kArchiveTexts, m_cause, m_strFileName, buffer, size, helpContext);
 }
 
 void AfxThrowMemoryException() {

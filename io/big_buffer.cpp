@@ -20,8 +20,8 @@ namespace {
 
 using DepletionHandler = bool (*)(unsigned long long);
 
-constexpr unsigned long long smallestShared = 0x80000;
-constexpr unsigned long long limit = std::numeric_limits<unsigned long long>::max();
+constexpr unsigned long long kSmallestShared = 0x80000;
+constexpr unsigned long long kLimit = std::numeric_limits<unsigned long long>::max();
 
 // The block that is kept for reuse. `inUse` while a buffer holds it; `pinned` while memory is being
 // allocated.
@@ -40,12 +40,12 @@ unsigned long long roundedToPages(unsigned long long bytes) noexcept {
     SYSTEM_INFO system;
     GetSystemInfo(&system);
     const unsigned long long page = system.dwPageSize;
-    return bytes <= limit - page ? (bytes + page - 1) / page * page : limit;
+    return bytes <= kLimit - page ? (bytes + page - 1) / page * page : kLimit;
 }
 
 unsigned long long doubledUpTo(unsigned long long capacity, unsigned long long bytes) noexcept {
     while (capacity < bytes)
-        capacity = capacity <= limit / 2 ? capacity * 2 : limit;
+        capacity = capacity <= kLimit / 2 ? capacity * 2 : kLimit;
     return capacity;
 }
 
@@ -80,7 +80,7 @@ void* BigBuffer::allocate(unsigned long long n) noexcept {
         return take(shared.address, n);
     }
 
-    unsigned long long capacity = roundedToPages((std::max)(n, smallestShared));
+    unsigned long long capacity = roundedToPages((std::max)(n, kSmallestShared));
     if (shared.address) {
         capacity = doubledUpTo(shared.capacity, n);
         platform().releasePages(shared.address);

@@ -16,10 +16,10 @@ namespace Vexel::Detail {
 /// middle has still moved what it reports.
 template <class Move>
 unsigned long long moveInChunks(unsigned long long count, Move move) {
-    constexpr unsigned long long longest = 0xFFFFFFFF;
+    constexpr unsigned long long kLongest = 0xFFFFFFFF;
     unsigned long long done = 0;
     while (done < count) {
-        const auto chunk = static_cast<ULONG>((std::min)(count - done, longest));
+        const auto chunk = static_cast<ULONG>((std::min)(count - done, kLongest));
         ULONG moved = 0;
         move(done, chunk, &moved);
         done += (std::min)(moved, chunk);

@@ -24,8 +24,8 @@ std::size_t plainBytes(const unsigned char* bytes, std::size_t size) noexcept {
 }
 
 bool isControl(std::uint32_t unit) noexcept {
-    constexpr std::uint32_t endOfText = 0x1A;
-    return unit < 0x20 && (unit < '\t' || unit > '\r') && unit != endOfText;
+    constexpr std::uint32_t kEndOfText = 0x1A;
+    return unit < 0x20 && (unit < '\t' || unit > '\r') && unit != kEndOfText;
 }
 
 } // namespace
@@ -98,9 +98,9 @@ bool UnitGuess::isLikely() const noexcept {
 }
 
 CodePageGuess::CodePageGuess(UINT page) noexcept : page_(page) {
-    constexpr UINT mostBytes = 2; // longer characters are those of UTF-8, which has been ruled out
+    constexpr UINT kMostBytes = 2; // longer characters are those of UTF-8, which has been ruled out
     CPINFO info{};
-    isValid_ = GetCPInfo(page, &info) && info.MaxCharSize <= mostBytes;
+    isValid_ = GetCPInfo(page, &info) && info.MaxCharSize <= kMostBytes;
     for (unsigned i = 0; isValid_ && i < isCharacter_.size(); ++i) {
         const char byte = static_cast<char>(i);
         isCharacter_[i] = MultiByteToWideChar(page, MB_ERR_INVALID_CHARS, &byte, 1, nullptr, 0) == 1;

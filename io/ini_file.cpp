@@ -14,16 +14,16 @@ namespace vxio {
 using Vexel::Detail::stringOf;
 
 using Vexel::Detail::findName;
-using Vexel::Detail::notListed;
+using Vexel::Detail::kNotListed;
 
 const IniFileSection* IniFile::GetSection(std::wstring_view name) const {
     const std::size_t place = findName(sections_, places_, name);
-    return place == notListed ? nullptr : &sections_[place].second;
+    return place == kNotListed ? nullptr : &sections_[place].second;
 }
 
 IniFileSection& IniFile::GetOrCreateSection(std::wstring_view name) {
     const std::size_t place = findName(sections_, places_, name);
-    if (place != notListed)
+    if (place != kNotListed)
         return sections_[place].second;
     sections_.emplace_back(stringOf(name), IniFileSection());
     try {
@@ -42,7 +42,7 @@ void IniFile::SetSection(std::wstring_view name, IniFileSection&& section) {
 
 IniFile& IniFile::SetString(std::wstring_view section, std::wstring_view key, const CStringW& value) {
     const std::size_t place = findName(sections_, places_, section);
-    if (place != notListed)
+    if (place != kNotListed)
         sections_[place].second.SetString(key, value);
     else // whole, or without memory not at all
         SetSection(section, std::move(IniFileSection().SetString(key, value)));
@@ -107,9 +107,9 @@ bool IniFile::changeFile(const wchar_t* path, const Change& change) {
     if (!path || !*path)
         return false;
     IniFile file;
-    constexpr int attempts = 12; // while others save it
+    constexpr int kAttempts = 12; // while others save it
     unsigned long error = file.load(path);
-    for (int i = 1; i < attempts && (error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED); ++i)
+    for (int i = 1; i < kAttempts && (error == ERROR_SHARING_VIOLATION || error == ERROR_ACCESS_DENIED); ++i)
         error = file.load(path);
     // What is no settings file is begun anew; one that cannot be read now is another matter.
     if (error != ERROR_SUCCESS && error != ERROR_FILE_NOT_FOUND && error != ERROR_INVALID_DATA)

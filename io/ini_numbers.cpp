@@ -19,8 +19,8 @@ namespace {
 
 /// The text if it is plain ASCII and not absurdly long: the number parsers know no other.
 std::optional<std::string> narrowed(std::wstring_view text) {
-    constexpr std::size_t longest = 4096;
-    if (text.size() > longest)
+    constexpr std::size_t kLongest = 4096;
+    if (text.size() > kLongest)
         return std::nullopt;
     std::string narrow;
     narrow.reserve(text.size());

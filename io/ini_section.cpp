@@ -14,17 +14,17 @@ namespace vxio {
 using Vexel::Detail::stringOf;
 
 using Vexel::Detail::findName;
-using Vexel::Detail::notListed;
+using Vexel::Detail::kNotListed;
 using Vexel::Detail::viewOf;
 
 const CStringW* IniFileSection::find(std::wstring_view key) const {
     const std::size_t place = findName(entries_, places_, key);
-    return place == notListed ? nullptr : &entries_[place].second;
+    return place == kNotListed ? nullptr : &entries_[place].second;
 }
 
 void IniFileSection::setString(const CStringW& key, const CStringW& value) {
     const std::size_t place = findName(entries_, places_, viewOf(key));
-    if (place != notListed) {
+    if (place != kNotListed) {
         entries_[place].second = value;
         return;
     }
@@ -61,7 +61,7 @@ IniFileSection& IniFileSection::SetDouble(std::wstring_view key, double value) {
 
 IniFileSection& IniFileSection::Remove(std::wstring_view key) {
     const std::size_t place = findName(entries_, places_, key);
-    if (place != notListed) {
+    if (place != kNotListed) {
         entries_.erase(entries_.begin() + static_cast<std::ptrdiff_t>(place));
         Vexel::Detail::removePlace(places_, place);
     }

@@ -75,9 +75,9 @@ bool parse(TextFileReadStream& stream, IniFile& file) {
 
 /// Waits for a moment where someone is saving the file.
 bool open(TextFileReadStream& stream, const wchar_t* path, TextEncoding encoding) {
-    constexpr DWORD longest = 16; // milliseconds
+    constexpr DWORD kLongest = 16; // milliseconds
     for (DWORD wait = 1; !stream.Open(path, ProtectWriting, encoding, true); wait *= 2) {
-        if (stream.GetLastErrorCode() != ERROR_SHARING_VIOLATION || wait > longest)
+        if (stream.GetLastErrorCode() != ERROR_SHARING_VIOLATION || wait > kLongest)
             return false;
         Sleep(wait);
     }

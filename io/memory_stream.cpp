@@ -25,18 +25,18 @@ unsigned long long magnitude(long long negative) noexcept {
     return 0 - static_cast<unsigned long long>(negative);
 }
 
-constexpr unsigned long long smallestStep = 1024;
-constexpr unsigned long long largestStep = 0x2000000;
-constexpr unsigned long long limit = std::numeric_limits<unsigned long long>::max();
+constexpr unsigned long long kSmallestStep = 1024;
+constexpr unsigned long long kLargestStep = 0x2000000;
+constexpr unsigned long long kLimit = std::numeric_limits<unsigned long long>::max();
 
 unsigned long long saturatedSum(unsigned long long a, unsigned long long b) noexcept {
-    return a <= limit - b ? a + b : limit;
+    return a <= kLimit - b ? a + b : kLimit;
 }
 
 // Doubles the capacity up to steps of 32 MiB, then goes on in such steps. A whole step is added also where
 // the end falls on one, so there is always room to spare. What cannot be expressed is larger than any memory.
 unsigned long long enlargedCapacity(unsigned long long capacity, unsigned long long end) noexcept {
-    const unsigned long long step = std::clamp(capacity, smallestStep, largestStep);
+    const unsigned long long step = std::clamp(capacity, kSmallestStep, kLargestStep);
     const unsigned long long need = end - capacity;
     return saturatedSum(end, step - need % step);
 }

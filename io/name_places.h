@@ -13,7 +13,7 @@
 /// that are appended or removed, or be cleared when anything else changes.
 namespace Vexel::Detail {
 
-inline constexpr std::size_t notListed = ~std::size_t{0};
+inline constexpr std::size_t kNotListed = ~std::size_t{0};
 
 /// Equal for names that are equal without regard to case, in every locale of the C library: it folds more.
 std::size_t hashName(std::wstring_view name) noexcept;
@@ -25,19 +25,19 @@ inline bool isSameName(const CStringW& a, std::wstring_view b) noexcept {
 
 template <class List>
 std::size_t findName(const List& list, vxio::NamePlaces& places, std::wstring_view name) {
-    constexpr std::size_t shortList = 12; // looked through faster than looked up
-    if (list.size() <= shortList) {
+    constexpr std::size_t kShortList = 12; // looked through faster than looked up
+    if (list.size() <= kShortList) {
         for (std::size_t i = 0; i < list.size(); ++i)
             if (isSameName(list[i].first, name))
                 return i;
-        return notListed;
+        return kNotListed;
     }
     if (places.size() != list.size()) {
         places.clear();
         for (std::size_t i = 0; i < list.size(); ++i)
             places.emplace(hashName(viewOf(list[i].first)), i);
     }
-    std::size_t first = notListed;
+    std::size_t first = kNotListed;
     const auto [begin, end] = places.equal_range(hashName(name));
     for (auto place = begin; place != end; ++place)
         if (place->second < first && isSameName(list[place->second].first, name))

@@ -50,11 +50,11 @@ DWORD shareFlags(FileStreamProtectedType protection) noexcept {
 /// Moves `count` bytes in calls that the system can take.
 template <class Move>
 unsigned long long moveAll(unsigned long long count, const Move& move) noexcept {
-    constexpr unsigned long long largest = 1ULL << 30;
+    constexpr unsigned long long kLargest = 1ULL << 30;
     unsigned long long done = 0;
     while (done < count) {
         DWORD moved = 0;
-        if (!move(done, static_cast<DWORD>((std::min)(count - done, largest)), moved) || moved == 0)
+        if (!move(done, static_cast<DWORD>((std::min)(count - done, kLargest)), moved) || moved == 0)
             break;
         done += moved;
     }

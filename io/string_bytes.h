@@ -19,11 +19,11 @@ constexpr unsigned long long charactersIn(unsigned long long bytes) {
 /// how many came. Memory follows what arrives.
 template <class Character, class Read>
 std::basic_string<Character> readArriving(unsigned long long bytes, Read read, unsigned long long& arrived) {
-    constexpr unsigned long long firstStep = 64 * 1024;
+    constexpr unsigned long long kFirstStep = 64 * 1024;
     std::basic_string<Character> text;
     arrived = 0;
     while (arrived < bytes) {
-        const unsigned long long step = (std::min)(bytes - arrived, (std::max)(firstStep, arrived));
+        const unsigned long long step = (std::min)(bytes - arrived, (std::max)(kFirstStep, arrived));
         text.resize(static_cast<std::size_t>(charactersIn<Character>(arrived + step)));
         char* const end = reinterpret_cast<char*>(text.data()) + arrived;
         const auto came = static_cast<unsigned long long>(read(end, static_cast<std::size_t>(step)));

@@ -16,7 +16,7 @@ using Vexel::Detail::readWide;
 
 namespace {
 
-constexpr int firstWideVersion = 2861;
+constexpr int kFirstWideVersion = 2861;
 
 template <class Integer>
 bool readInteger(vxio::IReadStream& stream, Integer& value) {
@@ -48,14 +48,14 @@ unsigned long byteCount(const CStringW& text) { return static_cast<unsigned long
 // value of the narrower one, but 0xFFFE in 16 bits is the mark of wide text, after which the length begins
 // anew. A number that is cut off reads as 0.
 std::uint64_t readArchiveLength(vxio::IReadStream& stream) {
-    constexpr std::uint16_t unicodeMark = 0xFFFE;
+    constexpr std::uint16_t kUnicodeMark = 0xFFFE;
     std::uint8_t byte = 0;
     readInteger(stream, byte);
     if (byte != 0xFF)
         return byte;
     std::uint16_t word = 0;
     readInteger(stream, word);
-    if (word == unicodeMark) {
+    if (word == kUnicodeMark) {
         readInteger(stream, byte);
         if (byte != 0xFF)
             return byte;
@@ -107,14 +107,14 @@ void VxwWriteString(vxio::IWriteStream& stream, const CStringW& text) {
 }
 
 void VxwWriteString(vxio::IWriteStream& stream, std::wstring_view text) {
-    constexpr std::size_t longest = std::numeric_limits<std::uint32_t>::max();
-    const auto count = static_cast<std::uint32_t>((std::min)(text.size(), longest));
+    constexpr std::size_t kLongest = std::numeric_limits<std::uint32_t>::max();
+    const auto count = static_cast<std::uint32_t>((std::min)(text.size(), kLongest));
     writeInteger(stream, count);
     stream.WriteBytes(text.data(), count * 2ULL);
 }
 
 void VxwReadString(vxio::IReadStream& stream, CStringW& text, int version) {
-    if (version >= firstWideVersion) {
+    if (version >= kFirstWideVersion) {
         VxwReadUniString(stream, text);
         return;
     }
@@ -124,7 +124,7 @@ void VxwReadString(vxio::IReadStream& stream, CStringW& text, int version) {
 }
 
 void VxwReadString(vxio::IReadStream& stream, std::wstring& text, int version) {
-    if (version >= firstWideVersion) {
+    if (version >= kFirstWideVersion) {
         VxwReadStringW(stream, text);
         return;
     }

@@ -14,7 +14,7 @@ using Microsoft::WRL::ComPtr;
 namespace Vexel::Storage {
 namespace {
 
-constexpr unsigned long long limit = std::numeric_limits<unsigned long long>::max();
+constexpr unsigned long long kLimit = std::numeric_limits<unsigned long long>::max();
 
 ULONG atMost(ULONG count, unsigned long long remaining) noexcept {
     return static_cast<ULONG>((std::min)(static_cast<unsigned long long>(count), remaining));
@@ -118,7 +118,7 @@ HRESULT SubStream::Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* plibNe
     const HRESULT found = target(move.QuadPart, origin, position);
     if (FAILED(found))
         return found;
-    if (position > limit - offset_)
+    if (position > kLimit - offset_)
         return STG_E_INVALIDFUNCTION; // the base would be moved to before the range
     LARGE_INTEGER inBase;
     inBase.QuadPart = static_cast<long long>(offset_ + position);
@@ -135,7 +135,7 @@ HRESULT SubStream::Seek(LARGE_INTEGER move, DWORD origin, ULARGE_INTEGER* plibNe
 HRESULT SubStream::SetSize(ULARGE_INTEGER newSize) noexcept {
     if (!base_)
         return STG_E_INVALIDFUNCTION;
-    if (newSize.QuadPart > limit - offset_)
+    if (newSize.QuadPart > kLimit - offset_)
         return E_INVALIDARG;
     // The position stays. Where it is beyond the new end, what remains wraps to a huge number and the range
     // limits nothing: callers that shrink a range and go on expect their reads and writes to go through.
@@ -165,7 +165,7 @@ HRESULT SubStream::Commit(DWORD flags) noexcept {
 HRESULT SubStream::Revert() noexcept { return base_ ? base_->Revert() : STG_E_INVALIDFUNCTION; }
 
 HRESULT SubStream::lock(ULARGE_INTEGER libOffset, ULARGE_INTEGER cb, DWORD type) noexcept {
-    if (!base_ || libOffset.QuadPart > limit - offset_)
+    if (!base_ || libOffset.QuadPart > kLimit - offset_)
         return STG_E_INVALIDFUNCTION;
     libOffset.QuadPart += offset_;
     return base_->LockRegion(libOffset, cb, type);

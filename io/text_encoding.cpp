@@ -15,13 +15,13 @@ using vxio::TextEncoding;
 
 namespace {
 
-constexpr wchar_t replacement = 0xFFFD;
+constexpr wchar_t kReplacement = 0xFFFD;
 
-constexpr unsigned char utf8Mark[]{0xEF, 0xBB, 0xBF};
-constexpr unsigned char utf16LEMark[]{0xFF, 0xFE};
-constexpr unsigned char utf16BEMark[]{0xFE, 0xFF};
-constexpr unsigned char utf32LEMark[]{0xFF, 0xFE, 0, 0};
-constexpr unsigned char utf32BEMark[]{0, 0, 0xFE, 0xFF};
+constexpr unsigned char kUtf8Mark[]{0xEF, 0xBB, 0xBF};
+constexpr unsigned char kUtf16LeMark[]{0xFF, 0xFE};
+constexpr unsigned char kUtf16BeMark[]{0xFE, 0xFF};
+constexpr unsigned char kUtf32LeMark[]{0xFF, 0xFE, 0, 0};
+constexpr unsigned char kUtf32BeMark[]{0, 0, 0xFE, 0xFF};
 
 bool beginsWith(Bytes bytes, Bytes start) noexcept {
     return bytes.size() >= start.size() && std::equal(start.begin(), start.end(), bytes.begin());
@@ -52,7 +52,7 @@ std::uint32_t unitAt(const unsigned char* bytes, std::size_t size, bool bigEndia
 /// False when there is no such code point.
 bool appendCodePoint(std::uint32_t point, std::vector<wchar_t>& text) {
     if (point >= 0x110000 || isSurrogate(point)) {
-        text.push_back(replacement);
+        text.push_back(kReplacement);
         return false;
     }
     if (point >= 0x10000) {
@@ -75,7 +75,7 @@ bool decodeUnits(Bytes bytes, std::size_t size, bool bigEndian, std::vector<wcha
             text.push_back(static_cast<wchar_t>(unit)); // surrogates go over as they are
     }
     if (whole < bytes.size())
-        text.push_back(replacement);
+        text.push_back(kReplacement);
     return isSound;
 }
 
@@ -114,9 +114,9 @@ void forEachCodePoint(std::wstring_view text, const Visit& visit) {
 
 /// Piece by piece, never between the halves of a surrogate pair, which would become two stand-ins.
 void encodeMultiByte(std::wstring_view text, UINT page, std::vector<unsigned char>& bytes) {
-    constexpr std::size_t piece = 1 << 20; // the system counts in int
+    constexpr std::size_t kPiece = 1 << 20; // the system counts in int
     while (!text.empty()) {
-        std::size_t size = (std::min)(text.size(), piece);
+        std::size_t size = (std::min)(text.size(), kPiece);
         if (size < text.size() && isHighSurrogate(text[size - 1]))
             --size;
         const int length = static_cast<int>(size);
@@ -152,15 +152,15 @@ std::size_t unitSize(TextEncoding encoding) noexcept {
 Bytes byteOrderMark(TextEncoding encoding) noexcept {
     switch (encoding) {
     case TextEncoding::Utf8:
-        return utf8Mark;
+        return kUtf8Mark;
     case TextEncoding::Utf16LE:
-        return utf16LEMark;
+        return kUtf16LeMark;
     case TextEncoding::Utf16BE:
-        return utf16BEMark;
+        return kUtf16BeMark;
     case TextEncoding::Utf32LE:
-        return utf32LEMark;
+        return kUtf32LeMark;
     case TextEncoding::Utf32BE:
-        return utf32BEMark;
+        return kUtf32BeMark;
     default:
         return {};
     }
@@ -199,7 +199,7 @@ void encodeText(std::wstring_view text, TextEncoding encoding, std::vector<unsig
         std::for_each(text.begin(), text.end(), append);
     else
         forEachCodePoint(text,
-                         [&](std::uint32_t point) { append(isSurrogate(point) ? replacement : point); });
+                         [&](std::uint32_t point) { append(isSurrogate(point) ? kReplacement : point); });
 }
 
 } // namespace Vexel::Detail

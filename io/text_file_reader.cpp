@@ -15,9 +15,9 @@ using Vexel::Detail::Bytes;
 
 namespace {
 
-constexpr std::size_t readAhead = 64 * 1024;
-constexpr std::size_t longestLine = std::size_t{1} << 30;
-constexpr std::size_t none = ~std::size_t{0};
+constexpr std::size_t kReadAhead = 64 * 1024;
+constexpr std::size_t kLongestLine = std::size_t{1} << 30;
+constexpr std::size_t kNone = ~std::size_t{0};
 
 /// Whether the unit is a line feed or zero, in either byte order.
 bool endsLine(const unsigned char* unit, std::size_t size, bool bigEndian) noexcept {
@@ -65,8 +65,8 @@ TextEncoding TextFileReadStream::detect() {
     if (const TextEncoding marked = Vexel::Detail::markedEncoding(buffer_); marked != TextEncoding::Detect)
         return marked;
     std::vector<unsigned char> more;
-    if (buffer_.size() == readAhead && GetFileType(file_.GetHandle()) == FILE_TYPE_DISK)
-        more.resize(readAhead);
+    if (buffer_.size() == kReadAhead && GetFileType(file_.GetHandle()) == FILE_TYPE_DISK)
+        more.resize(kReadAhead);
     const auto forEachPart = [&](auto& guess) {
         guess.add(buffer_);
         while (const auto read = static_cast<std::size_t>(file_.Read(more.data(), more.size())))
@@ -74,7 +74,7 @@ TextEncoding TextFileReadStream::detect() {
         if (!more.empty())
             file_.Seek(static_cast<long long>(buffer_.size()), FILE_BEGIN, nullptr);
     };
-    const bool isWhole = buffer_.size() < readAhead || !more.empty();
+    const bool isWhole = buffer_.size() < kReadAhead || !more.empty();
     return Vexel::Detail::guessEncoding(forEachPart, isWhole);
 }
 
@@ -83,7 +83,7 @@ bool TextFileReadStream::fill() {
     buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(start_));
     start_ = 0;
     const std::size_t before = buffer_.size();
-    buffer_.resize(before + (std::max)(before, readAhead));
+    buffer_.resize(before + (std::max)(before, kReadAhead));
     const auto read = static_cast<std::size_t>(file_.Read(buffer_.data() + before, buffer_.size() - before));
     buffer_.resize(before + read);
     return read != 0;
@@ -96,13 +96,13 @@ std::size_t TextFileReadStream::findLineEnd(std::size_t from) const noexcept {
     if (unit_ == 1) {
         const auto* const end = std::find_if(bytes + from, bytes + size,
                                              [](unsigned char byte) { return byte == '\n' || byte == 0; });
-        return end == bytes + size ? none : static_cast<std::size_t>(end - bytes);
+        return end == bytes + size ? kNone : static_cast<std::size_t>(end - bytes);
     }
     const bool bigEndian = Vexel::Detail::isBigEndian(encoding_);
     for (; from + unit_ <= size; from += unit_)
         if (endsLine(bytes + from, unit_, bigEndian))
             return from;
-    return none;
+    return kNone;
 }
 
 void TextFileReadStream::decode(const unsigned char* bytes, std::size_t size, CStringW& line) {
@@ -115,7 +115,7 @@ bool TextFileReadStream::ReadString(CStringW& line) {
     std::size_t looked = 0;
     for (;;) {
         const std::size_t size = findLineEnd(looked);
-        if (size != none) {
+        if (size != kNone) {
             decode(buffer_.data() + start_, size, line);
             const bool byLineFeed =
                 !std::all_of(buffer_.data() + start_ + size, buffer_.data() + start_ + size + unit_,
@@ -128,7 +128,7 @@ bool TextFileReadStream::ReadString(CStringW& line) {
         }
         const std::size_t buffered = buffer_.size() - start_;
         looked = buffered / unit_ * unit_;
-        if (buffered > longestLine)
+        if (buffered > kLongestLine)
             return file_.Fail(ERROR_FILE_TOO_LARGE);
         if (fill())
             continue;

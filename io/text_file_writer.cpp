@@ -9,7 +9,7 @@ namespace vxio {
 
 namespace {
 
-constexpr std::size_t writeBehind = 64 * 1024;
+constexpr std::size_t kWriteBehind = 64 * 1024;
 
 } // namespace
 
@@ -32,7 +32,7 @@ bool TextFileWriteStream::WriteString(std::wstring_view text) {
     if (!file_.IsOpen() || error_)
         return false;
     Vexel::Detail::encodeText(text, encoding_, buffer_);
-    return buffer_.size() < writeBehind || writeBuffered();
+    return buffer_.size() < kWriteBehind || writeBuffered();
 }
 
 bool TextFileWriteStream::writeBuffered() {

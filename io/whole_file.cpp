@@ -19,8 +19,8 @@ using vxio::SimpleFile;
 
 namespace {
 
-constexpr unsigned attempts = 40;
-constexpr unsigned replacements = 6; // attempts to put a file in the old one's place
+constexpr unsigned kAttempts = 40;
+constexpr unsigned kReplacements = 6; // attempts to put a file in the old one's place
 
 struct Target {
     DWORD error = 0; ///< of opening it for writing; none when it is not there
@@ -85,10 +85,11 @@ public:
     }
 
     bool replace(const wchar_t* path, DWORD attributes) {
-        constexpr DWORD kept = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
-                               FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
+        constexpr DWORD kKept = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
+                                FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
         if (attributes != INVALID_FILE_ATTRIBUTES)
-            SetFileAttributesW(path_.c_str(), attributes & kept ? attributes & kept : FILE_ATTRIBUTE_NORMAL);
+            SetFileAttributesW(path_.c_str(),
+                               attributes & kKept ? attributes & kKept : FILE_ATTRIBUTE_NORMAL);
         if (!MoveFileExW(path_.c_str(), path, MOVEFILE_REPLACE_EXISTING))
             return false;
         path_.clear();
@@ -97,8 +98,8 @@ public:
 
 private:
     bool create() {
-        constexpr int names = 16; // of a process of this number that was ended
-        for (int i = 0; i < names; ++i) {
+        constexpr int kNames = 16; // of a process of this number that was ended
+        for (int i = 0; i < kNames; ++i) {
             std::wstring path = folder_ + temporaryName();
             if (file_.Open(path.c_str(), FileAccess::Write, FileCreation::CreateNew, vxio::ProtectAll)) {
                 path_.swap(path);
@@ -171,11 +172,11 @@ WholeFile writeWholeFile(const wchar_t* path, Bytes contents, DWORD& error) {
             if (isBeside && beside.replace(path, target.attributes))
                 return WholeFile::Written;
             error = ERROR_SHARING_VIOLATION;
-            if (!isBeside || attempt >= replacements)
+            if (!isBeside || attempt >= kReplacements)
                 if (const WholeFile result = overwrite(path, contents, error); result != WholeFile::NotOpened)
                     return result;
         }
-        if (attempt == attempts || !isPassing(error))
+        if (attempt == kAttempts || !isPassing(error))
             return WholeFile::NotOpened;
         Sleep(1 + (GetCurrentThreadId() / 4 + attempt) % 8); // two that met do not meet again
     }

@@ -22,15 +22,15 @@
 
 namespace {
 
-constexpr int keyBytes = 72;
-constexpr int shortestWheel = (keyBytes - 3) / 3;
-constexpr int period = shortestWheel * (shortestWheel + 1) * (shortestWheel + 2);
+constexpr int kKeyBytes = 72;
+constexpr int kShortestWheel = (kKeyBytes - 3) / 3;
+constexpr int kPeriod = kShortestWheel * (kShortestWheel + 1) * (kShortestWheel + 2);
 
 // The byte that deciphering leaves behind, for all objects; see the class.
 unsigned char intermediate = 0;
 
 using Block = __m128i;
-constexpr int blockBytes = sizeof(Block);
+constexpr int kBlockBytes = sizeof(Block);
 
 Block load(const unsigned char* place) noexcept {
     return _mm_loadu_si128(reinterpret_cast<const Block*>(place));
@@ -61,7 +61,7 @@ Block spreadLast(Block block) noexcept {
 void mix(unsigned char* run, int count, const unsigned char* key, unsigned char feedback) noexcept {
     const Block last = _mm_set1_epi8(static_cast<char>(feedback));
     int i = 0;
-    for (; i + blockBytes <= count; i += blockBytes)
+    for (; i + kBlockBytes <= count; i += kBlockBytes)
         store(run + i, _mm_xor_si128(_mm_xor_si128(load(run + i), load(key + i)), last));
     for (; i < count; ++i)
         run[i] = static_cast<unsigned char>(run[i] ^ key[i] ^ feedback);
@@ -72,7 +72,7 @@ unsigned char encryptChained(unsigned char* run, int count, const unsigned char*
                              unsigned char feedback) noexcept {
     Block last = _mm_set1_epi8(static_cast<char>(feedback));
     int i = 0;
-    for (; i + blockBytes <= count; i += blockBytes) {
+    for (; i + kBlockBytes <= count; i += kBlockBytes) {
         const Block mixed = accumulate(_mm_xor_si128(load(run + i), load(key + i)));
         store(run + i, _mm_xor_si128(mixed, last));
         last = _mm_xor_si128(last, spreadLast(mixed)); // from `mixed`, so that blocks wait for this step only
@@ -87,10 +87,10 @@ unsigned char encryptChained(unsigned char* run, int count, const unsigned char*
 unsigned char decryptChained(unsigned char* run, int count, const unsigned char* key,
                              unsigned char feedback) noexcept {
     int i = 0;
-    for (; i + blockBytes <= count; i += blockBytes) {
+    for (; i + kBlockBytes <= count; i += kBlockBytes) {
         const Block cipher = load(run + i);
         const Block before = _mm_or_si128(_mm_slli_si128(cipher, 1), _mm_cvtsi32_si128(feedback));
-        feedback = run[i + blockBytes - 1];
+        feedback = run[i + kBlockBytes - 1];
         store(run + i, _mm_xor_si128(_mm_xor_si128(cipher, load(key + i)), before));
     }
     for (; i < count; ++i) {
@@ -103,20 +103,20 @@ unsigned char decryptChained(unsigned char* run, int count, const unsigned char*
 
 // Mixes a wheel of `length` bytes into the whole of `stream`.
 void mixWheel(unsigned char* stream, const char* wheel, int length) noexcept {
-    std::array<unsigned char, keyBytes> again{}; // a block can be read from any place on the wheel
-    for (int i = 0; i < length + blockBytes; ++i)
+    std::array<unsigned char, kKeyBytes> again{}; // a block can be read from any place on the wheel
+    for (int i = 0; i < length + kBlockBytes; ++i)
         again[static_cast<std::size_t>(i)] = static_cast<unsigned char>(wheel[i % length]);
     int place = 0;
-    for (int i = 0; i < period; i += blockBytes) {
+    for (int i = 0; i < kPeriod; i += kBlockBytes) {
         store(stream + i, _mm_xor_si128(load(stream + i), load(again.data() + place)));
-        place += place + blockBytes < length ? blockBytes : blockBytes - length;
+        place += place + kBlockBytes < length ? kBlockBytes : kBlockBytes - length;
     }
 }
 
-std::unique_ptr<unsigned char[]> layOut(const std::array<char, keyBytes>& key) {
-    auto stream = std::make_unique<unsigned char[]>(period + blockBytes);
+std::unique_ptr<unsigned char[]> layOut(const std::array<char, kKeyBytes>& key) {
+    auto stream = std::make_unique<unsigned char[]>(kPeriod + kBlockBytes);
     const char* wheel = key.data();
-    for (int length = shortestWheel; length < shortestWheel + 3; ++length) {
+    for (int length = kShortestWheel; length < kShortestWheel + 3; ++length) {
         mixWheel(stream.get(), wheel, length);
         wheel += length;
     }
@@ -134,9 +134,9 @@ struct SECCryptoBlackBox::Wheels {
     template <class Transform>
     void inRuns(unsigned char* buffer, long length, Transform transform) {
         while (length > 0) {
-            const int count = static_cast<int>((std::min)(length, static_cast<long>(period - position)));
+            const int count = static_cast<int>((std::min)(length, static_cast<long>(kPeriod - position)));
             transform(buffer, count, stream.get() + position);
-            position = (position + count) % period;
+            position = (position + count) % kPeriod;
             buffer += count;
             length -= count;
         }
@@ -168,11 +168,11 @@ int SECCryptoBlackBox::SetPassword(const wchar_t* password) {
     if (length == 0 || wheels_->stream)
         return 0;
     // The hash never looks further than one byte past the last it writes for.
-    std::array<char, keyBytes + 1> text{};
+    std::array<char, kKeyBytes + 1> text{};
     const auto used = static_cast<int>((std::min)(length, text.size()));
     std::memcpy(text.data(), password, static_cast<std::size_t>(used));
-    std::array<char, keyBytes> key{};
-    HashString(text.data(), used, key.data(), keyBytes);
+    std::array<char, kKeyBytes> key{};
+    HashString(text.data(), used, key.data(), kKeyBytes);
 
     wheels_->stream = layOut(key);
     wheels_->position = 0;
@@ -182,7 +182,7 @@ int SECCryptoBlackBox::SetPassword(const wchar_t* password) {
 void SECCryptoBlackBox::Reset() { wheels_->position = 0; }
 
 void SECCryptoBlackBox::SetPtr(long offset) {
-    wheels_->position = static_cast<int>((offset % period + period) % period);
+    wheels_->position = static_cast<int>((offset % kPeriod + kPeriod) % kPeriod);
 }
 
 unsigned char SECCryptoBlackBox::NextKey() {

@@ -18,7 +18,7 @@ namespace Vexel {
 namespace {
 
 // {F1B32785-6FBA-4FCF-9D55-7B8E7F157091}, here by value so that no import library of identifiers is needed.
-constexpr GUID LocalAppData{0xF1B32785, 0x6FBA, 0x4FCF, {0x9D, 0x55, 0x7B, 0x8E, 0x7F, 0x15, 0x70, 0x91}};
+constexpr GUID kLocalAppData{0xF1B32785, 0x6FBA, 0x4FCF, {0x9D, 0x55, 0x7B, 0x8E, 0x7F, 0x15, 0x70, 0x91}};
 
 /// The folder's path, or null. The shell may hand out a buffer even when it fails.
 Detail::TaskText findKnownFolder(const GUID& folderId, DWORD flags) {
@@ -86,14 +86,14 @@ CString GetKnownFolderPath(const GUID& folderId, bool create) {
 }
 
 bool GetUserDataFolderPath(CString* path) {
-    const Detail::TaskText found = findKnownFolder(LocalAppData, 0);
+    const Detail::TaskText found = findKnownFolder(kLocalAppData, 0);
     if (found)
         *path = found.get();
     return found != nullptr;
 }
 
 bool GetUserDataFolderPath(std::wstring* path) {
-    const Detail::TaskText found = findKnownFolder(LocalAppData, 0);
+    const Detail::TaskText found = findKnownFolder(kLocalAppData, 0);
     if (found)
         *path = found.get();
     return found != nullptr;

@@ -20,12 +20,12 @@ namespace {
 
 using Identity = std::array<DWORD, 3>;
 
-constexpr std::size_t noParent = static_cast<std::size_t>(-1);
+constexpr std::size_t kNoParent = static_cast<std::size_t>(-1);
 
 struct CopyJob {
     std::wstring source;
     std::wstring target;
-    std::size_t parent = noParent; ///< the job of the directory this was found in
+    std::size_t parent = kNoParent; ///< the job of the directory this was found in
     bool directory = false;
     bool copied = true; ///< false for a directory that is looked at but left alone
     std::optional<Identity> identity = std::nullopt; ///< of a directory, where it can be had
@@ -49,8 +49,8 @@ std::error_code readTarget(const std::wstring& path, Entry& entry) {
 
 /// What tells an entry from all others, links followed; none where it cannot be examined.
 std::optional<Identity> readIdentity(const std::wstring& path) {
-    constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    const Detail::FileHandle entry(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, shareAll, nullptr,
+    constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    const Detail::FileHandle entry(CreateFileW(path.c_str(), FILE_READ_ATTRIBUTES, kShareAll, nullptr,
                                                OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
     BY_HANDLE_FILE_INFORMATION info{};
     // File systems without indices give 0 for every file.
@@ -125,7 +125,7 @@ std::error_code copyOne(CopyJob job, FlagSet<CopyingFlag> flags) {
 /// Whether a directory is one of those it was found in, by way of a link: the listing would go round for
 /// ever.
 bool leadsBack(const std::vector<CopyJob>& jobs, const CopyJob& job) {
-    for (std::size_t above = job.parent; job.identity && above != noParent; above = jobs[above].parent) {
+    for (std::size_t above = job.parent; job.identity && above != kNoParent; above = jobs[above].parent) {
         if (jobs[above].identity == job.identity)
             return true;
     }

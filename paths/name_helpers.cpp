@@ -29,13 +29,13 @@ int VxwReplaceExt(CString& name, const wchar_t* extension) {
 
 int VxwIsThisAPath(const CString& text) {
     const std::wstring_view view = Vexel::Detail::viewOf(text);
-    constexpr std::size_t nowhere = std::wstring_view::npos;
-    if (view.empty() || view.find_first_of(L"*?\"<>|") != nowhere)
+    constexpr std::size_t kNowhere = std::wstring_view::npos;
+    if (view.empty() || view.find_first_of(L"*?\"<>|") != kNowhere)
         return FALSE;
     // A network path starts with two backslashes; further in, a doubled separator is a slip.
-    if (view.find(L"\\\\", 1) != nowhere || view.find(L"//") != nowhere)
+    if (view.find(L"\\\\", 1) != kNowhere || view.find(L"//") != kNowhere)
         return FALSE;
     // Only a drive's colon is part of a path.
-    const bool strayColon = view[0] == L':' || view.find(L':', 2) != nowhere;
+    const bool strayColon = view[0] == L':' || view.find(L':', 2) != kNowhere;
     return strayColon ? FALSE : TRUE;
 }

@@ -19,9 +19,9 @@ namespace {
 
 using Names = std::vector<SharedPathName>;
 
-constexpr std::uint32_t blockBits = bit(SharedPathNameFlag::FileExistsKnown) |
-                                    bit(SharedPathNameFlag::StorageKnown) |
-                                    bit(SharedPathNameFlag::UpToDateKnown);
+constexpr std::uint32_t kBlockBits = bit(SharedPathNameFlag::FileExistsKnown) |
+                                     bit(SharedPathNameFlag::StorageKnown) |
+                                     bit(SharedPathNameFlag::UpToDateKnown);
 
 constinit std::atomic<unsigned> liveBlocks{0};
 constinit std::atomic<std::uint64_t> periodsEnded{0};
@@ -54,7 +54,7 @@ SharedPathNameFlagsCacheBlock::~SharedPathNameFlagsCacheBlock() {
     if (!names)
         return;
     for (const SharedPathName& name : *names)
-        name.entry_->flags.fetch_and(~blockBits, std::memory_order_acq_rel);
+        name.entry_->flags.fetch_and(~kBlockBits, std::memory_order_acq_rel);
 }
 
 bool SharedPathNameFlagsCacheBlock::IsActive() noexcept { return liveBlocks.load() != 0; }
@@ -74,7 +74,7 @@ void SharedPathName::cacheFlags(std::uint32_t known, std::uint32_t bits) const n
     try {
         if (!registered)
             registered = std::make_unique<Names>().release();
-        if (!(entry_->flags.load(std::memory_order_acquire) & blockBits))
+        if (!(entry_->flags.load(std::memory_order_acquire) & kBlockBits))
             registered->push_back(*this);
     } catch (const std::bad_alloc&) {
         return;
@@ -90,9 +90,9 @@ bool SharedPathName::fileExists() const {
         return (flags & bit(SharedPathNameFlag::FileExists)) != 0;
     const bool exists = Vexel::FileSystemEntryExists(asStringView());
     if (SharedPathNameFlagsCacheBlock::IsActive()) {
-        constexpr std::uint32_t known = bit(SharedPathNameFlag::FileExistsKnown);
-        constexpr std::uint32_t value = bit(SharedPathNameFlag::FileExists);
-        cacheFlags(known | value, known | (exists ? value : 0));
+        constexpr std::uint32_t kKnown = bit(SharedPathNameFlag::FileExistsKnown);
+        constexpr std::uint32_t kValue = bit(SharedPathNameFlag::FileExists);
+        cacheFlags(kKnown | kValue, kKnown | (exists ? kValue : 0));
     }
     return exists;
 }
@@ -100,17 +100,17 @@ bool SharedPathName::fileExists() const {
 void SharedPathName::updateFileExists() const {
     if (!entry_ || !flags().has(SharedPathNameFlag::FileExistsKnown))
         return;
-    constexpr std::uint32_t value = bit(SharedPathNameFlag::FileExists);
+    constexpr std::uint32_t kValue = bit(SharedPathNameFlag::FileExists);
     const bool exists = Vexel::FileSystemEntryExists(asStringView());
-    replaceBits(entry_->flags, value, exists ? value : 0);
+    replaceBits(entry_->flags, kValue, exists ? kValue : 0);
 }
 
 void SharedPathName::setUpToDate(bool value) const {
     if (!entry_ || !SharedPathNameFlagsCacheBlock::IsActive())
         return;
-    constexpr std::uint32_t known = bit(SharedPathNameFlag::UpToDateKnown);
-    constexpr std::uint32_t mark = bit(SharedPathNameFlag::UpToDate);
-    cacheFlags(known | mark, known | (value ? mark : 0));
+    constexpr std::uint32_t kKnown = bit(SharedPathNameFlag::UpToDateKnown);
+    constexpr std::uint32_t kMark = bit(SharedPathNameFlag::UpToDate);
+    cacheFlags(kKnown | kMark, kKnown | (value ? kMark : 0));
 }
 
 bool SharedPathName::isUpToDate() const noexcept {

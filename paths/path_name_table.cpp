@@ -20,7 +20,7 @@ namespace {
 
 using Table = std::unordered_multimap<std::uint32_t, SharedPathEntry*>;
 
-constexpr std::size_t initialBuckets = 8;
+constexpr std::size_t kInitialBuckets = 8;
 
 // Usable before the constructors of static objects have run and after their destructors have; the lock guards
 // the other two.
@@ -46,11 +46,11 @@ const struct ProcessEnd {
         processIsEnding = true;
         dropTableIfDone();
     }
-} processEnd;
+} kProcessEnd;
 
 Table& tableUnderLock() {
     if (!table) {
-        auto made = std::make_unique<Table>(initialBuckets);
+        auto made = std::make_unique<Table>(kInitialBuckets);
         made->max_load_factor(1.0F);
         table = made.release();
     }

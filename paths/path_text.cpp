@@ -15,31 +15,31 @@ namespace Vexel {
 
 namespace {
 
-constexpr std::size_t NoExtension = std::wstring_view::npos;
+constexpr std::size_t kNoExtension = std::wstring_view::npos;
 
 /// Where the dot of the extension of `name` stands; `name` is a file-name part alone.
 std::size_t findExtensionInName(std::wstring_view name) noexcept {
     if (name == L"." || name == L"..")
-        return NoExtension;
+        return kNoExtension;
     const std::size_t dot = name.rfind(L'.');
     if (dot == std::wstring_view::npos || dot == 0)
-        return NoExtension;
-    return name.find(L' ', dot) == std::wstring_view::npos ? dot : NoExtension;
+        return kNoExtension;
+    return name.find(L' ', dot) == std::wstring_view::npos ? dot : kNoExtension;
 }
 
 /// `path` with its extension changed, as a new text: `extension` may lie inside the old one.
-std::wstring WithExtension(std::wstring_view path, std::wstring_view extension) {
+std::wstring withNewExtension(std::wstring_view path, std::wstring_view extension) {
     if (extension.starts_with(L'.'))
         extension.remove_prefix(1);
 
     const std::size_t dot = FindFileExtension(path);
-    if (dot == NoExtension && extension.empty())
+    if (dot == kNoExtension && extension.empty())
         return std::wstring(path);
 
     std::wstring result;
     result.reserve(path.size() + extension.size() + 1);
     // The dot of an extension stays even when nothing follows it any more: "a.txt" becomes "a.".
-    result += dot == NoExtension ? path : path.substr(0, dot);
+    result += dot == kNoExtension ? path : path.substr(0, dot);
     result += L'.';
     result += extension;
     return result;
@@ -77,12 +77,12 @@ std::wstring_view GetFileName(std::wstring_view path, bool withExtension) {
 std::size_t FindFileExtension(std::wstring_view path) {
     const std::size_t nameStart = FindFileName(path, false);
     const std::size_t dot = findExtensionInName(path.substr(nameStart));
-    return dot == NoExtension ? NoExtension : nameStart + dot;
+    return dot == kNoExtension ? kNoExtension : nameStart + dot;
 }
 
 std::wstring_view GetFileExtension(std::wstring_view path, bool withDot) {
     const std::size_t dot = FindFileExtension(path);
-    if (dot == NoExtension)
+    if (dot == kNoExtension)
         return {};
     return path.substr(withDot ? dot : dot + 1);
 }
@@ -114,11 +114,11 @@ std::wstring& RemoveTrailingPathSeparators(std::wstring* path) {
 }
 
 std::wstring& ChangeFileExtension(std::wstring* path, std::wstring_view extension) {
-    return *path = WithExtension(*path, extension);
+    return *path = withNewExtension(*path, extension);
 }
 
 CString& ChangeFileExtension(CString* path, std::wstring_view extension) {
-    const std::wstring changed = WithExtension(Detail::viewOf(*path), extension);
+    const std::wstring changed = withNewExtension(Detail::viewOf(*path), extension);
     Detail::assign(*path, changed);
     return *path;
 }

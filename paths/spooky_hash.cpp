@@ -14,12 +14,12 @@ using Word = std::uint64_t;
 
 static_assert(std::endian::native == std::endian::little, "words are read as they lie in memory");
 
-constexpr Word filler = 0xDEADBEEFDEADBEEF;
-constexpr std::size_t stateWords = 12;
-constexpr std::size_t blockBytes = stateWords * sizeof(Word);
-constexpr std::size_t shortestLong = 2 * blockBytes;
+constexpr Word kFiller = 0xDEADBEEFDEADBEEF;
+constexpr std::size_t kStateWords = 12;
+constexpr std::size_t kBlockBytes = kStateWords * sizeof(Word);
+constexpr std::size_t kShortestLong = 2 * kBlockBytes;
 
-using State = std::array<Word, stateWords>;
+using State = std::array<Word, kStateWords>;
 
 Word wordAt(const std::byte* place) noexcept {
     Word word = 0;
@@ -59,8 +59,8 @@ private:
 // The last 0 to 15 bytes: as two words, filled up with zeros, of which the second keeps the length above it.
 void addTail(ShortState& state, const std::byte* place, std::size_t count) noexcept {
     if (count == 0) {
-        state.c += filler;
-        state.d += filler;
+        state.c += kFiller;
+        state.d += kFiller;
         return;
     }
     std::array<std::byte, 16> padded{};
@@ -70,7 +70,7 @@ void addTail(ShortState& state, const std::byte* place, std::size_t count) noexc
 }
 
 void hashShort(const std::byte* place, std::size_t length, Word& hash1, Word& hash2) noexcept {
-    ShortState state{hash1, hash2, filler, filler};
+    ShortState state{hash1, hash2, kFiller, kFiller};
     std::size_t left = length;
     for (; left >= 32; left -= 32, place += 32) {
         state.c += wordAt(place);
@@ -96,20 +96,20 @@ void hashShort(const std::byte* place, std::size_t length, Word& hash1, Word& ha
 // One step on word I of the twelve; unrolled, so that the state stays in registers.
 template <std::size_t I>
 inline void mixWord(State& s, Word word) noexcept {
-    constexpr std::array<int, stateWords> rotations{11, 32, 43, 31, 17, 28, 39, 57, 55, 54, 22, 46};
+    constexpr std::array<int, kStateWords> kRotations{11, 32, 43, 31, 17, 28, 39, 57, 55, 54, 22, 46};
     s[I] += word;
-    s[(I + 2) % stateWords] ^= s[(I + 10) % stateWords];
-    s[(I + 11) % stateWords] ^= s[I];
-    s[I] = std::rotl(s[I], rotations[I]);
-    s[(I + 11) % stateWords] += s[(I + 1) % stateWords];
+    s[(I + 2) % kStateWords] ^= s[(I + 10) % kStateWords];
+    s[(I + 11) % kStateWords] ^= s[I];
+    s[I] = std::rotl(s[I], kRotations[I]);
+    s[(I + 11) % kStateWords] += s[(I + 1) % kStateWords];
 }
 
 template <std::size_t I>
 inline void endWord(State& s) noexcept {
-    constexpr std::array<int, stateWords> rotations{44, 15, 34, 21, 38, 33, 10, 13, 38, 53, 42, 54};
-    s[(I + 11) % stateWords] += s[(I + 1) % stateWords];
-    s[(I + 2) % stateWords] ^= s[(I + 11) % stateWords];
-    s[(I + 1) % stateWords] = std::rotl(s[(I + 1) % stateWords], rotations[I]);
+    constexpr std::array<int, kStateWords> kRotations{44, 15, 34, 21, 38, 33, 10, 13, 38, 53, 42, 54};
+    s[(I + 11) % kStateWords] += s[(I + 1) % kStateWords];
+    s[(I + 2) % kStateWords] ^= s[(I + 11) % kStateWords];
+    s[(I + 1) % kStateWords] = std::rotl(s[(I + 1) % kStateWords], kRotations[I]);
 }
 
 template <std::size_t... I>
@@ -122,21 +122,21 @@ inline void endRound(State& s, std::index_sequence<I...>) noexcept {
     (endWord<I>(s), ...);
 }
 
-constexpr auto allWords = std::make_index_sequence<stateWords>();
+constexpr auto kAllWords = std::make_index_sequence<kStateWords>();
 
 void hashLong(const std::byte* place, std::size_t length, Word& hash1, Word& hash2) noexcept {
-    State state{hash1, hash2, filler, hash1, hash2, filler, hash1, hash2, filler, hash1, hash2, filler};
+    State state{hash1, hash2, kFiller, hash1, hash2, kFiller, hash1, hash2, kFiller, hash1, hash2, kFiller};
     std::size_t left = length;
-    for (; left >= blockBytes; left -= blockBytes, place += blockBytes)
-        mixBlock(state, place, allWords);
+    for (; left >= kBlockBytes; left -= kBlockBytes, place += kBlockBytes)
+        mixBlock(state, place, kAllWords);
 
-    std::array<std::byte, blockBytes> last{};
+    std::array<std::byte, kBlockBytes> last{};
     std::memcpy(last.data(), place, left);
     last.back() = static_cast<std::byte>(left);
-    for (std::size_t i = 0; i < stateWords; ++i)
+    for (std::size_t i = 0; i < kStateWords; ++i)
         state[i] += wordAt(last.data() + i * sizeof(Word));
     for (int round = 0; round < 3; ++round)
-        endRound(state, allWords);
+        endRound(state, kAllWords);
     hash1 = state[0];
     hash2 = state[1];
 }
@@ -146,7 +146,7 @@ void hashLong(const std::byte* place, std::size_t length, Word& hash1, Word& has
 void Vexel::Hash::SpookyV2_128(const void* data, std::size_t length, std::uint64_t& hash1,
                                std::uint64_t& hash2) noexcept {
     const auto* bytes = static_cast<const std::byte*>(data);
-    if (length < shortestLong)
+    if (length < kShortestLong)
         hashShort(bytes, length, hash1, hash2);
     else
         hashLong(bytes, length, hash1, hash2);

@@ -54,14 +54,14 @@ struct MarkedFile {
 
 /// Whether the file is gone. A failure is logged unless it was logged for this file a minute ago or less.
 bool deleteTempFile(const SharedPathName& name, FailureNote& lastFailure) {
-    constexpr DWORD silentMilliseconds = 60001;
+    constexpr DWORD kSilentMilliseconds = 60001;
     if (platform().deleteFile(name.asString()))
         return true;
     const DWORD error = GetLastError();
     if (error == ERROR_FILE_NOT_FOUND)
         return true;
     const DWORD now = platform().getTickCount();
-    if (error == lastFailure.error && now - lastFailure.tick < silentMilliseconds)
+    if (error == lastFailure.error && now - lastFailure.tick < kSilentMilliseconds)
         return false;
     lastFailure = {now, error};
     VxLog_WriteW(VxLog_Error, L"Failed to delete temporary file \"%s\": 0x%08x", name.asString(), error);
@@ -326,11 +326,11 @@ SharedPathName TempFileContainer::insert(const SharedPathName& name, bool holdHa
     record.pendingDeletion = false;
     record.userFlag = userFlag;
     if (holdHandle && !record.handle) {
-        constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+        constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
         // Of a link the link itself, as DeleteFileW does, and not what it leads to.
-        constexpr DWORD flags = FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT;
+        constexpr DWORD kFlags = FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT;
         record.handle = FileHandle(
-            platform().createFile(name.asString(), 0, shareAll, nullptr, OPEN_EXISTING, flags, nullptr));
+            platform().createFile(name.asString(), 0, kShareAll, nullptr, OPEN_EXISTING, kFlags, nullptr));
     }
     return name;
 }

@@ -20,7 +20,7 @@ namespace Vexel::Detail {
 namespace {
 
 /// Part of every name, so that the files of other programs with the same prefix are told apart.
-constexpr unsigned NamingScheme = 18;
+constexpr unsigned kNamingScheme = 18;
 
 std::atomic<unsigned long long> nextName{0};
 
@@ -42,7 +42,7 @@ void computeDirectory(TempNaming& naming) noexcept {
 
 void computeProcessTag(TempNaming& naming) noexcept {
     auto& tag = naming.processTag;
-    swprintf(tag.data(), tag.size(), L"-%u-%08lx", NamingScheme, GetCurrentProcessId());
+    swprintf(tag.data(), tag.size(), L"-%u-%08lx", kNamingScheme, GetCurrentProcessId());
 
     // Process ids come again; with the start time the tag does not.
     FILETIME created{};

@@ -35,8 +35,8 @@ bool isForReading(DWORD stgm) { return (stgm & (STGM_WRITE | STGM_READWRITE)) ==
 
 /// Whether the system answers with a copy of the file as it is now, for others may write on.
 bool needsSnapshot(DWORD stgm) {
-    constexpr DWORD shareBits = 0x70;
-    const DWORD share = stgm & shareBits;
+    constexpr DWORD kShareBits = 0x70;
+    const DWORD share = stgm & kShareBits;
     return (stgm & STGM_TRANSACTED) && !(stgm & STGM_NOSNAPSHOT) && share != STGM_SHARE_DENY_WRITE &&
            share != STGM_SHARE_EXCLUSIVE;
 }
@@ -113,8 +113,8 @@ HRESULT VxCompoundStorage::tryElement(const SharedPathName& name, StorageType ty
     const bool either = type == StorageType{};
     if (either || type == StorageType::Storage)
         status = tryOpening<IStorage>([&](IStorage** made) {
-            constexpr DWORD stgm = STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READ;
-            return storage_->OpenStorage(name.asString(), nullptr, stgm, nullptr, 0, made);
+            constexpr DWORD kStgm = STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READ;
+            return storage_->OpenStorage(name.asString(), nullptr, kStgm, nullptr, 0, made);
         });
     if (type == StorageType::Stream || (either && FAILED(status) && !cannotOpenNow(status)))
         status = tryOpening<::IStream>([&](::IStream** made) {
@@ -142,11 +142,11 @@ long VxCompoundStorage::clear() { return STG_E_INVALIDFUNCTION; }
 long VxCompoundStorage::createRoot(DWORD /*stgm*/, DWORD /*reserved*/) { return STG_E_INVALIDFUNCTION; }
 
 bool VxCompoundStorage::getFileTimes(FILETIME* created, FILETIME* modified, FILETIME* accessed) {
-    constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
     Vexel::Detail::FileHandle file;
     callTwiceIfExhausted([&] {
         file = Vexel::Detail::FileHandle(
-            Vexel::Detail::platform().createFile(root_->name().asString(), GENERIC_READ, shareAll, nullptr,
+            Vexel::Detail::platform().createFile(root_->name().asString(), GENERIC_READ, kShareAll, nullptr,
                                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
         return file ? S_OK : Vexel::Detail::storageStatus(GetLastError());
     });
@@ -169,24 +169,24 @@ long VxCompoundStorage::openRoot(DWORD stgm) {
     if (const HRESULT sound = check(name_, stgm); FAILED(sound))
         return sound;
     if (storage_)
-        return openedMeanwhile;
+        return kOpenedMeanwhile;
     HRESULT status = openFile(name_, stgm);
     if (keyed_ && isHeldElsewhere(status) && isForReading(stgm) && name_.fileExists())
         status = openCopy(stgm, status);
 
     // Neither is worth a failure: they only save the system a scratch file or a snapshot.
-    constexpr DWORD savings = STGM_NOSCRATCH | STGM_NOSNAPSHOT;
-    if ((status == STG_E_ACCESSDENIED || isHeldElsewhere(status)) && (stgm & savings)) {
+    constexpr DWORD kSavings = STGM_NOSCRATCH | STGM_NOSNAPSHOT;
+    if ((status == STG_E_ACCESSDENIED || isHeldElsewhere(status)) && (stgm & kSavings)) {
         // Without them a reader who lets others write is given a copy, which asks more of the file.
-        const HRESULT sound = needsSnapshot(stgm & ~savings) ? check(name_, stgm & ~savings) : S_OK;
+        const HRESULT sound = needsSnapshot(stgm & ~kSavings) ? check(name_, stgm & ~kSavings) : S_OK;
         if (storage_)
-            return openedMeanwhile;
-        status = SUCCEEDED(sound) ? openFile(name_, stgm & ~savings) : sound;
+            return kOpenedMeanwhile;
+        status = SUCCEEDED(sound) ? openFile(name_, stgm & ~kSavings) : sound;
     }
 
     if (!retryAfterFailure(status))
         return status;
-    return storage_ ? openedMeanwhile : openFile(name_, stgm);
+    return storage_ ? kOpenedMeanwhile : openFile(name_, stgm);
 }
 
 /// Looks at a file before the system does, once for all attempts to open it.
@@ -224,7 +224,7 @@ HRESULT VxCompoundStorage::openCopy(DWORD stgm, HRESULT otherwise) {
     const HRESULT sound = check(copy, stgm);
     if (storage_) {
         files.erase(copy);
-        return openedMeanwhile;
+        return kOpenedMeanwhile;
     }
     temporary_ = true;
     const HRESULT status = SUCCEEDED(sound) ? openFile(copy, stgm) : sound;

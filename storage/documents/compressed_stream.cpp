@@ -11,7 +11,7 @@
 
 namespace {
 
-constexpr unsigned long long largestPart = 16384;
+constexpr unsigned long long kLargestPart = 16384;
 
 [[noreturn]] void throwFileException(int cause) { AfxThrowFileException(cause, -1, nullptr); }
 
@@ -121,7 +121,7 @@ unsigned long long COleStreamCompressFile::readInParts(void* buffer, unsigned lo
     auto* const bytes = static_cast<unsigned char*>(buffer);
     unsigned long long done = 0;
     while (done < count) {
-        const auto part = ReadPart(bytes + done, (std::min)(count - done, largestPart));
+        const auto part = ReadPart(bytes + done, (std::min)(count - done, kLargestPart));
         if (part == 0)
             break;
         done += part;
@@ -132,7 +132,7 @@ unsigned long long COleStreamCompressFile::readInParts(void* buffer, unsigned lo
 unsigned long long COleStreamCompressFile::ReadBytes(void* buffer, unsigned long long count) {
     unsigned long long done = 0;
     if (compressionOpen_)
-        done = count > largestPart ? readInParts(buffer, count) : ReadPart(buffer, count);
+        done = count > kLargestPart ? readInParts(buffer, count) : ReadPart(buffer, count);
     else if (count)
         done = raw_.ReadBytes(buffer, count);
     if (done != count && !ignoreEndOfFile_)

@@ -27,7 +27,7 @@ using Vexel::Storage::SZipStorage;
 namespace {
 
 /// Readers and writers elsewhere, which is the default: the system copies everything first.
-constexpr DWORD compoundMode = STGM_TRANSACTED | STGM_READ;
+constexpr DWORD kCompoundMode = STGM_TRANSACTED | STGM_READ;
 
 class LockBytesSource final : public Vexel::Detail::CompoundSource {
 public:
@@ -77,14 +77,14 @@ HRESULT openCompound(::IStream* stream, IStorage** result) {
         return status;
     if (const HRESULT sound = check(bytes.Get()); FAILED(sound))
         return sound;
-    return StgOpenStorageOnILockBytes(bytes.Get(), nullptr, compoundMode, nullptr, 0, result);
+    return StgOpenStorageOnILockBytes(bytes.Get(), nullptr, kCompoundMode, nullptr, 0, result);
 }
 
 HRESULT openCompound(const wchar_t* path, IStorage** result) {
     const auto verdict = Vexel::Detail::checkCompoundFile(path, CompoundAccess::Snapshot);
     if (FAILED(verdict.status))
         return verdict.status;
-    return StgOpenStorage(path, nullptr, compoundMode, nullptr, 0, result);
+    return StgOpenStorage(path, nullptr, kCompoundMode, nullptr, 0, result);
 }
 
 template <class Open>

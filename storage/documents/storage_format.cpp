@@ -16,15 +16,16 @@ namespace {
 
 using Signature = std::array<unsigned char, 6>;
 
-constexpr Signature packageSignature{0x37, 0x7A, 0xBC, 0xAF, 0x27, 0x1C};
-constexpr Signature compoundSignature{0xD0, 0xCF, 0x11, 0xE0, 0xA1, 0xB1}; // two of its 8 bytes do not matter
+constexpr Signature kPackageSignature{0x37, 0x7A, 0xBC, 0xAF, 0x27, 0x1C};
+constexpr Signature kCompoundSignature{0xD0, 0xCF, 0x11,
+                                       0xE0, 0xA1, 0xB1}; // two of its 8 bytes do not matter
 
 StorageFormat formatOf(const Signature& start, std::size_t count) noexcept {
     if (count < start.size())
         return StorageFormat::None;
-    if (start == packageSignature)
+    if (start == kPackageSignature)
         return StorageFormat::Package;
-    return start == compoundSignature ? StorageFormat::CompoundFile : StorageFormat::None;
+    return start == kCompoundSignature ? StorageFormat::CompoundFile : StorageFormat::None;
 }
 
 } // namespace

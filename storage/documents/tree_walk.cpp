@@ -16,8 +16,8 @@ namespace Vexel::Detail {
 
 namespace {
 
-constexpr unsigned long long largestInMemory = 64ULL << 20;
-constexpr std::size_t chunkSize = 0x10000;
+constexpr unsigned long long kLargestInMemory = 64ULL << 20;
+constexpr std::size_t kChunkSize = 0x10000;
 
 HRESULT sizeOf(::IStream* stream, unsigned long long& size) {
     STATSTG info{};
@@ -225,7 +225,7 @@ void TreeWalk::copyStream(const SharedPathName& name) {
             note(FAILED(status) ? status : STG_E_READFAULT, StorageType::Stream);
         return;
     }
-    buffer_.resize(chunkSize);
+    buffer_.resize(kChunkSize);
     unsigned long long size = 0;
     if (note(sizeOf(stream.Get(), size), StorageType::Stream) != S_OK)
         return;
@@ -256,7 +256,7 @@ void TreeWalk::copyStream(const SharedPathName& name) {
 
 HRESULT TreeWalk::moveBytes(::IStream* from, unsigned long long size, VxStream* to) {
     for (unsigned long long done = 0; done < size;) {
-        const auto count = static_cast<std::size_t>((std::min)(size - done, 0ULL + chunkSize));
+        const auto count = static_cast<std::size_t>((std::min)(size - done, 0ULL + kChunkSize));
         const std::span<std::byte> chunk(buffer_.data(), count);
         HRESULT status = note(readAt(from, done, chunk), StorageType::Stream);
         if (status == S_OK && to)
@@ -292,14 +292,14 @@ HRESULT TreeWalk::note(HRESULT status, StorageType type, bool isInTarget) {
 
 /// So that a large stream is alone in memory.
 bool TreeWalk::makeRoom(unsigned long long size) {
-    if (inMemory_ > 0 && inMemory_ + size > largestInMemory)
+    if (inMemory_ > 0 && inMemory_ + size > kLargestInMemory)
         giveBack();
     return SUCCEEDED(end_);
 }
 
 void TreeWalk::take(unsigned long long size) {
     inMemory_ += size;
-    if (inMemory_ >= largestInMemory)
+    if (inMemory_ >= kLargestInMemory)
         giveBack();
 }
 

@@ -15,7 +15,7 @@ using Vexel::Detail::StreamLock;
 namespace {
 
 // The first documents whose hashes were worked out as they are now.
-constexpr unsigned hashTrustedVersion = 3688;
+constexpr unsigned kHashTrustedVersion = 3688;
 
 } // namespace
 
@@ -37,7 +37,7 @@ void SharedPathName::become(const CString& text, bool hashFollows, unsigned file
     if (text.IsEmpty())
         return;
     const std::uint32_t hash = readHash();
-    if (fileVersion >= hashTrustedVersion)
+    if (fileVersion >= kHashTrustedVersion)
         attach(text, hash, caseSensitive);
     else
         *this = SharedPathName(text, caseSensitive, false);

@@ -10,17 +10,17 @@ using Vexel::Detail::bit;
 std::optional<bool> SharedPathName::isStorage() const {
     if (!entry_)
         return false;
-    constexpr std::uint32_t storage = bit(SharedPathNameFlag::Storage);
+    constexpr std::uint32_t kStorage = bit(SharedPathNameFlag::Storage);
     const std::uint32_t flags = entry_->flags.load(std::memory_order_acquire);
     if (flags & bit(SharedPathNameFlag::StorageKnown))
-        return (flags & storage) != 0;
+        return (flags & kStorage) != 0;
     const std::optional<bool> answer = StorageRef::isStorage(*this);
     if (answer && SharedPathNameFlagsCacheBlock::IsActive()) {
         // A file that could be examined exists.
-        constexpr std::uint32_t known = bit(SharedPathNameFlag::StorageKnown) |
-                                        bit(SharedPathNameFlag::FileExistsKnown) |
-                                        bit(SharedPathNameFlag::FileExists);
-        cacheFlags(known | storage, known | (*answer ? storage : 0));
+        constexpr std::uint32_t kKnown = bit(SharedPathNameFlag::StorageKnown) |
+                                         bit(SharedPathNameFlag::FileExistsKnown) |
+                                         bit(SharedPathNameFlag::FileExists);
+        cacheFlags(kKnown | kStorage, kKnown | (*answer ? kStorage : 0));
     }
     return answer;
 }

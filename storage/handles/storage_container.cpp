@@ -26,7 +26,7 @@ RootTables& Vexel::Detail::rootTables() {
         AtExit& operator=(const AtExit&) = delete;
         ~AtExit() { tables.closeTemporaryRoots(); }
     };
-    static const AtExit atExit;
+    static const AtExit kAtExit;
     return tables;
 }
 

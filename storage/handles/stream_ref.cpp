@@ -158,10 +158,10 @@ long StreamRef::copyTo(StreamRef& target) {
     if (const HRESULT status = moveToStart(*from.Get()); FAILED(status))
         return status;
     const HRESULT ready = moveToStart(*to.Get());
-    constexpr ULARGE_INTEGER everything{.QuadPart = ~0ULL};
+    constexpr ULARGE_INTEGER kEverything{.QuadPart = ~0ULL};
     ULARGE_INTEGER written{};
     const HRESULT copied =
-        FAILED(ready) ? ready : outcomeOf(from->CopyTo(to.Get(), everything, nullptr, &written));
+        FAILED(ready) ? ready : outcomeOf(from->CopyTo(to.Get(), kEverything, nullptr, &written));
     unsigned long long reached = 0;
     Vexel::Detail::seek(from.Get(), STREAM_SEEK_SET, before, reached);
     if (FAILED(ready))
@@ -203,8 +203,8 @@ unsigned long long StreamRef::Seek(SeekPosition origin, long long offset) {
         return Vexel::Detail::position(com);
     // Some versions of the system's storage accept positions before the start, as huge numbers, and beyond
     // 4 GiB, and end the process in the read that follows.
-    constexpr unsigned long long highestSafe = 0xFFFFFFFF;
-    if (format() != StorageFormat::CompoundFile || reached <= highestSafe || reached <= size())
+    constexpr unsigned long long kHighestSafe = 0xFFFFFFFF;
+    if (format() != StorageFormat::CompoundFile || reached <= kHighestSafe || reached <= size())
         return reached;
     // Asked for anew: the clean-up behind a size that cannot be asked lets others reopen the item.
     Vexel::Detail::seek(stream(), STREAM_SEEK_SET, static_cast<long long>(before), reached);

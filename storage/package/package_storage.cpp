@@ -17,7 +17,7 @@ using Vexel::Storage::SZipStorage;
 
 namespace {
 
-constexpr DWORD temporaryFlags = STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE;
+constexpr DWORD kTemporaryFlags = STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE;
 
 } // namespace
 
@@ -86,7 +86,7 @@ long VxNativePackage::makeTemporary() {
     if (keeper() && keeper()->isMakingFiles()) {
         name_ = TempFileContainer::Instance().insert(nullptr, L"grb", false, false);
         temporary_ = true; // the file is to be given back even if it cannot be made
-        return openArchive(temporaryFlags, true);
+        return openArchive(kTemporaryFlags, true);
     }
     Microsoft::WRL::ComPtr<SZipStorage> made;
     const HRESULT status = Vexel::Storage::createMemoryPackage(made.GetAddressOf());
@@ -151,7 +151,7 @@ long VxNativePackage::openRoot(DWORD stgm) { return openArchive(stgm, false); }
 long VxNativePackage::openArchive(DWORD stgm, bool silentDiscard) {
     return callTwice([&]() -> HRESULT {
         if (storage_)
-            return openedMeanwhile;
+            return kOpenedMeanwhile;
         Microsoft::WRL::ComPtr<SZipStorage> opened;
         const HRESULT status =
             Vexel::Storage::openPackage(name_.asString(), stgm, silentDiscard, opened.GetAddressOf());

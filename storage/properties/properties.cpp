@@ -25,7 +25,7 @@ using Detail::withStatus;
 namespace {
 
 // No stream of a document comes near it.
-constexpr unsigned long long largestStream = 64ULL << 20;
+constexpr unsigned long long kLargestStream = 64ULL << 20;
 
 SharedPathName streamOf(REFFMTID format) {
     std::array<wchar_t, CCH_MAX_PROPSTG_NAME + 1> name{};
@@ -39,7 +39,7 @@ HRESULT load(const StorageRef& storage, REFFMTID format, std::vector<unsigned ch
     if (const HRESULT status = stream.open(streamOf(format), storage, true); FAILED(status))
         return status;
     const auto size = stream.size();
-    if (size > largestStream)
+    if (size > kLargestStream)
         return STG_E_INVALIDHEADER;
     bytes.resize(static_cast<std::size_t>(size));
     return stream.ReadBytes(bytes.data(), size) == size ? S_OK : STG_E_READFAULT;
@@ -101,7 +101,7 @@ HRESULT rebuild(ByteView old, REFFMTID format, const Change& change, std::vector
     if (section.isNewer())
         stream.makeNewer();
     bytes = stream.join();
-    return bytes.size() <= largestStream ? S_OK : STG_E_DOCFILETOOLARGE;
+    return bytes.size() <= kLargestStream ? S_OK : STG_E_DOCFILETOOLARGE;
 }
 
 HRESULT fill(StreamRef& stream, const std::vector<unsigned char>& bytes) {

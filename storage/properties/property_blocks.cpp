@@ -43,7 +43,7 @@ std::optional<Blocks> splitBlocks(ByteView whole, std::size_t tableEnd,
 void joinBlocks(Blocks& blocks, std::vector<unsigned char>& bytes) {
     appendBytes(bytes, blocks.gap.data(), blocks.gap.size());
     for (Block* const block : inOrder(blocks.list)) {
-        const std::size_t place = block->offset == newBlock ? 0 : block->offset % 4;
+        const std::size_t place = block->offset == kNewBlock ? 0 : block->offset % 4;
         while (bytes.size() % 4 != place)
             bytes.push_back(0);
         block->offset = bytes.size();

@@ -44,7 +44,7 @@ struct Block {
 };
 
 /// The offset of a block that has not been in the table before.
-inline constexpr std::size_t newBlock = ~std::size_t{0};
+inline constexpr std::size_t kNewBlock = ~std::size_t{0};
 
 struct Blocks {
     ByteView gap; ///< between the table and the first block

@@ -17,12 +17,12 @@ namespace {
 // The names are the value of number 0, without a type: how many (4), and for each the property's number (4),
 // the length with the terminating zero (4) in bytes or, of wide ones, characters, and so many; wide ones are
 // padded.
-constexpr std::size_t sectionHeader = 8;
-constexpr std::size_t entrySize = 8;
-constexpr PROPID firstReserved = 0x80000000;
-constexpr int longestOldName = 255; // in the first version of the format
+constexpr std::size_t kSectionHeader = 8;
+constexpr std::size_t kEntrySize = 8;
+constexpr PROPID kFirstReserved = 0x80000000;
+constexpr int kLongestOldName = 255; // in the first version of the format
 
-bool isOrdinary(PROPID id) noexcept { return id >= PID_FIRST_USABLE && id < firstReserved; }
+bool isOrdinary(PROPID id) noexcept { return id >= PID_FIRST_USABLE && id < kFirstReserved; }
 
 struct Name {
     PROPID id = 0;
@@ -67,7 +67,7 @@ std::optional<std::string> narrowed(const CStringW& text, UINT codePage) {
 
 bool encodeName(PROPID id, const CStringW& name, UINT codePage, std::vector<unsigned char>& bytes) {
     appendNumber(bytes, id);
-    if (codePage == wideCodePage) {
+    if (codePage == kWideCodePage) {
         const auto units = static_cast<std::size_t>(name.GetLength()) + 1;
         appendNumber(bytes, units);
         appendBytes(bytes, name.GetString(), units * sizeof(wchar_t));
@@ -98,33 +98,33 @@ bool areDistinct(const PropertyNames& names) {
 PropertySection::PropertySection() {
     std::vector<unsigned char> value;
     appendNumber(value, VT_I2);
-    appendNumber(value, wideCodePage);
+    appendNumber(value, kWideCodePage);
     put(PID_CODEPAGE, std::move(value));
 }
 
 bool PropertySection::split(ByteView section) {
-    if (!has(section, 0, sectionHeader))
+    if (!has(section, 0, kSectionHeader))
         return false;
     const std::uint32_t count = numberAt(section, 4);
-    if (!has(section, sectionHeader, std::uint64_t{count} * entrySize))
+    if (!has(section, kSectionHeader, std::uint64_t{count} * kEntrySize))
         return false;
     ids_.clear();
     places_.clear();
     std::vector<std::size_t> offsets;
     for (std::uint32_t i = 0; i < count; ++i) {
-        const std::size_t entry = sectionHeader + i * entrySize;
+        const std::size_t entry = kSectionHeader + i * kEntrySize;
         places_.emplace(numberAt(section, entry), ids_.size());
         ids_.push_back(numberAt(section, entry));
         offsets.push_back(numberAt(section, entry + 4));
     }
-    auto blocks = splitBlocks(section, sectionHeader + count * entrySize, offsets);
+    auto blocks = splitBlocks(section, kSectionHeader + count * kEntrySize, offsets);
     if (!blocks)
         return false;
     blocks_ = std::move(*blocks);
     made_.clear();
     const ByteView page = find(PID_CODEPAGE);
     codePage_ = has(page, 0, 6) && numberAt(page, 0) == VT_I2 ? UINT{page[4]} | UINT{page[5]} << 8U : CP_ACP;
-    if (codePage_ != wideCodePage && !IsValidCodePage(codePage_))
+    if (codePage_ != kWideCodePage && !IsValidCodePage(codePage_))
         codePage_ = CP_ACP;
     return true;
 }
@@ -142,7 +142,7 @@ void PropertySection::put(PROPID id, std::vector<unsigned char>&& bytes) {
     }
     places_.emplace(id, ids_.size());
     ids_.push_back(id);
-    blocks_.list.push_back({newBlock, kept});
+    blocks_.list.push_back({kNewBlock, kept});
 }
 
 bool PropertySection::decode(Properties& properties) const {
@@ -156,7 +156,7 @@ bool PropertySection::decodeNames(PropertyNames& names) const {
     const ByteView bytes = find(PID_DICTIONARY);
     if (bytes.empty())
         return true;
-    const auto split = splitNames(bytes, codePage_ == wideCodePage);
+    const auto split = splitNames(bytes, codePage_ == kWideCodePage);
     if (!split)
         return false;
     for (const Name& name : *split)
@@ -195,7 +195,7 @@ bool PropertySection::setNames(const PropertyNames& names) {
     PropertyNames all;
     const ByteView old = find(PID_DICTIONARY);
     const auto entries =
-        old.empty() ? std::optional(std::vector<Name>()) : splitNames(old, codePage_ == wideCodePage);
+        old.empty() ? std::optional(std::vector<Name>()) : splitNames(old, codePage_ == kWideCodePage);
     if (!entries || !decodeNames(all))
         return false;
     std::vector<unsigned char> added;
@@ -208,7 +208,7 @@ bool PropertySection::setNames(const PropertyNames& names) {
         if (!encodeName(id, name, codePage_, added))
             return false;
         changed[id] = all[id] = name;
-        isNewer_ = isNewer_ || name.GetLength() > longestOldName;
+        isNewer_ = isNewer_ || name.GetLength() > kLongestOldName;
     }
     if (changed.empty())
         return true;
@@ -224,7 +224,7 @@ bool PropertySection::setNames(const PropertyNames& names) {
 }
 
 std::vector<unsigned char> PropertySection::join() {
-    std::vector<unsigned char> section(sectionHeader + ids_.size() * entrySize);
+    std::vector<unsigned char> section(kSectionHeader + ids_.size() * kEntrySize);
     joinBlocks(blocks_, section);
     padToFour(section);
     std::vector<unsigned char> table;

@@ -11,41 +11,41 @@ namespace {
 
 // Header (28 bytes): byte order (2), version (2), system (4), class (16), number of sets (4). Then for each
 // set its format (16) and where its section begins (4), and then the sections, which begin with their size.
-constexpr std::size_t headerSize = 28;
-constexpr std::size_t entrySize = 20;
-constexpr std::size_t smallestSection = 8;
-constexpr std::uint32_t byteOrder = 0xFFFE;
-constexpr std::uint32_t newestVersion = 1;
-constexpr std::uint32_t system = 2U << 16 | 10; // Windows 10
-constexpr std::uint32_t mostSets = 2;
+constexpr std::size_t kHeaderSize = 28;
+constexpr std::size_t kEntrySize = 20;
+constexpr std::size_t kSmallestSection = 8;
+constexpr std::uint32_t kByteOrder = 0xFFFE;
+constexpr std::uint32_t kNewestVersion = 1;
+constexpr std::uint32_t kSystem = 2U << 16 | 10; // Windows 10
+constexpr std::uint32_t kMostSets = 2;
 
 /// The number of sets; 0 when the stream is none, or its table is cut off.
 std::uint32_t countSets(ByteView stream) noexcept {
-    if (!has(stream, 0, headerSize) || (numberAt(stream, 0) & 0xFFFF) != byteOrder ||
-        numberAt(stream, 0) >> 16 > newestVersion)
+    if (!has(stream, 0, kHeaderSize) || (numberAt(stream, 0) & 0xFFFF) != kByteOrder ||
+        numberAt(stream, 0) >> 16 > kNewestVersion)
         return 0;
-    const std::uint32_t count = numberAt(stream, headerSize - 4);
-    return count <= mostSets && has(stream, headerSize, std::uint64_t{count} * entrySize) ? count : 0;
+    const std::uint32_t count = numberAt(stream, kHeaderSize - 4);
+    return count <= kMostSets && has(stream, kHeaderSize, std::uint64_t{count} * kEntrySize) ? count : 0;
 }
 
 FMTID formatAt(ByteView stream, std::size_t index) noexcept {
     FMTID format{};
-    std::memcpy(&format, stream.data() + headerSize + index * entrySize, sizeof format);
+    std::memcpy(&format, stream.data() + kHeaderSize + index * kEntrySize, sizeof format);
     return format;
 }
 
 std::size_t offsetAt(ByteView stream, std::size_t index) noexcept {
-    return numberAt(stream, headerSize + index * entrySize + sizeof(FMTID));
+    return numberAt(stream, kHeaderSize + index * kEntrySize + sizeof(FMTID));
 }
 
 /// The section at the begin of the bytes, empty when it is damaged. Some writers count the padding of the
 /// last value without writing it.
 ByteView sectionAt(ByteView bytes) noexcept {
-    constexpr std::size_t padding = 3;
-    if (bytes.size() < smallestSection)
+    constexpr std::size_t kPadding = 3;
+    if (bytes.size() < kSmallestSection)
         return {};
     const std::size_t size = numberAt(bytes, 0);
-    if (size < smallestSection || size > bytes.size() + padding)
+    if (size < kSmallestSection || size > bytes.size() + kPadding)
         return {};
     return bytes.first((std::min)(size, bytes.size()));
 }
@@ -77,10 +77,10 @@ bool PropertyStream::split(ByteView stream) {
         formats_.push_back(formatAt(stream, i));
         offsets.push_back(offsetAt(stream, i));
     }
-    auto blocks = splitBlocks(stream, headerSize + count * entrySize, offsets);
+    auto blocks = splitBlocks(stream, kHeaderSize + count * kEntrySize, offsets);
     if (!blocks || (count > 1 && formats_.front() == formats_.back()))
         return false;
-    header_ = stream.first(headerSize);
+    header_ = stream.first(kHeaderSize);
     version_ = numberAt(stream, 0) >> 16;
     blocks_ = std::move(*blocks);
     return std::ranges::all_of(blocks_.list, [](const Block& block) {
@@ -126,21 +126,21 @@ bool PropertyStream::put(REFFMTID format, std::vector<unsigned char>&& section) 
 
 void PropertyStream::add(REFFMTID format, std::vector<unsigned char>&& section) {
     formats_.push_back(format);
-    blocks_.list.push_back({newBlock, made_.emplace_back(std::move(section))});
+    blocks_.list.push_back({kNewBlock, made_.emplace_back(std::move(section))});
 }
 
 std::vector<unsigned char> PropertyStream::join() {
     std::vector<unsigned char> stream;
-    appendNumber(stream, byteOrder | version_ << 16);
+    appendNumber(stream, kByteOrder | version_ << 16);
     if (header_.empty()) {
-        appendNumber(stream, system);
-        stream.resize(headerSize - 4); // no class
+        appendNumber(stream, kSystem);
+        stream.resize(kHeaderSize - 4); // no class
     } else {
-        appendBytes(stream, header_.data() + 4, headerSize - 8);
+        appendBytes(stream, header_.data() + 4, kHeaderSize - 8);
     }
     appendNumber(stream, formats_.size());
     const std::size_t table = stream.size();
-    stream.resize(table + formats_.size() * entrySize);
+    stream.resize(table + formats_.size() * kEntrySize);
     joinBlocks(blocks_, stream);
     std::vector<unsigned char> entries;
     for (std::size_t i = 0; i < formats_.size(); ++i) {

@@ -167,7 +167,7 @@ private:
         ByteView bytes;
         if (!takeCounted(bytes, type == VT_LPWSTR ? sizeof(wchar_t) : 1))
             return nullptr;
-        return taskText(decodeText(bytes, type == VT_LPWSTR ? wideCodePage : codePage_));
+        return taskText(decodeText(bytes, type == VT_LPWSTR ? kWideCodePage : codePage_));
     }
 
     bool readText(std::uint32_t type, PROPVARIANT& value) {
@@ -373,7 +373,7 @@ CStringW wideText(ByteView bytes) {
 } // namespace
 
 CStringW decodeText(ByteView bytes, UINT codePage) {
-    if (codePage == wideCodePage)
+    if (codePage == kWideCodePage)
         return wideText(bytes);
     std::wstring wide(bytes.size() + 1, L'\0'); // no code page makes more of it
     MultiByteToWideChar(codePage, 0, reinterpret_cast<const char*>(bytes.data()),

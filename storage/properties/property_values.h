@@ -11,7 +11,7 @@
 /// multiple of four. All functions throw std::bad_alloc.
 namespace Vexel::Detail {
 
-inline constexpr UINT wideCodePage = 1200; ///< says that the strings of a section are wide
+inline constexpr UINT kWideCodePage = 1200; ///< says that the strings of a section are wide
 
 /// Text up to its first zero.
 CStringW decodeText(ByteView bytes, UINT codePage);

@@ -12,8 +12,8 @@ namespace Vexel::Detail {
 /// Whether an element of a file of this format may be made under the name. Not every version of the system's
 /// storage refuses what others then cannot open.
 inline bool isElementName(StorageFormat format, std::wstring_view name) noexcept {
-    constexpr size_t longest = 31;
-    return format != StorageFormat::CompoundFile || (!name.empty() && name.size() <= longest &&
+    constexpr size_t kLongest = 31;
+    return format != StorageFormat::CompoundFile || (!name.empty() && name.size() <= kLongest &&
                                                      name.find_first_of(L"/\\:!") == std::wstring_view::npos);
 }
 

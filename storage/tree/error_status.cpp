@@ -11,7 +11,7 @@ HRESULT Vexel::Detail::statusOf(const std::error_code& error) noexcept {
     if (error.category() == std::system_category())
         return HRESULT_FROM_WIN32(static_cast<DWORD>(error.value()));
 
-    static constexpr std::pair<std::errc, HRESULT> conditions[] = {
+    static constexpr std::pair<std::errc, HRESULT> kConditions[] = {
         {std::errc::no_such_file_or_directory, STG_E_FILENOTFOUND},
         {std::errc::not_enough_memory, STG_E_INSUFFICIENTMEMORY},
         {std::errc::permission_denied, STG_E_ACCESSDENIED},
@@ -21,7 +21,7 @@ HRESULT Vexel::Detail::statusOf(const std::error_code& error) noexcept {
         {std::errc::too_many_files_open, STG_E_TOOMANYOPENFILES},
         {std::errc::filename_too_long, STG_E_INVALIDNAME},
     };
-    for (const auto& [condition, status] : conditions) {
+    for (const auto& [condition, status] : kConditions) {
         if (error == condition)
             return status;
     }
@@ -29,6 +29,6 @@ HRESULT Vexel::Detail::statusOf(const std::error_code& error) noexcept {
 }
 
 bool Vexel::Detail::isExhausted(HRESULT status) noexcept {
-    constexpr HRESULT outOfMemory = 8; // whatever the facility
-    return status == STG_E_TOOMANYOPENFILES || (FAILED(status) && HRESULT_CODE(status) == outOfMemory);
+    constexpr HRESULT kOutOfMemory = 8; // whatever the facility
+    return status == STG_E_TOOMANYOPENFILES || (FAILED(status) && HRESULT_CODE(status) == kOutOfMemory);
 }

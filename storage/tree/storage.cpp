@@ -32,12 +32,12 @@ DWORD rootCreateFlags(bool convert, bool readOnly, bool keyed) {
     return common | STGM_NOSCRATCH | STGM_CREATE | STGM_SHARE_DENY_WRITE;
 }
 
-constexpr DWORD childFlags = STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE;
+constexpr DWORD kChildFlags = STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE;
 
 /// The children of this storage stay open while their file is: they are opened and dropped all the time.
 bool holdsChildrenOpen(const VxStorage* parent) {
-    static const SharedPathName fileLinks = Vexel::Detail::elementName(L"FileLinks");
-    return parent && parent->name() == fileLinks;
+    static const SharedPathName kFileLinks = Vexel::Detail::elementName(L"FileLinks");
+    return parent && parent->name() == kFileLinks;
 }
 
 } // namespace
@@ -181,12 +181,12 @@ long VxStorage::openInParent(bool readOnly) {
         return STG_E_INVALIDPARAMETER;
     const HRESULT opened = parent_->callTwice([&]() -> HRESULT {
         if (storage_)
-            return openedMeanwhile;
+            return kOpenedMeanwhile;
         if (const HRESULT allowed = parent_->checkAccess(readOnly); FAILED(allowed))
             return allowed;
         return Vexel::Detail::fetch(storage_, [&](IStorage** made) {
             return parent_->storage_->OpenStorage(name_.asString(), nullptr,
-                                                  childFlags | accessFlags(readOnly), nullptr, 0, made);
+                                                  kChildFlags | accessFlags(readOnly), nullptr, 0, made);
         });
     });
     return Vexel::Detail::elementStatus(opened, format(), name_);
@@ -228,10 +228,10 @@ long VxStorage::createInParent(bool readOnly, bool replace) {
     }
     if (!Vexel::Detail::isElementName(format(), name_))
         return STG_E_INVALIDNAME;
-    const DWORD stgm = childFlags | STGM_READWRITE | (replace ? STGM_CREATE : 0);
+    const DWORD stgm = kChildFlags | STGM_READWRITE | (replace ? STGM_CREATE : 0);
     return parent_->callTwice([&]() -> HRESULT {
         if (storage_)
-            return openedMeanwhile;
+            return kOpenedMeanwhile;
         if (const HRESULT allowed = parent_->checkAccess(false); FAILED(allowed))
             return allowed;
         return Vexel::Detail::fetch(storage_, [&](IStorage** made) {

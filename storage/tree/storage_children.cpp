@@ -12,15 +12,15 @@ using Vexel::Detail::TreeLock;
 namespace {
 
 /// Far more levels than documents have. A tree is walked by recursion, and its depth comes from the file.
-constexpr int greatestDepth = 512;
+constexpr int kGreatestDepth = 512;
 
 bool mayHaveChildren(const VxStorage* storage) {
     int depth = 0;
-    while (storage && depth <= greatestDepth) {
+    while (storage && depth <= kGreatestDepth) {
         storage = storage->parent();
         ++depth;
     }
-    return depth <= greatestDepth;
+    return depth <= kGreatestDepth;
 }
 
 } // namespace
@@ -40,7 +40,7 @@ template <class Child>
 HRESULT VxStorage::findOrMake(const SharedPathName& name, Purpose purpose, ItemRef<Child>& child,
                               bool& made) {
     auto found = children_.find(name);
-    if (found != children_.end() && found->second->type() != Child::Type) {
+    if (found != children_.end() && found->second->type() != Child::kType) {
         found->second->deleteUnusedObjects(false);
         if (found->second->isUsed())
             return STG_E_INVALIDPARAMETER;

@@ -95,7 +95,7 @@ protected:
 
     /// What the inner functions of opening and creating return when another thread has opened the item while
     /// a clean-up ran: nothing was done then.
-    static constexpr HRESULT openedMeanwhile = STG_E_FILEALREADYEXISTS;
+    static constexpr HRESULT kOpenedMeanwhile = STG_E_FILEALREADYEXISTS;
 
     /// The keeper of the root; may be null.
     const Vexel::Detail::RootKeeper* keeper() const noexcept { return root_->keeper_; }
@@ -113,12 +113,12 @@ private:
 
 class VxStorage : public VxStorageItem {
 public:
-    static constexpr StorageType Type = StorageType::Storage;
+    static constexpr StorageType kType = StorageType::Storage;
     template <class Item>
     using ItemRef = Vexel::Detail::ItemRef<Item>;
 
     ~VxStorage() override;
-    StorageType type() const noexcept override { return Type; }
+    StorageType type() const noexcept override { return kType; }
     bool deleteUnusedObjects(bool keepObjects) override;
     void close() override;
     bool isUsed() const override;
@@ -141,7 +141,7 @@ public:
     virtual std::unique_ptr<VxStorageEnumerator> createEnumerator() = 0;
     virtual long clear() = 0;
     /// These two make and open a root's file with these STGM flags. On success they set the interface; on
-    /// failure it stays null. `reserved` is 0. They return `openedMeanwhile`, and change nothing, when the
+    /// failure it stays null. `reserved` is 0. They return `kOpenedMeanwhile`, and change nothing, when the
     /// root has an interface after a clean-up.
     virtual long createRoot(DWORD stgm, DWORD reserved) = 0;
     virtual long openRoot(DWORD stgm) = 0;
@@ -223,10 +223,10 @@ private:
 
 class VxStream : public VxStorageItem {
 public:
-    static constexpr StorageType Type = StorageType::Stream;
+    static constexpr StorageType kType = StorageType::Stream;
 
     ~VxStream() override;
-    StorageType type() const noexcept override { return Type; }
+    StorageType type() const noexcept override { return kType; }
     bool deleteUnusedObjects(bool keepObjects) override;
     void close() override;
     long commit() override;

@@ -148,7 +148,7 @@ long VxStream::openInParent(bool readOnly) {
     const DWORD stgm = STGM_SHARE_EXCLUSIVE | (readOnly ? STGM_READ : STGM_READWRITE);
     return parent_->callTwice([&]() -> HRESULT {
         if (stream_)
-            return openedMeanwhile;
+            return kOpenedMeanwhile;
         if (const HRESULT allowed = parent_->checkAccess(readOnly); FAILED(allowed))
             return allowed;
         // Packages succeed without a stream where the packed data go on behind the contents.
@@ -186,7 +186,7 @@ long VxStream::createInParent() {
         return STG_E_INVALIDNAME;
     return parent_->callTwice([&]() -> HRESULT {
         if (stream_)
-            return openedMeanwhile;
+            return kOpenedMeanwhile;
         if (const HRESULT allowed = parent_->checkAccess(false); FAILED(allowed))
             return allowed;
         return Vexel::Detail::fetch(stream_, [&](::IStream** made) {

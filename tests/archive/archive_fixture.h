@@ -24,7 +24,7 @@ class ArchiveTest : public testing::Test {
 protected:
     using SZipArchive = Vexel::Storage::SZipArchive;
 
-    void SetUp() override { path_ = folder_.file(L"a.7z"); }
+    void SetUp() override { archivePath = folder_.file(L"a.7z"); }
 
     static void fill(SZipArchive& archive, const Contents& contents) {
         for (const auto& [path, bytes] : contents)
@@ -33,18 +33,18 @@ protected:
                       S_OK);
     }
     /// Makes the file anew.
-    static void make(const Contents& contents, const std::wstring& path = path_) {
+    static void make(const Contents& contents, const std::wstring& path = archivePath) {
         SZipArchive archive(path, false, true);
         fill(archive, contents);
         EXPECT_EQ(archive.save(false), S_OK);
     }
-    static SZipArchive open(const std::wstring& path = path_, bool readOnly = false) {
+    static SZipArchive open(const std::wstring& path = archivePath, bool readOnly = false) {
         SZipArchive archive(path, readOnly, true);
         EXPECT_EQ(archive.reload(), S_OK);
         return archive;
     }
     /// What is in the file.
-    static Contents onDisk(const std::wstring& path = path_) {
+    static Contents onDisk(const std::wstring& path = archivePath) {
         SZipArchive archive = open(path, true);
         return statesOf(archive);
     }
@@ -60,7 +60,7 @@ protected:
     ArchiveFaults faults_;
     TempFolder folder_;
     LogCapture log_;
-    static inline std::wstring path_; // for what happens alongside a fault, too
+    static inline std::wstring archivePath; // for what happens alongside a fault, too
 };
 
 } // namespace Support

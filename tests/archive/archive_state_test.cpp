@@ -48,8 +48,8 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
           {"no size", ArchiveFaults::Size, ERROR_CRC, STG_E_INVALIDHEADER, VxLog_Error, size}}) {
         SCOPED_TRACE(fault.name);
         make({{L"old", "precious"}});
-        const std::string before = Support::readFile(path_);
-        SZipArchive archive(path_, false, true);
+        const std::string before = Support::readFile(archivePath);
+        SZipArchive archive(archivePath, false, true);
         ArchiveFaults::arm(fault.call, fault.error, 0, true);
         log_.clear();
         EXPECT_EQ(archive.reload(), fault.reloaded);
@@ -59,20 +59,20 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
         // The save itself would find nothing in its way.
         EXPECT_TRUE(FAILED(saveFailing(archive, fault.call, fault.error)));
-        EXPECT_EQ(Support::readFile(path_), before);
+        EXPECT_EQ(Support::readFile(archivePath), before);
         EXPECT_EQ(archive.save(false), S_OK);
         EXPECT_EQ(onDisk(), (Contents{{L"old", "precious"}, {L"new", "x"}}));
     }
 }
 
 TEST_F(State, NeverReplacesWhatIsNoArchive) {
-    Support::writeFile(path_, "This is text, and long enough to be looked at.");
-    SZipArchive archive(path_, false, true);
+    Support::writeFile(archivePath, "This is text, and long enough to be looked at.");
+    SZipArchive archive(archivePath, false, true);
     EXPECT_EQ(archive.reload(), STG_E_INVALIDHEADER);
     EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
-    EXPECT_EQ(Support::readFile(path_).substr(0, 12), "This is text");
-    EXPECT_TRUE(DeleteFileW(path_.c_str()));
+    EXPECT_EQ(Support::readFile(archivePath).substr(0, 12), "This is text");
+    EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
     EXPECT_EQ(archive.save(false), S_OK);
     EXPECT_EQ(onDisk(), (Contents{{L"new", "x"}}));
 }
@@ -108,7 +108,7 @@ TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
         std::string bytes;
         EXPECT_EQ(readItem(archive, L"cached", bytes), S_OK);
         EXPECT_EQ(writeItem(archive, L"new", "3"), S_OK);
-        ArchiveFaults::alongside = [] { DeleteFileW(path_.c_str()); };
+        ArchiveFaults::alongside = [] { DeleteFileW(archivePath.c_str()); };
         EXPECT_EQ(saveFailing(archive, loss.call, ERROR_PATH_NOT_FOUND, loss.skipped), STG_E_PATHNOTFOUND);
 
         const Contents rest{
@@ -140,10 +140,10 @@ TEST_F(State, NeverReplacesAFileThatIsNotTheOneItRead) {
     make({{L"a", "1"}});
     SZipArchive archive = open();
     EXPECT_EQ(writeItem(archive, L"a", "mine"), S_OK);
-    ArchiveFaults::alongside = [] { Support::writeFile(path_, "theirs, which is no archive at all"); };
+    ArchiveFaults::alongside = [] { Support::writeFile(archivePath, "theirs, which is no archive at all"); };
     EXPECT_EQ(saveFailing(archive, ArchiveFaults::Move, ERROR_SHARING_VIOLATION), STG_E_SHAREVIOLATION);
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
-    EXPECT_EQ(Support::readFile(path_).substr(0, 6), "theirs");
+    EXPECT_EQ(Support::readFile(archivePath).substr(0, 6), "theirs");
     // Elsewhere it can be saved.
     archive.setFileName(folder_.file(L"b.7z").c_str());
     EXPECT_EQ(archive.save(false), S_OK);
@@ -158,12 +158,12 @@ TEST_F(State, NeverReplacesAFileThatCameInPlaceOfTheOpenOne) {
     };
     SZipArchive archive = open();
     EXPECT_EQ(writeItem(archive, L"b", "2"), S_OK);
-    EXPECT_TRUE(MoveFileW(path_.c_str(), folder_.file(L"old.7z").c_str()));
+    EXPECT_TRUE(MoveFileW(archivePath.c_str(), folder_.file(L"old.7z").c_str()));
     make({{L"a", "9"}});
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
     EXPECT_EQ(onDisk(), (Contents{{L"a", "9"}}));
     // With nothing in its place all can still be had.
-    EXPECT_TRUE(DeleteFileW(path_.c_str()));
+    EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
     EXPECT_EQ(archive.save(false), S_OK);
     EXPECT_EQ(onDisk(), (Contents{{L"a", "1"}, {L"b", "2"}}));
 }
@@ -200,10 +200,10 @@ TEST_F(State, BorrowedDataOutliveAFailedSave) {
                 fill(*source, contents);
             else
                 EXPECT_EQ(source->reload(), S_OK);
-            DeleteFileW(path_.c_str());
+            DeleteFileW(archivePath.c_str());
             if (kind == Target::ReadAndCleared)
                 make({{L"old", "0"}});
-            SZipArchive target = kind == Target::MadeAnew ? SZipArchive(path_, false, true) : open();
+            SZipArchive target = kind == Target::MadeAnew ? SZipArchive(archivePath, false, true) : open();
             if (kind == Target::ReadAndCleared) {
                 EXPECT_EQ(target.clear(L""sv), S_OK);
             }
@@ -223,17 +223,17 @@ TEST_F(State, RefusesAFileThatAppearsLaterWithOtherKindsOfItems) {
     const Contents asDirectory{{L"x", Support::directoryMark}, {L"x/y", "below"}}, asFile{{L"x", "file"}};
     for (const bool isDirectory : {false, true}) {
         SCOPED_TRACE(isDirectory);
-        DeleteFileW(path_.c_str());
+        DeleteFileW(archivePath.c_str());
         const Contents& mine = isDirectory ? asDirectory : asFile;
         SZipArchive archive = open();
         fill(archive, mine);
         make(isDirectory ? asFile : asDirectory);
-        const std::string theirs = Support::readFile(path_);
+        const std::string theirs = Support::readFile(archivePath);
         EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
         EXPECT_EQ(statesOf(archive), mine);
         EXPECT_TRUE(archive.isChanged());
-        EXPECT_EQ(Support::readFile(path_), theirs);
-        EXPECT_TRUE(DeleteFileW(path_.c_str()));
+        EXPECT_EQ(Support::readFile(archivePath), theirs);
+        EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
         EXPECT_EQ(archive.save(false), S_OK);
         EXPECT_EQ(onDisk(), mine);
     }
@@ -260,7 +260,7 @@ TEST_F(State, AFailedReloadLosesNothing) {
     EXPECT_EQ(archive.remove(L"b"sv), S_OK);
     archive.setFileName(L"");
     EXPECT_EQ(archive.reload(), S_OK); // cannot be opened: taken for a new archive
-    archive.setFileName(path_.c_str());
+    archive.setFileName(archivePath.c_str());
     std::string bytes;
     EXPECT_EQ(readItem(archive, L"a", bytes), STG_E_FILENOTFOUND);
     EXPECT_EQ(readItem(archive, L"c", bytes), S_OK);

@@ -39,14 +39,14 @@ TEST(PathElements, AreEncodedAndDecoded) {
     }
 }
 
-constexpr const char* directory = Support::directoryMark;
+constexpr const char* kDirectory = Support::directoryMark;
 
 using Archive = Support::ArchiveTest;
 
 TEST_F(Archive, KeepsTheTimesOfItems) {
     const FILETIME created{0x12345678, 0x01D00000};
     {
-        SZipArchive archive(path_, false, false);
+        SZipArchive archive(archivePath, false, false);
         fill(archive, {{L"A", "upper"}, {L"a", "lower"}});
         archive.item(L"A"sv)->setCreationTime(created);
         archive.item(L"A"sv)->touch();
@@ -55,7 +55,7 @@ TEST_F(Archive, KeepsTheTimesOfItems) {
         archive.item(L"a"sv)->setModificationTime(created); // and nothing else
         EXPECT_EQ(archive.save(false), S_OK);
     }
-    const SZipArchive archive = open(path_, true);
+    const SZipArchive archive = open(archivePath, true);
     const FILETIME creation = archive.item(L"A"sv)->creationFileTime();
     const FILETIME modification = archive.item(L"a"sv)->modificationFileTime();
     EXPECT_EQ(CompareFileTime(&created, &creation), 0);
@@ -72,7 +72,7 @@ TEST_F(Archive, TellsTheTimesOfItsFile) {
     FILETIME times[3];
     {
         const Vexel::Detail::FileHandle file(
-            CreateFileW(path_.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
+            CreateFileW(archivePath.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
         ASSERT_TRUE(SetFileTime(file.get(), &set[0], &set[2], &set[1]));
     }
     const SZipArchive archive = open();
@@ -84,30 +84,31 @@ TEST_F(Archive, TellsTheTimesOfItsFile) {
 
 TEST_F(Archive, WarnsOfLostChangesOnly) {
     for (const auto& [path, silent] :
-         {std::pair(path_, false), std::pair(path_, true), std::pair(std::wstring(), false)}) {
+         {std::pair(archivePath, false), std::pair(archivePath, true), std::pair(std::wstring(), false)}) {
         SZipArchive archive(path, false, silent);
         writeItem(archive, L"a", "x");
     }
-    EXPECT_EQ(log_.count(VxLog_Warning, L"Destroying unsaved archive \"" + path_ + L"\""), 1);
-    EXPECT_FALSE(std::filesystem::exists(path_));
+    EXPECT_EQ(log_.count(VxLog_Warning, L"Destroying unsaved archive \"" + archivePath + L"\""), 1);
+    EXPECT_FALSE(std::filesystem::exists(archivePath));
 }
 
 TEST_F(Archive, OpeningReportsWhatIsThere) {
-    SZipArchive missing(path_, true, false);
+    SZipArchive missing(archivePath, true, false);
     EXPECT_EQ(missing.reload(), STG_E_FILENOTFOUND);
-    EXPECT_EQ(log_.count(VxLog_Minor, L"Failed to open file \"" + path_ + L"\": 0x00000002"), 1);
+    EXPECT_EQ(log_.count(VxLog_Minor, L"Failed to open file \"" + archivePath + L"\": 0x00000002"), 1);
     EXPECT_FALSE(missing.fileTimes(nullptr, nullptr, nullptr));
 
     for (const char* const bytes : {"This is text, and long enough to be looked at.", "7z"}) {
-        Support::writeFile(path_, bytes);
-        EXPECT_EQ(SZipArchive(path_, false, false).reload(), STG_E_INVALIDHEADER);
+        Support::writeFile(archivePath, bytes);
+        EXPECT_EQ(SZipArchive(archivePath, false, false).reload(), STG_E_INVALIDHEADER);
     }
-    EXPECT_EQ(log_.count(VxLog_Trace, L"Failed to open \"" + path_ + L"\" as an archive: 0x00000001"), 2);
+    EXPECT_EQ(log_.count(VxLog_Trace, L"Failed to open \"" + archivePath + L"\" as an archive: 0x00000001"),
+              2);
 }
 
 TEST_F(Archive, ReadOnlyRefusesEveryChange) {
-    make({{L"d", directory}, {L"a", "x"}});
-    SZipArchive archive = open(path_, true);
+    make({{L"d", kDirectory}, {L"a", "x"}});
+    SZipArchive archive = open(archivePath, true);
     SZipArchive other(L"", false, false);
     ComPtr<IStream> stream;
     EXPECT_EQ(archive.extractFile(&stream, L"a"sv), S_OK);
@@ -122,7 +123,7 @@ TEST_F(Archive, ReadOnlyRefusesEveryChange) {
 }
 
 TEST_F(Archive, ChangesReportWhatStandsInTheWay) {
-    make({{L"d", directory}, {L"d/x", "1"}, {L"d/e", directory}, {L"d/e/y", "2"}, {L"d-e", "3"}});
+    make({{L"d", kDirectory}, {L"d/x", "1"}, {L"d/e", kDirectory}, {L"d/e/y", "2"}, {L"d-e", "3"}});
     SZipArchive archive = open();
     ComPtr<IStream> stream;
     EXPECT_EQ(archive.createFile(nullptr, L"b", false, false), STG_E_INVALIDPOINTER);
@@ -149,7 +150,7 @@ TEST_F(Archive, ChangesReportWhatStandsInTheWay) {
     EXPECT_EQ(archive.createDirectory(L"f/e", false, true), S_OK);
     EXPECT_EQ(archive.save(false), S_OK);
     EXPECT_EQ(statesOf(archive),
-              (Contents{{L"f", directory}, {L"f/x", "1"}, {L"f/e", directory}, {L"d-e", "3"}}));
+              (Contents{{L"f", kDirectory}, {L"f/x", "1"}, {L"f/e", kDirectory}, {L"d-e", "3"}}));
     EXPECT_EQ(archive.clear(L""sv), S_OK);
     EXPECT_TRUE(archive.isEmpty());
     EXPECT_TRUE(archive.isChanged());
@@ -180,7 +181,7 @@ TEST_F(Archive, StreamsOfAnItemShareItsContents) {
 }
 
 TEST_F(Archive, FlushGivesBackOnlyWhatTheFileHasAndNobodyHolds) {
-    make({{L"d", directory}, {L"d/a", "0123"}, {L"b", "4567"}});
+    make({{L"d", kDirectory}, {L"d/a", "0123"}, {L"b", "4567"}});
     SZipArchive archive = open();
     EXPECT_EQ(writeItem(archive, L"b", "changed"), S_OK);
     for (const bool hold : {true, false}) {
@@ -199,7 +200,7 @@ TEST_F(Archive, FlushGivesBackOnlyWhatTheFileHasAndNobodyHolds) {
 }
 
 TEST_F(Archive, CopiesPackedDataOfASharedFile) {
-    make({{L"d", directory}, {L"d/a", "0123"}, {L"d/b", "4567"}, {L"c", "89"}});
+    make({{L"d", kDirectory}, {L"d/a", "0123"}, {L"d/b", "4567"}, {L"c", "89"}});
     SZipArchive source = open();
     EXPECT_EQ(writeItem(source, L"d/b", "changed"), S_OK);
     for (const bool borrow : {true, false}) {
@@ -215,14 +216,14 @@ TEST_F(Archive, CopiesPackedDataOfASharedFile) {
         EXPECT_EQ(target.flush(L""sv), S_OK); // gives back nothing that no file has
         EXPECT_EQ(target.save(false), S_OK);
         Contents expected = statesOf(source);
-        expected.insert({{L"copy", directory}, {L"copy/a", "0123"}, {L"copy/b", "changed"}});
+        expected.insert({{L"copy", kDirectory}, {L"copy/a", "0123"}, {L"copy/b", "changed"}});
         EXPECT_EQ(statesOf(target), expected);
         EXPECT_EQ(target.borrowPackedData(source), STG_E_INVALIDFUNCTION);
     }
 }
 
 TEST_F(Archive, ReadsFromAndSavesToStreams) {
-    make({{L"d", directory}, {L"d/a", "0123"}});
+    make({{L"d", kDirectory}, {L"d/a", "0123"}});
     SZipArchive file = open();
     EXPECT_EQ(writeItem(file, L"b", "new"), S_OK);
     const auto stream = Support::streamOf("");
@@ -269,14 +270,14 @@ TEST_F(Archive, PathsAreThoseThatStoragesLeadTo) {
     SZipArchive source(L"", false, true), archive(L"", false, true);
     ComPtr<IStream> stream;
     for (SZipArchive* each : {&source, &archive})
-        fill(*each, {{L"d", directory}, {L"f", "f"}});
-    constexpr HRESULT name = STG_E_INVALIDNAME, none = STG_E_FILENOTFOUND;
+        fill(*each, {{L"d", kDirectory}, {L"f", "f"}});
+    constexpr HRESULT kName = STG_E_INVALIDNAME, kNone = STG_E_FILENOTFOUND;
     const struct {
         const wchar_t* path;
         HRESULT createFile, others;
-    } cases[] = {{L"x/", name, name},   {L"/x", name, name},     {L"/", name, name},
-                 {L"d//x", name, name}, {L"d/x/", name, name},   {L"", name, name},
-                 {L"no/x", name, none}, {L"d/no/x", name, none}, {L"f/x", name, none}};
+    } cases[] = {{L"x/", kName, kName},   {L"/x", kName, kName},     {L"/", kName, kName},
+                 {L"d//x", kName, kName}, {L"d/x/", kName, kName},   {L"", kName, kName},
+                 {L"no/x", kName, kNone}, {L"d/no/x", kName, kNone}, {L"f/x", kName, kNone}};
     for (const auto& [path, file, others] : cases) {
         SCOPED_TRACE(testing::PrintToString(std::wstring(path)));
         EXPECT_EQ(archive.createFile(&stream, path, true, false), file);
@@ -289,7 +290,7 @@ TEST_F(Archive, PathsAreThoseThatStoragesLeadTo) {
     }
     ASSERT_EQ(writeItem(source, L"d/y", "y"), S_OK);
     EXPECT_EQ(archive.remove(L"d"sv), S_OK);
-    EXPECT_EQ(archive.addItems(source, L"d/y"), none);
+    EXPECT_EQ(archive.addItems(source, L"d/y"), kNone);
     EXPECT_EQ(archive.addItems(source, L"d"), S_OK);
 }
 

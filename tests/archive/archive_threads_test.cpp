@@ -94,17 +94,17 @@ TEST_F(ProcessEnd, LeavesNobodyToWaitFor) {
 
 // A thread was ended while it saved: what it was changing is left alone.
 TEST_F(ProcessEnd, LeavesAnUnfinishedSaveAlone) {
-    static const HANDLE saving = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    static const HANDLE ended = CreateEventW(nullptr, TRUE, FALSE, nullptr);
-    SZipArchive archive(path_, false, true);
+    static const HANDLE kSaving = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    static const HANDLE kEnded = CreateEventW(nullptr, TRUE, FALSE, nullptr);
+    SZipArchive archive(archivePath, false, true);
     fill(archive, {{L"a", "1"}});
     Support::ArchiveFaults::alongside = [] {
-        SetEvent(saving);
-        WaitForSingleObject(ended, INFINITE);
+        SetEvent(kSaving);
+        WaitForSingleObject(kEnded, INFINITE);
     };
     Support::ArchiveFaults::arm(Support::ArchiveFaults::Flush, ERROR_WRITE_FAULT, 0, false);
     std::thread saver([&] { EXPECT_TRUE(FAILED(archive.save(false))); });
-    WaitForSingleObject(saving, INFINITE);
+    WaitForSingleObject(kSaving, INFINITE);
     end();
     ComPtr<IStream> stream;
     SZipArchive other(L"", false, true);
@@ -122,7 +122,7 @@ TEST_F(ProcessEnd, LeavesAnUnfinishedSaveAlone) {
     EXPECT_FALSE(archive.fileTimes(nullptr, nullptr, nullptr));
     EXPECT_THROW(static_cast<void>(archive.nameOf(L"a")), std::bad_alloc);
     EXPECT_THROW(static_cast<void>(archive.childPath(L"", L"a")), std::bad_alloc);
-    SetEvent(ended);
+    SetEvent(kEnded);
     saver.join();
     EXPECT_EQ(archive.items().size(), 1U);
 }

@@ -234,8 +234,8 @@ std::string packedArchive(const Repeats& parts) {
 }
 
 TEST(DamagedArchives, TakeMemoryForWhatTheyHoldAlone) {
-    constexpr std::uint64_t much = 48 << 20;
-    constexpr std::uint64_t many = 4 << 20;
+    constexpr std::uint64_t kMuch = 48 << 20;
+    constexpr std::uint64_t kMany = 4 << 20;
     const std::string zero(1, '\0'), end = bytes({0, 0}), streams = bytes({1, 4});
     const auto nameless = [&](std::uint64_t count) {
         return Repeats{{bytes({1, 5}) + number(count) + bytes({0x0E}) + number(count / 8), 1},
@@ -251,39 +251,42 @@ TEST(DamagedArchives, TakeMemoryForWhatTheyHoldAlone) {
     };
     const std::string longName = std::string(800, 'n') + bytes({0, 0});
     const std::pair<const char*, Repeats> bombs[] = {
-        {"property of the archive", {{bytes({1, 2, 0x19}) + number(much), 1}, {zero, much}, {end, 1}}},
-        {"properties of the archive", {{bytes({1, 2}), 1}, {bytes({0x19, 1, 0}), much / 3}, {end, 1}}},
-        {"unknown property", {{bytes({1, 5, 0, 0x40}) + number(much), 1}, {zero, much}, {end, 1}}},
-        {"filler", {{bytes({1, 5, 0, 0x19}) + number(much), 1}, {zero, much}, {end, 1}}},
-        {"behind the end", {{bytes({1, 0}), 1}, {zero, much}}},
-        {"items without names", with(nameless(many), {{end, 1}})},
-        {"very many items", with(nameless(much), {{end, 1}})},
-        {"items of one name", named(many, bytes({'a', 0, 0, 0}))},
-        {"items of two names", named(many / 2, bytes({'a', 0, 0, 0, 'b', 0, 0, 0}))},
+        {"property of the archive", {{bytes({1, 2, 0x19}) + number(kMuch), 1}, {zero, kMuch}, {end, 1}}},
+        {"properties of the archive", {{bytes({1, 2}), 1}, {bytes({0x19, 1, 0}), kMuch / 3}, {end, 1}}},
+        {"unknown property", {{bytes({1, 5, 0, 0x40}) + number(kMuch), 1}, {zero, kMuch}, {end, 1}}},
+        {"filler", {{bytes({1, 5, 0, 0x19}) + number(kMuch), 1}, {zero, kMuch}, {end, 1}}},
+        {"behind the end", {{bytes({1, 0}), 1}, {zero, kMuch}}},
+        {"items without names", with(nameless(kMany), {{end, 1}})},
+        {"very many items", with(nameless(kMuch), {{end, 1}})},
+        {"items of one name", named(kMany, bytes({'a', 0, 0, 0}))},
+        {"items of two names", named(kMany / 2, bytes({'a', 0, 0, 0, 'b', 0, 0, 0}))},
         {"long names", named(60'000, longName)},
-        {"one very long name", named(8, std::string(much / 8, 'n') + end)},
-        {"times", with(nameless(many), {{bytes({0x12}) + number(8 * many + 2) + bytes({1, 0}), 1},
-                                        {std::string(8, 't'), many},
-                                        {end, 1}})},
+        {"one very long name", named(8, std::string(kMuch / 8, 'n') + end)},
+        {"times", with(nameless(kMany), {{bytes({0x12}) + number(8 * kMany + 2) + bytes({1, 0}), 1},
+                                         {std::string(8, 't'), kMany},
+                                         {end, 1}})},
         {"a time again and again",
-         {{bytes({1, 5, 1}), 1}, {bytes({0x12, 10, 1, 0, 1, 2, 3, 4, 5, 6, 7, 8}), many}, {end, 1}}},
+         {{bytes({1, 5, 1}), 1}, {bytes({0x12, 10, 1, 0, 1, 2, 3, 4, 5, 6, 7, 8}), kMany}, {end, 1}}},
         {"packed streams",
-         {{streams + bytes({6, 0}) + number(much) + bytes({9}), 1}, {zero, much}, {end, 1}}},
+         {{streams + bytes({6, 0}) + number(kMuch) + bytes({9}), 1}, {zero, kMuch}, {end, 1}}},
         {"checksums of packed streams",
-         {{streams + bytes({6, 0, 1, 9, 0}), 1}, {bytes({0x0A, 1, 1, 2, 3, 4}), much / 6}, {end, 1}}},
+         {{streams + bytes({6, 0, 1, 9, 0}), 1}, {bytes({0x0A, 1, 1, 2, 3, 4}), kMuch / 6}, {end, 1}}},
         {"folders",
-         {{streams + bytes({6, 0}) + number(many) + bytes({9}), 1},
-          {zero, many},
-          {bytes({0, 7, 11}) + number(many) + zero, 1},
-          {copyFolder, many},
+         {{streams + bytes({6, 0}) + number(kMany) + bytes({9}), 1},
+          {zero, kMany},
+          {bytes({0, 7, 11}) + number(kMany) + zero, 1},
+          {copyFolder, kMany},
           {"\x0C", 1},
-          {zero, many},
+          {zero, kMany},
           {end, 1}}},
         {"properties of a coder",
-         {{streams + packInfo(0) + bytes({7, 11, 1, 0, 1, 0x20}) + number(much), 1}, {zero, much}, {end, 1}}},
+         {{streams + packInfo(0) + bytes({7, 11, 1, 0, 1, 0x20}) + number(kMuch), 1},
+          {zero, kMuch},
+          {end, 1}}},
         {"streams of a folder",
-         {{streams + packInfo(0) + unpackInfo(copyFolder, 0) + bytes({8, 13}) + number(many) + bytes({9}), 1},
-          {zero, many},
+         {{streams + packInfo(0) + unpackInfo(copyFolder, 0) + bytes({8, 13}) + number(kMany) + bytes({9}),
+           1},
+          {zero, kMany},
           {end, 1}}},
     };
     for (const auto& [name, header] : bombs) {
@@ -364,7 +367,7 @@ struct Foreign {
     std::vector<std::wstring> log{}; // NOLINT(readability-redundant-member-init): GCC wants it
 };
 
-const Foreign foreignArchives[] = {
+const Foreign kForeignArchives[] = {
     {"no directories",
      {u"d/x", u"d/sub/y", u"top", u"d!/z"},
      {{L"d|x", u"d/x"}, {L"d|sub|y", u"d/sub/y"}, {L"top", u"top"}, {L"d!|z", u"d!/z"}}},
@@ -404,7 +407,7 @@ const Foreign foreignArchives[] = {
 };
 
 TEST(ForeignArchives, AreReachedAndSavedAsTheyAre) {
-    for (const Foreign& foreign : foreignArchives) {
+    for (const Foreign& foreign : kForeignArchives) {
         SCOPED_TRACE(foreign.name);
         std::string file = storedArchive(foreign.items);
         for (int round = 0; round < 2; ++round) {
@@ -434,7 +437,7 @@ TEST(ForeignArchives, OpenForReadingOnlyWhereAChangeWouldDropItems) {
     const LogCapture quiet;
     const Support::TempFolder folder;
     const std::wstring path = folder.file(L"f.7z");
-    for (const Foreign& foreign : foreignArchives) {
+    for (const Foreign& foreign : kForeignArchives) {
         SCOPED_TRACE(foreign.name);
         const std::string file = storedArchive(foreign.items);
         Support::writeFile(path, file);

@@ -24,24 +24,24 @@ std::string numbers() {
         lines += std::to_string(i) + "\n";
     return lines;
 }
-const Contents solidFiles{{L"d/a.txt", "first member, which stays"},
-                          {L"d/b.txt", numbers()},
-                          {L"d/e/c.txt", "last"},
-                          {L"empty", ""},
-                          {L"link", "d/a.txt"},
-                          {L"top", "x"}};
+const Contents kSolidFiles{{L"d/a.txt", "first member, which stays"},
+                           {L"d/b.txt", numbers()},
+                           {L"d/e/c.txt", "last"},
+                           {L"empty", ""},
+                           {L"link", "d/a.txt"},
+                           {L"top", "x"}};
 constexpr auto* kSolid = L"solid-without-directories.7z";
 
 class ForeignSaves : public Support::ArchiveTest {
 protected:
     void use(const wchar_t* sample) const {
-        DeleteFileW(path_.c_str());
-        std::filesystem::copy_file(Support::samplePath(sample), path_);
+        DeleteFileW(archivePath.c_str());
+        std::filesystem::copy_file(Support::samplePath(sample), archivePath);
     }
     std::shared_ptr<DatabaseStream> database() const {
         std::shared_ptr<DatabaseStream> database;
-        EXPECT_EQ(Vexel::Storage::Engine::openFile(path_.c_str(), database), S_OK);
-        EXPECT_EQ(database->read(path_.c_str()), S_OK);
+        EXPECT_EQ(Vexel::Storage::Engine::openFile(archivePath.c_str(), database), S_OK);
+        EXPECT_EQ(database->read(archivePath.c_str()), S_OK);
         return database;
     }
     static Contents filesOnDisk() {
@@ -51,12 +51,12 @@ protected:
     }
     /// Flips a bit in the middle of a solid folder's packed bytes.
     void damage() const {
-        std::string bytes = Support::readFile(path_);
+        std::string bytes = Support::readFile(archivePath);
         std::shared_ptr<DatabaseStream> whole = database();
         const std::uint64_t start = whole->database().GetFolderStreamPos(0, 0);
         bytes[start + whole->database().GetFolderFullPackSize(0) / 2] ^= 0x10;
         whole.reset(); // it holds the file
-        Support::writeFile(path_, bytes);
+        Support::writeFile(archivePath, bytes);
     }
 };
 
@@ -108,7 +108,7 @@ TEST_F(ForeignSaves, TakeASharedFolderApartThatIsNotKeptWhole) {
            true}}) {
         SCOPED_TRACE(change.name);
         use(kSolid);
-        Contents expected = solidFiles;
+        Contents expected = kSolidFiles;
         change.expect(expected);
         {
             SZipArchive archive = open();
@@ -116,7 +116,7 @@ TEST_F(ForeignSaves, TakeASharedFolderApartThatIsNotKeptWhole) {
             const auto copy = Vexel::Detail::adopt(new Vexel::Storage::InMemoryIStream());
             EXPECT_EQ(archive.save(copy.Get()), S_OK);
             EXPECT_EQ(archive.save(false), S_OK);
-            EXPECT_EQ(Support::bytesOf(copy.Get()), Support::readFile(path_));
+            EXPECT_EQ(Support::bytesOf(copy.Get()), Support::readFile(archivePath));
         }
         EXPECT_EQ(filesOnDisk(), expected);
         EXPECT_EQ(database()->hasSharedFolders(), change.isShared);
@@ -140,15 +140,15 @@ TEST_F(ForeignSaves, CopyItemsOfASharedFolderTwice) {
 TEST_F(ForeignSaves, LeaveAFileAloneWhoseFolderIsDamaged) {
     use(kSolid);
     damage();
-    const std::string before = Support::readFile(path_);
+    const std::string before = Support::readFile(archivePath);
     {
         SZipArchive archive = open();
         EXPECT_EQ(archive.remove(L"d/a.txt"sv), S_OK);
         EXPECT_TRUE(FAILED(archive.save(false)));
     }
-    EXPECT_GE(log_.count(VxLog_Error, L"in archive \"" + path_ + L"\""), 1);
-    EXPECT_EQ(Support::readFile(path_), before);
-    EXPECT_FALSE(std::filesystem::exists(path_ + L".7ztmp"));
+    EXPECT_GE(log_.count(VxLog_Error, L"in archive \"" + archivePath + L"\""), 1);
+    EXPECT_EQ(Support::readFile(archivePath), before);
+    EXPECT_FALSE(std::filesystem::exists(archivePath + L".7ztmp"));
     // What does not need the damaged contents goes on: the folder is kept whole, or nothing of it.
     {
         SZipArchive whole = open();

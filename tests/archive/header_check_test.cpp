@@ -138,7 +138,7 @@ TEST(HeaderCheck, PassesWhatTheEngineReads) {
 }
 
 TEST(HeaderCheck, RefusesWhatTheBytesCannotHold) {
-    constexpr std::uint64_t huge = 1ULL << 60;
+    constexpr std::uint64_t kHuge = 1ULL << 60;
     const std::string items = bytes({1, 5}), streams = bytes({1, 4}), one = packInfo(1);
     const std::string folder = one + unpackInfo(copyFolder, 1);
     const std::pair<const char*, std::string> headers[] = {
@@ -146,7 +146,7 @@ TEST(HeaderCheck, RefusesWhatTheBytesCannotHold) {
         {"packed streams", streams + bytes({6, 0}) + number(1 << 30) + bytes({9, 0, 0})},
         {"folders", streams + bytes({7, 11}) + number(1 << 30) + bytes({0, 1, 1, 0})},
         {"streams in a folder", streams + folder + bytes({8, 13}) + number(0x7FFFFFFF) + bytes({9, 0})},
-        {"packed header too large", packedHeader(lzmaFolder, 600, huge)},
+        {"packed header too large", packedHeader(lzmaFolder, 600, kHuge)},
         {"packed bytes behind the header", streams + packInfo(601) + unpackInfo(copyFolder, 601)},
         {"packed sizes that wrap", streams + bytes({6, 0, 2, 9}) + number(~0ULL) + bytes({2, 0, 0})},
         {"streams larger than their folder", streams + folder + bytes({8, 13, 2, 9, 2, 0, 0})},
@@ -158,7 +158,7 @@ TEST(HeaderCheck, RefusesWhatTheBytesCannotHold) {
         expectFault(name, archiveOf(std::string(600, 'x'), header), HeaderFault::Header);
 
     const std::pair<const char*, std::string> unsupported[] = {
-        {"2^60 items", items + number(huge) + bytes({0, 0})},
+        {"2^60 items", items + number(kHuge) + bytes({0, 0})},
         {"2^30 coders", streams + one + unpackInfo(number(1 << 30), 1)},
         {"output into a missing input", streams + one + unpackInfo(bytes({2, 1, 0, 1, 0, 2, 0}), 1)},
         {"item without its stream", items + bytes({1, 0, 0})},

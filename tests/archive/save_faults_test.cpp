@@ -46,16 +46,16 @@ struct Maker {
     const char* name;
     const wchar_t* sample; ///< null: by us
 };
-const Maker makers[] = {{"our own", nullptr},
-                        {"solid without directories", L"solid-without-directories.7z"},
-                        {"solid with anti-items", L"solid-with-anti-items.7z"}};
+const Maker kMakers[] = {{"our own", nullptr},
+                         {"solid without directories", L"solid-without-directories.7z"},
+                         {"solid with anti-items", L"solid-with-anti-items.7z"}};
 
 /// "empty" and "d/b.txt" are in all of them, the latter in a folder with others where these are shared.
 struct Change {
     const char* name;
     HRESULT (*apply)(SZipArchive& archive);
 };
-const Change changes[] = {
+const Change kChanges[] = {
     {"change", [](SZipArchive& a) { return writeItem(a, L"empty", "changed"); }},
     {"remove", [](SZipArchive& a) { return a.remove(L"d/b.txt"sv); }},
     {"move", [](SZipArchive& a) { return a.move(L"d/b.txt"sv, L"moved"sv); }},
@@ -73,7 +73,7 @@ const Change changes[] = {
     {"all",
      [](SZipArchive& a) {
          for (const unsigned i : {0U, 1U, 4U})
-             if (const HRESULT status = changes[i].apply(a); status != S_OK)
+             if (const HRESULT status = kChanges[i].apply(a); status != S_OK)
                  return status;
          return a.move(L"empty"sv, L"moved"sv);
      }},
@@ -84,11 +84,11 @@ protected:
     void SetUp() override {
         ArchiveTest::SetUp();
         Vexel::Detail::platform().flushFile = [](HANDLE) -> BOOL { return TRUE; }; // takes most of the time
-        use(makers[0]);
+        use(kMakers[0]);
     }
     void TearDown() override { AtMainAllocation(0, nullptr); }
 
-    void use(const Maker& maker, const Change& change = changes[5]) {
+    void use(const Maker& maker, const Change& change = kChanges[5]) {
         DeleteFileW(model_.c_str());
         if (maker.sample)
             std::filesystem::copy_file(Support::samplePath(maker.sample), model_);
@@ -109,8 +109,8 @@ protected:
         new_ = onDisk();
     }
     /// The old file, changed in memory.
-    SZipArchive changed(const Change& change = changes[5]) const {
-        EXPECT_TRUE(CopyFileW(model_.c_str(), path_.c_str(), FALSE));
+    SZipArchive changed(const Change& change = kChanges[5]) const {
+        EXPECT_TRUE(CopyFileW(model_.c_str(), archivePath.c_str(), FALSE));
         SZipArchive archive = open();
         EXPECT_EQ(change.apply(archive), S_OK);
         return archive;
@@ -119,9 +119,9 @@ protected:
     /// What holds after a save, however it ended. `isReplaced`: whether a failed one may have put the new
     /// file in its place.
     void verifySaved(SZipArchive& archive, HRESULT status, bool isReplaced = true, bool isTidy = true) {
-        const std::wstring temporary = path_ + L".7ztmp";
+        const std::wstring temporary = archivePath + L".7ztmp";
         EXPECT_TRUE(status == S_OK || FAILED(status));
-        if (readFile(path_) == oldBytes_) {
+        if (readFile(archivePath) == oldBytes_) {
             EXPECT_NE(status, S_OK);
         } else {
             EXPECT_TRUE(status == S_OK || isReplaced);
@@ -150,7 +150,7 @@ struct Fault {
     DWORD error;
     bool isAfterwards; ///< whether there are such calls after the file was replaced
 };
-const Fault faults[] = {
+const Fault kFaults[] = {
     {"create", ArchiveFaults::Create, ERROR_ACCESS_DENIED, true},
     {"size", ArchiveFaults::Size, ERROR_IO_DEVICE, true},
     {"read", ArchiveFaults::Read, ERROR_CRC, true},
@@ -180,7 +180,7 @@ protected:
         return hit && !HasFailure();
     }
     static bool isSwept(const Change& change, const Fault& fault, ArchiveFaults::Form form, bool forGood) {
-        if (&change != &changes[5]) // which meets no other calls than all together
+        if (&change != &kChanges[5]) // which meets no other calls than all together
             return form == ArchiveFaults::Error && forGood;
         return form <= ArchiveFaults::NoError || fault.call == ArchiveFaults::Read ||
                fault.call == ArchiveFaults::Write;
@@ -188,15 +188,15 @@ protected:
 };
 
 TEST_F(SweptSaves, NoFailingCallCostsADocument) {
-    constexpr ArchiveFaults::Form forms[] = {ArchiveFaults::Error, ArchiveFaults::NoError,
-                                             ArchiveFaults::Short, ArchiveFaults::Nothing};
-    for (const Maker& maker : makers) {
+    constexpr ArchiveFaults::Form kForms[] = {ArchiveFaults::Error, ArchiveFaults::NoError,
+                                              ArchiveFaults::Short, ArchiveFaults::Nothing};
+    for (const Maker& maker : kMakers) {
         SCOPED_TRACE(maker.name);
         use(maker);
-        for (const Change& change : changes) {
+        for (const Change& change : kChanges) {
             expect(change);
-            for (const Fault& fault : faults)
-                for (const auto form : forms)
+            for (const Fault& fault : kFaults)
+                for (const auto form : kForms)
                     for (const bool forGood : {true, false}) {
                         if (!isSwept(change, fault, form, forGood))
                             continue;
@@ -214,7 +214,8 @@ TEST_F(SweptSaves, NoFailingCallCostsADocument) {
 // The engine never cuts what it writes, but may.
 TEST_F(SaveFaults, ACutThatFailsFailsTheFile) {
     for (const auto call : {ArchiveFaults::SetEnd, ArchiveFaults::Position}) {
-        const auto file = Vexel::Detail::adopt(new Vexel::Storage::Engine::TemporaryFile(path_.c_str()));
+        const auto file =
+            Vexel::Detail::adopt(new Vexel::Storage::Engine::TemporaryFile(archivePath.c_str()));
         EXPECT_EQ(file->create(), S_OK);
         EXPECT_EQ(file->Write("0123", 4, nullptr), S_OK);
         ArchiveFaults::arm(call, 0, 0, false);
@@ -235,13 +236,13 @@ TEST_F(SaveFaults, HindrancesDoNoHarm) {
         SZipArchive archive = changed();
         Vexel::Detail::FileHandle other;
         if (hindrance == Hindrance::StaleTemporary)
-            Support::writeFile(path_ + L".7ztmp", std::string(1'000'000, '7'));
+            Support::writeFile(archivePath + L".7ztmp", std::string(1'000'000, '7'));
         if (hindrance == Hindrance::TemporaryStays) {
             ArchiveFaults::arm(ArchiveFaults::Move, ERROR_ACCESS_DENIED, 0, true);
             ArchiveFaults::arm(ArchiveFaults::Delete, ERROR_ACCESS_DENIED, 0, true);
         }
         if (hindrance == Hindrance::FileInUse)
-            other = Vexel::Detail::FileHandle(CreateFileW(path_.c_str(), GENERIC_READ, FILE_SHARE_READ,
+            other = Vexel::Detail::FileHandle(CreateFileW(archivePath.c_str(), GENERIC_READ, FILE_SHARE_READ,
                                                           nullptr, OPEN_EXISTING, 0, nullptr));
         const HRESULT status = archive.save(false);
         EXPECT_EQ(status, hindrance == Hindrance::StaleTemporary ? S_OK : STG_E_ACCESSDENIED);
@@ -252,7 +253,7 @@ TEST_F(SaveFaults, HindrancesDoNoHarm) {
 }
 
 TEST_F(ScarceMemory, NeverCostsADocument) {
-    for (const Maker& maker : {makers[0], makers[1]}) {
+    for (const Maker& maker : {kMakers[0], kMakers[1]}) {
         SCOPED_TRACE(maker.name);
         use(maker);
         for (const bool forGood : {false, true})

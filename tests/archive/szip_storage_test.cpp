@@ -26,8 +26,8 @@ using Vexel::Storage::SZipStorage;
 
 namespace {
 
-constexpr DWORD reading = STGM_READ | STGM_SHARE_EXCLUSIVE;
-constexpr DWORD writing = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+constexpr DWORD kReading = STGM_READ | STGM_SHARE_EXCLUSIVE;
+constexpr DWORD kWriting = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
 
 ComPtr<SZipStorage> inMemory() {
     ComPtr<SZipStorage> root;
@@ -43,13 +43,13 @@ ComPtr<SZipStorage> open(const std::wstring& file, DWORD mode) {
 
 ComPtr<IStorage> compound(const std::wstring& file) {
     ComPtr<IStorage> root;
-    EXPECT_EQ(StgCreateDocfile(file.c_str(), STGM_CREATE | writing, 0, &root), S_OK);
+    EXPECT_EQ(StgCreateDocfile(file.c_str(), STGM_CREATE | kWriting, 0, &root), S_OK);
     return root;
 }
 
 ComPtr<IStorage> newStorage(IStorage* parent, const wchar_t* name) {
     ComPtr<IStorage> storage;
-    EXPECT_EQ(parent->CreateStorage(name, writing, 0, 0, &storage), S_OK);
+    EXPECT_EQ(parent->CreateStorage(name, kWriting, 0, 0, &storage), S_OK);
     return storage;
 }
 ComPtr<IStorage> openStorage(IStorage* parent, const wchar_t* name, DWORD mode) {
@@ -60,13 +60,13 @@ ComPtr<IStorage> openStorage(IStorage* parent, const wchar_t* name, DWORD mode) 
 
 HRESULT write(IStorage* storage, const wchar_t* name, std::string_view bytes, DWORD flags = STGM_CREATE) {
     ComPtr<IStream> stream;
-    const HRESULT status = storage->CreateStream(name, flags | writing, 0, 0, &stream);
+    const HRESULT status = storage->CreateStream(name, flags | kWriting, 0, 0, &stream);
     return FAILED(status) ? status : stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
 }
 
 std::string read(IStorage* storage, const wchar_t* name) {
     ComPtr<IStream> stream;
-    const HRESULT status = storage->OpenStream(name, nullptr, reading, 0, &stream);
+    const HRESULT status = storage->OpenStream(name, nullptr, kReading, 0, &stream);
     return stream ? Support::bytesOf(stream.Get()) : "status " + std::to_string(status);
 }
 
@@ -92,7 +92,7 @@ std::string describe(IStorage* storage) {
         if (entry.type == STGTY_STREAM)
             children[entry.pwcsName] =
                 std::to_string(entry.cbSize.QuadPart) + ':' + read(storage, entry.pwcsName);
-        else if (SUCCEEDED(storage->OpenStorage(entry.pwcsName, nullptr, reading, nullptr, 0, &child)))
+        else if (SUCCEEDED(storage->OpenStorage(entry.pwcsName, nullptr, kReading, nullptr, 0, &child)))
             children[entry.pwcsName] = '{' + describe(child.Get()) + '}';
     }
     children.erase(L".clsid"); // where a package keeps what the system has in the directory entry
@@ -113,7 +113,7 @@ HRESULT sameFor(HRESULT status, bool isRename) {
 /// Cuts off what is behind the middle, or writes from there on.
 HRESULT change(IStorage* storage, const wchar_t* name, std::string_view bytes, bool cuts) {
     ComPtr<IStream> stream;
-    if (const HRESULT status = storage->OpenStream(name, nullptr, writing, 0, &stream); FAILED(status))
+    if (const HRESULT status = storage->OpenStream(name, nullptr, kWriting, 0, &stream); FAILED(status))
         return status;
     STATSTG info{};
     EXPECT_EQ(stream->Stat(&info, STATFLAG_NONAME), S_OK);
@@ -127,7 +127,7 @@ HRESULT change(IStorage* storage, const wchar_t* name, std::string_view bytes, b
 
 /// A script of the calls in which both agree, down to the status.
 std::vector<std::string> runScript(IStorage* root, unsigned seed) {
-    static constexpr const wchar_t* names[] = {L"a", L"b-c", L"b", L"b.d", L"100% so", L"x y"};
+    static constexpr const wchar_t* kNames[] = {L"a", L"b-c", L"b", L"b.d", L"100% so", L"x y"};
     std::mt19937 random(seed);
     const auto below = [&](unsigned n) { return static_cast<unsigned>(random() % n); };
     std::vector<std::string> statuses;
@@ -135,24 +135,24 @@ std::vector<std::string> runScript(IStorage* root, unsigned seed) {
         std::vector<ComPtr<IStorage>> way{root}; // the system's storages do not keep their parents
         for (unsigned depth = below(3); depth > 0; --depth) {
             ComPtr<IStorage> child;
-            if (FAILED(way.back()->OpenStorage(names[below(6)], nullptr, writing, nullptr, 0, &child)))
+            if (FAILED(way.back()->OpenStorage(kNames[below(6)], nullptr, kWriting, nullptr, 0, &child)))
                 break;
             way.push_back(child);
         }
         IStorage* const at = way.back().Get();
-        const wchar_t* const name = names[below(6)];
+        const wchar_t* const name = kNames[below(6)];
         const std::string bytes(below(6000), static_cast<char>('a' + i % 26));
         ComPtr<IStorage> storage;
         const unsigned kind = below(10);
         HRESULT status = S_OK;
         if (kind == 0)
-            status = sameFor(at->CreateStorage(name, writing, 0, 0, &storage), false);
+            status = sameFor(at->CreateStorage(name, kWriting, 0, 0, &storage), false);
         else if (kind == 1)
-            status = at->OpenStorage(name, nullptr, writing, nullptr, 0, &storage);
+            status = at->OpenStorage(name, nullptr, kWriting, nullptr, 0, &storage);
         else if (kind == 2)
             status = at->DestroyElement(name);
         else if (kind == 3)
-            status = sameFor(at->RenameElement(name, names[below(6)]), true);
+            status = sameFor(at->RenameElement(name, kNames[below(6)]), true);
         else if (kind == 4)
             status = at->SetClass(below(2) ? CLSID{i, 0, 0, {}} : CLSID_NULL);
         else if (kind == 5)
@@ -181,7 +181,7 @@ TEST(SZipStorage, DoesWhatTheSystemsStorageDoes) {
             ASSERT_EQ(found[i], expected[i]);
         ASSERT_EQ(describe(ours.Get()), describe(theirs.Get()));
         ASSERT_EQ(ours->Commit(STGC_DEFAULT), S_OK);
-        ours = open(file, reading);
+        ours = open(file, kReading);
         ASSERT_EQ(describe(ours.Get()), describe(theirs.Get()));
 
         // Into each other by their own means, and back.
@@ -202,18 +202,18 @@ TEST(SZipStorage, GivesTheStatusesItPromises) {
     const ComPtr<IStorage> d = newStorage(s, L"d");
     ComPtr<IStorage> storage;
     ComPtr<IStream> stream;
-    EXPECT_EQ(s->CreateStream(L"n", writing, 0, 1, &stream), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(s->OpenStream(L"a", s, writing, 0, &stream), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(s->CreateStorage(L"n", writing, 1, 0, &storage), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(s->OpenStorage(L"d", s, writing, nullptr, 0, &storage), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(s->OpenStorage(L"a", nullptr, writing, nullptr, 0, &storage), STG_E_FILENOTFOUND);
-    EXPECT_EQ(s->OpenStorage(L"d", nullptr, writing, nullptr, 0, nullptr), STG_E_INVALIDPOINTER);
+    EXPECT_EQ(s->CreateStream(L"n", kWriting, 0, 1, &stream), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(s->OpenStream(L"a", s, kWriting, 0, &stream), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(s->CreateStorage(L"n", kWriting, 1, 0, &storage), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(s->OpenStorage(L"d", s, kWriting, nullptr, 0, &storage), STG_E_INVALIDPARAMETER);
+    EXPECT_EQ(s->OpenStorage(L"a", nullptr, kWriting, nullptr, 0, &storage), STG_E_FILENOTFOUND);
+    EXPECT_EQ(s->OpenStorage(L"d", nullptr, kWriting, nullptr, 0, nullptr), STG_E_INVALIDPOINTER);
     EXPECT_EQ(s->EnumElements(0, nullptr, 0, nullptr), STG_E_INVALIDPOINTER);
     EXPECT_EQ(s->Revert(), E_NOTIMPL);
     EXPECT_EQ(s->SetElementTimes(L"nix", nullptr, nullptr, nullptr), S_OK);
     for (const wchar_t* const none : {L"", static_cast<const wchar_t*>(nullptr)})
         for (const HRESULT status :
-             {s->OpenStream(none, nullptr, writing, 0, &stream), s->DestroyElement(none),
+             {s->OpenStream(none, nullptr, kWriting, 0, &stream), s->DestroyElement(none),
               s->RenameElement(none, L"x"), s->RenameElement(L"a", none),
               s->MoveElementTo(none, s, L"b", STGMOVE_MOVE), s->MoveElementTo(L"a", s, none, STGMOVE_MOVE)})
             EXPECT_EQ(status, STG_E_INVALIDNAME);
@@ -247,13 +247,13 @@ TEST(SZipStorage, ReadsAndKeepsWhatTheModesSay) {
     std::filesystem::copy_file(Support::samplePath(L"plain-lzma2.7z"), file);
     ComPtr<SZipStorage> root;
     for (const auto& [mode, isRead] : {std::pair<DWORD, bool>{STGM_WRITE, false},
-                                       {STGM_CREATE | writing, false},
-                                       {STGM_CREATE | STGM_CONVERT | writing, true}}) {
+                                       {STGM_CREATE | kWriting, false},
+                                       {STGM_CREATE | STGM_CONVERT | kWriting, true}}) {
         root = open(file, mode);
         EXPECT_EQ(root->archive()->isEmpty(), !isRead) << mode;
     }
     STATSTG info{};
-    const ComPtr<IStorage> directory = openStorage(root.Get(), L"d", reading);
+    const ComPtr<IStorage> directory = openStorage(root.Get(), L"d", kReading);
     ASSERT_EQ(directory->Stat(&info, STATFLAG_NONAME), S_OK);
     EXPECT_NE(info.mtime.dwHighDateTime, 0U);
     EXPECT_EQ(info.ctime.dwHighDateTime, 0U) << "which is not stored";
@@ -263,11 +263,11 @@ TEST(SZipStorage, ReadsAndKeepsWhatTheModesSay) {
     EXPECT_EQ(write(directory.Get(), L".clsid", "short"), STG_E_ACCESSDENIED);
     EXPECT_EQ(write(root.Get(), L".clsid", "short"), S_OK);
     ComPtr<IStream> stream;
-    ASSERT_EQ(root->OpenStream(L".clsid", nullptr, reading, 0, &stream), S_OK);
+    ASSERT_EQ(root->OpenStream(L".clsid", nullptr, kReading, 0, &stream), S_OK);
     EXPECT_EQ(stream->Write("x", 1, nullptr), STG_E_ACCESSDENIED);
     ASSERT_EQ(root->Stat(&info, STATFLAG_NONAME), S_OK);
     EXPECT_EQ(info.clsid, CLSID_NULL);
-    open(folder.file(L"no\\p"), writing);
+    open(folder.file(L"no\\p"), kWriting);
 }
 
 TEST(SZipStorage, CopiesWhatIsAskedFor) {
@@ -304,7 +304,7 @@ TEST(SZipStorage, CopiesWhatIsAskedFor) {
     // Storages that take nothing, or nothing any more.
     const ComPtr<SZipStorage> other = inMemory();
     const ComPtr<IStorage> gone = newStorage(other.Get(), L"d"),
-                           reader = openStorage(other.Get(), L"d", reading);
+                           reader = openStorage(other.Get(), L"d", kReading);
     EXPECT_EQ(inMemory()->CopyTo(0, nullptr, nullptr, reader.Get()), STG_E_ACCESSDENIED) << "even of nothing";
     EXPECT_EQ(describe(reader.Get()), "class 0 ");
     EXPECT_EQ(write(gone.Get(), L"x", "x"), S_OK);
@@ -333,7 +333,7 @@ TEST(SZipStorage, MovesElementsToOtherPackages) {
     const LogCapture log;
     const Support::TempFolder folder;
     const std::wstring file = folder.file(L"a.7z");
-    ComPtr<SZipStorage> root = open(file, writing);
+    ComPtr<SZipStorage> root = open(file, kWriting);
     {
         const ComPtr<IStorage> outer = newStorage(root.Get(), L"outer"),
                                inner = newStorage(outer.Get(), L"inner");
@@ -349,12 +349,12 @@ TEST(SZipStorage, MovesElementsToOtherPackages) {
         bytes[34] ^= damaged; // the size of the first contents: there are more than there should be
         Support::writeFile(file, bytes);
         const ComPtr<SZipStorage> copied = inMemory(), moved = inMemory();
-        root = open(file, reading);
+        root = open(file, kReading);
         EXPECT_EQ(root->MoveElementTo(L"outer", copied.Get(), L"x", STGMOVE_MOVE), STG_E_ACCESSDENIED);
         EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, copied.Get()), damaged ? STG_E_READFAULT : S_OK);
         EXPECT_EQ(describe(copied.Get()), "class 0 " + (damaged ? rest : whole));
         root.Reset();
-        root = open(file, writing);
+        root = open(file, kWriting);
         EXPECT_EQ(root->MoveElementTo(L"outer", moved.Get(), L"outer", STGMOVE_MOVE),
                   damaged ? STG_E_READFAULT : S_OK);
         EXPECT_EQ(describe(moved.Get()), "class 0 " + (damaged ? rest : whole));
@@ -370,19 +370,19 @@ TEST(SZipStorage, MovesElementsToOtherPackages) {
 TEST(SZipStorage, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
     const Support::TempFolder folder;
     const std::wstring file = folder.file(L"a.7z");
-    ComPtr<SZipStorage> root = open(file, writing);
+    ComPtr<SZipStorage> root = open(file, kWriting);
     ASSERT_EQ(write(root.Get(), L"a/b\x05", "bytes"), S_OK);
     ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
-    root = open(file, reading);
+    root = open(file, kReading);
     ComPtr<IStream> opened, stream;
     ComPtr<IStorage> storage;
     for (const HRESULT status :
          {root->OpenStream(L"a/b\x05", nullptr, STGM_WRITE, 0, &stream), write(root.Get(), L"n", ""),
-          root->CreateStorage(L"d", writing, 0, 0, &storage), root->SetClass(CLSID_NULL),
+          root->CreateStorage(L"d", kWriting, 0, 0, &storage), root->SetClass(CLSID_NULL),
           root->DestroyElement(L"a/b\x05")})
         EXPECT_EQ(status, STG_E_ACCESSDENIED);
     EXPECT_EQ(root->Commit(STGC_DEFAULT), S_OK);
-    ASSERT_EQ(root->OpenStream(L"a/b\x05", nullptr, writing, 0, &opened), S_OK);
+    ASSERT_EQ(root->OpenStream(L"a/b\x05", nullptr, kWriting, 0, &opened), S_OK);
     ASSERT_EQ(opened->Clone(&stream), S_OK);
     opened.Reset();
     root.Reset();
@@ -429,7 +429,7 @@ TEST(SZipStorage, OpensPackagesInStreams) {
     EXPECT_EQ(Vexel::Storage::openPackage(writeOnly.Get(), root.GetAddressOf()), STG_E_ACCESSDENIED);
     EXPECT_EQ(Vexel::Storage::openPackage(static_cast<IStream*>(nullptr), root.GetAddressOf()),
               STG_E_INVALIDPOINTER);
-    EXPECT_EQ(Vexel::Storage::openPackage(L"", reading, true, root.GetAddressOf()), STG_E_INVALIDNAME);
+    EXPECT_EQ(Vexel::Storage::openPackage(L"", kReading, true, root.GetAddressOf()), STG_E_INVALIDNAME);
     const auto stream = Support::streamOf(Support::readFile(Support::samplePath(L"copy.7z")));
     ASSERT_EQ(Vexel::Storage::openPackage(stream.Get(), root.GetAddressOf()), S_OK);
     const std::wstring name = nameAndMode(root.Get());

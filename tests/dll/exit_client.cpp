@@ -28,8 +28,8 @@ void logToLock(int /*level*/, const wchar_t* /*message*/, void* /*context*/) {
 
 /// Shared with all, so that the file can go while an ended thread still has it open.
 SharedPathName write(const SharedPathName& name) {
-    constexpr DWORD shareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
-    CloseHandle(CreateFileW(name.asString(), GENERIC_WRITE, shareAll, nullptr, CREATE_ALWAYS, 0, nullptr));
+    constexpr DWORD kShareAll = FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE;
+    CloseHandle(CreateFileW(name.asString(), GENERIC_WRITE, kShareAll, nullptr, CREATE_ALWAYS, 0, nullptr));
     return name;
 }
 
@@ -84,9 +84,9 @@ void openDocuments() {
 }
 
 void save() {
-    thread_local const SharedPathName path = inFolder(L"saved" + std::to_wstring(++threads));
+    thread_local const SharedPathName kPath = inFolder(L"saved" + std::to_wstring(++threads));
     StorageRef document;
-    document.create(path);
+    document.create(kPath);
     StreamRef stream;
     stream.create(L"Stream", document);
     stream.WriteBytes("contents", 8);
@@ -145,7 +145,7 @@ __declspec(dllexport) void leaveFiles(bool withThread) {
 /// Fills the static objects, then starts threads that do `activity` for ever, in `directory`, where there is
 /// a compound file "document.xls".
 __declspec(dllexport) bool beBusy(const wchar_t* activity, const wchar_t* directory) {
-    static const std::map<std::wstring_view, void (*)()> activities = {
+    static const std::map<std::wstring_view, void (*)()> kActivities = {
         {L"threads", startThreads}, {L"log", log}, {L"open", openDocuments}, {L"save", save}, {L"name", name},
         {L"files", makeFiles},
     };
@@ -166,7 +166,7 @@ __declspec(dllexport) bool beBusy(const wchar_t* activity, const wchar_t* direct
         if (failure != S_OK)
             return false;
     }
-    for (const auto& [what, step] : activities) {
+    for (const auto& [what, step] : kActivities) {
         if (what == activity || activity == std::wstring_view(L"all"))
             work(step);
     }

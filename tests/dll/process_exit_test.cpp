@@ -14,16 +14,16 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr wchar_t variable[] = L"VEXEL_TEST_EXIT";
-constexpr UINT endedWell = 42;
+constexpr wchar_t kVariable[] = L"VEXEL_TEST_EXIT";
+constexpr UINT kEndedWell = 42;
 
 /// exit_client.dll, loaded: only by it is the DLL in the process.
 class Client {
 public:
-    /// To be called last: the process ends with `endedWell` as soon as the library's DLLs are let go of.
+    /// To be called last: the process ends with `kEndedWell` as soon as the library's DLLs are let go of.
     void prepareEnd() const {
         if (const auto call = function<void (*)(UINT)>(guard_, "prepareEnd"))
-            call(endedWell);
+            call(kEndedWell);
     }
     bool beBusy(const std::wstring& activity, const std::wstring& folder) const {
         const auto call = function<bool (*)(const wchar_t*, const wchar_t*)>(library_, "beBusy");
@@ -61,7 +61,7 @@ std::wstring environment(const wchar_t* name) {
 
 /// Not a test of its own: what the others run in a second process.
 TEST(ProcessExitChild, DISABLED_Ends) {
-    const std::wstring order = environment(variable); // the activity, a blank, the way to end
+    const std::wstring order = environment(kVariable); // the activity, a blank, the way to end
     const std::size_t blank = order.find(L' ');
     const Client client;
     ASSERT_TRUE(client.leaveFiles(true));
@@ -141,8 +141,8 @@ TEST_F(ProcessExit, WaitsForNobodyAndLeavesNothing) {
         for (const std::wstring activity :
              {L"nothing", L"threads", L"log", L"open", L"save", L"name", L"files", L"all"}) {
             for (const wchar_t* way : {L" return", L" exit", L" ExitProcess"}) {
-                SetEnvironmentVariableW(variable, (activity + way).c_str());
-                EXPECT_EQ(runChild(), endedWell) << fs::path(activity + way) << round;
+                SetEnvironmentVariableW(kVariable, (activity + way).c_str());
+                EXPECT_EQ(runChild(), kEndedWell) << fs::path(activity + way) << round;
                 EXPECT_EQ(leftBehind(), "") << fs::path(activity + way) << round;
             }
         }

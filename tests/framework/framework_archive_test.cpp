@@ -92,16 +92,16 @@ public:
 };
 
 TEST(FrameworkArchive, LengthsThatPromiseTooMuchTakeNoMemory) {
-    constexpr int cut = CArchiveException::endOfFile;
-    constexpr int tooLong = CArchiveException::genericException;
+    constexpr int kCut = CArchiveException::endOfFile;
+    constexpr int kTooLong = CArchiveException::genericException;
     const std::string rest(20000, 'x');
     const std::pair<std::string, int> cases[] = {
-        {"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, cut},
-        {"\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, cut},
-        {"\xFF\xFE\xFF\xFF\xFF\xFF\0\0\0\x80"s + rest, tooLong},
-        {"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\1\0\0\0\1\0\0\0"s + rest, tooLong},
-        {"\xFF\xFE\xFF\xFF", cut},
-        {"", cut},
+        {"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, kCut},
+        {"\xFF\xFF\xFF\xFF\xFF\xFF\x7F" + rest, kCut},
+        {"\xFF\xFE\xFF\xFF\xFF\xFF\0\0\0\x80"s + rest, kTooLong},
+        {"\xFF\xFE\xFF\xFF\xFF\xFF\xFF\xFF\xFF\xFF\1\0\0\0\1\0\0\0"s + rest, kTooLong},
+        {"\xFF\xFE\xFF\xFF", kCut},
+        {"", kCut},
     };
     for (auto [bytes, cause] : cases) {
         WatchedFile file(reinterpret_cast<BYTE*>(bytes.data()), static_cast<UINT>(bytes.size()));
@@ -135,18 +135,18 @@ TEST(FrameworkArchive, RefusesTheWrongDirectionAndNamesTheFile) {
 }
 
 TEST(FrameworkArchive, OnlyAnEndedArchiveWritesWhatItHolds) {
-    constexpr UINT store = CArchive::store, noFlush = store | CArchive::bNoFlushOnDelete;
+    constexpr UINT kStore = CArchive::store, kNoFlush = kStore | CArchive::bNoFlushOnDelete;
     const struct {
         const char* what;
         UINT mode;
         void (*end)(CArchive&);
         ULONGLONG written;
     } cases[] = {
-        {"closed", store, [](CArchive& archive) { archive.Close(); }, 1},
-        {"destroyed", store, [](CArchive&) {}, 1},
-        {"flushed", noFlush, [](CArchive& archive) { archive.Flush(); }, 1},
-        {"destroyed without", noFlush, [](CArchive&) {}, 0},
-        {"given up", store, [](CArchive& archive) { archive.Abort(); }, 0},
+        {"closed", kStore, [](CArchive& archive) { archive.Close(); }, 1},
+        {"destroyed", kStore, [](CArchive&) {}, 1},
+        {"flushed", kNoFlush, [](CArchive& archive) { archive.Flush(); }, 1},
+        {"destroyed without", kNoFlush, [](CArchive&) {}, 0},
+        {"given up", kStore, [](CArchive& archive) { archive.Abort(); }, 0},
     };
     for (const auto& [what, mode, end, written] : cases) {
         CMemFile file;

@@ -45,7 +45,7 @@ void replaceAll(std::wstring& s, const Draw& /*draw*/) {
         s.replace(at, 2, L"a--");
 }
 
-const Change changes[] = {
+const Change kChanges[] = {
     {[](CString& s, const Draw& d) { s += d.word.c_str(); },
      [](std::wstring& s, const Draw& d) { s += d.word; }},
     {[](CString& s, const Draw&) { s.GetLength() < 2000 ? s += s : s; },
@@ -86,7 +86,7 @@ TEST(FrameworkString, FollowsAStandardStringThroughAnyChangesAndCopiesStayAsThey
             EXPECT_EQ(wide(ours.Left(draw.at)) + wide(ours.Mid(draw.at)), standard);
             EXPECT_EQ(wide(ours.Right(draw.at)), standard.substr(standard.size() - draw.from()));
 
-            const Change& change = changes[random() % std::size(changes)];
+            const Change& change = kChanges[random() % std::size(kChanges)];
             change.ours(ours, draw);
             change.standard(standard, draw);
             ASSERT_EQ(wide(ours), standard) << "seed " << seed << " step " << i;

@@ -25,14 +25,14 @@ protected:
                 --refusals;
                 return nullptr;
             }
-            void* const block = saved.commitPages(bytes);
+            void* const block = kSaved.commitPages(bytes);
             if (block)
                 blocks.insert(block);
             return block;
         };
         platform().releasePages = [](void* block) noexcept {
             EXPECT_EQ(blocks.erase(block), 1U);
-            saved.releasePages(block);
+            kSaved.releasePages(block);
         };
         wanted = {};
         refusals = 0;
@@ -41,7 +41,7 @@ protected:
         BigBuffer::setMemoryDepletionHandler(nullptr);
         BigBuffer::compact();
         EXPECT_TRUE(blocks.empty());
-        platform() = saved;
+        platform() = kSaved;
     }
 
     using Sizes = std::vector<unsigned long long>;
@@ -51,13 +51,13 @@ protected:
         return VirtualQuery(block, &region, sizeof region) != 0 && region.RegionSize == bytes;
     }
 
-    inline static const Vexel::Detail::Platform saved = platform();
+    inline static const Vexel::Detail::Platform kSaved = platform();
     inline static Sizes wanted;
     inline static std::set<void*> blocks;
     inline static int refusals = 0;
 };
 
-constexpr unsigned long long kept = 0x80000;
+constexpr unsigned long long kKept = 0x80000;
 
 TEST_F(BigBuffers, KeepOneBlockForTheNext) {
     EXPECT_FALSE(BigBuffer::compact()) << "none yet";
@@ -67,15 +67,15 @@ TEST_F(BigBuffers, KeepOneBlockForTheNext) {
         EXPECT_EQ(first.data(), nullptr);
         EXPECT_EQ(first.reallocate(5), nullptr) << "nothing to go on from";
         block = first.init();
-        EXPECT_EQ(first.size(), kept);
-        EXPECT_TRUE(endsAfter(block, kept));
+        EXPECT_EQ(first.size(), kKept);
+        EXPECT_TRUE(endsAfter(block, kKept));
         EXPECT_EQ(first.allocate(1), nullptr) << "holds one already";
         EXPECT_EQ(first.data(), block);
 
         BigBuffer second;
         EXPECT_NE(second.allocate(5000), block);
         EXPECT_FALSE(BigBuffer::compact()) << "in use";
-        EXPECT_EQ(taken(), (Sizes{kept, 5000})) << "exactly what was asked for";
+        EXPECT_EQ(taken(), (Sizes{kKept, 5000})) << "exactly what was asked for";
     }
     EXPECT_EQ(blocks.size(), 1U);
     BigBuffer third;
@@ -83,43 +83,43 @@ TEST_F(BigBuffers, KeepOneBlockForTheNext) {
     EXPECT_EQ(third.size(), 7U);
     EXPECT_EQ(third.reallocate(3), block);
     EXPECT_EQ(third.size(), 7U) << "never shrinks";
-    EXPECT_EQ(third.reallocate(kept), block);
+    EXPECT_EQ(third.reallocate(kKept), block);
     EXPECT_EQ(taken(), Sizes{});
     third.clear();
     third.clear();
     EXPECT_EQ(third.data(), nullptr);
     EXPECT_EQ(third.size(), 0U);
-    EXPECT_NE(third.allocate(kept * 3), nullptr) << "doubled until it is enough";
-    EXPECT_EQ(taken(), (Sizes{kept * 4}));
+    EXPECT_NE(third.allocate(kKept * 3), nullptr) << "doubled until it is enough";
+    EXPECT_EQ(taken(), (Sizes{kKept * 4}));
     third.clear();
     EXPECT_TRUE(BigBuffer::compact());
     EXPECT_FALSE(BigBuffer::compact());
-    EXPECT_NE(third.allocate(kept + 1), nullptr) << "whole pages";
-    EXPECT_EQ(taken(), (Sizes{kept + 4096}));
+    EXPECT_NE(third.allocate(kKept + 1), nullptr) << "whole pages";
+    EXPECT_EQ(taken(), (Sizes{kKept + 4096}));
 }
 
 TEST_F(BigBuffers, TakeTheKeptBytesAlongWhenTheyGrow) {
     BigBuffer first;
     BigBuffer second;
-    std::memset(first.init(), 'a', kept);
+    std::memset(first.init(), 'a', kKept);
     std::memset(second.allocate(10), 'b', 10);
     void* const grown = second.reallocate(20);
     EXPECT_EQ(std::memcmp(grown, "aaaaaaaaaa", 10), 0) << "a block of one's own is filled from the kept one";
     EXPECT_EQ(second.size(), 20U);
-    EXPECT_NE(second.reallocate(kept * 2), nullptr);
-    EXPECT_NE(second.reallocate(kept * 4), nullptr) << "more than the kept block can fill";
+    EXPECT_NE(second.reallocate(kKept * 2), nullptr);
+    EXPECT_NE(second.reallocate(kKept * 4), nullptr) << "more than the kept block can fill";
 
-    const auto* const bytes = static_cast<char*>(first.reallocate(kept * 5));
+    const auto* const bytes = static_cast<char*>(first.reallocate(kKept * 5));
     EXPECT_EQ(bytes[0], 'a');
-    EXPECT_EQ(bytes[kept - 1], 'a');
-    EXPECT_TRUE(endsAfter(first.data(), kept * 8));
-    EXPECT_EQ(first.reallocate(kept * 8), bytes);
-    EXPECT_EQ(taken(), (Sizes{kept, 10, 20, kept * 2, kept * 4, kept * 8}));
+    EXPECT_EQ(bytes[kKept - 1], 'a');
+    EXPECT_TRUE(endsAfter(first.data(), kKept * 8));
+    EXPECT_EQ(first.reallocate(kKept * 8), bytes);
+    EXPECT_EQ(taken(), (Sizes{kKept, 10, 20, kKept * 2, kKept * 4, kKept * 8}));
     EXPECT_EQ(blocks.size(), 2U);
     first.clear();
-    EXPECT_NE(second.reallocate(kept * 9), nullptr);
+    EXPECT_NE(second.reallocate(kKept * 9), nullptr);
     EXPECT_TRUE(BigBuffer::compact());
-    EXPECT_NE(second.reallocate(kept * 10), nullptr) << "with nothing to fill it from";
+    EXPECT_NE(second.reallocate(kKept * 10), nullptr) << "with nothing to fill it from";
 
     BigBuffer copy;
     copy = second;
@@ -142,14 +142,14 @@ TEST_F(BigBuffers, AskTheDepletionHandlerOnce) {
     refusals = 1;
     EXPECT_NE(buffer.allocate(5), nullptr);
     refusals = 2;
-    EXPECT_EQ(buffer.reallocate(kept + 1), nullptr) << "the second refusal is final";
+    EXPECT_EQ(buffer.reallocate(kKept + 1), nullptr) << "the second refusal is final";
     EXPECT_EQ(buffer.size(), 5U);
-    EXPECT_NE(buffer.reallocate(kept), nullptr) << "what was kept is as large as before";
+    EXPECT_NE(buffer.reallocate(kKept), nullptr) << "what was kept is as large as before";
     refusals = 1;
     EXPECT_EQ(other.allocate(3000), nullptr) << "not tried again";
     EXPECT_EQ(other.size(), 0U);
-    EXPECT_EQ(asked, (Sizes{kept, kept * 2, 3000}));
-    EXPECT_EQ(taken(), (Sizes{kept, kept, kept * 2, kept * 2, 3000}));
+    EXPECT_EQ(asked, (Sizes{kKept, kKept * 2, 3000}));
+    EXPECT_EQ(taken(), (Sizes{kKept, kKept, kKept * 2, kKept * 2, 3000}));
     EXPECT_NE(other.allocate(10), nullptr);
     refusals = 2;
     EXPECT_EQ(other.reallocate(20), nullptr);
@@ -158,7 +158,7 @@ TEST_F(BigBuffers, AskTheDepletionHandlerOnce) {
     refusals = 1;
     EXPECT_NE(other.reallocate(30), nullptr) << "filled from a kept block that nobody holds";
     refusals = 2;
-    EXPECT_EQ(buffer.allocate(kept + 1), nullptr);
+    EXPECT_EQ(buffer.allocate(kKept + 1), nullptr);
     other.clear();
     EXPECT_TRUE(blocks.empty()) << "a kept block that is too small goes first";
 }
@@ -166,7 +166,7 @@ TEST_F(BigBuffers, AskTheDepletionHandlerOnce) {
 TEST_F(BigBuffers, RefuseWhatCannotBeHad) {
     BigBuffer buffer;
     refusals = 1;
-    EXPECT_EQ(buffer.allocate(kept), nullptr) << "there is nobody to ask";
+    EXPECT_EQ(buffer.allocate(kKept), nullptr) << "there is nobody to ask";
     for (const unsigned long long bytes : {~0ULL, ~0ULL / 2 + 1, 1ULL << 60})
         EXPECT_EQ(buffer.allocate(bytes), nullptr) << bytes;
     EXPECT_NE(buffer.allocate(5), nullptr);
@@ -186,7 +186,7 @@ TEST_F(BigBuffers, MayBeUsedByTheDepletionHandler) {
             return isHad;
         });
         refusals = 1;
-        EXPECT_NE(buffer.allocate(kept * 2), nullptr);
+        EXPECT_NE(buffer.allocate(kKept * 2), nullptr);
         EXPECT_NE(buffer.data(), handlers.data());
         EXPECT_EQ(blocks.size(), isKept ? 2U : 1U);
         handlers.clear();

@@ -306,13 +306,13 @@ TEST_F(Ini, AFailedSaveLeavesTheOldFile) {
 
 // Each save of one file by several threads succeeds, and what is read is always one of them, whole.
 TEST_F(Ini, ThreadsSaveOneFile) {
-    constexpr int saves = 10, entries = 2000;
+    constexpr int kSaves = 10, kEntries = 2000;
     std::atomic<int> failed = 0, torn = 0;
     const auto save = [&](int number) {
         IniFile file;
-        for (int i = 0; i < entries; ++i)
+        for (int i = 0; i < kEntries; ++i)
             file.SetInt(L"s", std::to_wstring(i), number);
-        for (int i = 0; i < saves; ++i)
+        for (int i = 0; i < kSaves; ++i)
             failed += !file.Save(path_.c_str());
     };
     save(1);
@@ -321,17 +321,18 @@ TEST_F(Ini, ThreadsSaveOneFile) {
         for (int number = 1; number <= 3; ++number)
             threads.emplace_back(save, number);
         threads.emplace_back([&] {
-            for (int i = 0; i < saves; ++i) {
+            for (int i = 0; i < kSaves; ++i) {
                 IniFile file;
                 if (file.Load(path_.c_str())) // it may be held just then
-                    torn += file.GetInt(L"s", L"0", 0) != file.GetInt(L"s", std::to_wstring(entries - 1), -1);
+                    torn +=
+                        file.GetInt(L"s", L"0", 0) != file.GetInt(L"s", std::to_wstring(kEntries - 1), -1);
                 failed += !IniFile::SetInt(L"t", L"k", i, path_.c_str());
             }
         });
     }
     EXPECT_EQ(failed, 0);
     EXPECT_EQ(torn, 0);
-    EXPECT_EQ(loaded().GetSection(L"s")->GetEntries().size(), std::size_t{entries});
+    EXPECT_EQ(loaded().GetSection(L"s")->GetEntries().size(), std::size_t{kEntries});
     EXPECT_EQ(files(), 1);
 }
 

@@ -32,7 +32,7 @@ using Vexel::Storage::InMemoryIStream;
 
 namespace {
 
-constexpr unsigned long long limit = ~0ULL;
+constexpr unsigned long long kLimit = ~0ULL;
 
 // Blocks of the heap can be had this many times more.
 class ScarceHeap {
@@ -125,15 +125,15 @@ TEST(ComObjects, AreOneObjectUnderAllTheirInterfaces) {
 }
 
 TEST(MemoryStream, GrowsInSteps) {
-    constexpr unsigned long long MiB = 1 << 20;
+    constexpr unsigned long long kMiB = 1 << 20;
     struct Case {
         unsigned long long initial, position, count, capacity;
     };
     for (const auto& [initial, position, count, capacity] :
          {Case{0, 0, 0, 0}, Case{0, 0, 1, 1024}, Case{0, 0, 1023, 1024}, Case{0, 0, 1024, 2048},
           Case{0, 0, 1025, 2048}, Case{0, 5000, 0, 5120}, Case{100, 100, 1, 1124}, Case{2048, 2048, 1, 4096},
-          Case{3000, 3000, 3000, 9000}, Case{32 * MiB, 32 * MiB, 1, 64 * MiB},
-          Case{48 * MiB, 48 * MiB, 1, 80 * MiB}, Case{48 * MiB, 48 * MiB, 0, 48 * MiB}}) {
+          Case{3000, 3000, 3000, 9000}, Case{32 * kMiB, 32 * kMiB, 1, 64 * kMiB},
+          Case{48 * kMiB, 48 * kMiB, 1, 80 * kMiB}, Case{48 * kMiB, 48 * kMiB, 0, 48 * kMiB}}) {
         const auto stream = adopt(new InMemoryIStream(initial));
         EXPECT_EQ(stream->capacity(), initial) << "exactly what was asked for";
         EXPECT_EQ(seek(stream, static_cast<long long>(position)), S_OK);
@@ -175,14 +175,14 @@ TEST(MemoryStream, RefusesSizesThatCannotBe) {
     const auto stream = streamOf("");
     EXPECT_TRUE(stream->resize(3001));
     EXPECT_EQ(seek(stream, LLONG_MAX), S_OK);
-    for (const unsigned long long at : {limit / 2, limit - 1}) {
+    for (const unsigned long long at : {kLimit / 2, kLimit - 1}) {
         EXPECT_EQ(stream->position(), at);
         EXPECT_EQ(stream->Write("0123456789", 10, nullptr), STG_E_INSUFFICIENTMEMORY);
         EXPECT_EQ(stream->position(), at);
-        EXPECT_EQ(seek(stream, at > limit / 2 ? 0 : LLONG_MAX, STREAM_SEEK_CUR), S_OK);
+        EXPECT_EQ(seek(stream, at > kLimit / 2 ? 0 : LLONG_MAX, STREAM_SEEK_CUR), S_OK);
     }
-    EXPECT_FALSE(stream->resize(limit));
-    EXPECT_EQ(stream->SetSize({.QuadPart = limit / 2 + 1}), STG_E_INSUFFICIENTMEMORY);
+    EXPECT_FALSE(stream->resize(kLimit));
+    EXPECT_EQ(stream->SetSize({.QuadPart = kLimit / 2 + 1}), STG_E_INSUFFICIENTMEMORY);
     EXPECT_EQ(stream->size(), 3001U);
     EXPECT_EQ(stream->capacity(), 3001U);
     EXPECT_EQ(stream->seek(5, InMemoryIStream::Current), 3001U) << "does not wrap";
@@ -236,7 +236,7 @@ TEST(MemoryStream, SharesItsMemoryWithClones) {
     const std::string doubled = contents(stream) + contents(stream);
     other.seek(0, InMemoryIStream::End);
     ULARGE_INTEGER read{};
-    EXPECT_EQ(stream->CopyTo(clone.Get(), {.QuadPart = limit}, &read, nullptr), S_OK);
+    EXPECT_EQ(stream->CopyTo(clone.Get(), {.QuadPart = kLimit}, &read, nullptr), S_OK);
     EXPECT_EQ(read.QuadPart, 10U) << "what there was at first";
     EXPECT_EQ(contents(stream), doubled);
     stream->resize(1024);
@@ -344,14 +344,14 @@ TEST(MemoryStream, CopiesAsFarAsTheTargetGoes) {
         int idle = 0;
     };
     for (const Case& c : {
-             Case{"all", 1, limit, limit, 0, S_FALSE, S_FALSE, 9, "Write 9, "},
-             Case{"some", 1, 4, limit, 0, S_OK, S_OK, 4, "Write 4, "},
+             Case{"all", 1, kLimit, kLimit, 0, S_FALSE, S_FALSE, 9, "Write 9, "},
+             Case{"some", 1, 4, kLimit, 0, S_OK, S_OK, 4, "Write 4, "},
              Case{"in parts", 2, 6, 3, 0, S_OK, S_OK, 6, "Write 6, Write 3, "},
-             Case{"taking its time", 0, 4, limit, 0, S_OK, S_OK, 4, "Write 4, Write 4, Write 4, ", 2},
+             Case{"taking its time", 0, 4, kLimit, 0, S_OK, S_OK, 4, "Write 4, Write 4, Write 4, ", 2},
              Case{"failing", 0, 10, 3, 0, STG_E_MEDIUMFULL, STG_E_MEDIUMFULL, 3, "Write 10, "},
-             Case{"overstating", 0, 4, limit, 2, S_OK, S_OK, 6, "Write 4, "},
-             Case{"nothing asked for", 0, 0, limit, 0, E_FAIL, S_OK, 0, ""},
-             Case{"nothing left", 10, 5, limit, 0, E_FAIL, S_OK, 0, ""},
+             Case{"overstating", 0, 4, kLimit, 2, S_OK, S_OK, 6, "Write 4, "},
+             Case{"nothing asked for", 0, 0, kLimit, 0, E_FAIL, S_OK, 0, ""},
+             Case{"nothing left", 10, 5, kLimit, 0, E_FAIL, S_OK, 0, ""},
              Case{"from beyond", 12, 5, 0, 0, E_FAIL, E_FAIL, 0, "WriteNull 5, "},
              Case{"a lot from beyond", 12, 0x200000000, 1, 0, E_FAIL, E_FAIL, 1, "WriteNull 4294967295, "},
          }) {

@@ -51,8 +51,8 @@ std::string repeated(std::size_t count) {
     return bytes;
 }
 
-constexpr auto readU = [](vxio::IReadStream& stream, CStringW& string) { VxwReadUniString(stream, string); };
-constexpr auto readW = [](vxio::IReadStream& stream, std::wstring& string) {
+constexpr auto kReadU = [](vxio::IReadStream& stream, CStringW& string) { VxwReadUniString(stream, string); };
+constexpr auto kReadW = [](vxio::IReadStream& stream, std::wstring& string) {
     VxwReadStringW(stream, string);
 };
 
@@ -65,8 +65,8 @@ TEST(Strings, AreWrittenInTheirLayouts) {
 
     const std::wstring odd = L"\xDC00\0\xD800z"s; // surrogates the wrong way round, and a zero
     const CStringW oddString(odd.data(), static_cast<int>(odd.size()));
-    EXPECT_EQ(read(written([&](auto& s) { VxwWriteString(s, oddString); }), readU), odd);
-    EXPECT_EQ(read<std::wstring>(written([&](auto& s) { VxwWriteString(s, odd); }), readW), odd);
+    EXPECT_EQ(read(written([&](auto& s) { VxwWriteString(s, oddString); }), kReadU), odd);
+    EXPECT_EQ(read<std::wstring>(written([&](auto& s) { VxwWriteString(s, odd); }), kReadW), odd);
     EXPECT_EQ(read(written([&](auto& s) { VxwWriteCArchiveString(s, oddString); }), VxwReadCArchiveString),
               odd);
 
@@ -121,9 +121,9 @@ TEST(Strings, OfLayoutUAreReadFromEveryKindOfStream) {
 }
 
 TEST(Strings, OfTheOtherLayoutsAreRead) {
-    EXPECT_EQ(read<std::wstring>("\2\0\0\0a\0b\0c\0"s, readW), L"ab");
-    EXPECT_EQ(read<std::wstring>("\2\0\0\0\0\0\0\0"s, readW), L"\0\0"s) << "zeros stay";
-    EXPECT_EQ(read<std::wstring>("\0\0\0\0"s, readW), L"");
+    EXPECT_EQ(read<std::wstring>("\2\0\0\0a\0b\0c\0"s, kReadW), L"ab");
+    EXPECT_EQ(read<std::wstring>("\2\0\0\0\0\0\0\0"s, kReadW), L"\0\0"s) << "zeros stay";
+    EXPECT_EQ(read<std::wstring>("\0\0\0\0"s, kReadW), L"");
     EXPECT_EQ(read<std::wstring>("a\0b\0"s, [](auto& s, auto& t) { VxwReadStringW(s, t, 1); }), L"a");
 
     const auto old = [](auto& s, auto& t) { VxwReadString(s, t, 2860); };
@@ -219,17 +219,18 @@ std::wstring readAs(vxio::IReadStream& stream) {
 }
 
 template <class Text>
-constexpr auto readOld = [](vxio::IReadStream& stream, Text& string) { VxwReadString(stream, string, 2860); };
+constexpr auto kReadOld =
+    [](vxio::IReadStream& stream, Text& string) { VxwReadString(stream, string, 2860); };
 
 TEST(Strings, WhoseHeadersPromiseTooMuchAreWhatArrives) {
     const std::string most(4, '\xFF');
     const std::string longest = "\xFF\xFF\xFF\x7F"s;
     for (const Layout& layout : {
-             Layout{"U", most, readAs<CStringW, readU>, 2},
-             Layout{"W", most, readAs<std::wstring, readW>, 2},
+             Layout{"U", most, readAs<CStringW, kReadU>, 2},
+             Layout{"W", most, readAs<std::wstring, kReadW>, 2},
              Layout{"A", most, readAs<std::string, VxwReadStringA>, 1},
-             Layout{"A, wide", most, readAs<std::wstring, readOld<std::wstring>>, 1},
-             Layout{"A, framework", most, readAs<CStringW, readOld<CStringW>>, 1},
+             Layout{"A, wide", most, readAs<std::wstring, kReadOld<std::wstring>>, 1},
+             Layout{"A, framework", most, readAs<CStringW, kReadOld<CStringW>>, 1},
              Layout{"M", "\xFF\xFE\xFF\xFF\xFF\xFF"s + longest, readAs<CStringW, VxwReadCArchiveString>, 2},
              Layout{"M, no mark", "\xFF\xFF\xFF"s + longest, readAs<CStringW, VxwReadCArchiveString>, 2},
          }) {

@@ -18,7 +18,7 @@ using Vexel::Storage::SubStream;
 
 namespace {
 
-constexpr unsigned long long limit = ~0ULL;
+constexpr unsigned long long kLimit = ~0ULL;
 
 class SubStreams : public testing::Test {
 protected:
@@ -58,8 +58,8 @@ TEST_F(SubStreams, ShowARangeOfRealBytes) {
 }
 
 TEST_F(SubStreams, SeekWithinTheRange) {
-    constexpr HRESULT bad = STG_E_INVALIDFUNCTION, good = S_FALSE; // as the base answers
-    base_->status = good;
+    constexpr HRESULT kBad = STG_E_INVALIDFUNCTION, kGood = S_FALSE; // as the base answers
+    base_->status = kGood;
     struct Case {
         long long move;
         DWORD origin;
@@ -67,20 +67,21 @@ TEST_F(SubStreams, SeekWithinTheRange) {
         unsigned long long reached; // from 3
     };
     for (const auto& [move, origin, status, reached] :
-         {Case{0, STREAM_SEEK_SET, good, 0}, Case{10, STREAM_SEEK_SET, good, 10},
-          Case{11, STREAM_SEEK_SET, bad, 3}, Case{-1, STREAM_SEEK_SET, bad, 3},
-          Case{LLONG_MAX, STREAM_SEEK_SET, bad, 3}, Case{LLONG_MIN, STREAM_SEEK_SET, bad, 3},
-          Case{7, STREAM_SEEK_CUR, good, 10}, Case{8, STREAM_SEEK_CUR, bad, 3},
-          Case{-3, STREAM_SEEK_CUR, good, 0}, Case{-4, STREAM_SEEK_CUR, bad, 3},
-          Case{LLONG_MIN, STREAM_SEEK_CUR, bad, 3}, Case{0, STREAM_SEEK_END, good, 10},
-          Case{-10, STREAM_SEEK_END, good, 0}, Case{-11, STREAM_SEEK_END, bad, 3},
-          Case{1, STREAM_SEEK_END, bad, 3}, Case{LLONG_MIN, STREAM_SEEK_END, bad, 3}, Case{0, 3, bad, 3}}) {
-        ASSERT_EQ(seek(range_.Get(), 3), good);
+         {Case{0, STREAM_SEEK_SET, kGood, 0}, Case{10, STREAM_SEEK_SET, kGood, 10},
+          Case{11, STREAM_SEEK_SET, kBad, 3}, Case{-1, STREAM_SEEK_SET, kBad, 3},
+          Case{LLONG_MAX, STREAM_SEEK_SET, kBad, 3}, Case{LLONG_MIN, STREAM_SEEK_SET, kBad, 3},
+          Case{7, STREAM_SEEK_CUR, kGood, 10}, Case{8, STREAM_SEEK_CUR, kBad, 3},
+          Case{-3, STREAM_SEEK_CUR, kGood, 0}, Case{-4, STREAM_SEEK_CUR, kBad, 3},
+          Case{LLONG_MIN, STREAM_SEEK_CUR, kBad, 3}, Case{0, STREAM_SEEK_END, kGood, 10},
+          Case{-10, STREAM_SEEK_END, kGood, 0}, Case{-11, STREAM_SEEK_END, kBad, 3},
+          Case{1, STREAM_SEEK_END, kBad, 3}, Case{LLONG_MIN, STREAM_SEEK_END, kBad, 3},
+          Case{0, 3, kBad, 3}}) {
+        ASSERT_EQ(seek(range_.Get(), 3), kGood);
         base_->take();
         ULARGE_INTEGER told{.QuadPart = 3};
         EXPECT_EQ(range_->Seek({.QuadPart = move}, origin, &told), status) << move << " " << origin;
         EXPECT_EQ(told.QuadPart, reached);
-        EXPECT_EQ(base_->take(), status == good ? "Seek " + std::to_string(100 + reached) + " 0, " : "");
+        EXPECT_EQ(base_->take(), status == kGood ? "Seek " + std::to_string(100 + reached) + " 0, " : "");
         EXPECT_EQ(position(range_.Get()), reached);
         EXPECT_EQ(seek(range_.Get(), 0, STREAM_SEEK_CUR), S_OK);
         EXPECT_EQ(base_->take(), "") << "asking for the position does not touch the base";
@@ -90,7 +91,7 @@ TEST_F(SubStreams, SeekWithinTheRange) {
     EXPECT_EQ(position(range_.Get()), 3U);
 
     // Near the end of what positions can express.
-    const auto last = adopt(new SubStream(base_.Get(), limit - 4, limit));
+    const auto last = adopt(new SubStream(base_.Get(), kLimit - 4, kLimit));
     EXPECT_EQ(seek(last.Get(), 5), STG_E_INVALIDFUNCTION) << "would be before the range";
 }
 
@@ -108,11 +109,11 @@ TEST_F(SubStreams, GoByWhatTheBaseMoves) {
     EXPECT_EQ(base_->take(), "Write 2, Write 0, ");
 
     base_->status = S_OK;
-    base_->most = limit;
+    base_->most = kLimit;
     base_->excess = 5;
     EXPECT_EQ(seek(range_.Get(), 4), S_OK);
     ULARGE_INTEGER copied{}, written{};
-    EXPECT_EQ(range_->CopyTo(nullptr, {.QuadPart = limit}, &copied, &written), S_OK);
+    EXPECT_EQ(range_->CopyTo(nullptr, {.QuadPart = kLimit}, &copied, &written), S_OK);
     EXPECT_EQ(base_->take(), "Seek 104 0, CopyTo 6, ");
     EXPECT_EQ(copied.QuadPart, 11U);
     EXPECT_EQ(written.QuadPart, 11U);
@@ -125,8 +126,8 @@ TEST_F(SubStreams, GoByWhatTheBaseMoves) {
 TEST_F(SubStreams, ChangeTheirSizeOnly) {
     EXPECT_EQ(seek(range_.Get(), 6), S_OK);
     base_->take();
-    EXPECT_EQ(range_->SetSize({.QuadPart = limit - 99}), E_INVALIDARG);
-    EXPECT_EQ(range_->SetSize({.QuadPart = limit - 100}), S_OK);
+    EXPECT_EQ(range_->SetSize({.QuadPart = kLimit - 99}), E_INVALIDARG);
+    EXPECT_EQ(range_->SetSize({.QuadPart = kLimit - 100}), S_OK);
     EXPECT_EQ(range_->SetSize({.QuadPart = 8}), S_OK);
     EXPECT_EQ(base_->take(), "");
     EXPECT_EQ(read(50), 2U);
@@ -150,7 +151,7 @@ TEST_F(SubStreams, PassTheRestOn) {
     EXPECT_EQ(range_->LockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3), S_FALSE);
     EXPECT_EQ(range_->UnlockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3), S_FALSE);
     EXPECT_EQ(base_->take(), "Commit 7, Revert, LockRegion 101 5, LockRegion 101 5, ") << "both lock";
-    EXPECT_EQ(range_->LockRegion({.QuadPart = limit}, {}, 0), STG_E_INVALIDFUNCTION);
+    EXPECT_EQ(range_->LockRegion({.QuadPart = kLimit}, {}, 0), STG_E_INVALIDFUNCTION);
     ComPtr<IUnknown> found;
     EXPECT_EQ(range_->QueryInterface(IID_IPersist, &found), S_OK);
     EXPECT_EQ(found.Get(), static_cast<IUnknown*>(base_.Get())) << "the base's own";

@@ -159,8 +159,9 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
                                                  TextEncoding::Detect, false));
 
     // What is cut off by a failure is no last line.
-    constexpr auto pipeName = L"\\\\.\\pipe\\vexel text files test";
-    const HANDLE pipe = CreateNamedPipeW(pipeName, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+    constexpr auto kPipeName = L"\\\\.\\pipe\\vexel text files test";
+    const HANDLE pipe =
+        CreateNamedPipeW(kPipeName, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
     std::jthread writer([pipe] {
         const std::string lines = "one\n" + std::string((64 << 10) - 4, 'x'); // as much as is read ahead
         DWORD written = 0;
@@ -171,7 +172,7 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     });
     vxio::TextFileReadStream cut;
     CString line;
-    EXPECT_TRUE(cut.Open(pipeName, vxio::ProtectNothing, TextEncoding::Utf8, false));
+    EXPECT_TRUE(cut.Open(kPipeName, vxio::ProtectNothing, TextEncoding::Utf8, false));
     writer.join();
     EXPECT_TRUE(cut.ReadString(line));
     EXPECT_FALSE(cut.ReadString(line));

@@ -12,7 +12,7 @@ namespace {
 using Box = SECCryptoBlackBox;
 using Bytes = std::vector<unsigned char>;
 
-constexpr long period = 23L * 24 * 25;
+constexpr long kPeriod = 23L * 24 * 25;
 
 Bytes plain(std::size_t length) {
     Bytes bytes(length);
@@ -54,21 +54,21 @@ std::wstring longPassword() {
 // Worked out from the definition by a program of its own: the first bytes, which see each wheel come round,
 // and the last, which see all of them come round together.
 TEST(Cipher, GivesTheKnownAnswers) {
-    constexpr auto stream = Box::ModeStream, feedback = Box::ModeFeedback;
+    constexpr auto kStream = Box::ModeStream, kFeedback = Box::ModeFeedback;
     const struct {
         std::wstring password;
         Box::eMode mode;
         const char *first, *last;
     } cases[] = {
-        {L"A", stream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
-        {L"A", feedback, "a5575d3a91bd3114fd139d7ed9594148057fcd62818581a3540e", "d754fc5eb174"},
-        {L"Another", stream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
-        {L"\x5a41\x4242", stream, "8c968747dfd015ed2a16f323bdf0391138d6dfcf03f85d937978", "2766c8100594"},
-        {L"\x5a41\x4242", feedback, "8c1a9dda05d5c02d0711e2c17c8cb5a49c4a955a59a1fc6f166e", "ee88405055c1"},
-        {L"\xff80", stream, "340af62498120adc7c1a7ed48032727c440a860428f25a5b7b82", "118f13018973"},
-        {L"\xff80", feedback, "343ec8ec74666cb0ccd6a87cfccebcc0848e080c24d68cd7ac2e", "47c8dbda5320"},
-        {longPassword(), stream, "7f9d861a6c2208536937da287ef48c99cb197ee6e096382efa72", "42e91fa9cda3"},
-        {longPassword(), feedback, "7fe2647e1230386b0235efc7b94dc158938af412f2645c7288fa", "fe1708a16ccf"},
+        {L"A", kStream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
+        {L"A", kFeedback, "a5575d3a91bd3114fd139d7ed9594148057fcd62818581a3540e", "d754fc5eb174"},
+        {L"Another", kStream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
+        {L"\x5a41\x4242", kStream, "8c968747dfd015ed2a16f323bdf0391138d6dfcf03f85d937978", "2766c8100594"},
+        {L"\x5a41\x4242", kFeedback, "8c1a9dda05d5c02d0711e2c17c8cb5a49c4a955a59a1fc6f166e", "ee88405055c1"},
+        {L"\xff80", kStream, "340af62498120adc7c1a7ed48032727c440a860428f25a5b7b82", "118f13018973"},
+        {L"\xff80", kFeedback, "343ec8ec74666cb0ccd6a87cfccebcc0848e080c24d68cd7ac2e", "47c8dbda5320"},
+        {longPassword(), kStream, "7f9d861a6c2208536937da287ef48c99cb197ee6e096382efa72", "42e91fa9cda3"},
+        {longPassword(), kFeedback, "7fe2647e1230386b0235efc7b94dc158938af412f2645c7288fa", "fe1708a16ccf"},
     };
     for (const auto& c : cases) {
         Box box = keyed(c.password, Box::DirEncrypt, c.mode);
@@ -99,14 +99,14 @@ TEST(Cipher, DoesNotDependOnHowABufferIsCut) {
             direction = random() % 2 ? Box::DirEncrypt : Box::DirDecrypt;
             const Box::eMode mode = random() % 2 ? Box::ModeStream : Box::ModeFeedback;
             const auto place = static_cast<long>(random());
-            const long length = static_cast<long>(random() % (step % 20 ? 70 : 2 * period)) - 5;
+            const long length = static_cast<long>(random() % (step % 20 ? 70 : 2 * kPeriod)) - 5;
             for (Box* each : {&box, static_cast<Box*>(&byByte)}) {
                 each->SetDir(direction);
                 each->SetMode(mode);
                 if (step % 8 == 0)
                     each->SetPtr(place);
             }
-            Bytes bytes = plain(2 * period);
+            Bytes bytes = plain(2 * kPeriod);
             Bytes expected = bytes;
             box.TransformBuf(bytes.data(), length);
             for (long i = 0; i < length; ++i) {
@@ -126,7 +126,7 @@ Bytes keyStream(std::size_t length) {
 }
 
 TEST(Cipher, CanBeEnteredAnywhereInStreamMode) {
-    const Bytes keys = keyStream(2 * period);
+    const Bytes keys = keyStream(2 * kPeriod);
     Box box = keyed(L"k", Box::DirDecrypt, Box::ModeStream);
     const auto keysAt = [&box](long pointer) {
         Bytes zeros(37);
@@ -137,11 +137,11 @@ TEST(Cipher, CanBeEnteredAnywhereInStreamMode) {
     const auto expected = [&keys](long place) {
         return Bytes(keys.begin() + place, keys.begin() + place + 37);
     };
-    for (long place = 0; place < period + 37; ++place)
+    for (long place = 0; place < kPeriod + 37; ++place)
         ASSERT_EQ(keysAt(place), expected(place)) << place;
-    EXPECT_EQ(keysAt(-1), expected(period - 1)) << "where it is after a whole period less one";
-    EXPECT_EQ(keysAt(LONG_MAX), expected(LONG_MAX % period));
-    EXPECT_EQ(keysAt(LONG_MIN), expected(period + LONG_MIN % period));
+    EXPECT_EQ(keysAt(-1), expected(kPeriod - 1)) << "where it is after a whole period less one";
+    EXPECT_EQ(keysAt(LONG_MAX), expected(LONG_MAX % kPeriod));
+    EXPECT_EQ(keysAt(LONG_MIN), expected(kPeriod + LONG_MIN % kPeriod));
 }
 
 // The last feedback byte outlives a reset, and goes on being mixed in when the mode is another. Any number

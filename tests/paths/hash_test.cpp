@@ -29,7 +29,7 @@ struct Published {
 
 // The algorithm's published test values: the low half-word for messages of bytes 128, 129, ... with both
 // seeds 0. All tails of a short message, and the lengths around which the long form begins and blocks end.
-const std::vector<Published> published{
+const std::vector<Published> kPublished{
     {0, {0x6bf50919, 0x70de1d26, 0xa2b37298, 0x35bc5fbf, 0x8223b279, 0x5bcb315e, 0x53fe88a1, 0xf9f1a233,
          0xee193982, 0x54f86f29, 0xc8772d36, 0x9ed60886, 0x5f23d1da, 0x1ed9f474, 0xf2ef0c89, 0x83ec01f9,
          0xf274736c, 0x7e9ac0df, 0xc7aed250, 0xb1015811, 0xe23470f5, 0x48ac20c4, 0xe2ab3cd5, 0x608f8363,
@@ -43,7 +43,7 @@ const std::vector<Published> published{
 };
 
 TEST(SpookyHash, GivesThePublishedValues) {
-    for (const auto& [first, values] : published)
+    for (const auto& [first, values] : kPublished)
         for (std::size_t i = 0; i < values.size(); ++i)
             EXPECT_EQ(hashOf(first + i, 0, {}).first & 0xFFFFFFFF, values[i]) << first + i << " bytes";
 }
@@ -51,7 +51,7 @@ TEST(SpookyHash, GivesThePublishedValues) {
 // What the published values leave open, worked out from the definition by a program of its own: both halves
 // and both seeds; and that neither alignment nor the bytes beyond count.
 TEST(SpookyHash, DependsOnSeedsAndBytesAndNothingElse) {
-    constexpr Halves seeds{0x0123456789ABCDEF, 0xFEDCBA9876543210};
+    constexpr Halves kSeeds{0x0123456789ABCDEF, 0xFEDCBA9876543210};
     const std::pair<std::size_t, Halves> cases[] = {
         {0, {0x9650bc819f542799, 0xf0d126948b81e07f}},   {7, {0x5a27a897e75614d1, 0xd782295605eaca32}},
         {16, {0x493fa3bf667514ea, 0x476de1359b21b7bd}},  {31, {0x0c387ba4037418d6, 0x1064f9a7d13b448a}},
@@ -59,7 +59,7 @@ TEST(SpookyHash, DependsOnSeedsAndBytesAndNothingElse) {
         {192, {0x1d58c9181e4d0353, 0xf9be7682ec7143c3}}, {500, {0x119baad09b6d064f, 0x751aee7c7f6ab72c}}};
     for (const auto& [length, expected] : cases)
         for (std::size_t offset = 0; offset < 8; ++offset)
-            EXPECT_EQ(hashOf(length, offset, seeds), expected) << length << " bytes at " << offset;
+            EXPECT_EQ(hashOf(length, offset, kSeeds), expected) << length << " bytes at " << offset;
     Halves ofNull;
     SpookyV2_128(nullptr, 0, ofNull.first, ofNull.second);
     EXPECT_EQ(ofNull, hashOf(0, 0, {}));

@@ -226,19 +226,19 @@ TEST(PathName, IsForgottenWithItsLastHolder) {
 // Between the count's fall to 0 and the look into the table, another thread may take the entry up.
 TEST(PathName, ATakenUpEntryIsDestroyedOnce) {
     using namespace Vexel::Detail;
-    constexpr std::uint32_t hash = 7;
-    SharedPathEntry* const entry = internPathName(L"Taken Up", hash, true);
+    constexpr std::uint32_t kHash = 7;
+    SharedPathEntry* const entry = internPathName(L"Taken Up", kHash, true);
     entry->count = 0; // the first holder goes
-    EXPECT_EQ(internPathName(L"taken up", hash, false), entry);
-    destroyUnusedEntry(entry, hash); // the first holder looks: in use
-    EXPECT_STREQ(internPathName(L"taken up", hash, false)->text.GetString(), L"Taken Up");
-    entry->count = 0;                // the others go
-    destroyUnusedEntry(entry, hash); // one of them destroys it
-    destroyUnusedEntry(entry, hash); // the other finds nothing, and must not touch what is no more
-    SharedPathEntry* const next = internPathName(L"TAKEN UP", hash, false);
+    EXPECT_EQ(internPathName(L"taken up", kHash, false), entry);
+    destroyUnusedEntry(entry, kHash); // the first holder looks: in use
+    EXPECT_STREQ(internPathName(L"taken up", kHash, false)->text.GetString(), L"Taken Up");
+    entry->count = 0;                 // the others go
+    destroyUnusedEntry(entry, kHash); // one of them destroys it
+    destroyUnusedEntry(entry, kHash); // the other finds nothing, and must not touch what is no more
+    SharedPathEntry* const next = internPathName(L"TAKEN UP", kHash, false);
     EXPECT_STREQ(next->text.GetString(), L"TAKEN UP");
     next->count = 0;
-    destroyUnusedEntry(next, hash);
+    destroyUnusedEntry(next, kHash);
 }
 
 TEST(PathName, WithoutMemoryTheTableStaysAsItWas) {
@@ -282,9 +282,9 @@ TEST(PathName, SurvivesContention) {
                                                L"relative", LR"(C:\contended\kept.txt)"};
     std::atomic<int> wrong{0};
     std::vector<std::jthread> threads;
-    constexpr unsigned count = 6;
-    threads.reserve(count);
-    for (unsigned seed = 0; seed < count; ++seed) {
+    constexpr unsigned kCount = 6;
+    threads.reserve(kCount);
+    for (unsigned seed = 0; seed < kCount; ++seed) {
         threads.emplace_back([&, seed] {
             std::minstd_rand random(seed);
             std::array<SharedPathName, 8> names;

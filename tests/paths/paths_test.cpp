@@ -19,7 +19,7 @@ namespace fs = std::filesystem;
 
 namespace {
 
-constexpr std::size_t npos = std::wstring_view::npos;
+constexpr std::size_t kNpos = std::wstring_view::npos;
 
 struct NameCase {
     std::wstring_view path;
@@ -30,30 +30,30 @@ struct NameCase {
 
 TEST(PathText, FindsNameAndExtension) {
     const NameCase cases[] = {
-        {L"", 0, 0, npos},
+        {L"", 0, 0, kNpos},
         {L"a.txt", 0, 0, 1},
         {L"C:a.txt", 2, 2, 3},
-        {L"C:", 2, 2, npos},
-        {L"C:\\", 3, 2, npos},
+        {L"C:", 2, 2, kNpos},
+        {L"C:\\", 3, 2, kNpos},
         {L"1:a.b", 0, 0, 3},
-        {L"C:\\Dir\\", 7, 3, npos},
-        {L"C:\\Dir/\\/", 9, 3, npos},
-        {L"C:/dir.d\\file", 9, 9, npos},
-        {L"C:\\dir.d\\", 9, 3, npos},
-        {L"\\\\", 2, 2, npos},
-        {L"\\\\?\\", 4, 4, npos},
-        {L"\\\\?\\\\", 5, 4, npos},
-        {L"\\\\srv\\", 6, 2, npos},
-        {L".profile", 0, 0, npos},
-        {L"C:.x", 2, 2, npos},
-        {L"C:\\..", 3, 3, npos},
-        {L".", 0, 0, npos},
+        {L"C:\\Dir\\", 7, 3, kNpos},
+        {L"C:\\Dir/\\/", 9, 3, kNpos},
+        {L"C:/dir.d\\file", 9, 9, kNpos},
+        {L"C:\\dir.d\\", 9, 3, kNpos},
+        {L"\\\\", 2, 2, kNpos},
+        {L"\\\\?\\", 4, 4, kNpos},
+        {L"\\\\?\\\\", 5, 4, kNpos},
+        {L"\\\\srv\\", 6, 2, kNpos},
+        {L".profile", 0, 0, kNpos},
+        {L"C:.x", 2, 2, kNpos},
+        {L"C:\\..", 3, 3, kNpos},
+        {L".", 0, 0, kNpos},
         {L"...", 0, 0, 2},
         {L"a.tar.gz", 0, 0, 5},
         {L"name.", 0, 0, 4},
-        {L"a.b c", 0, 0, npos},
+        {L"a.b c", 0, 0, kNpos},
         {L"a b.c", 0, 0, 3},
-        {L"a.b.c d", 0, 0, npos},
+        {L"a.b.c d", 0, 0, kNpos},
         {L"a.b\tc", 0, 0, 1},
     };
     for (const NameCase& c : cases) {
@@ -95,7 +95,7 @@ TEST(PathText, KnowsPathsInsideOthers) {
 }
 
 TEST(PathText, RemovesTrailingSeparators) {
-    constexpr std::wstring_view cases[][2] = {
+    constexpr std::wstring_view kCases[][2] = {
         {L"", L""},
         {L"\\", L"\\"},
         {L"/", L"/"},
@@ -109,7 +109,7 @@ TEST(PathText, RemovesTrailingSeparators) {
         {L"//?/\\", L"//?/"},
         {L"\\\\?", L"\\\\?"},
     };
-    for (const auto& [given, expected] : cases) {
+    for (const auto& [given, expected] : kCases) {
         EXPECT_EQ(RemoveTrailingPathSeparators(given), expected) << fs::path(given);
         std::wstring text(given);
         EXPECT_EQ(&RemoveTrailingPathSeparators(&text), &text);
@@ -120,7 +120,7 @@ TEST(PathText, RemovesTrailingSeparators) {
 }
 
 TEST(PathText, ChangesExtension) {
-    constexpr std::wstring_view cases[][3] = {
+    constexpr std::wstring_view kCases[][3] = {
         {L"a.txt", L"", L"a."},
         {L"a.txt", L".", L"a."},
         {L"a.txt", L"7z", L"a.7z"},
@@ -137,7 +137,7 @@ TEST(PathText, ChangesExtension) {
         {L"", L"x", L".x"},
         {L"C:", L"x", L"C:.x"},
     };
-    for (const auto& [path, extension, expected] : cases) {
+    for (const auto& [path, extension, expected] : kCases) {
         std::wstring text(path);
         EXPECT_EQ(ChangeFileExtension(&text, extension), expected) << fs::path(path);
         CString string(path.data());
@@ -182,7 +182,7 @@ TEST(PathText, TellsPathsFromOtherTexts) {
 }
 
 TEST(PathText, IsMadeCanonical) {
-    constexpr std::wstring_view cases[][2] = {
+    constexpr std::wstring_view kCases[][2] = {
         {L"", L""},
         {L"a/b\\\\c", L"a\\b\\c"},
         {L".\\a\\.\\b\\", L"a\\b\\"},
@@ -206,7 +206,7 @@ TEST(PathText, IsMadeCanonical) {
         {L"\xD800\\..\\\xDC00", L"\xDC00"},
         {L"a/../C:\\b", L".\\C:\\b"},
     };
-    for (const auto& [given, expected] : cases) {
+    for (const auto& [given, expected] : kCases) {
         std::wstring text(given);
         EXPECT_EQ(CanonicalizeFileSystemPath(&text), expected) << fs::path(given);
         CString string = ConvertFileSystemPath(fs::path(given));
@@ -337,8 +337,8 @@ struct {
 } answers;
 
 TEST_F(Entries, FollowTheSystemsAnswers) {
-    constexpr DWORD link = FILE_ATTRIBUTE_REPARSE_POINT;
-    constexpr DWORD directory = FILE_ATTRIBUTE_DIRECTORY;
+    constexpr DWORD kLink = FILE_ATTRIBUTE_REPARSE_POINT;
+    constexpr DWORD kDirectory = FILE_ATTRIBUTE_DIRECTORY;
     struct {
         decltype(answers) given;
         bool exists;
@@ -352,14 +352,14 @@ TEST_F(Entries, FollowTheSystemsAnswers) {
         {{267, 0, {}}, false, fs::file_type::not_found},
         {{5, 0, {}}, false, fs::file_type::none},
         {{32, 0, {}}, true, fs::file_type::none},
-        {{0, 0, {link, IO_REPARSE_TAG_SYMLINK}}, true, fs::file_type::symlink},
-        {{0, 2, {link, IO_REPARSE_TAG_SYMLINK}}, false, fs::file_type::symlink},
-        {{0, 5, {link | directory, IO_REPARSE_TAG_SYMLINK}}, true, fs::file_type::symlink},
-        {{0, 5, {link | directory, IO_REPARSE_TAG_MOUNT_POINT}}, true, static_cast<fs::file_type>(10)},
-        {{0, 53, {link | directory, IO_REPARSE_TAG_MOUNT_POINT}}, false, static_cast<fs::file_type>(10)},
-        {{0, 0, {link | directory, 0x80000013}}, true, fs::file_type::directory},
-        {{0, 0, {link, 0x80000013}}, true, fs::file_type::regular},
-        {{0, 5, {link, 0x80000013}}, true, fs::file_type::regular},
+        {{0, 0, {kLink, IO_REPARSE_TAG_SYMLINK}}, true, fs::file_type::symlink},
+        {{0, 2, {kLink, IO_REPARSE_TAG_SYMLINK}}, false, fs::file_type::symlink},
+        {{0, 5, {kLink | kDirectory, IO_REPARSE_TAG_SYMLINK}}, true, fs::file_type::symlink},
+        {{0, 5, {kLink | kDirectory, IO_REPARSE_TAG_MOUNT_POINT}}, true, static_cast<fs::file_type>(10)},
+        {{0, 53, {kLink | kDirectory, IO_REPARSE_TAG_MOUNT_POINT}}, false, static_cast<fs::file_type>(10)},
+        {{0, 0, {kLink | kDirectory, 0x80000013}}, true, fs::file_type::directory},
+        {{0, 0, {kLink, 0x80000013}}, true, fs::file_type::regular},
+        {{0, 5, {kLink, 0x80000013}}, true, fs::file_type::regular},
     };
     Detail::platform().readEntry = [](const wchar_t*, bool followLinks, Detail::EntryInfo& info) {
         info = answers.link;

@@ -29,24 +29,24 @@ DWORD tick;
 DWORD deleteError;
 int deletesBeforeFailure;
 
-TempFileContainer& Registry() { return TempFileContainer::Instance(); }
+TempFileContainer& registry() { return TempFileContainer::Instance(); }
 
-void Write(const SharedPathName& name, std::string_view text = "x") {
+void write(const SharedPathName& name, std::string_view text = "x") {
     std::ofstream(name.asString(), std::ios::binary) << text;
 }
 
-bool Exists(const SharedPathName& name) { return FileSystemEntryExists(name.asString()); }
+bool exists(const SharedPathName& name) { return FileSystemEntryExists(name.asString()); }
 
 /// Keeps others from writing and deleting the file.
-FileHandle Lock(const SharedPathName& name) {
+FileHandle lock(const SharedPathName& name) {
     return FileHandle(
         CreateFileW(name.asString(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
 }
 
 template <class Condition>
-bool WakeThreadUntil(Condition condition) {
+bool wakeThreadUntil(Condition condition) {
     for (int attempts = 0; attempts < 5000; ++attempts) {
-        Registry().clear();
+        registry().clear();
         if (condition())
             return true;
         Sleep(1);
@@ -56,11 +56,11 @@ bool WakeThreadUntil(Condition condition) {
 
 class TempFiles : public testing::Test {
 protected:
-    ~TempFiles() override { Registry().clearAll(); }
+    ~TempFiles() override { registry().clearAll(); }
 
     SharedPathName insertFile() {
-        SharedPathName name = Registry().insert(nullptr, L"tmp", false, false);
-        Write(name);
+        SharedPathName name = registry().insert(nullptr, L"tmp", false, false);
+        write(name);
         return name;
     }
     static void refuseThreads() {
@@ -82,7 +82,7 @@ protected:
 };
 
 template <class... Numbers>
-std::wstring Formatted(const wchar_t* format, Numbers... numbers) {
+std::wstring formatted(const wchar_t* format, Numbers... numbers) {
     CString text;
     text.Format(format, numbers...);
     return text.GetString();
@@ -95,21 +95,21 @@ TEST_F(TempFiles, HaveNamesOfOneShape) {
     FILETIME created{};
     FILETIME ignored{};
     GetProcessTimes(GetCurrentProcess(), &created, &ignored, &ignored, &ignored);
-    const std::wstring tag = Formatted(L"-18-%08lx-%08lx%08lx-", GetCurrentProcessId(),
+    const std::wstring tag = formatted(L"-18-%08lx-%08lx%08lx-", GetCurrentProcessId(),
                                        created.dwHighDateTime, created.dwLowDateTime);
 
-    const SharedPathName first = Registry().insert(nullptr, L"tmp", false, false);
+    const SharedPathName first = registry().insert(nullptr, L"tmp", false, false);
     const std::wstring start = directory + (L"vexelapp" + tag);
     std::wstring text = first.asString();
     ASSERT_TRUE(text.starts_with(start)) << std::string(text.begin(), text.end());
-    EXPECT_FALSE(Exists(first));
+    EXPECT_FALSE(exists(first));
     unsigned long long counter = std::stoull(text.substr(start.size()), nullptr, 16);
 
-    const auto next = [&counter] { return Formatted(L"%llx", ++counter); };
-    EXPECT_EQ(Registry().insert(L"", L".tmp", false, false).asString(), start + next() + L".tmp");
-    EXPECT_EQ(Registry().generateUniqueFileName(L"p", nullptr), (L'p' + tag + next()).c_str());
-    EXPECT_EQ(Registry().generateUniqueFileName(L"p", L""), (L'p' + tag + next() + L'.').c_str());
-    EXPECT_EQ(Registry().generateUniqueFileName(L"p", L"..x"), (L'p' + tag + next() + L"..x").c_str());
+    const auto next = [&counter] { return formatted(L"%llx", ++counter); };
+    EXPECT_EQ(registry().insert(L"", L".tmp", false, false).asString(), start + next() + L".tmp");
+    EXPECT_EQ(registry().generateUniqueFileName(L"p", nullptr), (L'p' + tag + next()).c_str());
+    EXPECT_EQ(registry().generateUniqueFileName(L"p", L""), (L'p' + tag + next() + L'.').c_str());
+    EXPECT_EQ(registry().generateUniqueFileName(L"p", L"..x"), (L'p' + tag + next() + L"..x").c_str());
 }
 
 TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
@@ -123,45 +123,45 @@ TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
     };
     const Vexel::Detail::TempNaming naming = Vexel::Detail::computeTempNaming();
     EXPECT_STREQ(naming.directory.data(), L"C:\\Temp"); // and no separator
-    EXPECT_EQ(naming.processTag.data(), Formatted(L"-18-%08lx", GetCurrentProcessId()));
+    EXPECT_EQ(naming.processTag.data(), formatted(L"-18-%08lx", GetCurrentProcessId()));
     EXPECT_EQ(log_.count(7, L"Failed to get the path to the temporary directory: 0x00000015"), 1);
     EXPECT_EQ(log_.count(7, L"Failed to get timing information of the process: 0x00000005"), 1);
 }
 
 TEST_F(TempFiles, AreDeletedByTheThreadWhenItIsWoken) {
-    EXPECT_TRUE(Registry().clear()); // nothing is marked
+    EXPECT_TRUE(registry().clear()); // nothing is marked
     const SharedPathName file = insertFile();
-    Registry().erase(file);
-    Registry().erase(file);
-    EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(file); }));
-    EXPECT_FALSE(Exists(file));
-    EXPECT_TRUE(Registry().clear());
+    registry().erase(file);
+    registry().erase(file);
+    EXPECT_TRUE(wakeThreadUntil([&] { return !registry().contains(file); }));
+    EXPECT_FALSE(exists(file));
+    EXPECT_TRUE(registry().clear());
 
     // A thread that was only just started, and never woken, stops all the same.
     for (int i = 0; i < 50; ++i) {
-        Registry().clearAll();
-        Registry().erase(insertFile());
+        registry().clearAll();
+        registry().erase(insertFile());
     }
-    Registry().clearAll();
-    EXPECT_TRUE(Registry().clear());
+    registry().clearAll();
+    EXPECT_TRUE(registry().clear());
 }
 
 TEST_F(TempFiles, InUseAreTriedAgainAndReportedOnce) {
     const SharedPathName name = insertFile();
     const SharedPathName other = insertFile();
     {
-        const FileHandle user = Lock(name);
-        Registry().erase(name);
-        EXPECT_TRUE(WakeThreadUntil([this] { return failuresLogged() > 0; }));
-        Registry().erase(other);
-        EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(other); })); // a later pass
+        const FileHandle user = lock(name);
+        registry().erase(name);
+        EXPECT_TRUE(wakeThreadUntil([this] { return failuresLogged() > 0; }));
+        registry().erase(other);
+        EXPECT_TRUE(wakeThreadUntil([&] { return !registry().contains(other); })); // a later pass
         EXPECT_EQ(log_.count(7, std::wstring(name.asString()) + L"\": 0x00000020"), 1);
         EXPECT_EQ(failuresLogged(), 1);
-        EXPECT_TRUE(Registry().contains(name));
-        EXPECT_FALSE(Registry().clear());
+        EXPECT_TRUE(registry().contains(name));
+        EXPECT_FALSE(registry().clear());
     }
-    EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(name); }));
-    EXPECT_FALSE(Exists(name));
+    EXPECT_TRUE(wakeThreadUntil([&] { return !registry().contains(name); }));
+    EXPECT_FALSE(exists(name));
 }
 
 TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
@@ -178,13 +178,13 @@ TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
     for (const auto& pass : passes) {
         tick = pass.tick;
         refuseDeletion(pass.error);
-        Registry().clearAll();
+        registry().clearAll();
         EXPECT_EQ(failuresLogged(), expected += pass.logged) << &pass - passes;
-        EXPECT_TRUE(Registry().contains(name));
+        EXPECT_TRUE(registry().contains(name));
     }
     refuseDeletion(ERROR_FILE_NOT_FOUND); // gone by itself
-    Registry().clearAll();
-    EXPECT_FALSE(Registry().contains(name));
+    registry().clearAll();
+    EXPECT_FALSE(registry().contains(name));
     EXPECT_EQ(failuresLogged(), expected);
     DeleteFileW(name.asString());
 }
@@ -192,22 +192,22 @@ TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
 TEST_F(TempFiles, AreDeletedAtOnceWithoutAThread) {
     refuseThreads();
     const SharedPathName name = insertFile();
-    Registry().erase(name);
+    registry().erase(name);
     EXPECT_EQ(log_.count(7, L"Failed to start the temporary file deletion thread: "), 1);
-    EXPECT_FALSE(Registry().contains(name));
-    EXPECT_FALSE(Exists(name));
-    EXPECT_TRUE(Registry().clear());
+    EXPECT_FALSE(registry().contains(name));
+    EXPECT_FALSE(exists(name));
+    EXPECT_TRUE(registry().clear());
     const SharedPathName used = insertFile();
     {
-        const FileHandle user = Lock(used);
-        Registry().erase(used);
+        const FileHandle user = lock(used);
+        registry().erase(used);
         EXPECT_EQ(failuresLogged(), 1);
-        EXPECT_FALSE(Registry().clear());
-        Registry().release(used); // marked, so it stays
-        EXPECT_TRUE(Registry().contains(used));
+        EXPECT_FALSE(registry().clear());
+        registry().release(used); // marked, so it stays
+        EXPECT_TRUE(registry().contains(used));
     }
-    EXPECT_TRUE(Registry().clear());
-    EXPECT_FALSE(Exists(used));
+    EXPECT_TRUE(registry().clear());
+    EXPECT_FALSE(exists(used));
 }
 
 // The end of the process may stop a thread that holds the registry's lock.
@@ -225,18 +225,18 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
             Sleep(1);
         return DeleteFileW(path);
     };
-    std::jthread holder([&first] { Registry().erase(first); });
+    std::jthread holder([&first] { registry().erase(first); });
     while (!held)
         Sleep(1);
     platform().deleteFile = DeleteFileW;
     platform().startThread = startThread; // not to be tried any more
     platform().processIsEnding = [] { return true; };
-    Registry().erase(second);
-    EXPECT_FALSE(Exists(second));
+    registry().erase(second);
+    EXPECT_FALSE(exists(second));
     const SharedPathName third = insertFile(); // without the lock, too
-    EXPECT_TRUE(Registry().contains(third));
-    Registry().release(third);
-    EXPECT_FALSE(Registry().contains(third));
+    EXPECT_TRUE(registry().contains(third));
+    registry().release(third);
+    EXPECT_FALSE(registry().contains(third));
     EXPECT_TRUE(DeleteFileW(third.asString()));
     over = true;
     holder.join();
@@ -244,18 +244,18 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
 
 TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
     for (int n = 0; n <= 3; ++n) {
-        Registry().clearAll(); // what this round or another test has left
+        registry().clearAll(); // what this round or another test has left
         const SharedPathName files[] = {insertFile(), insertFile(), insertFile()};
         deletesBeforeFailure = n;
         platform().deleteFile = [](const wchar_t* path) -> BOOL {
             SetLastError(ERROR_ACCESS_DENIED);
             return deletesBeforeFailure-- != 0 && DeleteFileW(path);
         };
-        Registry().clearAll();
+        registry().clearAll();
         int left = 0;
         for (const SharedPathName& file : files) {
-            EXPECT_EQ(Exists(file), Registry().contains(file));
-            left += Exists(file);
+            EXPECT_EQ(exists(file), registry().contains(file));
+            left += exists(file);
         }
         EXPECT_EQ(left, n < 3 ? 1 : 0);
     }
@@ -263,21 +263,21 @@ TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
 
 TEST_F(TempFiles, ThreadOutlivesWantOfMemory) {
     const SharedPathName name = insertFile();
-    Registry().erase(name);
+    registry().erase(name);
     FailAllocationsElsewhere(1);
-    EXPECT_TRUE(WakeThreadUntil(
+    EXPECT_TRUE(wakeThreadUntil(
         [this] { return log_.count(7, L"Failed to collect the temporary files to delete: ") == 1; }));
-    EXPECT_TRUE(WakeThreadUntil([&] { return !Registry().contains(name); }));
+    EXPECT_TRUE(wakeThreadUntil([&] { return !registry().contains(name); }));
 }
 
 TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
     const SharedPathName name = insertFile();
-    EXPECT_EQ(Registry().insert(name, true, true), name);
-    Registry().release(name);
-    EXPECT_TRUE(Registry().contains(name)); // held, so it stays
+    EXPECT_EQ(registry().insert(name, true, true), name);
+    registry().release(name);
+    EXPECT_TRUE(registry().contains(name)); // held, so it stays
     refuseDeletion(ERROR_ACCESS_DENIED);
-    Registry().erase(name);
-    EXPECT_FALSE(Exists(name)); // closing was enough
+    registry().erase(name);
+    EXPECT_FALSE(exists(name)); // closing was enough
 
     // Of a link the link itself goes, not what it leads to.
     platform().createFile = [](const wchar_t*, DWORD access, DWORD share, LPSECURITY_ATTRIBUTES,
@@ -288,24 +288,24 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
         EXPECT_EQ(flags, static_cast<DWORD>(FILE_FLAG_DELETE_ON_CLOSE | FILE_FLAG_OPEN_REPARSE_POINT));
         return INVALID_HANDLE_VALUE;
     };
-    const SharedPathName missing = Registry().insert(nullptr, L"tmp", true, false);
-    Registry().release(missing); // there was nothing to hold
-    EXPECT_FALSE(Registry().contains(missing));
+    const SharedPathName missing = registry().insert(nullptr, L"tmp", true, false);
+    registry().release(missing); // there was nothing to hold
+    EXPECT_FALSE(registry().contains(missing));
 }
 
 TEST_F(TempFiles, UnknownNamesAreLeftAlone) {
     const SharedPathName name = insertFile();
-    Registry().release(name);
-    EXPECT_FALSE(Registry().contains(name));
-    Registry().erase(name);
-    Registry().release(name);
-    for (const SharedPathName& null : {SharedPathName(), Registry().insert(SharedPathName(), true, false)}) {
-        EXPECT_FALSE(Registry().contains(null));
-        Registry().erase(null);
-        Registry().release(null);
+    registry().release(name);
+    EXPECT_FALSE(registry().contains(name));
+    registry().erase(name);
+    registry().release(name);
+    for (const SharedPathName& null : {SharedPathName(), registry().insert(SharedPathName(), true, false)}) {
+        EXPECT_FALSE(registry().contains(null));
+        registry().erase(null);
+        registry().release(null);
     }
-    Registry().clearAll();
-    EXPECT_TRUE(Exists(name));
+    registry().clearAll();
+    EXPECT_TRUE(exists(name));
     DeleteFileW(name.asString());
 }
 
@@ -313,10 +313,10 @@ TEST_F(TempFiles, CopiesAreWritable) {
     const SharedPathName source = insertFile();
     SetFileAttributesW(source.asString(), FILE_ATTRIBUTE_READONLY);
     unsigned long error = 1;
-    const SharedPathName copy = Registry().insertCopy(source.asString(), L"copy", L"x", &error, false, false);
+    const SharedPathName copy = registry().insertCopy(source.asString(), L"copy", L"x", &error, false, false);
     ASSERT_FALSE(copy.empty());
     EXPECT_EQ(error, 0UL);
-    EXPECT_TRUE(Registry().contains(copy));
+    EXPECT_TRUE(registry().contains(copy));
     EXPECT_EQ(GetFileAttributesW(copy.asString()) & FILE_ATTRIBUTE_READONLY, 0U);
     EXPECT_EQ(log_.count(2, std::wstring(L"Copying file \"") + source.asString() + L"\" to \"" +
                                 copy.asString() + L"\"..."),
@@ -327,8 +327,8 @@ TEST_F(TempFiles, CopiesAreWritable) {
         return FALSE;
     };
     const SharedPathName stuck =
-        Registry().insertCopy(source.asString(), nullptr, L"x", nullptr, false, false);
-    EXPECT_TRUE(Exists(stuck));
+        registry().insertCopy(source.asString(), nullptr, L"x", nullptr, false, false);
+    EXPECT_TRUE(exists(stuck));
     EXPECT_EQ(log_.count(6, std::wstring(L"Failed to change attributes of the file \"") + stuck.asString() +
                                 L"\": 0x00000013"),
               1);
@@ -340,10 +340,10 @@ TEST_F(TempFiles, FailedCopiesLeaveNothing) {
     refuseThreads();
     unsigned long error = 0;
     for (const wchar_t* source : {static_cast<const wchar_t*>(nullptr), L""}) {
-        EXPECT_TRUE(Registry().insertCopy(source, nullptr, L"x", &error, false, false).empty());
+        EXPECT_TRUE(registry().insertCopy(source, nullptr, L"x", &error, false, false).empty());
         EXPECT_EQ(error, static_cast<unsigned long>(ERROR_INVALID_PARAMETER));
     }
-    EXPECT_TRUE(Registry().insertCopy(L"C:\\no such file", nullptr, L"x", &error, false, false).empty());
+    EXPECT_TRUE(registry().insertCopy(L"C:\\no such file", nullptr, L"x", &error, false, false).empty());
     EXPECT_EQ(error, static_cast<unsigned long>(ERROR_FILE_NOT_FOUND));
     EXPECT_EQ(log_.count(7, L"Failed to copy file \"C:\\no such file\" to \""), 1);
     static std::wstring half;
@@ -353,20 +353,20 @@ TEST_F(TempFiles, FailedCopiesLeaveNothing) {
         SetLastError(ERROR_DISK_FULL);
         return FALSE;
     };
-    EXPECT_TRUE(Registry().insertCopy(L"C:\\full", nullptr, L"x", &error, false, false).empty());
+    EXPECT_TRUE(registry().insertCopy(L"C:\\full", nullptr, L"x", &error, false, false).empty());
     EXPECT_FALSE(FileSystemEntryExists(half));
-    EXPECT_TRUE(Registry().clear());
+    EXPECT_TRUE(registry().clear());
     EXPECT_EQ(failuresLogged(), 0);
 }
 
 TEST_F(TempFiles, LocalContainerHandsItsNamesOver) {
     refuseThreads(); // so that each file goes at once
     SharedPathName given, made, copied, dropped;
-    const auto left = [&] { return Exists(made) + Exists(given) + Exists(copied); };
+    const auto left = [&] { return exists(made) + exists(given) + exists(copied); };
     {
         TempLocalFileContainer first;
         made = first.Add(L"local", L"tmp", false, false);
-        Write(made);
+        write(made);
         TempLocalFileContainer second(std::move(first));
         given = second.Add(insertFile(), false, false);
         copied = second.AddCopy(made.asString(), nullptr, L"tmp", nullptr, false, false);
@@ -380,8 +380,8 @@ TEST_F(TempFiles, LocalContainerHandsItsNamesOver) {
         EXPECT_EQ(left(), 3);
     }
     EXPECT_EQ(left(), 0);
-    EXPECT_TRUE(Exists(dropped)); // still registered, for the end of the process
-    EXPECT_TRUE(Registry().contains(dropped));
+    EXPECT_TRUE(exists(dropped)); // still registered, for the end of the process
+    EXPECT_TRUE(registry().contains(dropped));
 }
 
 // The last tests: what they do to the count of marks cannot be undone.
@@ -394,20 +394,20 @@ TEST_F(TempFiles, RegistryServesManyThreads) {
         threads.emplace_back([&] {
             std::vector<std::wstring> names;
             for (int i = 0; i < 5000; ++i)
-                names.emplace_back(Registry().generateUniqueFileName(nullptr, L"x").GetString());
+                names.emplace_back(registry().generateUniqueFileName(nullptr, L"x").GetString());
             for (int i = 0; i < 60; ++i) {
                 const SharedPathName name = insertFile();
-                Registry().erase(name);
+                registry().erase(name);
                 if (i % 3 == 0)
-                    Registry().insert(name, false, false);
-                Registry().erase(name);
+                    registry().insert(name, false, false);
+                registry().erase(name);
             }
             const std::lock_guard lock(mutex);
             all.insert(names.begin(), names.end());
         });
     threads.clear();
     EXPECT_EQ(all.size(), 15000U);
-    Registry().clearAll();
+    registry().clearAll();
     EXPECT_EQ(failuresLogged(), 0);
 }
 
@@ -417,14 +417,14 @@ TEST_F(TempFiles, MarkedAgainWhileTheThreadDeletesThemStayMarked) {
     platform().deleteFile = [](const wchar_t* path) -> BOOL {
         platform().deleteFile = DeleteFileW;
         const BOOL deleted = DeleteFileW(path);
-        Registry().insert(name, false, false);
-        Write(name);
-        Registry().erase(name);
+        registry().insert(name, false, false);
+        write(name);
+        registry().erase(name);
         return deleted;
     };
-    Registry().erase(name);
-    EXPECT_TRUE(WakeThreadUntil([] { return !Registry().contains(name); }));
-    EXPECT_FALSE(Exists(name));
+    registry().erase(name);
+    EXPECT_TRUE(wakeThreadUntil([] { return !registry().contains(name); }));
+    EXPECT_FALSE(exists(name));
     name.clear();
 }
 
@@ -432,15 +432,15 @@ TEST_F(TempFiles, MarkTakenBackGoesOnCounting) {
     refuseThreads();
     const SharedPathName name = insertFile();
     {
-        const FileHandle user = Lock(name);
-        Registry().erase(name);
+        const FileHandle user = lock(name);
+        registry().erase(name);
     }
-    Registry().insert(name, false, false);
-    EXPECT_FALSE(Registry().clear());
-    EXPECT_TRUE(Exists(name)); // registered again, so not deleted
-    Registry().erase(name);
-    EXPECT_FALSE(Exists(name));
-    EXPECT_FALSE(Registry().clear());
+    registry().insert(name, false, false);
+    EXPECT_FALSE(registry().clear());
+    EXPECT_TRUE(exists(name)); // registered again, so not deleted
+    registry().erase(name);
+    EXPECT_FALSE(exists(name));
+    EXPECT_FALSE(registry().clear());
 }
 
 /// Destroyed after the registry; by then its files must be gone, or the program fails.
@@ -455,10 +455,10 @@ struct AfterTheRegistry {
 
 TEST(TempFilesAtLast, GoWithTheRegistry) {
     for (const bool marked : {false, true}) {
-        const SharedPathName name = Registry().insert(nullptr, L"last", false, false);
-        Write(name);
+        const SharedPathName name = registry().insert(nullptr, L"last", false, false);
+        write(name);
         if (marked)
-            Registry().erase(name);
+            registry().erase(name);
         afterTheRegistry.files.emplace_back(name.asString());
     }
 }

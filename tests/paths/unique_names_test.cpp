@@ -11,10 +11,10 @@ using vxio::MakeFileNameUnique;
 
 namespace {
 
-constexpr bool Brackets = true;
-constexpr bool Underscores = false;
-constexpr bool Strip = true;
-constexpr bool Keep = false;
+constexpr bool kBrackets = true;
+constexpr bool kUnderscores = false;
+constexpr bool kStrip = true;
+constexpr bool kKeep = false;
 
 /// A directory that holds some names, and remembers what it was asked.
 struct Directory {
@@ -28,7 +28,7 @@ struct Directory {
     }
 };
 
-std::wstring Id() { return std::to_wstring(GetCurrentProcessId()); }
+std::wstring id() { return std::to_wstring(GetCurrentProcessId()); }
 
 TEST(UniqueNames, FindTheFirstFreeVariant) {
     struct {
@@ -37,28 +37,28 @@ TEST(UniqueNames, FindTheFirstFreeVariant) {
         std::set<std::wstring> taken;
         std::wstring expected;
     } const cases[] = {
-        {L"a.txt", Brackets, Keep, {}, L"a.txt"},
-        {L"a (7).txt", Brackets, Keep, {}, L"a (7).txt"},
-        {L"a (7).txt", Brackets, Strip, {}, L"a.txt"},
-        {L"ab ().txt", Brackets, Strip, {}, L"ab.txt"},
-        {L"a(7).txt", Brackets, Strip, {}, L"a(7).txt"},
-        {L"a (7)", Brackets, Strip, {}, L"a"},
-        {L"a (b7).txt", Brackets, Strip, {}, L"a (b7).txt"},
-        {L" (1)", Brackets, Strip, {}, L" (1)"}, // the bracket closes too early
-        {L" (12)", Brackets, Strip, {}, L""},    // and here just late enough, leaving nothing
-        {L" (1234)", Brackets, Strip, {}, L""},
-        {L"(1234)", Brackets, Strip, {}, L"(1234)"},
-        {L"a (2) (3).t", Brackets, Strip, {L"a (2).t"}, L"a (1).t"}, // split once more when taken
-        {L"a (7).txt", Brackets, Keep, {L"a (7).txt"}, L"a (1).txt"},
-        {L"a.txt", Brackets, Keep, {L"a.txt", L"a (1).txt"}, L"a (2).txt"},
-        {L".rc", Brackets, Keep, {L".rc"}, L".rc (1)"},
-        {L"b_3_1234.x", Underscores, Keep, {}, L"b_3_1234.x"},
-        {L"b_3_1234.x", Underscores, Keep, {L"b_3_1234.x"}, L"b_3_1234_1_" + Id() + L".x"},
-        {L"b_3_1234.x", Underscores, Strip, {}, L"b_3_.x"},
-        {L"b_3_1234.x", Underscores, Strip, {L"b_3_.x"}, L"b_3__1_" + Id() + L".x"},
-        {L"1234", Underscores, Strip, {}, L"1"},
-        {L"a (7).x", Underscores, Strip, {L"a (7).x"}, L"a (7)_1_" + Id() + L".x"},
-        {L"", Underscores, Strip, {L""}, L"_1_" + Id()},
+        {L"a.txt", kBrackets, kKeep, {}, L"a.txt"},
+        {L"a (7).txt", kBrackets, kKeep, {}, L"a (7).txt"},
+        {L"a (7).txt", kBrackets, kStrip, {}, L"a.txt"},
+        {L"ab ().txt", kBrackets, kStrip, {}, L"ab.txt"},
+        {L"a(7).txt", kBrackets, kStrip, {}, L"a(7).txt"},
+        {L"a (7)", kBrackets, kStrip, {}, L"a"},
+        {L"a (b7).txt", kBrackets, kStrip, {}, L"a (b7).txt"},
+        {L" (1)", kBrackets, kStrip, {}, L" (1)"}, // the bracket closes too early
+        {L" (12)", kBrackets, kStrip, {}, L""},    // and here just late enough, leaving nothing
+        {L" (1234)", kBrackets, kStrip, {}, L""},
+        {L"(1234)", kBrackets, kStrip, {}, L"(1234)"},
+        {L"a (2) (3).t", kBrackets, kStrip, {L"a (2).t"}, L"a (1).t"}, // split once more when taken
+        {L"a (7).txt", kBrackets, kKeep, {L"a (7).txt"}, L"a (1).txt"},
+        {L"a.txt", kBrackets, kKeep, {L"a.txt", L"a (1).txt"}, L"a (2).txt"},
+        {L".rc", kBrackets, kKeep, {L".rc"}, L".rc (1)"},
+        {L"b_3_1234.x", kUnderscores, kKeep, {}, L"b_3_1234.x"},
+        {L"b_3_1234.x", kUnderscores, kKeep, {L"b_3_1234.x"}, L"b_3_1234_1_" + id() + L".x"},
+        {L"b_3_1234.x", kUnderscores, kStrip, {}, L"b_3_.x"},
+        {L"b_3_1234.x", kUnderscores, kStrip, {L"b_3_.x"}, L"b_3__1_" + id() + L".x"},
+        {L"1234", kUnderscores, kStrip, {}, L"1"},
+        {L"a (7).x", kUnderscores, kStrip, {L"a (7).x"}, L"a (7)_1_" + id() + L".x"},
+        {L"", kUnderscores, kStrip, {L""}, L"_1_" + id()},
     };
     const LogCapture log;
     for (const auto& c : cases) {
@@ -75,14 +75,14 @@ TEST(UniqueNames, FindTheFirstFreeVariant) {
 
 TEST(UniqueNames, GiveUpOnOtherErrors) {
     CString name(L"a (1).txt");
-    EXPECT_FALSE(MakeFileNameUnique(name, nullptr, Brackets, Strip));
+    EXPECT_FALSE(MakeFileNameUnique(name, nullptr, kBrackets, kStrip));
     for (int failAt = 0; failAt < 4; ++failAt) {
         int asked = 0;
         const auto probe = [&](const CString&) {
             return std::make_error_code(asked++ == failAt ? std::errc::permission_denied
                                                           : std::errc::file_exists);
         };
-        EXPECT_FALSE(MakeFileNameUnique(name, probe, Brackets, Strip));
+        EXPECT_FALSE(MakeFileNameUnique(name, probe, kBrackets, kStrip));
         EXPECT_EQ(asked, failAt + 1);
         EXPECT_EQ(name, L"a (1).txt"); // as it was
     }

@@ -44,7 +44,7 @@ struct Kind {
 
 void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
 
-const Kind kinds[] = {
+const Kind kKinds[] = {
     {"adapter", [](const Body& body) { onAdapter(Support::streamOf(""), body); }},
     {"handle in a compound file",
      [](const Body& body) {
@@ -85,7 +85,7 @@ TEST_P(ByteStreams, MoveBytesAndPositions) {
     });
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ByteStreams, testing::ValuesIn(kinds));
+INSTANTIATE_TEST_SUITE_P(All, ByteStreams, testing::ValuesIn(kKinds));
 
 // What differs between the two is kept so on purpose.
 void goByCountsAndPositions(Support::FakeCalls& calls, bool handle, vxio::IReadStream& reader,

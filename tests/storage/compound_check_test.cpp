@@ -17,7 +17,7 @@ std::uint32_t& list(Image& file, std::size_t index) { return file.number(file.nu
 Image sample(const wchar_t* name) { return Image(Support::samplePath(name)); }
 
 TEST(CompoundCheck, RefusesWhatTheSystemWouldNotSurvive) {
-    constexpr HRESULT corrupt = STG_E_DOCFILECORRUPT;
+    constexpr HRESULT kCorrupt = STG_E_DOCFILECORRUPT;
     const auto tree = [] { return sample(L"foreign-tree.cfb"); };
     const auto sheet = [] { return sample(L"namesdemo.xls"); };
     const auto small = [] { return Image::document({}); };
@@ -28,60 +28,60 @@ TEST(CompoundCheck, RefusesWhatTheSystemWouldNotSurvive) {
     struct Verdicts {
         HRESULT read, copy, snapshot, write;
     };
-    constexpr Verdicts sound{S_OK, S_OK, S_OK, S_OK}, refused{corrupt, corrupt, corrupt, corrupt},
-        onlyRead{S_OK, corrupt, corrupt, corrupt}, notWritten{S_OK, S_OK, S_OK, corrupt},
-        notInASnapshot{S_OK, S_OK, corrupt, S_OK},
-        none{STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, STG_E_INVALIDHEADER};
+    constexpr Verdicts kSound{S_OK, S_OK, S_OK, S_OK}, kRefused{kCorrupt, kCorrupt, kCorrupt, kCorrupt},
+        kOnlyRead{S_OK, kCorrupt, kCorrupt, kCorrupt}, kNotWritten{S_OK, S_OK, S_OK, kCorrupt},
+        kNotInASnapshot{S_OK, S_OK, kCorrupt, S_OK},
+        kNone{STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, STG_E_INVALIDHEADER};
     const struct {
         const char* damage;
         Image (*make)();
         void (*apply)(Image&);
         Verdicts expected;
     } cases[] = {
-        {"none", tree, [](Image&) {}, sound},
-        {"none", sheet, [](Image&) {}, sound},
-        {"none", large, [](Image&) {}, sound},
-        {"none", difat, [](Image&) {}, sound},
-        {"signature", tree, [](Image& f) { f.number(0) ^= 1; }, none},
-        {"sector shift", tree, [](Image& f) { f.number(28) ^= 0x10000; }, refused},
-        {"header cut", tree, [](Image& f) { f.cutTo(511); }, refused},
-        {"no directory", tree, [](Image& f) { f.number(Image::Directory) = Image::end; }, refused},
-        {"circle of mini sectors", tree, [](Image& f) { f.number(3, 14) = 14; }, onlyRead},
-        {"stream with a child", sheet, [](Image& f) { f.element(1, Image::Child) = 2; }, notInASnapshot},
-        {"no name", tree, [](Image& f) { f.element(4, Image::Type) &= 0xFFFF0000; }, notWritten},
-        {"FAT sectors not listed", tree, [](Image& f) { f.number(Image::FatSectors) = 4; }, refused},
-        {"more FAT than counted", tree, [](Image& f) { f.number(Image::Fat + 16) = 9; }, notWritten},
-        {"FAT sector free", tree, [](Image& f) { f.next(1) = Image::none; }, notWritten},
+        {"none", tree, [](Image&) {}, kSound},
+        {"none", sheet, [](Image&) {}, kSound},
+        {"none", large, [](Image&) {}, kSound},
+        {"none", difat, [](Image&) {}, kSound},
+        {"signature", tree, [](Image& f) { f.number(0) ^= 1; }, kNone},
+        {"sector shift", tree, [](Image& f) { f.number(28) ^= 0x10000; }, kRefused},
+        {"header cut", tree, [](Image& f) { f.cutTo(511); }, kRefused},
+        {"no directory", tree, [](Image& f) { f.number(Image::Directory) = Image::end; }, kRefused},
+        {"circle of mini sectors", tree, [](Image& f) { f.number(3, 14) = 14; }, kOnlyRead},
+        {"stream with a child", sheet, [](Image& f) { f.element(1, Image::Child) = 2; }, kNotInASnapshot},
+        {"no name", tree, [](Image& f) { f.element(4, Image::Type) &= 0xFFFF0000; }, kNotWritten},
+        {"FAT sectors not listed", tree, [](Image& f) { f.number(Image::FatSectors) = 4; }, kRefused},
+        {"more FAT than counted", tree, [](Image& f) { f.number(Image::Fat + 16) = 9; }, kNotWritten},
+        {"FAT sector free", tree, [](Image& f) { f.next(1) = Image::none; }, kNotWritten},
         {"FAT sector of the DIFAT free", difat, [](Image& f) { f.next(list(f, 0)) = Image::none; },
-         notWritten},
-        {"DIFAT sector gone", difat, [](Image& f) { f.cutTo(f.size() - 512); }, refused},
-        {"DIFAT a circle", longer, [](Image& f) { list(f, 127) = f.number(Image::Difat); }, refused},
-        {"DIFAT breaks off", longer, [](Image& f) { list(f, 127) = Image::end; }, refused},
-        {"another first one", difat, [](Image& f) { f.number(Image::Difat) = 0; }, refused},
-        {"FAT sector listed twice", longer, [](Image& f) { list(f, 3) = list(f, 4); }, refused},
-        {"FAT sector not listed", longer, [](Image& f) { list(f, 3) = Image::none; }, refused},
+         kNotWritten},
+        {"DIFAT sector gone", difat, [](Image& f) { f.cutTo(f.size() - 512); }, kRefused},
+        {"DIFAT a circle", longer, [](Image& f) { list(f, 127) = f.number(Image::Difat); }, kRefused},
+        {"DIFAT breaks off", longer, [](Image& f) { list(f, 127) = Image::end; }, kRefused},
+        {"another first one", difat, [](Image& f) { f.number(Image::Difat) = 0; }, kRefused},
+        {"FAT sector listed twice", longer, [](Image& f) { list(f, 3) = list(f, 4); }, kRefused},
+        {"FAT sector not listed", longer, [](Image& f) { list(f, 3) = Image::none; }, kRefused},
         {"stream into the DIFAT", difat,
-         [](Image& f) { f.next(f.element(1, Image::Start)) = f.number(Image::Difat); }, refused},
-        {"too much FAT", difat, [](Image& f) { f.number(Image::FatSectors) = 0x40000000; }, refused},
-        {"chains crossing", sheet, [](Image& f) { f.next(30) = 34; }, onlyRead},
-        {"stream too long", sheet, [](Image& f) { f.element(1, Image::Size) = 14000; }, onlyRead},
-        {"last sector gone", tree, [](Image& f) { f.cutTo(f.size() - 512); }, onlyRead},
-        {"last sector not whole", small, [](Image& f) { f.cutTo(f.size() - 512 + 5000 % 512); }, sound},
-        {"last byte gone", small, [](Image& f) { f.cutTo(f.size() - 513 + 5000 % 512); }, onlyRead},
-        {"free part of the table cut", large, [](Image& f) { f.cutTo(f.size() - 100); }, notWritten},
+         [](Image& f) { f.next(f.element(1, Image::Start)) = f.number(Image::Difat); }, kRefused},
+        {"too much FAT", difat, [](Image& f) { f.number(Image::FatSectors) = 0x40000000; }, kRefused},
+        {"chains crossing", sheet, [](Image& f) { f.next(30) = 34; }, kOnlyRead},
+        {"stream too long", sheet, [](Image& f) { f.element(1, Image::Size) = 14000; }, kOnlyRead},
+        {"last sector gone", tree, [](Image& f) { f.cutTo(f.size() - 512); }, kOnlyRead},
+        {"last sector not whole", small, [](Image& f) { f.cutTo(f.size() - 512 + 5000 % 512); }, kSound},
+        {"last byte gone", small, [](Image& f) { f.cutTo(f.size() - 513 + 5000 % 512); }, kOnlyRead},
+        {"free part of the table cut", large, [](Image& f) { f.cutTo(f.size() - 100); }, kNotWritten},
         {"a chain into what is cut off", large,
          [](Image& f) {
              f.next(f.element(1, Image::Start)) = 1000;
              f.cutTo(f.size() - 100);
          },
-         refused},
+         kRefused},
         {"a small stream into what is cut off", small,
          [](Image& f) {
              f.number(Image::MiniFat) = f.follow(f.element(4, Image::Start), 9);
              f.cutTo(f.size() - 510);
          },
-         refused},
-        {"an element cut off", row, [](Image& f) { f.cutTo(f.size() - 8); }, refused},
+         kRefused},
+        {"an element cut off", row, [](Image& f) { f.cutTo(f.size() - 8); }, kRefused},
     };
     for (const auto& [damage, make, apply, expected] : cases) {
         Image image = make();

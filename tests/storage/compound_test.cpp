@@ -91,9 +91,9 @@ private:
 
 TEST_F(CompoundRoots, OpenAgainWhereThatHelps) {
     enum Mode { Reading, ReadingKeyed, WritingKeyed };
-    constexpr HRESULT held = STG_E_SHAREVIOLATION, locked = STG_E_LOCKVIOLATION, lost = STG_E_FILENOTFOUND,
-                      unknown = STG_E_INVALIDPARAMETER, denied = STG_E_ACCESSDENIED, bad = STG_E_INVALIDNAME,
-                      fault = STG_E_READFAULT;
+    constexpr HRESULT kHeld = STG_E_SHAREVIOLATION, kLocked = STG_E_LOCKVIOLATION, kLost = STG_E_FILENOTFOUND,
+                      kUnknown = STG_E_INVALIDPARAMETER, kDenied = STG_E_ACCESSDENIED,
+                      kBad = STG_E_INVALIDNAME, kFault = STG_E_READFAULT;
     const struct {
         const char* what;
         Mode mode;
@@ -103,23 +103,23 @@ TEST_F(CompoundRoots, OpenAgainWhereThatHelps) {
         const wchar_t* file = L"no such folder\\held.xls";
     } cases[] = {
         {"at once", Reading, {S_OK}, S_OK, L"210000/2 "},
-        {"no scratch file", WritingKeyed, {denied}, S_OK, L"110022/2 10022/2 "},
-        {"without NOSNAPSHOT", Reading, {locked}, S_OK, L"210000/2 10000/2 "},
-        {"held for good", Reading, {held, held}, held, L"210000/2 10000/2 "},
-        {"no file to copy", ReadingKeyed, {held}, held, L"10020/2 "},
-        {"a file to copy", ReadingKeyed, {locked}, S_OK, L"10020/2 copy 10020/2 ", L"held.xls"},
-        {"a bad copy", ReadingKeyed, {held, fault}, fault, L"10020/2 copy 10020/2 ", L"held.xls"},
-        {"no copy for other readers", Reading, {held}, S_OK, L"210000/2 10000/2 ", L"held.xls"},
-        {"no copy for writers", WritingKeyed, {held}, S_OK, L"110022/2 10022/2 ", L"held.xls"},
-        {"older options", Reading, {unknown}, S_OK, L"210000/2 210000/1 "},
-        {"no options will do", Reading, {unknown, unknown}, unknown, L"210000/2 210000/1 "},
-        {"bad name", Reading, {bad}, bad, L"210000/2 "},
-        {"missing", Reading, {lost}, lost, L"210000/2 "},
+        {"no scratch file", WritingKeyed, {kDenied}, S_OK, L"110022/2 10022/2 "},
+        {"without NOSNAPSHOT", Reading, {kLocked}, S_OK, L"210000/2 10000/2 "},
+        {"held for good", Reading, {kHeld, kHeld}, kHeld, L"210000/2 10000/2 "},
+        {"no file to copy", ReadingKeyed, {kHeld}, kHeld, L"10020/2 "},
+        {"a file to copy", ReadingKeyed, {kLocked}, S_OK, L"10020/2 copy 10020/2 ", L"held.xls"},
+        {"a bad copy", ReadingKeyed, {kHeld, kFault}, kFault, L"10020/2 copy 10020/2 ", L"held.xls"},
+        {"no copy for other readers", Reading, {kHeld}, S_OK, L"210000/2 10000/2 ", L"held.xls"},
+        {"no copy for writers", WritingKeyed, {kHeld}, S_OK, L"110022/2 10022/2 ", L"held.xls"},
+        {"older options", Reading, {kUnknown}, S_OK, L"210000/2 210000/1 "},
+        {"no options will do", Reading, {kUnknown, kUnknown}, kUnknown, L"210000/2 210000/1 "},
+        {"bad name", Reading, {kBad}, kBad, L"210000/2 "},
+        {"missing", Reading, {kLost}, kLost, L"210000/2 "},
         {"memory", WritingKeyed, {STG_E_INSUFFICIENTMEMORY}, S_OK, L"110022/2 clean 110022/2 "},
         {"all three",
          WritingKeyed,
-         {denied, STG_E_TOOMANYOPENFILES, fault},
-         fault,
+         {kDenied, STG_E_TOOMANYOPENFILES, kFault},
+         kFault,
          L"110022/2 10022/2 clean 110022/2 "},
     };
     StorageContainer::Instance().setDeleteUnusedObjectsCallback(
@@ -141,8 +141,8 @@ TEST_F(CompoundRoots, OpenAgainWhereThatHelps) {
     StorageContainer::Instance().setDeleteUnusedObjectsCallback(nullptr);
     EXPECT_EQ(ScriptedSystem::storages.alive, 0);
 
-    const ScriptedSystem system({unknown, S_OK, unknown});
-    for (const HRESULT expected : {S_OK, unknown}) {
+    const ScriptedSystem system({kUnknown, S_OK, kUnknown});
+    for (const HRESULT expected : {S_OK, kUnknown}) {
         VxCompoundStorage root(path_);
         EXPECT_EQ(root.open(true, false), expected);
     }

@@ -23,7 +23,7 @@ using Origin = vxio::IStream::SeekPosition;
 
 namespace {
 
-const std::string plainHeader("\x1F\x8B\x08\0\0\0\0\0\0\xFF", 10);
+const std::string kPlainHeader("\x1F\x8B\x08\0\0\0\0\0\0\xFF", 10);
 
 /// The output of zlib's `step` for the whole input.
 std::string converted(z_stream& state, int (*step)(z_stream*, int), int flush, const std::string& input) {
@@ -111,7 +111,7 @@ TEST(CompressedStream, InflatesWhatZlibDeflated) {
 TEST(CompressedStream, TellsHeadersApart) {
     const std::string body = gzip("text").substr(10);
     const auto header = [](unsigned char flags, const std::string& rest) {
-        std::string bytes = plainHeader + rest;
+        std::string bytes = kPlainHeader + rest;
         bytes[3] = static_cast<char>(flags);
         return bytes;
     };
@@ -126,7 +126,7 @@ TEST(CompressedStream, TellsHeadersApart) {
         {"two reserved flags", header(0x60, "") + body, accepted},
         {"all reserved flags", header(0xE0, "") + body, flags},
         {"text flag", header(0x01, "") + body, accepted},
-        {"another method", "\x1F\x8B\x07" + plainHeader.substr(3) + body, method},
+        {"another method", "\x1F\x8B\x07" + kPlainHeader.substr(3) + body, method},
         {"no method", "\x1F\x8B", method},
         {"no flags", "\x1F\x8B\x08", flags},
         {"an extra field", header(0x04, std::string("\3\0abc", 5)) + body, accepted},
@@ -148,19 +148,19 @@ TEST(CompressedStream, TellsHeadersApart) {
         EXPECT_EQ(log.count(VxLog_Error, message), opens ? 0 : 2);
     }
     COleStreamCompressFile file(true);
-    EXPECT_FALSE(file.OpenStream(streamOf(plainHeader).Get())) << "nothing behind the header";
+    EXPECT_FALSE(file.OpenStream(streamOf(kPlainHeader).Get())) << "nothing behind the header";
 }
 
 // A truncated stream counts as read whole, and what zlib can make of it is kept.
 TEST(CompressedStream, GivesWhatZlibGivesOfDamagedStreams) {
     const std::string whole = gzip(sampleText(300));
     const auto check = [](const std::string& bytes) {
-        const std::string wanted = inflated(bytes.substr(plainHeader.size()));
+        const std::string wanted = inflated(bytes.substr(kPlainHeader.size()));
         EXPECT_EQ(decompressed(bytes), wanted);
         Opened file(bytes);
         EXPECT_EQ(readAll(file, 64), wanted);
     };
-    for (std::size_t at = plainHeader.size(); at < whole.size(); ++at) {
+    for (std::size_t at = kPlainHeader.size(); at < whole.size(); ++at) {
         SCOPED_TRACE(at);
         check(whole.substr(0, at + 1));
         for (const int mask : {0x01, 0x80, 0xFF}) {
@@ -285,10 +285,10 @@ TEST(CompressedStream, MovesWithinInflatedBytesOnlyForward) {
     EXPECT_EQ(byte, text[39'999]);
     EXPECT_GT(file.GetPosition(), 10'000u); // of the compressed bytes
 
-    constexpr int badSeek = CFileException::badSeek;
-    EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, -1); }), badSeek);
-    EXPECT_EQ(causeOf([&] { file.SeekToEnd(); }), badSeek);
-    EXPECT_EQ(causeOf([&] { file.GetLength(); }), badSeek);
+    constexpr int kBadSeek = CFileException::badSeek;
+    EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, -1); }), kBadSeek);
+    EXPECT_EQ(causeOf([&] { file.SeekToEnd(); }), kBadSeek);
+    EXPECT_EQ(causeOf([&] { file.GetLength(); }), kBadSeek);
     EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, 40'001); }), CFileException::endOfFile);
     EXPECT_FALSE(file.SetIgnoreEndOfFile(true));
     EXPECT_EQ(causeOf([&] { file.Seek(Origin::Begin, 1LL << 62); }), -1);
@@ -320,13 +320,13 @@ TEST(CompressedStream, OpensStreamsOfStructuredFiles) {
     const auto opens = [&](const wchar_t* name, COleStreamCompressFile::OpenFlags flags) {
         return file.OpenStream(document, {name, true, false}, flags, &error);
     };
-    constexpr auto reading = COleStreamCompressFile::OpenReadOnly,
-                   writing = COleStreamCompressFile::OpenForWriting;
+    constexpr auto kReading = COleStreamCompressFile::OpenReadOnly,
+                   kWriting = COleStreamCompressFile::OpenForWriting;
     for (const wchar_t* name : {L"Packed", L"Plain", L"Packed"}) { // one after the other
-        ASSERT_TRUE(opens(name, reading));
+        ASSERT_TRUE(opens(name, kReading));
         EXPECT_EQ(readAll(file, 100), name[1] == L'a' ? "inner text" : "plain text");
     }
-    EXPECT_FALSE(opens(L"None", reading));
+    EXPECT_FALSE(opens(L"None", kReading));
     EXPECT_EQ(error.m_cause, CFileException::fileNotFound);
     EXPECT_FALSE(file.OpenStream(nullptr));
     EXPECT_FALSE(file.OpenStream(StreamRef()));
@@ -339,13 +339,13 @@ TEST(CompressedStream, OpensStreamsOfStructuredFiles) {
     EXPECT_EQ(readAll(there, 100), "inner text");
 
     file.SetAutoOpenCompression(false);
-    ASSERT_TRUE(opens(L"Packed", reading));
+    ASSERT_TRUE(opens(L"Packed", kReading));
     EXPECT_EQ(file.GetLength(), packed.size());
     EXPECT_TRUE(file.OpenCompression());
     EXPECT_EQ(readAll(file, 100), "inner text");
     file.SetAutoOpenCompression(true);
-    EXPECT_FALSE(opens(L"Plain", writing));
-    EXPECT_FALSE(opens(L"Packed", reading | writing));
+    EXPECT_FALSE(opens(L"Plain", kWriting));
+    EXPECT_FALSE(opens(L"Packed", kReading | kWriting));
 }
 
 } // namespace

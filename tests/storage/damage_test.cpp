@@ -36,11 +36,11 @@ struct Seen {
 };
 
 // The deepest tree that is followed; damage can make one that is as deep as the file has elements.
-constexpr int greatestDepth = 64;
+constexpr int kGreatestDepth = 64;
 
 void see(const StorageRef& storage, const std::wstring& prefix, int depth, Seen& seen) {
     StorageEnumerator child;
-    if (depth > greatestDepth || FAILED(child.reset(storage))) {
+    if (depth > kGreatestDepth || FAILED(child.reset(storage))) {
         seen.complete = false;
         return;
     }
@@ -188,14 +188,14 @@ private:
     VxLogSink old_ = nullptr;
 };
 
-const std::vector<Form> forms{{9, false}, {9, true}, {12, false}, {12, true}};
+const std::vector<Form> kForms{{9, false}, {9, true}, {12, false}, {12, true}};
 
 std::string nameOf(const Form& form) {
     return std::to_string(1 << form.shift) + (form.tablesLast ? " tables last" : " tables first");
 }
 
 TEST_F(Damage, NoneIsRefused) {
-    for (const Form& form : forms)
+    for (const Form& form : kForms)
         for (const bool foreign : {false, true}) {
             const auto answers = judge(nameOf(form), CompoundImage::document(form, foreign).bytes());
             EXPECT_TRUE(answers.seen.whole());
@@ -215,7 +215,7 @@ TEST_F(Damage, NamesEndAtAZero) {
 
 // Each byte through the one door that needs no disk, and all doors around the ends of sectors and elements.
 TEST_F(Damage, CutAnywhere) {
-    for (const Form& form : forms) {
+    for (const Form& form : kForms) {
         const CompoundImage image = CompoundImage::document(form, form.tablesLast, true);
         const std::string bytes(image.bytes());
         const Answers whole = judge("whole", bytes);
@@ -242,7 +242,7 @@ TEST_F(Damage, CutAnywhere) {
 const struct {
     const char* name;
     std::uint32_t (*of)(CompoundImage&, std::uint32_t first, std::uint32_t next);
-} targets[] = {
+} kTargets[] = {
     {"its beginning", [](auto&, auto first, auto) { return first; }},
     {"the allocation table", [](auto& f, auto, auto) { return f.number(CompoundImage::Fat); }},
     {"a DIFAT sector", [](auto& f, auto, auto) { return f.number(CompoundImage::Difat); }},
@@ -289,10 +289,10 @@ TEST_F(Damage, ChainsThatLeadAnywhere) {
         refused += FAILED(judge(name, image.bytes()).handles);
     };
     for (const Form& form : {Form{9}, Form{9, true}, Form{12, true}})
-        for (const auto& target : targets)
+        for (const auto& target : kTargets)
             for (unsigned chain = 0; chain < 10; ++chain) {
                 judgeWith(form, target, chain, false);
-                if (&target - targets <= 2)
+                if (&target - kTargets <= 2)
                     judgeWith(form, target, chain, true);
             }
     EXPECT_GT(refused, 300U);
@@ -328,14 +328,14 @@ TEST_F(Damage, NumbersOfElements) {
 // The system recurses where it copies, from sibling to sibling too; who lists goes on without.
 TEST_F(Damage, LongLinesOfElements) {
     using Image = CompoundImage;
-    constexpr HRESULT corrupt = STG_E_DOCFILECORRUPT;
+    constexpr HRESULT kCorrupt = STG_E_DOCFILECORRUPT;
     const struct {
         unsigned elements;
         Image::ElementField direction;
         HRESULT opened, copied;
-    } lines[] = {{3999, Image::Right, S_OK, S_OK},     {4001, Image::Left, S_OK, corrupt},
-                 {15'000, Image::Left, S_OK, corrupt}, {17'000, Image::Right, corrupt, corrupt},
-                 {999, Image::Child, S_OK, S_OK},      {1001, Image::Child, corrupt, corrupt}};
+    } lines[] = {{3999, Image::Right, S_OK, S_OK},      {4001, Image::Left, S_OK, kCorrupt},
+                 {15'000, Image::Left, S_OK, kCorrupt}, {17'000, Image::Right, kCorrupt, kCorrupt},
+                 {999, Image::Child, S_OK, S_OK},       {1001, Image::Child, kCorrupt, kCorrupt}};
     for (const auto& [elements, direction, opened, copied] : lines) {
         const std::string name = std::to_string(elements) + " in a line, " + std::to_string(direction);
         const Image image = Image::line(elements, direction);
@@ -373,14 +373,14 @@ TEST_F(Damage, BytesAnywhere) {
 
 // What was accepted and committed is there afterwards.
 TEST_F(Damage, MeetsAWriter) {
-    constexpr std::size_t added = 5000;
+    constexpr std::size_t kAdded = 5000;
     unsigned changed = 0;
     const auto addTo = [&](const std::string& bytes) {
         StorageRef root;
         StreamRef stream;
         return SUCCEEDED(root.open(Support::path(file()), Support::modeWrite, false)) &&
-               SUCCEEDED(stream.create(L"Added", root)) && stream.WriteBytes(bytes.data(), added) == added &&
-               SUCCEEDED(root.commit());
+               SUCCEEDED(stream.create(L"Added", root)) &&
+               stream.WriteBytes(bytes.data(), kAdded) == kAdded && SUCCEEDED(root.commit());
     };
     for (const wchar_t* sample : {L"namesdemo.xls", L"foreign-tree.cfb"}) {
         std::string bytes = Support::readFile(Support::samplePath(sample));
@@ -395,7 +395,7 @@ TEST_F(Damage, MeetsAWriter) {
             if (isThere) {
                 ++changed;
                 const StorageRef root = Support::openRoot(Support::path(file()), Support::modeReadDenyWrite);
-                EXPECT_EQ(Support::read(L"Added", root), bytes.substr(0, added)) << name;
+                EXPECT_EQ(Support::read(L"Added", root), bytes.substr(0, kAdded)) << name;
             }
             Support::container().deleteUnusedObjects();
             bytes[offset] = before;

@@ -22,7 +22,7 @@ using namespace Support;
 
 namespace {
 
-constexpr int threadCount = 8;
+constexpr int kThreadCount = 8;
 
 /// The same for the same name, and different at every place.
 std::string pattern(std::wstring_view name, size_t size) {
@@ -44,16 +44,16 @@ std::chrono::seconds duration() {
 
 class Threads : public testing::TestWithParam<StorageFormat> {
 protected:
-    static constexpr size_t noteSize = 9000;
+    static constexpr size_t kNoteSize = 9000;
 
     void SetUp() override {
         std::vector<Element> elements;
-        for (int i = 0; i < threadCount; ++i) {
+        for (int i = 0; i < kThreadCount; ++i) {
             const std::wstring box = numbered(L"Box", i);
-            elements.push_back({box + L"/Note", pattern(box, noteSize)});
+            elements.push_back({box + L"/Note", pattern(box, kNoteSize)});
             elements.push_back({numbered(L"Work", i) + L"/Own", "none yet"});
         }
-        for (const wchar_t* const file : files_)
+        for (const wchar_t* const file : kFiles)
             writeDocument(folder_.file(file), GetParam(), elements);
     }
     void TearDown() override {
@@ -96,16 +96,16 @@ protected:
         if (!check(box.open(element(name), root, true), "open a storage") ||
             !check(note.open(L"Note", box, true), "open a stream"))
             return;
-        const std::string expected = pattern(name, noteSize);
+        const std::string expected = pattern(name, kNoteSize);
         std::array<char, 1000> piece{};
-        for (size_t at = 0; at < noteSize; at += piece.size()) {
+        for (size_t at = 0; at < kNoteSize; at += piece.size()) {
             if (!check(note.ReadBytes(piece.data(), piece.size()) == piece.size(), "read a piece") ||
                 !check(expected.compare(at, piece.size(), piece.data(), piece.size()) == 0, "compare it"))
                 return;
             if (at % 3000 == 0)
                 std::this_thread::yield();
         }
-        check(note.size() == noteSize, "ask for the size");
+        check(note.size() == kNoteSize, "ask for the size");
     }
     void rewrite(const StorageRef& root, int number, int edition) {
         StorageRef work;
@@ -130,7 +130,7 @@ protected:
             check(root.hasChild(child.name(), child.type()), "find a child");
             std::this_thread::yield();
         }
-        check(count >= 2 * threadCount && child.status() == S_FALSE, "list all", child.status());
+        check(count >= 2 * kThreadCount && child.status() == S_FALSE, "list all", child.status());
     }
     void copyInto(const StorageRef& from, const StorageRef& to, int number) {
         const SharedPathName name = element(numbered(L"Box", number));
@@ -138,7 +138,7 @@ protected:
         if (check(source.open(name, from, true), "open a source") &&
             check(target.open(name, to, false), "open a target") &&
             check(source.copyTo(target), "copy a storage"))
-            check(read(L"Note", target) == pattern(name.asString(), noteSize), "read the copy");
+            check(read(L"Note", target) == pattern(name.asString(), kNoteSize), "read the copy");
     }
     /// A document of the thread's own, which takes a shared one over.
     void copyWhole(const StorageRef& from, int number) {
@@ -155,9 +155,9 @@ protected:
         for (int i = 0; i < 6; ++i) {
             StorageRef changed, still, other;
             const bool writes = next() % 3 == 0;
-            if (!check(changed.open(file(files_[0]), writes ? modeWrite : modeReadDenyWrite, false),
+            if (!check(changed.open(file(kFiles[0]), writes ? modeWrite : modeReadDenyWrite, false),
                        "open") ||
-                !check(still.open(file(files_[1]), next() % 2 ? modeRead : modeReadDenyWrite, false),
+                !check(still.open(file(kFiles[1]), next() % 2 ? modeRead : modeReadDenyWrite, false),
                        "open for reading"))
                 return;
             readNote(changed, number);
@@ -166,10 +166,10 @@ protected:
                 rewrite(changed, number, i);
             readNote(still, number);
             const unsigned what = next() % 4;
-            if (what == 0 && check(other.open(file(files_[4]), modeRead, false), "open a source"))
+            if (what == 0 && check(other.open(file(kFiles[4]), modeRead, false), "open a source"))
                 copyWhole(other, number);
-            if (what == 1 && check(changed.open(file(files_[2]), modeWrite, false), "open to copy") &&
-                check(other.open(file(files_[3]), modeWrite, false), "open to copy"))
+            if (what == 1 && check(changed.open(file(kFiles[2]), modeWrite, false), "open to copy") &&
+                check(other.open(file(kFiles[3]), modeWrite, false), "open to copy"))
                 number % 2 ? copyInto(changed, other, number) : copyInto(other, changed, number);
             if (what == 2)
                 container().deleteUnusedObjects();
@@ -178,7 +178,7 @@ protected:
         }
     }
 
-    static constexpr std::array files_{L"changed", L"still", L"a", L"b", L"source"};
+    static constexpr std::array kFiles{L"changed", L"still", L"a", L"b", L"source"};
     TempFolder folder_;
     std::mutex mutex_;
     std::string what_;
@@ -190,7 +190,7 @@ TEST_P(Threads, ShareRoots) {
     const auto end = std::chrono::steady_clock::now() + duration();
     for (unsigned round = 0; failures_ == 0 && std::chrono::steady_clock::now() < end; ++round) {
         std::vector<std::thread> threads;
-        for (int i = 0; i < threadCount; ++i)
+        for (int i = 0; i < kThreadCount; ++i)
             threads.emplace_back([=, this] { work(i, round * 977 + static_cast<unsigned>(i) * 31); });
         for (std::thread& thread : threads)
             thread.join();

@@ -21,12 +21,12 @@ using SeekPosition = vxio::IReadStream::SeekPosition;
 
 namespace {
 
-const std::vector<Element> sample{{L"Box/", {}},
-                                  {L"Box/Deep/", {}},
-                                  {L"Box/Deep/NOTE", "deep"},
-                                  {L"Box/Note", "box"},
-                                  {L"Long", std::string(50, 'x')},
-                                  {L"Short", "0123456789"}};
+const std::vector<Element> kSample{{L"Box/", {}},
+                                   {L"Box/Deep/", {}},
+                                   {L"Box/Deep/NOTE", "deep"},
+                                   {L"Box/Note", "box"},
+                                   {L"Long", std::string(50, 'x')},
+                                   {L"Short", "0123456789"}};
 
 template <class Test>
 class Document : public Test {
@@ -64,7 +64,7 @@ protected:
         container().deleteUnusedObjects();
         writeDocument(file_, GetParam().format, elements);
     }
-    void SetUp() override { make(sample); }
+    void SetUp() override { make(kSample); }
 
     /// What is in the file. Nothing may be in use.
     std::vector<Element> saved() const {
@@ -184,7 +184,7 @@ TEST_P(Handles, ReportExhaustedMemory) {
         handle->close();
     for (StreamRef* handle : {&note, &written, &filled})
         handle->close();
-    EXPECT_EQ(saved(), sample);
+    EXPECT_EQ(saved(), kSample);
     EXPECT_EQ(Support::children(openRoot(fresh, modeRead)), L"New ");
 }
 
@@ -226,7 +226,7 @@ TEST_P(Handles, OpenForReadingRefuseChanges) {
             EXPECT_EQ(StreamRef().open(L"Short", root, false), STG_E_ACCESSDENIED);
         }
     }
-    EXPECT_EQ(saved(), sample);
+    EXPECT_EQ(saved(), kSample);
 }
 
 // In a compound file a change goes up level by level; a package is written whole by whoever commits.
@@ -482,7 +482,7 @@ TEST_P(Handles, CopyStreams) {
 
 class CompoundHandles : public Document<testing::Test> {
 protected:
-    void SetUp() override { writeCompoundFile(file_, sample); }
+    void SetUp() override { writeCompoundFile(file_, kSample); }
 };
 
 TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
@@ -493,7 +493,7 @@ TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
     writeFile(empty, "");
     writeFile(five, "\xD0\xCF\x11\xE0\xA1");
     for (const std::wstring& file : {locked, guarded})
-        writeCompoundFile(file, sample);
+        writeCompoundFile(file, kSample);
     const HANDLE lock = CreateFileW(locked.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
     SetFileAttributesW(guarded.c_str(), FILE_ATTRIBUTE_READONLY);
     const auto win32 = [](unsigned long error) { return static_cast<long>(HRESULT_FROM_WIN32(error)); };

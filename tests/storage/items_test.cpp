@@ -291,7 +291,7 @@ TEST_F(Items, MayBeOpenedByAnotherThreadMeanwhile) {
         status_ = known->stat(nullptr, nullptr);
         return known.get();
     };
-    constexpr HRESULT exists = STG_E_FILEALREADYEXISTS;
+    constexpr HRESULT kExists = STG_E_FILEALREADYEXISTS;
     const struct {
         const char* what;
         bool isStream;
@@ -302,10 +302,10 @@ TEST_F(Items, MayBeOpenedByAnotherThreadMeanwhile) {
         {"read storage", false, [&] { return storage(true).get(); }, S_OK, true},
         {"write storage", false, [&] { return storage(false).get(); }, S_OK, false},
         {"create storage", false, [&] { return root_.createChildStorage(name, &status_, true).get(); },
-         exists, true},
+         kExists, true},
         {"read stream", true, [&] { return stream(true).get(); }, S_OK, true},
         {"write stream", true, [&] { return stream(false).get(); }, S_OK, false},
-        {"create stream", true, [&] { return root_.createChildStream(name, &status_).get(); }, exists, true},
+        {"create stream", true, [&] { return root_.createChildStream(name, &status_).get(); }, kExists, true},
         {"ask stream", true, ask, S_OK, true},
     };
     for (const auto& [what, isStream, operation, expected, readOnly] : cases) {

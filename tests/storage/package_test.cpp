@@ -56,7 +56,7 @@ TEST(Packages, TemporaryRootsLiveInMemoryOrInAFileThatGoes) {
 class Files : public testing::Test {
 protected:
     ~Files() override {
-        platform() = real_;
+        platform() = kReal;
         container().deleteUnusedObjects();
     }
     static Vexel::Detail::Platform& platform() { return Vexel::Detail::platform(); }
@@ -68,7 +68,7 @@ protected:
         return read(L"Note", openRoot(path_, modeRead));
     }
 
-    static inline const Vexel::Detail::Platform real_ = platform();
+    static inline const Vexel::Detail::Platform kReal = platform();
     const TempFolder folder_;
     const std::wstring file_ = folder_.file(L"p");
     const SharedPathName path_ = path(file_);
@@ -79,7 +79,6 @@ protected:
 TEST_F(Files, CopiesTakeBorrowedDataOver) {
     writeCompoundFile(file_, {{L"Note", "note"}});
     const std::wstring sample = samplePath(L"plain-lzma-packed-header.7z");
-    static const auto real = platform();
     const std::string packed = readFile(sample).substr(52, 240'864); // all but the class
     for (const bool borrow : {true, false}) {
         const std::wstring made = folder_.file(borrow ? L"borrowed" : L"packed anew");
@@ -102,7 +101,7 @@ TEST_F(Files, CopiesTakeBorrowedDataOver) {
             return true;
         });
         platform().createFile = [](auto...) {
-            platform() = real;
+            platform() = kReal;
             SetLastError(ERROR_TOO_MANY_OPEN_FILES);
             return INVALID_HANDLE_VALUE;
         };
@@ -264,7 +263,7 @@ TEST_F(Files, AreNotWaitedForByACleanUp) {
     platform().moveFile = [](auto... arguments) -> BOOL {
         ++cleanUps;
         container().deleteUnusedObjects();
-        return real_.moveFile(arguments...);
+        return kReal.moveFile(arguments...);
     };
     EXPECT_EQ(root.commit(), S_OK);
     EXPECT_EQ(cleanUps, 1);
@@ -272,7 +271,7 @@ TEST_F(Files, AreNotWaitedForByACleanUp) {
     platform().readFile = [](auto... arguments) -> BOOL {
         ++cleanUps;
         container().deleteUnusedObjects();
-        return real_.readFile(arguments...);
+        return kReal.readFile(arguments...);
     };
     EXPECT_EQ(read(L"Note", root), "note");
     EXPECT_GT(cleanUps, 1);

@@ -24,29 +24,29 @@ namespace {
 using ReadFlag = SharedPathName::ReadFlag;
 using ReadFlags = Vexel::FlagSet<ReadFlag>;
 
-constexpr auto convert = SharedPathName::ArchiveConvertVersion; // 3661
+constexpr auto kConvert = SharedPathName::ArchiveConvertVersion; // 3661
 
 std::string archived(const SharedPathName& name) {
     return Support::stored([&](CArchive& archive) { name.write(archive); });
 }
 
 // "ab" hashes to 97 * 33 + 98 = 3299 = 0x0CE3.
-const std::string text = "\4\0\0\0a\0b\0"s;
-const std::string hash = "\xE3\x0C\0\0"s;
-const SharedPathName ab(L"ab", true, false);
+const std::string kText = "\4\0\0\0a\0b\0"s;
+const std::string kHash = "\xE3\x0C\0\0"s;
+const SharedPathName kAb(L"ab", true, false);
 
 TEST(PathNameSerialisation, WritesTheTextAndItsHash) {
-    EXPECT_EQ(archived(ab), "\xFF\xFE\xFF\2a\0b\0"s + hash);
+    EXPECT_EQ(archived(kAb), "\xFF\xFE\xFF\2a\0b\0"s + kHash);
     EXPECT_EQ(archived({}), "\xFF\xFE\xFF\0"s);
 
     const auto com = systemStream();
     vxio::IStreamStream stream(com.Get());
-    for (const SharedPathName& name : {ab, SharedPathName()}) {
-        name.write(stream, 3660, convert);
-        name.write(stream, 3661, convert);
+    for (const SharedPathName& name : {kAb, SharedPathName()}) {
+        name.write(stream, 3660, kConvert);
+        name.write(stream, 3661, kConvert);
         name.write(com.Get());
     }
-    EXPECT_EQ(bytesOf(com.Get()), text + text + hash + text + hash + std::string(12, '\0'));
+    EXPECT_EQ(bytesOf(com.Get()), kText + kText + kHash + kText + kHash + std::string(12, '\0'));
 }
 
 struct Reader {
@@ -56,24 +56,24 @@ struct Reader {
     std::function<void(SharedPathName&, const std::string&, unsigned version, ReadFlags)> read;
 };
 
-const std::vector<Reader> readers{
+const std::vector<Reader> kReaders{
     {"archive", true, true,
      [](SharedPathName& name, const std::string& bytes, unsigned version, ReadFlags flags) {
-         Support::loadFrom(bytes, [&](CArchive& archive) { name.read(archive, version, convert, flags); });
+         Support::loadFrom(bytes, [&](CArchive& archive) { name.read(archive, version, kConvert, flags); });
      }},
     {"stream", false, true,
      [](SharedPathName& name, const std::string& bytes, unsigned version, ReadFlags flags) {
          vxio::IStreamStream stream(systemStream(bytes).Get());
-         name.read(stream, version, convert, flags);
+         name.read(stream, version, kConvert, flags);
      }},
     {"stream, archive layout", true, true,
      [](SharedPathName& name, const std::string& bytes, unsigned version, ReadFlags flags) {
          vxio::IStreamStream stream(systemStream(bytes).Get());
-         name.read(stream, version, convert, flags | ReadFlag::CArchiveString);
+         name.read(stream, version, kConvert, flags | ReadFlag::CArchiveString);
      }},
     {"COM stream", false, false,
      [](SharedPathName& name, const std::string& bytes, unsigned version, ReadFlags flags) {
-         name.read(systemStream(bytes).Get(), version, convert, flags);
+         name.read(systemStream(bytes).Get(), version, kConvert, flags);
      }},
 };
 
@@ -88,7 +88,7 @@ TEST(PathNameSerialisation, ReadsByVersion) {
     const std::string shouted = "S\0E\0R\0I\0A\0L\0I\0S\0E\0D\0"s;
     const std::string absolute = "C\0:\0/\0x\0"s;
     const std::string wrongHash = "\1\2\3\4"s;
-    for (const Reader& reader : readers) {
+    for (const Reader& reader : kReaders) {
         SCOPED_TRACE(reader.what);
         const auto read = [&](const std::string& utf16, const std::string& rest, unsigned version,
                               ReadFlags flags = ReadFlag::CaseSensitive) {
@@ -96,12 +96,13 @@ TEST(PathNameSerialisation, ReadsByVersion) {
             reader.read(name, storedFor(reader, utf16) + rest, version, flags);
             return name;
         };
-        EXPECT_EQ(read("a\0b\0"s, "", 3660), ab) << "no hash follows";
+        EXPECT_EQ(read("a\0b\0"s, "", 3660), kAb) << "no hash follows";
         EXPECT_STREQ(read(absolute, wrongHash, 3687).asString(), LR"(C:\x)") << "the hash is dropped";
-        EXPECT_EQ(read("a\0b\0"s, hash, 3688), ab) << "the hash is right";
+        EXPECT_EQ(read("a\0b\0"s, kHash, 3688), kAb) << "the hash is right";
         const SharedPathName trusted = read(absolute, wrongHash, 3688);
         EXPECT_STREQ(trusted.asString(), L"C:/x") << "what came is taken at its word";
-        EXPECT_EQ(archived(trusted), storedFor(readers[0], absolute) + wrongHash) << "and written as it came";
+        EXPECT_EQ(archived(trusted), storedFor(kReaders[0], absolute) + wrongHash)
+            << "and written as it came";
         EXPECT_TRUE(read("", "", 3688).empty());
 
         EXPECT_EQ(read(shouted, "", 3660, {}), otherSpelling);
@@ -112,14 +113,14 @@ TEST(PathNameSerialisation, ReadsByVersion) {
 
 // Streams give what came: a character may lack its high byte, and a cut hash counts as 0. Archives raise.
 TEST(PathNameSerialisation, SurvivesACutAtEveryByte) {
-    for (const Reader& reader : readers) {
-        const std::string whole = storedFor(reader, "a\0b\0"s) + hash;
+    for (const Reader& reader : kReaders) {
+        const std::string whole = storedFor(reader, "a\0b\0"s) + kHash;
         const std::size_t header = 4, textEnd = header + 4;
         for (std::size_t cut = 0; cut < whole.size(); ++cut) {
             SCOPED_TRACE(reader.what + " cut at "s + std::to_string(cut));
             SharedPathName name(L"before", true, false);
             const auto read = [&] { reader.read(name, whole.substr(0, cut), 3688, ReadFlag::CaseSensitive); };
-            if (&reader == &readers.front()) {
+            if (&reader == &kReaders.front()) {
                 EXPECT_EQ(raised<CArchiveException>(read), CArchiveException::endOfFile);
                 EXPECT_STREQ(name.asString(), cut < textEnd ? L"before" : L"");
                 continue;
@@ -134,16 +135,16 @@ TEST(PathNameSerialisation, SurvivesACutAtEveryByte) {
 
 TEST(PathNameSerialisation, LeavesTheWrongKindsOfStreamsAlone) {
     SharedPathName name(L"ab", true, false);
-    name.read(static_cast<IStream*>(nullptr), 3688, convert, {});
-    name.read(StreamRef(), 3688, convert, {});
-    name.read(StreamRef(), 3688, convert, ReadFlag::CArchiveString);
+    name.read(static_cast<IStream*>(nullptr), 3688, kConvert, {});
+    name.read(StreamRef(), 3688, kConvert, {});
+    name.read(StreamRef(), 3688, kConvert, ReadFlag::CArchiveString);
     name.write(static_cast<IStream*>(nullptr));
     name.write(StreamRef());
     EXPECT_STREQ(name.asString(), L"ab");
 
     CMemFile file;
     CArchive storing(&file, CArchive::store), loading(&file, CArchive::load);
-    EXPECT_EQ(raised<CArchiveException>([&] { name.read(storing, 3688, convert, {}); }),
+    EXPECT_EQ(raised<CArchiveException>([&] { name.read(storing, 3688, kConvert, {}); }),
               CArchiveException::writeOnly);
     EXPECT_EQ(raised<CArchiveException>([&] { name.write(loading); }), CArchiveException::readOnly);
 }
@@ -152,16 +153,16 @@ TEST(PathNameSerialisation, GoesThroughAStreamOfADocument) {
     StorageRef document;
     ASSERT_EQ(document.createTemporary(false), S_OK);
     StreamRef stream = Support::newStream(L"Names", document);
-    ab.write(stream);
+    kAb.write(stream);
     VxwWriteCArchiveString(stream, L"archived");
     VxwWriteUniString(stream, L"text");
     stream.SeekToBegin();
     const auto read = [&, &from = std::as_const(stream)](unsigned version, ReadFlags flags) {
         SharedPathName name;
-        name.read(from, version, convert, flags);
+        name.read(from, version, kConvert, flags);
         return name;
     };
-    EXPECT_EQ(read(3688, ReadFlag::CaseSensitive), ab);
+    EXPECT_EQ(read(3688, ReadFlag::CaseSensitive), kAb);
     EXPECT_STREQ(read(3660, ReadFlag::CArchiveString).asString(), L"archived");
     CStringW plain;
     VxwReadUniString(stream, plain);

@@ -20,13 +20,13 @@ using Vexel::PropertyVariant;
 
 namespace {
 
-constexpr PROPID title = 2, author = 4, savedTime = 13, pages = 14;
+constexpr PROPID kTitle = 2, kAuthor = 4, kSavedTime = 13, kPages = 14;
 
 const FMTID& summary = FMTID_SummaryInformation;
 const FMTID& documentSummary = FMTID_DocSummaryInformation;
 const FMTID& users = FMTID_UserDefinedProperties;
-constexpr auto summaryName = L"\5SummaryInformation";
-constexpr auto documentName = L"\5DocumentSummaryInformation";
+constexpr auto kSummaryName = L"\5SummaryInformation";
+constexpr auto kDocumentName = L"\5DocumentSummaryInformation";
 
 std::string bytesOf(const void* data, std::size_t size) { return {static_cast<const char*>(data), size}; }
 std::string number(unsigned value) { return bytesOf(&value, sizeof value); }
@@ -117,13 +117,13 @@ std::string sample(const wchar_t* name) {
 }
 
 TEST(PropertySets, OfARealDocumentAreReadAndKept) {
-    Document document(summaryName, sample(summaryName));
-    document.setBytes(documentName, sample(documentName));
+    Document document(kSummaryName, sample(kSummaryName));
+    document.setBytes(kDocumentName, sample(kDocumentName));
     Properties read = document.read(summary);
     EXPECT_EQ(read.size(), 6u);
-    EXPECT_STREQ(read[author].asString().value_or(L"none"), L"John Machin");
+    EXPECT_STREQ(read[kAuthor].asString().value_or(L"none"), L"John Machin");
     EXPECT_STREQ(read[18].asString().value_or(L"none"), L"Microsoft Excel");
-    EXPECT_EQ(read[savedTime].asTime().value_or(FILETIME{}).dwHighDateTime, 0x01C71C3Du);
+    EXPECT_EQ(read[kSavedTime].asTime().value_or(FILETIME{}).dwHighDateTime, 0x01C71C3Du);
     EXPECT_EQ(read[19].asInteger(), 0);
     // Half of the second are vectors, whose elements are not padded.
     Properties second = document.read(documentSummary);
@@ -139,17 +139,17 @@ TEST(PropertySets, OfARealDocumentAreReadAndKept) {
     // What was read and not changed changes no byte.
     EXPECT_EQ(Vexel::WriteProperties(document.root, summary, read), S_OK);
     EXPECT_EQ(Vexel::WriteProperties(document.root, documentSummary, second), S_OK);
-    EXPECT_EQ(document.bytes(summaryName), sample(summaryName));
-    EXPECT_EQ(document.bytes(documentName), sample(documentName));
+    EXPECT_EQ(document.bytes(kSummaryName), sample(kSummaryName));
+    EXPECT_EQ(document.bytes(kDocumentName), sample(kDocumentName));
 }
 
 /// One of each kind.
 Properties someProperties() {
     Properties properties;
-    properties[title] = PropertyVariant(L"\u0427\u0435\u0440\u0442\u0451\u0436");
-    properties[author] = PropertyVariant(L"");
-    properties[savedTime] = PropertyVariant(FILETIME{1000, 30'000'000});
-    properties[pages] = PropertyVariant(-7);
+    properties[kTitle] = PropertyVariant(L"\u0427\u0435\u0440\u0442\u0451\u0436");
+    properties[kAuthor] = PropertyVariant(L"");
+    properties[kSavedTime] = PropertyVariant(FILETIME{1000, 30'000'000});
+    properties[kPages] = PropertyVariant(-7);
     properties[100] = PropertyVariant(2.5);
     properties[101] = PropertyVariant(true);
     char narrow[] = "narrow";
@@ -186,11 +186,11 @@ Properties someProperties() {
 }
 
 PropertyVariant readBySystem(const std::wstring& file, PROPID id) {
-    constexpr DWORD mode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+    constexpr DWORD kMode = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
     ComPtr<IPropertySetStorage> sets;
     ComPtr<IPropertyStorage> set;
-    EXPECT_EQ(Support::openCompoundFile(file, mode).As(&sets), S_OK);
-    EXPECT_EQ(sets->Open(FMTID_SummaryInformation, mode, &set), S_OK);
+    EXPECT_EQ(Support::openCompoundFile(file, kMode).As(&sets), S_OK);
+    EXPECT_EQ(sets->Open(FMTID_SummaryInformation, kMode, &set), S_OK);
     const PROPSPEC which{PRSPEC_PROPID, {id}};
     PropertyVariant read;
     EXPECT_EQ(set->ReadMultiple(1, &which, read.put()), S_OK);
@@ -210,7 +210,7 @@ TEST(PropertySets, ComeBackAsTheyWereWritten) {
             std::erase_if(written, [](const auto& entry) { return (entry.second.type() & VT_VECTOR) != 0; });
         StorageRef document = Support::openRoot(path, Support::modeWrite);
         ASSERT_EQ(Vexel::WriteProperties(document, summary, written), S_OK);
-        Support::newStorage(documentName, document); // which other programs may make of a set
+        Support::newStorage(kDocumentName, document); // which other programs may make of a set
         EXPECT_EQ(Vexel::WriteProperties(document, documentSummary, {}), STG_E_FILEALREADYEXISTS);
         ASSERT_EQ(document.commit(), S_OK);
         document.close();
@@ -256,10 +256,10 @@ TEST(PropertySets, HaveTheVersionThatTheirTypesNeed) {
             vector.vt = VT_VECTOR | VT_VARIANT;
             vector.capropvar = {1, &raw};
             EXPECT_EQ(document.write(summary, 20, PropertyVariant(inVector ? vector : raw)), S_OK);
-            EXPECT_EQ(document.bytes(summaryName)[2], test.isNewer);
+            EXPECT_EQ(document.bytes(kSummaryName)[2], test.isNewer);
             const auto before = document.all(summary);
             EXPECT_EQ(document.write(summary, 21, PropertyVariant(1)), S_OK);
-            EXPECT_EQ(document.bytes(summaryName)[2], test.isNewer);
+            EXPECT_EQ(document.bytes(kSummaryName)[2], test.isNewer);
             EXPECT_EQ(document.all(summary, 21), before);
             EXPECT_EQ(document.read(summary)[20].type(), inVector ? VT_VECTOR | VT_VARIANT : test.type);
         }
@@ -273,11 +273,11 @@ TEST(PropertySets, ShareAStream) {
     EXPECT_EQ(Vexel::ReadProperties(document.root, users, properties), STG_E_FILENOTFOUND);
     const std::pair<const FMTID*, int> writes[]{{&users, 1}, {&documentSummary, 2}, {&users, 3}};
     for (const auto& [format, value] : writes) {
-        EXPECT_EQ(document.write(*format, pages, PropertyVariant(value)), S_OK);
-        EXPECT_EQ(document.read(*format)[pages].asInteger(), value);
-        EXPECT_EQ(document.bytes(documentName).substr(28, 16), bytesOf(&documentSummary, 16));
+        EXPECT_EQ(document.write(*format, kPages, PropertyVariant(value)), S_OK);
+        EXPECT_EQ(document.read(*format)[kPages].asInteger(), value);
+        EXPECT_EQ(document.bytes(kDocumentName).substr(28, 16), bytesOf(&documentSummary, 16));
     }
-    EXPECT_EQ(document.read(documentSummary)[pages].asInteger(), 2);
+    EXPECT_EQ(document.read(documentSummary)[kPages].asInteger(), 2);
 }
 
 /// A stream of the user's own properties: number, value and, of the first three, a name, in code page 1252.
@@ -306,18 +306,18 @@ std::string usersStream() {
 
 TEST(PropertySets, KeepWhatIsNotKnownAndNotNamed) {
     const std::string old = usersStream();
-    const Document document(documentName, old);
+    const Document document(kDocumentName, old);
     Properties read = document.read(users);
     EXPECT_EQ(read.size(), 4u);
     EXPECT_EQ(read[4].type(), VT_EMPTY);
     EXPECT_STREQ(read[6].asString().value_or(L"none"), L"M\u00FC");
     EXPECT_EQ(Vexel::WriteProperties(document.root, users, read), S_OK);
-    EXPECT_EQ(document.bytes(documentName), old);
+    EXPECT_EQ(document.bytes(kDocumentName), old);
     const auto before = document.all(users, 3);
     EXPECT_EQ(document.write(users, 3, PropertyVariant(6)), S_OK);
     std::string expected = old;
     expected[old.find(number(VT_I4) + number(5)) + 4] = 6;
-    EXPECT_EQ(document.bytes(documentName), expected);
+    EXPECT_EQ(document.bytes(kDocumentName), expected);
     EXPECT_EQ(document.write(users, 3, PropertyVariant(L"longer than it was")), S_OK);
     EXPECT_EQ(document.write(users, 9, PropertyVariant(1)), S_OK);
     EXPECT_EQ(document.write(documentSummary, 2, PropertyVariant(1)), S_OK);
@@ -325,7 +325,7 @@ TEST(PropertySets, KeepWhatIsNotKnownAndNotNamed) {
     EXPECT_EQ(after["value 9"], "3 1");
     after.erase("value 9");
     EXPECT_EQ(after, before);
-    const std::string bytes = document.bytes(documentName);
+    const std::string bytes = document.bytes(kDocumentName);
     EXPECT_EQ(bytes.substr(0, 24), old.substr(0, 24)) << "version, system and class";
     EXPECT_NE(bytes.find(number(VT_UI4) + number(1031) + number(VT_UI4) + number(1)), std::string::npos);
     EXPECT_NE(bytes.find(number(0x0FFF) + "whatever"), std::string::npos);
@@ -334,7 +334,7 @@ TEST(PropertySets, KeepWhatIsNotKnownAndNotNamed) {
     PROPVARIANT null{};
     null.vt = VT_NULL;
     EXPECT_EQ(document.write(users, 4, PropertyVariant(null)), S_OK);
-    EXPECT_EQ(document.bytes(documentName).find("whatever"), std::string::npos);
+    EXPECT_EQ(document.bytes(kDocumentName).find("whatever"), std::string::npos);
 }
 
 TEST(PropertySets, HaveNames) {
@@ -344,19 +344,19 @@ TEST(PropertySets, HaveNames) {
         Vexel::PropertyNames names;
         EXPECT_EQ(Vexel::ReadPropertyNames(document.root, users, names), STG_E_FILENOTFOUND);
         if (isNarrow)
-            document.setBytes(documentName, usersStream());
+            document.setBytes(kDocumentName, usersStream());
         EXPECT_EQ(document.write(users, 3, PropertyVariant(5)), S_OK);
         const auto set = [&](PROPID id, const wchar_t* name) {
             return Vexel::WritePropertyNames(document.root, users, {{id, name}});
         };
         const Vexel::PropertyNames two{{4, L"Rename"}, {8, L"N\u00E9w"}}; // wide, the first is padded
         EXPECT_EQ(Vexel::WritePropertyNames(document.root, users, two), S_OK);
-        const std::string bytes = document.bytes(documentName);
+        const std::string bytes = document.bytes(kDocumentName);
         EXPECT_EQ(set(8, L"N\u00E9w"), S_OK);
         EXPECT_EQ(set(2, L"RENAME"), STG_E_INVALIDPARAMETER);
         EXPECT_EQ(set(2, L""), STG_E_INVALIDPARAMETER);
         EXPECT_EQ(set(PID_CODEPAGE, L"x"), STG_E_INVALIDPARAMETER);
-        EXPECT_EQ(document.bytes(documentName), bytes);
+        EXPECT_EQ(document.bytes(kDocumentName), bytes);
         EXPECT_EQ(set(2, L"\u0416"), isNarrow ? STG_E_INVALIDPARAMETER : S_OK);
         EXPECT_EQ(Vexel::ReadPropertyNames(document.root, users, names), S_OK);
         const Vexel::PropertyNames expected =
@@ -376,10 +376,10 @@ TEST(PropertySets, RefuseWhatTheyCannotHold) {
     Properties properties;
     EXPECT_EQ(Vexel::ReadProperties(StorageRef(), summary, properties), STG_E_INVALIDPARAMETER);
     EXPECT_EQ(Vexel::WriteProperties(StorageRef(), summary, properties), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(document.write(summary, title, PropertyVariant(L"old")), S_OK);
-    const std::string old = document.bytes(summaryName);
-    const std::pair<PROPID, int> cases[]{{title, VT_STREAM},  {title, VT_CLSID},  {title, VT_VECTOR | VT_CF},
-                                         {title, 0x0FFF},     {1, VT_I4},         {0, VT_I4},
+    EXPECT_EQ(document.write(summary, kTitle, PropertyVariant(L"old")), S_OK);
+    const std::string old = document.bytes(kSummaryName);
+    const std::pair<PROPID, int> cases[]{{kTitle, VT_STREAM}, {kTitle, VT_CLSID}, {kTitle, VT_VECTOR | VT_CF},
+                                         {kTitle, 0x0FFF},    {1, VT_I4},         {0, VT_I4},
                                          {PID_LOCALE, VT_I4}, {0xFFFFFFFF, VT_I4}};
     for (const auto& [id, type] : cases) {
         PropertyVariant value;
@@ -390,8 +390,8 @@ TEST(PropertySets, RefuseWhatTheyCannotHold) {
     raw.vt = VT_BLOB;
     std::string large(64 << 20, 'x');
     raw.blob = {static_cast<ULONG>(large.size()), reinterpret_cast<BYTE*>(large.data())};
-    EXPECT_EQ(document.write(summary, title, PropertyVariant(raw)), STG_E_DOCFILETOOLARGE);
-    EXPECT_EQ(document.bytes(summaryName), old);
+    EXPECT_EQ(document.write(summary, kTitle, PropertyVariant(raw)), STG_E_DOCFILETOOLARGE);
+    EXPECT_EQ(document.bytes(kSummaryName), old);
     raw.vt = 0x0FFF;
     EXPECT_THROW(
         try { PropertyVariant{raw}; } catch (CInvalidArgException* failure) {
@@ -400,13 +400,13 @@ TEST(PropertySets, RefuseWhatTheyCannotHold) {
         },
         std::invalid_argument);
     // Only what is empty is nothing.
-    document.setBytes(summaryName, "");
+    document.setBytes(kSummaryName, "");
     EXPECT_EQ(Vexel::ReadProperties(document.root, summary, properties), STG_E_FILENOTFOUND);
-    EXPECT_EQ(document.write(summary, title, PropertyVariant(L"new")), S_OK);
-    document.setBytes(summaryName, usersStream()); // another set
+    EXPECT_EQ(document.write(summary, kTitle, PropertyVariant(L"new")), S_OK);
+    document.setBytes(kSummaryName, usersStream()); // another set
     EXPECT_EQ(Vexel::ReadProperties(document.root, summary, properties), STG_E_FILENOTFOUND);
-    EXPECT_EQ(document.write(summary, title, PropertyVariant(L"new")), STG_E_INVALIDHEADER);
-    EXPECT_EQ(document.bytes(summaryName), usersStream());
+    EXPECT_EQ(document.write(summary, kTitle, PropertyVariant(L"new")), STG_E_INVALIDHEADER);
+    EXPECT_EQ(document.bytes(kSummaryName), usersStream());
 }
 
 TEST(PropertySets, AreThereAgainAfterAFailure) {
@@ -419,7 +419,7 @@ TEST(PropertySets, AreThereAgainAfterAFailure) {
         StorageRef root = StorageRef::fromPtr(Support::fakeStorage(calls).Get());
         calls.take();
         calls.failures = {{failing, STG_E_MEDIUMFULL}};
-        const long status = Vexel::WriteProperties(root, summary, {{title, PropertyVariant(value)}});
+        const long status = Vexel::WriteProperties(root, summary, {{kTitle, PropertyVariant(value)}});
         asked = calls.log.size();
         calls.failures.clear();
         root.close();
@@ -427,7 +427,7 @@ TEST(PropertySets, AreThereAgainAfterAFailure) {
         return status;
     };
     const auto contents = [&] {
-        const auto stream = calls.streams.find(summaryName);
+        const auto stream = calls.streams.find(kSummaryName);
         return stream == calls.streams.end() ? "none" : Support::bytesOf(stream->second.Get());
     };
     for (const bool isThere : {false, true}) {
@@ -450,16 +450,16 @@ TEST(PropertySets, AreThereAgainAfterAFailure) {
 // Whatever is in the stream: it is refused and stays as it is, or all that could be read stays.
 TEST(PropertySets, DamagedOnesAreRefusedOrKept) {
     const LogCapture quiet;
-    Document both(documentName, usersStream());
-    EXPECT_EQ(both.write(documentSummary, title, PropertyVariant(L"summary")), S_OK);
+    Document both(kDocumentName, usersStream());
+    EXPECT_EQ(both.write(documentSummary, kTitle, PropertyVariant(L"summary")), S_OK);
     const struct {
         const wchar_t* name;
         const FMTID& format;
         std::string bytes;
-    } samples[] = {{summaryName, summary, sample(summaryName).substr(0, 230)},
-                   {documentName, documentSummary, sample(documentName).substr(0, 580)},
-                   {documentName, users, both.bytes(documentName)},
-                   {documentName, documentSummary, both.bytes(documentName)}};
+    } samples[] = {{kSummaryName, summary, sample(kSummaryName).substr(0, 230)},
+                   {kDocumentName, documentSummary, sample(kDocumentName).substr(0, 580)},
+                   {kDocumentName, users, both.bytes(kDocumentName)},
+                   {kDocumentName, documentSummary, both.bytes(kDocumentName)}};
     int refused = 0, kept = 0, read = 0;
     Document document;
     const auto check = [&](const auto& test, const std::string& bytes) {
@@ -467,19 +467,19 @@ TEST(PropertySets, DamagedOnesAreRefusedOrKept) {
         Properties properties;
         read += Vexel::ReadProperties(document.root, test.format, properties) == S_OK;
         const FMTID& other = test.format == users ? documentSummary : users;
-        const auto before = document.all(test.format, pages), otherBefore = document.all(other);
-        const long status = document.write(test.format, pages, PropertyVariant(77));
+        const auto before = document.all(test.format, kPages), otherBefore = document.all(other);
+        const long status = document.write(test.format, kPages, PropertyVariant(77));
         ++(status == S_OK ? kept : refused);
         if (status != S_OK) {
             EXPECT_TRUE(status == STG_E_INVALIDHEADER) << status;
             EXPECT_EQ(document.bytes(test.name), bytes);
             return;
         }
-        const auto after = document.all(test.format, pages);
+        const auto after = document.all(test.format, kPages);
         for (const auto& [what, value] : before)
             EXPECT_TRUE(value == "0 0" || (after.contains(what) && after.at(what) == value)) << what << value;
         EXPECT_EQ(document.all(other), otherBefore);
-        EXPECT_EQ(document.read(test.format)[pages].asInteger(), 77);
+        EXPECT_EQ(document.read(test.format)[kPages].asInteger(), 77);
     };
     for (const auto& test : samples) {
         for (std::size_t size = 1; size < test.bytes.size(); ++size)
@@ -496,21 +496,21 @@ TEST(PropertySets, DamagedOnesAreRefusedOrKept) {
     EXPECT_GT(kept, 1000);
     EXPECT_GT(read, kept) << "a sound set beside a damaged one is read";
     // A thousand values in the same bytes.
-    constexpr unsigned count = 1000, values = 8 + count * 8, size = 10'000;
-    std::string shared = sample(summaryName).substr(0, 48) + number(values + 8 + size) + number(count);
-    for (unsigned id = 2; id < 2 + count; ++id)
-        shared += number(id) + number(values);
-    document.setBytes(summaryName, shared + number(VT_BLOB) + number(size) + std::string(size, 'x'));
+    constexpr unsigned kCount = 1000, kValues = 8 + kCount * 8, kSize = 10'000;
+    std::string shared = sample(kSummaryName).substr(0, 48) + number(kValues + 8 + kSize) + number(kCount);
+    for (unsigned id = 2; id < 2 + kCount; ++id)
+        shared += number(id) + number(kValues);
+    document.setBytes(kSummaryName, shared + number(VT_BLOB) + number(kSize) + std::string(kSize, 'x'));
     Properties properties;
     EXPECT_EQ(Vexel::ReadProperties(document.root, summary, properties), STG_E_INVALIDHEADER);
 }
 
 // A section's own code page, where it has one.
 TEST(PropertySets, AreReadByTheirCodePage) {
-    std::string cyrillic = sample(summaryName);
+    std::string cyrillic = sample(kSummaryName);
     cyrillic[cyrillic.find("\xE4\x04")] = '\xE3'; // 1251
     cyrillic.replace(cyrillic.find("John"), 4, "\xC8\xE2\xE0\xED");
-    EXPECT_STREQ(Document(summaryName, cyrillic).read(summary)[author].asString().value_or(L"none"),
+    EXPECT_STREQ(Document(kSummaryName, cyrillic).read(summary)[kAuthor].asString().value_or(L"none"),
                  L"\u0418\u0432\u0430\u043D Machin");
 }
 

@@ -26,7 +26,7 @@ using namespace Support;
 
 namespace {
 
-constexpr CLSID someClass{0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
+constexpr CLSID kSomeClass{0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
 
 std::vector<Element> sorted(std::vector<Element> elements) {
     std::sort(elements.begin(), elements.end(),
@@ -78,29 +78,29 @@ protected:
     LogCapture log_;
 };
 
-const std::vector<Element> document{{L"A name of thirty-one characters", "31"},
-                                    {L"Big", std::string(100'000, 'b')},
-                                    {L"Box/", {}},
-                                    {L"Box/Deep/", {}},
-                                    {L"Box/Deep/\u0416", "deep"},
-                                    {L"Box/Empty", ""},
-                                    {L"\1CompObj", "comp"}};
+const std::vector<Element> kDocument{{L"A name of thirty-one characters", "31"},
+                                     {L"Big", std::string(100'000, 'b')},
+                                     {L"Box/", {}},
+                                     {L"Box/Deep/", {}},
+                                     {L"Box/Deep/\u0416", "deep"},
+                                     {L"Box/Empty", ""},
+                                     {L"\1CompObj", "comp"}};
 
 // With "\1Ole" the system copies, without the library does.
 TEST_F(Copying, MakesPackagesOfCompoundFiles) {
     for (const bool foreign : {false, true}) {
         SCOPED_TRACE(foreign);
-        std::vector<Element> elements = document;
+        std::vector<Element> elements = kDocument;
         if (foreign)
             elements.push_back({L"\1Ole", "ole"});
         {
-            constexpr DWORD mode = STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
+            constexpr DWORD kMode = STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
             writeCompoundFile(folder_.file(L"compound"), elements);
-            const auto root = openCompoundFile(folder_.file(L"compound"), mode);
+            const auto root = openCompoundFile(folder_.file(L"compound"), kMode);
             Microsoft::WRL::ComPtr<IStorage> box;
-            ASSERT_EQ(root->OpenStorage(L"Box", nullptr, mode, nullptr, 0, &box), S_OK);
+            ASSERT_EQ(root->OpenStorage(L"Box", nullptr, kMode, nullptr, 0, &box), S_OK);
             for (IStorage* storage : {box.Get(), root.Get()}) {
-                ASSERT_EQ(storage->SetClass(someClass), S_OK);
+                ASSERT_EQ(storage->SetClass(kSomeClass), S_OK);
                 ASSERT_EQ(storage->Commit(STGC_DEFAULT), S_OK);
             }
         }
@@ -109,8 +109,8 @@ TEST_F(Copying, MakesPackagesOfCompoundFiles) {
         EXPECT_EQ(result.format(), StorageFormat::Package);
         EXPECT_EQ(allOf(result), sorted(elements));
         const StorageRef box = openStorage(L"Box", result), deep = openStorage(L"Deep", box);
-        EXPECT_TRUE(classOf(result) == someClass);
-        EXPECT_TRUE(classOf(box) == someClass);
+        EXPECT_TRUE(classOf(result) == kSomeClass);
+        EXPECT_TRUE(classOf(box) == kSomeClass);
         EXPECT_TRUE(classOf(deep) == CLSID_NULL);
     }
 }
@@ -134,21 +134,21 @@ TEST_F(Copying, JoinsStoragesAndReplacesStreams) {
 }
 
 TEST_F(Copying, RefusesHandlesItCannotUse) {
-    const StorageRef root = compound(document);
+    const StorageRef root = compound(kDocument);
     EXPECT_EQ(root.copyTo(root), STG_E_INVALIDPARAMETER);
     EXPECT_EQ(root.copyTo(StorageRef()), STG_E_INVALIDPARAMETER);
     EXPECT_EQ(StorageRef().copyTo(root), STG_E_INVALIDPARAMETER);
 }
 
 TEST_F(Copying, ConvertingInPlaceIsForPackages) {
-    copyAndClose(compound(document), package());
+    copyAndClose(compound(kDocument), package());
     StorageRef root;
     EXPECT_EQ(root.convert(at(L"compound"), modeWrite), STG_E_INVALIDFUNCTION);
     EXPECT_TRUE(root.null());
-    EXPECT_EQ(sorted(readCompoundFile(folder_.file(L"compound"))), sorted(document));
+    EXPECT_EQ(sorted(readCompoundFile(folder_.file(L"compound"))), sorted(kDocument));
     ASSERT_EQ(root.convert(at(L"package"), modeWrite), S_OK);
     EXPECT_FALSE(root.readOnly());
-    EXPECT_EQ(allOf(root), sorted(document));
+    EXPECT_EQ(allOf(root), sorted(kDocument));
     EXPECT_EQ(StorageRef().convert(at(L"package"), modeWrite), STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(root.convert(at(L"missing"), modeRead), STG_E_FILENOTFOUND);
     EXPECT_EQ(root.convert(at(L"missing"), modeWrite), S_OK);
@@ -236,21 +236,21 @@ void damage(std::string& file, const Element& stream, bool isPackage) {
 
 // From and to either format, and as the system copies the documents of others.
 TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
-    constexpr auto compoundFile = StorageFormat::CompoundFile, packages = StorageFormat::Package;
+    constexpr auto kCompoundFile = StorageFormat::CompoundFile, kPackages = StorageFormat::Package;
     const struct {
         const char* name;
         StorageFormat from, to;
         bool foreign = false, observed = false;
     } ways[] = {
-        {"compound to compound", compoundFile, compoundFile},
-        {"compound to package", compoundFile, packages},
-        {"foreign compound to package", compoundFile, packages, true},
-        {"package to compound", packages, compoundFile},
-        {"package to package", packages, packages},
-        {"compound to compound, observed", compoundFile, compoundFile, false, true},
-        {"compound to package, observed", compoundFile, packages, false, true},
-        {"package to compound, observed", packages, compoundFile, false, true},
-        {"package to package, observed", packages, packages, false, true},
+        {"compound to compound", kCompoundFile, kCompoundFile},
+        {"compound to package", kCompoundFile, kPackages},
+        {"foreign compound to package", kCompoundFile, kPackages, true},
+        {"package to compound", kPackages, kCompoundFile},
+        {"package to package", kPackages, kPackages},
+        {"compound to compound, observed", kCompoundFile, kCompoundFile, false, true},
+        {"compound to package, observed", kCompoundFile, kPackages, false, true},
+        {"package to compound, observed", kPackages, kCompoundFile, false, true},
+        {"package to package, observed", kPackages, kPackages, false, true},
     };
     const std::vector<std::set<std::wstring>> badOnes{
         {},
@@ -277,7 +277,7 @@ TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
             std::string file = readFile(from);
             for (const Element& element : elements) {
                 if (bad.contains(element.path))
-                    damage(file, element, way.from == packages);
+                    damage(file, element, way.from == kPackages);
                 else
                     expected.push_back(element);
             }
@@ -306,8 +306,8 @@ TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
             target.close();
             closeUnused();
             EXPECT_EQ(allOf(openRoot(path(to), modeRead)), sorted(expected));
-            if (way.from == packages &&
-                (!way.observed || way.to != compoundFile)) { // told once, by the archive and by who copies
+            if (way.from == kPackages &&
+                (!way.observed || way.to != kCompoundFile)) { // told once, by the archive and by who copies
                 EXPECT_EQ(log_.count(VxLog_Error, L"for copying: 0x8003001e") +
                               log_.count(VxLog_Error, L"has not met the expectations"),
                           2 * static_cast<int>(bad.size()));
@@ -447,7 +447,7 @@ TEST_F(CopyingOfFakes, IsTriedOnceMoreWhereThatHelps) {
     // The system's copies are looked at once more, and made up for where they end early.
     const std::wstring once = L"CopyTo\n", twice = L"CopyTo\nCopyTo\n", looked = L"EnumElements\nNext\n",
                        redone = L"Stat 1\nEnumElements\nNext\n", commit = L"Commit storage 0x2\n";
-    constexpr HRESULT memory = HRESULT_FROM_WIN32(8), files = STG_E_TOOMANYOPENFILES;
+    constexpr HRESULT kMemory = HRESULT_FROM_WIN32(8), kFiles = STG_E_TOOMANYOPENFILES;
     const struct {
         const char* name;
         std::map<size_t, HRESULT> copies, commits;
@@ -456,9 +456,9 @@ TEST_F(CopyingOfFakes, IsTriedOnceMoreWhereThatHelps) {
     } cases[] = {
         {"success", {}, {}, once + looked, L"", S_OK},
         {"memory once", {{0, E_OUTOFMEMORY}}, {}, once, L"", E_OUTOFMEMORY},
-        {"memory of any facility", {{0, memory}}, {}, twice + looked, commit, S_OK},
-        {"files twice", {{0, files}, {1, memory}}, {}, twice, commit, STG_E_INSUFFICIENTMEMORY},
-        {"files, and no commit", {{0, files}}, {{0, STG_E_MEDIUMFULL}}, once, commit, files},
+        {"memory of any facility", {{0, kMemory}}, {}, twice + looked, commit, S_OK},
+        {"files twice", {{0, kFiles}, {1, kMemory}}, {}, twice, commit, STG_E_INSUFFICIENTMEMORY},
+        {"files, and no commit", {{0, kFiles}}, {{0, STG_E_MEDIUMFULL}}, once, commit, kFiles},
         {"shared, but a root", {{0, STG_E_SHAREVIOLATION}}, {}, once + redone, L"", STG_E_SHAREVIOLATION},
         {"another", {{0, STG_E_WRITEFAULT}}, {}, once + redone, L"", STG_E_WRITEFAULT},
         {"no success", {{0, 0x20000002}}, {}, once + redone, L"", STG_E_READFAULT},
@@ -476,11 +476,11 @@ TEST_F(CopyingOfFakes, IsTriedOnceMoreWhereThatHelps) {
 // A document larger than what may wait in memory is in the file before anybody commits: when as much waits,
 // or before a stream that would make it more.
 TEST_F(CopyingOfFakes, CommitsOnTheWay) {
-    constexpr ULONGLONG largest = 64ULL << 20;
+    constexpr ULONGLONG kLargest = 64ULL << 20;
     calls_.available = ~0ULL;
     calls_.moved = S_OK;
     calls_.elements = {{L"First", STGTY_STREAM}};
-    for (const ULONGLONG size : {largest, largest / 2 + 1}) {
+    for (const ULONGLONG size : {kLargest, kLargest / 2 + 1}) {
         const std::wstring name = std::to_wstring(size);
         const StorageRef target = package(name);
         calls_.take();
@@ -490,7 +490,7 @@ TEST_F(CopyingOfFakes, CommitsOnTheWay) {
         const StorageRef written = open(name, modeReadDenyWrite);
         EXPECT_EQ(openStream(L"First", written).size(), size);
         EXPECT_FALSE(written.hasChild(element(L"Second"), StorageType::Stream));
-        EXPECT_EQ(target.hasChild(element(L"Second"), StorageType::Stream), size < largest);
+        EXPECT_EQ(target.hasChild(element(L"Second"), StorageType::Stream), size < kLargest);
         calls_.elements.emplace_back(L"Second", STGTY_STREAM);
     }
 }

@@ -22,8 +22,8 @@ using Vexel::Detail::adopt;
 
 namespace {
 
-const std::string packageStart("7z\xBC\xAF\x27\x1C");
-const std::string compoundStart("\xD0\xCF\x11\xE0\xA1\xB1");
+const std::string kPackageStart("7z\xBC\xAF\x27\x1C");
+const std::string kCompoundStart("\xD0\xCF\x11\xE0\xA1\xB1");
 
 TEST(StorageFormat, IsToldByTheFirstSixBytes) {
     const Support::TempFolder folder;
@@ -33,12 +33,12 @@ TEST(StorageFormat, IsToldByTheFirstSixBytes) {
         HRESULT fromFile, fromStream; ///< statuses of opening it as a package
     } cases[] = {
         {"", StorageFormat::None, E_FAIL, E_FAIL},
-        {packageStart.substr(0, 5), StorageFormat::None, E_FAIL, E_FAIL},
-        {packageStart, StorageFormat::Package, STG_E_INVALIDHEADER, STG_E_INVALIDHEADER},
-        {compoundStart, StorageFormat::CompoundFile, STG_E_INVALIDHEADER, E_NOINTERFACE},
-        {compoundStart + "??", StorageFormat::CompoundFile, STG_E_INVALIDHEADER, E_NOINTERFACE},
+        {kPackageStart.substr(0, 5), StorageFormat::None, E_FAIL, E_FAIL},
+        {kPackageStart, StorageFormat::Package, STG_E_INVALIDHEADER, STG_E_INVALIDHEADER},
+        {kCompoundStart, StorageFormat::CompoundFile, STG_E_INVALIDHEADER, E_NOINTERFACE},
+        {kCompoundStart + "??", StorageFormat::CompoundFile, STG_E_INVALIDHEADER, E_NOINTERFACE},
         {"\xD0 is text", StorageFormat::None, E_FAIL, E_FAIL},
-        {" " + packageStart, StorageFormat::None, E_FAIL, E_FAIL},
+        {" " + kPackageStart, StorageFormat::None, E_FAIL, E_FAIL},
     };
     const LogCapture quiet;
     const std::wstring path = folder.file(L"f");
@@ -82,7 +82,7 @@ TEST(StorageFormat, IsKeptForPathNamesWithinABlock) {
     {
         const SharedPathNameFlagsCacheBlock block;
         EXPECT_EQ(name.isStorage(), std::nullopt); // not kept
-        Support::writeFile(path, packageStart);
+        Support::writeFile(path, kPackageStart);
         EXPECT_EQ(name.isStorage(), true);
         std::filesystem::remove(path);
         EXPECT_EQ(name.isStorage(), true);
@@ -114,9 +114,10 @@ TEST(OpenPackage, OpensPackagesForReading) {
 // A pipe whose other side goes away opens, but cannot be read.
 TEST(StorageFormat, RaisesAReadThatFails) {
     const LogCapture quiet;
-    constexpr auto name = L"\\\\.\\pipe\\vexel-format-test";
+    constexpr auto kName = L"\\\\.\\pipe\\vexel-format-test";
     const auto withPipe = [&](const auto& read) {
-        const HANDLE pipe = CreateNamedPipeW(name, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+        const HANDLE pipe =
+            CreateNamedPipeW(kName, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
         std::thread server([pipe] {
             ConnectNamedPipe(pipe, nullptr);
             CloseHandle(pipe);
@@ -124,10 +125,10 @@ TEST(StorageFormat, RaisesAReadThatFails) {
         read();
         server.join();
     };
-    withPipe([&] { EXPECT_THROW(StorageRef::getFormat(name), std::system_error); });
+    withPipe([&] { EXPECT_THROW(StorageRef::getFormat(kName), std::system_error); });
     withPipe([&] {
         ComPtr<IStorage> root;
-        EXPECT_EQ(OpenVexelPackage(&root, name), HRESULT_FROM_WIN32(ERROR_BROKEN_PIPE));
+        EXPECT_EQ(OpenVexelPackage(&root, kName), HRESULT_FROM_WIN32(ERROR_BROKEN_PIPE));
     });
 }
 

@@ -19,7 +19,7 @@ void require(HRESULT status, const char* call) {
     std::abort();
 }
 
-constexpr DWORD child = STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE;
+constexpr DWORD kChild = STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE;
 
 void writeElement(IStorage* storage, std::wstring_view path, const std::string& contents) {
     const size_t slash = path.find(L'/');
@@ -33,8 +33,8 @@ void writeElement(IStorage* storage, std::wstring_view path, const std::string& 
         return;
     }
     ComPtr<IStorage> inner;
-    if (FAILED(storage->OpenStorage(name.c_str(), nullptr, child | STGM_READWRITE, nullptr, 0, &inner)))
-        require(storage->CreateStorage(name.c_str(), child | STGM_READWRITE, 0, 0, &inner), "CreateStorage");
+    if (FAILED(storage->OpenStorage(name.c_str(), nullptr, kChild | STGM_READWRITE, nullptr, 0, &inner)))
+        require(storage->CreateStorage(name.c_str(), kChild | STGM_READWRITE, 0, 0, &inner), "CreateStorage");
     if (slash + 1 < path.size())
         writeElement(inner.Get(), path.substr(slash + 1), contents);
     require(inner->Commit(STGC_DEFAULT), "Commit");
@@ -63,7 +63,7 @@ void collect(IStorage* storage, const std::wstring& prefix, std::vector<Element>
             continue;
         }
         ComPtr<IStorage> inner;
-        require(storage->OpenStorage(name.c_str(), nullptr, child | STGM_READ, nullptr, 0, &inner),
+        require(storage->OpenStorage(name.c_str(), nullptr, kChild | STGM_READ, nullptr, 0, &inner),
                 "OpenStorage");
         elements.push_back({prefix + name + L"/", {}});
         collect(inner.Get(), prefix + name + L"/", elements);

@@ -9,9 +9,9 @@ namespace Support {
 
 namespace {
 
-constexpr std::uint32_t fatMark = 0xFFFFFFFD;
-constexpr std::uint32_t difatMark = 0xFFFFFFFC;
-constexpr std::uint32_t inHeader = 109;
+constexpr std::uint32_t kFatMark = 0xFFFFFFFD;
+constexpr std::uint32_t kDifatMark = 0xFFFFFFFC;
+constexpr std::uint32_t kInHeader = 109;
 
 std::uint32_t parts(std::size_t bytes, std::size_t part) {
     return static_cast<std::uint32_t>((bytes + part - 1) / part);
@@ -45,7 +45,7 @@ CompoundImage::CompoundImage(const std::vector<Item>& items, Form form) {
     std::uint32_t difat = 0;
     do {
         ++fat;
-        difat = fat > inHeader ? parts(fat - inHeader, perSector - 1) : 0;
+        difat = fat > kInHeader ? parts(fat - kInHeader, perSector - 1) : 0;
     } while (fat * perSector < others + fat + difat);
 
     const std::uint32_t total = others + fat + difat;
@@ -62,11 +62,11 @@ CompoundImage::CompoundImage(const std::vector<Item>& items, Form form) {
     number(56) = 4096;
     number(Difat) = difat > 0 ? firstDifat : end;
     number(DifatSectors) = difat;
-    for (std::uint32_t i = 0; i < inHeader; ++i)
+    for (std::uint32_t i = 0; i < kInHeader; ++i)
         number(Fat + i * 4) = i < fat ? firstFat + i : none;
     for (std::uint32_t i = 0; i < difat; ++i)
         for (std::uint32_t place = 0; place < perSector; ++place) {
-            const std::uint32_t table = inHeader + i * (static_cast<std::uint32_t>(perSector) - 1) + place;
+            const std::uint32_t table = kInHeader + i * (static_cast<std::uint32_t>(perSector) - 1) + place;
             if (place + 1 == perSector)
                 number(firstDifat + i, place) = i + 1 < difat ? firstDifat + i + 1 : end;
             else
@@ -75,7 +75,7 @@ CompoundImage::CompoundImage(const std::vector<Item>& items, Form form) {
     for (std::uint32_t sector = 0; sector < fat * perSector; ++sector)
         next(sector) = none;
     for (std::uint32_t i = 0; i < fat + difat; ++i)
-        next(firstFat + i) = i < fat ? fatMark : difatMark;
+        next(firstFat + i) = i < fat ? kFatMark : kDifatMark;
 
     std::uint32_t at = form.tablesLast ? 0 : fat + difat + form.freeSectors;
     const auto take = [&](std::uint32_t count) {
@@ -149,10 +149,10 @@ std::size_t CompoundImage::read(std::uint64_t offset, std::span<std::byte> targe
 std::uint32_t& CompoundImage::next(std::uint32_t sector) {
     const std::size_t perSector = sectorBytes() / 4;
     std::size_t table = sector / perSector;
-    if (table < inHeader)
+    if (table < kInHeader)
         return number(number(Fat + table * 4), sector % perSector);
     std::uint32_t list = number(Difat);
-    for (table -= inHeader; table >= perSector - 1; table -= perSector - 1)
+    for (table -= kInHeader; table >= perSector - 1; table -= perSector - 1)
         list = number(list, perSector - 1);
     return number(number(list, table), sector % perSector);
 }

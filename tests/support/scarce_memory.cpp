@@ -11,14 +11,14 @@ namespace {
 
 std::atomic<int> failures{0};
 std::atomic<std::size_t> allocated{0};
-const DWORD mainThread = GetCurrentThreadId();
+const DWORD kMainThread = GetCurrentThreadId();
 
 // The main thread's alone.
 int allocationsToSkip = 0;
 void (*allocationEvent)() = nullptr;
 
-bool MayAllocate() {
-    if (GetCurrentThreadId() != mainThread) {
+bool mayAllocate() {
+    if (GetCurrentThreadId() != kMainThread) {
         if (failures <= 0)
             return true;
         return failures-- <= 0; // another thread may have taken the last one
@@ -41,7 +41,7 @@ std::size_t AllocatedBytes() noexcept { return allocated; }
 
 void* operator new(std::size_t size) {
     allocated += size;
-    void* memory = MayAllocate() ? std::malloc(size > 0 ? size : 1) : nullptr;
+    void* memory = mayAllocate() ? std::malloc(size > 0 ? size : 1) : nullptr;
     return memory ? memory : throw std::bad_alloc();
 }
 void operator delete(void* memory) noexcept { std::free(memory); }

@@ -28,7 +28,7 @@ void add(Command& command) {
     command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration("cat", "Write a stream's bytes to standard output", add);
+const CommandRegistration kRegistration("cat", "Write a stream's bytes to standard output", add);
 
 } // namespace
 } // namespace Vexel::Tool

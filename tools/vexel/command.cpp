@@ -41,11 +41,11 @@ void checkName(CLI::App& program, const std::vector<std::string>& arguments) {
 
 } // namespace
 
-constinit const CommandRegistration* CommandRegistration::first_ = nullptr;
+constinit const CommandRegistration* CommandRegistration::first = nullptr;
 
 CommandRegistration::CommandRegistration(const char* name, const char* help, Add add) noexcept
-    : name_(name), help_(help), add_(add), next_(first_) {
-    first_ = this;
+    : name_(name), help_(help), add_(add), next_(first) {
+    first = this;
 }
 
 void Command::required(const char* name, std::string& value, const char* help) {
@@ -77,7 +77,7 @@ void runCommandLine(const std::vector<std::string>& arguments) {
     // "/" begins a path here, not an option.
     program.allow_windows_style_options(false);
     program.require_subcommand(1);
-    for (const CommandRegistration* entry = CommandRegistration::first_; entry; entry = entry->next_) {
+    for (const CommandRegistration* entry = CommandRegistration::first; entry; entry = entry->next_) {
         CLI::App* const app = program.add_subcommand(entry->name_, entry->help_);
         Command command(*app);
         entry->add_(command);

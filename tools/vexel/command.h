@@ -32,7 +32,7 @@ private:
 
 /// A command of the program: a source file of its own that ends in one line,
 ///
-///     const CommandRegistration registration("name", "What it does", add);
+///     const CommandRegistration kRegistration("name", "What it does", add);
 ///
 /// where `add` tells its arguments and what it runs. A command reports what goes wrong by throwing Failure or
 /// UsageError. The help text shows the commands by name.
@@ -49,7 +49,7 @@ private:
     const char* help_;
     Add add_;
     const CommandRegistration* next_;
-    static const CommandRegistration* first_;
+    static const CommandRegistration* first;
 };
 
 /// Runs the command that the arguments name, or prints the help text. Throws UsageError for arguments that

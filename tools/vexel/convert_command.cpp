@@ -23,7 +23,7 @@ void add(Command& command) {
 }
 
 const CommandRegistration
-    registration("convert", "Make a package of a document and compare it with what it was made of", add);
+    kRegistration("convert", "Make a package of a document and compare it with what it was made of", add);
 
 } // namespace
 } // namespace Vexel::Tool

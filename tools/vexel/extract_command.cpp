@@ -107,8 +107,8 @@ void add(Command& command) {
 }
 
 const CommandRegistration
-    registration("extract",
-                 "Write nodes as files and directories; names that Windows cannot hold are encoded", add);
+    kRegistration("extract",
+                  "Write nodes as files and directories; names that Windows cannot hold are encoded", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -98,8 +98,8 @@ void add(Command& command) {
     command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration("gunzip",
-                                       "Write the inflated bytes of a gzip stream to standard output", add);
+const CommandRegistration kRegistration("gunzip",
+                                        "Write the inflated bytes of a gzip stream to standard output", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -182,7 +182,7 @@ void add(Command& command) {
 }
 
 const CommandRegistration
-    registration("info", "Say what a file is: format, number of nodes, bytes, packed bytes, times", add);
+    kRegistration("info", "Say what a file is: format, number of nodes, bytes, packed bytes, times", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -72,7 +72,7 @@ void add(Command& command) {
 }
 
 const CommandRegistration
-    registration("list", "List every node, depth first: type, size, modification time, path", add);
+    kRegistration("list", "List every node, depth first: type, size, modification time, path", add);
 
 } // namespace
 } // namespace Vexel::Tool

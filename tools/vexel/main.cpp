@@ -16,7 +16,7 @@
 namespace Vexel::Tool {
 namespace {
 
-enum ExitStatus { kDone = 0, kFailed = 1, kWrongUsage = 2 };
+enum ExitStatus { KDone = 0, KFailed = 1, KWrongUsage = 2 };
 
 int run(int count, wchar_t** values) {
     std::vector<std::string> arguments;
@@ -25,7 +25,7 @@ int run(int count, wchar_t** values) {
     runCommandLine(arguments);
     progress().end();
     if (!stopIsWanted())
-        return kDone;
+        return KDone;
     report(L"interrupted, but what was to be done is done");
     return kInterrupted;
 }
@@ -47,9 +47,9 @@ int wmain(int count, wchar_t** values) {
         quietLog();
         return run(count, values);
     } catch (const Failure& failure) {
-        return fail(kFailed, failure.message());
+        return fail(KFailed, failure.message());
     } catch (const UsageError& error) {
-        return fail(kWrongUsage, error.message());
+        return fail(KWrongUsage, error.message());
     } catch (const Stopped&) {
         return fail(kInterrupted, L"interrupted");
     } catch (const SilentFailure& failure) {
@@ -57,6 +57,6 @@ int wmain(int count, wchar_t** values) {
     } catch (const ReaderGone&) {
         return kReaderGone;
     } catch (const std::exception& error) {
-        return fail(kFailed, toUtf16(error.what()));
+        return fail(KFailed, toUtf16(error.what()));
     }
 }

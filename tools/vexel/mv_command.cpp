@@ -107,8 +107,8 @@ void add(Command& command) {
 }
 
 const CommandRegistration
-    registration("mv", "Give a node another path, creating the storages above that where they are missing",
-                 add);
+    kRegistration("mv", "Give a node another path, creating the storages above that where they are missing",
+                  add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -181,7 +181,7 @@ void add(Command& command) {
 }
 
 const CommandRegistration
-    registration("pack", "Make a package from a directory; names are decoded as extract encodes them", add);
+    kRegistration("pack", "Make a package from a directory; names are decoded as extract encodes them", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -136,7 +136,7 @@ void add(Command& command) {
 }
 
 const CommandRegistration
-    registration("put", "Write a stream whole, creating it and its parents where they are missing", add);
+    kRegistration("put", "Write a stream whole, creating it and its parents where they are missing", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -32,7 +32,7 @@ void add(Command& command) {
     command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration("rm", "Remove a node with everything in it", add);
+const CommandRegistration kRegistration("rm", "Remove a node with everything in it", add);
 
 } // namespace
 } // namespace Vexel::Tool

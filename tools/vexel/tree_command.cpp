@@ -42,7 +42,7 @@ void add(Command& command) {
     command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration("tree", "Draw the nodes as a tree, streams with their sizes", add);
+const CommandRegistration kRegistration("tree", "Draw the nodes as a tree, streams with their sizes", add);
 
 } // namespace
 } // namespace Vexel::Tool

@@ -96,8 +96,8 @@ void add(Command& command) {
     command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration registration("verify", "Read every stream wholly and print each fault on a line",
-                                       add);
+const CommandRegistration kRegistration("verify", "Read every stream wholly and print each fault on a line",
+                                        add);
 
 } // namespace
 } // namespace Vexel::Tool
