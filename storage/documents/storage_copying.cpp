@@ -95,7 +95,7 @@ HRESULT copyByItself(const StorageRef& from, const StorageRef& to, bool isComple
 /// Documents of other programs are known by their "\1Ole"; they go over as the system copies them.
 bool isForeign(const StorageRef& document) {
     HRESULT status = E_FAIL;
-    return TreeWalk::openUnmoved(document, elementName(L"\1Ole"), status).get() != nullptr;
+    return TreeWalk::itemOf(document)->resumeChildStream(elementName(L"\1Ole"), &status).get() != nullptr;
 }
 
 /// Both are open, and the target is for writing.

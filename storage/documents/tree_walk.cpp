@@ -64,17 +64,6 @@ HRESULT copyClass(const StorageRef& from, const StorageRef& to) {
 
 } // namespace
 
-ItemRef<VxStream> TreeWalk::openUnmoved(const StorageRef& parent, const SharedPathName& name,
-                                        HRESULT& status) {
-    VxStorage& storage = *itemOf(parent);
-    if (storage.VxStorage::hasChild(name, StorageType::Stream)) { // in the table
-        ItemRef<VxStream> known = storage.openChildStream(name, true, true, &status);
-        if (known && known->isOpen())
-            return known;
-    }
-    return storage.openChildStream(name, true, false, &status);
-}
-
 HRESULT TreeWalk::run() {
     note(withStatus([this] { return enter({source_, target_, nullptr}), S_OK; }), StorageType::Storage);
     while (!levels_.empty() && SUCCEEDED(end_)) {
@@ -190,7 +179,7 @@ void TreeWalk::meetStream(const SharedPathName& name, unsigned long long listedS
 /// none.
 void TreeWalk::checkClass(const SharedPathName& name) {
     HRESULT status = S_OK;
-    if (!openUnmoved(levels_.back().from, name, status))
+    if (!itemOf(levels_.back().from)->resumeChildStream(name, &status))
         note(FAILED(status) ? status : STG_E_READFAULT, StorageType::Stream);
 }
 
@@ -217,7 +206,7 @@ void TreeWalk::discardPart(VxStorage& to, const SharedPathName& name) {
 void TreeWalk::copyStream(const SharedPathName& name) {
     const Level& parent = levels_.back();
     HRESULT status = E_FAIL;
-    ItemRef<VxStream> source = openUnmoved(parent.from, name, status);
+    ItemRef<VxStream> source = itemOf(parent.from)->resumeChildStream(name, &status);
     // Held: others may close the node while a clean-up runs that the target needs, or the observer.
     ComPtr<::IStream> stream = source ? source->stream() : nullptr;
     if (!stream) {

@@ -34,9 +34,6 @@ public:
     HRESULT fail(HRESULT status) { return note(status, StorageType::Storage); }
 
     static VxStorage* itemOf(const StorageRef& storage) noexcept { return storage.item_; }
-    /// Opens a stream of a storage. One that the application has open stays where it is.
-    static ItemRef<VxStream> openUnmoved(const StorageRef& parent, const SharedPathName& name,
-                                         HRESULT& status);
 
 private:
     struct Level {

@@ -111,6 +111,11 @@ ItemRef<VxStream> VxStorage::openChildStream(const SharedPathName& name, bool re
                                [&](VxStream& child) { return lazy ? S_OK : child.open(readOnly); });
 }
 
+ItemRef<VxStream> VxStorage::resumeChildStream(const SharedPathName& name, HRESULT* status) {
+    return withChild<VxStream>(name, Purpose::Open, status,
+                               [](VxStream& child) { return child.ensureOpen(); });
+}
+
 ItemRef<VxStorage> VxStorage::createChildStorage(const SharedPathName& name, HRESULT* status, bool replace) {
     return withChild<VxStorage>(name, replace ? Purpose::Replace : Purpose::Create, status,
                                 [&](VxStorage& child) { return child.create(false, false, replace); });

@@ -171,6 +171,9 @@ public:
     ItemRef<VxStorage> openChildStorage(const SharedPathName& name, bool readOnly, bool lazy,
                                         HRESULT* status);
     ItemRef<VxStream> openChildStream(const SharedPathName& name, bool readOnly, bool lazy, HRESULT* status);
+    /// Opens it for reading, but leaves one that somebody has open where it stands, also when the reopening
+    /// of its storage has closed it meanwhile.
+    ItemRef<VxStream> resumeChildStream(const SharedPathName& name, HRESULT* status);
     ItemRef<VxStorage> createChildStorage(const SharedPathName& name, HRESULT* status, bool replace);
     ItemRef<VxStream> createChildStream(const SharedPathName& name, HRESULT* status);
 

@@ -290,6 +290,8 @@ TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
                       kept = openStream(L"z-kept", target);
             ASSERT_EQ(mine.Seek(vxio::IReadStream::Begin, 3), 3u);
             ASSERT_EQ(kept.Seek(vxio::IReadStream::Begin, 2), 2u);
+            // Nor does it matter that the reopening of its storage has closed it meanwhile.
+            const StorageRef writing = bad.empty() ? openStorage(L"b-box", source, false) : StorageRef();
             const long status =
                 way.observed ? Vexel::copyTree(source, target, &observer) : source.copyTo(target);
             EXPECT_EQ(status, bad.empty() ? S_OK : STG_E_READFAULT);
