@@ -5,6 +5,7 @@
 #include "base/text.h"
 #include "paths/path_name_hash.h"
 #include "paths/path_name_table.h"
+#include "paths/path_text.h"
 
 #include <vexel/paths.h>
 
@@ -86,6 +87,8 @@ SharedPathEntry* internAsItStands(std::wstring_view text, bool caseSensitive) {
 SharedPathEntry* internText(std::wstring_view text, bool caseSensitive, bool caseSensitiveHash) {
     if (text.empty())
         return nullptr;
+    if (isSurelyCanonical(text)) // as nearly all are; asking the system takes most of the time of the others
+        return internAbsolute(text, caseSensitive, caseSensitiveHash);
     if (PathIsRelativeW(text.data()))
         return internRelative(text, caseSensitive, caseSensitiveHash);
     return internAbsolute(CanonicalPath(text).view(), caseSensitive, caseSensitiveHash);

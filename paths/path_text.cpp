@@ -7,8 +7,10 @@
 
 #include <vexel/paths.h>
 
+#include <algorithm>
 #include <climits>
 #include <cwchar>
+#include <iterator>
 #include <stdexcept>
 
 namespace Vexel {
@@ -45,6 +47,26 @@ std::wstring withNewExtension(std::wstring_view path, std::wstring_view extensio
     return result;
 }
 
+/// Whether `name` begins as that of a device, such as "NUL", "com1.txt" or "CONIN$". Some others do, too,
+/// which does no harm.
+bool isLikeDevice(std::wstring_view name) noexcept {
+    constexpr std::wstring_view kDevices[] = {L"con", L"prn", L"aux", L"nul", L"com", L"lpt"};
+    const auto matches = [name](std::wstring_view device) {
+        return std::equal(device.begin(), device.end(), name.begin(),
+                          [](wchar_t wanted, wchar_t unit) { return (unit | 0x20) == wanted; });
+    };
+    if (name.size() < 3)
+        return false;
+    const wchar_t next = name.size() > 3 ? static_cast<wchar_t>(name[3] | 0x20) : L'\0';
+    const bool isLonger = next >= L'a' && next <= L'z' && next != L'i' && next != L'o'; // as "Common" is
+    return !isLonger && std::any_of(std::begin(kDevices), std::end(kDevices), matches);
+}
+
+/// Whether an element stays as it is wherever it stands. The system takes dots and blanks off the end.
+bool isSurelyKept(std::wstring_view element) noexcept {
+    return !element.empty() && element.back() != L'.' && element.back() != L' ' && !isLikeDevice(element);
+}
+
 } // namespace
 
 std::size_t Detail::drivePrefixLength(std::wstring_view path) noexcept {
@@ -56,6 +78,25 @@ std::size_t Detail::protectedRootLength(std::wstring_view path) noexcept {
         return 1;
     const bool longPathPrefix = path.size() >= 4 && path[2] == L'?' && isSeparator(path[3]);
     return longPathPrefix ? 4 : 2;
+}
+
+bool Detail::isSurelyCanonical(std::wstring_view path) noexcept {
+    constexpr std::size_t kRootLength = 3;
+    // Some systems write the letter of the drive large.
+    if (path.size() < kRootLength || path[0] < L'A' || path[0] > L'Z' || path[1] != L':' || path[2] != L'\\')
+        return false;
+    std::size_t start = kRootLength;
+    for (std::size_t i = start; i < path.size(); ++i) { // by hand, see FindFileName
+        const wchar_t unit = path[i];
+        if (unit < L' ' || unit == L'/' || unit == L':')
+            return false;
+        if (unit != L'\\')
+            continue;
+        if (!isSurelyKept(path.substr(start, i - start)))
+            return false;
+        start = i + 1;
+    }
+    return start == path.size() || isSurelyKept(path.substr(start));
 }
 
 std::size_t FindFileName(std::wstring_view path, bool ignoreTrailingSeparators) {

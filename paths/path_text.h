@@ -18,4 +18,9 @@ std::size_t drivePrefixLength(std::wstring_view path) noexcept;
 /// else 1.
 std::size_t protectedRootLength(std::wstring_view path) noexcept;
 
+/// Whether `path` is absolute and such that the system's canonical form of it is certain to be `path` itself:
+/// on a drive, without anything that the system takes out, replaces, or knows as the name of a device. False
+/// says that the system has to be asked.
+bool isSurelyCanonical(std::wstring_view path) noexcept;
+
 } // namespace Vexel::Detail

@@ -64,6 +64,26 @@ TEST(PathName, MakesAbsolutePathsCanonicalAndLeavesRelativeOnes) {
     EXPECT_EQ(anyCase(directory + LR"(\x\..\name)").asStringView(), directory + LR"(\name)");
 }
 
+// A text that is canonical by its looks is taken as it stands; the system would not think otherwise.
+TEST(PathName, TakesForCanonicalWhatTheSystemTakesForIt) {
+    const wchar_t* const pieces[] = {L"\\",   L"/",       L".",   L"..",   L" ",      L":",   L"a",
+                                     L"Name", L"b.vxl",   L"nul", L"COM1", L"conin$", L"lpt", L"\x01",
+                                     L"\xE9", L"con.txt", L"?",   L"*",    L"Common"};
+    std::mt19937 random(20'000); // NOLINT(cert-msc51-cpp): the same each time
+    int unchanged = 0;
+    for (int round = 0; round < 20'000; ++round) {
+        std::wstring path = round % 5 == 0 ? L"c:" : L"C:\\";
+        for (unsigned count = random() % 6; count > 0; --count)
+            path += pieces[random() % (round % 2 == 0 ? 9 : std::size(pieces))] +
+                    std::wstring(random() % 2, L'\\');
+        wchar_t full[MAX_PATH];
+        ASSERT_NE(GetFullPathNameW(path.c_str(), MAX_PATH, full, nullptr), 0U);
+        unchanged += path == full ? 1 : 0;
+        EXPECT_EQ(exact(path).asStringView(), full) << path;
+    }
+    EXPECT_GT(unchanged, 1000);
+}
+
 class FoldsAllToX : public std::ctype<wchar_t> {
 protected:
     wchar_t do_tolower(wchar_t) const override { return L'x'; }
