@@ -154,6 +154,7 @@ public:
     STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) noexcept override { return E_NOTIMPL; }
     STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) noexcept override { return E_NOTIMPL; }
     STDMETHODIMP Stat(STATSTG* info, DWORD) noexcept override {
+        *info = {};
         info->cbSize.QuadPart = 10'000;
         return S_OK;
     }
