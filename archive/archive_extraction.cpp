@@ -141,17 +141,48 @@ HRESULT SZipArchivePrivate::extract(SZipArchiveItem& item, const CString& path, 
     return S_OK;
 }
 
-HRESULT SZipArchive::extractFile(IStream** result, std::wstring_view path) {
+HRESULT SZipArchivePrivate::openEmptied(SZipArchiveItem& item, const CString& path, IStream** result) {
+    if (readOnly)
+        return STG_E_ACCESSDENIED;
+    if (item.isDirectory_)
+        return STG_E_FILENOTFOUND;
+    const RwGuard guard(item.lock_, RwGuard::Exclusive);
+    if (!guard)
+        return STG_E_INUSE;
+    if (!item.contents_) {
+        const ComPtr<SZipStream> contents = newContents({}, path);
+        contents->markModified(); // even if nothing is ever written: they are not those in the file
+        item.contents_ = contents;
+        *changed = true;
+    }
+    ComPtr<IStream> stream;
+    HRESULT status = openStreamOn(item.contents_, &stream);
+    if (status == S_OK)
+        status = stream->SetSize({});
+    if (status == S_OK)
+        *result = stream.Detach();
+    return status;
+}
+
+HRESULT SZipArchivePrivate::openFile(std::wstring_view path, Opening opening, IStream** result) {
     if (!result)
         return STG_E_INVALIDPOINTER;
     *result = nullptr;
     if (!isItemPath(path))
         return STG_E_INVALIDNAME;
-    return private_->locked(RwGuard::Shared, [&]() -> HRESULT {
-        const auto found = private_->items.find(path);
-        return found == private_->items.end() ? STG_E_FILENOTFOUND
-                                              : private_->extract(found->second, found->first, result);
+    return locked(RwGuard::Shared, [&]() -> HRESULT {
+        const auto found = items.find(path);
+        return found == items.end() ? STG_E_FILENOTFOUND
+                                    : (this->*opening)(found->second, found->first, result);
     });
+}
+
+HRESULT SZipArchive::extractFile(IStream** result, std::wstring_view path) {
+    return private_->openFile(path, &SZipArchivePrivate::extract, result);
+}
+
+HRESULT SZipArchive::openEmptied(IStream** result, const CString& path) {
+    return private_->openFile(StringLess::view(path), &SZipArchivePrivate::openEmptied, result);
 }
 
 } // namespace Vexel::Storage

@@ -72,6 +72,10 @@ public:
     HRESULT addTree(const SZipArchivePrivate& source, std::wstring_view sourcePath,
                     std::wstring_view targetPath);
 
+    using Opening = HRESULT (SZipArchivePrivate::*)(SZipArchiveItem& item, const CString& path,
+                                                    IStream** result);
+    HRESULT openFile(std::wstring_view path, Opening opening, IStream** result);
+
     /// Runs `body`, and turns exhausted memory into its status. STG_E_INUSE when the lock cannot be had.
     template <class Body>
     HRESULT locked(RwGuard::Mode mode, const Body& body) const {
@@ -84,6 +88,7 @@ public:
     // With at least a share of it:
 
     HRESULT extract(SZipArchiveItem& item, const CString& path, IStream** result);
+    HRESULT openEmptied(SZipArchiveItem& item, const CString& path, IStream** result);
     HRESULT saveTo(IStream* destination) const;
     /// What decoding an item came to: its whole contents, or else the status that says why there are none.
     /// That is S_OK where packed data are left over behind the contents; see `SZipArchive::extractFile`.

@@ -81,6 +81,18 @@ HRESULT SZipStorage::OpenStream(LPCOLESTR name, void* reserved1, DWORD mode, DWO
     });
 }
 
+HRESULT SZipStorage::openEmptied(LPCOLESTR name, ::IStream** stream) noexcept {
+    if (const HRESULT status = checkArguments(name, stream, true); FAILED(status))
+        return status;
+    if (isReadOnly())
+        return STG_E_ACCESSDENIED;
+    return withStatus([&] {
+        ComPtr<::IStream> opened;
+        const HRESULT status = archive_->openEmptied(&opened, childPath(name));
+        return shareWithCaller(status, opened.Get(), false, stream);
+    });
+}
+
 // The item keeps the stream that it gave, so that one must not keep the archive, or none of them would ever
 // go.
 HRESULT SZipStorage::shareWithCaller(HRESULT status, ::IStream* contents, bool readOnly,

@@ -47,6 +47,9 @@ public:
     /// changes.
     HRESULT STDMETHODCALLTYPE OpenStream(LPCOLESTR name, void* reserved1, DWORD mode, DWORD reserved2,
                                          ::IStream** stream) noexcept override;
+    /// Opens a stream for contents that replace the old ones, which are not unpacked;
+    /// `SZipArchive::openEmptied`.
+    HRESULT openEmptied(LPCOLESTR name, ::IStream** stream) noexcept;
     /// As CreateStream, by `SZipArchive::createDirectory`.
     HRESULT STDMETHODCALLTYPE CreateStorage(LPCOLESTR name, DWORD mode, DWORD reserved1, DWORD reserved2,
                                             IStorage** storage) noexcept override;

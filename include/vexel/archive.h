@@ -204,6 +204,11 @@ public:
     HRESULT extractFile(IStream** result, const CString& path) {
         return extractFile(result, StringLess::view(path));
     }
+    /// Empties a file for contents that are to replace the old ones, which are not unpacked: so this takes no
+    /// time for a large one, and succeeds for one that cannot be unpacked. Streams that others have of the
+    /// item show the new contents, too. Statuses as of `extractFile`, without those of unpacking, and
+    /// STG_E_ACCESSDENIED: the archive is read-only.
+    HRESULT openEmptied(IStream** result, const CString& path);
 
     // Changes. Statuses that all of them can return:
     //  - STG_E_ACCESSDENIED: the archive is read-only.

@@ -127,6 +127,11 @@ std::unique_ptr<VxStorageEnumerator> VxNativePackage::createEnumerator() {
     return std::make_unique<VxNativeStorageEnumerator>();
 }
 
+HRESULT VxNativePackage::openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream) {
+    return readOnly ? VxStorage::openStreamElement(name, readOnly, stream)
+                    : package()->openEmptied(name, stream);
+}
+
 long VxNativePackage::clear() {
     const TreeLock lock(*this);
     deleteUnusedObjects(false);

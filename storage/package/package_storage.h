@@ -35,6 +35,9 @@ public:
     std::unique_ptr<VxStream> newChildStream(const SharedPathName& name) override;
     std::unique_ptr<VxStorageEnumerator> createEnumerator() override;
     long clear() override;
+    /// For writing what is in the file is not unpacked, so that opening takes no time for a large stream, and
+    /// one that cannot be unpacked can be replaced.
+    HRESULT openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream) override;
     long createRoot(DWORD stgm, DWORD reserved) override;
     long openRoot(DWORD stgm) override;
 

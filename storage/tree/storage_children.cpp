@@ -99,6 +99,11 @@ void VxStorage::discard(const SharedPathName& name, const VxStorageItem* item) {
         children_.erase(found);
 }
 
+HRESULT VxStorage::openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream) {
+    const DWORD stgm = STGM_SHARE_EXCLUSIVE | (readOnly ? STGM_READ : STGM_READWRITE);
+    return storage_->OpenStream(name, nullptr, stgm, 0, stream);
+}
+
 ItemRef<VxStorage> VxStorage::openChildStorage(const SharedPathName& name, bool readOnly, bool lazy,
                                                HRESULT* status) {
     return withChild<VxStorage>(name, Purpose::Open, status,

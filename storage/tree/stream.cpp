@@ -145,7 +145,6 @@ long VxStream::openClosed(bool readOnly) {
 }
 
 long VxStream::openInParent(bool readOnly) {
-    const DWORD stgm = STGM_SHARE_EXCLUSIVE | (readOnly ? STGM_READ : STGM_READWRITE);
     return parent_->callTwice([&]() -> HRESULT {
         if (stream_)
             return kOpenedMeanwhile;
@@ -153,7 +152,7 @@ long VxStream::openInParent(bool readOnly) {
             return allowed;
         // Packages succeed without a stream where the packed data go on behind the contents.
         return Vexel::Detail::fetch(stream_, [&](::IStream** made) {
-            return parent_->storage_->OpenStream(name_.asString(), nullptr, stgm, 0, made);
+            return parent_->openStreamElement(name_.asString(), readOnly, made);
         });
     });
 }

@@ -277,4 +277,30 @@ TEST_F(Files, AreNotWaitedForByACleanUp) {
     EXPECT_GT(cleanUps, 1);
 }
 
+// Opening for writing empties a stream, so what it has is neither waited for nor needed.
+TEST_F(Files, OpenStreamsForWritingWithoutUnpackingThem) {
+    const std::pair<const wchar_t*, HRESULT> samples[] = {{L"solid.7z", STG_E_INVALIDFUNCTION},
+                                                          {L"unsupported-ppmd.7z", E_NOTIMPL}};
+    for (const auto& [sample, unreadable] : samples) {
+        writeFile(file_, readFile(samplePath(sample)));
+        StorageRef root = openRoot(path_, modeWrite), directory = openStorage(L"d", root, false);
+        StreamRef stream;
+        EXPECT_EQ(stream.open(element(L"x"), directory, true), unreadable);
+        StreamRef writer = openStream(L"x", directory, false);
+        EXPECT_EQ(writer.size(), 0U);
+        EXPECT_EQ(writer.write("new", 3, nullptr), S_OK);
+        openStream(L"e", root, false); // and emptied, even if nothing is written
+        EXPECT_EQ(directory.commit(), S_OK);
+        EXPECT_EQ(root.commit(), S_OK);
+        closeForGood(writer, directory, root);
+        root = openRoot(path_, modeRead);
+        EXPECT_EQ(read(L"x", openStorage(L"d", root)), "new");
+        EXPECT_EQ(read(L"e", root), "");
+        EXPECT_EQ(stream.open(element(L"deep"), openStorage(L"e", openStorage(L"d", root)), true),
+                  sample == samples[0].first ? S_OK : unreadable)
+            << "another one: unpacked to be packed singly, or as it was";
+        closeForGood(root);
+    }
+}
+
 } // namespace
