@@ -93,8 +93,7 @@ TEST_F(CompoundRoots, OpenAgainWhereThatHelps) {
     for (const auto& test : cases) {
         SCOPED_TRACE(test.what);
         const ScriptedSystem system(test.answers);
-        const SharedPathName path =
-            test.isThere ? path_ : ::Support::path(folder_.file(L"no folder\\held.xls"));
+        const SharedPathName place = test.isThere ? path_ : path(folder_.file(L"no folder\\held.xls"));
         VxCompoundStorage root(place);
         root.setKeyed(test.mode != Reading);
         root.setKeeper(Vexel::Detail::rootTables());

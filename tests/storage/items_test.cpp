@@ -399,19 +399,4 @@ TEST_F(Items, ListStoragesAndStreamsOnly) {
     EXPECT_FALSE(list->moveNext());
 }
 
-TEST_F(Items, BoundTheirDepth) {
-    std::vector<ItemRef<VxStorage>> chain;
-    VxStorage* last = &root_;
-    while (auto next = storage(L"deeper", *last)) {
-        last = next.get();
-        chain.push_back(std::move(next));
-        ASSERT_LT(chain.size(), 10'000u);
-    }
-    EXPECT_EQ(status_, STG_E_INVALIDFUNCTION);
-    EXPECT_EQ(chain.size(), 512u);
-    chain.clear();
-    EXPECT_TRUE(root_.deleteUnusedObjects(false));
-    EXPECT_EQ(calls_.alive, 0);
-}
-
 } // namespace
