@@ -1,25 +1,17 @@
 // Copying storages between the formats.
 
-#include "support/compound_file.h"
 #include "support/fake_storage.h"
-#include "support/handles.h"
-#include "support/log_capture.h"
 #include "support/scarce_memory.h"
+#include "support/storage_test.h"
 
 #include <vexel/copying.h>
-#include <vexel/storage.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
 #include <cwchar>
 #include <initializer_list>
 #include <map>
 #include <set>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 using namespace Support;
 
@@ -43,10 +35,8 @@ CLSID classOf(const StorageRef& storage) {
     return info.clsid;
 }
 
-class Copying : public testing::Test {
+class Copying : public StorageTest<> {
 protected:
-    void TearDown() override { closeUnused(); }
-    static void closeUnused() { container().deleteUnusedObjects(); }
     SharedPathName at(std::wstring_view name) const { return path(folder_.file(name)); }
     StorageRef open(std::wstring_view name, RootStorageOpenMode mode = modeRead) const {
         return openRoot(at(name), mode);
@@ -67,11 +57,8 @@ protected:
                 EXPECT_EQ(storage.commit(), S_OK);
             }
         }
-        closeUnused();
+        container().deleteUnusedObjects();
     }
-
-    TempFolder folder_;
-    LogCapture log_;
 };
 
 TEST_F(Copying, ConvertingInPlaceIsForPackages) {
@@ -238,11 +225,8 @@ TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
             }
             EXPECT_EQ(mine.GetPosition(), 3u);
             EXPECT_EQ(kept.GetPosition(), 2u);
-            mine.close();
-            kept.close();
             EXPECT_EQ(target.commit(), S_OK);
-            target.close();
-            closeUnused();
+            closeForGood(mine, kept, target);
             const StorageRef result = openRoot(path(to), modeRead), box = openStorage(L"b-box", result);
             EXPECT_EQ(allOf(result), sorted(expected));
             EXPECT_TRUE(classOf(result) == kSomeClass);
@@ -278,7 +262,7 @@ TEST_F(Copying, RefusesTargetsItCannotWrite) {
             }
             EXPECT_EQ(readFile(file), before);
         }
-        closeUnused();
+        container().deleteUnusedObjects();
     }
 }
 
@@ -368,10 +352,7 @@ protected:
         targetCalls_.take();
     }
     ~CopyingOfFakes() override {
-        container().setDeleteUnusedObjectsCallback(nullptr);
-        source_.close();
-        target_.close();
-        closeUnused(); // the fakes, before what they write to
+        closeForGood(source_, target_); // the fakes, before what they write to
     }
 
     static FakeCalls& writable(FakeCalls& calls) {
@@ -397,7 +378,7 @@ protected:
 };
 
 TEST_F(CopyingOfFakes, IsTriedOnceMoreWhereThatHelps) {
-    container().setDeleteUnusedObjectsCallback([] { return true; });
+    const CleanUp cleanUp([] { return true; });
     // The system's copies are looked at once more, and made up for where they end early.
     const std::wstring once = L"CopyTo\n", twice = L"CopyTo\nCopyTo\n", looked = L"EnumElements\nNext\n",
                        redone = L"Stat 1\nEnumElements\nNext\n", commit = L"Commit storage 0x2\n";
@@ -563,8 +544,6 @@ TEST_F(CopyingOfFakes, OfOneStreamTellsWhatFailed) {
 
 // While the target is opened once more, others may close the source.
 TEST_F(CopyingOfFakes, HoldsTheStreamsItCopies) {
-    static StorageRef* source;
-    source = &source_;
     StreamRef from, to;
     ASSERT_EQ(from.open(L"From", source_, true), S_OK);
     ASSERT_EQ(to.open(L"To", target_, true), S_OK);
@@ -573,8 +552,8 @@ TEST_F(CopyingOfFakes, HoldsTheStreamsItCopies) {
     EXPECT_EQ(StreamRef().open(L"To", target_, true), STG_E_READFAULT) << "which closes it for all";
     targetCalls_.take();
     targetCalls_.failures = {{0, STG_E_TOOMANYOPENFILES}};
-    StorageContainer::Instance().setDeleteUnusedObjectsCallback(
-        [] { return FAILED(StreamRef().open(L"From", *source, false)); }); // and so does this
+    // And so does this.
+    const CleanUp cleanUp([&] { return FAILED(StreamRef().open(L"From", source_, false)); });
     calls_.take();
     EXPECT_EQ(from.copyTo(to), S_OK);
     EXPECT_EQ(calls_.take(), L"Seek\nStat 1\nSeek\nCopyTo\nSeek\n~Stream\n");
