@@ -1,22 +1,15 @@
 // One body for the library's two byte streams: the adapter of a COM stream and the stream handle.
 
-#include "base/com_pointer.h"
 #include "support/fake_storage.h"
-#include "support/handles.h"
+#include "support/storage_test.h"
 #include "support/streams.h"
 
 #include <vexel/byte_streams.h>
-#include <vexel/storage.h>
 #include <vexel/sub_stream.h>
 
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <functional>
-#include <ostream>
-#include <string>
-#include <utility>
 
+using namespace Support;
 using Microsoft::WRL::ComPtr;
 using Vexel::Detail::adopt;
 using Origin = vxio::IStream::SeekPosition;
@@ -37,28 +30,10 @@ void onHandle(const StorageRef& root, bool create, const Body& body) {
     body(stream, stream);
 }
 
-struct Kind {
-    const char* name;
-    void (*run)(const Body& body); // on an empty stream
-};
+class ByteStreams : public StorageTest<> {};
 
-void PrintTo(const Kind& kind, std::ostream* out) { *out << kind.name; }
-
-const Kind kKinds[] = {
-    {"adapter", [](const Body& body) { onAdapter(Support::streamOf(""), body); }},
-    {"handle in a compound file",
-     [](const Body& body) {
-         const Support::TempFolder folder;
-         Support::writeCompoundFile(folder.file(L"file"), {});
-         onHandle(Support::openRoot(Support::path(folder.file(L"file")), Support::modeWrite), true, body);
-         Support::container().deleteUnusedObjects();
-     }},
-};
-
-class ByteStreams : public testing::TestWithParam<Kind> {};
-
-TEST_P(ByteStreams, MoveBytesAndPositions) {
-    GetParam().run([](vxio::IReadStream& reader, vxio::IWriteStream& writer) {
+TEST_F(ByteStreams, MoveBytesAndPositions) {
+    const Body moves = [](vxio::IReadStream& reader, vxio::IWriteStream& writer) {
         char bytes[16] = {};
         EXPECT_EQ(writer.WriteBytes("0123456789", 10), 10U);
         EXPECT_EQ(reader.GetPosition(), 10U) << "one position for both sides";
@@ -68,27 +43,33 @@ TEST_P(ByteStreams, MoveBytesAndPositions) {
         EXPECT_EQ(reader.ReadBytes(bytes + 4, 12), 6U) << "short at the end";
         EXPECT_EQ(std::string(bytes), "0123456789");
 
-        struct Case {
+        const struct {
             Origin origin;
             long long offset;
             unsigned long long reached; // from 3
-        };
-        for (const auto& [origin, offset, reached] :
-             {Case{Origin::Begin, 11, 11}, Case{Origin::Begin, -1, 3}, Case{Origin::Current, 0, 3},
-              Case{Origin::Current, -3, 0}, Case{Origin::Current, LLONG_MIN, 3}, Case{Origin::End, -10, 0},
-              Case{Origin::End, 2, 12}, Case{Origin{-1}, 0, 3}, Case{Origin{7}, 5, 3}}) {
+        } cases[] = {{Origin::Begin, 11, 11},
+                     {Origin::Begin, -1, 3},
+                     {Origin::Current, 0, 3},
+                     {Origin::Current, -3, 0},
+                     {Origin::Current, LLONG_MIN, 3},
+                     {Origin::End, -10, 0},
+                     {Origin::End, 2, 12},
+                     {Origin{-1}, 0, 3},
+                     {Origin{7}, 5, 3}};
+        for (const auto& [origin, offset, reached] : cases) {
             EXPECT_EQ(writer.Seek(Origin::Begin, 3), 3U);
             EXPECT_EQ(reader.Seek(origin, offset), reached) << static_cast<int>(origin) << " " << offset;
             EXPECT_EQ(writer.GetPosition(), reached);
         }
         EXPECT_EQ(writer.SeekToEnd(), 10U);
-    });
+    };
+    onAdapter(streamOf(""), moves);
+    writeCompoundFile(file_, {});
+    onHandle(openRoot(path_, modeWrite), true, moves);
 }
 
-INSTANTIATE_TEST_SUITE_P(All, ByteStreams, testing::ValuesIn(kKinds));
-
 // What differs between the two is kept so on purpose.
-void goByCountsAndPositions(Support::FakeCalls& calls, bool handle, vxio::IReadStream& reader,
+void goByCountsAndPositions(FakeCalls& calls, bool handle, vxio::IReadStream& reader,
                             vxio::IWriteStream& writer) {
     const auto fail = [&](size_t from, size_t to) {
         calls.take();
@@ -121,9 +102,9 @@ void goByCountsAndPositions(Support::FakeCalls& calls, bool handle, vxio::IReadS
 }
 
 TEST(ByteStreamsOfFailingStreams, GoByCountsAndPositionsOnly) {
-    Support::FakeCalls calls;
+    FakeCalls calls;
     {
-        const auto storage = Support::fakeStorage(calls);
+        const auto storage = fakeStorage(calls);
         ComPtr<::IStream> com;
         ASSERT_EQ(storage->OpenStream(L"stream", nullptr, STGM_READ, 0, &com), S_OK);
         onAdapter(com,
@@ -132,12 +113,12 @@ TEST(ByteStreamsOfFailingStreams, GoByCountsAndPositionsOnly) {
         onHandle(StorageRef::fromPtr(storage.Get()), false,
                  [&](auto& reader, auto& writer) { goByCountsAndPositions(calls, true, reader, writer); });
     }
-    Support::container().deleteUnusedObjects();
+    container().deleteUnusedObjects();
     EXPECT_EQ(calls.alive, 0);
 }
 
 TEST(StreamAdapter, HoldsOneReference) {
-    const auto memory = Support::streamOf(""), other = Support::streamOf("");
+    const auto memory = streamOf(""), other = streamOf("");
     {
         vxio::IStreamStream stream(memory.Get()), copy = stream;
         stream.Attach(memory.Get());

@@ -1,19 +1,12 @@
 #include "base/platform.h"
 #include "storage/handles/stream_lock.h"
-#include "storage/tree/error_status.h"
-#include "support/compound_file.h"
 #include "support/fake_storage.h"
-#include "support/handles.h"
-#include "support/log_capture.h"
 #include "support/scarce_memory.h"
+#include "support/storage_test.h"
 
-#include <functional>
 #include <future>
 #include <memory>
-#include <string>
 #include <thread>
-#include <utility>
-#include <vector>
 
 using namespace Support;
 using Vexel::Detail::platform;
@@ -66,18 +59,11 @@ private:
     static inline Vexel::Detail::Platform realPlatform;
 };
 
-class Container : public testing::Test {
+class Container : public StorageTest<> {
 protected:
-    void SetUp() override { writeCompoundFile(file_, {{L"Box/Note", "box"}, {L"Note", "note"}}); }
-    ~Container() override {
-        container().setDeleteUnusedObjectsCallback(nullptr);
-        container().deleteUnusedObjects();
-    }
+    static constexpr DWORD kExclusive = STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE;
 
-    TempFolder folder_;
-    std::wstring file_ = folder_.file(L"sample.cfb");
-    SharedPathName path_ = path(file_);
-    LogCapture log_;
+    void SetUp() override { writeCompoundFile(file_, {{L"Box/Note", "box"}, {L"Note", "note"}}); }
 };
 
 TEST_F(Container, MissingFilesAreAskedForOnce) {
@@ -136,71 +122,67 @@ TEST_F(Container, UnusedNodesLetGoForAKeyedRoot) {
     openStream(L"Note", box);
     const StorageRef keyed = openRoot(path_, modeReadDenyWrite);
     EXPECT_FALSE(container().deleteUnusedObjects()) << "nothing was left to free";
-    EXPECT_TRUE(box.hasChild(element(L"Note"), StorageType::Stream) && shared.storage());
+    EXPECT_TRUE(box.hasChild(element(L"Note"), StorageType::Stream));
+    EXPECT_NE(shared.storage(), nullptr);
 }
 
 // Whichever call of the system fails, and whatever it is for.
 TEST_F(Container, EveryCallIsTriedTwiceWhenHandlesRunOut) {
-    static int runs;
-    static StorageRef spare; // what the application can do without
-    const SharedPathName package = path(folder_.file(L"package"));
-    writeDocument(package.asString(), StorageFormat::Package, {{L"Note", "note"}});
-    container().setDeleteUnusedObjectsCallback([] {
-        ++runs;
-        spare.close();
-        container().deleteUnusedObjects(); // the lock is this thread's already
+    StorageRef root, spare; // the second is what the application can do without
+    const CleanUp cleanUp([&] {
+        closeForGood(spare); // the lock is this thread's already
         return true;
     });
-    const SharedPathName other = path(folder_.file(L"spare"));
+    const SharedPathName package = path(folder_.file(L"package")), other = path(folder_.file(L"spare"));
+    writeDocument(package.asString(), StorageFormat::Package, {{L"Note", "note"}});
     writeCompoundFile(other.asString(), {{L"Note", ""}});
-    StorageRef root;
-    FILETIME time;
     SharedPathName file;
     const auto prepare = [&] {
         root = openRoot(file, modeWrite);
         if (root.format() == StorageFormat::Package)
             newStream(L"Note", root, "note");
     };
+    const auto open = [&](RootStorageOpenMode mode) { return root.open(file, mode, false) == S_OK; };
+    FILETIME time;
     const struct {
         const char* what;
         std::function<void()> prepare;
         std::function<bool()> call;
-        int most; // calls of the system that are to fail
+        int most = 20; // calls of the system that are to fail
     } calls[] = {
-        {"open", [] {}, [&] { return root.open(file, modeRead, false) == S_OK; }, 20},
-        {"open keyed", [] {}, [&] { return root.open(file, modeReadDenyWrite, false) == S_OK; }, 20},
-        {"open for writing", [] {}, [&] { return root.open(file, modeWrite, false) == S_OK; }, 20},
-        {"times", prepare, [&] { return root.getFileTimes(&time, &time, &time); }, 20},
+        {"open", [] {}, [&] { return open(modeRead); }},
+        {"open keyed", [] {}, [&] { return open(modeReadDenyWrite); }},
+        {"open for writing", [] {}, [&] { return open(modeWrite); }},
+        {"times", prepare, [&] { return root.getFileTimes(&time, &time, &time); }},
         {"commit", prepare, [&] { return root.commit() == S_OK; }, 1}, // the others come too late
     };
     int failed = 0;
-    for (const SharedPathName& each : {path_, package}) {
-        for (const auto& [what, prepared, call, most] : calls) {
-            for (const int failures : {1, 2}) {
-                for (int failing = 0; failing < most; ++failing) {
-                    SCOPED_TRACE(testing::Message() << what << each.asString() << failures << failing);
+    const auto callFails = [&](const auto& test, int failing, int failures) {
+        closeForGood(root);
+        const CountedSystem system;
+        test.prepare();
+        spare = openRoot(other, modeRead);
+        CleanUp::runs = CountedSystem::touched = 0;
+        CountedSystem::failing = failing;
+        CountedSystem::failures = failures;
+        const bool succeeded = test.call();
+        CountedSystem::failures = 0;
+        if (CountedSystem::touched <= failing)
+            return false;
+        EXPECT_EQ(succeeded, failures == 1);
+        EXPECT_EQ(CleanUp::runs, 1);
+        return ++failed > 0;
+    };
+    for (const SharedPathName& each : {path_, package})
+        for (const auto& test : calls)
+            for (const int failures : {1, 2})
+                for (int failing = 0; failing < test.most; ++failing) {
+                    SCOPED_TRACE(testing::Message() << test.what << each.asString() << failures << failing);
                     file = each;
-                    root.close();
-                    container().deleteUnusedObjects();
-                    const CountedSystem system;
-                    prepared();
-                    spare = openRoot(other, modeRead);
-                    runs = CountedSystem::touched = 0;
-                    CountedSystem::failing = failing;
-                    CountedSystem::failures = failures;
-                    const bool succeeded = call();
-                    CountedSystem::failures = 0;
-                    if (CountedSystem::touched <= failing)
+                    if (!callFails(test, failing, failures))
                         break;
-                    ++failed;
-                    EXPECT_EQ(succeeded, failures == 1);
-                    EXPECT_EQ(runs, 1);
                 }
-            }
-        }
-    }
     EXPECT_GE(failed, 30);
-    spare.close();
 }
 
 TEST_F(Container, NoSecondAttemptWithoutAGain) {
@@ -225,8 +207,7 @@ TEST_F(Container, CallersInterfacesAreAskedUnderNoLock) {
     calls.during = nullptr;
     EXPECT_EQ(calls.take(), L"Stat 1\n");
     EXPECT_EQ(root, StorageRef::fromPtr(storage.Get()));
-    root.close();
-    container().deleteUnusedObjects();
+    closeForGood(root);
     EXPECT_EQ(calls.take(), L"");
 }
 
@@ -241,31 +222,22 @@ TEST_F(Container, NothingIsWaitedForAtTheEndOfTheProcess) {
         done.get_future().wait();
     });
     held.get_future().wait();
-    const auto real = std::exchange(Vexel::Detail::platform().processIsEnding, [] { return true; });
+    const auto real = std::exchange(platform().processIsEnding, [] { return true; });
     std::thread([&] { root.reset(); }).join(); // whose thread is not the holder's
-    EXPECT_FALSE(openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE))
-        << "what a thread was in the middle of is left alone";
-    Vexel::Detail::platform().processIsEnding = real;
+    EXPECT_FALSE(openCompoundFile(file_, kExclusive)) << "what a thread was in the middle of is left alone";
+    platform().processIsEnding = real;
     done.set_value();
     holder.join();
     note.reset();
-    EXPECT_TRUE(openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE));
+    EXPECT_TRUE(openCompoundFile(file_, kExclusive));
 }
 
 // Short of memory at any point, the tables stay as they are or are empty.
 TEST_F(Container, ClearingNeedsNoMemory) {
-    static bool struck;
-    struck = false;
     const StorageRef root = openRoot(path_, modeRead);
     const auto storage = openCompoundFile(samplePath(L"namesdemo.xls"), STGM_TRANSACTED | STGM_READ);
     const StorageRef wrapped = StorageRef::fromPtr(storage.Get());
-    AtMainAllocation(0, [] {
-        struck = true;
-        throw std::bad_alloc();
-    });
-    EXPECT_NO_THROW(container().clearAll());
-    AtMainAllocation(0, nullptr);
-    EXPECT_FALSE(struck);
+    EXPECT_FALSE(WithFailingAllocation(0, [] { container().clearAll(); }));
     EXPECT_NE(openRoot(path_, modeRead), root);
 }
 
@@ -274,16 +246,16 @@ TEST_F(Container, ClearingLeavesHandlesSafe) {
     StreamRef note = openStream(L"Note", root);
     const std::wstring caller = folder_.file(L"caller.cfb");
     writeCompoundFile(caller, {{L"Note", "note"}});
-    const auto storage = openCompoundFile(caller, STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READWRITE);
+    const auto storage = openCompoundFile(caller, kExclusive);
     StorageRef wrapped = StorageRef::fromPtr(storage.Get());
     container().clearAll();
-    EXPECT_NE(openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE), nullptr)
-        << "the file is let go of";
+    EXPECT_NE(openCompoundFile(file_, kExclusive), nullptr) << "the file is let go of";
     EXPECT_NE(StorageRef::fromPtr(storage.Get()), wrapped) << "the table is empty";
     StorageRef again = openRoot(path_, modeRead);
-    EXPECT_TRUE(again != root && note.size() == 4 && root.storage()) << "opened anew, apart";
-    again.close();
-    container().deleteUnusedObjects();
+    EXPECT_NE(again, root) << "opened anew, apart";
+    EXPECT_EQ(note.size(), 4u);
+    EXPECT_NE(root.storage(), nullptr);
+    closeForGood(again);
     root.close();
     note.close();
     wrapped.close();
@@ -292,21 +264,22 @@ TEST_F(Container, ClearingLeavesHandlesSafe) {
 }
 
 TEST_F(Container, WrappedInterfacesComeBackAfterTheirLastHandle) {
-    const auto storage = openCompoundFile(file_, STGM_TRANSACTED | STGM_SHARE_EXCLUSIVE | STGM_READWRITE);
+    const auto storage = openCompoundFile(file_, kExclusive);
+    const auto references = [&] { return (storage->AddRef(), storage->Release()); };
     for (int i = 0; i < 2; ++i) {
-        StorageRef root = StorageRef::fromPtr(storage.Get());
+        const StorageRef root = StorageRef::fromPtr(storage.Get());
         EXPECT_EQ(root, StorageRef::fromPtr(storage.Get()));
-        EXPECT_TRUE(root.storage() == storage.Get() && root.name().empty() && !root.readOnly());
+        EXPECT_EQ(root.storage(), storage.Get());
+        EXPECT_TRUE(root.name().empty());
+        EXPECT_FALSE(root.readOnly());
         openStream(L"Note", root);
     }
     Microsoft::WRL::ComPtr<::IStream> free;
     EXPECT_EQ(storage->OpenStream(L"Note", nullptr, STGM_SHARE_EXCLUSIVE | STGM_READ, 0, &free), S_OK)
         << "the last handle closed it";
-    storage->AddRef();
-    EXPECT_EQ(storage->Release(), 2u) << "the table's";
+    EXPECT_EQ(references(), 2u) << "the table's";
     EXPECT_TRUE(container().deleteUnusedObjects());
-    storage->AddRef();
-    EXPECT_EQ(storage->Release(), 1u);
+    EXPECT_EQ(references(), 1u);
 
     StorageRef temporary;
     ASSERT_EQ(temporary.createTemporary(false), S_OK);
@@ -326,13 +299,6 @@ TEST_F(Container, WrappedInterfacesAreAsOpenAsTheyWere) {
     silent.failures = {{0, E_NOTIMPL}};
     EXPECT_FALSE(StorageRef::fromPtr(fakeStorage(silent).Get()).readOnly()) << "nothing says so";
     container().clearAll(); // the fake, before what it writes to
-}
-
-TEST(ErrorStatus, OfConditions) {
-    using Vexel::Detail::statusOf;
-    EXPECT_EQ(statusOf({}), S_OK);
-    EXPECT_EQ(statusOf(std::make_error_code(std::errc::permission_denied)), STG_E_ACCESSDENIED);
-    EXPECT_EQ(statusOf(std::make_error_code(std::errc::file_exists)), E_FAIL) << "as any other";
 }
 
 } // namespace

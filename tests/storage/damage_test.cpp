@@ -3,35 +3,27 @@
 // and what says that it succeeded is whole.
 
 #include "support/case_watch.h"
-#include "support/compound_file.h"
 #include "support/compound_image.h"
-#include "support/handles.h"
+#include "support/storage_test.h"
 #include "support/streams.h"
 
 #include <vexel/diagnostics.h>
 #include <vexel/open_package.h>
-#include <vexel/storage.h>
-
-#include <windows.h>
-
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <functional>
-#include <string>
-#include <utility>
-#include <vector>
+#include <map>
 
-using Support::CompoundImage;
-using Form = CompoundImage::Form;
+using namespace Support;
+using Image = CompoundImage;
+using Form = Image::Form;
 
 namespace {
 
 /// What a tree shows.
 struct Seen {
-    std::vector<Support::Element> elements;
-    bool complete = true;   ///< everything that is listed could be opened
-    bool shortened = false; ///< a stream had fewer bytes than its size
+    std::multimap<std::wstring, std::string> elements; ///< contents by path; that of a storage ends in "/"
+    bool complete = true;                              ///< everything that is listed could be opened
+    bool shortened = false;                            ///< a stream had fewer bytes than its size
     bool whole() const { return complete && !shortened; }
 };
 
@@ -51,15 +43,12 @@ void see(const StorageRef& storage, const std::wstring& prefix, int depth, Seen&
         StorageRef inner;
         StreamRef stream;
         if (child.type() == StorageType::Storage && SUCCEEDED(inner.open(child.name(), storage, true))) {
-            seen.elements.push_back({path + L"/", {}});
+            seen.elements.emplace(path + L"/", "");
             see(inner, path + L"/", depth + 1, seen);
         } else if (child.type() == StorageType::Stream &&
                    SUCCEEDED(stream.open(child.name(), storage, true))) {
-            std::string bytes(static_cast<std::size_t>(stream.size()), '\0');
-            const auto read = stream.ReadBytes(bytes.data(), bytes.size());
-            seen.shortened = seen.shortened || read < bytes.size();
-            bytes.resize(static_cast<std::size_t>(read));
-            seen.elements.push_back({path, std::move(bytes)});
+            const std::string& bytes = seen.elements.emplace(path, contents(stream))->second;
+            seen.shortened = seen.shortened || bytes.size() < stream.size();
         } else {
             seen.complete = false;
         }
@@ -70,15 +59,7 @@ void see(const StorageRef& storage, const std::wstring& prefix, int depth, Seen&
 Seen see(const StorageRef& root) {
     Seen seen;
     see(root, L"", 0, seen);
-    std::sort(seen.elements.begin(), seen.elements.end(),
-              [](const auto& a, const auto& b) { return a.path < b.path; });
     return seen;
-}
-
-bool areEqual(const Seen& left, const Seen& right) {
-    return std::equal(
-        left.elements.begin(), left.elements.end(), right.elements.begin(), right.elements.end(),
-        [](const auto& a, const auto& b) { return a.path == b.path && a.contents == b.contents; });
 }
 
 /// What the doors answer.
@@ -87,59 +68,56 @@ struct Answers {
     Seen seen; ///< through the handles
 };
 
-class Damage : public testing::Test {
+class Damage : public StorageTest<> {
 protected:
     Damage() {
-        // The log tells of each of thousands of files what is wrong with it.
-        old_ = VxLog_SetSink([](int, const wchar_t*, void*) {}, nullptr);
-        Support::writeCompoundFile(folder_.file(L"target"), {});
+        // Of each of thousands of files the log tells what is wrong with it: more than to keep.
+        VxLog_SetSink([](int, const wchar_t*, void*) {}, nullptr);
+        writeCompoundFile(folder_.file(L"target"), {});
     }
-    ~Damage() override { VxLog_SetSink(old_, nullptr); }
-
-    std::wstring file() const { return folder_.file(L"damaged"); }
 
     /// Goes through every door with these bytes.
     Answers judge(const std::string& name, std::string_view bytes) {
-        Support::CaseWatch::begin(name);
+        CaseWatch::begin(name);
         const testing::ScopedTrace trace(__FILE__, __LINE__, name);
-        Support::writeFile(file(), bytes);
+        writeFile(file_, bytes);
         Answers answers{};
-        {
-            StorageRef root;
-            answers.handles = root.open(Support::path(file()), Support::modeReadDenyWrite, false);
-            if (root.null()) {
-                answers.intoPackage = answers.intoCompound = answers.handles;
-            } else {
-                answers.seen = see(root);
-                StorageRef package;
-                EXPECT_EQ(package.createTemporary(false), S_OK);
-                answers.intoPackage = copy(root, package, &answers.seen);
-                answers.intoCompound = copyIntoCompound(root, &answers.seen);
-            }
+        StorageRef root;
+        answers.handles = answers.intoPackage = answers.intoCompound =
+            root.open(path_, modeReadDenyWrite, false);
+        if (root.notNull()) {
+            answers.seen = see(root);
+            StorageRef package;
+            EXPECT_EQ(package.createTemporary(false), S_OK);
+            answers.intoPackage = copy(root, package, &answers.seen);
+            answers.intoCompound = copyIntoCompound(root, &answers.seen);
         }
-        Support::container().deleteUnusedObjects();
-        answers.byPath =
-            open([&](IStorage** root) { return OpenVexelPackage(root, file().c_str()); }, answers);
-        const auto stream = Vexel::Detail::adopt(new Support::StreamOfLockedBytes(bytes));
-        answers.inStream =
-            open([&](IStorage** root) { return OpenVexelPackageStream(root, stream.Get()); }, answers);
+        closeForGood(root);
+        const auto stream = Vexel::Detail::adopt(new StreamOfLockedBytes(bytes));
+        Microsoft::WRL::ComPtr<IStorage> byPath, inStream;
+        answers.byPath = OpenVexelPackage(&byPath, file_.c_str());
+        answers.inStream = OpenVexelPackageStream(&inStream, stream.Get());
+        for (IStorage* const opened : {byPath.Get(), inStream.Get()}) {
+            EXPECT_EQ(opened != nullptr, SUCCEEDED(answers.byPath));
+            if (opened)
+                expectSame(see(StorageRef::fromPtr(opened)), answers.seen);
+        }
         compare(answers, bytes);
         return answers;
     }
 
     void judgeInStream(const std::string& name, std::string_view bytes, const Seen& whole) {
-        Support::CaseWatch::begin(name + " in a stream");
-        const auto stream = Vexel::Detail::adopt(new Support::StreamOfLockedBytes(bytes));
+        CaseWatch::begin(name + " in a stream");
+        const auto stream = Vexel::Detail::adopt(new StreamOfLockedBytes(bytes));
         Microsoft::WRL::ComPtr<IStorage> root;
         if (SUCCEEDED(OpenVexelPackageStream(&root, stream.Get()))) {
-            EXPECT_TRUE(areEqual(see(StorageRef::fromPtr(root.Get())), whole)) << name;
+            EXPECT_EQ(see(StorageRef::fromPtr(root.Get())).elements, whole.elements) << name;
         }
     }
 
     /// The target is as it was afterwards.
     long copyIntoCompound(const StorageRef& from, const Seen* expected = nullptr) const {
-        return copy(from, Support::openRoot(Support::path(folder_.file(L"target")), Support::modeWrite),
-                    expected);
+        return copy(from, openRoot(path(folder_.file(L"target")), modeWrite), expected);
     }
 
 private:
@@ -150,22 +128,12 @@ private:
         return status;
     }
 
-    template <class Open>
-    static long open(const Open& openPackage, const Answers& answers) {
-        Microsoft::WRL::ComPtr<IStorage> root;
-        const long status = openPackage(&root);
-        EXPECT_EQ(SUCCEEDED(status), root != nullptr);
-        if (root) {
-            expectSame(see(StorageRef::fromPtr(root.Get())), answers.seen);
-        }
-        return status;
-    }
-
     /// Nothing is missing in what was handed over.
     static void expectSame(const Seen& seen, const Seen& expected) {
-        EXPECT_FALSE(seen.shortened || expected.shortened);
+        EXPECT_FALSE(seen.shortened);
+        EXPECT_FALSE(expected.shortened);
         if (seen.complete && expected.complete) {
-            EXPECT_TRUE(areEqual(seen, expected));
+            EXPECT_EQ(seen.elements, expected.elements);
         }
     }
 
@@ -178,14 +146,12 @@ private:
         EXPECT_EQ(answers.byPath, answers.inStream);
         EXPECT_TRUE(SUCCEEDED(answers.handles) || FAILED(answers.byPath));
         std::size_t sum = 0;
-        for (const auto& element : answers.seen.elements)
-            sum += element.contents.size();
+        for (const auto& [path, contents] : answers.seen.elements)
+            sum += contents.size();
         EXPECT_LE(sum, 16 * bytes.size());
     }
 
-    Support::TempFolder folder_;
-    Support::CaseWatch watch_;
-    VxLogSink old_ = nullptr;
+    CaseWatch watch_;
 };
 
 const std::vector<Form> kForms{{9, false}, {9, true}, {12, false}, {12, true}};
@@ -197,7 +163,7 @@ std::string nameOf(const Form& form) {
 TEST_F(Damage, NoneIsRefused) {
     for (const Form& form : kForms)
         for (const bool foreign : {false, true}) {
-            const auto answers = judge(nameOf(form), CompoundImage::document(form, foreign).bytes());
+            const auto answers = judge(nameOf(form), Image::document(form, foreign).bytes());
             EXPECT_TRUE(answers.seen.whole());
             EXPECT_EQ(answers.seen.elements.size(), 4U);
             EXPECT_EQ(answers.intoPackage | answers.intoCompound | answers.byPath, S_OK) << nameOf(form);
@@ -206,17 +172,17 @@ TEST_F(Damage, NoneIsRefused) {
 
 // The length that goes with a name is not what counts.
 TEST_F(Damage, NamesEndAtAZero) {
-    CompoundImage image = CompoundImage::document({});
-    image.element(1, CompoundImage::Name) = L'B';
+    Image image = Image::document({});
+    image.element(1, Image::Name) = L'B';
     const Answers answers = judge("a zero in a name", image.bytes());
     ASSERT_TRUE(answers.seen.whole());
-    EXPECT_EQ(answers.seen.elements.front().path, L"B");
+    EXPECT_EQ(answers.seen.elements.begin()->first, L"B");
 }
 
 // Each byte through the one door that needs no disk, and all doors around the ends of sectors and elements.
 TEST_F(Damage, CutAnywhere) {
     for (const Form& form : kForms) {
-        const CompoundImage image = CompoundImage::document(form, form.tablesLast, true);
+        const Image image = Image::document(form, form.tablesLast, true);
         const std::string bytes(image.bytes());
         const Answers whole = judge("whole", bytes);
         unsigned refused = 0;
@@ -231,7 +197,7 @@ TEST_F(Damage, CutAnywhere) {
             const Answers answers = judge(name, rest);
             refused += FAILED(answers.handles);
             if (SUCCEEDED(answers.intoCompound) || SUCCEEDED(answers.intoPackage)) {
-                EXPECT_TRUE(areEqual(answers.seen, whole.seen)) << name;
+                EXPECT_EQ(answers.seen.elements, whole.seen.elements) << name;
             }
         }
         EXPECT_GT(refused, 0U);
@@ -241,21 +207,21 @@ TEST_F(Damage, CutAnywhere) {
 // Where a chain may lead to instead of on.
 const struct {
     const char* name;
-    std::uint32_t (*of)(CompoundImage&, std::uint32_t first, std::uint32_t next);
+    std::uint32_t (*of)(Image&, std::uint32_t first, std::uint32_t next);
 } kTargets[] = {
     {"its beginning", [](auto&, auto first, auto) { return first; }},
-    {"the allocation table", [](auto& f, auto, auto) { return f.number(CompoundImage::Fat); }},
-    {"a DIFAT sector", [](auto& f, auto, auto) { return f.number(CompoundImage::Difat); }},
-    {"the directory", [](auto& f, auto, auto) { return f.number(CompoundImage::Directory); }},
-    {"the mini table", [](auto& f, auto, auto) { return f.number(CompoundImage::MiniFat); }},
-    {"the mini sectors", [](auto& f, auto, auto) { return f.element(0, CompoundImage::Start); }},
-    {"one stream", [](auto& f, auto, auto) { return f.element(1, CompoundImage::Start) + 1; }},
-    {"another stream", [](auto& f, auto, auto) { return f.element(4, CompoundImage::Start) + 1; }},
+    {"the allocation table", [](auto& f, auto, auto) { return f.number(Image::Fat); }},
+    {"a DIFAT sector", [](auto& f, auto, auto) { return f.number(Image::Difat); }},
+    {"the directory", [](auto& f, auto, auto) { return f.number(Image::Directory); }},
+    {"the mini table", [](auto& f, auto, auto) { return f.number(Image::MiniFat); }},
+    {"the mini sectors", [](auto& f, auto, auto) { return f.element(0, Image::Start); }},
+    {"one stream", [](auto& f, auto, auto) { return f.element(1, Image::Start) + 1; }},
+    {"another stream", [](auto& f, auto, auto) { return f.element(4, Image::Start) + 1; }},
     {"a free sector", [](auto& f, auto, auto) { return static_cast<std::uint32_t>(f.size() >> 9) + 5; }},
     {"behind the table", [](auto&, auto, auto) { return 0x100000U; }},
-    {"the header", [](auto&, auto, auto) { return CompoundImage::none; }},
+    {"the header", [](auto&, auto, auto) { return Image::none; }},
     {"a mark", [](auto&, auto, auto) { return 0xFFFFFFFDU; }},
-    {"nothing", [](auto&, auto, auto) { return CompoundImage::end; }},
+    {"nothing", [](auto&, auto, auto) { return Image::end; }},
     {"its beginning, 2^30 further", [](auto&, auto first, auto) { return first | 1U << 30; }},
     {"its beginning, 2^31 further", [](auto&, auto first, auto) { return first | 1U << 31; }},
     {"where it should, 2^30 further", [](auto&, auto, auto next) { return next | 1U << 30; }},
@@ -266,20 +232,19 @@ const struct {
 TEST_F(Damage, ChainsThatLeadAnywhere) {
     unsigned refused = 0;
     const auto judgeWith = [&](const Form& form, const auto& target, unsigned chain, bool tableGoesOn) {
-        CompoundImage image = CompoundImage::document(form, tableGoesOn);
+        Image image = Image::document(form, tableGoesOn);
         if (form.tablesLast && form.shift == 9) { // a DIFAT that the header need not have
-            image.number(CompoundImage::Difat) = image.number(CompoundImage::MiniFat);
-            image.number(CompoundImage::DifatSectors) = 1;
+            image.number(Image::Difat) = image.number(Image::MiniFat);
+            image.number(Image::DifatSectors) = 1;
         }
-        std::uint32_t* const heads[]{
-            &image.number(CompoundImage::Directory), &image.number(CompoundImage::MiniFat),
-            &image.element(0, CompoundImage::Start), &image.element(1, CompoundImage::Start),
-            &image.element(4, CompoundImage::Start)};
+        std::uint32_t* const heads[]{&image.number(Image::Directory), &image.number(Image::MiniFat),
+                                     &image.element(0, Image::Start), &image.element(1, Image::Start),
+                                     &image.element(4, Image::Start)};
         std::uint32_t* link = heads[chain % 5];
         const std::uint32_t first = *link;
-        while (chain >= 5 && *link < CompoundImage::end)
+        while (chain >= 5 && *link < Image::end)
             link = &image.next(*link); // behind the last sector
-        const std::uint32_t table = image.number(CompoundImage::Fat);
+        const std::uint32_t table = image.number(Image::Fat);
         const std::uint32_t to = target.of(image, first, *link);
         if (tableGoesOn)
             image.next(table) = first;
@@ -300,7 +265,6 @@ TEST_F(Damage, ChainsThatLeadAnywhere) {
 
 // Every number of every element: sizes that nothing holds, links to every element and to none that is there.
 TEST_F(Damage, NumbersOfElements) {
-    using Image = CompoundImage;
     const auto judgeWith = [&](const Form& form, std::uint32_t element, Image::ElementField field,
                                std::uint32_t value, std::uint32_t high) {
         Image image = Image::document(form, value % 2 == 0);
@@ -327,7 +291,6 @@ TEST_F(Damage, NumbersOfElements) {
 
 // The system recurses where it copies, from sibling to sibling too; who lists goes on without.
 TEST_F(Damage, LongLinesOfElements) {
-    using Image = CompoundImage;
     constexpr HRESULT kCorrupt = STG_E_DOCFILECORRUPT;
     const struct {
         unsigned elements;
@@ -339,16 +302,16 @@ TEST_F(Damage, LongLinesOfElements) {
     for (const auto& [elements, direction, opened, copied] : lines) {
         const std::string name = std::to_string(elements) + " in a line, " + std::to_string(direction);
         const Image image = Image::line(elements, direction);
-        Support::CaseWatch::begin(name);
-        Support::writeFile(file(), image.bytes());
+        CaseWatch::begin(name);
+        writeFile(file_, image.bytes());
         StorageRef root;
-        EXPECT_EQ(root.open(Support::path(file()), Support::modeReadDenyWrite, false), opened) << name;
+        EXPECT_EQ(root.open(path_, modeReadDenyWrite, false), opened) << name;
         if (opened == S_OK) {
             EXPECT_EQ(copyIntoCompound(root), copied) << name;
         }
         root.close();
         Microsoft::WRL::ComPtr<IStorage> byPath;
-        EXPECT_EQ(OpenVexelPackage(&byPath, file().c_str()), copied) << name;
+        EXPECT_EQ(OpenVexelPackage(&byPath, file_.c_str()), copied) << name;
     }
 }
 
@@ -359,7 +322,7 @@ TEST_F(Damage, BytesAnywhere) {
         std::size_t begin, strides;
     } sweeps[] = {{L"namesdemo.xls", 24, 40}, {L"foreign-tree.cfb", 512, 12}};
     for (const auto& [sample, begin, strides] : sweeps) {
-        std::string bytes = Support::readFile(Support::samplePath(sample));
+        std::string bytes = readFile(samplePath(sample));
         const std::size_t stride = bytes.size() / strides | 1;
         for (std::size_t offset = begin; offset < bytes.size(); offset += offset < 96 ? 1 : stride)
             for (const int mask : {0x01, 0x80, 0xFF}) {
@@ -378,26 +341,25 @@ TEST_F(Damage, MeetsAWriter) {
     const auto addTo = [&](const std::string& bytes) {
         StorageRef root;
         StreamRef stream;
-        return SUCCEEDED(root.open(Support::path(file()), Support::modeWrite, false)) &&
-               SUCCEEDED(stream.create(L"Added", root)) &&
+        return SUCCEEDED(root.open(path_, modeWrite, false)) && SUCCEEDED(stream.create(L"Added", root)) &&
                stream.WriteBytes(bytes.data(), kAdded) == kAdded && SUCCEEDED(root.commit());
     };
     for (const wchar_t* sample : {L"namesdemo.xls", L"foreign-tree.cfb"}) {
-        std::string bytes = Support::readFile(Support::samplePath(sample));
+        std::string bytes = readFile(samplePath(sample));
         const std::size_t stride = bytes.size() / 100 | 1;
         for (std::size_t offset = 28; offset < bytes.size(); offset += offset < 96 ? 3 : stride) {
             const char before = std::exchange(bytes[offset], '\xFF');
             const std::string name = "changing with byte " + std::to_string(offset);
-            Support::CaseWatch::begin(name);
-            Support::writeFile(file(), bytes);
+            CaseWatch::begin(name);
+            writeFile(file_, bytes);
             const bool isThere = addTo(bytes);
-            Support::container().deleteUnusedObjects();
+            container().deleteUnusedObjects();
             if (isThere) {
                 ++changed;
-                const StorageRef root = Support::openRoot(Support::path(file()), Support::modeReadDenyWrite);
-                EXPECT_EQ(Support::read(L"Added", root), bytes.substr(0, kAdded)) << name;
+                const StorageRef root = openRoot(path_, modeReadDenyWrite);
+                EXPECT_EQ(read(L"Added", root), bytes.substr(0, kAdded)) << name;
             }
-            Support::container().deleteUnusedObjects();
+            container().deleteUnusedObjects();
             bytes[offset] = before;
         }
     }

@@ -4,17 +4,12 @@
 //
 // VEXEL_TEST_SECONDS sets how long it runs.
 
-#include "support/compound_file.h"
-#include "support/handles.h"
-#include "support/log_capture.h"
-
-#include <vexel/temp_files.h>
+#include "support/storage_test.h"
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
-#include <functional>
 #include <mutex>
 #include <thread>
 
@@ -42,7 +37,7 @@ std::chrono::seconds duration() {
     return std::chrono::seconds(wanted ? std::strtol(wanted, nullptr, 10) : 3);
 }
 
-class Threads : public testing::TestWithParam<StorageFormat> {
+class Threads : public StorageTest<testing::TestWithParam<StorageFormat>> {
 protected:
     static constexpr size_t kNoteSize = 9000;
 
@@ -60,9 +55,7 @@ protected:
         EXPECT_EQ(failures_, 0) << what_;
         container().deleteUnusedObjects();
         EXPECT_FALSE(container().deleteUnusedObjects()) << "nothing is left";
-        for (int i = 0; i < 500 && leftovers() > 0; ++i, Sleep(10))
-            TempFileContainer::Instance().clear(); // done by a background thread
-        EXPECT_EQ(leftovers(), 0);
+        EXPECT_TRUE(isSoon([] { return leftovers() == 0; }));
     }
 
     /// Temporary files of this process.
@@ -179,11 +172,9 @@ protected:
     }
 
     static constexpr std::array kFiles{L"changed", L"still", L"a", L"b", L"source"};
-    TempFolder folder_;
     std::mutex mutex_;
     std::string what_;
     std::atomic<int> failures_{0};
-    LogCapture quiet_;
 };
 
 TEST_P(Threads, ShareRoots) {

@@ -1,66 +1,17 @@
 // Packages through the handles: what only they can do.
 
-#include "base/platform.h"
-#include "support/compound_file.h"
-#include "support/handles.h"
-#include "support/log_capture.h"
-
-#include <vexel/temp_files.h>
-
-#include <windows.h>
-
-#include <objbase.h>
+#include "support/storage_test.h"
 
 #include <psapi.h>
 
 #include <filesystem>
-#include <string>
 
 using namespace Support;
 
 namespace {
 
-TEST(Packages, TemporaryRootsLiveInMemoryOrInAFileThatGoes) {
-    const LogCapture log;
-    for (const bool onDisk : {false, true}) {
-        EXPECT_FALSE(container().SetCreateOnDisk(onDisk));
-        EXPECT_EQ(container().GetCreateOnDisk(), onDisk);
-        std::wstring name;
-        {
-            StorageRef root;
-            ASSERT_EQ(root.createTemporary(false), S_OK);
-            EXPECT_EQ(container().setCreateOnDisk(false), onDisk);
-            name = root.name().asString();
-            newStream(L"Note", root, "bytes");
-            EXPECT_EQ(root.commit(), S_OK);
-            EXPECT_EQ(std::filesystem::exists(name), onDisk);
-            EXPECT_EQ(name.ends_with(L".grb"), onDisk);
-            EXPECT_EQ(name.starts_with(L":szip"), !onDisk);
-            EXPECT_EQ(read(L"Note", root), "bytes");
-            const StreamRef lost = newStream(L"Lost", root, "bytes");
-            container().clearAll();
-            EXPECT_TRUE(TempFileContainer::Instance().clear()) << "nothing is to be deleted yet";
-            EXPECT_FALSE(root.getFileTimes(nullptr, nullptr, nullptr));
-            EXPECT_EQ(root.hasChild(element(L"Note"), StorageType{}), onDisk) << "opened again";
-            EXPECT_FALSE(root.hasChild({}, StorageType{}));
-            EXPECT_EQ(read(L"Note", root), onDisk ? "bytes" : "none");
-        }
-        container().deleteUnusedObjects();
-        for (int i = 0; i < 1000 && std::filesystem::exists(name); ++i, Sleep(10))
-            TempFileContainer::Instance().clear(); // done by a background thread
-        EXPECT_FALSE(std::filesystem::exists(name));
-    }
-    EXPECT_EQ(log.count(L"Destroying unsaved"), 0);
-}
-
-class Files : public testing::Test {
+class Files : public StorageTest<> {
 protected:
-    ~Files() override {
-        platform() = kReal;
-        container().deleteUnusedObjects();
-    }
-    static Vexel::Detail::Platform& platform() { return Vexel::Detail::platform(); }
-
     /// A package with one stream, which nobody has open.
     void make() const { writeDocument(file_, StorageFormat::Package, {{L"Note", "old"}}); }
     std::string saved() {
@@ -69,11 +20,34 @@ protected:
     }
 
     static inline const Vexel::Detail::Platform kReal = platform();
-    const TempFolder folder_;
-    const std::wstring file_ = folder_.file(L"p");
-    const SharedPathName path_ = path(file_);
-    const LogCapture quiet_;
 };
+
+TEST_F(Files, TemporaryRootsLiveInMemoryOrInAFileThatGoes) {
+    for (const bool onDisk : {false, true}) {
+        EXPECT_FALSE(container().SetCreateOnDisk(onDisk));
+        EXPECT_EQ(container().GetCreateOnDisk(), onDisk);
+        StorageRef root;
+        ASSERT_EQ(root.createTemporary(false), S_OK);
+        EXPECT_EQ(container().setCreateOnDisk(false), onDisk);
+        const std::wstring name = root.name().asString();
+        newStream(L"Note", root, "bytes");
+        EXPECT_EQ(root.commit(), S_OK);
+        EXPECT_EQ(std::filesystem::exists(name), onDisk);
+        EXPECT_EQ(name.ends_with(L".grb"), onDisk);
+        EXPECT_EQ(name.starts_with(L":szip"), !onDisk);
+        EXPECT_EQ(read(L"Note", root), "bytes");
+        StreamRef lost = newStream(L"Lost", root, "bytes");
+        container().clearAll();
+        EXPECT_TRUE(TempFileContainer::Instance().clear()) << "nothing is to be deleted yet";
+        EXPECT_FALSE(root.getFileTimes(nullptr, nullptr, nullptr));
+        EXPECT_EQ(root.hasChild(element(L"Note"), StorageType{}), onDisk) << "opened again";
+        EXPECT_FALSE(root.hasChild({}, StorageType{}));
+        EXPECT_EQ(read(L"Note", root), onDisk ? "bytes" : "none");
+        closeForGood(root, lost);
+        EXPECT_TRUE(isSoon([&] { return !std::filesystem::exists(name); }));
+    }
+    EXPECT_EQ(log_.count(L"Destroying unsaved"), 0);
+}
 
 // Nobody here would pack it as the other program has.
 TEST_F(Files, CopiesTakeBorrowedDataOver) {
@@ -95,11 +69,8 @@ TEST_F(Files, CopiesTakeBorrowedDataOver) {
         container().clearAll();
         EXPECT_EQ(target.borrowPackedData(source), STG_E_INVALIDPARAMETER) << "closed";
 
-        EXPECT_TRUE(source.storage());
-        container().setDeleteUnusedObjectsCallback([] {
-            container().clearAll();
-            return true;
-        });
+        EXPECT_NE(source.storage(), nullptr);
+        const CleanUp cleanUp([] { return container().clearAll(), true; });
         platform().createFile = [](auto...) {
             platform() = kReal;
             SetLastError(ERROR_TOO_MANY_OPEN_FILES);
@@ -107,7 +78,6 @@ TEST_F(Files, CopiesTakeBorrowedDataOver) {
         };
         EXPECT_EQ(target.borrowPackedData(source), STG_E_INVALIDPARAMETER)
             << "closed while the target was opened";
-        container().setDeleteUnusedObjectsCallback(nullptr);
     }
 }
 
@@ -132,14 +102,12 @@ TEST_F(Files, KeepNamesAsTheyAreGiven) {
         EXPECT_EQ(root.destroy(none), STG_E_INVALIDNAME);
     }
     EXPECT_EQ(root.commit(), S_OK);
-    root.close();
-    container().deleteUnusedObjects();
+    closeForGood(root);
     EXPECT_THAT(readDocument(file_, StorageFormat::Package), testing::UnorderedElementsAreArray(elements));
     root = openRoot(path_, modeWrite);
     newStream(L"a/b", root, "slashed");
     EXPECT_EQ(root.commit(), S_OK);
-    root.close();
-    container().deleteUnusedObjects();
+    closeForGood(root);
     EXPECT_EQ(read(L"a/b", openRoot(path_, modeRead)), "slashed");
 }
 
@@ -185,9 +153,7 @@ TEST_F(Files, AreReplacedByNobodyWhileOpen) {
     container().deleteUnusedObjects();
     EXPECT_EQ(writer.commit(), S_OK);
     EXPECT_EQ(saved(), "new");
-    stream.close();
-    writer.close();
-    container().deleteUnusedObjects();
+    closeForGood(stream, writer);
 
     StorageRef reader = openRoot(path_, modeRead);
     EXPECT_EQ(writer.open(reader.name(), modeWrite, false), HRESULT_FROM_WIN32(ERROR_SHARING_VIOLATION));
@@ -196,8 +162,7 @@ TEST_F(Files, AreReplacedByNobodyWhileOpen) {
     EXPECT_EQ(reader.commit(), S_OK);
     reader.close();
     EXPECT_EQ(writer.open(path_, modeWrite, false), S_OK);
-    writer.close();
-    container().deleteUnusedObjects();
+    closeForGood(writer);
     EXPECT_TRUE(replaced());
     EXPECT_EQ(saved(), "old");
 }
@@ -261,17 +226,13 @@ TEST_F(Files, AreNotWaitedForByACleanUp) {
     const StorageRef root = openRoot(path_, modeWrite);
     newStream(L"Note", root, "note");
     platform().moveFile = [](auto... arguments) -> BOOL {
-        ++cleanUps;
-        container().deleteUnusedObjects();
-        return kReal.moveFile(arguments...);
+        return ++cleanUps, container().deleteUnusedObjects(), kReal.moveFile(arguments...);
     };
     EXPECT_EQ(root.commit(), S_OK);
     EXPECT_EQ(cleanUps, 1);
     container().deleteUnusedObjects();
     platform().readFile = [](auto... arguments) -> BOOL {
-        ++cleanUps;
-        container().deleteUnusedObjects();
-        return kReal.readFile(arguments...);
+        return ++cleanUps, container().deleteUnusedObjects(), kReal.readFile(arguments...);
     };
     EXPECT_EQ(read(L"Note", root), "note");
     EXPECT_GT(cleanUps, 1);
@@ -299,7 +260,7 @@ TEST_F(Files, OpenStreamsForWritingWithoutUnpackingThem) {
         EXPECT_EQ(stream.open(element(L"deep"), openStorage(L"e", openStorage(L"d", root)), true),
                   sample == samples[0].first ? S_OK : unreadable)
             << "another one: unpacked to be packed singly, or as it was";
-        closeForGood(root);
+        closeForGood(stream, root);
     }
 }
 

@@ -2,17 +2,9 @@
 #include "support/handles.h"
 #include "support/streams.h"
 
-#include <vexel/path_name.h>
-#include <vexel/storage.h>
 #include <vexel/strings.h>
 
-#include <gtest/gtest.h>
-
 #include <algorithm>
-#include <string>
-#include <string_view>
-#include <utility>
-#include <vector>
 
 using Support::bytesOf;
 using Support::raised;
@@ -49,31 +41,38 @@ TEST(PathNameSerialisation, WritesTheTextAndItsHash) {
     EXPECT_EQ(bytesOf(com.Get()), kText + kText + kHash + kText + kHash + std::string(12, '\0'));
 }
 
+/// Reads a name from these bytes, for a file of that version.
+using Reading = void (*)(SharedPathName& name, const std::string& bytes, unsigned version, ReadFlags flags);
+
 struct Reader {
     const char* what;
     bool archiveLayout;
     bool caseCountsWithoutHash;
-    std::function<void(SharedPathName&, const std::string&, unsigned version, ReadFlags)> read;
+    Reading read;
 };
 
-const std::vector<Reader> kReaders{
+template <class Stream>
+void readFrom(Stream&& stream, SharedPathName& name, unsigned version, ReadFlags flags) {
+    name.read(stream, version, kConvert, flags);
+}
+
+const Reader kReaders[]{
     {"archive", true, true,
-     [](SharedPathName& name, const std::string& bytes, unsigned version, ReadFlags flags) {
-         Support::loadFrom(bytes, [&](CArchive& archive) { name.read(archive, version, kConvert, flags); });
+     [](auto& name, auto& bytes, auto version, auto flags) {
+         Support::loadFrom(bytes, [&](CArchive& archive) { readFrom(archive, name, version, flags); });
      }},
     {"stream", false, true,
-     [](SharedPathName& name, const std::string& bytes, unsigned version, ReadFlags flags) {
-         vxio::IStreamStream stream(systemStream(bytes).Get());
-         name.read(stream, version, kConvert, flags);
+     [](auto& name, auto& bytes, auto version, auto flags) {
+         readFrom(vxio::IStreamStream(systemStream(bytes).Get()), name, version, flags);
      }},
     {"stream, archive layout", true, true,
-     [](SharedPathName& name, const std::string& bytes, unsigned version, ReadFlags flags) {
-         vxio::IStreamStream stream(systemStream(bytes).Get());
-         name.read(stream, version, kConvert, flags | ReadFlag::CArchiveString);
+     [](auto& name, auto& bytes, auto version, auto flags) {
+         readFrom(vxio::IStreamStream(systemStream(bytes).Get()), name, version,
+                  flags | ReadFlag::CArchiveString);
      }},
     {"COM stream", false, false,
-     [](SharedPathName& name, const std::string& bytes, unsigned version, ReadFlags flags) {
-         name.read(systemStream(bytes).Get(), version, kConvert, flags);
+     [](auto& name, auto& bytes, auto version, auto flags) {
+         readFrom(systemStream(bytes).Get(), name, version, flags);
      }},
 };
 
@@ -120,7 +119,7 @@ TEST(PathNameSerialisation, SurvivesACutAtEveryByte) {
             SCOPED_TRACE(reader.what + " cut at "s + std::to_string(cut));
             SharedPathName name(L"before", true, false);
             const auto read = [&] { reader.read(name, whole.substr(0, cut), 3688, ReadFlag::CaseSensitive); };
-            if (&reader == &kReaders.front()) {
+            if (&reader == kReaders) {
                 EXPECT_EQ(raised<CArchiveException>(read), CArchiveException::endOfFile);
                 EXPECT_STREQ(name.asString(), cut < textEnd ? L"before" : L"");
                 continue;
@@ -157,13 +156,12 @@ TEST(PathNameSerialisation, GoesThroughAStreamOfADocument) {
     VxwWriteCArchiveString(stream, L"archived");
     VxwWriteUniString(stream, L"text");
     stream.SeekToBegin();
-    const auto read = [&, &from = std::as_const(stream)](unsigned version, ReadFlags flags) {
-        SharedPathName name;
-        name.read(from, version, kConvert, flags);
-        return name;
-    };
-    EXPECT_EQ(read(3688, ReadFlag::CaseSensitive), kAb);
-    EXPECT_STREQ(read(3660, ReadFlag::CArchiveString).asString(), L"archived");
+    const StreamRef& from = stream;
+    SharedPathName name, archivedName;
+    name.read(from, 3688, kConvert, ReadFlag::CaseSensitive);
+    archivedName.read(from, 3660, kConvert, ReadFlag::CArchiveString);
+    EXPECT_EQ(name, kAb);
+    EXPECT_STREQ(archivedName.asString(), L"archived");
     CStringW plain;
     VxwReadUniString(stream, plain);
     EXPECT_EQ(plain, L"text");

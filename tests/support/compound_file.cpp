@@ -131,7 +131,8 @@ ComPtr<IStorage> openCompoundFile(const std::wstring& file, DWORD stgm) {
 
 void writeFile(const std::wstring& file, std::string_view contents) {
     std::ofstream stream(std::filesystem::path(file), std::ios::binary);
-    stream.write(contents.data(), static_cast<std::streamsize>(contents.size()));
+    stream.write(contents.data(), static_cast<std::streamsize>(contents.size())).flush();
+    EXPECT_TRUE(stream.good()) << "writing a file";
 }
 
 std::string readFile(const std::wstring& file) {

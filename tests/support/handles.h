@@ -22,6 +22,13 @@ inline StorageContainer& container() { return StorageContainer::Instance(); }
 inline SharedPathName element(std::wstring_view name) { return Vexel::Detail::elementName(name); }
 inline SharedPathName path(std::wstring_view file) { return {file, false, false}; }
 
+/// Closes handles, and then everything that no handle uses.
+template <class... Handles>
+void closeForGood(Handles&... handles) {
+    (handles.close(), ...);
+    container().deleteUnusedObjects();
+}
+
 inline StorageRef openRoot(const SharedPathName& path, RootStorageOpenMode mode) {
     StorageRef root;
     EXPECT_EQ(root.open(path, mode, false), S_OK);

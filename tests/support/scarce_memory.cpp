@@ -37,6 +37,18 @@ void AtMainAllocation(int skipped, void (*event)()) noexcept {
     allocationEvent = event;
 }
 
+bool WithFailingAllocation(int spared, const std::function<void()>& call) {
+    static bool struck;
+    struck = false;
+    AtMainAllocation(spared, [] {
+        struck = true;
+        throw std::bad_alloc();
+    });
+    call();
+    AtMainAllocation(0, nullptr);
+    return struck;
+}
+
 std::size_t AllocatedBytes() noexcept { return allocated; }
 
 void* operator new(std::size_t size) {

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <cstddef>
+#include <functional>
 
 /// Allocations that fail, or during which something happens. Reaches the code of the test program itself (the
 /// layers linked into it included), not that of DLLs.
@@ -11,6 +12,9 @@ void FailAllocationsElsewhere(int count) noexcept;
 /// Calls `event` in the main thread's next allocation but `skipped`, once; it may raise `std::bad_alloc`.
 /// Null takes an event back that has not come yet.
 void AtMainAllocation(int skipped, void (*event)()) noexcept;
+
+/// Runs `call` while the main thread's next allocation but `spared` fails. Whether there was one.
+bool WithFailingAllocation(int spared, const std::function<void()>& call);
 
 /// The bytes that all allocations so far asked for, whatever was freed in between.
 std::size_t AllocatedBytes() noexcept;

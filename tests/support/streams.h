@@ -63,12 +63,15 @@ public:
 /// A stream that is an ILockBytes too, as those of the system's are.
 class StreamOfLockedBytes : public Vexel::Storage::InMemoryIStream {
 public:
-    explicit StreamOfLockedBytes(std::string_view bytes) {
+    /// `locked`: its lock bytes, if they are not to be these bytes.
+    explicit StreamOfLockedBytes(std::string_view bytes, ILockBytes* locked = nullptr) : bytes_(locked) {
+        write(bytes.data(), bytes.size());
+        if (locked)
+            return;
         const HGLOBAL memory = GlobalAlloc(GMEM_MOVEABLE, bytes.size());
         std::copy(bytes.begin(), bytes.end(), static_cast<char*>(GlobalLock(memory)));
         GlobalUnlock(memory);
         EXPECT_EQ(CreateILockBytesOnHGlobal(memory, TRUE, &bytes_), S_OK);
-        write(bytes.data(), bytes.size());
     }
     STDMETHODIMP QueryInterface(const GUID& iid, void** ppv) noexcept override {
         return iid == IID_ILockBytes ? bytes_.CopyTo(reinterpret_cast<ILockBytes**>(ppv))
