@@ -27,7 +27,6 @@ public:
     CountedSystem() {
         touched = failures = 0;
         failOpen = S_OK;
-        realPlatform = platform();
         platform().createFile = [](auto... arguments) -> HANDLE {
             return fails() ? INVALID_HANDLE_VALUE : realPlatform.createFile(arguments...);
         };
@@ -46,9 +45,6 @@ public:
             return failures > 0 && fails() ? STG_E_TOOMANYOPENFILES : realPlatform.isStorageFile(path);
         };
     }
-    CountedSystem(const CountedSystem&) = delete;
-    CountedSystem& operator=(const CountedSystem&) = delete;
-    ~CountedSystem() { platform() = realPlatform; }
 
 private:
     static bool fails() {
@@ -56,7 +52,8 @@ private:
         const int number = touched++;
         return number >= failing && number < failing + failures;
     }
-    static inline Vexel::Detail::Platform realPlatform;
+    static inline const Vexel::Detail::Platform realPlatform = platform();
+    PlatformGuard guard_;
 };
 
 class Container : public StorageTest<> {

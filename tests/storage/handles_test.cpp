@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <optional>
 #include <set>
 
 using namespace Support;
@@ -351,6 +352,7 @@ TEST_P(Handles, WriteWhatIsRead) {
     StreamRef written = newStream(L"New", made, "new"), emptied = openStream(L"Long", root, false);
     EXPECT_EQ(emptied.write("longer", 6, nullptr), S_OK);
     EXPECT_EQ(emptied.setSize(4), S_OK);
+    EXPECT_EQ(emptied.GetPosition(), 6u);
     EXPECT_EQ(contents(emptied), "long");
     unsigned long done = 7;
     EXPECT_EQ(emptied.read(&done, 1, &done), S_OK);
@@ -461,14 +463,14 @@ TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
     const struct {
         const wchar_t* file;
         long reading, writing;
-        const char* contents = nullptr; // null: what stands there, if anything, is made below
+        std::optional<std::string> contents = {}; // none: what stands there, if anything, is made below
     } cases[] = {
         {L"missing", STG_E_FILENOTFOUND, win32(ERROR_FILE_NOT_FOUND)},
         {L"missing\\missing", STG_E_PATHNOTFOUND, win32(ERROR_PATH_NOT_FOUND)},
         {L"", STG_E_ACCESSDENIED, win32(ERROR_ACCESS_DENIED)},
         {L"empty", STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, ""},
         {L"five bytes", STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, "\xD0\xCF\x11\xE0\xA1"},
-        {L"text", STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, "text that is longer than a signature"},
+        {L"text", STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, std::string(2000, 't')},
         {L"locked", STG_E_SHAREVIOLATION, win32(ERROR_SHARING_VIOLATION)},
         {L"guarded", S_OK, win32(ERROR_ACCESS_DENIED)},
     };
@@ -479,7 +481,7 @@ TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
     SetFileAttributesW(guarded.c_str(), FILE_ATTRIBUTE_READONLY);
     for (const auto& [file, reading, writing, contents] : cases) {
         if (contents)
-            writeFile(folder_.file(file), contents);
+            writeFile(folder_.file(file), *contents);
         StorageRef handle = forReading();
         for (const RootStorageOpenMode mode : {modeRead, modeReadDenyWrite, modeWrite}) {
             SCOPED_TRACE(testing::Message() << file << " mode " << static_cast<int>(mode));
