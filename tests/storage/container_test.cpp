@@ -27,28 +27,24 @@ public:
     CountedSystem() {
         touched = failures = 0;
         failOpen = S_OK;
-        realPlatform = platform();
         platform().createFile = [](auto... arguments) -> HANDLE {
-            return fails() ? INVALID_HANDLE_VALUE : realPlatform.createFile(arguments...);
+            return fails() ? INVALID_HANDLE_VALUE : kReal.createFile(arguments...);
         };
         platform().probeForWriting = [](const wchar_t* path) {
-            return fails() ? DWORD{ERROR_TOO_MANY_OPEN_FILES} : realPlatform.probeForWriting(path);
+            return fails() ? DWORD{ERROR_TOO_MANY_OPEN_FILES} : kReal.probeForWriting(path);
         };
         platform().openStorage = [](const wchar_t* path, DWORD flags, auto... rest) -> HRESULT {
             stgm = flags;
             if (fails())
                 return STG_E_TOOMANYOPENFILES;
             const HRESULT status = std::exchange(failOpen, S_OK);
-            return FAILED(status) ? status : realPlatform.openStorage(path, flags, rest...);
+            return FAILED(status) ? status : kReal.openStorage(path, flags, rest...);
         };
         platform().isStorageFile = [](const wchar_t* path) {
             // Counted only where it may fail.
-            return failures > 0 && fails() ? STG_E_TOOMANYOPENFILES : realPlatform.isStorageFile(path);
+            return failures > 0 && fails() ? STG_E_TOOMANYOPENFILES : kReal.isStorageFile(path);
         };
     }
-    CountedSystem(const CountedSystem&) = delete;
-    CountedSystem& operator=(const CountedSystem&) = delete;
-    ~CountedSystem() { platform() = realPlatform; }
 
 private:
     static bool fails() {
@@ -56,7 +52,8 @@ private:
         const int number = touched++;
         return number >= failing && number < failing + failures;
     }
-    static inline Vexel::Detail::Platform realPlatform;
+    static inline const Vexel::Detail::Platform kReal = platform();
+    PlatformGuard guard_;
 };
 
 class Container : public StorageTest<> {

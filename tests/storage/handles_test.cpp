@@ -7,6 +7,7 @@
 #include <algorithm>
 #include <array>
 #include <climits>
+#include <optional>
 #include <set>
 
 using namespace Support;
@@ -271,32 +272,31 @@ TEST_P(Handles, MakeRootsThatAreFilesOnceSomethingIsInThem) {
 }
 
 TEST_P(Handles, MakeChildrenInPlaceOfOthers) {
-    enum Stands { Nothing, Storage, HeldStorage, Stream, HeldStream };
+    enum Held { None, HeldStorage, HeldStream };
     constexpr long kExists = STG_E_FILEALREADYEXISTS, kRefused = STG_E_INVALIDPARAMETER;
     const long overStream = isPackage() ? STG_E_INVALIDFUNCTION : kExists;
     const struct {
         const char* what;
-        Stands stands;
-        long storage, replaced, stream; // statuses of making it
+        Held held;
+        Element before;
+        long storage, replaced, stream; // statuses of making "X"
     } cases[] = {
-        {"nothing", Nothing, S_OK, S_OK, S_OK},
-        {"storage", Storage, kExists, S_OK, isPackage() ? kExists : S_OK},
-        {"storage in use", HeldStorage, kExists, kExists, kRefused},
-        {"stream", Stream, overStream, isPackage() ? overStream : S_OK, S_OK},
-        {"stream in use", HeldStream, kRefused, kRefused, kExists},
+        {"nothing", None, {L"Old", ""}, S_OK, S_OK, S_OK},
+        {"storage", None, {L"X/In", "in"}, kExists, S_OK, isPackage() ? kExists : S_OK},
+        {"storage in use", HeldStorage, {L"X/In", "in"}, kExists, kExists, kRefused},
+        {"stream", None, {L"X", "x"}, overStream, isPackage() ? overStream : S_OK, S_OK},
+        {"stream in use", HeldStream, {L"X", "x"}, kRefused, kRefused, kExists},
     };
-    for (const auto& [what, stands, storage, replaced, stream] : cases) {
+    for (const auto& [what, held, before, storage, replaced, stream] : cases) {
         const std::array expected{storage, replaced, stream};
         for (size_t verb = 0; verb < expected.size(); ++verb) {
             SCOPED_TRACE(testing::Message() << what << verb);
-            make(stands == Nothing  ? std::vector<Element>{{L"Old", ""}}
-                 : stands >= Stream ? std::vector<Element>{{L"X", "x"}}
-                                    : std::vector<Element>{{L"X/In", "in"}});
+            make({before});
             StorageRef root = forWriting(), storageThere, made;
             StreamRef streamThere, written;
-            if (stands == HeldStorage)
+            if (held == HeldStorage)
                 storageThere = openStorage(L"X", root);
-            if (stands == HeldStream)
+            if (held == HeldStream)
                 streamThere = openStream(L"X", root);
             EXPECT_EQ(verb < 2 ? made.create(L"X", root, verb == 1) : written.create(L"X", root),
                       expected[verb]);
@@ -351,6 +351,7 @@ TEST_P(Handles, WriteWhatIsRead) {
     StreamRef written = newStream(L"New", made, "new"), emptied = openStream(L"Long", root, false);
     EXPECT_EQ(emptied.write("longer", 6, nullptr), S_OK);
     EXPECT_EQ(emptied.setSize(4), S_OK);
+    EXPECT_EQ(emptied.GetPosition(), 6u);
     EXPECT_EQ(contents(emptied), "long");
     unsigned long done = 7;
     EXPECT_EQ(emptied.read(&done, 1, &done), S_OK);
@@ -461,14 +462,15 @@ TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
     const struct {
         const wchar_t* file;
         long reading, writing;
-        const char* contents = nullptr; // null: what stands there, if anything, is made below
+        std::optional<std::string> contents =
+            std::nullopt; // none: what stands there, if anything, is made below
     } cases[] = {
         {L"missing", STG_E_FILENOTFOUND, win32(ERROR_FILE_NOT_FOUND)},
         {L"missing\\missing", STG_E_PATHNOTFOUND, win32(ERROR_PATH_NOT_FOUND)},
         {L"", STG_E_ACCESSDENIED, win32(ERROR_ACCESS_DENIED)},
         {L"empty", STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, ""},
         {L"five bytes", STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, "\xD0\xCF\x11\xE0\xA1"},
-        {L"text", STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, "text that is longer than a signature"},
+        {L"text", STG_E_INVALIDHEADER, STG_E_INVALIDHEADER, std::string(2000, 't')},
         {L"locked", STG_E_SHAREVIOLATION, win32(ERROR_SHARING_VIOLATION)},
         {L"guarded", S_OK, win32(ERROR_ACCESS_DENIED)},
     };
@@ -479,7 +481,7 @@ TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
     SetFileAttributesW(guarded.c_str(), FILE_ATTRIBUTE_READONLY);
     for (const auto& [file, reading, writing, contents] : cases) {
         if (contents)
-            writeFile(folder_.file(file), contents);
+            writeFile(folder_.file(file), *contents);
         StorageRef handle = forReading();
         for (const RootStorageOpenMode mode : {modeRead, modeReadDenyWrite, modeWrite}) {
             SCOPED_TRACE(testing::Message() << file << " mode " << static_cast<int>(mode));

@@ -7,7 +7,6 @@
 #include <vexel/copying.h>
 
 #include <algorithm>
-#include <cwchar>
 #include <initializer_list>
 #include <map>
 #include <set>
@@ -133,12 +132,10 @@ unsigned long long totalOf(const std::vector<Element>& elements) {
 /// A document with streams at many places, whose contents go into a package as they are.
 std::vector<Element> placesOfStreams() {
     std::vector<Element> elements;
-    for (const wchar_t* const path :
+    for (const std::wstring path :
          {L"a-first", L"b-box/", L"b-box/c-first", L"b-box/d-deep/", L"b-box/d-deep/e-first",
-          L"b-box/d-deep/f-last", L"b-box/g-last", L"h-middle", L"i-only/", L"i-only/j-only", L"k-last"}) {
-        const bool isStorage = path[std::wcslen(path) - 1] == L'/';
-        elements.push_back({path, isStorage ? "" : noise(5000 + elements.size())});
-    }
+          L"b-box/d-deep/f-last", L"b-box/g-last", L"h-middle", L"i-only/", L"i-only/j-only", L"k-last"})
+        elements.push_back({path, path.ends_with(L'/') ? "" : noise(5000 + elements.size())});
     return elements;
 }
 
