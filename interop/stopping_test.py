@@ -13,9 +13,16 @@ import unittest
 from vexel_cli import CommandTest, seven_zip
 
 
+SIGNALS = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP]
+
+
 class Stopping(CommandTest):
     def setUp(self):
         super().setUp()
+        # Who starts this in the background may have it ignore signals. A shell cannot trap what it ignores from its
+        # start on; but what is handled here, children begin with as usual.
+        for number in SIGNALS:
+            signal.signal(number, signal.default_int_handler)
         tree = self.directory / "tree"
         tree.mkdir()
         self.large = os.urandom(1_500_000)
@@ -48,10 +55,9 @@ class Stopping(CommandTest):
         seven_zip("t", self.package)
 
     def test_signals_at_many_moments(self):
-        signals = [signal.SIGINT, signal.SIGTERM, signal.SIGHUP]
         for number, (name, command) in enumerate(self.commands.items()):
             for moment, delay in enumerate([0.05, 0.6, 1.1]):
-                kind = signals[(number + moment) % 3]
+                kind = SIGNALS[(number + moment) % 3]
                 with self.subTest((name, delay, kind)):
                     with self.start(*command, stdin=subprocess.DEVNULL, stdout=subprocess.DEVNULL) as program:
                         time.sleep(delay)

@@ -86,6 +86,12 @@ def listing(path):
     return items
 
 
+def bsdtar_names(package):
+    """What bsdtar lists: paths, those of directories with a slash behind them."""
+    return subprocess.run(["bsdtar", "-tf", package], capture_output=True, check=True,
+                          env={**os.environ, "LC_ALL": "C.UTF-8"}).stdout.decode().splitlines()
+
+
 def package_snapshot(path, directory):
     """As snapshot, of a package that 7zz unpacks."""
     seven_zip("x", "-y", f"-o{directory}", path)
