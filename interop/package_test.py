@@ -11,19 +11,13 @@ import subprocess
 import unittest
 import zlib
 
-from vexel_cli import DATA, CommandTest, bsdtar_names, listing, seven_zip, snapshot, vexel
+from vexel_cli import DATA, CommandTest, bsdtar_names, files_below, listing, seven_zip, snapshot, vexel
 
 # What extract makes of names that files cannot have, and the elements that packages write for them.
 NAMES = {"%05SummaryInformation": "%05SummaryInformation", "100%25": "100%25", "%43ON": "CON", "a%3cb%3e": "a<b>",
          "dot%2e": "dot.", "PART": "PART", "Part%~2": "Part", "100%.txt": "100%25.txt", "Чертёж 😀": "Чертёж 😀",
          "C%3a": "C:", "C%3ax": "C:x", "C%3a%5cx": "C:\\x", "C%3a%5cy%5c..%5cx": "C:\\y\\..\\x", "%5cfoo": "\\foo",
          ".%2e": "..", "x.%20": "x. "}
-
-
-def contents_below(directory):
-    """Size and CRC-32 of every file, and None for every directory, by path."""
-    return {str(path.relative_to(directory)): None if path.is_dir() else (path.stat().st_size, zlib.crc32(path.read_bytes()))
-            for path in directory.rglob("*")}
 
 
 def microseconds(time):
@@ -67,20 +61,20 @@ class Packages(CommandTest):
         package = self.package(tree)
         found = listing(package)
         wanted = {"/".join(NAMES.get(part, part) for part in path.split("/")): (tree / path, contents)
-                  for path, contents in contents_below(tree).items()}
+                  for path, contents in files_below(tree).items()}
         self.assertEqual({path: (int(item["Size"]), int(item["CRC"] or "0", 16)) for path, item in found.items()},
-                         {path: contents or (0, 0) for path, (_, contents) in wanted.items()})
+                         {path: (len(contents or b""), zlib.crc32(contents or b"")) for path, (_, contents) in wanted.items()})
         for path, (file, _) in wanted.items():
             modified = datetime.datetime.fromisoformat(found[path]["Modified"][:19])
             self.assertEqual(modified.timestamp(), int(file.stat().st_mtime), path)
         self.assertEqual({name.rstrip("/").replace("\\\\", "\\") for name in bsdtar_names(package)}, found.keys())
         listed = json.loads(self.succeed("list", "--json", package))
         self.assertEqual({node["path"]: node["size"] for node in listed},
-                         {path: contents and contents[0] for path, (_, contents) in wanted.items()})
+                         {path: None if contents is None else len(contents) for path, (_, contents) in wanted.items()})
         self.succeed("extract", package, self.directory / "out")
         (tree / "100%.txt").rename(tree / "100%25.txt")  # extract leaves no "%" as it is
         (tree / "deep" / "100%.txt").rename(tree / "deep" / "100%25.txt")
-        self.assertEqual(contents_below(self.directory / "out"), contents_below(tree))
+        self.assertEqual(files_below(self.directory / "out"), files_below(tree))
         self.assertEqual(self.succeed("verify", package), b"")
         self.succeed("convert", package, self.directory / "converted.7z")
         self.assertEqual({path: item["CRC"] for path, item in listing(self.directory / "converted.7z").items()},
@@ -107,8 +101,7 @@ class Packages(CommandTest):
         info = json.loads(self.succeed("info", "--json", package))
         self.assertEqual((info["storages"], info["streams"]), (3, len(names)))
         self.succeed("extract", package, self.directory / "out")
-        self.assertEqual(contents_below(self.directory / "out"),
-                         {path: data and (len(data), zlib.crc32(data)) for path, data in wanted.items()})
+        self.assertEqual(files_below(self.directory / "out"), wanted)
         self.succeed("put", package, "new", stdin=b"new")
         seven_zip("t", package)
         self.assertEqual(listing(package).keys(), {*names, "new", "d", "d/sub", "p%"})
@@ -146,8 +139,9 @@ class Packages(CommandTest):
             size = generator.choice([0, 1, 100, 5000, 40000])
             (folder / f"f{index}").write_bytes(generator.randbytes(size) if index % 2 else bytes(size))
         (tree / "large").write_bytes(generator.randbytes(1 << 20) * 8)
-        contents = contents_below(tree)
-        wanted = {path: (size and size[0], (tree / path).stat().st_mtime_ns // 1000) for path, size in contents.items()}
+        contents = files_below(tree)
+        wanted = {path: (None if data is None else len(data), (tree / path).stat().st_mtime_ns // 1000)
+                  for path, data in contents.items()}
         for name, make in {
                 "lzma2": ["7zz", "a", "-ms=off", "-m0=lzma2"], "lzma": ["7zz", "a", "-ms=off", "-m0=lzma", "-mx=9"],
                 "copy": ["7zz", "a", "-mx=0"], "plain": ["7zz", "a", "-ms=off", "-mhc=off", "-mtc=on"],
@@ -160,7 +154,7 @@ class Packages(CommandTest):
                          for node in json.loads(self.succeed("list", "--json", package))}
                 self.assertEqual(found, wanted)
                 self.succeed("extract", package, out)
-                self.assertEqual(contents_below(out), contents)
+                self.assertEqual(files_below(out), contents)
 
     def test_twenty_thousand_items(self):
         tree = self.directory / "tree"
@@ -206,7 +200,7 @@ class Packages(CommandTest):
         for name in damaged:
             self.assertIn(f"|{name}".encode(), result.stderr)
         whole = {path for path, item in items.items()} - set(damaged)
-        self.assertEqual(len(contents_below(self.directory / "out")), len(whole))
+        self.assertEqual(len(files_below(self.directory / "out")), len(whole))
         self.assertEqual({path for path in self.directory.iterdir() if "part" in path.name}, set())
 
     def test_what_cannot_be_read_is_not_damaged(self):

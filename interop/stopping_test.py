@@ -1,12 +1,12 @@
 """Commands that somebody stops: they end with a status of their own and leave nothing half-made."""
 
+import contextlib
 import fcntl
 import os
 import pty
 import signal
 import subprocess
 import termios
-import threading
 import time
 import unittest
 
@@ -80,29 +80,17 @@ class Stopping(CommandTest):
     def on_terminal(self, command, until, key):
         """Status and output of a command that is given a key when its output has a text."""
         master, slave = pty.openpty()
-        output = bytearray()
-
-        def read():
-            try:
+        output = b""
+        with self.start(*command, stdin=slave, stdout=slave, stderr=slave,
+                        preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0)) as program:
+            os.close(slave)
+            with contextlib.suppress(OSError):  # the end: nobody has the terminal any more
                 while data := os.read(master, 4096):
-                    output.extend(data)
-            except OSError:
-                return
-
-        program = self.start(*command, stdin=slave, stdout=slave, stderr=slave,
-                             preexec_fn=lambda: fcntl.ioctl(0, termios.TIOCSCTTY, 0))
-        os.close(slave)
-        reader = threading.Thread(target=read)
-        reader.start()
-        with program:
-            deadline = time.monotonic() + 60
-            while until not in output and program.poll() is None and time.monotonic() < deadline:
-                time.sleep(0.05)
-            os.write(master, key)
-            program.wait(120)
-        reader.join(5)
+                    if until not in output and until in output + data:
+                        os.write(master, key)
+                    output += data
         os.close(master)
-        return program.returncode, bytes(output)
+        return program.returncode, output
 
     def test_progress_and_control_c_on_a_terminal(self):
         # Progress shows itself after a second, so this has to be more work than the fastest machine does in one.
