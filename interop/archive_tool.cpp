@@ -154,16 +154,17 @@ private:
             eraseBelow(path);
     }
     void rewrite() {
-        const std::wstring path = any(false);
-        if (path.empty())
+        const auto found = items_.find(any(false));
+        if (found == items_.end())
             return;
-        std::string& contents = *items_[path];
         ComPtr<IStream> stream;
-        expect(archive_.extractFile(&stream, path), "extractFile gives ");
-        check(bytesOf(stream.Get()) == contents, "extractFile gives other contents");
+        expect(archive_.extractFile(&stream, found->first), "extractFile gives ");
+        std::string contents = bytesOf(stream.Get());
+        check(contents == found->second, "extractFile gives other contents");
         if (chance(2)) {
             contents.resize(below(contents.size() + 1));
             expect(stream->SetSize({.QuadPart = contents.size()}), "SetSize gives ");
+            found->second = contents;
         }
     }
     void remove() {
@@ -237,7 +238,7 @@ private:
             append(archive, L"item" + std::to_wstring(i), true, "",
                    std::string(std::size_t{2000} * (i + 1), n % 2 ? 'b' : 'a'));
         expect(archive.save(n % 3 == 0), "save gives ");
-        std::cout << n << std::endl;
+        std::cout << n << '\n' << std::flush;
     }
 }
 

@@ -65,10 +65,10 @@ bool raises(Call call) {
 } // namespace
 
 int main() {
-    OwnMemoryStream* const memory = new OwnMemoryStream;
+    auto* const memory = new OwnMemoryStream;
     ::IStream* clone = nullptr;
     bool works = holds(memory->Clone(&clone) == S_OK, "a derived stream has a clone");
-    OwnSubStream* const part = new OwnSubStream(clone, 0, 5);
+    auto* const part = new OwnSubStream(clone, 0, 5);
     works &= holds(memory->numInstances() == 2, "the clone shares its memory");
     part->Release();
     works &= holds(clone->Release() == 0, "a part gives its reference back");
