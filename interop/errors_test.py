@@ -16,7 +16,6 @@ class Errors(CommandTest):
         for arguments, pattern in [
                 ([], "no command .*--help"),
                 (["frobnicate", path], 'no command "frobnicate"'),
-                (["frobnicate"], 'no command "frobnicate"'),
                 (["list"], "FILE"),
                 (["list", path, "more"], "more"),
                 (["list", path, "--yaml"], "--yaml"),
@@ -28,7 +27,6 @@ class Errors(CommandTest):
                 (["cat", path, "Workbook/"], "empty element"),
                 (["cat", path, "a//b"], "empty element"),
                 (["cat", path, "%"], "malformed escape"),
-                (["cat", path, "a%4"], "malformed escape"),
                 (["cat", path, "a%4/b"], "malformed escape"),
                 (["cat", path, "%zz"], "malformed escape"),
                 (["cat", path, "a%00"], "%00"),
@@ -54,7 +52,6 @@ class Errors(CommandTest):
         for arguments, node, code in [
                 (["cat", path, "missing"], "missing", "80030002"),
                 (["cat", path, "Sub/Deep/missing"], "Sub/Deep/missing", "80030002"),
-                (["cat", path, "missing/below"], "missing", "80030002"),
                 (["cat", path, "Sub"], "Sub", "80030001"),
                 (["cat", path, "Sub/%05SummaryInformation/x"], "Sub/%05SummaryInformation", "80030001"),
                 (["cat", path, ""], None, "80030001"),
@@ -63,7 +60,6 @@ class Errors(CommandTest):
                 (["cat", path, "n" * 32 + "/x"], "n" * 32, "800300fc"),
                 (["put", path, "Sub"], "Sub", "80030050"),
                 (["put", path, "n" * 32], "n" * 32, "800300fc"),
-                (["put", path, "n" * 32 + "/x"], "n" * 32, "800300fc"),
                 (["put", path, "a:b"], "a:b", "800300fc"),
                 (["put", path, "a\\b"], "a\\b", "800300fc"),
                 (["put", path, "a%2fb"], "a%2fb", "800300fc"),
@@ -72,7 +68,6 @@ class Errors(CommandTest):
                 (["put", path, "Sub/%05SummaryInformation/x"], "Sub/%05SummaryInformation", "80030001"),
                 (["put", path, "new", path], None, "800[37]0020"),
                 (["rm", path, "missing"], "missing", "80030002"),
-                (["rm", path, "Sub/missing"], "Sub/missing", "80030002"),
                 (["rm", path, "missing/below"], "missing", "80030002"),
         ]:
             with self.subTest(arguments):

@@ -3,6 +3,7 @@
 import datetime
 import json
 import os
+import pathlib
 import random
 import re
 import shutil
@@ -10,7 +11,7 @@ import subprocess
 import unittest
 import zlib
 
-from vexel_cli import DATA, CommandTest, listing, seven_zip, snapshot, vexel
+from vexel_cli import DATA, CommandTest, bsdtar_names, files_below, listing, seven_zip, snapshot, vexel
 
 # What extract makes of names that files cannot have, and the elements that packages write for them.
 NAMES = {"%05SummaryInformation": "%05SummaryInformation", "100%25": "100%25", "%43ON": "CON", "a%3cb%3e": "a<b>",
@@ -19,10 +20,10 @@ NAMES = {"%05SummaryInformation": "%05SummaryInformation", "100%25": "100%25", "
          ".%2e": "..", "x.%20": "x. "}
 
 
-def contents_below(directory):
-    """Size and CRC-32 of every file, and None for every directory, by path."""
-    return {str(path.relative_to(directory)): None if path.is_dir() else (path.stat().st_size, zlib.crc32(path.read_bytes()))
-            for path in directory.rglob("*")}
+def microseconds(time):
+    """Since 1970, of a time as `list` writes it."""
+    seconds = datetime.datetime.fromisoformat(time[:26] + "+00:00")
+    return (seconds - datetime.datetime.fromtimestamp(0, datetime.timezone.utc)) // datetime.timedelta(microseconds=1)
 
 
 def packed_items(package):
@@ -60,22 +61,20 @@ class Packages(CommandTest):
         package = self.package(tree)
         found = listing(package)
         wanted = {"/".join(NAMES.get(part, part) for part in path.split("/")): (tree / path, contents)
-                  for path, contents in contents_below(tree).items()}
+                  for path, contents in files_below(tree).items()}
         self.assertEqual({path: (int(item["Size"]), int(item["CRC"] or "0", 16)) for path, item in found.items()},
-                         {path: contents or (0, 0) for path, (_, contents) in wanted.items()})
+                         {path: (len(contents or b""), zlib.crc32(contents or b"")) for path, (_, contents) in wanted.items()})
         for path, (file, _) in wanted.items():
             modified = datetime.datetime.fromisoformat(found[path]["Modified"][:19])
             self.assertEqual(modified.timestamp(), int(file.stat().st_mtime), path)
-        names = subprocess.run(["bsdtar", "-tf", package], capture_output=True, check=True,
-                               env={**os.environ, "LC_ALL": "C.UTF-8"}).stdout.decode().splitlines()
-        self.assertEqual({name.rstrip("/").replace("\\\\", "\\") for name in names}, found.keys())
+        self.assertEqual({name.rstrip("/").replace("\\\\", "\\") for name in bsdtar_names(package)}, found.keys())
         listed = json.loads(self.succeed("list", "--json", package))
         self.assertEqual({node["path"]: node["size"] for node in listed},
-                         {path: contents and contents[0] for path, (_, contents) in wanted.items()})
+                         {path: None if contents is None else len(contents) for path, (_, contents) in wanted.items()})
         self.succeed("extract", package, self.directory / "out")
         (tree / "100%.txt").rename(tree / "100%25.txt")  # extract leaves no "%" as it is
         (tree / "deep" / "100%.txt").rename(tree / "deep" / "100%25.txt")
-        self.assertEqual(contents_below(self.directory / "out"), contents_below(tree))
+        self.assertEqual(files_below(self.directory / "out"), files_below(tree))
         self.assertEqual(self.succeed("verify", package), b"")
         self.succeed("convert", package, self.directory / "converted.7z")
         self.assertEqual({path: item["CRC"] for path, item in listing(self.directory / "converted.7z").items()},
@@ -102,8 +101,7 @@ class Packages(CommandTest):
         info = json.loads(self.succeed("info", "--json", package))
         self.assertEqual((info["storages"], info["streams"]), (3, len(names)))
         self.succeed("extract", package, self.directory / "out")
-        self.assertEqual(contents_below(self.directory / "out"),
-                         {path: data and (len(data), zlib.crc32(data)) for path, data in wanted.items()})
+        self.assertEqual(files_below(self.directory / "out"), wanted)
         self.succeed("put", package, "new", stdin=b"new")
         seven_zip("t", package)
         self.assertEqual(listing(package).keys(), {*names, "new", "d", "d/sub", "p%"})
@@ -131,6 +129,41 @@ class Packages(CommandTest):
         self.assertEqual({path.name for path in self.directory.iterdir()}, {"tree", "there"})
         (self.directory / "nothing").mkdir()
         self.assertEqual(listing(self.package(self.directory / "nothing")), {})
+
+    def test_packages_of_others_are_read_as_they_were_made(self):
+        tree = self.directory / "tree"
+        generator = random.Random(1)
+        for index in range(600):
+            folder = tree / f"d{index % 7}" / ("Чертёж 😀" if index % 3 else "e")
+            folder.mkdir(parents=True, exist_ok=True)
+            size = generator.choice([0, 1, 100, 5000, 40000])
+            (folder / f"f{index}").write_bytes(generator.randbytes(size) if index % 2 else bytes(size))
+        (tree / "large").write_bytes(generator.randbytes(1 << 20) * 8)
+        contents = files_below(tree)
+        wanted = {path: (None if data is None else len(data), (tree / path).stat().st_mtime_ns // 1000)
+                  for path, data in contents.items()}
+        for name, make in {
+                "lzma2": ["7zz", "a", "-ms=off", "-m0=lzma2"], "lzma": ["7zz", "a", "-ms=off", "-m0=lzma", "-mx=9"],
+                "copy": ["7zz", "a", "-mx=0"], "plain": ["7zz", "a", "-ms=off", "-mhc=off", "-mtc=on"],
+                "fast": ["7zz", "a", "-ms=off", "-mx=1", "-mmt=on"],
+                "bsdtar": ["bsdtar", "--options", "compression=store", "--format", "7zip", "-cf"]}.items():
+            with self.subTest(name):
+                package, out = self.directory / f"{name}.7z", self.directory / name
+                subprocess.run([*make, package, *os.listdir(tree)], cwd=tree, capture_output=True, check=True)
+                found = {node["path"]: (node["size"], microseconds(node["modified"]))
+                         for node in json.loads(self.succeed("list", "--json", package))}
+                self.assertEqual(found, wanted)
+                self.succeed("extract", package, out)
+                self.assertEqual(files_below(out), contents)
+
+    def test_twenty_thousand_items(self):
+        tree = self.directory / "tree"
+        tree.mkdir()
+        for index in range(20000):
+            (tree / f"{index:05}").write_bytes(b"%d" % index)
+        seven_zip("a", "-ms=off", "-mx=1", self.directory / "many.7z", ".", cwd=tree)
+        self.assertEqual(self.succeed("verify", self.directory / "many.7z"), b"")
+        self.check_info(self.directory / "many.7z", 0)
 
     def test_put_gives_its_node_the_time_and_leaves_others_as_they_are_packed(self):
         package = self.directory / "package.7z"
@@ -167,16 +200,21 @@ class Packages(CommandTest):
         for name in damaged:
             self.assertIn(f"|{name}".encode(), result.stderr)
         whole = {path for path, item in items.items()} - set(damaged)
-        self.assertEqual(len(contents_below(self.directory / "out")), len(whole))
+        self.assertEqual(len(files_below(self.directory / "out")), len(whole))
         self.assertEqual({path for path in self.directory.iterdir() if "part" in path.name}, set())
 
     def test_what_cannot_be_read_is_not_damaged(self):
-        for name, nodes in [("solid.7z", 5), ("encrypted-data.7z", 1), ("unsupported-ppmd.7z", 4), ("encrypted-header.7z", 0)]:
-            with self.subTest(name):
-                output = self.fail_with(3, "cannot read, or encrypted", "verify", DATA / name)
+        (self.directory / "alone").write_bytes(b"alone")
+        mixed = pathlib.Path(shutil.copy(DATA / "solid.7z", self.directory / "mixed.7z"))
+        seven_zip("a", "-ms=off", mixed, "alone", cwd=self.directory)
+        for package, nodes in [(mixed, 5), (DATA / "encrypted-data.7z", 1), (DATA / "unsupported-ppmd.7z", 4),
+                               (DATA / "encrypted-header.7z", 0)]:
+            with self.subTest(package.name):
+                output = self.fail_with(3, "cannot read, or encrypted", "verify", package)
                 self.assertEqual(output.count(b"cannot read, or encrypted"), nodes)
                 self.assertNotIn(b"damaged", output)
-                self.fail_with(1, "cannot read, or encrypted", "convert", DATA / name, self.directory / "new")
+                self.fail_with(1, "cannot read, or encrypted", "convert", package, self.directory / "new")
+        self.assertEqual(self.succeed("cat", mixed, "alone"), b"alone")
         (self.directory / "x%2fy").write_bytes(b"a slash in a node's name")
         seven_zip("a", self.directory / "slash.7z", self.directory / "x%2fy")
         output = self.fail_with(3, "1 node could not be checked", "verify", self.directory / "slash.7z")

@@ -69,6 +69,12 @@ def snapshot(path):
     return result
 
 
+def files_below(directory):
+    """The contents of every file, and None for every directory, by path."""
+    return {str(path.relative_to(directory)): path.read_bytes() if path.is_file() else None
+            for path in directory.rglob("*")}
+
+
 def seven_zip(*arguments, **options):
     return subprocess.run(["7zz", *map(str, arguments)], capture_output=True, check=True, timeout=200, **options)
 
@@ -84,6 +90,12 @@ def listing(path):
         elif item is not None and key:
             item[key.removesuffix(" =")] = value
     return items
+
+
+def bsdtar_names(package):
+    """What bsdtar lists: paths, those of directories with a slash behind them."""
+    return subprocess.run(["bsdtar", "-tf", package], capture_output=True, check=True,
+                          env={**os.environ, "LC_ALL": "C.UTF-8"}).stdout.decode().splitlines()
 
 
 def package_snapshot(path, directory):
@@ -129,15 +141,15 @@ class CommandTest(unittest.TestCase):
         program.stdin.write(data)
         program.stdin.flush()
         waiting = ctypes.c_int(1)
-        deadline = time.monotonic() + 60
+        deadline = time.monotonic() + 200
         while waiting.value and time.monotonic() < deadline:
             time.sleep(0.01)
             fcntl.ioctl(program.stdin, termios.FIONREAD, waiting)
         self.assertEqual(waiting.value, 0)
 
-    def end(self, program, timeout=60):
+    def end(self, program):
         """Waits for a command that `start` began: its status, and what is on standard error by then."""
-        status = program.wait(timeout)
+        status = program.wait(200)
         program.errors.seek(0)
         return status, program.errors.read()
 

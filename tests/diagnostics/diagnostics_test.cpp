@@ -1,3 +1,4 @@
+#include "support/compound_file.h"
 #include "support/log_capture.h"
 
 #include <vexel/diagnostics.h>
@@ -58,13 +59,11 @@ TEST(Log, ASinkMayLogItselfAndMayThrow) {
     EXPECT_EQ(depth, 3);
 }
 
-struct Calls {
-    std::atomic<int> begun = 0, ended = 0;
-};
-
 // Setting a sink waits for the calls in the old one, so that what those use may go then.
 TEST(Log, SinksChangeWhileManyThreadsLog) {
-    Calls logged;
+    struct Calls {
+        std::atomic<int> begun = 0, ended = 0;
+    } logged;
     const VxLogSink count = [](int, const wchar_t*, void* context) {
         auto& calls = *static_cast<Calls*>(context);
         ++calls.begun;
@@ -72,9 +71,9 @@ TEST(Log, SinksChangeWhileManyThreadsLog) {
         ++calls.ended;
     };
     const VxLogSink old = VxLog_SetSink(count, &logged);
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 3; ++i)
-        threads.emplace_back([] {
+    std::vector<std::jthread> threads(3);
+    for (std::jthread& thread : threads)
+        thread = std::jthread([] {
             for (int n = 0; n < 50; ++n)
                 VxLog_WriteW(7, L"%d", n);
         });
@@ -95,21 +94,15 @@ TEST(Log, SinksChangeWhileManyThreadsLog) {
 
 /// What reaches the standard error stream meanwhile.
 std::string standardError(const std::function<void()>& action) {
-    HANDLE reader = nullptr;
-    HANDLE writer = nullptr;
-    if (!CreatePipe(&reader, &writer, nullptr, 1 << 20))
-        return "no pipe";
+    const Support::TempFolder folder;
+    const std::wstring file = folder.file(L"error");
     const HANDLE old = GetStdHandle(STD_ERROR_HANDLE);
-    SetStdHandle(STD_ERROR_HANDLE, writer);
+    SetStdHandle(STD_ERROR_HANDLE,
+                 CreateFileW(file.c_str(), GENERIC_WRITE, 0, nullptr, CREATE_ALWAYS, 0, nullptr));
     action();
+    CloseHandle(GetStdHandle(STD_ERROR_HANDLE));
     SetStdHandle(STD_ERROR_HANDLE, old);
-    CloseHandle(writer);
-    std::string text(1 << 16, '\0');
-    DWORD done = 0;
-    ReadFile(reader, text.data(), static_cast<DWORD>(text.size()), &done, nullptr);
-    CloseHandle(reader);
-    text.resize(done);
-    return text;
+    return Support::readFile(file);
 }
 
 TEST(Log, TheDefaultSinkWritesLinesOfUtf8FromTheWarningLevelUp) {

@@ -10,39 +10,20 @@
 typedef HRESULT (*OpenByPath)(IStorage** result, const wchar_t* path);
 typedef HRESULT (*OpenStream)(IStorage** result, IStream* stream);
 
-static int countElements(IStorage* storage) {
+/* The elements of a storage that opening gave with this status; -1 if it gave none. Lets go of the storage.
+ */
+static int countElements(HRESULT opened, IStorage** storage) {
     IEnumSTATSTG* elements = NULL;
     STATSTG element;
-    int count = 0;
-    if (FAILED(IStorage_EnumElements(storage, 0, NULL, 0, &elements)))
-        return -1;
-    for (; IEnumSTATSTG_Next(elements, 1, &element, NULL) == S_OK; ++count)
-        CoTaskMemFree(element.pwcsName);
-    IEnumSTATSTG_Release(elements);
-    return count;
-}
-
-static int openAndCount(OpenByPath open, const wchar_t* path) {
-    IStorage* storage = NULL;
     int count = -1;
-    if (SUCCEEDED(open(&storage, path))) {
-        count = countElements(storage);
-        IStorage_Release(storage);
-    }
-    return count;
-}
-
-static int openStreamAndCount(OpenStream open, const wchar_t* path) {
-    IStream* stream = NULL;
-    IStorage* storage = NULL;
-    int count = -1;
-    if (FAILED(SHCreateStreamOnFileEx(path, STGM_READ, 0, FALSE, NULL, &stream)))
+    if (FAILED(opened))
         return -1;
-    if (SUCCEEDED(open(&storage, stream))) {
-        count = countElements(storage);
-        IStorage_Release(storage);
+    if (SUCCEEDED(IStorage_EnumElements(*storage, 0, NULL, 0, &elements))) {
+        for (count = 0; IEnumSTATSTG_Next(elements, 1, &element, NULL) == S_OK; ++count)
+            CoTaskMemFree(element.pwcsName);
+        IEnumSTATSTG_Release(elements);
     }
-    IStream_Release(stream);
+    IStorage_Release(*storage);
     return count;
 }
 
@@ -53,9 +34,14 @@ int main(void) {
     /* By way of void*: a cast between function types is what compilers warn of. */
     OpenByPath byPath = (OpenByPath)(void*)GetProcAddress(library, "OpenVexelPackage");
     OpenStream onStream = (OpenStream)(void*)GetProcAddress(library, "OpenVexelPackageStream");
-    if (argc != 2 || !byPath || !onStream)
+    IStorage* storage = NULL;
+    IStream* stream = NULL;
+    if (argc != 2 || !byPath || !onStream ||
+        FAILED(SHCreateStreamOnFileEx(argv[1], STGM_READ, 0, FALSE, NULL, &stream)))
         return 1;
-    printf("linked %d, loaded %d, stream %d\n", openAndCount(OpenVexelPackage, argv[1]),
-           openAndCount(byPath, argv[1]), openStreamAndCount(onStream, argv[1]));
+    printf("linked %d, ", countElements(OpenVexelPackage(&storage, argv[1]), &storage));
+    printf("loaded %d, ", countElements(byPath(&storage, argv[1]), &storage));
+    printf("stream %d\n", countElements(onStream(&storage, stream), &storage));
+    IStream_Release(stream);
     return 0;
 }

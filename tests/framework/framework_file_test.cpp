@@ -65,25 +65,25 @@ TEST_F(FrameworkFile, FailuresCarryCauseCodeAndName) {
 
 TEST_F(FrameworkFile, SharesWhatItsFlagsSay) {
     CFile(name_, CFile::modeCreate | CFile::modeWrite).Close();
+    constexpr int kOpens = -1, kRefused = CFileException::sharingViolation;
     const struct {
         UINT share;
-        bool canRead, canWrite;
-    } cases[] = {
-        {CFile::shareCompat, false, false},   {CFile::shareExclusive, false, false},
-        {CFile::shareDenyWrite, true, false}, {CFile::shareDenyRead, false, true},
-        {CFile::shareDenyNone, true, true},
+        int reading, writing;
+    } cases[] = {{CFile::shareCompat, kRefused, kRefused},
+                 {CFile::shareExclusive, kRefused, kRefused},
+                 {CFile::shareDenyWrite, kOpens, kRefused},
+                 {CFile::shareDenyRead, kRefused, kOpens},
+                 {CFile::shareDenyNone, kOpens, kOpens}};
+    const auto openAs = [this](UINT mode) {
+        return causeOf([&] { CFile(name_, mode | CFile::shareDenyNone); });
     };
-    for (const auto& [share, canRead, canWrite] : cases) {
+    for (const auto& [share, reading, writing] : cases) {
         CFile holder(name_, CFile::modeReadWrite | share);
         DWORD flags = 0;
         EXPECT_TRUE(GetHandleInformation(holder.m_hFile, &flags));
         EXPECT_EQ(flags & HANDLE_FLAG_INHERIT, DWORD{HANDLE_FLAG_INHERIT});
-        for (const bool write : {false, true}) {
-            const UINT mode = write ? CFile::modeWrite : CFile::modeRead;
-            const int cause = causeOf([&] { CFile(name_, mode | CFile::shareDenyNone); });
-            EXPECT_EQ(cause, (write ? canWrite : canRead) ? -1 : CFileException::sharingViolation)
-                << share << write;
-        }
+        EXPECT_EQ(openAs(CFile::modeRead), reading) << share;
+        EXPECT_EQ(openAs(CFile::modeWrite), writing) << share;
         holder.Abort();
         EXPECT_EQ(holder.m_hFile, INVALID_HANDLE_VALUE);
         holder.Abort(); // nothing is open

@@ -1,4 +1,5 @@
 #include "base/platform.h"
+#include "support/compound_file.h"
 #include "support/platform_guard.h"
 
 #include <vexel/paths.h>
@@ -10,7 +11,7 @@
 
 #include <gtest/gtest.h>
 
-#include <fstream>
+#include <algorithm>
 #include <random>
 #include <vector>
 
@@ -21,127 +22,85 @@ namespace {
 
 constexpr std::size_t kNpos = std::wstring_view::npos;
 
-struct NameCase {
-    std::wstring_view path;
-    std::size_t name;
-    std::size_t nameIgnoringSeparators;
-    std::size_t extension;
-};
+/// What a function makes of a text in place, the same for both kinds of text.
+template <class Change>
+std::wstring changed(std::wstring_view given, const Change& change) {
+    std::wstring text(given);
+    CString string(given.data());
+    EXPECT_EQ(&change(&text), &text);
+    EXPECT_EQ(&change(&string), &string);
+    EXPECT_EQ(string, text.c_str());
+    return text;
+}
+
+/// Takes a mark out of a text; where it stood.
+std::size_t takeMark(std::wstring& text, wchar_t mark) {
+    const std::size_t place = text.find(mark);
+    if (place != kNpos)
+        text.erase(place, 1);
+    return place;
+}
 
 TEST(PathText, FindsNameAndExtension) {
-    const NameCase cases[] = {
-        {L"", 0, 0, kNpos},
-        {L"a.txt", 0, 0, 1},
-        {L"C:a.txt", 2, 2, 3},
-        {L"C:", 2, 2, kNpos},
-        {L"C:\\", 3, 2, kNpos},
-        {L"1:a.b", 0, 0, 3},
-        {L"C:\\Dir\\", 7, 3, kNpos},
-        {L"C:\\Dir/\\/", 9, 3, kNpos},
-        {L"C:/dir.d\\file", 9, 9, kNpos},
-        {L"C:\\dir.d\\", 9, 3, kNpos},
-        {L"\\\\", 2, 2, kNpos},
-        {L"\\\\?\\", 4, 4, kNpos},
-        {L"\\\\?\\\\", 5, 4, kNpos},
-        {L"\\\\srv\\", 6, 2, kNpos},
-        {L".profile", 0, 0, kNpos},
-        {L"C:.x", 2, 2, kNpos},
-        {L"C:\\..", 3, 3, kNpos},
-        {L".", 0, 0, kNpos},
-        {L"...", 0, 0, 2},
-        {L"a.tar.gz", 0, 0, 5},
-        {L"name.", 0, 0, 4},
-        {L"a.b c", 0, 0, kNpos},
-        {L"a b.c", 0, 0, 3},
-        {L"a.b.c d", 0, 0, kNpos},
-        {L"a.b\tc", 0, 0, 1},
-    };
-    for (const NameCase& c : cases) {
-        SCOPED_TRACE(fs::path(c.path).string());
-        EXPECT_EQ(FindFileName(c.path, false), c.name);
-        EXPECT_EQ(FindFileName(c.path, true), c.nameIgnoringSeparators);
-        EXPECT_EQ(FindFileExtension(c.path), c.extension);
+    // "|" stands before the name, "<" before the one without separators behind it, "*" before the extension.
+    for (std::wstring path :
+         {L"|",           L"|a*.txt",    L"C:|a*.txt",   L"C:|",     L"C:<\\|",   L"|1:a*.b",
+          L"C:\\<d/\\/|", L"C:/d.d\\|f", L"C:\\<d.d\\|", L"\\\\|",   L"\\\\?\\|", L"\\\\?\\<\\|",
+          L"\\\\<s\\|",   L"|.rc",       L"C:|.x",       L"C:\\|..", L"|.",       L"|..*.",
+          L"|a.b*.c",     L"|name*.",    L"|a.b c",      L"|a b*.c", L"|a.b.c d"}) {
+        SCOPED_TRACE(fs::path(path).string());
+        const std::size_t shortened = takeMark(path, L'<'), name = takeMark(path, L'|');
+        const std::size_t extension = takeMark(path, L'*');
+        EXPECT_EQ(FindFileName(path, false), name);
+        EXPECT_EQ(FindFileName(path, true), (std::min)(name, shortened));
+        EXPECT_EQ(FindFileExtension(path), extension);
         // The pieces are the path again.
-        EXPECT_EQ(GetFileName(c.path, true), c.path.substr(c.name));
-        EXPECT_EQ(std::wstring(GetFileName(c.path, false)).append(GetFileExtension(c.path, true)),
-                  GetFileName(c.path, true));
+        EXPECT_EQ(GetFileName(path, true), path.substr(name));
+        EXPECT_EQ(std::wstring(GetFileName(path, false)).append(GetFileExtension(path, true)),
+                  path.substr(name));
     }
     EXPECT_EQ(GetFileExtension(L"x\\a.tar.gz", false), L"gz");
     EXPECT_EQ(GetFileExtension(L"a.", false), L"");
-    EXPECT_EQ(GetFileExtension(L"a.", true), L".");
 }
 
 TEST(PathText, KnowsPathsInsideOthers) {
-    struct {
-        std::wstring_view path, base;
-        bool inside;
-    } const cases[] = {
-        {L"C:\\Dir\\x", L"C:\\dir\\", true},
-        {L"C:\\Dir\\x", L"c:\\dIR", true},
-        {L"C:\\Dir", L"C:\\Dir", false},
-        {L"C:\\Dir\\", L"C:\\Dir", true},
-        {L"C:\\Dirx", L"C:\\Dir", false},
-        {L"C:\\Dir/x", L"C:\\Dir/", true},
-        {L"C:\\Dir\\x", L"C:\\Dir\\\\", false},
-        {L"C:\\Dir\\\\x", L"C:\\Dir\\\\", true},
-        {L"C:/Dir\\x", L"C:\\Dir", false},
-        {L"\\x", L"", true},
-        {L"x", L"", false},
-        {L"", L"", false},
-        {L"/", L"\\", true},
-    };
-    for (const auto& c : cases)
-        EXPECT_EQ(IsSubPath(c.path, c.base), c.inside) << fs::path(c.path) << " in " << fs::path(c.base);
+    constexpr std::wstring_view kInside[][2] = {{L"C:\\D\\x", L"C:\\d\\"},
+                                                {L"C:\\D\\x", L"c:\\d"},
+                                                {L"C:\\D\\", L"C:\\D"},
+                                                {L"C:\\D/x", L"C:\\D/"},
+                                                {L"C:\\D\\\\x", L"C:\\D\\\\"},
+                                                {L"\\x", L""},
+                                                {L"/", L"\\"}};
+    constexpr std::wstring_view kOutside[][2] = {
+        {L"C:\\D", L"C:\\D"},   {L"C:\\Dx", L"C:\\D"}, {L"C:\\D\\x", L"C:\\D\\\\"},
+        {L"C:/D\\x", L"C:\\D"}, {L"x", L""},           {L"", L""}};
+    for (const auto& [path, base] : kInside)
+        EXPECT_TRUE(IsSubPath(path, base)) << fs::path(path) << " in " << fs::path(base);
+    for (const auto& [path, base] : kOutside)
+        EXPECT_FALSE(IsSubPath(path, base)) << fs::path(path) << " in " << fs::path(base);
 }
 
 TEST(PathText, RemovesTrailingSeparators) {
-    constexpr std::wstring_view kCases[][2] = {
-        {L"", L""},
-        {L"\\", L"\\"},
-        {L"/", L"/"},
-        {L"\\/", L"\\/"},
-        {L"\\\\\\", L"\\\\"},
-        {L"C:\\", L"C:"},
-        {L"a\\\\\\", L"a"},
-        {L"a/\\b/", L"a/\\b"},
-        {L"\\\\s\\", L"\\\\s"},
-        {L"\\\\?\\", L"\\\\?\\"},
-        {L"//?/\\", L"//?/"},
-        {L"\\\\?", L"\\\\?"},
-    };
-    for (const auto& [given, expected] : kCases) {
-        EXPECT_EQ(RemoveTrailingPathSeparators(given), expected) << fs::path(given);
-        std::wstring text(given);
-        EXPECT_EQ(&RemoveTrailingPathSeparators(&text), &text);
-        EXPECT_EQ(text, expected);
-        CString string(given.data());
-        EXPECT_EQ(RemoveTrailingPathSeparators(&string), expected.data());
+    const auto remove = [](auto* text) -> auto& { return RemoveTrailingPathSeparators(text); };
+    for (std::wstring path : {L"|", L"\\|", L"\\/|", L"\\\\|\\", L"C:|\\", L"a/\\b|/", L"\\\\s|\\",
+                              L"\\\\?\\|", L"//?/|\\", L"\\\\?|"}) {
+        const std::size_t kept = takeMark(path, L'|');
+        EXPECT_EQ(RemoveTrailingPathSeparators(path), path.substr(0, kept)) << fs::path(path);
+        EXPECT_EQ(changed(path, remove), path.substr(0, kept));
     }
 }
 
 TEST(PathText, ChangesExtension) {
-    constexpr std::wstring_view kCases[][3] = {
-        {L"a.txt", L"", L"a."},
-        {L"a.txt", L".", L"a."},
-        {L"a.txt", L"7z", L"a.7z"},
-        {L"a.txt", L".7z", L"a.7z"},
-        {L"a.txt", L"..7z", L"a..7z"},
-        {L"a.", L"x", L"a.x"},
-        {L"a", L"", L"a"},
-        {L"a", L".", L"a"},
-        {L"a", L"x", L"a.x"},
-        {L"a", L".x", L"a.x"},
-        {L"d.d\\a", L"x", L"d.d\\a.x"},
-        {L".rc", L"x", L".rc.x"},
-        {L"a.tar.gz", L"7z", L"a.tar.7z"},
-        {L"", L"x", L".x"},
-        {L"C:", L"x", L"C:.x"},
-    };
+    constexpr std::wstring_view kCases[][3] = {{L"a.txt", L"", L"a."},      {L"a.txt", L".", L"a."},
+                                               {L"a.txt", L".7z", L"a.7z"}, {L"a.txt", L"..7z", L"a..7z"},
+                                               {L"a.", L"x", L"a.x"},       {L"a", L"", L"a"},
+                                               {L"a", L".", L"a"},          {L"a", L"x", L"a.x"},
+                                               {L"a", L".x", L"a.x"},       {L"d.d\\a", L"x", L"d.d\\a.x"},
+                                               {L".rc", L"x", L".rc.x"},    {L"a.tar.gz", L"7z", L"a.tar.7z"},
+                                               {L"", L"x", L".x"},          {L"C:", L"x", L"C:.x"}};
     for (const auto& [path, extension, expected] : kCases) {
-        std::wstring text(path);
-        EXPECT_EQ(ChangeFileExtension(&text, extension), expected) << fs::path(path);
-        CString string(path.data());
-        EXPECT_EQ(ChangeFileExtension(&string, extension), expected.data());
+        const auto change = [&](auto* text) -> auto& { return ChangeFileExtension(text, extension); };
+        EXPECT_EQ(changed(path, change), expected) << fs::path(path);
     }
     std::wstring own(L"a.longer");
     EXPECT_EQ(ChangeFileExtension(&own, std::wstring_view(own).substr(0, 6)), L"a.a.long");
@@ -150,26 +109,19 @@ TEST(PathText, ChangesExtension) {
 }
 
 TEST(PathText, NameHelpers) {
-    struct {
+    const struct {
         const wchar_t *name, *added, *replaced;
-        int has;
-    } const cases[] = {
-        {L"a", L"a.x", L"a.x", FALSE},
-        {L"a.b", L"a.b", L"a.x", TRUE},
-        {L"a.", L"a.", L"a.x", TRUE},
-        {L"d.d\\a", L"d.d\\a.x", L"d.d\\a.x", FALSE},
-        {L".b", L".b", L".x", TRUE},
-        {L"", L".x", L".x", FALSE},
-        {L"a.b c", L"a.b c.x", L"a.b c.x", FALSE},
-    };
+    } cases[] = {{L"a", L"a.x", L"a.x"}, {L"a.b", L"a.b", L"a.x"},
+                 {L"a.", L"a.", L"a.x"}, {L"d.d\\a", L"d.d\\a.x", L"d.d\\a.x"},
+                 {L".b", L".b", L".x"},  {L"a.b c", L"a.b c.x", L"a.b c.x"}};
     for (const auto& c : cases) {
         CString added(c.name);
         CString replaced(c.name);
-        EXPECT_EQ(VxwNameHasExt(added), c.has);
         EXPECT_EQ(VxwAddExt(added, L".x"), TRUE);
         EXPECT_EQ(added, c.added);
         EXPECT_EQ(VxwReplaceExt(replaced, L".x"), TRUE);
         EXPECT_EQ(replaced, c.replaced);
+        EXPECT_EQ(VxwNameHasExt(c.name), added == c.name ? TRUE : FALSE);
     }
 }
 
@@ -184,15 +136,11 @@ TEST(PathText, TellsPathsFromOtherTexts) {
 TEST(PathText, IsMadeCanonical) {
     constexpr std::wstring_view kCases[][2] = {
         {L"", L""},
-        {L"a/b\\\\c", L"a\\b\\c"},
         {L".\\a\\.\\b\\", L"a\\b\\"},
-        {L"a\\..", L"."},
         {L"a\\..\\", L"."},
-        {L".", L"."},
         {L"a\\..\\..\\b", L"..\\b"},
         {L"..\\..\\a\\..\\b/", L"..\\..\\b\\"},
         {L"...\\a.", L"...\\a."},
-        {L"C:\\", L"C:\\"},
         {L"C:", L"C:"},
         {L"c:/a/../../b", L"c:\\b"},
         {L"C:a\\..\\..\\b", L"C:..\\b"},
@@ -206,12 +154,9 @@ TEST(PathText, IsMadeCanonical) {
         {L"\xD800\\..\\\xDC00", L"\xDC00"},
         {L"a/../C:\\b", L".\\C:\\b"},
     };
-    for (const auto& [given, expected] : kCases) {
-        std::wstring text(given);
-        EXPECT_EQ(CanonicalizeFileSystemPath(&text), expected) << fs::path(given);
-        CString string = ConvertFileSystemPath(fs::path(given));
-        EXPECT_EQ(CanonicalizeFileSystemPath(&string), expected.data());
-    }
+    const auto canonical = [](auto* text) -> auto& { return CanonicalizeFileSystemPath(text); };
+    for (const auto& [given, expected] : kCases)
+        EXPECT_EQ(changed(given, canonical), expected) << fs::path(given);
     EXPECT_EQ(ConvertFileSystemPath(fs::path(std::wstring(L"a\0b", 3))).GetLength(), 3);
 }
 
@@ -238,69 +183,37 @@ TEST(PathText, MadeCanonicalNamesTheSameEntry) {
 
 TEST(PathText, IsValidatedByItsCharacters) {
     using enum PathValidationResult;
-    struct {
-        std::wstring_view path;
-        PathValidationResult result, withMarker;
-    } const cases[] = {
-        {L"", Empty, Empty},
-        {L"a b\\c.d/\x7F\xD800", Valid, Valid},
-        {L"z:", Valid, Valid},
-        {L"C:\\a", Valid, Valid},
-        {L"\\\\?\\C:\\a", Valid, Valid},
-        {L"//?/a", Valid, Valid},
-        {L"//?/", Empty, Empty},
-        {L"\\\\srv\\a", Valid, Valid},
-        {L"1:", MisplacedColon, MisplacedColon},
-        {L"ab:", MisplacedColon, MisplacedColon},
-        {L"\\C:", MisplacedColon, MisplacedColon},
-        {L"\\\\?\\C:\\a:b", MisplacedColon, MisplacedColon},
-        {L"\\\\?", MisplacedQuestionMark, MisplacedQuestionMark},
-        {L"\\\\?\\?", MisplacedQuestionMark, MisplacedQuestionMark},
-        {L"\\\\\\?\\", MisplacedQuestionMark, MisplacedQuestionMark},
-        {L"a\x1F*", ControlCharacter, ControlCharacter},
-        {L"a*", ForbiddenCharacter, ForbiddenCharacter},
-        {L"\"a", ForbiddenCharacter, ForbiddenCharacter},
-        {L">", ForbiddenCharacter, ForbiddenCharacter},
-        {L"a\\|", ForbiddenCharacter, ForbiddenCharacter},
-        {L"\x1F", ControlCharacter, ControlCharacter},
-        {L"a<b>", MisplacedMarker, MisplacedMarker},
-        {L"<>", MisplacedMarker, Valid},
-        {L"<a:*?\"|<\\>\\b", MisplacedMarker, Valid},
-        {L"<a\tb>", MisplacedMarker, ControlCharacter},
-        {L"<a", MisplacedMarker, OpenMarker},
-        {L"<a>C:", MisplacedMarker, MisplacedColon},
-        {L"<a><b>", MisplacedMarker, MisplacedMarker},
-    };
-    for (const auto& c : cases) {
-        EXPECT_EQ(ValidatePath(c.path, PathType::FileSystem, true), c.result) << &c - cases;
-        EXPECT_EQ(ValidatePath(c.path, PathType::Document, false), c.result) << &c - cases;
-        EXPECT_EQ(ValidatePath(c.path, PathType::Document, true), c.withMarker) << &c - cases;
+    const std::pair<PathValidationResult, std::vector<std::wstring_view>> plain[] = {
+        {Empty, {L"", L"//?/"}},
+        {Valid, {L"a b\\c.d/\x7F\xD800", L"z:", L"C:\\a", L"\\\\?\\C:\\a", L"//?/a", L"\\\\srv\\a"}},
+        {MisplacedColon, {L"1:", L"ab:", L"\\C:", L"\\\\?\\C:\\a:b"}},
+        {MisplacedQuestionMark, {L"\\\\?", L"\\\\?\\?", L"\\\\\\?\\"}},
+        {ControlCharacter, {L"a\x1F*", L"\x1F"}},
+        {ForbiddenCharacter, {L"a*", L"\"a", L">", L"a\\|"}}};
+    for (const auto& [result, paths] : plain) {
+        for (const std::wstring_view path : paths) {
+            EXPECT_EQ(ValidatePath(path, PathType::FileSystem, true), result) << fs::path(path);
+            EXPECT_EQ(ValidatePath(path, PathType::Document, false), result) << fs::path(path);
+            EXPECT_EQ(ValidatePath(path, PathType::Document, true), result) << fs::path(path);
+        }
+    }
+    const std::pair<std::wstring_view, PathValidationResult> marked[] = {
+        {L"a<b>", MisplacedMarker},    {L"<>", Valid},      {L"<a:*?\"|<\\>\\b", Valid},
+        {L"<a\tb>", ControlCharacter}, {L"<a", OpenMarker}, {L"<a>C:", MisplacedColon},
+        {L"<a><b>", MisplacedMarker}};
+    for (const auto& [path, result] : marked) {
+        EXPECT_EQ(ValidatePath(path, PathType::FileSystem, true), MisplacedMarker) << fs::path(path);
+        EXPECT_EQ(ValidatePath(path, PathType::Document, false), MisplacedMarker) << fs::path(path);
+        EXPECT_EQ(ValidatePath(path, PathType::Document, true), result) << fs::path(path);
     }
 }
 
-/// A directory of its own under the temporary one, with a small language to fill and read it.
+/// A directory of its own, with a small language to fill and read it.
 class Entries : public testing::Test {
 protected:
-    Entries()
-        : root_(fs::temp_directory_path() / (L"vexel entries " + std::to_wstring(GetCurrentProcessId()))) {
-        fs::create_directories(root_);
-    }
-    ~Entries() override {
-        std::error_code error;
-        fs::remove_all(root_, error);
-        EXPECT_FALSE(error) << error.message();
-    }
-
-    std::wstring at(std::wstring_view relative) const { return (root_ / relative).wstring(); }
-    void write(std::wstring_view relative, std::string_view text) const {
-        std::ofstream(root_ / relative, std::ios::binary) << text;
-    }
-    std::string read(std::wstring_view relative) const {
-        std::ifstream file(root_ / relative, std::ios::binary);
-        std::string text;
-        std::getline(file, text, '\0');
-        return text;
-    }
+    std::wstring at(std::wstring_view relative) const { return folder_.file(relative); }
+    void write(std::wstring_view file, std::string_view text) const { Support::writeFile(at(file), text); }
+    std::string read(std::wstring_view file) const { return Support::readFile(at(file)); }
     /// The copy's error, after checking that result and error agree.
     std::error_code copy(std::wstring_view source, std::wstring_view target,
                          FlagSet<CopyingFlag> flags) const {
@@ -311,9 +224,7 @@ protected:
     }
 
     PlatformGuard platform_;
-
-private:
-    fs::path root_;
+    Support::TempFolder folder_;
 };
 
 TEST_F(Entries, Exist) {
@@ -331,35 +242,36 @@ TEST_F(Entries, Exist) {
 }
 
 /// What a made-up system answers for one entry: about itself, and about what it leads to.
-struct {
-    DWORD linkError, targetError;
-    Detail::EntryInfo link;
-} answers;
+struct Answers {
+    DWORD linkError = 0, targetError = 0;
+    Detail::EntryInfo link = {};
+};
+Answers answers;
 
 TEST_F(Entries, FollowTheSystemsAnswers) {
-    constexpr DWORD kLink = FILE_ATTRIBUTE_REPARSE_POINT;
-    constexpr DWORD kDirectory = FILE_ATTRIBUTE_DIRECTORY;
-    struct {
-        decltype(answers) given;
-        bool exists;
+    constexpr auto kJunction = static_cast<fs::file_type>(10);
+    constexpr DWORD kLink = FILE_ATTRIBUTE_REPARSE_POINT, kLinkToDirectory = kLink | FILE_ATTRIBUTE_DIRECTORY;
+    constexpr DWORD kSymbolic = IO_REPARSE_TAG_SYMLINK, kMounted = IO_REPARSE_TAG_MOUNT_POINT,
+                    kOther = 0x80000013;
+    const struct {
+        Answers given;
+        const char* existence;
         fs::file_type type;
-    } const cases[] = {
-        {{2, 0, {}}, false, fs::file_type::not_found},
-        {{3, 0, {}}, false, fs::file_type::not_found},
-        {{53, 0, {}}, false, fs::file_type::not_found},
-        {{64, 0, {}}, false, fs::file_type::not_found},
-        {{123, 0, {}}, false, fs::file_type::not_found},
-        {{267, 0, {}}, false, fs::file_type::not_found},
-        {{5, 0, {}}, false, fs::file_type::none},
-        {{32, 0, {}}, true, fs::file_type::none},
-        {{0, 0, {kLink, IO_REPARSE_TAG_SYMLINK}}, true, fs::file_type::symlink},
-        {{0, 2, {kLink, IO_REPARSE_TAG_SYMLINK}}, false, fs::file_type::symlink},
-        {{0, 5, {kLink | kDirectory, IO_REPARSE_TAG_SYMLINK}}, true, fs::file_type::symlink},
-        {{0, 5, {kLink | kDirectory, IO_REPARSE_TAG_MOUNT_POINT}}, true, static_cast<fs::file_type>(10)},
-        {{0, 53, {kLink | kDirectory, IO_REPARSE_TAG_MOUNT_POINT}}, false, static_cast<fs::file_type>(10)},
-        {{0, 0, {kLink | kDirectory, 0x80000013}}, true, fs::file_type::directory},
-        {{0, 0, {kLink, 0x80000013}}, true, fs::file_type::regular},
-        {{0, 5, {kLink, 0x80000013}}, true, fs::file_type::regular},
+    } cases[] = {
+        {{ERROR_FILE_NOT_FOUND}, "missing", fs::file_type::not_found},
+        {{ERROR_PATH_NOT_FOUND}, "missing", fs::file_type::not_found},
+        {{ERROR_BAD_NETPATH}, "missing", fs::file_type::not_found},
+        {{ERROR_NETNAME_DELETED}, "missing", fs::file_type::not_found},
+        {{ERROR_INVALID_NAME}, "missing", fs::file_type::not_found},
+        {{ERROR_DIRECTORY}, "missing", fs::file_type::not_found},
+        {{ERROR_ACCESS_DENIED}, "missing", fs::file_type::none},
+        {{ERROR_SHARING_VIOLATION}, "there", fs::file_type::none},
+        {{0, 0, {kLink, kSymbolic}}, "there", fs::file_type::symlink},
+        {{0, ERROR_FILE_NOT_FOUND, {kLink, kSymbolic}}, "missing", fs::file_type::symlink},
+        {{0, ERROR_ACCESS_DENIED, {kLinkToDirectory, kMounted}}, "there", kJunction},
+        {{0, ERROR_BAD_NETPATH, {kLinkToDirectory, kMounted}}, "missing", kJunction},
+        {{0, 0, {kLinkToDirectory, kOther}}, "there", fs::file_type::directory},
+        {{0, ERROR_ACCESS_DENIED, {kLink, kOther}}, "there", fs::file_type::regular},
     };
     Detail::platform().readEntry = [](const wchar_t*, bool followLinks, Detail::EntryInfo& info) {
         info = answers.link;
@@ -367,28 +279,52 @@ TEST_F(Entries, FollowTheSystemsAnswers) {
     };
     for (const auto& c : cases) {
         answers = c.given;
-        EXPECT_EQ(FileSystemEntryExists(L"x"), c.exists) << &c - cases;
+        EXPECT_STREQ(FileSystemEntryExists(L"x") ? "there" : "missing", c.existence) << &c - cases;
         EXPECT_EQ(GetFileSystemEntryType(L"x"), c.type) << &c - cases;
     }
 }
 
-TEST_F(Entries, CopyFiles) {
-    write(L"a", "new");
-    write(L"b", "old");
-    ASSERT_TRUE(CreateDirectories(at(L"dir"), nullptr, 0));
-
-    EXPECT_EQ(copy(L"a", L"b", {}), std::errc::file_exists);
-    EXPECT_EQ(read(L"b"), "old");
-    EXPECT_FALSE(copy(L"a", L"b", CopyingFlag::Overwrite));
-    EXPECT_EQ(read(L"b"), "new");
-    EXPECT_EQ(copy(L"a", L"dir\\..\\a", CopyingFlag::Overwrite), std::errc::file_exists); // itself
-    EXPECT_EQ(read(L"a"), "new");
-
-    EXPECT_FALSE(copy(L"a", L"dir", {})); // into the directory
-    EXPECT_EQ(read(L"dir\\a"), "new");
-    EXPECT_EQ(copy(L"a", L"dir", {}), std::errc::file_exists);
-    EXPECT_EQ(copy(L"none", L"c", {}), std::errc::no_such_file_or_directory);
-    EXPECT_EQ(copy(L"a", L"none\\c", {}), std::errc::no_such_file_or_directory);
+TEST_F(Entries, Copy) {
+    constexpr std::errc kDone{};
+    constexpr FlagSet<CopyingFlag> kNone{}, kOverwrite = CopyingFlag::Overwrite,
+                                            kTree = CopyingFlag::Recursive;
+    for (auto* directory : {L"dir", L"from\\sub", L"old\\sub"})
+        ASSERT_TRUE(CreateDirectories(at(directory), nullptr, 0));
+    for (auto* file : {L"a", L"from\\f", L"from\\sub\\g"})
+        write(file, "new");
+    for (auto* file : {L"b", L"old\\sub\\g"})
+        write(file, "old");
+    const struct {
+        const wchar_t *source, *target;
+        FlagSet<CopyingFlag> flags;
+        std::errc error;
+        const wchar_t* file;
+        const char* contents;
+    } cases[] = {
+        {L"a", L"b", kNone, std::errc::file_exists, L"b", "old"},
+        {L"a", L"b", kOverwrite, kDone, L"b", "new"},
+        {L"a", L"dir\\..\\a", kOverwrite, std::errc::file_exists, L"a", "new"}, // itself
+        {L"a", L"dir", kNone, kDone, L"dir\\a", "new"},
+        {L"a", L"dir", kNone, std::errc::file_exists, L"dir\\a", "new"},
+        {L"none", L"c", kNone, std::errc::no_such_file_or_directory, L"c", ""},
+        {L"a", L"none\\c", kNone, std::errc::no_such_file_or_directory, L"none\\c", ""},
+        {L"from", L"files", kNone, kDone, L"files\\f", "new"}, // with its files only
+        {L"from", L"files too", CopyingFlag::ClearReadOnly, kDone, L"files too\\f", "new"},
+        {L"from", L"nothing", kOverwrite, kDone, L"nothing", ""},
+        {L"from", L"all", kTree, kDone, L"all\\sub\\g", "new"},
+        {L"from", L"old", kTree, std::errc::file_exists, L"old\\sub\\g", "old"},
+        {L"from", L"old", kTree | kOverwrite, kDone, L"old\\sub\\g", "new"},
+        {L"from", L"from\\f", kTree, std::errc::is_a_directory, L"from\\f", "new"},
+        {L"from", L"from", kTree, std::errc::file_exists, L"from\\f", "new"},
+        {L"from", L"from\\sub\\inside", kTree, kDone, L"from\\sub\\inside\\f", "new"}, // comes to an end
+    };
+    for (const auto& c : cases) {
+        SCOPED_TRACE(fs::path(c.target).string() + " from " + fs::path(c.source).string());
+        EXPECT_EQ(copy(c.source, c.target, c.flags), c.error);
+        EXPECT_EQ(read(c.file), c.contents);
+    }
+    EXPECT_FALSE(FileSystemEntryExists(at(L"files\\sub")));
+    EXPECT_FALSE(FileSystemEntryExists(at(L"nothing")));
 
     // A bare drive is the current directory there, as target and as source.
     const fs::path before = fs::current_path();
@@ -399,7 +335,6 @@ TEST_F(Entries, CopyFiles) {
     EXPECT_EQ(read(L"listed\\a"), "new");
     fs::current_path(before);
 
-    EXPECT_FALSE(CopyFileSystemEntry(at(L"none"), at(L"c"), {}, nullptr));
     for (const auto& [source, target] : {std::pair(std::wstring(), at(L"c")), {at(L"a"), std::wstring()}}) {
         std::error_code error;
         EXPECT_FALSE(CopyFileSystemEntry(source, target, {}, &error));
@@ -407,31 +342,7 @@ TEST_F(Entries, CopyFiles) {
     }
 }
 
-TEST_F(Entries, CopyDirectories) {
-    ASSERT_TRUE(CreateDirectories(at(L"from\\sub"), nullptr, 0));
-    write(L"from\\f", "1");
-    write(L"from\\sub\\g", "2");
-
-    EXPECT_FALSE(copy(L"from", L"files", {})); // with its files only
-    EXPECT_EQ(read(L"files\\f"), "1");
-    EXPECT_FALSE(FileSystemEntryExists(at(L"files\\sub")));
-    EXPECT_FALSE(copy(L"from", L"files too", CopyingFlag::ClearReadOnly));
-    EXPECT_EQ(read(L"files too\\f"), "1");
-    EXPECT_FALSE(copy(L"from", L"nothing", CopyingFlag::Overwrite));
-    EXPECT_FALSE(FileSystemEntryExists(at(L"nothing")));
-
-    EXPECT_FALSE(copy(L"from", L"all", CopyingFlag::Recursive));
-    EXPECT_EQ(read(L"all\\sub\\g"), "2");
-    write(L"from\\sub\\g", "3");
-    EXPECT_EQ(copy(L"from", L"all", CopyingFlag::Recursive), std::errc::file_exists);
-    EXPECT_FALSE(copy(L"from", L"all", CopyingFlag::Recursive | CopyingFlag::Overwrite));
-    EXPECT_EQ(read(L"all\\sub\\g"), "3");
-
-    EXPECT_EQ(copy(L"from", L"from\\f", CopyingFlag::Recursive), std::errc::is_a_directory);
-    EXPECT_EQ(copy(L"from", L"from", CopyingFlag::Recursive), std::errc::file_exists);
-    EXPECT_FALSE(copy(L"from", L"from\\sub\\inside", CopyingFlag::Recursive)); // comes to an end
-    EXPECT_EQ(read(L"from\\sub\\inside\\f"), "1");
-
+TEST_F(Entries, CopyTreesThatLeadBackOrDeep) {
     // Links that lead back are no way down.
     if (fs::exists(VEXEL_TEST_LINKS_DIR "/below/one")) {
         std::error_code error;
@@ -465,15 +376,10 @@ TEST_F(Entries, CopyClearsReadOnlyByRequest) {
     EXPECT_FALSE(copy(L"a", L"cleared", CopyingFlag::ClearReadOnly));
     EXPECT_FALSE(readOnly(L"cleared"));
 
-    Detail::platform().setAttributes = [](const wchar_t*, DWORD) -> BOOL {
-        SetLastError(ERROR_WRITE_PROTECT);
-        return FALSE;
-    };
+    refuse(Detail::platform().setAttributes, ERROR_WRITE_PROTECT);
     std::error_code error;
     EXPECT_TRUE(CopyFileSystemEntry(at(L"a"), at(L"stuck"), CopyingFlag::ClearReadOnly, &error));
     EXPECT_EQ(error, std::error_code(ERROR_WRITE_PROTECT, std::system_category()));
-    for (auto* name : {L"a", L"kept", L"stuck"})
-        SetFileAttributesW(at(name).c_str(), FILE_ATTRIBUTE_NORMAL);
 }
 
 int copiesLeft;
@@ -547,18 +453,17 @@ TEST_F(Entries, KnownFoldersComeFromTheShell) {
         wcscpy(*path, folder.path);
         return folder.status;
     };
-    for (const FolderAnswer answer :
-         {FolderAnswer{S_OK, L"X:\\data", 1}, FolderAnswer{S_FALSE, L"", 1}, FolderAnswer{E_FAIL, L"", 1}}) {
-        folder = answer;
-        const bool found = answer.status == S_OK;
+    for (const HRESULT status : {S_OK, S_FALSE, E_FAIL}) {
+        const bool found = status == S_OK;
+        folder = {status, found ? L"X:\\data" : L"", 1};
         CString text(L"as it was");
         std::wstring sameText = L"as it was";
         EXPECT_EQ(GetUserDataFolderPath(&text), found);
         EXPECT_EQ(folder.flags, 0U);
         EXPECT_EQ(GetUserDataFolderPath(&sameText), found);
-        EXPECT_EQ(text, found ? answer.path : L"as it was");
+        EXPECT_EQ(text, found ? folder.path : L"as it was");
         EXPECT_EQ(sameText, text.GetString());
-        EXPECT_EQ(GetKnownFolderPath(FOLDERID_LocalAppData, true), answer.path);
+        EXPECT_EQ(GetKnownFolderPath(FOLDERID_LocalAppData, true), folder.path);
         EXPECT_EQ(folder.flags, static_cast<DWORD>(KF_FLAG_CREATE));
     }
 }

@@ -26,7 +26,6 @@ using Vexel::Detail::platform;
 namespace {
 
 DWORD tick;
-DWORD deleteError;
 int deletesBeforeFailure;
 
 TempFileContainer& registry() { return TempFileContainer::Instance(); }
@@ -68,12 +67,8 @@ protected:
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         };
     }
-    static void refuseDeletion(DWORD error) {
-        deleteError = error;
-        platform().deleteFile = [](const wchar_t*) -> BOOL {
-            SetLastError(deleteError);
-            return FALSE;
-        };
+    static SharedPathName insertCopy(const wchar_t* source, unsigned long* error) {
+        return registry().insertCopy(source, L"copy", L"x", error, false, false);
     }
     std::ptrdiff_t failuresLogged() const { return log_.count(7, L"Failed to delete temporary file \""); }
 
@@ -113,14 +108,8 @@ TEST_F(TempFiles, HaveNamesOfOneShape) {
 }
 
 TEST_F(TempFiles, NamesDoWithoutWhatTheSystemDoesNotTell) {
-    platform().getTempPath = [](DWORD, wchar_t*) -> DWORD {
-        SetLastError(ERROR_NOT_READY);
-        return 0;
-    };
-    platform().getProcessTimes = [](HANDLE, FILETIME*, FILETIME*, FILETIME*, FILETIME*) -> BOOL {
-        SetLastError(ERROR_ACCESS_DENIED);
-        return FALSE;
-    };
+    refuse(platform().getTempPath, ERROR_NOT_READY);
+    refuse(platform().getProcessTimes, ERROR_ACCESS_DENIED);
     const Vexel::Detail::TempNaming naming = Vexel::Detail::computeTempNaming();
     EXPECT_STREQ(naming.directory.data(), L"C:\\Temp"); // and no separator
     EXPECT_EQ(naming.processTag.data(), formatted(L"-18-%08lx", GetCurrentProcessId()));
@@ -147,19 +136,16 @@ TEST_F(TempFiles, AreDeletedByTheThreadWhenItIsWoken) {
 }
 
 TEST_F(TempFiles, InUseAreTriedAgainAndReportedOnce) {
-    const SharedPathName name = insertFile();
-    const SharedPathName other = insertFile();
-    {
-        const FileHandle user = lock(name);
-        registry().erase(name);
-        EXPECT_TRUE(wakeThreadUntil([this] { return failuresLogged() > 0; }));
-        registry().erase(other);
-        EXPECT_TRUE(wakeThreadUntil([&] { return !registry().contains(other); })); // a later pass
-        EXPECT_EQ(log_.count(7, std::wstring(name.asString()) + L"\": 0x00000020"), 1);
-        EXPECT_EQ(failuresLogged(), 1);
-        EXPECT_TRUE(registry().contains(name));
-        EXPECT_FALSE(registry().clear());
-    }
+    const SharedPathName name = insertFile(), other = insertFile();
+    FileHandle user = lock(name);
+    registry().erase(name);
+    EXPECT_TRUE(wakeThreadUntil([this] { return failuresLogged() > 0; }));
+    registry().erase(other);
+    EXPECT_TRUE(wakeThreadUntil([&] { return !registry().contains(other); })); // a later pass
+    EXPECT_EQ(log_.count(7, std::wstring(name.asString()) + L"\": 0x00000020"), 1);
+    EXPECT_EQ(failuresLogged(), 1);
+    EXPECT_FALSE(registry().clear());
+    user.close();
     EXPECT_TRUE(wakeThreadUntil([&] { return !registry().contains(name); }));
     EXPECT_FALSE(exists(name));
 }
@@ -167,45 +153,42 @@ TEST_F(TempFiles, InUseAreTriedAgainAndReportedOnce) {
 TEST_F(TempFiles, FailuresAreReportedOnceAMinute) {
     const SharedPathName name = insertFile();
     platform().getTickCount = [] { return tick; };
-    struct {
-        DWORD tick, error;
-        bool logged;
-    } const passes[] = {
-        {0xFFFFFF00, 5, true}, {0xFFFFFFFF, 5, false}, {0x0000E960, 5, false}, // 60000 ms, over the wrap
-        {0x0000E961, 5, true}, {0x0000E962, 32, true}, {0x0000E963, 32, false}, {0x0000E964, 5, true},
-    };
-    std::ptrdiff_t expected = 0;
+    constexpr DWORD kStart = 0xFFFFFF00, kMinute = 60'001; // the count of milliseconds wraps in between
+    constexpr DWORD kDenied = ERROR_ACCESS_DENIED, kUsed = ERROR_SHARING_VIOLATION;
+    const struct {
+        DWORD passed, error;
+        int logged;
+    } passes[] = {{0, kDenied, 1},     {kMinute - 1, kDenied, 1}, {kMinute, kDenied, 2},
+                  {kMinute, kUsed, 3}, {kMinute, kUsed, 3},       {kMinute, kDenied, 4}};
     for (const auto& pass : passes) {
-        tick = pass.tick;
-        refuseDeletion(pass.error);
+        tick = kStart + pass.passed;
+        refuse(platform().deleteFile, pass.error);
         registry().clearAll();
-        EXPECT_EQ(failuresLogged(), expected += pass.logged) << &pass - passes;
+        EXPECT_EQ(failuresLogged(), pass.logged) << &pass - passes;
         EXPECT_TRUE(registry().contains(name));
     }
-    refuseDeletion(ERROR_FILE_NOT_FOUND); // gone by itself
+    refuse(platform().deleteFile, ERROR_FILE_NOT_FOUND); // gone by itself
     registry().clearAll();
     EXPECT_FALSE(registry().contains(name));
-    EXPECT_EQ(failuresLogged(), expected);
+    EXPECT_EQ(failuresLogged(), 4);
     DeleteFileW(name.asString());
 }
 
 TEST_F(TempFiles, AreDeletedAtOnceWithoutAThread) {
     refuseThreads();
-    const SharedPathName name = insertFile();
+    const SharedPathName name = insertFile(), used = insertFile();
+    FileHandle user = lock(used);
     registry().erase(name);
     EXPECT_EQ(log_.count(7, L"Failed to start the temporary file deletion thread: "), 1);
     EXPECT_FALSE(registry().contains(name));
     EXPECT_FALSE(exists(name));
     EXPECT_TRUE(registry().clear());
-    const SharedPathName used = insertFile();
-    {
-        const FileHandle user = lock(used);
-        registry().erase(used);
-        EXPECT_EQ(failuresLogged(), 1);
-        EXPECT_FALSE(registry().clear());
-        registry().release(used); // marked, so it stays
-        EXPECT_TRUE(registry().contains(used));
-    }
+    registry().erase(used);
+    EXPECT_EQ(failuresLogged(), 1);
+    EXPECT_FALSE(registry().clear());
+    registry().release(used); // marked, so it stays
+    EXPECT_TRUE(registry().contains(used));
+    user.close();
     EXPECT_TRUE(registry().clear());
     EXPECT_FALSE(exists(used));
 }
@@ -275,7 +258,7 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
     EXPECT_EQ(registry().insert(name, true, true), name);
     registry().release(name);
     EXPECT_TRUE(registry().contains(name)); // held, so it stays
-    refuseDeletion(ERROR_ACCESS_DENIED);
+    refuse(platform().deleteFile, ERROR_ACCESS_DENIED);
     registry().erase(name);
     EXPECT_FALSE(exists(name)); // closing was enough
 
@@ -296,13 +279,11 @@ TEST_F(TempFiles, HeldFilesGoWithTheirHandle) {
 TEST_F(TempFiles, UnknownNamesAreLeftAlone) {
     const SharedPathName name = insertFile();
     registry().release(name);
-    EXPECT_FALSE(registry().contains(name));
-    registry().erase(name);
-    registry().release(name);
-    for (const SharedPathName& null : {SharedPathName(), registry().insert(SharedPathName(), true, false)}) {
-        EXPECT_FALSE(registry().contains(null));
-        registry().erase(null);
-        registry().release(null);
+    EXPECT_TRUE(registry().insert(SharedPathName(), true, false).empty());
+    for (const SharedPathName& unknown : {name, SharedPathName()}) {
+        EXPECT_FALSE(registry().contains(unknown));
+        registry().erase(unknown);
+        registry().release(unknown);
     }
     registry().clearAll();
     EXPECT_TRUE(exists(name));
@@ -313,7 +294,7 @@ TEST_F(TempFiles, CopiesAreWritable) {
     const SharedPathName source = insertFile();
     SetFileAttributesW(source.asString(), FILE_ATTRIBUTE_READONLY);
     unsigned long error = 1;
-    const SharedPathName copy = registry().insertCopy(source.asString(), L"copy", L"x", &error, false, false);
+    const SharedPathName copy = insertCopy(source.asString(), &error);
     ASSERT_FALSE(copy.empty());
     EXPECT_EQ(error, 0UL);
     EXPECT_TRUE(registry().contains(copy));
@@ -322,12 +303,8 @@ TEST_F(TempFiles, CopiesAreWritable) {
                                 copy.asString() + L"\"..."),
               1);
 
-    platform().setAttributes = [](const wchar_t*, DWORD) -> BOOL {
-        SetLastError(ERROR_WRITE_PROTECT);
-        return FALSE;
-    };
-    const SharedPathName stuck =
-        registry().insertCopy(source.asString(), nullptr, L"x", nullptr, false, false);
+    refuse(platform().setAttributes, ERROR_WRITE_PROTECT);
+    const SharedPathName stuck = insertCopy(source.asString(), nullptr);
     EXPECT_TRUE(exists(stuck));
     EXPECT_EQ(log_.count(6, std::wstring(L"Failed to change attributes of the file \"") + stuck.asString() +
                                 L"\": 0x00000013"),
@@ -340,10 +317,10 @@ TEST_F(TempFiles, FailedCopiesLeaveNothing) {
     refuseThreads();
     unsigned long error = 0;
     for (const wchar_t* source : {static_cast<const wchar_t*>(nullptr), L""}) {
-        EXPECT_TRUE(registry().insertCopy(source, nullptr, L"x", &error, false, false).empty());
+        EXPECT_TRUE(insertCopy(source, &error).empty());
         EXPECT_EQ(error, static_cast<unsigned long>(ERROR_INVALID_PARAMETER));
     }
-    EXPECT_TRUE(registry().insertCopy(L"C:\\no such file", nullptr, L"x", &error, false, false).empty());
+    EXPECT_TRUE(insertCopy(L"C:\\no such file", &error).empty());
     EXPECT_EQ(error, static_cast<unsigned long>(ERROR_FILE_NOT_FOUND));
     EXPECT_EQ(log_.count(7, L"Failed to copy file \"C:\\no such file\" to \""), 1);
     static std::wstring half;
@@ -353,7 +330,7 @@ TEST_F(TempFiles, FailedCopiesLeaveNothing) {
         SetLastError(ERROR_DISK_FULL);
         return FALSE;
     };
-    EXPECT_TRUE(registry().insertCopy(L"C:\\full", nullptr, L"x", &error, false, false).empty());
+    EXPECT_TRUE(insertCopy(L"C:\\full", &error).empty());
     EXPECT_FALSE(FileSystemEntryExists(half));
     EXPECT_TRUE(registry().clear());
     EXPECT_EQ(failuresLogged(), 0);
@@ -431,10 +408,9 @@ TEST_F(TempFiles, MarkedAgainWhileTheThreadDeletesThemStayMarked) {
 TEST_F(TempFiles, MarkTakenBackGoesOnCounting) {
     refuseThreads();
     const SharedPathName name = insertFile();
-    {
-        const FileHandle user = lock(name);
-        registry().erase(name);
-    }
+    FileHandle user = lock(name);
+    registry().erase(name);
+    user.close();
     registry().insert(name, false, false);
     EXPECT_FALSE(registry().clear());
     EXPECT_TRUE(exists(name)); // registered again, so not deleted

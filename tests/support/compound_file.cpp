@@ -99,6 +99,12 @@ TempFolder::~TempFolder() {
 
 std::wstring TempFolder::file(std::wstring_view name) const { return (path_ / name).wstring(); }
 
+void writeElements(IStorage* root, const std::vector<Element>& elements) {
+    for (const Element& element : elements)
+        writeElement(root, element.path, element.contents);
+    require(root->Commit(STGC_DEFAULT), "Commit");
+}
+
 void writeCompoundFile(const std::wstring& file, const std::vector<Element>& elements, unsigned sectorSize) {
     STGOPTIONS options{};
     options.usVersion = 1;
@@ -108,9 +114,7 @@ void writeCompoundFile(const std::wstring& file, const std::vector<Element>& ele
                                STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE | STGM_TRANSACTED,
                                STGFMT_DOCFILE, 0, &options, nullptr, IID_IStorage, &root),
             "StgCreateStorageEx");
-    for (const Element& element : elements)
-        writeElement(root.Get(), element.path, element.contents);
-    require(root->Commit(STGC_DEFAULT), "Commit");
+    writeElements(root.Get(), elements);
 }
 
 std::vector<Element> readCompoundFile(const std::wstring& file) {

@@ -43,6 +43,9 @@ struct Element {
 /// For the messages of failures.
 void PrintTo(const Element& element, std::ostream* out);
 
+/// Writes these elements into a new storage, the system's or ours, and commits it.
+void writeElements(IStorage* root, const std::vector<Element>& elements);
+
 /// Writes a new compound file with these elements; `sectorSize` is 512 or 4096.
 void writeCompoundFile(const std::wstring& file, const std::vector<Element>& elements,
                        unsigned sectorSize = 512);

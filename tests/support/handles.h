@@ -1,5 +1,6 @@
 #pragma once
 
+#include "archive/szip_storage.h"
 #include "storage/tree/element_name.h"
 #include "support/compound_file.h"
 
@@ -111,22 +112,10 @@ inline void writeDocument(const std::wstring& file, StorageFormat format,
         writeCompoundFile(file, elements);
         return;
     }
-    {
-        const StorageRef root = newPackage(path(file));
-        for (const auto& [place, bytes] : elements) {
-            StorageRef parent = root;
-            std::size_t begin = 0;
-            for (std::size_t slash = 0; (slash = place.find(L'/', begin)) != place.npos; begin = slash + 1) {
-                const std::wstring name = place.substr(begin, slash - begin);
-                const bool isThere = parent.hasChild(element(name), StorageType::Storage);
-                parent = isThere ? openStorage(name, parent, false) : newStorage(name.c_str(), parent);
-            }
-            if (begin < place.size())
-                newStream(place.substr(begin).c_str(), parent, bytes);
-        }
-        EXPECT_EQ(root.commit(), S_OK);
-    }
-    container().deleteUnusedObjects();
+    DeleteFileW(file.c_str());
+    Microsoft::WRL::ComPtr<Vexel::Storage::SZipStorage> root;
+    EXPECT_EQ(Vexel::Storage::openPackage(file.c_str(), STGM_READWRITE, true, root.GetAddressOf()), S_OK);
+    writeElements(root.Get(), elements);
 }
 /// Every element of a document that nobody has open: of a compound file by the system's word.
 inline std::vector<Element> readDocument(const std::wstring& file, StorageFormat format) {

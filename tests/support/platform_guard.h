@@ -13,3 +13,15 @@ public:
 private:
     Vexel::Detail::Platform saved_ = Vexel::Detail::platform();
 };
+
+/// Lets a call of the platform fail with this error, the one of the last such request for a call of this
+/// type.
+template <class Result, class... Arguments>
+void refuse(Result (*&call)(Arguments...), DWORD error) {
+    static DWORD code;
+    code = error;
+    call = [](Arguments...) -> Result {
+        SetLastError(code);
+        return Result{};
+    };
+}
