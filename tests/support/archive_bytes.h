@@ -71,7 +71,9 @@ inline std::string packedHeader(const std::string& folder, std::uint64_t packed,
 inline std::string withPackedHeader(const std::string& header, const std::string& contents = {}) {
     CLzmaEncProps props;
     LzmaEncProps_Init(&props);
-    std::string packed(header.size() + 100, '\0');
+    props.level = 1; // takes little memory, as does the target, so that what a test measures afterwards shows
+    props.dictSize = 0x10000;
+    std::string packed(header.size() / 4 + 0x1000, '\0');
     Byte settings[5];
     SizeT size = packed.size(), settingsSize = sizeof settings;
     EXPECT_EQ(LzmaEncode(reinterpret_cast<Byte*>(packed.data()), &size,
