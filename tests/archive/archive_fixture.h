@@ -43,10 +43,25 @@ protected:
         EXPECT_EQ(archive.reload(), S_OK);
         return archive;
     }
+    static SZipArchive made(const Contents& contents) {
+        make(contents);
+        return open();
+    }
+    /// One that has no file.
+    static SZipArchive inMemory(const Contents& contents = {}) {
+        SZipArchive archive(L"", false, true);
+        fill(archive, contents);
+        return archive;
+    }
     /// What is in the file.
     static Contents onDisk(const std::wstring& path = archivePath) {
         SZipArchive archive = open(path, true);
         return statesOf(archive);
+    }
+    /// A save that ends well, and what is in the file then.
+    static Contents saved(SZipArchive& archive, const std::wstring& path = archivePath) {
+        EXPECT_EQ(archive.save(false), S_OK);
+        return onDisk(path);
     }
     /// A save during which one call fails, the first or a later one.
     static HRESULT saveFailing(SZipArchive& archive, ArchiveFaults::Call call, DWORD error,
@@ -57,6 +72,7 @@ protected:
         return status;
     }
 
+    static constexpr const char* kDirectory = directoryMark;
     ArchiveFaults faults_;
     TempFolder folder_;
     LogCapture log_;

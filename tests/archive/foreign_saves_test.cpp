@@ -10,7 +10,7 @@
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
 using Support::Contents;
-using Support::readItem;
+using Support::stateOf;
 using Support::statesOf;
 using Support::writeItem;
 using Vexel::Storage::SZipArchive;
@@ -126,7 +126,7 @@ TEST_F(ForeignSaves, TakeASharedFolderApartThatIsNotKeptWhole) {
 // Two copies of one packed item, of which the engine takes over only one.
 TEST_F(ForeignSaves, CopyItemsOfASharedFolderTwice) {
     use(kSolid);
-    SZipArchive source = open();
+    const SZipArchive source = open();
     SZipArchive target(folder_.file(L"copy.7z"), false, true);
     EXPECT_EQ(target.borrowPackedData(source), S_OK);
     for (const wchar_t* path : {L"b1", L"b2", L"b3"})
@@ -141,26 +141,19 @@ TEST_F(ForeignSaves, LeaveAFileAloneWhoseFolderIsDamaged) {
     use(kSolid);
     damage();
     const std::string before = Support::readFile(archivePath);
-    {
-        SZipArchive archive = open();
-        EXPECT_EQ(archive.remove(L"d/a.txt"sv), S_OK);
-        EXPECT_TRUE(FAILED(archive.save(false)));
-    }
+    SZipArchive archive = open();
+    EXPECT_EQ(archive.remove(L"d/a.txt"sv), S_OK);
+    EXPECT_TRUE(FAILED(archive.save(false)));
     EXPECT_GE(log_.count(VxLog_Error, L"in archive \"" + archivePath + L"\""), 1);
     EXPECT_EQ(Support::readFile(archivePath), before);
     EXPECT_FALSE(std::filesystem::exists(archivePath + L".7ztmp"));
     // What does not need the damaged contents goes on: the folder is kept whole, or nothing of it.
-    {
-        SZipArchive whole = open();
-        EXPECT_EQ(writeItem(whole, L"empty", "new"), S_OK);
-        EXPECT_EQ(whole.save(false), S_OK);
-    }
+    EXPECT_EQ(archive.reload(), S_OK);
+    fill(archive, {{L"empty", "new"}});
+    EXPECT_EQ(archive.save(false), S_OK);
     // Nor does damage behind the last of the contents that are needed matter.
-    {
-        SZipArchive first = open();
-        EXPECT_EQ(removeAll(first, {L"d/b.txt", L"d/e/c.txt", L"link", L"top"}), S_OK);
-        EXPECT_EQ(first.save(false), S_OK);
-    }
+    EXPECT_EQ(removeAll(archive, {L"d/b.txt", L"d/e/c.txt", L"link", L"top"}), S_OK);
+    EXPECT_EQ(archive.save(false), S_OK);
     EXPECT_EQ(filesOnDisk(), (Contents{{L"d/a.txt", "first member, which stays"}, {L"empty", "new"}}));
 }
 
@@ -196,12 +189,10 @@ TEST_F(ForeignSaves, KeepWhatIsWrittenIntoAnAntiItem) {
         EXPECT_EQ(stream->Write(text.data(), static_cast<ULONG>(text.size()), nullptr), S_OK);
         stream.Reset();
         EXPECT_EQ(archive.save(true), S_OK);
-        std::string bytes;
-        EXPECT_EQ(readItem(archive, L"d/e/c.txt", bytes), S_OK);
-        EXPECT_EQ(bytes, text);
+        EXPECT_EQ(stateOf(archive, L"d/e/c.txt"), text);
         EXPECT_FALSE(archive.item(L"d/e/c.txt"sv)->isAnti());
         EXPECT_TRUE(archive.item(L"d/e"sv)->isAnti());
-        SZipArchive copy(L"", false, true);
+        SZipArchive copy = inMemory();
         EXPECT_EQ(copy.addItem(archive, L"d/e"sv, L"e"), S_OK);
         EXPECT_TRUE(copy.item(L"e"sv)->isAnti());
     }
