@@ -1,5 +1,3 @@
-#include "base/com_pointer.h"
-#include "base/platform.h"
 #include "support/platform_guard.h"
 #include "support/recording_stream.h"
 #include "support/scarce_memory.h"
