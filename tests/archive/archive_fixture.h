@@ -5,19 +5,7 @@
 #include "support/compound_file.h"
 #include "support/log_capture.h"
 
-#include <vexel/archive.h>
-
-#include <windows.h>
-
-#include <gtest/gtest.h>
-
-#include <map>
-#include <string>
-
 namespace Support {
-
-/// Paths with contents; a directory has its mark for contents.
-using Contents = std::map<std::wstring, std::string>;
 
 /// A folder with the path of an archive in it, whose system calls can be made to fail.
 class ArchiveTest : public testing::Test {
@@ -26,12 +14,6 @@ protected:
 
     void SetUp() override { archivePath = folder_.file(L"a.7z"); }
 
-    static void fill(SZipArchive& archive, const Contents& contents) {
-        for (const auto& [path, bytes] : contents)
-            EXPECT_EQ(bytes == directoryMark ? archive.createDirectory(path.c_str(), true, false)
-                                             : writeItem(archive, path.c_str(), bytes),
-                      S_OK);
-    }
     /// Makes the file anew.
     static void make(const Contents& contents, const std::wstring& path = archivePath) {
         SZipArchive archive(path, false, true);
@@ -46,12 +28,6 @@ protected:
     static SZipArchive made(const Contents& contents) {
         make(contents);
         return open();
-    }
-    /// One that has no file.
-    static SZipArchive inMemory(const Contents& contents = {}) {
-        SZipArchive archive(L"", false, true);
-        fill(archive, contents);
-        return archive;
     }
     /// What is in the file.
     static Contents onDisk(const std::wstring& path = archivePath) {

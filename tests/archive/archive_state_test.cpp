@@ -10,6 +10,8 @@ using namespace std::string_view_literals;
 using Support::ArchiveFaults;
 using Support::Contents;
 using Support::failed;
+using Support::fill;
+using Support::inMemory;
 using Support::stateOf;
 using Support::statesOf;
 

@@ -9,6 +9,8 @@ using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
 using Support::Contents;
 using Support::failed;
+using Support::fill;
+using Support::inMemory;
 using Support::stateOf;
 using Support::statesOf;
 using Support::writeItem;

@@ -15,6 +15,7 @@
 
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
+using Support::fill;
 using Vexel::Storage::SZipArchive;
 
 namespace {

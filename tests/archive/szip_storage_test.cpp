@@ -1,11 +1,8 @@
 // Packages as IStorage, held against the system's own storage.
 
 #include "archive/szip_storage.h"
-#include "base/com_pointer.h"
-#include "support/archive_file.h"
+#include "archive_fixture.h"
 #include "support/com_storage.h"
-#include "support/compound_file.h"
-#include "support/log_capture.h"
 
 #include <array>
 #include <filesystem>
@@ -13,21 +10,22 @@
 
 using Microsoft::WRL::ComPtr;
 using Support::describe;
-using Vexel::Storage::SZipArchive;
 using Vexel::Storage::SZipStorage;
 
 namespace {
 
+using PackageStorages = Support::ArchiveTest;
+
 constexpr DWORD kReading = STGM_READ | STGM_SHARE_EXCLUSIVE;
 constexpr DWORD kWriting = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
 
-ComPtr<SZipStorage> inMemory() {
+ComPtr<SZipStorage> newPackage() {
     ComPtr<SZipStorage> root;
     EXPECT_EQ(Vexel::Storage::createMemoryPackage(root.GetAddressOf()), S_OK);
     return root;
 }
 
-ComPtr<SZipStorage> open(const std::wstring& file, DWORD mode) {
+ComPtr<SZipStorage> package(const std::wstring& file, DWORD mode) {
     ComPtr<SZipStorage> root;
     EXPECT_EQ(Vexel::Storage::openPackage(file.c_str(), mode, true, root.GetAddressOf()), S_OK);
     return root;
@@ -137,34 +135,31 @@ std::string runScript(IStorage* root, unsigned seed) {
     return statuses;
 }
 
-TEST(SZipStorage, DoesWhatTheSystemsStorageDoes) {
-    const Support::TempFolder folder;
-    const LogCapture quiet;
+TEST_F(PackageStorages, DoesWhatTheSystemsStorageDoes) {
     for (unsigned seed = 0; seed < 40; ++seed) {
         SCOPED_TRACE(seed);
-        const std::wstring file = folder.file(std::to_wstring(seed) + L".7z");
-        ComPtr<SZipStorage> ours = open(file, STGM_READWRITE);
-        const ComPtr<IStorage> theirs = compound(folder.file(std::to_wstring(seed)));
+        const std::wstring file = folder_.file(std::to_wstring(seed) + L".7z");
+        ComPtr<SZipStorage> ours = package(file, STGM_READWRITE);
+        const ComPtr<IStorage> theirs = compound(folder_.file(std::to_wstring(seed)));
         ASSERT_EQ(runScript(ours.Get(), seed), runScript(theirs.Get(), seed));
         const std::string expected = describe(theirs.Get());
         ASSERT_EQ(describe(ours.Get()), expected);
         ASSERT_EQ(ours->Commit(STGC_DEFAULT), S_OK);
-        ours = open(file, kReading);
+        ours = package(file, kReading);
         ASSERT_EQ(describe(ours.Get()), expected);
 
         // Into each other by their own means.
-        const ComPtr<IStorage> copy = compound(folder.file(L"copy"));
-        const ComPtr<SZipStorage> package = inMemory();
+        const ComPtr<IStorage> copy = compound(folder_.file(L"copy"));
+        const ComPtr<SZipStorage> back = newPackage();
         EXPECT_EQ(ours->CopyTo(0, nullptr, nullptr, copy.Get()), S_OK);
-        EXPECT_EQ(theirs->CopyTo(0, nullptr, nullptr, package.Get()), S_OK);
+        EXPECT_EQ(theirs->CopyTo(0, nullptr, nullptr, back.Get()), S_OK);
         EXPECT_EQ(describe(copy.Get()), expected);
-        EXPECT_EQ(describe(package.Get()), expected);
+        EXPECT_EQ(describe(back.Get()), expected);
     }
 }
 
-TEST(SZipStorage, GivesTheStatusesItPromises) {
-    const LogCapture quiet;
-    const ComPtr<SZipStorage> root = inMemory();
+TEST_F(PackageStorages, GivesTheStatusesItPromises) {
+    const ComPtr<SZipStorage> root = newPackage();
     SZipStorage* const s = root.Get();
     ASSERT_EQ(write(s, L"a", "1"), S_OK);
     const ComPtr<IStorage> d = newStorage(s, L"d");
@@ -208,14 +203,11 @@ TEST(SZipStorage, GivesTheStatusesItPromises) {
     EXPECT_EQ(describe(s), "copied=1 d={} moved=1 ");
 }
 
-TEST(SZipStorage, ReadsAndKeepsWhatTheModesSay) {
-    const LogCapture quiet;
-    const Support::TempFolder folder;
-    const std::wstring file = folder.file(L"a.7z");
-    std::filesystem::copy_file(Support::samplePath(L"plain-lzma2.7z"), file);
-    EXPECT_TRUE(open(file, STGM_WRITE)->archive()->isEmpty());
-    EXPECT_TRUE(open(file, STGM_CREATE | kWriting)->archive()->isEmpty());
-    const ComPtr<SZipStorage> root = open(file, STGM_CREATE | STGM_CONVERT | kWriting);
+TEST_F(PackageStorages, ReadsAndKeepsWhatTheModesSay) {
+    std::filesystem::copy_file(Support::samplePath(L"plain-lzma2.7z"), archivePath);
+    EXPECT_TRUE(package(archivePath, STGM_WRITE)->archive()->isEmpty());
+    EXPECT_TRUE(package(archivePath, STGM_CREATE | kWriting)->archive()->isEmpty());
+    const ComPtr<SZipStorage> root = package(archivePath, STGM_CREATE | STGM_CONVERT | kWriting);
     STATSTG info{};
     const ComPtr<IStorage> directory = openStorage(root.Get(), L"d", kReading);
     ASSERT_EQ(directory->Stat(&info, STATFLAG_NONAME), S_OK);
@@ -231,13 +223,11 @@ TEST(SZipStorage, ReadsAndKeepsWhatTheModesSay) {
     EXPECT_EQ(stream->Write("x", 1, nullptr), STG_E_ACCESSDENIED);
     ASSERT_EQ(root->Stat(&info, STATFLAG_NONAME), S_OK);
     EXPECT_EQ(info.clsid, CLSID_NULL);
-    open(folder.file(L"no\\p"), kWriting);
+    package(folder_.file(L"no\\p"), kWriting);
 }
 
-TEST(SZipStorage, CopiesWhatIsAskedFor) {
-    const LogCapture quiet;
-    const Support::TempFolder folder;
-    const ComPtr<SZipStorage> root = inMemory();
+TEST_F(PackageStorages, CopiesWhatIsAskedFor) {
+    const ComPtr<SZipStorage> root = newPackage();
     ASSERT_EQ(write(root.Get(), L"a", "1"), S_OK);
     const ComPtr<IStorage> box = newStorage(root.Get(), L"box");
     ASSERT_EQ(write(box.Get(), L"a", "2"), S_OK);
@@ -254,9 +244,9 @@ TEST(SZipStorage, CopiesWhatIsAskedFor) {
                   {&storages, nullptr, "class=7 a=1 "},
                   {&streams, nullptr, "class=7 box={a=2 } "}};
     for (const auto& [iid, excluded, expected] : wanted) {
-        const ComPtr<IStorage> package = inMemory(), system = compound(folder.file(L"copy"));
+        const ComPtr<IStorage> ours = newPackage(), system = compound(folder_.file(L"copy"));
         // And once more into what is there then.
-        for (IStorage* const target : {package.Get(), system.Get(), package.Get(), system.Get()}) {
+        for (IStorage* const target : {ours.Get(), system.Get(), ours.Get(), system.Get()}) {
             STATSTG info{};
             EXPECT_EQ(root->CopyTo(iid ? 1 : 0, iid, excluded, target), S_OK);
             EXPECT_EQ(describe(target), expected);
@@ -266,10 +256,11 @@ TEST(SZipStorage, CopiesWhatIsAskedFor) {
         EXPECT_EQ(read(system.Get(), L".clsid"), "status " + std::to_string(STG_E_FILENOTFOUND));
     }
     // Storages that take nothing, or nothing any more.
-    const ComPtr<SZipStorage> other = inMemory();
+    const ComPtr<SZipStorage> other = newPackage();
     const ComPtr<IStorage> gone = newStorage(other.Get(), L"d"),
                            reader = openStorage(other.Get(), L"d", kReading);
-    EXPECT_EQ(inMemory()->CopyTo(0, nullptr, nullptr, reader.Get()), STG_E_ACCESSDENIED) << "even of nothing";
+    EXPECT_EQ(newPackage()->CopyTo(0, nullptr, nullptr, reader.Get()), STG_E_ACCESSDENIED)
+        << "even of nothing";
     EXPECT_EQ(write(gone.Get(), L"x", "x"), S_OK);
     EXPECT_EQ(reader->RenameElement(L"x", L"y"), S_OK) << "for which the archive's mode counts alone";
     EXPECT_EQ(reader->DestroyElement(L"y"), S_OK);
@@ -282,8 +273,8 @@ TEST(SZipStorage, CopiesWhatIsAskedFor) {
 }
 
 // Far deeper than a stack would be.
-TEST(SZipStorage, CopiesStoragesHoweverDeep) {
-    const ComPtr<SZipStorage> root = inMemory(), copy = inMemory();
+TEST_F(PackageStorages, CopiesStoragesHoweverDeep) {
+    const ComPtr<SZipStorage> root = newPackage(), copy = newPackage();
     ComPtr<IStorage> storage = root;
     for (int depth = 0; depth < 3000; ++depth)
         storage = newStorage(storage.Get(), L"n");
@@ -292,48 +283,39 @@ TEST(SZipStorage, CopiesStoragesHoweverDeep) {
 }
 
 // Not before all of it is in the other package, and not what cannot be read.
-TEST(SZipStorage, MovesElementsToOtherPackages) {
-    const LogCapture log;
-    const Support::TempFolder folder;
-    const std::wstring file = folder.file(L"a.7z");
-    {
-        SZipArchive archive(file, false, true);
-        for (const wchar_t* directory : {L"outer", L"outer/inner"})
-            ASSERT_EQ(archive.createDirectory(directory, true, false), S_OK);
-        ASSERT_EQ(Support::writeItem(archive, L"outer/inner/first", "1"), S_OK);
-        ASSERT_EQ(Support::writeItem(archive, L"outer/second", "2"), S_OK);
-        ASSERT_EQ(archive.save(false), S_OK);
-    }
-    std::string bytes = Support::readFile(file);
+TEST_F(PackageStorages, MovesElementsToOtherPackages) {
+    make({{L"outer", kDirectory},
+          {L"outer/inner", kDirectory},
+          {L"outer/inner/first", "1"},
+          {L"outer/second", "2"}});
+    std::string bytes = Support::readFile(archivePath);
     for (const bool isDamaged : {false, true}) {
         bytes[34] ^= isDamaged; // the size of the first contents: there are more than there should be
-        Support::writeFile(file, bytes);
+        Support::writeFile(archivePath, bytes);
         const HRESULT status = isDamaged ? STG_E_READFAULT : S_OK;
         const auto* const expected =
             isDamaged ? "outer={inner={} second=2 } " : "outer={inner={first=1 } second=2 } ";
-        const ComPtr<SZipStorage> copied = inMemory(), moved = inMemory();
-        ComPtr<SZipStorage> root = open(file, kReading);
+        const ComPtr<SZipStorage> copied = newPackage(), moved = newPackage();
+        ComPtr<SZipStorage> root = package(archivePath, kReading);
         EXPECT_EQ(root->MoveElementTo(L"outer", copied.Get(), L"x", STGMOVE_MOVE), STG_E_ACCESSDENIED);
         EXPECT_EQ(root->CopyTo(0, nullptr, nullptr, copied.Get()), status);
         EXPECT_EQ(describe(copied.Get()), expected);
-        root = open(file, kWriting);
+        root = package(archivePath, kWriting);
         EXPECT_EQ(root->MoveElementTo(L"outer", moved.Get(), L"outer", STGMOVE_MOVE), status);
         EXPECT_EQ(describe(moved.Get()), expected);
         EXPECT_EQ(root->archive()->items().size(), isDamaged ? 4U : 0U);
     }
     EXPECT_EQ(
-        log.count(VxLog_Minor, L"Swallowing error 0x8003001e that occured during copying of storage \"" +
-                                   file + L"|outer/inner\""),
+        log_.count(VxLog_Minor, L"Swallowing error 0x8003001e that occured during copying of storage \"" +
+                                    archivePath + L"|outer/inner\""),
         2);
 }
 
-TEST(SZipStorage, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
-    const Support::TempFolder folder;
-    const std::wstring file = folder.file(L"a.7z");
-    ComPtr<SZipStorage> root = open(file, kWriting);
+TEST_F(PackageStorages, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
+    ComPtr<SZipStorage> root = package(archivePath, kWriting);
     ASSERT_EQ(write(root.Get(), L"a/b\x05", "bytes"), S_OK);
     ASSERT_EQ(root->Commit(STGC_DEFAULT), S_OK);
-    root = open(file, kReading);
+    root = package(archivePath, kReading);
     ComPtr<IStream> opened, stream;
     ComPtr<IStorage> storage;
     for (const HRESULT status :
@@ -350,13 +332,13 @@ TEST(SZipStorage, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
 
     // A stream keeps its archive; its name is not decoded, while listings decode, and cut at a "/".
     EXPECT_EQ(nameAndMode(stream.Get()), L"a%2fb%05 0");
-    EXPECT_FALSE(DeleteFileW(file.c_str()));
+    EXPECT_FALSE(DeleteFileW(archivePath.c_str()));
     stream.Reset();
-    EXPECT_TRUE(DeleteFileW(file.c_str()));
+    EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
 }
 
-TEST(SZipStorage, ListsDecodedNames) {
-    const ComPtr<SZipStorage> root = inMemory();
+TEST_F(PackageStorages, ListsDecodedNames) {
+    const ComPtr<SZipStorage> root = newPackage();
     const ComPtr<IStorage> directory = newStorage(root.Get(), L"50%/x");
     ASSERT_EQ(write(directory.Get(), L"\x05in", "1"), S_OK);
     ASSERT_EQ(write(root.Get(), L"50%", "22"), S_OK);
@@ -380,12 +362,10 @@ TEST(SZipStorage, ListsDecodedNames) {
     EXPECT_EQ(list->Next(1, nullptr, nullptr), STG_E_INVALIDPOINTER);
 }
 
-TEST(SZipStorage, OpensPackagesInStreams) {
-    const LogCapture quiet;
-    const Support::TempFolder folder;
+TEST_F(PackageStorages, OpensPackagesInStreams) {
     ComPtr<SZipStorage> root;
     ComPtr<IStream> writeOnly;
-    ASSERT_EQ(SHCreateStreamOnFileW(folder.file(L"s").c_str(), STGM_CREATE | STGM_WRITE, &writeOnly), S_OK);
+    ASSERT_EQ(SHCreateStreamOnFileW(folder_.file(L"s").c_str(), STGM_CREATE | STGM_WRITE, &writeOnly), S_OK);
     EXPECT_EQ(Vexel::Storage::openPackage(writeOnly.Get(), root.GetAddressOf()), STG_E_ACCESSDENIED);
     EXPECT_EQ(Vexel::Storage::openPackage(static_cast<IStream*>(nullptr), root.GetAddressOf()),
               STG_E_INVALIDPOINTER);

@@ -29,6 +29,22 @@ inline HRESULT writeItem(Vexel::Storage::SZipArchive& archive, const wchar_t* pa
     return FAILED(status) ? status : stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
 }
 
+/// Paths with contents; a directory has its mark for contents.
+using Contents = std::map<std::wstring, std::string>;
+
+inline void fill(Vexel::Storage::SZipArchive& archive, const Contents& contents) {
+    for (const auto& [path, bytes] : contents)
+        EXPECT_EQ(bytes == directoryMark ? archive.createDirectory(path.c_str(), true, false)
+                                         : writeItem(archive, path.c_str(), bytes),
+                  S_OK);
+}
+/// One that has no file.
+inline Vexel::Storage::SZipArchive inMemory(const Contents& contents = {}) {
+    Vexel::Storage::SZipArchive archive(L"", false, true);
+    fill(archive, contents);
+    return archive;
+}
+
 /// What is had instead of contents.
 inline std::string failed(HRESULT status) { return "status " + std::to_string(status); }
 
@@ -40,8 +56,8 @@ inline std::string stateOf(Vexel::Storage::SZipArchive& archive, std::wstring_vi
 }
 
 /// Every item with its contents.
-inline std::map<std::wstring, std::string> statesOf(Vexel::Storage::SZipArchive& archive) {
-    std::map<std::wstring, std::string> states;
+inline Contents statesOf(Vexel::Storage::SZipArchive& archive) {
+    Contents states;
     for (const auto& [path, item] : archive.items())
         states[path.GetString()] =
             item.isDirectory() ? directoryMark : stateOf(archive, Vexel::Storage::StringLess::view(path));
