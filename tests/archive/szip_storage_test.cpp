@@ -10,6 +10,7 @@
 
 using Microsoft::WRL::ComPtr;
 using Support::describe;
+using Support::expectEach;
 using Vexel::Storage::SZipStorage;
 
 namespace {
@@ -165,21 +166,22 @@ TEST_F(PackageStorages, GivesTheStatusesItPromises) {
     const ComPtr<IStorage> d = newStorage(s, L"d");
     ComPtr<IStorage> storage;
     ComPtr<IStream> stream;
-    EXPECT_EQ(s->CreateStream(L"n", kWriting, 0, 1, &stream), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(s->OpenStream(L"a", s, kWriting, 0, &stream), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(s->CreateStorage(L"n", kWriting, 1, 0, &storage), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(s->OpenStorage(L"d", s, kWriting, nullptr, 0, &storage), STG_E_INVALIDPARAMETER);
+    expectEach(STG_E_INVALIDPARAMETER,
+               {s->CreateStream(L"n", kWriting, 0, 1, &stream), s->OpenStream(L"a", s, kWriting, 0, &stream),
+                s->CreateStorage(L"n", kWriting, 1, 0, &storage),
+                s->OpenStorage(L"d", s, kWriting, nullptr, 0, &storage)});
+    expectEach(STG_E_INVALIDPOINTER,
+               {s->OpenStorage(L"d", nullptr, kWriting, nullptr, 0, nullptr),
+                s->EnumElements(0, nullptr, 0, nullptr), s->CopyTo(0, nullptr, nullptr, nullptr)});
+    for (const wchar_t* const none : {L"", static_cast<const wchar_t*>(nullptr)})
+        expectEach(STG_E_INVALIDNAME,
+                   {s->OpenStream(none, nullptr, kWriting, 0, &stream), s->DestroyElement(none),
+                    s->RenameElement(none, L"x"), s->RenameElement(L"a", none),
+                    s->MoveElementTo(none, s, L"b", STGMOVE_MOVE),
+                    s->MoveElementTo(L"a", s, none, STGMOVE_MOVE)});
     EXPECT_EQ(s->OpenStorage(L"a", nullptr, kWriting, nullptr, 0, &storage), STG_E_FILENOTFOUND);
-    EXPECT_EQ(s->OpenStorage(L"d", nullptr, kWriting, nullptr, 0, nullptr), STG_E_INVALIDPOINTER);
-    EXPECT_EQ(s->EnumElements(0, nullptr, 0, nullptr), STG_E_INVALIDPOINTER);
     EXPECT_EQ(s->Revert(), E_NOTIMPL);
     EXPECT_EQ(s->SetElementTimes(L"nix", nullptr, nullptr, nullptr), S_OK);
-    for (const wchar_t* const none : {L"", static_cast<const wchar_t*>(nullptr)})
-        for (const HRESULT status :
-             {s->OpenStream(none, nullptr, kWriting, 0, &stream), s->DestroyElement(none),
-              s->RenameElement(none, L"x"), s->RenameElement(L"a", none),
-              s->MoveElementTo(none, s, L"b", STGMOVE_MOVE), s->MoveElementTo(L"a", s, none, STGMOVE_MOVE)})
-            EXPECT_EQ(status, STG_E_INVALIDNAME);
     const struct {
         const wchar_t* name;
         IStorage* target;
@@ -199,7 +201,6 @@ TEST_F(PackageStorages, GivesTheStatusesItPromises) {
     for (const auto& [name, target, newName, flags, status] : moves)
         EXPECT_EQ(s->MoveElementTo(name, target, newName, flags), status) << newName;
     EXPECT_EQ(s->CopyTo(0, nullptr, nullptr, d.Get()), STG_E_ACCESSDENIED);
-    EXPECT_EQ(s->CopyTo(0, nullptr, nullptr, nullptr), STG_E_INVALIDPOINTER);
     EXPECT_EQ(describe(s), "copied=1 d={} moved=1 ");
 }
 
@@ -318,11 +319,10 @@ TEST_F(PackageStorages, ReadOnlyStoragesGiveStreamsThatRefuseWrites) {
     root = package(archivePath, kReading);
     ComPtr<IStream> opened, stream;
     ComPtr<IStorage> storage;
-    for (const HRESULT status :
-         {root->OpenStream(L"a/b\x05", nullptr, STGM_WRITE, 0, &stream), write(root.Get(), L"n", ""),
-          root->CreateStorage(L"d", kWriting, 0, 0, &storage), root->SetClass(CLSID_NULL),
-          root->DestroyElement(L"a/b\x05")})
-        EXPECT_EQ(status, STG_E_ACCESSDENIED);
+    expectEach(STG_E_ACCESSDENIED,
+               {root->OpenStream(L"a/b\x05", nullptr, STGM_WRITE, 0, &stream), write(root.Get(), L"n", ""),
+                root->CreateStorage(L"d", kWriting, 0, 0, &storage), root->SetClass(CLSID_NULL),
+                root->DestroyElement(L"a/b\x05")});
     EXPECT_EQ(root->Commit(STGC_DEFAULT), S_OK);
     ASSERT_EQ(root->OpenStream(L"a/b\x05", nullptr, kWriting, 0, &opened), S_OK);
     ASSERT_EQ(opened->Clone(&stream), S_OK);

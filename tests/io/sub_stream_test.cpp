@@ -139,10 +139,9 @@ TEST_F(SubStreams, ChangeTheirSizeOnly) {
 
 TEST_F(SubStreams, PassTheRestOn) {
     base_->status = S_FALSE;
-    EXPECT_EQ(range_->Commit(7), S_FALSE);
-    EXPECT_EQ(range_->Revert(), S_FALSE);
-    EXPECT_EQ(range_->LockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3), S_FALSE);
-    EXPECT_EQ(range_->UnlockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3), S_FALSE);
+    Support::expectEach(S_FALSE, {range_->Commit(7), range_->Revert(),
+                                  range_->LockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3),
+                                  range_->UnlockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3)});
     EXPECT_EQ(base_->take(), "Commit 7, Revert, LockRegion 101 5, LockRegion 101 5, ") << "both lock";
     EXPECT_EQ(range_->LockRegion({.QuadPart = kLimit}, {}, 0), STG_E_INVALIDFUNCTION);
     ComPtr<IUnknown> found;
@@ -210,13 +209,12 @@ TEST_F(SubStreams, WithoutABaseRefuseEverything) {
     EXPECT_EQ(empty->QueryInterface(IID_IUnknown, &found), E_FAIL);
     EXPECT_EQ(found, nullptr);
     EXPECT_EQ(empty->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
-    for (const HRESULT status :
-         {empty->Read(bytes_, 1, &done), empty->Write(bytes_, 1, nullptr),
-          seek(empty.Get(), 0, STREAM_SEEK_CUR), empty->SetSize({.QuadPart = 1}),
-          empty->CopyTo(base_.Get(), {.QuadPart = 1}, &copied, &written), empty->Commit(0), empty->Revert(),
-          empty->LockRegion({}, {}, 0), empty->UnlockRegion({}, {}, 0), empty->Stat(&entry, 0),
-          empty->Clone(&clone)})
-        EXPECT_EQ(status, STG_E_INVALIDFUNCTION);
+    Support::expectEach(STG_E_INVALIDFUNCTION,
+                        {empty->Read(bytes_, 1, &done), empty->Write(bytes_, 1, nullptr),
+                         seek(empty.Get(), 0, STREAM_SEEK_CUR), empty->SetSize({.QuadPart = 1}),
+                         empty->CopyTo(base_.Get(), {.QuadPart = 1}, &copied, &written), empty->Commit(0),
+                         empty->Revert(), empty->LockRegion({}, {}, 0), empty->UnlockRegion({}, {}, 0),
+                         empty->Stat(&entry, 0), empty->Clone(&clone)});
     EXPECT_EQ(done + copied.QuadPart + written.QuadPart, 0U);
     EXPECT_EQ(clone, nullptr);
 }
