@@ -4,15 +4,14 @@
 #include "archive/engine.h"
 #include "archive/update_step.h"
 #include "base/handles.h"
+#include "support/archive_bytes.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"
 #include "support/platform_guard.h"
 #include "support/streams.h"
 
-#include <cstring>
 #include <map>
 #include <utility>
-#include <vector>
 
 using namespace Vexel::Storage;
 using namespace Vexel::Storage::Engine;
@@ -148,9 +147,7 @@ TEST_F(Engine7z, PacksContentsInSmallBlocksAndHeadersThatAreLargeBesideThem) {
         std::vector<UpdateEntry> entries = manyEntries(count, size);
         write(entries);
         const std::string file = Support::readFile(path_);
-        std::uint64_t offset = 0;
-        std::memcpy(&offset, file.data() + 12, sizeof offset);
-        EXPECT_EQ(file.at(32 + offset), isPacked ? '\x17' : '\x01') << count;
+        EXPECT_EQ(file.at(ArchiveBytes::headerOf(file)), isPacked ? '\x17' : '\x01') << count;
         EXPECT_EQ(read()->count(), count);
     }
     NArchive::N7z::CFolder folder;

@@ -141,7 +141,6 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     ASSERT_TRUE(writing.Open({.path = path}));
     EXPECT_FALSE(reading.Open(path, vxio::ProtectNothing));
     EXPECT_EQ(reading.GetLastErrorCode(), ERROR_SHARING_VIOLATION);
-    writing.Close();
     EXPECT_FALSE(writing.Open({.path = path, .creation = FileCreation::CreateNew}));
     EXPECT_EQ(writing.GetLastErrorCode(), ERROR_FILE_EXISTS);
     ASSERT_TRUE(reading.Open(path, vxio::ProtectNothing)); // the end is no error
