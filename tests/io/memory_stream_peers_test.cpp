@@ -90,13 +90,11 @@ Outcome run(Pool& streams, const Step& step) {
     return {status, after + ", read " + bytes.substr(0, moved)};
 }
 
-bool isBeforeTheBeginning(const Step& step, const State& from) {
-    const auto back = 0 - static_cast<unsigned long long>(step.move);
-    const bool isKnown = step.origin <= STREAM_SEEK_END;
-    return step.kind == Kind::Seek && isKnown && step.move < 0 &&
-           back > (step.origin == STREAM_SEEK_SET   ? 0
-                   : step.origin == STREAM_SEEK_CUR ? from.position
-                                                    : from.size);
+bool isBeforeTheBeginning(const Step& step, const State& at) {
+    if (step.kind != Kind::Seek || step.origin > STREAM_SEEK_END || step.move >= 0)
+        return false;
+    const unsigned long long origins[] = {0, at.position, at.size};
+    return 0 - static_cast<unsigned long long>(step.move) > origins[step.origin];
 }
 
 class Script {
