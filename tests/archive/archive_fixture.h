@@ -5,19 +5,7 @@
 #include "support/compound_file.h"
 #include "support/log_capture.h"
 
-#include <vexel/archive.h>
-
-#include <windows.h>
-
-#include <gtest/gtest.h>
-
-#include <map>
-#include <string>
-
 namespace Support {
-
-/// Paths with contents; a directory has its mark for contents.
-using Contents = std::map<std::wstring, std::string>;
 
 /// A folder with the path of an archive in it, whose system calls can be made to fail.
 class ArchiveTest : public testing::Test {
@@ -26,12 +14,6 @@ protected:
 
     void SetUp() override { archivePath = folder_.file(L"a.7z"); }
 
-    static void fill(SZipArchive& archive, const Contents& contents) {
-        for (const auto& [path, bytes] : contents)
-            EXPECT_EQ(bytes == directoryMark ? archive.createDirectory(path.c_str(), true, false)
-                                             : writeItem(archive, path.c_str(), bytes),
-                      S_OK);
-    }
     /// Makes the file anew.
     static void make(const Contents& contents, const std::wstring& path = archivePath) {
         SZipArchive archive(path, false, true);
@@ -43,10 +25,19 @@ protected:
         EXPECT_EQ(archive.reload(), S_OK);
         return archive;
     }
+    static SZipArchive made(const Contents& contents) {
+        make(contents);
+        return open();
+    }
     /// What is in the file.
     static Contents onDisk(const std::wstring& path = archivePath) {
         SZipArchive archive = open(path, true);
         return statesOf(archive);
+    }
+    /// A save that ends well, and what is in the file then.
+    static Contents saved(SZipArchive& archive, const std::wstring& path = archivePath) {
+        EXPECT_EQ(archive.save(false), S_OK);
+        return onDisk(path);
     }
     /// A save during which one call fails, the first or a later one.
     static HRESULT saveFailing(SZipArchive& archive, ArchiveFaults::Call call, DWORD error,
@@ -57,6 +48,7 @@ protected:
         return status;
     }
 
+    static constexpr const char* kDirectory = directoryMark;
     ArchiveFaults faults_;
     TempFolder folder_;
     LogCapture log_;

@@ -3,49 +3,45 @@
 
 #include "archive/database.h"
 #include "archive_fixture.h"
-#include "base/com_pointer.h"
-#include "base/platform.h"
-
-#include <vexel/memory_streams.h>
 
 #include <optional>
 
 using namespace std::string_view_literals;
 using Support::ArchiveFaults;
 using Support::Contents;
-using Support::readItem;
+using Support::failed;
+using Support::fill;
+using Support::inMemory;
+using Support::stateOf;
 using Support::statesOf;
-using Support::writeItem;
 
 namespace {
 
 using State = Support::ArchiveTest;
-
-struct Unreadable {
-    const char* name;
-    ArchiveFaults::Call call;
-    DWORD error;
-    HRESULT reloaded;
-    int level;
-    const wchar_t* message;
-};
 
 // A file that could not be read must not be replaced as long as that is so; then what it has is kept.
 TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
     const auto* open = L"Failed to open file \"";
     const auto* read = L"Failed to open \"";
     const auto* size = L"Failed to get the size of the file \"";
-    for (const Unreadable& fault :
-         {Unreadable{"in use", ArchiveFaults::Create, ERROR_SHARING_VIOLATION, S_OK, VxLog_Error, open},
-          {"no right", ArchiveFaults::Create, ERROR_ACCESS_DENIED, S_OK, VxLog_Error, open},
-          {"no drive", ArchiveFaults::Create, ERROR_INVALID_DRIVE, S_OK, VxLog_Minor, open},
-          {"not ready", ArchiveFaults::Create, ERROR_NOT_READY, S_OK, VxLog_Minor, open},
-          {"no network path", ArchiveFaults::Create, ERROR_BAD_NETPATH, S_OK, VxLog_Minor, open},
-          {"no share", ArchiveFaults::Create, ERROR_BAD_NET_NAME, S_OK, VxLog_Minor, open},
-          {"no element", ArchiveFaults::Create, ERROR_NOT_FOUND, S_OK, VxLog_Minor, open},
-          {"no error", ArchiveFaults::Create, ERROR_SUCCESS, S_OK, VxLog_Error, open},
-          {"bad sector", ArchiveFaults::Read, ERROR_CRC, HRESULT(0x80030017), VxLog_Error, read},
-          {"no size", ArchiveFaults::Size, ERROR_CRC, STG_E_INVALIDHEADER, VxLog_Error, size}}) {
+    const struct {
+        const char* name;
+        ArchiveFaults::Call call;
+        DWORD error;
+        HRESULT reloaded;
+        int level;
+        const wchar_t* message;
+    } cases[] = {{"in use", ArchiveFaults::Create, ERROR_SHARING_VIOLATION, S_OK, VxLog_Error, open},
+                 {"no right", ArchiveFaults::Create, ERROR_ACCESS_DENIED, S_OK, VxLog_Error, open},
+                 {"no drive", ArchiveFaults::Create, ERROR_INVALID_DRIVE, S_OK, VxLog_Minor, open},
+                 {"not ready", ArchiveFaults::Create, ERROR_NOT_READY, S_OK, VxLog_Minor, open},
+                 {"no network path", ArchiveFaults::Create, ERROR_BAD_NETPATH, S_OK, VxLog_Minor, open},
+                 {"no share", ArchiveFaults::Create, ERROR_BAD_NET_NAME, S_OK, VxLog_Minor, open},
+                 {"no element", ArchiveFaults::Create, ERROR_NOT_FOUND, S_OK, VxLog_Minor, open},
+                 {"no error", ArchiveFaults::Create, ERROR_SUCCESS, S_OK, VxLog_Error, open},
+                 {"bad sector", ArchiveFaults::Read, ERROR_CRC, HRESULT(0x80030017), VxLog_Error, read},
+                 {"no size", ArchiveFaults::Size, ERROR_CRC, STG_E_INVALIDHEADER, VxLog_Error, size}};
+    for (const auto& fault : cases) {
         SCOPED_TRACE(fault.name);
         make({{L"old", "precious"}});
         const std::string before = Support::readFile(archivePath);
@@ -56,12 +52,11 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         EXPECT_EQ(log_.messages().front().first, fault.level);
         EXPECT_EQ(log_.count(fault.message), 1);
         EXPECT_TRUE(archive.isEmpty());
-        EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
+        fill(archive, {{L"new", "x"}});
         // The save itself would find nothing in its way.
         EXPECT_TRUE(FAILED(saveFailing(archive, fault.call, fault.error)));
         EXPECT_EQ(Support::readFile(archivePath), before);
-        EXPECT_EQ(archive.save(false), S_OK);
-        EXPECT_EQ(onDisk(), (Contents{{L"old", "precious"}, {L"new", "x"}}));
+        EXPECT_EQ(saved(archive), (Contents{{L"old", "precious"}, {L"new", "x"}}));
     }
 }
 
@@ -69,66 +64,55 @@ TEST_F(State, NeverReplacesWhatIsNoArchive) {
     Support::writeFile(archivePath, "This is text, and long enough to be looked at.");
     SZipArchive archive(archivePath, false, true);
     EXPECT_EQ(archive.reload(), STG_E_INVALIDHEADER);
-    EXPECT_EQ(writeItem(archive, L"new", "x"), S_OK);
+    fill(archive, {{L"new", "x"}});
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
     EXPECT_EQ(Support::readFile(archivePath).substr(0, 12), "This is text");
     EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
-    EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_EQ(onDisk(), (Contents{{L"new", "x"}}));
+    EXPECT_EQ(saved(archive), (Contents{{L"new", "x"}}));
 }
 
 // Two programs begin the same document.
 TEST_F(State, TakesInAFileThatAppearsLater) {
     SZipArchive archive = open();
     EXPECT_EQ(archive.openingStatus(), STG_E_FILENOTFOUND);
-    EXPECT_EQ(archive.createDirectory(L"new", true, false), S_OK);
+    fill(archive, {{L"new", kDirectory}});
     make({{L"old", "precious"}});
     EXPECT_EQ(saveFailing(archive, ArchiveFaults::Move, ERROR_ACCESS_DENIED), STG_E_ACCESSDENIED);
-    EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_EQ(onDisk(), (Contents{{L"old", "precious"}, {L"new", Support::directoryMark}}));
+    EXPECT_EQ(saved(archive), (Contents{{L"old", "precious"}, {L"new", kDirectory}}));
     // Made anew is made anew: who never reads a file wants it replaced.
     archive = SZipArchive(L"", true, true); // which lets go of the file
     make({{L"other", "y"}});
     EXPECT_EQ(onDisk(), (Contents{{L"other", "y"}}));
 }
 
-struct Loss {
-    const char* name;
-    ArchiveFaults::Call call;
-    unsigned skipped;
-};
-
 // The file goes while it is replaced or opened again: nothing is left of it, but all is in memory.
 TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
-    for (const Loss& loss :
-         {Loss{"replacing", ArchiveFaults::Move, 0}, Loss{"opening again", ArchiveFaults::Create, 3}}) {
+    const struct {
+        const char* name;
+        ArchiveFaults::Call call;
+        unsigned skipped;
+    } losses[] = {{"replacing", ArchiveFaults::Move, 0}, {"opening again", ArchiveFaults::Create, 3}};
+    for (const auto& loss : losses) {
         SCOPED_TRACE(loss.name);
-        make({{L"cached", "1"}, {L"packed", "2"}});
-        SZipArchive archive = open();
-        std::string bytes;
-        EXPECT_EQ(readItem(archive, L"cached", bytes), S_OK);
-        EXPECT_EQ(writeItem(archive, L"new", "3"), S_OK);
+        SZipArchive archive = made({{L"cached", "1"}, {L"packed", "2"}});
+        EXPECT_EQ(stateOf(archive, L"cached"), "1");
+        fill(archive, {{L"new", "3"}});
         ArchiveFaults::alongside = [] { DeleteFileW(archivePath.c_str()); };
         EXPECT_EQ(saveFailing(archive, loss.call, ERROR_PATH_NOT_FOUND, loss.skipped), STG_E_PATHNOTFOUND);
-
-        const Contents rest{
-            {L"cached", "1"}, {L"new", "3"}, {L"packed", "status " + std::to_string(STG_E_FILENOTFOUND)}};
-        EXPECT_EQ(statesOf(archive), rest) << "what was never read has gone with the file";
-        EXPECT_EQ(writeItem(archive, L"more", "4"), S_OK);
+        EXPECT_EQ(statesOf(archive),
+                  (Contents{{L"cached", "1"}, {L"new", "3"}, {L"packed", failed(STG_E_FILENOTFOUND)}}))
+            << "what was never read has gone with the file";
+        fill(archive, {{L"more", "4"}, {L"d", kDirectory}});
         EXPECT_EQ(archive.move(L"cached"sv, L"moved"sv), S_OK);
-        EXPECT_EQ(archive.createDirectory(L"d", true, false), S_OK);
-        SZipArchive other(L"", false, true);
-        EXPECT_EQ(other.addItem(archive, L"moved"sv, L"copy"), S_OK);
+        EXPECT_EQ(inMemory().addItem(archive, L"moved"sv, L"copy"), S_OK);
 
-        const auto target = Vexel::Detail::adopt(new Vexel::Storage::InMemoryIStream());
+        const auto target = Support::streamOf("");
         EXPECT_EQ(archive.save(target.Get()), STG_E_FILENOTFOUND);
         EXPECT_EQ(archive.save(false), STG_E_FILENOTFOUND);
         EXPECT_EQ(archive.remove(L"packed"sv), S_OK);
         EXPECT_EQ(archive.save(target.Get()), S_OK);
-        EXPECT_EQ(archive.save(false), S_OK);
-        const Contents expected{
-            {L"d", Support::directoryMark}, {L"moved", "1"}, {L"more", "4"}, {L"new", "3"}};
-        EXPECT_EQ(onDisk(), expected);
+        const Contents expected{{L"d", kDirectory}, {L"moved", "1"}, {L"more", "4"}, {L"new", "3"}};
+        EXPECT_EQ(saved(archive), expected);
         SZipArchive streamed(target.Get());
         EXPECT_EQ(streamed.reload(), S_OK);
         EXPECT_EQ(statesOf(streamed), expected);
@@ -137,17 +121,13 @@ TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
 
 // The file goes, and another program puts one of its own there.
 TEST_F(State, NeverReplacesAFileThatIsNotTheOneItRead) {
-    make({{L"a", "1"}});
-    SZipArchive archive = open();
-    EXPECT_EQ(writeItem(archive, L"a", "mine"), S_OK);
+    SZipArchive archive = made({{L"a", "1"}});
+    fill(archive, {{L"a", "mine"}});
     ArchiveFaults::alongside = [] { Support::writeFile(archivePath, "theirs, which is no archive at all"); };
     EXPECT_EQ(saveFailing(archive, ArchiveFaults::Move, ERROR_SHARING_VIOLATION), STG_E_SHAREVIOLATION);
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
     EXPECT_EQ(Support::readFile(archivePath).substr(0, 6), "theirs");
-    // Elsewhere it can be saved.
-    archive.setFileName(folder_.file(L"b.7z").c_str());
-    EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_EQ(onDisk(folder_.file(L"b.7z")), (Contents{{L"a", "mine"}}));
+    EXPECT_EQ(statesOf(archive), (Contents{{L"a", "mine"}}));
 }
 
 // Not everywhere does an open file keep others from putting another one in its place.
@@ -157,29 +137,26 @@ TEST_F(State, NeverReplacesAFileThatCameInPlaceOfTheOpenOne) {
         return CreateFileW(name, access, share | FILE_SHARE_DELETE, others...);
     };
     SZipArchive archive = open();
-    EXPECT_EQ(writeItem(archive, L"b", "2"), S_OK);
+    fill(archive, {{L"b", "2"}});
     EXPECT_TRUE(MoveFileW(archivePath.c_str(), folder_.file(L"old.7z").c_str()));
     make({{L"a", "9"}});
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
     EXPECT_EQ(onDisk(), (Contents{{L"a", "9"}}));
     // With nothing in its place all can still be had.
     EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
-    EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_EQ(onDisk(), (Contents{{L"a", "1"}, {L"b", "2"}}));
+    EXPECT_EQ(saved(archive), (Contents{{L"a", "1"}, {L"b", "2"}}));
 }
 
 TEST_F(State, ReplacesNoOtherFileThanItsOwn) {
-    make({{L"a", "1"}});
-    SZipArchive archive = open();
-    EXPECT_EQ(writeItem(archive, L"b", "2"), S_OK);
+    SZipArchive archive = made({{L"a", "1"}});
+    fill(archive, {{L"b", "2"}});
     const std::wstring elsewhere = folder_.file(L"b.7z");
     Support::writeFile(elsewhere, "somebody else's");
     archive.setFileName(elsewhere.c_str());
     EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(Support::readFile(elsewhere), "somebody else's");
     EXPECT_TRUE(DeleteFileW(elsewhere.c_str()));
-    EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_EQ(onDisk(elsewhere), (Contents{{L"a", "1"}, {L"b", "2"}}));
+    EXPECT_EQ(saved(archive, elsewhere), (Contents{{L"a", "1"}, {L"b", "2"}}));
     EXPECT_EQ(onDisk(), (Contents{{L"a", "1"}}));
 }
 
@@ -194,12 +171,8 @@ TEST_F(State, BorrowedDataOutliveAFailedSave) {
     for (const Target kind : {Target::MadeAnew, Target::Missing, Target::ReadAndCleared})
         for (const Source from : {Source::Open, Source::Gone, Source::NeverSaved}) {
             SCOPED_TRACE(testing::Message() << static_cast<int>(kind) << static_cast<int>(from));
-            std::optional<SZipArchive> source(std::in_place, from == Source::NeverSaved ? L"" : sourcePath,
-                                              false, true);
-            if (from == Source::NeverSaved)
-                fill(*source, contents);
-            else
-                EXPECT_EQ(source->reload(), S_OK);
+            std::optional<SZipArchive> source(from == Source::NeverSaved ? inMemory(contents)
+                                                                         : open(sourcePath));
             DeleteFileW(archivePath.c_str());
             if (kind == Target::ReadAndCleared)
                 make({{L"old", "0"}});
@@ -213,14 +186,13 @@ TEST_F(State, BorrowedDataOutliveAFailedSave) {
                 source.reset();
             EXPECT_EQ(saveFailing(target, ArchiveFaults::Move, ERROR_ACCESS_DENIED), STG_E_ACCESSDENIED);
             EXPECT_EQ(statesOf(target), contents);
-            EXPECT_EQ(target.save(false), S_OK);
-            EXPECT_EQ(onDisk(), contents);
+            EXPECT_EQ(saved(target), contents);
         }
 }
 
 // What one has as a file, the other has as a directory: neither can be kept without losing the other.
 TEST_F(State, RefusesAFileThatAppearsLaterWithOtherKindsOfItems) {
-    const Contents asDirectory{{L"x", Support::directoryMark}, {L"x/y", "below"}}, asFile{{L"x", "file"}};
+    const Contents asDirectory{{L"x", kDirectory}, {L"x/y", "below"}}, asFile{{L"x", "file"}};
     for (const bool isDirectory : {false, true}) {
         SCOPED_TRACE(isDirectory);
         DeleteFileW(archivePath.c_str());
@@ -234,36 +206,29 @@ TEST_F(State, RefusesAFileThatAppearsLaterWithOtherKindsOfItems) {
         EXPECT_TRUE(archive.isChanged());
         EXPECT_EQ(Support::readFile(archivePath), theirs);
         EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
-        EXPECT_EQ(archive.save(false), S_OK);
-        EXPECT_EQ(onDisk(), mine);
+        EXPECT_EQ(saved(archive), mine);
     }
 }
 
 TEST_F(State, AReloadKeepsChangedContentsForTheNextSave) {
-    make({{L"a", "1"}, {L"b", "2"}});
-    SZipArchive archive = open();
+    SZipArchive archive = made({{L"a", "1"}, {L"b", "2"}});
     EXPECT_EQ(archive.remove(L"b"sv), S_OK);
     EXPECT_EQ(archive.reload(), S_OK);
     EXPECT_FALSE(archive.isChanged());
-    EXPECT_EQ(writeItem(archive, L"a", "changed"), S_OK);
-    EXPECT_EQ(writeItem(archive, L"c", "new"), S_OK);
+    fill(archive, {{L"a", "changed"}, {L"c", "new"}});
     EXPECT_EQ(archive.reload(), S_OK);
     EXPECT_TRUE(archive.isChanged());
-    EXPECT_EQ(archive.save(false), S_OK);
-    EXPECT_EQ(onDisk(), (Contents{{L"a", "changed"}, {L"b", "2"}, {L"c", "new"}}));
+    EXPECT_EQ(saved(archive), (Contents{{L"a", "changed"}, {L"b", "2"}, {L"c", "new"}}));
 }
 
 TEST_F(State, AFailedReloadLosesNothing) {
-    make({{L"a", "0123"}, {L"b", "4567"}});
-    SZipArchive archive = open();
-    EXPECT_EQ(writeItem(archive, L"c", "new"), S_OK);
+    SZipArchive archive = made({{L"a", "0123"}, {L"b", "4567"}});
+    fill(archive, {{L"c", "new"}});
     EXPECT_EQ(archive.remove(L"b"sv), S_OK);
     archive.setFileName(L"");
     EXPECT_EQ(archive.reload(), S_OK); // cannot be opened: taken for a new archive
     archive.setFileName(archivePath.c_str());
-    std::string bytes;
-    EXPECT_EQ(readItem(archive, L"a", bytes), STG_E_FILENOTFOUND);
-    EXPECT_EQ(readItem(archive, L"c", bytes), S_OK);
+    EXPECT_EQ(statesOf(archive), (Contents{{L"a", failed(STG_E_FILENOTFOUND)}, {L"c", "new"}}));
     EXPECT_EQ(archive.save(true), S_OK);
     EXPECT_EQ(statesOf(archive), (Contents{{L"a", "0123"}, {L"c", "new"}}));
 }

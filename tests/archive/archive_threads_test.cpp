@@ -2,19 +2,15 @@
 // saves.
 
 #include "archive_fixture.h"
-#include "base/com_pointer.h"
-#include "base/platform.h"
 #include "base/rw_lock.h"
 #include "support/platform_guard.h"
 
 #include <atomic>
-#include <new>
-#include <string>
 #include <thread>
-#include <vector>
 
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
+using Support::fill;
 using Vexel::Storage::SZipArchive;
 
 namespace {
@@ -24,9 +20,8 @@ constexpr unsigned kWriters = 3;
 constexpr unsigned kRounds = 150;
 
 std::string contentsFor(unsigned number) {
-    std::string bytes(500 + number * 97 % 9000, static_cast<char>('a' + number % 26));
-    bytes += std::to_string(number);
-    return bytes;
+    return std::string(500 + number * 97 % 9000, static_cast<char>('a' + number % 26)) +
+           std::to_string(number);
 }
 
 std::wstring pathFor(unsigned writer, unsigned round) {
@@ -107,16 +102,15 @@ TEST_F(ProcessEnd, LeavesAnUnfinishedSaveAlone) {
     WaitForSingleObject(kSaving, INFINITE);
     end();
     ComPtr<IStream> stream;
-    SZipArchive other(L"", false, true);
-    for (const HRESULT status :
-         {archive.save(false),
-          archive.save(Vexel::Detail::adopt(new Vexel::Storage::InMemoryIStream()).Get()), archive.reload(),
-          archive.openingStatus(), archive.extractFile(&stream, L"a"sv),
-          archive.createFile(&stream, L"b", true, false), archive.createDirectory(L"d", true, false),
-          archive.remove(L"a"sv), archive.move(L"a"sv, L"b"sv), archive.clear(L""sv), archive.flush(L""sv),
-          other.addItems(archive, L""), other.borrowPackedData(archive),
-          archive.visitChildren(L"", [](const auto&, const auto&) {})})
-        EXPECT_EQ(status, STG_E_INUSE);
+    SZipArchive other = Support::inMemory();
+    Support::expectEach(STG_E_INUSE,
+                        {archive.save(false), archive.save(Support::streamOf("").Get()), archive.reload(),
+                         archive.openingStatus(), archive.extractFile(&stream, L"a"sv),
+                         archive.createFile(&stream, L"b", true, false),
+                         archive.createDirectory(L"d", true, false), archive.remove(L"a"sv),
+                         archive.move(L"a"sv, L"b"sv), archive.clear(L""sv), archive.flush(L""sv),
+                         other.addItems(archive, L""), other.borrowPackedData(archive),
+                         archive.visitChildren(L"", [](const auto&, const auto&) {})});
     EXPECT_EQ(archive.flushIfIdle(L""sv), S_FALSE);
     EXPECT_FALSE(archive.hasDirectory(L"d"));
     EXPECT_FALSE(archive.fileTimes(nullptr, nullptr, nullptr));
@@ -205,12 +199,11 @@ TEST_F(ArchiveThreads, NothingIsLostWhileOneSaves) {
 
 // Both take items from each other at the same time, which must not make them wait for ever.
 TEST_F(ArchiveThreads, ArchivesCopyFromEachOther) {
-    SZipArchive other(L"", false, true);
+    SZipArchive other = Support::inMemory({{L"w0", Support::directoryMark}});
     const auto copy = [this](SZipArchive& to, const SZipArchive& from, const wchar_t* name) {
         for (unsigned i = 0; i < 200; ++i)
             note(to.addItem(from, std::wstring_view(L"w0"), (name + std::to_wstring(i)).c_str()) == S_OK);
     };
-    fill(other, {{L"w0", Support::directoryMark}});
     std::thread first([&] { copy(archive_, other, L"x"); });
     copy(other, archive_, L"y");
     first.join();

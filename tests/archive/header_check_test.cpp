@@ -10,14 +10,9 @@
 #include "support/compound_file.h"
 #include "support/scarce_memory.h"
 
-#include <windows.h>
-
 #include <7zip/Common/StreamObjects.h>
-#include <gtest/gtest.h>
 
 #include <algorithm>
-#include <cstring>
-#include <string>
 
 namespace {
 

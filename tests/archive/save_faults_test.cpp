@@ -4,14 +4,10 @@
 
 #include "archive/engine_outputs.h"
 #include "archive_fixture.h"
-#include "base/com_pointer.h"
 #include "base/handles.h"
-#include "base/platform.h"
 #include "support/scarce_memory.h"
 
 #include <filesystem>
-#include <new>
-#include <string>
 
 using namespace std::string_view_literals;
 using Support::ArchiveFaults;
@@ -41,14 +37,10 @@ void failAllocations(int n, bool forGood) {
     });
 }
 
-/// Made by us, or by another program.
-struct Maker {
-    const char* name;
-    const wchar_t* sample; ///< null: by us
-};
-const Maker kMakers[] = {{"our own", nullptr},
-                         {"solid without directories", L"solid-without-directories.7z"},
-                         {"solid with anti-items", L"solid-with-anti-items.7z"}};
+/// Made by us, or by other programs.
+constexpr const wchar_t* kOurs = L"";
+constexpr const wchar_t* kSolid = L"solid-without-directories.7z";
+constexpr const wchar_t* kSolidWithAntiItems = L"solid-with-anti-items.7z";
 
 /// "empty" and "d/b.txt" are in all of them, the latter in a folder with others where these are shared.
 struct Change {
@@ -84,29 +76,28 @@ protected:
     void SetUp() override {
         ArchiveTest::SetUp();
         Vexel::Detail::platform().flushFile = [](HANDLE) -> BOOL { return TRUE; }; // takes most of the time
-        use(kMakers[0]);
+        use(kOurs);
     }
     void TearDown() override { AtMainAllocation(0, nullptr); }
 
-    void use(const Maker& maker, const Change& change = kChanges[5]) {
+    void use(const wchar_t* sample) {
         DeleteFileW(model_.c_str());
-        if (maker.sample)
-            std::filesystem::copy_file(Support::samplePath(maker.sample), model_);
+        if (sample != kOurs)
+            std::filesystem::copy_file(Support::samplePath(sample), model_);
         else
             make({{L"empty", ""},
-                  {L"d", Support::directoryMark},
+                  {L"d", kDirectory},
                   {L"d/a.txt", "first"},
                   {L"d/b.txt", noise(50'000)},
                   {L"f", noise(kLarge)}},
                  model_);
         oldBytes_ = readFile(model_);
-        expect(change);
+        expect(kChanges[5]);
     }
     /// What the change comes to when nothing fails.
     void expect(const Change& change) {
         SZipArchive archive = changed(change);
-        ASSERT_EQ(archive.save(false), S_OK);
-        new_ = onDisk();
+        new_ = saved(archive);
     }
     /// The old file, changed in memory.
     SZipArchive changed(const Change& change = kChanges[5]) const {
@@ -129,12 +120,9 @@ protected:
         }
         EXPECT_TRUE(!isTidy || !std::filesystem::exists(temporary));
         EXPECT_EQ(archive.isChanged(), status != S_OK);
-        if (status != S_OK) {
-            EXPECT_EQ(archive.save(false), S_OK);
-            EXPECT_FALSE(std::filesystem::exists(temporary));
-        }
+        EXPECT_TRUE((status == S_OK ? onDisk() : saved(archive)) == new_);
+        EXPECT_TRUE(status == S_OK || !std::filesystem::exists(temporary));
         EXPECT_TRUE(statesOf(archive) == new_);
-        EXPECT_TRUE(onDisk() == new_);
     }
 
     std::wstring model_ = folder_.file(L"old.7z");
@@ -190,9 +178,9 @@ protected:
 TEST_F(SweptSaves, NoFailingCallCostsADocument) {
     constexpr ArchiveFaults::Form kForms[] = {ArchiveFaults::Error, ArchiveFaults::NoError,
                                               ArchiveFaults::Short, ArchiveFaults::Nothing};
-    for (const Maker& maker : kMakers) {
-        SCOPED_TRACE(maker.name);
-        use(maker);
+    for (const wchar_t* sample : {kOurs, kSolid, kSolidWithAntiItems}) {
+        SCOPED_TRACE(testing::PrintToString(std::wstring(sample)));
+        use(sample);
         for (const Change& change : kChanges) {
             expect(change);
             for (const Fault& fault : kFaults)
@@ -225,39 +213,39 @@ TEST_F(SaveFaults, ACutThatFailsFailsTheFile) {
     }
 }
 
-enum class Hindrance { StaleTemporary, TemporaryStays, FileInUse };
+// A temporary of a process that was killed.
+TEST_F(SaveFaults, AStaleTemporaryDoesNoHarm) {
+    SZipArchive archive = changed();
+    Support::writeFile(archivePath + L".7ztmp", std::string(1'000'000, '7'));
+    EXPECT_EQ(archive.save(false), S_OK);
+    verifySaved(archive, S_OK);
+}
 
-// A temporary of a process that was killed, one that cannot be deleted, and another program that has the
-// document open for a moment: to look for viruses, to back it up, to show it.
-TEST_F(SaveFaults, HindrancesDoNoHarm) {
-    for (const auto hindrance :
-         {Hindrance::StaleTemporary, Hindrance::TemporaryStays, Hindrance::FileInUse}) {
-        SCOPED_TRACE(static_cast<int>(hindrance));
-        SZipArchive archive = changed();
-        Vexel::Detail::FileHandle other;
-        if (hindrance == Hindrance::StaleTemporary)
-            Support::writeFile(archivePath + L".7ztmp", std::string(1'000'000, '7'));
-        if (hindrance == Hindrance::TemporaryStays) {
-            ArchiveFaults::arm(ArchiveFaults::Move, ERROR_ACCESS_DENIED, 0, true);
-            ArchiveFaults::arm(ArchiveFaults::Delete, ERROR_ACCESS_DENIED, 0, true);
-        }
-        if (hindrance == Hindrance::FileInUse)
-            other = Vexel::Detail::FileHandle(CreateFileW(archivePath.c_str(), GENERIC_READ, FILE_SHARE_READ,
-                                                          nullptr, OPEN_EXISTING, 0, nullptr));
-        const HRESULT status = archive.save(false);
-        EXPECT_EQ(status, hindrance == Hindrance::StaleTemporary ? S_OK : STG_E_ACCESSDENIED);
-        ArchiveFaults::disarm();
-        other = Vexel::Detail::FileHandle();
-        verifySaved(archive, status, false, hindrance != Hindrance::TemporaryStays);
-    }
+TEST_F(SaveFaults, ATemporaryThatCannotBeDeletedDoesNoHarm) {
+    SZipArchive archive = changed();
+    ArchiveFaults::arm(ArchiveFaults::Move, ERROR_ACCESS_DENIED, 0, true);
+    ArchiveFaults::arm(ArchiveFaults::Delete, ERROR_ACCESS_DENIED, 0, true);
+    EXPECT_EQ(archive.save(false), STG_E_ACCESSDENIED);
+    ArchiveFaults::disarm();
+    verifySaved(archive, STG_E_ACCESSDENIED, false, false);
+}
+
+// Another program has the document open for a moment: to look for viruses, to back it up, to show it.
+TEST_F(SaveFaults, AReaderOfTheFileDoesNoHarm) {
+    SZipArchive archive = changed();
+    Vexel::Detail::FileHandle reader(
+        CreateFileW(archivePath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
+    EXPECT_EQ(archive.save(false), STG_E_ACCESSDENIED);
+    reader = {};
+    verifySaved(archive, STG_E_ACCESSDENIED, false);
 }
 
 TEST_F(ScarceMemory, NeverCostsADocument) {
-    for (const Maker& maker : {kMakers[0], kMakers[1]}) {
-        SCOPED_TRACE(maker.name);
-        use(maker);
+    for (const wchar_t* sample : {kOurs, kSolid}) {
+        SCOPED_TRACE(testing::PrintToString(std::wstring(sample)));
+        use(sample);
         for (const bool forGood : {false, true})
-            for (int n = 0;; n += forGood || maker.sample ? 7 : 1) { // there are hundreds of places
+            for (int n = 0;; n += forGood || sample != kOurs ? 7 : 1) { // there are hundreds of places
                 SCOPED_TRACE((forGood ? "from allocation " : "only allocation ") + std::to_string(n));
                 SZipArchive archive = changed();
                 failAllocations(n, forGood);
@@ -289,8 +277,7 @@ TEST_F(ScarceMemory, AFailedReloadKeepsWhatIsInMemory) {
             EXPECT_TRUE(archive.isChanged());
             if (!hit || HasFailure())
                 break;
-            EXPECT_EQ(archive.save(false), S_OK);
-            EXPECT_TRUE(onDisk() == new_);
+            EXPECT_TRUE(saved(archive) == new_);
         }
 }
 
@@ -319,16 +306,13 @@ TEST_F(SaveFaults, WhatIsDoneInBetweenIsSavedLater) {
     EXPECT_EQ(stream->Write("late", 4, nullptr), S_OK);
     EXPECT_EQ(archive.remove(L"moved"sv), S_OK);
     EXPECT_EQ(archive.move(L"d/a.txt"sv, L"e"sv), S_OK);
-    std::string bytes;
-    EXPECT_EQ(Support::readItem(archive, L"f", bytes), S_OK); // which opens the file first
-    EXPECT_EQ(bytes, noise(kLarge));
-    EXPECT_EQ(archive.save(false), S_OK);
+    EXPECT_EQ(Support::stateOf(archive, L"f"), noise(kLarge)); // which opens the file first
     Contents expected = new_;
     expected[L"copied"].replace(0, 4, "late");
     expected[L"e"] = "first";
     expected.erase(L"moved");
     expected.erase(L"d/a.txt");
-    EXPECT_TRUE(onDisk() == expected);
+    EXPECT_TRUE(saved(archive) == expected);
 }
 
 } // namespace

@@ -2,13 +2,10 @@
 
 #include <vexel/memory_streams.h>
 
-#include <windows.h>
-
 #include <gtest/gtest.h>
 
 #include <cstring>
 #include <set>
-#include <utility>
 #include <vector>
 
 using Vexel::Detail::platform;

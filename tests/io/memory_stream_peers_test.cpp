@@ -6,16 +6,8 @@
 
 #include <vexel/memory_streams.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <array>
 #include <climits>
 #include <numeric>
-#include <optional>
-#include <ostream>
-#include <random>
-#include <string>
 #include <utility>
 #include <vector>
 
@@ -38,20 +30,8 @@ struct State {
     bool operator==(const State&) const = default;
 };
 
-struct Outcome {
-    HRESULT status = S_OK;
-    unsigned long long moved = 0; // bytes, or the position that Seek tells
-    unsigned long long written = 0;
-    std::string bytes;
-    State stream, target; // afterwards
-    bool operator==(const Outcome&) const = default;
-};
-
-void PrintTo(const Outcome& o, std::ostream* out) {
-    *out << std::hex << static_cast<unsigned long>(o.status) << std::dec << " moved " << o.moved << ", "
-         << o.written << ", now at " << o.stream.position << " of " << o.stream.size << ", target at "
-         << o.target.position << " of " << o.target.size << ", read " << o.bytes;
-}
+/// A status, and what is there afterwards.
+using Outcome = std::pair<HRESULT, std::string>;
 
 void moveTo(::IStream* stream, unsigned long long position) {
     EXPECT_EQ(stream->Seek({.QuadPart = static_cast<long long>(position)}, STREAM_SEEK_SET, nullptr), S_OK);
@@ -72,51 +52,49 @@ std::string bytesOf(::IStream* stream, unsigned long long from, unsigned long lo
     return bytes;
 }
 
-// Two streams, and behind them their clones.
-struct Pool {
-    std::vector<ComPtr<::IStream>> streams;
+/// Two streams, and behind them their clones.
+using Pool = std::vector<ComPtr<::IStream>>;
 
-    Outcome run(const Step& step) {
-        const ComPtr<::IStream> stream = streams[step.stream];
-        Outcome outcome;
-        ULONG moved = 0;
-        ULARGE_INTEGER number{.QuadPart = step.count}, written{};
-        std::string bytes(step.count, '\0');
-        std::iota(bytes.begin(), bytes.end(), static_cast<char>(step.target + step.count));
-        if (step.kind == Kind::Read) {
-            outcome.status = stream->Read(bytes.data(), step.count, &moved);
-            outcome.bytes = bytes.substr(0, moved);
-        } else if (step.kind == Kind::Write) {
-            outcome.status = stream->Write(bytes.data(), step.count, &moved);
-        } else if (step.kind == Kind::Seek) {
-            outcome.status = stream->Seek({.QuadPart = step.move}, step.origin, &number);
-        } else if (step.kind == Kind::SetSize) {
-            outcome.status = stream->SetSize(number);
-        } else if (step.kind == Kind::CopyTo) {
-            outcome.status = stream->CopyTo(streams[step.target].Get(), number, &number, &written);
-        } else {
-            ComPtr<::IStream> clone;
-            outcome.status = stream->Clone(&clone);
-            if (clone)
-                streams.push_back(clone);
-        }
-        if (step.kind == Kind::Seek && FAILED(outcome.status))
+Outcome run(Pool& streams, const Step& step) {
+    const ComPtr<::IStream> stream = streams[step.stream];
+    HRESULT status = S_OK;
+    ULONG moved = 0;
+    ULARGE_INTEGER number{.QuadPart = step.count}, written{};
+    std::string bytes(step.count, '\0');
+    std::iota(bytes.begin(), bytes.end(), static_cast<char>(step.target + step.count));
+    if (step.kind == Kind::Read) {
+        status = stream->Read(bytes.data(), step.count, &moved);
+    } else if (step.kind == Kind::Write) {
+        status = stream->Write(bytes.data(), step.count, &moved);
+    } else if (step.kind == Kind::Seek) {
+        status = stream->Seek({.QuadPart = step.move}, step.origin, &number);
+        if (FAILED(status))
             number = {}; // not defined
-        outcome.moved = step.kind == Kind::CopyTo || step.kind == Kind::Seek ? number.QuadPart : moved;
-        outcome.written = written.QuadPart;
-        outcome.stream = stateOf(stream.Get());
-        outcome.target = stateOf(streams[step.target].Get());
-        return outcome;
+    } else if (step.kind == Kind::SetSize) {
+        status = stream->SetSize(number);
+    } else if (step.kind == Kind::CopyTo) {
+        status = stream->CopyTo(streams[step.target].Get(), number, &number, &written);
+    } else {
+        ComPtr<::IStream> clone;
+        status = stream->Clone(&clone);
+        if (clone)
+            streams.push_back(clone);
     }
-};
+    std::string after = "moved or reached";
+    for (const auto figure : {0ULL + moved, number.QuadPart, written.QuadPart})
+        after += ' ' + std::to_string(figure);
+    for (const std::size_t each : {step.stream, step.target}) {
+        const auto [position, size] = stateOf(streams[each].Get());
+        after += ", now at " + std::to_string(position) + " of " + std::to_string(size);
+    }
+    return {status, after + ", read " + bytes.substr(0, moved)};
+}
 
-/// Where Seek is to go to; nothing for an unknown origin and before the beginning.
-std::optional<unsigned long long> destination(const Step& step, const State& before) {
-    const unsigned long long from = std::array{0ULL, before.position, before.size, 0ULL}[step.origin];
-    const auto distance = static_cast<unsigned long long>(step.move);
-    if (step.origin == 3 || (step.move < 0 && 0 - distance > from))
-        return {};
-    return from + distance;
+bool isBeforeTheBeginning(const Step& step, const State& at) {
+    if (step.kind != Kind::Seek || step.origin > STREAM_SEEK_END || step.move >= 0)
+        return false;
+    const unsigned long long origins[] = {0, at.position, at.size};
+    return 0 - static_cast<unsigned long long>(step.move) > origins[step.origin];
 }
 
 class Script {
@@ -125,8 +103,8 @@ public:
         const DWORD mode = STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
         EXPECT_EQ(StgCreateDocfile(folder_.file(L"file").c_str(), mode, 0, &root_), S_OK);
         for (const wchar_t* name : {L"a", L"b"}) {
-            EXPECT_EQ(root_->CreateStream(name, mode, 0, 0, &theirs_.streams.emplace_back()), S_OK);
-            ours_.streams.emplace_back(Support::streamOf(""));
+            EXPECT_EQ(root_->CreateStream(name, mode, 0, 0, &theirs_.emplace_back()), S_OK);
+            ours_.emplace_back(Support::streamOf(""));
         }
     }
 
@@ -134,25 +112,24 @@ public:
         const Step step = draw();
         if (step.kind == Kind::CopyTo && memory_[step.stream] == memory_[step.target])
             return; // peers differ in where that ends, if it does
-        const State before = stateOf(ours_.streams[step.stream].Get());
-        const State targetBefore = stateOf(ours_.streams[step.target].Get());
-        const Outcome ours = ours_.run(step);
-        if (step.kind == Kind::Seek && step.origin != 3 && !destination(step, before)) {
-            // The system would go there, and read foreign memory.
+        const State before = stateOf(ours_[step.stream].Get());
+        const State targetBefore = stateOf(ours_[step.target].Get());
+        const Outcome ours = run(ours_, step);
+        if (isBeforeTheBeginning(step, before)) { // where the system would go, and read foreign memory
             ++seeksBeforeTheBeginning;
-            EXPECT_EQ(ours.status, STG_E_INVALIDFUNCTION);
-            EXPECT_EQ(ours.stream, before);
+            EXPECT_EQ(ours.first, STG_E_INVALIDFUNCTION);
+            EXPECT_EQ(stateOf(ours_[step.stream].Get()), before);
         } else {
-            Outcome theirs = theirs_.run(step);
+            Outcome theirs = run(theirs_, step);
             if (step.kind == Kind::CopyTo && before.position > before.size && theirs != ours) {
                 ++copiesFromBeyond; // from no memory, which we hand to the target
-                EXPECT_EQ(std::exchange(theirs.status, STG_E_INVALIDPOINTER), S_OK);
+                EXPECT_EQ(std::exchange(theirs.first, STG_E_INVALIDPOINTER), S_OK);
             }
             EXPECT_EQ(ours, theirs) << "operation " << static_cast<int>(step.kind) << ", " << step.count
                                     << " bytes, move " << step.move << " from " << step.origin << ", at "
                                     << before.position << " of " << before.size;
         }
-        if (ours_.streams.size() > memory_.size())
+        if (ours_.size() > memory_.size())
             memory_.push_back(memory_[step.stream]);
         align(step.stream, before, step.kind == Kind::SetSize ? ~0ULL : before.position);
         align(step.target, targetBefore, step.kind == Kind::CopyTo ? targetBefore.position : 0);
@@ -173,8 +150,7 @@ private:
     // The state goes on from ours, as do the bytes from the old end up to `end`, which are not defined; all
     // others must be equal already. Positions stay small enough for memory.
     void align(size_t index, const State& before, unsigned long long end) {
-        ::IStream* const our = ours_.streams[index].Get();
-        ::IStream* const their = theirs_.streams[index].Get();
+        ::IStream *const our = ours_[index].Get(), *const their = theirs_[index].Get();
         const State now = stateOf(our);
         EXPECT_EQ(their->SetSize({.QuadPart = now.size}), S_OK);
         end = (std::min)(end, now.size);

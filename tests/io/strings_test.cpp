@@ -5,11 +5,6 @@
 
 #include <vexel/strings.h>
 
-#include <gtest/gtest.h>
-
-#include <algorithm>
-#include <string>
-#include <string_view>
 #include <type_traits>
 #include <vector>
 
@@ -44,16 +39,12 @@ std::wstring read(std::string_view bytes,
     return wide(result);
 }
 
-std::string repeated(std::size_t count) {
-    std::string bytes;
-    for (std::size_t i = 0; i < count; ++i)
-        bytes += "x\0"s;
-    return bytes;
-}
-
 constexpr auto kReadU = [](vxio::IReadStream& stream, CStringW& string) { VxwReadUniString(stream, string); };
 constexpr auto kReadW = [](vxio::IReadStream& stream, std::wstring& string) {
     VxwReadStringW(stream, string);
+};
+constexpr auto kReadOld = [](vxio::IReadStream& stream, auto& string) {
+    VxwReadString(stream, string, 2860);
 };
 
 TEST(Strings, AreWrittenInTheirLayouts) {
@@ -80,32 +71,31 @@ TEST(Strings, AreWrittenInTheirLayouts) {
 }
 
 TEST(Strings, OfLayoutUAreReadFromEveryKindOfStream) {
+    enum End { CutOff, Complete };
     const struct {
         const char* what;
         std::string bytes;
         std::wstring expected;
-        bool isComplete;
+        End end;
     } cases[] = {
-        {"plain", "\4\0\0\0a\0b\0"s, L"ab", true},
-        {"zeros at the end", "\6\0\0\0a\0\0\0\0\0"s, L"a", true},
-        {"zero inside", "\6\0\0\0a\0\0\0b\0"s, L"a\0b"s, true},
-        {"only zeros", "\4\0\0\0\0\0\0\0"s, L"", true},
-        {"empty", "\0\0\0\0"s, L"", true},
-        {"odd count", "\3\0\0\0a\0b"s, L"a", true},
-        {"lone surrogate", "\2\0\0\0\0\xD8"s, L"\xD800", true},
-        {"no count", "\4\0\0"s, L"", false},
-        {"nothing", "", L"", false},
-        {"short", "\x10\0\0\0a\0b\0"s, L"ab", false},
-        {"short by half a character", "\x10\0\0\0a\0b"s, L"ab", false},
-        {"monstrous count", "\xFF\xFF\xFF\xFF"s + "a\0"s, L"a", false},
+        {"plain", "\4\0\0\0a\0b\0"s, L"ab", Complete},
+        {"zeros at the end", "\6\0\0\0a\0\0\0\0\0"s, L"a", Complete},
+        {"zero inside", "\6\0\0\0a\0\0\0b\0"s, L"a\0b"s, Complete},
+        {"only zeros", "\4\0\0\0\0\0\0\0"s, L"", Complete},
+        {"empty", "\0\0\0\0"s, L"", Complete},
+        {"odd count", "\3\0\0\0a\0b"s, L"a", Complete},
+        {"no count", "\4\0\0"s, L"", CutOff},
+        {"nothing", "", L"", CutOff},
+        {"short by half a character", "\x10\0\0\0a\0b"s, L"ab", CutOff},
+        {"monstrous count", "\xFF\xFF\xFF\xFF"s + "a\0"s, L"a", CutOff},
     };
     const Support::TempFolder folder;
     const std::wstring path = folder.file(L"string");
     for (const auto& c : cases) {
         SCOPED_TRACE(c.what);
-        const bool isComplete = c.isComplete;
-        EXPECT_EQ(read(c.bytes, [&](auto& s, auto& t) { EXPECT_EQ(VxwReadUniString(s, t), isComplete); }),
-                  c.expected);
+        EXPECT_EQ(
+            read(c.bytes, [&](auto& s, auto& t) { EXPECT_EQ(VxwReadUniString(s, t), c.end == Complete); }),
+            c.expected);
         EXPECT_EQ(read(c.bytes, [](auto& s, auto& t) { VxwReadUniString(s.GetStream(), t); }), c.expected);
         EXPECT_EQ(read(c.bytes, [](auto& s, auto& t) { VxwReadString(s, t, 2861); }), c.expected);
         Support::writeFile(path, c.bytes);
@@ -126,24 +116,20 @@ TEST(Strings, OfTheOtherLayoutsAreRead) {
     EXPECT_EQ(read<std::wstring>("\0\0\0\0"s, kReadW), L"");
     EXPECT_EQ(read<std::wstring>("a\0b\0"s, [](auto& s, auto& t) { VxwReadStringW(s, t, 1); }), L"a");
 
-    const auto old = [](auto& s, auto& t) { VxwReadString(s, t, 2860); };
-    EXPECT_EQ(read<CStringW>("\4\0\0\0ab\0c"s, old), L"ab") << "ends at the zero";
-    EXPECT_EQ(read<CStringW>("\0\0\0\0"s, old), L"");
-    EXPECT_EQ(read<std::wstring>("\4\0\0\0ab\0c"s, old), L"ab\0c"s);
-    EXPECT_EQ(read<std::wstring>("\0\0\0\0"s, old), L"before") << "a count of 0 leaves the target";
+    EXPECT_EQ(read<CStringW>("\4\0\0\0ab\0c"s, kReadOld), L"ab") << "ends at the zero";
+    EXPECT_EQ(read<CStringW>("\0\0\0\0"s, kReadOld), L"");
+    EXPECT_EQ(read<std::wstring>("\4\0\0\0ab\0c"s, kReadOld), L"ab\0c"s);
+    EXPECT_EQ(read<std::wstring>("\0\0\0\0"s, kReadOld), L"before") << "a count of 0 leaves the target";
     EXPECT_EQ(read<std::wstring>("\1\0\0\0a\0"s, [](auto& s, auto& t) { VxwReadString(s, t, 2861); }), L"a");
 
     const LCID before = GetThreadLocale();
     SetThreadLocale(MAKELCID(MAKELANGID(LANG_JAPANESE, SUBLANG_DEFAULT), SORT_DEFAULT));
-    EXPECT_EQ(read<CStringW>("\2\0\0\0\x82\xA0"s, old), L"\x3042") << "in the thread's code page";
-    EXPECT_EQ(read<std::wstring>("\3\0\0\0\x82\xA0z"s, old), L"\x3042z\0"s) << "as long as the bytes were";
+    EXPECT_EQ(read<CStringW>("\2\0\0\0\x82\xA0"s, kReadOld), L"\x3042") << "in the thread's code page";
+    EXPECT_EQ(read<std::wstring>("\3\0\0\0\x82\xA0z"s, kReadOld), L"\x3042z\0"s)
+        << "as long as the bytes were";
     SetThreadLocale(before);
 
-    EXPECT_EQ(read("\3abc"
-                   "def"s,
-                   VxwReadCArchiveString),
-              L"\x6261\x6463\x6665")
-        << "without a mark, wide all the same";
+    EXPECT_EQ(read("\3uvwxyz"s, VxwReadCArchiveString), L"\x7675\x7877\x7A79") << "wide without a mark, too";
     EXPECT_EQ(read("\xFF\2\0a\0b\0"s, VxwReadCArchiveString), L"ab");
     EXPECT_EQ(read("\xFF\xFE\xFF\xFF\xFE\xFFx\0y\0"s, VxwReadCArchiveString), L"xy") << "no second mark";
     for (const std::string& header :
@@ -204,13 +190,6 @@ public:
     }
 };
 
-struct Layout {
-    const char* name;
-    std::string header; // promises more than there is
-    std::wstring (*read)(vxio::IReadStream& stream);
-    std::size_t characterSize;
-};
-
 template <class Text, auto Read>
 std::wstring readAs(vxio::IReadStream& stream) {
     Text result{};
@@ -218,33 +197,35 @@ std::wstring readAs(vxio::IReadStream& stream) {
     return wide(result);
 }
 
-template <class Text>
-constexpr auto kReadOld =
-    [](vxio::IReadStream& stream, Text& string) { VxwReadString(stream, string, 2860); };
-
 TEST(Strings, WhoseHeadersPromiseTooMuchAreWhatArrives) {
     const std::string most(4, '\xFF');
     const std::string longest = "\xFF\xFF\xFF\x7F"s;
-    for (const Layout& layout : {
-             Layout{"U", most, readAs<CStringW, kReadU>, 2},
-             Layout{"W", most, readAs<std::wstring, kReadW>, 2},
-             Layout{"A", most, readAs<std::string, VxwReadStringA>, 1},
-             Layout{"A, wide", most, readAs<std::wstring, kReadOld<std::wstring>>, 1},
-             Layout{"A, framework", most, readAs<CStringW, kReadOld<CStringW>>, 1},
-             Layout{"M", "\xFF\xFE\xFF\xFF\xFF\xFF"s + longest, readAs<CStringW, VxwReadCArchiveString>, 2},
-             Layout{"M, no mark", "\xFF\xFF\xFF"s + longest, readAs<CStringW, VxwReadCArchiveString>, 2},
-         }) {
-        const std::string bytes =
-            layout.header + (layout.characterSize == 2 ? repeated(500'000) : std::string(1'000'000, 'x'));
+    const struct {
+        const char* name;
+        std::string header; // promises more than there is
+        std::wstring (*read)(vxio::IReadStream& stream);
+        std::string character = "x\0"s;
+    } layouts[] = {
+        {"U", most, readAs<CStringW, kReadU>},
+        {"W", most, readAs<std::wstring, kReadW>},
+        {"A", most, readAs<std::string, VxwReadStringA>, "x"},
+        {"A, wide", most, readAs<std::wstring, kReadOld>, "x"},
+        {"A, framework", most, readAs<CStringW, kReadOld>, "x"},
+        {"M", "\xFF\xFE\xFF\xFF\xFF\xFF"s + longest, readAs<CStringW, VxwReadCArchiveString>},
+        {"M, no mark", "\xFF\xFF\xFF"s + longest, readAs<CStringW, VxwReadCArchiveString>},
+    };
+    for (const auto& [name, header, read, character] : layouts) {
+        std::string bytes = header;
+        while (bytes.size() < 1'000'000)
+            bytes += character;
         std::vector<std::size_t> cuts{bytes.size()};
         for (std::size_t cut = 0; cut < 20; ++cut)
             cuts.push_back(cut);
         for (const std::size_t cut : cuts) {
             WatchedStream stream(systemStream(std::string_view(bytes).substr(0, cut)).Get());
-            const std::size_t arrived = cut > layout.header.size() ? cut - layout.header.size() : 0;
-            const std::size_t length = (arrived + layout.characterSize - 1) / layout.characterSize;
-            EXPECT_TRUE(layout.read(stream) == std::wstring(length, L'x'))
-                << layout.name << " cut at " << cut;
+            const std::size_t arrived = cut > header.size() ? cut - header.size() : 0;
+            const std::size_t length = (arrived + character.size() - 1) / character.size();
+            EXPECT_TRUE(read(stream) == std::wstring(length, L'x')) << name << " cut at " << cut;
             EXPECT_LE(stream.mostAsked, 0x10000 + arrived) << "memory follows what arrives";
         }
     }

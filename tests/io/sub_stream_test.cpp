@@ -1,15 +1,10 @@
-#include "base/com_pointer.h"
 #include "support/recording_stream.h"
 #include "support/scarce_memory.h"
 #include "support/streams.h"
 
 #include <vexel/sub_stream.h>
 
-#include <gtest/gtest.h>
-
 #include <climits>
-#include <new>
-#include <string>
 
 using Microsoft::WRL::ComPtr;
 using Support::RecordingStream;
@@ -58,34 +53,32 @@ TEST_F(SubStreams, ShowARangeOfRealBytes) {
 }
 
 TEST_F(SubStreams, SeekWithinTheRange) {
-    constexpr HRESULT kBad = STG_E_INVALIDFUNCTION, kGood = S_FALSE; // as the base answers
-    base_->status = kGood;
-    struct Case {
+    base_->status = S_FALSE;
+    struct Move {
         long long move;
         DWORD origin;
-        HRESULT status;
-        unsigned long long reached; // from 3
+        unsigned long long reached = 3; // from there
     };
-    for (const auto& [move, origin, status, reached] :
-         {Case{0, STREAM_SEEK_SET, kGood, 0}, Case{10, STREAM_SEEK_SET, kGood, 10},
-          Case{11, STREAM_SEEK_SET, kBad, 3}, Case{-1, STREAM_SEEK_SET, kBad, 3},
-          Case{LLONG_MAX, STREAM_SEEK_SET, kBad, 3}, Case{LLONG_MIN, STREAM_SEEK_SET, kBad, 3},
-          Case{7, STREAM_SEEK_CUR, kGood, 10}, Case{8, STREAM_SEEK_CUR, kBad, 3},
-          Case{-3, STREAM_SEEK_CUR, kGood, 0}, Case{-4, STREAM_SEEK_CUR, kBad, 3},
-          Case{LLONG_MIN, STREAM_SEEK_CUR, kBad, 3}, Case{0, STREAM_SEEK_END, kGood, 10},
-          Case{-10, STREAM_SEEK_END, kGood, 0}, Case{-11, STREAM_SEEK_END, kBad, 3},
-          Case{1, STREAM_SEEK_END, kBad, 3}, Case{LLONG_MIN, STREAM_SEEK_END, kBad, 3},
-          Case{0, 3, kBad, 3}}) {
-        ASSERT_EQ(seek(range_.Get(), 3), kGood);
+    const auto moves = [this](const Move& to, HRESULT status, const std::string& calls) {
+        SCOPED_TRACE(testing::Message() << to.move << " from " << to.origin);
+        ASSERT_EQ(seek(range_.Get(), 3), S_FALSE);
         base_->take();
         ULARGE_INTEGER told{.QuadPart = 3};
-        EXPECT_EQ(range_->Seek({.QuadPart = move}, origin, &told), status) << move << " " << origin;
-        EXPECT_EQ(told.QuadPart, reached);
-        EXPECT_EQ(base_->take(), status == kGood ? "Seek " + std::to_string(100 + reached) + " 0, " : "");
-        EXPECT_EQ(position(range_.Get()), reached);
-        EXPECT_EQ(seek(range_.Get(), 0, STREAM_SEEK_CUR), S_OK);
-        EXPECT_EQ(base_->take(), "") << "asking for the position does not touch the base";
-    }
+        EXPECT_EQ(range_->Seek({.QuadPart = to.move}, to.origin, &told), status);
+        EXPECT_EQ(told.QuadPart, to.reached);
+        EXPECT_EQ(position(range_.Get()), to.reached);
+        EXPECT_EQ(base_->take(), calls) << "asking for the position does not touch the base";
+    };
+    for (const Move& to :
+         {Move{0, STREAM_SEEK_SET, 0}, Move{10, STREAM_SEEK_SET, 10}, Move{7, STREAM_SEEK_CUR, 10},
+          Move{-3, STREAM_SEEK_CUR, 0}, Move{0, STREAM_SEEK_END, 10}, Move{-10, STREAM_SEEK_END, 0}})
+        moves(to, S_FALSE, "Seek " + std::to_string(100 + to.reached) + " 0, "); // as the base answers
+    for (const Move& to :
+         {Move{11, STREAM_SEEK_SET}, Move{-1, STREAM_SEEK_SET}, Move{LLONG_MAX, STREAM_SEEK_SET},
+          Move{LLONG_MIN, STREAM_SEEK_SET}, Move{8, STREAM_SEEK_CUR}, Move{-4, STREAM_SEEK_CUR},
+          Move{LLONG_MIN, STREAM_SEEK_CUR}, Move{-11, STREAM_SEEK_END}, Move{1, STREAM_SEEK_END},
+          Move{LLONG_MIN, STREAM_SEEK_END}, Move{0, 3}})
+        moves(to, STG_E_INVALIDFUNCTION, "");
     base_->status = STG_E_REVERTED;
     EXPECT_EQ(seek(range_.Get(), 9), STG_E_REVERTED);
     EXPECT_EQ(position(range_.Get()), 3U);
@@ -146,10 +139,9 @@ TEST_F(SubStreams, ChangeTheirSizeOnly) {
 
 TEST_F(SubStreams, PassTheRestOn) {
     base_->status = S_FALSE;
-    EXPECT_EQ(range_->Commit(7), S_FALSE);
-    EXPECT_EQ(range_->Revert(), S_FALSE);
-    EXPECT_EQ(range_->LockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3), S_FALSE);
-    EXPECT_EQ(range_->UnlockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3), S_FALSE);
+    Support::expectEach(S_FALSE, {range_->Commit(7), range_->Revert(),
+                                  range_->LockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3),
+                                  range_->UnlockRegion({.QuadPart = 1}, {.QuadPart = 2}, 3)});
     EXPECT_EQ(base_->take(), "Commit 7, Revert, LockRegion 101 5, LockRegion 101 5, ") << "both lock";
     EXPECT_EQ(range_->LockRegion({.QuadPart = kLimit}, {}, 0), STG_E_INVALIDFUNCTION);
     ComPtr<IUnknown> found;
@@ -217,13 +209,12 @@ TEST_F(SubStreams, WithoutABaseRefuseEverything) {
     EXPECT_EQ(empty->QueryInterface(IID_IUnknown, &found), E_FAIL);
     EXPECT_EQ(found, nullptr);
     EXPECT_EQ(empty->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
-    for (const HRESULT status :
-         {empty->Read(bytes_, 1, &done), empty->Write(bytes_, 1, nullptr),
-          seek(empty.Get(), 0, STREAM_SEEK_CUR), empty->SetSize({.QuadPart = 1}),
-          empty->CopyTo(base_.Get(), {.QuadPart = 1}, &copied, &written), empty->Commit(0), empty->Revert(),
-          empty->LockRegion({}, {}, 0), empty->UnlockRegion({}, {}, 0), empty->Stat(&entry, 0),
-          empty->Clone(&clone)})
-        EXPECT_EQ(status, STG_E_INVALIDFUNCTION);
+    Support::expectEach(STG_E_INVALIDFUNCTION,
+                        {empty->Read(bytes_, 1, &done), empty->Write(bytes_, 1, nullptr),
+                         seek(empty.Get(), 0, STREAM_SEEK_CUR), empty->SetSize({.QuadPart = 1}),
+                         empty->CopyTo(base_.Get(), {.QuadPart = 1}, &copied, &written), empty->Commit(0),
+                         empty->Revert(), empty->LockRegion({}, {}, 0), empty->UnlockRegion({}, {}, 0),
+                         empty->Stat(&entry, 0), empty->Clone(&clone)});
     EXPECT_EQ(done + copied.QuadPart + written.QuadPart, 0U);
     EXPECT_EQ(clone, nullptr);
 }

@@ -8,6 +8,7 @@
 #include <gtest/gtest.h>
 
 #include <cstdint>
+#include <cstring>
 #include <initializer_list>
 #include <iterator>
 #include <string>
@@ -28,6 +29,12 @@ inline std::uint32_t checksum(std::string_view bytes) { return CrcCalc(bytes.dat
 inline std::string start(std::uint64_t offset, std::uint64_t size, std::uint32_t crc) {
     const std::string place = little(offset) + little(size) + little(crc);
     return "7z\xBC\xAF\x27\x1C\0\4"s + little(checksum(place)) + place;
+}
+/// Where a file says its header is.
+inline std::size_t headerOf(const std::string& file) {
+    std::uint64_t offset = 0;
+    std::memcpy(&offset, file.data() + 12, sizeof offset);
+    return 32 + offset;
 }
 inline std::string archiveOf(const std::string& packed, const std::string& header) {
     return start(packed.size(), header.size(), checksum(header)) + packed + header;
@@ -71,7 +78,9 @@ inline std::string packedHeader(const std::string& folder, std::uint64_t packed,
 inline std::string withPackedHeader(const std::string& header, const std::string& contents = {}) {
     CLzmaEncProps props;
     LzmaEncProps_Init(&props);
-    std::string packed(header.size() + 100, '\0');
+    props.level = 1; // takes little memory, as does the target, so that what a test measures afterwards shows
+    props.dictSize = 0x10000;
+    std::string packed(header.size() / 4 + 0x1000, '\0');
     Byte settings[5];
     SizeT size = packed.size(), settingsSize = sizeof settings;
     EXPECT_EQ(LzmaEncode(reinterpret_cast<Byte*>(packed.data()), &size,

@@ -10,7 +10,7 @@
 #include <string>
 #include <string_view>
 
-/// Short ways to write into an archive and to look at all of it.
+/// Short ways to write into an archive and to look at what it holds.
 namespace Support {
 
 inline constexpr const char* directoryMark = "<directory>";
@@ -29,29 +29,39 @@ inline HRESULT writeItem(Vexel::Storage::SZipArchive& archive, const wchar_t* pa
     return FAILED(status) ? status : stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr);
 }
 
-/// Every item with its contents, or with the status that is had instead.
-inline std::map<std::wstring, std::string> statesOf(Vexel::Storage::SZipArchive& archive) {
-    std::map<std::wstring, std::string> states;
-    for (const auto& [path, item] : archive.items()) {
-        std::string& state = states[path.GetString()];
-        const HRESULT status = readItem(archive, Vexel::Storage::StringLess::view(path), state);
-        if (status != S_OK)
-            state = item.isDirectory() ? directoryMark : "status " + std::to_string(status);
-    }
-    return states;
+/// Paths with contents; a directory has its mark for contents.
+using Contents = std::map<std::wstring, std::string>;
+
+inline void fill(Vexel::Storage::SZipArchive& archive, const Contents& contents) {
+    for (const auto& [path, bytes] : contents)
+        EXPECT_EQ(bytes == directoryMark ? archive.createDirectory(path.c_str(), true, false)
+                                         : writeItem(archive, path.c_str(), bytes),
+                  S_OK);
+}
+/// One that has no file.
+inline Vexel::Storage::SZipArchive inMemory(const Contents& contents = {}) {
+    Vexel::Storage::SZipArchive archive(L"", false, true);
+    fill(archive, contents);
+    return archive;
 }
 
-/// Every item with its contents, or the mark of a directory.
-inline std::map<std::wstring, std::string> contentsOf(Vexel::Storage::SZipArchive& archive) {
-    std::map<std::wstring, std::string> contents;
-    for (const auto& [path, item] : archive.items()) {
-        std::string& bytes = contents[path.GetString()];
-        if (item.isDirectory())
-            bytes = directoryMark;
-        else
-            EXPECT_EQ(readItem(archive, Vexel::Storage::StringLess::view(path), bytes), S_OK) << bytes;
-    }
-    return contents;
+/// What is had instead of contents.
+inline std::string failed(HRESULT status) { return "status " + std::to_string(status); }
+
+/// An item's contents.
+inline std::string stateOf(Vexel::Storage::SZipArchive& archive, std::wstring_view path) {
+    std::string bytes;
+    const HRESULT status = readItem(archive, path, bytes);
+    return status == S_OK ? bytes : failed(status);
+}
+
+/// Every item with its contents.
+inline Contents statesOf(Vexel::Storage::SZipArchive& archive) {
+    Contents states;
+    for (const auto& [path, item] : archive.items())
+        states[path.GetString()] =
+            item.isDirectory() ? directoryMark : stateOf(archive, Vexel::Storage::StringLess::view(path));
+    return states;
 }
 
 } // namespace Support

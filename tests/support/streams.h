@@ -16,9 +16,15 @@
 #include <random>
 #include <string>
 #include <string_view>
+#include <vector>
 
 /// Memory streams with given bytes, and the bytes of any stream.
 namespace Support {
+
+/// All of these calls, in their order, give this status.
+inline void expectEach(HRESULT status, std::initializer_list<HRESULT> given) {
+    EXPECT_EQ(std::vector(given), std::vector(given.size(), status));
+}
 
 /// Bytes that do not pack, the same for each size.
 inline std::string noise(std::size_t size) {
