@@ -58,7 +58,8 @@
 ///    pointers that `storage()` and `stream()` return are borrowed. They are valid as long as a handle is on
 ///    the item, and until some thread opens the item or one above it for writing after it was open for
 ///    reading, clears it away (`clear`), or closes all roots (`clearAll`). A reference of the caller's own
-///    keeps such an object alive, but not usable.
+///    keeps such an object alive, but not usable. The same becomes of the interface of a compound file's
+///    stream that is empty when its storage is committed.
 /// 8. What is closed when. Dropping a handle does not close its item: the item stays cached, that is, in
 ///    memory.
 ///     - Compound file: a storage is closed when its last handle goes and none of its children is cached.

@@ -16,6 +16,9 @@ public:
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
     void close() override;
+    /// Makes empty streams anew before: some systems' commit would leave a damaged file behind if they had
+    /// contents before. Interfaces of such streams that somebody holds are reverted.
+    long commit() override;
     bool retryAfterFailure(HRESULT status) override;
     bool hasChild(const SharedPathName& name, StorageType type) override;
     long createTemporary(bool rootFlag) override;
@@ -39,6 +42,13 @@ private:
     HRESULT tryElement(const SharedPathName& name, StorageType type);
     template <class Interface, class Call>
     HRESULT tryOpening(Call call);
+    bool hasOpenEmptyStream();
+    HRESULT remakeEmptyStreams();
+    HRESULT remake(const SharedPathName& name);
+    HRESULT makeEmptyStream(const SharedPathName& name, ::IStream** made);
+
+    friend class VxCompoundStream;
+    bool mayHaveEmptied_ = false; // a stream that has been closed since the last commit
 };
 
 class VxCompoundStream final : public VxStream {
@@ -47,6 +57,13 @@ public:
         : VxStream(std::move(name), parent, root) {}
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
+    void close() override;
+
+private:
+    friend class VxCompoundStorage;
+
+    bool mayBeEmptied() const;
+    HRESULT remake();
 };
 
 class VxCompoundStorageEnumerator final : public VxStorageEnumerator {
