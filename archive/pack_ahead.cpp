@@ -1,0 +1,196 @@
+#include "archive/pack_ahead.h"
+
+#include "base/platform.h"
+
+#include <7zCrc.h>
+
+#include <algorithm>
+#include <cstring>
+#include <exception>
+#include <utility>
+
+namespace Vexel::Storage::Engine {
+
+namespace {
+
+/// What an item costs beside its bytes, as bytes: the encoder clears its tables.
+constexpr std::uint64_t kCostOfItem = 0x400;
+/// The work, by the same measure, that is worth a thread with an encoder of its own: 2 to 3 ms, where to
+/// start and to end one takes 0.7.
+constexpr std::uint64_t kCostOfWorker = 0x10000;
+
+std::uint64_t costOf(const PackAhead::Item& item) noexcept { return item.size + kCostOfItem; }
+
+/// Reads as much as there is, up to `size` bytes.
+bool read(::IStream& contents, unsigned char* room, std::size_t size, std::size_t& done) noexcept {
+    done = 0;
+    if (contents.Seek({}, STREAM_SEEK_SET, nullptr) != S_OK)
+        return false;
+    while (done < size) {
+        ULONG count = 0;
+        const HRESULT status = contents.Read(room + done, static_cast<ULONG>(size - done), &count);
+        if ((status != S_OK && status != S_FALSE) || count > size - done)
+            return false;
+        if (count == 0)
+            return true;
+        done += count;
+    }
+    return true;
+}
+
+bool copy(std::span<const unsigned char> bytes, DynamicBuffer& target) noexcept {
+    target.data = static_cast<unsigned char*>(Detail::platform().reallocate(nullptr, bytes.size()));
+    if (!target.data)
+        return false;
+    std::memcpy(target.data, bytes.data(), bytes.size());
+    target.size = target.capacity = bytes.size();
+    return true;
+}
+
+} // namespace
+
+PackAhead::PackAhead(std::span<const Item> items, unsigned threads) : threads_(threads) {
+    jobs_.reserve(items.size());
+    for (const Item& item : items)
+        jobs_.emplace_back(item);
+}
+
+PackAhead::~PackAhead() {
+    stop();
+    for (std::thread& worker : workers_)
+        worker.join();
+}
+
+void PackAhead::configure(const CLzma2EncProps& settings) noexcept {
+    settings_ = settings;
+    own_.emplace(settings);
+}
+
+std::size_t PackAhead::usefulWorkers() const noexcept {
+    std::uint64_t cost = 0;
+    std::size_t waiting = 0;
+    for (const Job& job : jobs_) {
+        if (job.state != State::Waiting)
+            continue;
+        cost += costOf(job.item);
+        ++waiting;
+    }
+    if (!settings_ || threads_ < 2 || waiting < 2)
+        return 0;
+    return (std::min)(
+        {std::size_t{threads_} - 1, waiting - 1, static_cast<std::size_t>(cost / kCostOfWorker)});
+}
+
+// With fewer workers, or none, the rest does the same.
+void PackAhead::start() noexcept {
+    try {
+        const std::size_t count = usefulWorkers();
+        workers_.reserve(count);
+        while (workers_.size() < count)
+            workers_.push_back(Detail::platform().startThread([this] { work(); }));
+    } catch (const std::exception&) { // no memory, or no thread
+    }
+}
+
+void PackAhead::stop() noexcept {
+    const Lock lock(mutex_);
+    isStopped_ = true;
+    wake(room_, isRoomAwaited_);
+}
+
+void PackAhead::work() noexcept {
+    ItemEncoder encoder(*settings_);
+    Lock lock(mutex_);
+    while (!isStopped_ && next_ < jobs_.size()) {
+        if (Job* const job = claim())
+            packAhead(*job, encoder, lock);
+        else if (next_ < jobs_.size())
+            wait(room_, isRoomAwaited_, lock);
+    }
+}
+
+// Waking nobody costs as much as a system call, too.
+void PackAhead::wait(std::condition_variable& change, bool& isAwaited, Lock& lock) {
+    isAwaited = true;
+    change.wait(lock);
+}
+
+void PackAhead::wake(std::condition_variable& change, bool& isAwaited) noexcept {
+    if (std::exchange(isAwaited, false))
+        change.notify_all();
+}
+
+// The first job that waits, if the window has room for it.
+PackAhead::Job* PackAhead::claim() noexcept {
+    next_ = (std::max)(next_, reached_);
+    while (next_ < jobs_.size() && jobs_[next_].state != State::Waiting)
+        ++next_;
+    if (isStopped_ || next_ == jobs_.size() || used_ + jobs_[next_].item.size > kWindow)
+        return nullptr;
+    return &jobs_[next_++];
+}
+
+void PackAhead::packAhead(Job& job, ItemEncoder& encoder, Lock& lock) noexcept {
+    const auto claimed = static_cast<std::size_t>(job.item.size);
+    job.state = State::Packing;
+    used_ += claimed;
+    lock.unlock();
+    const bool isFilled = fill(job, encoder);
+    lock.lock();
+    used_ -= claimed;
+    used_ += job.packed.size;
+    job.state = isFilled ? State::Packed : State::Left;
+    if (!isFilled)
+        isStopped_ = true;
+    wake(packed_, isPackedAwaited_);
+    wake(room_, isRoomAwaited_);
+}
+
+bool PackAhead::fill(Job& job, ItemEncoder& encoder) const noexcept {
+    unsigned char* const room = encoder.room();
+    if (!room || !read(*job.item.contents, room, static_cast<std::size_t>(job.item.size), job.size))
+        return false;
+    job.crc = CrcCalc(room, job.size);
+    return encoder.pack(job.size, &isStopped_) == S_OK && copy(encoder.packed(), job.packed);
+}
+
+HRESULT PackAhead::reach(unsigned index) noexcept {
+    if (reached_ == 0)
+        start();
+    DynamicBuffer former; // goes without the lock
+    Lock lock(mutex_);
+    if (reached_ > 0) {
+        former = std::move(jobs_[reached_ - 1].packed);
+        used_ -= former.size;
+        wake(room_, isRoomAwaited_);
+    }
+    const auto job = std::find_if(jobs_.begin() + static_cast<std::ptrdiff_t>(reached_), jobs_.end(),
+                                  [index](const Job& candidate) { return candidate.item.index == index; });
+    if (job == jobs_.end())
+        return E_FAIL;
+    reached_ = static_cast<std::size_t>(job - jobs_.begin()) + 1;
+    if (job->state == State::Waiting)
+        job->state = State::Left;
+    while (job->state == State::Packing) {
+        if (Job* const other = claim(); other && own_)
+            packAhead(*other, *own_, lock);
+        else
+            wait(packed_, isPackedAwaited_, lock);
+    }
+    return S_OK;
+}
+
+HRESULT PackAhead::pack(std::size_t size, std::span<const unsigned char>& packed) noexcept {
+    if (!own_ || reached_ == 0)
+        return E_FAIL;
+    const Job& job = jobs_[reached_ - 1];
+    if (job.state == State::Packed && job.size == size && job.crc == CrcCalc(own_->room(), size)) {
+        packed = {job.packed.data, job.packed.size};
+        return S_OK;
+    }
+    const HRESULT status = own_->pack(size, nullptr);
+    packed = own_->packed();
+    return status;
+}
+
+} // namespace Vexel::Storage::Engine
