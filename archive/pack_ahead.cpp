@@ -49,7 +49,8 @@ bool copy(std::span<const unsigned char> bytes, DynamicBuffer& target) noexcept 
 
 } // namespace
 
-PackAhead::PackAhead(std::span<const Item> items, unsigned threads) : threads_(threads) {
+PackAhead::PackAhead(std::span<const Item> items, unsigned threads)
+    : workerCount_(usefulWorkers(items, threads)) {
     jobs_.reserve(items.size());
     for (const Item& item : items)
         jobs_.emplace_back(item);
@@ -66,27 +67,25 @@ void PackAhead::configure(const CLzma2EncProps& settings) noexcept {
     own_.emplace(settings);
 }
 
-std::size_t PackAhead::usefulWorkers() const noexcept {
+std::size_t PackAhead::usefulWorkers(std::span<const Item> items, unsigned threads) noexcept {
     std::uint64_t cost = 0;
-    std::size_t waiting = 0;
-    for (const Job& job : jobs_) {
-        if (job.state != State::Waiting)
+    std::size_t count = 0;
+    for (const Item& item : items) {
+        if (!isFor(item))
             continue;
-        cost += costOf(job.item);
-        ++waiting;
+        cost += costOf(item);
+        ++count;
     }
-    if (!settings_ || threads_ < 2 || waiting < 2)
+    if (threads < 2 || count < 2)
         return 0;
-    return (std::min)(
-        {std::size_t{threads_} - 1, waiting - 1, static_cast<std::size_t>(cost / kCostOfWorker)});
+    return (std::min)({std::size_t{threads} - 1, count - 1, static_cast<std::size_t>(cost / kCostOfWorker)});
 }
 
 // With fewer workers, or none, the rest does the same.
 void PackAhead::start() noexcept {
     try {
-        const std::size_t count = usefulWorkers();
-        workers_.reserve(count);
-        while (workers_.size() < count)
+        workers_.reserve(workerCount_);
+        while (workers_.size() < workerCount_)
             workers_.push_back(Detail::platform().startThread([this] { work(); }));
     } catch (const std::exception&) { // no memory, or no thread
     }
@@ -154,38 +153,39 @@ bool PackAhead::fill(Job& job, ItemEncoder& encoder) const noexcept {
     return encoder.pack(job.size, &isStopped_) == S_OK && copy(encoder.packed(), job.packed);
 }
 
-HRESULT PackAhead::reach(unsigned index) noexcept {
-    if (reached_ == 0)
+void PackAhead::reach(unsigned index) noexcept {
+    if (reached_ == 0 && own_)
         start();
     DynamicBuffer former; // goes without the lock
     Lock lock(mutex_);
-    if (reached_ > 0) {
-        former = std::move(jobs_[reached_ - 1].packed);
+    if (current_) {
+        former = std::move(current_->packed);
         used_ -= former.size;
+        current_ = nullptr;
         wake(room_, isRoomAwaited_);
     }
     const auto job = std::find_if(jobs_.begin() + static_cast<std::ptrdiff_t>(reached_), jobs_.end(),
                                   [index](const Job& candidate) { return candidate.item.index == index; });
     if (job == jobs_.end())
-        return E_FAIL;
+        return;
+    current_ = &*job;
     reached_ = static_cast<std::size_t>(job - jobs_.begin()) + 1;
     if (job->state == State::Waiting)
         job->state = State::Left;
     while (job->state == State::Packing) {
-        if (Job* const other = claim(); other && own_)
+        if (Job* const other = claim())
             packAhead(*other, *own_, lock);
         else
             wait(packed_, isPackedAwaited_, lock);
     }
-    return S_OK;
 }
 
 HRESULT PackAhead::pack(std::size_t size, std::span<const unsigned char>& packed) noexcept {
-    if (!own_ || reached_ == 0)
+    if (!own_)
         return E_FAIL;
-    const Job& job = jobs_[reached_ - 1];
-    if (job.state == State::Packed && job.size == size && job.crc == CrcCalc(own_->room(), size)) {
-        packed = {job.packed.data, job.packed.size};
+    if (current_ && current_->state == State::Packed && current_->size == size &&
+        current_->crc == CrcCalc(own_->room(), size)) {
+        packed = {current_->packed.data, current_->packed.size};
         return S_OK;
     }
     const HRESULT status = own_->pack(size, nullptr);

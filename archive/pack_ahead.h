@@ -46,15 +46,18 @@ class PackAhead {
 public:
     /// An item that is to be packed. Its stream is used by one thread at a time.
     struct Item {
-        unsigned index; ///< by which the engine asks for it
-        ::IStream* contents;
-        std::uint64_t size; ///< about
+        unsigned index;      ///< by which the engine asks for it
+        ::IStream* contents; ///< or null, for one that cannot be packed ahead
+        std::uint64_t size;  ///< about
     };
     /// Packed bytes that wait for the engine.
     static constexpr std::size_t kWindow = std::size_t{16} << 20;
 
-    /// `items` in the order in which the engine will come to them; `threads` is how many may work, the
-    /// caller's included. Starts nothing.
+    /// How many workers pay, of `threads` that may work, the engine's included.
+    static std::size_t usefulWorkers(std::span<const Item> items, unsigned threads) noexcept;
+
+    /// `items` in the order in which the engine will come to them. Those that are not among them are packed
+    /// when it does. Starts nothing.
     PackAhead(std::span<const Item> items, unsigned threads);
     PackAhead(const PackAhead&) = delete;
     PackAhead& operator=(const PackAhead&) = delete;
@@ -65,9 +68,8 @@ public:
 
     /// How to pack; before the first item.
     void configure(const CLzma2EncProps& settings) noexcept;
-    /// To be called before the item's stream is touched, which nobody else uses from then on. E_FAIL for an
-    /// item that was not announced, or comes twice.
-    HRESULT reach(unsigned index) noexcept;
+    /// To be called before the item's stream is touched, which nobody else uses from then on.
+    void reach(unsigned index) noexcept;
     /// Where to read the item to: `kLargeItem` bytes; null when there is no memory.
     unsigned char* room() noexcept { return own_ ? own_->room() : nullptr; }
     /// Packs the item reached, of which `size` bytes, less than `kLargeItem`, were read. `packed` is valid
@@ -94,8 +96,8 @@ private:
     };
     using Lock = std::unique_lock<std::mutex>;
 
+    static bool isFor(const Item& item) noexcept { return item.contents && item.size < kLargeItem; }
     void start() noexcept;
-    std::size_t usefulWorkers() const noexcept;
     void work() noexcept;
     Job* claim() noexcept;
     void packAhead(Job& job, ItemEncoder& encoder, Lock& lock) noexcept;
@@ -104,7 +106,7 @@ private:
     static void wait(std::condition_variable& change, bool& isAwaited, Lock& lock);
     static void wake(std::condition_variable& change, bool& isAwaited) noexcept;
 
-    const unsigned threads_;
+    const std::size_t workerCount_;
     std::optional<ItemEncoder> own_;
     std::optional<CLzma2EncProps> settings_;
     std::vector<std::thread> workers_;
@@ -116,7 +118,8 @@ private:
     std::condition_variable room_; // of the window, or there is no work any more
     bool isRoomAwaited_ = false;
     std::vector<Job> jobs_;
-    std::size_t reached_ = 0; // jobs that the engine has come to
+    Job* current_ = nullptr;  // which the engine has come to
+    std::size_t reached_ = 0; // jobs up to that one
     std::size_t next_ = 0;    // jobs before this one do not wait
     std::size_t used_ = 0;    // of the window
 };

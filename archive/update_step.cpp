@@ -7,12 +7,11 @@
 #include "archive/header_layout.h"
 #include "archive/pack_ahead.h"
 #include "archive/packing_coder.h"
+#include "archive/packing_order.h"
 #include "base/com_pointer.h"
 #include "base/status.h"
 
 #include <vexel/diagnostics.h>
-
-#include <Common/Wildcard.h>
 
 #include <algorithm>
 #include <new>
@@ -96,8 +95,7 @@ HRESULT UpdateCallback::GetStream(UInt32 index, ISequentialInStream** stream) no
     *stream = nullptr;
     if (index >= entries_.size() || !entries_[index].contents)
         return STG_E_INVALIDPARAMETER;
-    if (const HRESULT status = packing_.reach(index); status != S_OK)
-        return status;
+    packing_.reach(index);
     const ComPtr<::IStream>& contents = entries_[index].contents;
     if (const HRESULT status = Detail::asStatus(contents->Seek({}, STREAM_SEEK_SET, nullptr)); status != S_OK)
         return status;
@@ -189,18 +187,17 @@ CObjectVector<CUpdateItem> itemsOf(const std::vector<UpdateEntry>& entries) {
     return items;
 }
 
-/// The items that the engine will pack, in the order in which it does.
-std::vector<PackAhead::Item> itemsToPack(const CObjectVector<CUpdateItem>& items,
-                                         const std::vector<UpdateEntry>& entries) {
-    std::vector<PackAhead::Item> wanted;
-    for (unsigned i = 0; i < items.Size(); ++i)
-        if (items[i].NewData && items[i].HasStream())
-            wanted.push_back({.index = i, .contents = entries[i].contents.Get(), .size = items[i].Size});
-    std::sort(wanted.begin(), wanted.end(), [&](const PackAhead::Item& a, const PackAhead::Item& b) {
-        const int order = CompareFileNames(items[a.index].Name, items[b.index].Name);
-        return order != 0 ? order < 0 : a.index < b.index;
-    });
-    return wanted;
+/// The items that the engine will pack, in the order in which it does; none where packing ahead does not pay.
+std::vector<PackAhead::Item> itemsToPack(const CObjectVector<CUpdateItem>& list,
+                                         const std::vector<UpdateEntry>& entries, unsigned threads) {
+    std::vector<PackAhead::Item> items;
+    for (unsigned i = 0; i < list.Size(); ++i)
+        if (list[i].NewData && list[i].HasStream())
+            items.push_back({.index = i, .contents = entries[i].contents.Get(), .size = list[i].Size});
+    if (PackAhead::usefulWorkers(items, threads) == 0)
+        return {};
+    putIntoPackingOrder(items, list);
+    return items;
 }
 
 HRESULT engineStatus(HRESULT result) noexcept {
@@ -221,7 +218,7 @@ HRESULT update(const std::vector<UpdateEntry>& entries, const DatabaseStream* ol
         return status;
 
     CObjectVector<CUpdateItem> items = itemsOf(entries);
-    PackAhead packing(itemsToPack(items, entries), threads);
+    PackAhead packing(itemsToPack(items, entries, threads), threads);
     const auto callback = Detail::adopt(new UpdateCallback(entries, packing, isAtHeader));
     const CCompressionMethodMode method = methodFor(MethodId::kLzma2, threads, &packing);
     const CCompressionMethodMode headerMethod = methodFor(MethodId::kLzma, kLzmaThreads);
