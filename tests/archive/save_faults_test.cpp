@@ -7,11 +7,14 @@
 #include "base/com_pointer.h"
 #include "base/handles.h"
 #include "base/platform.h"
+#include "support/platform_guard.h"
 #include "support/scarce_memory.h"
 
 #include <filesystem>
+#include <functional>
 #include <new>
 #include <string>
+#include <thread>
 
 using namespace std::string_view_literals;
 using Support::ArchiveFaults;
@@ -25,6 +28,8 @@ using Vexel::Storage::SZipArchive;
 namespace {
 
 constexpr std::size_t kLarge = 60'000;
+/// Bytes to pack that a save has another thread for, on more than one processor.
+constexpr std::size_t kWorthAThread = 70'000;
 
 bool memoryHit = false;
 
@@ -67,7 +72,7 @@ const Change kChanges[] = {
     {"copy",
      [](SZipArchive& a) {
          SZipArchive other(L"", false, true);
-         writeItem(other, L"x", noise(3000));
+         writeItem(other, L"x", std::string(kWorthAThread, 'x'));
          return a.addItem(other, L"x"sv, L"copied");
      }},
     {"all",
@@ -104,9 +109,17 @@ protected:
     }
     /// What the change comes to when nothing fails.
     void expect(const Change& change) {
+        static unsigned started;
+        started = 0;
+        const PlatformGuard guard;
+        Vexel::Detail::platform().startThread = [](const std::function<void()>& body) {
+            ++started;
+            return std::thread(body);
+        };
         SZipArchive archive = changed(change);
         ASSERT_EQ(archive.save(false), S_OK);
         new_ = onDisk();
+        EXPECT_EQ(started > 0, &change == &kChanges[5] && std::thread::hardware_concurrency() > 1);
     }
     /// The old file, changed in memory.
     SZipArchive changed(const Change& change = kChanges[5]) const {
