@@ -92,31 +92,20 @@ void PackAhead::start() noexcept {
 }
 
 void PackAhead::stop() noexcept {
-    const Lock lock(mutex_);
+    const Lock lock(monitor_);
     isStopped_ = true;
-    wake(room_, isRoomAwaited_);
+    room_.tell();
 }
 
 void PackAhead::work() noexcept {
     ItemEncoder encoder(*settings_);
-    Lock lock(mutex_);
+    Lock lock(monitor_);
     while (!isStopped_ && next_ < jobs_.size()) {
         if (Job* const job = claim())
             packAhead(*job, encoder, lock);
         else if (next_ < jobs_.size())
-            wait(room_, isRoomAwaited_, lock);
+            room_.wait(monitor_);
     }
-}
-
-// Waking nobody costs as much as a system call, too.
-void PackAhead::wait(std::condition_variable& change, bool& isAwaited, Lock& lock) {
-    isAwaited = true;
-    change.wait(lock);
-}
-
-void PackAhead::wake(std::condition_variable& change, bool& isAwaited) noexcept {
-    if (std::exchange(isAwaited, false))
-        change.notify_all();
 }
 
 // The first job that waits, if the window has room for it.
@@ -141,8 +130,8 @@ void PackAhead::packAhead(Job& job, ItemEncoder& encoder, Lock& lock) noexcept {
     job.state = isFilled ? State::Packed : State::Left;
     if (!isFilled)
         isStopped_ = true;
-    wake(packed_, isPackedAwaited_);
-    wake(room_, isRoomAwaited_);
+    packed_.tell();
+    room_.tell();
 }
 
 bool PackAhead::fill(Job& job, ItemEncoder& encoder) const noexcept {
@@ -157,12 +146,12 @@ void PackAhead::reach(unsigned index) noexcept {
     if (reached_ == 0 && own_)
         start();
     DynamicBuffer former; // goes without the lock
-    Lock lock(mutex_);
+    Lock lock(monitor_);
     if (current_) {
         former = std::move(current_->packed);
         used_ -= former.size;
         current_ = nullptr;
-        wake(room_, isRoomAwaited_);
+        room_.tell();
     }
     const auto job = std::find_if(jobs_.begin() + static_cast<std::ptrdiff_t>(reached_), jobs_.end(),
                                   [index](const Job& candidate) { return candidate.item.index == index; });
@@ -176,7 +165,7 @@ void PackAhead::reach(unsigned index) noexcept {
         if (Job* const other = claim())
             packAhead(*other, *own_, lock);
         else
-            wait(packed_, isPackedAwaited_, lock);
+            packed_.wait(monitor_);
     }
 }
 

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archive/item_encoder.h"
+#include "archive/monitor.h"
 
 #include <vexel/memory_streams.h>
 
@@ -9,7 +10,6 @@
 #include <objidl.h>
 
 #include <atomic>
-#include <condition_variable>
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
@@ -94,7 +94,7 @@ private:
         std::size_t size = 0;  ///< of these
         DynamicBuffer packed;
     };
-    using Lock = std::unique_lock<std::mutex>;
+    using Lock = std::unique_lock<Monitor>;
 
     static bool isFor(const Item& item) noexcept { return item.contents && item.size < kLargeItem; }
     void start() noexcept;
@@ -103,8 +103,6 @@ private:
     void packAhead(Job& job, ItemEncoder& encoder, Lock& lock) noexcept;
     bool fill(Job& job, ItemEncoder& encoder) const noexcept;
     void stop() noexcept;
-    static void wait(std::condition_variable& change, bool& isAwaited, Lock& lock);
-    static void wake(std::condition_variable& change, bool& isAwaited) noexcept;
 
     const std::size_t workerCount_;
     std::optional<ItemEncoder> own_;
@@ -112,11 +110,9 @@ private:
     std::vector<std::thread> workers_;
     std::atomic<bool> isStopped_{false};
 
-    std::mutex mutex_;               // guards what follows
-    std::condition_variable packed_; // some job is no longer with a thread
-    bool isPackedAwaited_ = false;
-    std::condition_variable room_; // of the window, or there is no work any more
-    bool isRoomAwaited_ = false;
+    Monitor monitor_;        // guards what follows
+    Monitor::Change packed_; // some job is no longer with a thread
+    Monitor::Change room_;   // of the window, or it is over
     std::vector<Job> jobs_;
     Job* current_ = nullptr;  // which the engine has come to
     std::size_t reached_ = 0; // jobs up to that one
