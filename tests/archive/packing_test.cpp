@@ -314,9 +314,11 @@ TEST_F(Packing, TakesNoMoreMemoryThanItsWindowAndAnEncoderForEachThread) {
         HRESULT STDMETHODCALLTYPE Write(const void* from, ULONG size, ULONG* done) noexcept override {
             if (size < kMiB / 2)
                 return InMemoryIStream::Write(from, size, done);
-            for (unsigned i = 0; i < 200 && watch->peak < full; ++i)
-                Sleep(100);
-            Sleep(500);
+            std::size_t before = 0;
+            for (unsigned i = 0; i < 60 && (watch->peak < full || watch->peak != before); ++i) {
+                before = watch->peak;
+                Sleep(700);
+            }
             return STG_E_WRITEFAULT;
         }
     };
