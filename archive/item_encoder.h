@@ -24,7 +24,7 @@ constexpr std::size_t kLargeItem = 0x100000;
 /// It takes memory when it is first used: up to 7 MiB for the encoder, and twice `kLargeItem`.
 class ItemEncoder {
 public:
-    /// `settings` must be for one thread.
+    /// `settings` are for one thread, stay, and are looked at when something is packed.
     explicit ItemEncoder(const CLzma2EncProps& settings) noexcept : settings_(settings) {}
 
     /// `kLargeItem` bytes to put contents into; null when there is no memory.
@@ -47,7 +47,7 @@ private:
 
     bool prepare() noexcept;
 
-    CLzma2EncProps settings_;
+    const CLzma2EncProps& settings_;
     std::unique_ptr<CLzma2Enc, Destroy> encoder_;
     DynamicBuffer room_;
     DynamicBuffer packed_;

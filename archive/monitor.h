@@ -13,6 +13,7 @@ public:
     Monitor() noexcept = default;
     Monitor(const Monitor&) = delete;
     Monitor& operator=(const Monitor&) = delete;
+    ~Monitor() = default;
 
     void lock() noexcept { AcquireSRWLockExclusive(&lock_); }
     void unlock() noexcept { ReleaseSRWLockExclusive(&lock_); }

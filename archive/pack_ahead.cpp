@@ -62,11 +62,6 @@ PackAhead::~PackAhead() {
         worker.join();
 }
 
-void PackAhead::configure(const CLzma2EncProps& settings) noexcept {
-    settings_ = settings;
-    own_.emplace(settings);
-}
-
 std::size_t PackAhead::usefulWorkers(std::span<const Item> items, unsigned threads) noexcept {
     std::uint64_t cost = 0;
     std::size_t count = 0;
@@ -98,7 +93,7 @@ void PackAhead::stop() noexcept {
 }
 
 void PackAhead::work() noexcept {
-    ItemEncoder encoder(*settings_);
+    ItemEncoder encoder(settings_);
     Lock lock(monitor_);
     while (!isStopped_ && next_ < jobs_.size()) {
         if (Job* const job = claim())
@@ -143,7 +138,7 @@ bool PackAhead::fill(Job& job, ItemEncoder& encoder) const noexcept {
 }
 
 void PackAhead::reach(unsigned index) noexcept {
-    if (reached_ == 0 && own_)
+    if (reached_ == 0)
         start();
     DynamicBuffer former; // goes without the lock
     Lock lock(monitor_);
@@ -163,22 +158,20 @@ void PackAhead::reach(unsigned index) noexcept {
         job->state = State::Left;
     while (job->state == State::Packing) {
         if (Job* const other = claim())
-            packAhead(*other, *own_, lock);
+            packAhead(*other, own_, lock);
         else
             packed_.wait(monitor_);
     }
 }
 
 HRESULT PackAhead::pack(std::size_t size, std::span<const unsigned char>& packed) noexcept {
-    if (!own_)
-        return E_FAIL;
     if (current_ && current_->state == State::Packed && current_->size == size &&
-        current_->crc == CrcCalc(own_->room(), size)) {
+        current_->crc == CrcCalc(own_.room(), size)) {
         packed = {current_->packed.data, current_->packed.size};
         return S_OK;
     }
-    const HRESULT status = own_->pack(size, nullptr);
-    packed = own_->packed();
+    const HRESULT status = own_.pack(size, nullptr);
+    packed = own_.packed();
     return status;
 }
 

@@ -13,7 +13,6 @@
 #include <cstddef>
 #include <cstdint>
 #include <mutex>
-#include <optional>
 #include <span>
 #include <thread>
 #include <vector>
@@ -67,11 +66,11 @@ public:
     // For the engine's thread:
 
     /// How to pack; before the first item.
-    void configure(const CLzma2EncProps& settings) noexcept;
+    void configure(const CLzma2EncProps& settings) noexcept { settings_ = settings; }
     /// To be called before the item's stream is touched, which nobody else uses from then on.
     void reach(unsigned index) noexcept;
     /// Where to read the item to: `kLargeItem` bytes; null when there is no memory.
-    unsigned char* room() noexcept { return own_ ? own_->room() : nullptr; }
+    unsigned char* room() noexcept { return own_.room(); }
     /// Packs the item reached, of which `size` bytes, less than `kLargeItem`, were read. `packed` is valid
     /// until the next item. The statuses are those of `ItemEncoder::pack`.
     HRESULT pack(std::size_t size, std::span<const unsigned char>& packed) noexcept;
@@ -105,8 +104,8 @@ private:
     void stop() noexcept;
 
     const std::size_t workerCount_;
-    std::optional<ItemEncoder> own_;
-    std::optional<CLzma2EncProps> settings_;
+    CLzma2EncProps settings_{};
+    ItemEncoder own_{settings_}; // the engine's thread's
     std::vector<std::thread> workers_;
     std::atomic<bool> isStopped_{false};
 

@@ -20,6 +20,7 @@
 namespace NCompress::NLzma2 {
 
 // The engine declares it where it uses it.
+// NOLINTNEXTLINE(readability-identifier-naming): its name
 HRESULT SetLzma2Prop(PROPID propID, const PROPVARIANT& prop, CLzma2EncProps& lzma2Props);
 
 } // namespace NCompress::NLzma2
@@ -157,10 +158,10 @@ void* createDecoder() { return static_cast<ICompressCoder*>(new NCompress::NLzma
 
 constexpr CCodecInfo kLzma2{createDecoder, createEncoder, MethodId::kLzma2, "LZMA2", 1, false};
 
-[[maybe_unused]] const bool isRegistered = [] {
-    RegisterCodec(&kLzma2);
-    return true;
-}();
+struct Registration {
+    Registration() noexcept { RegisterCodec(&kLzma2); }
+};
+[[maybe_unused]] const Registration kRegistration;
 
 } // namespace
 

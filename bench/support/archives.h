@@ -17,6 +17,7 @@
 #include <cwchar>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -125,8 +126,8 @@ public:
     }
     HRESULT STDMETHODCALLTYPE GetStream(UInt32 index, ISequentialInStream** stream) noexcept override {
         entries_[index].contents->Seek({}, STREAM_SEEK_SET, nullptr);
-        *stream = new IStreamInStream(entries_[index].contents);
-        return S_OK;
+        *stream = new (std::nothrow) IStreamInStream(entries_[index].contents);
+        return *stream ? S_OK : E_OUTOFMEMORY;
     }
     HRESULT STDMETHODCALLTYPE SetOperationResult(Int32 /*result*/) noexcept override { return S_OK; }
 

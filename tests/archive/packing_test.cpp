@@ -49,7 +49,10 @@ struct Watch {
 
     bool fails() {
         const std::lock_guard guard(lock);
-        return left >= 0 && left-- == 0;
+        if (left < 0)
+            return false;
+        --left;
+        return left < 0;
     }
     void* note(void* block, std::size_t size) {
         const std::lock_guard guard(lock);
