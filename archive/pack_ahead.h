@@ -84,8 +84,7 @@ private:
     };
     struct Job {
         explicit Job(const Item& announced) noexcept
-            : item(announced), state(item.contents && item.size < kLargeItem ? State::Waiting : State::Left) {
-        }
+            : item(announced), state(isFor(item) ? State::Waiting : State::Left) {}
 
         Item item;
         State state;

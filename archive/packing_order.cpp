@@ -1,6 +1,7 @@
 // The engine sorts what it packs, by tables that it keeps to itself. So it is asked, by a rehearsal: an
-// update of the new items alone, all into one folder. For that it opens one after the other before it packs
-// anything, is given none, and is stopped at the last.
+// update that packs all these items into one folder. For that it opens one after the other before it packs
+// anything, is given none, and is stopped at the last. Items that are copied have no part in it, for they
+// need the old archive.
 
 #include "archive/packing_order.h"
 

@@ -2,6 +2,7 @@
 // archive, and memory has its bounds.
 
 #include "archive/engine.h"
+#include "archive/pack_ahead.h"
 #include "archive/packing_order.h"
 #include "archive/update_step.h"
 #include "base/com_pointer.h"
