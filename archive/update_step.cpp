@@ -3,9 +3,11 @@
 
 #include "archive/update_step.h"
 
-#include "archive/engine.h"
 #include "archive/engine_status.h"
 #include "archive/header_layout.h"
+#include "archive/pack_ahead.h"
+#include "archive/packing_coder.h"
+#include "archive/packing_order.h"
 #include "base/com_pointer.h"
 #include "base/status.h"
 
@@ -26,6 +28,9 @@ constexpr UInt32 kDictionary = 0x100000;
 constexpr UInt32 kFastMode = 0;
 constexpr UInt32 kFastBytes = 32;
 constexpr auto* kMatchFinder = "HC4";
+/// Of LZMA2. By itself the engine makes no blocks where it has one thread, and the same file would come out
+/// differently on another machine.
+constexpr UInt32 kBlock = 4 * kDictionary;
 constexpr UInt32 kLzmaThreads = 2;
 
 constexpr auto* kUpdateFailure = L"Failed to create or update archive \"%ls\": 0x%08x";
@@ -33,13 +38,13 @@ constexpr auto* kHeaderFailure = L"Failed to write archive header to \"%ls\": 0x
 
 struct UpdateInterfaces : IArchiveUpdateCallback, IArchiveUpdateCallbackFile {};
 
-/// Hands the engine the contents of the items that have new data. It is never asked for properties, as it
-/// gets a list of them.
+/// Hands the engine the contents of the items that have new data, and tells the packing which are next. It is
+/// never asked for properties, as the engine gets a list of them.
 class UpdateCallback final : public IUnknownImpl<UpdateInterfaces> {
 public:
     /// `isAtHeader` becomes true when all contents are written and the header comes next.
-    UpdateCallback(const std::vector<UpdateEntry>& entries, bool& isAtHeader) noexcept
-        : entries_(entries), isAtHeader_(isAtHeader) {}
+    UpdateCallback(const std::vector<UpdateEntry>& entries, PackAhead& packing, bool& isAtHeader) noexcept
+        : entries_(entries), packing_(packing), isAtHeader_(isAtHeader) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
     HRESULT STDMETHODCALLTYPE SetTotal(UInt64 /*total*/) noexcept override { return S_OK; }
@@ -68,6 +73,7 @@ public:
 
 private:
     const std::vector<UpdateEntry>& entries_;
+    PackAhead& packing_;
     bool& isAtHeader_;
 };
 
@@ -89,6 +95,7 @@ HRESULT UpdateCallback::GetStream(UInt32 index, ISequentialInStream** stream) no
     *stream = nullptr;
     if (index >= entries_.size() || !entries_[index].contents)
         return STG_E_INVALIDPARAMETER;
+    packing_.reach(index);
     const ComPtr<::IStream>& contents = entries_[index].contents;
     if (const HRESULT status = Detail::asStatus(contents->Seek({}, STREAM_SEEK_SET, nullptr)); status != S_OK)
         return status;
@@ -118,7 +125,7 @@ void fill(CUpdateItem& item, const UpdateEntry& entry, unsigned index) {
     item.NewData = entry.hasNewData;
 }
 
-CCompressionMethodMode methodFor(CMethodId id, UInt32 threads) {
+CCompressionMethodMode methodFor(CMethodId id, UInt32 threads, PackAhead* packing = nullptr) {
     CMethodFull method;
     method.Id = id;
     method.NumStreams = 1;
@@ -127,6 +134,12 @@ CCompressionMethodMode methodFor(CMethodId id, UInt32 threads) {
     method.AddProp32(NCoderPropID::kNumFastBytes, kFastBytes);
     method.AddProp_Ascii(NCoderPropID::kMatchFinder, kMatchFinder);
     method.AddProp32(NCoderPropID::kNumThreads, threads);
+    if (packing) {
+        method.AddProp32(NCoderPropID::kBlockSize, kBlock);
+        CProp& property = method.Props.AddNew();
+        property.Id = kPackAheadProperty;
+        property.Value = static_cast<UInt64>(reinterpret_cast<std::uintptr_t>(packing));
+    }
     CCompressionMethodMode mode;
     mode.Methods.Add(method);
     mode.NumThreads = threads;
@@ -174,6 +187,19 @@ CObjectVector<CUpdateItem> itemsOf(const std::vector<UpdateEntry>& entries) {
     return items;
 }
 
+/// The items that the engine will pack, in the order in which it does; none where packing ahead does not pay.
+std::vector<PackAhead::Item> itemsToPack(const CObjectVector<CUpdateItem>& list,
+                                         const std::vector<UpdateEntry>& entries, unsigned threads) {
+    std::vector<PackAhead::Item> items;
+    for (unsigned i = 0; i < list.Size(); ++i)
+        if (list[i].NewData && list[i].HasStream())
+            items.push_back({.index = i, .contents = entries[i].contents.Get(), .size = list[i].Size});
+    if (PackAhead::usefulWorkers(items, threads) == 0)
+        return {};
+    putIntoPackingOrder(items, list);
+    return items;
+}
+
 HRESULT engineStatus(HRESULT result) noexcept {
     return result == E_OUTOFMEMORY ? STG_E_INSUFFICIENTMEMORY : Detail::asStatus(result);
 }
@@ -184,7 +210,7 @@ bool copiesPackedData(const std::vector<UpdateEntry>& entries) noexcept {
 }
 
 HRESULT update(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, IOutStream* output,
-               UpdateCallback& callback) {
+               unsigned threads, bool& isAtHeader) {
     ComPtr<InStreamBase> input;
     if (!copiesPackedData(entries))
         old = nullptr;
@@ -192,31 +218,32 @@ HRESULT update(const std::vector<UpdateEntry>& entries, const DatabaseStream* ol
         return status;
 
     CObjectVector<CUpdateItem> items = itemsOf(entries);
-    const CCompressionMethodMode method = methodFor(MethodId::kLzma2, threadCount());
+    PackAhead packing(itemsToPack(items, entries, threads), threads);
+    const auto callback = Detail::adopt(new UpdateCallback(entries, packing, isAtHeader));
+    const CCompressionMethodMode method = methodFor(MethodId::kLzma2, threads, &packing);
     const CCompressionMethodMode headerMethod = methodFor(MethodId::kLzma, kLzmaThreads);
     NArchive::N7z::CUpdateOptions options;
     options.Method = &method;
     if (isHeaderWorthPacking(entries, old))
         options.HeaderMethod = &headerMethod;
-    options.MultiThreadMixer = threadCount() > 1;
+    options.MultiThreadMixer = threads > 1;
     // Contents are read back item by item, so no two share a folder.
     options.NumSolidFiles = 1;
     options.AnalysisLevel = 0;
     const HRESULT status = engineStatus(NArchive::N7z::Update(input.Get(), old ? &old->database() : nullptr,
-                                                              items, output, &callback, options));
+                                                              items, output, callback.Get(), options));
     return input ? input->failure().orElse(status) : status;
 }
 
 } // namespace
 
 HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, OutStream* output,
-                     const wchar_t* archiveName) {
+                     const wchar_t* archiveName, unsigned threads) {
     bool isAtHeader = entries.empty();
     const HRESULT result = withEngine(E_FAIL, [&] {
         if (entries.empty())
             return engineStatus(writeEmpty(output));
-        const auto callback = Detail::adopt(new UpdateCallback(entries, isAtHeader));
-        return update(entries, old, output, *callback.Get());
+        return update(entries, old, output, threads, isAtHeader);
     });
     const HRESULT status = output->failure().orElse(result);
     if (status != S_OK)

@@ -1,6 +1,7 @@
 #pragma once
 
 #include "archive/database.h"
+#include "archive/engine.h"
 #include "archive/engine_outputs.h"
 
 #include <vexel/framework.h>
@@ -31,7 +32,11 @@ struct UpdateEntry {
 /// and copies the packed data of the others from `old`, which may be null when there are none. Of a folder
 /// that several items share, either all must be copied or none. Failures are logged with the archive's name
 /// and give the status of the stream that failed, or the engine's. Nothing but `output` is changed.
+///
+/// Up to `threads` threads pack, the caller's among them. They read the contents of entries, each of which is
+/// read by one of them at a time; `output` and `old` are used by the caller's alone. None of them is left
+/// afterwards. What is written does not depend on their number.
 HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, OutStream* output,
-                     const wchar_t* archiveName);
+                     const wchar_t* archiveName, unsigned threads = threadCount());
 
 } // namespace Vexel::Storage::Engine

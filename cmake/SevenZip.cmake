@@ -1,6 +1,7 @@
 # The 7z archive engine: of 7-Zip's source only what reading, decoding and writing 7z archives with the methods Copy,
 # LZMA and LZMA2 needs, without encryption. The methods register themselves through static objects, so these are
-# objects that are linked as they are, not a library of which the linker takes what it misses.
+# objects that are linked as they are, not a library of which the linker takes what it misses. LZMA2 is registered by
+# archive/packing_coder.cpp.
 set(VEXEL_7ZIP_SOURCE_DIR ${CMAKE_SOURCE_DIR}/build/deps/7zip CACHE PATH "7-Zip's source")
 if(NOT EXISTS ${VEXEL_7ZIP_SOURCE_DIR}/CPP/7zip/Archive/7z/7zIn.cpp)
   message(FATAL_ERROR "7-Zip's source is not in ${VEXEL_7ZIP_SOURCE_DIR}; run scripts/setup, or configure with "
@@ -22,7 +23,7 @@ vexel_seven_zip_sources(CPP/7zip/Archive/Common cpp CoderMixer2 InStreamWithCRC 
 vexel_seven_zip_sources(CPP/7zip/Archive/7z cpp 7zDecode 7zEncode 7zFolderInStream 7zHeader 7zIn 7zOut 7zProperties
   7zSpecStream 7zUpdate)
 vexel_seven_zip_sources(CPP/7zip/Compress cpp CopyCoder CopyRegister LzmaDecoder LzmaEncoder LzmaRegister
-  Lzma2Decoder Lzma2Encoder Lzma2Register)
+  Lzma2Decoder Lzma2Encoder)
 vexel_seven_zip_sources(C c 7zCrc 7zCrcOpt 7zStream Alloc CpuArch LzFind LzFindMt LzFindOpt Lzma2Dec Lzma2DecMt
   Lzma2Enc LzmaDec LzmaEnc MtCoder MtDec Threads)
 

@@ -17,6 +17,7 @@
 #include <cwchar>
 #include <filesystem>
 #include <memory>
+#include <new>
 #include <random>
 #include <string>
 #include <vector>
@@ -106,6 +107,73 @@ public:
 private:
     std::filesystem::path path_;
 };
+
+/// Hands the engine's update the contents of entries that are all new.
+class BareCallback final : public IUnknownImpl<IArchiveUpdateCallback> {
+public:
+    explicit BareCallback(const std::vector<UpdateEntry>& entries) noexcept : entries_(entries) {}
+
+    HRESULT STDMETHODCALLTYPE SetTotal(UInt64 /*total*/) noexcept override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE SetCompleted(const UInt64* /*done*/) noexcept override { return S_OK; }
+    HRESULT STDMETHODCALLTYPE GetUpdateItemInfo(UInt32 /*index*/, Int32* /*newData*/,
+                                                Int32* /*newProperties*/,
+                                                UInt32* /*indexInArchive*/) noexcept override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE GetProperty(UInt32 /*index*/, PROPID /*property*/,
+                                          PROPVARIANT* /*value*/) noexcept override {
+        return E_NOTIMPL;
+    }
+    HRESULT STDMETHODCALLTYPE GetStream(UInt32 index, ISequentialInStream** stream) noexcept override {
+        entries_[index].contents->Seek({}, STREAM_SEEK_SET, nullptr);
+        *stream = new (std::nothrow) IStreamInStream(entries_[index].contents);
+        return *stream ? S_OK : E_OUTOFMEMORY;
+    }
+    HRESULT STDMETHODCALLTYPE SetOperationResult(Int32 /*result*/) noexcept override { return S_OK; }
+
+private:
+    const std::vector<UpdateEntry>& entries_;
+};
+
+/// One call of the engine's update, with the settings that saves use, and the engine's own encoder.
+inline void updateBare(const std::vector<UpdateEntry>& entries, const wchar_t* path) {
+    NArchive::N7z::CMethodFull method;
+    method.Id = 0x21; // LZMA2
+    method.NumStreams = 1;
+    method.AddProp32(NCoderPropID::kDictionarySize, 0x100000);
+    method.AddProp32(NCoderPropID::kAlgorithm, 0);
+    method.AddProp32(NCoderPropID::kNumFastBytes, 32);
+    method.AddProp_Ascii(NCoderPropID::kMatchFinder, "HC4");
+    method.AddProp32(NCoderPropID::kNumThreads, threadCount());
+    N7z::CCompressionMethodMode mode;
+    mode.Methods.Add(method);
+    mode.NumThreads = threadCount();
+    N7z::CUpdateOptions options;
+    options.Method = &mode;
+    options.MultiThreadMixer = threadCount() > 1;
+    options.NumSolidFiles = 1;
+    options.AnalysisLevel = 0;
+
+    CObjectVector<N7z::CUpdateItem> items;
+    items.ClearAndReserve(static_cast<unsigned>(entries.size()));
+    for (unsigned i = 0; i < entries.size(); ++i) {
+        N7z::CUpdateItem& item = items.AddNewInReserved();
+        item.IndexInArchive = -1;
+        item.IndexInClient = i;
+        item.Name = entries[i].name.GetString();
+        item.Size = entries[i].size;
+        item.MTime = i + 1;
+        item.MTimeDefined = true;
+        item.CTimeDefined = item.ATimeDefined = item.AttribDefined = item.IsDir = item.IsAnti = false;
+        item.NewProps = item.NewData = true;
+    }
+    const auto callback = Vexel::Detail::adopt(new BareCallback(entries));
+    const auto file = Vexel::Detail::adopt(new TemporaryFile(path));
+    require(file->create());
+    require(N7z::Update(nullptr, nullptr, items, file.Get(), callback.Get(), options));
+    require(file->finish());
+    file->keep();
+}
 
 inline std::unique_ptr<ScratchFile> archiveOf(const wchar_t* name, unsigned count,
                                               const std::vector<unsigned char>& from, std::size_t size) {

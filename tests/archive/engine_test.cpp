@@ -159,15 +159,4 @@ TEST_F(Engine7z, PacksContentsInSmallBlocksAndHeadersThatAreLargeBesideThem) {
     EXPECT_FALSE(archive->database().CTime.GetItem(0, time)) << "none was given";
 }
 
-TEST_F(Engine7z, TellsWhyContentsCannotBeHad) {
-    std::vector<UpdateEntry> entries = manyEntries(3, 70'000);
-    const auto output = adopt(new PassThroughOutStream(adopt(new FaultyStream).Get()));
-    const auto contents = adopt(new FaultyStream);
-    contents->readFails = true;
-    entries[1].contents = contents;
-    EXPECT_EQ(writeArchive(entries, nullptr, output.Get(), L"x"), STG_E_READFAULT);
-    entries[1].contents.Reset();
-    EXPECT_EQ(writeArchive(entries, nullptr, output.Get(), L"x"), STG_E_INVALIDPARAMETER);
-}
-
 } // namespace

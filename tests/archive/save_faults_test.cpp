@@ -5,9 +5,13 @@
 #include "archive/engine_outputs.h"
 #include "archive_fixture.h"
 #include "base/handles.h"
+#include "base/platform.h"
+#include "support/platform_guard.h"
 #include "support/scarce_memory.h"
 
 #include <filesystem>
+#include <functional>
+#include <thread>
 
 using namespace std::string_view_literals;
 using Support::ArchiveFaults;
@@ -21,6 +25,8 @@ using Vexel::Storage::SZipArchive;
 namespace {
 
 constexpr std::size_t kLarge = 60'000;
+/// Bytes to pack that a save has another thread for, on more than one processor.
+constexpr std::size_t kWorthAThread = 70'000;
 
 bool memoryHit = false;
 
@@ -59,7 +65,7 @@ const Change kChanges[] = {
     {"copy",
      [](SZipArchive& a) {
          SZipArchive other(L"", false, true);
-         writeItem(other, L"x", noise(3000));
+         writeItem(other, L"x", std::string(kWorthAThread, 'x'));
          return a.addItem(other, L"x"sv, L"copied");
      }},
     {"all",
@@ -96,8 +102,16 @@ protected:
     }
     /// What the change comes to when nothing fails.
     void expect(const Change& change) {
+        static unsigned started;
+        started = 0;
+        const PlatformGuard guard;
+        Vexel::Detail::platform().startThread = [](const std::function<void()>& body) {
+            ++started;
+            return std::thread(body);
+        };
         SZipArchive archive = changed(change);
         new_ = saved(archive);
+        EXPECT_EQ(started > 0, &change == &kChanges[5] && std::thread::hardware_concurrency() > 1);
     }
     /// The old file, changed in memory.
     SZipArchive changed(const Change& change = kChanges[5]) const {

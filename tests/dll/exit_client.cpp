@@ -88,8 +88,11 @@ void save() {
     StorageRef document;
     document.create(kPath);
     StreamRef stream;
-    stream.create(L"Stream", document);
-    stream.WriteBytes("contents", 8);
+    static const std::string kContents(100'000, 'x'); // worth threads for packing
+    for (const wchar_t* name : {L"One", L"Two", L"Three"}) {
+        stream.create(name, document);
+        stream.WriteBytes(kContents.data(), kContents.size());
+    }
     document.commit();
 }
 
