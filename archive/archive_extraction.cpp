@@ -141,30 +141,38 @@ HRESULT SZipArchivePrivate::extract(SZipArchiveItem& item, const CString& path, 
     return S_OK;
 }
 
-HRESULT SZipArchivePrivate::openEmptied(SZipArchiveItem& item, const CString& path, IStream** result) {
+/// Nothing fails for want of memory once the old contents are gone.
+HRESULT SZipArchivePrivate::openEmptied(SZipArchiveItem& item, const CString& path,
+                                        const std::shared_ptr<const void>& keeper, IStream** result) {
     if (readOnly)
         return STG_E_ACCESSDENIED;
     if (item.isDirectory_)
         return STG_E_FILENOTFOUND;
+    const ComPtr<SZipStream> contents = newContents({}, path);
+    contents->markModified(); // even if nothing is ever written: they are not those in the file
+    ComPtr<SZipStream> stream = Detail::adopt(new SZipStream(*contents.Get(), keeper));
     const RwGuard guard(item.lock_, RwGuard::Exclusive);
     if (!guard)
         return STG_E_INUSE;
-    if (!item.contents_) {
-        const ComPtr<SZipStream> contents = newContents({}, path);
-        contents->markModified(); // even if nothing is ever written: they are not those in the file
+    if (item.contents_) {
+        stream = Detail::adopt(new SZipStream(*item.contents_.Get(), keeper));
+        HRESULT status = stream->Seek({}, STREAM_SEEK_SET, nullptr);
+        if (status == S_OK)
+            status = stream->SetSize({});
+        if (status != S_OK)
+            return status;
+    } else if (recordOf(item) < 0 || fileState_ == FileState::Stale) {
+        return STG_E_FILENOTFOUND;
+    } else {
         item.contents_ = contents;
         *changed = true;
     }
-    ComPtr<IStream> stream;
-    HRESULT status = openStreamOn(item.contents_, &stream);
-    if (status == S_OK)
-        status = stream->SetSize({});
-    if (status == S_OK)
-        *result = stream.Detach();
-    return status;
+    *result = stream.Detach();
+    return S_OK;
 }
 
-HRESULT SZipArchivePrivate::openFile(std::wstring_view path, Opening opening, IStream** result) {
+template <class Open>
+HRESULT SZipArchivePrivate::openFile(std::wstring_view path, IStream** result, Open open) {
     if (!result)
         return STG_E_INVALIDPOINTER;
     *result = nullptr;
@@ -172,17 +180,21 @@ HRESULT SZipArchivePrivate::openFile(std::wstring_view path, Opening opening, IS
         return STG_E_INVALIDNAME;
     return locked(RwGuard::Shared, [&]() -> HRESULT {
         const auto found = items.find(path);
-        return found == items.end() ? STG_E_FILENOTFOUND
-                                    : (this->*opening)(found->second, found->first, result);
+        return found == items.end() ? STG_E_FILENOTFOUND : open(found->second, found->first);
     });
 }
 
 HRESULT SZipArchive::extractFile(IStream** result, std::wstring_view path) {
-    return private_->openFile(path, &SZipArchivePrivate::extract, result);
+    return private_->openFile(path, result, [&](SZipArchiveItem& item, const CString& key) {
+        return private_->extract(item, key, result);
+    });
 }
 
-HRESULT SZipArchive::openEmptied(IStream** result, const CString& path) {
-    return private_->openFile(StringLess::view(path), &SZipArchivePrivate::openEmptied, result);
+HRESULT SZipArchive::openEmptied(IStream** result, const CString& path,
+                                 const std::shared_ptr<const void>& keeper) {
+    return private_->openFile(StringLess::view(path), result, [&](SZipArchiveItem& item, const CString& key) {
+        return private_->openEmptied(item, key, keeper, result);
+    });
 }
 
 } // namespace Vexel::Storage

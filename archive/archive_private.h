@@ -72,9 +72,9 @@ public:
     HRESULT addTree(const SZipArchivePrivate& source, std::wstring_view sourcePath,
                     std::wstring_view targetPath);
 
-    using Opening = HRESULT (SZipArchivePrivate::*)(SZipArchiveItem& item, const CString& path,
-                                                    IStream** result);
-    HRESULT openFile(std::wstring_view path, Opening opening, IStream** result);
+    /// Runs `open` for a file's item and path, with a share of the lock.
+    template <class Open>
+    HRESULT openFile(std::wstring_view path, IStream** result, Open open);
 
     /// Runs `body`, and turns exhausted memory into its status. STG_E_INUSE when the lock cannot be had.
     template <class Body>
@@ -88,7 +88,8 @@ public:
     // With at least a share of it:
 
     HRESULT extract(SZipArchiveItem& item, const CString& path, IStream** result);
-    HRESULT openEmptied(SZipArchiveItem& item, const CString& path, IStream** result);
+    HRESULT openEmptied(SZipArchiveItem& item, const CString& path, const std::shared_ptr<const void>& keeper,
+                        IStream** result);
     HRESULT saveTo(IStream* destination) const;
     /// What decoding an item came to: its whole contents, or else the status that says why there are none.
     /// That is S_OK where packed data are left over behind the contents; see `SZipArchive::extractFile`.

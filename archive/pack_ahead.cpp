@@ -150,8 +150,15 @@ void PackAhead::reach(unsigned index) noexcept {
     }
     const auto job = std::find_if(jobs_.begin() + static_cast<std::ptrdiff_t>(reached_), jobs_.end(),
                                   [index](const Job& candidate) { return candidate.item.index == index; });
-    if (job == jobs_.end())
+    if (job == jobs_.end()) {
+        // Not announced, or out of order: a worker may have it.
+        isStopped_ = true;
+        room_.tell();
+        while (std::any_of(jobs_.begin(), jobs_.end(),
+                           [](const Job& candidate) { return candidate.state == State::Packing; }))
+            packed_.wait(monitor_);
         return;
+    }
     current_ = &*job;
     reached_ = static_cast<std::size_t>(job - jobs_.begin()) + 1;
     if (job->state == State::Waiting)

@@ -27,14 +27,16 @@
 ///
 /// The engine asks for one item after the other, in an order that is known before, reads each, and wants its
 /// packed bytes. Workers read and pack the next items meanwhile. When the engine comes to one, its packed
-/// bytes are used if they are of the very bytes that the engine has read: size and CRC-32, the two that the
-/// archive records, are the same. Contents that were changed in between are packed anew from what was read.
+/// bytes are used if size and CRC-32, the two that the archive records, are those of the bytes that the
+/// engine has read. Contents that were changed in between are packed anew from what was read.
 ///
 /// While an item is with a worker, the engine's thread packs others ahead itself rather than wait, so there
-/// is one thread for each processor, and when no thread can be had, the same is done by that one alone.
+/// is one thread for each processor, and when no thread can be had, the same is done by that one alone. (A
+/// large item, which the engine packs itself, may have threads of the engine's beside these.)
 ///
 /// Packed bytes depend only on an item's contents (`ItemEncoder`), so the archive is the same whoever packs.
-/// Memory is bounded: an `ItemEncoder` for each thread, and `kWindow`.
+/// Memory is bounded: an `ItemEncoder` for each thread, and `kWindow`; what the engine needs for a large item
+/// comes on top.
 ///
 /// A worker that fails, because an item cannot be read or memory is short, ends the packing ahead for all.
 /// Nothing is reported from there: the engine's thread does by itself what is left, and meets the fault, if
@@ -55,8 +57,8 @@ public:
     /// How many workers pay, of `threads` that may work, the engine's included.
     static std::size_t usefulWorkers(std::span<const Item> items, unsigned threads) noexcept;
 
-    /// `items` in the order in which the engine will come to them. Those that are not among them are packed
-    /// when it does. Starts nothing.
+    /// `items` in the order in which the engine will come to them. Where it comes to another one, nothing
+    /// more is packed ahead. Starts nothing.
     PackAhead(std::span<const Item> items, unsigned threads);
     PackAhead(const PackAhead&) = delete;
     PackAhead& operator=(const PackAhead&) = delete;

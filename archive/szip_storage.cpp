@@ -86,11 +86,7 @@ HRESULT SZipStorage::openEmptied(LPCOLESTR name, ::IStream** stream) noexcept {
         return status;
     if (isReadOnly())
         return STG_E_ACCESSDENIED;
-    return withStatus([&] {
-        ComPtr<::IStream> opened;
-        const HRESULT status = archive_->openEmptied(&opened, childPath(name));
-        return shareWithCaller(status, opened.Get(), false, stream);
-    });
+    return withStatus([&] { return archive_->openEmptied(stream, childPath(name), archive_); });
 }
 
 // The item keeps the stream that it gave, so that one must not keep the archive, or none of them would ever

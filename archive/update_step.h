@@ -33,9 +33,9 @@ struct UpdateEntry {
 /// that several items share, either all must be copied or none. Failures are logged with the archive's name
 /// and give the status of the stream that failed, or the engine's. Nothing but `output` is changed.
 ///
-/// Up to `threads` threads pack, the caller's among them. They read the contents of entries, each of which is
-/// read by one of them at a time; `output` and `old` are used by the caller's alone. None of them is left
-/// afterwards. What is written does not depend on their number.
+/// Up to `threads` threads pack, the caller's among them, and for an item of several blocks as many of the
+/// engine's. The contents of an entry are read, and `output` is written, by one thread at a time. None of
+/// them is left afterwards. What is written does not depend on their number.
 HRESULT writeArchive(const std::vector<UpdateEntry>& entries, const DatabaseStream* old, OutStream* output,
                      const wchar_t* archiveName, unsigned threads = threadCount());
 

@@ -208,7 +208,9 @@ public:
     /// time for a large one, and succeeds for one that cannot be unpacked. Streams that others have of the
     /// item show the new contents, too. Statuses as of `extractFile`, without those of unpacking, and
     /// STG_E_ACCESSDENIED: the archive is read-only.
-    HRESULT openEmptied(IStream** result, const CString& path);
+    /// `keeper` lives as long as the stream.
+    HRESULT openEmptied(IStream** result, const CString& path,
+                        const std::shared_ptr<const void>& keeper = nullptr);
 
     // Changes. Statuses that all of them can return:
     //  - STG_E_ACCESSDENIED: the archive is read-only.

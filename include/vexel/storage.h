@@ -59,7 +59,7 @@
 ///    the item, and until some thread opens the item or one above it for writing after it was open for
 ///    reading, clears it away (`clear`), or closes all roots (`clearAll`). A reference of the caller's own
 ///    keeps such an object alive, but not usable. The same becomes of the interface of a compound file's
-///    stream that is empty when its storage is committed.
+///    stream when the stream is emptied. Such a stream must not be emptied through its interface.
 /// 8. What is closed when. Dropping a handle does not close its item: the item stays cached, that is, in
 ///    memory.
 ///     - Compound file: a storage is closed when its last handle goes and none of its children is cached.

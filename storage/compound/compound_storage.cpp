@@ -16,14 +16,12 @@
 
 #include <objbase.h>
 
-#include <algorithm>
 #include <utility>
 
 using Microsoft::WRL::ComPtr;
 using Vexel::Detail::CompoundAccess;
 using Vexel::Detail::outcomeOf;
 using Vexel::Detail::TreeLock;
-using Vexel::Detail::withStatus;
 
 namespace {
 
@@ -93,85 +91,54 @@ void VxCompoundStorage::attach(IStorage* storage, bool readOnly) {
 void VxCompoundStorage::close() {
     const TreeLock lock(*this);
     VxStorage::close();
-    mayHaveEmptied_ = false; // what nobody committed is gone
+    hasLostStream_ = false; // nor is anything else that nobody committed
     if (std::exchange(temporary_, false))
         clearCopies();
 }
 
 long VxCompoundStorage::commit() {
     const TreeLock lock(*this);
-    HRESULT status = ensureOpen();
-    if (SUCCEEDED(status) && !readOnly_ && (mayHaveEmptied_ || hasOpenEmptyStream()))
-        status = callTwiceIfExhausted([this] { return withStatus([this] { return remakeEmptyStreams(); }); });
-    return FAILED(status) ? status : VxStorage::commit();
+    return hasLostStream_ ? STG_E_REVERTED : VxStorage::commit();
 }
 
-bool VxCompoundStorage::hasOpenEmptyStream() {
-    return std::any_of(children_.begin(), children_.end(), [](const auto& child) {
-        return child.second->type() == StorageType::Stream &&
-               static_cast<const VxCompoundStream&>(*child.second).mayBeEmptied();
-    });
-}
-
-HRESULT VxCompoundStorage::remakeEmptyStreams() {
-    if (!storage_)
-        return STG_E_INVALIDFUNCTION; // closed by the clean-up before the second attempt
-    const auto listing = createEnumerator();
-    HRESULT status = listing->reset(this);
-    while (status == S_OK && listing->moveNext())
-        if (listing->type() == StorageType::Stream && listing->size().QuadPart == 0)
-            status = remake(listing->name());
-    if (status == S_OK && listing->status() != S_FALSE)
-        status = FAILED(listing->status()) ? listing->status() : STG_E_READFAULT;
+HRESULT VxCompoundStorage::openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream) {
+    ComPtr<::IStream> opened;
+    HRESULT status = outcomeOf(VxStorage::openStreamElement(name, readOnly, &opened));
+    STATSTG info{};
+    if (status == S_OK && !readOnly)
+        status = outcomeOf(opened->Stat(&info, STATFLAG_NONAME));
+    if (status == S_OK && info.cbSize.QuadPart != 0) {
+        opened.Reset();
+        status = makeAnew(name, &opened);
+    }
     if (status == S_OK)
-        mayHaveEmptied_ = false;
+        *stream = opened.Detach();
     return status;
 }
 
-HRESULT VxCompoundStorage::remake(const SharedPathName& name) {
-    const auto child = children_.find(name);
-    const bool isOpen = child != children_.end() && VxStorage::hasChild(name, StorageType::Stream);
-    if (isOpen)
-        return static_cast<VxCompoundStream&>(*child->second).remake();
-    ComPtr<::IStream> made;
-    return makeEmptyStream(name, &made);
-}
-
-HRESULT VxCompoundStorage::makeEmptyStream(const SharedPathName& name, ::IStream** made) {
+/// The system takes the old element away before it makes the new one, which may fail.
+HRESULT VxCompoundStorage::makeAnew(const wchar_t* name, ::IStream** stream) {
     constexpr DWORD kStgm = STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE;
-    return storage_ ? outcomeOf(storage_->CreateStream(name.asString(), kStgm, 0, 0, made))
-                    : STG_E_INVALIDFUNCTION;
+    const HRESULT status = outcomeOf(storage_->CreateStream(name, kStgm, 0, 0, stream));
+    ComPtr<::IStream> old;
+    if (status != S_OK && outcomeOf(VxStorage::openStreamElement(name, true, &old)) == STG_E_FILENOTFOUND)
+        hasLostStream_ = true;
+    return status;
 }
 
-/// Of a stream that was open for writing. What cannot be asked may be so.
-bool VxCompoundStream::mayBeEmptied() const {
+/// The stream stays where it stands, which may be behind its end.
+HRESULT VxCompoundStream::changeSize(unsigned long long size) {
     STATSTG info{};
-    return stream_ && !readOnly_ &&
-           (outcomeOf(stream_->Stat(&info, STATFLAG_NONAME)) != S_OK || info.cbSize.QuadPart == 0);
-}
-
-void VxCompoundStream::close() {
-    const TreeLock lock(*this);
-    if (mayBeEmptied())
-        static_cast<VxCompoundStorage*>(parent_)->mayHaveEmptied_ = true;
-    VxStream::close();
-}
-
-/// The stream stands where it stood, which may be behind its end.
-HRESULT VxCompoundStream::remake() {
+    if (size != 0 || outcomeOf(stream_->Stat(&info, STATFLAG_NONAME)) != S_OK || info.cbSize.QuadPart == 0 ||
+        readOnly_ || !parent_->isOpen())
+        return VxStream::changeSize(size);
     const LARGE_INTEGER place{.QuadPart = static_cast<LONGLONG>(Vexel::Detail::position(stream_.Get()))};
     stream_.Reset();
-    HRESULT status = static_cast<VxCompoundStorage*>(parent_)->makeEmptyStream(name_, &stream_);
-    if (status == S_OK && readOnly_) {
-        stream_.Reset();
-        status = outcomeOf(parent_->openStreamElement(name_.asString(), true, &stream_));
-    }
+    HRESULT status = static_cast<VxCompoundStorage*>(parent_)->makeAnew(name_.asString(), &stream_);
     if (status == S_OK)
         status = outcomeOf(stream_->Seek(place, STREAM_SEEK_SET, nullptr));
-    if (status != S_OK) {
+    if (status != S_OK)
         close();
-        static_cast<VxCompoundStorage*>(parent_)->mayHaveEmptied_ = true;
-    }
     return status;
 }
 

@@ -16,8 +16,8 @@ public:
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
     void close() override;
-    /// Makes empty streams anew before: some systems' commit would leave a damaged file behind if they had
-    /// contents before. Interfaces of such streams that somebody holds are reverted.
+    /// STG_E_REVERTED after a stream was lost that was to be emptied: then nothing is committed until this is
+    /// closed.
     long commit() override;
     bool retryAfterFailure(HRESULT status) override;
     bool hasChild(const SharedPathName& name, StorageType type) override;
@@ -31,6 +31,8 @@ public:
     long clear() override;
     long createRoot(DWORD stgm, DWORD reserved) override;
     long openRoot(DWORD stgm) override;
+    /// For writing an element that has contents is made anew, see VxCompoundStream.
+    HRESULT openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream) override;
 
 private:
     VxCompoundStorage(SharedPathName name, VxStorage* parent, VxStorageItem* root)
@@ -42,28 +44,25 @@ private:
     HRESULT tryElement(const SharedPathName& name, StorageType type);
     template <class Interface, class Call>
     HRESULT tryOpening(Call call);
-    bool hasOpenEmptyStream();
-    HRESULT remakeEmptyStreams();
-    HRESULT remake(const SharedPathName& name);
-    HRESULT makeEmptyStream(const SharedPathName& name, ::IStream** made);
-
     friend class VxCompoundStream;
-    bool mayHaveEmptied_ = false; // a stream that has been closed since the last commit
+
+    HRESULT makeAnew(const wchar_t* name, ::IStream** stream);
+
+    bool hasLostStream_ = false; // since it was opened
 };
 
+/// A stream is never just emptied: some systems' commit takes an element that was in the file and is empty
+/// since for unchanged, throws its entry away all the same, and leaves a file behind whose neighbouring
+/// elements cannot be reached. One that is made anew is written.
 class VxCompoundStream final : public VxStream {
 public:
     VxCompoundStream(SharedPathName name, VxStorage* parent, VxStorageItem* root)
         : VxStream(std::move(name), parent, root) {}
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
-    void close() override;
 
 private:
-    friend class VxCompoundStorage;
-
-    bool mayBeEmptied() const;
-    HRESULT remake();
+    HRESULT changeSize(unsigned long long size) override;
 };
 
 class VxCompoundStorageEnumerator final : public VxStorageEnumerator {

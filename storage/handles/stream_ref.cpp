@@ -166,7 +166,8 @@ long StreamRef::copyTo(StreamRef& target) {
     Vexel::Detail::seek(from.Get(), STREAM_SEEK_SET, before, reached);
     if (FAILED(ready))
         return ready;
-    const HRESULT cutOff = outcomeOf(to->SetSize(written)); // what remains of longer contents
+    // What remains of longer contents goes. Streams are emptied by their items, see VxCompoundStream.
+    const HRESULT cutOff = written.QuadPart == 0 ? target.item_->setSize(0) : outcomeOf(to->SetSize(written));
     if (FAILED(copied))
         return copied;
     return written.QuadPart < size ? STG_E_READFAULT : cutOff; // some systems take a part for the whole

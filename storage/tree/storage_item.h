@@ -140,13 +140,13 @@ public:
     virtual std::unique_ptr<VxStream> newChildStream(const SharedPathName& name) = 0;
     virtual std::unique_ptr<VxStorageEnumerator> createEnumerator() = 0;
     virtual long clear() = 0;
-    /// Opens a stream's element. For writing its contents may be gone at once: they are emptied in any case.
-    virtual HRESULT openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream);
     /// These two make and open a root's file with these STGM flags. On success they set the interface; on
     /// failure it stays null. `reserved` is 0. They return `kOpenedMeanwhile`, and change nothing, when the
     /// root has an interface after a clean-up.
     virtual long createRoot(DWORD stgm, DWORD reserved) = 0;
     virtual long openRoot(DWORD stgm) = 0;
+    /// Opens a stream's element. For writing its contents may be gone at once: they are emptied in any case.
+    virtual HRESULT openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream);
 
     /// The item's interface, borrowed. A closed item is opened for reading; when that fails, the result is
     /// null.
@@ -256,6 +256,9 @@ public:
 
 protected:
     VxStream(SharedPathName name, VxStorage* parent, VxStorageItem* root);
+
+    /// Sets the size of the open interface.
+    virtual HRESULT changeSize(unsigned long long size);
 
     Microsoft::WRL::ComPtr<::IStream> stream_;
 

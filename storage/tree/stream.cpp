@@ -71,10 +71,14 @@ long VxStream::setSize(unsigned long long size) {
 }
 
 long VxStream::resize(unsigned long long size) {
+    // The clean-up before a second attempt may have closed the item, here and below.
+    return callTwice([&] { return stream_ ? changeSize(size) : STG_E_INVALIDFUNCTION; });
+}
+
+HRESULT VxStream::changeSize(unsigned long long size) {
     ULARGE_INTEGER wanted{};
     wanted.QuadPart = size;
-    // The clean-up before a second attempt may have closed the item, here and below.
-    return callTwice([&] { return stream_ ? stream_->SetSize(wanted) : STG_E_INVALIDFUNCTION; });
+    return stream_->SetSize(wanted);
 }
 
 void VxStream::rememberPosition() {
