@@ -190,4 +190,23 @@ TEST(CompoundChildren, AreThereWhenTheyCannotBeOpenedNow) {
     EXPECT_EQ(compoundOptionsVersion().exchange(2), 1);
 }
 
+// The system takes an element away before it makes the new one.
+TEST(CompoundStreams, ThatAreLostWhenTheyAreEmptiedKeepTheirStorageFromCommitting) {
+    for (const bool isLost : {false, true}) {
+        FakeCalls calls;
+        calls.mode = STGM_READWRITE;
+        calls.size = 5;
+        StorageRef root = StorageRef::fromPtr(fakeStorage(calls).Get());
+        calls.take();
+        calls.failures = {{3, STG_E_WRITEFAULT}, {4, isLost ? STG_E_FILENOTFOUND : S_OK}};
+        EXPECT_EQ(StreamRef().open(element(L"Note"), root, false), STG_E_WRITEFAULT);
+        EXPECT_THAT(calls.take(),
+                    testing::StartsWith(
+                        L"OpenStream Note 0x12\nStat 1\n~Stream\nCreateStream Note 0x1012\nOpenStream N"));
+        calls.failures.clear();
+        EXPECT_EQ(root.commit(), isLost ? STG_E_REVERTED : S_OK);
+        closeForGood(root);
+    }
+}
+
 } // namespace
