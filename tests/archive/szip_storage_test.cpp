@@ -3,9 +3,12 @@
 #include "archive/szip_storage.h"
 #include "archive_fixture.h"
 #include "support/com_storage.h"
+#include "support/fake_storage.h"
 
 #include <array>
 #include <filesystem>
+#include <regex>
+#include <utility>
 #include <vector>
 
 using Microsoft::WRL::ComPtr;
@@ -373,8 +376,41 @@ TEST_F(PackageStorages, OpensPackagesInStreams) {
     const auto stream = Support::streamOf(Support::readFile(Support::samplePath(L"copy.7z")));
     ASSERT_EQ(Vexel::Storage::openPackage(stream.Get(), root.GetAddressOf()), S_OK);
     const std::wstring name = nameAndMode(root.Get());
-    EXPECT_TRUE(name.starts_with(L":szip")) << name;
-    EXPECT_TRUE(name.ends_with(L" 0")) << "readable only";
+    EXPECT_TRUE(std::regex_match(name, std::wregex(L":szip[0-9a-f]{16}@(0x)?[0-9A-Fa-f]+: 0")))
+        << name << ", readable only";
+}
+
+TEST_F(PackageStorages, AnswerForTheInterfacesTheyHave) {
+    const ComPtr<SZipStorage> root = newPackage();
+    ComPtr<IEnumSTATSTG> list;
+    ASSERT_EQ(root->EnumElements(0, nullptr, 0, &list), S_OK);
+    for (IUnknown* const object : {static_cast<IUnknown*>(root.Get()), static_cast<IUnknown*>(list.Get())}) {
+        const bool isStorage = object == root.Get();
+        const std::pair<const GUID&, bool> interfaces[] = {{IID_IUnknown, true},
+                                                           {IID_IStorage, isStorage},
+                                                           {Vexel::Storage::IID_SZipStorage, isStorage},
+                                                           {IID_IEnumSTATSTG, !isStorage},
+                                                           {IID_IStream, false}};
+        for (const auto& [iid, isThere] : interfaces) {
+            ComPtr<IUnknown> answer;
+            EXPECT_EQ(object->QueryInterface(iid, &answer), isThere ? S_OK : E_NOINTERFACE);
+            EXPECT_EQ(answer.Get(), isThere ? object : nullptr);
+        }
+        EXPECT_EQ(object->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+    }
+}
+
+TEST_F(PackageStorages, TellWhatCouldNotBeMadeForACopy) {
+    make({{L"box", kDirectory}, {L"note", "n"}});
+    Support::FakeCalls calls;
+    calls.mode = STGM_READWRITE;
+    const ComPtr<IStorage> full = Support::fakeStorage(calls);
+    for (std::size_t call = 0; call < 20; ++call)
+        calls.failures[call] = STG_E_MEDIUMFULL;
+    EXPECT_EQ(package(archivePath, kReading)->CopyTo(0, nullptr, nullptr, full.Get()), STG_E_MEDIUMFULL);
+    for (const std::wstring& message : {L"storage for copying \"" + archivePath + L"|box",
+                                        L"stream for copying \"" + archivePath + L"|note"})
+        EXPECT_EQ(log_.count(VxLog_Error, L"Failed to create destination " + message + L"\": 0x80030070"), 1);
 }
 
 } // namespace
