@@ -61,7 +61,7 @@ public:
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
 
-private:
+protected:
     HRESULT changeSize(unsigned long long size) override;
 };
 
