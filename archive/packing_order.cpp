@@ -7,6 +7,7 @@
 
 #include "archive/engine_outputs.h"
 #include "archive/header_layout.h"
+#include "archive/update_callback.h"
 #include "base/com_pointer.h"
 
 #include <vexel/com.h>
@@ -19,23 +20,12 @@ using NArchive::N7z::CUpdateItem;
 
 namespace {
 
-class Rehearsal final : public IUnknownImpl<IArchiveUpdateCallback> {
+class Rehearsal final : public UpdateCallbackBase<> {
 public:
     explicit Rehearsal(const std::vector<PackAhead::Item>& items) : items_(items) {
         ordered_.reserve(items.size());
     }
 
-    HRESULT STDMETHODCALLTYPE SetTotal(UInt64 /*total*/) noexcept override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE SetCompleted(const UInt64* /*done*/) noexcept override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE GetUpdateItemInfo(UInt32 /*index*/, Int32* /*newData*/,
-                                                Int32* /*newProperties*/,
-                                                UInt32* /*indexInArchive*/) noexcept override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE GetProperty(UInt32 /*index*/, PROPID /*property*/,
-                                          PROPVARIANT* /*value*/) noexcept override {
-        return E_NOTIMPL;
-    }
     HRESULT STDMETHODCALLTYPE GetStream(UInt32 index, ISequentialInStream** stream) noexcept override {
         *stream = nullptr;
         if (index >= items_.size() || isOver())
@@ -43,7 +33,6 @@ public:
         ordered_.push_back(items_[index]);
         return isOver() ? E_ABORT : S_FALSE;
     }
-    HRESULT STDMETHODCALLTYPE SetOperationResult(Int32 /*result*/) noexcept override { return S_OK; }
 
     std::vector<PackAhead::Item>& ordered() noexcept { return ordered_; }
 

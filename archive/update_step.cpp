@@ -8,6 +8,7 @@
 #include "archive/pack_ahead.h"
 #include "archive/packing_coder.h"
 #include "archive/packing_order.h"
+#include "archive/update_callback.h"
 #include "base/com_pointer.h"
 #include "base/status.h"
 
@@ -38,28 +39,15 @@ constexpr auto* kHeaderFailure = L"Failed to write archive header to \"%ls\": 0x
 
 struct UpdateInterfaces : IArchiveUpdateCallback, IArchiveUpdateCallbackFile {};
 
-/// Hands the engine the contents of the items that have new data, and tells the packing which are next. It is
-/// never asked for properties, as the engine gets a list of them.
-class UpdateCallback final : public IUnknownImpl<UpdateInterfaces> {
+/// Hands the engine the contents of the items that have new data, and tells the packing which are next.
+class UpdateCallback final : public UpdateCallbackBase<UpdateInterfaces> {
 public:
     /// `isAtHeader` becomes true when all contents are written and the header comes next.
     UpdateCallback(const std::vector<UpdateEntry>& entries, PackAhead& packing, bool& isAtHeader) noexcept
         : entries_(entries), packing_(packing), isAtHeader_(isAtHeader) {}
 
     HRESULT STDMETHODCALLTYPE QueryInterface(const GUID& iid, void** ppv) noexcept override;
-    HRESULT STDMETHODCALLTYPE SetTotal(UInt64 /*total*/) noexcept override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE SetCompleted(const UInt64* /*done*/) noexcept override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE GetUpdateItemInfo(UInt32 /*index*/, Int32* /*newData*/,
-                                                Int32* /*newProperties*/,
-                                                UInt32* /*indexInArchive*/) noexcept override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE GetProperty(UInt32 /*index*/, PROPID /*property*/,
-                                          PROPVARIANT* /*value*/) noexcept override {
-        return E_NOTIMPL;
-    }
     HRESULT STDMETHODCALLTYPE GetStream(UInt32 index, ISequentialInStream** stream) noexcept override;
-    HRESULT STDMETHODCALLTYPE SetOperationResult(Int32 /*result*/) noexcept override { return S_OK; }
 
     HRESULT STDMETHODCALLTYPE GetStream2(UInt32 index, ISequentialInStream** stream,
                                          UInt32 /*operation*/) noexcept override {

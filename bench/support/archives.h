@@ -2,6 +2,7 @@
 
 #include "archive/database.h"
 #include "archive/engine.h"
+#include "archive/update_callback.h"
 #include "archive/update_step.h"
 #include "base/com_pointer.h"
 #include "base/handles.h"
@@ -109,27 +110,15 @@ private:
 };
 
 /// Hands the engine's update the contents of entries that are all new.
-class BareCallback final : public IUnknownImpl<IArchiveUpdateCallback> {
+class BareCallback final : public UpdateCallbackBase<> {
 public:
     explicit BareCallback(const std::vector<UpdateEntry>& entries) noexcept : entries_(entries) {}
 
-    HRESULT STDMETHODCALLTYPE SetTotal(UInt64 /*total*/) noexcept override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE SetCompleted(const UInt64* /*done*/) noexcept override { return S_OK; }
-    HRESULT STDMETHODCALLTYPE GetUpdateItemInfo(UInt32 /*index*/, Int32* /*newData*/,
-                                                Int32* /*newProperties*/,
-                                                UInt32* /*indexInArchive*/) noexcept override {
-        return E_NOTIMPL;
-    }
-    HRESULT STDMETHODCALLTYPE GetProperty(UInt32 /*index*/, PROPID /*property*/,
-                                          PROPVARIANT* /*value*/) noexcept override {
-        return E_NOTIMPL;
-    }
     HRESULT STDMETHODCALLTYPE GetStream(UInt32 index, ISequentialInStream** stream) noexcept override {
         entries_[index].contents->Seek({}, STREAM_SEEK_SET, nullptr);
         *stream = new (std::nothrow) IStreamInStream(entries_[index].contents);
         return *stream ? S_OK : E_OUTOFMEMORY;
     }
-    HRESULT STDMETHODCALLTYPE SetOperationResult(Int32 /*result*/) noexcept override { return S_OK; }
 
 private:
     const std::vector<UpdateEntry>& entries_;
