@@ -2,17 +2,16 @@
 #include "base/platform.h"
 #include "base/process_end.h"
 #include "paths/temp_names.h"
+#include "paths/temp_records.h"
 
 #include <vexel/diagnostics.h>
 #include <vexel/temp_files.h>
 
-#include <atomic>
 #include <condition_variable>
-#include <map>
 #include <mutex>
 #include <string>
 #include <thread>
-#include <utility>
+#include <vector>
 
 // Locks. The registry's mutex is taken first; the wake-up's mutex and the path-name table's lock (interning
 // and releasing names) are taken inside it and never the other way round. The deletion thread deletes files
@@ -22,27 +21,17 @@
 // Process exit. As part of the DLL the registry is destroyed when the system has already ended all other
 // threads, wherever they were. Nothing may then be waited for, and nothing of the threads' own be touched:
 // not the mutex they may have held, not the condition variable that may still count the deletion thread as
-// waiting, not its thread object, whose functions lock too. The records are used without the mutex, unless a
-// thread was stopped just while it put one in or took one out.
+// waiting, not its thread object, whose functions lock too. The records are used without the mutex, for they are
+// whole wherever a thread was stopped.
 
+using Vexel::Detail::FailureNote;
 using Vexel::Detail::FileHandle;
 using Vexel::Detail::isProcessEnding;
 using Vexel::Detail::platform;
+using Vexel::Detail::TempRecord;
+using Vexel::Detail::TempRecords;
 
 namespace {
-
-struct FailureNote {
-    DWORD tick = 0;
-    DWORD error = 0;
-};
-
-struct Record {
-    FileHandle handle; ///< opened to delete the file when closed, or none
-    FailureNote lastFailure;
-    bool pendingDeletion = false;
-    bool userFlag = false;
-    unsigned long long mark = 0; ///< the number of the last mark for deletion
-};
 
 /// A file the deletion thread is about to delete, with what it knew of the record.
 struct MarkedFile {
@@ -107,17 +96,6 @@ private:
     bool stopRequested_ = false;
 };
 
-class ChangeMark {
-public:
-    explicit ChangeMark(std::atomic<bool>& changing) noexcept : changing_(changing) { changing_ = true; }
-    ChangeMark(const ChangeMark&) = delete;
-    ChangeMark& operator=(const ChangeMark&) = delete;
-    ~ChangeMark() { changing_ = false; }
-
-private:
-    std::atomic<bool>& changing_;
-};
-
 /// Keeps this module loaded for good: the thread runs its code, and unloading could not wait for the thread,
 /// which needs the loader to end.
 void pinModule() {
@@ -129,62 +107,33 @@ void pinModule() {
 } // namespace
 
 struct TempFileContainer::State {
-    using Records = std::map<SharedPathName, Record>;
-
     std::recursive_mutex mutex;
     WakeUp wake;
-    Records records;
+    TempRecords records;
     /// Marks for deletion not yet worked off. A mark that `insert` takes back goes on counting.
     unsigned long long pendingCount = 0;
     unsigned long long lastMark = 0;
     std::thread deletionThread; ///< none until the first deferred deletion
 
-    /// A record is being put in or taken out.
-    std::atomic<bool> changing = false;
-
-    /// Takes the mutex, unless the process is ending; true when the records may be used.
-    bool enter(std::unique_lock<std::recursive_mutex>& lock);
-    Record& recordOf(const SharedPathName& name);
-    Records::iterator forget(Records::iterator file);
-    void mark(Record& record);
+    /// Takes the mutex, unless the process is ending.
+    std::unique_lock<std::recursive_mutex> enter();
+    void mark(TempRecord& record);
     bool wakeThread();
     bool startThread();
     void stopThread();
-    Records::iterator deleteNow(Records::iterator file);
+    void deleteNow(TempRecords::Entry& file);
 
     void runDeletionThread();
     std::vector<MarkedFile> waitAndCollect();
-    std::vector<MarkedFile> collect() const;
+    std::vector<MarkedFile> collect();
     void settle(const std::vector<MarkedFile>& files);
 };
 
-bool TempFileContainer::State::enter(std::unique_lock<std::recursive_mutex>& lock) {
-    if (isProcessEnding())
-        return !changing;
-    lock = std::unique_lock(mutex);
-    return true;
+std::unique_lock<std::recursive_mutex> TempFileContainer::State::enter() {
+    return isProcessEnding() ? std::unique_lock<std::recursive_mutex>() : std::unique_lock(mutex);
 }
 
-// Memory is taken and given back outside the marked stretches, which keeps them short.
-
-Record& TempFileContainer::State::recordOf(const SharedPathName& name) {
-    if (const auto found = records.find(name); found != records.end())
-        return found->second;
-    Records made;
-    made.try_emplace(name);
-    const ChangeMark mark(changing);
-    return records.insert(made.extract(made.begin())).position->second;
-}
-
-TempFileContainer::State::Records::iterator TempFileContainer::State::forget(Records::iterator file) {
-    const auto next = std::next(file);
-    Records::node_type gone;
-    const ChangeMark mark(changing);
-    gone = records.extract(file);
-    return next;
-}
-
-void TempFileContainer::State::mark(Record& record) {
+void TempFileContainer::State::mark(TempRecord& record) {
     record.handle.close();
     record.pendingDeletion = true;
     record.mark = ++lastMark;
@@ -220,16 +169,16 @@ void TempFileContainer::State::stopThread() {
     wake.clearStop();
 }
 
-/// Deletes the file in the calling thread; the record stays when that fails. Returns the next record.
-TempFileContainer::State::Records::iterator TempFileContainer::State::deleteNow(Records::iterator file) {
-    Record& record = file->second;
+/// Deletes the file in the calling thread; the record stays when that fails.
+void TempFileContainer::State::deleteNow(TempRecords::Entry& file) {
+    auto& [name, record] = file;
     record.handle.close();
     // At the end of the process the record stays: a thread may have been stopped in the middle of the heap.
-    if (!deleteTempFile(file->first, record.lastFailure) || isProcessEnding())
-        return std::next(file);
+    if (!deleteTempFile(name, record.lastFailure) || isProcessEnding())
+        return;
     if (record.pendingDeletion)
         --pendingCount;
-    return forget(file);
+    records.remove(file);
 }
 
 void TempFileContainer::State::runDeletionThread() {
@@ -255,13 +204,14 @@ std::vector<MarkedFile> TempFileContainer::State::waitAndCollect() {
     }
 }
 
-std::vector<MarkedFile> TempFileContainer::State::collect() const {
+std::vector<MarkedFile> TempFileContainer::State::collect() {
     std::vector<MarkedFile> files;
     files.reserve(pendingCount);
-    for (const auto& [name, record] : records) {
+    records.forEach([&](const TempRecords::Entry& file) {
+        const auto& [name, record] = file;
         if (record.pendingDeletion)
             files.push_back({name, record.lastFailure, record.mark});
-    }
+    });
     return files;
 }
 
@@ -269,12 +219,12 @@ std::vector<MarkedFile> TempFileContainer::State::collect() const {
 void TempFileContainer::State::settle(const std::vector<MarkedFile>& files) {
     const std::lock_guard lock(mutex);
     for (const MarkedFile& file : files) {
-        const auto found = records.find(file.name);
-        if (found == records.end() || !found->second.pendingDeletion || found->second.mark != file.mark)
+        TempRecords::Entry* const found = records.find(file.name);
+        if (!found || !found->second.pendingDeletion || found->second.mark != file.mark)
             continue;
         found->second.lastFailure = file.lastFailure;
         if (file.deleted) {
-            forget(found);
+            records.remove(*found);
             --pendingCount;
         }
     }
@@ -318,10 +268,8 @@ SharedPathName TempFileContainer::insert(const wchar_t* prefix, const wchar_t* e
 SharedPathName TempFileContainer::insert(const SharedPathName& name, bool holdHandle, bool userFlag) {
     if (name.empty())
         return name;
-    std::unique_lock<std::recursive_mutex> lock;
-    if (!state_->enter(lock))
-        return name;
-    Record& record = state_->recordOf(name);
+    const auto lock = state_->enter();
+    TempRecord& record = state_->records.findOrAdd(name).second;
     // The pending count is not taken back with the mark, so `clear` goes on reporting unfinished work.
     record.pendingDeletion = false;
     record.userFlag = userFlag;
@@ -367,49 +315,46 @@ SharedPathName TempFileContainer::insertCopy(const wchar_t* source, const wchar_
 }
 
 bool TempFileContainer::contains(const SharedPathName& name) const {
-    std::unique_lock<std::recursive_mutex> lock;
-    return !name.empty() && state_->enter(lock) && state_->records.contains(name);
+    const auto lock = state_->enter();
+    return !name.empty() && state_->records.find(name);
 }
 
 void TempFileContainer::erase(const SharedPathName& name) {
-    std::unique_lock<std::recursive_mutex> lock;
-    if (name.empty() || !state_->enter(lock))
+    if (name.empty())
         return;
-    const auto found = state_->records.find(name);
-    if (found == state_->records.end() || found->second.pendingDeletion)
+    const auto lock = state_->enter();
+    TempRecords::Entry* const found = state_->records.find(name);
+    if (!found || found->second.pendingDeletion)
         return;
     state_->mark(found->second);
     if (!state_->wakeThread() && !state_->startThread())
-        state_->deleteNow(found);
+        state_->deleteNow(*found);
 }
 
 void TempFileContainer::release(const SharedPathName& name) {
-    std::unique_lock<std::recursive_mutex> lock;
-    if (name.empty() || !state_->enter(lock))
+    if (name.empty())
         return;
-    const auto found = state_->records.find(name);
-    if (found != state_->records.end() && !found->second.handle && !found->second.pendingDeletion)
-        state_->forget(found);
+    const auto lock = state_->enter();
+    TempRecords::Entry* const found = state_->records.find(name);
+    if (found && !found->second.handle && !found->second.pendingDeletion)
+        state_->records.remove(*found);
 }
 
 bool TempFileContainer::clear() {
-    std::unique_lock<std::recursive_mutex> lock;
-    if (!state_->enter(lock))
-        return false;
+    const auto lock = state_->enter();
     if (state_->pendingCount == 0)
         return true;
     if (state_->wakeThread())
         return false;
-    for (auto file = state_->records.begin(); file != state_->records.end();)
-        file = file->second.pendingDeletion ? state_->deleteNow(file) : std::next(file);
+    state_->records.forEach([this](TempRecords::Entry& file) {
+        if (file.second.pendingDeletion)
+            state_->deleteNow(file);
+    });
     return state_->pendingCount == 0;
 }
 
 // Without the mutex: at the end of the process a thread may be gone that never gave it back.
 void TempFileContainer::clearAll() {
     state_->stopThread();
-    if (isProcessEnding() && state_->changing)
-        return;
-    for (auto file = state_->records.begin(); file != state_->records.end();)
-        file = state_->deleteNow(file);
+    state_->records.forEach([this](TempRecords::Entry& file) { state_->deleteNow(file); });
 }

@@ -1,6 +1,7 @@
 #include "base/handles.h"
 #include "base/platform.h"
 #include "paths/temp_names.h"
+#include "paths/temp_records.h"
 #include "support/log_capture.h"
 #include "support/platform_guard.h"
 #include "support/scarce_memory.h"
@@ -22,6 +23,7 @@
 using Vexel::FileSystemEntryExists;
 using Vexel::Detail::FileHandle;
 using Vexel::Detail::platform;
+using Vexel::Detail::TempRecords;
 
 namespace {
 
@@ -223,6 +225,49 @@ TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
     EXPECT_TRUE(DeleteFileW(third.asString()));
     over = true;
     holder.join();
+}
+
+// The end of the process stops threads in the middle of a change.
+TEST_F(TempFiles, AreKnownAtTheEndWhereverAThreadWasStopped) {
+    std::vector<SharedPathName> names;
+    for (int i = 0; i < 60; ++i)
+        names.emplace_back(L"C:\\file " + std::to_wstring(i * 7 % 60), false, false);
+    TempRecords records;
+    for (std::size_t i = 0; i < names.size(); i += 2)
+        records.findOrAdd(names[i]);
+    std::atomic<bool> isOver = false;
+    std::atomic<DWORD> threadId = 0;
+    std::jthread changing([&] {
+        threadId = GetCurrentThreadId();
+        for (std::size_t i = 1; !isOver; i = (i + 2) % names.size()) {
+            if (TempRecords::Entry* const file = records.find(names[i]))
+                records.remove(*file);
+            records.findOrAdd(names[(i + 26) % names.size()]);
+        }
+    });
+    while (threadId == 0)
+        Sleep(1);
+    const FileHandle thread(
+        OpenThread(THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT, FALSE, threadId));
+    CONTEXT context{};
+    context.ContextFlags = CONTEXT_CONTROL;
+    for (DWORD round = 0; round < 400; ++round) {
+        Sleep(round % 2);
+        // Nothing takes memory while the thread stands still, for it may stand in the middle of the heap.
+        SuspendThread(thread.get());
+        GetThreadContext(thread.get(), &context); // waits until it does
+        platform().processIsEnding = [] { return true; };
+        std::size_t visited = 0, found = 0;
+        records.forEach([&](const TempRecords::Entry& /*file*/) { ++visited; });
+        for (std::size_t i = 0; i < names.size(); i += 2)
+            found += records.find(names[i]) != nullptr;
+        platform().processIsEnding = [] { return false; };
+        ResumeThread(thread.get());
+        ASSERT_EQ(found, names.size() / 2);
+        ASSERT_GE(visited, found);
+        ASSERT_LE(visited, names.size());
+    }
+    isOver = true;
 }
 
 TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
