@@ -26,6 +26,15 @@ void logFailure(const wchar_t* format, const CString& path, HRESULT status) noex
     VxLog_WriteW(VxLog_Error, format, path.GetString(), static_cast<unsigned>(status));
 }
 
+HRESULT refuse(const wchar_t* why, const CString& path, HRESULT status) noexcept {
+    logFailure(why, path, status);
+    return status;
+}
+
+constexpr auto* kUnread = L"Not replacing \"%ls\", which could not be read, or has other kinds of items: 0x%08x";
+constexpr auto* kOther = L"Not replacing \"%ls\", which is not the file that was read: 0x%08x";
+constexpr auto* kAmbiguous = L"Not replacing \"%ls\", which has several items of one path: 0x%08x";
+
 } // namespace
 
 HRESULT SZipArchivePrivate::checkReplaceable() {
@@ -36,18 +45,18 @@ HRESULT SZipArchivePrivate::checkReplaceable() {
         // What the file has and memory has not is kept.
         const HRESULT status = read(Contradiction::Refused);
         *changed = true;
-        return isAbsent(openingStatus_) ? S_OK : status;
+        return status == S_OK || isAbsent(openingStatus_) ? S_OK : refuse(kUnread, fileName, status);
     }
     if (own->isOf(StringLess::view(fileName))) {
         const HRESULT status = own->checkFile();
-        return isAbsent(status) ? S_OK : status;
+        return status == S_OK || isAbsent(status) ? S_OK : refuse(kOther, fileName, status);
     }
+    // The items need the database that they have, so they cannot take that of another file as well.
     Database other;
     const HRESULT status = Engine::openFile(fileName.GetString(), other);
-    // The items need the database that they have, so they cannot take that of a file as well.
     if (isAbsent(status))
         return S_OK;
-    return status == S_OK ? STG_E_FILEALREADYEXISTS : status;
+    return refuse(kOther, fileName, status == S_OK ? STG_E_FILEALREADYEXISTS : status);
 }
 
 HRESULT SZipArchivePrivate::save() {
@@ -56,7 +65,7 @@ HRESULT SZipArchivePrivate::save() {
     if (const HRESULT status = checkReplaceable(); status != S_OK)
         return status;
     if (isAmbiguous) // as has turned out only now
-        return STG_E_ACCESSDENIED;
+        return refuse(kAmbiguous, fileName, STG_E_ACCESSDENIED);
     Update update;
     if (const HRESULT status = describe(update); status != S_OK)
         return status;

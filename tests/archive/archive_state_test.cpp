@@ -17,7 +17,13 @@ using Support::statesOf;
 
 namespace {
 
-using State = Support::ArchiveTest;
+class State : public Support::ArchiveTest {
+protected:
+    /// How often the log has said that the archive's file is not replaced.
+    std::ptrdiff_t refusals() const {
+        return log_.count(VxLog_Error, L"Not replacing \"" + archivePath + L"\"");
+    }
+};
 
 // A file that could not be read must not be replaced as long as that is so; then what it has is kept.
 TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
@@ -55,6 +61,7 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         fill(archive, {{L"new", "x"}});
         // The save itself would find nothing in its way.
         EXPECT_TRUE(FAILED(saveFailing(archive, fault.call, fault.error)));
+        EXPECT_EQ(refusals(), 1);
         EXPECT_EQ(Support::readFile(archivePath), before);
         EXPECT_EQ(saved(archive), (Contents{{L"old", "precious"}, {L"new", "x"}}));
     }
@@ -66,6 +73,7 @@ TEST_F(State, NeverReplacesWhatIsNoArchive) {
     EXPECT_EQ(archive.reload(), STG_E_INVALIDHEADER);
     fill(archive, {{L"new", "x"}});
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
+    EXPECT_EQ(refusals(), 1);
     EXPECT_EQ(Support::readFile(archivePath).substr(0, 12), "This is text");
     EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
     EXPECT_EQ(saved(archive), (Contents{{L"new", "x"}}));
@@ -141,6 +149,7 @@ TEST_F(State, NeverReplacesAFileThatCameInPlaceOfTheOpenOne) {
     EXPECT_TRUE(MoveFileW(archivePath.c_str(), folder_.file(L"old.7z").c_str()));
     make({{L"a", "9"}});
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
+    EXPECT_EQ(refusals(), 1);
     EXPECT_EQ(onDisk(), (Contents{{L"a", "9"}}));
     // With nothing in its place all can still be had.
     EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
@@ -154,6 +163,7 @@ TEST_F(State, ReplacesNoOtherFileThanItsOwn) {
     Support::writeFile(elsewhere, "somebody else's");
     archive.setFileName(elsewhere.c_str());
     EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
+    EXPECT_EQ(log_.count(VxLog_Error, L"Not replacing \"" + elsewhere + L"\", which is not the file"), 1);
     EXPECT_EQ(Support::readFile(elsewhere), "somebody else's");
     EXPECT_TRUE(DeleteFileW(elsewhere.c_str()));
     EXPECT_EQ(saved(archive, elsewhere), (Contents{{L"a", "1"}, {L"b", "2"}}));
@@ -201,7 +211,9 @@ TEST_F(State, RefusesAFileThatAppearsLaterWithOtherKindsOfItems) {
         fill(archive, mine);
         make(isDirectory ? asFile : asDirectory);
         const std::string theirs = Support::readFile(archivePath);
+        log_.clear();
         EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
+        EXPECT_EQ(refusals(), 1);
         EXPECT_EQ(statesOf(archive), mine);
         EXPECT_TRUE(archive.isChanged());
         EXPECT_EQ(Support::readFile(archivePath), theirs);
