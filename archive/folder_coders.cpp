@@ -6,6 +6,7 @@
 
 #include "archive/header_layout.h"
 #include "archive/header_parser.h"
+#include "archive/packing_settings.h"
 
 #include <algorithm>
 #include <cstring>
@@ -16,8 +17,8 @@ using NArchive::N7z::CFolders;
 
 namespace {
 
-/// Below this, dictionaries are left as they are declared. Ours are of that size.
-constexpr std::uint32_t kUsualDictionary = 0x100000;
+/// Up to this, dictionaries are left as they are declared, for it is not worth the copy of the description.
+constexpr std::uint32_t kUsualDictionary = kDictionary;
 // LZMA's properties end with the dictionary's size, those of LZMA2 are a code for it.
 constexpr std::size_t kLzmaProperties = 5;
 constexpr std::size_t kLzmaDictionaryAt = 1;

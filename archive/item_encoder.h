@@ -14,13 +14,12 @@
 namespace Vexel::Storage::Engine {
 
 /// Items of this size and larger are left to the engine's own encoder, which packs the blocks of one item on
-/// several threads.
+/// several threads. It need not be the dictionary's size.
 constexpr std::size_t kLargeItem = 0x100000;
 
 /// Packs contents that are in memory whole, as an LZMA2 stream of one block. What comes out depends on the
 /// settings and the contents alone. The encoder stays from one item to the next, for making one takes longer
-/// than packing a small item does. An object is used by one thread
-/// at a time.
+/// than packing a small item does. An object is used by one thread at a time.
 ///
 /// It takes memory when it is first used: up to 7 MiB for the encoder, and twice `kLargeItem`.
 class ItemEncoder {

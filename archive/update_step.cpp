@@ -1,5 +1,4 @@
-// The call of the engine that writes an archive. The constants at the top are all that decides how contents
-// and headers are compressed.
+// The call of the engine that writes an archive.
 
 #include "archive/update_step.h"
 
@@ -8,6 +7,7 @@
 #include "archive/pack_ahead.h"
 #include "archive/packing_coder.h"
 #include "archive/packing_order.h"
+#include "archive/packing_settings.h"
 #include "archive/update_callback.h"
 #include "base/com_pointer.h"
 #include "base/status.h"
@@ -25,13 +25,6 @@ using NArchive::N7z::CUpdateItem;
 
 namespace {
 
-constexpr UInt32 kDictionary = 0x100000;
-constexpr UInt32 kFastMode = 0;
-constexpr UInt32 kFastBytes = 32;
-constexpr auto* kMatchFinder = "HC4";
-/// Of LZMA2. By itself the engine makes no blocks where it has one thread, and the same file would come out
-/// differently on another machine.
-constexpr UInt32 kBlock = 4 * kDictionary;
 constexpr UInt32 kLzmaThreads = 2;
 
 constexpr auto* kUpdateFailure = L"Failed to create or update archive \"%ls\": 0x%08x";

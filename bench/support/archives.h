@@ -2,6 +2,7 @@
 
 #include "archive/database.h"
 #include "archive/engine.h"
+#include "archive/packing_settings.h"
 #include "archive/update_callback.h"
 #include "archive/update_step.h"
 #include "base/com_pointer.h"
@@ -129,10 +130,10 @@ inline void updateBare(const std::vector<UpdateEntry>& entries, const wchar_t* p
     NArchive::N7z::CMethodFull method;
     method.Id = 0x21; // LZMA2
     method.NumStreams = 1;
-    method.AddProp32(NCoderPropID::kDictionarySize, 0x100000);
-    method.AddProp32(NCoderPropID::kAlgorithm, 0);
-    method.AddProp32(NCoderPropID::kNumFastBytes, 32);
-    method.AddProp_Ascii(NCoderPropID::kMatchFinder, "HC4");
+    method.AddProp32(NCoderPropID::kDictionarySize, kDictionary);
+    method.AddProp32(NCoderPropID::kAlgorithm, kFastMode);
+    method.AddProp32(NCoderPropID::kNumFastBytes, kFastBytes);
+    method.AddProp_Ascii(NCoderPropID::kMatchFinder, kMatchFinder);
     method.AddProp32(NCoderPropID::kNumThreads, threadCount());
     N7z::CCompressionMethodMode mode;
     mode.Methods.Add(method);
