@@ -191,8 +191,7 @@ public:
     ///    that was read.
     ///  - STG_E_INVALIDFUNCTION: the item shares a folder with others.
     ///  - STG_E_READFAULT: the contents are not those that were stored, or cannot be, because the packed
-    ///  bytes
-    ///    are far too few for them.
+    ///    bytes are far too few for them.
     ///  - Win32 codes of opening the file again after a save that failed.
     ///  - STG_E_INVALIDHEADER: the file was opened again, and is another one.
     ///  - STG_E_INSUFFICIENTMEMORY.

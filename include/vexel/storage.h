@@ -357,12 +357,12 @@ public:
     /// for all its handles.
     ///
     /// Opening for writing empties the stream. If it is open for reading, it is reopened for writing, and so
-    /// are the storages above it. If it is not open, the parent has to be open for writing. The contents of a
-    /// package's stream are read for every opening, also for one that empties them.
+    /// are the storages above it. If it is not open, the parent has to be open for writing. A package's stream is
+    /// unpacked as a whole when it is opened for reading, and not at all for writing.
     ///  - STG_E_ACCESSDENIED: also when a stream that is not open is wanted for writing, and the parent is
     ///    open for reading.
-    ///  - STG_E_READFAULT, STG_E_INVALIDFUNCTION and other failures to unpack: the contents cannot be had.
-    ///    `create` replaces such a stream without reading it.
+    ///  - STG_E_READFAULT, STG_E_INVALIDFUNCTION and other failures to unpack: the contents cannot be had for
+    ///    reading.
     ///  - The other statuses are those of StorageRef::open, with stream and storage exchanged.
     long open(const SharedPathName& name, const StorageRef& parent, bool readOnly);
     long open(const wchar_t* name, const StorageRef& parent, bool readOnly);

@@ -1,5 +1,5 @@
-// Commands register themselves before main begins, in a list that needs no memory, so that a new command is a
-// new file and nothing else.
+// Commands register themselves before main begins, in a list that needs no memory, so that the program has no
+// table of them.
 
 #include "command.h"
 

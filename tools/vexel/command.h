@@ -35,7 +35,7 @@ private:
 ///     const CommandRegistration kRegistration("name", "What it does", add);
 ///
 /// where `add` tells its arguments and what it runs. A command reports what goes wrong by throwing Failure or
-/// UsageError. The help text shows the commands by name.
+/// UsageError. The help text shows the name and the help of each.
 class CommandRegistration {
 public:
     using Add = void (*)(Command& command);
