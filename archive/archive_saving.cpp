@@ -31,7 +31,8 @@ HRESULT refuse(const wchar_t* why, const CString& path, HRESULT status) noexcept
     return status;
 }
 
-constexpr auto* kUnread = L"Not replacing \"%ls\", which could not be read, or has other kinds of items: 0x%08x";
+constexpr auto* kUnread =
+    L"Not replacing \"%ls\", which could not be read, or has other kinds of items: 0x%08x";
 constexpr auto* kOther = L"Not replacing \"%ls\", which is not the file that was read: 0x%08x";
 constexpr auto* kAmbiguous = L"Not replacing \"%ls\", which has several items of one path: 0x%08x";
 

@@ -3,8 +3,8 @@
 #include <cstdint>
 
 /// How contents, and headers that are worth it, are packed: by LZMA2 and LZMA in their fast mode, which saves
-/// need more than the last few per cent. They change the bytes that are written, so that files of two versions
-/// differ; every reader of 7z takes them all.
+/// need more than the last few per cent. They change the bytes that are written, so that files of two
+/// versions differ; every reader of 7z takes them all.
 namespace Vexel::Storage::Engine {
 
 /// The engine declares less where all contents of an update are smaller.

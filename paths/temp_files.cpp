@@ -21,8 +21,8 @@
 // Process exit. As part of the DLL the registry is destroyed when the system has already ended all other
 // threads, wherever they were. Nothing may then be waited for, and nothing of the threads' own be touched:
 // not the mutex they may have held, not the condition variable that may still count the deletion thread as
-// waiting, not its thread object, whose functions lock too. The records are used without the mutex, for they are
-// whole wherever a thread was stopped.
+// waiting, not its thread object, whose functions lock too. The records are used without the mutex, for they
+// are whole wherever a thread was stopped.
 
 using Vexel::Detail::FailureNote;
 using Vexel::Detail::FileHandle;

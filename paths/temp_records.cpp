@@ -12,7 +12,9 @@ namespace {
 /// For as long as the map is being changed.
 class ChangeMark {
 public:
-    explicit ChangeMark(std::atomic<bool>& isChanging) noexcept : isChanging_(isChanging) { isChanging_ = true; }
+    explicit ChangeMark(std::atomic<bool>& isChanging) noexcept : isChanging_(isChanging) {
+        isChanging_ = true;
+    }
     ChangeMark(const ChangeMark&) = delete;
     ChangeMark& operator=(const ChangeMark&) = delete;
     ~ChangeMark() { isChanging_ = false; }

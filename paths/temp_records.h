@@ -12,10 +12,10 @@
 
 /// What is known of each temporary file, by name and in the order of the names.
 ///
-/// One thread at a time uses the records; the caller sees to that. At the end of the process it is the last one
-/// that there is, and the system may have stopped another one in the middle of a change. The map is of no use
-/// then, and no file may be forgotten for that. So the records are also in a list, which every change leaves
-/// whole at every moment: a record comes and goes by one store to one pointer.
+/// One thread at a time uses the records; the caller sees to that. At the end of the process it is the last
+/// one that there is, and the system may have stopped another one in the middle of a change. The map is of no
+/// use then, and no file may be forgotten for that. So the records are also in a list, which every change
+/// leaves whole at every moment: a record comes and goes by one store to one pointer.
 namespace Vexel::Detail {
 
 struct FailureNote {

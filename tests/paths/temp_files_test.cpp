@@ -247,8 +247,7 @@ TEST_F(TempFiles, AreKnownAtTheEndWhereverAThreadWasStopped) {
     });
     while (threadId == 0)
         Sleep(1);
-    const FileHandle thread(
-        OpenThread(THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT, FALSE, threadId));
+    const FileHandle thread(OpenThread(THREAD_SUSPEND_RESUME | THREAD_GET_CONTEXT, FALSE, threadId));
     CONTEXT context{};
     context.ContextFlags = CONTEXT_CONTROL;
     for (DWORD round = 0; round < 400; ++round) {
