@@ -103,11 +103,9 @@ HRESULT SZipArchivePrivate::addTree(const SZipArchivePrivate& source, std::wstri
         if (FAILED(status) || !top->second.isDirectory_)
             return status;
     }
-    for (auto item = descendantsBegin(source.items, sourcePath);
-         item != source.items.end() && isDescendant(sourcePath, item->first); ++item) {
-        CString path = stringOf(targetPath);
-        append(path, StringLess::view(item->first).substr(sourcePath.size()));
-        if (const HRESULT status = addCopy(source, item->second, item->first, path); FAILED(status))
+    for (const auto& [key, item] : descendants(source.items, sourcePath)) {
+        CString path = joined(targetPath, StringLess::view(key).substr(sourcePath.size()));
+        if (const HRESULT status = addCopy(source, item, key, path); FAILED(status))
             return status;
     }
     *changed = true;

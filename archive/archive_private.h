@@ -14,6 +14,7 @@
 #include <cstdint>
 #include <memory>
 #include <optional>
+#include <ranges>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -119,13 +120,20 @@ public:
     CString nameOf(std::wstring_view directory, std::wstring_view element) const;
     CString childPath(std::wstring_view directory, std::wstring_view name) const;
 
-    /// The first item below `path`, or the first there is for the empty path; the others follow it.
+    /// Where the items behind all that is below `path` begin; the path is not empty.
     template <class Map>
-    static auto descendantsBegin(Map& map, std::wstring_view path) {
-        return path.empty() ? map.begin() : map.lower_bound(std::wstring(path) + L'/');
+    static auto descendantsEnd(Map& map, std::wstring_view path) {
+        constexpr wchar_t kBehindSlash[] = {L'/' + 1, 0};
+        return map.lower_bound(StringLess::Joined{path, kBehindSlash});
     }
-    static bool isDescendant(std::wstring_view path, const CString& key) noexcept {
-        return isInside(path, StringLess::view(key));
+    /// The items below `path`, or all there are for the empty path. They are found by looking for both ends:
+    /// to compare each with the path would take the time of its length.
+    template <class Map>
+    static auto descendants(Map& map, std::wstring_view path) {
+        if (path.empty())
+            return std::ranges::subrange(map.begin(), map.end());
+        return std::ranges::subrange(map.lower_bound(StringLess::Joined{path, L"/"}),
+                                     descendantsEnd(map, path));
     }
 
 private:
