@@ -38,9 +38,10 @@ HRESULT SZipArchivePrivate::createFile(const CString& path, bool failIfExists, b
     ComPtr<SZipStream> contents = newContents({}, path);
     // Even if nothing is ever written into it, the next save has to write the item.
     contents->markModified();
-    const auto [position, inserted] = items.try_emplace(path, *this, false);
-    SZipArchiveItem& item = position->second;
-    if (!inserted) {
+    const auto place = placeOf(StringLess::view(path));
+    const bool isNew = !isAt(place, StringLess::view(path));
+    SZipArchiveItem& item = items.try_emplace(place, path, *this, false)->second;
+    if (!isNew) {
         if (item.isDirectory_ || failIfExists)
             return STG_E_FILEALREADYEXISTS;
         if (!replace)
@@ -57,9 +58,11 @@ HRESULT SZipArchivePrivate::createFile(const CString& path, bool failIfExists, b
 }
 
 HRESULT SZipArchivePrivate::createDirectory(const CString& path, bool failIfExists, bool clear) {
-    const auto [position, inserted] = items.try_emplace(path, *this, true);
-    if (!inserted) {
-        if (!position->second.isDirectory_)
+    const auto place = placeOf(StringLess::view(path));
+    if (!isAt(place, StringLess::view(path))) {
+        items.try_emplace(place, path, *this, true);
+    } else {
+        if (!place->second.isDirectory_)
             return STG_E_INVALIDFUNCTION;
         if (failIfExists)
             return STG_E_FILEALREADYEXISTS;

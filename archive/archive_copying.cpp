@@ -54,9 +54,9 @@ HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZip
     const RwGuard itemGuard(item.lock_, RwGuard::Shared);
     if (!itemGuard)
         return STG_E_INUSE;
-    const auto existing = items.find(targetPath);
-    if (existing != items.end())
-        return item.isDirectory_ && existing->second.isDirectory_ ? S_OK : STG_E_FILEALREADYEXISTS;
+    const auto place = placeOf(StringLess::view(targetPath));
+    if (isAt(place, StringLess::view(targetPath)))
+        return item.isDirectory_ && place->second.isDirectory_ ? S_OK : STG_E_FILEALREADYEXISTS;
     if (const HRESULT status = checkNewPath(StringLess::view(targetPath)); status != S_OK)
         return status;
 
@@ -72,7 +72,7 @@ HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZip
         contents = newContents(std::move(bytes), targetPath);
         contents->markModified();
     }
-    SZipArchiveItem& copy = items.try_emplace(targetPath, *this, item.isDirectory_).first->second;
+    SZipArchiveItem& copy = items.try_emplace(place, targetPath, *this, item.isDirectory_)->second;
     copy.contents_ = contents;
     copy.size_ = item.size_;
     copy.creationTime_ = item.creationTime_;

@@ -12,6 +12,7 @@
 
 #include <atomic>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <optional>
 #include <ranges>
@@ -120,6 +121,15 @@ public:
     CString nameOf(std::wstring_view directory, std::wstring_view element) const;
     CString childPath(std::wstring_view directory, std::wstring_view name) const;
 
+    /// Where the item of that path is, or belongs. Items are mostly made in their order, each behind the
+    /// last.
+    ItemMap::iterator placeOf(std::wstring_view path) {
+        const bool isLast = items.empty() || StringLess()(std::prev(items.end())->first, path);
+        return isLast ? items.end() : items.lower_bound(path);
+    }
+    bool isAt(ItemMap::const_iterator place, std::wstring_view path) const noexcept {
+        return place != items.end() && StringLess::view(place->first) == path;
+    }
     /// Where the items behind all that is below `path` begin; the path is not empty.
     template <class Map>
     static auto descendantsEnd(Map& map, std::wstring_view path) {
@@ -132,8 +142,9 @@ public:
     static auto descendants(Map& map, std::wstring_view path) {
         if (path.empty())
             return std::ranges::subrange(map.begin(), map.end());
-        return std::ranges::subrange(map.lower_bound(StringLess::Joined{path, L"/"}),
-                                     descendantsEnd(map, path));
+        const auto first = map.lower_bound(StringLess::Joined{path, L"/"});
+        const bool isAny = first != map.end() && isInside(path, StringLess::view(first->first));
+        return std::ranges::subrange(first, isAny ? descendantsEnd(map, path) : first);
     }
 
 private:
