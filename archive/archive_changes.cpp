@@ -29,9 +29,8 @@ bool SZipArchivePrivate::hasDirectory(std::wstring_view path) const {
 }
 
 void SZipArchivePrivate::eraseDescendants(std::wstring_view path) {
-    auto position = descendantsBegin(items, path);
-    while (position != items.end() && isDescendant(path, position->first))
-        position = items.erase(position);
+    const auto below = descendants(items, path);
+    items.erase(below.begin(), below.end());
 }
 
 HRESULT SZipArchivePrivate::createFile(const CString& path, bool failIfExists, bool replace,
@@ -39,9 +38,10 @@ HRESULT SZipArchivePrivate::createFile(const CString& path, bool failIfExists, b
     ComPtr<SZipStream> contents = newContents({}, path);
     // Even if nothing is ever written into it, the next save has to write the item.
     contents->markModified();
-    const auto [position, inserted] = items.try_emplace(path, *this, false);
-    SZipArchiveItem& item = position->second;
-    if (!inserted) {
+    const auto place = placeOf(StringLess::view(path));
+    const bool isNew = !isAt(place, StringLess::view(path));
+    SZipArchiveItem& item = items.try_emplace(place, path, *this, false)->second;
+    if (!isNew) {
         if (item.isDirectory_ || failIfExists)
             return STG_E_FILEALREADYEXISTS;
         if (!replace)
@@ -58,9 +58,11 @@ HRESULT SZipArchivePrivate::createFile(const CString& path, bool failIfExists, b
 }
 
 HRESULT SZipArchivePrivate::createDirectory(const CString& path, bool failIfExists, bool clear) {
-    const auto [position, inserted] = items.try_emplace(path, *this, true);
-    if (!inserted) {
-        if (!position->second.isDirectory_)
+    const auto place = placeOf(StringLess::view(path));
+    if (!isAt(place, StringLess::view(path))) {
+        items.try_emplace(place, path, *this, true);
+    } else {
+        if (!place->second.isDirectory_)
             return STG_E_INVALIDFUNCTION;
         if (failIfExists)
             return STG_E_FILEALREADYEXISTS;
@@ -86,10 +88,9 @@ HRESULT SZipArchivePrivate::move(std::wstring_view from, std::wstring_view to) {
     // All new keys before the first change, so that exhausted memory leaves all as it was.
     std::vector<std::pair<ItemMap::iterator, CString>> moves;
     moves.emplace_back(first, stringOf(to));
-    for (auto item = descendantsBegin(items, from); item != items.end() && isDescendant(from, item->first);
-         ++item) {
-        CString key = stringOf(to);
-        append(key, StringLess::view(item->first).substr(from.size()));
+    const auto below = descendants(items, from);
+    for (auto item = below.begin(); item != below.end(); ++item) {
+        CString key = joined(to, StringLess::view(item->first).substr(from.size()));
         if (items.contains(key))
             return STG_E_FILEALREADYEXISTS;
         moves.emplace_back(item, std::move(key));
@@ -223,9 +224,8 @@ HRESULT SZipArchivePrivate::flush(std::wstring_view path, Flushing flushing) {
         if (!found->second.isDirectory_)
             return S_OK;
     }
-    for (auto item = descendantsBegin(items, path); item != items.end() && isDescendant(path, item->first);
-         ++item)
-        flushItem(item->second);
+    for (auto& [key, item] : descendants(items, path))
+        flushItem(item);
     return S_OK;
 }
 

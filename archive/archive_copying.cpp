@@ -54,9 +54,9 @@ HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZip
     const RwGuard itemGuard(item.lock_, RwGuard::Shared);
     if (!itemGuard)
         return STG_E_INUSE;
-    const auto existing = items.find(targetPath);
-    if (existing != items.end())
-        return item.isDirectory_ && existing->second.isDirectory_ ? S_OK : STG_E_FILEALREADYEXISTS;
+    const auto place = placeOf(StringLess::view(targetPath));
+    if (isAt(place, StringLess::view(targetPath)))
+        return item.isDirectory_ && place->second.isDirectory_ ? S_OK : STG_E_FILEALREADYEXISTS;
     if (const HRESULT status = checkNewPath(StringLess::view(targetPath)); status != S_OK)
         return status;
 
@@ -72,7 +72,7 @@ HRESULT SZipArchivePrivate::addCopy(const SZipArchivePrivate& source, const SZip
         contents = newContents(std::move(bytes), targetPath);
         contents->markModified();
     }
-    SZipArchiveItem& copy = items.try_emplace(targetPath, *this, item.isDirectory_).first->second;
+    SZipArchiveItem& copy = items.try_emplace(place, targetPath, *this, item.isDirectory_)->second;
     copy.contents_ = contents;
     copy.size_ = item.size_;
     copy.creationTime_ = item.creationTime_;
@@ -103,11 +103,9 @@ HRESULT SZipArchivePrivate::addTree(const SZipArchivePrivate& source, std::wstri
         if (FAILED(status) || !top->second.isDirectory_)
             return status;
     }
-    for (auto item = descendantsBegin(source.items, sourcePath);
-         item != source.items.end() && isDescendant(sourcePath, item->first); ++item) {
-        CString path = stringOf(targetPath);
-        append(path, StringLess::view(item->first).substr(sourcePath.size()));
-        if (const HRESULT status = addCopy(source, item->second, item->first, path); FAILED(status))
+    for (const auto& [key, item] : descendants(source.items, sourcePath)) {
+        CString path = joined(targetPath, StringLess::view(key).substr(sourcePath.size()));
+        if (const HRESULT status = addCopy(source, item, key, path); FAILED(status))
             return status;
     }
     *changed = true;

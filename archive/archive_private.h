@@ -12,8 +12,10 @@
 
 #include <atomic>
 #include <cstdint>
+#include <iterator>
 #include <memory>
 #include <optional>
+#include <ranges>
 #include <span>
 #include <string_view>
 #include <utility>
@@ -119,13 +121,30 @@ public:
     CString nameOf(std::wstring_view directory, std::wstring_view element) const;
     CString childPath(std::wstring_view directory, std::wstring_view name) const;
 
-    /// The first item below `path`, or the first there is for the empty path; the others follow it.
-    template <class Map>
-    static auto descendantsBegin(Map& map, std::wstring_view path) {
-        return path.empty() ? map.begin() : map.lower_bound(std::wstring(path) + L'/');
+    /// Where the item of that path is, or belongs. Items are mostly made in their order, each behind the
+    /// last.
+    ItemMap::iterator placeOf(std::wstring_view path) {
+        const bool isLast = items.empty() || StringLess()(std::prev(items.end())->first, path);
+        return isLast ? items.end() : items.lower_bound(path);
     }
-    static bool isDescendant(std::wstring_view path, const CString& key) noexcept {
-        return isInside(path, StringLess::view(key));
+    bool isAt(ItemMap::const_iterator place, std::wstring_view path) const noexcept {
+        return place != items.end() && StringLess::view(place->first) == path;
+    }
+    /// Where the items behind all that is below `path` begin; the path is not empty.
+    template <class Map>
+    static auto descendantsEnd(Map& map, std::wstring_view path) {
+        constexpr wchar_t kBehindSlash[] = {L'/' + 1, 0};
+        return map.lower_bound(StringLess::Joined{path, kBehindSlash});
+    }
+    /// The items below `path`, or all there are for the empty path. They are found by looking for both ends:
+    /// to compare each with the path would take the time of its length.
+    template <class Map>
+    static auto descendants(Map& map, std::wstring_view path) {
+        if (path.empty())
+            return std::ranges::subrange(map.begin(), map.end());
+        const auto first = map.lower_bound(StringLess::Joined{path, L"/"});
+        const bool isAny = first != map.end() && isInside(path, StringLess::view(first->first));
+        return std::ranges::subrange(first, isAny ? descendantsEnd(map, path) : first);
     }
 
 private:

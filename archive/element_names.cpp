@@ -26,12 +26,11 @@ bool isEncoded(std::wstring_view element) {
            StringLess::view(name).find(L'\0') == std::wstring_view::npos;
 }
 
+CString join(std::wstring_view directory, std::wstring_view element) {
+    return directory.empty() ? stringOf(element) : joined(directory, L"/", element);
+}
 CString join(std::wstring_view directory, const CString& element) {
-    CString path = stringOf(directory);
-    if (!directory.empty())
-        append(path, L"/");
-    append(path, StringLess::view(element));
-    return path;
+    return join(directory, StringLess::view(element));
 }
 
 } // namespace
@@ -50,8 +49,11 @@ CString SZipArchivePrivate::nameOf(std::wstring_view directory, std::wstring_vie
 }
 
 CString SZipArchivePrivate::childPath(std::wstring_view directory, std::wstring_view name) const {
+    const bool hasSlash = name.find(L'/') != std::wstring_view::npos;
+    if (isPlain(name) && !hasSlash)
+        return join(directory, name);
     CString path = join(directory, SZipArchive::encodePathElement(name));
-    if (isPlain(name) || name.find(L'/') != std::wstring_view::npos || items.contains(path))
+    if (isPlain(name) || hasSlash || items.contains(path))
         return path;
     // What may stand in the archive as it is, if anything does.
     CString element = stringOf(name);
@@ -91,8 +93,8 @@ HRESULT SZipArchive::visitChildren(
         const std::wstring_view directory = StringLess::view(path);
         const std::size_t start = directory.empty() ? 0 : directory.size() + 1;
         unsigned steps = 0;
-        for (auto item = SZipArchivePrivate::descendantsBegin(items, directory);
-             item != items.end() && SZipArchivePrivate::isDescendant(directory, item->first);) {
+        const auto below = SZipArchivePrivate::descendants(items, directory);
+        for (auto item = below.begin(); item != below.end();) {
             const std::wstring_view key = StringLess::view(item->first);
             const std::size_t end = key.find(L'/', start);
             if (end == std::wstring_view::npos) {
@@ -100,8 +102,7 @@ HRESULT SZipArchive::visitChildren(
                     visit(private_->nameOf(directory, key.substr(start)), item->second);
                 steps = 0;
             } else if (++steps > kFewSteps) {
-                constexpr wchar_t kBehindSlash = L'/' + 1;
-                item = items.lower_bound(std::wstring(key.substr(0, end)) + kBehindSlash);
+                item = SZipArchivePrivate::descendantsEnd(items, key.substr(0, end));
                 steps = 0;
                 continue;
             }

@@ -2,12 +2,14 @@
 
 #include "base/text.h"
 
+#include <vexel/archive.h>
+
 #include <string_view>
 
 /// Rules of item paths, which are elements joined by "/".
 namespace Vexel::Storage {
 
-using Detail::append;
+using Detail::joined;
 using Detail::stringOf;
 
 /// Whether the path may name an item at all.
@@ -20,8 +22,8 @@ inline bool isNewItemPath(std::wstring_view path) noexcept {
 
 /// Whether `path` names something below `directory`; everything is below the root.
 inline bool isInside(std::wstring_view directory, std::wstring_view path) noexcept {
-    return directory.empty() ||
-           (path.size() > directory.size() && path.starts_with(directory) && path[directory.size()] == L'/');
+    return directory.empty() || (path.size() > directory.size() && path[directory.size()] == L'/' &&
+                                 StringLess::commonLength(directory, path) == directory.size());
 }
 
 /// Whether `path` is that of an element of `directory` itself: then `parentOf` it is `directory`.

@@ -9,7 +9,6 @@
 #include "base/task_memory.h"
 
 #include <algorithm>
-#include <iterator>
 #include <new>
 
 namespace Vexel::Storage {
@@ -28,23 +27,28 @@ STATSTG describe(const SZipArchiveItem& item) {
 /// An element with a "/" in its name is cut there; documents rely on it.
 CString cut(const CString& name) {
     const std::wstring_view text = StringLess::view(name);
-    return stringOf(text.substr(0, text.find(L'/')));
+    const std::size_t end = text.find(L'/');
+    return end == std::wstring_view::npos ? name : stringOf(text.substr(0, end));
 }
 
 } // namespace
 
+// The archive has its items in order, and most names are as their items' paths. Of several elements that come
+// to one name the first stays.
 SZipEnumerator::SZipEnumerator(const SZipArchive& archive, const CString& path) {
     const auto add = [this](const CString& name, const SZipArchiveItem& item) {
-        entries_.try_emplace(cut(name), describe(item));
+        entries_.push_back({cut(name), describe(item)});
     };
     if (archive.visitChildren(path, add) != S_OK)
         throw std::bad_alloc();
-    next_ = entries_.begin();
+    if (!std::ranges::is_sorted(entries_, StringLess(), &Entry::name))
+        std::ranges::stable_sort(entries_, StringLess(), &Entry::name);
+    const auto repeated =
+        std::ranges::unique(entries_, {}, [](const Entry& entry) { return StringLess::view(entry.name); });
+    entries_.erase(repeated.begin(), repeated.end());
 }
 
-SZipEnumerator::SZipEnumerator(const SZipEnumerator& other)
-    : IUnknownImpl(other), entries_(other.entries_),
-      next_(std::next(entries_.cbegin(), std::distance(other.entries_.cbegin(), other.next_))) {}
+SZipEnumerator::SZipEnumerator(const SZipEnumerator& other) = default;
 
 SZipEnumerator::~SZipEnumerator() = default;
 
@@ -56,35 +60,35 @@ HRESULT SZipEnumerator::Next(ULONG celt, STATSTG* rgelt, ULONG* pceltFetched) no
     if (pceltFetched)
         *pceltFetched = 0;
     if (celt == 0)
-        return next_ == entries_.end() ? S_FALSE : S_OK;
+        return next_ == entries_.size() ? S_FALSE : S_OK;
     if (!rgelt)
         return STG_E_INVALIDPOINTER;
     std::fill_n(rgelt, celt, STATSTG{});
     ULONG count = 0;
-    auto entry = next_;
-    for (; count < celt && entry != entries_.end(); ++entry, ++count) {
-        rgelt[count] = entry->second;
-        rgelt[count].pwcsName = Detail::duplicateText(StringLess::view(entry->first));
+    for (; count < celt && count < entries_.size() - next_; ++count) {
+        const Entry& entry = entries_[next_ + count];
+        rgelt[count] = entry.description;
+        rgelt[count].pwcsName = Detail::duplicateText(StringLess::view(entry.name));
         if (rgelt[count].pwcsName)
             continue;
         std::for_each(rgelt, rgelt + count, [](STATSTG& delivered) { CoTaskMemFree(delivered.pwcsName); });
         std::fill_n(rgelt, celt, STATSTG{});
         return STG_E_INSUFFICIENTMEMORY;
     }
-    next_ = entry;
+    next_ += count;
     if (pceltFetched)
         *pceltFetched = count;
     return count == celt ? S_OK : S_FALSE;
 }
 
 HRESULT SZipEnumerator::Skip(ULONG celt) noexcept {
-    for (; celt > 0 && next_ != entries_.end(); --celt)
-        ++next_;
-    return celt == 0 ? S_OK : S_FALSE;
+    const std::size_t count = (std::min)(std::size_t{celt}, entries_.size() - next_);
+    next_ += count;
+    return count == celt ? S_OK : S_FALSE;
 }
 
 HRESULT SZipEnumerator::Reset() noexcept {
-    next_ = entries_.begin();
+    next_ = 0;
     return S_OK;
 }
 

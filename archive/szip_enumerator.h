@@ -7,7 +7,8 @@
 
 #include <objidl.h>
 
-#include <map>
+#include <cstddef>
+#include <vector>
 
 namespace Vexel::Storage {
 
@@ -32,12 +33,16 @@ public:
     HRESULT STDMETHODCALLTYPE Clone(IEnumSTATSTG** ppenum) noexcept override;
 
 private:
-    using Entries = std::map<CString, STATSTG, StringLess>;
+    struct Entry {
+        CString name;
+        STATSTG description; ///< without a name
+    };
+    using Entries = std::vector<Entry>;
 
     ~SZipEnumerator() override;
 
-    Entries entries_; // without names
-    Entries::const_iterator next_;
+    Entries entries_;
+    std::size_t next_ = 0;
 };
 
 } // namespace Vexel::Storage

@@ -2,6 +2,8 @@
 
 #include <vexel/framework.h>
 
+#include <algorithm>
+#include <climits>
 #include <cstddef>
 #include <string_view>
 
@@ -15,12 +17,23 @@ inline std::wstring_view viewOf(const CStringW& text) noexcept {
 
 inline CStringW stringOf(std::wstring_view text) { return {text.data(), static_cast<int>(text.size())}; }
 
-inline void assign(CStringW& to, std::wstring_view text) {
-    to.SetString(text.data(), static_cast<int>(text.size()));
+/// Texts behind each other, in one block of memory from the start.
+inline CStringW joined(std::wstring_view first, std::wstring_view second, std::wstring_view third = {}) {
+    const std::size_t length = first.size() + second.size() + third.size();
+    CStringW text;
+    if (length == 0)
+        return text;
+    if (length > INT_MAX)
+        AfxThrowMemoryException();
+    wchar_t* place = text.GetBuffer(static_cast<int>(length));
+    for (const std::wstring_view part : {first, second, third})
+        place = std::copy(part.begin(), part.end(), place);
+    text.ReleaseBufferSetLength(static_cast<int>(length));
+    return text;
 }
 
-inline void append(CStringW& to, std::wstring_view text) {
-    to.Append(text.data(), static_cast<int>(text.size()));
+inline void assign(CStringW& to, std::wstring_view text) {
+    to.SetString(text.data(), static_cast<int>(text.size()));
 }
 
 } // namespace Vexel::Detail

@@ -16,6 +16,7 @@
 #include <benchmark/benchmark.h>
 
 #include <functional>
+#include <map>
 #include <string>
 #include <vector>
 
@@ -23,18 +24,24 @@ namespace Vexel::Bench {
 
 using Function = std::function<void(benchmark::State&)>;
 
+/// Which time counts. The thread's processor time is for what is done in memory by one thread alone: it says
+/// the same whatever else the machine does, but is told in steps of 10 ms.
+enum class Clock { Wall, Processor };
+
 class Suite {
 public:
-    /// Measures `ours` against `peer`. Times count by the wall clock. `limit` is the largest ratio, ours by
-    /// peer, that is acceptable.
-    void compare(const std::string& name, double limit, const Function& ours, const Function& peer);
+    /// Measures `ours` against `peer`. `limit` is the largest ratio, ours by peer, that is acceptable.
+    void compare(const std::string& name, double limit, const Function& ours, const Function& peer,
+                 Clock clock = Clock::Wall);
 
     /// Measures something without a peer; the result takes further settings, such as threads. With several
     /// threads the time printed is that of one iteration of all of them together.
     benchmark::internal::Benchmark* measure(const std::string& name, const Function& function);
 
-    /// Runs what was added and prints one line each. Takes Google Benchmark's options. 0 when every ratio is
-    /// within its limit and no benchmark reported an error, else 1.
+    /// Runs what was added and prints one line each. Takes Google Benchmark's options, and --rows=FILE, to
+    /// which it appends the results for programs to read. 1 when a ratio is above its limit or a benchmark
+    /// reported an error, else 0. A ratio is not judged where its two halves differ by more than what
+    /// separates it from its limit.
     int run(int argc, char** argv);
 
 private:
@@ -43,6 +50,7 @@ private:
         double limit;
     };
     std::vector<Comparison> comparisons_;
+    std::map<std::string, Clock> clocks_;
 };
 
 } // namespace Vexel::Bench

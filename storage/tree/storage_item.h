@@ -15,8 +15,11 @@
 #include <wrl/client.h>
 
 #include <atomic>
+#include <cstddef>
 #include <map>
 #include <memory>
+#include <string>
+#include <string_view>
 #include <vector>
 
 /// The tree of items behind the handles. An item is the object in memory that stands for one element of an
@@ -292,7 +295,8 @@ public:
     /// Begins a listing, opening the storage when it is closed. A failure in the middle of the list is not
     /// reported here: `moveNext` meets it after the children that were read.
     long reset(VxStorage* storage);
-    /// Steps to the next storage or stream. False at the end, and where reading the list failed.
+    /// Steps to the next storage or stream. False at the end, where reading the list failed, and where there
+    /// is no memory for a name.
     bool moveNext();
     /// S_OK, S_FALSE after the last child, or the failure that ended the list.
     HRESULT status() const noexcept { return status_; }
@@ -300,7 +304,7 @@ public:
     bool isLast() const noexcept { return next_ == entries_.size(); }
 
     StorageType type() const noexcept { return entry_.type; }
-    const SharedPathName& name() const noexcept { return entry_.name; }
+    const SharedPathName& name() const noexcept { return name_; }
     ULARGE_INTEGER size() const noexcept { return entry_.size; }
     FILETIME createTime() const noexcept { return entry_.createTime; }
     FILETIME writeTime() const noexcept { return entry_.writeTime; }
@@ -308,17 +312,20 @@ public:
 private:
     struct Entry {
         StorageType type{}; // 0 before the first entry and after the last
-        SharedPathName name;
+        std::size_t nameEnd = 0;
         ULARGE_INTEGER size{};
         FILETIME createTime{};
         FILETIME writeTime{};
     };
 
     HRESULT readAll(VxStorage& storage, IEnumSTATSTG& list);
+    std::wstring_view nameOf(size_t index) const noexcept;
 
     std::vector<Entry> entries_;
+    std::wstring names_; // of the entries, one behind the other
     size_t next_ = 0;
     Entry entry_;
+    SharedPathName name_;   // of the current entry alone: the table of all names does without the others
     HRESULT end_ = S_FALSE; // how reading the list ended
     HRESULT status_ = S_OK;
 };
