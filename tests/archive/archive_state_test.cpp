@@ -7,17 +7,11 @@
 #include <optional>
 
 using namespace std::string_view_literals;
-using Support::ArchiveFaults;
-using Support::Contents;
-using Support::failed;
-using Support::fill;
-using Support::inMemory;
-using Support::stateOf;
-using Support::statesOf;
+using namespace Support;
 
 namespace {
 
-using State = Support::ArchiveTest;
+using State = ArchiveTest;
 
 // A file that could not be read must not be replaced as long as that is so; then what it has is kept.
 TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
@@ -44,7 +38,7 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
     for (const auto& fault : cases) {
         SCOPED_TRACE(fault.name);
         make({{L"old", "precious"}});
-        const std::string before = Support::readFile(archivePath);
+        const std::string before = readFile(archivePath);
         SZipArchive archive(archivePath, false, true);
         ArchiveFaults::arm(fault.call, fault.error, 0, true);
         log_.clear();
@@ -55,18 +49,18 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         fill(archive, {{L"new", "x"}});
         // The save itself would find nothing in its way.
         EXPECT_TRUE(FAILED(saveFailing(archive, fault.call, fault.error)));
-        EXPECT_EQ(Support::readFile(archivePath), before);
+        EXPECT_EQ(readFile(archivePath), before);
         EXPECT_EQ(saved(archive), (Contents{{L"old", "precious"}, {L"new", "x"}}));
     }
 }
 
 TEST_F(State, NeverReplacesWhatIsNoArchive) {
-    Support::writeFile(archivePath, "This is text, and long enough to be looked at.");
+    writeFile(archivePath, "This is text, and long enough to be looked at.");
     SZipArchive archive(archivePath, false, true);
     EXPECT_EQ(archive.reload(), STG_E_INVALIDHEADER);
     fill(archive, {{L"new", "x"}});
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
-    EXPECT_EQ(Support::readFile(archivePath).substr(0, 12), "This is text");
+    EXPECT_EQ(readFile(archivePath).substr(0, 12), "This is text");
     EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
     EXPECT_EQ(saved(archive), (Contents{{L"new", "x"}}));
 }
@@ -106,7 +100,7 @@ TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
         EXPECT_EQ(archive.move(L"cached"sv, L"moved"sv), S_OK);
         EXPECT_EQ(inMemory().addItem(archive, L"moved"sv, L"copy"), S_OK);
 
-        const auto target = Support::streamOf("");
+        const auto target = streamOf("");
         EXPECT_EQ(archive.save(target.Get()), STG_E_FILENOTFOUND);
         EXPECT_EQ(archive.save(false), STG_E_FILENOTFOUND);
         EXPECT_EQ(archive.remove(L"packed"sv), S_OK);
@@ -123,10 +117,10 @@ TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
 TEST_F(State, NeverReplacesAFileThatIsNotTheOneItRead) {
     SZipArchive archive = made({{L"a", "1"}});
     fill(archive, {{L"a", "mine"}});
-    ArchiveFaults::alongside = [] { Support::writeFile(archivePath, "theirs, which is no archive at all"); };
+    ArchiveFaults::alongside = [] { writeFile(archivePath, "theirs, which is no archive at all"); };
     EXPECT_EQ(saveFailing(archive, ArchiveFaults::Move, ERROR_SHARING_VIOLATION), STG_E_SHAREVIOLATION);
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
-    EXPECT_EQ(Support::readFile(archivePath).substr(0, 6), "theirs");
+    EXPECT_EQ(readFile(archivePath).substr(0, 6), "theirs");
     EXPECT_EQ(statesOf(archive), (Contents{{L"a", "mine"}}));
 }
 
@@ -151,10 +145,10 @@ TEST_F(State, ReplacesNoOtherFileThanItsOwn) {
     SZipArchive archive = made({{L"a", "1"}});
     fill(archive, {{L"b", "2"}});
     const std::wstring elsewhere = folder_.file(L"b.7z");
-    Support::writeFile(elsewhere, "somebody else's");
+    writeFile(elsewhere, "somebody else's");
     archive.setFileName(elsewhere.c_str());
     EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
-    EXPECT_EQ(Support::readFile(elsewhere), "somebody else's");
+    EXPECT_EQ(readFile(elsewhere), "somebody else's");
     EXPECT_TRUE(DeleteFileW(elsewhere.c_str()));
     EXPECT_EQ(saved(archive, elsewhere), (Contents{{L"a", "1"}, {L"b", "2"}}));
     EXPECT_EQ(onDisk(), (Contents{{L"a", "1"}}));
@@ -200,11 +194,11 @@ TEST_F(State, RefusesAFileThatAppearsLaterWithOtherKindsOfItems) {
         SZipArchive archive = open();
         fill(archive, mine);
         make(isDirectory ? asFile : asDirectory);
-        const std::string theirs = Support::readFile(archivePath);
+        const std::string theirs = readFile(archivePath);
         EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
         EXPECT_EQ(statesOf(archive), mine);
         EXPECT_TRUE(archive.isChanged());
-        EXPECT_EQ(Support::readFile(archivePath), theirs);
+        EXPECT_EQ(readFile(archivePath), theirs);
         EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
         EXPECT_EQ(saved(archive), mine);
     }

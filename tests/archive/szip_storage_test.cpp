@@ -12,13 +12,12 @@
 #include <vector>
 
 using Microsoft::WRL::ComPtr;
-using Support::describe;
-using Support::expectEach;
+using namespace Support;
 using Vexel::Storage::SZipStorage;
 
 namespace {
 
-using PackageStorages = Support::ArchiveTest;
+using PackageStorages = ArchiveTest;
 
 constexpr DWORD kReading = STGM_READ | STGM_SHARE_EXCLUSIVE;
 constexpr DWORD kWriting = STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
@@ -61,7 +60,7 @@ HRESULT write(IStorage* storage, const wchar_t* name, std::string_view bytes, DW
 std::string read(IStorage* storage, const wchar_t* name) {
     ComPtr<IStream> stream;
     const HRESULT status = storage->OpenStream(name, nullptr, kReading, 0, &stream);
-    return stream ? Support::bytesOf(stream.Get()) : "status " + std::to_string(status);
+    return stream ? bytesOf(stream.Get()) : "status " + std::to_string(status);
 }
 
 /// The name of a storage or stream, and its mode behind a space.
@@ -120,7 +119,7 @@ TEST_F(PackageStorages, GivesTheStatusesItPromises) {
 }
 
 TEST_F(PackageStorages, ReadsAndKeepsWhatTheModesSay) {
-    std::filesystem::copy_file(Support::samplePath(L"plain-lzma2.7z"), archivePath);
+    std::filesystem::copy_file(samplePath(L"plain-lzma2.7z"), archivePath);
     EXPECT_TRUE(package(archivePath, STGM_WRITE)->archive()->isEmpty());
     EXPECT_TRUE(package(archivePath, STGM_CREATE | kWriting)->archive()->isEmpty());
     const ComPtr<SZipStorage> root = package(archivePath, STGM_CREATE | STGM_CONVERT | kWriting);
@@ -204,10 +203,10 @@ TEST_F(PackageStorages, MovesElementsToOtherPackages) {
           {L"outer/inner", kDirectory},
           {L"outer/inner/first", "1"},
           {L"outer/second", "2"}});
-    std::string bytes = Support::readFile(archivePath);
+    std::string bytes = readFile(archivePath);
     for (const bool isDamaged : {false, true}) {
         bytes[34] ^= isDamaged; // the size of the first contents: there are more than there should be
-        Support::writeFile(archivePath, bytes);
+        writeFile(archivePath, bytes);
         const HRESULT status = isDamaged ? STG_E_READFAULT : S_OK;
         const auto* const expected =
             isDamaged ? "outer={inner={} second=2 } " : "outer={inner={first=1 } second=2 } ";
@@ -285,7 +284,7 @@ TEST_F(PackageStorages, OpensPackagesInStreams) {
     EXPECT_EQ(Vexel::Storage::openPackage(static_cast<IStream*>(nullptr), root.GetAddressOf()),
               STG_E_INVALIDPOINTER);
     EXPECT_EQ(Vexel::Storage::openPackage(L"", kReading, true, root.GetAddressOf()), STG_E_INVALIDNAME);
-    const auto stream = Support::streamOf(Support::readFile(Support::samplePath(L"copy.7z")));
+    const auto stream = streamOf(readFile(samplePath(L"copy.7z")));
     ASSERT_EQ(Vexel::Storage::openPackage(stream.Get(), root.GetAddressOf()), S_OK);
     const std::wstring name = nameAndMode(root.Get());
     EXPECT_TRUE(std::regex_match(name, std::wregex(L":szip[0-9a-f]{16}@(0x)?[0-9A-Fa-f]+: 0")))
@@ -314,9 +313,9 @@ TEST_F(PackageStorages, AnswerForTheInterfacesTheyHave) {
 
 TEST_F(PackageStorages, TellWhatCouldNotBeMadeForACopy) {
     make({{L"box", kDirectory}, {L"note", "n"}});
-    Support::FakeCalls calls;
+    FakeCalls calls;
     calls.mode = STGM_READWRITE;
-    const ComPtr<IStorage> full = Support::fakeStorage(calls);
+    const ComPtr<IStorage> full = fakeStorage(calls);
     for (std::size_t call = 0; call < 20; ++call)
         calls.failures[call] = STG_E_MEDIUMFULL;
     EXPECT_EQ(package(archivePath, kReading)->CopyTo(0, nullptr, nullptr, full.Get()), STG_E_MEDIUMFULL);

@@ -224,23 +224,22 @@ TEST_F(CompressedStream, DecompressesFromWhereTheStreamsStand) {
     const struct {
         const char* name;
         std::string source;
-        void (*breakStreams)(FaultyStream& source, FaultyStream& target);
+        FaultyStream::Plan ofSource, ofTarget;
         HRESULT expected;
     } faults[] = {
-        {"write", longer, [](auto&, auto& target) { target.writesLeft = 0; }, STG_E_WRITEFAULT},
-        {"write, oddly", longer,
-         [](auto&, auto& target) { target.writesLeft = 0, target.writing = HRESULT{0x20000002}; },
-         STG_E_WRITEFAULT},
-        {"way back", longer, [](auto& source, auto&) { source.seekFails = true; }, STG_E_SEEKERROR},
-        {"cut", longer, [](auto&, auto& target) { target.resizeFails = true; }, STG_E_WRITEFAULT},
-        {"cut of nothing", "plain", [](auto&, auto& target) { target.resizeFails = true; }, S_OK},
+        {"write", longer, {}, {FaultyStream::Writing, STG_E_WRITEFAULT}, STG_E_WRITEFAULT},
+        {"write, oddly", longer, {}, {FaultyStream::Writing, 0x20000002}, STG_E_WRITEFAULT},
+        {"way back", longer, {FaultyStream::Seeking, STG_E_SEEKERROR, 4}, {}, STG_E_SEEKERROR},
+        {"cut", longer, {}, {FaultyStream::Resizing, E_NOTIMPL}, STG_E_WRITEFAULT},
+        {"cut of nothing", "plain", {}, {FaultyStream::Resizing, E_NOTIMPL}, S_OK},
     };
     for (const auto& test : faults) {
         SCOPED_TRACE(test.name);
         const auto source = Vexel::Detail::make<FaultyStream>(test.source),
                    target = Vexel::Detail::make<FaultyStream>();
-        test.breakStreams(*source.Get(), *target.Get());
-        const bool isCopied = target->writesLeft == 0;
+        *source->plan = test.ofSource;
+        *target->plan = test.ofTarget;
+        const bool isCopied = test.ofTarget.call == FaultyStream::Writing;
         EXPECT_EQ(DecompressStream(source.Get(), target.Get()), test.expected);
         EXPECT_TRUE(!isCopied || bytesOf(target.Get()) == longer);
     }

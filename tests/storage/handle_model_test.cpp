@@ -371,7 +371,10 @@ private:
         streams_.clear();
         storages_.clear();
         items_.clear();
-        container().deleteUnusedObjects();
+        if (isPackage())
+            container().deleteUnusedObjects();
+        const HANDLE file = CreateFileW(file_.c_str(), GENERIC_READ, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+        EXPECT_TRUE(file != INVALID_HANDLE_VALUE && CloseHandle(file)) << "nobody has it open";
     }
     void keepState() const {
         static int number = 0;
