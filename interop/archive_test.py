@@ -1,17 +1,14 @@
 """Packages against 7zz and bsdtar: what we write they read, and what they make of headers we do."""
 
 import os
-import pathlib
 import random
-import shutil
 import struct
 import subprocess
-import tempfile
 import time
 import unittest
 import zlib
 
-from vexel_cli import BUILD, ROOT, bsdtar_names, listing, run, seven_zip
+from vexel_cli import BUILD, ROOT, CommandTest, bsdtar_names, listing, run, seven_zip
 
 SCRIPTS = int(os.environ.get("VEXEL_SCRIPTS", 10))
 MUTANTS = int(os.environ.get("VEXEL_MUTANTS", 300))
@@ -29,13 +26,7 @@ def tool(*arguments):
     return result.stdout.decode()
 
 
-class Packages(unittest.TestCase):
-    maxDiff = 2000
-
-    def setUp(self):
-        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="vexel-archive-"))
-        self.addCleanup(shutil.rmtree, self.directory)
-
+class Packages(CommandTest):
     # The scripts compare the contents with those they read, and 7zz their checksums.
     def test_other_programs_read_what_random_scripts_save(self):
         run([ROOT / "scripts" / "wine", BUILD / "bin" / "handle_model_test.exe", "--gtest_filter=*Package"], check=True,

@@ -295,20 +295,8 @@ TEST_F(PackageStorages, AnswerForTheInterfacesTheyHave) {
     const ComPtr<SZipStorage> root = newPackage();
     ComPtr<IEnumSTATSTG> list;
     ASSERT_EQ(root->EnumElements(0, nullptr, 0, &list), S_OK);
-    for (IUnknown* const object : {static_cast<IUnknown*>(root.Get()), static_cast<IUnknown*>(list.Get())}) {
-        const bool isStorage = object == root.Get();
-        const std::pair<const GUID&, bool> interfaces[] = {{IID_IUnknown, true},
-                                                           {IID_IStorage, isStorage},
-                                                           {Vexel::Storage::IID_SZipStorage, isStorage},
-                                                           {IID_IEnumSTATSTG, !isStorage},
-                                                           {IID_IStream, false}};
-        for (const auto& [iid, isThere] : interfaces) {
-            ComPtr<IUnknown> answer;
-            EXPECT_EQ(object->QueryInterface(iid, &answer), isThere ? S_OK : E_NOINTERFACE);
-            EXPECT_EQ(answer.Get(), isThere ? object : nullptr);
-        }
-        EXPECT_EQ(object->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
-    }
+    expectInterfaces(root.Get(), {IID_IUnknown, IID_IStorage, Vexel::Storage::IID_SZipStorage}, IID_IStream);
+    expectInterfaces(list.Get(), {IID_IUnknown, IID_IEnumSTATSTG}, IID_IStorage);
 }
 
 TEST_F(PackageStorages, TellWhatCouldNotBeMadeForACopy) {

@@ -28,6 +28,22 @@ inline void expectEach(HRESULT status, std::initializer_list<HRESULT> given) {
     EXPECT_EQ(std::vector(given), std::vector(given.size(), status));
 }
 
+/// All interfaces of a COM object are one object, and others are not there.
+inline void expectInterfaces(IUnknown* object, const std::vector<GUID>& there, const GUID& missing) {
+    Microsoft::WRL::ComPtr<IUnknown> identity;
+    EXPECT_EQ(object->QueryInterface(IID_IUnknown, &identity), S_OK);
+    for (const GUID& iid : there) {
+        Microsoft::WRL::ComPtr<IUnknown> face, back;
+        ASSERT_EQ(object->QueryInterface(iid, &face), S_OK);
+        EXPECT_EQ(face->QueryInterface(IID_IUnknown, &back), S_OK);
+        EXPECT_EQ(back.Get(), identity.Get());
+    }
+    void* found = identity.Get();
+    EXPECT_EQ(object->QueryInterface(missing, &found), E_NOINTERFACE);
+    EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(object->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+}
+
 /// Bytes that do not pack, the same for each size.
 inline std::string noise(std::size_t size) {
     std::mt19937 random(static_cast<unsigned>(size));
