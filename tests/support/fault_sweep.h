@@ -2,6 +2,9 @@
 
 #include <gtest/gtest.h>
 
+#include <initializer_list>
+#include <string>
+
 namespace Support {
 
 /// Lets the first call of some kind fail, then the second, and so on: makes `attempt(n)` for each n, until it
@@ -12,6 +15,20 @@ unsigned sweepFaults(Attempt attempt, unsigned step = 1) {
     for (; attempt(n) && !testing::Test::HasFailure(); n += step)
         EXPECT_LT(n, 20'000U) << "there is no end of faults";
     return n;
+}
+
+/// Lets `check` see the bytes cut at every place, and with these bits of every byte changed.
+template <class Check>
+void sweepDamage(const std::string& whole, std::size_t begin, std::initializer_list<int> masks, Check check) {
+    for (std::size_t at = begin; at < whole.size(); ++at) {
+        SCOPED_TRACE("damaged at " + std::to_string(at));
+        check(whole.substr(0, at));
+        for (const int mask : masks) {
+            std::string damaged = whole;
+            damaged[at] = static_cast<char>(damaged[at] ^ mask);
+            check(damaged);
+        }
+    }
 }
 
 } // namespace Support
