@@ -104,14 +104,15 @@ private:
 
     Elements& work(const std::wstring& storage) { return items_.at(isPackage() ? L"" : storage).work; }
     std::string& contentsOf(const std::wstring& stream) { return work(parentOf(stream)).at(stream); }
-    /// Whether a handle is on it or below it.
-    bool isUsed(const std::wstring& path) const {
-        const auto is = [&](const auto& held) { return held.path == path || isBelow(path, held.path); };
+    template <class Predicate>
+    bool anyHandle(Predicate is) const {
         return std::ranges::any_of(storages_, is) || std::ranges::any_of(streams_, is);
     }
     bool isHeld(const std::wstring& path) const {
-        const auto is = [&](const auto& held) { return held.path == path; };
-        return std::ranges::any_of(storages_, is) || std::ranges::any_of(streams_, is);
+        return anyHandle([&](const auto& held) { return held.path == path; });
+    }
+    bool isUsed(const std::wstring& path) const {
+        return isHeld(path) || anyHandle([&](const auto& held) { return isBelow(path, held.path); });
     }
     bool hasItemsBelow(const std::wstring& path) const {
         return std::ranges::any_of(items_, [&](const auto& item) { return isBelow(path, item.first); });

@@ -208,18 +208,11 @@ TEST_P(Handles, ReachOneNodeByOneItem) {
     closeForGood(other); // which would keep the writer out
     EXPECT_EQ(root.format(), GetParam().format);
     const StorageRef box = openStorage(L"Box", root);
-    StreamRef note = openStream(L"Note", box), again = openStream(L"Note", box);
-    EXPECT_EQ(note, again);
+    StreamRef note = openStream(L"Note", box);
+    EXPECT_EQ(note, openStream(L"Note", box));
     EXPECT_EQ(box, openStorage(L"Box", root));
     EXPECT_EQ(note.compression(), GetParam().compression);
-    const auto readOnly = [&] { return std::array{root.readOnly(), box.readOnly(), note.readOnly()}; };
-    EXPECT_THAT(readOnly(), testing::Each(true));
-    EXPECT_EQ(note.Seek(SeekPosition::Begin, 2), 2u);
-    EXPECT_EQ(again.GetPosition(), 2u);
-    EXPECT_EQ(openStream(L"Note", box).GetPosition(), 0u) << "opening rewinds";
-    EXPECT_EQ(again.open(L"Note", box, false), S_OK);
-    EXPECT_THAT(readOnly(), testing::Each(false)) << "for all, and up to the root";
-    EXPECT_EQ(note.size(), 0u) << "emptied";
+    EXPECT_EQ(StreamRef().open(L"Note", box, false), S_OK);
     EXPECT_EQ(forReading(), root);
     EXPECT_FALSE(root.readOnly()) << "good enough for reading";
 }
@@ -302,35 +295,14 @@ TEST_P(Handles, MayBeTheirOwnParent) {
     EXPECT_TRUE(released());
 }
 
-template <class Ref>
-void countReferences(StorageRef& root, const wchar_t* child, Ref first) {
-    Ref second(first);
-    first.close();
-    Ref third;
-    third = second;
-    third = *&third;
-    second = Ref();
-    Ref fourth(std::move(third));
-    Ref fifth;
-    fifth = std::move(fourth);
-    EXPECT_EQ(root.destroy(child), STG_E_INUSE);
-    fifth.close();
-    EXPECT_EQ(root.destroy(child), S_OK);
-}
-
-TEST_P(Handles, HoldOneReferenceEach) {
-    StorageRef root = forWriting();
-    countReferences(root, L"Box", openStorage(L"Box", root));
-    countReferences(root, L"Short", openStream(L"Short", root));
-    StorageRef moved = std::move(root), target = newPackage(path(folder_.file(L"other")));
-    const StorageRef was = target;
-    target = std::move(moved);
-    EXPECT_EQ(moved, was) << "move assignment swaps"; // NOLINT(bugprone-use-after-move): it is promised
-}
-
 TEST_P(Handles, ListWhatWasThere) {
     StorageRef root = forWriting();
     StorageEnumerator first, alias;
+    StorageRef moved = root, target = newPackage(path(folder_.file(L"other")));
+    const StorageRef was = target;
+    target = std::move(moved);
+    EXPECT_EQ(moved, was) << "move assignment swaps"; // NOLINT(bugprone-use-after-move): it is promised
+    closeForGood(target);
     ASSERT_EQ(first.reset(root), S_OK);
     EXPECT_EQ(first.format(), GetParam().format);
     EXPECT_EQ(first.type(), StorageType{});
