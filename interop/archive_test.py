@@ -1,19 +1,16 @@
 """Packages against 7zz and bsdtar: what we write they read, and what they make of headers we do."""
 
 import os
-import pathlib
 import random
-import shutil
 import struct
 import subprocess
-import tempfile
 import time
 import unittest
 import zlib
 
-from vexel_cli import BUILD, ROOT, bsdtar_names, listing, run, seven_zip
+from vexel_cli import BUILD, ROOT, CommandTest, bsdtar_names, listing, run, seven_zip
 
-WALKS = int(os.environ.get("VEXEL_WALKS", 4))
+SCRIPTS = int(os.environ.get("VEXEL_SCRIPTS", 10))
 MUTANTS = int(os.environ.get("VEXEL_MUTANTS", 300))
 KILLS = int(os.environ.get("VEXEL_KILLS", 12))
 
@@ -29,29 +26,20 @@ def tool(*arguments):
     return result.stdout.decode()
 
 
-class Packages(unittest.TestCase):
-    maxDiff = 2000
-
-    def setUp(self):
-        self.directory = pathlib.Path(tempfile.mkdtemp(prefix="vexel-archive-"))
-        self.addCleanup(shutil.rmtree, self.directory)
-
-    # The tool itself compares the contents with those it reads, and 7zz their checksums.
-    def test_other_programs_read_every_state_of_a_random_walk(self):
-        for seed in range(WALKS):
-            with self.subTest(seed=seed):
-                folder = self.directory / str(seed)
-                folder.mkdir()
-                tool("walk", folder, seed, 12)
-                self.assertTrue(list(folder.glob("*.txt")))
-                for state in folder.glob("*.txt"):
-                    lines = [line.split(" ", 1) for line in state.read_text(encoding="utf-8").splitlines()]
-                    package = state.with_suffix(".7z")
-                    seven_zip("t", package)
-                    self.assertEqual({path: item["Size"] or "0" for path, item in listing(package).items()},
-                                     {path: size.replace("-", "0") for size, path in lines})
-                    self.assertEqual(sorted(bsdtar_names(package)),
-                                     sorted(path + "/" * (size == "-") for size, path in lines))
+class Packages(CommandTest):
+    # The scripts compare the contents with those they read, and 7zz their checksums.
+    def test_other_programs_read_what_random_scripts_save(self):
+        run([ROOT / "scripts" / "wine", BUILD / "bin" / "handle_model_test.exe", "--gtest_filter=*Package"], check=True,
+            env={**os.environ, "VEXEL_TEST_SEEDS": f"0-{SCRIPTS}", "VEXEL_TEST_STATES": f"Z:{self.directory}"})
+        states = list(self.directory.glob("*.txt"))
+        self.assertGreater(len(states), SCRIPTS)
+        for state in states:
+            lines = [line.split(" ", 1) for line in state.read_text(encoding="utf-8").splitlines()]
+            package = state.with_suffix(".7z")
+            seven_zip("t", package)
+            self.assertEqual({path: item["Size"] or "0" for path, item in listing(package).items()},
+                             {path: size.replace("-", "0") for size, path in lines})
+            self.assertEqual(sorted(bsdtar_names(package)), sorted(path + "/" * (size == "-") for size, path in lines))
 
     # What 7zz lists opens, and what it faults is refused: headers with changed bytes and mended checksums.
     def test_headers_that_7zz_lists_open_and_no_others(self):

@@ -87,25 +87,6 @@ class Packages(CommandTest):
         self.assertEqual([info[key] for key in ["format", "size", "storages", "streams", "bytes", "packed", "ratio"]],
                          ["package", package.stat().st_size, storages, streams, size, packed, packed / size])
 
-    def test_archives_without_directories_and_with_names_that_nobody_encoded(self):
-        tree, package = self.directory / "tree", self.directory / "foreign.7z"
-        names = ["d/x", "d/sub/y", "top", "100%.txt", "a%20b", "50%", "p%/q%2F"]
-        for name in names:
-            (tree / name).parent.mkdir(parents=True, exist_ok=True)
-            (tree / name).write_bytes(name.encode() * 9)
-        seven_zip("a", "-ms=off", package, *names, cwd=tree)
-        wanted = {name.replace("%", "%25"): name.encode() * 9 for name in names} | {"d": None, "d/sub": None, "p%25": None}
-        listed = json.loads(self.succeed("list", "--json", package))
-        self.assertEqual({node["path"]: node["size"] for node in listed}, {path: data and len(data) for path, data in wanted.items()})
-        self.assertEqual(self.succeed("verify", package), b"")
-        info = json.loads(self.succeed("info", "--json", package))
-        self.assertEqual((info["storages"], info["streams"]), (3, len(names)))
-        self.succeed("extract", package, self.directory / "out")
-        self.assertEqual(files_below(self.directory / "out"), wanted)
-        self.succeed("put", package, "new", stdin=b"new")
-        seven_zip("t", package)
-        self.assertEqual(listing(package).keys(), {*names, "new", "d", "d/sub", "p%"})
-
     def test_what_cannot_be_packed_leaves_nothing(self):
         tree = self.directory / "tree"
         tree.mkdir()

@@ -7,17 +7,11 @@
 #include <optional>
 
 using namespace std::string_view_literals;
-using Support::ArchiveFaults;
-using Support::Contents;
-using Support::failed;
-using Support::fill;
-using Support::inMemory;
-using Support::stateOf;
-using Support::statesOf;
+using namespace Support;
 
 namespace {
 
-class State : public Support::ArchiveTest {
+class State : public ArchiveTest {
 protected:
     /// How often the log has said that the archive's file is not replaced.
     std::ptrdiff_t refusals() const {
@@ -50,7 +44,7 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
     for (const auto& fault : cases) {
         SCOPED_TRACE(fault.name);
         make({{L"old", "precious"}});
-        const std::string before = Support::readFile(archivePath);
+        const std::string before = readFile(archivePath);
         SZipArchive archive(archivePath, false, true);
         ArchiveFaults::arm(fault.call, fault.error, 0, true);
         log_.clear();
@@ -62,19 +56,19 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         // The save itself would find nothing in its way.
         EXPECT_TRUE(FAILED(saveFailing(archive, fault.call, fault.error)));
         EXPECT_EQ(refusals(), 1);
-        EXPECT_EQ(Support::readFile(archivePath), before);
+        EXPECT_EQ(readFile(archivePath), before);
         EXPECT_EQ(saved(archive), (Contents{{L"old", "precious"}, {L"new", "x"}}));
     }
 }
 
 TEST_F(State, NeverReplacesWhatIsNoArchive) {
-    Support::writeFile(archivePath, "This is text, and long enough to be looked at.");
+    writeFile(archivePath, "This is text, and long enough to be looked at.");
     SZipArchive archive(archivePath, false, true);
     EXPECT_EQ(archive.reload(), STG_E_INVALIDHEADER);
     fill(archive, {{L"new", "x"}});
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
     EXPECT_EQ(refusals(), 1);
-    EXPECT_EQ(Support::readFile(archivePath).substr(0, 12), "This is text");
+    EXPECT_EQ(readFile(archivePath).substr(0, 12), "This is text");
     EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
     EXPECT_EQ(saved(archive), (Contents{{L"new", "x"}}));
 }
@@ -114,7 +108,7 @@ TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
         EXPECT_EQ(archive.move(L"cached"sv, L"moved"sv), S_OK);
         EXPECT_EQ(inMemory().addItem(archive, L"moved"sv, L"copy"), S_OK);
 
-        const auto target = Support::streamOf("");
+        const auto target = streamOf("");
         EXPECT_EQ(archive.save(target.Get()), STG_E_FILENOTFOUND);
         EXPECT_EQ(archive.save(false), STG_E_FILENOTFOUND);
         EXPECT_EQ(archive.remove(L"packed"sv), S_OK);
@@ -131,10 +125,10 @@ TEST_F(State, WhatIsInMemoryOutlivesTheFile) {
 TEST_F(State, NeverReplacesAFileThatIsNotTheOneItRead) {
     SZipArchive archive = made({{L"a", "1"}});
     fill(archive, {{L"a", "mine"}});
-    ArchiveFaults::alongside = [] { Support::writeFile(archivePath, "theirs, which is no archive at all"); };
+    ArchiveFaults::alongside = [] { writeFile(archivePath, "theirs, which is no archive at all"); };
     EXPECT_EQ(saveFailing(archive, ArchiveFaults::Move, ERROR_SHARING_VIOLATION), STG_E_SHAREVIOLATION);
     EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
-    EXPECT_EQ(Support::readFile(archivePath).substr(0, 6), "theirs");
+    EXPECT_EQ(readFile(archivePath).substr(0, 6), "theirs");
     EXPECT_EQ(statesOf(archive), (Contents{{L"a", "mine"}}));
 }
 
@@ -160,11 +154,11 @@ TEST_F(State, ReplacesNoOtherFileThanItsOwn) {
     SZipArchive archive = made({{L"a", "1"}});
     fill(archive, {{L"b", "2"}});
     const std::wstring elsewhere = folder_.file(L"b.7z");
-    Support::writeFile(elsewhere, "somebody else's");
+    writeFile(elsewhere, "somebody else's");
     archive.setFileName(elsewhere.c_str());
     EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
     EXPECT_EQ(log_.count(VxLog_Error, L"Not replacing \"" + elsewhere + L"\", which is not the file"), 1);
-    EXPECT_EQ(Support::readFile(elsewhere), "somebody else's");
+    EXPECT_EQ(readFile(elsewhere), "somebody else's");
     EXPECT_TRUE(DeleteFileW(elsewhere.c_str()));
     EXPECT_EQ(saved(archive, elsewhere), (Contents{{L"a", "1"}, {L"b", "2"}}));
     EXPECT_EQ(onDisk(), (Contents{{L"a", "1"}}));
@@ -210,13 +204,13 @@ TEST_F(State, RefusesAFileThatAppearsLaterWithOtherKindsOfItems) {
         SZipArchive archive = open();
         fill(archive, mine);
         make(isDirectory ? asFile : asDirectory);
-        const std::string theirs = Support::readFile(archivePath);
+        const std::string theirs = readFile(archivePath);
         log_.clear();
         EXPECT_EQ(archive.save(false), STG_E_FILEALREADYEXISTS);
         EXPECT_EQ(refusals(), 1);
         EXPECT_EQ(statesOf(archive), mine);
         EXPECT_TRUE(archive.isChanged());
-        EXPECT_EQ(Support::readFile(archivePath), theirs);
+        EXPECT_EQ(readFile(archivePath), theirs);
         EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
         EXPECT_EQ(saved(archive), mine);
     }

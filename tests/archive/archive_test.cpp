@@ -7,14 +7,7 @@
 
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
-using Support::Contents;
-using Support::expectEach;
-using Support::failed;
-using Support::fill;
-using Support::inMemory;
-using Support::stateOf;
-using Support::statesOf;
-using Support::writeItem;
+using namespace Support;
 using Vexel::Storage::SZipArchive;
 
 namespace {
@@ -38,7 +31,7 @@ TEST(PathElements, AreEncodedAndDecoded) {
         EXPECT_EQ(SZipArchive::decodePathElement(element), name);
 }
 
-using Archive = Support::ArchiveTest;
+using Archive = ArchiveTest;
 
 TEST_F(Archive, KeepsTheTimesOfItems) {
     const FILETIME set{0x12345678, 0x01D00000};
@@ -91,7 +84,7 @@ TEST_F(Archive, OpeningReportsWhatIsThere) {
     EXPECT_EQ(missing.reload(), STG_E_FILENOTFOUND);
     EXPECT_EQ(log_.count(VxLog_Minor, L"Failed to open file \"" + archivePath + L"\": 0x00000002"), 1);
     EXPECT_FALSE(missing.fileTimes(nullptr, nullptr, nullptr));
-    Support::writeFile(archivePath, "7z");
+    writeFile(archivePath, "7z");
     EXPECT_EQ(missing.reload(), STG_E_INVALIDHEADER);
     EXPECT_EQ(log_.count(VxLog_Trace, L"Failed to open \"" + archivePath + L"\" as an archive: 0x00000001"),
               1);
@@ -148,7 +141,11 @@ TEST_F(Archive, StreamsOfAnItemShareItsContents) {
     ASSERT_EQ(archive.createFile(&second, L"a", false, false), S_OK);
     EXPECT_FALSE(archive.isChanged());
     EXPECT_EQ(first->Write("ab", 2, nullptr), S_OK);
-    EXPECT_EQ(Support::bytesOf(second.Get()), "ab23");
+    EXPECT_EQ(bytesOf(second.Get()), "ab23");
+    char beginning = 0;
+    ASSERT_EQ(archive.extractFile(&third, L"a"sv), S_OK);
+    EXPECT_EQ(third->Read(&beginning, 1, nullptr), S_OK);
+    EXPECT_EQ(beginning, 'a') << "each begins at the beginning";
     EXPECT_TRUE(archive.isChanged());
     EXPECT_EQ(archive.createFile(&third, L"a", false, true), S_OK);
     EXPECT_EQ(stateOf(archive, L"a"), "");
@@ -200,7 +197,7 @@ TEST_F(Archive, CopiesPackedDataOfASharedFile) {
 TEST_F(Archive, ReadsFromAndSavesToStreams) {
     SZipArchive file = made({{L"d", kDirectory}, {L"d/a", "0123"}});
     fill(file, {{L"b", "new"}});
-    const auto stream = Support::streamOf("");
+    const auto stream = streamOf("");
     EXPECT_EQ(file.save(stream.Get()), S_OK);
     EXPECT_TRUE(file.isChanged());
 
@@ -231,7 +228,7 @@ TEST_F(Archive, OfOthersOpenOrSayWhyNot) {
         {L"encrypted-header.7z", HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED), STG_E_FILENOTFOUND},
     };
     for (const auto& [file, opened, read] : cases) {
-        SZipArchive archive(Support::samplePath(file), true, false);
+        SZipArchive archive(samplePath(file), true, false);
         EXPECT_EQ(archive.reload(), opened) << file;
         ComPtr<IStream> stream;
         EXPECT_EQ(archive.extractFile(&stream, archive.item(L"d/e/deep"sv) ? L"d/e/deep"sv : L"e"sv), read)

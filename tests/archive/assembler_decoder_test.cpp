@@ -40,78 +40,62 @@ Packed pack(const std::string& contents, int lc, int lp, int pb, UInt32 dictiona
     properties.pb = pb;
     properties.dictSize = dictionary;
     properties.numThreads = 1;
-    Packed packed{std::string(LZMA_PROPS_SIZE, 0), std::string(contents.size() * 2 + 100, 0),
-                  contents.size()};
-    SizeT size = packed.bytes.size(), propertiesSize = LZMA_PROPS_SIZE;
-    EXPECT_EQ(LzmaEncode(reinterpret_cast<Byte*>(packed.bytes.data()), &size,
+    std::string settings(LZMA_PROPS_SIZE, 0), bytes(contents.size() * 2 + 100, 0);
+    SizeT size = bytes.size(), settingsSize = LZMA_PROPS_SIZE;
+    EXPECT_EQ(LzmaEncode(reinterpret_cast<Byte*>(bytes.data()), &size,
                          reinterpret_cast<const Byte*>(contents.data()), contents.size(), &properties,
-                         reinterpret_cast<Byte*>(packed.properties.data()), &propertiesSize, 0, nullptr,
-                         &g_Alloc, &g_Alloc),
+                         reinterpret_cast<Byte*>(settings.data()), &settingsSize, 0, nullptr, &g_Alloc,
+                         &g_Alloc),
               SZ_OK);
-    packed.bytes.resize(size);
-    return packed;
+    return {settings, bytes.substr(0, size), contents.size()};
 }
 
-/// The contents, and what each call told.
-using Outcome = std::pair<std::string, std::string>;
-
-/// Hands out `in` packed bytes at a time, and room for `out`.
-Outcome decode(const Decoder& decoder, const Packed& packed, std::size_t in, std::size_t out) {
+/// The contents, and behind them what each call told. Hands out `in` packed bytes at a time, and room for
+/// `out`.
+std::string decode(const Decoder& decoder, const Packed& packed, std::size_t in, std::size_t out) {
     CLzmaDec state;
     LzmaDec_CONSTRUCT(&state);
-    Outcome outcome;
-    auto& [contents, told] = outcome;
+    std::string contents, told, room(out, 0);
     const auto* const properties = reinterpret_cast<const Byte*>(packed.properties.data());
-    const SRes allocated = decoder.allocate(&state, properties, LZMA_PROPS_SIZE, &g_Alloc);
-    told = std::to_string(allocated);
-    if (allocated != SZ_OK)
-        return outcome;
+    EXPECT_EQ(decoder.allocate(&state, properties, LZMA_PROPS_SIZE, &g_Alloc), SZ_OK);
     decoder.init(&state);
-    std::string room(out, 0);
-    for (std::size_t place = 0; contents.size() < packed.size;) {
+    SRes result = SZ_OK;
+    for (std::size_t place = 0, moved = 1; result == SZ_OK && moved > 0 && contents.size() < packed.size;) {
         SizeT taken = std::min(in, packed.bytes.size() - place),
               made = std::min(out, packed.size - contents.size());
         ELzmaStatus status = LZMA_STATUS_NOT_SPECIFIED;
-        const SRes result = decoder.decode(&state, reinterpret_cast<Byte*>(room.data()), &made,
-                                           reinterpret_cast<const Byte*>(packed.bytes.data()) + place, &taken,
-                                           LZMA_FINISH_ANY, &status);
+        result = decoder.decode(&state, reinterpret_cast<Byte*>(room.data()), &made,
+                                reinterpret_cast<const Byte*>(packed.bytes.data()) + place, &taken,
+                                LZMA_FINISH_ANY, &status);
         told += " " + std::to_string(result) + "," + std::to_string(status) + "," + std::to_string(taken);
         contents.append(room, 0, made);
         place += taken;
-        if (result != SZ_OK || (taken == 0 && made == 0))
-            break;
+        moved = taken + made;
     }
     decoder.free(&state, &g_Alloc);
-    return outcome;
-}
-
-std::string sampleContents() {
-    std::string contents = noise(5'000);
-    for (int line = 0; contents.size() < 150'000; ++line)
-        contents += "line " + std::to_string(line * line) + (line % 7 == 0 ? noise(40) : " of a drawing\n");
-    return contents + std::string(70'000, 'z') + contents.substr(0, 30'000);
+    return contents + told;
 }
 
 TEST(AssemblerDecoder, DecodesAsTheCCodeDoes) {
-    const std::string contents = sampleContents();
+    std::string contents = noise(5'000);
+    for (int line = 0; contents.size() < 150'000; ++line)
+        contents += "line " + std::to_string(line * line) + (line % 7 == 0 ? noise(40) : " of a drawing\n");
+    contents += std::string(70'000, 'z') + contents.substr(0, 30'000);
     std::mt19937 random(1); // NOLINT(cert-msc51-cpp): the same each time
     for (const auto& [lc, lp, pb, dictionary] :
          {std::tuple(3, 0, 2, 1U << 20), {0, 4, 0, 1U << 16}, {8, 0, 4, 1U << 12}}) {
         const Packed packed = pack(contents, lc, lp, pb, dictionary);
-        for (const auto& [in, out] :
-             {std::pair<std::size_t, std::size_t>(1 << 20, 1 << 20), {1, 1 << 20}, {700, 33}, {61, 5000}}) {
-            const Outcome sound = decode(kUsed, packed, in, out);
-            EXPECT_TRUE(sound.first == contents) << in << " " << out;
-            EXPECT_EQ(sound, decode(kPlain, packed, in, out)) << in << " " << out;
-        }
         for (int round = 0; round < 200; ++round) {
-            Packed damaged = packed;
-            for (int faults = 1 + round % 3; faults > 0; --faults)
+            Packed damaged = packed; // in the first rounds sound
+            for (int faults = round < 8 ? 0 : 1 + round % 3; faults > 0; --faults)
                 damaged.bytes[random() % damaged.bytes.size()] ^= static_cast<char>(1U << random() % 8);
-            if (round % 4 == 0)
+            if (round >= 8 && round % 4 == 0)
                 damaged.bytes.resize(random() % damaged.bytes.size());
-            const std::size_t in = 1 + random() % 5000, out = 1 + random() % 50'000;
-            EXPECT_TRUE(decode(kUsed, damaged, in, out) == decode(kPlain, damaged, in, out)) << round;
+            const std::size_t in = round == 0 ? 1 << 20 : 1 + random() % (round % 2 ? 70 : 5000),
+                              out = round == 0 ? 1 << 20 : 1 + random() % 50'000;
+            const std::string decoded = decode(kUsed, damaged, in, out);
+            EXPECT_TRUE(decoded == decode(kPlain, damaged, in, out)) << round;
+            EXPECT_TRUE(round >= 8 || decoded.starts_with(contents)) << round;
         }
     }
 }

@@ -160,7 +160,8 @@ TEST(DamagedArchives, TellWhyContentsAreRefused) {
         archive.setFileName(L"patient");
         EXPECT_EQ(archive.reload(), S_OK);
         const PlatformGuard platform;
-        source->cloneFails = lack == Lack::Clones;
+        if (lack == Lack::Clones)
+            *source->plan = {FaultyStream::Cloning, STG_E_TOOMANYOPENFILES};
         if (lack == Lack::Memory)
             Vexel::Detail::platform().reallocate = [](auto...) noexcept -> void* { return nullptr; };
         ComPtr<IStream> stream;

@@ -3,18 +3,13 @@
 
 #include "archive/database.h"
 #include "archive_fixture.h"
+#include "support/fault_sweep.h"
 
 #include <filesystem>
-#include <new>
 
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
-using Support::Contents;
-using Support::fill;
-using Support::inMemory;
-using Support::stateOf;
-using Support::statesOf;
-using Support::writeItem;
+using namespace Support;
 using Vexel::Storage::SZipArchive;
 using Vexel::Storage::Engine::DatabaseStream;
 
@@ -26,17 +21,17 @@ std::string numbers() {
         lines += std::to_string(i) + "\n";
     return lines;
 }
-const Contents kSolidContents{{L"d", Support::directoryMark}, {L"d/a.txt", "first member, which stays"},
-                              {L"d/b.txt", numbers()},        {L"d/e", Support::directoryMark},
-                              {L"d/e/c.txt", "last"},         {L"empty", ""},
-                              {L"link", "d/a.txt"},           {L"top", "x"}};
+const Contents kSolidContents{{L"d", directoryMark},   {L"d/a.txt", "first member, which stays"},
+                              {L"d/b.txt", numbers()}, {L"d/e", directoryMark},
+                              {L"d/e/c.txt", "last"},  {L"empty", ""},
+                              {L"link", "d/a.txt"},    {L"top", "x"}};
 constexpr auto* kSolid = L"solid-without-directories.7z";
 
-class ForeignSaves : public Support::ArchiveTest {
+class ForeignSaves : public ArchiveTest {
 protected:
     void use(const wchar_t* sample) const {
         DeleteFileW(archivePath.c_str());
-        std::filesystem::copy_file(Support::samplePath(sample), archivePath);
+        std::filesystem::copy_file(samplePath(sample), archivePath);
     }
     std::shared_ptr<DatabaseStream> database() const {
         std::shared_ptr<DatabaseStream> database;
@@ -53,12 +48,12 @@ protected:
     }
     /// Flips a bit in the middle of a solid folder's packed bytes.
     void damage() const {
-        std::string bytes = Support::readFile(archivePath);
+        std::string bytes = readFile(archivePath);
         std::shared_ptr<DatabaseStream> whole = database();
         const std::uint64_t start = whole->database().GetFolderStreamPos(0, 0);
         bytes[start + whole->database().GetFolderFullPackSize(0) / 2] ^= 0x10;
         whole.reset(); // it holds the file
-        Support::writeFile(archivePath, bytes);
+        writeFile(archivePath, bytes);
     }
 };
 
@@ -100,14 +95,14 @@ TEST_F(ForeignSaves, TakeASharedFolderApartThatIsNotKeptWhole) {
         Contents expected = statesOf(twin);
         for (auto& [path, bytes] : expected)
             if (folders == Folders::Shared && !bytes.empty() && bytes != kDirectory)
-                bytes = Support::failed(STG_E_INVALIDFUNCTION);
+                bytes = failed(STG_E_INVALIDFUNCTION);
         {
             SZipArchive archive = open();
             EXPECT_EQ(apply(archive), S_OK);
-            const auto copy = Support::streamOf("");
+            const auto copy = streamOf("");
             EXPECT_EQ(archive.save(copy.Get()), S_OK);
             EXPECT_EQ(saved(archive), expected);
-            EXPECT_EQ(Support::bytesOf(copy.Get()), Support::readFile(archivePath));
+            EXPECT_EQ(bytesOf(copy.Get()), readFile(archivePath));
         }
         EXPECT_EQ(database()->hasSharedFolders(), folders == Folders::Shared);
     }
@@ -130,12 +125,12 @@ TEST_F(ForeignSaves, CopyItemsOfASharedFolderTwice) {
 TEST_F(ForeignSaves, LeaveAFileAloneWhoseFolderIsDamaged) {
     use(kSolid);
     damage();
-    const std::string before = Support::readFile(archivePath);
+    const std::string before = readFile(archivePath);
     SZipArchive archive = open();
     EXPECT_EQ(archive.remove(L"d/a.txt"sv), S_OK);
     EXPECT_TRUE(FAILED(archive.save(false)));
     EXPECT_GE(log_.count(VxLog_Error, L"in archive \"" + archivePath + L"\""), 1);
-    EXPECT_EQ(Support::readFile(archivePath), before);
+    EXPECT_EQ(readFile(archivePath), before);
     EXPECT_FALSE(std::filesystem::exists(archivePath + L".7ztmp"));
     // What does not need the damaged contents goes on: the folder is kept whole, or nothing of it.
     EXPECT_EQ(archive.reload(), S_OK);
@@ -185,79 +180,36 @@ TEST_F(ForeignSaves, KeepWhatIsWrittenIntoAnAntiItem) {
     }
 }
 
-/// A stream whose n-th call of a kind fails with a status of all sorts; its clones count with it.
-class SickStream final : public Vexel::Storage::InMemoryIStream {
-public:
-    enum Call { Nothing, Reading, Writing, Seeking, Cloning };
-    struct Plan {
-        Call call = Nothing;
-        unsigned skipped = 0;
-        HRESULT status = S_OK;
-        bool hit = false;
-
-        bool strikes(Call made) {
-            if (made != call || skipped-- != 0)
-                return false;
-            return hit = true;
-        }
-    };
-
-    SickStream(Plan& plan, const InMemoryIStream& contents) : InMemoryIStream(contents), plan_(plan) {}
-
-    HRESULT STDMETHODCALLTYPE Read(void* data, ULONG size, ULONG* done) noexcept override {
-        return plan_.strikes(Reading) ? plan_.status : InMemoryIStream::Read(data, size, done);
-    }
-    HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG size, ULONG* done) noexcept override {
-        return plan_.strikes(Writing) ? plan_.status : InMemoryIStream::Write(data, size, done);
-    }
-    HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER to, DWORD origin,
-                                   ULARGE_INTEGER* reached) noexcept override {
-        return plan_.strikes(Seeking) ? plan_.status : InMemoryIStream::Seek(to, origin, reached);
-    }
-    HRESULT STDMETHODCALLTYPE Clone(::IStream** clone) noexcept override {
-        *clone = nullptr;
-        if (plan_.strikes(Cloning))
-            return plan_.status;
-        *clone = new (std::nothrow) SickStream(plan_, *this);
-        return S_OK;
-    }
-
-private:
-    Plan& plan_;
-};
-
 TEST_F(ForeignSaves, TellWhatAStreamFailedWith) {
-    const auto bytes = Support::streamOf(Support::readFile(Support::samplePath(L"plain-lzma2.7z")));
+    const std::string bytes = readFile(samplePath(L"plain-lzma2.7z"));
     std::ptrdiff_t updates = 0, headers = 0;
     for (const auto call :
-         {SickStream::Reading, SickStream::Writing, SickStream::Seeking, SickStream::Cloning})
-        for (const HRESULT status :
-             {STG_E_WRITEFAULT, STG_E_ACCESSDENIED, HRESULT(0x8003000D), E_ABORT, E_INVALIDARG, E_OUTOFMEMORY,
-              E_NOTIMPL, E_FAIL, HRESULT(0x80030000), S_FALSE, HRESULT(5), HRESULT(13), HRESULT(0x20000002)})
-            for (unsigned n = 0;; ++n) {
-                if (status == S_FALSE && call == SickStream::Reading)
-                    break; // some streams' word for their end
-                SickStream::Plan plan;
-                const auto source = Vexel::Detail::adopt(new SickStream(plan, *bytes.Get()));
+         {FaultyStream::Reading, FaultyStream::Writing, FaultyStream::Seeking, FaultyStream::Cloning})
+        for (const HRESULT status : {STG_E_WRITEFAULT, STG_E_ACCESSDENIED, HRESULT(0x8003000D), E_ABORT,
+                                     E_INVALIDARG, E_OUTOFMEMORY, E_NOTIMPL, E_FAIL, HRESULT(0x80030000),
+                                     S_FALSE, HRESULT(5), HRESULT(13), HRESULT(0x20000002)}) {
+            if (status == S_FALSE && call == FaultyStream::Reading)
+                continue; // some streams' word for their end
+            sweepFaults([&](unsigned n) {
+                const auto plan = std::make_shared<FaultyStream::Plan>();
+                const auto source = Vexel::Detail::adopt(new FaultyStream(bytes, plan)),
+                           target = Vexel::Detail::adopt(new FaultyStream("", plan));
                 SZipArchive archive(source.Get());
                 EXPECT_EQ(archive.reload(), S_OK);
-                const auto empty = Support::streamOf({});
-                const auto target = Vexel::Detail::adopt(new SickStream(plan, *empty.Get()));
-                plan = {call, n, status, false};
+                *plan = {call, status, n};
                 log_.clear();
                 const HRESULT saved = archive.save(target.Get());
-                if (plan.hit && status == STG_E_WRITEFAULT && call == SickStream::Writing) {
+                if (plan->hit && status == STG_E_WRITEFAULT && call == FaultyStream::Writing) {
                     updates += log_.count(7, L"Failed to create or update archive \"");
                     headers += log_.count(7, L"Failed to write archive header to \"");
                     EXPECT_EQ(updates + headers, n + 1);
                     EXPECT_EQ(log_.count(7, L":\": 0x8003001d"), 1);
                 }
-                EXPECT_EQ(saved == S_OK, !plan.hit) << call << ' ' << n << std::hex << ' ' << status;
-                EXPECT_TRUE(!plan.hit || saved == status || (status > 0 && FAILED(saved)))
+                EXPECT_TRUE(plan->hit ? saved == status || (status > 0 && FAILED(saved)) : saved == S_OK)
                     << call << ' ' << n << std::hex << ' ' << status << ' ' << saved;
-                if (!plan.hit || HasFailure())
-                    break;
-            }
+                return plan->hit;
+            });
+        }
     EXPECT_GE(updates, 1);
     EXPECT_GE(headers, 1);
 }

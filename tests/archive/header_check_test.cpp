@@ -197,14 +197,8 @@ TEST(HeaderCheck, LetsNoDamageThrough) {
         ASSERT_EQ(checkHeaders(input, &plain).fault, HeaderFault::None);
         const std::string packed = whole.substr(32, plain.offset - 32);
         const std::string header(reinterpret_cast<const char*>(plain.bytes.data()), plain.bytes.size());
-        for (std::size_t i = 0; i < header.size(); ++i) {
-            for (const int bits : {1, 2, 4, 8, 16, 32, 64, 128, 255}) {
-                std::string damaged = header;
-                damaged[i] = static_cast<char>(damaged[i] ^ bits);
-                judge(archiveOf(packed, damaged));
-            }
-            judge(archiveOf(packed, header.substr(0, i)));
-        }
+        Support::sweepDamage(header, 0, {1, 2, 4, 8, 16, 32, 64, 128, 255},
+                             [&](const std::string& damaged) { judge(archiveOf(packed, damaged)); });
     }
 }
 

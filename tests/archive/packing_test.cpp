@@ -8,6 +8,7 @@
 #include "base/com_pointer.h"
 #include "base/platform.h"
 #include "support/archive_file.h"
+#include "support/fault_sweep.h"
 #include "support/log_capture.h"
 #include "support/platform_guard.h"
 #include "support/streams.h"
@@ -225,7 +226,8 @@ TEST_F(Packing, AnItemThatCannotBeReadEndsIt) {
             SCOPED_TRACE(place.name + std::to_string(threads));
             const auto reading = adopt(new FaultyStream("x"));
             const auto seeking = adopt(new FaultyStream("x"));
-            reading->readFails = seeking->seekFails = true;
+            *reading->plan = {FaultyStream::Reading, STG_E_READFAULT, 0, true};
+            *seeking->plan = {FaultyStream::Seeking, STG_E_SEEKERROR, 0, true};
             ComPtr<::IStream>& contents = entries_[place.index].contents;
             const ComPtr<::IStream> sound = contents;
             std::string file;
@@ -296,18 +298,14 @@ TEST_F(Packing, GoesOnAloneWithoutThreadsOrTheirMemory) {
     watch_.refusesThreads = true;
     EXPECT_TRUE(written(8) == expected);
     watch_.refusesThreads = false;
-    for (int n = 0;; ++n) {
-        SCOPED_TRACE(n);
-        watch_.left = n;
+    Support::sweepFaults([&](unsigned n) {
+        watch_.left = static_cast<int>(n);
         std::string file;
         const HRESULT status = write(file, 4);
-        const bool hit = watch_.left < 0;
-        watch_.left = -1;
         EXPECT_TRUE(status == S_OK ? file == expected : status == STG_E_INSUFFICIENTMEMORY)
-            << std::hex << status;
-        if (!hit || HasFailure())
-            break;
-    }
+            << n << ": " << std::hex << status;
+        return std::exchange(watch_.left, -1) < 0;
+    });
 }
 
 TEST_F(Packing, TakesNoMoreMemoryThanItsWindowAndAnEncoderForEachThread) {

@@ -14,12 +14,7 @@
 #include <thread>
 
 using namespace std::string_view_literals;
-using Support::ArchiveFaults;
-using Support::Contents;
-using Support::noise;
-using Support::readFile;
-using Support::statesOf;
-using Support::writeItem;
+using namespace Support;
 using Vexel::Storage::SZipArchive;
 
 namespace {
@@ -27,21 +22,6 @@ namespace {
 constexpr std::size_t kLarge = 60'000;
 /// Bytes to pack that a save has another thread for, on more than one processor.
 constexpr std::size_t kWorthAThread = 70'000;
-
-bool memoryHit = false;
-
-/// For the main thread's allocation `n`.
-void failAllocations(int n, bool forGood) {
-    static bool persistent;
-    memoryHit = false;
-    persistent = forGood;
-    AtMainAllocation(n, [] {
-        if (persistent)
-            failAllocations(0, true);
-        memoryHit = true;
-        throw std::bad_alloc();
-    });
-}
 
 /// Made by us, or by other programs.
 constexpr const wchar_t* kOurs = L"";
@@ -84,7 +64,6 @@ protected:
         Vexel::Detail::platform().flushFile = [](HANDLE) -> BOOL { return TRUE; }; // takes most of the time
         use(kOurs);
     }
-    void TearDown() override { AtMainAllocation(0, nullptr); }
 
     void use(const wchar_t* sample) {
         DeleteFileW(model_.c_str());
@@ -179,7 +158,7 @@ protected:
         EXPECT_TRUE(!hit || !forGood || !isKnown || status == expected) << std::hex << status;
         EXPECT_TRUE(status == S_OK || (hit && form != ArchiveFaults::Short)) << std::hex << status;
         verifySaved(archive, status, fault.isAfterwards);
-        return hit && !HasFailure();
+        return hit;
     }
     static bool isSwept(const Change& change, const Fault& fault, ArchiveFaults::Form form, bool forGood) {
         if (&change != &kChanges[5]) // which meets no other calls than all together
@@ -202,10 +181,9 @@ TEST_F(SweptSaves, NoFailingCallCostsADocument) {
                     for (const bool forGood : {true, false}) {
                         if (!isSwept(change, fault, form, forGood))
                             continue;
-                        unsigned n = 0;
-                        while (sweep(change, fault, form, n, forGood))
-                            ++n;
-                        EXPECT_GT(n, 0U) << fault.name << " never occurs";
+                        const unsigned faults =
+                            sweepFaults([&](unsigned n) { return sweep(change, fault, form, n, forGood); });
+                        EXPECT_GT(faults, 0U) << fault.name << " never occurs";
                     }
             if (HasFailure())
                 return;
@@ -230,7 +208,7 @@ TEST_F(SaveFaults, ACutThatFailsFailsTheFile) {
 // A temporary of a process that was killed.
 TEST_F(SaveFaults, AStaleTemporaryDoesNoHarm) {
     SZipArchive archive = changed();
-    Support::writeFile(archivePath + L".7ztmp", std::string(1'000'000, '7'));
+    writeFile(archivePath + L".7ztmp", std::string(1'000'000, '7'));
     EXPECT_EQ(archive.save(false), S_OK);
     verifySaved(archive, S_OK);
 }
@@ -258,41 +236,41 @@ TEST_F(ScarceMemory, NeverCostsADocument) {
     for (const wchar_t* sample : {kOurs, kSolid}) {
         SCOPED_TRACE(testing::PrintToString(std::wstring(sample)));
         use(sample);
-        for (const bool forGood : {false, true})
-            for (int n = 0;; n += forGood || sample != kOurs ? 7 : 1) { // there are hundreds of places
+        for (const bool forGood : {false, true}) {
+            const auto save = [&](unsigned n) {
                 SCOPED_TRACE((forGood ? "from allocation " : "only allocation ") + std::to_string(n));
                 SZipArchive archive = changed();
-                failAllocations(n, forGood);
-                const HRESULT status = archive.save(false);
-                AtMainAllocation(0, nullptr);
+                HRESULT status = S_OK;
+                const bool hit = WithFailingAllocation(
+                    n, [&] { status = archive.save(false); }, forGood);
                 // Without memory to read ahead, the file is read piece by piece.
-                EXPECT_TRUE(status == STG_E_INSUFFICIENTMEMORY || (status == S_OK && !(memoryHit && forGood)))
+                EXPECT_TRUE(status == STG_E_INSUFFICIENTMEMORY || (status == S_OK && !(hit && forGood)))
                     << std::hex << status;
                 verifySaved(archive, status);
-                if (!memoryHit || HasFailure())
-                    break;
-            }
+                return hit;
+            };
+            sweepFaults(save, forGood || sample != kOurs ? 7 : 1); // there are hundreds of places
+        }
     }
 }
 
 TEST_F(ScarceMemory, AFailedReloadKeepsWhatIsInMemory) {
     for (const bool memory : {false, true})
-        for (int n = 0;; ++n) {
+        sweepFaults([&](unsigned n) {
             SCOPED_TRACE((memory ? "allocation " : "read ") + std::to_string(n));
             SZipArchive archive = changed();
-            if (memory)
-                failAllocations(n, false);
-            else
-                ArchiveFaults::arm(ArchiveFaults::Read, ERROR_CRC, static_cast<unsigned>(n), false);
-            const HRESULT status = archive.reload();
-            AtMainAllocation(0, nullptr);
-            const bool hit = memory ? memoryHit : ArchiveFaults::disarm();
+            HRESULT status = S_OK;
+            const auto reload = [&] { status = archive.reload(); };
+            if (!memory) {
+                ArchiveFaults::arm(ArchiveFaults::Read, ERROR_CRC, n, false);
+                reload();
+            }
+            const bool hit = memory ? WithFailingAllocation(n, reload) : ArchiveFaults::disarm();
             EXPECT_EQ(FAILED(status), hit) << std::hex << status;
             EXPECT_TRUE(archive.isChanged());
-            if (!hit || HasFailure())
-                break;
-            EXPECT_TRUE(saved(archive) == new_);
-        }
+            EXPECT_TRUE(!hit || saved(archive) == new_);
+            return hit;
+        });
 }
 
 TEST_F(ScarceMemory, IsReportedByAVisitAndByAClone) {
@@ -301,9 +279,8 @@ TEST_F(ScarceMemory, IsReportedByAVisitAndByAClone) {
     ASSERT_EQ(archive.extractFile(&stream, L"f"sv), S_OK);
     const HRESULT visited =
         archive.visitChildren({}, [](const auto&, const auto&) { throw std::bad_alloc(); });
-    failAllocations(0, false);
-    const HRESULT cloned = stream->Clone(&clone);
-    AtMainAllocation(0, nullptr);
+    HRESULT cloned = S_OK;
+    WithFailingAllocation(0, [&] { cloned = stream->Clone(&clone); });
     EXPECT_EQ(visited, STG_E_INSUFFICIENTMEMORY);
     EXPECT_EQ(cloned, STG_E_INSUFFICIENTMEMORY);
 }
@@ -319,7 +296,7 @@ TEST_F(SaveFaults, WhatIsDoneInBetweenIsSavedLater) {
     EXPECT_EQ(stream->Write("late", 4, nullptr), S_OK);
     EXPECT_EQ(archive.remove(L"moved"sv), S_OK);
     EXPECT_EQ(archive.move(L"d/a.txt"sv, L"e"sv), S_OK);
-    EXPECT_EQ(Support::stateOf(archive, L"f"), noise(kLarge)); // which opens the file first
+    EXPECT_EQ(stateOf(archive, L"f"), noise(kLarge)); // which opens the file first
     Contents expected = new_;
     expected[L"copied"].replace(0, 4, "late");
     expected[L"e"] = "first";

@@ -302,18 +302,16 @@ TEST_F(Ini, KeepsWhatItHoldsWithoutMemory) {
         file.GetSection(L"none");
         const std::string before = dump(file);
         const CString value(L"value");
-        int failures = 0;
-        for (bool isSet = false; !isSet; ++failures) {
+        const unsigned failures = Support::sweepFaults([&](unsigned spared) {
+            const auto set = [&] { file.SetString(L"new", L"key", value); };
             try {
-                AtMainAllocation(failures, [] { throw std::bad_alloc(); });
-                file.SetString(L"new", L"key", value);
-                isSet = true;
+                return WithFailingAllocation(spared, set);
             } catch (const std::bad_alloc&) {
                 EXPECT_EQ(dump(file), before);
+                return true;
             }
-            AtMainAllocation(0, nullptr);
-        }
-        EXPECT_GT(failures, 2);
+        });
+        EXPECT_GT(failures, 1U);
         EXPECT_STREQ(file.GetString(L"new", L"key", L""), L"value");
     }
 }

@@ -115,17 +115,16 @@ TEST_F(CompoundRoots, OpenAgainWhereThatHelps) {
 }
 
 TEST_F(CompoundRoots, RaiseNothingWhileTheyOpenACopy) {
-    bool struck = true;
-    for (int spared = 0; struck; ++spared) {
-        ASSERT_LT(spared, 1000);
+    sweepFaults([&](unsigned spared) {
         const ScriptedSystem system({STG_E_SHAREVIOLATION});
         VxCompoundStorage root(path_);
         root.setKeyed(true);
         HRESULT status = S_OK;
-        struck = WithFailingAllocation(spared, [&] { status = root.open(true, false); });
+        const bool struck = WithFailingAllocation(spared, [&] { status = root.open(true, false); });
         EXPECT_THAT(status, testing::AnyOf(STG_E_INSUFFICIENTMEMORY, S_OK)) << spared;
         EXPECT_EQ(root.isOpen(), status == S_OK) << spared;
-    }
+        return struck;
+    });
 }
 
 TEST_F(CompoundRoots, MayBeOpenedByOthersWhileTheyAreLookedAt) {
@@ -133,20 +132,19 @@ TEST_F(CompoundRoots, MayBeOpenedByOthersWhileTheyAreLookedAt) {
     IStorage* first = nullptr;
     const CleanUp cleanUp([&] { return shared->open(true, false), first = shared->storage(), true; });
     int opened = 0;
-    bool struck = true;
-    for (int spared = 0; struck; ++spared) {
-        ASSERT_LT(spared, 1000);
+    sweepFaults([&](unsigned spared) {
         const ScriptedSystem system({STG_E_SHAREVIOLATION});
         VxCompoundStorage root(path_);
         root.setKeeper(Vexel::Detail::rootTables());
         shared = &root;
         first = nullptr;
         HRESULT status = S_OK;
-        struck = WithFailingAllocation(spared, [&] { status = root.open(true, false); });
+        const bool struck = WithFailingAllocation(spared, [&] { status = root.open(true, false); });
         opened += first != nullptr;
         EXPECT_EQ(status, first || !struck ? S_OK : STG_E_INSUFFICIENTMEMORY) << spared;
         EXPECT_EQ(first ? root.storage() : nullptr, first) << spared;
-    }
+        return struck;
+    });
     EXPECT_GE(opened, 2);
 }
 

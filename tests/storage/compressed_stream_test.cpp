@@ -1,6 +1,7 @@
 // Gzip streams, made and judged by zlib.
 
 #include "support/fake_storage.h"
+#include "support/fault_sweep.h"
 #include "support/framework_files.h"
 #include "support/storage_test.h"
 #include "support/streams.h"
@@ -150,21 +151,12 @@ TEST_F(CompressedStream, TellsHeadersApart) {
 // A truncated stream counts as read whole, and what zlib can make of it is kept.
 TEST_F(CompressedStream, GivesWhatZlibGivesOfDamagedStreams) {
     const std::string whole = gzip(sampleText(300));
-    const auto check = [](const std::string& bytes) {
+    sweepDamage(whole, kPlainHeader.size() + 1, {0x01, 0x80, 0xFF}, [](const std::string& bytes) {
         const std::string wanted = inflated(bytes.substr(kPlainHeader.size()));
         EXPECT_EQ(decompressed(bytes), wanted);
         Opened file(bytes);
         EXPECT_EQ(readAll(file, 64), wanted);
-    };
-    for (std::size_t at = kPlainHeader.size(); at < whole.size(); ++at) {
-        SCOPED_TRACE(at);
-        check(whole.substr(0, at + 1));
-        for (const int mask : {0x01, 0x80, 0xFF}) {
-            std::string bytes = whole;
-            bytes[at] = static_cast<char>(bytes[at] ^ mask);
-            check(bytes);
-        }
-    }
+    });
 }
 
 TEST_F(CompressedStream, ChecksTheTrailerWhenClosing) {
@@ -224,23 +216,22 @@ TEST_F(CompressedStream, DecompressesFromWhereTheStreamsStand) {
     const struct {
         const char* name;
         std::string source;
-        void (*breakStreams)(FaultyStream& source, FaultyStream& target);
+        FaultyStream::Plan ofSource, ofTarget;
         HRESULT expected;
     } faults[] = {
-        {"write", longer, [](auto&, auto& target) { target.writesLeft = 0; }, STG_E_WRITEFAULT},
-        {"write, oddly", longer,
-         [](auto&, auto& target) { target.writesLeft = 0, target.writing = HRESULT{0x20000002}; },
-         STG_E_WRITEFAULT},
-        {"way back", longer, [](auto& source, auto&) { source.seekFails = true; }, STG_E_SEEKERROR},
-        {"cut", longer, [](auto&, auto& target) { target.resizeFails = true; }, STG_E_WRITEFAULT},
-        {"cut of nothing", "plain", [](auto&, auto& target) { target.resizeFails = true; }, S_OK},
+        {"write", longer, {}, {FaultyStream::Writing, STG_E_WRITEFAULT}, STG_E_WRITEFAULT},
+        {"write, oddly", longer, {}, {FaultyStream::Writing, 0x20000002}, STG_E_WRITEFAULT},
+        {"way back", longer, {FaultyStream::Seeking, STG_E_SEEKERROR, 4}, {}, STG_E_SEEKERROR},
+        {"cut", longer, {}, {FaultyStream::Resizing, E_NOTIMPL}, STG_E_WRITEFAULT},
+        {"cut of nothing", "plain", {}, {FaultyStream::Resizing, E_NOTIMPL}, S_OK},
     };
     for (const auto& test : faults) {
         SCOPED_TRACE(test.name);
         const auto source = Vexel::Detail::make<FaultyStream>(test.source),
                    target = Vexel::Detail::make<FaultyStream>();
-        test.breakStreams(*source.Get(), *target.Get());
-        const bool isCopied = target->writesLeft == 0;
+        *source->plan = test.ofSource;
+        *target->plan = test.ofTarget;
+        const bool isCopied = test.ofTarget.call == FaultyStream::Writing;
         EXPECT_EQ(DecompressStream(source.Get(), target.Get()), test.expected);
         EXPECT_TRUE(!isCopied || bytesOf(target.Get()) == longer);
     }

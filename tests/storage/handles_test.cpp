@@ -115,95 +115,46 @@ TEST(NullHandles, AnswerEveryCall) {
 }
 
 // Some systems leave a damaged compound file behind when a stream that had contents is empty at a commit. The
-// neighbours tell, and so does the guard that looks at each compound file before it is opened.
+// neighbours tell, and so does the guard that looks at each compound file before it is opened for writing.
 TEST_P(Handles, EmptiedStreamsLeaveAWholeDocument) {
-    struct Way {
-        const char* name;
-        unsigned long long position;
-        void (*empty)(StreamRef& stream, const StorageRef& parent);
-    };
-    const Way ways[] = {
-        {"opened for writing", 0,
-         [](StreamRef& stream, const StorageRef& parent) {
-             EXPECT_EQ(stream.open(element(L"b"), parent, false), S_OK);
-         }},
-        {"cut off below its position", 3,
-         [](StreamRef& stream, const StorageRef& parent) {
-             stream = newStream(L"b", parent, "first");
-             EXPECT_EQ(parent.commit(), S_OK);
-             EXPECT_EQ(stream.Seek(SeekPosition::Begin, 3), 3u);
-             const Microsoft::WRL::ComPtr<::IStream> before = stream.stream();
-             EXPECT_EQ(stream.setSize(0), S_OK);
-             EXPECT_EQ(before->Seek({}, STREAM_SEEK_CUR, nullptr), isPackage() ? S_OK : STG_E_REVERTED);
-         }},
-        {"copied over by an empty one", 0,
-         [](StreamRef& stream, const StorageRef& parent) {
-             stream = newStream(L"b", parent, "first");
-             EXPECT_EQ(parent.commit(), S_OK);
-             StreamRef nothing = newStream(L"e", parent);
-             EXPECT_EQ(nothing.copyTo(stream), S_OK);
-             nothing.close();
-             EXPECT_EQ(StorageRef(parent).destroy(L"e"), S_OK);
-         }},
-        {"closed", 0,
-         [](StreamRef& stream, const StorageRef& parent) {
-             EXPECT_EQ(stream.open(element(L"b"), parent, false), S_OK);
-             closeForGood(stream);
-         }},
-        {"read again", 0,
-         [](StreamRef& stream, const StorageRef& parent) {
-             EXPECT_EQ(stream.open(element(L"b"), parent, false), S_OK);
-             closeForGood(stream);
-             stream = openStream(L"b", parent);
-         }},
-    };
-    for (const std::size_t size :
-         {std::size_t{10}, std::size_t{4095}, std::size_t{4096}, std::size_t{20'000}}) {
-        for (const Way& way : ways) {
-            SCOPED_TRACE(testing::Message() << way.name << ", " << size);
-            std::vector<Element> elements{{L"Box/", {}}};
-            for (const wchar_t* const place : {L"Box/a", L"Box/b", L"Box/c", L"a", L"b", L"c"})
+    void (*const ways[])(StreamRef&, const StorageRef&) = {
+        [](StreamRef& stream, const StorageRef&) { EXPECT_EQ(stream.setSize(0), S_OK); },
+        [](StreamRef& stream, const StorageRef& parent) {
+            EXPECT_EQ(newStream(L"empty", parent).copyTo(stream), S_OK);
+            EXPECT_EQ(stream.Seek(SeekPosition::Begin, 3), 3u);
+        },
+        [](StreamRef& stream, const StorageRef& parent) {
+            EXPECT_EQ(StreamRef().open(L"b", parent, false), S_OK);
+            EXPECT_EQ(stream.Seek(SeekPosition::Begin, 3), 3u);
+        }};
+    for (const std::size_t size : {10u, 4095u, 4096u, 20'000u})
+        for (const auto& way : ways) {
+            SCOPED_TRACE(testing::Message() << &way - ways << ", " << size);
+            std::vector<Element> elements;
+            for (const wchar_t* const place : {L"a", L"b", L"c"})
                 elements.push_back({place, std::string(size, 'x')});
             make(elements);
-            for (Element& element : elements) {
-                if (element.path.ends_with(L'b'))
-                    element.contents.clear();
-            }
-            StorageRef root = forWriting(), box = openStorage(L"Box", root, false);
-            StreamRef inBox, inRoot;
-            way.empty(inBox, box);
-            way.empty(inRoot, root);
-            EXPECT_EQ(box.commit(), S_OK);
-            EXPECT_EQ(root.commit(), S_OK);
-            if (inBox && !inBox.readOnly()) { // goes on where it stood
-                EXPECT_EQ(inBox.GetPosition(), way.position);
-                inBox.SeekToBegin();
-                EXPECT_EQ(inBox.WriteBytes("new", 3), 3u);
-                elements[2].contents = "new";
-                EXPECT_EQ(box.commit(), S_OK);
+            elements[1].contents = "new";
+            {
+                const StorageRef root = forWriting();
+                StreamRef stream = newStream(L"b", root, "first");
                 EXPECT_EQ(root.commit(), S_OK);
-            } else if (inBox) {
-                EXPECT_EQ(contents(inBox), "");
-                EXPECT_EQ(inBox.write("x", 1, nullptr), STG_E_ACCESSDENIED);
+                EXPECT_EQ(stream.Seek(SeekPosition::Begin, 3), 3u);
+                const Microsoft::WRL::ComPtr<::IStream> before = stream.stream();
+                way(stream, root);
+                EXPECT_EQ(before->Seek({}, STREAM_SEEK_CUR, nullptr), isPackage() ? S_OK : STG_E_REVERTED);
+                EXPECT_EQ(root.commit(), S_OK);
+                EXPECT_EQ(stream.GetPosition(), 3u) << "goes on where it stood";
+                stream.SeekToBegin();
+                EXPECT_EQ(stream.WriteBytes("new", 3), 3u);
+                EXPECT_EQ(root.hasChild(element(L"empty"), StorageType{}) ? StorageRef(root).destroy(L"empty")
+                                                                          : S_OK,
+                          S_OK);
+                EXPECT_EQ(root.commit(), S_OK);
             }
-            closeForGood(inBox, inRoot, box, root);
             EXPECT_THAT(saved(), testing::UnorderedElementsAreArray(elements));
             EXPECT_THAT(elementsOf(forWriting()), testing::UnorderedElementsAreArray(elements));
         }
-    }
-}
-
-TEST_P(Handles, FailuresLeaveThemNull) {
-    const StorageRef root = forReading();
-    for (const std::wstring name : {L"", L"Missing", L"Short", L"Box"}) {
-        SCOPED_TRACE(name.c_str());
-        StorageRef storage = openStorage(L"Box", root);
-        StreamRef stream = openStream(L"Long", root);
-        EXPECT_EQ(SUCCEEDED(storage.open(name.c_str(), root, true)), name == L"Box");
-        EXPECT_EQ(storage.notNull(), name == L"Box");
-        EXPECT_EQ(SUCCEEDED(stream.open(name.c_str(), root, true)), name == L"Short");
-        EXPECT_EQ(stream.notNull(), name == L"Short");
-    }
 }
 
 TEST_P(Handles, ReportExhaustedMemory) {
@@ -229,18 +180,17 @@ TEST_P(Handles, ReportExhaustedMemory) {
         {"commit", [&] { return other.commit(); }, nullptr},
     };
     for (const auto& [what, call, isNull] : calls) {
-        long status = E_FAIL;
-        int spared = 0;
-        for (; WithFailingAllocation(spared, [&, &called = call] { status = called(); }); ++spared) {
-            SCOPED_TRACE(testing::Message() << what << spared);
-            ASSERT_LT(spared, 5000);
-            // Else it was for something that can be done without, or the second attempt had it.
-            if (status != S_OK) {
-                EXPECT_EQ(status, STG_E_INSUFFICIENTMEMORY);
-            }
-            EXPECT_EQ(isNull ? isNull() : FAILED(status), FAILED(status));
-        }
-        EXPECT_GT(spared, 0) << what;
+        EXPECT_GT(sweepFaults([&, &call = call, &isNull = isNull](unsigned spared) {
+                      long status = E_FAIL;
+                      if (!WithFailingAllocation(spared, [&] { status = call(); }))
+                          return false;
+                      // Where it works, it can do without that memory, or had it at its second attempt.
+                      EXPECT_THAT(status, testing::AnyOf(STG_E_INSUFFICIENTMEMORY, S_OK)) << spared;
+                      EXPECT_EQ(isNull ? isNull() : FAILED(status), FAILED(status)) << spared;
+                      return true;
+                  }),
+                  0U)
+            << what;
     }
     EXPECT_EQ(note.size(), 3u);
     EXPECT_TRUE(children.moveNext());
@@ -258,75 +208,13 @@ TEST_P(Handles, ReachOneNodeByOneItem) {
     closeForGood(other); // which would keep the writer out
     EXPECT_EQ(root.format(), GetParam().format);
     const StorageRef box = openStorage(L"Box", root);
-    StreamRef note = openStream(L"Note", box), again = openStream(L"Note", box);
-    EXPECT_EQ(note, again);
+    StreamRef note = openStream(L"Note", box);
+    EXPECT_EQ(note, openStream(L"Note", box));
     EXPECT_EQ(box, openStorage(L"Box", root));
     EXPECT_EQ(note.compression(), GetParam().compression);
-    const auto readOnly = [&] { return std::array{root.readOnly(), box.readOnly(), note.readOnly()}; };
-    EXPECT_THAT(readOnly(), testing::Each(true));
-    EXPECT_EQ(note.Seek(SeekPosition::Begin, 2), 2u);
-    EXPECT_EQ(again.GetPosition(), 2u);
-    EXPECT_EQ(openStream(L"Note", box).GetPosition(), 0u) << "opening rewinds";
-    EXPECT_EQ(again.open(L"Note", box, false), S_OK);
-    EXPECT_THAT(readOnly(), testing::Each(false)) << "for all, and up to the root";
-    EXPECT_EQ(note.size(), 0u) << "emptied";
+    EXPECT_EQ(StreamRef().open(L"Note", box, false), S_OK);
     EXPECT_EQ(forReading(), root);
     EXPECT_FALSE(root.readOnly()) << "good enough for reading";
-}
-
-TEST_P(Handles, OpenForReadingRefuseChanges) {
-    for (const bool rootForReading : {true, false}) {
-        const StorageRef root = rootForReading ? forReading() : forWriting();
-        StreamRef note = openStream(L"Long", root);
-        EXPECT_EQ(note.write("x", 1, nullptr), STG_E_ACCESSDENIED);
-        EXPECT_EQ(note.setSize(1), STG_E_ACCESSDENIED);
-        EXPECT_EQ(note.WriteBytes("x", 1), 0u);
-        EXPECT_EQ(contents(note), std::string(50, 'x'));
-        StorageRef box = openStorage(L"Box", root);
-        EXPECT_EQ(box.destroy(L"Note"), STG_E_ACCESSDENIED);
-        EXPECT_EQ(StreamRef().open(L"Note", box, false), STG_E_ACCESSDENIED);
-        if (rootForReading) {
-            EXPECT_EQ(StorageRef(root).destroy(L"Short"), STG_E_ACCESSDENIED);
-            EXPECT_EQ(StreamRef().open(L"Short", root, false), STG_E_ACCESSDENIED);
-        }
-    }
-    EXPECT_EQ(saved(), kSample);
-}
-
-// In a compound file a change goes up level by level; a package is written whole by whoever commits.
-TEST_P(Handles, CommitWhatTheFormatSays) {
-    using Paths = std::set<std::wstring>;
-    const Paths none{L"Old"}, outer{L"Old", L"Outer/"},
-        all{L"Old", L"Outer/", L"Outer/Beside", L"Outer/Inner/", L"Outer/Inner/New"};
-    enum Committed { Nothing = 0, Inner = 1, Outer = 2, Root = 4 };
-    const struct {
-        const char* what;
-        int committed;
-        Paths compound, package; // what is in the file then
-    } cases[] = {
-        {"nothing", Nothing, none, none},
-        {"the root alone", Root, outer, all},
-        {"a child alone", Inner, none, all},
-        {"all but the middle", Inner | Root, outer, all},
-        {"from the outside", Inner | Outer | Root, all, all},
-    };
-    for (const auto& [what, committed, compound, package] : cases) {
-        SCOPED_TRACE(what);
-        make({{L"Old", "old"}});
-        {
-            const StorageRef root = forWriting(), middle = newStorage(L"Outer", root),
-                             deep = newStorage(L"Inner", middle);
-            newStream(L"New", deep, "new").commit(); // which it need not be
-            newStream(L"Beside", middle, "beside");
-            for (const auto& [storage, which] :
-                 {std::pair{&deep, Inner}, std::pair{&middle, Outer}, std::pair{&root, Root}})
-                EXPECT_EQ(committed & which ? storage->commit() : S_OK, S_OK);
-        }
-        Paths paths;
-        for (const Element& element : saved())
-            paths.insert(element.path);
-        EXPECT_EQ(paths, isPackage() ? package : compound);
-    }
 }
 
 // Over either format: what is made is a package.
@@ -350,41 +238,6 @@ TEST_P(Handles, MakeRootsThatAreFilesOnceSomethingIsInThem) {
     EXPECT_FALSE(fresh.fileExists());
 }
 
-TEST_P(Handles, MakeChildrenInPlaceOfOthers) {
-    enum Held { None, HeldStorage, HeldStream };
-    constexpr long kExists = STG_E_FILEALREADYEXISTS, kRefused = STG_E_INVALIDPARAMETER;
-    const long overStream = isPackage() ? STG_E_INVALIDFUNCTION : kExists;
-    const struct {
-        const char* what;
-        Held held;
-        Element before;
-        long storage, replaced, stream; // statuses of making "X"
-    } cases[] = {
-        {"nothing", None, {L"Old", ""}, S_OK, S_OK, S_OK},
-        {"storage", None, {L"X/In", "in"}, kExists, S_OK, isPackage() ? kExists : S_OK},
-        {"storage in use", HeldStorage, {L"X/In", "in"}, kExists, kExists, kRefused},
-        {"stream", None, {L"X", "x"}, overStream, isPackage() ? overStream : S_OK, S_OK},
-        {"stream in use", HeldStream, {L"X", "x"}, kRefused, kRefused, kExists},
-    };
-    for (const auto& [what, held, before, storage, replaced, stream] : cases) {
-        const std::array expected{storage, replaced, stream};
-        for (size_t verb = 0; verb < expected.size(); ++verb) {
-            SCOPED_TRACE(testing::Message() << what << verb);
-            make({before});
-            StorageRef root = forWriting(), storageThere, made;
-            StreamRef streamThere, written;
-            if (held == HeldStorage)
-                storageThere = openStorage(L"X", root);
-            if (held == HeldStream)
-                streamThere = openStream(L"X", root);
-            EXPECT_EQ(verb < 2 ? made.create(L"X", root, verb == 1) : written.create(L"X", root),
-                      expected[verb]);
-            EXPECT_EQ(made.null() ? L"" : children(made), L"");
-            EXPECT_EQ(written.size(), 0u);
-        }
-    }
-}
-
 // Items outlive their elements as long as handles are on them.
 TEST_P(Handles, KnowWhichChildrenThereAre) {
     const auto has = [](const StorageRef& storage, const wchar_t* name) {
@@ -396,13 +249,11 @@ TEST_P(Handles, KnowWhichChildrenThereAre) {
         return answer;
     };
     StorageRef root = forWriting(), box = openStorage(L"Box", root), source;
-    StreamRef note = openStream(L"Note", box);
+    StreamRef note = openStream(L"Note", box), none;
     EXPECT_EQ(has(root, L"Box"), "any storage ");
     EXPECT_EQ(has(box, L"Note"), "any stream ");
     EXPECT_EQ(has(root, L"Short"), "any stream ") << "which nobody has open";
     EXPECT_EQ(has(root, L"Nix") + has(root, L""), "");
-    EXPECT_EQ(root.destroy(L"Box"), STG_E_INUSE);
-    EXPECT_EQ(has(root, L"Box"), "any storage ");
     ASSERT_EQ(source.createTemporary(false), S_OK);
     if (isPackage()) {
         EXPECT_EQ(root.clear(), S_OK);
@@ -411,7 +262,6 @@ TEST_P(Handles, KnowWhichChildrenThereAre) {
         EXPECT_EQ(source.copyTo(root), S_OK) << "beside a handle on a box of old";
         EXPECT_EQ(read(L"Note", openStorage(L"Box", root)), "copied");
     } else {
-        EXPECT_EQ(root.clear(), STG_E_INVALIDFUNCTION);
         EXPECT_EQ(root.borrowPackedData(source), STG_E_INVALIDFUNCTION);
         closeForGood(note, box, root);
         root = forReading();
@@ -419,34 +269,11 @@ TEST_P(Handles, KnowWhichChildrenThereAre) {
         EXPECT_EQ(has(root, L"SHORT"), "any stream ")
             << "which cannot be opened under this spelling now, but is there";
     }
+    EXPECT_EQ(note.copyTo(none), STG_E_INVALIDPARAMETER);
     closeForGood(note, box, root);
     root = newPackage(path_);
     openRoot(path_, modeRead);
     EXPECT_EQ(has(root, L"Long") + has(root, L"Box"), "") << "made anew";
-}
-
-TEST_P(Handles, WriteWhatIsRead) {
-    StorageRef root = forWriting(), made = newStorage(L"Made", root), again;
-    StreamRef written = newStream(L"New", made, "new"), emptied = openStream(L"Long", root, false);
-    EXPECT_EQ(emptied.write("longer", 6, nullptr), S_OK);
-    EXPECT_EQ(emptied.setSize(4), S_OK);
-    EXPECT_EQ(emptied.GetPosition(), 6u);
-    EXPECT_EQ(contents(emptied), "long");
-    unsigned long done = 7;
-    EXPECT_EQ(emptied.read(&done, 1, &done), S_OK);
-    EXPECT_EQ(done, 0u);
-    EXPECT_EQ(root.destroy(L"Short"), S_OK);
-    EXPECT_EQ(root.destroy(L"Short"), STG_E_FILENOTFOUND);
-    EXPECT_EQ(made.create(L"Box", root, true), S_OK);
-    EXPECT_EQ(again.open(L"Made", root, false), S_OK);
-    for (const StorageRef* storage : {&made, &again, &root})
-        EXPECT_EQ(storage->commit(), S_OK);
-    StreamRef uncommitted = newStream(L"Lost", root);
-    EXPECT_EQ(uncommitted.create(L"Lost", root), S_OK) << "its own handle went first";
-    closeForGood(again, made, root, written, emptied, uncommitted);
-    const std::vector<Element> expected{
-        {L"Box/", {}}, {L"Made/", {}}, {L"Made/New", "new"}, {L"Long", "long"}};
-    EXPECT_THAT(saved(), testing::UnorderedElementsAreArray(expected));
 }
 
 TEST_P(Handles, MayBeTheirOwnParent) {
@@ -468,35 +295,14 @@ TEST_P(Handles, MayBeTheirOwnParent) {
     EXPECT_TRUE(released());
 }
 
-template <class Ref>
-void countReferences(StorageRef& root, const wchar_t* child, Ref first) {
-    Ref second(first);
-    first.close();
-    Ref third;
-    third = second;
-    third = *&third;
-    second = Ref();
-    Ref fourth(std::move(third));
-    Ref fifth;
-    fifth = std::move(fourth);
-    EXPECT_EQ(root.destroy(child), STG_E_INUSE);
-    fifth.close();
-    EXPECT_EQ(root.destroy(child), S_OK);
-}
-
-TEST_P(Handles, HoldOneReferenceEach) {
-    StorageRef root = forWriting();
-    countReferences(root, L"Box", openStorage(L"Box", root));
-    countReferences(root, L"Short", openStream(L"Short", root));
-    StorageRef moved = std::move(root), target = newPackage(path(folder_.file(L"other")));
-    const StorageRef was = target;
-    target = std::move(moved);
-    EXPECT_EQ(moved, was) << "move assignment swaps"; // NOLINT(bugprone-use-after-move): it is promised
-}
-
 TEST_P(Handles, ListWhatWasThere) {
     StorageRef root = forWriting();
     StorageEnumerator first, alias;
+    StorageRef moved = root, target = newPackage(path(folder_.file(L"other")));
+    const StorageRef was = target;
+    target = std::move(moved);
+    EXPECT_EQ(moved, was) << "move assignment swaps"; // NOLINT(bugprone-use-after-move): it is promised
+    closeForGood(target);
     ASSERT_EQ(first.reset(root), S_OK);
     EXPECT_EQ(first.format(), GetParam().format);
     EXPECT_EQ(first.type(), StorageType{});
@@ -515,20 +321,6 @@ TEST_P(Handles, ListWhatWasThere) {
     closeForGood(root);
     EXPECT_TRUE(released()) << "a listing keeps nothing open";
     EXPECT_TRUE(taken.moveNext());
-}
-
-TEST_P(Handles, CopyStreams) {
-    const StorageRef root = forWriting();
-    StreamRef from = openStream(L"Short", root), reading = openStream(L"Long", root), null;
-    StreamRef to = newStream(L"Target", root, std::string(50, 'y'));
-    from.Seek(SeekPosition::Begin, 4);
-    EXPECT_EQ(from.copyTo(to), S_OK);
-    EXPECT_EQ(from.GetPosition(), 4u);
-    EXPECT_EQ(contents(to), "0123456789");
-    EXPECT_EQ(from.copyTo(from), STG_E_INVALIDPARAMETER);
-    EXPECT_EQ(from.copyTo(null), STG_E_INVALIDPARAMETER);
-    EXPECT_TRUE(FAILED(from.copyTo(reading)));
-    EXPECT_EQ(contents(reading).size(), 50u) << "a stream that cannot be written stays as it was";
 }
 
 class CompoundHandles : public Document<testing::Test> {
@@ -575,23 +367,15 @@ TEST_F(CompoundHandles, RootsThatCannotBeOpened) {
 
 // What the application keeps as links stays open without handles, but only as long as there are others.
 TEST_F(CompoundHandles, LetGoOfTheFileWithTheLastHandle) {
-    writeCompoundFile(file_, {{L"Box/Note", "box"}, {L"FileLinks/Link/", {}}, {L"Long", "long"}});
-    std::array<size_t, 3> order{0, 1, 2};
-    do {
-        StorageRef root = forReading(), box = openStorage(L"Box", root);
-        openStream(L"Long", root); // stays cached
-        openStorage(L"Link", openStorage(L"FileLinks", root));
-        StreamRef note = openStream(L"Note", box);
-        const std::array<std::function<void()>, 3> closing{[&] { root.close(); }, [&] { box.close(); },
-                                                           [&] { note.close(); }};
-        for (const size_t which : order) {
-            EXPECT_FALSE(released());
-            closing[which]();
-        }
-        EXPECT_TRUE(released()) << order[0] << order[1] << order[2];
-    } while (std::next_permutation(order.begin(), order.end()));
-
-    const StorageRef root = forReading();
+    writeCompoundFile(file_, {{L"FileLinks/Link/", {}}, {L"Long", "long"}});
+    StorageRef root = forReading();
+    StreamRef note = openStream(L"Long", root);
+    openStorage(L"Link", openStorage(L"FileLinks", root));
+    root.close();
+    EXPECT_FALSE(released());
+    note.close();
+    EXPECT_TRUE(released());
+    root = forReading();
     EXPECT_EQ(
         openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_NOSCRATCH),
         nullptr)

@@ -1,6 +1,7 @@
 // Property sets of documents, held against the system's.
 
 #include "support/fake_storage.h"
+#include "support/fault_sweep.h"
 #include "support/storage_test.h"
 
 #include <vexel/properties.h>
@@ -464,17 +465,8 @@ TEST_F(PropertySets, DamagedOnesAreRefusedOrKept) {
         EXPECT_EQ(document.all(other), otherBefore);
         EXPECT_EQ(document.read(test.format)[kPages].asInteger(), 77);
     };
-    for (const auto& test : samples) {
-        for (std::size_t size = 1; size < test.bytes.size(); ++size)
-            check(test, test.bytes.substr(0, size));
-        for (std::size_t at = 0; at < test.bytes.size(); ++at) {
-            for (const int mask : {0x01, 0x80, 0xFF}) {
-                std::string bytes = test.bytes;
-                bytes[at] = static_cast<char>(bytes[at] ^ mask);
-                check(test, bytes);
-            }
-        }
-    }
+    for (const auto& test : samples)
+        sweepDamage(test.bytes, 1, {0x01, 0x80, 0xFF}, [&](const std::string& bytes) { check(test, bytes); });
     EXPECT_GT(refused, 1000);
     EXPECT_GT(kept, 1000);
     EXPECT_GT(read, kept) << "a sound set beside a damaged one is read";

@@ -509,6 +509,7 @@ TEST_F(CopyingOfFakes, OfOneStreamTellsWhatFailed) {
     StreamRef from, to;
     ASSERT_EQ(from.open(L"From", source_, true), S_OK);
     ASSERT_EQ(to.open(L"To", target_, true), S_OK);
+    const std::wstring whole = L"Seek\nStat 1\nSetSize 0\n";
     const struct {
         const char* what;
         std::map<size_t, HRESULT> source, target;
@@ -516,21 +517,16 @@ TEST_F(CopyingOfFakes, OfOneStreamTellsWhatFailed) {
         HRESULT result;
         std::wstring targetCalls;
     } cases[] = {
-        {"nothing", {}, {}, 0, S_OK, L"Seek\nStat 1\nSetSize 0\n"},
-        {"position", {{0, E_NOTIMPL}}, {}, 0, S_OK, L"Seek\nStat 1\nSetSize 0\n"},
-        {"size", {{1, E_NOTIMPL}}, {}, 5, S_OK, L"Seek\nStat 1\nSetSize 0\n"},
+        {"nothing", {}, {}, 0, S_OK, whole},
+        {"position", {{0, E_NOTIMPL}}, {}, 0, S_OK, whole},
+        {"size", {{1, E_NOTIMPL}}, {}, 5, S_OK, whole},
         {"source's start", {{2, STG_E_READFAULT}}, {}, 0, STG_E_READFAULT, L""},
         {"target's start", {}, {{0, STG_E_WRITEFAULT}}, 0, STG_E_WRITEFAULT, L"Seek\n"},
-        {"copy",
-         {{3, STG_E_REVERTED}},
-         {{2, STG_E_WRITEFAULT}},
-         0,
-         STG_E_REVERTED,
-         L"Seek\nStat 1\nSetSize 0\n"},
-        {"odd copy", {{3, S_FALSE}}, {}, 0, STG_E_READFAULT, L"Seek\nStat 1\nSetSize 0\n"},
-        {"way back", {{4, STG_E_READFAULT}}, {}, 0, S_OK, L"Seek\nStat 1\nSetSize 0\n"},
-        {"cutting off", {}, {{2, STG_E_MEDIUMFULL}}, 0, STG_E_MEDIUMFULL, L"Seek\nStat 1\nSetSize 0\n"},
-        {"end of a damaged stream", {}, {}, 5, STG_E_READFAULT, L"Seek\nStat 1\nSetSize 0\n"},
+        {"copy", {{3, STG_E_REVERTED}}, {{2, STG_E_WRITEFAULT}}, 0, STG_E_REVERTED, whole},
+        {"odd copy", {{3, S_FALSE}}, {}, 0, STG_E_READFAULT, whole},
+        {"way back", {{4, STG_E_READFAULT}}, {}, 0, S_OK, whole},
+        {"cutting off", {}, {{2, STG_E_MEDIUMFULL}}, 0, STG_E_MEDIUMFULL, whole},
+        {"end of a damaged stream", {}, {}, 5, STG_E_READFAULT, whole},
     };
     for (const auto& test : cases) {
         SCOPED_TRACE(test.what);
@@ -563,20 +559,16 @@ TEST_F(CopyingOfFakes, HoldsTheStreamsItCopies) {
     EXPECT_EQ(calls_.take(), L"Seek\nStat 1\nSeek\nCopyTo\nSeek\n~Stream\n");
 
     list({L"From"});
-    std::wstring calls;
-    const auto copyWithout = [&](int spared) {
+    sweepFaults([&](unsigned spared) {
         const StorageRef target = package(L"package" + std::to_wstring(spared));
         source_.deleteUnusedObjects();
         begin();
         const bool struck = WithFailingAllocation(spared, [&] { source_.copyTo(target); });
-        calls = calls_.take();
-        return struck;
-    };
-    for (int spared = 0; copyWithout(spared); ++spared) {
+        const std::wstring calls = calls_.take();
         const size_t copied = calls.find(L"Read 5");
         EXPECT_TRUE(copied == calls.npos || calls.find(L"~Stream") > copied) << spared;
-        ASSERT_LT(spared, 5000);
-    }
+        return struck;
+    });
 }
 
 } // namespace

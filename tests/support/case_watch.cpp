@@ -4,80 +4,57 @@
 
 #include <psapi.h>
 
-#include <atomic>
+#include <cstdio>
 #include <mutex>
-#include <stop_token>
-#include <thread>
 
 namespace Support {
 
 namespace {
 
-constexpr unsigned kLongestCase = 20'000; // milliseconds, on a busy machine
+constexpr ULONGLONG kLongestCase = 20'000; // milliseconds, on a busy machine
 constexpr std::size_t kMostMemory = std::size_t{256} << 20;
 
 std::mutex mutex;
-char current[200]; // what is at hand; read without the lock when the program dies
-std::atomic<unsigned> cases{0};
-
-[[noreturn]] void die(const char* reason) {
-    const std::string line = std::string("\n") + reason + " in the case \"" + current + "\"\n";
-    DWORD done = 0;
-    WriteFile(GetStdHandle(STD_ERROR_HANDLE), line.data(), static_cast<DWORD>(line.size()), &done, nullptr);
-    TerminateProcess(GetCurrentProcess(), 3);
-    std::abort();
-}
+std::string current; // what is at hand
+ULONGLONG since = 0;
 
 std::size_t memoryInUse() {
     PROCESS_MEMORY_COUNTERS counters{};
     return GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters) ? counters.PagefileUsage : 0;
 }
 
+void dieIf(bool condition, const char* reason) {
+    if (!condition)
+        return;
+    std::fprintf(stderr, "\n%s in the case \"%s\"\n", reason, current.c_str());
+    TerminateProcess(GetCurrentProcess(), 3);
+}
+
 LONG CALLBACK onException(EXCEPTION_POINTERS* what) {
     const DWORD code = what->ExceptionRecord->ExceptionCode;
-    if (code == EXCEPTION_STACK_OVERFLOW || code == EXCEPTION_ACCESS_VIOLATION)
-        die(code == EXCEPTION_STACK_OVERFLOW ? "the stack overflows" : "a crash");
+    dieIf(code == EXCEPTION_STACK_OVERFLOW || code == EXCEPTION_ACCESS_VIOLATION, "a crash");
     return EXCEPTION_CONTINUE_SEARCH;
 }
 
-/// Looks at the program until it is told to stop.
-void watch(const std::stop_token& stop) {
-    const std::size_t before = memoryInUse();
-    unsigned seen = 0;
-    ULONGLONG since = GetTickCount64();
-    for (; !stop.stop_requested(); Sleep(50)) {
-        if (const unsigned now = cases; now != seen) {
-            seen = now;
-            since = GetTickCount64();
-        }
-        if (GetTickCount64() - since > kLongestCase)
-            die("no end");
-        if (memoryInUse() > before + kMostMemory)
-            die("too much memory");
-    }
-}
-
-std::jthread watcher;
-void* handler = nullptr;
-
 } // namespace
 
-CaseWatch::CaseWatch() {
+CaseWatch::CaseWatch() : handler_(AddVectoredExceptionHandler(1, onException)) {
     begin("none");
-    handler = AddVectoredExceptionHandler(1, onException);
-    watcher = std::jthread(watch);
+    watcher_ = std::jthread([before = memoryInUse()](const std::stop_token& stop) {
+        for (; !stop.stop_requested(); Sleep(50)) {
+            const std::lock_guard lock(mutex);
+            dieIf(GetTickCount64() - since > kLongestCase, "no end");
+            dieIf(memoryInUse() > before + kMostMemory, "too much memory");
+        }
+    });
 }
 
-CaseWatch::~CaseWatch() {
-    watcher = {}; // stopped and waited for
-    RemoveVectoredExceptionHandler(handler);
-}
+CaseWatch::~CaseWatch() { RemoveVectoredExceptionHandler(handler_); }
 
 void CaseWatch::begin(const std::string& name) {
     const std::lock_guard lock(mutex);
-    name.copy(current, sizeof current - 1);
-    current[(std::min)(name.size(), sizeof current - 1)] = '\0';
-    ++cases;
+    current = name;
+    since = GetTickCount64();
 }
 
 } // namespace Support

@@ -1,6 +1,7 @@
 #pragma once
 
 #include <string>
+#include <thread>
 
 namespace Support {
 
@@ -15,6 +16,10 @@ public:
 
     /// Begins the next case; the one before has ended well.
     static void begin(const std::string& name);
+
+private:
+    void* handler_;
+    std::jthread watcher_;
 };
 
 } // namespace Support

@@ -164,7 +164,8 @@ private:
         if (const HRESULT status = calls_.add(L"made"); FAILED(status))
             return status;
         auto& stream = calls_.streams[name] = Vexel::Detail::adopt(new FaultyStream);
-        stream->writesLeft = FAILED(calls_.add(L"written")) ? 0 : ~0U;
+        if (FAILED(calls_.add(L"written")))
+            *stream->plan = {FaultyStream::Writing, STG_E_WRITEFAULT};
         return stream.CopyTo(result);
     }
 };

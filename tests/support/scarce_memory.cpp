@@ -37,15 +37,22 @@ void AtMainAllocation(int skipped, void (*event)()) noexcept {
     allocationEvent = event;
 }
 
-bool WithFailingAllocation(int spared, const std::function<void()>& call) {
-    static bool struck;
-    struck = false;
-    AtMainAllocation(spared, [] {
+bool WithFailingAllocation(unsigned spared, const std::function<void()>& call, bool forGood) {
+    static bool struck, isPersistent;
+    static void (*strike)();
+    strike = [] {
         struck = true;
+        if (isPersistent)
+            AtMainAllocation(0, strike);
         throw std::bad_alloc();
-    });
+    };
+    const struct End {
+        ~End() { AtMainAllocation(0, nullptr); }
+    } end;
+    struck = false;
+    isPersistent = forGood;
+    AtMainAllocation(static_cast<int>(spared), strike);
     call();
-    AtMainAllocation(0, nullptr);
     return struck;
 }
 

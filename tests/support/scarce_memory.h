@@ -1,5 +1,7 @@
 #pragma once
 
+#include "support/fault_sweep.h"
+
 #include <cstddef>
 #include <functional>
 
@@ -13,8 +15,9 @@ void FailAllocationsElsewhere(int count) noexcept;
 /// Null takes an event back that has not come yet.
 void AtMainAllocation(int skipped, void (*event)()) noexcept;
 
-/// Runs `call` while the main thread's next allocation but `spared` fails. Whether there was one.
-bool WithFailingAllocation(int spared, const std::function<void()>& call);
+/// Runs `call`, which may raise, while the main thread's next allocation but `spared` fails; all from there
+/// on if it is `forGood`. Whether there was one.
+bool WithFailingAllocation(unsigned spared, const std::function<void()>& call, bool forGood = false);
 
 /// The bytes that all allocations so far asked for, whatever was freed in between.
 std::size_t AllocatedBytes() noexcept;

@@ -13,6 +13,8 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
+#include <memory>
+#include <new>
 #include <random>
 #include <string>
 #include <string_view>
@@ -26,6 +28,22 @@ inline void expectEach(HRESULT status, std::initializer_list<HRESULT> given) {
     EXPECT_EQ(std::vector(given), std::vector(given.size(), status));
 }
 
+/// All interfaces of a COM object are one object, and others are not there.
+inline void expectInterfaces(IUnknown* object, const std::vector<GUID>& there, const GUID& missing) {
+    Microsoft::WRL::ComPtr<IUnknown> identity;
+    EXPECT_EQ(object->QueryInterface(IID_IUnknown, &identity), S_OK);
+    for (const GUID& iid : there) {
+        Microsoft::WRL::ComPtr<IUnknown> face, back;
+        ASSERT_EQ(object->QueryInterface(iid, &face), S_OK);
+        EXPECT_EQ(face->QueryInterface(IID_IUnknown, &back), S_OK);
+        EXPECT_EQ(back.Get(), identity.Get());
+    }
+    void* found = identity.Get();
+    EXPECT_EQ(object->QueryInterface(missing, &found), E_NOINTERFACE);
+    EXPECT_EQ(found, nullptr);
+    EXPECT_EQ(object->QueryInterface(IID_IUnknown, nullptr), E_POINTER);
+}
+
 /// Bytes that do not pack, the same for each size.
 inline std::string noise(std::size_t size) {
     std::mt19937 random(static_cast<unsigned>(size));
@@ -34,35 +52,52 @@ inline std::string noise(std::size_t size) {
     return bytes;
 }
 
-/// A stream of these bytes that fails where it is told to.
+/// A stream of these bytes that fails where it is told to. Its clones count and fail with it.
 class FaultyStream final : public Vexel::Storage::InMemoryIStream {
 public:
-    explicit FaultyStream(std::string_view bytes = {}) {
+    enum Call { Nothing, Reading, Writing, Seeking, Resizing, Cloning };
+    struct Plan {
+        Call call = Nothing;
+        HRESULT status = S_OK;
+        unsigned skipped = 0; ///< calls of the kind that do not fail, before the one that does
+        bool forGood = false;
+        bool hit = false;
+    };
+
+    explicit FaultyStream(std::string_view bytes = {}, std::shared_ptr<Plan> shared = nullptr)
+        : plan(shared ? std::move(shared) : std::make_shared<Plan>()) {
         write(bytes.data(), bytes.size());
         rewind();
     }
-    unsigned writesLeft = ~0U;
-    HRESULT writing = STG_E_WRITEFAULT; ///< what the write behind these ends in
-    bool readFails = false;
-    bool cloneFails = false;
-    bool seekFails = false; ///< to a place
-    bool resizeFails = false;
+    const std::shared_ptr<Plan> plan;
 
     HRESULT STDMETHODCALLTYPE Read(void* data, ULONG size, ULONG* done) noexcept override {
-        return readFails ? STG_E_READFAULT : InMemoryIStream::Read(data, size, done);
+        return strikes(Reading) ? plan->status : InMemoryIStream::Read(data, size, done);
     }
     HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG size, ULONG* done) noexcept override {
-        return writesLeft-- == 0 ? writing : InMemoryIStream::Write(data, size, done);
+        return strikes(Writing) ? plan->status : InMemoryIStream::Write(data, size, done);
     }
     HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER to, DWORD origin, ULARGE_INTEGER* at) noexcept override {
-        return seekFails && origin == STREAM_SEEK_SET ? STG_E_SEEKERROR
-                                                      : InMemoryIStream::Seek(to, origin, at);
+        return strikes(Seeking) ? plan->status : InMemoryIStream::Seek(to, origin, at);
     }
     HRESULT STDMETHODCALLTYPE SetSize(ULARGE_INTEGER size) noexcept override {
-        return resizeFails ? E_NOTIMPL : InMemoryIStream::SetSize(size);
+        return strikes(Resizing) ? plan->status : InMemoryIStream::SetSize(size);
     }
     HRESULT STDMETHODCALLTYPE Clone(::IStream** clone) noexcept override {
-        return cloneFails ? STG_E_TOOMANYOPENFILES : InMemoryIStream::Clone(clone);
+        const bool isStruck = strikes(Cloning);
+        *clone = isStruck ? nullptr : new (std::nothrow) FaultyStream(*this);
+        return isStruck ? plan->status : S_OK;
+    }
+
+private:
+    FaultyStream(const FaultyStream&) = default; // shares the memory
+
+    bool strikes(Call made) const {
+        if (made != plan->call || (plan->hit && !plan->forGood))
+            return false;
+        if (plan->skipped > 0 && plan->skipped--)
+            return false;
+        return plan->hit = true;
     }
 };
 
