@@ -1,6 +1,7 @@
 // Reading an archive's database into items.
 
 #include "archive/archive_private.h"
+#include "archive/name_pool.h"
 #include "base/status.h"
 
 #include <vexel/diagnostics.h>
@@ -73,6 +74,7 @@ HRESULT SZipArchivePrivate::openInput(Database& fresh) {
 SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
     Reading reading;
     ItemMap& added = reading.added;
+    NamePool names;
     // Archives list their items in our order, or directory by directory: the next one is most likely the one
     // that is wanted, and a new one belongs behind the last.
     auto next = items.begin();
@@ -87,7 +89,7 @@ SZipArchivePrivate::Reading SZipArchivePrivate::match(Database fresh) {
             ++next;
             continue;
         }
-        const auto made = added.try_emplace(place, stringOf(path), *this, false);
+        const auto made = added.try_emplace(place, names.make(path), *this, false);
         // The step from the last item to the end would climb the whole tree.
         place = made == std::prev(added.end()) ? added.end() : std::next(made);
         if (made->second.databaseIndex_ >= 0)

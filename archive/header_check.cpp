@@ -1,6 +1,10 @@
 // The order of the checks is that of trust: the first 32 bytes by their checksum, the packed header by its
 // checksum, its description, and then the header itself while it is being unpacked. Nothing that a step has
 // not vouched for is used by the next.
+//
+// The unpacked header is the exception: the parser believes none of its bytes, and the engine compares its
+// checksum in any case. So the checksum is compared here only where the header cannot be parsed, to say which
+// of the two is wrong with it. It takes a fifth of the time of reading a header that is not packed.
 
 #include "archive/header_check.h"
 
@@ -89,12 +93,16 @@ public:
             return false;
         if (headerBytes_ == 0)
             return true;
-        if (!readHeader())
+        if (!read(header_, kStartBytes + headerOffset_, headerBytes_))
             return false;
         HeaderParser parser(header_.all(), headerOffset_);
         const std::uint64_t id = parser.reader().number();
+        if (id == HeaderId::kHeader && parser.parseHeader())
+            return true;
+        if (!isIntact(header_, "the header's checksum is wrong", kStartBytes + headerOffset_))
+            return false;
         if (id == HeaderId::kHeader)
-            return accept(parser, parser.parseHeader());
+            return accept(parser, false);
         if (id != HeaderId::kEncodedHeader)
             return refuse(HeaderFault::Header, "the header is none", kStartBytes + headerOffset_);
         HeaderStreams streams;
@@ -210,11 +218,8 @@ private:
         return refuse(HeaderFault::Unreadable, kNone, StartAt::kChecksum);
     }
 
-    bool readHeader() {
-        if (!read(header_, kStartBytes + headerOffset_, headerBytes_))
-            return false;
-        return checksum(header_.all()) == headerChecksum_ ||
-               refuse(HeaderFault::Header, "the header's checksum is wrong", kStartBytes + headerOffset_);
+    bool isIntact(const PageBuffer& header, const char* otherwise, std::uint64_t where) noexcept {
+        return checksum(header.all()) == headerChecksum_ || refuse(HeaderFault::Header, otherwise, where);
     }
 
     bool runPacked(const HeaderStreams& streams) {
@@ -278,19 +283,21 @@ private:
         const bool isParsed = parser.parseHeader() && parser.reader().waste(parser.reader().left());
         if (unpacker.fault() != HeaderFault::None)
             return refuseUnpacking(streams, unpacker);
-        return accept(parser, isParsed) && (isSmall || finishUnpacking(streams, plain, unpacker));
+        if (isParsed)
+            return isSmall || finishUnpacking(streams, plain, unpacker);
+        return (!isSmall ||
+                isIntact(plain, "the packed header's checksum is wrong", kStartBytes + streams.offset)) &&
+               accept(parser, false);
     }
 
     bool finishUnpacking(const HeaderStreams& streams, const PageBuffer& plain, HeaderUnpacker& unpacker) {
         if (!unpacker.supply(plain.size()))
             return refuseUnpacking(streams, unpacker);
-        headerChecksum_ = checksum(plain.all());
-        std::uint32_t wanted = headerChecksum_;
         if (streams.folders[0].hasDigest)
-            std::memcpy(&wanted, streams.digestValues.data(), sizeof wanted);
-        return headerChecksum_ == wanted ||
-               refuse(HeaderFault::Header, "the packed header's checksum is wrong",
-                      kStartBytes + streams.offset);
+            std::memcpy(&headerChecksum_, streams.digestValues.data(), sizeof headerChecksum_);
+        else
+            headerChecksum_ = checksum(plain.all());
+        return true;
     }
 
     HeaderSource& source_;
@@ -299,7 +306,7 @@ private:
     StartBytes start_{};
     std::uint64_t headerOffset_ = 0; // behind the first bytes
     std::uint64_t headerBytes_ = 0;
-    std::uint32_t headerChecksum_ = 0; // of the header, and of the unpacked one once there is one
+    std::uint32_t headerChecksum_ = 0; // that the header is to have, the unpacked one once there is one
     PageBuffer header_;
 };
 

@@ -12,7 +12,8 @@
 /// A look at an archive's headers before the engine reads them. The engine believes the counts and sizes that
 /// it finds: 75 bytes can make it take 2 GiB, a packed header may promise 2^60 bytes. This holds every count,
 /// size and range against the bytes that the header and the file really have, before anything is allocated
-/// for them. It never looks at contents, and takes one pass over the unpacked header.
+/// for them. It never looks at contents, and takes one pass over the unpacked header. Whether that has its
+/// checksum is left to the engine, unless there is something else wrong with it.
 ///
 /// A packed header can hold very much in few bytes, and honest ones do: 7zz packs 200,000 items whose names
 /// count up at 12 to the byte, and names of 1000 characters at 1190 bytes to the byte. Refused are, with P
@@ -62,7 +63,7 @@ struct HeaderVerdict {
 /// An archive's header after unpacking, so that nobody need unpack it again: an archive made of `start`, any
 /// bytes up to `offset`, and `bytes`, is to the engine the same as the one that was checked.
 struct PlainHeader {
-    std::array<std::byte, 32> start{}; ///< with the header's place, size and checksum
+    std::array<std::byte, 32> start{}; ///< with the header's place, size, and the checksum that it must have
     std::uint64_t offset = 0;          ///< where the header begins, from the beginning of the archive
     PageBuffer bytes;                  ///< none for an archive without items
 };

@@ -249,11 +249,31 @@ bool HeaderParser::parseFolders(HeaderStreams& streams) {
     if (!fits(count, 3, bounds_.folders))
         return false;
     streams.folders.resize(count);
-    for (HeaderFolder& folder : streams.folders) {
-        if (!parseFolder(streams, folder))
+    // Most are described as the one before.
+    std::span<const std::byte> last;
+    for (std::uint32_t i = 0; i < count; ++i) {
+        if (!last.empty() && reader_.readIfEqual(last)) {
+            streams.folders[i] = streams.folders[i - 1];
+        } else {
+            const std::size_t begin = reader_.position();
+            if (!parseFolder(streams, streams.folders[i]))
+                return false;
+            last = reader_.since(begin);
+            // Properties of more count as waste.
+            if (last.size() > kUsualProperties)
+                last = {};
+        }
+        if (!takePackStreams(streams))
             return false;
     }
     return skipTo(HeaderId::kCodersUnpackSize);
+}
+
+bool HeaderParser::takePackStreams(HeaderStreams& streams) noexcept {
+    if (streams.inputs > streams.packStreams)
+        return reader_.refuse(HeaderFault::Header, "there are fewer packed streams than the folders need");
+    streams.packStreams -= streams.inputs;
+    return reader_.ok();
 }
 
 bool HeaderParser::parseFolder(HeaderStreams& streams, HeaderFolder& folder) noexcept {
@@ -268,11 +288,7 @@ bool HeaderParser::parseFolder(HeaderStreams& streams, HeaderFolder& folder) noe
     }
     if ((coders > 1 || inputs > 1) && !parseBonds(folder, inputs))
         return false;
-    const std::uint32_t taken = inputs + 1 - coders;
-    if (taken > streams.packStreams)
-        return reader_.refuse(HeaderFault::Header, "there are fewer packed streams than the folders need");
-    streams.packStreams -= taken;
-    streams.inputs = taken;
+    streams.inputs = inputs + 1 - coders;
     return reader_.ok();
 }
 

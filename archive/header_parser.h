@@ -5,6 +5,7 @@
 
 #include <cstddef>
 #include <cstdint>
+#include <cstring>
 #include <limits>
 #include <span>
 #include <vector>
@@ -55,6 +56,18 @@ public:
     /// A number that the engine counts with.
     std::uint32_t count() noexcept;
     std::span<const std::byte> readBytes(std::uint64_t size) noexcept;
+    /// What was read since an earlier position.
+    std::span<const std::byte> since(std::size_t begin) const noexcept {
+        return bytes_.subspan(begin - begin_, position() - begin);
+    }
+    /// Passes over these bytes if they are what comes next and is there already.
+    bool readIfEqual(std::span<const std::byte> bytes) noexcept {
+        if (bytes.size() > available_ - position_ ||
+            std::memcmp(bytes_.data() + position_, bytes.data(), bytes.size()) != 0)
+            return false;
+        position_ += bytes.size();
+        return true;
+    }
     /// Counts bytes that nobody needs. Of a packed header these may not be many: they would be unpacked for
     /// nothing.
     bool waste(std::uint64_t size) noexcept;
@@ -153,6 +166,7 @@ private:
     bool parsePackInfo(HeaderStreams& streams) noexcept;
     bool parseFolders(HeaderStreams& streams);
     bool parseFolder(HeaderStreams& streams, HeaderFolder& folder) noexcept;
+    bool takePackStreams(HeaderStreams& streams) noexcept;
     bool parseCoder(HeaderStreams& streams, std::uint32_t& inputs) noexcept;
     bool parseBonds(HeaderFolder& folder, std::uint32_t inputs) noexcept;
     bool parseUnpackSizes(HeaderStreams& streams) noexcept;

@@ -69,16 +69,24 @@ void CStringW::throwInvalidArgument() { AfxThrowInvalidArgException(); }
 /// Gives the string a buffer of its own with room for `capacity` characters; the text stays.
 void CStringW::reserve(int capacity) {
     const bool own = buffer_ && !shared();
-    if (own && buffer_->capacity >= capacity)
+    if (own && buffer_->nAllocLength >= capacity)
         return;
 
     const int length = GetLength();
     int room = capacity < length ? length : capacity;
     // Growing by halves keeps a row of appends linear.
-    if (own && buffer_->capacity < INT_MAX / 2 && room < buffer_->capacity + buffer_->capacity / 2)
-        room = buffer_->capacity + buffer_->capacity / 2;
-    Buffer* grown = create(room);
-    copyText(grown->text(), GetString(), length);
+    if (own && buffer_->nAllocLength < INT_MAX / 2 &&
+        room < buffer_->nAllocLength + buffer_->nAllocLength / 2)
+        room = buffer_->nAllocLength + buffer_->nAllocLength / 2;
+    if (own) {
+        CStringData* grown = buffer_->pStringMgr->Reallocate(buffer_, room, sizeof(wchar_t));
+        if (!grown)
+            AfxThrowMemoryException();
+        buffer_ = grown;
+        return;
+    }
+    CStringData* grown = create(room, *GetManager());
+    copyText(textOf(grown), GetString(), length);
     release();
     buffer_ = grown;
     setLength(length);
@@ -87,14 +95,14 @@ void CStringW::reserve(int capacity) {
 void CStringW::setLength(int length) noexcept {
     if (!buffer_)
         return;
-    buffer_->length = length;
-    buffer_->text()[length] = 0;
+    buffer_->nDataLength = length;
+    textOf(buffer_)[length] = 0;
 }
 
 wchar_t* CStringW::GetBuffer(int minimumLength) {
     checkIndex(minimumLength, INT_MAX);
     reserve(minimumLength > GetLength() ? minimumLength : GetLength());
-    return buffer_->text();
+    return textOf(buffer_);
 }
 
 wchar_t* CStringW::GetBufferSetLength(int length) {
@@ -105,14 +113,14 @@ wchar_t* CStringW::GetBufferSetLength(int length) {
 
 void CStringW::ReleaseBuffer(int length) {
     if (length == -1) {
-        const int capacity = buffer_ ? buffer_->capacity : 0;
+        const int capacity = buffer_ ? buffer_->nAllocLength : 0;
         length = static_cast<int>(wcsnlen(GetString(), static_cast<std::size_t>(capacity)));
     }
     ReleaseBufferSetLength(length);
 }
 
 void CStringW::ReleaseBufferSetLength(int length) {
-    checkIndex(length, buffer_ ? buffer_->capacity : 0);
+    checkIndex(length, buffer_ ? buffer_->nAllocLength : 0);
     if (buffer_ && shared())
         reserve(length);
     setLength(length);
@@ -124,14 +132,18 @@ void CStringW::Preallocate(int length) { GetBuffer(length); }
 
 CStringW::CStringW(const wchar_t* text) : CStringW(text, lengthOf(text)) {}
 
-CStringW::CStringW(const wchar_t* text, int length) {
+CStringW::CStringW(const wchar_t* text, int length) : CStringW(text, length, &heap()) {}
+
+CStringW::CStringW(const wchar_t* text, int length, IAtlStringMgr* manager) {
     checkIndex(length, text ? INT_MAX : 0);
     if (length == 0)
         return;
-    buffer_ = create(length);
-    copyText(buffer_->text(), text, length);
+    buffer_ = create(length, *manager);
+    copyText(textOf(buffer_), text, length);
     setLength(length);
 }
+
+IAtlStringMgr* CStringW::GetManager() const noexcept { return buffer_ ? buffer_->pStringMgr : &heap(); }
 
 CStringW::CStringW(const char* text) : CStringW(text, text ? checkedLength(std::strlen(text)) : 0) {}
 
@@ -141,14 +153,14 @@ CStringW::CStringW(const char* text, int length) {
         return;
     const int wide = MultiByteToWideChar(CP_THREAD_ACP, 0, text, length, nullptr, 0);
     buffer_ = create(wide);
-    setLength(MultiByteToWideChar(CP_THREAD_ACP, 0, text, length, buffer_->text(), wide));
+    setLength(MultiByteToWideChar(CP_THREAD_ACP, 0, text, length, textOf(buffer_), wide));
 }
 
 CStringW::CStringW(wchar_t character, int count) {
     if (count <= 0)
         return;
     buffer_ = create(count);
-    wmemset(buffer_->text(), character, static_cast<std::size_t>(count));
+    wmemset(textOf(buffer_), character, static_cast<std::size_t>(count));
     setLength(count);
 }
 
@@ -165,12 +177,12 @@ CStringW& CStringW::operator=(const char* text) {
 void CStringW::SetString(const wchar_t* text) { SetString(text, lengthOf(text)); }
 
 void CStringW::SetString(const wchar_t* text, int length) {
-    const bool fits = buffer_ && text && length >= 0 && length <= buffer_->capacity && !shared();
+    const bool fits = buffer_ && text && length >= 0 && length <= buffer_->nAllocLength && !shared();
     if (!fits) {
         *this = CStringW(text, length);
         return;
     }
-    copyText(buffer_->text(), text, length);
+    copyText(textOf(buffer_), text, length);
     setLength(length);
 }
 
@@ -208,7 +220,7 @@ void CStringW::Append(const wchar_t* text, int length) {
     const bool ours = !std::less<>()(text, GetString()) && !std::less<>()(GetString() + oldLength, text);
     const CStringW source = ours ? *this : CStringW();
     reserve(newLength);
-    copyText(buffer_->text() + oldLength, text, length);
+    copyText(textOf(buffer_) + oldLength, text, length);
     setLength(newLength);
 }
 

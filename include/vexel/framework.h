@@ -28,21 +28,45 @@
 
 namespace Vexel::Detail {
 
-/// Head of a string's memory; the characters and a terminating zero follow it.
-struct StringBuffer {
-    std::atomic<int> references;
-    int length;
-    int capacity; ///< in characters, without the terminating zero
-
-    wchar_t* text() noexcept { return reinterpret_cast<wchar_t*>(this + 1); }
-};
-
 struct BlockDeleter {
     bool owned = true;
     VEXEL_FRAMEWORK_API void operator()(BYTE* block) const noexcept;
 };
 
 } // namespace Vexel::Detail
+
+class IAtlStringMgr;
+
+/// Head of a string's memory; the characters and a terminating zero follow it.
+struct CStringData {
+    IAtlStringMgr* pStringMgr; ///< that gets the memory back
+    int nDataLength;
+    int nAllocLength; ///< in characters, without the terminating zero
+    std::atomic<long> nRefs;
+
+    void* data() noexcept { return this + 1; }
+};
+
+/// Where strings get their memory, for those who make many and have a cheaper source than the heap. It is
+/// used from all threads that have strings of it, and must outlive these and their copies. Lengths are in
+/// characters, without the terminating zero, and sizes in bytes.
+class IAtlStringMgr {
+public:
+    /// Memory for an empty string with room for `length` characters, its head filled in: one reference, and
+    /// the manager that is to free it. Null when there is none.
+    virtual CStringData* Allocate(int length, int characterSize) noexcept = 0;
+    virtual void Free(CStringData* data) noexcept = 0;
+    /// Puts a string that has one reference into memory for `length` characters, no fewer than it has, and
+    /// frees the old one. Null, with nothing changed, when there is none.
+    virtual CStringData* Reallocate(CStringData* data, int length, int characterSize) noexcept = 0;
+    /// The head of an empty string, which nobody changes or frees.
+    virtual CStringData* GetNilString() noexcept = 0;
+    /// The manager of copies. Copies share memory, so that it must be the manager itself.
+    virtual IAtlStringMgr* Clone() noexcept = 0;
+
+protected:
+    ~IAtlStringMgr() = default;
+};
 
 /// A UTF-16 string with value semantics. Copies share one buffer until one of them is changed, so copying
 /// costs one atomic increment. Lengths and indices count code units and fit an `int`.
@@ -58,11 +82,13 @@ public:
     CStringW() noexcept = default;
     CStringW(const CStringW& other) noexcept : buffer_(other.buffer_) {
         if (buffer_)
-            buffer_->references.fetch_add(1, std::memory_order_relaxed);
+            buffer_->nRefs.fetch_add(1, std::memory_order_relaxed);
     }
     CStringW(CStringW&& other) noexcept : buffer_(std::exchange(other.buffer_, nullptr)) {}
     CStringW(const wchar_t* text);
     CStringW(const wchar_t* text, int length);
+    /// With memory of that manager. An empty string needs none.
+    CStringW(const wchar_t* text, int length, IAtlStringMgr* manager);
     /// Narrow text is in the calling thread's ANSI code page.
     explicit CStringW(const char* text);
     CStringW(const char* text, int length);
@@ -83,10 +109,10 @@ public:
     void SetString(const wchar_t* text);
     void SetString(const wchar_t* text, int length);
 
-    int GetLength() const noexcept { return buffer_ ? buffer_->length : 0; }
+    int GetLength() const noexcept { return buffer_ ? buffer_->nDataLength : 0; }
     bool IsEmpty() const noexcept { return GetLength() == 0; }
     /// The zero-terminated text; never null. Valid until the string is changed or destroyed.
-    const wchar_t* GetString() const noexcept { return buffer_ ? buffer_->text() : L""; }
+    const wchar_t* GetString() const noexcept { return buffer_ ? textOf(buffer_) : L""; }
     operator const wchar_t*() const noexcept { return GetString(); }
     /// The character at `index`, which may be that of the terminating zero.
     wchar_t GetAt(int index) const {
@@ -95,6 +121,9 @@ public:
     }
     wchar_t operator[](int index) const { return GetAt(index); }
     void SetAt(int index, wchar_t character);
+
+    /// Where the string has its memory from, or would get it.
+    IAtlStringMgr* GetManager() const noexcept;
 
     /// The text for writing, with room for `minimumLength` characters and a zero. `ReleaseBuffer` must follow
     /// before anything else is done with the string.
@@ -191,27 +220,26 @@ public:
     friend VEXEL_FRAMEWORK_API CStringW operator+(wchar_t a, const CStringW& b);
 
 private:
-    using Buffer = Vexel::Detail::StringBuffer;
-
+    static wchar_t* textOf(CStringData* buffer) noexcept { return static_cast<wchar_t*>(buffer->data()); }
     void swap(CStringW& other) noexcept { std::swap(buffer_, other.buffer_); }
     void release() noexcept {
-        if (buffer_ && buffer_->references.fetch_sub(1, std::memory_order_acq_rel) == 1)
-            destroy(buffer_);
+        if (buffer_ && buffer_->nRefs.fetch_sub(1, std::memory_order_acq_rel) == 1)
+            buffer_->pStringMgr->Free(buffer_);
     }
     static void checkIndex(int index, int limit) {
         if (index < 0 || index > limit)
             throwInvalidArgument();
     }
-    bool shared() const noexcept { return buffer_->references.load(std::memory_order_acquire) != 1; }
+    bool shared() const noexcept { return buffer_->nRefs.load(std::memory_order_acquire) != 1; }
 
-    static Buffer* create(int capacity);
-    static void destroy(Buffer* buffer) noexcept;
+    static IAtlStringMgr& heap() noexcept;
+    static CStringData* create(int capacity, IAtlStringMgr& manager = heap());
     [[noreturn]] static void throwInvalidArgument();
     static CStringW join(const wchar_t* a, int lengthA, const wchar_t* b, int lengthB);
     void reserve(int capacity);
     void setLength(int length) noexcept;
 
-    Buffer* buffer_ = nullptr; ///< null: the empty string
+    CStringData* buffer_ = nullptr; ///< null: the empty string
 };
 
 using CString = CStringW;

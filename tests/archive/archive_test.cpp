@@ -1,5 +1,7 @@
+#include "archive/name_pool.h"
 #include "archive_fixture.h"
 #include "base/handles.h"
+#include "base/text.h"
 
 #include <vexel/memory_streams.h>
 
@@ -32,6 +34,30 @@ TEST(PathElements, AreEncodedAndDecoded) {
 }
 
 using Archive = ArchiveTest;
+
+TEST(NamePool, NamesAndCopiesOutliveIt) {
+    std::vector<CString> names, copies;
+    const auto textOf = [](unsigned i) {
+        return std::wstring(i % 50 + (i % 100 == 7 ? 3000 : 0), static_cast<wchar_t>(L'a' + i % 26));
+    };
+    {
+        Vexel::Storage::NamePool pool;
+        for (unsigned i = 0; i < 3000; ++i)
+            names.push_back(pool.make(textOf(i)));
+    }
+    for (unsigned i = 0; i < names.size(); ++i)
+        if (i % 700 < 20)
+            copies.push_back(names[i]);
+    names.clear();
+    const std::vector<std::byte> elsewhere(0x100000, std::byte{0xEE}); // what was freed is used again
+    for (unsigned i = 0, next = 0; i < 3000; ++i) {
+        if (i % 700 >= 20)
+            continue;
+        CString& copy = copies[next++];
+        EXPECT_TRUE(Vexel::Detail::viewOf(copy) == textOf(i));
+        EXPECT_TRUE(Vexel::Detail::viewOf(copy += L"/end") == textOf(i) + L"/end");
+    }
+}
 
 TEST_F(Archive, KeepsTheTimesOfItems) {
     const FILETIME set{0x12345678, 0x01D00000};

@@ -148,6 +148,8 @@ TEST(HeaderCheck, RefusesWhatTheBytesCannotHold) {
         {"names elsewhere", items + bytes({1, 0x11, 2, 1, 0, 0, 0})},
         {"fewer names than items", listHeader(2, u"a\0b"s)},
         {"property longer than its values", items + bytes({1, 0x0E, 2, 0x80, 0, 0, 0})},
+        {"two folders of one packed stream",
+         streams + one + bytes({7, 11, 2, 0}) + copyFolder + copyFolder + bytes({12, 1, 1, 0, 0})},
     };
     for (const auto& [name, header] : headers)
         expectFault(name, archiveOf(std::string(600, 'x'), header), HeaderFault::Header);
@@ -172,6 +174,30 @@ TEST(HeaderCheck, RefusesWhatTheBytesCannotHold) {
     expectFault("something else", std::string(600, '7'), HeaderFault::NotAnArchive);
     for (unsigned reads = 0; reads < 3; ++reads)
         expectFault("input that fails", sample(L"solid.7z"), HeaderFault::Input, reads);
+}
+
+TEST(HeaderCheck, LeavesChecksumsToTheEngineButTellsDamageFromNonsense) {
+    const std::string list = listHeader(1, u"a\0"s), nonsense = bytes({1, 5}) + number(1ULL << 60);
+    for (const std::uint32_t damage : {0U, 1U}) {
+        const auto plain = [&](const std::string& header) {
+            return start(0, header.size(), checksum(header) ^ damage) + header;
+        };
+        const auto packed = [&](const std::string& header) {
+            const std::string digest = bytes({10, 1}) + little(checksum(header) ^ damage);
+            return archiveOf(header, bytes({0x17}) + packInfo(header.size()) +
+                                         unpackInfo(copyFolder, header.size(), digest) + bytes({0}));
+        };
+        for (const std::string& file : {plain(list), packed(list)}) {
+            Input input(file);
+            PlainHeader header;
+            CDbEx database;
+            database.Clear();
+            EXPECT_EQ(checkHeaders(input, &header).fault, HeaderFault::None);
+            EXPECT_EQ(readChecked(std::move(header), database) == S_OK, damage == 0);
+        }
+        for (const std::string& file : {plain(nonsense), packed(nonsense)})
+            expectFault("nonsense", file, damage == 0 ? HeaderFault::Unsupported : HeaderFault::Header);
+    }
 }
 
 // Whatever passes is read, with memory in proportion to its bytes.

@@ -212,4 +212,59 @@ TEST(FrameworkString, CopiesAreSharedAmongThreads) {
     EXPECT_EQ(original, L"shared");
 }
 
+/// Counts what it hands out, and passes on all but that.
+class CountingManager final : public IAtlStringMgr {
+public:
+    int live = 0, moved = 0;
+    bool isEmpty = false;
+
+    CStringData* Allocate(int length, int characterSize) noexcept override {
+        if (isEmpty)
+            return nullptr;
+        ++live;
+        return own(heap_->Allocate(length, characterSize));
+    }
+    void Free(CStringData* data) noexcept override {
+        --live;
+        heap_->Free(data);
+    }
+    CStringData* Reallocate(CStringData* data, int length, int characterSize) noexcept override {
+        if (isEmpty)
+            return nullptr;
+        ++moved;
+        return own(heap_->Reallocate(data, length, characterSize));
+    }
+    CStringData* GetNilString() noexcept override { return heap_->GetNilString(); }
+    IAtlStringMgr* Clone() noexcept override { return this; }
+
+private:
+    CStringData* own(CStringData* data) noexcept {
+        data->pStringMgr = this;
+        return data;
+    }
+    IAtlStringMgr* heap_ = CString().GetManager();
+};
+
+TEST(FrameworkString, KeepsToTheManagerOfItsMemory) {
+    CountingManager manager;
+    {
+        CString text(L"abc", 3, &manager);
+        const CString copy = text;
+        EXPECT_EQ(copy.GetString(), text.GetString());
+        text += L'd';
+        EXPECT_EQ(text.GetManager(), &manager);
+        EXPECT_EQ(manager.live, 2);
+        text += CString(L'e', 100);
+        EXPECT_EQ(manager.moved, 1);
+        EXPECT_EQ(text, L"abcd" + CString(L'e', 100));
+        manager.isEmpty = true;
+        EXPECT_THROW(text += text, CMemoryException*);
+        EXPECT_THROW(CString(L"x", 1, &manager), CMemoryException*);
+        EXPECT_EQ(text.GetLength(), 104);
+        EXPECT_EQ(copy, L"abc");
+        EXPECT_EQ(CString(L"", 0, &manager).GetManager(), CString().GetManager());
+    }
+    EXPECT_EQ(manager.live, 0);
+}
+
 } // namespace
