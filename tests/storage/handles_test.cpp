@@ -128,28 +128,27 @@ TEST_P(Handles, EmptiedStreamsLeaveAWholeDocument) {
             EXPECT_EQ(stream.Seek(SeekPosition::Begin, 3), 3u);
         }};
     for (const std::size_t size : {10u, 4095u, 4096u, 20'000u})
-        for (const auto& way : ways) {
-            SCOPED_TRACE(testing::Message() << &way - ways << ", " << size);
+        for (int round = 0; round < 6; ++round) {
+            const std::string more = round < 3 ? "" : "new";
+            SCOPED_TRACE(testing::Message() << round << ", " << size);
             std::vector<Element> elements;
             for (const wchar_t* const place : {L"a", L"b", L"c"})
                 elements.push_back({place, std::string(size, 'x')});
             make(elements);
-            elements[1].contents = "new";
+            elements[1].contents = more;
             {
                 const StorageRef root = forWriting();
-                StreamRef stream = newStream(L"b", root, "first");
+                StreamRef stream = newStream(L"b", root, std::string(size, 'y'));
                 EXPECT_EQ(root.commit(), S_OK);
                 EXPECT_EQ(stream.Seek(SeekPosition::Begin, 3), 3u);
                 const Microsoft::WRL::ComPtr<::IStream> before = stream.stream();
-                way(stream, root);
+                ways[round % 3](stream, root);
                 EXPECT_EQ(before->Seek({}, STREAM_SEEK_CUR, nullptr), isPackage() ? S_OK : STG_E_REVERTED);
                 EXPECT_EQ(root.commit(), S_OK);
                 EXPECT_EQ(stream.GetPosition(), 3u) << "goes on where it stood";
                 stream.SeekToBegin();
-                EXPECT_EQ(stream.WriteBytes("new", 3), 3u);
-                EXPECT_EQ(root.hasChild(element(L"empty"), StorageType{}) ? StorageRef(root).destroy(L"empty")
-                                                                          : S_OK,
-                          S_OK);
+                EXPECT_EQ(stream.WriteBytes(more.data(), more.size()), more.size());
+                StorageRef(root).destroy(L"empty"); // where there is one
                 EXPECT_EQ(root.commit(), S_OK);
             }
             EXPECT_THAT(saved(), testing::UnorderedElementsAreArray(elements));

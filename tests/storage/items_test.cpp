@@ -122,7 +122,6 @@ TEST_F(Items, AskForTheirCommitsAndTimes) {
     FILETIME times[4];
     stream(L"b")->stat(&times[0], &times[1]);
     root_.stat(&times[2], &times[3]);
-    EXPECT_EQ(calls_.take(), L"Stat 1\nStat 1\n");
     for (const int i : {0, 1, 2, 3})
         EXPECT_EQ(times[i].dwLowDateTime, i % 2 ? 7u : 5u) << "made, then changed";
 }

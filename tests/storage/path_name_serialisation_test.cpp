@@ -148,23 +148,4 @@ TEST(PathNameSerialisation, LeavesTheWrongKindsOfStreamsAlone) {
     EXPECT_EQ(raised<CArchiveException>([&] { name.write(loading); }), CArchiveException::readOnly);
 }
 
-TEST(PathNameSerialisation, GoesThroughAStreamOfADocument) {
-    StorageRef document;
-    ASSERT_EQ(document.createTemporary(false), S_OK);
-    StreamRef stream = Support::newStream(L"Names", document);
-    kAb.write(stream);
-    VxwWriteCArchiveString(stream, L"archived");
-    VxwWriteUniString(stream, L"text");
-    stream.SeekToBegin();
-    const StreamRef& from = stream;
-    SharedPathName name, archivedName;
-    name.read(from, 3688, kConvert, ReadFlag::CaseSensitive);
-    archivedName.read(from, 3660, kConvert, ReadFlag::CArchiveString);
-    EXPECT_EQ(name, kAb);
-    EXPECT_STREQ(archivedName.asString(), L"archived");
-    CStringW plain;
-    VxwReadUniString(stream, plain);
-    EXPECT_EQ(plain, L"text");
-}
-
 } // namespace
