@@ -41,13 +41,6 @@ void readDatabase(benchmark::State& state, const wchar_t* path) {
         benchmark::DoNotOptimize(openArchive(path)->count());
 }
 
-DynamicBuffer roomFor(std::size_t size) {
-    DynamicBuffer bytes;
-    bytes.data = static_cast<unsigned char*>(std::malloc(size));
-    bytes.capacity = size;
-    return bytes;
-}
-
 void decode(benchmark::State& state, const wchar_t* path, std::size_t size) {
     const auto archive = openArchive(path);
     for (auto _ : state)
@@ -121,20 +114,20 @@ void saveOneChange(benchmark::State& state, const wchar_t* path) {
 int main(int argc, char** argv) {
     start();
     Vexel::Bench::Suite suite;
-    const auto many = archiveOf(L"many.7z", kManyItems, text(), 20);
+    const Lazy many([&] { return archiveOf(L"many.7z", kManyItems, text(), 20); });
     suite.compare(
         "read the database of 100,000 items", 1.6, [&](auto& state) { readDatabase(state, many->path()); },
         [&](auto& state) { readDatabaseBare(state, many->path()); });
-    const auto packed = archiveOf(L"packed.7z", kSomeItems, noise(), kPackedItem);
+    const Lazy packed([&] { return archiveOf(L"packed.7z", kSomeItems, noise(), kPackedItem); });
     suite.compare(
         "read the database of 10,000 items, not packed", 1.6,
         [&](auto& state) { readDatabase(state, packed->path()); },
         [&](auto& state) { readDatabaseBare(state, packed->path()); });
-    const auto small = archiveOf(L"small.7z", kSomeItems, text(), kSmallItem);
+    const Lazy small([&] { return archiveOf(L"small.7z", kSomeItems, text(), kSmallItem); });
     suite.compare(
         "decode 10,000 items of 2 KiB", 1.1, [&](auto& state) { decode(state, small->path(), kSmallItem); },
         [&](auto& state) { decodeBare(state, small->path(), kSmallItem); });
-    const auto large = archiveOf(L"large.7z", 1, text(), kLargeItem);
+    const Lazy large([&] { return archiveOf(L"large.7z", 1, text(), kLargeItem); });
     suite.compare(
         "decode one item of 64 MiB", 1.03, [&](auto& state) { decode(state, large->path(), kLargeItem); },
         [&](auto& state) { decodeBare(state, large->path(), kLargeItem); });

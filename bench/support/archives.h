@@ -22,6 +22,7 @@
 #include <new>
 #include <random>
 #include <string>
+#include <utility>
 #include <vector>
 
 /// Archives to measure with, made by the update step, and the bare engine and the system as peers.
@@ -49,6 +50,14 @@ inline std::vector<unsigned char> someBytes(std::size_t size, bool isNoise, unsi
         const bool repeats = !isNoise && i > 300 && number % 8 != 0;
         bytes[i] = repeats ? bytes[i - 300 + (number >> 8) % 2] : static_cast<unsigned char>(number >> 24);
     }
+    return bytes;
+}
+
+/// Empty, with memory for so much.
+inline DynamicBuffer roomFor(std::size_t size) {
+    DynamicBuffer bytes;
+    bytes.data = static_cast<unsigned char*>(std::malloc(size));
+    bytes.capacity = size;
     return bytes;
 }
 
@@ -171,6 +180,23 @@ inline std::unique_ptr<ScratchFile> archiveOf(const wchar_t* name, unsigned coun
     file->write(newEntries(count, from, size), nullptr);
     return file;
 }
+
+/// Makes a file when it is first asked for, so that a benchmark that is left out costs nothing.
+template <class Make>
+class Lazy {
+public:
+    explicit Lazy(Make make) : make_(std::move(make)) {}
+
+    const ScratchFile* operator->() const {
+        if (!made_)
+            made_ = make_();
+        return made_.get();
+    }
+
+private:
+    Make make_;
+    mutable std::unique_ptr<ScratchFile> made_;
+};
 
 /// A file as programs mostly give it to the engine: each call is one of the system's.
 class PlainInput final : public InStreamBase {
