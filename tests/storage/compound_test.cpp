@@ -299,7 +299,7 @@ TEST_F(CompoundRoots, LoseNothingWhateverFails) {
         return elements;
     }());
     int saves = 0, refusals = 0;
-    for (int session = 0; session < 150; ++session) {
+    for (int session = 0; session < 200; ++session) {
         SCOPED_TRACE(session);
         const unsigned every = session % 2 ? 6 : 0;
         FaultyStorage::draw = [] { return std::pair(Fault::None, S_OK); };
@@ -357,6 +357,7 @@ TEST_F(CompoundRoots, LoseNothingWhateverFails) {
                 break;
             case 7:
                 stream.close();
+                container().deleteUnusedObjects();
                 break;
             default:
                 status = box.commit();
