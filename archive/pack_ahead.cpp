@@ -18,6 +18,8 @@ constexpr std::uint64_t kCostOfItem = 0x400;
 /// The work, by the same measure, that is worth a thread with an encoder of its own: 2 to 3 ms, where to
 /// start and to end one takes 0.7.
 constexpr std::uint64_t kCostOfWorker = 0x10000;
+/// Each takes up to 9 MiB, whatever the number of processors.
+constexpr std::size_t kMostWorkers = 8;
 
 std::uint64_t costOf(const PackAhead::Item& item) noexcept { return item.size + kCostOfItem; }
 
@@ -73,7 +75,8 @@ std::size_t PackAhead::usefulWorkers(std::span<const Item> items, unsigned threa
     }
     if (threads < 2 || count < 2)
         return 0;
-    return (std::min)({std::size_t{threads} - 1, count - 1, static_cast<std::size_t>(cost / kCostOfWorker)});
+    return (std::min)(
+        {kMostWorkers, std::size_t{threads} - 1, count - 1, static_cast<std::size_t>(cost / kCostOfWorker)});
 }
 
 // With fewer workers, or none, the rest does the same.

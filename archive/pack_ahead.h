@@ -54,7 +54,8 @@ public:
     /// Packed bytes that wait for the engine.
     static constexpr std::size_t kWindow = std::size_t{16} << 20;
 
-    /// How many workers pay, of `threads` that may work, the engine's included.
+    /// How many workers pay, of `threads` that may work, the engine's included: 8 at most, however many
+    /// processors there are, for their memory.
     static std::size_t usefulWorkers(std::span<const Item> items, unsigned threads) noexcept;
 
     /// `items` in the order in which the engine will come to them. Where it comes to another one, nothing

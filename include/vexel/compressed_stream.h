@@ -115,6 +115,9 @@ private:
 /// Up to 4096 bytes are read ahead, and count as used. So damage, a cut or a further member within the last
 /// 4096 bytes goes unnoticed: the call succeeds with the bytes that could be inflated. A trailer that does
 /// not fit the contents is logged and is no failure either.
+///
+/// The destination may be emptied on the way. For the stream of a handle ask for the interface anew for each
+/// call (storage.h, rule 7).
 ///  - The failures of copying. A failed write of inflated bytes is a failure even if copying succeeds then.
 ///  - STG_E_SEEKERROR: `source` cannot be rewound to be copied.
 ///  - STG_E_WRITEFAULT: what was inflated cannot be taken back.

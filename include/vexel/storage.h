@@ -53,13 +53,22 @@
 ///       a commit.
 ///    Code for both formats commits the innermost storage first and the root last. A stream needs no commit
 ///    of its own.
+///
+///    Where the system takes an element of a compound file away and then fails to make what was to stand in
+///    its place (a stream that is emptied, an element that is replaced or destroyed), the element is lost: it
+///    cannot be read (STG_E_REVERTED), and its storage is neither committed nor copied as a whole. The file
+///    still has it. This ends when an element of its name is made, opened for writing or destroyed, or when
+///    the storage is closed. It is known to one root: a second one on the same interface (`fromPtr`) does not
+///    know of it, and a commit by the caller's own call of an interface is not held back.
 /// 6. Streams are written whole: opening a stream for writing empties it.
 /// 7. Ownership. A handle owns one reference on its item and through it keeps the root in use. The interface
 ///    pointers that `storage()` and `stream()` return are borrowed. They are valid as long as a handle is on
 ///    the item, and until some thread opens the item or one above it for writing after it was open for
 ///    reading, clears it away (`clear`), or closes all roots (`clearAll`). A reference of the caller's own
 ///    keeps such an object alive, but not usable. The same becomes of the interface of a compound file's
-///    stream when the stream is emptied. Such a stream must not be emptied through its interface.
+///    stream when the stream is emptied, and of one through which it was emptied, or may have been, when its
+///    storage is committed. What is emptied through an interface that was asked for before the last commit
+///    may damage the file.
 /// 8. What is closed when. Dropping a handle does not close its item: the item stays cached, that is, in
 ///    memory.
 ///     - Compound file: a storage is closed when its last handle goes and none of its children is cached.
@@ -301,6 +310,7 @@ public:
     ///  - STG_E_ACCESSDENIED: the target is open for reading, or stands in this storage; nothing was done.
     ///  - STG_E_READFAULT: a stream holds less than it should.
     ///  - STG_E_DOCFILECORRUPT: a part of this compound file is missing, or the system cannot copy so much.
+    ///  - STG_E_REVERTED: an element of this compound file is lost (rule 5), here or in an open storage below.
     ///  - Other statuses of reading and writing.
     long copyTo(const StorageRef& target) const;
     /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another
@@ -313,6 +323,8 @@ public:
     /// Commits what rule 5 says. In a compound file, the changes of this storage go to the storage above it,
     /// those of a root to the file; of a package, everything goes to the file. After a failure the commit may
     /// be repeated.
+    ///  - STG_E_REVERTED: an element of this storage is lost (rule 5). Nothing was committed, nor will be
+    ///    before that ends.
     long commit() const;
 
     /// Closes and frees the items below this one that no handle uses.
@@ -361,6 +373,7 @@ public:
     /// unpacked as a whole when it is opened for reading, and not at all for writing.
     ///  - STG_E_ACCESSDENIED: also when a stream that is not open is wanted for writing, and the parent is
     ///    open for reading.
+    ///  - STG_E_REVERTED: the stream is lost (rule 5), and wanted for reading.
     ///  - STG_E_READFAULT, STG_E_INVALIDFUNCTION and other failures to unpack: the contents cannot be had for
     ///    reading.
     ///  - The other statuses are those of StorageRef::open, with stream and storage exchanged.
@@ -405,6 +418,7 @@ public:
     ///  - STG_E_ACCESSDENIED: the stream is open for reading.
     long write(const void* buffer, unsigned long count, unsigned long* done);
     /// Cuts the stream off at this size, or extends it to it by bytes of no given value. The position stays.
+    /// After a failure the stream has its old contents, unless it is lost (rule 5).
     ///  - E_FAIL: this handle is null.
     long setSize(unsigned long long size);
     /// Replaces the contents of `target` by those of this stream. The position of this stream stays, that of

@@ -8,7 +8,6 @@
 #include "base/process_end.h"
 #include "base/status.h"
 #include "base/status_guard.h"
-#include "io/com_stream.h"
 #include "storage/compound/compound_check.h"
 
 #include <vexel/diagnostics.h>
@@ -91,55 +90,9 @@ void VxCompoundStorage::attach(IStorage* storage, bool readOnly) {
 void VxCompoundStorage::close() {
     const TreeLock lock(*this);
     VxStorage::close();
-    hasLostStream_ = false; // nor is anything else that nobody committed
+    lost_.clear(); // nor is anything else left that nobody committed
     if (std::exchange(temporary_, false))
         clearCopies();
-}
-
-long VxCompoundStorage::commit() {
-    const TreeLock lock(*this);
-    return hasLostStream_ ? STG_E_REVERTED : VxStorage::commit();
-}
-
-HRESULT VxCompoundStorage::openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream) {
-    ComPtr<::IStream> opened;
-    HRESULT status = outcomeOf(VxStorage::openStreamElement(name, readOnly, &opened));
-    STATSTG info{};
-    if (status == S_OK && !readOnly)
-        status = outcomeOf(opened->Stat(&info, STATFLAG_NONAME));
-    if (status == S_OK && info.cbSize.QuadPart != 0) {
-        opened.Reset();
-        status = makeAnew(name, &opened);
-    }
-    if (status == S_OK)
-        *stream = opened.Detach();
-    return status;
-}
-
-/// The system takes the old element away before it makes the new one, which may fail.
-HRESULT VxCompoundStorage::makeAnew(const wchar_t* name, ::IStream** stream) {
-    constexpr DWORD kStgm = STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE;
-    const HRESULT status = outcomeOf(storage_->CreateStream(name, kStgm, 0, 0, stream));
-    ComPtr<::IStream> old;
-    if (status != S_OK && outcomeOf(VxStorage::openStreamElement(name, true, &old)) == STG_E_FILENOTFOUND)
-        hasLostStream_ = true;
-    return status;
-}
-
-/// The stream stays where it stands, which may be behind its end.
-HRESULT VxCompoundStream::changeSize(unsigned long long size) {
-    STATSTG info{};
-    if (size != 0 || outcomeOf(stream_->Stat(&info, STATFLAG_NONAME)) != S_OK || info.cbSize.QuadPart == 0 ||
-        readOnly_ || !parent_->isOpen())
-        return VxStream::changeSize(size);
-    const LARGE_INTEGER place{.QuadPart = static_cast<LONGLONG>(Vexel::Detail::position(stream_.Get()))};
-    stream_.Reset();
-    HRESULT status = static_cast<VxCompoundStorage*>(parent_)->makeAnew(name_.asString(), &stream_);
-    if (status == S_OK)
-        status = outcomeOf(stream_->Seek(place, STREAM_SEEK_SET, nullptr));
-    if (status != S_OK)
-        close();
-    return status;
 }
 
 bool VxCompoundStorage::retryAfterFailure(HRESULT status) {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "storage/compound/lost_elements.h"
 #include "storage/tree/storage_item.h"
 
 /// Storages of a compound file, behind which the system's structured storage stands. A root is opened, or
@@ -16,9 +17,6 @@ public:
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
     void close() override;
-    /// STG_E_REVERTED after a stream was lost that was to be emptied: then nothing is committed until this is
-    /// closed.
-    long commit() override;
     bool retryAfterFailure(HRESULT status) override;
     bool hasChild(const SharedPathName& name, StorageType type) override;
     long createTemporary(bool rootFlag) override;
@@ -31,8 +29,13 @@ public:
     long clear() override;
     long createRoot(DWORD stgm, DWORD reserved) override;
     long openRoot(DWORD stgm) override;
-    /// For writing an element that has contents is made anew, see VxCompoundStream.
     HRESULT openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream) override;
+    HRESULT createStreamElement(const wchar_t* name, ::IStream** stream) override;
+    HRESULT createStorageElement(const wchar_t* name, bool replace, IStorage** storage) override;
+    HRESULT destroyElement(const wchar_t* name) override;
+    /// STG_E_REVERTED while something is lost, see LostElements.
+    HRESULT commitElement() override;
+    bool hasLostElements() const override;
 
 private:
     VxCompoundStorage(SharedPathName name, VxStorage* parent, VxStorageItem* root)
@@ -44,25 +47,50 @@ private:
     HRESULT tryElement(const SharedPathName& name, StorageType type);
     template <class Interface, class Call>
     HRESULT tryOpening(Call call);
+
+    // Elements, in compound_elements.cpp.
+
     friend class VxCompoundStream;
 
-    HRESULT makeAnew(const wchar_t* name, ::IStream** stream);
+    /// What there is under a name, as far as it takes to tell afterwards whether that is still there.
+    struct Found {
+        HRESULT status = STG_E_FILENOTFOUND;
+        unsigned long long size = 0; ///< a stream's
+        bool isStorage = false;
 
-    bool hasLostStream_ = false; // since it was opened
+        bool isThere() const noexcept { return status != STG_E_FILENOTFOUND && status != STG_E_INVALIDNAME; }
+        bool operator==(const Found&) const = default;
+    };
+    Found look(const wchar_t* name);
+    bool isStillThere(const wchar_t* name, const Found& old);
+    /// Takes down whether `old` is lost after a call that takes it away came to `status`, which it returns.
+    HRESULT settle(const wchar_t* name, const Found& old, HRESULT status);
+    template <class Interface, class Make>
+    HRESULT replaceElement(const wchar_t* name, const Found& old, Interface** made, Make make);
+    HRESULT replaceStream(const wchar_t* name, const Found& old, ::IStream** stream);
+
+    Vexel::Detail::LostElements lost_;
 };
 
-/// A stream is never just emptied: some systems' commit takes an element that was in the file and is empty
-/// since for unchanged, throws its entry away all the same, and leaves a file behind whose neighbouring
-/// elements cannot be reached. One that is made anew is written.
+/// A stream is never just emptied, but made anew (compound_elements.cpp says why): when its item empties it,
+/// and where its interface was used for that, before its storage is committed or its item closes.
 class VxCompoundStream final : public VxStream {
 public:
     VxCompoundStream(SharedPathName name, VxStorage* parent, VxStorageItem* root)
         : VxStream(std::move(name), parent, root) {}
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
+    bool deleteUnusedObjects(bool keepObjects) override;
+    /// To be called before each commit of the storage: makes the element anew if its interface has emptied
+    /// it.
+    HRESULT prepareCommit();
 
 protected:
     HRESULT changeSize(unsigned long long size) override;
+
+private:
+    VxCompoundStorage& storage() const noexcept;
+    HRESULT makeAnew(const wchar_t* name, const VxCompoundStorage::Found& old);
 };
 
 class VxCompoundStorageEnumerator final : public VxStorageEnumerator {

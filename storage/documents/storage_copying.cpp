@@ -12,7 +12,6 @@
 #include <vexel/diagnostics.h>
 #include <vexel/storage.h>
 
-#include <string>
 
 using Vexel::Detail::CompoundAccess;
 using Vexel::Detail::CompoundVerdict;
@@ -27,14 +26,6 @@ bool isMemoryExhausted(HRESULT status) {
     return FAILED(status) && (status & 0xFFFF) == ERROR_NOT_ENOUGH_MEMORY;
 }
 
-/// For the log: the file, and behind a bar the node's path in it.
-std::wstring whereabouts(const VxStorageItem& item) {
-    std::wstring path;
-    for (const VxStorageItem* node = &item; node->parent(); node = node->parent())
-        path.insert(0, node->name().asString()).insert(0, 1, node->parent()->parent() ? L'/' : L'|');
-    return path.insert(0, item.root()->name().asString());
-}
-
 /// Commits a storage and those above it, as far as they are open.
 HRESULT commitUpwards(VxStorage* storage) {
     HRESULT status = S_OK;
@@ -46,6 +37,8 @@ HRESULT commitUpwards(VxStorage* storage) {
 /// Whether a source can be copied and nothing of it is missing, which no reading would tell. A caller's
 /// interface is not looked at.
 CompoundVerdict checkSource(const VxStorage& source, CompoundAccess access) {
+    if (source.hasLostElements())
+        return {STG_E_REVERTED};
     const SharedPathName& file = source.root()->name();
     if (source.format() != StorageFormat::CompoundFile || file.empty())
         return {S_FALSE};
@@ -145,7 +138,7 @@ long Vexel::copyTree(const StorageRef& from, const StorageRef& to, TreeObserver*
         const HRESULT status = copyAll(kept[0], kept[1], observer);
         if (FAILED(status))
             VxLog_WriteW(VxLog_Minor, L"Failed to copy \"%ls\" to \"%ls\": 0x%08x",
-                         whereabouts(source).c_str(), whereabouts(target).c_str(),
+                         source.whereabouts().c_str(), target.whereabouts().c_str(),
                          static_cast<unsigned>(status));
         return status;
     });

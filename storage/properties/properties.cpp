@@ -116,7 +116,7 @@ HRESULT replace(const StorageRef& storage, const SharedPathName& name, const std
     HRESULT status = stream.create(name, storage);
     if (SUCCEEDED(status))
         status = fill(stream, bytes);
-    else if (storage.hasChild(name, StorageType::Stream) == (old != nullptr))
+    else if (SUCCEEDED(stream.open(name, storage, true)) == (old != nullptr))
         return status; // nothing has happened
     if (SUCCEEDED(status))
         return status;

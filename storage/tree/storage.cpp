@@ -89,8 +89,7 @@ long VxStorage::commit() {
     HRESULT status = ensureOpen();
     if (FAILED(status))
         return status;
-    status = callTwiceIfExhausted(
-        [this] { return storage_ ? storage_->Commit(STGC_ONLYIFCURRENT) : STG_E_INVALIDFUNCTION; });
+    status = callTwiceIfExhausted([this] { return storage_ ? commitElement() : STG_E_INVALIDFUNCTION; });
     // A new package is a file from its first commit on, whichever of its storages commits. Memory that is
     // missing to look does not undo that.
     if (SUCCEEDED(status) && (!parent_ || format() == StorageFormat::Package))
@@ -192,6 +191,13 @@ long VxStorage::openInParent(bool readOnly) {
     return Vexel::Detail::elementStatus(opened, format(), name_);
 }
 
+HRESULT VxStorage::createStorageElement(const wchar_t* name, bool replace, IStorage** storage) {
+    const DWORD stgm = kChildFlags | STGM_READWRITE | (replace ? STGM_CREATE : 0);
+    return storage_->CreateStorage(name, stgm, 0, 0, storage);
+}
+
+HRESULT VxStorage::commitElement() { return storage_->Commit(STGC_ONLYIFCURRENT); }
+
 long VxStorage::create(bool convert, bool readOnly, bool replace) {
     const TreeLock lock(*this);
     if (name_.empty())
@@ -228,14 +234,13 @@ long VxStorage::createInParent(bool readOnly, bool replace) {
     }
     if (!Vexel::Detail::isElementName(format(), name_))
         return STG_E_INVALIDNAME;
-    const DWORD stgm = kChildFlags | STGM_READWRITE | (replace ? STGM_CREATE : 0);
     return parent_->callTwice([&]() -> HRESULT {
         if (storage_)
             return kOpenedMeanwhile;
         if (const HRESULT allowed = parent_->checkAccess(false); FAILED(allowed))
             return allowed;
         return Vexel::Detail::fetch(storage_, [&](IStorage** made) {
-            return parent_->storage_->CreateStorage(name_.asString(), stgm, 0, 0, made);
+            return parent_->createStorageElement(name_.asString(), replace, made);
         });
     });
 }

@@ -104,6 +104,12 @@ HRESULT VxStorage::openStreamElement(const wchar_t* name, bool readOnly, ::IStre
     return storage_->OpenStream(name, nullptr, stgm, 0, stream);
 }
 
+HRESULT VxStorage::createStreamElement(const wchar_t* name, ::IStream** stream) {
+    return storage_->CreateStream(name, STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, 0, stream);
+}
+
+HRESULT VxStorage::destroyElement(const wchar_t* name) { return storage_->DestroyElement(name); }
+
 ItemRef<VxStorage> VxStorage::openChildStorage(const SharedPathName& name, bool readOnly, bool lazy,
                                                HRESULT* status) {
     return withChild<VxStorage>(name, Purpose::Open, status,
@@ -157,7 +163,7 @@ long VxStorage::destroyChild(const SharedPathName& name) {
         // Not left to the platform: some let the elements of a storage that is open for reading be destroyed.
         if (storage_ && readOnly_)
             return STG_E_ACCESSDENIED;
-        return storage_ ? storage_->DestroyElement(name.asString()) : STG_E_INVALIDFUNCTION;
+        return storage_ ? destroyElement(name.asString()) : STG_E_INVALIDFUNCTION;
     });
     return Vexel::Detail::elementStatus(status, format(), name);
 }

@@ -16,6 +16,13 @@ void VxStorageItem::close() { readOnly_ = true; }
 
 bool VxStorageItem::isUsed() const { return referenced(); }
 
+std::wstring VxStorageItem::whereabouts() const {
+    std::wstring path;
+    for (const VxStorageItem* node = this; node->parent(); node = node->parent())
+        path.insert(0, node->name().asString()).insert(0, 1, node->parent()->parent() ? L'/' : L'|');
+    return path.insert(0, root()->name().asString());
+}
+
 int VxStorageItem::addRef() noexcept {
     if (root_ != this)
         root_->references_.fetch_add(1);

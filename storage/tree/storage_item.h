@@ -76,6 +76,9 @@ public:
     bool readOnly() const noexcept { return readOnly_; }
     const std::shared_ptr<Vexel::Detail::RootLock>& rootLock() const noexcept { return root_->lock_; }
 
+    /// For the log: the path of the file, and behind a bar that of the element in it.
+    std::wstring whereabouts() const;
+
     /// Makes `call`, and makes it once more if it failed and retryAfterFailure allows that. Returns S_OK or a
     /// failure.
     template <class Call>
@@ -150,6 +153,13 @@ public:
     virtual long openRoot(DWORD stgm) = 0;
     /// Opens a stream's element. For writing its contents may be gone at once: they are emptied in any case.
     virtual HRESULT openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream);
+    /// These four make one call of the open interface. `createStreamElement` replaces what stands there.
+    virtual HRESULT createStreamElement(const wchar_t* name, ::IStream** stream);
+    virtual HRESULT createStorageElement(const wchar_t* name, bool replace, IStorage** storage);
+    virtual HRESULT destroyElement(const wchar_t* name);
+    virtual HRESULT commitElement();
+    /// Whether a failure has taken something from what is uncommitted here, or in an open storage below.
+    virtual bool hasLostElements() const { return false; }
 
     /// The item's interface, borrowed. A closed item is opened for reading; when that fails, the result is
     /// null.
@@ -260,10 +270,15 @@ public:
 protected:
     VxStream(SharedPathName name, VxStorage* parent, VxStorageItem* root);
 
-    /// Sets the size of the open interface.
+    /// Sets the size of the interface. In a second attempt that may be closed.
     virtual HRESULT changeSize(unsigned long long size);
+    /// Moves an interface that was opened again to where the stream stood; closes it when that fails.
+    HRESULT resume();
 
     Microsoft::WRL::ComPtr<::IStream> stream_;
+    unsigned long long resumeAt_ = 0; // where a stream goes on that was closed under its handles
+    bool isNew_ = false;              // made since it was opened; a backend takes that back
+    bool isTouched_ = false;          // its interface was given out since; a backend takes that back
 
 private:
     friend class VxStorage;
@@ -277,8 +292,6 @@ private:
     long statNode(STATSTG& info);
     long resize(unsigned long long size);
     void rememberPosition();
-
-    unsigned long long resumeAt_ = 0; // where a stream goes on that was closed for its parent's reopening
 };
 
 /// Lists the children that a storage has in the file when the listing begins. All of them are read then, so

@@ -17,6 +17,7 @@ StreamCompression VxStream::compression() const noexcept { return StreamCompress
 void VxStream::close() {
     const TreeLock lock(*this);
     stream_.Reset();
+    isNew_ = isTouched_ = false;
     VxStorageItem::close();
 }
 
@@ -71,14 +72,14 @@ long VxStream::setSize(unsigned long long size) {
 }
 
 long VxStream::resize(unsigned long long size) {
-    // The clean-up before a second attempt may have closed the item, here and below.
-    return callTwice([&] { return stream_ ? changeSize(size) : STG_E_INVALIDFUNCTION; });
+    return callTwice([&] { return changeSize(size); });
 }
 
 HRESULT VxStream::changeSize(unsigned long long size) {
     ULARGE_INTEGER wanted{};
     wanted.QuadPart = size;
-    return stream_->SetSize(wanted);
+    // The clean-up before a second attempt may have closed the item, here and elsewhere.
+    return stream_ ? stream_->SetSize(wanted) : STG_E_INVALIDFUNCTION;
 }
 
 void VxStream::rememberPosition() {
@@ -91,13 +92,20 @@ void VxStream::rememberPosition() {
 long VxStream::ensureOpen() {
     if (stream_)
         return S_OK;
-    HRESULT status = openClosed(true);
+    const HRESULT status = openClosed(true);
     if (isOpenedMeanwhile(status))
         return S_OK; // and stands where the other thread has it
+    if (SUCCEEDED(status))
+        return resume();
+    close();
+    return status;
+}
+
+HRESULT VxStream::resume() {
     LARGE_INTEGER position{};
     position.QuadPart = static_cast<LONGLONG>(resumeAt_);
-    if (SUCCEEDED(status) && resumeAt_ != 0)
-        status = Vexel::Detail::outcomeOf(stream_->Seek(position, STREAM_SEEK_SET, nullptr));
+    const HRESULT status =
+        resumeAt_ == 0 ? S_OK : Vexel::Detail::outcomeOf(stream_->Seek(position, STREAM_SEEK_SET, nullptr));
     if (FAILED(status))
         close(); // rather than go on elsewhere
     else
@@ -108,6 +116,7 @@ long VxStream::ensureOpen() {
 ::IStream* VxStream::stream() {
     const TreeLock lock(*this);
     ensureOpen();
+    isTouched_ = true;
     return stream_.Get();
 }
 
@@ -172,10 +181,12 @@ long VxStream::create() {
     const HRESULT status = createInParent();
     if (isOpenedMeanwhile(status))
         return STG_E_FILEALREADYEXISTS;
-    if (FAILED(status))
+    if (FAILED(status)) {
         close();
-    else
-        readOnly_ = false;
+        return status;
+    }
+    isNew_ = true;
+    readOnly_ = false;
     return status;
 }
 
@@ -192,9 +203,7 @@ long VxStream::createInParent() {
             return kOpenedMeanwhile;
         if (const HRESULT allowed = parent_->checkAccess(false); FAILED(allowed))
             return allowed;
-        return Vexel::Detail::fetch(stream_, [&](::IStream** made) {
-            return parent_->storage_->CreateStream(
-                name_.asString(), STGM_CREATE | STGM_SHARE_EXCLUSIVE | STGM_READWRITE, 0, 0, made);
-        });
+        return Vexel::Detail::fetch(
+            stream_, [&](::IStream** made) { return parent_->createStreamElement(name_.asString(), made); });
     });
 }

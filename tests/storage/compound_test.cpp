@@ -1,11 +1,14 @@
 #include "storage/compound/compound_storage.h"
 #include "storage/handles/root_tables.h"
 #include "support/fake_storage.h"
+#include "support/faulty_storage.h"
 #include "support/scarce_memory.h"
 #include "support/storage_test.h"
 
 #include <cwchar>
 #include <deque>
+#include <map>
+#include <random>
 
 using namespace Support;
 using Vexel::Detail::compoundOptionsVersion;
@@ -188,23 +191,198 @@ TEST(CompoundChildren, AreThereWhenTheyCannotBeOpenedNow) {
     EXPECT_EQ(compoundOptionsVersion().exchange(2), 1);
 }
 
-// The system takes an element away before it makes the new one.
-TEST(CompoundStreams, ThatAreLostWhenTheyAreEmptiedKeepTheirStorageFromCommitting) {
-    for (const bool isLost : {false, true}) {
+// The system takes an element away before it makes the new one, and may fail then. All fakes are 5 bytes
+// long.
+TEST_F(CompoundRoots, DoNotCommitWhatWasLost) {
+    const auto open = [](StorageRef& box, StreamRef&) {
+        return StreamRef().open(element(L"Note"), box, false);
+    };
+    const auto create = [](StorageRef& box, StreamRef&) { return StreamRef().create(element(L"Note"), box); };
+    const auto replace = [](StorageRef& box, StreamRef&) {
+        return StorageRef().create(element(L"Note"), box, true);
+    };
+    const auto make = [](StorageRef& box, StreamRef&) {
+        return StorageRef().create(element(L"Note"), box, false);
+    };
+    const auto destroy = [](StorageRef& box, StreamRef&) { return box.destroy(element(L"Note")); };
+    const auto empty = [](StorageRef&, StreamRef& held) { return held.setSize(0); };
+    constexpr HRESULT kFault = STG_E_WRITEFAULT, kMemory = STG_E_INSUFFICIENTMEMORY,
+                      kMissing = STG_E_FILENOTFOUND, kDenied = STG_E_ACCESSDENIED;
+    const struct {
+        const char* what;
+        long (*change)(StorageRef& box, StreamRef& held);
+        std::map<size_t, HRESULT> failures;
+        const wchar_t* lost; // its name
+        HRESULT status = STG_E_WRITEFAULT;
+        const wchar_t* calls = L""; // how the calls end
+        bool isRepeated = false;    // after a clean-up
+    } cases[] = {
+        {"opened, and not there", open, {{4, kFault}, {5, kMissing}}, L"Note"},
+        {"opened, and no memory to look", open, {{4, kFault}, {5, kMemory}}, L"Note"},
+        {"opened, and it cannot be looked at", open, {{4, kFault}, {5, E_FAIL}}, L"Note"},
+        {"opened, and its size is unknown", open, {{4, kFault}, {6, E_FAIL}}, L"Note"},
+        {"opened, and there", open, {{4, kFault}}, nullptr},
+        {"opened, and in use", open, {{4, kFault}, {5, kDenied}}, nullptr},
+        {"opened in the second attempt", open, {{4, kMemory}, {5, kMissing}}, nullptr, S_OK, L"", true},
+        {"created", create, {{3, kFault}, {4, E_FAIL}}, L"Note"},
+        {"created beside it", create, {{0, kMissing}, {1, kMissing}, {2, kFault}}, nullptr},
+        {"not created, for want of memory to look", create, {{0, kMemory}}, nullptr, kMemory},
+        {"created over a storage", create, {{0, kMissing}, {3, kFault}}, L"Note"},
+        {"a storage is replaced", replace, {{0, kMissing}, {3, kFault}}, L"Note"},
+        {"a storage is made", make, {{0, kFault}}, nullptr},
+        {"destroyed", destroy, {{3, kFault}, {4, E_FAIL}}, L"Note"},
+        {"emptied", empty, {{3, kFault}, {4, kMissing}}, L"Held"},
+        {"emptied, and there", empty, {{3, kFault}}, nullptr, kFault, L"OpenStream Held 0x12\nSeek\n"},
+        {"not emptied, its size is unknown", empty, {{0, kMemory}}, nullptr, kMemory, L"Stat 0\n"},
+        {"emptied in the second attempt", empty, {{3, kMemory}, {4, kMissing}}, nullptr, S_OK, L"", true},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.what);
+        const CleanUp cleanUp([&] { return test.isRepeated; });
         FakeCalls calls;
         calls.mode = STGM_READWRITE;
         calls.size = 5;
-        StorageRef root = StorageRef::fromPtr(fakeStorage(calls).Get());
+        StorageRef root = StorageRef::fromPtr(fakeStorage(calls).Get()),
+                   box = openStorage(L"Box", root, false);
+        StreamRef held = openStream(L"Held", box, false);
+        held.Seek(vxio::IStream::SeekPosition::Begin, 3);
         calls.take();
-        calls.failures = {{3, STG_E_WRITEFAULT}, {4, isLost ? STG_E_FILENOTFOUND : S_OK}};
-        EXPECT_EQ(StreamRef().open(element(L"Note"), root, false), STG_E_WRITEFAULT);
-        EXPECT_THAT(calls.take(),
-                    testing::StartsWith(
-                        L"OpenStream Note 0x12\nStat 1\n~Stream\nCreateStream Note 0x1012\nOpenStream N"));
+        log_.clear();
+        calls.failures = test.failures;
+        EXPECT_EQ(test.change(box, held), test.status);
+        EXPECT_THAT(calls.take(), testing::EndsWith(test.calls));
         calls.failures.clear();
-        EXPECT_EQ(root.commit(), isLost ? STG_E_REVERTED : S_OK);
-        closeForGood(root);
+        EXPECT_EQ(held.readOnly(), test.lost && test.lost == held.name().asStringView());
+        EXPECT_EQ(box.commit(), test.lost ? STG_E_REVERTED : S_OK);
+        EXPECT_EQ(log_.count(VxLog_Error, L"\"|Box\""), test.lost ? 1 : 0);
+        StorageRef package = newPackage(path_);
+        EXPECT_EQ(root.copyTo(package), test.lost ? STG_E_REVERTED : S_OK);
+        if (test.lost) {
+            EXPECT_EQ(StreamRef().open(test.lost, box, true), STG_E_REVERTED) << "not empty, nor missing";
+            EXPECT_EQ(StreamRef().open(test.lost, box, false), S_OK);
+        }
+        EXPECT_EQ(box.commit(), S_OK);
+        calls.givesNothing = true;
+        EXPECT_EQ(StreamRef().open(element(L"New"), box, false), STG_E_READFAULT);
+        EXPECT_EQ(held.setSize(0), STG_E_READFAULT);
+        closeForGood(package, held, box, root);
     }
+    Vexel::Detail::LostElements lost;
+    EXPECT_TRUE(WithFailingAllocation(0, [&] { lost.add(L"no memory for this"); }));
+    EXPECT_FALSE(lost.empty());
+}
+
+TEST_F(CompoundRoots, KeepTheSpellingOfWhatIsWritten) {
+    StorageRef root = openRoot(path_, modeWrite), box = openStorage(L"Box", root, false);
+    openStream(L"NOTE", box, false);
+    EXPECT_EQ(box.commit(), S_OK);
+    EXPECT_EQ(children(box), L"Note ");
+}
+
+// Whatever fails, and whichever way streams are emptied: after a commit that succeeds the file has all that
+// was written, and after one that fails what it had before, or all. The system's own storage keeps the file.
+TEST_F(CompoundRoots, LoseNothingWhateverFails) {
+    std::mt19937 random(1);
+    const auto below = [&](unsigned limit) { return static_cast<unsigned>(random() % limit); };
+    const CleanUp cleanUp([&] { return below(2) == 0; });
+    const std::wstring names[] = {L"a", L"b", L"c", L"Box/d", L"Box/e", L"Box/f"};
+    using Model = std::map<std::wstring, std::string>;
+    Model committed;
+    for (const std::wstring& name : names)
+        committed[name] = "old contents";
+    writeCompoundFile(file_, [&] {
+        std::vector<Element> elements;
+        for (const auto& [name, bytes] : committed)
+            elements.push_back({name, bytes});
+        return elements;
+    }());
+    int saves = 0, refusals = 0;
+    for (int session = 0; session < 200; ++session) {
+        SCOPED_TRACE(session);
+        const unsigned every = session % 2 ? 6 : 0;
+        FaultyStorage::draw = [] { return std::pair(Fault::None, S_OK); };
+        Microsoft::WRL::ComPtr<IStorage> system;
+        *system.GetAddressOf() = new FaultyStorage(
+            openCompoundFile(file_, STGM_TRANSACTED | STGM_READWRITE | STGM_SHARE_DENY_WRITE));
+        StorageRef root = StorageRef::fromPtr(system.Get()), box = openStorage(L"Box", root, false);
+        FaultyStorage::draw = [&] {
+            constexpr HRESULT kFailures[] = {STG_E_INSUFFICIENTMEMORY, STG_E_WRITEFAULT, STG_E_READFAULT};
+            return std::pair(every && below(every) == 0 ? Fault(1 + below(3)) : Fault::None,
+                             kFailures[below(3)]);
+        };
+        Model now = committed;
+        std::map<std::wstring, StreamRef> held;
+        HRESULT status = S_OK;
+        for (int step = 0; step < 20 && status == S_OK; ++step) {
+            const std::wstring& name = names[below(std::size(names))];
+            const StorageRef& parent = name.starts_with(L"Box") ? box : root;
+            const SharedPathName child = element(name.substr(name.rfind(L'/') + 1));
+            StreamRef& stream = held[name];
+            const std::string text(below(3) * below(40) * below(150), static_cast<char>('A' + below(26)));
+            const auto write = [&] {
+                now[name] += text.substr(0, stream.WriteBytes(text.data(), text.size()));
+            };
+            switch (below(9)) {
+            case 0:
+            case 1:
+                if (stream.open(child, parent, false) == S_OK)
+                    now[name].clear(), write();
+                break;
+            case 2:
+                stream.close();
+                container().deleteUnusedObjects();
+                if (stream.create(child, parent) == S_OK)
+                    now[name].clear(), write();
+                break;
+            case 3:
+                if (stream.setSize(0) == S_OK)
+                    now[name].clear();
+                break;
+            case 4:
+                if (stream.stream() && stream.stream()->SetSize({}) == S_OK)
+                    now[name].clear();
+                break;
+            case 5:
+                stream.SeekToEnd();
+                if (stream && !stream.readOnly())
+                    write();
+                break;
+            case 6:
+                stream.close();
+                container().deleteUnusedObjects();
+                if (StorageRef(parent).destroy(child) == S_OK)
+                    now.erase(name);
+                break;
+            case 7:
+                stream.close();
+                container().deleteUnusedObjects();
+                break;
+            default:
+                status = box.commit();
+                if (status == S_OK)
+                    status = root.commit();
+                if (status == S_OK)
+                    committed = now;
+            }
+        }
+        (status == S_OK ? saves : refusals)++;
+        held.clear();
+        system.Reset();
+        closeForGood(box, root);
+        const auto readAs = [&](const Model& model) {
+            Model read;
+            for (const auto& [name, bytes] : readCompoundFile(file_))
+                if (!name.ends_with(L'/') && (!bytes.empty() || model.contains(name)))
+                    read[name] = bytes; // else left by a failed attempt to make it
+            return read;
+        };
+        if (FAILED(status) && readAs(now) == now)
+            committed = now;
+        ASSERT_EQ(readAs(committed), committed) << std::hex << status;
+    }
+    EXPECT_GT(saves, 50);
+    EXPECT_GT(refusals, 20);
+    log_.clear();
 }
 
 } // namespace

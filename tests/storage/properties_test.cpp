@@ -401,13 +401,17 @@ TEST_F(PropertySets, AreThereAgainAfterAFailure) {
     calls.keeps = true;
     calls.mode = STGM_READWRITE;
     std::size_t asked = 0;
-    const auto write = [&](const wchar_t* value, std::size_t failing = ~std::size_t{0}) {
+    long committed = S_OK;
+    const auto write = [&](const wchar_t* value, std::size_t failing = ~std::size_t{0},
+                           std::size_t times = 1) {
         StorageRef root = StorageRef::fromPtr(fakeStorage(calls).Get());
         calls.take();
-        calls.failures = {{failing, STG_E_MEDIUMFULL}};
+        for (std::size_t i = 0; i < times; ++i)
+            calls.failures[failing + i] = STG_E_MEDIUMFULL;
         const long status = Vexel::WriteProperties(root, summary, {{kTitle, PropertyVariant(value)}});
         asked = calls.log.size();
         calls.failures.clear();
+        committed = root.commit();
         closeForGood(root);
         return status;
     };
@@ -424,6 +428,11 @@ TEST_F(PropertySets, AreThereAgainAfterAFailure) {
             const long status = write(L"second", failing);
             EXPECT_EQ(contents() == before, status != S_OK) << failing;
             struck = asked > failing;
+            calls.streams.clear();
+            EXPECT_EQ(isThere ? write(L"first") : S_OK, S_OK);
+            const bool isWritten = write(L"second", failing, 20) == S_OK;
+            EXPECT_TRUE(isWritten || contents() == before || committed == STG_E_REVERTED || !isThere)
+                << failing;
         }
         EXPECT_GT(failing, 4u);
         EXPECT_EQ(write(L"over what cannot be read", 0), STG_E_MEDIUMFULL);
