@@ -1,21 +1,28 @@
 """Damaged documents, of which everything that lies wholly outside the damage comes back byte for byte. What lies where
-is read from the sound files: with olefile in compound files."""
+is read from the sound files: with olefile in compound files, with 7zz in packages."""
 
 import concurrent.futures
 import json
 import os
-import pathlib
 import random
 import struct
 import unittest
 
 import olefile
 
-from vexel_cli import DATA, CommandTest, encode, nodes, package_snapshot, vexel
+from vexel_cli import DATA, CommandTest, encode, files_below, listing, nodes, seven_zip, vexel
 
+OPTIONS = os.environ.get("VEXEL_SALVAGE_OPTIONS", "").split()
 SEED = int(os.environ.get("VEXEL_SEED", "20"))
-WAYS = int(os.environ.get("VEXEL_WAYS", "20"))
+WAYS = int(os.environ.get("VEXEL_WAYS", "4"))
 COMPOUND = ["namesdemo.xls", "foreign-tree.cfb", "large-sectors.cfb"]
+PACKAGES = ["plain-lzma2.7z", "plain-lzma-packed-header.7z", "copy.7z", "solid.7z"]
+
+
+def unpack(package, directory):
+    """The contents of its files, by path."""
+    seven_zip("x", "-y", f"-o{directory}", package)
+    return {name: contents for name, contents in files_below(directory).items() if contents is not None}
 
 
 class Needs:
@@ -77,6 +84,34 @@ def compound_needs(path):
     return needs
 
 
+class PackageNeeds(Needs):
+    """Without its header, of a package only files with an LZMA2 stream of their own come back, and behind damage only if
+    the end of the stream before is there."""
+
+    def __init__(self, path, unpacked):
+        super().__init__()
+        items, blocks = listing(path), {}
+        for name, item in items.items():
+            if item.get("Block"):
+                blocks.setdefault(int(item["Block"]), []).append(name)
+        contents, begin = unpack(path, unpacked), 32
+        self.alone = {}
+        for _, names in sorted(blocks.items()):
+            end = begin + sum(int(items[name]["Packed Size"] or 0) for name in names)
+            for name in names:
+                self.streams[name] = contents[name], [(begin, end)]
+                if len(names) == 1 and items[name]["Method"].startswith("LZMA2"):
+                    self.alone[name] = contents[name], [(begin - 1, end)]
+            begin = end
+        self.header = begin
+
+    def whole(self, damage):
+        if all(high <= self.header for _, high in damage):
+            return super().whole(damage)
+        return {name: contents for name, (contents, ranges) in self.alone.items()
+                if not any(begin < high and low < end for begin, end in ranges for low, high in damage)}
+
+
 def cuts(data, chance):
     """Ways to cut a file: the data that stay, and the damage."""
     for _ in range(WAYS):
@@ -96,18 +131,24 @@ def wounds(data, chance):
         yield bytes(changed), damage
 
 
+def both(data, chance):
+    """Cut, and damaged in twenty places before."""
+    for end, at in zip(cuts(data, chance), wounds(data, chance)):
+        yield at[0][:len(end[0])], end[1] + at[1]
+
+
 class Salvage(CommandTest):
     def rescue(self, name, data):
         """What comes back of a file, by path, and what the command says of it."""
         source, target = self.directory / name, self.directory / f"{name}.rescued"
         source.write_bytes(data)
-        result = vexel("salvage", "--json", source, target)
+        result = vexel("salvage", "--json", *OPTIONS, source, target)
         self.assertIn(result.returncode, (0, 1), result.stderr)
         self.assertEqual(source.read_bytes(), data)
         if not target.exists():
             self.assertIn(b"nothing can be brought back", result.stderr)
             return {}, None
-        return package_snapshot(target, self.directory / f"{name}.files"), json.loads(result.stdout)
+        return unpack(target, self.directory / f"{name}.files"), json.loads(result.stdout)
 
     def check(self, sample, needs, damaged):
         """Whole streams come back under their name, or where their way is lost, under another."""
@@ -133,9 +174,21 @@ class Salvage(CommandTest):
 
     def test_compound_files(self):
         for name in COMPOUND:
-            for damaged in cuts, wounds:
+            for damaged in cuts, wounds, both:
                 with self.subTest((name, damaged.__name__)):
                     self.check(DATA / name, compound_needs(DATA / name), damaged)
+
+    def test_packages(self):
+        tree = self.directory / "tree"
+        (tree / "d").mkdir(parents=True)
+        for number, size in enumerate([100, 3000, 70_000, 200_000, 5_000_000, 9, 100_000]):
+            stored = random.Random(number).randbytes(size) if number % 2 else b"%d line\n" % number * (size // 7)
+            (tree / ("d" if number > 3 else "") / f"file {number}").write_bytes(stored)
+        self.succeed("pack", tree, self.directory / "packed.7z")
+        for path in [self.directory / "packed.7z", *(DATA / name for name in PACKAGES)]:
+            for damaged in cuts, wounds, both:
+                with self.subTest((path.name, damaged.__name__)):
+                    self.check(path, PackageNeeds(path, self.directory / f"{path.name}.{damaged.__name__}"), damaged)
 
 
 if __name__ == "__main__":

@@ -45,8 +45,9 @@ public:
 
 enum class SalvageState {
     Whole,
-    CutShort, ///< not all of its bytes are there, or it cannot be told whether they are its own
-    Lost      ///< none of its bytes are there
+    Unchecked, ///< all of its bytes are there, but what says whether they are right is lost
+    CutShort,  ///< not all of its bytes are there, or it cannot be told whether they are its own
+    Lost       ///< none of its bytes are there
 };
 
 /// A node that was found. It holds during the call that has it.
@@ -68,7 +69,8 @@ struct SalvagedNode {
 
 enum class SalvageFormat { None, CompoundFile, Package };
 
-/// Somebody who takes what is found. The functions are called on the thread that salvages; none may throw.
+/// Somebody who takes what is found. The functions are called one after the other, while
+/// contents of packages are decoded perhaps on threads of the decoder; none may throw.
 class SalvageObserver {
 public:
     SalvageObserver() = default;

@@ -40,9 +40,12 @@ public:
           parts_((reader.sectors() + perSector_ - 1) / perSector_, kNoEntry), table_(reader.sectors()) {}
 
     ChainTable run() {
-        takeListed();
+        taken_.resize(reader_.sectors());
+        takeListed(true);
         if (isMissingAny())
             search();
+        if (isMissingAny())
+            takeListed(false);
         for (std::size_t part = 0; part < parts_.size(); ++part) {
             if (parts_[part] == kNoEntry)
                 output_.damage("a sector of the allocation table is lost; it would be number", part);
@@ -61,17 +64,23 @@ private:
         taken_[sector] = true;
     }
 
-    void takeIfPlausible(std::size_t part, std::uint32_t sector) {
-        if (part < parts_.size() && sector < reader_.sectors() && !taken_[sector] &&
-            looksLikeTable(reader_.sector(sector), reader_.sectors()))
+    void takeIfPlausible(std::size_t part, std::uint32_t sector, bool mustMarkItself) {
+        if (part >= parts_.size() || parts_[part] != kNoEntry || sector >= reader_.sectors() ||
+            taken_[sector])
+            return;
+        const auto bytes = reader_.sector(sector);
+        const std::size_t place = sector % perSector_;
+        const bool isInItself = sector / perSector_ == part && place < bytes.size() / sizeof(std::uint32_t);
+        if (looksLikeTable(bytes, reader_.sectors()) &&
+            (!mustMarkItself || !isInItself || numberAt(bytes, place) == kTableSector))
             take(part, sector);
     }
 
-    void takeListed() {
-        taken_.resize(reader_.sectors());
+    /// Takes the parts from where the header and the DIFAT say, those first that agree with that.
+    void takeListed(bool mustMarkThemselves) {
         std::size_t part = 0;
         for (; part < std::min<std::size_t>(parts_.size(), header_.difat.size()); ++part)
-            takeIfPlausible(part, header_.difat[part]);
+            takeIfPlausible(part, header_.difat[part], mustMarkThemselves);
         std::vector<bool> met(reader_.sectors());
         std::uint32_t sector = header_.firstDifatSector;
         while (part < parts_.size() && sector < reader_.sectors() && !met[sector]) {
@@ -82,7 +91,7 @@ private:
                 return;
             table_.setOwner(sector, ChainTable::kTables);
             for (std::size_t place = 0; place + 1 < perSector_; ++place)
-                takeIfPlausible(part++, numberAt(bytes, place));
+                takeIfPlausible(part++, numberAt(bytes, place), mustMarkThemselves);
             sector = numberAt(bytes, perSector_ - 1);
         }
     }

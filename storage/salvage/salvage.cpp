@@ -1,5 +1,6 @@
 #include "storage/compound/compound_layout.h"
 #include "storage/salvage/compound_salvage.h"
+#include "storage/salvage/package_salvage.h"
 #include "storage/salvage/salvage_output.h"
 
 #include <vexel/salvage.h>
@@ -27,9 +28,18 @@ private:
     SalvageSource& source_;
 };
 
+bool beginsAsCompoundFile(SalvageSource& source) {
+    std::array<std::byte, Detail::Compound::kHeaderBytes> bytes{};
+    return source.read(0, bytes) == bytes.size() && Detail::Compound::hasSignature(bytes);
+}
+
+/// Of a file that begins as neither, the one format leaves its marks all over it; so that is tried first.
 void run(SalvageSource& source, Output& output) {
     SourceAdapter compound(source);
-    salvageCompound(compound, output);
+    if (!beginsAsPackage(source))
+        salvageCompound(compound, output);
+    if (!output.hasNodes() && !beginsAsCompoundFile(source))
+        salvagePackage(source, output);
 }
 
 } // namespace

@@ -153,7 +153,7 @@ public:
         if (failure_ || (node.state == SalvageState::CutShort && !takesPartial_))
             return false;
         attempt([&] {
-            if (unsaved_ > 0 && unsaved_ + node.there > kLargestInMemory)
+            if (unsaved_ > 0 && unsaved_ + node.size > kLargestInMemory)
                 save(); // so that a large one is alone in memory
             item_ = nodePathOf(node).c_str();
             check(archive_.createFile(&stream_, item_, false, true), L"cannot create", label(item_));
@@ -218,7 +218,7 @@ private:
     void endStream(const SalvagedNode& node) {
         const bool isOpen = stream_ != nullptr;
         stream_.Reset();
-        const bool isKept = isOpen && (node.state == SalvageState::Whole ||
+        const bool isKept = isOpen && (node.state <= SalvageState::Unchecked ||
                                        (takesPartial_ && node.state == SalvageState::CutShort));
         if (isOpen && !isKept)
             check(archive_.remove(item_), L"cannot remove", label(item_));
@@ -293,11 +293,30 @@ nlohmann::ordered_json jsonOf(const Report& report) {
     return object;
 }
 
-void checkOutcome(SalvageOutcome outcome, const std::wstring& from) {
-    if (outcome == SalvageOutcome::OutOfMemory)
-        throw Failure(L"cannot read all of", from, STG_E_INSUFFICIENTMEMORY);
-    if (outcome == SalvageOutcome::Nothing)
-        throw Failure(L"nothing can be brought back from", from, STG_E_INVALIDHEADER);
+void print(const Report& report, bool asJson) {
+    StandardOutput output;
+    output.text(asJson ? jsonOf(report).dump(2) + "\n" : textOf(report));
+    output.flush();
+}
+
+/// Makes the package beside its place, and gives it its name. If nothing came back, there is none.
+SalvageOutcome rescueInto(const std::wstring& path, FileSource& source, const Arguments& arguments,
+                          Report& report) {
+    const std::wstring label = toUtf16(arguments.to);
+    PartialFile partial(path.substr(0, path.rfind(L'\\') + 1), label);
+    partial.close();
+    SalvageOutcome outcome{};
+    {
+        Rescue rescue(partial.path(), label, arguments.partial);
+        outcome = salvage(source, rescue);
+        if (outcome == SalvageOutcome::OutOfMemory)
+            throw Failure(L"cannot read all of", toUtf16(arguments.from), STG_E_INSUFFICIENTMEMORY);
+        rescue.finish();
+        report = rescue.report();
+    }
+    if (outcome != SalvageOutcome::Nothing)
+        partial.finish(path, arguments.force);
+    return outcome;
 }
 
 void run(const Arguments& arguments) {
@@ -309,22 +328,11 @@ void run(const Arguments& arguments) {
         throw UsageError(L"the package cannot be the damaged file itself:", to);
     if (!arguments.force && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
         throw Failure(L"cannot create", to, HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
-    PartialFile partial(path.substr(0, path.rfind(L'\\') + 1), to);
-    partial.close();
     Report report;
-    SalvageOutcome outcome{};
-    {
-        Rescue rescue(partial.path(), to, arguments.partial);
-        outcome = salvage(source, rescue);
-        if (outcome != SalvageOutcome::Ended)
-            checkOutcome(outcome, from);
-        rescue.finish();
-        report = rescue.report();
-    }
-    partial.finish(path, arguments.force);
-    StandardOutput output;
-    output.text(arguments.json ? jsonOf(report).dump(2) + "\n" : textOf(report));
-    output.flush();
+    const SalvageOutcome outcome = rescueInto(path, source, arguments, report);
+    print(report, arguments.json);
+    if (outcome == SalvageOutcome::Nothing)
+        throw Failure(L"nothing can be brought back from", from, STG_E_INVALIDHEADER);
     if (outcome != SalvageOutcome::Whole)
         throw Failure(L"not everything came back from", from, STG_E_DOCFILECORRUPT);
 }
