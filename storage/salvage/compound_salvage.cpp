@@ -96,12 +96,13 @@ private:
             directory_.hasRoot() ? (elements()[0].entry.size + kMiniSectorBytes - 1) / kMiniSectorBytes : 0;
         const std::uint64_t perSector = reader_.sectorBytes() / sizeof(std::uint32_t);
         const std::uint64_t expected = (minis + perSector - 1) / perSector;
-        miniTable_ = miniTableAt(header_.firstMiniFatSector);
+        miniTable_ = miniTableAt(header_.firstMiniFatSector, expected);
         if (expected > 0 && miniTable_.size() != expected) {
             output_.damage("the table of small streams is not where it should be, or not whole",
                            header_.firstMiniFatSector);
             if (auto found = findMiniTable(expected); !found.empty())
                 miniTable_ = std::move(found);
+            miniTable_.resize(std::min<std::uint64_t>(miniTable_.size(), expected));
         }
         for (const std::uint32_t sector : miniTable_)
             allocation_.setOwner(sector, ChainTable::kTables);
@@ -113,10 +114,13 @@ private:
                                                           minis, Compound::kSectorLimit)));
     }
 
-    /// The sectors of the table if it begins there, as far as they look like it.
-    std::vector<std::uint32_t> miniTableAt(std::uint32_t first) {
-        std::vector<std::uint32_t> sectors =
-            sectorsOf(allocation_, first, allocation_.count(), ChainTable::kNobody);
+    /// The sectors of the table if it begins there: all of the chain if it is as long as is expected, else as
+    /// far as they look like it.
+    std::vector<std::uint32_t> miniTableAt(std::uint32_t first, std::uint64_t expected) {
+        const std::uint64_t most = expected > 0 ? expected + 1 : allocation_.count();
+        std::vector<std::uint32_t> sectors = sectorsOf(allocation_, first, most, ChainTable::kNobody);
+        if (expected > 0 && sectors.size() == expected)
+            return sectors;
         const auto end = std::find_if(sectors.begin(), sectors.end(),
                                       [this](std::uint32_t sector) { return !looksLikeMiniTable(sector); });
         sectors.erase(end, sectors.end());
@@ -135,11 +139,16 @@ private:
         for (const Element& element : elements())
             if (element.isUsable && !isMini(element))
                 mark(element.entry.start);
-        for (std::uint32_t sector = 0; sector < allocation_.count(); ++sector) {
+        std::uint64_t stepsLeft = kMostClaims * allocation_.count();
+        for (std::uint32_t sector = 0; sector < allocation_.count() && stepsLeft > 0; ++sector) {
             if (isLedTo[sector] || allocation_.owner(sector) != ChainTable::kNobody ||
                 allocation_.next(sector) == Compound::kFreeSector || !looksLikeMiniTable(sector))
                 continue;
-            if (auto sectors = miniTableAt(sector); sectors.size() == expected)
+            auto sectors = miniTableAt(sector, expected);
+            stepsLeft -= std::min<std::uint64_t>(stepsLeft, sectors.size() + 1);
+            if (sectors.size() == expected &&
+                std::all_of(sectors.begin(), sectors.end(),
+                            [this](auto number) { return looksLikeMiniTable(number); }))
                 return sectors;
         }
         return {};

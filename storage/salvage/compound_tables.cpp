@@ -140,9 +140,10 @@ private:
     void takeMarked() {
         std::vector<std::uint32_t> left;
         for (std::uint32_t sector = 0; sector < table_.count(); ++sector) {
+            if (table_.next(sector) != kTableSector || taken_[sector])
+                continue;
             const auto bytes = reader_.sector(sector);
-            if (table_.next(sector) != kTableSector || taken_[sector] ||
-                !looksLikeTable(bytes, reader_.sectors()))
+            if (!looksLikeTable(bytes, reader_.sectors()))
                 continue;
             const std::size_t part = partOf(bytes);
             if (part < parts_.size() && parts_[part] == kNoEntry)

@@ -36,8 +36,11 @@ namespace {
 
 using Path = std::vector<std::u16string>;
 
-/// Handles go 512 storages deep; what is deeper stands beside.
+/// Items of more levels than this stand at the top, and those for whose storages there is no room: some for
+/// all, and some for each item.
 constexpr std::size_t kDeepest = 500;
+constexpr std::size_t kParentsRoom = 0x800000;
+constexpr std::size_t kRoomForEach = 512;
 
 constexpr const char* kDamaged = "its packed bytes are damaged";
 constexpr const char* kWrongChecksum = "its bytes do not agree with their checksum";
@@ -76,18 +79,19 @@ std::uint64_t timeOf(const NArchive::N7z::CUInt64DefVector& times, unsigned inde
 class Storages {
 public:
     Storages(const CDbEx& database, Output& output) : database_(database), output_(output) {
-        for (unsigned i = 0; i < database.Files.Size(); ++i)
+        for (unsigned i = 0; i < database.Files.Size(); ++i) {
+            room_ += kRoomForEach + pathOf(database, i).size() * sizeof(wchar_t);
             if (database.Files[i].IsDir && !database.IsItemAnti(i))
                 records_.emplace(pathOf(database, i), i);
+        }
     }
 
     /// The node for a new stream with the path of an item, its storages being there then.
     Path place(std::wstring_view item) {
         const std::size_t slash = item.rfind(L'/');
-        const bool isDeep =
-            std::count(item.begin(), item.end(), L'/') > static_cast<std::ptrdiff_t>(kDeepest);
-        const std::wstring_view parent =
-            slash == std::wstring_view::npos || isDeep ? std::wstring_view() : item.substr(0, slash);
+        const std::wstring_view parent = slash == std::wstring_view::npos || !isInReach(item)
+                                             ? std::wstring_view()
+                                             : item.substr(0, slash);
         const std::wstring_view element = slash == std::wstring_view::npos ? item : item.substr(slash + 1);
         Path path = open(parent);
         path.push_back(newName(parent, element));
@@ -96,11 +100,25 @@ public:
 
     void openAll() {
         for (const auto& [path, record] : records_)
-            if (std::count(path.begin(), path.end(), L'/') < static_cast<std::ptrdiff_t>(kDeepest))
+            if (isInReach(path))
                 open(path);
     }
 
 private:
+    /// Handles go 512 storages deep, and the text of paths grows with the square of their depth.
+    bool isInReach(std::wstring_view item) {
+        const auto levels = static_cast<std::size_t>(std::count(item.begin(), item.end(), L'/'));
+        if (levels > kDeepest)
+            return false;
+        if (levels == 0 || opened_.contains(item.substr(0, item.rfind(L'/'))))
+            return true;
+        const std::size_t cost = levels * (item.size() * sizeof(wchar_t) + kRoomForEach);
+        if (cost > room_)
+            return false;
+        room_ -= cost;
+        return true;
+    }
+
     std::u16string newName(std::wstring_view parent, std::wstring_view element) {
         const std::u16string wanted = nameOf(element);
         std::u16string name = names_[std::wstring(parent)].take(wanted);
@@ -143,9 +161,10 @@ private:
 
     const CDbEx& database_;
     Output& output_;
-    std::map<std::wstring, unsigned, std::less<>> records_; // of directories, by item path
-    std::map<std::wstring, std::u16string> opened_;         // the names of storages that were handed out
+    std::map<std::wstring, unsigned, std::less<>> records_;      // of directories, by item path
+    std::map<std::wstring, std::u16string, std::less<>> opened_; // the names of storages that were handed out
     std::map<std::wstring, SiblingNames> names_;
+    std::size_t room_ = kParentsRoom;
 };
 
 /// Takes a folder's bytes as they are decoded, and hands out the files that they are. Called on threads of
