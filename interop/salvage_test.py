@@ -137,7 +137,7 @@ class Salvage(CommandTest):
         self.assertIn(result.returncode, (0, 1), result.stderr)
         self.assertEqual(source.read_bytes(), data)
         if not target.exists():
-            self.assertIn(b"nothing can be brought back", result.stderr)
+            self.assertIn(b"nothing can be brought back", result.stderr, result)
             return {}, None
         return unpack(target, self.directory / f"{name}.files"), json.loads(result.stdout)
 

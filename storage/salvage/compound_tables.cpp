@@ -52,6 +52,10 @@ public:
             else
                 table_.setOwner(parts_[part], ChainTable::kTables);
         }
+        // What the header leads to need not be the DIFAT.
+        for (const std::uint32_t sector : difat_)
+            if (table_.next(sector) == kDifatSector)
+                table_.setOwner(sector, ChainTable::kTables);
         return std::move(table_);
     }
 
@@ -64,23 +68,29 @@ private:
         taken_[sector] = true;
     }
 
-    void takeIfPlausible(std::size_t part, std::uint32_t sector, bool mustMarkItself) {
+    void takeIfPlausible(std::size_t part, std::uint32_t sector, bool mustAgree) {
         if (part >= parts_.size() || parts_[part] != kNoEntry || sector >= reader_.sectors() ||
             taken_[sector])
             return;
         const auto bytes = reader_.sector(sector);
-        const std::size_t place = sector % perSector_;
-        const bool isInItself = sector / perSector_ == part && place < bytes.size() / sizeof(std::uint32_t);
-        if (looksLikeTable(bytes, reader_.sectors()) &&
-            (!mustMarkItself || !isInItself || numberAt(bytes, place) == kTableSector))
+        if (looksLikeTable(bytes, reader_.sectors()) && (!mustAgree || agrees(bytes, part, sector)))
             take(part, sector);
     }
 
-    /// Takes the parts from where the header and the DIFAT say, those first that agree with that.
-    void takeListed(bool mustMarkThemselves) {
+    /// Whether what the sector says of itself is that it is this part of the table.
+    bool agrees(std::span<const std::byte> bytes, std::size_t part, std::uint32_t sector) const {
+        const std::size_t place = sector % perSector_;
+        if (sector / perSector_ == part && place < bytes.size() / sizeof(std::uint32_t))
+            return numberAt(bytes, place) == kTableSector;
+        return partOf(bytes) == part;
+    }
+
+    /// Takes the parts from where the header and the DIFAT say, with `mustAgree` those that say so
+    /// themselves.
+    void takeListed(bool mustAgree) {
         std::size_t part = 0;
         for (; part < std::min<std::size_t>(parts_.size(), header_.difat.size()); ++part)
-            takeIfPlausible(part, header_.difat[part], mustMarkThemselves);
+            takeIfPlausible(part, header_.difat[part], mustAgree);
         std::vector<bool> met(reader_.sectors());
         std::uint32_t sector = header_.firstDifatSector;
         while (part < parts_.size() && sector < reader_.sectors() && !met[sector]) {
@@ -89,9 +99,9 @@ private:
             const std::vector<std::byte> bytes(view.begin(), view.end());
             if (bytes.size() < reader_.sectorBytes())
                 return;
-            table_.setOwner(sector, ChainTable::kTables);
+            difat_.push_back(sector);
             for (std::size_t place = 0; place + 1 < perSector_; ++place)
-                takeIfPlausible(part++, numberAt(bytes, place), mustMarkThemselves);
+                takeIfPlausible(part++, numberAt(bytes, place), mustAgree);
             sector = numberAt(bytes, perSector_ - 1);
         }
     }
@@ -165,6 +175,7 @@ private:
     const std::uint32_t perSector_;
     std::vector<std::uint32_t> parts_; // where each part of the table is
     std::vector<bool> taken_;
+    std::vector<std::uint32_t> difat_;
     ChainTable table_;
 };
 

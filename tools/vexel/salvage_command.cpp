@@ -261,17 +261,23 @@ const char* formatName(SalvageFormat format) {
     return "unknown";
 }
 
+const char* kindOf(const Report::Lost& lost) {
+    if (!lost.isWritten)
+        return "lost";
+    return lost.there == lost.size ? "doubtful" : "partial";
+}
+
 std::string textOf(const Report& report) {
     std::string text;
     for (const auto& [what, where] : report.damage)
         text += std::string("damage: ") + what + " (" + std::to_string(where) + ")\n";
     for (const Report::Lost& lost : report.lost)
-        text += std::string(lost.isWritten ? "partial: " : "lost: ") + toUtf8(onOneLine(toUtf16(lost.path))) +
-                " (" + std::to_string(lost.there) + " of " + std::to_string(lost.size) +
+        text += std::string(kindOf(lost)) + ": " + toUtf8(onOneLine(toUtf16(lost.path))) + " (" +
+                std::to_string(lost.there) + " of " + std::to_string(lost.size) +
                 " bytes are there): " + lost.reason + "\n";
     return text + std::to_string(report.streams) + " streams with " + std::to_string(report.bytes) +
            " bytes and " + std::to_string(report.storages) + " storages came back, " +
-           std::to_string(report.lost.size()) + " streams are not whole\n";
+           std::to_string(report.lost.size()) + " streams are lost, or not known to be whole\n";
 }
 
 nlohmann::ordered_json jsonOf(const Report& report) {
