@@ -19,6 +19,8 @@ class Errors(CommandTest):
                 (["list", path, "--yaml"], "--yaml"),
                 (["cat", path], "NODE"),
                 (["extract", path], "DIR"),
+                (["salvage", path], "OUT"),
+                (["salvage", path, path, "--force"], "the damaged file itself"),
                 (["rm", path, ""], "root"),
                 (["put", path, ""], "root"),
                 *((["cat", path, node], "empty element") for node in ["/Workbook", "Workbook/", "a//b"]),

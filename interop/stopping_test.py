@@ -36,6 +36,7 @@ class Stopping(CommandTest):
             "convert": ["convert", self.package, self.directory / "new.7z"],
             "extract": ["extract", self.package, self.directory / "out"],
             "put": ["put", self.package, "a", tree / "b"],
+            "salvage": ["salvage", self.package, self.directory / "new.7z"],
             "mv": ["mv", self.package, "a", "d/a"],
         }
         self.there = {path.name for path in self.directory.iterdir()} | {"out"}

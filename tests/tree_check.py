@@ -20,7 +20,7 @@ LAYERS = ["framework", "base", "diagnostics", "paths", "io", "archive", "storage
 NEIGHBOURS = {"paths", "io"}
 
 # The rooms of a large layer, bottom to top as well.
-ROOMS = {"storage": ["tree", "compound", "package", "handles", "documents", "properties"]}
+ROOMS = {"storage": ["tree", "compound", "package", "handles", "documents", "properties", "salvage"]}
 
 # The layer that implements each public header.
 PUBLIC = "include/vexel/"
@@ -31,7 +31,8 @@ HEADER_LAYERS = {
     "io": ["byte_streams.h", "com.h", "files.h", "ini.h", "memory_streams.h", "strings.h",
            "sub_stream.h"],
     "archive": ["archive.h"],
-    "storage": ["compressed_stream.h", "copying.h", "open_package.h", "properties.h", "storage.h"],
+    "storage": ["compressed_stream.h", "copying.h", "open_package.h", "properties.h", "salvage.h",
+                "storage.h"],
 }
 
 

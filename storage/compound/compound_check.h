@@ -1,10 +1,10 @@
 #pragma once
 
+#include "storage/compound/sector_reader.h"
+
 #include <windows.h>
 
-#include <cstddef>
 #include <cstdint>
-#include <span>
 
 /// A look at a compound file before the system's structured storage opens it. That service trusts what it
 /// reads: on a chain of sectors or a tree of elements that runs in circles it hangs or takes memory without
@@ -12,21 +12,6 @@
 /// finds such damage beforehand. It reads the header, the allocation tables and the directory, never the
 /// contents, and takes time and memory in proportion to these. docs/damaged-files.md tells what is refused.
 namespace Vexel::Detail {
-
-/// Bytes that are a compound file, or are to be judged.
-class CompoundSource {
-public:
-    CompoundSource() = default;
-    CompoundSource(const CompoundSource&) = delete;
-    CompoundSource& operator=(const CompoundSource&) = delete;
-    virtual ~CompoundSource() = default;
-
-    virtual std::uint64_t size() const noexcept = 0;
-
-    /// Fills `target` from `offset` on and returns the number of bytes read: fewer at the end of the file or
-    /// when reading fails.
-    virtual std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept = 0;
-};
 
 /// What the system is going to do with the file.
 enum class CompoundAccess {

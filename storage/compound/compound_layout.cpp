@@ -26,11 +26,15 @@ constexpr std::size_t kDifatSectorsAt = 72;
 constexpr std::size_t kDifatAt = 76;
 
 // Where an entry's fields are.
+constexpr std::size_t kNameUnits = 32;
 constexpr std::size_t kNameBytesAt = 64;
 constexpr std::size_t kTypeAt = 66;
 constexpr std::size_t kLeftAt = 68;
 constexpr std::size_t kRightAt = 72;
 constexpr std::size_t kChildAt = 76;
+constexpr std::size_t kClassIdAt = 80;
+constexpr std::size_t kCreatedAt = 100;
+constexpr std::size_t kModifiedAt = 108;
 constexpr std::size_t kStartAt = 116;
 constexpr std::size_t kSizeAt = 120;
 
@@ -41,20 +45,25 @@ bool hasSignature(std::span<const std::byte> bytes) noexcept {
            std::memcmp(bytes.data(), kSignature.data(), kSignature.size()) == 0;
 }
 
-std::optional<Header> decodeHeader(std::span<const std::byte, kHeaderBytes> bytes) noexcept {
+Header decodeHeaderFields(std::span<const std::byte, kHeaderBytes> bytes) noexcept {
     Header header;
     header.sectorShift = load<std::uint16_t>(bytes, kSectorShiftAt);
-    if (header.sectorShift != kSmallSectorShift && header.sectorShift != kLargeSectorShift)
-        return std::nullopt;
-    if (load<std::uint16_t>(bytes, kMiniSectorShiftAt) != kMiniSectorShift ||
-        load<std::uint32_t>(bytes, kCutoffAt) != kMiniStreamCutoff)
-        return std::nullopt;
     header.fatSectors = load<std::uint32_t>(bytes, kFatSectorsAt);
     header.firstDirectorySector = load<std::uint32_t>(bytes, kFirstDirectorySectorAt);
     header.firstMiniFatSector = load<std::uint32_t>(bytes, kFirstMiniFatSectorAt);
     header.firstDifatSector = load<std::uint32_t>(bytes, kFirstDifatSectorAt);
     header.difatSectors = load<std::uint32_t>(bytes, kDifatSectorsAt);
     std::memcpy(header.difat.data(), bytes.data() + kDifatAt, sizeof header.difat);
+    return header;
+}
+
+std::optional<Header> decodeHeader(std::span<const std::byte, kHeaderBytes> bytes) noexcept {
+    const Header header = decodeHeaderFields(bytes);
+    if (header.sectorShift != kSmallSectorShift && header.sectorShift != kLargeSectorShift)
+        return std::nullopt;
+    if (load<std::uint16_t>(bytes, kMiniSectorShiftAt) != kMiniSectorShift ||
+        load<std::uint32_t>(bytes, kCutoffAt) != kMiniStreamCutoff)
+        return std::nullopt;
     return header;
 }
 
@@ -71,6 +80,22 @@ Entry decodeEntry(std::span<const std::byte, kEntryBytes> bytes, unsigned sector
     if (sectorShift == kSmallSectorShift)
         entry.size &= 0xFFFFFFFF;
     return entry;
+}
+
+Label decodeLabel(std::span<const std::byte, kEntryBytes> bytes) {
+    Label label;
+    for (std::size_t i = 0; i < kNameUnits; ++i) {
+        const auto unit = load<char16_t>(bytes, i * sizeof(char16_t));
+        if (unit == 0)
+            break;
+        label.name += unit;
+    }
+    const std::size_t nameBytes = load<std::uint16_t>(bytes, kNameBytesAt);
+    label.isWellFormed = !label.name.empty() && nameBytes == (label.name.size() + 1) * sizeof(char16_t);
+    std::memcpy(label.classId.data(), bytes.data() + kClassIdAt, label.classId.size());
+    label.created = load<std::uint64_t>(bytes, kCreatedAt);
+    label.modified = load<std::uint64_t>(bytes, kModifiedAt);
+    return label;
 }
 
 } // namespace Vexel::Detail::Compound

@@ -1,13 +1,12 @@
 #pragma once
 
-#include <windows.h>
-
 #include <array>
 #include <cstddef>
 #include <cstdint>
 #include <cstring>
 #include <optional>
 #include <span>
+#include <string>
 
 /// The published layout of compound files, as far as finding every sector and every element needs it. All
 /// numbers are little-endian.
@@ -65,13 +64,27 @@ struct Entry {
     std::uint64_t size = 0;
 };
 
+/// What an entry says of its element besides where it is.
+struct Label {
+    std::u16string name;                 ///< up to its first U+0000
+    std::array<std::byte, 16> classId{}; ///< of a storage
+    std::uint64_t created = 0;           ///< 100 ns since 1601; 0: not set
+    std::uint64_t modified = 0;
+    bool isWellFormed = false; ///< the name is as long as the entry says, and ends there
+};
+
 /// Whether `bytes` begin with the signature of a compound file.
 bool hasSignature(std::span<const std::byte> bytes) noexcept;
 
 /// Decodes the first kHeaderBytes of a file; nothing if its sector sizes are none that exist.
 std::optional<Header> decodeHeader(std::span<const std::byte, kHeaderBytes> bytes) noexcept;
 
+/// The header's fields with nothing asked of them, for who looks for what is left of a damaged file.
+Header decodeHeaderFields(std::span<const std::byte, kHeaderBytes> bytes) noexcept;
+
 /// Decodes an entry of the directory of a file with this sector shift.
 Entry decodeEntry(std::span<const std::byte, kEntryBytes> bytes, unsigned sectorShift) noexcept;
+
+Label decodeLabel(std::span<const std::byte, kEntryBytes> bytes);
 
 } // namespace Vexel::Detail::Compound

@@ -1,0 +1,196 @@
+// Behind damage, a beginning is a guess: a byte 0, where a stream may end, and one that may begin the next.
+// It is believed when the chunks lead from there to an end mark and everything decodes, which LZMA checks by
+// the way: each chunk must come out just as long as it says, of just as many packed bytes. A stream that is
+// stored as it is must have another one behind it.
+
+#include "storage/salvage/lzma2_scan.h"
+
+#include <Alloc.h>
+#include <Lzma2Dec.h>
+
+#include <algorithm>
+#include <cstddef>
+#include <memory>
+#include <new>
+#include <vector>
+
+namespace Vexel::Detail::Salvage {
+
+namespace {
+
+constexpr std::uint8_t kEndMark = 0;
+constexpr std::uint8_t kRawWithReset = 1;
+constexpr std::uint8_t kRaw = 2;
+constexpr std::uint8_t kLzma = 0x80;
+constexpr std::uint8_t kLzmaWithProperties = 0xC0;
+constexpr std::uint8_t kLzmaWithReset = 0xE0;
+constexpr std::uint8_t kMostProperties = 9 * 5 * 5;
+
+constexpr std::size_t kPieceBytes = 0x10000;
+/// No dictionary is taken to be larger, for it is memory. Its size is coded by its exponent, with halves.
+constexpr std::uint64_t kLargestDictionary = 0x10000000;
+constexpr unsigned kSmallestExponent = 11;
+
+Byte dictionaryCode(std::uint64_t unpacked) noexcept {
+    const std::uint64_t wanted = std::min(unpacked, kLargestDictionary);
+    Byte code = 0;
+    while ((std::uint64_t{2 | (code & 1U)} << (code / 2 + kSmallestExponent)) < wanted)
+        ++code;
+    return code;
+}
+
+class Decoder {
+public:
+    explicit Decoder(std::uint64_t unpacked) {
+        if (Lzma2Dec_Allocate(&state_, dictionaryCode(unpacked), &g_Alloc) != SZ_OK)
+            throw std::bad_alloc();
+        Lzma2Dec_Init(&state_);
+    }
+    Decoder(const Decoder&) = delete;
+    Decoder& operator=(const Decoder&) = delete;
+    ~Decoder() { Lzma2Dec_Free(&state_, &g_Alloc); }
+
+    /// Decodes some of `packed`, takes that off it, and tells how many bytes have come out; none: there is
+    /// nothing more, or it does not decode.
+    std::size_t decode(std::span<const std::byte>& packed, std::span<std::byte> target) {
+        SizeT taken = packed.size();
+        SizeT made = target.size();
+        ELzmaStatus status = LZMA_STATUS_NOT_SPECIFIED;
+        const SRes result = Lzma2Dec_DecodeToBuf(&state_, reinterpret_cast<Byte*>(target.data()), &made,
+                                                 reinterpret_cast<const Byte*>(packed.data()), &taken,
+                                                 LZMA_FINISH_ANY, &status);
+        packed = packed.subspan(taken);
+        isDone_ = result != SZ_OK || status == LZMA_STATUS_FINISHED_WITH_MARK;
+        return made;
+    }
+    bool isDone() const noexcept { return isDone_; }
+
+private:
+    CLzma2Dec state_{};
+    bool isDone_ = false;
+};
+
+} // namespace
+
+std::optional<std::uint8_t> Lzma2Scanner::byteAt(std::uint64_t offset) {
+    if (offset >= end_)
+        return std::nullopt;
+    if (offset < windowBegin_ || offset >= windowBegin_ + windowBytes_) {
+        windowBegin_ = offset;
+        windowBytes_ = source_.read(offset, window_);
+        if (windowBytes_ == 0)
+            return std::nullopt;
+    }
+    return std::to_integer<std::uint8_t>(window_[static_cast<std::size_t>(offset - windowBegin_)]);
+}
+
+bool Lzma2Scanner::isBeginning(std::uint64_t offset) {
+    const auto control = byteAt(offset);
+    return control && (*control == kRawWithReset || *control >= kLzmaWithReset);
+}
+
+/// Adds the chunk behind the stream's bytes so far; false if it is none. One that is cut off is not counted.
+bool Lzma2Scanner::addChunk(Lzma2Stream& stream, std::uint8_t control, bool& hasProperties) {
+    const std::uint64_t at = stream.begin + stream.packed;
+    const auto size = [&](std::uint64_t offset) {
+        return std::uint64_t{byteAt(at + offset).value_or(0)} << 8 | byteAt(at + offset + 1).value_or(0);
+    };
+    if (control < kLzma) {
+        stream.unpacked += size(1) + 1;
+        stream.packed += 3 + size(1) + 1;
+        return control == kRawWithReset || control == kRaw;
+    }
+    const bool givesProperties = control >= kLzmaWithProperties;
+    const auto properties = byteAt(at + 5);
+    if (givesProperties ? properties && *properties >= kMostProperties : !hasProperties)
+        return false;
+    hasProperties = true;
+    stream.isPacked = true;
+    stream.unpacked += (std::uint64_t{control & 0x1FU} << 16) + size(1) + 1;
+    stream.packed += (givesProperties ? 6 : 5) + size(3) + 1;
+    return true;
+}
+
+/// The stream as far as its chunks lead.
+Lzma2Stream Lzma2Scanner::measure(std::uint64_t begin) {
+    Lzma2Stream stream;
+    stream.begin = begin;
+    bool hasProperties = false;
+    while (!stream.isEnded) {
+        const Lzma2Stream before = stream;
+        const auto control = byteAt(begin + stream.packed);
+        if (!control) { // cut off
+            stream.packed = end_ - begin;
+            return stream;
+        }
+        workLeft_ -= std::min<std::uint64_t>(workLeft_, 1);
+        if (*control == kEndMark) {
+            ++stream.packed;
+            stream.isEnded = true;
+        } else if (!addChunk(stream, *control, hasProperties)) {
+            return before;
+        }
+    }
+    return stream;
+}
+
+bool Lzma2Scanner::isSound(const Lzma2Stream& stream) {
+    if (!stream.isEnded)
+        return false;
+    const std::uint64_t behind = stream.begin + stream.packed;
+    if (!stream.isPacked)
+        return behind == end_ || (isBeginning(behind) && measure(behind).isEnded);
+    const bool decodes = decodeLzma2(source_, stream, [](std::span<const std::byte>) {}) == stream.unpacked;
+    if (!decodes)
+        workLeft_ -= std::min(workLeft_, stream.packed + stream.unpacked);
+    return decodes;
+}
+
+std::optional<Lzma2Stream> Lzma2Scanner::next(const std::function<void(std::uint64_t)>& progress) {
+    const auto take = [this](const Lzma2Stream& stream) {
+        position_ = (std::min)(stream.begin + stream.packed, end_);
+        isAdjacent_ = stream.isEnded;
+        return stream;
+    };
+    if (isAdjacent_ && isBeginning(position_))
+        if (Lzma2Stream stream = measure(position_); stream.packed > 0) {
+            stream.isAdjacent = true;
+            return take(stream);
+        }
+    for (std::uint64_t passed = 0; position_ < end_ && workLeft_ > 0; ++position_) {
+        if (++passed % kPieceBytes == 0)
+            progress(kPieceBytes);
+        if (byteAt(position_ - 1) != kEndMark || !isBeginning(position_))
+            continue;
+        if (const Lzma2Stream stream = measure(position_); isSound(stream))
+            return take(stream);
+    }
+    return std::nullopt;
+}
+
+std::uint64_t decodeLzma2(SalvageSource& source, const Lzma2Stream& stream,
+                          const std::function<void(std::span<const std::byte>)>& sink) {
+    Decoder decoder(stream.unpacked);
+    std::vector<std::byte> buffer(kPieceBytes);
+    std::vector<std::byte> made(kPieceBytes);
+    std::uint64_t done = 0;
+    std::uint64_t offset = 0;
+    for (std::span<const std::byte> packed; !decoder.isDone();) {
+        if (packed.empty() && offset < stream.packed) {
+            const auto wanted =
+                static_cast<std::size_t>(std::min<std::uint64_t>(kPieceBytes, stream.packed - offset));
+            packed =
+                std::span(buffer).first(source.read(stream.begin + offset, std::span(buffer).first(wanted)));
+            offset += packed.size();
+        }
+        const std::size_t before = packed.size();
+        const std::size_t count = decoder.decode(packed, made);
+        sink(std::span(made).first(count));
+        done += count;
+        if (count == 0 && packed.size() == before)
+            break; // nothing more can be had
+    }
+    return done;
+}
+
+} // namespace Vexel::Detail::Salvage

@@ -1,0 +1,66 @@
+#pragma once
+
+#include <vexel/salvage.h>
+
+#include <array>
+#include <cstddef>
+#include <cstdint>
+#include <functional>
+#include <optional>
+#include <span>
+
+/// Finding LZMA2 streams in bytes that nothing describes. A stream is a row of chunks, each with a control
+/// byte and its sizes before it, and a byte 0 at the end:
+///     0                                  the end of the stream
+///     1 or 2, size (2)                   bytes as they are; 1 resets the dictionary
+///     0x80 and more, size (2),           LZMA; the control byte's lower five bits are the highest of the
+///       packed size (2)[, properties]    unpacked size. 0xC0 and more have properties, 0xE0 and more reset
+///                                        the dictionary, too
+/// Sizes are one less than what they say, and big-endian. A stream begins with a reset of the dictionary.
+namespace Vexel::Detail::Salvage {
+
+struct Lzma2Stream {
+    std::uint64_t begin = 0;
+    std::uint64_t packed = 0; ///< bytes, the end mark included
+    std::uint64_t unpacked = 0;
+    bool isEnded = false;    ///< its chunks lead to an end mark
+    bool isPacked = false;   ///< it has chunks of LZMA, which cannot be anything else
+    bool isAdjacent = false; ///< it begins where the one before ended
+};
+
+class Lzma2Scanner {
+public:
+    /// Looks at the bytes from `begin` to `end` of the source.
+    Lzma2Scanner(SalvageSource& source, std::uint64_t begin, std::uint64_t end)
+        : source_(source), position_(begin), end_(end), workLeft_(kMostWork * (end - begin) + kFreeWork) {}
+
+    /// The next stream. One that is not adjacent is only given when all of it decodes, or nothing in it
+    /// is packed and another stream follows.
+    std::optional<Lzma2Stream> next(const std::function<void(std::uint64_t)>& progress);
+
+private:
+    static constexpr std::uint64_t kMostWork = 16;
+    static constexpr std::uint64_t kFreeWork = 0x1000000;
+
+    std::optional<std::uint8_t> byteAt(std::uint64_t offset);
+    bool isBeginning(std::uint64_t offset);
+    Lzma2Stream measure(std::uint64_t begin);
+    bool addChunk(Lzma2Stream& stream, std::uint8_t control, bool& hasProperties);
+    bool isSound(const Lzma2Stream& stream);
+
+    SalvageSource& source_;
+    std::uint64_t position_;
+    const std::uint64_t end_;
+    std::uint64_t workLeft_; // bounds what is tried in vain
+    bool isAdjacent_ = true;
+    std::array<std::byte, 4096> window_{};
+    std::uint64_t windowBegin_ = 0;
+    std::size_t windowBytes_ = 0;
+};
+
+/// Decodes a stream and hands its bytes to `sink`; how many there were. Fewer than the stream's are damaged
+/// or missing. Throws std::bad_alloc, and what `sink` throws.
+std::uint64_t decodeLzma2(SalvageSource& source, const Lzma2Stream& stream,
+                          const std::function<void(std::span<const std::byte>)>& sink);
+
+} // namespace Vexel::Detail::Salvage

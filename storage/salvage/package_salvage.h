@@ -1,0 +1,16 @@
+#pragma once
+
+#include "storage/salvage/salvage_output.h"
+
+#include <vexel/salvage.h>
+
+namespace Vexel::Detail::Salvage {
+
+/// Salvages a package: by its header, if that is there or can be found, else by its packed streams. Throws
+/// Ended, std::bad_alloc.
+void salvagePackage(SalvageSource& source, Output& output);
+
+/// Whether the file begins as a package.
+bool beginsAsPackage(SalvageSource& source);
+
+} // namespace Vexel::Detail::Salvage
