@@ -185,6 +185,7 @@ void measure(const std::function<void()>& action) {
 
 } // namespace
 
+// NOLINTNEXTLINE(misc-use-internal-linkage): the entry point is called from outside.
 int wmain(int argc, wchar_t** argv) {
     start();
     const std::wstring_view command = argc > 3 ? argv[1] : L"";

@@ -310,7 +310,8 @@ public:
     ///  - STG_E_ACCESSDENIED: the target is open for reading, or stands in this storage; nothing was done.
     ///  - STG_E_READFAULT: a stream holds less than it should.
     ///  - STG_E_DOCFILECORRUPT: a part of this compound file is missing, or the system cannot copy so much.
-    ///  - STG_E_REVERTED: an element of this compound file is lost (rule 5), here or in an open storage below.
+    ///  - STG_E_REVERTED: an element of this compound file is lost (rule 5), here or in an open storage
+    ///  below.
     ///  - Other statuses of reading and writing.
     long copyTo(const StorageRef& target) const;
     /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another
@@ -369,8 +370,8 @@ public:
     /// for all its handles.
     ///
     /// Opening for writing empties the stream. If it is open for reading, it is reopened for writing, and so
-    /// are the storages above it. If it is not open, the parent has to be open for writing. A package's stream is
-    /// unpacked as a whole when it is opened for reading, and not at all for writing.
+    /// are the storages above it. If it is not open, the parent has to be open for writing. A package's
+    /// stream is unpacked as a whole when it is opened for reading, and not at all for writing.
     ///  - STG_E_ACCESSDENIED: also when a stream that is not open is wanted for writing, and the parent is
     ///    open for reading.
     ///  - STG_E_REVERTED: the stream is lost (rule 5), and wanted for reading.

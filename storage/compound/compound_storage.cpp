@@ -19,7 +19,6 @@
 
 using Microsoft::WRL::ComPtr;
 using Vexel::Detail::CompoundAccess;
-using Vexel::Detail::outcomeOf;
 using Vexel::Detail::TreeLock;
 
 namespace {

@@ -12,7 +12,6 @@
 #include <vexel/diagnostics.h>
 #include <vexel/storage.h>
 
-
 using Vexel::Detail::CompoundAccess;
 using Vexel::Detail::CompoundVerdict;
 using Vexel::Detail::elementName;

@@ -318,7 +318,8 @@ TEST_F(CompoundRoots, LoseNothingWhateverFails) {
             const StorageRef& parent = name.starts_with(L"Box") ? box : root;
             const SharedPathName child = element(name.substr(name.rfind(L'/') + 1));
             StreamRef& stream = held[name];
-            const std::string text(below(3) * below(40) * below(150), static_cast<char>('A' + below(26)));
+            const std::string text(std::size_t{below(3)} * below(40) * below(150),
+                                   static_cast<char>('A' + below(26)));
             const auto write = [&] {
                 now[name] += text.substr(0, stream.WriteBytes(text.data(), text.size()));
             };
