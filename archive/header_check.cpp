@@ -11,6 +11,7 @@
 #include "archive/header_layout.h"
 #include "archive/header_parser.h"
 #include "archive/header_unpacker.h"
+#include "archive/start_bytes.h"
 
 #include <7zCrc.h>
 
@@ -33,24 +34,6 @@ constexpr std::uint64_t kFewThings = 0x10000;
 constexpr std::uint64_t kThingsPerByte = 20;
 constexpr std::uint64_t kFoldersPerByte = 10;
 constexpr std::uint64_t kNameBytesPerItem = 0x4000;
-
-using StartBytes = std::array<std::byte, kStartBytes>;
-
-template <class Number>
-Number load(const StartBytes& start, std::size_t at) noexcept {
-    Number number;
-    std::memcpy(&number, start.data() + at, sizeof number);
-    return number;
-}
-
-template <class Number>
-void store(StartBytes& start, std::size_t at, Number number) noexcept {
-    std::memcpy(start.data() + at, &number, sizeof number);
-}
-
-std::uint32_t checksum(std::span<const std::byte> bytes) noexcept {
-    return CrcCalc(bytes.data(), bytes.size());
-}
 
 std::uint32_t startChecksum(const StartBytes& start) noexcept {
     return checksum(std::span(start).subspan(StartAt::kOffset));

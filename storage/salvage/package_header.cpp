@@ -9,6 +9,7 @@
 #include "archive/header_check.h"
 #include "archive/header_layout.h"
 #include "archive/header_stream.h"
+#include "archive/start_bytes.h"
 #include "archive/stream_calls.h"
 #include "base/com_pointer.h"
 
@@ -29,30 +30,12 @@ namespace {
 /// Where the end of a file is looked through for a header.
 constexpr std::uint64_t kSearched = 0x100000;
 
-using Start = std::array<std::byte, kStartBytes>;
-
-template <class Number>
-Number load(const Start& start, std::size_t at) noexcept {
-    Number number;
-    std::memcpy(&number, start.data() + at, sizeof number);
-    return number;
-}
-
-template <class Number>
-void store(Start& start, std::size_t at, Number number) noexcept {
-    std::memcpy(start.data() + at, &number, sizeof number);
-}
-
-std::uint32_t checksum(std::span<const std::byte> bytes) noexcept {
-    return CrcCalc(bytes.data(), bytes.size());
-}
-
 /// The file, with another beginning if one is given.
 class StartedSource final : public HeaderSource {
 public:
     explicit StartedSource(SalvageSource& source) noexcept : source_(source) {}
 
-    void setStart(const Start& start) noexcept { start_ = start; }
+    void setStart(const StartBytes& start) noexcept { start_ = start; }
 
     std::uint64_t size() const noexcept override { return source_.size(); }
     HRESULT read(std::uint64_t offset, std::span<std::byte> target, std::size_t& count) noexcept override {
@@ -68,7 +51,7 @@ public:
 
 private:
     SalvageSource& source_;
-    std::optional<Start> start_;
+    std::optional<StartBytes> start_;
 };
 
 class HeaderSearch {
@@ -80,7 +63,7 @@ public:
 
     /// Where the beginning says, whatever the checksums are.
     bool whereItShouldBe() {
-        Start start{};
+        StartBytes start{};
         if (source_.read(0, start) != start.size())
             return false;
         return isReadableAt(load<std::uint64_t>(start, StartAt::kOffset),
@@ -114,7 +97,7 @@ private:
         std::vector<std::byte> header(static_cast<std::size_t>(size));
         if (source_.read(kStartBytes + offset, header) != header.size())
             return false;
-        Start start{};
+        StartBytes start{};
         std::memcpy(start.data(), kSignature.data(), kSignature.size());
         start[StartAt::kVersion + 1] = std::byte{4};
         store(start, StartAt::kOffset, offset);
