@@ -1,5 +1,5 @@
 # Standard types and exceptions cross the DLL boundaries, so every module uses the compiler's runtime DLLs; they
-# are put beside the programs, and installed with them.
+# are put beside the programs, and installed with them. VEXEL_RUNTIME_DLLS becomes their names.
 function(vexel_copy_runtime_dlls)
   if(NOT MINGW)
     return()
@@ -17,6 +17,6 @@ function(vexel_copy_runtime_dlls)
       set(path ${VEXEL_RUNTIME_${dll}})
     endif()
     file(COPY ${path} DESTINATION ${CMAKE_RUNTIME_OUTPUT_DIRECTORY})
-    install(FILES ${path} DESTINATION bin)
   endforeach()
+  set(VEXEL_RUNTIME_DLLS ${dlls} PARENT_SCOPE)
 endfunction()
