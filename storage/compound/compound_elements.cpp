@@ -230,7 +230,7 @@ HRESULT VxCompoundStream::makeAnew(const wchar_t* name, const VxCompoundStorage:
     if (!stream_) {
         if (isNew || old.size == 0)
             storage().lost_.add(name);
-        close();
+        VxStream::close();
         return status;
     }
     readOnly_ = false;
