@@ -57,9 +57,10 @@
 ///    Where the system takes an element of a compound file away and then fails to make what was to stand in
 ///    its place (a stream that is emptied, an element that is replaced or destroyed), the element is lost: it
 ///    cannot be read (STG_E_REVERTED), and its storage is neither committed nor copied as a whole. The file
-///    still has it. This ends when an element of its name is made, opened for writing or destroyed, or when
-///    the storage is closed. It is known to one root: a second one on the same interface (`fromPtr`) does not
-///    know of it, and a commit by the caller's own call of an interface is not held back.
+///    still has it. This ends when an element of its name is made or destroyed, or a stream of its name is
+///    opened for writing; or when the storage is closed, except that a caller's interface (`fromPtr`) keeps
+///    what it lost until a clean-up lets go of it. A root that is made of that interface afterwards does not
+///    know of the loss, and a commit by the caller's own call of an interface is not held back.
 /// 6. Streams are written whole: opening a stream for writing empties it.
 /// 7. Ownership. A handle owns one reference on its item and through it keeps the root in use. The interface
 ///    pointers that `storage()` and `stream()` return are borrowed. They are valid as long as a handle is on
@@ -67,8 +68,8 @@
 ///    reading, clears it away (`clear`), or closes all roots (`clearAll`). A reference of the caller's own
 ///    keeps such an object alive, but not usable. The same becomes of the interface of a compound file's
 ///    stream when the stream is emptied, and of one through which it was emptied, or may have been, when its
-///    storage is committed. What is emptied through an interface that was asked for before the last commit
-///    may damage the file.
+///    storage is committed. A stream that the caller opens by a storage's interface is not looked after: if
+///    that empties it, the commit may damage the file.
 /// 8. What is closed when. Dropping a handle does not close its item: the item stays cached, that is, in
 ///    memory.
 ///     - Compound file: a storage is closed when its last handle goes and none of its children is cached.
@@ -207,6 +208,7 @@ public:
     ///    empty, or a stream of that name is in use.
     ///  - STG_E_FILENOTFOUND: there is no such element, or it is a stream.
     ///  - STG_E_INVALIDNAME: no element can have that name.
+    ///  - STG_E_REVERTED: the element is lost (rule 5).
     ///  - STG_E_INVALIDFUNCTION: the storage is more than 512 levels below the root.
     ///  - STG_E_ACCESSDENIED, and the statuses of opening the root.
     long open(const SharedPathName& name, const StorageRef& parent, bool readOnly);

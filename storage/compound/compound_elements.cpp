@@ -105,11 +105,16 @@ HRESULT VxCompoundStorage::replaceStream(const wchar_t* name, const Found& old, 
 }
 
 /// For reading a lost stream is not missing, nor is a part of it that may be there its contents. For writing
-/// it is made again.
+/// it is made again, and stays lost until it has been emptied, as each stream is that is opened for writing.
 HRESULT VxCompoundStorage::openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream) {
-    if (lost_.contains(name))
-        return readOnly ? STG_E_REVERTED : replaceStream(name, {}, stream);
-    return VxStorage::openStreamElement(name, readOnly, stream);
+    if (!lost_.contains(name))
+        return VxStorage::openStreamElement(name, readOnly, stream);
+    return readOnly ? STG_E_REVERTED : VxStorage::createStreamElement(name, stream);
+}
+
+/// A part of a lost one may be there. What is written into that goes with the whole.
+HRESULT VxCompoundStorage::openStorageElement(const wchar_t* name, bool readOnly, IStorage** storage) {
+    return lost_.contains(name) ? STG_E_REVERTED : VxStorage::openStorageElement(name, readOnly, storage);
 }
 
 HRESULT VxCompoundStorage::createStreamElement(const wchar_t* name, ::IStream** stream) {
@@ -168,11 +173,11 @@ VxCompoundStorage& VxCompoundStream::storage() const noexcept {
 }
 
 /// Once it is closed, nobody knows any more that it must not be committed as it is.
-bool VxCompoundStream::deleteUnusedObjects(bool keepObjects) {
+void VxCompoundStream::close() {
     const TreeLock lock(*this);
-    if (!referenced() && !isNew_ && FAILED(prepareCommit()))
+    if (!isNew_ && FAILED(prepareCommit()))
         storage().lost_.add(name_.asStringView());
-    return VxStream::deleteUnusedObjects(keepObjects);
+    VxStream::close();
 }
 
 HRESULT VxCompoundStream::prepareCommit() {
@@ -185,13 +190,11 @@ HRESULT VxCompoundStream::prepareCommit() {
     // Replaced or destroyed under another spelling of its name; or not the system's.
     if (entry.status() == STG_E_REVERTED || entry.status() == E_NOTIMPL)
         return S_OK;
-    HRESULT status = entry.status();
-    if (status == S_OK && entry.size() == 0 && !isNew)
-        status = makeAnew(entry.spellingOf(name_.asString()), {S_OK});
-    if (status == S_OK) {
-        isNew_ = false;
-        isTouched_ = entry.size() != 0;
-    }
+    if (entry.status() != S_OK || entry.size() != 0 || isNew)
+        return entry.status();
+    const HRESULT status = makeAnew(entry.spellingOf(name_.asString()), {S_OK});
+    if (status == S_OK)
+        isNew_ = isTouched_ = false; // nobody has the new interface yet, and the old one works no more
     return status;
 }
 
@@ -204,27 +207,34 @@ HRESULT VxCompoundStream::changeSize(unsigned long long size) {
     if (entry.status() != S_OK)
         return entry.status();
     if (entry.size() == 0)
-        return VxStream::changeSize(0);
+        return storage().settle(name_.asString(), {}, outcomeOf(VxStream::changeSize(0)));
     return makeAnew(entry.spellingOf(name_.asString()), {S_OK, entry.size()});
 }
 
 /// The stream stays where it stands, which may be behind its end. After a failure it goes on with its old
-/// contents, if they are still there.
+/// contents, if they are still there. Where it cannot go on, nobody would know at the next commit that it was
+/// emptied: then it counts as lost.
 HRESULT VxCompoundStream::makeAnew(const wchar_t* name, const VxCompoundStorage::Found& old) {
     if (stream_)
         resumeAt_ = Vexel::Detail::position(stream_.Get());
     stream_.Reset();
-    const HRESULT status = storage().replaceStream(name, old, &stream_);
-    if (status != S_OK && !storage().lost_.contains(name))
+    isNew_ = isTouched_ = false;
+    HRESULT status = storage().replaceStream(name, old, &stream_);
+    const bool isNew = status == S_OK;
+    if (!isNew && !storage().lost_.contains(name))
         fetch(stream_,
               [&](::IStream** made) { return storage().VxStorage::openStreamElement(name, false, made); });
+    const HRESULT resumed = stream_ ? resume() : status;
+    if (isNew)
+        status = resumed;
     if (!stream_) {
-        close();
+        if (isNew || old.size == 0)
+            storage().lost_.add(name);
+        VxStream::close();
         return status;
     }
     readOnly_ = false;
-    isNew_ = status == S_OK;
+    isNew_ = isNew;
     isTouched_ = true;
-    const HRESULT resumed = resume();
-    return status == S_OK ? resumed : status;
+    return status;
 }

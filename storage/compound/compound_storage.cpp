@@ -89,7 +89,8 @@ void VxCompoundStorage::attach(IStorage* storage, bool readOnly) {
 void VxCompoundStorage::close() {
     const TreeLock lock(*this);
     VxStorage::close();
-    lost_.clear(); // nor is anything else left that nobody committed
+    if (!name_.empty()) // a caller's interface keeps what nobody committed, elsewhere nothing of it is left
+        lost_.clear();
     if (std::exchange(temporary_, false))
         clearCopies();
 }

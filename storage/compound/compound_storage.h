@@ -30,6 +30,7 @@ public:
     long createRoot(DWORD stgm, DWORD reserved) override;
     long openRoot(DWORD stgm) override;
     HRESULT openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream) override;
+    HRESULT openStorageElement(const wchar_t* name, bool readOnly, IStorage** storage) override;
     HRESULT createStreamElement(const wchar_t* name, ::IStream** stream) override;
     HRESULT createStorageElement(const wchar_t* name, bool replace, IStorage** storage) override;
     HRESULT destroyElement(const wchar_t* name) override;
@@ -80,7 +81,7 @@ public:
         : VxStream(std::move(name), parent, root) {}
 
     StorageFormat format() const noexcept override { return StorageFormat::CompoundFile; }
-    bool deleteUnusedObjects(bool keepObjects) override;
+    void close() override;
     /// To be called before each commit of the storage: makes the element anew if its interface has emptied
     /// it.
     HRESULT prepareCommit();

@@ -184,11 +184,14 @@ long VxStorage::openInParent(bool readOnly) {
         if (const HRESULT allowed = parent_->checkAccess(readOnly); FAILED(allowed))
             return allowed;
         return Vexel::Detail::fetch(storage_, [&](IStorage** made) {
-            return parent_->storage_->OpenStorage(name_.asString(), nullptr,
-                                                  kChildFlags | accessFlags(readOnly), nullptr, 0, made);
+            return parent_->openStorageElement(name_.asString(), readOnly, made);
         });
     });
     return Vexel::Detail::elementStatus(opened, format(), name_);
+}
+
+HRESULT VxStorage::openStorageElement(const wchar_t* name, bool readOnly, IStorage** storage) {
+    return storage_->OpenStorage(name, nullptr, kChildFlags | accessFlags(readOnly), nullptr, 0, storage);
 }
 
 HRESULT VxStorage::createStorageElement(const wchar_t* name, bool replace, IStorage** storage) {

@@ -153,7 +153,8 @@ public:
     virtual long openRoot(DWORD stgm) = 0;
     /// Opens a stream's element. For writing its contents may be gone at once: they are emptied in any case.
     virtual HRESULT openStreamElement(const wchar_t* name, bool readOnly, ::IStream** stream);
-    /// These four make one call of the open interface. `createStreamElement` replaces what stands there.
+    /// These five make one call of the open interface. `createStreamElement` replaces what stands there.
+    virtual HRESULT openStorageElement(const wchar_t* name, bool readOnly, IStorage** storage);
     virtual HRESULT createStreamElement(const wchar_t* name, ::IStream** stream);
     virtual HRESULT createStorageElement(const wchar_t* name, bool replace, IStorage** storage);
     virtual HRESULT destroyElement(const wchar_t* name);
@@ -278,7 +279,7 @@ protected:
     Microsoft::WRL::ComPtr<::IStream> stream_;
     unsigned long long resumeAt_ = 0; // where a stream goes on that was closed under its handles
     bool isNew_ = false;              // made since it was opened; a backend takes that back
-    bool isTouched_ = false;          // its interface was given out since; a backend takes that back
+    bool isTouched_ = false;          // its interface was given out; a backend takes that back
 
 private:
     friend class VxStorage;

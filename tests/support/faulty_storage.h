@@ -32,7 +32,7 @@ public:
                    [&](auto** result) { return inner_->OpenStream(name, nullptr, stgm, 0, result); });
     }
     STDMETHODIMP CreateStorage(const wchar_t* name, DWORD stgm, DWORD, DWORD, IStorage** made) override {
-        return wrap(made, run(name, made, [&](auto** result) {
+        return wrap(made, run(stgm & STGM_CREATE ? name : nullptr, made, [&](auto** result) {
                         return inner_->CreateStorage(name, stgm, 0, 0, result);
                     }));
     }
