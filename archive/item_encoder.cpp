@@ -1,11 +1,10 @@
-// The encoder is called by its interface for C, from memory to memory: so it needs no window of its own, and
-// its tables come from the system by the same calls as other memory.
+// The encoder is called by its interface for C, from memory to memory: so it needs no window of its own. All
+// its memory, of which it takes few and large pieces, comes from the system by the same calls as other
+// memory.
 
 #include "archive/item_encoder.h"
 
 #include "base/platform.h"
-
-#include <Alloc.h>
 
 namespace Vexel::Storage::Engine {
 
@@ -67,7 +66,7 @@ bool ItemEncoder::prepare() noexcept {
     if (!room() || !reserve(packed_, kMostPacked))
         return false;
     if (!encoder_)
-        encoder_.reset(Lzma2Enc_Create(&g_AlignedAlloc, &kPages));
+        encoder_.reset(Lzma2Enc_Create(&kPages, &kPages));
     return encoder_ != nullptr;
 }
 

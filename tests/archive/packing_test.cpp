@@ -128,11 +128,13 @@ protected:
         for (unsigned i = 0; i < count; ++i)
             add(std::to_wstring(1000 + i), bytes.substr(i, size));
     }
-    HRESULT write(std::string& file, unsigned threads) const {
-        const auto stream = adopt(new InMemoryIStream());
+    HRESULT write(std::string& file, unsigned threads, const FaultyStream::Plan& plan = {}) const {
+        const auto stream = adopt(new FaultyStream);
+        *stream->plan = plan;
         const auto output = adopt(new PassThroughOutStream(stream.Get()));
         const HRESULT status = writeArchive(entries_, nullptr, output.Get(), L"x", threads);
         EXPECT_EQ(watch_.running, 0U) << "threads are left";
+        *stream->plan = {};
         file = Support::bytesOf(stream.Get());
         return status;
     }
@@ -240,6 +242,30 @@ TEST_F(Packing, AnItemThatCannotBeReadEndsIt) {
             contents = sound;
         }
     EXPECT_EQ(contentsOf(written(4)).size(), kCount);
+}
+
+// With the status of the output, wherever the threads are.
+TEST_F(Packing, AnOutputThatFailsEndsIt) {
+    struct Failure {
+        FaultyStream::Call call;
+        HRESULT status, expected;
+        unsigned calls; ///< at least
+    };
+    addMany(40, 30'000);
+    const std::string expected = written(1);
+    for (const Failure& failure : {Failure{FaultyStream::Writing, STG_E_MEDIUMFULL, STG_E_MEDIUMFULL, 40},
+                                   Failure{FaultyStream::Writing, S_FALSE, STG_E_WRITEFAULT, 40},
+                                   Failure{FaultyStream::Seeking, STG_E_ACCESSDENIED, STG_E_ACCESSDENIED, 1},
+                                   Failure{FaultyStream::Seeking, S_FALSE, STG_E_SEEKERROR, 1}}) {
+        const auto attempt = [&](unsigned n) {
+            SCOPED_TRACE(std::to_string(failure.call) + ", call " + std::to_string(n));
+            std::string file;
+            const HRESULT status = write(file, 1 + n % 4, {failure.call, failure.status, n, true});
+            EXPECT_TRUE(status == S_OK ? file == expected : status == failure.expected) << std::hex << status;
+            return status != S_OK;
+        };
+        EXPECT_GE(Support::sweepFaults(attempt), failure.calls);
+    }
 }
 
 /// Whose bytes are others each time that it is read.
