@@ -1,6 +1,5 @@
 #include "archive/name_pool.h"
 #include "archive_fixture.h"
-#include "base/handles.h"
 #include "base/text.h"
 
 #include <vexel/memory_streams.h>
@@ -77,22 +76,6 @@ TEST_F(Archive, KeepsTheTimesOfItems) {
     EXPECT_EQ(CompareFileTime(&set, &modification), 0);
     EXPECT_NE(upper->modificationFileTime().dwHighDateTime, 0U);
     EXPECT_EQ(lower->creationFileTime().dwHighDateTime, 0U);
-}
-
-// Unlike the system, the last write comes before the last access.
-TEST_F(Archive, TellsTheTimesOfItsFile) {
-    const FILETIME set[] = {{1, 0x01D00000}, {3, 0x01D20000}, {2, 0x01D10000}};
-    FILETIME times[3];
-    make({{L"a", "x"}});
-    Vexel::Detail::FileHandle file(
-        CreateFileW(archivePath.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr));
-    ASSERT_TRUE(SetFileTime(file.get(), &set[0], &set[2], &set[1]));
-    file = {};
-    const SZipArchive archive = open();
-    EXPECT_TRUE(archive.fileTimes(&times[0], &times[1], &times[2]));
-    EXPECT_EQ(CompareFileTime(&times[1], &set[1]), 0);
-    EXPECT_NE(CompareFileTime(&times[2], &set[1]), 0) << "read just now, or as it was set";
-    EXPECT_TRUE(archive.fileTimes(nullptr, nullptr, nullptr)) << "each is optional";
 }
 
 TEST_F(Archive, WarnsOfLostChangesOnly) {

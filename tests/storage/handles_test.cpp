@@ -322,6 +322,24 @@ TEST_P(Handles, ListWhatWasThere) {
     EXPECT_TRUE(taken.moveNext());
 }
 
+TEST_P(Handles, TellTheTimesOfTheirFile) {
+    const FILETIME changed{1, 0x01C00000}, used{2, 0x01C10000};
+    FILETIME times[3], made;
+    const HANDLE file =
+        CreateFileW(file_.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
+    ASSERT_TRUE(SetFileTime(file, nullptr, &used, &changed));
+    ASSERT_TRUE(GetFileTime(file, &made, nullptr, nullptr));
+    CloseHandle(file);
+    const StorageRef root = forReading();
+    ASSERT_TRUE(root.getFileTimes(&times[0], &times[1], &times[2]));
+    EXPECT_EQ(CompareFileTime(&times[0], &made), 0);
+    EXPECT_EQ(CompareFileTime(&times[1], &changed), 0);
+    EXPECT_EQ(CompareFileTime(&times[2], &changed), 1) << "read just now, or as it was set";
+    EXPECT_TRUE(root.getFileTimes(nullptr, nullptr, nullptr)) << "each is optional";
+    EXPECT_EQ(root.stat(nullptr, nullptr), S_OK);
+    EXPECT_EQ(openStream(L"Short", root).stat(nullptr, nullptr), S_OK);
+}
+
 class CompoundHandles : public Document<testing::Test> {
 protected:
     void SetUp() override { writeCompoundFile(file_, kSample); }
@@ -379,23 +397,6 @@ TEST_F(CompoundHandles, LetGoOfTheFileWithTheLastHandle) {
         openCompoundFile(file_, STGM_READWRITE | STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_NOSCRATCH),
         nullptr)
         << "a root that was closed in between keeps writers out again";
-}
-
-TEST_F(CompoundHandles, TellTimes) {
-    const FILETIME longAgo{0, 0x01C00000};
-    FILETIME times[3], made;
-    const HANDLE file =
-        CreateFileW(file_.c_str(), FILE_WRITE_ATTRIBUTES, 0, nullptr, OPEN_EXISTING, 0, nullptr);
-    ASSERT_TRUE(SetFileTime(file, nullptr, nullptr, &longAgo));
-    ASSERT_TRUE(GetFileTime(file, &made, nullptr, nullptr));
-    CloseHandle(file);
-    const StorageRef root = forReading();
-    ASSERT_TRUE(root.getFileTimes(&times[0], &times[1], &times[2]));
-    EXPECT_EQ(CompareFileTime(&times[0], &made), 0);
-    EXPECT_EQ(CompareFileTime(&times[1], &longAgo), 0);
-    EXPECT_EQ(CompareFileTime(&times[2], &longAgo), 1) << "read just now";
-    EXPECT_EQ(root.stat(nullptr, nullptr), S_OK);
-    EXPECT_EQ(openStream(L"Short", root).stat(nullptr, nullptr), S_OK);
 }
 
 TEST_F(CompoundHandles, MeetAnElementUnderTwoSpellings) {
