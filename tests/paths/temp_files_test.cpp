@@ -14,8 +14,6 @@
 #include <atomic>
 #include <cstdlib>
 #include <fstream>
-#include <mutex>
-#include <set>
 #include <string>
 #include <thread>
 #include <vector>
@@ -28,7 +26,6 @@ using Vexel::Detail::TempRecords;
 namespace {
 
 DWORD tick;
-int deletesBeforeFailure;
 
 TempFileContainer& registry() { return TempFileContainer::Instance(); }
 
@@ -269,25 +266,6 @@ TEST_F(TempFiles, AreKnownAtTheEndWhereverAThreadWasStopped) {
     isOver = true;
 }
 
-TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
-    for (int n = 0; n <= 3; ++n) {
-        registry().clearAll(); // what this round or another test has left
-        const SharedPathName files[] = {insertFile(), insertFile(), insertFile()};
-        deletesBeforeFailure = n;
-        platform().deleteFile = [](const wchar_t* path) -> BOOL {
-            SetLastError(ERROR_ACCESS_DENIED);
-            return deletesBeforeFailure-- != 0 && DeleteFileW(path);
-        };
-        registry().clearAll();
-        int left = 0;
-        for (const SharedPathName& file : files) {
-            EXPECT_EQ(exists(file), registry().contains(file));
-            left += exists(file);
-        }
-        EXPECT_EQ(left, n < 3 ? 1 : 0);
-    }
-}
-
 TEST_F(TempFiles, ThreadOutlivesWantOfMemory) {
     const SharedPathName name = insertFile();
     registry().erase(name);
@@ -406,31 +384,6 @@ TEST_F(TempFiles, LocalContainerHandsItsNamesOver) {
 }
 
 // The last tests: what they do to the count of marks cannot be undone.
-
-TEST_F(TempFiles, RegistryServesManyThreads) {
-    std::mutex mutex;
-    std::set<std::wstring> all;
-    std::vector<std::jthread> threads;
-    for (int number = 0; number < 3; ++number)
-        threads.emplace_back([&] {
-            std::vector<std::wstring> names;
-            for (int i = 0; i < 5000; ++i)
-                names.emplace_back(registry().generateUniqueFileName(nullptr, L"x").GetString());
-            for (int i = 0; i < 60; ++i) {
-                const SharedPathName name = insertFile();
-                registry().erase(name);
-                if (i % 3 == 0)
-                    registry().insert(name, false, false);
-                registry().erase(name);
-            }
-            const std::lock_guard lock(mutex);
-            all.insert(names.begin(), names.end());
-        });
-    threads.clear();
-    EXPECT_EQ(all.size(), 15000U);
-    registry().clearAll();
-    EXPECT_EQ(failuresLogged(), 0);
-}
 
 TEST_F(TempFiles, MarkedAgainWhileTheThreadDeletesThemStayMarked) {
     static SharedPathName name;
