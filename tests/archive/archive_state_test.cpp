@@ -33,11 +33,8 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         const wchar_t* message;
     } cases[] = {{"in use", ArchiveFaults::Create, ERROR_SHARING_VIOLATION, S_OK, VxLog_Error, open},
                  {"no right", ArchiveFaults::Create, ERROR_ACCESS_DENIED, S_OK, VxLog_Error, open},
-                 {"no drive", ArchiveFaults::Create, ERROR_INVALID_DRIVE, S_OK, VxLog_Minor, open},
                  {"not ready", ArchiveFaults::Create, ERROR_NOT_READY, S_OK, VxLog_Minor, open},
-                 {"no network path", ArchiveFaults::Create, ERROR_BAD_NETPATH, S_OK, VxLog_Minor, open},
                  {"no share", ArchiveFaults::Create, ERROR_BAD_NET_NAME, S_OK, VxLog_Minor, open},
-                 {"no element", ArchiveFaults::Create, ERROR_NOT_FOUND, S_OK, VxLog_Minor, open},
                  {"no error", ArchiveFaults::Create, ERROR_SUCCESS, S_OK, VxLog_Error, open},
                  {"bad sector", ArchiveFaults::Read, ERROR_CRC, HRESULT(0x80030017), VxLog_Error, read},
                  {"no size", ArchiveFaults::Size, ERROR_CRC, STG_E_INVALIDHEADER, VxLog_Error, size}};

@@ -197,17 +197,4 @@ TEST_F(ArchiveThreads, NothingIsLostWhileOneSaves) {
             EXPECT_EQ(contents.at(pathFor(writer, round)), contentsFor(writer * 1000 + round));
 }
 
-// Both take items from each other at the same time, which must not make them wait for ever.
-TEST_F(ArchiveThreads, ArchivesCopyFromEachOther) {
-    SZipArchive other = Support::inMemory({{L"w0", Support::directoryMark}});
-    const auto copy = [this](SZipArchive& to, const SZipArchive& from, const wchar_t* name) {
-        for (unsigned i = 0; i < 200; ++i)
-            note(to.addItem(from, std::wstring_view(L"w0"), (name + std::to_wstring(i)).c_str()) == S_OK);
-    };
-    std::thread first([&] { copy(archive_, other, L"x"); });
-    copy(other, archive_, L"y");
-    first.join();
-    EXPECT_EQ(failures_, 0U);
-}
-
 } // namespace

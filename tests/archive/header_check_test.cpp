@@ -200,32 +200,4 @@ TEST(HeaderCheck, LeavesChecksumsToTheEngineButTellsDamageFromNonsense) {
     }
 }
 
-// Whatever passes is read, with memory in proportion to its bytes.
-void judge(const std::string& file) {
-    Input input(file);
-    PlainHeader header;
-    if (checkHeaders(input, &header).fault != HeaderFault::None)
-        return;
-    const std::size_t size = header.bytes.size();
-    CDbEx database;
-    database.Clear();
-    const std::size_t before = AllocatedBytes();
-    EXPECT_EQ(readChecked(std::move(header), database), S_OK);
-    EXPECT_LE(AllocatedBytes() - before, 20 * size + 2000);
-}
-
-TEST(HeaderCheck, LetsNoDamageThrough) {
-    for (const wchar_t* name : {L"copy.7z", L"solid.7z", L"unsupported-bcj.7z", L"encrypted-data.7z"}) {
-        SCOPED_TRACE(name);
-        const std::string whole = sample(name);
-        Input input(whole);
-        PlainHeader plain;
-        ASSERT_EQ(checkHeaders(input, &plain).fault, HeaderFault::None);
-        const std::string packed = whole.substr(32, plain.offset - 32);
-        const std::string header(reinterpret_cast<const char*>(plain.bytes.data()), plain.bytes.size());
-        Support::sweepDamage(header, 0, {1, 2, 4, 8, 16, 32, 64, 128, 255},
-                             [&](const std::string& damaged) { judge(archiveOf(packed, damaged)); });
-    }
-}
-
 } // namespace

@@ -5,6 +5,7 @@
 // VEXEL_TEST_SECONDS sets how long it runs.
 
 #include "support/storage_test.h"
+#include "support/streams.h"
 
 #include <array>
 #include <atomic>
@@ -21,13 +22,7 @@ constexpr int kThreadCount = 8;
 
 /// The same for the same name, and different at every place.
 std::string pattern(std::wstring_view name, size_t size) {
-    unsigned state = 1;
-    for (const wchar_t c : name)
-        state = state * 31 + c;
-    std::string bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
-    return bytes;
+    return noise(size + std::hash<std::wstring_view>()(name) % 1000).substr(0, size);
 }
 
 std::wstring numbered(const wchar_t* name, int number) { return name + std::to_wstring(number); }

@@ -19,13 +19,11 @@ namespace {
 constexpr auto kCompoundFile = StorageFormat::CompoundFile, kPackage = StorageFormat::Package;
 constexpr CLSID kSomeClass{0x12345678, 0x1234, 0x1234, {1, 2, 3, 4, 5, 6, 7, 8}};
 
+/// In the order of their paths.
 std::vector<Element> sorted(std::vector<Element> elements) {
-    std::sort(elements.begin(), elements.end(),
-              [](const Element& a, const Element& b) { return a.path < b.path; });
+    std::ranges::sort(elements, {}, &Element::path);
     return elements;
 }
-
-/// All elements, in the order of their paths.
 std::vector<Element> allOf(const StorageRef& storage) { return sorted(elementsOf(storage)); }
 
 CLSID classOf(const StorageRef& storage) {
@@ -154,91 +152,86 @@ void damage(std::string& file, const Element& stream, bool isPackage) {
 // From and to either format, and as the system copies the documents of others. All else goes over: odd names,
 // classes and what is below; it joins what is there and replaces streams.
 TEST_F(Copying, ABadStreamCostsThatStreamOnly) {
-    const struct {
+    struct Way {
         const char* name;
         StorageFormat from, to;
-        bool foreign = false, observed = false;
-    } ways[] = {
-        {"compound to compound", kCompoundFile, kCompoundFile},
-        {"compound to package", kCompoundFile, kPackage},
-        {"foreign compound to package", kCompoundFile, kPackage, true},
-        {"package to compound", kPackage, kCompoundFile},
-        {"package to package", kPackage, kPackage},
-        {"compound to compound, observed", kCompoundFile, kCompoundFile, false, true},
-        {"compound to package, observed", kCompoundFile, kPackage, false, true},
-        {"package to compound, observed", kPackage, kCompoundFile, false, true},
-        {"package to package, observed", kPackage, kPackage, false, true},
+        bool foreign = false;
     };
+    const Way ways[] = {{"compound to compound", kCompoundFile, kCompoundFile},
+                        {"compound to package", kCompoundFile, kPackage},
+                        {"foreign compound to package", kCompoundFile, kPackage, true},
+                        {"package to compound", kPackage, kCompoundFile},
+                        {"package to package", kPackage, kPackage}};
     const std::vector<std::set<std::wstring>> badOnes{
         {},
         {L"a-first"},
-        {L"h-middle"},
-        {L"k-last"},
-        {L"b-box/c-first"},
         {L"b-box/d-deep/f-last"},
         {L"i-only/j-only"},
         {L"a-first", L"b-box/d-deep/e-first", L"b-box/g-last", L"k-last"}};
     const std::vector<Element> before{{L"b-box/z-kept", "kept"}, {L"\1CompObj", "old"}, {L"z-kept", "kept"}};
     int number = 0;
-    for (const auto& way : ways)
-        for (const auto& bad : badOnes) {
-            SCOPED_TRACE(testing::Message() << way.name << ", bad " << bad.size() << " "
-                                            << (bad.empty() ? std::wstring() : *bad.begin()));
-            const std::wstring from = folder_.file(std::to_wstring(++number) + L" from"),
-                               to = folder_.file(std::to_wstring(number) + L" to");
-            std::vector<Element> elements = placesOfStreams(), expected{before[0], before[2]};
-            elements.insert(elements.end(), {{L"A name of thirty-one characters", std::string(100'000, 'b')},
-                                             {L"b-box/d-deep/\u0416", ""},
-                                             {L"\1CompObj", "new"}});
-            if (way.foreign)
-                elements.push_back({L"\1Ole", "ole"});
-            writeDocument(to, way.to, before);
-            writeDocument(from, way.from, elements);
-            setClasses(from);
-            std::string file = readFile(from);
-            for (const Element& element : elements) {
-                if (bad.contains(element.path))
-                    damage(file, element, way.from == kPackage);
-                else
-                    expected.push_back(element);
-            }
-            writeFile(from, file);
-
-            const StorageRef source = openRoot(path(from), modeRead);
-            StorageRef target = openRoot(path(to), modeWrite);
-            // What the application has open stays where it is.
-            StreamRef mine = openStream(bad.contains(L"a-first") ? L"h-middle" : L"a-first", source),
-                      kept = openStream(L"z-kept", target);
-            ASSERT_EQ(mine.Seek(vxio::IReadStream::Begin, 3), 3u);
-            ASSERT_EQ(kept.Seek(vxio::IReadStream::Begin, 2), 2u);
-            // Nor does it matter that the reopening of its storage has closed it meanwhile.
-            const StorageRef writing = bad.empty() ? openStorage(L"b-box", source, false) : StorageRef();
-            Observer observer;
-            EXPECT_EQ(Vexel::copyTree(source, target, way.observed ? &observer : nullptr),
-                      bad.empty() ? S_OK : STG_E_READFAULT);
-            if (way.observed) {
-                std::erase_if(observer.nodes, [](const auto& node) { return node.ends_with(L".clsid"); });
-                EXPECT_EQ(observer.nodes, pathsOf(elements));
-                EXPECT_EQ(observer.faults, bad);
-                EXPECT_GE(observer.bytes, totalOf(expected) - 8);
-            }
-            EXPECT_EQ(mine.GetPosition(), 3u);
-            EXPECT_EQ(kept.GetPosition(), 2u);
-            EXPECT_EQ(target.commit(), S_OK);
-            closeForGood(mine, kept, target);
-            const StorageRef result = openRoot(path(to), modeRead), box = openStorage(L"b-box", result);
-            EXPECT_EQ(allOf(result), sorted(expected));
-            EXPECT_TRUE(classOf(result) == kSomeClass);
-            EXPECT_TRUE(classOf(box) == kSomeClass);
-            EXPECT_TRUE(classOf(openStorage(L"d-deep", box)) == CLSID_NULL);
-            if (way.from == kPackage &&
-                (!way.observed || way.to != kCompoundFile)) { // told once, by the archive and by who copies
-                EXPECT_EQ(log_.count(VxLog_Error, L"for copying: 0x8003001e") +
-                              log_.count(VxLog_Error, L"has not met the expectations"),
-                          2 * static_cast<int>(bad.size()));
-            }
-            log_.clear();
+    const auto copyWith = [&](const Way& way, const std::set<std::wstring>& bad, bool observed) {
+        SCOPED_TRACE(testing::Message() << way.name << ", bad " << testing::PrintToString(bad)
+                                        << (observed ? ", observed" : ""));
+        const std::wstring from = folder_.file(std::to_wstring(++number) + L" from"),
+                           to = folder_.file(std::to_wstring(number) + L" to");
+        std::vector<Element> elements = placesOfStreams(), expected{before[0], before[2]};
+        elements.insert(elements.end(), {{L"A name of thirty-one characters", std::string(100'000, 'b')},
+                                         {L"b-box/d-deep/\u0416", ""},
+                                         {L"\1CompObj", "new"}});
+        if (way.foreign)
+            elements.push_back({L"\1Ole", "ole"});
+        writeDocument(to, way.to, before);
+        writeDocument(from, way.from, elements);
+        setClasses(from);
+        std::string file = readFile(from);
+        for (const Element& element : elements) {
+            if (bad.contains(element.path))
+                damage(file, element, way.from == kPackage);
+            else
+                expected.push_back(element);
         }
+        writeFile(from, file);
+
+        const StorageRef source = openRoot(path(from), modeRead);
+        StorageRef target = openRoot(path(to), modeWrite);
+        // What the application has open stays where it is.
+        StreamRef mine = openStream(bad.contains(L"a-first") ? L"h-middle" : L"a-first", source),
+                  kept = openStream(L"z-kept", target);
+        ASSERT_EQ(mine.Seek(vxio::IReadStream::Begin, 3), 3u);
+        ASSERT_EQ(kept.Seek(vxio::IReadStream::Begin, 2), 2u);
+        // Nor does it matter that the reopening of its storage has closed it meanwhile.
+        const StorageRef writing = bad.empty() ? openStorage(L"b-box", source, false) : StorageRef();
+        Observer observer;
+        EXPECT_EQ(Vexel::copyTree(source, target, observed ? &observer : nullptr),
+                  bad.empty() ? S_OK : STG_E_READFAULT);
+        if (observed) {
+            std::erase_if(observer.nodes, [](const auto& node) { return node.ends_with(L".clsid"); });
+            EXPECT_EQ(observer.nodes, pathsOf(elements));
+            EXPECT_EQ(observer.faults, bad);
+            EXPECT_GE(observer.bytes, totalOf(expected) - 8);
+        }
+        EXPECT_EQ(mine.GetPosition(), 3u);
+        EXPECT_EQ(kept.GetPosition(), 2u);
+        EXPECT_EQ(target.commit(), S_OK);
+        closeForGood(mine, kept, target);
+        const StorageRef result = openRoot(path(to), modeRead), box = openStorage(L"b-box", result);
+        EXPECT_EQ(allOf(result), sorted(expected));
+        EXPECT_TRUE(classOf(result) == kSomeClass);
+        EXPECT_TRUE(classOf(box) == kSomeClass);
+        EXPECT_TRUE(classOf(openStorage(L"d-deep", box)) == CLSID_NULL);
+        if (way.from == kPackage &&
+            (!observed || way.to != kCompoundFile)) { // told once, by the archive and by who copies
+            EXPECT_EQ(log_.count(VxLog_Error, L"for copying: 0x8003001e") +
+                          log_.count(VxLog_Error, L"has not met the expectations"),
+                      2 * static_cast<int>(bad.size()));
+        }
+        log_.clear();
+    };
+    for (const Way& way : ways)
+        for (const auto& bad : badOnes)
+            for (const bool observed : {false, true})
+                copyWith(way, bad, observed);
 }
 
 // Whatever the source is, and before anything is done.
@@ -329,8 +322,6 @@ TEST_F(Copying, FaultsEndItWhereTheObserverWantsThat) {
 TEST_F(Copying, WalksMeetEachNodeOnce) {
     const std::vector<Element> elements = placesOfStreams();
     writeBoth(elements);
-    Observer observer;
-    EXPECT_EQ(Vexel::walkTree(StorageRef(), observer), STG_E_INVALIDPARAMETER);
     for (const wchar_t* const name : {L"compound", L"package"}) {
         Observer all, stopped;
         EXPECT_EQ(Vexel::walkTree(open(name), all), S_OK);
@@ -339,6 +330,7 @@ TEST_F(Copying, WalksMeetEachNodeOnce) {
         stopped.steps = 3;
         EXPECT_EQ(Vexel::walkTree(open(name), stopped), E_ABORT);
         EXPECT_EQ(stopped.nodes.size(), 3u);
+        EXPECT_EQ(Vexel::walkTree(StorageRef(), stopped), STG_E_INVALIDPARAMETER);
     }
 }
 
