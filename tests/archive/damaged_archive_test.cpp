@@ -18,8 +18,7 @@ using namespace ArchiveBytes;
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
 using Support::FaultyStream;
-using Vexel::Storage::SZipArchive;
-using Vexel::Storage::SZipStorage;
+using namespace Vexel::Storage;
 
 namespace {
 

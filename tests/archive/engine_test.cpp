@@ -14,10 +14,8 @@
 
 using namespace Vexel::Storage;
 using namespace Vexel::Storage::Engine;
-using Support::FaultyStream;
-using Support::noise;
-using Vexel::Detail::adopt;
-using Vexel::Detail::platform;
+using namespace Support;
+using namespace Vexel::Detail;
 
 namespace {
 

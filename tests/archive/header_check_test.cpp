@@ -99,7 +99,6 @@ TEST(HeaderCheck, PassesWhatTheEngineReads) {
     const std::pair<const char*, std::string> cases[] = {
         {"plain header", sample(L"plain-lzma2.7z")},
         {"packed header", sample(L"plain-lzma-packed-header.7z")},
-        {"stored", sample(L"copy.7z")},
         {"solid", sample(L"solid.7z")},
         {"no items", sample(L"empty.7z")},
         {"unknown method", sample(L"unsupported-ppmd.7z")},
@@ -197,6 +196,34 @@ TEST(HeaderCheck, LeavesChecksumsToTheEngineButTellsDamageFromNonsense) {
         }
         for (const std::string& file : {plain(nonsense), packed(nonsense)})
             expectFault("nonsense", file, damage == 0 ? HeaderFault::Unsupported : HeaderFault::Header);
+    }
+}
+
+// Whatever passes is read, with memory in proportion to its bytes.
+void judge(const std::string& file) {
+    Input input(file);
+    PlainHeader header;
+    if (checkHeaders(input, &header).fault != HeaderFault::None)
+        return;
+    const std::size_t size = header.bytes.size();
+    CDbEx database;
+    database.Clear();
+    const std::size_t before = AllocatedBytes();
+    EXPECT_EQ(readChecked(std::move(header), database), S_OK);
+    EXPECT_LE(AllocatedBytes() - before, 20 * size + 2000);
+}
+
+TEST(HeaderCheck, LetsNoDamageThrough) {
+    for (const wchar_t* name : {L"copy.7z", L"solid.7z", L"unsupported-bcj.7z", L"encrypted-data.7z"}) {
+        SCOPED_TRACE(name);
+        const std::string whole = sample(name);
+        Input input(whole);
+        PlainHeader plain;
+        ASSERT_EQ(checkHeaders(input, &plain).fault, HeaderFault::None);
+        const std::string packed = whole.substr(32, plain.offset - 32);
+        const std::string header(reinterpret_cast<const char*>(plain.bytes.data()), plain.bytes.size());
+        Support::sweepDamage(header, 0, {1, 2, 4, 8, 16, 32, 64, 128, 255},
+                             [&](const std::string& damaged) { judge(archiveOf(packed, damaged)); });
     }
 }
 

@@ -11,8 +11,7 @@
 #include <string>
 #include <vector>
 
-using Support::raised;
-using Support::readFile;
+using namespace Support;
 
 namespace {
 

@@ -15,15 +15,12 @@
 #include <random>
 #include <thread>
 
-using vxio::IniFile;
-using vxio::IniFileSection;
-using vxio::TextEncoding;
+using namespace vxio;
 using namespace std::string_literals;
 
 namespace {
 
-using Support::readFile;
-using Support::writeFile;
+using namespace Support;
 
 std::string narrow(const CString& text) {
     const std::wstring wide = text.GetString();

@@ -9,8 +9,7 @@
 #include <vector>
 
 using Microsoft::WRL::ComPtr;
-using Support::raised;
-using Support::systemStream;
+using namespace Support;
 using namespace std::string_literals;
 using namespace std::string_view_literals;
 

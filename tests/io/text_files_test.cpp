@@ -8,9 +8,7 @@
 #include <thread>
 
 using namespace std::string_literals;
-using vxio::FileAccess;
-using vxio::FileCreation;
-using vxio::TextEncoding;
+using namespace vxio;
 
 namespace {
 

@@ -12,16 +12,13 @@
 #include <gtest/gtest.h>
 
 #include <atomic>
-#include <cstdlib>
 #include <fstream>
 #include <string>
 #include <thread>
 #include <vector>
 
 using Vexel::FileSystemEntryExists;
-using Vexel::Detail::FileHandle;
-using Vexel::Detail::platform;
-using Vexel::Detail::TempRecords;
+using namespace Vexel::Detail;
 
 namespace {
 
@@ -414,26 +411,6 @@ TEST_F(TempFiles, MarkTakenBackGoesOnCounting) {
     registry().erase(name);
     EXPECT_FALSE(exists(name));
     EXPECT_FALSE(registry().clear());
-}
-
-/// Destroyed after the registry; by then its files must be gone, or the program fails.
-struct AfterTheRegistry {
-    std::vector<std::wstring> files;
-    ~AfterTheRegistry() {
-        for (const std::wstring& file : files)
-            if (FileSystemEntryExists(file))
-                std::_Exit(1);
-    }
-} afterTheRegistry;
-
-TEST(TempFilesAtLast, GoWithTheRegistry) {
-    for (const bool marked : {false, true}) {
-        const SharedPathName name = registry().insert(nullptr, L"last", false, false);
-        write(name);
-        if (marked)
-            registry().erase(name);
-        afterTheRegistry.files.emplace_back(name.asString());
-    }
 }
 
 } // namespace

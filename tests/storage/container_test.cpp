@@ -182,19 +182,6 @@ TEST_F(Container, EveryCallIsTriedTwiceWhenHandlesRunOut) {
     EXPECT_GE(failed, 30);
 }
 
-TEST_F(Container, NoSecondAttemptWithoutAGain) {
-    const CountedSystem system;
-    StorageRef used = openRoot(path_, modeRead), root;
-    const SharedPathName other = path(folder_.file(L"other.cfb"));
-    writeCompoundFile(other.asString(), {{L"Note", ""}});
-    CountedSystem::failOpen = STG_E_TOOMANYOPENFILES;
-    EXPECT_EQ(root.open(other, modeRead, false), STG_E_TOOMANYOPENFILES) << "there was nothing to free";
-    openStream(L"Note", used);
-    CountedSystem::failOpen = STG_E_INSUFFICIENTMEMORY;
-    EXPECT_EQ(root.open(other, modeRead, false), S_OK) << "the unused stream was freed";
-    EXPECT_TRUE(used.storage());
-}
-
 // A caller's interface behind a proxy may need another thread, with locks of its own, for its answer.
 TEST_F(Container, CallersInterfacesAreAskedUnderNoLock) {
     FakeCalls calls;

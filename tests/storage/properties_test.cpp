@@ -12,8 +12,7 @@
 using namespace std::string_literals;
 using namespace Support;
 using Microsoft::WRL::ComPtr;
-using Vexel::Properties;
-using Vexel::PropertyVariant;
+using namespace Vexel;
 
 namespace {
 
@@ -49,8 +48,6 @@ std::string describe(const PROPVARIANT& raw) {
         return all + bytesOf(&raw.decVal, sizeof(DECIMAL));
     case VT_VECTOR | VT_I2:
         return all + bytesOf(raw.cai.pElems, raw.cai.cElems * sizeof(SHORT));
-    case VT_VECTOR | VT_I4:
-        return all + bytesOf(raw.cal.pElems, raw.cal.cElems * sizeof(LONG));
     case VT_VECTOR | VT_LPWSTR:
         for (ULONG i = 0; i < raw.calpwstr.cElems; ++i)
             all += bytesOf(CString(raw.calpwstr.pElems[i])) + ", ";
@@ -150,7 +147,6 @@ Properties someProperties() {
     LPSTR narrows[]{narrow, narrow};
     LPWSTR wides[]{wide, empty, wide};
     SHORT shorts[]{1, -2, 3};
-    LONG longs[]{4, -5};
     PROPVARIANT variants[3]{};
     variants[0].vt = VT_LPSTR;
     variants[0].pszVal = narrow;
@@ -170,7 +166,6 @@ Properties someProperties() {
     add(VT_VECTOR | VT_LPSTR, &PROPVARIANT::calpstr, CALPSTR{2, narrows});
     add(VT_VECTOR | VT_LPWSTR, &PROPVARIANT::calpwstr, CALPWSTR{3, wides});
     add(VT_VECTOR | VT_I2, &PROPVARIANT::cai, CAI{3, shorts});
-    add(VT_VECTOR | VT_I4, &PROPVARIANT::cal, CAL{2, longs});
     add(VT_VECTOR | VT_VARIANT, &PROPVARIANT::capropvar, CAPROPVARIANT{3, variants});
     return properties;
 }
@@ -365,7 +360,6 @@ TEST_F(PropertySets, RefuseWhatTheyCannotHold) {
               {"clipboard data", kTitle, VT_VECTOR | VT_CF},
               {"an unknown type", kTitle, kUnknown},
               {"the code page", PID_CODEPAGE, VT_I4},
-              {"the names", PID_DICTIONARY, VT_I4},
               {"the locale", PID_LOCALE, VT_I4},
               {"no number", PID_ILLEGAL, VT_I4}};
     for (const auto& [what, id, type] : cases) {
