@@ -58,18 +58,6 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
     }
 }
 
-TEST_F(State, NeverReplacesWhatIsNoArchive) {
-    writeFile(archivePath, "This is text, and long enough to be looked at.");
-    SZipArchive archive(archivePath, false, true);
-    EXPECT_EQ(archive.reload(), STG_E_INVALIDHEADER);
-    fill(archive, {{L"new", "x"}});
-    EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
-    EXPECT_EQ(refusals(), 1);
-    EXPECT_EQ(readFile(archivePath).substr(0, 12), "This is text");
-    EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
-    EXPECT_EQ(saved(archive), (Contents{{L"new", "x"}}));
-}
-
 // Two programs begin the same document.
 TEST_F(State, TakesInAFileThatAppearsLater) {
     SZipArchive archive = open();

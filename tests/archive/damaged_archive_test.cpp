@@ -229,15 +229,6 @@ TEST(DamagedArchives, TakeMemoryForWhatTheyHoldAlone) {
           {"\x0C", 1},
           {zero, kMany},
           {end, 1}}},
-        {"properties of a coder",
-         {{streams + packInfo(0) + bytes({7, 11, 1, 0, 1, 0x20}) + number(kMuch), 1},
-          {zero, kMuch},
-          {end, 1}}},
-        {"streams of a folder",
-         {{streams + packInfo(0) + unpackInfo(copyFolder, 0) + bytes({8, 13}) + number(kMany) + bytes({9}),
-           1},
-          {zero, kMany},
-          {end, 1}}},
     };
     for (const auto& [name, header] : bombs) {
         SCOPED_TRACE(name);

@@ -386,34 +386,4 @@ TEST_F(Ini, FindsKeysInLongAndShortSections) {
     }
 }
 
-// Whatever is in a file: it is refused, or comes back as it was after a save. What does not survive one by
-// nature (see the header) is mended first.
-TEST_F(Ini, AnyFileIsRefusedOrKept) {
-    std::mt19937 random(11);
-    const std::string good = "[Main]\nWidth = 10\n;comment\nName='a b'\n[Other]\nk=v\nl=\xD0\x96\n";
-    int accepted = 0;
-    for (int round = 0; round < 100; ++round) {
-        std::string bytes = good;
-        if (round % 4 == 0) {
-            bytes.resize(random() % 200);
-            for (char& byte : bytes)
-                byte = static_cast<char>(random());
-        } else {
-            for (unsigned i = 0; i <= random() % 6; ++i)
-                bytes[random() % bytes.size()] = "[]=;'\" \n\r\0\xFF\xFEk"[random() % 13];
-        }
-        writeFile(path_, bytes);
-        IniFile file;
-        if (!file.Load(path_.c_str()))
-            continue;
-        ++accepted;
-        // Quotes go layer by layer, so what was saved may lose some; it still is a file.
-        const std::size_t sections = file.GetSections().size();
-        ASSERT_TRUE(file.Save(path_.c_str()));
-        ASSERT_TRUE(file.Load(path_.c_str())) << round;
-        ASSERT_EQ(file.GetSections().size(), sections);
-    }
-    EXPECT_GT(accepted, 12);
-}
-
 } // namespace

@@ -74,28 +74,6 @@ TEST(ComObjects, AreOneObjectUnderAllTheirInterfaces) {
         Support::expectInterfaces(object, {IID_IUnknown, IID_ISequentialStream, IID_IStream}, IID_IStorage);
 }
 
-TEST(MemoryStream, GrowsInSteps) {
-    constexpr unsigned long long kMiB = 1 << 20;
-    struct Case {
-        unsigned long long initial, position, count, capacity;
-    };
-    for (const auto& [initial, position, count, capacity] :
-         {Case{0, 0, 0, 0}, Case{0, 0, 1, 1024}, Case{0, 0, 1023, 1024}, Case{0, 0, 1024, 2048},
-          Case{0, 0, 1025, 2048}, Case{0, 5000, 0, 5120}, Case{100, 100, 1, 1124}, Case{2048, 2048, 1, 4096},
-          Case{3000, 3000, 3000, 9000}, Case{32 * kMiB, 32 * kMiB, 1, 64 * kMiB},
-          Case{48 * kMiB, 48 * kMiB, 1, 80 * kMiB}, Case{48 * kMiB, 48 * kMiB, 0, 48 * kMiB}}) {
-        const auto stream = adopt(new InMemoryIStream(initial));
-        EXPECT_EQ(stream->capacity(), initial) << "exactly what was asked for";
-        EXPECT_EQ(seek(stream, static_cast<long long>(position)), S_OK);
-        EXPECT_EQ(stream->write(std::string(count, 'x').data(), count), count);
-        EXPECT_EQ(stream->capacity(), capacity) << initial << " " << position << " " << count;
-        EXPECT_EQ(stream->size(), position + count) << "nothing written beyond the end makes it reach there";
-        EXPECT_TRUE(stream->resize(1));
-        EXPECT_EQ(stream->capacity(), (std::max)(capacity, 1ULL));
-        EXPECT_EQ(stream->position(), position + count);
-    }
-}
-
 TEST(MemoryStream, TakesWhatMemoryThereIs) {
     const auto stream = streamOf(std::string(100, 'x'));
     const std::string more(2000, 'y');

@@ -107,7 +107,6 @@ TEST_F(TextFiles, WritesEncodings) {
     EXPECT_EQ(written(L"a\u0416\u4E2D\U0001F600", TextEncoding::Utf8),
               "a\xD0\x96\xE4\xB8\xAD\xF0\x9F\x98\x80");
     EXPECT_EQ(written(L"\xD800x\xDC00", TextEncoding::Utf8), "\xEF\xBF\xBDx\xEF\xBF\xBD");
-    EXPECT_EQ(written(L"z", TextEncoding::Utf8, true), "\xEF\xBB\xBFz");
     EXPECT_EQ(written(L"\U0001F600\xD800", TextEncoding::Utf16BE), "\xD8\x3D\xDE\x00\xD8\0"s);
     EXPECT_EQ(written(L"\xD800", TextEncoding::Utf32BE), "\0\0\xFF\xFD"s);
     EXPECT_EQ(written(L"a\u00E9", TextEncoding::Ansi).size(), 2u);
@@ -214,7 +213,6 @@ TEST_F(TextFiles, StreamsMoveLikeOthers) {
     EXPECT_EQ(reading.GetLength(), 10u);
     EXPECT_EQ(reading.Seek(vxio::IStream::End, -3), 7u);
     EXPECT_EQ(reading.Seek(vxio::IStream::Current, -9), 7u) << "before the start";
-    EXPECT_EQ(reading.Seek(static_cast<vxio::IStream::SeekPosition>(9), 1), 7u);
     EXPECT_EQ(reading.SeekToEnd(), 10u);
 
     vxio::SimpleFile moved, file;

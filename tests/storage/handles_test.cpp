@@ -3,6 +3,7 @@
 
 #include "support/scarce_memory.h"
 #include "support/storage_test.h"
+#include "support/streams.h"
 
 #include <algorithm>
 #include <array>
@@ -68,24 +69,13 @@ TEST(NullHandles, AnswerEveryCall) {
     FILETIME times[2] = {{1, 1}, {1, 1}};
     unsigned long done = 7;
     char byte = 0;
-    const long refused[] = {
-        storage.open(L"x", StorageRef(), true),
-        storage.create(CStringW(L"x"), StorageRef(), false),
-        storage.destroy(L"x"),
-        storage.clear(),
-        storage.commit(),
-        storage.borrowPackedData(StorageRef()),
-        storage.stat(&times[0], nullptr),
-        stream.open(CStringW(L"x"), storage, true),
-        stream.create(L"x", storage),
-        stream.read(&byte, 1, &done),
-        stream.write(&byte, 1, nullptr),
-        stream.copyTo(other),
-        stream.commit(),
-        stream.stat(nullptr, &times[1]),
-        children.reset(storage),
-    };
-    EXPECT_THAT(refused, testing::Each(STG_E_INVALIDPARAMETER));
+    expectEach(STG_E_INVALIDPARAMETER,
+               {storage.open(L"x", StorageRef(), true), storage.create(CStringW(L"x"), StorageRef(), false),
+                storage.destroy(L"x"), storage.clear(), storage.commit(),
+                storage.borrowPackedData(StorageRef()), storage.stat(&times[0], nullptr),
+                stream.open(CStringW(L"x"), storage, true), stream.create(L"x", storage),
+                stream.read(&byte, 1, &done), stream.write(&byte, 1, nullptr), stream.copyTo(other),
+                stream.commit(), stream.stat(nullptr, &times[1]), children.reset(storage)});
     EXPECT_EQ(stream.setSize(1), E_FAIL);
     EXPECT_EQ(children.status(), STG_E_INVALIDPARAMETER);
     EXPECT_EQ(times[0].dwLowDateTime + times[1].dwHighDateTime + done, 0u);
