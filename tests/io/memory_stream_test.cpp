@@ -5,11 +5,9 @@
 
 #include <vexel/sub_stream.h>
 
-#include <atomic>
 #include <climits>
 #include <cstdlib>
 #include <numeric>
-#include <thread>
 #include <tuple>
 #include <vector>
 
@@ -37,34 +35,6 @@ DynamicBuffer bufferOn(unsigned char* block, unsigned long long size, unsigned l
     std::tie(buffer.data, buffer.size, buffer.capacity, buffer.ownsMemory) =
         std::tuple(block, size, capacity, owns);
     return buffer;
-}
-
-struct Counted final : Vexel::IUnknownImpl<IUnknown> {
-    explicit Counted(std::atomic<int>& ends) : ends_(ends) {}
-    ~Counted() override { ++ends_; }
-
-private:
-    std::atomic<int>& ends_;
-};
-
-TEST(ComObjects, EndOnceWithTheLastReference) {
-    std::atomic<int> ends{0};
-    auto* const object = new Counted(ends);
-    std::vector<std::jthread> holders;
-    for (int i = 0; i < 4; ++i) {
-        object->AddRef();
-        holders.emplace_back([object] {
-            for (int k = 0; k < 20'000; ++k) {
-                void* same = nullptr;
-                object->QueryInterface(IID_IUnknown, &same);
-                object->Release();
-            }
-            object->Release();
-        });
-    }
-    object->Release();
-    holders.clear();
-    EXPECT_EQ(ends, 1);
 }
 
 TEST(ComObjects, AreOneObjectUnderAllTheirInterfaces) {

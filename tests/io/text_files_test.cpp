@@ -181,27 +181,6 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     EXPECT_FALSE(full.Close());
 }
 
-TEST_F(TextFiles, OthersMayDoWhatIsNotProtected) {
-    const struct {
-        vxio::FileStreamProtectedType protection;
-        std::string allowed;
-    } cases[] = {{vxio::ProtectAll, ""},
-                 {vxio::ProtectWriting, "read "},
-                 {vxio::ProtectReading, "write "},
-                 {vxio::ProtectNothing, "read write remove "}};
-    for (const auto& test : cases) {
-        vxio::SimpleFile file, other;
-        ASSERT_TRUE(file.Open(path_.c_str(), FileAccess::Read, FileCreation::OpenOrCreate, test.protection));
-        std::string done;
-        for (const auto& [access, name] :
-             {std::pair(FileAccess::Read, "read "), {FileAccess::Write, "write "}})
-            if (other.Open(path_.c_str(), access, FileCreation::OpenExisting, vxio::ProtectNothing))
-                done += name;
-        other.Close();
-        EXPECT_EQ(done + (DeleteFileW(path_.c_str()) ? "remove " : ""), test.allowed);
-    }
-}
-
 TEST_F(TextFiles, StreamsMoveLikeOthers) {
     vxio::FileWriteStream writing;
     ASSERT_TRUE(writing.Open({.path = path_.c_str(), .protection = vxio::ProtectNothing}));

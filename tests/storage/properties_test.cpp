@@ -240,20 +240,6 @@ TEST_F(PropertySets, HaveTheVersionThatTheirTypesNeed) {
         }
 }
 
-// The user's own properties stand behind the document's summary.
-TEST_F(PropertySets, ShareAStream) {
-    const Document document;
-    Properties properties;
-    EXPECT_EQ(Vexel::ReadProperties(document.root, users, properties), STG_E_FILENOTFOUND);
-    const std::pair<const FMTID*, int> writes[]{{&users, 1}, {&documentSummary, 2}, {&users, 3}};
-    for (const auto& [format, value] : writes) {
-        EXPECT_EQ(document.write(*format, kPages, PropertyVariant(value)), S_OK);
-        EXPECT_EQ(document.read(*format)[kPages].asInteger(), value);
-        EXPECT_EQ(document.bytes(kDocumentName).substr(28, 16), bytesOf(&documentSummary, 16));
-    }
-    EXPECT_EQ(document.read(documentSummary)[kPages].asInteger(), 2);
-}
-
 /// A stream of the user's own properties: number, value and, of the first three, a name, in code page 1251.
 /// One has a type that nobody knows. Its locale and behavior are kept like these.
 std::string usersStream() {

@@ -1,7 +1,7 @@
 // Copying storages between the formats.
 
 #include "support/fake_storage.h"
-#include "support/scarce_memory.h"
+#include "support/fault_sweep.h"
 #include "support/storage_test.h"
 
 #include <vexel/copying.h>
@@ -527,18 +527,6 @@ TEST_F(CopyingOfFakes, HoldsTheStreamsItCopies) {
     calls_.take();
     EXPECT_EQ(from.copyTo(to), S_OK);
     EXPECT_EQ(calls_.take(), L"Seek\nStat 1\nSeek\nCopyTo\nSeek\n~Stream\n");
-
-    list({L"From"});
-    sweepFaults([&](unsigned spared) {
-        const StorageRef target = package(L"package" + std::to_wstring(spared));
-        source_.deleteUnusedObjects();
-        begin();
-        const bool struck = WithFailingAllocation(spared, [&] { source_.copyTo(target); });
-        const std::wstring calls = calls_.take();
-        const size_t copied = calls.find(L"Read 5");
-        EXPECT_TRUE(copied == calls.npos || calls.find(L"~Stream") > copied) << spared;
-        return struck;
-    });
 }
 
 } // namespace

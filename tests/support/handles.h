@@ -92,8 +92,8 @@ struct Seen {
     bool shortened = false;        ///< a stream had not as many bytes as its size
     bool whole() const { return complete && !shortened; }
 };
-/// Every element below, but what holds a package's class. Damage can make a tree that is as deep as the file
-/// has elements, and is not followed so far.
+/// Every element below, but what holds a package's class, which is there for a class only. Damage can make a
+/// tree that is as deep as the file has elements, and is not followed so far.
 inline void see(const StorageRef& storage, const std::wstring& prefix, int depth, Seen& seen) {
     constexpr int kGreatestDepth = 64;
     StorageEnumerator child;
@@ -102,10 +102,10 @@ inline void see(const StorageRef& storage, const std::wstring& prefix, int depth
         return;
     }
     while (child.moveNext()) {
-        const std::wstring path = prefix + child.name().asString();
+        const std::wstring name = child.name().asString(), path = prefix + name;
         StorageRef inner;
         StreamRef stream;
-        if (path.ends_with(L".clsid"))
+        if (name == L".clsid" && read(name, storage) != std::string(sizeof(CLSID), '\0'))
             continue;
         if (child.type() == StorageType::Storage && SUCCEEDED(inner.open(child.name(), storage, true))) {
             seen.elements.push_back({path + L"/", {}});
