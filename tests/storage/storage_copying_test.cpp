@@ -475,6 +475,20 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
     EXPECT_EQ(source.copyTo(target_), STG_E_READFAULT);
 }
 
+TEST_F(CopyingOfFakes, StreamsThatEndEarlyAreLeftOut) {
+    list({L"First"});
+    calls_.available = 0;
+    for (const HRESULT end : {S_OK, STG_E_DOCFILECORRUPT}) {
+        calls_.moved = end;
+        begin();
+        const StorageRef target = package();
+        EXPECT_EQ(source_.copyTo(target), STG_E_READFAULT);
+        EXPECT_TRUE(allOf(target).empty());
+        calls_.failures.clear();
+        EXPECT_EQ(source_.copyTo(target_), STG_E_READFAULT);
+    }
+}
+
 TEST_F(CopyingOfFakes, OfOneStreamTellsWhatFailed) {
     StreamRef from, to;
     ASSERT_EQ(from.open(L"From", source_, true), S_OK);

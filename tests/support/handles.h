@@ -105,7 +105,8 @@ inline void see(const StorageRef& storage, const std::wstring& prefix, int depth
         const std::wstring name = child.name().asString(), path = prefix + name;
         StorageRef inner;
         StreamRef stream;
-        if (name == L".clsid" && read(name, storage) != std::string(sizeof(CLSID), '\0'))
+        if (storage.format() == StorageFormat::Package && name == L".clsid" &&
+            read(name, storage) != std::string(sizeof(CLSID), '\0'))
             continue;
         if (child.type() == StorageType::Storage && SUCCEEDED(inner.open(child.name(), storage, true))) {
             seen.elements.push_back({path + L"/", {}});
