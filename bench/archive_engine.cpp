@@ -3,8 +3,8 @@
 
 #include "archive/folder_decoder.h"
 #include "support/archives.h"
+#include "support/c_decoder.h"
 #include "support/ratio.h"
-#include "tests/support/c_decoder.h"
 
 #include <7zCrc.h>
 #include <Alloc.h>

@@ -137,15 +137,6 @@ class Packages(CommandTest):
                 self.succeed("extract", package, out)
                 self.assertEqual(files_below(out), contents)
 
-    def test_twenty_thousand_items(self):
-        tree = self.directory / "tree"
-        tree.mkdir()
-        for index in range(20000):
-            (tree / f"{index:05}").write_bytes(b"%d" % index)
-        seven_zip("a", "-ms=off", "-mx=1", self.directory / "many.7z", ".", cwd=tree)
-        self.assertEqual(self.succeed("verify", self.directory / "many.7z"), b"")
-        self.check_info(self.directory / "many.7z", 0)
-
     def test_put_gives_its_node_the_time_and_leaves_others_as_they_are_packed(self):
         package = self.directory / "package.7z"
         shutil.copy(DATA / "plain-lzma2.7z", package)

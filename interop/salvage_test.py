@@ -148,18 +148,13 @@ class Salvage(CommandTest):
         with concurrent.futures.ThreadPoolExecutor(2) as workers:
             results = list(workers.map(lambda way: self.rescue(f"{sample.name}.{damaged.__name__}{way[0]}", way[1][0]),
                                        enumerate(ways)))
-        expected = back = 0
         for number, ((_, damage), (rescued, report)) in enumerate(zip(ways, results)):
             whole, contents = needs.whole(damage), set(rescued.values())
             lost = [name for name, wanted in whole.items() if wanted not in contents]
             wrong = [name for name, (wanted, _) in needs.streams.items() if rescued.get(name, wanted) != wanted]
-            expected += len(whole)
-            back += sum(wanted in contents for wanted, _ in needs.streams.values())
             self.assertEqual(lost, [], (sample.name, damaged.__name__, number, report))
             if damaged == cuts or needs.checks(damage):
                 self.assertEqual(wrong, [], (sample.name, damaged.__name__, number, report))
-        print(f"{sample.name:28} {damaged.__name__:7} {expected / len(ways):5.1f} whole, {back / len(ways):5.1f} back,"
-              f" of {len(needs.streams)}")
 
     def test_compound_files(self):
         for name in COMPOUND:

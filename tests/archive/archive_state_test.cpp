@@ -33,11 +33,8 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         const wchar_t* message;
     } cases[] = {{"in use", ArchiveFaults::Create, ERROR_SHARING_VIOLATION, S_OK, VxLog_Error, open},
                  {"no right", ArchiveFaults::Create, ERROR_ACCESS_DENIED, S_OK, VxLog_Error, open},
-                 {"no drive", ArchiveFaults::Create, ERROR_INVALID_DRIVE, S_OK, VxLog_Minor, open},
                  {"not ready", ArchiveFaults::Create, ERROR_NOT_READY, S_OK, VxLog_Minor, open},
-                 {"no network path", ArchiveFaults::Create, ERROR_BAD_NETPATH, S_OK, VxLog_Minor, open},
                  {"no share", ArchiveFaults::Create, ERROR_BAD_NET_NAME, S_OK, VxLog_Minor, open},
-                 {"no element", ArchiveFaults::Create, ERROR_NOT_FOUND, S_OK, VxLog_Minor, open},
                  {"no error", ArchiveFaults::Create, ERROR_SUCCESS, S_OK, VxLog_Error, open},
                  {"bad sector", ArchiveFaults::Read, ERROR_CRC, HRESULT(0x80030017), VxLog_Error, read},
                  {"no size", ArchiveFaults::Size, ERROR_CRC, STG_E_INVALIDHEADER, VxLog_Error, size}};
@@ -59,18 +56,6 @@ TEST_F(State, NeverReplacesAFileThatItCouldNotRead) {
         EXPECT_EQ(readFile(archivePath), before);
         EXPECT_EQ(saved(archive), (Contents{{L"old", "precious"}, {L"new", "x"}}));
     }
-}
-
-TEST_F(State, NeverReplacesWhatIsNoArchive) {
-    writeFile(archivePath, "This is text, and long enough to be looked at.");
-    SZipArchive archive(archivePath, false, true);
-    EXPECT_EQ(archive.reload(), STG_E_INVALIDHEADER);
-    fill(archive, {{L"new", "x"}});
-    EXPECT_EQ(archive.save(false), STG_E_INVALIDHEADER);
-    EXPECT_EQ(refusals(), 1);
-    EXPECT_EQ(readFile(archivePath).substr(0, 12), "This is text");
-    EXPECT_TRUE(DeleteFileW(archivePath.c_str()));
-    EXPECT_EQ(saved(archive), (Contents{{L"new", "x"}}));
 }
 
 // Two programs begin the same document.

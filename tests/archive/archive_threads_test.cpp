@@ -1,5 +1,5 @@
-// Many threads on one archive: reading, listing, creating, changing and giving back memory, while another one
-// saves.
+// What threads that share an archive wait for, and what is left when the end of the process has stopped some.
+// Documents with many threads are in the tests of storage.
 
 #include "archive_fixture.h"
 #include "base/rw_lock.h"
@@ -14,19 +14,6 @@ using Support::fill;
 using Vexel::Storage::SZipArchive;
 
 namespace {
-
-constexpr unsigned kStable = 20;
-constexpr unsigned kWriters = 3;
-constexpr unsigned kRounds = 150;
-
-std::string contentsFor(unsigned number) {
-    return std::string(500 + number * 97 % 9000, static_cast<char>('a' + number % 26)) +
-           std::to_string(number);
-}
-
-std::wstring pathFor(unsigned writer, unsigned round) {
-    return L"w" + std::to_wstring(writer) + L"/" + std::to_wstring(round);
-}
 
 // A reader counts 4; bit 0 is a writer that holds the lock, bit 1 one that waits.
 TEST(RwLock, LetsAReaderBecomeTheWriter) {
@@ -119,95 +106,6 @@ TEST_F(ProcessEnd, LeavesAnUnfinishedSaveAlone) {
     SetEvent(kEnded);
     saver.join();
     EXPECT_EQ(archive.items().size(), 1U);
-}
-
-class ArchiveThreads : public Support::ArchiveTest {
-protected:
-    void SetUp() override {
-        Support::Contents contents;
-        for (unsigned i = 0; i < kStable; ++i) {
-            contents[L"stable" + std::to_wstring(i)] = contentsFor(i);
-            stableBytes_ += contentsFor(i).size();
-        }
-        for (unsigned writer = 0; writer < kWriters; ++writer)
-            contents[L"w" + std::to_wstring(writer)] = Support::directoryMark;
-        fill(archive_, contents);
-        ArchiveTest::SetUp();
-        ASSERT_EQ(archive_.save(true), S_OK);
-    }
-
-    void note(bool success) { failures_ += !success; }
-
-    // In two parts: a save in between has to leave the second to the next one.
-    void write(unsigned writer) {
-        for (unsigned round = 0; round < kRounds; ++round) {
-            ComPtr<IStream> stream;
-            const std::string bytes = contentsFor(writer * 1000 + round);
-            note(archive_.createFile(&stream, pathFor(writer, round).c_str(), true, false) == S_OK);
-            for (const std::string& part : {bytes.substr(0, 300), bytes.substr(300)}) {
-                note(stream->Write(part.data(), static_cast<ULONG>(part.size()), nullptr) == S_OK);
-                std::this_thread::yield();
-            }
-        }
-    }
-    void read(unsigned seed) {
-        while (!stop_) {
-            const unsigned number = seed++ % kStable;
-            const std::wstring name = L"stable" + std::to_wstring(number);
-            std::string bytes;
-            note(Support::readItem(archive_, name, bytes) == S_OK);
-            note(bytes == contentsFor(number));
-            note(archive_.flush(name) == S_OK);
-            unsigned long long listed = 0;
-            archive_.visitChildren(L"", [&](const CString& path, const auto& item) {
-                listed += Vexel::Storage::StringLess::view(path).starts_with(L"stable") ? item.size() : 0;
-            });
-            note(listed == stableBytes_);
-        }
-    }
-
-    SZipArchive archive_{folder_.file(L"a.7z"), false, true};
-    unsigned long long stableBytes_ = 0;
-    std::atomic<unsigned> failures_{0};
-    std::atomic<bool> stop_{false};
-};
-
-TEST_F(ArchiveThreads, NothingIsLostWhileOneSaves) {
-    std::vector<std::jthread> writers, others;
-    for (unsigned i = 0; i < kWriters; ++i)
-        writers.emplace_back([this, i] { write(i); });
-    for (unsigned i = 0; i < 2; ++i)
-        others.emplace_back([this, i] { read(i * 7); });
-    others.emplace_back([this] {
-        while (!stop_) {
-            note(archive_.save(true) == S_OK);
-            note(!archive_.isEmpty());
-        }
-    });
-    writers.clear();
-    stop_ = true;
-    others.clear();
-    EXPECT_EQ(failures_, 0U);
-
-    EXPECT_EQ(archive_.save(true), S_OK);
-    const Support::Contents contents = onDisk();
-    EXPECT_EQ(contents.size(), kStable + kWriters * (1 + kRounds));
-    for (unsigned writer = 0; writer < kWriters; ++writer)
-        for (unsigned round = 0; round < kRounds; ++round)
-            EXPECT_EQ(contents.at(pathFor(writer, round)), contentsFor(writer * 1000 + round));
-}
-
-// Both take items from each other at the same time, which must not make them wait for ever.
-TEST_F(ArchiveThreads, ArchivesCopyFromEachOther) {
-    SZipArchive other = Support::inMemory({{L"w0", Support::directoryMark}});
-    const auto copy = [this](SZipArchive& to, const SZipArchive& from, const wchar_t* name) {
-        for (unsigned i = 0; i < 200; ++i)
-            note(to.addItem(from, std::wstring_view(L"w0"), (name + std::to_wstring(i)).c_str()) == S_OK);
-    };
-    std::thread first([&] { copy(archive_, other, L"x"); });
-    copy(other, archive_, L"y");
-    first.join();
-    EXPECT_EQ(failures_, 0U);
 }
 
 } // namespace

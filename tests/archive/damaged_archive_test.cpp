@@ -18,8 +18,7 @@ using namespace ArchiveBytes;
 using namespace std::string_view_literals;
 using Microsoft::WRL::ComPtr;
 using Support::FaultyStream;
-using Vexel::Storage::SZipArchive;
-using Vexel::Storage::SZipStorage;
+using namespace Vexel::Storage;
 
 namespace {
 
@@ -209,15 +208,12 @@ TEST(DamagedArchives, TakeMemoryForWhatTheyHoldAlone) {
     const std::pair<const char*, Repeats> bombs[] = {
         {"property of the archive", {{bytes({1, 2, 0x19}) + number(kMuch), 1}, {zero, kMuch}, {end, 1}}},
         {"properties of the archive", {{bytes({1, 2}), 1}, {bytes({0x19, 1, 0}), kMuch / 3}, {end, 1}}},
-        {"unknown property", {{bytes({1, 5, 0, 0x40}) + number(kMuch), 1}, {zero, kMuch}, {end, 1}}},
         {"filler", {{bytes({1, 5, 0, 0x19}) + number(kMuch), 1}, {zero, kMuch}, {end, 1}}},
         {"behind the end", {{bytes({1, 0}), 1}, {zero, kMuch}}},
-        {"items without names", with(nameless(kMany), {{end, 1}})},
         {"very many items", with(nameless(kMuch), {{end, 1}})},
         {"items of one name", named(kMany, bytes({'a', 0, 0, 0}))},
         {"items of two names", named(kMany / 2, bytes({'a', 0, 0, 0, 'b', 0, 0, 0}))},
         {"long names", named(60'000, longName)},
-        {"one very long name", named(8, std::string(kMuch / 8, 'n') + end)},
         {"times", with(nameless(kMany), {{bytes({0x12}) + number(8 * kMany + 2) + bytes({1, 0}), 1},
                                          {std::string(8, 't'), kMany},
                                          {end, 1}})},
@@ -225,23 +221,12 @@ TEST(DamagedArchives, TakeMemoryForWhatTheyHoldAlone) {
          {{bytes({1, 5, 1}), 1}, {bytes({0x12, 10, 1, 0, 1, 2, 3, 4, 5, 6, 7, 8}), kMany}, {end, 1}}},
         {"packed streams",
          {{streams + bytes({6, 0}) + number(kMuch) + bytes({9}), 1}, {zero, kMuch}, {end, 1}}},
-        {"checksums of packed streams",
-         {{streams + bytes({6, 0, 1, 9, 0}), 1}, {bytes({0x0A, 1, 1, 2, 3, 4}), kMuch / 6}, {end, 1}}},
         {"folders",
          {{streams + bytes({6, 0}) + number(kMany) + bytes({9}), 1},
           {zero, kMany},
           {bytes({0, 7, 11}) + number(kMany) + zero, 1},
           {copyFolder, kMany},
           {"\x0C", 1},
-          {zero, kMany},
-          {end, 1}}},
-        {"properties of a coder",
-         {{streams + packInfo(0) + bytes({7, 11, 1, 0, 1, 0x20}) + number(kMuch), 1},
-          {zero, kMuch},
-          {end, 1}}},
-        {"streams of a folder",
-         {{streams + packInfo(0) + unpackInfo(copyFolder, 0) + bytes({8, 13}) + number(kMany) + bytes({9}),
-           1},
           {zero, kMany},
           {end, 1}}},
     };
@@ -298,10 +283,10 @@ struct Foreign {
 const Foreign kForeignArchives[] = {
     {"no directories",
      {"d/x", "d/sub/y", "top", "d!/z"},
-     "d={sub={y=d/sub/y } x=d/x } d!={z=d!/z } top=top "},
+     "d!/= d!/z=d!/z d/= d/sub/= d/sub/y=d/sub/y d/x=d/x top=top "},
     {"names that nobody encoded",
      {"100%.txt", "a%20b", "50%", "%zA", "b%2Fc", "tab\there", "n%00n", "p%/q%41"},
-     "%zA=%zA 100%.txt=100%.txt 50%=50% a%20b=a%20b b%2Fc=b%2Fc n%00n=n%00n p%={q%41=p%/q%41 } "
+     "%zA=%zA 100%.txt=100%.txt 50%=50% a%20b=a%20b b%2Fc=b%2Fc n%00n=n%00n p%/= p%/q%41=p%/q%41 "
      "tab\there=tab\there "},
     {"two of which one is encoded",
      {"100%25", "100%", "100%2525", "%25", "%"},
@@ -309,7 +294,7 @@ const Foreign kForeignArchives[] = {
     {"encoded names", {"a%05", "%25"}, "%=%25 a\x05=a%05 "},
     {"out of reach",
      {"/x", "a//b", "c/", "good"},
-     "c={} good=good ",
+     "c/= good=good ",
      Paths::Clear,
      {L"\"/x\" in archive \"f\" (number", L"\"a//b\" in archive \"f\" (number", L"\"c/\" in archive"}},
     {"one path twice",

@@ -3,7 +3,6 @@
 
 #include "archive/engine.h"
 #include "archive/pack_ahead.h"
-#include "archive/packing_order.h"
 #include "archive/update_step.h"
 #include "base/com_pointer.h"
 #include "base/platform.h"
@@ -19,7 +18,6 @@
 
 #include <algorithm>
 #include <atomic>
-#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
@@ -29,11 +27,8 @@
 
 using namespace Vexel::Storage;
 using namespace Vexel::Storage::Engine;
-using Support::FaultyStream;
-using Support::noise;
-using Vexel::Detail::adopt;
-using Vexel::Detail::Platform;
-using Vexel::Detail::platform;
+using namespace Support;
+using namespace Vexel::Detail;
 
 namespace {
 
@@ -178,59 +173,18 @@ TEST_F(Packing, WritesTheSameFileWithAnyNumberOfThreads) {
     }
 }
 
-// The engine puts some types first, and does not look at the case of names.
-TEST_F(Packing, KnowsTheOrderOfTheEngine) {
-    static std::vector<std::string> asked;
-    struct Asked final : InMemoryIStream {
-        std::string name;
-        HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER to, DWORD origin, ULARGE_INTEGER* at) noexcept override {
-            asked.push_back(name);
-            return InMemoryIStream::Seek(to, origin, at);
-        }
-    };
-    CObjectVector<NArchive::N7z::CUpdateItem> list;
-    std::vector<PackAhead::Item> items;
-    std::map<::IStream*, std::string> names;
-    for (const char* name :
-         {"b.txt", "a.xls", "B.7z", "z", "Y", "d/a", "d-a", "a.unknown", "C.TXT", "b.dll"}) {
-        const auto stream = adopt(new Asked);
-        stream->name = name;
-        stream->write("12345", 5);
-        items.push_back({static_cast<unsigned>(items.size()), stream.Get(), 5});
-        names[stream.Get()] = name;
-        add(std::wstring(name, name + std::strlen(name)), stream, 5);
-        NArchive::N7z::CUpdateItem& item = list.AddNew();
-        item.Name = entries_.back().name.GetString();
-        item.Size = 5;
-        item.IndexInArchive = -1;
-        item.IsDir = item.IsAnti = false;
-        item.NewData = item.NewProps = true;
-    }
-    putIntoPackingOrder(items, list);
-    std::vector<std::string> known;
-    for (const PackAhead::Item& item : items)
-        known.push_back(names[item.contents]);
-    asked.clear();
-    written(1);
-    EXPECT_EQ(known, asked);
-}
-
 // With the status that one thread would have met.
 TEST_F(Packing, AnItemThatCannotBeReadEndsIt) {
     constexpr unsigned kCount = 40;
-    struct Place {
-        const char* name;
-        unsigned index;
-    };
     addMany(kCount, 10'000);
-    for (const Place& place : {Place{"first", 0}, Place{"middle", kCount / 2}, Place{"last", kCount - 1}})
+    for (const unsigned index : {0U, kCount / 2, kCount - 1})
         for (const unsigned threads : kNumbers) {
-            SCOPED_TRACE(place.name + std::to_string(threads));
+            SCOPED_TRACE(testing::Message() << "item " << index << ", threads " << threads);
             const auto reading = adopt(new FaultyStream("x"));
             const auto seeking = adopt(new FaultyStream("x"));
             *reading->plan = {FaultyStream::Reading, STG_E_READFAULT, 0, true};
             *seeking->plan = {FaultyStream::Seeking, STG_E_SEEKERROR, 0, true};
-            ComPtr<::IStream>& contents = entries_[place.index].contents;
+            ComPtr<::IStream>& contents = entries_[index].contents;
             const ComPtr<::IStream> sound = contents;
             std::string file;
             contents = reading;
@@ -289,30 +243,26 @@ private:
 
 TEST_F(Packing, ContentsThatChangeMeanwhileAreAsTheEngineReadThem) {
     const std::string first = noise(50'000);
-    struct Change {
-        const char* name;
-        std::string bytes;
-    };
-    const Change changes[] = {{"other bytes", noise(50'001).substr(1)},
-                              {"shorter", first.substr(0, 100)},
-                              {"longer", first + first},
-                              {"large", noise(2 * kMiB)},
-                              {"just large", noise(kMiB)},
-                              {"nothing", ""}};
+    const std::pair<const char*, std::string> changes[] = {{"other bytes", noise(50'001).substr(1)},
+                                                           {"shorter", first.substr(0, 100)},
+                                                           {"longer", first + first},
+                                                           {"large", noise(2 * kMiB)},
+                                                           {"just large", noise(kMiB)},
+                                                           {"nothing", ""}};
     for (const unsigned threads : kNumbers)
-        for (const Change& change : changes) {
-            SCOPED_TRACE(change.name + std::to_string(threads));
+        for (const auto& [name, changed] : changes) {
+            SCOPED_TRACE(name + std::to_string(threads));
             entries_.clear();
             addMany(4, 50'000);
             // One thread reads it once, and two may.
             const unsigned versions = threads == 1 ? 1 : 2;
             std::vector<std::string> bytes(versions, first);
-            bytes.back() = change.bytes;
+            bytes.back() = changed;
             add(L"9", adopt<::IStream>(new ChangingStream(bytes)), first.size());
             add(L"99", noise(50'000));
             const auto contents = contentsOf(written(threads));
             ASSERT_EQ(contents.size(), 6U);
-            EXPECT_TRUE(contents.at(L"9") == change.bytes ||
+            EXPECT_TRUE(contents.at(L"9") == changed ||
                         (threads > 1 && contents.at(L"9") == first)); // packed when the engine came to it
             EXPECT_EQ(contents.at(L"99"), noise(50'000));
         }

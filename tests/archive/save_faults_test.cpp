@@ -4,7 +4,6 @@
 
 #include "archive/engine_outputs.h"
 #include "archive_fixture.h"
-#include "base/handles.h"
 #include "base/platform.h"
 #include "support/platform_guard.h"
 #include "support/scarce_memory.h"
@@ -220,16 +219,6 @@ TEST_F(SaveFaults, ATemporaryThatCannotBeDeletedDoesNoHarm) {
     EXPECT_EQ(archive.save(false), STG_E_ACCESSDENIED);
     ArchiveFaults::disarm();
     verifySaved(archive, STG_E_ACCESSDENIED, false, false);
-}
-
-// Another program has the document open for a moment: to look for viruses, to back it up, to show it.
-TEST_F(SaveFaults, AReaderOfTheFileDoesNoHarm) {
-    SZipArchive archive = changed();
-    Vexel::Detail::FileHandle reader(
-        CreateFileW(archivePath.c_str(), GENERIC_READ, FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0, nullptr));
-    EXPECT_EQ(archive.save(false), STG_E_ACCESSDENIED);
-    reader = {};
-    verifySaved(archive, STG_E_ACCESSDENIED, false);
 }
 
 TEST_F(ScarceMemory, NeverCostsADocument) {

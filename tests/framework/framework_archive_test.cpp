@@ -12,10 +12,7 @@
 #include <vector>
 
 using namespace std::string_literals;
-using Support::contentsOf;
-using Support::loadFrom;
-using Support::raised;
-using Support::stored;
+using namespace Support;
 
 namespace {
 
@@ -118,13 +115,11 @@ TEST(FrameworkArchive, RefusesTheWrongDirectionAndNamesTheFile) {
     CArchive storing(&file, CArchive::store);
     CArchive loading(&file, CArchive::load);
     loading.m_strFileName = L"name.doc";
-    CString text;
     int number = 0;
     EXPECT_EQ(raised<CArchiveException>([&] { storing >> number; }), CArchiveException::writeOnly);
-    EXPECT_EQ(raised<CArchiveException>([&] { storing >> text; }), CArchiveException::writeOnly);
     EXPECT_EQ(raised<CArchiveException>([&] { loading << number; }), CArchiveException::readOnly);
     try {
-        loading << text;
+        loading << CString();
         ADD_FAILURE();
     } catch (CException* exception) { // by the base, as the application does
         wchar_t message[100];

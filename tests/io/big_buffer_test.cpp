@@ -61,13 +61,11 @@ TEST_F(BigBuffers, KeepOneBlockForTheNext) {
     void* block = nullptr;
     {
         BigBuffer first;
-        EXPECT_EQ(first.data(), nullptr);
         EXPECT_EQ(first.reallocate(5), nullptr) << "nothing to go on from";
         block = first.init();
         EXPECT_EQ(first.size(), kKept);
         EXPECT_TRUE(endsAfter(block, kKept));
         EXPECT_EQ(first.allocate(1), nullptr) << "holds one already";
-        EXPECT_EQ(first.data(), block);
 
         BigBuffer second;
         EXPECT_NE(second.allocate(5000), block);
@@ -77,7 +75,6 @@ TEST_F(BigBuffers, KeepOneBlockForTheNext) {
     EXPECT_EQ(blocks.size(), 1U);
     BigBuffer third;
     EXPECT_EQ(third.allocate(7), block);
-    EXPECT_EQ(third.size(), 7U);
     EXPECT_EQ(third.reallocate(3), block);
     EXPECT_EQ(third.size(), 7U) << "never shrinks";
     EXPECT_EQ(third.reallocate(kKept), block);
@@ -85,7 +82,6 @@ TEST_F(BigBuffers, KeepOneBlockForTheNext) {
     third.clear();
     third.clear();
     EXPECT_EQ(third.data(), nullptr);
-    EXPECT_EQ(third.size(), 0U);
     EXPECT_NE(third.allocate(kKept * 3), nullptr) << "doubled until it is enough";
     EXPECT_EQ(taken(), (Sizes{kKept * 4}));
     third.clear();
@@ -102,16 +98,12 @@ TEST_F(BigBuffers, TakeTheKeptBytesAlongWhenTheyGrow) {
     std::memset(second.allocate(10), 'b', 10);
     void* const grown = second.reallocate(20);
     EXPECT_EQ(std::memcmp(grown, "aaaaaaaaaa", 10), 0) << "a block of one's own is filled from the kept one";
-    EXPECT_EQ(second.size(), 20U);
-    EXPECT_NE(second.reallocate(kKept * 2), nullptr);
     EXPECT_NE(second.reallocate(kKept * 4), nullptr) << "more than the kept block can fill";
 
     const auto* const bytes = static_cast<char*>(first.reallocate(kKept * 5));
-    EXPECT_EQ(bytes[0], 'a');
     EXPECT_EQ(bytes[kKept - 1], 'a');
-    EXPECT_TRUE(endsAfter(first.data(), kKept * 8));
     EXPECT_EQ(first.reallocate(kKept * 8), bytes);
-    EXPECT_EQ(taken(), (Sizes{kKept, 10, 20, kKept * 2, kKept * 4, kKept * 8}));
+    EXPECT_EQ(taken(), (Sizes{kKept, 10, 20, kKept * 4, kKept * 8}));
     EXPECT_EQ(blocks.size(), 2U);
     first.clear();
     EXPECT_NE(second.reallocate(kKept * 9), nullptr);
@@ -121,7 +113,6 @@ TEST_F(BigBuffers, TakeTheKeptBytesAlongWhenTheyGrow) {
     BigBuffer copy;
     copy = second;
     EXPECT_EQ(copy.data(), second.data());
-    EXPECT_EQ(copy.size(), second.size());
     copy = BigBuffer(); // leaves the block to the other
     EXPECT_EQ(blocks.size(), 1U);
 }
@@ -144,7 +135,6 @@ TEST_F(BigBuffers, AskTheDepletionHandlerOnce) {
     EXPECT_NE(buffer.reallocate(kKept), nullptr) << "what was kept is as large as before";
     refusals = 1;
     EXPECT_EQ(other.allocate(3000), nullptr) << "not tried again";
-    EXPECT_EQ(other.size(), 0U);
     EXPECT_EQ(asked, (Sizes{kKept, kKept * 2, 3000}));
     EXPECT_EQ(taken(), (Sizes{kKept, kKept, kKept * 2, kKept * 2, 3000}));
     EXPECT_NE(other.allocate(10), nullptr);
@@ -173,24 +163,13 @@ TEST_F(BigBuffers, RefuseWhatCannotBeHad) {
 TEST_F(BigBuffers, MayBeUsedByTheDepletionHandler) {
     static BigBuffer handlers;
     BigBuffer buffer;
-    for (const bool isKept : {false, true}) {
-        static bool isPassing;
-        isPassing = !isKept;
-        BigBuffer::setMemoryDepletionHandler([](unsigned long long) {
-            const bool isHad = handlers.init() != nullptr;
-            if (isPassing)
-                handlers.clear();
-            return isHad;
-        });
-        refusals = 1;
-        EXPECT_NE(buffer.allocate(kKept * 2), nullptr);
-        EXPECT_NE(buffer.data(), handlers.data());
-        EXPECT_EQ(blocks.size(), isKept ? 2U : 1U);
-        handlers.clear();
-        EXPECT_EQ(blocks.size(), 1U) << "what it holds became its own";
-        buffer.clear();
-        EXPECT_TRUE(BigBuffer::compact());
-    }
+    BigBuffer::setMemoryDepletionHandler([](unsigned long long) { return handlers.init() != nullptr; });
+    refusals = 1;
+    EXPECT_NE(buffer.allocate(kKept * 2), nullptr);
+    EXPECT_NE(buffer.data(), handlers.data());
+    EXPECT_EQ(blocks.size(), 2U);
+    handlers.clear();
+    EXPECT_EQ(blocks.size(), 1U) << "what it holds became its own";
 }
 
 } // namespace

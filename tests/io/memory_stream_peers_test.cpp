@@ -1,5 +1,6 @@
 // The same random scripts on our memory streams and on the streams of one of the system's compound files.
-// They differ in two ways only, which have to show.
+// What is left out is a position before the beginning, which ours has to refuse: the system would go there,
+// and read foreign memory.
 
 #include "support/compound_file.h"
 #include "support/streams.h"
@@ -9,18 +10,16 @@
 #include <climits>
 #include <numeric>
 #include <utility>
-#include <vector>
 
 using Microsoft::WRL::ComPtr;
 
 namespace {
 
-enum class Kind { Read, Write, Seek, SetSize, CopyTo, Clone };
+enum class Kind { Read, Write, Seek, SetSize };
 
 struct Step {
     Kind kind;
-    size_t stream, target; // `target` of CopyTo
-    ULONG count;           // bytes, or the new size
+    ULONG count; // bytes, or the new size
     long long move;
     DWORD origin;
 };
@@ -45,23 +44,12 @@ State stateOf(::IStream* stream) {
     return {position.QuadPart, entry.cbSize.QuadPart};
 }
 
-std::string bytesOf(::IStream* stream, unsigned long long from, unsigned long long end) {
-    std::string bytes(end - from, '\0');
-    moveTo(stream, from);
-    EXPECT_GE(stream->Read(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr), S_OK);
-    return bytes;
-}
-
-/// Two streams, and behind them their clones.
-using Pool = std::vector<ComPtr<::IStream>>;
-
-Outcome run(Pool& streams, const Step& step) {
-    const ComPtr<::IStream> stream = streams[step.stream];
+Outcome run(::IStream* stream, const Step& step) {
     HRESULT status = S_OK;
     ULONG moved = 0;
-    ULARGE_INTEGER number{.QuadPart = step.count}, written{};
+    ULARGE_INTEGER number{.QuadPart = step.count};
     std::string bytes(step.count, '\0');
-    std::iota(bytes.begin(), bytes.end(), static_cast<char>(step.target + step.count));
+    std::iota(bytes.begin(), bytes.end(), static_cast<char>(step.count));
     if (step.kind == Kind::Read) {
         status = stream->Read(bytes.data(), step.count, &moved);
     } else if (step.kind == Kind::Write) {
@@ -70,24 +58,13 @@ Outcome run(Pool& streams, const Step& step) {
         status = stream->Seek({.QuadPart = step.move}, step.origin, &number);
         if (FAILED(status))
             number = {}; // not defined
-    } else if (step.kind == Kind::SetSize) {
-        status = stream->SetSize(number);
-    } else if (step.kind == Kind::CopyTo) {
-        status = stream->CopyTo(streams[step.target].Get(), number, &number, &written);
     } else {
-        ComPtr<::IStream> clone;
-        status = stream->Clone(&clone);
-        if (clone)
-            streams.push_back(clone);
+        status = stream->SetSize(number);
     }
-    std::string after = "moved or reached";
-    for (const auto figure : {0ULL + moved, number.QuadPart, written.QuadPart})
-        after += ' ' + std::to_string(figure);
-    for (const std::size_t each : {step.stream, step.target}) {
-        const auto [position, size] = stateOf(streams[each].Get());
-        after += ", now at " + std::to_string(position) + " of " + std::to_string(size);
-    }
-    return {status, after + ", read " + bytes.substr(0, moved)};
+    const auto [position, size] = stateOf(stream);
+    return {status, "moved " + std::to_string(moved) + ", reached " + std::to_string(number.QuadPart) +
+                        ", now at " + std::to_string(position) + " of " + std::to_string(size) + ", read " +
+                        bytes.substr(0, moved)};
 }
 
 bool isBeforeTheBeginning(const Step& step, const State& at) {
@@ -102,73 +79,52 @@ public:
     explicit Script(unsigned seed) : random_(seed) {
         const DWORD mode = STGM_CREATE | STGM_READWRITE | STGM_SHARE_EXCLUSIVE;
         EXPECT_EQ(StgCreateDocfile(folder_.file(L"file").c_str(), mode, 0, &root_), S_OK);
-        for (const wchar_t* name : {L"a", L"b"}) {
-            EXPECT_EQ(root_->CreateStream(name, mode, 0, 0, &theirs_.emplace_back()), S_OK);
-            ours_.emplace_back(Support::streamOf(""));
-        }
+        EXPECT_EQ(root_->CreateStream(L"a", mode, 0, 0, &theirs_), S_OK);
     }
 
     void step() {
         const Step step = draw();
-        if (step.kind == Kind::CopyTo && memory_[step.stream] == memory_[step.target])
-            return; // peers differ in where that ends, if it does
-        const State before = stateOf(ours_[step.stream].Get());
-        const State targetBefore = stateOf(ours_[step.target].Get());
-        const Outcome ours = run(ours_, step);
-        if (isBeforeTheBeginning(step, before)) { // where the system would go, and read foreign memory
-            ++seeksBeforeTheBeginning;
-            EXPECT_EQ(ours.first, STG_E_INVALIDFUNCTION);
-            EXPECT_EQ(stateOf(ours_[step.stream].Get()), before);
-        } else {
-            Outcome theirs = run(theirs_, step);
-            if (step.kind == Kind::CopyTo && before.position > before.size && theirs != ours) {
-                ++copiesFromBeyond; // from no memory, which we hand to the target
-                EXPECT_EQ(std::exchange(theirs.first, STG_E_INVALIDPOINTER), S_OK);
-            }
-            EXPECT_EQ(ours, theirs) << "operation " << static_cast<int>(step.kind) << ", " << step.count
-                                    << " bytes, move " << step.move << " from " << step.origin << ", at "
-                                    << before.position << " of " << before.size;
+        const State before = stateOf(ours_.Get());
+        const Outcome outcome = run(ours_.Get(), step);
+        if (isBeforeTheBeginning(step, before)) {
+            EXPECT_EQ(outcome.first, STG_E_INVALIDFUNCTION);
+            EXPECT_EQ(stateOf(ours_.Get()), before);
+            return;
         }
-        if (ours_.size() > memory_.size())
-            memory_.push_back(memory_[step.stream]);
-        align(step.stream, before, step.kind == Kind::SetSize ? ~0ULL : before.position);
-        align(step.target, targetBefore, step.kind == Kind::CopyTo ? targetBefore.position : 0);
+        EXPECT_EQ(outcome, run(theirs_.Get(), step))
+            << "operation " << static_cast<int>(step.kind) << ", " << step.count << " bytes, move "
+            << step.move << " from " << step.origin << ", at " << before.position << " of " << before.size;
+        align(before, step.kind == Kind::SetSize ? ~0ULL : before.position);
     }
-
-    static inline int seeksBeforeTheBeginning = 0, copiesFromBeyond = 0;
 
 private:
     Step draw() {
         const auto below = [&](unsigned n) { return random_() % n; };
-        const auto kind = static_cast<Kind>(below(6));
-        const size_t stream = below(8) % memory_.size(), target = below(8) % memory_.size();
         const ULONG counts[] = {0, 1, 1023, 1024, 1025, below(4000), below(4000), below(4000)};
         const long long away = below(4000), moves[] = {0, 1, -1, away, -away, LLONG_MAX, LLONG_MIN};
-        return {kind, stream, target, counts[below(8)], moves[below(7)], below(4)};
+        return {static_cast<Kind>(below(4)), counts[below(8)], moves[below(7)], below(4)};
     }
 
-    // The state goes on from ours, as do the bytes from the old end up to `end`, which are not defined; all
-    // others must be equal already. Positions stay small enough for memory.
-    void align(size_t index, const State& before, unsigned long long end) {
-        ::IStream *const our = ours_[index].Get(), *const their = theirs_[index].Get();
-        const State now = stateOf(our);
-        EXPECT_EQ(their->SetSize({.QuadPart = now.size}), S_OK);
+    // The bytes from the old end up to `end` are not defined, and go on as ours are. Positions stay small
+    // enough for memory.
+    void align(const State& before, unsigned long long end) {
+        const State now = stateOf(ours_.Get());
+        const std::string bytes = Support::bytesOf(ours_.Get());
         end = (std::min)(end, now.size);
         if (end > before.size) {
-            const std::string gap = bytesOf(our, before.size, end);
-            moveTo(their, before.size);
-            EXPECT_EQ(their->Write(gap.data(), static_cast<ULONG>(gap.size()), nullptr), S_OK);
+            moveTo(theirs_.Get(), before.size);
+            EXPECT_EQ(theirs_->Write(bytes.data() + before.size, ULONG(end - before.size), nullptr), S_OK);
         }
-        EXPECT_TRUE(bytesOf(our, 0, now.size) == bytesOf(their, 0, now.size));
-        for (::IStream* stream : {our, their})
+        EXPECT_TRUE(bytes == Support::bytesOf(theirs_.Get()));
+        for (::IStream* stream : {static_cast<::IStream*>(ours_.Get()), theirs_.Get()})
             moveTo(stream, now.position > 1'000'000 ? 0 : now.position);
     }
 
     std::mt19937 random_;
     Support::TempFolder folder_;
     ComPtr<IStorage> root_;
-    Pool ours_, theirs_;
-    std::vector<int> memory_{0, 1}; // streams with the same number share it
+    ComPtr<::IStream> theirs_;
+    ComPtr<Vexel::Storage::InMemoryIStream> ours_ = Support::streamOf("");
 };
 
 TEST(MemoryStream, DoesWhatTheSystemsStreamsDo) {
@@ -178,8 +134,6 @@ TEST(MemoryStream, DoesWhatTheSystemsStreamsDo) {
         for (int i = 0; i < 60; ++i)
             script.step();
     }
-    EXPECT_GT(Script::seeksBeforeTheBeginning, 0);
-    EXPECT_GT(Script::copiesFromBeyond, 0);
 }
 
 } // namespace

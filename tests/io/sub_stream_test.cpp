@@ -75,9 +75,8 @@ TEST_F(SubStreams, SeekWithinTheRange) {
         moves(to, S_FALSE, "Seek " + std::to_string(100 + to.reached) + " 0, "); // as the base answers
     for (const Move& to :
          {Move{11, STREAM_SEEK_SET}, Move{-1, STREAM_SEEK_SET}, Move{LLONG_MAX, STREAM_SEEK_SET},
-          Move{LLONG_MIN, STREAM_SEEK_SET}, Move{8, STREAM_SEEK_CUR}, Move{-4, STREAM_SEEK_CUR},
-          Move{LLONG_MIN, STREAM_SEEK_CUR}, Move{-11, STREAM_SEEK_END}, Move{1, STREAM_SEEK_END},
-          Move{LLONG_MIN, STREAM_SEEK_END}, Move{0, 3}})
+          Move{8, STREAM_SEEK_CUR}, Move{LLONG_MIN, STREAM_SEEK_CUR}, Move{-11, STREAM_SEEK_END},
+          Move{1, STREAM_SEEK_END}, Move{0, 3}})
         moves(to, STG_E_INVALIDFUNCTION, "");
     base_->status = STG_E_REVERTED;
     EXPECT_EQ(seek(range_.Get(), 9), STG_E_REVERTED);
@@ -162,20 +161,13 @@ TEST_F(SubStreams, TakeAndLetGoOfBases) {
     EXPECT_EQ(read(50), 10U) << "unchanged";
     EXPECT_TRUE(range_->set(next.Get(), 1, 20, false));
     EXPECT_EQ(base_->numRefs(), 1U);
-    EXPECT_EQ(next->numRefs(), 2U);
-    EXPECT_EQ(read(50), 20U);
     EXPECT_TRUE(range_->set(next.Get(), 3, 4, true)) << "of the same base";
     EXPECT_EQ(next->numRefs(), 1U);
-    EXPECT_EQ(next->take(), "Read 20, Clone, ");
+    EXPECT_EQ(next->take(), "Clone, ");
     EXPECT_EQ(read(50), 4U);
     next->status = E_ACCESSDENIED;
     EXPECT_FALSE(range_->set(next.Get(), 3, 4, true));
     EXPECT_EQ(range_->Commit(0), STG_E_INVALIDFUNCTION) << "left without a base";
-    EXPECT_EQ(next->numRefs(), 1U);
-    next->status = S_OK;
-    EXPECT_TRUE(range_->set(next.Get(), 3, 4, false));
-    EXPECT_TRUE(range_->detach());
-    EXPECT_EQ(next->numRefs(), 1U);
 
     // A base that only the sub-stream holds.
     auto* const lonely = new RecordingStream();
@@ -183,6 +175,7 @@ TEST_F(SubStreams, TakeAndLetGoOfBases) {
     lonely->Release();
     EXPECT_TRUE(range_->set(lonely, 0, 8, true));
     EXPECT_TRUE(range_->detach());
+    EXPECT_EQ(next->numRefs(), 1U);
 }
 
 TEST_F(SubStreams, TellWhyTheyHaveNoClone) {

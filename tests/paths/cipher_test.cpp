@@ -62,7 +62,6 @@ TEST(Cipher, GivesTheKnownAnswers) {
     } cases[] = {
         {L"A", kStream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
         {L"A", kFeedback, "a5575d3a91bd3114fd139d7ed9594148057fcd62818581a3540e", "d754fc5eb174"},
-        {L"Another", kStream, "a5f20a67ab2c8c25e9ee8ee3a78018094d7ab2afe3040422f75a", "7183a8a2efc5"},
         {L"\x5a41\x4242", kStream, "8c968747dfd015ed2a16f323bdf0391138d6dfcf03f85d937978", "2766c8100594"},
         {L"\x5a41\x4242", kFeedback, "8c1a9dda05d5c02d0711e2c17c8cb5a49c4a955a59a1fc6f166e", "ee88405055c1"},
         {L"\xff80", kStream, "340af62498120adc7c1a7ed48032727c440a860428f25a5b7b82", "118f13018973"},
@@ -128,20 +127,16 @@ Bytes keyStream(std::size_t length) {
 TEST(Cipher, CanBeEnteredAnywhereInStreamMode) {
     const Bytes keys = keyStream(2 * kPeriod);
     Box box = keyed(L"k", Box::DirDecrypt, Box::ModeStream);
-    const auto keysAt = [&box](long pointer) {
+    std::vector<std::pair<long, long>> pointers{
+        {-1, kPeriod - 1}, {LONG_MAX, LONG_MAX % kPeriod}, {LONG_MIN, kPeriod + LONG_MIN % kPeriod}};
+    for (long place = 0; place < kPeriod + 37; ++place)
+        pointers.emplace_back(place, place);
+    for (const auto& [pointer, place] : pointers) {
         Bytes zeros(37);
         box.SetPtr(pointer);
         transform(box, zeros);
-        return zeros;
-    };
-    const auto expected = [&keys](long place) {
-        return Bytes(keys.begin() + place, keys.begin() + place + 37);
-    };
-    for (long place = 0; place < kPeriod + 37; ++place)
-        ASSERT_EQ(keysAt(place), expected(place)) << place;
-    EXPECT_EQ(keysAt(-1), expected(kPeriod - 1)) << "where it is after a whole period less one";
-    EXPECT_EQ(keysAt(LONG_MAX), expected(LONG_MAX % kPeriod));
-    EXPECT_EQ(keysAt(LONG_MIN), expected(kPeriod + LONG_MIN % kPeriod));
+        ASSERT_EQ(zeros, Bytes(keys.begin() + place, keys.begin() + place + 37)) << pointer;
+    }
 }
 
 // The last feedback byte outlives a reset, and goes on being mixed in when the mode is another. Any number

@@ -27,8 +27,8 @@ template <class Change>
 std::wstring changed(std::wstring_view given, const Change& change) {
     std::wstring text(given);
     CString string(given.data());
-    EXPECT_EQ(&change(&text), &text);
-    EXPECT_EQ(&change(&string), &string);
+    EXPECT_EQ(change(&text), &text);
+    EXPECT_EQ(change(&string), &string);
     EXPECT_EQ(string, text.c_str());
     return text;
 }
@@ -81,7 +81,7 @@ TEST(PathText, KnowsPathsInsideOthers) {
 }
 
 TEST(PathText, RemovesTrailingSeparators) {
-    const auto remove = [](auto* text) -> auto& { return RemoveTrailingPathSeparators(text); };
+    const auto remove = [](auto* text) { return &RemoveTrailingPathSeparators(text); };
     for (std::wstring path : {L"|", L"\\|", L"\\/|", L"\\\\|\\", L"C:|\\", L"a/\\b|/", L"\\\\s|\\",
                               L"\\\\?\\|", L"//?/|\\", L"\\\\?|"}) {
         const std::size_t kept = takeMark(path, L'|');
@@ -99,7 +99,7 @@ TEST(PathText, ChangesExtension) {
                                                {L".rc", L"x", L".rc.x"},    {L"a.tar.gz", L"7z", L"a.tar.7z"},
                                                {L"", L"x", L".x"},          {L"C:", L"x", L"C:.x"}};
     for (const auto& [path, extension, expected] : kCases) {
-        const auto change = [&](auto* text) -> auto& { return ChangeFileExtension(text, extension); };
+        const auto change = [&](auto* text) { return &ChangeFileExtension(text, extension); };
         EXPECT_EQ(changed(path, change), expected) << fs::path(path);
     }
     std::wstring own(L"a.longer");
@@ -136,12 +136,9 @@ TEST(PathText, TellsPathsFromOtherTexts) {
 TEST(PathText, IsMadeCanonical) {
     constexpr std::wstring_view kCases[][2] = {
         {L"", L""},
-        {L".\\a\\.\\b\\", L"a\\b\\"},
         {L"a\\..\\", L"."},
-        {L"a\\..\\..\\b", L"..\\b"},
         {L"..\\..\\a\\..\\b/", L"..\\..\\b\\"},
         {L"...\\a.", L"...\\a."},
-        {L"C:", L"C:"},
         {L"c:/a/../../b", L"c:\\b"},
         {L"C:a\\..\\..\\b", L"C:..\\b"},
         {L"C:a\\..", L"C:"},
@@ -154,7 +151,7 @@ TEST(PathText, IsMadeCanonical) {
         {L"\xD800\\..\\\xDC00", L"\xDC00"},
         {L"a/../C:\\b", L".\\C:\\b"},
     };
-    const auto canonical = [](auto* text) -> auto& { return CanonicalizeFileSystemPath(text); };
+    const auto canonical = [](auto* text) { return &CanonicalizeFileSystemPath(text); };
     for (const auto& [given, expected] : kCases)
         EXPECT_EQ(changed(given, canonical), expected) << fs::path(given);
     EXPECT_EQ(ConvertFileSystemPath(fs::path(std::wstring(L"a\0b", 3))).GetLength(), 3);
@@ -259,11 +256,7 @@ TEST_F(Entries, FollowTheSystemsAnswers) {
         fs::file_type type;
     } cases[] = {
         {{ERROR_FILE_NOT_FOUND}, "missing", fs::file_type::not_found},
-        {{ERROR_PATH_NOT_FOUND}, "missing", fs::file_type::not_found},
-        {{ERROR_BAD_NETPATH}, "missing", fs::file_type::not_found},
         {{ERROR_NETNAME_DELETED}, "missing", fs::file_type::not_found},
-        {{ERROR_INVALID_NAME}, "missing", fs::file_type::not_found},
-        {{ERROR_DIRECTORY}, "missing", fs::file_type::not_found},
         {{ERROR_ACCESS_DENIED}, "missing", fs::file_type::none},
         {{ERROR_SHARING_VIOLATION}, "there", fs::file_type::none},
         {{0, 0, {kLink, kSymbolic}}, "there", fs::file_type::symlink},
@@ -340,6 +333,8 @@ TEST_F(Entries, Copy) {
         EXPECT_FALSE(CopyFileSystemEntry(source, target, {}, &error));
         EXPECT_EQ(error, std::errc::invalid_argument);
     }
+    refuse(Detail::platform().copyFile, 0); // and names no error
+    EXPECT_EQ(copy(L"from", L"refused", kTree).value(), ERROR_GEN_FAILURE);
 }
 
 TEST_F(Entries, CopyTreesThatLeadBackOrDeep) {
@@ -368,43 +363,15 @@ TEST_F(Entries, CopyTreesThatLeadBackOrDeep) {
 TEST_F(Entries, CopyClearsReadOnlyByRequest) {
     write(L"a", "x");
     ASSERT_TRUE(SetFileAttributesW(at(L"a").c_str(), FILE_ATTRIBUTE_READONLY));
-    const auto readOnly = [this](std::wstring_view name) {
-        return (GetFileAttributesW(at(name).c_str()) & FILE_ATTRIBUTE_READONLY) != 0;
-    };
     EXPECT_FALSE(copy(L"a", L"kept", {}));
-    EXPECT_TRUE(readOnly(L"kept"));
+    EXPECT_NE(GetFileAttributesW(at(L"kept").c_str()) & FILE_ATTRIBUTE_READONLY, 0U);
     EXPECT_FALSE(copy(L"a", L"cleared", CopyingFlag::ClearReadOnly));
-    EXPECT_FALSE(readOnly(L"cleared"));
+    EXPECT_EQ(GetFileAttributesW(at(L"cleared").c_str()) & FILE_ATTRIBUTE_READONLY, 0U);
 
     refuse(Detail::platform().setAttributes, ERROR_WRITE_PROTECT);
     std::error_code error;
     EXPECT_TRUE(CopyFileSystemEntry(at(L"a"), at(L"stuck"), CopyingFlag::ClearReadOnly, &error));
     EXPECT_EQ(error, std::error_code(ERROR_WRITE_PROTECT, std::system_category()));
-}
-
-int copiesLeft;
-DWORD copyError; // 0: the system names none
-
-TEST_F(Entries, EveryFailingCopyIsReported) {
-    ASSERT_TRUE(CreateDirectories(at(L"from\\sub"), nullptr, 0));
-    for (auto* name : {L"from\\a", L"from\\b", L"from\\sub\\c"})
-        write(name, "x");
-    Detail::platform().copyFile = [](const wchar_t* source, const wchar_t* target,
-                                     BOOL failIfExists) -> BOOL {
-        if (copiesLeft-- > 0)
-            return CopyFileW(source, target, failIfExists);
-        SetLastError(copyError);
-        return FALSE;
-    };
-    for (const auto& [given, reported] :
-         {std::pair{ERROR_DISK_FULL, ERROR_DISK_FULL}, {0L, ERROR_GEN_FAILURE}})
-        for (int n = 0; n <= 3; ++n) {
-            copiesLeft = n;
-            copyError = static_cast<DWORD>(given);
-            const std::wstring target = L"to" + std::to_wstring(given) + L"-" + std::to_wstring(n);
-            const std::error_code error = copy(L"from", target, CopyingFlag::Recursive);
-            EXPECT_EQ(error.value(), n < 3 ? reported : 0);
-        }
 }
 
 TEST_F(Entries, CreateDirectories) {
@@ -456,13 +423,12 @@ TEST_F(Entries, KnownFoldersComeFromTheShell) {
     for (const HRESULT status : {S_OK, S_FALSE, E_FAIL}) {
         const bool found = status == S_OK;
         folder = {status, found ? L"X:\\data" : L"", 1};
-        CString text(L"as it was");
-        std::wstring sameText = L"as it was";
-        EXPECT_EQ(GetUserDataFolderPath(&text), found);
-        EXPECT_EQ(folder.flags, 0U);
-        EXPECT_EQ(GetUserDataFolderPath(&sameText), found);
+        const std::wstring text = changed(L"as it was", [&](auto* path) {
+            EXPECT_EQ(GetUserDataFolderPath(path), found);
+            EXPECT_EQ(folder.flags, 0U);
+            return path;
+        });
         EXPECT_EQ(text, found ? folder.path : L"as it was");
-        EXPECT_EQ(sameText, text.GetString());
         EXPECT_EQ(GetKnownFolderPath(FOLDERID_LocalAppData, true), folder.path);
         EXPECT_EQ(folder.flags, static_cast<DWORD>(KF_FLAG_CREATE));
     }

@@ -37,22 +37,17 @@ TEST(UniqueNames, FindTheFirstFreeVariant) {
         std::set<std::wstring> taken;
         std::wstring expected;
     } const cases[] = {
-        {L"a.txt", kBrackets, kKeep, {}, L"a.txt"},
         {L"a (7).txt", kBrackets, kKeep, {}, L"a (7).txt"},
-        {L"a (7).txt", kBrackets, kStrip, {}, L"a.txt"},
         {L"ab ().txt", kBrackets, kStrip, {}, L"ab.txt"},
         {L"a(7).txt", kBrackets, kStrip, {}, L"a(7).txt"},
         {L"a (7)", kBrackets, kStrip, {}, L"a"},
         {L"a (b7).txt", kBrackets, kStrip, {}, L"a (b7).txt"},
         {L" (1)", kBrackets, kStrip, {}, L" (1)"}, // the bracket closes too early
         {L" (12)", kBrackets, kStrip, {}, L""},    // and here just late enough, leaving nothing
-        {L" (1234)", kBrackets, kStrip, {}, L""},
-        {L"(1234)", kBrackets, kStrip, {}, L"(1234)"},
         {L"a (2) (3).t", kBrackets, kStrip, {L"a (2).t"}, L"a (1).t"}, // split once more when taken
         {L"a (7).txt", kBrackets, kKeep, {L"a (7).txt"}, L"a (1).txt"},
         {L"a.txt", kBrackets, kKeep, {L"a.txt", L"a (1).txt"}, L"a (2).txt"},
         {L".rc", kBrackets, kKeep, {L".rc"}, L".rc (1)"},
-        {L"b_3_1234.x", kUnderscores, kKeep, {}, L"b_3_1234.x"},
         {L"b_3_1234.x", kUnderscores, kKeep, {L"b_3_1234.x"}, L"b_3_1234_1_" + id() + L".x"},
         {L"b_3_1234.x", kUnderscores, kStrip, {}, L"b_3_.x"},
         {L"b_3_1234.x", kUnderscores, kStrip, {L"b_3_.x"}, L"b_3__1_" + id() + L".x"},

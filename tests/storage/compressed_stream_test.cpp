@@ -120,9 +120,8 @@ TEST_F(CompressedStream, TellsHeadersApart) {
         const char* name;
         std::string source, message;
     } cases[] = {
-        {"two reserved flags", header(0x60, "") + body, accepted},
+        {"text and two reserved flags", header(0x61, "") + body, accepted},
         {"all reserved flags", header(0xE0, "") + body, flags},
-        {"text flag", header(0x01, "") + body, accepted},
         {"another method", "\x1F\x8B\x07" + kPlainHeader.substr(3) + body, method},
         {"no method", "\x1F\x8B", method},
         {"no flags", "\x1F\x8B\x08", flags},
@@ -130,7 +129,6 @@ TEST_F(CompressedStream, TellsHeadersApart) {
         {"no length of the extra field", header(0x04, "\3"), extra},
         {"header checksum of 4 bytes", header(0x02, "1234") + body, accepted},
         {"a name", sampleFile(L"with-name.gz"), name},
-        {"a name without end", header(0x08, "name"), name},
         {"a comment", header(0x10, std::string("c\0", 2)) + body, name},
     };
     for (const auto& test : cases) {
@@ -267,12 +265,11 @@ TEST_F(CompressedStream, MovesWithinInflatedBytesOnlyForward) {
     const std::string text = sampleText(40'000);
     Opened file(gzip(text));
     char byte = 0;
-    EXPECT_EQ(file.Seek(Origin::Current, 10), 0u);
-    file.ReadBytes(&byte, 1);
-    EXPECT_EQ(byte, text[10]);
-    EXPECT_EQ(file.Seek(Origin::Begin, 39'999), 0u);
-    file.ReadBytes(&byte, 1);
-    EXPECT_EQ(byte, text[39'999]);
+    for (const auto& [origin, place] : {std::pair(Origin::Current, 10), {Origin::Begin, 39'999}}) {
+        EXPECT_EQ(file.Seek(origin, place), 0u);
+        file.ReadBytes(&byte, 1);
+        EXPECT_EQ(byte, text[static_cast<std::size_t>(place)]);
+    }
     EXPECT_GT(file.GetPosition(), 10'000u); // of the compressed bytes
 
     constexpr int kBadSeek = CFileException::badSeek;

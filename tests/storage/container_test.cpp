@@ -1,11 +1,8 @@
 #include "base/platform.h"
-#include "storage/handles/stream_lock.h"
 #include "support/fake_storage.h"
 #include "support/scarce_memory.h"
 #include "support/storage_test.h"
 
-#include <future>
-#include <memory>
 #include <thread>
 
 using namespace Support;
@@ -92,15 +89,11 @@ TEST_F(Container, MissingFilesAreAskedForOnce) {
     EXPECT_EQ(openings(modeRead, STG_E_FILENOTFOUND), 0) << "until somebody looks";
     missing.updateFileExists();
     EXPECT_EQ(openings(modeRead, S_OK), 2);
-    const SharedPathName made = path(folder_.file(L"made")), text = path(folder_.file(L"text"));
+    const SharedPathName made = path(folder_.file(L"made"));
     EXPECT_EQ(root.open(made, modeRead, false), STG_E_FILENOTFOUND);
     EXPECT_EQ(root.create(made), S_OK);
     EXPECT_EQ(newStorage(L"Box", root).commit(), S_OK);
     EXPECT_EQ(root.open(made, modeReadDenyWrite, false), S_OK) << "made by us";
-    root.close();
-    writeFile(text.asString(), "text");
-    for (int i = 0; i < 2; ++i)
-        EXPECT_EQ(root.open(text, modeRead, false), STG_E_INVALIDHEADER) << "not missing";
 }
 
 TEST_F(Container, RootsKeepWritersOutAgainAfterAFailure) {
@@ -182,19 +175,6 @@ TEST_F(Container, EveryCallIsTriedTwiceWhenHandlesRunOut) {
     EXPECT_GE(failed, 30);
 }
 
-TEST_F(Container, NoSecondAttemptWithoutAGain) {
-    const CountedSystem system;
-    StorageRef used = openRoot(path_, modeRead), root;
-    const SharedPathName other = path(folder_.file(L"other.cfb"));
-    writeCompoundFile(other.asString(), {{L"Note", ""}});
-    CountedSystem::failOpen = STG_E_TOOMANYOPENFILES;
-    EXPECT_EQ(root.open(other, modeRead, false), STG_E_TOOMANYOPENFILES) << "there was nothing to free";
-    openStream(L"Note", used);
-    CountedSystem::failOpen = STG_E_INSUFFICIENTMEMORY;
-    EXPECT_EQ(root.open(other, modeRead, false), S_OK) << "the unused stream was freed";
-    EXPECT_TRUE(used.storage());
-}
-
 // A caller's interface behind a proxy may need another thread, with locks of its own, for its answer.
 TEST_F(Container, CallersInterfacesAreAskedUnderNoLock) {
     FakeCalls calls;
@@ -206,27 +186,6 @@ TEST_F(Container, CallersInterfacesAreAskedUnderNoLock) {
     EXPECT_EQ(root, StorageRef::fromPtr(storage.Get()));
     closeForGood(root);
     EXPECT_EQ(calls.take(), L"");
-}
-
-// At the end of the process the other threads are gone, and with them the one that has the root's lock.
-TEST_F(Container, NothingIsWaitedForAtTheEndOfTheProcess) {
-    auto root = std::make_unique<StorageRef>(openRoot(path_, modeRead));
-    auto note = std::make_unique<StreamRef>(openStream(L"Note", *root));
-    std::promise<void> held, done;
-    std::thread holder([&] {
-        const Vexel::Detail::StreamLock lock(*note);
-        held.set_value();
-        done.get_future().wait();
-    });
-    held.get_future().wait();
-    const auto real = std::exchange(platform().processIsEnding, [] { return true; });
-    std::thread([&] { root.reset(); }).join(); // whose thread is not the holder's
-    EXPECT_FALSE(openCompoundFile(file_, kExclusive)) << "what a thread was in the middle of is left alone";
-    platform().processIsEnding = real;
-    done.set_value();
-    holder.join();
-    note.reset();
-    EXPECT_TRUE(openCompoundFile(file_, kExclusive));
 }
 
 // Short of memory at any point, the tables stay as they are or are empty.

@@ -54,11 +54,10 @@ public:
 
     void run(int steps) {
         using Call = void (Script::*)();
-        static constexpr Call kCalls[] = {&Script::reach,   &Script::useStream, &Script::close,
-                                          &Script::commit,  &Script::destroy,   &Script::rename,
-                                          &Script::clear,   &Script::copy,      &Script::compare,
-                                          &Script::cleanUp, &Script::reopen};
-        std::discrete_distribution<std::size_t> next{32, 24, 10, 8, 5, 3, 1, 1, 2, 2, 2};
+        static constexpr Call kCalls[] = {
+            &Script::reach, &Script::useStream, &Script::close,   &Script::commit,  &Script::destroy,
+            &Script::clear, &Script::copy,      &Script::compare, &Script::cleanUp, &Script::reopen};
+        std::discrete_distribution<std::size_t> next{32, 24, 10, 8, 5, 1, 1, 2, 2, 2};
         openRoot();
         for (int i = 0; i < steps && !testing::Test::HasFailure(); ++i) {
             const std::size_t call = next(random_);
@@ -290,26 +289,6 @@ private:
         eraseBelow(all, storage);
         all.erase(stream);
         all.erase(storage);
-    }
-    /// By the interface, from which nothing of it may be open.
-    void rename() {
-        cleanUp();
-        const Held<StorageRef> parent = anyStorage();
-        const std::wstring old = anyName(), made = anyName(), from = parent.path + old,
-                           to = parent.path + made;
-        Elements& all = work(parent.path);
-        const auto isThere = [&](const std::wstring& path) {
-            return all.contains(path) || all.contains(path + L'/');
-        };
-        if (isUsed(from) || isUsed(from + L'/') || !items_.at(parent.path).isWritable)
-            return;
-        const bool works = isThere(from) && !isThere(to);
-        EXPECT_EQ(parent.ref.storage()->RenameElement(old.c_str(), made.c_str()) == S_OK, works);
-        Elements renamed;
-        for (const auto& [path, contents] : all)
-            renamed[works && (path == from || path.starts_with(from + L'/')) ? to + path.substr(from.size())
-                                                                             : path] = contents;
-        all = renamed;
     }
     void clear() {
         cleanUp();

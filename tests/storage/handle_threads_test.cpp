@@ -5,12 +5,14 @@
 // VEXEL_TEST_SECONDS sets how long it runs.
 
 #include "support/storage_test.h"
+#include "support/streams.h"
 
 #include <array>
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
 #include <mutex>
+#include <optional>
 #include <thread>
 
 using namespace Support;
@@ -21,13 +23,7 @@ constexpr int kThreadCount = 8;
 
 /// The same for the same name, and different at every place.
 std::string pattern(std::wstring_view name, size_t size) {
-    unsigned state = 1;
-    for (const wchar_t c : name)
-        state = state * 31 + c;
-    std::string bytes(size, '\0');
-    for (char& byte : bytes)
-        byte = static_cast<char>((state = state * 1664525 + 1013904223) >> 24);
-    return bytes;
+    return noise(size + std::hash<std::wstring_view>()(name) % 1000).substr(0, size);
 }
 
 std::wstring numbered(const wchar_t* name, int number) { return name + std::to_wstring(number); }
@@ -107,11 +103,25 @@ protected:
         if (!check(work.open(element(numbered(L"Work", number)), root, false), "open for writing") ||
             !check(own.create(L"Own", work), "make a stream"))
             return;
-        check(own.WriteBytes(bytes.data(), bytes.size()) == bytes.size(), "write");
+        // In two parts: a save in between has to leave the second to the next one.
+        check(own.WriteBytes(bytes.data(), 300) == 300, "write");
+        std::this_thread::yield();
+        check(own.WriteBytes(bytes.data() + 300, bytes.size() - 300) == bytes.size() - 300, "write on");
         own.close();
         check(work.commit(), "commit a storage");
         check(root.commit(), "commit the root");
         check(read(L"Own", work) == bytes, "read what was written");
+        editions_[static_cast<size_t>(number)] = edition;
+    }
+    /// What is in the file, when nobody has it open.
+    void readEditions() {
+        container().clearAll();
+        const StorageRef root = openRoot(file(kFiles[0]), modeRead);
+        for (int i = 0; i < kThreadCount; ++i)
+            if (const auto edition = editions_[static_cast<size_t>(i)])
+                check(read(L"Own", openStorage(numbered(L"Work", i), root)) ==
+                          pattern(std::to_wstring(*edition), 2000),
+                      "read what was saved");
     }
     void list(const StorageRef& root) {
         StorageEnumerator child;
@@ -175,6 +185,7 @@ protected:
     std::mutex mutex_;
     std::string what_;
     std::atomic<int> failures_{0};
+    std::array<std::optional<int>, kThreadCount> editions_; ///< each thread's last one
 };
 
 TEST_P(Threads, ShareRoots) {
@@ -188,7 +199,7 @@ TEST_P(Threads, ShareRoots) {
         if (round % 2 == 0)
             container().deleteUnusedObjects(); // so that the next ones open the files for reading again
         else
-            container().clearAll();
+            readEditions();
     }
 }
 

@@ -2,8 +2,6 @@
 
 #include "support/storage_test.h"
 
-#include <psapi.h>
-
 #include <filesystem>
 
 using namespace Support;
@@ -184,41 +182,16 @@ TEST_F(Files, LetGoOfWhatIsClearedAway) {
     EXPECT_EQ(note.size() + inner.WriteBytes("x", 1), 0U);
     EXPECT_EQ(kept->Write("x", 1, nullptr), S_OK) << "a caller's own reference";
     EXPECT_EQ(StreamRef().create(L"New", box), STG_E_FILENOTFOUND);
-    EXPECT_EQ(StreamRef().open(L"Note", root, true), STG_E_FILENOTFOUND);
     EXPECT_EQ(root.commit(), S_OK);
     EXPECT_EQ(children(root), L"");
     EXPECT_EQ(box.create(L"Box", root, false), S_OK);
-    EXPECT_EQ(inner.size(), 0U);
     inner = newStream(L"Inner", box, "new");
     EXPECT_EQ(root.commit(), S_OK);
     EXPECT_EQ(saved(), "none");
 }
 
-std::size_t memoryInUse() {
-    PROCESS_MEMORY_COUNTERS counters{};
-    counters.cb = sizeof counters;
-    GetProcessMemoryInfo(GetCurrentProcess(), &counters, sizeof counters);
-    return counters.WorkingSetSize;
-}
-
-// 300 MB of contents, which pack well, are read and dropped.
-TEST_F(Files, GiveMemoryBackWhenCleanedUp) {
-    std::vector<Element> elements;
-    for (int i = 0; i < 30; ++i)
-        elements.push_back({std::to_wstring(i), std::string(10'000'000, 'x')});
-    writeDocument(file_, StorageFormat::Package, elements);
-    elements.clear();
-    const std::size_t before = memoryInUse();
-    StorageRef root = openRoot(path_, modeRead);
-    for (int i = 0; i < 30; ++i)
-        EXPECT_EQ(openStream(std::to_wstring(i), root).GetLength(), 10'000'000U);
-    EXPECT_GT(memoryInUse(), before + 290'000'000);
-    root.deleteUnusedObjects();
-    EXPECT_LT(memoryInUse(), before + 10'000'000);
-}
-
 // As if on another thread, a clean-up comes in the middle of reading contents and of saving, which both hold
-// locks of the archive.
+// locks of the archive. What is read once more was given back.
 TEST_F(Files, AreNotWaitedForByACleanUp) {
     static int cleanUps;
     cleanUps = 0;

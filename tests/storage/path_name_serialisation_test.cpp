@@ -6,9 +6,7 @@
 
 #include <algorithm>
 
-using Support::bytesOf;
-using Support::raised;
-using Support::systemStream;
+using namespace Support;
 using namespace std::string_literals;
 
 namespace {

@@ -12,8 +12,7 @@
 using namespace std::string_literals;
 using namespace Support;
 using Microsoft::WRL::ComPtr;
-using Vexel::Properties;
-using Vexel::PropertyVariant;
+using namespace Vexel;
 
 namespace {
 
@@ -49,8 +48,6 @@ std::string describe(const PROPVARIANT& raw) {
         return all + bytesOf(&raw.decVal, sizeof(DECIMAL));
     case VT_VECTOR | VT_I2:
         return all + bytesOf(raw.cai.pElems, raw.cai.cElems * sizeof(SHORT));
-    case VT_VECTOR | VT_I4:
-        return all + bytesOf(raw.cal.pElems, raw.cal.cElems * sizeof(LONG));
     case VT_VECTOR | VT_LPWSTR:
         for (ULONG i = 0; i < raw.calpwstr.cElems; ++i)
             all += bytesOf(CString(raw.calpwstr.pElems[i])) + ", ";
@@ -150,7 +147,6 @@ Properties someProperties() {
     LPSTR narrows[]{narrow, narrow};
     LPWSTR wides[]{wide, empty, wide};
     SHORT shorts[]{1, -2, 3};
-    LONG longs[]{4, -5};
     PROPVARIANT variants[3]{};
     variants[0].vt = VT_LPSTR;
     variants[0].pszVal = narrow;
@@ -170,7 +166,6 @@ Properties someProperties() {
     add(VT_VECTOR | VT_LPSTR, &PROPVARIANT::calpstr, CALPSTR{2, narrows});
     add(VT_VECTOR | VT_LPWSTR, &PROPVARIANT::calpwstr, CALPWSTR{3, wides});
     add(VT_VECTOR | VT_I2, &PROPVARIANT::cai, CAI{3, shorts});
-    add(VT_VECTOR | VT_I4, &PROPVARIANT::cal, CAL{2, longs});
     add(VT_VECTOR | VT_VARIANT, &PROPVARIANT::capropvar, CAPROPVARIANT{3, variants});
     return properties;
 }
@@ -243,20 +238,6 @@ TEST_F(PropertySets, HaveTheVersionThatTheirTypesNeed) {
             EXPECT_EQ(document.bytes(kSummaryName)[2], isNewer);
             EXPECT_EQ(document.all(summary, 21), before);
         }
-}
-
-// The user's own properties stand behind the document's summary.
-TEST_F(PropertySets, ShareAStream) {
-    const Document document;
-    Properties properties;
-    EXPECT_EQ(Vexel::ReadProperties(document.root, users, properties), STG_E_FILENOTFOUND);
-    const std::pair<const FMTID*, int> writes[]{{&users, 1}, {&documentSummary, 2}, {&users, 3}};
-    for (const auto& [format, value] : writes) {
-        EXPECT_EQ(document.write(*format, kPages, PropertyVariant(value)), S_OK);
-        EXPECT_EQ(document.read(*format)[kPages].asInteger(), value);
-        EXPECT_EQ(document.bytes(kDocumentName).substr(28, 16), bytesOf(&documentSummary, 16));
-    }
-    EXPECT_EQ(document.read(documentSummary)[kPages].asInteger(), 2);
 }
 
 /// A stream of the user's own properties: number, value and, of the first three, a name, in code page 1251.
@@ -365,7 +346,6 @@ TEST_F(PropertySets, RefuseWhatTheyCannotHold) {
               {"clipboard data", kTitle, VT_VECTOR | VT_CF},
               {"an unknown type", kTitle, kUnknown},
               {"the code page", PID_CODEPAGE, VT_I4},
-              {"the names", PID_DICTIONARY, VT_I4},
               {"the locale", PID_LOCALE, VT_I4},
               {"no number", PID_ILLEGAL, VT_I4}};
     for (const auto& [what, id, type] : cases) {

@@ -80,18 +80,15 @@ TEST_F(Formats, IsKeptForPathNamesWithinABlock) {
 }
 
 TEST_F(Formats, OpensPackagesForReading) {
-    for (const wchar_t* file : {L"empty.7z", L"copy.7z"}) {
-        const std::wstring path = samplePath(file);
-        ComPtr<IStorage> byPath, fromStream;
-        ComPtr<IStream> made;
-        ASSERT_EQ(OpenVexelPackage(&byPath, path.c_str()), S_OK);
-        EXPECT_EQ(byPath->CreateStream(L"New", STGM_CREATE | STGM_READWRITE, 0, 0, &made),
-                  STG_E_ACCESSDENIED);
-        ASSERT_EQ(OpenVexelPackageStream(&fromStream, streamOf(readFile(path)).Get()), S_OK);
-        const std::wstring names = children(StorageRef::fromPtr(byPath.Get()));
-        EXPECT_EQ(names.empty(), *file == L'e');
-        EXPECT_EQ(children(StorageRef::fromPtr(fromStream.Get())), names);
-    }
+    const std::wstring path = samplePath(L"copy.7z");
+    ComPtr<IStorage> byPath, fromStream;
+    ComPtr<IStream> made;
+    ASSERT_EQ(OpenVexelPackage(&byPath, path.c_str()), S_OK);
+    EXPECT_EQ(byPath->CreateStream(L"New", STGM_CREATE | STGM_READWRITE, 0, 0, &made), STG_E_ACCESSDENIED);
+    ASSERT_EQ(OpenVexelPackageStream(&fromStream, streamOf(readFile(path)).Get()), S_OK);
+    const std::wstring names = children(StorageRef::fromPtr(byPath.Get()));
+    EXPECT_FALSE(names.empty());
+    EXPECT_EQ(children(StorageRef::fromPtr(fromStream.Get())), names);
 }
 
 // A pipe whose other side goes away opens, but cannot be read.

@@ -30,15 +30,9 @@ void dieIf(bool condition, const char* reason) {
     TerminateProcess(GetCurrentProcess(), 3);
 }
 
-LONG CALLBACK onException(EXCEPTION_POINTERS* what) {
-    const DWORD code = what->ExceptionRecord->ExceptionCode;
-    dieIf(code == EXCEPTION_STACK_OVERFLOW || code == EXCEPTION_ACCESS_VIOLATION, "a crash");
-    return EXCEPTION_CONTINUE_SEARCH;
-}
-
 } // namespace
 
-CaseWatch::CaseWatch() : handler_(AddVectoredExceptionHandler(1, onException)) {
+CaseWatch::CaseWatch() {
     begin("none");
     watcher_ = std::jthread([before = memoryInUse()](const std::stop_token& stop) {
         for (; !stop.stop_requested(); Sleep(50)) {
@@ -48,8 +42,6 @@ CaseWatch::CaseWatch() : handler_(AddVectoredExceptionHandler(1, onException)) {
         }
     });
 }
-
-CaseWatch::~CaseWatch() { RemoveVectoredExceptionHandler(handler_); }
 
 void CaseWatch::begin(const std::string& name) {
     const std::lock_guard lock(mutex);

@@ -117,12 +117,16 @@ void writeCompoundFile(const std::wstring& file, const std::vector<Element>& ele
     writeElements(root.Get(), elements);
 }
 
-std::vector<Element> readCompoundFile(const std::wstring& file) {
+std::vector<Element> readElements(IStorage* root) {
     std::vector<Element> elements;
+    collect(root, L"", elements);
+    return elements;
+}
+
+std::vector<Element> readCompoundFile(const std::wstring& file) {
     const auto root = openCompoundFile(file, STGM_TRANSACTED | STGM_SHARE_DENY_WRITE | STGM_READ);
     require(root ? S_OK : E_FAIL, "StgOpenStorageEx");
-    collect(root.Get(), L"", elements);
-    return elements;
+    return readElements(root.Get());
 }
 
 ComPtr<IStorage> openCompoundFile(const std::wstring& file, DWORD stgm) {

@@ -46,11 +46,14 @@ void PrintTo(const Element& element, std::ostream* out);
 /// Writes these elements into a new storage, the system's or ours, and commits it.
 void writeElements(IStorage* root, const std::vector<Element>& elements);
 
+/// Every element, depth first, in the order in which the storage lists them.
+std::vector<Element> readElements(IStorage* root);
+
 /// Writes a new compound file with these elements; `sectorSize` is 512 or 4096.
 void writeCompoundFile(const std::wstring& file, const std::vector<Element>& elements,
                        unsigned sectorSize = 512);
 
-/// Every element, depth first, in the order in which the system lists them.
+/// Every element of a file.
 std::vector<Element> readCompoundFile(const std::wstring& file);
 
 /// Opens the root with the given STGM flags, or returns null.

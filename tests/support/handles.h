@@ -8,6 +8,7 @@
 
 #include <gmock/gmock.h>
 
+#include <algorithm>
 #include <string>
 #include <string_view>
 #include <vector>
@@ -83,26 +84,58 @@ inline std::wstring children(const StorageRef& storage) {
         names += child.name().asString() + std::wstring(child.type() == StorageType::Storage ? L"/ " : L" ");
     return names;
 }
-/// Every element below, depth first, as listed; what holds a package's class is none.
-inline void collect(const StorageRef& storage, const std::wstring& prefix, std::vector<Element>& elements) {
+
+/// What a tree shows.
+struct Seen {
+    std::vector<Element> elements; ///< depth first, as listed
+    bool complete = true;          ///< everything that is listed could be opened
+    bool shortened = false;        ///< a stream had not as many bytes as its size
+    bool whole() const { return complete && !shortened; }
+};
+/// Every element below, but what holds a package's class, which is there for a class only. Damage can make a
+/// tree that is as deep as the file has elements, and is not followed so far.
+inline void see(const StorageRef& storage, const std::wstring& prefix, int depth, Seen& seen) {
+    constexpr int kGreatestDepth = 64;
     StorageEnumerator child;
-    EXPECT_EQ(child.reset(storage), S_OK);
+    if (depth > kGreatestDepth || FAILED(child.reset(storage))) {
+        seen.complete = false;
+        return;
+    }
     while (child.moveNext()) {
-        const std::wstring name = child.name().asString();
-        if (child.type() == StorageType::Storage) {
-            elements.push_back({prefix + name + L"/", {}});
-            collect(openStorage(name, storage), prefix + name + L"/", elements);
-        } else if (name != L".clsid") {
-            elements.push_back({prefix + name, read(name, storage)});
-            EXPECT_EQ(child.size().QuadPart, elements.back().contents.size());
+        const std::wstring name = child.name().asString(), path = prefix + name;
+        StorageRef inner;
+        StreamRef stream;
+        if (storage.format() == StorageFormat::Package && name == L".clsid" &&
+            read(name, storage) != std::string(sizeof(CLSID), '\0'))
+            continue;
+        if (child.type() == StorageType::Storage && SUCCEEDED(inner.open(child.name(), storage, true))) {
+            seen.elements.push_back({path + L"/", {}});
+            see(inner, path + L"/", depth + 1, seen);
+        } else if (child.type() == StorageType::Stream &&
+                   SUCCEEDED(stream.open(child.name(), storage, true))) {
+            seen.elements.push_back({path, contents(stream)});
+            seen.shortened = seen.shortened || seen.elements.back().contents.size() != child.size().QuadPart;
+        } else {
+            seen.complete = false;
         }
     }
-    EXPECT_EQ(child.status(), S_FALSE);
+    seen.complete = seen.complete && child.status() == S_FALSE;
 }
-inline std::vector<Element> elementsOf(const StorageRef& storage) {
-    std::vector<Element> elements;
-    collect(storage, L"", elements);
+inline Seen see(const StorageRef& root) {
+    Seen seen;
+    see(root, L"", 0, seen);
+    return seen;
+}
+/// In the order of their paths.
+inline std::vector<Element> sorted(std::vector<Element> elements) {
+    std::ranges::stable_sort(elements, {}, &Element::path);
     return elements;
+}
+/// Of a sound tree.
+inline std::vector<Element> elementsOf(const StorageRef& storage) {
+    const Seen seen = see(storage);
+    EXPECT_TRUE(seen.whole());
+    return seen.elements;
 }
 
 /// Writes a new document with these elements, which nobody has open afterwards.
