@@ -3,6 +3,7 @@
 
 #include "archive/engine.h"
 #include "archive/pack_ahead.h"
+#include "archive/packing_order.h"
 #include "archive/update_step.h"
 #include "base/com_pointer.h"
 #include "base/platform.h"
@@ -18,6 +19,7 @@
 
 #include <algorithm>
 #include <atomic>
+#include <cstring>
 #include <map>
 #include <mutex>
 #include <string>
@@ -171,6 +173,43 @@ TEST_F(Packing, WritesTheSameFileWithAnyNumberOfThreads) {
         EXPECT_TRUE(written(threads) == one) << threads;
         EXPECT_EQ(watch_.started, (std::min)(threads - 1, 8U)) << "for their memory";
     }
+}
+
+// The engine puts some types first, and does not look at the case of names.
+TEST_F(Packing, KnowsTheOrderOfTheEngine) {
+    static std::vector<std::string> asked;
+    struct Asked final : InMemoryIStream {
+        std::string name;
+        HRESULT STDMETHODCALLTYPE Seek(LARGE_INTEGER to, DWORD origin, ULARGE_INTEGER* at) noexcept override {
+            asked.push_back(name);
+            return InMemoryIStream::Seek(to, origin, at);
+        }
+    };
+    CObjectVector<NArchive::N7z::CUpdateItem> list;
+    std::vector<PackAhead::Item> items;
+    std::map<::IStream*, std::string> names;
+    for (const char* name :
+         {"b.txt", "a.xls", "B.7z", "z", "Y", "d/a", "d-a", "a.unknown", "C.TXT", "b.dll"}) {
+        const auto stream = adopt(new Asked);
+        stream->name = name;
+        stream->write("12345", 5);
+        items.push_back({static_cast<unsigned>(items.size()), stream.Get(), 5});
+        names[stream.Get()] = name;
+        add(std::wstring(name, name + std::strlen(name)), stream, 5);
+        NArchive::N7z::CUpdateItem& item = list.AddNew();
+        item.Name = entries_.back().name.GetString();
+        item.Size = 5;
+        item.IndexInArchive = -1;
+        item.IsDir = item.IsAnti = false;
+        item.NewData = item.NewProps = true;
+    }
+    putIntoPackingOrder(items, list);
+    std::vector<std::string> known;
+    for (const PackAhead::Item& item : items)
+        known.push_back(names[item.contents]);
+    asked.clear();
+    written(1);
+    EXPECT_EQ(known, asked);
 }
 
 // With the status that one thread would have met.

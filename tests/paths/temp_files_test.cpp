@@ -23,6 +23,7 @@ using namespace Vexel::Detail;
 namespace {
 
 DWORD tick;
+int deletesBeforeFailure;
 
 TempFileContainer& registry() { return TempFileContainer::Instance(); }
 
@@ -187,6 +188,38 @@ TEST_F(TempFiles, AreDeletedAtOnceWithoutAThread) {
     EXPECT_FALSE(exists(used));
 }
 
+// The end of the process may stop a thread that holds the registry's lock.
+TEST_F(TempFiles, AreDeletedAtTheEndWhoeverHoldsTheLock) {
+    static std::atomic<bool> held;
+    static std::atomic<bool> over;
+    held = over = false;
+    const auto startThread = platform().startThread;
+    refuseThreads();
+    const SharedPathName first = insertFile();
+    const SharedPathName second = insertFile();
+    platform().deleteFile = [](const wchar_t* path) -> BOOL {
+        held = true;
+        while (!over)
+            Sleep(1);
+        return DeleteFileW(path);
+    };
+    std::jthread holder([&first] { registry().erase(first); });
+    while (!held)
+        Sleep(1);
+    platform().deleteFile = DeleteFileW;
+    platform().startThread = startThread; // not to be tried any more
+    platform().processIsEnding = [] { return true; };
+    registry().erase(second);
+    EXPECT_FALSE(exists(second));
+    const SharedPathName third = insertFile(); // without the lock, too
+    EXPECT_TRUE(registry().contains(third));
+    registry().release(third);
+    EXPECT_FALSE(registry().contains(third));
+    EXPECT_TRUE(DeleteFileW(third.asString()));
+    over = true;
+    holder.join();
+}
+
 // The end of the process stops threads in the middle of a change.
 TEST_F(TempFiles, AreKnownAtTheEndWhereverAThreadWasStopped) {
     std::vector<SharedPathName> names;
@@ -227,6 +260,25 @@ TEST_F(TempFiles, AreKnownAtTheEndWhereverAThreadWasStopped) {
         ASSERT_LE(visited, names.size());
     }
     isOver = true;
+}
+
+TEST_F(TempFiles, ClearAllDeletesWhatItCan) {
+    for (int n = 0; n <= 3; ++n) {
+        registry().clearAll(); // what this round or another test has left
+        const SharedPathName files[] = {insertFile(), insertFile(), insertFile()};
+        deletesBeforeFailure = n;
+        platform().deleteFile = [](const wchar_t* path) -> BOOL {
+            SetLastError(ERROR_ACCESS_DENIED);
+            return deletesBeforeFailure-- != 0 && DeleteFileW(path);
+        };
+        registry().clearAll();
+        int left = 0;
+        for (const SharedPathName& file : files) {
+            EXPECT_EQ(exists(file), registry().contains(file));
+            left += exists(file);
+        }
+        EXPECT_EQ(left, n < 3 ? 1 : 0);
+    }
 }
 
 TEST_F(TempFiles, ThreadOutlivesWantOfMemory) {
