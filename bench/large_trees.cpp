@@ -1,7 +1,9 @@
 // Whether an item costs as much in a large tree as in a small one: listing, copying and removing trees of
 // 100,000 items, against the same done to trees of 1,000 items until there were as many; and trees of 3,000
 // storages inside one another against those of 1,000. Nothing but memory takes part, so processor time is
-// what counts.
+// what counts. Both sides share one heap, which under Wine serves small blocks slowly once large trees have
+// been freed: that hits the peer, with its many small trees, more. How cost grows in processes of their own is
+// what `bench_curves` tells.
 
 #include "archive/szip_storage.h"
 #include "support/archives.h"
