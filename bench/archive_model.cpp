@@ -5,6 +5,7 @@
 #include "support/ratio.h"
 
 #include <vexel/archive.h>
+#include <vexel/diagnostics.h>
 #include <vexel/storage.h>
 
 #include <filesystem>
@@ -22,6 +23,7 @@ constexpr unsigned kChangedSheets = 200;
 constexpr unsigned kStreams = 5000;
 constexpr std::size_t kSmallItem = 2048;
 constexpr std::size_t kPackedItem = 3000;
+constexpr std::size_t kLargeStream = std::size_t{64} << 20;
 constexpr std::size_t kSheet = std::size_t{100} << 10;
 
 void open(benchmark::State& state, const wchar_t* path) {
@@ -195,6 +197,23 @@ void readStreams(benchmark::State& state, const wchar_t* path) {
     }
 }
 
+/// Of the archive's only item, which is not changed in the end. The log warns of that each time.
+void openForWriting(benchmark::State& state, const wchar_t* path) {
+    VxLog_SetSink([](int, const wchar_t*, void*) {}, nullptr);
+    const CString item = nameOf(0);
+    const int slash = item.Find(L'/');
+    for (auto _ : state) {
+        {
+            StorageRef root, storage;
+            require(root.open(SharedPathName(path, false, false), RootStorageOpenMode::ReadWrite, false));
+            require(storage.open(item.Left(slash), root, false));
+            StreamRef stream;
+            require(stream.open(item.Mid(slash + 1), storage, false));
+        }
+        StorageContainer::Instance().clearAll();
+    }
+}
+
 /// With an item for each directory, as the handles need them.
 std::unique_ptr<ScratchFile> packageOf(const wchar_t* name, unsigned count,
                                        const std::vector<unsigned char>& bytes, std::size_t size) {
@@ -214,7 +233,7 @@ std::unique_ptr<ScratchFile> packageOf(const wchar_t* name, unsigned count,
 int main(int argc, char** argv) {
     start();
     Vexel::Bench::Suite suite;
-    const auto text = someBytes(std::size_t{16} << 20, false);
+    const auto text = someBytes(kLargeStream + 1, false);
     const auto noise = someBytes(std::size_t{16} << 20, true);
     const Lazy many([&] { return archiveOf(L"many.7z", kManyItems, text, 20); });
     suite.compare(
@@ -254,5 +273,11 @@ int main(int argc, char** argv) {
         "open a package and read its 5,000 streams, against a new decoder for each", 0.85,
         [&](auto& state) { readStreams(state, written->path()); },
         [&](auto& state) { readBare(state, written->path()); }, Clock::Processor);
+    const Lazy largeStream([&] { return packageOf(L"large.7z", 1, text, kLargeStream); });
+    const Lazy smallStream([&] { return packageOf(L"small.7z", 1, text, kSmallItem); });
+    suite.compare(
+        "open a stream of 64 MiB for writing, peer one of 2 KiB", 1.2,
+        [&](auto& state) { openForWriting(state, largeStream->path()); },
+        [&](auto& state) { openForWriting(state, smallStream->path()); });
     return suite.run(argc, argv);
 }
