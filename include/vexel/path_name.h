@@ -92,10 +92,10 @@ public:
     SharedPathName(std::wstring_view text, bool caseSensitive, bool caseSensitiveHash);
 
     /// Shares the entry.
-    SharedPathName(const SharedPathName& other) noexcept;
+    inline SharedPathName(const SharedPathName& other) noexcept;
     /// Takes the entry over and leaves `other` null.
     SharedPathName(SharedPathName&& other) noexcept : entry_(std::exchange(other.entry_, nullptr)) {}
-    SharedPathName& operator=(const SharedPathName& other) noexcept;
+    inline SharedPathName& operator=(const SharedPathName& other) noexcept;
     /// Swaps: what this name held is released when `other` dies.
     SharedPathName& operator=(SharedPathName&& other) noexcept {
         swap(other);
@@ -125,7 +125,7 @@ public:
     // The text. Pointers and views are valid while any name shares the entry. The text of the null name is
     // empty; no pointer is ever null.
 
-    const wchar_t* asString() const noexcept;
+    inline const wchar_t* asString() const noexcept;
     CString asCString() const noexcept;
     inline std::wstring_view asStringView() const noexcept;
     operator std::wstring_view() const noexcept { return asStringView(); }
