@@ -56,6 +56,10 @@ void Command::optional(const char* name, std::string& value, const char* help) {
     app_.add_option(name, value, help);
 }
 
+void Command::option(const char* names, std::string& value, const char* help) {
+    app_.add_option(names, value, help);
+}
+
 void Command::flag(const char* name, bool& value, const char* help) { app_.add_flag(name, value, help); }
 
 void Command::file(std::string& file) { required("FILE", file, "The document"); }

@@ -18,6 +18,8 @@ public:
 
     void required(const char* name, std::string& value, const char* help);
     void optional(const char* name, std::string& value, const char* help);
+    /// An option with a value, as "-o,--output".
+    void option(const char* names, std::string& value, const char* help);
     void flag(const char* name, bool& value, const char* help);
     /// The arguments that most commands take.
     void file(std::string& file);
