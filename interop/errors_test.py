@@ -15,7 +15,7 @@ class Errors(CommandTest):
                 ([], "no command .*--help"),
                 (["frobnicate", path], 'no command "frobnicate"'),
                 (["list"], "FILE"),
-                (["list", path, "more"], "more"),
+                (["info", path, "more"], "more"),
                 (["list", path, "--yaml"], "--yaml"),
                 (["cat", path], "NODE"),
                 (["extract", path], "DIR"),

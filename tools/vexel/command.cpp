@@ -6,6 +6,7 @@
 #include "console.h"
 #include "failure.h"
 #include "log.h"
+#include "nearest.h"
 #include "progress.h"
 #include "text.h"
 
@@ -17,6 +18,8 @@ namespace Vexel::Tool {
 namespace {
 
 constexpr const char* kNodeHelp = "The node's path, its elements joined by \"/\" (%05SummaryInformation)";
+constexpr const char* kNodesHelp =
+    "Paths of nodes, their elements joined by \"/\"; * and ? stand for parts of names, ** for any storages";
 
 void printHelp(const CLI::App& program, CLI::AppFormatMode mode) {
     StandardOutput output;
@@ -33,10 +36,14 @@ void checkName(CLI::App& program, const std::vector<std::string>& arguments) {
             throw UsageError(L"no command is given; the commands are shown by", L"vexel --help");
         return;
     }
-    const auto commands =
-        program.get_subcommands([&name](CLI::App* app) { return app->get_name() == *name; });
-    if (commands.empty())
-        throw UsageError(L"there is no command", toUtf16(*name));
+    Nearest nearest(toUtf16(*name));
+    for (const CLI::App* const command : program.get_subcommands(nullptr)) {
+        if (command->get_name() == *name)
+            return;
+        nearest.offer(toUtf16(command->get_name()));
+    }
+    const UsageError error(L"there is no command", toUtf16(*name));
+    throw nearest.found() ? UsageError(error.message() + didYouMean(*nearest.found())) : error;
 }
 
 } // namespace
@@ -66,7 +73,13 @@ void Command::file(std::string& file) { required("FILE", file, "The document"); 
 
 void Command::node(std::string& node) { required("NODE", node, kNodeHelp); }
 
-void Command::optionalNode(std::string& node) { optional("NODE", node, kNodeHelp); }
+void Command::nodes(std::vector<std::string>& nodes) {
+    app_.add_option("NODE", nodes, kNodesHelp)->required()->type_name("");
+}
+
+void Command::optionalNodes(std::vector<std::string>& nodes) {
+    app_.add_option("NODE", nodes, kNodesHelp)->type_name("");
+}
 
 void Command::run(std::function<void()> body) {
     app_.callback([body = std::move(body), name = toUtf16(app_.get_name())] {

@@ -24,7 +24,9 @@ public:
     /// The arguments that most commands take.
     void file(std::string& file);
     void node(std::string& node);
-    void optionalNode(std::string& node);
+    /// One or more nodes, or none; each may be a pattern.
+    void nodes(std::vector<std::string>& nodes);
+    void optionalNodes(std::vector<std::string>& nodes);
     /// What the command does.
     void run(std::function<void()> body);
 

@@ -83,7 +83,7 @@ void run(const Arguments& arguments) {
     Place from(document, node, false);
     const auto type = Document::typeOf(from.parent(), node.name());
     if (!type)
-        throw Failure(L"cannot move", document.label(node), STG_E_FILENOTFOUND);
+        document.failAsMissing(L"cannot move", node);
     Place to(document, newNode, true);
     if (Document::typeOf(to.parent(), newNode.name()))
         throw Failure(L"cannot move to", document.label(newNode), STG_E_FILEALREADYEXISTS);

@@ -99,7 +99,8 @@ private:
     void addState() {
         if (report_.faults == 0) {
             sink_(std::string("<p class=\"state\">Every stream was read to its end") +
-                  (isPacked() ? ", and agrees with its checksum where it has one" : "") + ". No damage was found.</p>\n");
+                  (isPacked() ? ", and agrees with its checksum where it has one" : "") +
+                  ". No damage was found.</p>\n");
             return;
         }
         constexpr std::size_t kMostShown = 20;
