@@ -50,16 +50,23 @@ std::string detailsOf(const Difference& difference, bool exact) {
     return "  (" + size(difference.before + (difference.kind == Kind::Added ? difference.after : 0)) + ")";
 }
 
-std::string lineOf(const Difference& difference, bool exact) {
-    std::string line = nameOf(difference.kind);
-    line.resize(9, ' ');
+Style styleOf(Kind kind) {
+    static constexpr Style kStyles[] = {Style::Bad, Style::Good, Style::Changed, Style::Moved};
+    return kStyles[static_cast<int>(kind)];
+}
+
+void print(StandardOutput& output, const Difference& difference, bool exact) {
+    std::string kind = nameOf(difference.kind);
+    kind.resize(9, ' ');
+    std::string line;
     if (difference.kind == Kind::Moved)
         line += shown(difference.from) + " → ";
     line += shown(difference.path);
     // What was moved is as large as before.
     if (difference.type == StorageType::Storage && difference.kind != Kind::Changed)
         line += "/";
-    return line + detailsOf(difference, exact) + "\n";
+    output.text(kind, styleOf(difference.kind));
+    output.text(line + detailsOf(difference, exact) + "\n");
 }
 
 std::size_t countOf(const ComparisonResult& result, Kind kind) {
@@ -68,15 +75,15 @@ std::size_t countOf(const ComparisonResult& result, Kind kind) {
                       [kind](const Difference& difference) { return difference.kind == kind; }));
 }
 
-std::string textOf(const ComparisonResult& result, bool exact) {
+void print(StandardOutput& output, const ComparisonResult& result, bool exact) {
     if (result.differences.empty())
-        return {};
-    std::string text;
+        return;
     for (const Difference& difference : result.differences)
-        text += lineOf(difference, exact);
+        print(output, difference, exact);
+    std::string text;
     for (const Kind kind : {Kind::Removed, Kind::Added, Kind::Changed, Kind::Moved})
         text += std::to_string(countOf(result, kind)) + " " + nameOf(kind) + ", ";
-    return text + std::to_string(result.same) + " alike\n";
+    output.text(text + std::to_string(result.same) + " alike\n");
 }
 
 nlohmann::ordered_json jsonOf(const Difference& difference) {
@@ -130,7 +137,10 @@ int statusOf(const Arguments& arguments) {
     bool isWhole = true;
     const ComparisonResult result = compare(arguments, isWhole);
     StandardOutput output;
-    output.text(arguments.json ? jsonOf(result).dump(2) + "\n" : textOf(result, arguments.bytes));
+    if (arguments.json)
+        output.text(jsonOf(result).dump(2) + "\n");
+    else
+        print(output, result, arguments.bytes);
     output.flush();
     if (!isWhole)
         return KTrouble;
@@ -162,6 +172,7 @@ void add(Command& command) {
     command.required("B", arguments->second, "The document to compare it with, of either format");
     command.flag("--json", arguments->json, "Print one object with all differences");
     command.flag("--bytes", arguments->bytes, "Print sizes to the byte");
+    command.examples("vexel diff hall.cfb hall.7z", "vexel diff --json before.7z after.7z");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -135,9 +135,11 @@ void run(const Arguments& arguments) {
 void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
-    command.required("DIR", arguments->directory, "The directory to write into, made when it is missing");
+    command.required("DIR", arguments->directory, "The directory to write into, made when it is missing",
+                     Takes::Directory);
     command.optionalNodes(arguments->nodes);
     command.flag("--force", arguments->force, "Replace files that are there");
+    command.examples("vexel extract hall.7z out", "vexel extract hall.7z out 'Views/**' Preview");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -100,6 +100,10 @@ void check(HRESULT status, std::wstring_view what, std::wstring_view where) {
         throw Failure(what, where, FAILED(status) ? status : STG_E_READFAULT);
 }
 
+bool isNotReadable(HRESULT status) noexcept {
+    return status == E_NOTIMPL || status == HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
+}
+
 HRESULT lastErrorStatus() {
     const DWORD error = GetLastError();
     return error == ERROR_SUCCESS ? E_FAIL : HRESULT_FROM_WIN32(error);

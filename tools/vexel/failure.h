@@ -55,6 +55,10 @@ private:
 /// Throws Failure unless `status` is S_OK: other successes are half ones.
 void check(HRESULT status, std::wstring_view what, std::wstring_view where);
 
+/// Whether the program cannot read something that need not be damaged: a method that it does not have,
+/// encryption.
+bool isNotReadable(HRESULT status) noexcept;
+
 /// The last error of the calling thread as a failing status, E_FAIL when none is set.
 HRESULT lastErrorStatus();
 

@@ -4,6 +4,7 @@
 #include "command.h"
 #include "console.h"
 #include "document_info.h"
+#include "sizes.h"
 #include "text.h"
 
 #include <nlohmann/json.hpp>
@@ -19,21 +20,22 @@ namespace {
 struct Arguments {
     std::string file;
     bool json = false;
+    bool bytes = false;
 };
 
-std::string textOf(const Info& info) {
+std::string textOf(const Info& info, bool exact) {
     std::string text;
     const auto line = [&](const std::string& name, const std::string& value) {
         text += name + std::string(10 - name.size(), ' ') + value + "\n";
     };
     line("format", formatName(info.format));
-    line("size", std::to_string(sizeOf(info)));
+    line("size", sizeText(sizeOf(info), exact));
     if (info.contents) {
         line("storages", std::to_string(info.contents->storages));
         line("streams", std::to_string(info.contents->streams));
-        line("bytes", std::to_string(info.contents->bytes));
+        line("bytes", sizeText(info.contents->bytes, exact));
         if (info.contents->packed)
-            line("packed", std::to_string(*info.contents->packed));
+            line("packed", sizeText(*info.contents->packed, exact));
         if (const auto ratio = ratioOf(*info.contents)) {
             char percent[32];
             std::snprintf(percent, sizeof percent, "%.1f %%", *ratio * 100);
@@ -77,14 +79,16 @@ nlohmann::ordered_json jsonOf(const Info& info) {
 void run(const Arguments& arguments) {
     const Info info = infoOf(toUtf16(arguments.file));
     StandardOutput output;
-    output.text(arguments.json ? jsonOf(info).dump(2) + "\n" : textOf(info));
+    output.text(arguments.json ? jsonOf(info).dump(2) + "\n" : textOf(info, arguments.bytes));
     output.flush();
 }
 
 void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
+    command.flag("--bytes", arguments->bytes, "Print sizes to the byte");
     command.flag("--json", arguments->json, "Print one object with the same figures");
+    command.examples("vexel info hall.7z", "vexel info --json hall.7z");
     command.run([arguments] { run(*arguments); });
 }
 

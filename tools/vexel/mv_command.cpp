@@ -102,7 +102,9 @@ void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
     command.node(arguments->node);
-    command.required("NEWNODE", arguments->newNode, "The node's new path; nothing may stand there");
+    command.required("NEWNODE", arguments->newNode, "The node's new path; nothing may stand there",
+                     Takes::Node);
+    command.examples("vexel mv hall.7z Views/Top Views/Above", "vexel mv hall.7z Preview History/Preview");
     command.run([arguments] { run(*arguments); });
 }
 

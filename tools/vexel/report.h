@@ -28,6 +28,7 @@ struct DocumentReport {
     Summary summary;
     std::vector<ReportNode> nodes; ///< the root first, each storage before what is in it
     std::size_t faults = 0;
+    std::size_t notReadable = 0; ///< nodes that may be sound, but that this program cannot read
 };
 
 /// Reads a document wholly. What cannot be read has a fault at its node, or at the storage that it stands in.

@@ -47,6 +47,7 @@ void add(Command& command) {
     command.file(arguments->file);
     command.option("-o,--output", arguments->page, "The page to write; without it, standard output");
     command.flag("--force", arguments->force, "Replace a file that is there");
+    command.examples("vexel report hall.7z -o hall.html", "vexel report hall.cfb > hall.html");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -97,23 +97,34 @@ private:
     }
 
     void addState() {
-        if (report_.faults == 0) {
+        if (report_.faults + report_.notReadable == 0) {
             sink_(std::string("<p class=\"state\">Every stream was read to its end") +
                   (isPacked() ? ", and agrees with its checksum where it has one" : "") +
                   ". No damage was found.</p>\n");
             return;
         }
+        std::string found = report_.faults > 0 ? counted(report_.faults, "fault") + " found. " : "";
+        if (report_.notReadable > 0)
+            found += counted(report_.notReadable, "node") +
+                     " could not be read by this program, and may be sound. ";
+        sink_("<div class=\"state bad\">" + found + "<ul>\n");
+        addFaults();
+        sink_("</ul></div>\n");
+    }
+
+    // The table has them all.
+    void addFaults() {
         constexpr std::size_t kMostShown = 20;
-        sink_("<div class=\"state bad\">" + counted(report_.faults, "fault") + " found.<ul>\n");
         std::size_t shown = 0;
-        for (std::size_t i = 0; i < report_.nodes.size() && shown < kMostShown; ++i) {
-            if (!report_.nodes[i].fault.empty() && ++shown > 0)
-                sink_("<li>" + htmlText(report_.nodes[i].fault) + "</li>\n");
+        for (const ReportNode& node : report_.nodes) {
+            if (node.fault.empty())
+                continue;
+            if (++shown > kMostShown) {
+                sink_("<li>The others are in the table.</li>\n");
+                return;
+            }
+            sink_("<li>" + htmlText(node.fault) + "</li>\n");
         }
-        sink_("</ul>");
-        if (report_.faults > kMostShown)
-            sink_("The others are in the table.");
-        sink_("</div>\n");
     }
 
     void addPicture(const char* kind, TreemapMeasure measure, double width, double height) {

@@ -54,6 +54,7 @@ void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
     command.nodes(arguments->nodes);
+    command.examples("vexel rm hall.7z Preview", "vexel rm hall.7z 'Views/*/Thumbnail' 'Old/**'");
     command.run([arguments] { run(*arguments); });
 }
 
