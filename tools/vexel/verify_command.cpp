@@ -120,8 +120,9 @@ nlohmann::ordered_json jsonOf(const std::string& file, const Verified& result) {
     object["file"] = file;
     object["status"] = nameOf(result.outcome);
     object["faults"] = result.faults;
-    object["message"] =
-        result.message.empty() ? nlohmann::ordered_json(nullptr) : toUtf8(onOneLine(result.message));
+    object["message"] = nullptr;
+    if (!result.message.empty())
+        object["message"] = toUtf8(onOneLine(result.message));
     return object;
 }
 
