@@ -263,13 +263,10 @@ constexpr Shell kShells[] = {
 
 } // namespace
 
-const std::vector<std::string>& completionShells() {
-    static const std::vector<std::string> names = [] {
-        std::vector<std::string> result;
-        for (const Shell& shell : kShells)
-            result.emplace_back(shell.name);
-        return result;
-    }();
+std::vector<std::string> completionShells() {
+    std::vector<std::string> names;
+    for (const Shell& shell : kShells)
+        names.emplace_back(shell.name);
     return names;
 }
 

@@ -10,7 +10,7 @@
 namespace Vexel::Tool {
 
 /// The shells that completion can be had for: "bash", "zsh", "fish", "powershell".
-const std::vector<std::string>& completionShells();
+std::vector<std::string> completionShells();
 
 /// The script by which a shell completes the program's commands, their options, and files where files are
 /// due; nothing for a shell that is not known.

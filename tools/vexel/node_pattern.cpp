@@ -4,6 +4,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <cstddef>
 
 namespace Vexel::Tool {
@@ -13,10 +14,12 @@ std::u32string toCharacters(std::wstring_view text) {
     std::u32string result;
     for (std::size_t i = 0; i < text.size(); ++i) {
         const char32_t unit = text[i];
-        if (i + 1 < text.size() && IS_SURROGATE_PAIR(text[i], text[i + 1]))
-            result += 0x10000 + ((unit - 0xd800) << 10) + (text[++i] - char32_t{0xdc00});
-        else
+        if (i + 1 < text.size() && IS_SURROGATE_PAIR(text[i], text[i + 1])) {
+            const char32_t low = text[++i];
+            result += static_cast<char32_t>(0x10000 + ((unit - 0xd800) << 10) + (low - 0xdc00));
+        } else {
             result += unit;
+        }
     }
     return result;
 }

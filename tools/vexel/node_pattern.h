@@ -11,7 +11,9 @@ namespace Vexel::Tool {
 /// character itself.
 class NodePattern {
 public:
-    static bool hasWildcards(std::wstring_view text) { return text.find_first_of(L"*?") != text.npos; }
+    static bool hasWildcards(std::wstring_view text) {
+        return text.find_first_of(L"*?") != std::wstring_view::npos;
+    }
 
     /// Throws UsageError for what is no node path.
     static NodePattern parse(std::wstring_view text);

@@ -11,11 +11,11 @@ namespace Vexel::Tool {
 /// A node that a command line names.
 struct SelectedNode {
     NodePath path;
-    StorageType type;
+    StorageType type = StorageType::Stream;
     /// How many of its elements stood on the command line without a wildcard, before the first one with such;
     /// all but the last one of a path without wildcards.
-    std::size_t fixed;
-    bool isByPattern;
+    std::size_t fixed = 0;
+    bool isByPattern = false;
 };
 
 /// The nodes that `texts` name, in UTF-8: a path, or a pattern (NodePattern) unless a node has just that

@@ -59,7 +59,8 @@ void inParallel(std::size_t count, const Work& work, const Take& take) {
         guard.unlock();
         if (slot.failure)
             std::rethrow_exception(slot.failure);
-        take(i, *slot.result);
+        if (slot.result)
+            take(i, *slot.result);
     }
 }
 

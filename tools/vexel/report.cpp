@@ -71,19 +71,21 @@ private:
 
 /// Adds the packed sizes, which the handles do not tell. Where the package cannot be opened a second time, as
 /// when somebody is writing it, there are none.
-void addPackedSizes(const std::wstring& file, std::vector<ReportNode>& nodes) {
+void addPackedSizes(const std::wstring& file, DocumentReport& report) {
     SZipArchive archive(file, true, true);
     if (archive.reload() != S_OK)
         return;
     std::unordered_map<std::string, unsigned long long> byPath;
     for (const auto& [path, item] : archive.items())
         byPath.emplace(toUtf8(path.GetString()), item.packedSize());
+    std::vector<ReportNode>& nodes = report.nodes;
     for (ReportNode& node : nodes) {
         const auto found = byPath.find(node.path);
         node.packed = node.isStorage || found == byPath.end() ? 0 : found->second;
     }
     for (std::size_t i = nodes.size(); i-- > 1;)
-        *nodes[nodes[i].parent].packed += *nodes[i].packed;
+        nodes[nodes[i].parent].packed += nodes[i].packed;
+    report.hasPacked = true;
 }
 
 } // namespace
@@ -96,7 +98,7 @@ DocumentReport reportOn(const std::wstring& file) {
     report.summary = summaryOf(document.root());
     Reading(document, report).run();
     if (report.info.format == StorageFormat::Package)
-        addPackedSizes(file, report.nodes);
+        addPackedSizes(file, report);
     return report;
 }
 

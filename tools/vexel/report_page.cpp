@@ -46,7 +46,7 @@ public:
     }
 
 private:
-    bool isPacked() const noexcept { return root_.packed.has_value(); }
+    bool isPacked() const noexcept { return report_.hasPacked; }
 
     void addHead() {
         sink_("<!doctype html>\n<html lang=\"en\">\n<head>\n<meta charset=\"utf-8\">\n"
@@ -87,8 +87,7 @@ private:
         addFact("File", humanSize(sizeOf(report_.info)));
         addFact("Contents", humanSize(root_.size));
         if (isPacked())
-            addFact("Packed", humanSize(*root_.packed),
-                    percentText(double(*root_.packed), double(root_.size)));
+            addFact("Packed", humanSize(root_.packed), percentText(double(root_.packed), double(root_.size)));
         const std::size_t storages = report_.nodes.size() - 1 - root_.streams;
         addFact("Streams", std::to_string(root_.streams));
         addFact("Storages", std::to_string(storages));
@@ -191,7 +190,7 @@ private:
     }
 
     static std::string packedCells(const ReportNode& node) {
-        const unsigned long long packed = node.packed.value_or(0);
+        const unsigned long long packed = node.packed;
         const std::string ratio = percentText(double(packed), double(node.size));
         const std::string value = node.size == 0 ? "" : std::to_string(double(packed) / double(node.size));
         return numberCell("n k", packed) + "<td class=\"n\" data-v=\"" + value + "\">" + ratio + "</td>";

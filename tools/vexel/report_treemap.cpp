@@ -46,13 +46,14 @@ public:
 private:
     double weightOf(std::size_t node) const {
         return static_cast<double>(measure_ == TreemapMeasure::Size ? nodes_[node].size
-                                                                    : nodes_[node].packed.value_or(0));
+                                                                    : nodes_[node].packed);
     }
 
     std::string sizeOf(std::size_t node) const {
         return humanSize(static_cast<unsigned long long>(weightOf(node)));
     }
 
+    // NOLINTNEXTLINE(misc-no-recursion): kDeepest ends it
     void addChildren(std::size_t storage, double width, double height, std::size_t depth) {
         const std::vector<std::size_t>& children = children_[storage];
         const auto firstSmall = std::find_if(children.begin(), children.end(), [this](std::size_t node) {
@@ -85,6 +86,7 @@ private:
         return text.data();
     }
 
+    // NOLINTNEXTLINE(misc-no-recursion): kDeepest ends it
     void addNode(std::size_t node, const TreemapBox& box, const std::string& place, std::size_t depth) {
         if (children_[node].empty() || weightOf(node) < total_ * kSmallestStorage || depth >= kDeepest) {
             addLeaf(node, place);

@@ -87,9 +87,9 @@ public:
     const Subtree& operator[](std::size_t index) const { return subtrees_[index]; }
 
     void take(std::size_t index) {
-        subtrees_[index].isTaken = true;
-        for (const std::size_t child : subtrees_[index].children)
-            take(child);
+        // What is in a storage stands behind it.
+        for (std::size_t i = 0; i < subtrees_[index].nodes; ++i)
+            subtrees_[index + i].isTaken = true;
     }
 
 private:
@@ -180,13 +180,16 @@ private:
     AlikeByDigest alike() const {
         AlikeByDigest result;
         for (std::size_t i = 1; i < first_.size(); ++i) {
-            if (firstPartner_[i] == kNone && removed_[i].digest)
-                result[{first_[i].type, *removed_[i].digest}].removed.push_back(i);
+            const std::optional<Fingerprint>& digest = removed_[i].digest;
+            if (digest)
+                result[{first_[i].type, *digest}].removed.push_back(i);
         }
         for (std::size_t i = 1; i < second_.size(); ++i) {
-            if (secondPartner_[i] != kNone || !added_[i].digest)
+            const std::optional<Fingerprint>& digest = added_[i].digest;
+            if (!digest)
                 continue;
-            if (const auto found = result.find({second_[i].type, *added_[i].digest}); found != result.end())
+            const auto found = result.find({second_[i].type, *digest});
+            if (found != result.end())
                 found->second.added.push_back(i);
         }
         return result;
