@@ -37,7 +37,7 @@ const wide=document.documentElement.scrollWidth-innerWidth;
 head.firstChild.click();
 const sorted=rows().map(r=>+r.cells[1].dataset.v);
 const find=document.querySelector("#find"); find.value="%05sum"; find.dispatchEvent(new Event("input"));
-const found=rows().map(r=>r.cells[0].dataset.v);
+const found=rows().map(r=>r.cells[0].firstChild.textContent);
 const maps=()=>[...document.querySelectorAll(".map")].filter(m=>m.getClientRects().length).map(m=>m.className);
 const before=maps(); document.querySelector("#by-packed")?.click();
 const pre=document.createElement("pre"); pre.id="probe";
@@ -64,8 +64,13 @@ class Page(html.parser.HTMLParser):
         if self.is_table and tag == "tr":
             self.cells = []
         if self.is_table and tag == "td":
-            self.cells.append(values["data-v"])
-            self.rows[self.cells[0]] = self.cells
+            self.cells.append(values.get("data-v", ""))
+        if self.is_table and tag == "bdi":
+            self.begin = len(self.text)
+
+    def handle_endtag(self, tag):
+        if self.is_table and tag == "bdi":
+            self.rows[self.text[self.begin:]] = self.cells
 
     def handle_data(self, data):
         self.text += data

@@ -177,9 +177,8 @@ private:
     }
 
     static std::string numberCell(const char* style, unsigned long long value, const std::string& more = {}) {
-        const std::string exact = std::to_string(value);
-        return std::string("<td class=\"") + style + "\" data-v=\"" + exact + "\" title=\"" + exact +
-               " bytes\"" + more + ">" + humanSize(value) + "</td>";
+        return std::string("<td class=\"") + style + "\" data-v=\"" + std::to_string(value) + "\"" + more +
+               ">" + humanSize(value) + "</td>";
     }
 
     std::string shareOf(const ReportNode& node) const {
@@ -200,8 +199,7 @@ private:
         const ReportNode& node = report_.nodes[index];
         const std::size_t name = node.path.rfind('/') + 1;
         std::string row = "<tr id=\"n" + std::to_string(index) + "\" class=\"" +
-                          (node.isStorage ? "s" : "f") + "\"><td class=\"p\" data-v=\"" +
-                          htmlText(node.path) + "\"><bdi>";
+                          (node.isStorage ? "s" : "f") + "\"><td class=\"p\"><bdi>";
         if (name > 0)
             row += "<span class=\"d\">" + htmlText(node.path.substr(0, name)) + "</span>";
         row += htmlText(node.path.substr(name)) + "</bdi>";
@@ -212,8 +210,8 @@ private:
         row += "</td>" + numberCell("n w", node.size, shareOf(node));
         if (isPacked())
             row += packedCells(node);
-        sink_(row + "<td class=\"m\" data-v=\"" + node.modified + "\" title=\"" + node.modified + "\">" +
-              shortTime(node.modified) + "</td></tr>\n");
+        sink_(row + "<td class=\"m\" data-v=\"" + node.modified + "\">" + shortTime(node.modified) +
+              "</td></tr>\n");
     }
 
     void addFoot() {

@@ -132,7 +132,7 @@ const char* const kReportScript = R"js(
 (() => {
   const table = document.querySelector("table"), body = table.tBodies[0], rows = [...body.rows];
   const find = document.querySelector("#find"), shown = document.querySelector("#shown");
-  const value = (row, column) => row.cells[column].dataset.v ?? "";
+  const value = (row, column) => column ? row.cells[column].dataset.v : row.cells[0].firstChild.textContent;
   const order = new Intl.Collator(undefined, {numeric: true});
   function filter() {
     const wanted = find.value.toLowerCase(), kind = document.querySelector("[name=kind]:checked").value;
@@ -159,6 +159,11 @@ const char* const kReportScript = R"js(
   for (const head of table.tHead.rows[0].cells) head.firstChild.addEventListener("click", () => sort(head));
   find.addEventListener("input", filter);
   for (const one of document.querySelectorAll("[name=kind]")) one.addEventListener("change", filter);
+  // The exact figure, for who rests on a short one.
+  body.addEventListener("pointerover", event => {
+    const cell = event.target.closest("td[data-v]");
+    if (cell && !cell.title) cell.title = cell.dataset.v + (cell.matches(".w,.k") ? " bytes" : "");
+  });
   // A box of the picture leads to its row, also where the row is filtered out.
   addEventListener("hashchange", () => {
     const row = document.querySelector(":target");
