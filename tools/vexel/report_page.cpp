@@ -106,7 +106,8 @@ private:
         if (report_.notReadable > 0)
             found += counted(report_.notReadable, "node") +
                      " could not be read by this program, and may be sound. ";
-        sink_("<div class=\"state bad\">" + found + "<ul>\n");
+        sink_(std::string("<div class=\"state ") + (report_.faults > 0 ? "bad" : "note") + "\">" + found +
+              "<ul>\n");
         addFaults();
         sink_("</ul></div>\n");
     }

@@ -8,11 +8,11 @@ namespace Vexel::Tool {
 
 const char* const kReportStyle = R"css(
 :root{color-scheme:light dark;--page:#fbfaf8;--ink:#22252b;--soft:#666b74;--line:#e2dfd9;--card:#fff;--bar:#b9c9de;
---link:#2a5d9c;--good:#2e6b47;--bad:#a5322a;--badpage:#fbeae7;--tileink:#1f242c;--rim:#fbfaf8}
+--link:#2a5d9c;--good:#2e6b47;--note:#a87411;--bad:#a5322a;--badpage:#fbeae7;--tileink:#1f242c;--rim:#fbfaf8}
 .c0{--tile:#a9c3e0}.c1{--tile:#a5cfba}.c2{--tile:#e6cd93}.c3{--tile:#e3b19e}
 .c4{--tile:#c7b8dd}.c5{--tile:#9fcdd3}.c6{--tile:#cfd19c}.c7{--tile:#cbc9c4}
 @media (prefers-color-scheme:dark){
-:root{--page:#16181c;--ink:#e4e4e1;--soft:#9aa0aa;--line:#2f333a;--card:#1d2025;--bar:#3f5672;--link:#8fb6e6;--good:#7fc79b;
+:root{--page:#16181c;--ink:#e4e4e1;--soft:#9aa0aa;--line:#2f333a;--card:#1d2025;--bar:#3f5672;--link:#8fb6e6;--good:#7fc79b;--note:#d9a94a;
 --bad:#f0958a;--badpage:#35211f;--tileink:#eceae6;--rim:#16181c}
 .c0{--tile:#34557a}.c1{--tile:#2f614a}.c2{--tile:#6d5824}.c3{--tile:#7a4735}
 .c4{--tile:#584879}.c5{--tile:#2b6068}.c6{--tile:#585b27}.c7{--tile:#4a4a49}
@@ -39,6 +39,7 @@ overflow:hidden}
 .state{margin-top:1rem;padding:.6rem 1rem;border:1px solid var(--line);border-left:.25rem solid var(--good);
 border-radius:.3rem;background:var(--card);font-size:.95rem}
 .state.bad{border-left-color:var(--bad);background:var(--badpage)}
+.state.note{border-left-color:var(--note)}
 .state ul{margin:.4rem 0 .2rem;padding-left:1.1rem}
 .state li,.fault{overflow-wrap:anywhere}
 section{margin-top:2.75rem}
@@ -118,7 +119,7 @@ td.k::after{content:" packed"}
 --tileink:#000;--rim:#fff}
 .c0{--tile:#c5d6e9}.c1{--tile:#c3dfd1}.c2{--tile:#f0dfb8}.c3{--tile:#efcfc2}
 .c4{--tile:#dbd1ea}.c5{--tile:#c0dfe3}.c6{--tile:#e0e2bf}.c7{--tile:#dedcd8}
-body{font-size:10pt}
+html{font-size:13px}
 main{padding:0;max-width:none}
 .tools,.seg{display:none}
 .l,.g,td.w{print-color-adjust:exact;-webkit-print-color-adjust:exact}
