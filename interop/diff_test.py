@@ -86,6 +86,11 @@ class Diff(CommandTest):
         self.assertRegex(result.stderr, rb"damaged.7z\|.*: 0x")
         self.assertEqual(json.loads(result.stdout)["differences"], [])
         self.assertEqual(self.succeed("diff", sound, sound), b"")
+        data[40] ^= 1  # in the root's class
+        damaged.write_bytes(data)
+        result = vexel("diff", damaged, sound)
+        self.assertEqual((result.returncode, result.stdout, result.stderr.count(b"\n")), (2, b"", 2), result)
+        self.assertIn(b"damaged.7z|.clsid", result.stderr)
         for pair in [sound, "/missing"], ["/missing", sound]:
             self.assertEqual(self.fail_with(2, "cannot open", "diff", *pair), b"")
 

@@ -119,14 +119,14 @@ nlohmann::ordered_json jsonOf(const ComparisonResult& result) {
 ComparisonResult compare(const Arguments& arguments, bool& isWhole) {
     const Document first(toUtf16(arguments.first), RootStorageOpenMode::ReadOnlyDenyWrite);
     const Document second(toUtf16(arguments.second), RootStorageOpenMode::ReadOnlyDenyWrite);
-    TreeListing before = listDocument(first);
-    TreeListing after = listDocument(second);
-    markWanted(before, after);
     const auto onFault = [&isWhole](const Failure& failure) {
         const Progress::Hidden hidden(progress());
         report(failure.message());
         isWhole = false;
     };
+    TreeListing before = listDocument(first, onFault);
+    TreeListing after = listDocument(second, onFault);
+    markWanted(before, after);
     progress().begin(L"comparing", wantedBytes(before) + wantedBytes(after));
     readWanted(first, before, onFault);
     readWanted(second, after, onFault);

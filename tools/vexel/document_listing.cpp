@@ -12,6 +12,17 @@ bool isClass(const Document& document, const Node& node) {
            node.path.name() == L".clsid";
 }
 
+// A storage whose class cannot be read says that it has none.
+bool isReadable(const Document& document, const Node& node, const Document::FaultHandler& onFault) {
+    try {
+        document.openStream(node.path, *node.parent);
+        return true;
+    } catch (const Failure& failure) {
+        onFault(failure);
+        return false;
+    }
+}
+
 } // namespace
 
 CLSID classOf(const StorageRef& storage, const std::wstring& label) {
@@ -21,7 +32,7 @@ CLSID classOf(const StorageRef& storage, const std::wstring& label) {
     return info.clsid;
 }
 
-TreeListing listDocument(const Document& document) {
+TreeListing listDocument(const Document& document, const Document::FaultHandler& onFault) {
     TreeListing listing(1);
     listing[0].type = StorageType::Storage;
     std::vector<std::size_t> storages; // those that the walk is in
@@ -30,8 +41,11 @@ TreeListing listDocument(const Document& document) {
         {},
         [&](const Node& node) {
             storages.resize(node.depth + 1);
-            if (isClass(document, node))
+            if (isClass(document, node)) {
+                TreeEntry& storage = listing[storages.back()];
+                storage.isClassKnown = storage.classId != CLSID{} || isReadable(document, node, onFault);
                 return;
+            }
             met = listing.size();
             listing.push_back({.path = node.path.text(),
                                .type = node.type,

@@ -12,8 +12,8 @@ namespace Vexel::Tool {
 CLSID classOf(const StorageRef& storage, const std::wstring& label);
 
 /// Everything that is in a document, without contents. The streams in which packages keep their storages'
-/// classes are left out. Throws what Document::walk does.
-TreeListing listDocument(const Document& document);
+/// classes are left out; one that cannot be read goes to `onFault`. Throws what Document::walk does.
+TreeListing listDocument(const Document& document, const Document::FaultHandler& onFault);
 
 /// Reads the contents that are wanted, one stream after the other and each in pieces. What cannot be read
 /// goes to `onFault`.

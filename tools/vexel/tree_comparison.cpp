@@ -109,6 +109,8 @@ private:
         const TreeEntry& entry = listing_[index];
         if (!entry.isStorage())
             return entry.contents;
+        if (!entry.isClassKnown)
+            return std::nullopt;
         Fingerprint print;
         addValue(print, entry.classId);
         for (const std::size_t child : subtrees_[index].children) {
@@ -152,11 +154,16 @@ private:
     };
     using AlikeByDigest = std::map<std::pair<StorageType, Fingerprint>, Alike>;
 
+    static bool areClassesKnown(const TreeEntry& a, const TreeEntry& b) {
+        return a.isClassKnown && b.isClassKnown;
+    }
+
     static Difference::What whatDiffers(const TreeEntry& a, const TreeEntry& b) {
         if (a.type != b.type)
             return Difference::What::Type;
         if (a.isStorage())
-            return a.classId == b.classId ? Difference::What::None : Difference::What::Class;
+            return a.classId == b.classId || !areClassesKnown(a, b) ? Difference::What::None
+                                                                    : Difference::What::Class;
         if (a.size != b.size || (a.contents && b.contents && *a.contents != *b.contents))
             return Difference::What::Contents;
         return Difference::What::None;
@@ -172,7 +179,7 @@ private:
             if (what != Difference::What::None)
                 result_.differences.push_back(
                     {Difference::Kind::Changed, what, b.type, b.path, {}, a.size, b.size});
-            else if (i > 0 && (a.isStorage() || (a.contents && b.contents)))
+            else if (i > 0 && (a.isStorage() ? areClassesKnown(a, b) : a.contents && b.contents))
                 ++result_.same;
         }
     }

@@ -20,6 +20,7 @@ struct TreeEntry {
     unsigned long long size = 0;         ///< in bytes; 0 for a storage
     CLSID classId{};                     ///< of a storage
     std::optional<Fingerprint> contents; ///< of a stream, once they were read
+    bool isClassKnown = true;            ///< false: what tells the class cannot be read
     bool isWanted = false;               ///< the comparison depends on the contents
 
     bool isStorage() const noexcept { return type == StorageType::Storage; }
@@ -59,8 +60,8 @@ struct ComparisonResult {
 
 /// Tells two documents from each other. A node that is in the first document only, and whose contents, with
 /// all that is in it, are those of a node that is in the second only, was moved; of what is empty, the name
-/// must be the same, too. Wanted contents that could not be read make no difference, but are not the same
-/// either.
+/// must be the same, too. Contents and classes that could not be read make no difference, but are not the
+/// same either.
 ComparisonResult compareTrees(const TreeListing& first, const TreeListing& second);
 
 } // namespace Vexel::Tool
