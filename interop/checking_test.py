@@ -4,6 +4,7 @@ import json
 import os
 import pty
 import re
+import select
 import subprocess
 import unittest
 
@@ -44,16 +45,17 @@ class Checking(CommandTest):
         terminal, program_side = pty.openpty()
         environment = {**os.environ, "VEXEL_BUILD_DIR": str(BUILD), "TERM": "xterm", **environment}
         with subprocess.Popen([ROOT / "scripts" / "vexel", *arguments], stdin=program_side, stdout=program_side,
-                              stderr=program_side, env=environment):
+                              stderr=program_side, env=environment) as program:
             os.close(program_side)
             shown = b""
-            while True:
+            while select.select([terminal], [], [], 60)[0]:
                 try:
                     shown += os.read(terminal, 65536)
-                except OSError:
-                    break
-        os.close(terminal)
-        return shown
+                except OSError:  # nobody has the other side any more
+                    os.close(terminal)
+                    return shown
+            program.kill()
+        self.fail(f"{arguments} does not end: {shown}")
 
     def test_colours_are_for_terminals(self):
         path, other = self.sample("foreign-tree.cfb"), self.directory / "other.cfb"
