@@ -5,6 +5,7 @@
 #include "command.h"
 #include "console.h"
 #include "document.h"
+#include "file_paths.h"
 #include "parallel.h"
 #include "progress.h"
 #include "sizes.h"
@@ -13,7 +14,9 @@
 #include <nlohmann/json.hpp>
 
 #include <algorithm>
+#include <map>
 #include <memory>
+#include <mutex>
 #include <string>
 #include <vector>
 
@@ -96,6 +99,36 @@ Verified verify(const std::wstring& file) {
     return result;
 }
 
+/// A lock for each file. One that is named twice must not be read twice at a time: all handles of a stream
+/// share its position.
+class FileLocks {
+public:
+    explicit FileLocks(const std::vector<std::string>& files) {
+        for (const std::string& file : files)
+            locks_[keyOf(toUtf16(file))];
+    }
+
+    std::mutex& of(const std::wstring& file) { return locks_.find(keyOf(file))->second; }
+
+private:
+    // Where case counts after all, two files just wait for each other.
+    static std::wstring keyOf(const std::wstring& file) {
+        std::wstring key = absolutePath(file);
+        CharLowerBuffW(key.data(), static_cast<DWORD>(key.size()));
+        return key;
+    }
+
+    static std::wstring absolutePath(const std::wstring& file) {
+        try {
+            return withoutLengthLimit(file);
+        } catch (const Failure&) {
+            return file; // which cannot be opened either
+        }
+    }
+
+    std::map<std::wstring, std::mutex> locks_;
+};
+
 const char* nameOf(Outcome outcome) { return kOutcomeNames[static_cast<int>(outcome)]; }
 
 // One file has only its faults printed; of several it is told which are sound, too.
@@ -137,8 +170,14 @@ void run(const Arguments& arguments) {
     auto all = nlohmann::ordered_json::array();
     Outcome worst = Outcome::Sound;
     const std::vector<std::string>& files = arguments.files;
+    FileLocks locks(files);
     inParallel<Verified>(
-        files.size(), [&files](std::size_t i) { return verify(toUtf16(files[i])); },
+        files.size(),
+        [&](std::size_t i) {
+            const std::wstring file = toUtf16(files[i]);
+            const std::lock_guard guard(locks.of(file));
+            return verify(file);
+        },
         [&](std::size_t i, const Verified& result) {
             worst = std::max(worst, result.outcome);
             if (arguments.json)
