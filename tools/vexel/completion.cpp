@@ -116,7 +116,7 @@ std::string bashScript(const Commands& commands) {
            "complete -F _vexel vexel\n";
 }
 
-// What stands between brackets in zsh's specifications, and between colons.
+// What stands between brackets and between colons in what _arguments takes.
 std::string zshText(std::string_view text) {
     std::string result;
     for (const char c : text) {
@@ -141,7 +141,7 @@ std::string zshAction(Takes takes) {
     return " ";
 }
 
-std::string zshSpecifications(const CommandDescription& command) {
+std::string zshArguments(const CommandDescription& command) {
     std::string result = "_arguments -S";
     for (const CommandDescription::Option& option : command.options) {
         for (const std::string& name : option.names)
@@ -178,7 +178,7 @@ std::string zshScript(const Commands& commands) {
            "  ((CURRENT--))\n"
            "  case $command in\n" +
            branches(
-               commands, [](const CommandDescription&) { return true; }, zshSpecifications) +
+               commands, [](const CommandDescription&) { return true; }, zshArguments) +
            "  esac\n"
            "}\n"
            "if [[ $funcstack[1] = _vexel ]]; then\n"
