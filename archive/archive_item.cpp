@@ -15,6 +15,13 @@ unsigned long long SZipArchiveItem::size() const {
     return guard && contents_ ? contents_->lockedSize() : size_;
 }
 
+unsigned long long SZipArchiveItem::packedSize() const noexcept {
+    const int record = archive_->recordOf(*this);
+    return record >= 0 && archive_->isPacked(static_cast<unsigned>(record))
+               ? archive_->database->packedPart(static_cast<unsigned>(record))
+               : 0;
+}
+
 void SZipArchiveItem::setCreationTime(const FILETIME& time) noexcept {
     creationTime_ = time;
     *archive_->changed = true;

@@ -147,6 +147,10 @@ public:
         return std::ranges::subrange(first, isAny ? descendantsEnd(map, path) : first);
     }
 
+    /// The index of the item's record, or -1.
+    int recordOf(const SZipArchiveItem& item) const noexcept;
+    bool isPacked(unsigned record) const noexcept;
+
 private:
     /// Contents that are written, and how often they were changed by then.
     struct Written {
@@ -195,9 +199,6 @@ private:
     void refresh(SZipArchiveItem& item, unsigned index) const noexcept;
     bool hasModifiedContents() const noexcept;
 
-    /// The index of the item's record, or -1.
-    int recordOf(const SZipArchiveItem& item) const noexcept;
-    bool isPacked(unsigned record) const noexcept;
     ComPtr<SZipStream> newContents(DynamicBuffer&& bytes, const CString& path) const;
     HRESULT addCopy(const SZipArchivePrivate& source, const SZipArchiveItem& item, const CString& sourcePath,
                     const CString& targetPath);

@@ -241,4 +241,14 @@ std::uint64_t DatabaseStream::packedSize(unsigned index) const noexcept {
     return folder == NArchive::N7z::kNumNoIndex ? 0 : database_.GetFolderFullPackSize(folder);
 }
 
+std::uint64_t DatabaseStream::packedPart(unsigned index) const noexcept {
+    const std::uint64_t packed = packedSize(index);
+    const Folder folder = folderOf(index);
+    const std::uint64_t contents = folder.isShared ? database_.GetFolderUnpackSize(folder.index) : 0;
+    if (contents == 0)
+        return packed;
+    const double part = static_cast<double>(database_.Files[index].Size) / static_cast<double>(contents);
+    return static_cast<std::uint64_t>(static_cast<double>(packed) * part);
+}
+
 } // namespace Vexel::Storage::Engine

@@ -75,6 +75,8 @@ public:
     std::optional<std::uint32_t> attributes(unsigned index) const noexcept;
     /// The bytes of the folder of any item; 0 without one.
     std::uint64_t packedSize(unsigned index) const noexcept;
+    /// Of these, the part that the file's size is of the folder's contents; for files with contents only.
+    std::uint64_t packedPart(unsigned index) const noexcept;
 
 private:
     using StartHeader = std::array<std::byte, NArchive::N7z::kHeaderSize>;

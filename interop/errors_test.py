@@ -15,7 +15,7 @@ class Errors(CommandTest):
                 ([], "no command .*--help"),
                 (["frobnicate", path], 'no command "frobnicate"'),
                 (["list"], "FILE"),
-                (["list", path, "more"], "more"),
+                (["info", path, "more"], "more"),
                 (["list", path, "--yaml"], "--yaml"),
                 (["cat", path], "NODE"),
                 (["extract", path], "DIR"),
@@ -103,7 +103,9 @@ class Errors(CommandTest):
         self.assertEqual(commands, set(kinds))
         self.assertEqual(commands, set(re.findall(r"(?m)^vexel (\w+)", manual)))
         for command in commands:
-            self.assertIn(b"Usage: vexel " + command.encode(), self.succeed(command, "--help"))
+            text = self.succeed(command, "--help").decode()
+            self.assertIn(f"Usage: vexel {command}", text)
+            self.assertEqual(text.split("Examples:")[1].count(f"vexel {command} "), 2, command)
 
     def test_verbose_shows_the_log(self):
         result = vexel("list", "--verbose", self.directory / "missing")

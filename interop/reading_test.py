@@ -40,7 +40,7 @@ class Reading(CommandTest):
     def test_list_and_tree_show_the_same_nodes(self):
         path = self.sample("foreign-tree.cfb")
         wanted = json.loads(self.succeed("list", path, "--json"))
-        lines = [line.split(None, 3) for line in self.succeed("list", path).decode().splitlines()]
+        lines = [line.split(None, 3) for line in self.succeed("list", "--bytes", path).decode().splitlines()]
         self.assertEqual([(kind, size, place) for kind, size, _, place in lines],
                          [(node["type"], "-" if node["size"] is None else str(node["size"]), node["path"])
                           for node in wanted])
@@ -50,6 +50,16 @@ class Reading(CommandTest):
             names[len(branch) // 4:] = [label.rstrip("/").rpartition(" (")[0] or label.rstrip("/")]
             drawn.append("/".join(names))
         self.assertEqual(drawn, [node["path"] for node in wanted])
+
+        def flat(trees, above=""):
+            for node in trees:
+                yield {"path": above + node["name"], "type": node["type"], "size": node.get("size")}
+                yield from flat(node.get("children", []), above + node["name"] + "/")
+
+        told = [{key: node[key] for key in ("path", "type", "size")} for node in wanted]
+        self.assertEqual(list(flat(json.loads(self.succeed("tree", "--json", path)))), told)
+        deep = json.loads(self.succeed("tree", "--json", path, "Sub/Deep"))
+        self.assertEqual(list(flat(deep, "Sub/")), [node for node in told if f"{node['path']}/".startswith("Sub/Deep/")])
 
     def test_cat_and_extract_give_the_bytes(self):
         for name in SAMPLES:

@@ -108,6 +108,10 @@ public:
     bool isAnti() const noexcept { return isAnti_; }
     /// The CRC-32 of the contents in the file; 0 when the file records none.
     unsigned crc() const noexcept { return crc_; }
+    /// The packed bytes of the contents in the file; 0 when it has none. Of a folder that several items share
+    /// each has the part that its size is of theirs. Takes no lock: it must not be called while another
+    /// thread reloads or saves.
+    unsigned long long packedSize() const noexcept;
 
     /// The times are in UTC, and zero when the archive has none. They take no lock: reading them while
     /// another thread sets them, reloads or saves may give a mixture.

@@ -6,17 +6,31 @@
 #include "console.h"
 #include "failure.h"
 #include "log.h"
+#include "nearest.h"
 #include "progress.h"
 #include "text.h"
 
 #include <CLI/CLI.hpp>
 
 #include <algorithm>
+#include <string_view>
+#include <utility>
 
 namespace Vexel::Tool {
 namespace {
 
 constexpr const char* kNodeHelp = "The node's path, its elements joined by \"/\" (%05SummaryInformation)";
+constexpr const char* kNodesHelp =
+    "Paths of nodes, their elements joined by \"/\"; * and ? stand for parts of names, ** for any storages";
+
+void describeOption(CommandDescription& description, const CLI::Option* option, bool hasValue) {
+    CommandDescription::Option described{{}, option->get_description(), hasValue};
+    for (const std::string& name : option->get_snames())
+        described.names.push_back("-" + name);
+    for (const std::string& name : option->get_lnames())
+        described.names.push_back("--" + name);
+    description.options.push_back(std::move(described));
+}
 
 void printHelp(const CLI::App& program, CLI::AppFormatMode mode) {
     StandardOutput output;
@@ -33,10 +47,14 @@ void checkName(CLI::App& program, const std::vector<std::string>& arguments) {
             throw UsageError(L"no command is given; the commands are shown by", L"vexel --help");
         return;
     }
-    const auto commands =
-        program.get_subcommands([&name](CLI::App* app) { return app->get_name() == *name; });
-    if (commands.empty())
-        throw UsageError(L"there is no command", toUtf16(*name));
+    Nearest nearest(toUtf16(*name));
+    for (const CLI::App* const command : program.get_subcommands(nullptr)) {
+        if (command->get_name() == *name)
+            return;
+        nearest.offer(toUtf16(command->get_name()));
+    }
+    const UsageError error(L"there is no command", toUtf16(*name));
+    throw nearest.found() ? UsageError(error.message() + didYouMean(*nearest.found())) : error;
 }
 
 } // namespace
@@ -48,21 +66,46 @@ CommandRegistration::CommandRegistration(const char* name, const char* help, Add
     first = this;
 }
 
-void Command::required(const char* name, std::string& value, const char* help) {
-    app_.add_option(name, value, help)->required();
+void Command::required(const char* name, std::string& value, const char* help, Takes takes) {
+    description_.arguments.push_back({name, takes, false});
+    app_.add_option(name, value, help)->required()->type_name("");
 }
 
-void Command::optional(const char* name, std::string& value, const char* help) {
-    app_.add_option(name, value, help);
+void Command::optional(const char* name, std::string& value, const char* help, Takes takes) {
+    description_.arguments.push_back({name, takes, false});
+    app_.add_option(name, value, help)->type_name("");
 }
 
-void Command::flag(const char* name, bool& value, const char* help) { app_.add_flag(name, value, help); }
+void Command::option(const char* names, std::string& value, const char* help) {
+    describeOption(description_, app_.add_option(names, value, help)->type_name("FILE"), true);
+}
+
+void Command::flag(const char* name, bool& value, const char* help) {
+    describeOption(description_, app_.add_flag(name, value, help), false);
+}
 
 void Command::file(std::string& file) { required("FILE", file, "The document"); }
 
-void Command::node(std::string& node) { required("NODE", node, kNodeHelp); }
+void Command::files(std::vector<std::string>& files) {
+    description_.arguments.push_back({"FILE", Takes::File, true});
+    app_.add_option("FILE", files, "The documents")->required()->type_name("");
+}
 
-void Command::optionalNode(std::string& node) { optional("NODE", node, kNodeHelp); }
+void Command::node(std::string& node) { required("NODE", node, kNodeHelp, Takes::Node); }
+
+void Command::nodes(std::vector<std::string>& nodes) {
+    description_.arguments.push_back({"NODE", Takes::Node, true});
+    app_.add_option("NODE", nodes, kNodesHelp)->required()->type_name("");
+}
+
+void Command::optionalNodes(std::vector<std::string>& nodes) {
+    description_.arguments.push_back({"NODE", Takes::Node, true});
+    app_.add_option("NODE", nodes, kNodesHelp)->type_name("");
+}
+
+void Command::examples(const char* first, const char* second) {
+    app_.footer(std::string("Examples:\n  ") + first + "\n  " + second);
+}
 
 void Command::run(std::function<void()> body) {
     app_.callback([body = std::move(body), name = toUtf16(app_.get_name())] {
@@ -71,18 +114,49 @@ void Command::run(std::function<void()> body) {
     });
 }
 
-void runCommandLine(const std::vector<std::string>& arguments) {
-    CLI::App program("Looks into structured documents and changes them");
-    program.name("vexel");
-    // "/" begins a path here, not an option.
-    program.allow_windows_style_options(false);
-    program.require_subcommand(1);
-    for (const CommandRegistration* entry = CommandRegistration::first; entry; entry = entry->next_) {
-        CLI::App* const app = program.add_subcommand(entry->name_, entry->help_);
-        Command command(*app);
-        entry->add_(command);
-        app->add_flag_callback("--verbose", verboseLog, "Show the library's log on standard error");
+/// The parser with all commands.
+class CommandLine {
+public:
+    CommandLine() {
+        program_.name("vexel");
+        // "/" begins a path here, not an option.
+        program_.allow_windows_style_options(false);
+        program_.require_subcommand(1);
+        for (const CommandRegistration* entry = CommandRegistration::first; entry; entry = entry->next_)
+            entries_.push_back(entry);
+        std::sort(entries_.begin(), entries_.end(),
+                  [](const auto* a, const auto* b) { return std::string_view(a->name_) < b->name_; });
+        for (const CommandRegistration* const entry : entries_)
+            add(*entry);
     }
+
+    CLI::App& program() noexcept { return program_; }
+    const std::vector<CommandDescription>& descriptions() const noexcept { return descriptions_; }
+
+private:
+    void add(const CommandRegistration& entry) {
+        CLI::App* const app = program_.add_subcommand(entry.name_, entry.help_);
+        CommandDescription description{entry.name_, entry.help_, {}, {}};
+        Command command(*app, description);
+        entry.add_(command);
+        describeOption(
+            description,
+            app->add_flag_callback("--verbose", verboseLog, "Show the library's log on standard error"),
+            false);
+        describeOption(description, app->get_help_ptr(), false);
+        descriptions_.push_back(std::move(description));
+    }
+
+    CLI::App program_{"Looks into structured documents and changes them"};
+    std::vector<const CommandRegistration*> entries_;
+    std::vector<CommandDescription> descriptions_;
+};
+
+std::vector<CommandDescription> describeCommands() { return CommandLine().descriptions(); }
+
+void runCommandLine(const std::vector<std::string>& arguments) {
+    CommandLine line;
+    CLI::App& program = line.program();
     checkName(program, arguments);
     try {
         // The parser takes them last first.

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "command_description.h"
+
 #include <functional>
 #include <memory>
 #include <string>
@@ -14,20 +16,28 @@ namespace Vexel::Tool {
 /// What a command takes on the command line. The texts arrive in UTF-8, and live as long as `run` keeps them.
 class Command {
 public:
-    explicit Command(CLI::App& app) noexcept : app_(app) {}
+    Command(CLI::App& app, CommandDescription& description) noexcept : app_(app), description_(description) {}
 
-    void required(const char* name, std::string& value, const char* help);
-    void optional(const char* name, std::string& value, const char* help);
+    void required(const char* name, std::string& value, const char* help, Takes takes = Takes::File);
+    void optional(const char* name, std::string& value, const char* help, Takes takes = Takes::File);
+    /// An option whose value is a file, as "-o,--output".
+    void option(const char* names, std::string& value, const char* help);
     void flag(const char* name, bool& value, const char* help);
     /// The arguments that most commands take.
     void file(std::string& file);
+    void files(std::vector<std::string>& files);
     void node(std::string& node);
-    void optionalNode(std::string& node);
+    /// One or more nodes, or none; each may be a pattern.
+    void nodes(std::vector<std::string>& nodes);
+    void optionalNodes(std::vector<std::string>& nodes);
+    /// Command lines that the help shows.
+    void examples(const char* first, const char* second);
     /// What the command does.
     void run(std::function<void()> body);
 
 private:
     CLI::App& app_;
+    CommandDescription& description_;
 };
 
 /// A command of the program: a source file of its own that ends in one line,
@@ -43,7 +53,7 @@ public:
     CommandRegistration(const char* name, const char* help, Add add) noexcept;
 
 private:
-    friend void runCommandLine(const std::vector<std::string>& arguments);
+    friend class CommandLine;
 
     const char* name_;
     const char* help_;
@@ -51,6 +61,9 @@ private:
     const CommandRegistration* next_;
     static const CommandRegistration* first;
 };
+
+/// All commands, by name.
+std::vector<CommandDescription> describeCommands();
 
 /// Runs the command that the arguments name, or prints the help text. Throws UsageError for arguments that
 /// make no command, and what the command throws.

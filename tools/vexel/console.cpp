@@ -52,13 +52,63 @@ bool writeConsole(HANDLE handle, std::wstring_view text) noexcept {
     throw Failure(L"cannot write to", kOutputName, lastErrorStatus());
 }
 
+// By attributes, which every console knows.
+WORD attributesOf(HANDLE console) {
+    CONSOLE_SCREEN_BUFFER_INFO info{};
+    const bool isWanted = GetEnvironmentVariableW(L"NO_COLOR", nullptr, 0) <= 1; // with its end
+    return isWanted && GetConsoleScreenBufferInfo(console, &info) ? info.wAttributes : WORD{0};
+}
+
+WORD colourOf(Style style) {
+    switch (style) {
+    case Style::Storage:
+        return FOREGROUND_BLUE | FOREGROUND_GREEN | FOREGROUND_INTENSITY;
+    case Style::Good:
+        return FOREGROUND_GREEN;
+    case Style::Bad:
+        return FOREGROUND_RED | FOREGROUND_INTENSITY;
+    case Style::Changed:
+        return FOREGROUND_RED | FOREGROUND_GREEN;
+    case Style::Moved:
+        return FOREGROUND_BLUE | FOREGROUND_GREEN;
+    case Style::Plain:
+        break;
+    }
+    return 0;
+}
+
+/// The console's colours are another style's while one lives.
+class Colours {
+public:
+    Colours(HANDLE console, WORD attributes, Style style) noexcept
+        : console_(console), attributes_(attributes), isSet_(attributes != 0 && style != Style::Plain) {
+        constexpr WORD kForeground = 0x0f;
+        if (isSet_)
+            SetConsoleTextAttribute(console_,
+                                    static_cast<WORD>((attributes & ~kForeground) | colourOf(style)));
+    }
+    Colours(const Colours&) = delete;
+    Colours& operator=(const Colours&) = delete;
+    ~Colours() {
+        if (isSet_)
+            SetConsoleTextAttribute(console_, attributes_);
+    }
+
+private:
+    HANDLE console_;
+    WORD attributes_;
+    bool isSet_;
+};
+
 bool writeText(HANDLE handle, bool console, std::string_view utf8) {
     return console ? writeConsole(handle, toUtf16(utf8)) : writeAll(handle, std::as_bytes(std::span(utf8)));
 }
 
 } // namespace
 
-StandardOutput::StandardOutput() : handle_(GetStdHandle(STD_OUTPUT_HANDLE)), console_(isConsole(handle_)) {}
+StandardOutput::StandardOutput()
+    : handle_(GetStdHandle(STD_OUTPUT_HANDLE)), console_(isConsole(handle_)),
+      attributes_(console_ ? attributesOf(handle_) : WORD{0}) {}
 
 StandardOutput::~StandardOutput() {
     try {
@@ -68,9 +118,12 @@ StandardOutput::~StandardOutput() {
     }
 }
 
-void StandardOutput::text(std::string_view utf8) {
-    pending_ += utf8;
-    if (pending_.size() >= kChunkSize)
+void StandardOutput::text(std::string_view utf8, Style style) {
+    if (pending_.empty() || (attributes_ != 0 && pending_.back().style != style))
+        pending_.push_back({style, {}});
+    pending_.back().text += utf8;
+    size_ += utf8.size();
+    if (size_ >= kChunkSize)
         flush();
 }
 
@@ -85,12 +138,19 @@ void StandardOutput::bytes(std::span<const std::byte> data) {
 
 void StandardOutput::flush() {
     // Dropped before the attempt: after a failure there is nobody to write to.
-    const std::string text = std::exchange(pending_, {});
-    if (text.empty())
+    const std::vector<Piece> pieces = std::exchange(pending_, {});
+    size_ = 0;
+    if (pieces.empty())
         return;
     const Progress::Hidden hidden(progress());
     const EndableWait wait;
-    if (!writeText(handle_, console_, text))
+    for (const Piece& piece : pieces)
+        write(piece);
+}
+
+void StandardOutput::write(const Piece& piece) const {
+    const Colours colours(handle_, attributes_, piece.style);
+    if (!writeText(handle_, console_, piece.text))
         failToWrite();
 }
 

@@ -7,6 +7,7 @@
 #include <span>
 #include <string>
 #include <string_view>
+#include <vector>
 
 namespace Vexel::Tool {
 
@@ -27,6 +28,9 @@ public:
 /// Exit status of a command whose output nobody read to the end, as shells know it.
 inline constexpr int kReaderGone = 141;
 
+/// How text looks on a console; elsewhere, and where the environment has NO_COLOR, all looks alike.
+enum class Style { Plain, Storage, Good, Bad, Changed, Moved };
+
 /// Standard output: UTF-8 text and raw bytes, untouched by the C library's text mode and by the console's
 /// code page. Throws ReaderGone, and Failure when the disk is full.
 class StandardOutput {
@@ -38,14 +42,23 @@ public:
     ~StandardOutput();
 
     /// Text is kept until `flush`, or until enough has come together.
-    void text(std::string_view utf8);
+    void text(std::string_view utf8, Style style = Style::Plain);
     void bytes(std::span<const std::byte> data);
     void flush();
 
 private:
-    std::string pending_;
+    struct Piece {
+        Style style;
+        std::string text;
+    };
+
+    void write(const Piece& piece) const;
+
+    std::vector<Piece> pending_;
+    std::size_t size_ = 0; // of the pieces
     HANDLE handle_;
     bool console_;
+    WORD attributes_; // of the console when the program began; 0: no colours
 };
 
 /// Whether people read standard error as it is written.

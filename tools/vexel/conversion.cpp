@@ -1,13 +1,12 @@
 #include "conversion.h"
 
 #include "console.h"
-#include "document.h"
+#include "document_listing.h"
 #include "file_paths.h"
 #include "progress.h"
 
-#include <vexel/hash.h>
-
-#include <cstdint>
+#include <utility>
+#include <vector>
 
 namespace Vexel::Tool {
 namespace {
@@ -16,14 +15,6 @@ unsigned long long totalSize(const Document& document) {
     unsigned long long size = 0;
     document.walk({}, [&size](const Node& node) { size += node.size; });
     return size;
-}
-
-// The class that a storage's contents belong to; the null one when it says nothing.
-CLSID classOf(const StorageRef& storage, const std::wstring& label) {
-    IStorage* const open = storage.storage();
-    STATSTG info{};
-    check(open ? open->Stat(&info, STATFLAG_NONAME) : E_FAIL, L"cannot read the class of", label);
-    return info.clsid;
 }
 
 void makePackage(const Document& source, const std::wstring& path, const std::wstring& label) {
@@ -35,19 +26,6 @@ void makePackage(const Document& source, const std::wstring& path, const std::ws
     source.copy(source.root(), {}, root, label);
     check(root.commit(), L"cannot write", label);
 }
-
-/// What tells one run of bytes from another. The bytes come in the pieces of Document::read.
-class Fingerprint {
-public:
-    void add(std::span<const std::byte> data) {
-        Hash::SpookyV2_128(data.data(), data.size(), first_, second_);
-    }
-    bool operator==(const Fingerprint&) const = default;
-
-private:
-    std::uint64_t first_ = 0; // seeds of the next piece
-    std::uint64_t second_ = 0;
-};
 
 /// Fails unless both documents have the same nodes, of the same class or with the same contents. They are
 /// walked side by side: what is met in one is looked for in the storage of the other that the walk is in.

@@ -18,6 +18,7 @@ void add(Command& command) {
     command.required("IN", arguments->from, "The document");
     command.required("OUT", arguments->to, "The package to make");
     command.flag("--force", arguments->force, "Replace a file that is there");
+    command.examples("vexel convert hall.cfb hall.7z", "vexel convert --force hall.cfb hall.7z");
     command.run(
         [arguments] { convertDocument(toUtf16(arguments->from), toUtf16(arguments->to), arguments->force); });
 }

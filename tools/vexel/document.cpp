@@ -3,7 +3,7 @@
 
 #include "document.h"
 
-#include "console.h"
+#include "nearest.h"
 #include "progress.h"
 #include "stopping.h"
 
@@ -205,7 +205,27 @@ std::vector<StorageRef> Document::openForWriting(const NodePath& path, bool crea
 StreamRef Document::openStream(const NodePath& path) const {
     if (path.isRoot())
         throw Failure(L"this is a storage, not a stream:", file_, STG_E_INVALIDFUNCTION);
-    return openStream(path, openStorage(path.parent()));
+    try {
+        return openStream(path, openStorage(path.parent()));
+    } catch (const Failure& failure) {
+        if (failure.status() != STG_E_FILENOTFOUND)
+            throw;
+        failWithNearest(failure, path);
+    }
+}
+
+// Looking for it must not add failures of its own.
+void Document::failWithNearest(const Failure& failure, const NodePath& path) const {
+    Nearest nearest(path.text());
+    walk(
+        {}, [&nearest](const Node& node) { nearest.offer(node.path.text()); }, [](const Failure&) {});
+    if (nearest.found())
+        throw Failure(failure, *nearest.found());
+    throw Failure(failure);
+}
+
+void Document::failAsMissing(std::wstring_view what, const NodePath& path) const {
+    failWithNearest(Failure(what, label(path), STG_E_FILENOTFOUND), path);
 }
 
 StreamRef Document::openStream(const NodePath& path, const StorageRef& parent) const {

@@ -1,5 +1,6 @@
 #pragma once
 
+#include "console.h"
 #include "failure.h"
 #include "node_path.h"
 
@@ -26,6 +27,11 @@ struct Node {
     bool last = false;                  ///< no sibling follows
     const StorageRef* parent = nullptr; ///< valid during the call
 };
+
+/// How a node's name looks.
+inline Style styleOf(StorageType type) {
+    return type == StorageType::Storage ? Style::Storage : Style::Plain;
+}
 
 /// An open document. Every member throws Failure that names the file and the node.
 class Document {
@@ -54,9 +60,12 @@ public:
     /// missing are made.
     std::vector<StorageRef> openForWriting(const NodePath& path, bool create) const;
 
-    /// Opens a stream for reading.
+    /// Opens a stream for reading. The failure of one that is not there names the nearest node that is.
     StreamRef openStream(const NodePath& path) const;
     StreamRef openStream(const NodePath& path, const StorageRef& parent) const;
+
+    /// Throws that there is no such node, with the nearest one that there is.
+    [[noreturn]] void failAsMissing(std::wstring_view what, const NodePath& path) const;
 
     /// As `check`, for what opens or copies a stream: tells the packages' streams that the library does not
     /// unpack.
@@ -88,6 +97,8 @@ public:
                 std::size_t outer = 0) const;
 
 private:
+    [[noreturn]] void failWithNearest(const Failure& failure, const NodePath& path) const;
+
     std::wstring file_;
     StorageRef root_;
 };

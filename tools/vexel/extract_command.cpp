@@ -1,14 +1,17 @@
-// `vexel extract FILE DIR [NODE]`. A node that fails is reported and left out; only what the next node would
-// meet as well, a full disk, ends the command.
+// `vexel extract FILE DIR [NODE...]`. A node that fails is reported and left out; only what the next node
+// would meet as well, a full disk, ends the command.
 
 #include "command.h"
 #include "document.h"
 #include "file_names.h"
+#include "node_selection.h"
 #include "progress.h"
 #include "target_directory.h"
 #include "text.h"
 
+#include <map>
 #include <memory>
+#include <string>
 #include <vector>
 
 namespace Vexel::Tool {
@@ -17,7 +20,7 @@ namespace {
 struct Arguments {
     std::string file;
     std::string directory;
-    std::string node;
+    std::vector<std::string> nodes;
     bool force = false;
 };
 
@@ -66,43 +69,77 @@ public:
                     stream(document_.openStream(node.path, *node.parent), node.path, path);
                 }
             },
-            [this](const Failure& failure) {
-                if (isFull(failure.status()))
-                    throw Failure(failure);
-                const Progress::Hidden hidden(progress());
-                report(failure.message());
-                failed_ = true;
-            });
+            [this](const Failure& failure) { note(failure); });
+    }
+
+    /// A node under the way to it from where its pattern begins.
+    void selected(const SelectedNode& node) {
+        std::wstring directory;
+        for (std::size_t i = node.fixed; i + 1 < node.path.elements().size(); ++i) {
+            directory += fileNameOf(node.path.elements()[i]);
+            directory_.makeDirectory(directory);
+            directory += L'\\';
+        }
+        const std::wstring file = directory + names_[directory].unique(node.path.name());
+        if (node.type == StorageType::Storage)
+            storage(node.path, file);
+        else
+            attempt([&] { stream(document_.openStream(node.path), node.path, file); });
+    }
+
+    /// Throws if there was a node that could not be extracted.
+    void finish() const {
         if (failed_)
             throw SilentFailure(1);
     }
 
 private:
+    void note(const Failure& failure) {
+        if (isFull(failure.status()))
+            throw Failure(failure);
+        const Progress::Hidden hidden(progress());
+        report(failure.message());
+        failed_ = true;
+    }
+
+    template <class Body>
+    void attempt(const Body& body) {
+        try {
+            body();
+        } catch (const Failure& failure) {
+            note(failure);
+        }
+    }
+
     const Document& document_;
     TargetDirectory directory_;
+    std::map<std::wstring, FileNames> names_; // of what was selected, by directory
     bool failed_ = false;
 };
 
 void run(const Arguments& arguments) {
-    const NodePath start = NodePath::parse(toUtf16(arguments.node));
     const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadOnlyDenyWrite);
     // The directory is made when it is sure that there is something to extract.
-    if (start.isRoot()) {
-        Extraction(document, arguments).below(start, {});
-    } else if (document.typeOf(start) == StorageType::Storage) {
-        Extraction(document, arguments).storage(start, fileNameOf(start.name()));
-    } else {
-        StreamRef stream = document.openStream(start);
-        Extraction(document, arguments).stream(std::move(stream), start, fileNameOf(start.name()));
+    const std::vector<SelectedNode> nodes =
+        selectOutermost(document, arguments.nodes.empty() ? std::vector<std::string>{""} : arguments.nodes);
+    Extraction extraction(document, arguments);
+    for (const SelectedNode& node : nodes) {
+        if (node.path.isRoot())
+            extraction.below({}, {});
+        else
+            extraction.selected(node);
     }
+    extraction.finish();
 }
 
 void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
-    command.required("DIR", arguments->directory, "The directory to write into, made when it is missing");
-    command.optionalNode(arguments->node);
+    command.required("DIR", arguments->directory, "The directory to write into, made when it is missing",
+                     Takes::Directory);
+    command.optionalNodes(arguments->nodes);
     command.flag("--force", arguments->force, "Replace files that are there");
+    command.examples("vexel extract hall.7z out", "vexel extract hall.7z out 'Views/**' Preview");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -85,12 +85,23 @@ std::wstring quoted(std::wstring_view text) { return L'"' + std::wstring(text) +
 Failure::Failure(std::wstring_view what, std::wstring_view where, HRESULT status)
     : message_(std::wstring(what) + L" " + quoted(where) + L": " + describeStatus(status)), status_(status) {}
 
+// The words of the status are in parentheses at the end.
+Failure::Failure(const Failure& failure, std::wstring_view meant)
+    : message_(failure.message_.substr(0, failure.message_.rfind(L')')) + didYouMean(meant) + L")"),
+      status_(failure.status_) {}
+
+std::wstring didYouMean(std::wstring_view meant) { return L"; did you mean " + quoted(meant) + L"?"; }
+
 UsageError::UsageError(std::wstring_view what, std::wstring_view argument)
     : message_(std::wstring(what) + L" " + quoted(argument)) {}
 
 void check(HRESULT status, std::wstring_view what, std::wstring_view where) {
     if (status != S_OK)
         throw Failure(what, where, FAILED(status) ? status : STG_E_READFAULT);
+}
+
+bool isNotReadable(HRESULT status) noexcept {
+    return status == E_NOTIMPL || status == HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
 }
 
 HRESULT lastErrorStatus() {

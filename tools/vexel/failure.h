@@ -15,6 +15,8 @@ class Failure : public std::exception {
 public:
     /// `what` without the object ("cannot open"), `where` a file's name or what Document::label gives.
     Failure(std::wstring_view what, std::wstring_view where, HRESULT status);
+    /// The same failure, with what may have been meant instead.
+    Failure(const Failure& failure, std::wstring_view meant);
 
     const std::wstring& message() const noexcept { return message_; }
     HRESULT status() const noexcept { return status_; }
@@ -53,8 +55,15 @@ private:
 /// Throws Failure unless `status` is S_OK: other successes are half ones.
 void check(HRESULT status, std::wstring_view what, std::wstring_view where);
 
+/// Whether the program cannot read something that need not be damaged: a method that it does not have,
+/// encryption.
+bool isNotReadable(HRESULT status) noexcept;
+
 /// The last error of the calling thread as a failing status, E_FAIL when none is set.
 HRESULT lastErrorStatus();
+
+/// `; did you mean "list"?`
+std::wstring didYouMean(std::wstring_view meant);
 
 /// The line on standard error.
 void report(std::wstring_view message) noexcept;

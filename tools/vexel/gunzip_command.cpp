@@ -95,6 +95,7 @@ void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
     command.node(arguments->node);
+    command.examples("vexel gunzip hall.cfb Drawing > drawing", "vexel gunzip hall.cfb Old/Layers | more");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -30,6 +30,13 @@ int run(int count, wchar_t** values) {
     return kInterrupted;
 }
 
+// The progress's thread must be gone before the process ends: to wait for it while statics are destroyed can
+// be for ever.
+int leave(int status) {
+    progress().end();
+    return status;
+}
+
 int fail(int status, std::wstring_view message) {
     progress().end();
     report(message);
@@ -53,9 +60,9 @@ int wmain(int count, wchar_t** values) {
     } catch (const Stopped&) {
         return fail(kInterrupted, L"interrupted");
     } catch (const SilentFailure& failure) {
-        return failure.exitStatus();
+        return leave(failure.exitStatus());
     } catch (const ReaderGone&) {
-        return kReaderGone;
+        return leave(kReaderGone);
     } catch (const std::exception& error) {
         return fail(KFailed, toUtf16(error.what()));
     }

@@ -83,7 +83,7 @@ void run(const Arguments& arguments) {
     Place from(document, node, false);
     const auto type = Document::typeOf(from.parent(), node.name());
     if (!type)
-        throw Failure(L"cannot move", document.label(node), STG_E_FILENOTFOUND);
+        document.failAsMissing(L"cannot move", node);
     Place to(document, newNode, true);
     if (Document::typeOf(to.parent(), newNode.name()))
         throw Failure(L"cannot move to", document.label(newNode), STG_E_FILEALREADYEXISTS);
@@ -102,7 +102,9 @@ void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
     command.node(arguments->node);
-    command.required("NEWNODE", arguments->newNode, "The node's new path; nothing may stand there");
+    command.required("NEWNODE", arguments->newNode, "The node's new path; nothing may stand there",
+                     Takes::Node);
+    command.examples("vexel mv hall.7z Views/Top Views/Above", "vexel mv hall.7z Preview History/Preview");
     command.run([arguments] { run(*arguments); });
 }
 

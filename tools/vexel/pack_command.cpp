@@ -173,10 +173,11 @@ void run(const Arguments& arguments) {
 
 void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    command.required("DIR", arguments->directory, "The directory with what is to be in it");
+    command.required("DIR", arguments->directory, "The directory with what is to be in it", Takes::Directory);
     command.required("FILE", arguments->file, "The package to make");
     command.flag("--force", arguments->force, "Replace a file that is there");
     command.flag("--from", arguments->fromDocument, "DIR is a document; as convert");
+    command.examples("vexel pack out hall.7z", "vexel pack --from hall.cfb hall.7z");
     command.run([arguments] { run(*arguments); });
 }
 

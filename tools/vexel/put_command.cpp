@@ -132,6 +132,7 @@ void add(Command& command) {
     command.file(arguments->file);
     command.node(arguments->node);
     command.optional("SOURCE", arguments->source, "The file with the contents; standard input without it");
+    command.examples("vexel put hall.7z Model/Settings settings", "date | vexel put hall.7z History/Stamp");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -350,6 +350,8 @@ void add(Command& command) {
     command.flag("--partial", arguments->partial, "Keep what is there of streams that are not whole");
     command.flag("--force", arguments->force, "Replace a file that is there");
     command.flag("--json", arguments->json, "Print one object with what came back and what was lost");
+    command.examples("vexel salvage broken.cfb rescued.7z",
+                     "vexel salvage --partial --json broken.7z rescued.7z");
     command.run([arguments] { run(*arguments); });
 }
 

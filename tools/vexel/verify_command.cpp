@@ -1,98 +1,204 @@
-// `vexel verify FILE`. Faults go to standard output, as they are the answer. What this program cannot read is
-// told apart from damage and has an exit status of its own.
+// `vexel verify FILE...`. Faults go to standard output, as they are the answer. What this program cannot read
+// is told apart from damage and has an exit status of its own. Files are read on all processors, and told in
+// order.
 
 #include "command.h"
 #include "console.h"
 #include "document.h"
+#include "file_paths.h"
+#include "parallel.h"
 #include "progress.h"
+#include "sizes.h"
 #include "text.h"
 
+#include <nlohmann/json.hpp>
+
+#include <algorithm>
+#include <map>
 #include <memory>
+#include <mutex>
+#include <string>
+#include <vector>
 
 namespace Vexel::Tool {
 namespace {
 
 struct Arguments {
-    std::string file;
+    std::vector<std::string> files;
+    bool json = false;
 };
 
 // Exit status where nothing is damaged, as far as this program can read it.
 constexpr int kNotReadable = 3;
 
-bool isNotReadable(HRESULT status) {
-    return status == E_NOTIMPL || status == HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED);
-}
+enum class Outcome { Sound, NotReadable, Damaged, Failed };
 
-[[noreturn]] void failAsNotReadable(const Failure& failure) {
-    progress().end();
-    report(failure.message());
-    throw SilentFailure(kNotReadable);
-}
+constexpr const char* kOutcomeNames[] = {"sound", "not readable", "damaged", "failed"};
 
-// Reads everything that is in a document and prints each fault.
+/// What has come of a file.
+struct Verified {
+    Outcome outcome = Outcome::Sound;
+    std::vector<std::string> faults; // what each node's is
+    std::wstring message;            // of what is not sound
+};
+
+// Reads everything that is in a document and notes each fault.
 class Verification {
 public:
-    explicit Verification(const Document& document) : document_(document) {}
+    Verification(const std::wstring& file, Verified& result)
+        : file_(file), document_(file, RootStorageOpenMode::ReadOnlyDenyWrite), result_(result) {}
 
     void run() {
         document_.walk(
-            {},
-            [this](const Node& node) {
-                if (node.type != StorageType::Stream)
-                    return;
-                StreamRef stream = document_.openStream(node.path, *node.parent);
-                document_.read(stream, node.path, [](std::span<const std::byte>) {});
-            },
+            {}, [this](const Node& node) { read(node); },
             [this](const Failure& failure) {
-                output_.text(toUtf8(onOneLine(failure.message())) + "\n");
+                result_.faults.push_back(toUtf8(onOneLine(failure.message())));
                 ++(isNotReadable(failure.status()) || hasSlash(failure.status()) ? notReadable_ : faults_);
             });
-        output_.flush();
+        if (faults_ > 0)
+            throw Failure(count(faults_, "fault") + L" in", file_, STG_E_DOCFILECORRUPT);
+        if (notReadable_ > 0)
+            throw Failure(count(notReadable_, "node") + L" could not be checked in", file_, E_NOTIMPL);
     }
 
-    unsigned long long faults() const noexcept { return faults_; }
-    unsigned long long notReadable() const noexcept { return notReadable_; }
-
 private:
+    static std::wstring count(unsigned long long number, const char* what) {
+        return toUtf16(counted(number, what));
+    }
+
+    void read(const Node& node) const {
+        if (node.type != StorageType::Stream)
+            return;
+        StreamRef stream = document_.openStream(node.path, *node.parent);
+        document_.read(stream, node.path, [](std::span<const std::byte>) {});
+    }
+
     // A package lists a node with a slash in its name, and does not find it again.
     bool hasSlash(HRESULT status) const {
         return status == STG_E_FILENOTFOUND && document_.root().format() == StorageFormat::Package;
     }
 
-    const Document& document_;
-    StandardOutput output_;
+    std::wstring file_;
+    Document document_;
+    Verified& result_;
     unsigned long long faults_ = 0;
     unsigned long long notReadable_ = 0;
 };
 
-std::wstring count(unsigned long long number, std::wstring_view what) {
-    return std::to_wstring(number) + L" " + std::wstring(what) + (number == 1 ? L"" : L"s");
+Verified verify(const std::wstring& file) {
+    Verified result;
+    try {
+        Verification(file, result).run();
+    } catch (const Failure& failure) {
+        result.message = failure.message();
+        if (isNotReadable(failure.status()))
+            result.outcome = Outcome::NotReadable;
+        else
+            result.outcome = result.faults.empty() ? Outcome::Failed : Outcome::Damaged;
+    }
+    return result;
 }
 
-void verify(const std::wstring& file) {
-    const Document document(file, RootStorageOpenMode::ReadOnlyDenyWrite);
-    Verification verification(document);
-    verification.run();
-    if (verification.faults() > 0)
-        throw Failure(count(verification.faults(), L"fault") + L" in", file, STG_E_DOCFILECORRUPT);
-    if (verification.notReadable() > 0)
-        throw Failure(count(verification.notReadable(), L"node") + L" could not be checked in", file,
-                      E_NOTIMPL);
+/// A lock for each file. One that is named twice must not be read twice at a time: all handles of a stream
+/// share its position.
+class FileLocks {
+public:
+    explicit FileLocks(const std::vector<std::string>& files) {
+        for (const std::string& file : files)
+            locks_[keyOf(toUtf16(file))];
+    }
+
+    std::mutex& of(const std::wstring& file) { return locks_.find(keyOf(file))->second; }
+
+private:
+    // Where case counts after all, two files just wait for each other.
+    static std::wstring keyOf(const std::wstring& file) {
+        std::wstring key = absolutePath(file);
+        CharLowerBuffW(key.data(), static_cast<DWORD>(key.size()));
+        return key;
+    }
+
+    static std::wstring absolutePath(const std::wstring& file) {
+        try {
+            return withoutLengthLimit(file);
+        } catch (const Failure&) {
+            return file; // which cannot be opened either
+        }
+    }
+
+    std::map<std::wstring, std::mutex> locks_;
+};
+
+const char* nameOf(Outcome outcome) { return kOutcomeNames[static_cast<int>(outcome)]; }
+
+// One file has only its faults printed; of several it is told which are sound, too.
+void print(StandardOutput& output, const std::string& file, const Verified& result, bool isOneOfMany) {
+    for (const std::string& fault : result.faults)
+        output.text(fault + "\n");
+    if (isOneOfMany) {
+        std::string name = nameOf(result.outcome);
+        name.resize(14, ' ');
+        output.text(name, result.outcome == Outcome::Sound ? Style::Good : Style::Bad);
+        output.text(toUtf8(onOneLine(toUtf16(file))) + "\n");
+    }
+    output.flush();
+    if (result.outcome == Outcome::Sound)
+        return;
+    const Progress::Hidden hidden(progress());
+    report(result.message);
+}
+
+nlohmann::ordered_json jsonOf(const std::string& file, const Verified& result) {
+    nlohmann::ordered_json object;
+    object["file"] = file;
+    object["status"] = nameOf(result.outcome);
+    object["faults"] = result.faults;
+    object["message"] = nullptr;
+    if (!result.message.empty())
+        object["message"] = toUtf8(onOneLine(result.message));
+    return object;
+}
+
+int statusOf(Outcome worst) {
+    if (worst == Outcome::Sound)
+        return 0;
+    return worst == Outcome::NotReadable ? kNotReadable : 1;
 }
 
 void run(const Arguments& arguments) {
-    try {
-        verify(toUtf16(arguments.file));
-    } catch (const Failure& failure) {
-        if (!isNotReadable(failure.status()))
-            throw;
-        failAsNotReadable(failure);
-    }
+    StandardOutput output;
+    auto all = nlohmann::ordered_json::array();
+    Outcome worst = Outcome::Sound;
+    const std::vector<std::string>& files = arguments.files;
+    FileLocks locks(files);
+    inParallel<Verified>(
+        files.size(),
+        [&](std::size_t i) {
+            const std::wstring file = toUtf16(files[i]);
+            const std::lock_guard guard(locks.of(file));
+            return verify(file);
+        },
+        [&](std::size_t i, const Verified& result) {
+            worst = std::max(worst, result.outcome);
+            if (arguments.json)
+                all.push_back(jsonOf(files[i], result));
+            else
+                print(output, files[i], result, files.size() > 1);
+        });
+    if (arguments.json)
+        output.text(all.dump(2) + "\n");
+    output.flush();
+    progress().end();
+    if (const int status = statusOf(worst); status != 0)
+        throw SilentFailure(status);
 }
 
 void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
-    command.file(arguments->file);
+    command.files(arguments->files);
+    command.flag("--json", arguments->json,
+                 "Print an array of {\"file\", \"status\", \"faults\", \"message\"}");
+    command.examples("vexel verify hall.7z", "vexel verify --json hall.7z tower.cfb annex.7z");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -1,0 +1,94 @@
+"""Nodes named by patterns, against regular expressions over what olefile finds, and what is said of names that there
+are not."""
+
+import json
+import re
+import shutil
+import unittest
+
+from vexel_cli import DATA, CommandTest, encode, files_below, nodes, seven_zip, snapshot
+
+PATTERNS = ["*", "**", "Many/item00?", "Many/*9", "Sub/**", "**/leaf", "*/*/*", "S*/**/D*r", "*b/**/*", "**/%05*", "??????",
+            "Чер*/*", "many/ITEM01?", "**/item*3*", "Sub/Deep/Deeper/*f"]
+
+
+def expression(pattern):
+    """What the pattern means. Case does not count in compound files."""
+    pattern = re.escape(pattern.removesuffix("**") + "**/*" * pattern.endswith("**"))
+    return re.compile(pattern.replace(r"\*\*/", "(?:[^/]+/)*").replace(r"\*", "[^/]*").replace(r"\?", "[^/]"), re.IGNORECASE)
+
+
+class Naming(CommandTest):
+    def listed(self, *arguments):
+        return [node["path"] for node in json.loads(self.succeed("list", "--json", *arguments))]
+
+    def test_patterns_mean_what_they_say(self):
+        path = self.sample("foreign-tree.cfb")
+        places = self.listed(path)
+        for pattern in PATTERNS:
+            with self.subTest(pattern):
+                wanted = [place for place in places if expression(pattern).fullmatch(place)]
+                self.assertNotEqual(wanted, [])
+                self.assertEqual(self.listed(path, pattern), wanted)
+        self.assertEqual(self.listed(path, "Mini", "Sub/Deep*", "*ini"), ["Sub/Deep", "Mini"])
+        self.assertEqual(self.listed(path, "mini", "SUB/deep"), ["Sub/Deep", "Mini"])
+        for pattern in "Many/x*", "**/no such", "Mini/*":
+            self.fail_with(1, "nothing matches|stream, not a storage", "list", path, pattern)
+        package = self.directory / "case.7z"
+        self.succeed("convert", path, package)
+        self.fail_with(1, r'\|many": 0x80030002 .*; did you mean "Many"\?\)', "list", package, "many/*")
+        self.fail_with(1, r'nothing matches ".*\|m\*": 0x80030002 ', "list", package, "m*")
+
+    def test_commands_take_them(self):
+        path, streams = self.sample("foreign-tree.cfb"), snapshot(DATA / "foreign-tree.cfb")
+        self.assertEqual(self.succeed("cat", path, "Many/item00?", "Mini"),
+                         b"".join(streams[f"Many/item00{n}"] for n in range(10)) + streams["Mini"])
+        for number, (patterns, wanted) in enumerate([
+                (["Many/item01?"], {f"item01{n}": f"Many/item01{n}" for n in range(10)}),
+                (["**/%05*", "Mini"], {"Sub/%05SummaryInformation": "Sub/%05SummaryInformation", "Mini": "Mini"}),
+                (["Sub/*"], {"Deep/Deeper/leaf": "Sub/Deep/Deeper/leaf", "%05SummaryInformation": "Sub/%05SummaryInformation"}),
+                (["*/Deep", "**/leaf"], {"Sub/Deep/Deeper/leaf": "Sub/Deep/Deeper/leaf"})]):
+            out = self.directory / str(number)
+            self.succeed("extract", path, out, *patterns)
+            self.assertEqual({name: data for name, data in files_below(out).items() if data is not None},
+                             {name: streams[place] for name, place in wanted.items()})
+        for document in path, self.directory / "package.7z":
+            with self.subTest(document.suffix):
+                if document != path:
+                    self.succeed("convert", DATA / "foreign-tree.cfb", document)
+                before = {(node["path"]) for node in json.loads(self.succeed("list", "--json", document))}
+                self.fail_with(1, "missing", "rm", document, "Mini", "missing")
+                self.succeed("rm", document, "Many/item00*", "Sub/**", "Mini", "Sub")
+                self.assertEqual(set(self.listed(document)),
+                                 {place for place in before if not re.match("Many/item00|Sub(/|$)|Mini$", place)})
+        self.assertNotIn("Mini", ["/".join(map(encode, names)) for names in nodes(path)])
+
+    def test_names_with_wildcards_in_them(self):
+        tree = self.directory / "tree"
+        tree.mkdir()
+        for name in "a*", "a?", "abc", "a😀":
+            (tree / name).write_bytes(name.encode())
+        package = self.directory / "stars.7z"
+        seven_zip("a", package, ".", "-ms=off", cwd=tree)
+        for pattern, wanted in [("a*", ["a*"]), ("a%2a", ["a*"]), ("a%3f", ["a?"]), ("?b?", ["abc"]), ("a**", None), ("??", ["a*", "a?", "a😀"])]:
+            with self.subTest(pattern):
+                self.assertEqual(sorted(self.listed(package, pattern)),
+                                 sorted(wanted if wanted is not None else ["a*", "a?", "abc", "a😀"]))
+
+    def test_the_nearest_name(self):
+        path = self.sample("foreign-tree.cfb")
+        for arguments, meant in [
+                (["lsit", path], "list"), (["extarct", path], "extract"), (["veryfy", path], "verify"),
+                (["cat", path, "Many/itme017"], "Many/item017"), (["cat", path, "leaf"], "Sub/Deep/Deeper/leaf"),
+                (["cat", path, "Suv/Deep/Deeper/leaf"], "Sub/Deep/Deeper/leaf"), (["rm", path, "Contentz"], "Contents"),
+                (["mv", path, "Mni", "Max"], "Mini"), (["extract", path, self.directory / "out", "Чертеж"], "Чертёж"),
+                (["cat", path, "zzzzzzzz"], None), (["frobnicate", path], None)]:
+            with self.subTest(arguments):
+                hint = re.escape(f'; did you mean "{meant}"?') if meant else r'(?!.*did you mean)'
+                self.fail_with(1 if arguments[0] in ("cat", "rm", "mv", "extract") else 2, hint, *arguments)
+        shutil.copy(DATA / "foreign-tree.cfb", self.directory / "same.cfb")
+        self.assertEqual(path.read_bytes(), (self.directory / "same.cfb").read_bytes())
+
+
+if __name__ == "__main__":
+    unittest.main()
