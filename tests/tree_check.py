@@ -150,20 +150,17 @@ def check_names():
 
 
 def check_reading_order():
-    order = (ROOT / "README.md").read_text(encoding="utf-8").partition("\n## Reading order\n")[2].partition("\n## ")[0]
+    page = "docs/guide/headers.md"
+    order = (ROOT / page).read_text(encoding="utf-8")
     for header in source_tree.files(PUBLIC + "*.h"):
         if f"`{header.removeprefix(PUBLIC)}`" not in order:
-            yield f"README.md: {header} has no place in the reading order"
+            yield f"{page}: {header} has no place in it"
 
 
 def check_documents():
     folders = {path.split("/")[0] for path in source_tree.files() if "/" in path}
     for document in source_tree.files("*.md"):
         text = (ROOT / document).read_text(encoding="utf-8")
-        beside = (ROOT / document).parent
-        for link in re.findall(r"\]\(([^)#:]+)(?:#[^)]*)?\)", text):
-            if not (beside / link).exists():
-                yield f"{document}: link to {link}, which does not exist"
         # A path in code quotes, without placeholders.
         for path in re.findall(r"`([\w.-]+(?:/[\w.-]+)+/?)[ `]", text):
             if path.split("/")[0] in folders and not (ROOT / path).exists():
