@@ -32,6 +32,16 @@ void listAll(const vxio::IniFile& settings) {
             std::printf("%ls.%ls = %ls\n", name.GetString(), key.GetString(), value.GetString());
 }
 
+void change(vxio::IniFile& settings) {
+    // Sections and keys keep their order, and are found without regard to case. What is new comes last.
+    settings.SetInt(L"window", L"WIDTH", 1024);
+    settings.SetDouble(L"View", L"Zoom", 1.5);
+    settings.GetOrCreateSection(L"Recent").Remove(L"First").SetString(L"Last", L"plans\\roof.7z");
+    // Values are saved without quotes, so that blanks around one would be lost: this is mended before.
+    const CStringW title = settings.GetString(L"Window", L"Title", L"");
+    settings.SetString(L"Window", L"Title", L"\"" + title + L"\"");
+}
+
 } // namespace
 
 // NOLINTNEXTLINE(misc-use-internal-linkage): the entry point is called from outside.
@@ -48,13 +58,7 @@ int wmain(int count, wchar_t** arguments) {
     }
     show(settings);
 
-    // Sections and keys keep their order, and are found without regard to case. What is new comes last.
-    settings.SetInt(L"window", L"WIDTH", 1024);
-    settings.SetDouble(L"View", L"Zoom", 1.5);
-    settings.GetOrCreateSection(L"Recent").Remove(L"First").SetString(L"Last", L"plans\\roof.7z");
-    // Values are saved without quotes, so that blanks around one would be lost: this is mended before.
-    const CStringW title = settings.GetString(L"Window", L"Title", L"");
-    settings.SetString(L"Window", L"Title", L"\"" + title + L"\"");
+    change(settings);
     if (!settings.Save(arguments[2])) {
         std::printf("the settings cannot be saved\n");
         return 1;

@@ -69,6 +69,23 @@ private:
     long status_;
 };
 
+// No two threads read one stream at the same time: they would move each other's position.
+std::vector<std::optional<std::uint64_t>> hashOnThreads(const SharedPathName& path,
+                                                        const std::vector<Path>& streams) {
+    std::vector<std::optional<std::uint64_t>> hashes(streams.size());
+    std::atomic<std::size_t> next{0};
+    std::array<std::thread, kThreads> threads;
+    for (std::thread& thread : threads)
+        thread = std::thread([&] {
+            const Reader reader(path);
+            for (std::size_t index = next++; index < streams.size(); index = next++)
+                hashes[index] = reader.hash(streams[index]);
+        });
+    for (std::thread& thread : threads)
+        thread.join();
+    return hashes;
+}
+
 } // namespace
 
 // NOLINTNEXTLINE(misc-use-internal-linkage): the entry point is called from outside.
@@ -85,19 +102,7 @@ int wmain(int count, wchar_t** arguments) {
         return 1;
     }
 
-    // No two threads read one stream at the same time: they would move each other's position.
-    std::vector<std::optional<std::uint64_t>> hashes(list.streams.size());
-    std::atomic<std::size_t> next{0};
-    std::array<std::thread, kThreads> threads;
-    for (std::thread& thread : threads)
-        thread = std::thread([&] {
-            const Reader reader(path);
-            for (std::size_t index = next++; index < list.streams.size(); index = next++)
-                hashes[index] = reader.hash(list.streams[index]);
-        });
-    for (std::thread& thread : threads)
-        thread.join();
-
+    const auto hashes = hashOnThreads(path, list.streams);
     std::size_t same = 0;
     for (std::size_t index = 0; index < hashes.size(); ++index)
         same += hashes[index] && hashes[index] == alone.hash(list.streams[index]) ? 1 : 0;
