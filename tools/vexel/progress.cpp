@@ -6,14 +6,15 @@
 #include "console.h"
 
 #include <algorithm>
+#include <cmath>
 #include <utility>
 
 namespace Vexel::Tool {
 namespace {
 
-std::wstring megabytes(unsigned long long bytes) {
-    constexpr unsigned long long kMegabyte = 1'000'000;
-    return std::to_wstring(bytes / kMegabyte);
+std::wstring megabytes(double bytes) {
+    constexpr double kMegabyte = 1'000'000;
+    return std::to_wstring(static_cast<unsigned long long>(bytes / kMegabyte));
 }
 
 } // namespace
@@ -57,16 +58,18 @@ void Progress::add(unsigned long long bytes) {
 }
 
 std::wstring Progress::text() const {
-    if (total_ == 0 && done_ == 0) {
-        const auto passed = std::chrono::steady_clock::now() - began_;
-        return phase_ + L": " +
-               std::to_wstring(std::chrono::duration_cast<std::chrono::seconds>(passed).count()) + L" s";
-    }
+    using std::chrono::duration;
+    const double seconds = duration<double>(std::chrono::steady_clock::now() - began_).count();
+    if (done_ == 0)
+        return phase_ + L": " + std::to_wstring(static_cast<unsigned long long>(seconds)) + L" s";
+    const std::wstring rate = L", " + megabytes(static_cast<double>(done_) / seconds) + L" MB/s";
     if (total_ == 0)
-        return phase_ + L": " + megabytes(done_) + L" MB";
-    const unsigned long long percent = std::min(done_, total_) * 100 / total_;
-    return phase_ + L": " + std::to_wstring(percent) + L" % (" + megabytes(done_) + L" of " +
-           megabytes(total_) + L" MB)";
+        return phase_ + L": " + megabytes(static_cast<double>(done_)) + L" MB" + rate;
+    const unsigned long long done = std::min(done_, total_);
+    const double left = seconds * static_cast<double>(total_ - done) / static_cast<double>(done);
+    return phase_ + L": " + std::to_wstring(done * 100 / total_) + L" % of " +
+           megabytes(static_cast<double>(total_)) + L" MB" + rate + L", " +
+           std::to_wstring(static_cast<unsigned long long>(std::ceil(left))) + L" s left";
 }
 
 // The first line comes after a second, so that short commands show none. Each line is written over the one

@@ -10,8 +10,8 @@
 namespace Vexel::Tool {
 
 /// Shows on standard error what the command has got to, if people are looking there and it takes longer than
-/// a second: "packing: 42 % (126 of 300 MB)". It is written by a thread of its own, so that it goes on while
-/// the library is busy.
+/// a second: "packing: 42 % of 300 MB, 15 MB/s, 12 s left". It is written by a thread of its own, so that it
+/// goes on while the library is busy.
 class Progress {
 public:
     Progress() = default;
@@ -19,7 +19,8 @@ public:
     Progress& operator=(const Progress&) = delete;
     ~Progress() { end(); }
 
-    /// What is being done now, and how many bytes that will be; 0: not known. Without any, the time is shown.
+    /// What is being done now, and how many bytes that will be; 0: not known. Before the first, the
+    /// time is shown.
     void begin(std::wstring_view phase, unsigned long long total = 0);
     void add(unsigned long long bytes);
     /// Takes the line away; the next `begin` brings it back.
