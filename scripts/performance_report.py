@@ -46,6 +46,12 @@ WISHES = [
         "Linux's kernel, which gives and takes pages.",
     ),
     (
+        "read the database of 10,000 items, not packed",
+        "1.6",
+        "The header is looked at before the engine reads it, which takes 0.5 ms where nothing has to be unpacked; taking "
+        "memory for it and giving it back takes 0.2 ms more.",
+    ),
+    (
         "save 30 MB with one changed item of 10,000",
         "3",
         "Of 49 ms the engine's copying of 10,000 small parts takes 20, writing them to the file 10, bringing the file "
