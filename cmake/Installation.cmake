@@ -40,7 +40,8 @@ else()
 endif()
 
 install(DIRECTORY include/vexel TYPE INCLUDE COMPONENT Development)
-install(DIRECTORY examples DESTINATION . COMPONENT Development)
+install(DIRECTORY examples docs DESTINATION . COMPONENT Development)
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md THIRD-PARTY.md DESTINATION . COMPONENT Development)
 install(EXPORT VexelStorage NAMESPACE Vexel:: DESTINATION lib/cmake/VexelStorage FILE VexelStorageConfig.cmake
   COMPONENT Development)
 write_basic_package_version_file(VexelStorageConfigVersion.cmake COMPATIBILITY SameMinorVersion)
@@ -54,7 +55,8 @@ install(FILES THIRD-PARTY.md DESTINATION licences COMPONENT Runtime)
 install(FILES ${VEXEL_7ZIP_SOURCE_DIR}/DOC/License.txt DESTINATION licences RENAME 7-zip.txt COMPONENT Runtime)
 install(FILES ${VEXEL_7ZIP_SOURCE_DIR}/DOC/copying.txt DESTINATION licences RENAME 7-zip-lgpl.txt COMPONENT Runtime)
 foreach(package libz-mingw-w64-dev gcc-mingw-w64-x86-64-posix-runtime mingw-w64-common libcli11-dev nlohmann-json3-dev)
-  install(FILES /usr/share/doc/${package}/copyright DESTINATION licences RENAME ${package}.txt COMPONENT Runtime)
+  install(FILES /usr/share/doc/${package}/copyright DESTINATION licences RENAME ${package}.txt COMPONENT Runtime
+    OPTIONAL) # other systems have them elsewhere
 endforeach()
 
 set(CPACK_GENERATOR ZIP)

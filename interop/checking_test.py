@@ -1,14 +1,17 @@
 """verify with many files, against what 7zz says of the same ones; and what a terminal gets to see."""
 
+import contextlib
 import json
 import os
+import pathlib
 import pty
 import re
 import select
 import subprocess
+import time
 import unittest
 
-from vexel_cli import BUILD, DATA, ROOT, CommandTest, vexel
+from vexel_cli import BUILD, DATA, ROOT, CommandTest, seven_zip, vexel
 
 
 class Checking(CommandTest):
@@ -39,6 +42,24 @@ class Checking(CommandTest):
             self.assertEqual(re.findall(rb"(?m)^(sound|not readable|failed|damaged) .*\\(.*)", result.stdout),
                              [({"copy": b"sound", "empt": b"sound", "encr": b"not readable", "miss": b"failed"}[name[:4]],
                                name.encode()) for name in names])
+
+    def test_memory_is_that_of_a_few_files(self):
+        (self.directory / "large").write_bytes(os.urandom(1 << 20) * 24)
+        first = self.directory / "0.7z"
+        seven_zip("a", first, "large", "-mx=1", cwd=self.directory)
+        files = [first, *(self.directory / f"{number}.7z" for number in range(1, 24))]
+        for path in files[1:]:
+            os.link(first, path)
+        program = self.start("verify", *files, stdout=subprocess.DEVNULL)
+        peak = 0
+        while program.poll() is None:
+            for status in pathlib.Path("/proc").glob("[0-9]*/status"):
+                with contextlib.suppress(OSError, AttributeError, IndexError):
+                    if re.search(rb"vexel\.exe\0verify\0.*\b23\.7z", (status.parent / "cmdline").read_bytes(), re.DOTALL):
+                        peak = max(peak, int(re.search(r"VmRSS:\s+(\d+)", status.read_text())[1]))
+            time.sleep(0.02)
+        self.assertEqual(program.returncode, 0)
+        self.assertTrue(24 << 10 < peak < 300 << 10, f"{peak} KiB; all files have 576 MiB")
 
     def on_terminal(self, *arguments, **environment):
         """What a command writes on a terminal."""

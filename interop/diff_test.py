@@ -5,7 +5,7 @@ import json
 import shutil
 import unittest
 
-from vexel_cli import DATA, CommandTest, nodes, snapshot, vexel
+from vexel_cli import DATA, CommandTest, nodes, seven_zip, snapshot, vexel
 
 # What is done to foreign-tree.cfb, and the differences that makes: kind, path, and where it was or what changed.
 EDITS = [
@@ -75,6 +75,19 @@ class Diff(CommandTest):
         text = vexel("diff", before, other).stdout.decode().splitlines()
         self.assertEqual(text, ["changed  /  (class)", "changed  Mini  (63 B → 7 B)", "changed  Sub/Deep/Deeper  (class)",
                                 f"0 removed, 0 added, 3 changed, 0 moved, {found['same']} alike"])
+
+    def test_what_only_looks_like_a_class(self):
+        packages = []
+        for data in b"abc", b"xyz":
+            (self.directory / "M").mkdir(exist_ok=True)
+            (self.directory / "M" / ".clsid").write_bytes(data)
+            packages.append(self.directory / f"{data.decode()}.7z")
+            seven_zip("a", packages[-1], "M", cwd=self.directory)
+        self.assertEqual(self.differences(*packages)[0], {("changed", "M/.clsid", "contents")})
+        self.succeed("rm", packages[0], "M/.clsid")
+        self.succeed("put", packages[0], "M/.clsid/x", stdin=b"1")
+        found = self.differences(*packages)[1]["differences"]
+        self.assertEqual([("before" in one, one.get("after")) for one in found if one.get("what") == "type"], [(False, 3)])
 
     def test_trouble(self):
         sound, damaged = self.sample("copy.7z"), self.directory / "damaged.7z"

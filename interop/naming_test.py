@@ -32,6 +32,7 @@ class Naming(CommandTest):
                 self.assertEqual(self.listed(path, pattern), wanted)
         self.assertEqual(self.listed(path, "Mini", "Sub/Deep*", "*ini"), ["Sub/Deep", "Mini"])
         self.assertEqual(self.listed(path, "mini", "SUB/deep"), ["Sub/Deep", "Mini"])
+        self.assertEqual(self.listed(path, "sub/DEEP/*", "SUB/d*"), ["Sub/Deep", "Sub/Deep/Deeper"])
         for pattern in "Many/x*", "**/no such", "Mini/*":
             self.fail_with(1, "nothing matches|stream, not a storage", "list", path, pattern)
         package = self.directory / "case.7z"
@@ -62,6 +63,41 @@ class Naming(CommandTest):
                 self.assertEqual(set(self.listed(document)),
                                  {place for place in before if not re.match("Many/item00|Sub(/|$)|Mini$", place)})
         self.assertNotIn("Mini", ["/".join(map(encode, names)) for names in nodes(path)])
+
+    def test_files_of_patterns_never_meet(self):
+        tree, package = self.directory / "tree", self.directory / "alike.7z"
+        wanted = {"Sub/x": b"1", "sub/x": b"2", "A/S": b"3", "S/f": b"4", "Other/f": b"5"}
+        for place, data in wanted.items():
+            (tree / place).parent.mkdir(parents=True, exist_ok=True)
+            (tree / place).write_bytes(data)
+        seven_zip("a", package, ".", "-ms=off", cwd=tree)
+        for patterns in ["*/x"], ["A/S", "*/f"], ["**"], ["Other/*", "*/*"]:
+            with self.subTest(patterns):
+                out = self.directory / "out"
+                shutil.rmtree(out, ignore_errors=True)
+                places = [place for place in wanted if "*/x" not in patterns or place.endswith("x")]
+                if "A/S" in patterns:
+                    places = ["A/S", "S/f", "Other/f"]
+                self.succeed("extract", "--force", package, out, *patterns)
+                files = sorted(data for data in files_below(out).values() if data is not None)
+                self.assertEqual(files, sorted(wanted[place] for place in places))
+        # What stands in the way of one node costs that one.
+        shutil.rmtree(out)
+        out.mkdir()
+        (out / "Other").write_bytes(b"")
+        self.fail_with(1, "Other", "extract", package, out, "Other", "A", "S")
+        self.assertEqual((out / "A" / "S").read_bytes() + (out / "S" / "f").read_bytes(), b"34")
+
+    def test_patterns_leave_storages_their_class(self):
+        path, package = self.sample("foreign-tree.cfb"), self.directory / "classes.7z"
+        data = bytearray(path.read_bytes())
+        entry = data.index("Many\0".encode("utf-16-le"))
+        data[entry + 80:entry + 96] = bytes(range(16))
+        path.write_bytes(data)
+        self.succeed("convert", path, package)
+        for document in path, package:
+            self.succeed("rm", document, "Many/*")
+        self.assertEqual(self.succeed("diff", path, package), b"")
 
     def test_names_with_wildcards_in_them(self):
         tree = self.directory / "tree"

@@ -3,6 +3,7 @@ one (Debian's chromium-headless-shell; scripts/setup --browser installs it)."""
 
 import html.parser
 import json
+import os
 import pathlib
 import re
 import shutil
@@ -134,6 +135,12 @@ class Report(CommandTest):
         self.fail_with(1, "html.*0x80070050", "report", DATA / "copy.7z", "-o", self.directory / "damaged.7z.html")
         self.assertIn(b"<!doctype html>", vexel("report", damaged).stdout)
         self.fail_with(1, "cannot open", "report", self.directory / "missing")
+        for name in "foreign-tree.cfb", "copy.7z":
+            document, link = self.sample(name), self.directory / f"link-{name}"
+            os.link(document, link)
+            for page in document, link:
+                self.fail_with(1, "over the document itself", "report", document, "-o", page, "--force")
+            self.assertEqual(document.read_bytes(), (DATA / name).read_bytes())
 
     @unittest.skipUnless(BROWSER, "no browser: scripts/setup --browser installs one")
     def test_in_a_browser(self):

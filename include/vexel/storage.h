@@ -5,10 +5,10 @@
 /// structured storage, and packages (7z archives).
 ///
 ///     StorageRef document;
-///     if (FAILED(document.open(path, RootStorageOpenMode::ReadOnly, false)))
+///     if (document.open(path, RootStorageOpenMode::ReadOnly, false) != S_OK)
 ///         ...
 ///     StreamRef book;
-///     if (SUCCEEDED(book.open(L"Workbook", document, true)))
+///     if (book.open(L"Workbook", document, true) == S_OK)
 ///         book.ReadBytes(buffer, size);
 ///
 /// Words

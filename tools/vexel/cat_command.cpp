@@ -32,7 +32,7 @@ void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
     command.nodes(arguments->nodes);
-    command.examples("vexel cat hall.7z Model/Settings > settings", "vexel cat hall.7z 'Views/*/Settings'");
+    command.examples("vexel cat hall.7z Model/Settings > settings", "vexel cat hall.7z \"Views/*/Settings\"");
     command.run([arguments] { run(*arguments); });
 }
 

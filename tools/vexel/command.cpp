@@ -126,6 +126,7 @@ public:
             entries_.push_back(entry);
         std::sort(entries_.begin(), entries_.end(),
                   [](const auto* a, const auto* b) { return std::string_view(a->name_) < b->name_; });
+        program_.set_version_flag("--version", "vexel " VEXEL_VERSION, "Show the version");
         for (const CommandRegistration* const entry : entries_)
             add(*entry);
     }
@@ -165,6 +166,10 @@ void runCommandLine(const std::vector<std::string>& arguments) {
         printHelp(program, CLI::AppFormatMode::Normal);
     } catch (const CLI::CallForAllHelp&) {
         printHelp(program, CLI::AppFormatMode::All);
+    } catch (const CLI::CallForVersion& version) {
+        StandardOutput output;
+        output.text(std::string(version.what()) + "\n");
+        output.flush();
     } catch (const CLI::ParseError& error) {
         throw UsageError(toUtf16(error.what()));
     }

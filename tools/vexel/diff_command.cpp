@@ -88,6 +88,7 @@ void print(StandardOutput& output, const ComparisonResult& result, bool exact) {
 
 nlohmann::ordered_json jsonOf(const Difference& difference) {
     const bool isStream = difference.type == StorageType::Stream;
+    const bool wasStream = isStream != (difference.what == What::Type);
     nlohmann::ordered_json object;
     object["kind"] = nameOf(difference.kind);
     object["path"] = toUtf8(difference.path);
@@ -98,7 +99,7 @@ nlohmann::ordered_json jsonOf(const Difference& difference) {
         object["what"] = nameOf(difference.what);
     if (difference.kind == Kind::Moved && !isStream)
         object["nodes"] = difference.nodes;
-    if (isStream && difference.kind != Kind::Added)
+    if (wasStream && difference.kind != Kind::Added)
         object["before"] = difference.before;
     if (isStream && difference.kind != Kind::Removed)
         object["after"] = difference.after;
@@ -157,6 +158,9 @@ int statusOrTrouble(const Arguments& arguments) {
     } catch (const std::bad_alloc&) {
         progress().end();
         report(L"not enough memory");
+    } catch (const std::exception& exception) {
+        progress().end();
+        report(toUtf16(exception.what()));
     }
     return KTrouble;
 }

@@ -167,6 +167,16 @@ std::optional<StorageType> Document::typeOf(const NodePath& path) const {
     return path.isRoot() ? StorageType::Storage : typeOf(openStorage(path.parent()), path.name());
 }
 
+bool Document::isClass(const NodePath& path) const {
+    return root_.format() == StorageFormat::Package && !path.isRoot() && path.name() == L".clsid";
+}
+
+bool Document::cannotRead(HRESULT status) const {
+    // A package lists a node with a slash in its name, and does not find it again.
+    return isNotReadable(status) ||
+           (status == STG_E_FILENOTFOUND && root_.format() == StorageFormat::Package);
+}
+
 StorageRef Document::openStorage(const NodePath& path) const {
     StorageRef storage = root_;
     for (std::size_t i = 0; i < path.elements().size(); ++i) {

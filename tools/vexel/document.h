@@ -53,6 +53,11 @@ public:
     static std::optional<StorageType> typeOf(const StorageRef& parent, const std::wstring& name);
     std::optional<StorageType> typeOf(const NodePath& path) const;
 
+    /// Whether a node has the place in which packages keep a storage's class.
+    bool isClass(const NodePath& path) const;
+    /// Whether a failure of a node says that this program cannot read it, rather than that it is damaged.
+    bool cannotRead(HRESULT status) const;
+
     /// Opens a storage for reading; the root's path gives the root.
     StorageRef openStorage(const NodePath& path) const;
 

@@ -6,10 +6,9 @@
 namespace Vexel::Tool {
 namespace {
 
-// Packages keep a storage's class in a stream.
+// What has the place of a storage's class and not its size is a stream like others.
 bool isClass(const Document& document, const Node& node) {
-    return document.root().format() == StorageFormat::Package && node.type == StorageType::Stream &&
-           node.path.name() == L".clsid";
+    return node.type == StorageType::Stream && node.size == sizeof(CLSID) && document.isClass(node.path);
 }
 
 // A storage whose class cannot be read says that it has none.

@@ -12,6 +12,7 @@
 #include <map>
 #include <memory>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Vexel::Tool {
@@ -74,17 +75,19 @@ public:
 
     /// A node under the way to it from where its pattern begins.
     void selected(const SelectedNode& node) {
-        std::wstring directory;
-        for (std::size_t i = node.fixed; i + 1 < node.path.elements().size(); ++i) {
-            directory += fileNameOf(node.path.elements()[i]);
-            directory_.makeDirectory(directory);
-            directory += L'\\';
-        }
-        const std::wstring file = directory + names_[directory].unique(node.path.name());
-        if (node.type == StorageType::Storage)
-            storage(node.path, file);
-        else
-            attempt([&] { stream(document_.openStream(node.path), node.path, file); });
+        attempt([&] {
+            std::wstring directory;
+            for (std::size_t i = node.fixed; i + 1 < node.path.elements().size(); ++i) {
+                const std::wstring way = fileFor(directory, node.path.first(i + 1));
+                directory_.makeDirectory(way);
+                directory = way + L'\\';
+            }
+            const std::wstring file = fileFor(directory, node.path);
+            if (node.type == StorageType::Storage)
+                storage(node.path, file);
+            else
+                stream(document_.openStream(node.path), node.path, file);
+        });
     }
 
     /// Throws if there was a node that could not be extracted.
@@ -94,6 +97,14 @@ public:
     }
 
 private:
+    /// The same for a node each time, and never that of another.
+    std::wstring fileFor(const std::wstring& directory, const NodePath& node) {
+        const auto [place, isNew] = files_.try_emplace({directory, node.text()});
+        if (isNew)
+            place->second = directory + names_[directory].unique(node.name());
+        return place->second;
+    }
+
     void note(const Failure& failure) {
         if (isFull(failure.status()))
             throw Failure(failure);
@@ -113,7 +124,9 @@ private:
 
     const Document& document_;
     TargetDirectory directory_;
-    std::map<std::wstring, FileNames> names_; // of what was selected, by directory
+    // Of what was selected, and of the storages on the way to it:
+    std::map<std::wstring, FileNames> names_;                             // by directory
+    std::map<std::pair<std::wstring, std::wstring>, std::wstring> files_; // by directory and node
     bool failed_ = false;
 };
 
@@ -139,7 +152,7 @@ void add(Command& command) {
                      Takes::Directory);
     command.optionalNodes(arguments->nodes);
     command.flag("--force", arguments->force, "Replace files that are there");
-    command.examples("vexel extract hall.7z out", "vexel extract hall.7z out 'Views/**' Preview");
+    command.examples("vexel extract hall.7z out", "vexel extract hall.7z out \"Views/**\" Preview");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -7,6 +7,7 @@
 
 #include <vexel/storage.h>
 
+#include <optional>
 #include <utility>
 #include <vector>
 
@@ -24,6 +25,33 @@ std::wstring withoutLengthLimit(const std::wstring& path) {
     if (full.starts_with(L"\\\\"))
         return L"\\\\?\\UNC\\" + full.substr(2);
     return L"\\\\?\\" + full;
+}
+
+namespace {
+
+struct FileIdentity {
+    DWORD volume;
+    ULARGE_INTEGER number;
+};
+
+// Nothing where there is no file.
+std::optional<FileIdentity> identityOf(const std::wstring& path) {
+    const Detail::FileHandle file(CreateFileW(withoutLengthLimit(path).c_str(), FILE_READ_ATTRIBUTES,
+                                              FILE_SHARE_READ | FILE_SHARE_WRITE | FILE_SHARE_DELETE, nullptr,
+                                              OPEN_EXISTING, FILE_FLAG_BACKUP_SEMANTICS, nullptr));
+    BY_HANDLE_FILE_INFORMATION about;
+    if (!file || !GetFileInformationByHandle(file.get(), &about))
+        return std::nullopt;
+    return FileIdentity{about.dwVolumeSerialNumber,
+                        {.u = {.LowPart = about.nFileIndexLow, .HighPart = about.nFileIndexHigh}}};
+}
+
+} // namespace
+
+bool isSameFile(const std::wstring& path, const std::wstring& other) {
+    const auto one = identityOf(path);
+    const auto two = identityOf(other);
+    return one && two && one->volume == two->volume && one->number.QuadPart == two->number.QuadPart;
 }
 
 PartialFile::PartialFile(const std::wstring& directory, std::wstring label) : label_(std::move(label)) {

@@ -10,6 +10,9 @@ namespace Vexel::Tool {
 /// interpret. Throws Failure.
 std::wstring withoutLengthLimit(const std::wstring& path);
 
+/// Whether both paths lead to one file, by whatever names. False where one leads to none.
+bool isSameFile(const std::wstring& path, const std::wstring& other);
+
 /// A new file under a name of its own, deleted again unless it gets the one it is meant for: so that nothing
 /// half-made stands under that. A package may be made of it, whose handles must be gone when this object
 /// goes. Members throw Failure; when the file cannot be deleted, a line on standard error says so.

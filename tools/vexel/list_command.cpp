@@ -95,7 +95,7 @@ void add(Command& command) {
     command.flag("--bytes", arguments->bytes, "Print sizes to the byte");
     command.flag("--json", arguments->json,
                  "Print an array of {\"path\", \"type\", \"size\", \"created\", \"modified\"}");
-    command.examples("vexel list hall.7z", "vexel list --bytes hall.7z 'Views/*'");
+    command.examples("vexel list hall.7z", "vexel list --bytes hall.7z \"Views/*\"");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -45,7 +45,7 @@ private:
     // What is no path can still be a pattern.
     std::optional<StorageType> find(const NodePath& path) const {
         try {
-            return document_.typeOf(path);
+            return document_.typeOf(asListed(path));
         } catch (const Failure&) {
             return std::nullopt;
         }
@@ -83,7 +83,8 @@ private:
             nodes_.push_back(std::move(node));
     }
 
-    /// The path of a node that is there, with the names as the document has them.
+    /// The path of a node that is there, with the names as the document has them: an item that is open under
+    /// another spelling could not be opened under this one.
     NodePath asListed(const NodePath& path) const {
         if (!ignoresCase_)
             return path;

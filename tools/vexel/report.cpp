@@ -27,7 +27,7 @@ public:
             [this](const Failure& failure) {
                 ReportNode& node = report_.nodes[met_];
                 node.fault += (node.fault.empty() ? "" : "; ") + shortened(failure);
-                ++(isNotReadable(failure.status()) ? report_.notReadable : report_.faults);
+                ++(document_.cannotRead(failure.status()) ? report_.notReadable : report_.faults);
             },
             [this](const NodePath&, const StorageRef&) { storages_.push_back(met_); });
         // Backwards, so that each storage is whole before it is added to its own.

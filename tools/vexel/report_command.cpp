@@ -32,6 +32,9 @@ void run(const Arguments& arguments) {
     if (!page.empty() && !arguments.force &&
         GetFileAttributesW(withoutLengthLimit(page).c_str()) != INVALID_FILE_ATTRIBUTES)
         throw Failure(L"cannot create", page, HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
+    if (!page.empty() && isSameFile(toUtf16(arguments.file), page))
+        throw Failure(L"will not write the page over the document itself,", page,
+                      HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
     const DocumentReport report = reportOn(toUtf16(arguments.file));
     if (!page.empty()) {
         writeTo(page, report, arguments.force);

@@ -44,7 +44,13 @@ void removeAll(const Document& document, const std::vector<SelectedNode>& nodes)
 
 void run(const Arguments& arguments) {
     const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadWrite);
-    const std::vector<SelectedNode> nodes = selectOutermost(document, arguments.nodes);
+    std::vector<SelectedNode> nodes = selectOutermost(document, arguments.nodes);
+    // A package's storage keeps its class in a stream, a compound file's does not: with a pattern, both are
+    // left with it.
+    std::erase_if(nodes,
+                  [&](const SelectedNode& node) { return node.isByPattern && document.isClass(node.path); });
+    if (nodes.empty())
+        return;
     if (nodes.front().path.isRoot())
         throw UsageError(L"the root cannot be removed from", toUtf16(arguments.file));
     removeAll(document, nodes);
@@ -54,7 +60,7 @@ void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
     command.nodes(arguments->nodes);
-    command.examples("vexel rm hall.7z Preview", "vexel rm hall.7z 'Views/*/Thumbnail' 'Old/**'");
+    command.examples("vexel rm hall.7z Preview", "vexel rm hall.7z \"Views/*/Thumbnail\" \"Old/**\"");
     command.run([arguments] { run(*arguments); });
 }
 

@@ -126,7 +126,7 @@ void add(Command& command) {
     command.flag("--bytes", arguments->bytes, "Print sizes to the byte");
     command.flag("--json", arguments->json,
                  "Print an array of {\"name\", \"type\", and \"size\" or \"children\"}");
-    command.examples("vexel tree hall.7z", "vexel tree hall.7z Model 'Views/T*'");
+    command.examples("vexel tree hall.7z", "vexel tree hall.7z Model \"Views/T*\"");
     command.run([arguments] { run(*arguments); });
 }
 

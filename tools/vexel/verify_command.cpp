@@ -53,7 +53,7 @@ public:
             {}, [this](const Node& node) { read(node); },
             [this](const Failure& failure) {
                 result_.faults.push_back(toUtf8(onOneLine(failure.message())));
-                ++(isNotReadable(failure.status()) || hasSlash(failure.status()) ? notReadable_ : faults_);
+                ++(document_.cannotRead(failure.status()) ? notReadable_ : faults_);
             });
         if (faults_ > 0)
             throw Failure(count(faults_, "fault") + L" in", file_, STG_E_DOCFILECORRUPT);
@@ -73,11 +73,6 @@ private:
         document_.read(stream, node.path, [](std::span<const std::byte>) {});
     }
 
-    // A package lists a node with a slash in its name, and does not find it again.
-    bool hasSlash(HRESULT status) const {
-        return status == STG_E_FILENOTFOUND && document_.root().format() == StorageFormat::Package;
-    }
-
     std::wstring file_;
     Document document_;
     Verified& result_;
@@ -95,7 +90,11 @@ Verified verify(const std::wstring& file) {
             result.outcome = Outcome::NotReadable;
         else
             result.outcome = result.faults.empty() ? Outcome::Failed : Outcome::Damaged;
+    } catch (const std::bad_alloc&) {
+        result.message = L"not enough memory for \"" + file + L"\"";
     }
+    // Else it stays open, with what was read last, until the end of all.
+    StorageContainer::Instance().deleteUnusedObjects();
     return result;
 }
 
