@@ -2,8 +2,8 @@
 // 100,000 items, against the same done to trees of 1,000 items until there were as many; and trees of 3,000
 // storages inside one another against those of 1,000. Nothing but memory takes part, so processor time is
 // what counts. Both sides share one heap, which under Wine serves small blocks slowly once large trees have
-// been freed: that hits the peer, with its many small trees, more. How cost grows in processes of their own is
-// what `bench_curves` tells.
+// been freed: that hits the peer, with its many small trees, more. How cost grows in processes of their own
+// is what `bench_curves` tells.
 
 #include "archive/szip_storage.h"
 #include "support/archives.h"
