@@ -1,8 +1,8 @@
 #!/usr/bin/env bash
 # Makes the zip file and unpacks it, and installs, as those do who get them.
 #   unpack.sh BUILD_FOLDER CPACK FOLDER TOOL_PREFIX
-# Ends with 1 when the zip file has other files than files.txt lists (the checked build also needs libssp), or the installed DLL's debug information does
-# not tell where a function comes from.
+# Ends with 1 when the zip file has other files than files.txt lists (the checked build also needs libssp), or the
+# installed DLL's debug information does not tell where a function comes from.
 set -euo pipefail
 here=$(cd "$(dirname "${BASH_SOURCE[0]}")" && pwd)
 cd "$1"
