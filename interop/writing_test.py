@@ -64,6 +64,9 @@ class Writing(CommandTest):
                                    ("Папка/%05Внутри %25/№1 📐", 4095), ("Папка/31 characters, and no dot here", 4096)]:
                     self.put(path, wanted, node, content(size))
                     self.expect(read(path), wanted)
+                for node in "forgotten/source", largest:
+                    self.fail_with(1, "standard input holds nothing", "put", path, node)
+                    self.expect(read(path), wanted)
                 if read == snapshot:
                     self.assertEqual(gsf_cat(path, "new"), content(5000))
                     self.assertEqual(gsf_cat(path, largest), content(300_001))

@@ -40,7 +40,7 @@ constexpr auto kStorageWords = std::to_array<StatusWords>({
     {STG_E_INVALIDPARAMETER, L"invalid parameter"},
     {STG_E_MEDIUMFULL, L"no space left on the disk"},
     {STG_E_ABNORMALAPIEXIT, L"the storage service failed"},
-    {STG_E_INVALIDHEADER, L"not a document"},
+    {STG_E_INVALIDHEADER, L"not a document, or one whose header is damaged; see salvage"},
     {STG_E_INVALIDNAME, L"invalid name"},
     {STG_E_UNKNOWN, L"unexpected error"},
     {STG_E_UNIMPLEMENTEDFUNCTION, L"not implemented"},

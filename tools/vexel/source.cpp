@@ -62,6 +62,8 @@ unsigned long long fill(IStream& stream, Source& source, const std::wstring& lab
             throw Failure(L"cannot write", label, STG_E_MEDIUMFULL);
         total += count;
     }
+    if (total == 0 && source.isStandardInput())
+        throw Failure(L"standard input holds nothing for", label, HRESULT_FROM_WIN32(ERROR_HANDLE_EOF));
     size.QuadPart = total; // the file may have shrunk meanwhile
     check(stream.SetSize(size), L"cannot write", label);
     return total;

@@ -24,6 +24,7 @@ public:
     /// Fills as much of `buffer` as there is, 0 at the end. Throws Failure on a read error, and Stopped.
     std::size_t read(std::span<std::byte> buffer);
 
+    bool isStandardInput() const noexcept { return !file_; }
     /// What the file's size was when it was opened; 0 for standard input.
     unsigned long long size() const noexcept;
 
@@ -36,7 +37,8 @@ private:
 };
 
 /// Writes all that the source has into a new stream, whose memory is had at once where the size is known:
-/// grown, there would be twice as much. The number of bytes. `label` names the stream in failures.
+/// grown, there would be twice as much. The number of bytes. `label` names the stream in failures. Standard
+/// input without a byte fails: it is mostly a source that was forgotten, and would empty the stream.
 unsigned long long fill(IStream& stream, Source& source, const std::wstring& label);
 
 } // namespace Vexel::Tool
