@@ -37,9 +37,9 @@ constexpr const char* kOutcomeNames[] = {"sound", "not readable", "damaged", "fa
 
 /// What has come of a file.
 struct Verified {
-    Outcome outcome = Outcome::Sound;
-    std::vector<std::string> faults; // what each node's is
-    std::wstring message;            // of what is not sound
+    Outcome outcome = Outcome::Failed; // until it was read to its end
+    std::vector<std::string> faults;   // what each node's is
+    std::wstring message;              // of what is not sound
 };
 
 // Reads everything that is in a document and notes each fault.
@@ -84,12 +84,13 @@ Verified verify(const std::wstring& file) {
     Verified result;
     try {
         Verification(file, result).run();
+        result.outcome = Outcome::Sound;
     } catch (const Failure& failure) {
         result.message = failure.message();
         if (isNotReadable(failure.status()))
             result.outcome = Outcome::NotReadable;
-        else
-            result.outcome = result.faults.empty() ? Outcome::Failed : Outcome::Damaged;
+        else if (!result.faults.empty())
+            result.outcome = Outcome::Damaged;
     } catch (const std::bad_alloc&) {
         result.message = L"not enough memory for \"" + file + L"\"";
     }
