@@ -33,7 +33,6 @@ constexpr std::uint64_t kMostExpansion = 2048;
 constexpr std::uint64_t kFewThings = 0x10000;
 constexpr std::uint64_t kThingsPerByte = 20;
 constexpr std::uint64_t kFoldersPerByte = 10;
-constexpr std::uint64_t kNameBytesPerItem = 0x4000;
 
 std::uint32_t startChecksum(const StartBytes& start) noexcept {
     return checksum(std::span(start).subspan(StartAt::kOffset));

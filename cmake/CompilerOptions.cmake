@@ -13,6 +13,10 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" OR CMAKE_CXX_COMPILER_ID STREQUAL "Clang
     -Woverloaded-virtual -Wcast-qual -Wformat=2
     # COM's DECLARE_INTERFACE and dllexport on inline members are theirs to answer for.
     -Wno-attributes)
+  if(CMAKE_CXX_COMPILER_ID STREQUAL "Clang")
+    # GCC's library uses what it deprecates in its own algorithms, and hides that from GCC only.
+    vexel_compile_options(-Wno-deprecated-declarations)
+  endif()
   if(VEXEL_CHECKED)
     target_compile_definitions(vexel_options INTERFACE _GLIBCXX_ASSERTIONS)
     vexel_compile_options(-fsanitize=undefined -fsanitize-undefined-trap-on-error -fstack-protector-strong)
@@ -21,4 +25,8 @@ if(CMAKE_CXX_COMPILER_ID STREQUAL "GNU" OR CMAKE_CXX_COMPILER_ID STREQUAL "Clang
 elseif(MSVC)
   # 4251 and 4275: standard types in exported classes are allowed, because all modules share one runtime.
   vexel_compile_options(/W4 /WX /permissive- /utf-8 /wd4251 /wd4275)
+  if(VEXEL_FRAMEWORK STREQUAL "MFC")
+    # It has to come before the platform's headers, which some sources include before any of the library's.
+    vexel_compile_options(/FIafx.h)
+  endif()
 endif()

@@ -54,6 +54,7 @@ void formatWide(WideText& text, const wchar_t* format, va_list arguments) noexce
         _vsnwprintf(text.data(), size, format, arguments);
 }
 
+VEXEL_PRINTF_FORMAT(2, 0)
 void formatNarrow(NarrowText& text, const char* format, va_list arguments) noexcept {
     va_list copy = {};
     va_copy(copy, arguments);

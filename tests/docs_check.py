@@ -74,6 +74,7 @@ class Example:
         scope = "page_" + re.sub(r"\W", "_", page)
         self.call = f"{scope}::{name}()"
         if "int main(" in body:
+            body = re.sub(r"\}\s*$", "return 0; }", body)  # which only the real one may leave out
             body = f"namespace {name} {{\n{body}\n}}"
             self.call = f"{scope}::{name}::main()"
         elif not before.endswith(DECLARATIONS):
@@ -130,10 +131,12 @@ def unlike(place, expected, printed):
 
 def check_code(machine, compiler):
     parts = [*examples()]
+    if not any(part.output for part in parts):
+        yield "no page has a program with its output: are blocks still found?"
     source, program = machine.folder / "examples.cpp", machine.folder / "examples.exe"
     source.write_text(source_of(parts), encoding="utf-8")
     build = subprocess.run(
-        [compiler, "-std=c++20", "-Wall", "-Wno-unused", "-Wno-return-type", "-D__USE_MINGW_ANSI_STDIO=1", "-DUNICODE", "-DNOMINMAX",
+        [*shlex.split(compiler), "-std=c++20", "-Wall", "-Wno-unused", "-D__USE_MINGW_ANSI_STDIO=1", "-DUNICODE", "-DNOMINMAX",
          f"-I{ROOT / 'include'}", source, "-o", program, f"-L{machine.bin.parent}", "-lvexelstorage", "-lvxframework",
          "-lvxdiagnostics", "-lole32", "-luuid"], capture_output=True, text=True)
     if build.returncode or "warning" in build.stderr:
@@ -145,13 +148,17 @@ def check_code(machine, compiler):
 
 
 def check_commands(machine):
+    found = 0
     for page, text in texts():
         for block in pages.blocks(text):
             if block.language != "console":
                 continue
+            found += 1
             for command, output in re.findall(r"^\$ vexel (.*)\n((?:[^$].*\n|\n)*)", block.text, flags=re.MULTILINE):
                 printed = machine.run(page, machine.bin / "vexel.exe", *shlex.split(command))
                 yield from unlike(f"{page}:{block.line}: vexel {command}", output, printed)
+    if found == 0:
+        yield "no page has a command with its output: are blocks still found?"
 
 
 def main(build, compiler, *emulator):

@@ -1,10 +1,12 @@
-"""Holds what the DLLs export and import against the list in surface.txt.
+"""Holds what the DLLs export and import against the list in surface.txt, and looks at how far the system's protections
+reach: every module can be loaded anywhere, also above 4 GiB, and holds nothing that can be both written and executed.
 
-  surface_check.py BIN_DIRECTORY OBJDUMP [--write]
+  surface_check.py BIN_DIRECTORY OBJDUMP [--write | --protections]
 
 Exported classes are listed with the names of their public and protected members, inline ones excepted, and by what
 else the compiler makes for them; of the imports the compiler's runtime is left out, which differs with its options. With --write the list is made
-anew; look at what changes in it.
+anew; look at what changes in it. With --protections nothing is compared: clang exports other names than GCC, no typeinfo
+among them.
 """
 
 import difflib
@@ -61,6 +63,20 @@ def readable(names, known):
     return [f"    {owner}: {' '.join(sorted(members))}" for owner, members in sorted(owners.items())]
 
 
+def unprotected(objdump, module):
+    """What keeps the system from loading the module at a random place, or from telling its data and code apart."""
+    header = subprocess.run([objdump, "-p", module], check=True, capture_output=True, text=True).stdout
+    sections = subprocess.run([objdump, "-h", "-w", module], check=True, capture_output=True, text=True).stdout
+    faults = [f"is linked without {flag}" for flag in ("DYNAMIC_BASE", "HIGH_ENTROPY_VA", "NX_COMPAT") if flag not in header]
+    if int(re.search(r"ImageBase\s+([0-9a-f]+)", header)[1], 16) < 1 << 32:
+        faults.append("prefers a place below 4 GiB")
+    if int(re.search(r"([0-9a-f]+) Base Relocation Directory", header)[1], 16) == 0:
+        faults.append("cannot be moved: it has no relocations")
+    faults += [f"has code that can be written: {line.split()[1]}" for line in sections.splitlines()
+               if "CODE" in line and "READONLY" not in line]
+    return [f"{module.name} {fault}" for fault in faults]
+
+
 def describe(folder, objdump):
     lines, faults, known = [], [], accessible()
     for dll in DLLS:
@@ -74,11 +90,14 @@ def describe(folder, objdump):
 
 
 def main(folder, objdump, *options):
-    lines, faults = describe(pathlib.Path(folder), objdump)
+    folder = pathlib.Path(folder)
+    lines, faults = describe(folder, objdump)
     if "--write" in options:
         LIST.write_text("\n".join(lines) + "\n", encoding="utf-8")
-    wanted = LIST.read_text(encoding="utf-8").splitlines()
+    wanted = lines if "--protections" in options else LIST.read_text(encoding="utf-8").splitlines()
     faults += difflib.unified_diff(wanted, lines, "surface.txt", "the DLLs", lineterm="", n=0)
+    for module in [*folder.glob("*.dll"), folder / "vexel.exe"]:
+        faults += unprotected(objdump, module)
     print("\n".join(faults) or f"{len(lines)} lines agree")
     return 1 if faults else 0
 

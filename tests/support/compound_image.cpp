@@ -177,7 +177,8 @@ void CompoundImage::chain(std::uint32_t first, std::uint32_t count) {
 void CompoundImage::writeElement(std::uint32_t index, const Item& item) {
     std::uint32_t* const numbers = &element(index, Type) - Type / 4;
     std::memcpy(numbers, item.name.data(), item.name.size() * 2);
-    numbers[Type / 4] = static_cast<std::uint32_t>(item.name.size() + 1) * 2 | item.type << 16 | 1U << 24;
+    numbers[Type / 4] = static_cast<std::uint32_t>(item.name.size() + 1) * 2 |
+                        static_cast<std::uint32_t>(item.type) << 16 | 1U << 24;
     numbers[Left / 4] = item.left;
     numbers[Right / 4] = item.right;
     numbers[Child / 4] = item.child;
