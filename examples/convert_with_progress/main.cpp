@@ -96,10 +96,17 @@ int wmain(int count, wchar_t** arguments) {
     const CString package = arguments[2];
     const CString unfinished = package + L".unfinished";
     const unsigned long long stopAt = count == 4 ? wcstoull(arguments[3], nullptr, 10) : 101;
-    const long status = convert(arguments[1], unfinished, stopAt);
+    if (GetFileAttributesW(package) != INVALID_FILE_ATTRIBUTES) {
+        std::printf("there is a file with the package's name\n");
+        return 1;
+    }
+    long status = convert(arguments[1], unfinished, stopAt);
     // A package stays open without handles, so that it need not be read again. This closes it.
     StorageContainer::Instance().deleteUnusedObjects();
-    if (status == S_OK && MoveFileExW(unfinished, package, MOVEFILE_REPLACE_EXISTING)) {
+    // Does not replace a file that came in between.
+    if (status == S_OK && !MoveFileExW(unfinished, package, 0))
+        status = HRESULT_FROM_WIN32(GetLastError());
+    if (status == S_OK) {
         std::printf("converted\n");
         return 0;
     }

@@ -11,6 +11,7 @@
 
 #include <windows.h>
 
+#include <algorithm>
 #include <array>
 #include <atomic>
 #include <cstdint>
@@ -55,12 +56,18 @@ public:
         StreamRef stream;
         if (stream.open(path.back(), parent, true) != S_OK)
             return std::nullopt;
-        std::vector<char> contents(static_cast<std::size_t>(stream.size()));
-        if (stream.ReadBytes(contents.data(), contents.size()) != contents.size())
-            return std::nullopt;
+        // Piece by piece, each hashed with what came before it for a seed: how long a stream is, its document
+        // says, and that may be damaged.
+        std::array<char, 65536> piece = {};
         std::uint64_t first = 0;
         std::uint64_t second = 0;
-        Vexel::Hash::SpookyV2_128(contents.data(), contents.size(), first, second);
+        for (unsigned long long left = stream.size(); left > 0;) {
+            const std::size_t count = stream.ReadBytes(piece.data(), piece.size());
+            if (count == 0)
+                return std::nullopt;
+            Vexel::Hash::SpookyV2_128(piece.data(), count, first, second);
+            left -= (std::min<unsigned long long>)(left, count);
+        }
         return first;
     }
 

@@ -6,6 +6,11 @@
 /// layers' objects instead of the DLL (the tests do) defines VEXEL_STATIC; the library itself is built
 /// with VEXEL_BUILDING.
 
+// The application's framework has to come before the platform's headers, of which this one knows nothing yet.
+#if defined(VEXEL_FRAMEWORK_MFC) && defined(__cplusplus)
+#include <afx.h>
+#endif
+
 #if defined(VEXEL_STATIC)
 #define VEXEL_API
 #elif defined(VEXEL_BUILDING)

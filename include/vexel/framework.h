@@ -6,13 +6,9 @@
 /// names and the same behaviour; code that uses this header compiles against both. Therefore never declare
 /// these classes ahead: include this header.
 
-#if defined(VEXEL_FRAMEWORK_MFC)
-
-#include <afx.h>
-
-#else
-
 #include <vexel/export.h>
+
+#if !defined(VEXEL_FRAMEWORK_MFC)
 
 #include <windows.h>
 
