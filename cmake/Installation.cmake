@@ -41,7 +41,7 @@ endif()
 
 install(DIRECTORY include/vexel TYPE INCLUDE COMPONENT Development)
 install(DIRECTORY examples docs DESTINATION . COMPONENT Development)
-install(FILES README.md CHANGELOG.md CONTRIBUTING.md THIRD-PARTY.md DESTINATION . COMPONENT Development)
+install(FILES README.md CHANGELOG.md CONTRIBUTING.md SECURITY.md THIRD-PARTY.md DESTINATION . COMPONENT Development)
 install(EXPORT VexelStorage NAMESPACE Vexel:: DESTINATION lib/cmake/VexelStorage FILE VexelStorageConfig.cmake
   COMPONENT Development)
 write_basic_package_version_file(VexelStorageConfigVersion.cmake COMPATIBILITY SameMinorVersion)
