@@ -33,6 +33,8 @@ class Naming(CommandTest):
         self.assertEqual(self.listed(path, "Mini", "Sub/Deep*", "*ini"), ["Sub/Deep", "Mini"])
         self.assertEqual(self.listed(path, "mini", "SUB/deep"), ["Sub/Deep", "Mini"])
         self.assertEqual(self.listed(path, "sub/DEEP/*", "SUB/d*"), ["Sub/Deep", "Sub/Deep/Deeper"])
+        for command in ["mv", path, "M*", "new"], ["gunzip", path, "M*"]:
+            self.fail_with(1, r'\|M\*": 0x80030002 .*not a pattern', *command)
         for pattern in "Many/x*", "**/no such", "Mini/*":
             self.fail_with(1, "nothing matches|stream, not a storage", "list", path, pattern)
         package = self.directory / "case.7z"

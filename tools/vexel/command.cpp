@@ -165,10 +165,9 @@ void Command::choice(const char* name, std::string& value, std::vector<std::stri
                    ? std::string()
                    : "\"" + text + "\" is none of " + all;
     };
-    describeOption(
-        description_,
-        app_.add_option(name, value, help)->type_name(CLI::detail::join(choices, "|"))->check(check), true,
-        std::move(choices));
+    CLI::Option* const option =
+        app_.add_option(name, value, help)->type_name(CLI::detail::join(choices, "|"));
+    describeOption(description_, option->check(check), true, std::move(choices));
 }
 
 void Command::flag(const char* name, bool& value, const char* help) {

@@ -5,6 +5,7 @@
 
 #include "file_paths.h"
 #include "nearest.h"
+#include "node_pattern.h"
 #include "progress.h"
 #include "stopping.h"
 
@@ -263,6 +264,9 @@ StreamRef Document::openStream(const NodePath& path) const {
 // Looking for it must not add failures of its own.
 void Document::failWithNearest(const Failure& failure, const NodePath& path) const {
     Nearest nearest(path.text());
+    if (NodePattern::hasWildcards(path.text()))
+        throw Failure(L"cannot open", label(path), failure.status(),
+                      L"there is no such node; one is wanted here, not a pattern");
     walk(
         {}, [&nearest](const Node& node) { nearest.offer(node.path.text()); }, kIgnoreFaults);
     if (nearest.found())

@@ -81,7 +81,8 @@ void run(const Arguments& arguments) {
     const Document document(file, RootStorageOpenMode::ReadOnlyDenyWrite);
     StreamRef stream = document.openStream(path);
     if (!isGzip(stream))
-        throw Failure(L"this is no gzip stream:", document.label(path), STG_E_INVALIDHEADER);
+        throw Failure(L"cannot inflate", document.label(path), STG_E_INVALIDHEADER,
+                      L"this is no gzip stream");
     const unsigned long size = storedSize(stream);
     progress().expect(likelySize(size, stream.size()));
 

@@ -41,9 +41,10 @@ std::string largestOf(const Contents& contents, bool exact) {
     for (const auto& [path, size] : contents.largest) {
         const std::string bytes = sizeText(size, exact);
         const std::string share = percentOf(static_cast<double>(size) / static_cast<double>(contents.bytes));
-        text += (text.empty() ? "largest   " : "          ") + std::string(width - bytes.size(), ' ') +
-                bytes + std::string(share.size() < 9 ? 9 - share.size() : 1, ' ') + share + "  " + path +
-                "\n";
+        text += text.empty() ? "largest   " : "          ";
+        text.append(width - bytes.size(), ' ').append(bytes);
+        text.append(share.size() < 9 ? 9 - share.size() : 1, ' ').append(share);
+        text.append("  ").append(path).append("\n");
     }
     return text;
 }

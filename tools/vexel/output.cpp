@@ -3,6 +3,8 @@
 #include "failure.h"
 #include "text.h"
 
+#include <utility>
+
 namespace Vexel::Tool {
 
 Output::Output(const std::string& file, const std::wstring& document, bool force) {
@@ -12,33 +14,33 @@ Output::Output(const std::string& file, const std::wstring& document, bool force
     }
     const std::wstring label = toUtf16(file);
     const std::wstring path = withoutLengthLimit(label);
-    if (isSameFile(document, path))
+    if (isSameFile(path, document))
         throw UsageError(L"will not write over the document itself:", label);
     checkFree(path, label, force);
     file_.emplace(path, label, force);
 }
 
-Output::File::File(const std::wstring& itsPath, const std::wstring& label, bool isForced)
-    : path(itsPath), partial(path.substr(0, path.rfind(L'\\') + 1), label), force(isForced) {}
+Output::File::File(std::wstring fullPath, const std::wstring& label, bool isForced)
+    : path(std::move(fullPath)), partial(path.substr(0, path.rfind(L'\\') + 1), label), force(isForced) {}
 
 void Output::bytes(std::span<const std::byte> data) {
     if (output_)
         output_->bytes(data);
-    else
+    else if (file_)
         file_->partial.write(data.data(), data.size());
 }
 
 void Output::text(std::string_view utf8) {
     if (output_)
         output_->text(utf8);
-    else
+    else if (file_)
         file_->partial.write(utf8.data(), utf8.size());
 }
 
 void Output::finish() {
     if (output_)
         output_->flush();
-    else
+    else if (file_)
         file_->partial.finish(file_->path, file_->force);
 }
 

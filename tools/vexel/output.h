@@ -26,7 +26,7 @@ public:
 
 private:
     struct File {
-        File(const std::wstring& path, const std::wstring& label, bool force);
+        File(std::wstring fullPath, const std::wstring& label, bool isForced);
 
         std::wstring path;
         PartialFile partial;

@@ -47,7 +47,7 @@ void Progress::end() noexcept {
 Progress::Hidden::Hidden(Progress& progress) : guard_(progress.lock_) { progress.erase(); }
 
 Progress::Interlude::Interlude(Progress& progress, std::wstring_view phase)
-    : progress_(progress), phase_(phase), total_(0), done_(0) {
+    : progress_(progress), phase_(phase) {
     const std::lock_guard guard(progress.lock_);
     phase_.swap(progress.phase_);
     std::swap(total_, progress.total_);

@@ -43,9 +43,9 @@ public:
     private:
         Progress& progress_;
         std::wstring phase_; // and what else is that of the work before
-        unsigned long long total_;
-        unsigned long long done_;
-        std::chrono::steady_clock::duration passed_;
+        unsigned long long total_ = 0;
+        unsigned long long done_ = 0;
+        std::chrono::steady_clock::duration passed_{};
     };
 
     /// While one lives the line is not there, so that other text can be.
