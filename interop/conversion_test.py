@@ -33,6 +33,14 @@ class Conversion(CommandTest):
         self.succeed("put", document, "Sub/.clsid", stdin=b"fewer")
         self.succeed("convert", document, package)
         self.assertEqual(self.succeed("cat", package, "Sub/.clsid"), b"fewer")
+        data = bytearray((DATA / "foreign-tree.cfb").read_bytes())
+        entry = data.index("Many\0".encode("utf-16-le"))
+        data[entry + 80:entry + 96] = bytes(range(16))  # a class, for which the package has but one place
+        document.write_bytes(data)
+        self.succeed("put", document, "Many/.clsid", stdin=b"fewer")
+        package.unlink()
+        self.fail_with(1, "what was written is not what was read", "convert", document, package)
+        self.assertFalse(package.exists())
 
     def test_an_empty_package_is_converted_too(self):
         self.succeed("convert", DATA / "empty.7z", self.directory / "made.7z")

@@ -122,7 +122,7 @@ class Errors(CommandTest):
     def test_verbose_shows_the_log(self):
         result = vexel("list", "--verbose", self.directory / "missing")
         self.assertEqual(result.returncode, 1)
-        self.assertRegex(result.stderr.decode(), r"(?m)^log \d: .*missing.*0x")
+        self.assertRegex(result.stderr.decode(), r"(?m)^log, minor failure: .*missing.*0x")
         self.assertRegex(result.stderr.decode(), r"(?m)^vexel: cannot open ")
 
 

@@ -42,6 +42,12 @@ bool isDirectory(DWORD attributes) {
     throw Failure(L"cannot create", label, status);
 }
 
+// The prefix of paths without a length limit has a "?" that is none.
+bool hasFileWildcards(std::wstring_view path) {
+    constexpr std::wstring_view kPrefix = L"\\\\?\\";
+    return NodePattern::hasWildcards(path.starts_with(kPrefix) ? path.substr(kPrefix.size()) : path);
+}
+
 std::wstring directoryOf(const std::wstring& path) { return path.substr(0, path.find_last_of(L"\\/:") + 1); }
 
 struct FileIdentity {
@@ -74,7 +80,7 @@ void checkOpened(HRESULT status, const std::wstring& file) {
         return;
     if (isDirectory(GetFileAttributesW(file.c_str())))
         throw Failure(L"cannot open", file, status, L"it is a directory");
-    if (NodePattern::hasWildcards(file))
+    if (hasFileWildcards(file))
         throw Failure(L"cannot open", file, status, L"one file is wanted here, not a pattern");
     check(status, L"cannot open", file);
 }
@@ -89,10 +95,9 @@ void checkFree(const std::wstring& path, const std::wstring& label, bool force) 
 std::vector<std::wstring> expandFiles(const std::wstring& argument) {
     const std::wstring directory = directoryOf(argument);
     const std::wstring pattern = argument.substr(directory.size());
-    if (!NodePattern::hasWildcards(argument) ||
-        GetFileAttributesW(argument.c_str()) != INVALID_FILE_ATTRIBUTES)
+    if (!hasFileWildcards(argument) || GetFileAttributesW(argument.c_str()) != INVALID_FILE_ATTRIBUTES)
         return {argument};
-    if (NodePattern::hasWildcards(directory))
+    if (hasFileWildcards(directory))
         throw UsageError(L"only the last part of a file's path can be a pattern:", argument);
     std::vector<std::wstring> files;
     WIN32_FIND_DATAW found;

@@ -21,7 +21,7 @@ void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.optional("COMMAND", arguments->command, "The command to explain; without it, all are named",
                      Takes::Command);
-    command.examples("vexel help", "vexel help extract");
+    command.examples("vexel help extract", "vexel help diff");
     command.run([arguments] { run(*arguments); });
 }
 
