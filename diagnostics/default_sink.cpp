@@ -20,7 +20,7 @@ std::string_view levelName(int level) noexcept {
     if (level >= VxLog_Error)
         return "error: ";
     if (level >= VxLog_Minor)
-        return "minor: ";
+        return "minor failure: ";
     return level >= VxLog_Warning ? "warning: " : "";
 }
 

@@ -43,6 +43,29 @@ class Checking(CommandTest):
                              [({"copy": b"sound", "empt": b"sound", "encr": b"not readable", "miss": b"failed"}[name[:4]],
                                name.encode()) for name in names])
 
+    def test_patterns_of_files(self):
+        for name in "b.7z", "A.7z", "c.7zip", "d.doc":
+            (self.directory / name).write_bytes((DATA / "empty.7z").read_bytes())
+        (self.directory / "folder.7z").mkdir()
+        for pattern, wanted in [("*.7z", ["A.7z", "b.7z"]), ("?.7z", ["A.7z", "b.7z"]), ("B*", ["b.7z"]), ("*7Z*", ["A.7z", "b.7z", "c.7zip"]),
+                                ("*.*", ["A.7z", "b.7z", "c.7zip", "d.doc"])]:
+            told = json.loads(self.succeed("verify", "--json", self.directory / pattern))
+            self.assertEqual([(result["file"].rpartition("\\")[2], result["status"]) for result in told],
+                             [(name, "sound") for name in wanted], pattern)
+        self.fail_with(1, r"no file matches .*\*\.xls", "verify", self.directory / "b.7z", self.directory / "*.xls")
+
+    def test_progress_tells_how_much_there_is(self):
+        (self.directory / "zeros").mkdir()
+        for number in range(8):
+            with (self.directory / "zeros" / str(number)).open("wb") as file:
+                file.truncate(96 << 20)
+        package, other = self.directory / "zeros.7z", self.directory / "other.7z"
+        seven_zip("a", "-ms=off", "-mx1", package, ".", cwd=self.directory / "zeros")
+        os.link(package, other)
+        for command in ["verify", package, other], ["cat", package, "0", "1", "-o", self.directory / "out"]:
+            with self.subTest(command[0]):
+                self.assertRegex(self.on_terminal(*command), rb": \d+ % of [\d.]+ [MG]B, \d[^\r]* s left")
+
     def test_memory_is_that_of_a_few_files(self):
         (self.directory / "large").write_bytes(os.urandom(1 << 20) * 24)
         first = self.directory / "0.7z"

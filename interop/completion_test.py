@@ -1,17 +1,21 @@
 """The completion scripts in the shells that are there: commands, options of a command, and files."""
 
+import os
 import re
 import shutil
 import subprocess
 import unittest
 
-from vexel_cli import CommandTest
+from vexel_cli import BUILD, ROOT, CommandTest
 
 # What stands on the line, and what must be offered for its last word.
 LINES = [(["di"], ["diff"]), (["e"], ["extract"]), (["co"], ["completion", "convert"]), (["list", "--b"], ["--bytes"]),
          (["salvage", "--"], ["--force", "--help", "--json", "--partial", "--verbose"]),
          (["completion", "p"], ["powershell"]), (["list", "one"], ["one.cfb"]), (["verify", "one.cfb", "tw"], ["two.cfb"]),
-         (["report", "one.cfb", "-o", "tw"], ["two.cfb"]), (["pack", "fol"], ["folder"]), (["diff", "one.cfb", "tw"], ["two.cfb"])]
+         (["report", "one.cfb", "-o", "tw"], ["two.cfb"]), (["pack", "fol"], ["folder"]), (["diff", "one.cfb", "tw"], ["two.cfb"]),
+         (["list", "--sort", "s"], ["size"]), (["help", "ver"], ["verify"]), (["cat", "site.cfb", "s"], ["Sub"]),
+         (["list", "--sort", "size", "site.cfb", "Mini", "Sub/"], ["Sub/%05SummaryInformation", "Sub/Deep"]),
+         (["put", "site.cfb", "Mini", "tw"], ["two.cfb"]), (["cat", "one.cfb", "x"], []), (["rm", "site.cfb", "Sub/no"], [])]
 
 
 # In the zsh that is watched: what completion offers goes to a file, and another file tells that it is done.
@@ -62,6 +66,7 @@ class Completion(CommandTest):
         for name in "one.cfb", "two.cfb":
             (self.directory / name).touch()
         (self.directory / "folder").mkdir()
+        self.sample("foreign-tree.cfb").rename(self.directory / "site.cfb")
 
     def script(self, shell):
         path = self.directory / f"script.{shell}"
@@ -69,7 +74,8 @@ class Completion(CommandTest):
         return path
 
     def ask(self, *command):
-        result = subprocess.run(command, capture_output=True, cwd=self.directory, timeout=60, text=True)
+        environment = {**os.environ, "PATH": f"{ROOT / 'scripts'}:{os.environ['PATH']}", "VEXEL_BUILD_DIR": str(BUILD)}
+        result = subprocess.run(command, capture_output=True, cwd=self.directory, timeout=60, text=True, env=environment)
         self.assertEqual((result.returncode, result.stderr), (0, ""))
         return sorted({line.split("\t")[0].rstrip("/ ") for line in result.stdout.splitlines() if line.strip()})
 
@@ -97,7 +103,7 @@ class Completion(CommandTest):
                 self.assertEqual(self.ask("zsh", "-f", "-c", ZSH_DRIVER, "zsh", *words), wanted)
 
     def test_every_shell_knows_every_command_and_option(self):
-        commands = re.findall(r"(?m)^  (\w+)", self.succeed("--help").decode().split("Subcommands:")[1])
+        commands = re.findall(r"(?m)^  (\w+)", self.succeed("--help").decode().split("Commands:")[1].split("\n\n")[0])
         options = {command: re.findall(r"(?m)^  (?:-\w,)?--(\w+)", self.succeed(command, "--help").decode())
                    for command in commands}
         for shell in "bash", "zsh", "fish", "powershell":

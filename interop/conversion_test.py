@@ -24,6 +24,24 @@ class Conversion(CommandTest):
                     self.assertEqual(unpacked, snapshot(document))
                     self.assertEqual(document.read_bytes(), before)
 
+    def test_a_stream_that_looks_like_a_class(self):
+        """Of a compound file: what has the class's size would be the class in a package."""
+        document, package = self.sample("foreign-tree.cfb"), self.directory / "made.7z"
+        self.succeed("put", document, "Sub/.clsid", stdin=b"sixteen bytes...")
+        self.fail_with(1, r"Sub/\.clsid.*storage's class", "convert", document, package)
+        self.assertFalse(package.exists())
+        self.succeed("put", document, "Sub/.clsid", stdin=b"fewer")
+        self.succeed("convert", document, package)
+        self.assertEqual(self.succeed("cat", package, "Sub/.clsid"), b"fewer")
+        data = bytearray((DATA / "foreign-tree.cfb").read_bytes())
+        entry = data.index("Many\0".encode("utf-16-le"))
+        data[entry + 80:entry + 96] = bytes(range(16))  # a class, for which the package has but one place
+        document.write_bytes(data)
+        self.succeed("put", document, "Many/.clsid", stdin=b"fewer")
+        package.unlink()
+        self.fail_with(1, "what was written is not what was read", "convert", document, package)
+        self.assertFalse(package.exists())
+
     def test_an_empty_package_is_converted_too(self):
         self.succeed("convert", DATA / "empty.7z", self.directory / "made.7z")
         self.assertEqual(listing(self.directory / "made.7z"), {})
@@ -91,6 +109,9 @@ class Gunzip(CommandTest):
         packed = subprocess.run(["gzip", "-n"], input=text, capture_output=True, check=True).stdout
         self.succeed("put", document, "Packed", stdin=packed)
         self.assertEqual(self.succeed("gunzip", document, "Packed"), text)
+        inflated = self.directory / "inflated"
+        self.succeed("gunzip", document, "Packed", "-o", inflated)
+        self.assertEqual(inflated.read_bytes(), text)
         small = gzip.compress(b"inner text " * 1000, mtime=0)
         for stored, message in [(b"plain text", "no gzip stream"), (b"", "no gzip stream"),
                                 ((DATA / "with-name.gz").read_bytes(), "damaged"), (small[:12], "damaged"),
@@ -100,6 +121,8 @@ class Gunzip(CommandTest):
                 (self.directory / "stored").write_bytes(stored)
                 self.succeed("put", self.sample("namesdemo.xls"), "Packed", self.directory / "stored")
                 self.fail_with(1, message, "gunzip", document, "Packed")
+                self.fail_with(1, message, "gunzip", document, "Packed", "-o", self.directory / "none")
+                self.assertFalse((self.directory / "none").exists())
 
 
 if __name__ == "__main__":

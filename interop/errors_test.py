@@ -26,6 +26,13 @@ class Errors(CommandTest):
                 *((["cat", path, node], "empty element") for node in ["/Workbook", "Workbook/", "a//b"]),
                 *((["cat", path, node], "malformed escape") for node in ["%", "a%4/b", "%zz"]),
                 (["cat", path, "a%00"], "%00"),
+                *((["put", path, node], r'%2a.*"' + re.escape(node)) for node in ["*", "new/a?"]),
+                (["mv", path, "Workbook", "W*"], "%2a"),
+                (["list", path, path], "second document"),
+                (["verify", f"{path.parent}/*/x"], "last part"),
+                (["list", path, "--sort", "colour"], "none of size, name, time"),
+                (["--json", "list", path], "behind the command"),
+                *(([command, path, "Workbook", "-o", path, "--force"], "over the document itself") for command in ("cat", "gunzip")),
         ]:
             with self.subTest(arguments):
                 self.fail_with(2, pattern, *arguments)
@@ -34,12 +41,17 @@ class Errors(CommandTest):
         for name, data in [("empty", b""), ("five bytes", b"\xd0\xcf\x11\xe0\xa1"), ("text", b"some text\n" * 500)]:
             (self.directory / name).write_bytes(data)
         (self.directory / "directory").mkdir()
-        for name in ["missing", "no/such/directory", "directory", "empty", "five bytes", "text", "line\nbreak"]:
+        commands = [["list"], ["put", "new"], ["info"], ["salvage", self.directory / "new.7z"], ["verify"], ["report"]]
+        for name, words, known in [
+                ("missing", "0x80030002 .there is no such file", 6), ("no/such/directory", "0x80030003 .there is no such directory", 6),
+                ("directory", "0x80030005 .it is a directory", 6), ("*.7z", "one file is wanted|no file matches", 6), ("empty", "see salvage", 2),
+                ("five bytes", "see salvage", 2), ("text", "see salvage", 2), ("line\nbreak", "0x800300fc .no file can have", 2)]:
             windows_path = re.escape(name.replace("/", "\\").replace("\n", "?"))
-            for command in ["list", "put"]:
+            for command, *more in commands[:known]:
                 with self.subTest((command, name)):
-                    arguments = [command, self.directory / name] + (["new"] if command == "put" else [])
-                    self.fail_with(1, rf'cannot open "Z:[^"]*\\{windows_path}": 0x80[0-9a-f]{{6}} \(.+\)$', *arguments)
+                    self.fail_with(1, rf'(cannot open|no file matches) "Z:[^"]*\\{windows_path}": 0x80[0-9a-f]{{6}} \(.+\)$',
+                                   command, self.directory / name, *more)
+                    self.fail_with(1, words, command, self.directory / name, *more)
         self.assertEqual((self.directory / "text").read_bytes(), b"some text\n" * 500)
 
     def test_bad_nodes_and_sources(self):
@@ -67,7 +79,7 @@ class Errors(CommandTest):
                 self.fail_with(1, rf'\\{where}": 0x{code} \(.+\)$', *arguments, stdin=b"x")
                 self.assertEqual(path.read_bytes(), before)
         for source in self.directory / "missing source", self.directory:
-            self.fail_with(1, rf'cannot open "[^"]*{source.name}": 0x8007', "put", path, "new", source)
+            self.fail_with(1, rf'cannot open "[^"]*{source.name}": 0x8003', "put", path, "new", source)
         self.assertEqual(path.read_bytes(), before)
         self.assertFalse((self.directory / "out").exists())
 
@@ -95,7 +107,7 @@ class Errors(CommandTest):
                     self.assertEqual(self.end(program), (141, b""))
 
     def test_every_command_is_known_wherever_there_is_a_list(self):
-        listed = self.succeed("--help").decode().split("Subcommands:")[1]
+        listed = re.search(r"Commands:\n(.*?)\n\n", self.succeed("--help").decode(), re.DOTALL)[1]
         commands = {line.split()[0] for line in listed.splitlines() if line.strip()}
         runner = (ROOT / "scripts" / "vexel").read_text()
         kinds = re.findall(r"\[(\w+)\]=", runner)
@@ -110,7 +122,7 @@ class Errors(CommandTest):
     def test_verbose_shows_the_log(self):
         result = vexel("list", "--verbose", self.directory / "missing")
         self.assertEqual(result.returncode, 1)
-        self.assertRegex(result.stderr.decode(), r"(?m)^log \d: .*missing.*0x")
+        self.assertRegex(result.stderr.decode(), r"(?m)^log, minor failure: .*missing.*0x")
         self.assertRegex(result.stderr.decode(), r"(?m)^vexel: cannot open ")
 
 

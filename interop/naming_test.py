@@ -33,6 +33,8 @@ class Naming(CommandTest):
         self.assertEqual(self.listed(path, "Mini", "Sub/Deep*", "*ini"), ["Sub/Deep", "Mini"])
         self.assertEqual(self.listed(path, "mini", "SUB/deep"), ["Sub/Deep", "Mini"])
         self.assertEqual(self.listed(path, "sub/DEEP/*", "SUB/d*"), ["Sub/Deep", "Sub/Deep/Deeper"])
+        for command in ["mv", path, "M*", "new"], ["gunzip", path, "M*"]:
+            self.fail_with(1, r'\|M\*": 0x80030002 .*not a pattern', *command)
         for pattern in "Many/x*", "**/no such", "Mini/*":
             self.fail_with(1, "nothing matches|stream, not a storage", "list", path, pattern)
         package = self.directory / "case.7z"
@@ -114,14 +116,15 @@ class Naming(CommandTest):
     def test_the_nearest_name(self):
         path = self.sample("foreign-tree.cfb")
         for arguments, meant in [
-                (["lsit", path], "list"), (["extarct", path], "extract"), (["veryfy", path], "verify"),
+                (["lsit", path], "list"), (["dir", path], "list"), (["rename", path], "mv"), (["unzip", path], "extract"),
+                (["copy", path], 'extract" or "put'), (["help", "exract"], "extract"), (["list", "--byte", path], "--bytes"), (["extarct", path], "extract"), (["veryfy", path], "verify"),
                 (["cat", path, "Many/itme017"], "Many/item017"), (["cat", path, "leaf"], "Sub/Deep/Deeper/leaf"),
                 (["cat", path, "Suv/Deep/Deeper/leaf"], "Sub/Deep/Deeper/leaf"), (["rm", path, "Contentz"], "Contents"),
                 (["mv", path, "Mni", "Max"], "Mini"), (["extract", path, self.directory / "out", "Чертеж"], "Чертёж"),
-                (["cat", path, "zzzzzzzz"], None), (["frobnicate", path], None)]:
+                (["cat", path, "zzzzzzzz"], None), (["frobnicate", path], None), (["list", "--colour", path], None)]:
             with self.subTest(arguments):
                 hint = re.escape(f'; did you mean "{meant}"?') if meant else r'(?!.*did you mean)'
-                self.fail_with(1 if arguments[0] in ("cat", "rm", "mv", "extract") else 2, hint, *arguments)
+                self.fail_with(2 if path not in arguments[1:] or arguments[0] not in ("cat", "rm", "mv", "extract") else 1, hint, *arguments)
         shutil.copy(DATA / "foreign-tree.cfb", self.directory / "same.cfb")
         self.assertEqual(path.read_bytes(), (self.directory / "same.cfb").read_bytes())
 

@@ -110,7 +110,7 @@ TEST(Log, TheDefaultSinkWritesLinesOfUtf8FromTheWarningLevelUp) {
                   for (const int level : {1, 2, 3, 4, 6, 7})
                       VxLog_WriteW(level, L"\u0416 %d\nx", level);
               }),
-              "warning: \xD0\x96 4 x\nminor: \xD0\x96 6 x\nerror: \xD0\x96 7 x\n");
+              "warning: \xD0\x96 4 x\nminor failure: \xD0\x96 6 x\nerror: \xD0\x96 7 x\n");
     const std::string longText(5000, 'y');
     EXPECT_EQ(standardError([&] { VxLog_Write(7, "%s", longText.c_str()); }), "error: " + longText + "\n");
 }

@@ -20,8 +20,11 @@ public:
 
     void required(const char* name, std::string& value, const char* help, Takes takes = Takes::File);
     void optional(const char* name, std::string& value, const char* help, Takes takes = Takes::File);
-    /// An option whose value is a file, as "-o,--output".
-    void option(const char* names, std::string& value, const char* help);
+    /// The option that names the file to write instead of standard output, and the one that lets it be
+    /// replaced.
+    void output(std::string& file, bool& force);
+    /// An option whose value is one of some words.
+    void choice(const char* name, std::string& value, std::vector<std::string> choices, const char* help);
     void flag(const char* name, bool& value, const char* help);
     /// The arguments that most commands take.
     void file(std::string& file);
@@ -30,8 +33,10 @@ public:
     /// One or more nodes, or none; each may be a pattern.
     void nodes(std::vector<std::string>& nodes);
     void optionalNodes(std::vector<std::string>& nodes);
-    /// Command lines that the help shows.
-    void examples(const char* first, const char* second);
+    /// Command lines that the help shows, and what it says behind them, if anything.
+    void examples(const char* first, const char* second, const char* more = "");
+    /// Leaves the command out of the help text.
+    void hide();
     /// What the command does.
     void run(std::function<void()> body);
 
@@ -62,7 +67,7 @@ private:
     static const CommandRegistration* first;
 };
 
-/// All commands, by name.
+/// All commands that the help text shows, by name.
 std::vector<CommandDescription> describeCommands();
 
 /// Runs the command that the arguments name, or prints the help text. Throws UsageError for arguments that

@@ -1,20 +1,36 @@
 #include "conversion.h"
 
-#include "console.h"
 #include "document_listing.h"
 #include "file_paths.h"
 #include "progress.h"
 
-#include <utility>
-#include <vector>
-
 namespace Vexel::Tool {
 namespace {
 
-unsigned long long totalSize(const Document& document) {
-    unsigned long long size = 0;
-    document.walk({}, [&size](const Node& node) { size += node.size; });
-    return size;
+[[noreturn]] void fail(const Failure& failure, const NodePath& /*node*/) { throw Failure(failure); }
+
+unsigned long long bytesOf(const TreeListing& listing) {
+    unsigned long long bytes = 0;
+    for (const TreeEntry& entry : listing)
+        bytes += entry.size;
+    return bytes;
+}
+
+// Packages keep a storage's class in a stream of this name and size. Elsewhere it can be any stream; it would
+// give the storage a class, and be no stream any more.
+bool looksLikeClass(const Node& node) {
+    return node.type == StorageType::Stream && node.size == sizeof(CLSID) && node.path.name() == L".clsid";
+}
+
+/// What is in the document. Fails for what a package cannot hold.
+TreeListing listSource(const Document& source) {
+    if (source.root().format() != StorageFormat::Package)
+        source.walk({}, [&source](const Node& node) {
+            if (looksLikeClass(node))
+                throw Failure(L"cannot convert", source.label(node.path), STG_E_INVALIDNAME,
+                              L"a package would take this stream for its storage's class");
+        });
+    return listDocument(source, fail);
 }
 
 void makePackage(const Document& source, const std::wstring& path, const std::wstring& label) {
@@ -27,96 +43,37 @@ void makePackage(const Document& source, const std::wstring& path, const std::ws
     check(root.commit(), L"cannot write", label);
 }
 
-/// Fails unless both documents have the same nodes, of the same class or with the same contents. They are
-/// walked side by side: what is met in one is looked for in the storage of the other that the walk is in.
-class Comparison {
-public:
-    Comparison(const Document& source, const Document& target, std::wstring label)
-        : source_(source), target_(target), label_(std::move(label)) {}
-
-    void run() {
-        source_.walk(
-            {}, [this](const Node& node) { compare(node); }, {},
-            [this](const NodePath& path, const StorageRef& storage) { enter(path, storage); });
-        if (nodes_ != 0)
-            fail();
-    }
-
-private:
-    // Packages keep a storage's class in a stream.
-    static bool isClass(StorageType type, std::wstring_view name) {
-        return type == StorageType::Stream && name == L".clsid";
-    }
-
-    void compare(const Node& node) {
-        targets_.resize(node.depth + 1);
-        nodes_ += !isClass(node.type, node.path.name());
-        // One after the other: together, the contents of two packages would be in memory twice.
-        if (node.type == StorageType::Stream &&
-            read(source_, *node.parent, node) != read(target_, targets_.back(), node))
-            fail();
-    }
-
-    void enter(const NodePath& path, const StorageRef& storage) {
-        StorageRef target = target_.root();
-        if (!path.isRoot())
-            check(target.open(path.name().c_str(), targets_.back(), true), L"cannot open",
-                  target_.label(path));
-        if (classOf(storage, source_.label(path)) != classOf(target, label_))
-            fail();
-        StorageEnumerator child;
-        for (check(child.reset(target), L"cannot list", target_.label(path)); child.moveNext();)
-            nodes_ -= !isClass(child.type(), child.name().asStringView());
-        if (child.status() != S_FALSE)
-            throw Failure(L"cannot list all of", target_.label(path), child.status());
-        targets_.push_back(std::move(target));
-    }
-
-    Fingerprint read(const Document& document, const StorageRef& parent, const Node& node) {
-        StreamRef stream = document.openStream(node.path, parent);
-        if (stream.size() != node.size)
-            fail();
-        Fingerprint found;
-        document.read(stream, node.path, [&found](std::span<const std::byte> data) { found.add(data); });
-        stream.close();
-        inMemory_ += node.size;
-        if (inMemory_ >= kLargestInMemory) {
-            StorageRef(source_.root()).deleteUnusedObjects();
-            StorageRef(target_.root()).deleteUnusedObjects();
-            inMemory_ = 0;
-        }
-        return found;
-    }
-
-    [[noreturn]] void fail() const {
-        throw Failure(L"what was written is not what was read:", label_, STG_E_WRITEFAULT);
-    }
-
-    const Document& source_;
-    const Document& target_;
-    std::wstring label_;
-    std::vector<StorageRef> targets_; // those that the walk is in
-    long long nodes_ = 0;             // met in the source, less those listed in the target
-    unsigned long long inMemory_ = 0; // bytes
-};
+/// Fails unless both documents have the same nodes, of the same class or with the same contents.
+void compare(const Document& source, TreeListing& before, const Document& target, const std::wstring& label) {
+    TreeListing after = listDocument(target, fail);
+    markWanted(before, after);
+    progress().begin(L"verifying", wantedBytes(before) + wantedBytes(after));
+    readWanted(source, before, fail);
+    readWanted(target, after, fail);
+    const ComparisonResult result = compareTrees(before, after);
+    const bool isSame =
+        result.differences.empty() && result.same + 1 == before.size(); // the root is not counted
+    if (!isSame)
+        throw Failure(L"what was written is not what was read:",
+                      result.differences.empty() ? label : label + L"|" + result.differences.front().path,
+                      STG_E_WRITEFAULT);
+}
 
 } // namespace
 
 void convertDocument(const std::wstring& from, const std::wstring& to, bool force) {
     const std::wstring path = withoutLengthLimit(to);
-    if (!force && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
-        throw Failure(L"cannot create", to, HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
+    checkFree(path, to, force);
     const Document source(from, RootStorageOpenMode::ReadOnlyDenyWrite);
+    TreeListing listing = listSource(source);
     PartialFile partial(path.substr(0, path.rfind(L'\\') + 1), to);
     partial.close();
-    const unsigned long long total = totalSize(source);
-    progress().begin(L"converting", total);
+    progress().begin(L"converting", bytesOf(listing));
     makePackage(source, partial.path(), to);
     StorageContainer::Instance().deleteUnusedObjects(); // the package's file is to be read, and renamed
-    progress().begin(L"verifying", 2 * total);
     {
         const Document target(partial.path(), RootStorageOpenMode::ReadOnlyDenyWrite);
-        Comparison(source, target, to).run();
+        compare(source, listing, target, to);
     }
     StorageContainer::Instance().deleteUnusedObjects();
     partial.finish(path, force);

@@ -4,6 +4,7 @@
 #include "command.h"
 #include "console.h"
 #include "document_listing.h"
+#include "faults.h"
 #include "progress.h"
 #include "sizes.h"
 #include "text.h"
@@ -120,17 +121,15 @@ nlohmann::ordered_json jsonOf(const ComparisonResult& result) {
 ComparisonResult compare(const Arguments& arguments, bool& isWhole) {
     const Document first(toUtf16(arguments.first), RootStorageOpenMode::ReadOnlyDenyWrite);
     const Document second(toUtf16(arguments.second), RootStorageOpenMode::ReadOnlyDenyWrite);
-    const auto onFault = [&isWhole](const Failure& failure) {
-        const Progress::Hidden hidden(progress());
-        report(failure.message());
-        isWhole = false;
-    };
+    Faults faults;
+    const Document::FaultHandler onFault = faults.handler();
     TreeListing before = listDocument(first, onFault);
     TreeListing after = listDocument(second, onFault);
     markWanted(before, after);
     progress().begin(L"comparing", wantedBytes(before) + wantedBytes(after));
     readWanted(first, before, onFault);
     readWanted(second, after, onFault);
+    isWhole = !faults.any();
     return compareTrees(before, after);
 }
 

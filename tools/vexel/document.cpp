@@ -3,7 +3,9 @@
 
 #include "document.h"
 
+#include "file_paths.h"
 #include "nearest.h"
+#include "node_pattern.h"
 #include "progress.h"
 #include "stopping.h"
 
@@ -32,12 +34,8 @@ unsigned long long maximumNodes(const std::wstring& file, StorageFormat format) 
            kDirectoryEntrySize;
 }
 
-// The name as StorageRef::hasChild takes it. Of some texts ("C:x", "\foo") a SharedPathName makes a path;
-// only a listing has them as they are. Null when the storage has no such element.
-SharedPathName elementName(const StorageRef& parent, const std::wstring& name) {
-    SharedPathName made(name.c_str(), true, false);
-    if (made.asStringView() == name)
-        return made;
+// The name as the storage lists it; null where it does not.
+SharedPathName listedName(const StorageRef& parent, const std::wstring& name) {
     StorageEnumerator enumerator;
     if (FAILED(enumerator.reset(parent)))
         return {};
@@ -47,6 +45,20 @@ SharedPathName elementName(const StorageRef& parent, const std::wstring& name) {
     }
     return {};
 }
+
+bool isListed(const StorageRef& parent, const std::wstring& name) {
+    return listedName(parent, name).asStringView() == name;
+}
+
+// The name as StorageRef::hasChild takes it. Of some texts ("C:x", "\foo") a SharedPathName makes a path;
+// only a listing has them as they are. Null when the storage has no such element.
+SharedPathName elementName(const StorageRef& parent, const std::wstring& name) {
+    SharedPathName made(name.c_str(), true, false);
+    return made.asStringView() == name ? made : listedName(parent, name);
+}
+
+// For walks that only look for something: whoever reads tells of the faults.
+const Document::FaultHandler kIgnoreFaults = [](const Failure&, const NodePath&) {};
 
 // What goes on in a walk. Nothing may be thrown through it, so what ends it is kept.
 class Walk : public TreeObserver {
@@ -66,7 +78,7 @@ public:
     }
 
     bool onNode(const TreeNode& met) override {
-        return !end_ && attempt([&] {
+        return !end_ && attempt(met.path, [&] {
             const std::size_t depth = met.path.size();
             const Node node{start_.below(met.path), depth - 1,  met.type,   met.size, met.created,
                             met.modified,           met.isLast, &met.parent};
@@ -78,7 +90,7 @@ public:
     }
     void onStorage(TreePath path, const StorageRef& storage) override {
         if (onStorage_)
-            attempt([&] { onStorage_(start_.below(path), storage); });
+            attempt(path, [&] { onStorage_(start_.below(path), storage); });
     }
     bool onProgress(unsigned long long /*bytes*/) override {
         if (end_)
@@ -92,14 +104,14 @@ public:
     }
     bool onFault(const TreeFault& fault) override {
         isTold_ = true;
-        attempt(
-            [&] { throw Failure(L"cannot read", document_.label(start_.below(fault.path)), fault.status); });
+        attempt(fault.path,
+                [&] { document_.checkListed(fault.status, L"cannot read", start_.below(fault.path)); });
         return !end_;
     }
 
 private:
     template <class Body>
-    bool attempt(const Body& body) {
+    bool attempt(TreePath path, const Body& body) {
         try {
             try {
                 body();
@@ -107,7 +119,7 @@ private:
             } catch (const Failure& failure) {
                 if (!onFault_)
                     throw;
-                onFault_(failure);
+                onFault_(failure, start_.below(path));
             }
         } catch (...) {
             end_ = std::current_exception();
@@ -147,7 +159,7 @@ public:
 } // namespace
 
 Document::Document(const std::wstring& file, RootStorageOpenMode mode) : file_(file) {
-    check(root_.open(SharedPathName(file.c_str(), true, false), mode, false), L"cannot open", file_);
+    checkOpened(root_.open(SharedPathName(file.c_str(), true, false), mode, false), file_);
 }
 
 std::wstring Document::label(const NodePath& path) const {
@@ -171,10 +183,35 @@ bool Document::isClass(const NodePath& path) const {
     return root_.format() == StorageFormat::Package && !path.isRoot() && path.name() == L".clsid";
 }
 
-bool Document::cannotRead(HRESULT status) const {
-    // A package lists a node with a slash in its name, and does not find it again.
-    return isNotReadable(status) ||
-           (status == STG_E_FILENOTFOUND && root_.format() == StorageFormat::Package);
+bool Document::cannotRead(HRESULT status) const { return isNotReadable(status) || isLostName(status); }
+
+// A package lists a node with a slash in its name under the part before it, and does not find it again.
+bool Document::isLostName(HRESULT status) const {
+    return status == STG_E_FILENOTFOUND && root_.format() == StorageFormat::Package;
+}
+
+void Document::checkListed(HRESULT status, std::wstring_view what, const NodePath& path) const {
+    if (isLostName(status))
+        throw Failure(what, label(path), status, L"its name goes on with a \"/\", so it cannot be opened");
+    check(status, what, label(path));
+}
+
+unsigned long long Document::amountBelow(const NodePath& path) const {
+    return amountIn(path, [](const Node&) { return true; });
+}
+
+unsigned long long Document::amountIn(const NodePath& path,
+                                      const std::function<bool(const Node&)>& isWanted) const {
+    unsigned long long bytes = 0;
+    if (!Progress::isShown())
+        return bytes;
+    try {
+        walk(
+            path, [&](const Node& node) { bytes += isWanted(node) ? node.size : 0; }, kIgnoreFaults);
+    } catch (const Failure&) {
+        return bytes; // the command itself will meet it
+    }
+    return bytes;
 }
 
 StorageRef Document::openStorage(const NodePath& path) const {
@@ -227,8 +264,11 @@ StreamRef Document::openStream(const NodePath& path) const {
 // Looking for it must not add failures of its own.
 void Document::failWithNearest(const Failure& failure, const NodePath& path) const {
     Nearest nearest(path.text());
+    if (NodePattern::hasWildcards(path.text()))
+        throw Failure(L"cannot open", label(path), failure.status(),
+                      L"there is no such node; one is wanted here, not a pattern");
     walk(
-        {}, [&nearest](const Node& node) { nearest.offer(node.path.text()); }, [](const Failure&) {});
+        {}, [&nearest](const Node& node) { nearest.offer(node.path.text()); }, kIgnoreFaults);
     if (nearest.found())
         throw Failure(failure, *nearest.found());
     throw Failure(failure);
@@ -243,6 +283,8 @@ StreamRef Document::openStream(const NodePath& path, const StorageRef& parent) c
     const HRESULT status = stream.open(path.name().c_str(), parent, true);
     if (FAILED(status) && typeOf(parent, path.name()) == StorageType::Storage)
         throw Failure(L"this is a storage, not a stream:", label(path), STG_E_INVALIDFUNCTION);
+    if (isLostName(status) && isListed(parent, path.name()))
+        checkListed(status, L"cannot open", path);
     checkUnpacking(status, L"cannot open", path);
     return stream;
 }

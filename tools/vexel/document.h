@@ -37,7 +37,7 @@ inline Style styleOf(StorageType type) {
 class Document {
 public:
     using Visitor = std::function<void(const Node&)>;
-    using FaultHandler = std::function<void(const Failure&)>;
+    using FaultHandler = std::function<void(const Failure&, const NodePath& node)>;
     using StorageVisitor = std::function<void(const NodePath&, const StorageRef&)>;
 
     /// For reading, use ReadOnlyDenyWrite: what a command reads is then of one piece, and where somebody else
@@ -58,6 +58,12 @@ public:
     /// Whether a failure of a node says that this program cannot read it, rather than that it is damaged.
     bool cannotRead(HRESULT status) const;
 
+    /// The bytes of all streams below a storage, as far as it can be listed: what progress is told. 0 where
+    /// nobody sees that.
+    unsigned long long amountBelow(const NodePath& path) const;
+    /// Of those that are wanted.
+    unsigned long long amountIn(const NodePath& path, const std::function<bool(const Node&)>& isWanted) const;
+
     /// Opens a storage for reading; the root's path gives the root.
     StorageRef openStorage(const NodePath& path) const;
 
@@ -76,6 +82,9 @@ public:
     /// unpack.
     void checkUnpacking(HRESULT status, std::wstring_view what, const NodePath& path) const;
 
+    /// As `check`, for a node that its storage lists.
+    void checkListed(HRESULT status, std::wstring_view what, const NodePath& path) const;
+
     /// Passes the contents of an open stream to `sink` in pieces, all of kChunkSize but the last. A stream
     /// that ends before its size is reached fails: that is how damaged contents show. Shown as progress.
     void read(StreamRef& stream, const NodePath& path,
@@ -83,9 +92,10 @@ public:
 
     /// Meets everything below a storage, each storage before its contents, siblings in the order in which the
     /// storage lists them. In a damaged file storages may contain themselves: the walk fails where it is
-    /// deeper or has met more nodes than the file can hold. With `onFault`, failures go there, the visitor's
-    /// too, and the walk goes on: behind the storage, if it was one. `onStorage` gets each storage that was
-    /// opened, before what is in it, the first one too. Throws Stopped.
+    /// deeper or has met more nodes than the file can hold. With `onFault`, failures go there with the node
+    /// that they are of, the visitor's too, and the walk goes on: behind the storage, if it was one. Only
+    /// that of `start`, and one of the whole file, are thrown all the same. `onStorage` gets each storage
+    /// that was opened, before what is in it, the first one too. Throws Stopped.
     void walk(const NodePath& start, const Visitor& visitor, const FaultHandler& onFault = {},
               const StorageVisitor& onStorage = {}) const;
 
@@ -102,6 +112,7 @@ public:
                 std::size_t outer = 0) const;
 
 private:
+    bool isLostName(HRESULT status) const;
     [[noreturn]] void failWithNearest(const Failure& failure, const NodePath& path) const;
 
     std::wstring file_;

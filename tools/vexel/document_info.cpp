@@ -1,11 +1,14 @@
 #include "document_info.h"
 
 #include "base/handles.h"
-#include "document.h"
+#include "file_paths.h"
 #include "package_size.h"
 #include "text.h"
 
 #include <vexel/properties.h>
+
+#include <algorithm>
+#include <cstddef>
 
 namespace Vexel::Tool {
 namespace {
@@ -16,7 +19,7 @@ Detail::FileHandle openForReading(const std::wstring& file) {
     Detail::FileHandle handle(CreateFileW(file.c_str(), GENERIC_READ, kAnyAccess, nullptr, OPEN_EXISTING,
                                           FILE_ATTRIBUTE_NORMAL, nullptr));
     if (!handle)
-        throw Failure(L"cannot open", file, lastErrorStatus());
+        checkOpened(lastErrorStatus(), file);
     return handle;
 }
 
@@ -28,14 +31,41 @@ Info outsideOf(HANDLE handle, const std::wstring& file) {
     return info;
 }
 
-Contents contentsOf(const std::wstring& file) {
+// The largest streams that were met.
+class Largest {
+public:
+    void add(const Node& node) {
+        if (node.size == 0 || (nodes_.size() == kMost && node.size <= nodes_.back().second))
+            return;
+        const auto place = std::find_if(nodes_.begin(), nodes_.end(),
+                                        [&node](const auto& one) { return one.second < node.size; });
+        nodes_.emplace(place, toUtf8(node.path.text()), node.size);
+        if (nodes_.size() > kMost)
+            nodes_.pop_back();
+    }
+
+    std::vector<std::pair<std::string, unsigned long long>> take() { return std::move(nodes_); }
+
+private:
+    static constexpr std::size_t kMost = 5;
+
+    std::vector<std::pair<std::string, unsigned long long>> nodes_;
+};
+
+Contents contentsOf(const std::wstring& file, const Document::FaultHandler& onFault) {
     const Document document(file, RootStorageOpenMode::ReadOnlyDenyWrite);
     Contents contents;
+    Largest largest;
     contents.summary = summaryOf(document.root());
-    document.walk({}, [&](const Node& node) {
-        ++(node.type == StorageType::Storage ? contents.storages : contents.streams);
-        contents.bytes += node.size;
-    });
+    document.walk(
+        {},
+        [&](const Node& node) {
+            ++(node.type == StorageType::Storage ? contents.storages : contents.streams);
+            contents.bytes += node.size;
+            largest.add(node);
+        },
+        onFault);
+    contents.largest = largest.take();
     return contents;
 }
 
@@ -63,12 +93,12 @@ Summary summaryOf(const StorageRef& root) {
 
 Info outsideOf(const std::wstring& file) { return outsideOf(openForReading(file).get(), file); }
 
-Info infoOf(const std::wstring& file) {
+Info infoOf(const std::wstring& file, const Document::FaultHandler& onFault) {
     const Detail::FileHandle handle = openForReading(file);
     Info info = outsideOf(handle.get(), file);
     if (info.format == StorageFormat::None)
         return info;
-    info.contents = contentsOf(file);
+    info.contents = contentsOf(file, onFault);
     if (info.format == StorageFormat::Package)
         info.contents->packed = packedSizeOf(handle.get(), file);
     return info;

@@ -1,5 +1,7 @@
 #pragma once
 
+#include "document.h"
+
 #include <vexel/storage.h>
 
 #include <optional>
@@ -17,7 +19,8 @@ struct Contents {
     unsigned long long storages = 0;
     unsigned long long streams = 0;
     unsigned long long bytes = 0;
-    std::optional<unsigned long long> packed; // of packages
+    std::optional<unsigned long long> packed;                        // of packages
+    std::vector<std::pair<std::string, unsigned long long>> largest; // streams by path, the largest first
     Summary summary;
 };
 
@@ -34,9 +37,9 @@ Summary summaryOf(const StorageRef& root);
 /// Looks at a file without opening it as a document. Throws Failure when it cannot be read.
 Info outsideOf(const std::wstring& file);
 
-/// The same, and what is in it. One that is no document has a format of None and no contents. Throws Failure
-/// when it cannot be read.
-Info infoOf(const std::wstring& file);
+/// The same, and what is in it. One that is no document has a format of None and no contents. Nodes that
+/// cannot be listed go to `onFault`. Throws Failure when it cannot be read.
+Info infoOf(const std::wstring& file, const Document::FaultHandler& onFault);
 
 /// The size of the file, in bytes.
 unsigned long long sizeOf(const Info& info);

@@ -17,7 +17,7 @@ bool isReadable(const Document& document, const Node& node, const Document::Faul
         document.openStream(node.path, *node.parent);
         return true;
     } catch (const Failure& failure) {
-        onFault(failure);
+        onFault(failure, node.path);
         return false;
     }
 }

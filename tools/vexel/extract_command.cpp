@@ -3,6 +3,7 @@
 
 #include "command.h"
 #include "document.h"
+#include "faults.h"
 #include "file_names.h"
 #include "node_selection.h"
 #include "progress.h"
@@ -31,17 +32,11 @@ struct Level {
     FileNames names;
 };
 
-// What the next file would meet as well.
-bool isFull(HRESULT status) {
-    return status == HRESULT_FROM_WIN32(ERROR_DISK_FULL) ||
-           status == HRESULT_FROM_WIN32(ERROR_HANDLE_DISK_FULL);
-}
-
 // A node that cannot be extracted is told on standard error, and the others follow.
 class Extraction {
 public:
-    Extraction(const Document& document, const Arguments& arguments)
-        : document_(document), directory_(toUtf16(arguments.directory), arguments.force) {}
+    Extraction(const Document& document, const Arguments& arguments, Faults& faults)
+        : document_(document), directory_(toUtf16(arguments.directory), arguments.force), faults_(faults) {}
 
     void stream(StreamRef stream, const NodePath& path, const std::wstring& file) {
         TargetFile target(directory_, file);
@@ -70,12 +65,12 @@ public:
                     stream(document_.openStream(node.path, *node.parent), node.path, path);
                 }
             },
-            [this](const Failure& failure) { note(failure); });
+            faults_.handler());
     }
 
     /// A node under the way to it from where its pattern begins.
     void selected(const SelectedNode& node) {
-        attempt([&] {
+        faults_.attempt([&] {
             std::wstring directory;
             for (std::size_t i = node.fixed; i + 1 < node.path.elements().size(); ++i) {
                 const std::wstring way = fileFor(directory, node.path.first(i + 1));
@@ -90,12 +85,6 @@ public:
         });
     }
 
-    /// Throws if there was a node that could not be extracted.
-    void finish() const {
-        if (failed_)
-            throw SilentFailure(1);
-    }
-
 private:
     /// The same for a node each time, and never that of another.
     std::wstring fileFor(const std::wstring& directory, const NodePath& node) {
@@ -105,44 +94,29 @@ private:
         return place->second;
     }
 
-    void note(const Failure& failure) {
-        if (isFull(failure.status()))
-            throw Failure(failure);
-        const Progress::Hidden hidden(progress());
-        report(failure.message());
-        failed_ = true;
-    }
-
-    template <class Body>
-    void attempt(const Body& body) {
-        try {
-            body();
-        } catch (const Failure& failure) {
-            note(failure);
-        }
-    }
-
     const Document& document_;
     TargetDirectory directory_;
+    Faults& faults_;
     // Of what was selected, and of the storages on the way to it:
     std::map<std::wstring, FileNames> names_;                             // by directory
     std::map<std::pair<std::wstring, std::wstring>, std::wstring> files_; // by directory and node
-    bool failed_ = false;
 };
 
 void run(const Arguments& arguments) {
     const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadOnlyDenyWrite);
+    Faults faults;
     // The directory is made when it is sure that there is something to extract.
-    const std::vector<SelectedNode> nodes =
-        selectOutermost(document, arguments.nodes.empty() ? std::vector<std::string>{""} : arguments.nodes);
-    Extraction extraction(document, arguments);
+    const std::vector<SelectedNode> nodes = selectOutermost(
+        document, arguments.nodes.empty() ? std::vector<std::string>{""} : arguments.nodes, &faults);
+    Extraction extraction(document, arguments, faults);
+    progress().expect(amountOf(document, nodes));
     for (const SelectedNode& node : nodes) {
         if (node.path.isRoot())
             extraction.below({}, {});
         else
             extraction.selected(node);
     }
-    extraction.finish();
+    faults.finish();
 }
 
 void add(Command& command) {

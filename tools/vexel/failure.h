@@ -13,17 +13,25 @@ namespace Vexel::Tool {
 /// leave by exception; besides `main`, only those catch that go on with the next node.
 class Failure : public std::exception {
 public:
-    /// `what` without the object ("cannot open"), `where` a file's name or what Document::label gives.
+    /// `what` without the object ("cannot open"), `where` a file's name or what Document::label gives. A
+    /// cause that the system and the storage facility have statuses of their own for has the latter's.
     Failure(std::wstring_view what, std::wstring_view where, HRESULT status);
+    /// With words of its own for the status.
+    Failure(std::wstring_view what, std::wstring_view where, HRESULT status, std::wstring_view words);
+    /// With a text that says all, without the status.
+    Failure(std::wstring message, HRESULT status) noexcept : message_(std::move(message)), status_(status) {}
     /// The same failure, with what may have been meant instead.
     Failure(const Failure& failure, std::wstring_view meant);
 
     const std::wstring& message() const noexcept { return message_; }
+    /// What it is about: a file, or a file and its node.
+    const std::wstring& where() const noexcept { return where_; }
     HRESULT status() const noexcept { return status_; }
     const char* what() const noexcept override { return "command failed"; }
 
 private:
     std::wstring message_;
+    std::wstring where_;
     HRESULT status_;
 };
 
@@ -59,6 +67,9 @@ void check(HRESULT status, std::wstring_view what, std::wstring_view where);
 /// encryption.
 bool isNotReadable(HRESULT status) noexcept;
 
+/// Whether a disk has no space left, which the next file would meet as well.
+bool isDiskFull(HRESULT status) noexcept;
+
 /// The last error of the calling thread as a failing status, E_FAIL when none is set.
 HRESULT lastErrorStatus();
 
@@ -67,8 +78,5 @@ std::wstring didYouMean(std::wstring_view meant);
 
 /// The line on standard error.
 void report(std::wstring_view message) noexcept;
-
-/// "0x80030002 (there is no such file or node)".
-std::wstring describeStatus(HRESULT status);
 
 } // namespace Vexel::Tool

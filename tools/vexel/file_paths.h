@@ -3,6 +3,7 @@
 #include "base/handles.h"
 
 #include <string>
+#include <vector>
 
 namespace Vexel::Tool {
 
@@ -12,6 +13,19 @@ std::wstring withoutLengthLimit(const std::wstring& path);
 
 /// Whether both paths lead to one file, by whatever names. False where one leads to none.
 bool isSameFile(const std::wstring& path, const std::wstring& other);
+
+/// Throws Failure unless `status`, of opening a file that the command line names, is S_OK. Tells the cause of
+/// which the system has only a general status: that it is a directory, or a pattern where one file is due.
+void checkOpened(HRESULT status, const std::wstring& file);
+
+/// Throws Failure where something stands at `path` that a command would have to replace: a file unless
+/// `force`, and a directory always. `label` is the path as the command line has it.
+void checkFree(const std::wstring& path, const std::wstring& label, bool force);
+
+/// The files that an argument of the command line names: itself, or, if its last element has wildcards ("*"
+/// for any characters, "?" for one) and there is no file of just that name, all that match, by name. Windows'
+/// shells leave this to the program. Throws Failure when none does, and UsageError for wildcards elsewhere.
+std::vector<std::wstring> expandFiles(const std::wstring& argument);
 
 /// A new file under a name of its own, deleted again unless it gets the one it is meant for: so that nothing
 /// half-made stands under that. A package may be made of it, whose handles must be gone when this object

@@ -2,8 +2,8 @@
 // so this command watches the log to know whether to fail.
 
 #include "command.h"
-#include "console.h"
 #include "document.h"
+#include "output.h"
 #include "progress.h"
 #include "stopping.h"
 #include "text.h"
@@ -19,6 +19,8 @@ namespace {
 struct Arguments {
     std::string file;
     std::string node;
+    std::string output;
+    bool force = false;
 };
 
 /// Notes whether the library has logged an error; passes all on.
@@ -58,6 +60,15 @@ unsigned long storedSize(StreamRef& stream) {
     return size;
 }
 
+/// How many bytes it inflates to, for progress: what is stored, and as often 2^32 more as the stream could
+/// not be as long else.
+unsigned long long likelySize(unsigned long stored, unsigned long long packed) {
+    unsigned long long size = stored;
+    while (size + size / 1000 + 64 < packed)
+        size += 1ULL << 32;
+    return size;
+}
+
 bool isGzip(StreamRef& stream) {
     unsigned char magic[2]{};
     return stream.ReadBytes(magic, sizeof magic) == sizeof magic && magic[0] == 0x1F && magic[1] == 0x8B;
@@ -65,11 +76,15 @@ bool isGzip(StreamRef& stream) {
 
 void run(const Arguments& arguments) {
     const NodePath path = NodePath::parse(toUtf16(arguments.node));
-    const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadOnlyDenyWrite);
+    const std::wstring file = toUtf16(arguments.file);
+    Output output(arguments.output, file, arguments.force);
+    const Document document(file, RootStorageOpenMode::ReadOnlyDenyWrite);
     StreamRef stream = document.openStream(path);
     if (!isGzip(stream))
-        throw Failure(L"this is no gzip stream:", document.label(path), STG_E_INVALIDHEADER);
+        throw Failure(L"cannot inflate", document.label(path), STG_E_INVALIDHEADER,
+                      L"this is no gzip stream");
     const unsigned long size = storedSize(stream);
+    progress().expect(likelySize(size, stream.size()));
 
     // The library reads what there is; whether that was all shows in its log and at the stream's end.
     const ErrorWatch errors;
@@ -77,7 +92,6 @@ void run(const Arguments& arguments) {
     inflated.SetIgnoreEndOfFile(true);
     unsigned long done = 0;
     if (inflated.OpenStream(stream)) {
-        StandardOutput output;
         std::vector<std::byte> buffer(kChunkSize);
         while (const auto count = inflated.ReadBytes(buffer.data(), buffer.size())) {
             checkStop();
@@ -89,18 +103,20 @@ void run(const Arguments& arguments) {
     }
     if (errors.seen() || done != size)
         throw Failure(L"damaged gzip data:", document.label(path), STG_E_DOCFILECORRUPT);
+    output.finish();
 }
 
 void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
     command.node(arguments->node);
-    command.examples("vexel gunzip hall.cfb Drawing > drawing", "vexel gunzip hall.cfb Old/Layers | more");
+    command.output(arguments->output, arguments->force);
+    command.examples("vexel gunzip hall.cfb Drawing -o drawing", "vexel gunzip hall.cfb Old/Layers | more");
     command.run([arguments] { run(*arguments); });
 }
 
-const CommandRegistration kRegistration("gunzip",
-                                        "Write the inflated bytes of a gzip stream to standard output", add);
+const CommandRegistration
+    kRegistration("gunzip", "Write the inflated bytes of a gzip stream to standard output or a file", add);
 
 } // namespace
 } // namespace Vexel::Tool

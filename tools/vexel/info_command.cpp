@@ -4,11 +4,14 @@
 #include "command.h"
 #include "console.h"
 #include "document_info.h"
+#include "faults.h"
 #include "sizes.h"
 #include "text.h"
 
 #include <nlohmann/json.hpp>
 
+#include <algorithm>
+#include <cstddef>
 #include <cstdio>
 #include <memory>
 #include <optional>
@@ -23,6 +26,29 @@ struct Arguments {
     bool bytes = false;
 };
 
+std::string percentOf(double ratio) {
+    char percent[32];
+    std::snprintf(percent, sizeof percent, "%.1f %%", ratio * 100);
+    return percent;
+}
+
+// In columns, the first as wide as the largest has it.
+std::string largestOf(const Contents& contents, bool exact) {
+    std::string text;
+    std::size_t width = 0;
+    for (const auto& [path, size] : contents.largest)
+        width = std::max(width, sizeText(size, exact).size());
+    for (const auto& [path, size] : contents.largest) {
+        const std::string bytes = sizeText(size, exact);
+        const std::string share = percentOf(static_cast<double>(size) / static_cast<double>(contents.bytes));
+        text += text.empty() ? "largest   " : "          ";
+        text.append(width - bytes.size(), ' ').append(bytes);
+        text.append(share.size() < 9 ? 9 - share.size() : 1, ' ').append(share);
+        text.append("  ").append(path).append("\n");
+    }
+    return text;
+}
+
 std::string textOf(const Info& info, bool exact) {
     std::string text;
     const auto line = [&](const std::string& name, const std::string& value) {
@@ -36,17 +62,16 @@ std::string textOf(const Info& info, bool exact) {
         line("bytes", sizeText(info.contents->bytes, exact));
         if (info.contents->packed)
             line("packed", sizeText(*info.contents->packed, exact));
-        if (const auto ratio = ratioOf(*info.contents)) {
-            char percent[32];
-            std::snprintf(percent, sizeof percent, "%.1f %%", *ratio * 100);
-            line("ratio", percent);
-        }
+        if (const auto ratio = ratioOf(*info.contents))
+            line("ratio", percentOf(*ratio));
         for (const auto& [name, value] : info.contents->summary)
             line(name, value);
     }
     line("created", toIso8601(info.file.ftCreationTime));
     line("modified", toIso8601(info.file.ftLastWriteTime));
     line("accessed", toIso8601(info.file.ftLastAccessTime));
+    if (info.contents)
+        text += largestOf(*info.contents, exact);
     return text;
 }
 
@@ -67,9 +92,13 @@ nlohmann::ordered_json jsonOf(const Info& info) {
     object["bytes"] = number(&Contents::bytes);
     object["packed"] = info.contents ? orNull(info.contents->packed) : nullptr;
     object["ratio"] = info.contents ? orNull(ratioOf(*info.contents)) : nullptr;
-    if (info.contents)
+    object["largest"] = info.contents ? nlohmann::ordered_json::array() : nlohmann::ordered_json(nullptr);
+    if (info.contents) {
+        for (const auto& [path, size] : info.contents->largest)
+            object["largest"].push_back({{"path", path}, {"size", size}});
         for (const auto& [name, value] : info.contents->summary)
             object["summary"][name] = value;
+    }
     object["created"] = toIso8601(info.file.ftCreationTime);
     object["modified"] = toIso8601(info.file.ftLastWriteTime);
     object["accessed"] = toIso8601(info.file.ftLastAccessTime);
@@ -77,10 +106,12 @@ nlohmann::ordered_json jsonOf(const Info& info) {
 }
 
 void run(const Arguments& arguments) {
-    const Info info = infoOf(toUtf16(arguments.file));
+    Faults faults;
+    const Info info = infoOf(toUtf16(arguments.file), faults.handler());
     StandardOutput output;
     output.text(arguments.json ? jsonOf(info).dump(2) + "\n" : textOf(info, arguments.bytes));
     output.flush();
+    faults.finish();
 }
 
 void add(Command& command) {
@@ -93,7 +124,7 @@ void add(Command& command) {
 }
 
 const CommandRegistration
-    kRegistration("info", "Say what a file is: format, number of nodes, bytes, packed bytes, times", add);
+    kRegistration("info", "Say what a file is: format, nodes, bytes, what is largest, title, times", add);
 
 } // namespace
 } // namespace Vexel::Tool

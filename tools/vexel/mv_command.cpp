@@ -1,5 +1,6 @@
 #include "command.h"
 #include "document.h"
+#include "node_selection.h"
 #include "stopping.h"
 #include "text.h"
 
@@ -80,6 +81,7 @@ void run(const Arguments& arguments) {
     if (isInside(newNode, node))
         throw UsageError(L"a node cannot be moved into itself:", newNode.text());
     const Document document(file, RootStorageOpenMode::ReadWrite);
+    checkNewNode(document, newNode, arguments.newNode);
     Place from(document, node, false);
     const auto type = Document::typeOf(from.parent(), node.name());
     if (!type)

@@ -95,6 +95,13 @@ NodePattern NodePattern::parse(std::wstring_view text) {
     return pattern;
 }
 
+bool NodePattern::matchesFileName(std::wstring_view pattern, std::wstring_view name) {
+    Element units;
+    for (const char32_t character : toCharacters(pattern))
+        units.push_back({character, character == U'*' || character == U'?'});
+    return matchesElement(units, name, true);
+}
+
 bool NodePattern::isAnyElements(const Element& element) {
     return element.size() == 2 && element[0].isWild && element[0].character == U'*' && element[1].isWild &&
            element[1].character == U'*';

@@ -15,6 +15,9 @@ public:
         return text.find_first_of(L"*?") != std::wstring_view::npos;
     }
 
+    /// Whether a file's name is of a pattern in which nothing is escaped; case does not count.
+    static bool matchesFileName(std::wstring_view pattern, std::wstring_view name);
+
     /// Throws UsageError for what is no node path.
     static NodePattern parse(std::wstring_view text);
 

@@ -102,8 +102,8 @@ unsigned long long totalSize(const std::vector<Entry>& entries) {
 class Packing {
 public:
     Packing(const std::wstring& path, std::wstring label, unsigned long long total)
-        : archive_(path, false, true), label_(std::move(label)), total_(total) {
-        progress().begin(L"packing", total_);
+        : archive_(path, false, true), label_(std::move(label)) {
+        progress().begin(L"packing", total);
         // Without any change nothing would be saved, not even an archive without items.
         check(archive_.createDirectory(L"-", true, false), L"cannot create", label_);
         check(archive_.clear(std::wstring_view()), L"cannot create", label_);
@@ -124,11 +124,9 @@ public:
 
     void save() {
         checkStop();
-        progress().begin(L"compressing");
+        const Progress::Interlude compressing(progress(), L"compressing");
         check(archive_.save(true), L"cannot write", label_);
         unsaved_ = 0;
-        progress().begin(L"packing", total_);
-        progress().add(done_);
     }
 
 private:
@@ -138,15 +136,11 @@ private:
         if (unsaved_ > 0 && unsaved_ + entry.size > kLargestInMemory)
             save(); // so that a large file is alone in memory
         check(archive_.createFile(&stream, entry.item, true, false), L"cannot add", entry.label);
-        const unsigned long long size = fill(*stream.Get(), source, entry.label);
-        unsaved_ += size;
-        done_ += size;
+        unsaved_ += fill(*stream.Get(), source, entry.label);
     }
 
     SZipArchive archive_;
     std::wstring label_;
-    unsigned long long total_;
-    unsigned long long done_ = 0;
     unsigned long long unsaved_ = 0;
 };
 
@@ -157,8 +151,7 @@ void run(const Arguments& arguments) {
         return;
     }
     const std::wstring path = withoutLengthLimit(file);
-    if (!arguments.force && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
-        throw Failure(L"cannot create", file, HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
+    checkFree(path, file, arguments.force);
     const std::vector<Entry> entries = entriesOf(toUtf16(arguments.directory));
     PartialFile partial(path.substr(0, path.rfind(L'\\') + 1), file);
     partial.close();

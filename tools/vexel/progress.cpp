@@ -4,18 +4,16 @@
 #include "progress.h"
 
 #include "console.h"
+#include "sizes.h"
+#include "text.h"
 
-#include <algorithm>
 #include <cmath>
 #include <utility>
 
 namespace Vexel::Tool {
 namespace {
 
-std::wstring megabytes(double bytes) {
-    constexpr double kMegabyte = 1'000'000;
-    return std::to_wstring(static_cast<unsigned long long>(bytes / kMegabyte));
-}
+std::wstring amount(double bytes) { return toUtf16(humanSize(static_cast<unsigned long long>(bytes))); }
 
 } // namespace
 
@@ -24,13 +22,15 @@ Progress& progress() {
     return instance;
 }
 
+bool Progress::isShown() noexcept { return errorIsConsole(); }
+
 void Progress::begin(std::wstring_view phase, unsigned long long total) {
     const std::lock_guard guard(lock_);
     phase_ = phase;
     total_ = total;
     done_ = 0;
     began_ = std::chrono::steady_clock::now();
-    if (!thread_.joinable() && errorIsConsole())
+    if (!thread_.joinable() && isShown())
         thread_ = std::jthread([this](const std::stop_token& stop) { show(stop); });
 }
 
@@ -46,6 +46,24 @@ void Progress::end() noexcept {
 
 Progress::Hidden::Hidden(Progress& progress) : guard_(progress.lock_) { progress.erase(); }
 
+Progress::Interlude::Interlude(Progress& progress, std::wstring_view phase)
+    : progress_(progress), phase_(phase) {
+    const std::lock_guard guard(progress.lock_);
+    phase_.swap(progress.phase_);
+    std::swap(total_, progress.total_);
+    std::swap(done_, progress.done_);
+    const auto now = std::chrono::steady_clock::now();
+    passed_ = now - std::exchange(progress.began_, now);
+}
+
+Progress::Interlude::~Interlude() {
+    const std::lock_guard guard(progress_.lock_);
+    phase_.swap(progress_.phase_);
+    progress_.total_ = total_;
+    progress_.done_ = done_;
+    progress_.began_ = std::chrono::steady_clock::now() - passed_;
+}
+
 void Progress::erase() noexcept {
     if (!shown_.empty())
         writeErrorConsole(L"\r" + std::wstring(shown_.size(), L' ') + L"\r");
@@ -57,18 +75,22 @@ void Progress::add(unsigned long long bytes) {
     done_ += bytes;
 }
 
+void Progress::expect(unsigned long long total) {
+    const std::lock_guard guard(lock_);
+    total_ = total;
+}
+
 std::wstring Progress::text() const {
     using std::chrono::duration;
     const double seconds = duration<double>(std::chrono::steady_clock::now() - began_).count();
     if (done_ == 0)
         return phase_ + L": " + std::to_wstring(static_cast<unsigned long long>(seconds)) + L" s";
-    const std::wstring rate = L", " + megabytes(static_cast<double>(done_) / seconds) + L" MB/s";
-    if (total_ == 0)
-        return phase_ + L": " + megabytes(static_cast<double>(done_)) + L" MB" + rate;
-    const unsigned long long done = std::min(done_, total_);
-    const double left = seconds * static_cast<double>(total_ - done) / static_cast<double>(done);
-    return phase_ + L": " + std::to_wstring(done * 100 / total_) + L" % of " +
-           megabytes(static_cast<double>(total_)) + L" MB" + rate + L", " +
+    const std::wstring rate = L", " + amount(static_cast<double>(done_) / seconds) + L"/s";
+    if (total_ < done_) // not known, or not true
+        return phase_ + L": " + amount(static_cast<double>(done_)) + rate;
+    const double left = seconds * static_cast<double>(total_ - done_) / static_cast<double>(done_);
+    return phase_ + L": " + std::to_wstring(done_ * 100 / total_) + L" % of " +
+           amount(static_cast<double>(total_)) + rate + L", " +
            std::to_wstring(static_cast<unsigned long long>(std::ceil(left))) + L" s left";
 }
 

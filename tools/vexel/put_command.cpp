@@ -5,6 +5,7 @@
 #include "command.h"
 #include "document.h"
 #include "failure.h"
+#include "node_selection.h"
 #include "progress.h"
 #include "source.h"
 #include "stopping.h"
@@ -108,6 +109,15 @@ std::size_t countExisting(const Document& document, const NodePath& path) {
     return last;
 }
 
+// Whether the stream is there already; where that cannot be told, putting it tells why.
+bool isThere(const Document& document, const NodePath& path) {
+    try {
+        return document.typeOf(path).has_value();
+    } catch (const Failure&) {
+        return false;
+    }
+}
+
 void run(const Arguments& arguments) {
     const NodePath path = NodePath::parse(toUtf16(arguments.node));
     const std::wstring file = toUtf16(arguments.file);
@@ -115,6 +125,8 @@ void run(const Arguments& arguments) {
         throw UsageError(L"the root is not a stream:", file);
     Source source = arguments.source.empty() ? Source() : Source(toUtf16(arguments.source));
     std::optional<Document> document(std::in_place, file, RootStorageOpenMode::ReadWrite);
+    if (!isThere(*document, path))
+        checkNewNode(*document, path, arguments.node);
     if (document->root().format() == StorageFormat::Package) {
         const std::size_t existing = countExisting(*document, path);
         const std::wstring label = document->label(path);

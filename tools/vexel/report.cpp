@@ -1,6 +1,7 @@
 #include "report.h"
 
 #include "document.h"
+#include "progress.h"
 #include "text.h"
 
 #include <vexel/archive.h>
@@ -22,10 +23,11 @@ public:
     }
 
     void run() {
+        progress().expect(document_.amountBelow({}));
         document_.walk(
             {}, [this](const Node& node) { read(node); },
-            [this](const Failure& failure) {
-                ReportNode& node = report_.nodes[met_];
+            [this](const Failure& failure, const NodePath& path) {
+                ReportNode& node = report_.nodes[indexOf(path)];
                 node.fault += (node.fault.empty() ? "" : "; ") + shortened(failure);
                 ++(document_.cannotRead(failure.status()) ? report_.notReadable : report_.faults);
             },
@@ -39,6 +41,13 @@ public:
     }
 
 private:
+    // A fault is that of the node that was met last, or of a storage that it is in.
+    std::size_t indexOf(const NodePath& path) const {
+        const std::size_t depth = path.elements().size();
+        const bool isLast = report_.nodes[met_].path == toUtf8(path.text());
+        return isLast || depth >= storages_.size() ? met_ : storages_[depth];
+    }
+
     // The page is about one file, so its faults need not name that again.
     std::string shortened(const Failure& failure) const {
         std::wstring message = failure.message();

@@ -2,10 +2,7 @@
 // appears whole under its name.
 
 #include "command.h"
-#include "console.h"
-#include "failure.h"
-#include "file_paths.h"
-#include "progress.h"
+#include "output.h"
 #include "report_page.h"
 #include "text.h"
 
@@ -20,36 +17,18 @@ struct Arguments {
     bool force = false;
 };
 
-void writeTo(const std::wstring& page, const DocumentReport& report, bool force) {
-    const std::wstring path = withoutLengthLimit(page);
-    PartialFile partial(path.substr(0, path.rfind(L'\\') + 1), page);
-    writeReportPage(report, [&](std::string_view text) { partial.write(text.data(), text.size()); });
-    partial.finish(path, force);
-}
-
 void run(const Arguments& arguments) {
-    const std::wstring page = toUtf16(arguments.page);
-    if (!page.empty() && !arguments.force &&
-        GetFileAttributesW(withoutLengthLimit(page).c_str()) != INVALID_FILE_ATTRIBUTES)
-        throw Failure(L"cannot create", page, HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
-    if (!page.empty() && isSameFile(toUtf16(arguments.file), page))
-        throw Failure(L"will not write the page over the document itself,", page,
-                      HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
-    const DocumentReport report = reportOn(toUtf16(arguments.file));
-    if (!page.empty()) {
-        writeTo(page, report, arguments.force);
-        return;
-    }
-    StandardOutput output;
-    writeReportPage(report, [&](std::string_view text) { output.text(text); });
-    output.flush();
+    const std::wstring file = toUtf16(arguments.file);
+    Output output(arguments.page, file, arguments.force);
+    const DocumentReport report = reportOn(file);
+    writeReportPage(report, [&output](std::string_view text) { output.text(text); });
+    output.finish();
 }
 
 void add(Command& command) {
     const auto arguments = std::make_shared<Arguments>();
     command.file(arguments->file);
-    command.option("-o,--output", arguments->page, "The page to write; without it, standard output");
-    command.flag("--force", arguments->force, "Replace a file that is there");
+    command.output(arguments->page, arguments->force);
     command.examples("vexel report hall.7z -o hall.html", "vexel report hall.cfb > hall.html");
     command.run([arguments] { run(*arguments); });
 }

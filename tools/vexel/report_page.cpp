@@ -97,9 +97,13 @@ private:
 
     void addState() {
         if (report_.faults + report_.notReadable == 0) {
-            sink_(std::string("<p class=\"state\">Every stream was read to its end") +
-                  (isPacked() ? ", and agrees with its checksum where it has one" : "") +
-                  ". No damage was found.</p>\n");
+            const char* const read =
+                isPacked()
+                    ? "Every stream was read to its end, and agrees with its checksum where it has one."
+                    : "Every stream was read to its end.";
+            sink_(std::string("<p class=\"state\">") +
+                  (root_.streams == 0 ? "There are no streams to read." : read) +
+                  " No damage was found.</p>\n");
             return;
         }
         std::string found = report_.faults > 0 ? counted(report_.faults, "fault") + " found. " : "";

@@ -44,7 +44,7 @@ void removeAll(const Document& document, const std::vector<SelectedNode>& nodes)
 
 void run(const Arguments& arguments) {
     const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadWrite);
-    std::vector<SelectedNode> nodes = selectOutermost(document, arguments.nodes);
+    std::vector<SelectedNode> nodes = selectOutermost(document, arguments.nodes, nullptr);
     // A package's storage keeps its class in a stream, a compound file's does not: with a pattern, both are
     // left with it.
     std::erase_if(nodes,

@@ -7,6 +7,7 @@
 #include "failure.h"
 #include "file_paths.h"
 #include "progress.h"
+#include "sizes.h"
 #include "stopping.h"
 #include "text.h"
 
@@ -47,7 +48,7 @@ public:
     explicit FileSource(const std::wstring& path) : file_(openForReading(path)) {
         LARGE_INTEGER size{};
         if (!file_ || !GetFileSizeEx(file_.get(), &size) || !GetFileInformationByHandle(file_.get(), &info_))
-            throw Failure(L"cannot open", path, lastErrorStatus());
+            checkOpened(lastErrorStatus(), path);
         size_ = static_cast<std::uint64_t>(size.QuadPart);
     }
 
@@ -59,7 +60,10 @@ public:
         position.OffsetHigh = static_cast<DWORD>(offset >> 32);
         DWORD done = 0;
         const auto count = static_cast<DWORD>((std::min<std::size_t>)(target.size(), kLargestRead));
-        return ReadFile(file_.get(), target.data(), count, &done, &position) ? done : 0;
+        if (!ReadFile(file_.get(), target.data(), count, &done, &position))
+            return 0;
+        progress().add(done);
+        return done;
     }
 
     /// Whether this is the file at `path`: what is rescued must not replace it.
@@ -133,7 +137,9 @@ public:
 
     void onFormat(SalvageFormat format) override { report_.format = format; }
 
+    // How often parts of the file have to be read then, nobody knows.
     void onDamage(const char* what, std::uint64_t where) override {
+        progress().expect(0);
         attempt([&] { report_.damage.push_back({what, where}); });
     }
 
@@ -175,11 +181,8 @@ public:
         attempt([&] { endStream(node); });
     }
 
-    bool onProgress(std::uint64_t bytes) override {
-        attempt([&] {
-            checkStop();
-            progress().add(bytes);
-        });
+    bool onProgress(std::uint64_t /*bytes*/) override {
+        attempt(checkStop);
         return !failure_;
     }
 
@@ -235,6 +238,7 @@ private:
 
     void save() {
         checkStop();
+        const Progress::Interlude compressing(progress(), L"compressing");
         check(archive_.save(true), L"cannot write", label_);
         unsaved_ = 0;
     }
@@ -273,11 +277,11 @@ std::string textOf(const Report& report) {
         text += std::string("damage: ") + what + " (" + std::to_string(where) + ")\n";
     for (const Report::Lost& lost : report.lost)
         text += std::string(kindOf(lost)) + ": " + toUtf8(onOneLine(toUtf16(lost.path))) + " (" +
-                std::to_string(lost.there) + " of " + std::to_string(lost.size) +
-                " bytes are there): " + lost.reason + "\n";
-    return text + std::to_string(report.streams) + " streams with " + std::to_string(report.bytes) +
-           " bytes and " + std::to_string(report.storages) + " storages came back, " +
-           std::to_string(report.lost.size()) + " streams are lost, or not known to be whole\n";
+                std::to_string(lost.there) + " of " + counted(lost.size, "byte") +
+                (lost.size == 1 ? " is there): " : " are there): ") + lost.reason + "\n";
+    return text + counted(report.streams, "stream") + " with " + counted(report.bytes, "byte") + " and " +
+           counted(report.storages, "storage") + " came back, " + counted(report.lost.size(), "stream") +
+           (report.lost.size() == 1 ? " is" : " are") + " lost, or not known to be whole\n";
 }
 
 nlohmann::ordered_json jsonOf(const Report& report) {
@@ -313,6 +317,7 @@ SalvageOutcome rescueInto(const std::wstring& path, FileSource& source, const Ar
     partial.close();
     SalvageOutcome outcome{};
     {
+        progress().expect(source.size() + source.size() / 4); // some of it, as tables, come twice
         Rescue rescue(partial.path(), label, arguments.partial);
         outcome = salvage(source, rescue);
         if (outcome == SalvageOutcome::OutOfMemory)
@@ -332,8 +337,7 @@ void run(const Arguments& arguments) {
     FileSource source(from);
     if (source.isAt(path))
         throw UsageError(L"the package cannot be the damaged file itself:", to);
-    if (!arguments.force && GetFileAttributesW(path.c_str()) != INVALID_FILE_ATTRIBUTES)
-        throw Failure(L"cannot create", to, HRESULT_FROM_WIN32(ERROR_FILE_EXISTS));
+    checkFree(path, to, arguments.force);
     Report report;
     const SalvageOutcome outcome = rescueInto(path, source, arguments, report);
     print(report, arguments.json);

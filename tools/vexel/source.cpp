@@ -5,6 +5,7 @@
 
 #include "console.h"
 #include "failure.h"
+#include "file_paths.h"
 #include "progress.h"
 #include "stopping.h"
 
@@ -20,7 +21,7 @@ Source::Source(const std::wstring& file)
                                      FILE_FLAG_SEQUENTIAL_SCAN, nullptr)),
       handle_(file_.get()) {
     if (!file_)
-        throw Failure(L"cannot open", name_, lastErrorStatus());
+        checkOpened(lastErrorStatus(), name_);
 }
 
 unsigned long long Source::size() const noexcept {

@@ -12,6 +12,12 @@ bool isDirectory(DWORD attributes) {
     return attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) != 0;
 }
 
+[[noreturn]] void failAsNoDirectory(const std::wstring& label, HRESULT status, DWORD attributes) {
+    if (attributes != INVALID_FILE_ATTRIBUTES)
+        throw Failure(L"cannot create", label, status, L"a file has that name, and a directory is needed");
+    throw Failure(L"cannot create", label, status);
+}
+
 } // namespace
 
 TargetDirectory::TargetDirectory(const std::wstring& path, bool overwrite)
@@ -19,8 +25,9 @@ TargetDirectory::TargetDirectory(const std::wstring& path, bool overwrite)
     if (CreateDirectoryW(root_.c_str(), nullptr))
         return;
     const HRESULT status = lastErrorStatus();
-    if (!isDirectory(GetFileAttributesW(root_.c_str())))
-        throw Failure(L"cannot create", shown_, status);
+    const DWORD attributes = GetFileAttributesW(root_.c_str());
+    if (!isDirectory(attributes))
+        failAsNoDirectory(shown_, status, attributes);
 }
 
 void TargetDirectory::makeDirectory(const std::wstring& path) const {
@@ -30,9 +37,9 @@ void TargetDirectory::makeDirectory(const std::wstring& path) const {
     const HRESULT status = lastErrorStatus();
     const DWORD attributes = GetFileAttributesW(directory.c_str());
     if (!isDirectory(attributes))
-        throw Failure(L"cannot create", label(path), status);
+        failAsNoDirectory(label(path), status, attributes);
     if ((attributes & FILE_ATTRIBUTE_REPARSE_POINT) != 0)
-        throw Failure(L"a link stands in the place of", label(path), status);
+        throw Failure(L"cannot use", label(path), STG_E_ACCESSDENIED, L"it is a link to another directory");
 }
 
 std::wstring TargetDirectory::label(const std::wstring& path) const { return shown_ + L"\\" + path; }

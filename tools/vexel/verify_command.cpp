@@ -42,26 +42,67 @@ struct Verified {
     std::wstring message;              // of what is not sound
 };
 
+/// How many bytes all files have, for progress. Of a file that is not open yet that is not known: it is taken
+/// to have as many for each of its own as those that are.
+class Amount {
+public:
+    explicit Amount(const std::vector<std::wstring>& files) {
+        for (const std::wstring& file : files)
+            unopened_ += sizeOf(file);
+    }
+
+    void open(const std::wstring& file, const Document& document) {
+        const auto contents = static_cast<double>(document.amountBelow({}));
+        const std::lock_guard guard(lock_);
+        opened_ += sizeOf(file);
+        unopened_ -= std::min(unopened_, sizeOf(file));
+        contents_ += contents;
+        progress().expect(
+            static_cast<unsigned long long>(contents_ + contents_ / std::max(opened_, 1.0) * unopened_));
+    }
+
+private:
+    static double sizeOf(const std::wstring& file) {
+        WIN32_FILE_ATTRIBUTE_DATA data{};
+        if (!Progress::isShown() || !GetFileAttributesExW(file.c_str(), GetFileExInfoStandard, &data))
+            return 0;
+        constexpr double kLowHalf = 4294967296.0;
+        return data.nFileSizeHigh * kLowHalf + data.nFileSizeLow;
+    }
+
+    std::mutex lock_;
+    double opened_ = 0; // bytes of files
+    double unopened_ = 0;
+    double contents_ = 0; // in those that are open
+};
+
 // Reads everything that is in a document and notes each fault.
 class Verification {
 public:
-    Verification(const std::wstring& file, Verified& result)
-        : file_(file), document_(file, RootStorageOpenMode::ReadOnlyDenyWrite), result_(result) {}
+    Verification(const std::wstring& file, Amount& amount, Verified& result)
+        : file_(file), document_(file, RootStorageOpenMode::ReadOnlyDenyWrite), result_(result) {
+        amount.open(file, document_);
+    }
 
     void run() {
         document_.walk(
             {}, [this](const Node& node) { read(node); },
-            [this](const Failure& failure) {
+            [this](const Failure& failure, const NodePath&) {
                 result_.faults.push_back(toUtf8(onOneLine(failure.message())));
                 ++(document_.cannotRead(failure.status()) ? notReadable_ : faults_);
             });
         if (faults_ > 0)
-            throw Failure(count(faults_, "fault") + L" in", file_, STG_E_DOCFILECORRUPT);
+            fail(count(faults_, "fault") + L" in", STG_E_DOCFILECORRUPT);
         if (notReadable_ > 0)
-            throw Failure(count(notReadable_, "node") + L" could not be checked in", file_, E_NOTIMPL);
+            fail(count(notReadable_, "node") + L" could not be checked in", E_NOTIMPL);
     }
 
 private:
+    // Why, the lines before it tell.
+    [[noreturn]] void fail(const std::wstring& what, HRESULT status) const {
+        throw Failure(what + L" \"" + file_ + L"\"", status);
+    }
+
     static std::wstring count(unsigned long long number, const char* what) {
         return toUtf16(counted(number, what));
     }
@@ -80,10 +121,10 @@ private:
     unsigned long long notReadable_ = 0;
 };
 
-Verified verify(const std::wstring& file) {
+Verified verify(const std::wstring& file, Amount& amount) {
     Verified result;
     try {
-        Verification(file, result).run();
+        Verification(file, amount, result).run();
         result.outcome = Outcome::Sound;
     } catch (const Failure& failure) {
         result.message = failure.message();
@@ -103,9 +144,9 @@ Verified verify(const std::wstring& file) {
 /// share its position.
 class FileLocks {
 public:
-    explicit FileLocks(const std::vector<std::string>& files) {
-        for (const std::string& file : files)
-            locks_[keyOf(toUtf16(file))];
+    explicit FileLocks(const std::vector<std::wstring>& files) {
+        for (const std::wstring& file : files)
+            locks_[keyOf(file)];
     }
 
     std::mutex& of(const std::wstring& file) { return locks_.find(keyOf(file))->second; }
@@ -132,14 +173,14 @@ private:
 const char* nameOf(Outcome outcome) { return kOutcomeNames[static_cast<int>(outcome)]; }
 
 // One file has only its faults printed; of several it is told which are sound, too.
-void print(StandardOutput& output, const std::string& file, const Verified& result, bool isOneOfMany) {
+void print(StandardOutput& output, const std::wstring& file, const Verified& result, bool isOneOfMany) {
     for (const std::string& fault : result.faults)
         output.text(fault + "\n");
     if (isOneOfMany) {
         std::string name = nameOf(result.outcome);
         name.resize(14, ' ');
         output.text(name, result.outcome == Outcome::Sound ? Style::Good : Style::Bad);
-        output.text(toUtf8(onOneLine(toUtf16(file))) + "\n");
+        output.text(toUtf8(onOneLine(file)) + "\n");
     }
     output.flush();
     if (result.outcome == Outcome::Sound)
@@ -148,9 +189,9 @@ void print(StandardOutput& output, const std::string& file, const Verified& resu
     report(result.message);
 }
 
-nlohmann::ordered_json jsonOf(const std::string& file, const Verified& result) {
+nlohmann::ordered_json jsonOf(const std::wstring& file, const Verified& result) {
     nlohmann::ordered_json object;
-    object["file"] = file;
+    object["file"] = toUtf8(file);
     object["status"] = nameOf(result.outcome);
     object["faults"] = result.faults;
     object["message"] = nullptr;
@@ -165,18 +206,27 @@ int statusOf(Outcome worst) {
     return worst == Outcome::NotReadable ? kNotReadable : 1;
 }
 
+std::vector<std::wstring> filesOf(const Arguments& arguments) {
+    std::vector<std::wstring> files;
+    for (const std::string& argument : arguments.files) {
+        const std::vector<std::wstring> named = expandFiles(toUtf16(argument));
+        files.insert(files.end(), named.begin(), named.end());
+    }
+    return files;
+}
+
 void run(const Arguments& arguments) {
     StandardOutput output;
     auto all = nlohmann::ordered_json::array();
     Outcome worst = Outcome::Sound;
-    const std::vector<std::string>& files = arguments.files;
+    const std::vector<std::wstring> files = filesOf(arguments);
     FileLocks locks(files);
+    Amount amount(files);
     inParallel<Verified>(
         files.size(),
         [&](std::size_t i) {
-            const std::wstring file = toUtf16(files[i]);
-            const std::lock_guard guard(locks.of(file));
-            return verify(file);
+            const std::lock_guard guard(locks.of(files[i]));
+            return verify(files[i], amount);
         },
         [&](std::size_t i, const Verified& result) {
             worst = std::max(worst, result.outcome);
@@ -198,7 +248,7 @@ void add(Command& command) {
     command.files(arguments->files);
     command.flag("--json", arguments->json,
                  "Print an array of {\"file\", \"status\", \"faults\", \"message\"}");
-    command.examples("vexel verify hall.7z", "vexel verify --json hall.7z tower.cfb annex.7z");
+    command.examples("vexel verify hall.7z", "vexel verify --json *.7z tower.cfb");
     command.run([arguments] { run(*arguments); });
 }
 
