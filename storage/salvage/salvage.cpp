@@ -14,7 +14,22 @@ namespace {
 
 using namespace Detail::Salvage;
 
-/// The caller's source for readers of compound files.
+/// The caller's source, of which nobody believes that it has read more than it was asked for.
+class BoundedSource final : public SalvageSource {
+public:
+    explicit BoundedSource(SalvageSource& source) noexcept : source_(source) {}
+
+    std::uint64_t size() const noexcept override { return source_.size(); }
+    std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
+        const std::size_t count = source_.read(offset, target);
+        return count <= target.size() ? count : 0;
+    }
+
+private:
+    SalvageSource& source_;
+};
+
+/// A source for readers of compound files.
 class SourceAdapter final : public Detail::CompoundSource {
 public:
     explicit SourceAdapter(SalvageSource& source) noexcept : source_(source) {}
@@ -47,7 +62,8 @@ void run(SalvageSource& source, Output& output) {
 SalvageOutcome salvage(SalvageSource& source, SalvageObserver& observer) noexcept {
     try {
         Output output(observer);
-        run(source, output);
+        BoundedSource bounded(source);
+        run(bounded, output);
         return output.outcome();
     } catch (const Ended&) {
         return SalvageOutcome::Ended;
