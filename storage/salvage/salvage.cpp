@@ -5,7 +5,10 @@
 
 #include <vexel/salvage.h>
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
+#include <limits>
 #include <new>
 
 namespace Vexel {
@@ -14,19 +17,26 @@ namespace {
 
 using namespace Detail::Salvage;
 
-/// The caller's source, of which nobody believes that it has read more than it was asked for.
+/// The caller's source with one size, however the file grows or shrinks meanwhile, with nothing behind that,
+/// and with no read that has more bytes than it was asked for: tables are as large as the size says.
 class BoundedSource final : public SalvageSource {
 public:
-    explicit BoundedSource(SalvageSource& source) noexcept : source_(source) {}
+    explicit BoundedSource(SalvageSource& source) noexcept : source_(source), size_(source.size()) {
+        if (size_ > static_cast<std::uint64_t>((std::numeric_limits<std::int64_t>::max)()))
+            size_ = 0; // somebody's -1, and going through so much would never end
+    }
 
-    std::uint64_t size() const noexcept override { return source_.size(); }
+    std::uint64_t size() const noexcept override { return size_; }
     std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
-        const std::size_t count = source_.read(offset, target);
-        return count <= target.size() ? count : 0;
+        const std::uint64_t rest = size_ - (std::min)(size_, offset);
+        const std::span<std::byte> room = target.first((std::min<std::uint64_t>)(rest, target.size()));
+        const std::size_t count = room.empty() ? 0 : source_.read(offset, room);
+        return count <= room.size() ? count : 0;
     }
 
 private:
     SalvageSource& source_;
+    std::uint64_t size_;
 };
 
 /// A source for readers of compound files.

@@ -96,17 +96,14 @@ void save() {
     document.commit();
 }
 
-/// Of a compound file into a new package, and of that into a temporary one.
+/// Of a compound file into a new package.
 void copy() {
     thread_local const SharedPathName kPath = inFolder(L"copied" + std::to_wstring(++threads));
-    StorageRef from, to, temporary;
+    StorageRef from, to;
     from.open(inFolder(L"document.xls"), RootStorageOpenMode::ReadOnly, false);
     to.create(kPath);
     from.copyTo(to);
     to.commit();
-    temporary.createTemporary(false);
-    to.copyTo(temporary);
-    temporary.commit();
 }
 
 void name() {

@@ -147,15 +147,15 @@ constexpr FaultForm kNone[] = {{"none", Kind::Fails, ERROR_NOT_ENOUGH_MEMORY}};
 constexpr FaultForm kNoRoom[] = {kErrors[0], kErrors[2], kErrors[9]};
 
 constexpr FaultPoint kPoints[] = {
-    {"createFile", kCallErrors, Tap<&Platform::createFile>::install},
-    {"readFile", kTransferErrors, Tap<&Platform::readFile>::install},
-    {"writeFile", kTransferErrors, Tap<&Platform::writeFile>::install},
+    {"createFile", kCallErrors, Tap<&Platform::createFile>::install, 1, true},
+    {"readFile", kTransferErrors, Tap<&Platform::readFile>::install, 1, true},
+    {"writeFile", kTransferErrors, Tap<&Platform::writeFile>::install, 1, true},
     {"room on the disk", kNoRoom, [] { platform().writeFile = writeWhileThereIsRoom; }, 1511},
-    {"flushFile", kCallErrors, Tap<&Platform::flushFile>::install},
-    {"moveFile", kCallErrors, Tap<&Platform::moveFile>::install},
+    {"flushFile", kCallErrors, Tap<&Platform::flushFile>::install, 1, true},
+    {"moveFile", kCallErrors, Tap<&Platform::moveFile>::install, 1, true},
     {"deleteFile", kCallErrors, Tap<&Platform::deleteFile>::install},
     {"copyFile", kCallErrors, Tap<&Platform::copyFile>::install},
-    {"setPosition", kCallErrors, Tap<&Platform::setPosition>::install},
+    {"setPosition", kCallErrors, Tap<&Platform::setPosition>::install, 1, true},
     {"setEndOfFile", kCallErrors, Tap<&Platform::setEndOfFile>::install},
     {"getFileSize", kSizes, Tap<&Platform::getFileSize>::install},
     {"getFileTime", kCallErrors, Tap<&Platform::getFileTime>::install},

@@ -35,6 +35,8 @@ struct FaultPoint {
     void (*install)();
     /// Whether its uses are counted in bytes, and how many a sweep goes on by.
     unsigned step = 1;
+    /// Whether a package that is saved meanwhile cannot do without it, nor tells another error.
+    bool tellsErrors = false;
 };
 
 std::span<const FaultPoint> faultPoints();
