@@ -70,6 +70,10 @@ HRESULT SharedFile::read(std::uint64_t offset, void* data, std::uint32_t size, s
         systemPosition_ = kUnknownPosition;
         return Detail::storageStatus(error);
     }
+    if (count > size) {
+        systemPosition_ = kUnknownPosition;
+        return STG_E_READFAULT;
+    }
     systemPosition_ += count;
     done = count;
     return S_OK;

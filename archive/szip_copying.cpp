@@ -100,13 +100,13 @@ private:
     HRESULT enter(SZipStorage& source, IStorage* destination, const Selection& selection);
     HRESULT copyChild(const STATSTG& entry);
     HRESULT copyStorage(SZipStorage& parent, const CString& name, IStorage* destination, LPCOLESTR newName);
-    static HRESULT copyStream(SZipStorage& parent, const CString& name, IStorage* destination,
-                              LPCOLESTR newName);
+    HRESULT copyStream(SZipStorage& parent, const CString& name, IStorage* destination, LPCOLESTR newName);
     static bool addToArchive(const SZipStorage& parent, const CString& name, IStorage* destination,
                              LPCOLESTR newName, HRESULT& status);
 
     std::vector<Level> levels_;
     HRESULT first_ = S_OK; ///< failure
+    HRESULT part_ = S_OK;  ///< that of a stream of which a part could not be taken away
 };
 
 // Between archives contents go as they are, packed if both read from one file. False where that is no way,
@@ -157,7 +157,9 @@ HRESULT SZipStorage::Copying::copyStream(SZipStorage& parent, const CString& nam
     if (FAILED(status)) {
         log(L"Failed to copy stream \"%ls|%ls\": 0x%08x", parent, path, status);
         target.Reset();
-        destination->DestroyElement(newName); // a part is not taken for the whole
+        // A part is not taken for the whole, nor committed by who needs memory for another attempt.
+        if (outcomeOf(destination->DestroyElement(newName)) != S_OK)
+            status = part_ = STG_E_WRITEFAULT;
     }
     return status;
 }
@@ -243,7 +245,7 @@ HRESULT SZipStorage::Copying::finish() {
                          level.source->path_.GetString());
         levels_.pop_back();
     }
-    return first_;
+    return part_ != S_OK ? part_ : first_;
 }
 
 HRESULT SZipStorage::CopyTo(DWORD excludedCount, const IID* excludedIids, SNB excludedNames,

@@ -27,6 +27,9 @@ struct Platform {
     /// Returns 0 or the system's error code.
     DWORD (*probeForWriting)(const wchar_t* path);
     decltype(&::CreateFileW) createFile;
+    decltype(&::GetFileAttributesW) getAttributes;
+    decltype(&::GetFileInformationByHandle) getFileInformation;
+    decltype(&::SetFileInformationByHandle) setFileInformation;
     decltype(&::GetFileSizeEx) getFileSize;
     decltype(&::GetFileTime) getFileTime;
     decltype(&::ReadFile) readFile;

@@ -1,5 +1,6 @@
 // Strings in Win32 files.
 
+#include "base/platform.h"
 #include "io/string_bytes.h"
 
 #include <vexel/strings.h>
@@ -16,15 +17,19 @@ namespace {
 
 std::size_t readFile(void* file, void* buffer, std::size_t count) {
     DWORD done = 0;
-    if (!ReadFile(file, buffer, static_cast<DWORD>(count), &done, nullptr))
+    if (!Vexel::Detail::platform().readFile(file, buffer, static_cast<DWORD>(count), &done, nullptr))
         throwLastError();
+    if (done > count)
+        AfxThrowFileException(CFileException::genericException, ERROR_IO_DEVICE);
     return done;
 }
 
 void writeFile(void* file, const void* buffer, std::uint32_t count) {
     DWORD done = 0;
-    if (!WriteFile(file, buffer, count, &done, nullptr))
+    if (!Vexel::Detail::platform().writeFile(file, buffer, count, &done, nullptr))
         throwLastError();
+    if (done != count) // as the framework's own files have it
+        AfxThrowFileException(CFileException::diskFull, ERROR_DISK_FULL);
 }
 
 } // namespace

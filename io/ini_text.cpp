@@ -49,8 +49,13 @@ std::wstring_view parseHeader(std::wstring_view line) noexcept {
     return line.back() == L']' ? line.substr(1, line.size() - 2) : std::wstring_view();
 }
 
-/// False for a line that is none of a settings file's, and when the end was not reached.
-bool parse(TextFileReadStream& stream, IniFile& file) {
+enum class Parsed {
+    Whole,
+    Refused,  ///< a line is none of a settings file's
+    CutShort, ///< the end was not reached
+};
+
+Parsed parse(TextFileReadStream& stream, IniFile& file) {
     IniFileSection* section = nullptr;
     CStringW text;
     while (stream.ReadString(text)) {
@@ -60,17 +65,17 @@ bool parse(TextFileReadStream& stream, IniFile& file) {
         if (line.front() == L'[') {
             const std::wstring_view name = parseHeader(line);
             if (name.empty())
-                return false;
+                return Parsed::Refused;
             section = &file.GetOrCreateSection(name);
             continue;
         }
         const std::optional<Entry> entry = parseEntry(line);
         if (!entry || !section)
-            return false;
+            return Parsed::Refused;
         if (entry->value.find(L'\n') == std::wstring_view::npos)
             section->SetString(entry->key, stringOf(entry->value));
     }
-    return stream.GetPosition() == stream.GetLength();
+    return stream.GetPosition() == stream.GetLength() ? Parsed::Whole : Parsed::CutShort;
 }
 
 /// Waits for a moment where someone is saving the file.
@@ -90,7 +95,8 @@ bool parseOtherwise(const wchar_t* path, IniFile& file) {
                                         TextEncoding::Utf32BE, TextEncoding::Utf8}) {
         TextFileReadStream stream;
         IniFile read;
-        if (open(stream, path, encoding) && parse(stream, read) && !stream.HasReplaced() && !read.IsEmpty()) {
+        if (open(stream, path, encoding) && parse(stream, read) == Parsed::Whole && !stream.HasReplaced() &&
+            !read.IsEmpty()) {
             file = std::move(read);
             return true;
         }
@@ -108,10 +114,13 @@ unsigned long IniFile::load(const wchar_t* path) {
     if (!open(stream, path, TextEncoding::Detect))
         return stream.GetLastErrorCode();
     IniFile read;
-    if (parse(stream, read))
-        read.hasReplaced_ = stream.HasReplaced();
-    else if (stream.GetLastErrorCode())
+    const Parsed parsed = parse(stream, read);
+    if (stream.GetLastErrorCode())
         return stream.GetLastErrorCode();
+    if (parsed == Parsed::CutShort) // not to be taken for a file without the rest, and saved as one
+        return ERROR_READ_FAULT;
+    if (parsed == Parsed::Whole)
+        read.hasReplaced_ = stream.HasReplaced();
     else if (read = IniFile(); !parseOtherwise(path, read))
         return ERROR_INVALID_DATA;
     *this = std::move(read);

@@ -1,12 +1,18 @@
 // Every call that fails leaves the system's error for GetLastErrorCode; a later success does not clear it, so
 // that a caller may look once at the end.
 
+#include "base/last_error.h"
+#include "base/platform.h"
+
 #include <vexel/files.h>
 
 #include <algorithm>
 #include <utility>
 
 namespace vxio {
+
+using Vexel::Detail::lastError;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -47,14 +53,22 @@ DWORD shareFlags(FileStreamProtectedType protection) noexcept {
     }
 }
 
-/// Moves `count` bytes in calls that the system can take.
+/// Moves `count` bytes in calls that the system can take. To have moved more than was asked for is a failure,
+/// and so is to have moved nothing where `nothing` names an error.
 template <class Move>
-unsigned long long moveAll(unsigned long long count, const Move& move) noexcept {
+unsigned long long moveAll(unsigned long long count, DWORD nothing, DWORD& error, const Move& move) noexcept {
     constexpr unsigned long long kLargest = 1ULL << 30;
     unsigned long long done = 0;
     while (done < count) {
+        const auto size = static_cast<DWORD>((std::min)(count - done, kLargest));
         DWORD moved = 0;
-        if (!move(done, static_cast<DWORD>((std::min)(count - done, kLargest)), moved) || moved == 0)
+        if (!move(done, size, moved))
+            break;
+        if (moved > size)
+            error = ERROR_IO_DEVICE;
+        else if (moved == 0 && nothing != ERROR_SUCCESS)
+            error = nothing;
+        if (moved == 0 || moved > size)
             break;
         done += moved;
     }
@@ -77,7 +91,7 @@ SimpleFile::~SimpleFile() { Close(); }
 
 bool SimpleFile::check(bool done) const noexcept {
     if (!done)
-        error_ = handle_ ? GetLastError() : ERROR_INVALID_HANDLE;
+        error_ = handle_ ? lastError() : ERROR_INVALID_HANDLE;
     return done;
 }
 
@@ -89,10 +103,10 @@ bool SimpleFile::Open(const wchar_t* path, FileAccess access, FileCreation creat
         error_ = ERROR_INVALID_PARAMETER;
         return false;
     }
-    const HANDLE opened = CreateFileW(path, accessFlags(access), shareFlags(protection), nullptr,
-                                      creationFlag(creation), FILE_ATTRIBUTE_NORMAL, nullptr);
+    const HANDLE opened = platform().createFile(path, accessFlags(access), shareFlags(protection), nullptr,
+                                                creationFlag(creation), FILE_ATTRIBUTE_NORMAL, nullptr);
     if (opened == INVALID_HANDLE_VALUE) {
-        error_ = GetLastError();
+        error_ = lastError();
         return false;
     }
     handle_ = opened;
@@ -105,15 +119,16 @@ void SimpleFile::Close() noexcept {
 }
 
 unsigned long long SimpleFile::Read(void* buffer, unsigned long long count) noexcept {
-    return moveAll(count, [&](unsigned long long at, DWORD size, DWORD& moved) {
-        return check(handle_ && ReadFile(handle_, static_cast<char*>(buffer) + at, size, &moved, nullptr));
+    return moveAll(count, ERROR_SUCCESS, error_, [&](unsigned long long at, DWORD size, DWORD& moved) {
+        return check(handle_ &&
+                     platform().readFile(handle_, static_cast<char*>(buffer) + at, size, &moved, nullptr));
     });
 }
 
 unsigned long long SimpleFile::Write(const void* buffer, unsigned long long count) noexcept {
-    return moveAll(count, [&](unsigned long long at, DWORD size, DWORD& moved) {
-        return check(handle_ &&
-                     WriteFile(handle_, static_cast<const char*>(buffer) + at, size, &moved, nullptr));
+    return moveAll(count, ERROR_DISK_FULL, error_, [&](unsigned long long at, DWORD size, DWORD& moved) {
+        return check(handle_ && platform().writeFile(handle_, static_cast<const char*>(buffer) + at, size,
+                                                     &moved, nullptr));
     });
 }
 
@@ -121,7 +136,7 @@ bool SimpleFile::Seek(long long offset, DWORD origin, unsigned long long* positi
     LARGE_INTEGER distance{};
     distance.QuadPart = offset;
     LARGE_INTEGER reached{};
-    if (!check(handle_ && SetFilePointerEx(handle_, distance, &reached, origin)))
+    if (!check(handle_ && platform().setPosition(handle_, distance, &reached, origin)))
         return false;
     if (position)
         *position = static_cast<unsigned long long>(reached.QuadPart);
@@ -130,14 +145,14 @@ bool SimpleFile::Seek(long long offset, DWORD origin, unsigned long long* positi
 
 unsigned long long SimpleFile::GetPosition() const noexcept {
     LARGE_INTEGER reached{};
-    return check(handle_ && SetFilePointerEx(handle_, {}, &reached, FILE_CURRENT))
+    return check(handle_ && platform().setPosition(handle_, {}, &reached, FILE_CURRENT))
                ? static_cast<unsigned long long>(reached.QuadPart)
                : 0;
 }
 
 unsigned long long SimpleFile::GetLength() const noexcept {
     LARGE_INTEGER length{};
-    return check(handle_ && GetFileSizeEx(handle_, &length))
+    return check(handle_ && platform().getFileSize(handle_, &length))
                ? static_cast<unsigned long long>(length.QuadPart)
                : 0;
 }
@@ -146,9 +161,9 @@ unsigned long long SimpleFile::GetLength() const noexcept {
 bool SimpleFile::SetLength(unsigned long long length) noexcept {
     FILE_END_OF_FILE_INFO end{};
     end.EndOfFile.QuadPart = static_cast<long long>(length);
-    return check(handle_ && SetFileInformationByHandle(handle_, FileEndOfFileInfo, &end, sizeof end));
+    return check(handle_ && platform().setFileInformation(handle_, FileEndOfFileInfo, &end, sizeof end));
 }
 
-bool SimpleFile::Flush() noexcept { return check(handle_ && FlushFileBuffers(handle_)); }
+bool SimpleFile::Flush() noexcept { return check(handle_ && platform().flushFile(handle_)); }
 
 } // namespace vxio

@@ -5,6 +5,9 @@
 
 #include "io/whole_file.h"
 
+#include "base/last_error.h"
+#include "base/platform.h"
+
 #include <vexel/files.h>
 
 #include <atomic>
@@ -32,7 +35,7 @@ struct Target {
 /// may be written: replacing it would go by the rights on its folder.
 Target lookAt(const wchar_t* path) {
     Target target;
-    target.attributes = GetFileAttributesW(path);
+    target.attributes = platform().getAttributes(path);
     if (target.attributes != INVALID_FILE_ATTRIBUTES &&
         (target.attributes & (FILE_ATTRIBUTE_READONLY | FILE_ATTRIBUTE_DIRECTORY))) {
         target.error = ERROR_WRITE_PROTECT; // replacing it would not ask
@@ -46,7 +49,7 @@ Target lookAt(const wchar_t* path) {
     }
     BY_HANDLE_FILE_INFORMATION information{};
     target.mayBeReplaced = GetFileType(file.GetHandle()) == FILE_TYPE_DISK &&
-                           GetFileInformationByHandle(file.GetHandle(), &information) &&
+                           platform().getFileInformation(file.GetHandle(), &information) &&
                            information.nNumberOfLinks == 1 &&
                            !(target.attributes & (FILE_ATTRIBUTE_REPARSE_POINT | FILE_ATTRIBUTE_ENCRYPTED));
     return target;
@@ -76,6 +79,9 @@ public:
     FileBeside& operator=(const FileBeside&) = delete;
     ~FileBeside() { remove(); }
 
+    /// What went wrong when it was filled; 0 also when it could not even be made.
+    DWORD fillingError() const noexcept { return fillingError_; }
+
     /// Once; false for good when it cannot be made.
     bool make(Bytes contents) {
         if (!isTried_)
@@ -88,9 +94,9 @@ public:
         constexpr DWORD kKept = FILE_ATTRIBUTE_HIDDEN | FILE_ATTRIBUTE_SYSTEM | FILE_ATTRIBUTE_ARCHIVE |
                                 FILE_ATTRIBUTE_NOT_CONTENT_INDEXED;
         if (attributes != INVALID_FILE_ATTRIBUTES)
-            SetFileAttributesW(path_.c_str(),
-                               attributes & kKept ? attributes & kKept : FILE_ATTRIBUTE_NORMAL);
-        if (!MoveFileExW(path_.c_str(), path, MOVEFILE_REPLACE_EXISTING))
+            platform().setAttributes(path_.c_str(),
+                                     attributes & kKept ? attributes & kKept : FILE_ATTRIBUTE_NORMAL);
+        if (!platform().moveFile(path_.c_str(), path, MOVEFILE_REPLACE_EXISTING))
             return false;
         path_.clear();
         return true;
@@ -114,6 +120,8 @@ private:
     bool fill(Bytes contents) {
         const bool isFilled =
             file_.Write(contents.data(), contents.size()) == contents.size() && file_.Flush();
+        if (!isFilled)
+            fillingError_ = file_.GetLastErrorCode();
         file_.Close();
         if (!isFilled)
             remove();
@@ -123,13 +131,14 @@ private:
     void remove() noexcept {
         file_.Close();
         if (!path_.empty())
-            DeleteFileW(path_.c_str());
+            platform().deleteFile(path_.c_str());
         path_.clear();
     }
 
     std::wstring folder_;
     std::wstring path_; // of what is to go
     SimpleFile file_;
+    DWORD fillingError_ = 0;
     bool isTried_ = false;
     bool isMade_ = false;
 };
@@ -171,6 +180,9 @@ WholeFile writeWholeFile(const wchar_t* path, Bytes contents, DWORD& error) {
             const bool isBeside = target.mayBeReplaced && beside.make(contents);
             if (isBeside && beside.replace(path, target.attributes))
                 return WholeFile::Written;
+            error = beside.fillingError();
+            if (error != ERROR_SUCCESS) // which the old contents would not survive
+                return WholeFile::Failed;
             error = ERROR_SHARING_VIOLATION;
             if (!isBeside || attempt >= kReplacements)
                 if (const WholeFile result = overwrite(path, contents, error); result != WholeFile::NotOpened)

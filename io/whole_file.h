@@ -14,9 +14,10 @@ enum class WholeFile {
 };
 
 /// Writes a file beside the old one, by a name of its own, and puts it in its place with the old one's
-/// attributes. Where that cannot be done (the folder takes no file, a reader holds the old one, it is a link,
-/// has several names, is encrypted or no file of a disk) the contents are written into the old one. Waits, up
-/// to a second, for others that do the same at the time. `error` is the system's code. Throws std::bad_alloc.
+/// attributes. When it can be made but not filled, the old one stays. Where that cannot be done (the folder
+/// takes no file, a reader holds the old one, it is a link, has several names, is encrypted or no file of a
+/// disk) the contents are written into the old one. Waits, up to a second, for others that do the same at the
+/// time. `error` is the system's code. Throws std::bad_alloc.
 WholeFile writeWholeFile(const wchar_t* path, Bytes contents, DWORD& error);
 
 } // namespace Vexel::Detail

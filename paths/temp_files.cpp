@@ -1,4 +1,5 @@
 #include "base/handles.h"
+#include "base/last_error.h"
 #include "base/platform.h"
 #include "base/process_end.h"
 #include "paths/temp_names.h"
@@ -27,6 +28,7 @@
 using Vexel::Detail::FailureNote;
 using Vexel::Detail::FileHandle;
 using Vexel::Detail::isProcessEnding;
+using Vexel::Detail::lastError;
 using Vexel::Detail::platform;
 using Vexel::Detail::TempRecord;
 using Vexel::Detail::TempRecords;
@@ -298,7 +300,7 @@ SharedPathName TempFileContainer::insertCopy(const wchar_t* source, const wchar_
     SharedPathName target = insert(prefix, extension, holdHandle, userFlag);
     VxLog_WriteW(VxLog_Notice, L"Copying file \"%ls\" to \"%ls\"...", source, target.asString());
     if (!platform().copyFile(source, target.asString(), FALSE)) {
-        const DWORD code = GetLastError();
+        const DWORD code = lastError();
         report(code);
         VxLog_WriteW(VxLog_Error, L"Failed to copy file \"%ls\" to \"%ls\": 0x%08x", source,
                      target.asString(), code);

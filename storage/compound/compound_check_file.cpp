@@ -3,6 +3,7 @@
 // as contradictions.
 
 #include "base/handles.h"
+#include "base/platform.h"
 #include "storage/compound/compound_check.h"
 
 #include <vexel/diagnostics.h>
@@ -23,8 +24,8 @@ constexpr int kLooks = 4;
 constexpr DWORD kMillisecondsBetweenLooks = 20;
 
 FileHandle openFile(const wchar_t* path, DWORD share) noexcept {
-    return FileHandle(
-        CreateFileW(path, GENERIC_READ, share, nullptr, OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
+    return FileHandle(platform().createFile(path, GENERIC_READ, share, nullptr, OPEN_EXISTING,
+                                            FILE_FLAG_RANDOM_ACCESS, nullptr));
 }
 
 class FileSource final : public CompoundSource {
@@ -33,7 +34,7 @@ public:
 
     static std::optional<std::uint64_t> sizeOf(const FileHandle& file) noexcept {
         LARGE_INTEGER size;
-        if (!GetFileSizeEx(file.get(), &size))
+        if (!platform().getFileSize(file.get(), &size))
             return std::nullopt;
         return static_cast<std::uint64_t>(size.QuadPart);
     }
@@ -45,10 +46,12 @@ public:
         position.Offset = static_cast<DWORD>(offset);
         position.OffsetHigh = static_cast<DWORD>(offset >> 32);
         DWORD done = 0;
-        if (!ReadFile(file_.get(), target.data(), static_cast<DWORD>(target.size()), &done, &position) &&
+        if (!platform().readFile(file_.get(), target.data(), static_cast<DWORD>(target.size()), &done,
+                                 &position) &&
             GetLastError() != ERROR_HANDLE_EOF)
             failed_ = true;
-        return done;
+        failed_ |= done > target.size();
+        return (std::min)(std::size_t{done}, target.size());
     }
 
     /// Whether a read failed for another reason than the end of the file.

@@ -153,7 +153,7 @@ bool VxCompoundStorage::getFileTimes(FILETIME* created, FILETIME* modified, FILE
                                                  OPEN_EXISTING, FILE_ATTRIBUTE_NORMAL, nullptr));
         return file ? S_OK : Vexel::Detail::storageStatus(GetLastError());
     });
-    return file && GetFileTime(file.get(), created, accessed, modified);
+    return file && Vexel::Detail::platform().getFileTime(file.get(), created, accessed, modified);
 }
 
 std::unique_ptr<VxStorage> VxCompoundStorage::newChildStorage(const SharedPathName& name) {

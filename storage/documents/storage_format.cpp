@@ -3,6 +3,7 @@
 
 #include "base/handles.h"
 #include "base/last_error.h"
+#include "base/platform.h"
 
 #include <vexel/storage.h>
 
@@ -11,6 +12,7 @@
 #include <system_error>
 
 using Vexel::Detail::FileHandle;
+using Vexel::Detail::platform;
 
 namespace {
 
@@ -33,13 +35,13 @@ StorageFormat formatOf(const Signature& start, std::size_t count) noexcept {
 std::optional<StorageFormat> StorageRef::getFormat(const wchar_t* path) {
     if (!path || !*path)
         return std::nullopt;
-    const FileHandle file(CreateFileW(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE, nullptr,
-                                      OPEN_EXISTING, 0, nullptr));
+    const FileHandle file(platform().createFile(path, GENERIC_READ, FILE_SHARE_READ | FILE_SHARE_WRITE,
+                                                nullptr, OPEN_EXISTING, 0, nullptr));
     if (!file)
         return std::nullopt;
     Signature start{};
     DWORD read = 0;
-    if (!ReadFile(file.get(), start.data(), static_cast<DWORD>(start.size()), &read, nullptr))
+    if (!platform().readFile(file.get(), start.data(), static_cast<DWORD>(start.size()), &read, nullptr))
         throw std::system_error(static_cast<int>(Vexel::Detail::lastError()), std::system_category());
     return formatOf(start, read);
 }

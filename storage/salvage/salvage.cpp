@@ -5,7 +5,10 @@
 
 #include <vexel/salvage.h>
 
+#include <algorithm>
 #include <array>
+#include <cstdint>
+#include <limits>
 #include <new>
 
 namespace Vexel {
@@ -14,7 +17,29 @@ namespace {
 
 using namespace Detail::Salvage;
 
-/// The caller's source for readers of compound files.
+/// The caller's source with one size, however the file grows or shrinks meanwhile, with nothing behind that,
+/// and with no read that has more bytes than it was asked for: tables are as large as the size says.
+class BoundedSource final : public SalvageSource {
+public:
+    explicit BoundedSource(SalvageSource& source) noexcept : source_(source), size_(source.size()) {
+        if (size_ > static_cast<std::uint64_t>((std::numeric_limits<std::int64_t>::max)()))
+            size_ = 0; // somebody's -1, and going through so much would never end
+    }
+
+    std::uint64_t size() const noexcept override { return size_; }
+    std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
+        const std::uint64_t rest = size_ - (std::min)(size_, offset);
+        const std::span<std::byte> room = target.first((std::min<std::uint64_t>)(rest, target.size()));
+        const std::size_t count = room.empty() ? 0 : source_.read(offset, room);
+        return count <= room.size() ? count : 0;
+    }
+
+private:
+    SalvageSource& source_;
+    std::uint64_t size_;
+};
+
+/// A source for readers of compound files.
 class SourceAdapter final : public Detail::CompoundSource {
 public:
     explicit SourceAdapter(SalvageSource& source) noexcept : source_(source) {}
@@ -47,7 +72,8 @@ void run(SalvageSource& source, Output& output) {
 SalvageOutcome salvage(SalvageSource& source, SalvageObserver& observer) noexcept {
     try {
         Output output(observer);
-        run(source, output);
+        BoundedSource bounded(source);
+        run(bounded, output);
         return output.outcome();
     } catch (const Ended&) {
         return SalvageOutcome::Ended;

@@ -1,6 +1,6 @@
-// Saves and reloads during which a call to the system or an allocation fails: first the first one, then the
-// second, and so on until nothing fails any more, once each and from there on for good. Whatever happens, the
-// file on the disk is the old one, byte for byte, or the new one, and the archive in memory can be saved.
+// Saves and reloads of which a part fails. Whatever happens, the file on the disk is the old one, byte for
+// byte, or the new one, and the archive in memory can be saved. (That every call and every allocation may
+// fail is held in faults_test.)
 
 #include "archive/engine_outputs.h"
 #include "archive_fixture.h"
@@ -9,8 +9,6 @@
 #include "support/scarce_memory.h"
 
 #include <filesystem>
-#include <functional>
-#include <thread>
 
 using namespace std::string_view_literals;
 using namespace Support;
@@ -22,80 +20,39 @@ constexpr std::size_t kLarge = 60'000;
 /// Bytes to pack that a save has another thread for, on more than one processor.
 constexpr std::size_t kWorthAThread = 70'000;
 
-/// Made by us, or by other programs.
-constexpr const wchar_t* kOurs = L"";
-constexpr const wchar_t* kSolid = L"solid-without-directories.7z";
-constexpr const wchar_t* kSolidWithAntiItems = L"solid-with-anti-items.7z";
-
-/// "empty" and "d/b.txt" are in all of them, the latter in a folder with others where these are shared.
-struct Change {
-    const char* name;
-    HRESULT (*apply)(SZipArchive& archive);
-};
-const Change kChanges[] = {
-    {"change", [](SZipArchive& a) { return writeItem(a, L"empty", "changed"); }},
-    {"remove", [](SZipArchive& a) { return a.remove(L"d/b.txt"sv); }},
-    {"move", [](SZipArchive& a) { return a.move(L"d/b.txt"sv, L"moved"sv); }},
-    {"replace",
-     [](SZipArchive& a) {
-         const HRESULT status = a.remove(L"d/b.txt"sv);
-         return status == S_OK ? writeItem(a, L"e", "new") : status;
-     }},
-    {"copy",
-     [](SZipArchive& a) {
-         SZipArchive other(L"", false, true);
-         writeItem(other, L"x", std::string(kWorthAThread, 'x'));
-         return a.addItem(other, L"x"sv, L"copied");
-     }},
-    {"all",
-     [](SZipArchive& a) {
-         for (const unsigned i : {0U, 1U, 4U})
-             if (const HRESULT status = kChanges[i].apply(a); status != S_OK)
-                 return status;
-         return a.move(L"empty"sv, L"moved"sv);
-     }},
-};
+/// Of all kinds.
+HRESULT change(SZipArchive& archive) {
+    SZipArchive other(L"", false, true);
+    writeItem(other, L"x", std::string(kWorthAThread, 'x'));
+    for (const HRESULT status :
+         {writeItem(archive, L"empty", "changed"), archive.remove(L"d/b.txt"sv),
+          archive.addItem(other, L"x"sv, L"copied"), archive.move(L"empty"sv, L"moved"sv)})
+        if (status != S_OK)
+            return status;
+    return S_OK;
+}
 
 class SaveFaults : public Support::ArchiveTest {
 protected:
     void SetUp() override {
         ArchiveTest::SetUp();
         Vexel::Detail::platform().flushFile = [](HANDLE) -> BOOL { return TRUE; }; // takes most of the time
-        use(kOurs);
+        make({{L"empty", ""},
+              {L"d", kDirectory},
+              {L"d/a.txt", "first"},
+              {L"d/b.txt", noise(50'000)},
+              {L"f", noise(kLarge)}},
+             model_);
+        oldBytes_ = readFile(model_);
+        SZipArchive archive = changed();
+        new_ = saved(archive);
     }
 
-    void use(const wchar_t* sample) {
-        DeleteFileW(model_.c_str());
-        if (sample != kOurs)
-            std::filesystem::copy_file(Support::samplePath(sample), model_);
-        else
-            make({{L"empty", ""},
-                  {L"d", kDirectory},
-                  {L"d/a.txt", "first"},
-                  {L"d/b.txt", noise(50'000)},
-                  {L"f", noise(kLarge)}},
-                 model_);
-        oldBytes_ = readFile(model_);
-        expect(kChanges[5]);
-    }
-    /// What the change comes to when nothing fails.
-    void expect(const Change& change) {
-        static unsigned started;
-        started = 0;
-        const PlatformGuard guard;
-        Vexel::Detail::platform().startThread = [](const std::function<void()>& body) {
-            ++started;
-            return std::thread(body);
-        };
-        SZipArchive archive = changed(change);
-        new_ = saved(archive);
-        EXPECT_EQ(started > 0, &change == &kChanges[5] && std::thread::hardware_concurrency() > 1);
-    }
     /// The old file, changed in memory.
-    SZipArchive changed(const Change& change = kChanges[5]) const {
+    SZipArchive changed() const {
         EXPECT_TRUE(CopyFileW(model_.c_str(), archivePath.c_str(), FALSE));
         SZipArchive archive = open();
-        EXPECT_EQ(change.apply(archive), S_OK);
+        EXPECT_EQ(change(archive), S_OK);
         return archive;
     }
 
@@ -123,72 +80,6 @@ protected:
 };
 
 using ScarceMemory = SaveFaults;
-
-struct Fault {
-    const char* name;
-    ArchiveFaults::Call call;
-    DWORD error;
-    bool isAfterwards; ///< whether there are such calls after the file was replaced
-};
-const Fault kFaults[] = {
-    {"create", ArchiveFaults::Create, ERROR_ACCESS_DENIED, true},
-    {"size", ArchiveFaults::Size, ERROR_IO_DEVICE, true},
-    {"read", ArchiveFaults::Read, ERROR_CRC, true},
-    {"write", ArchiveFaults::Write, ERROR_DISK_FULL, false},
-    {"position", ArchiveFaults::Position, ERROR_SEEK, true},
-    {"flush", ArchiveFaults::Flush, ERROR_WRITE_FAULT, false},
-    {"move", ArchiveFaults::Move, ERROR_SHARING_VIOLATION, false},
-};
-
-class SweptSaves : public SaveFaults {
-protected:
-    /// False when there is no call that could fail any more.
-    bool sweep(const Change& change, const Fault& fault, ArchiveFaults::Form form, unsigned n, bool forGood) {
-        SCOPED_TRACE(std::string(change.name) + ": " + fault.name + ", form " + std::to_string(form) +
-                     (forGood ? ", from call " : ", only call ") + std::to_string(n));
-        SZipArchive archive = changed(change);
-        ArchiveFaults::arm(fault.call, fault.error, n, forGood, form);
-        const HRESULT status = archive.save(false);
-        const bool hit = ArchiveFaults::disarm();
-        const auto expected =
-            static_cast<HRESULT>(form == ArchiveFaults::NoError ? 0x80030000 : 0x80030000 | fault.error);
-        // A call that is repeated may fail once without harm, and a file without a size is no archive.
-        const bool isKnown = form <= ArchiveFaults::NoError && fault.call != ArchiveFaults::Size;
-        EXPECT_TRUE(!hit || !forGood || !isKnown || status == expected) << std::hex << status;
-        EXPECT_TRUE(status == S_OK || (hit && form != ArchiveFaults::Short)) << std::hex << status;
-        verifySaved(archive, status, fault.isAfterwards);
-        return hit;
-    }
-    static bool isSwept(const Change& change, const Fault& fault, ArchiveFaults::Form form, bool forGood) {
-        if (&change != &kChanges[5]) // which meets no other calls than all together
-            return form == ArchiveFaults::Error && forGood;
-        return form <= ArchiveFaults::NoError || fault.call == ArchiveFaults::Read ||
-               fault.call == ArchiveFaults::Write;
-    }
-};
-
-TEST_F(SweptSaves, NoFailingCallCostsADocument) {
-    constexpr ArchiveFaults::Form kForms[] = {ArchiveFaults::Error, ArchiveFaults::NoError,
-                                              ArchiveFaults::Short, ArchiveFaults::Nothing};
-    for (const wchar_t* sample : {kOurs, kSolid, kSolidWithAntiItems}) {
-        SCOPED_TRACE(testing::PrintToString(std::wstring(sample)));
-        use(sample);
-        for (const Change& change : kChanges) {
-            expect(change);
-            for (const Fault& fault : kFaults)
-                for (const auto form : kForms)
-                    for (const bool forGood : {true, false}) {
-                        if (!isSwept(change, fault, form, forGood))
-                            continue;
-                        const unsigned faults =
-                            sweepFaults([&](unsigned n) { return sweep(change, fault, form, n, forGood); });
-                        EXPECT_GT(faults, 0U) << fault.name << " never occurs";
-                    }
-            if (HasFailure())
-                return;
-        }
-    }
-}
 
 // The engine never cuts what it writes, but may.
 TEST_F(SaveFaults, ACutThatFailsFailsTheFile) {
@@ -219,28 +110,6 @@ TEST_F(SaveFaults, ATemporaryThatCannotBeDeletedDoesNoHarm) {
     EXPECT_EQ(archive.save(false), STG_E_ACCESSDENIED);
     ArchiveFaults::disarm();
     verifySaved(archive, STG_E_ACCESSDENIED, false, false);
-}
-
-TEST_F(ScarceMemory, NeverCostsADocument) {
-    for (const wchar_t* sample : {kOurs, kSolid}) {
-        SCOPED_TRACE(testing::PrintToString(std::wstring(sample)));
-        use(sample);
-        for (const bool forGood : {false, true}) {
-            const auto save = [&](unsigned n) {
-                SCOPED_TRACE((forGood ? "from allocation " : "only allocation ") + std::to_string(n));
-                SZipArchive archive = changed();
-                HRESULT status = S_OK;
-                const bool hit = WithFailingAllocation(
-                    n, [&] { status = archive.save(false); }, forGood);
-                // Without memory to read ahead, the file is read piece by piece.
-                EXPECT_TRUE(status == STG_E_INSUFFICIENTMEMORY || (status == S_OK && !(hit && forGood)))
-                    << std::hex << status;
-                verifySaved(archive, status);
-                return hit;
-            };
-            sweepFaults(save, forGood || sample != kOurs ? 7 : 1); // there are hundreds of places
-        }
-    }
 }
 
 TEST_F(ScarceMemory, AFailedReloadKeepsWhatIsInMemory) {

@@ -96,6 +96,16 @@ void save() {
     document.commit();
 }
 
+/// Of a compound file into a new package.
+void copy() {
+    thread_local const SharedPathName kPath = inFolder(L"copied" + std::to_wstring(++threads));
+    StorageRef from, to;
+    from.open(inFolder(L"document.xls"), RootStorageOpenMode::ReadOnly, false);
+    to.create(kPath);
+    from.copyTo(to);
+    to.commit();
+}
+
 void name() {
     const SharedPathNameFlagsCacheBlock block;
     const SharedPathName path(L"C:\\some\\folder\\file.txt", false, false);
@@ -149,7 +159,12 @@ __declspec(dllexport) void leaveFiles(bool withThread) {
 /// a compound file "document.xls".
 __declspec(dllexport) bool beBusy(const wchar_t* activity, const wchar_t* directory) {
     static const std::map<std::wstring_view, void (*)()> kActivities = {
-        {L"threads", startThreads}, {L"log", log}, {L"open", openDocuments}, {L"save", save}, {L"name", name},
+        {L"threads", startThreads},
+        {L"log", log},
+        {L"open", openDocuments},
+        {L"save", save},
+        {L"copy", copy},
+        {L"name", name},
         {L"files", makeFiles},
     };
     folder = directory;

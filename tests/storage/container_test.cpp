@@ -24,8 +24,11 @@ public:
     CountedSystem() {
         touched = failures = 0;
         failOpen = S_OK;
-        platform().createFile = [](auto... arguments) -> HANDLE {
-            return fails() ? INVALID_HANDLE_VALUE : kReal.createFile(arguments...);
+        platform().createFile = [](auto name, auto access, auto share, auto security, auto how, DWORD flags,
+                                   auto model) -> HANDLE {
+            const bool isLook = (flags & FILE_FLAG_RANDOM_ACCESS) != 0; // at a compound file, which may fail
+            return !isLook && fails() ? INVALID_HANDLE_VALUE
+                                      : kReal.createFile(name, access, share, security, how, flags, model);
         };
         platform().probeForWriting = [](const wchar_t* path) {
             return fails() ? DWORD{ERROR_TOO_MANY_OPEN_FILES} : kReal.probeForWriting(path);

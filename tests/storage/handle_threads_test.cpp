@@ -1,9 +1,13 @@
 // Handles on shared roots from many threads: opened by path in every mode, made writable, read, written,
 // listed, committed, copied and cleaned up at once. Whatever one thread does, the calls of the others succeed
-// and deliver the right bytes.
+// and deliver the right bytes. Then the same kinds of calls while memory and file handles run out at random:
+// they fail for want of those and of nothing else, no document loses what was committed, and in the end
+// everything is given back.
 //
-// VEXEL_TEST_SECONDS sets how long it runs.
+// VEXEL_TEST_SECONDS sets how long each of the two runs.
 
+#include "base/status_guard.h"
+#include "support/fault_driver.h"
 #include "support/storage_test.h"
 #include "support/streams.h"
 
@@ -11,8 +15,10 @@
 #include <atomic>
 #include <chrono>
 #include <cstdlib>
+#include <iostream>
 #include <mutex>
 #include <optional>
+#include <random>
 #include <thread>
 
 using namespace Support;
@@ -202,6 +208,190 @@ TEST_P(Threads, ShareRoots) {
             readEditions();
     }
 }
+
+/// Memory and file handles that run out now and then, on threads that work.
+class Scarcity {
+public:
+    static inline std::atomic<unsigned> shortages{0};
+
+    Scarcity() {
+        Vexel::Detail::Platform& calls = Vexel::Detail::platform();
+        real = calls;
+        calls.createFile = [](auto... arguments) -> HANDLE {
+            if (!strikes())
+                return real.createFile(arguments...);
+            SetLastError(ERROR_TOO_MANY_OPEN_FILES);
+            return INVALID_HANDLE_VALUE;
+        };
+        calls.openStorage = [](auto... arguments) -> HRESULT {
+            return strikes() ? STG_E_TOOMANYOPENFILES : real.openStorage(arguments...);
+        };
+        calls.reallocate = [](void* block, unsigned long long bytes) noexcept {
+            return strikes() ? nullptr : real.reallocate(block, bytes);
+        };
+        calls.commitPages = [](unsigned long long bytes) noexcept {
+            return strikes() ? nullptr : real.commitPages(bytes);
+        };
+    }
+    Scarcity(const Scarcity&) = delete;
+    Scarcity& operator=(const Scarcity&) = delete;
+    ~Scarcity() {
+        FailAllocationsElsewhere(0);
+        Vexel::Detail::platform() = real;
+    }
+
+private:
+    static bool strikes() {
+        thread_local std::minstd_rand random(GetCurrentThreadId());
+        if (random() % 20 == 0)
+            FailAllocationsElsewhere(1); // operator new's next one, whose thread ever that is
+        return random() % 25 == 0 && ++shortages > 0;
+    }
+    static inline Vexel::Detail::Platform real;
+};
+
+class ScarceThreads : public Threads {
+protected:
+    /// A thread's own document: the edition in its file, and the one that may be there instead, when the
+    /// commit has failed that was to bring it.
+    struct Own {
+        int edition = 0, other = 0;
+    };
+
+    static std::string contentsOf(int number, int edition) {
+        return pattern(std::to_wstring(number * 1000 + edition % 997),
+                       3000 + static_cast<size_t>(edition) % 100);
+    }
+    SharedPathName own(int number) const { return file(numbered(L"own", number).c_str()); }
+
+    /// S_OK, or why something was not done; what is wrong otherwise is noted.
+    long expect(long status, const char* what) {
+        static constexpr long kWants[] = {STG_E_TOOMANYOPENFILES,
+                                          STG_E_INSUFFICIENTMEMORY,
+                                          HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES),
+                                          HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY),
+                                          STG_E_REVERTED,          // an element whose replacement failed
+                                          STG_E_INVALIDPARAMETER}; // what could not be opened again
+        check(status == S_OK || std::ranges::find(kWants, status) != std::end(kWants), what, status);
+        return status;
+    }
+    /// The contents of "Work/Own"; nothing if they cannot be had.
+    std::optional<std::string> contentsIn(const StorageRef& root) {
+        StorageRef work;
+        StreamRef stream;
+        if (expect(work.open(L"Work", root, true), "open a storage") != S_OK ||
+            expect(stream.open(L"Own", work, true), "open a stream") != S_OK)
+            return std::nullopt;
+        std::string bytes(4000, '\0');
+        unsigned long done = 0;
+        if (expect(stream.read(bytes.data(), 4000, &done), "read") != S_OK)
+            return std::nullopt;
+        bytes.resize(done);
+        return bytes;
+    }
+    void verify(const StorageRef& root, int number, Own& own) {
+        const auto bytes = contentsIn(root);
+        if (!bytes)
+            return;
+        if (*bytes == contentsOf(number, own.other))
+            own.edition = own.other;
+        check(*bytes == contentsOf(number, own.edition), "a document is as it was committed");
+        own.other = own.edition;
+    }
+    void rewriteOwn(int number, Own& own, bool upgrades) {
+        StorageRef root, work;
+        if (expect(root.open(this->own(number), upgrades ? modeReadDenyWrite : modeWrite, false), "open") !=
+            S_OK)
+            return;
+        verify(root, number, own);
+        StreamRef stream;
+        const std::string bytes = contentsOf(number, own.edition + 1);
+        long status = expect(work.open(L"Work", root, false), "open for writing");
+        if (status == S_OK)
+            status = expect(stream.create(L"Own", work), "make a stream");
+        unsigned long done = 0;
+        if (status == S_OK)
+            status =
+                expect(stream.write(bytes.data(), static_cast<unsigned long>(bytes.size()), &done), "write");
+        stream.close();
+        if (status != S_OK)
+            return;
+        own.other = own.edition + 1;
+        if (expect(work.commit(), "commit a storage") == S_OK && expect(root.commit(), "commit") == S_OK)
+            own.edition = own.other;
+    }
+    void copyShared(int number) {
+        StorageRef source, target;
+        if (expect(source.open(file(kFiles[4]), modeRead, false), "open a source") == S_OK &&
+            expect(target.create(file(numbered(L"copy", number).c_str())), "make a package") == S_OK &&
+            expect(source.copyTo(target), "copy") == S_OK && expect(target.commit(), "commit a copy") == S_OK)
+            check(target.hasChild(element(numbered(L"Box", number)), StorageType::Storage), "find a copy");
+    }
+    /// What is not committed goes with the root, so the next step begins with the file.
+    void step(unsigned what, int number, Own& own) {
+        Vexel::Detail::withStatus([&]() -> long {
+            StorageRef root;
+            if (what < 4)
+                rewriteOwn(number, own, what % 2 != 0);
+            else if (what < 6 && expect(root.open(this->own(number), modeRead, false), "open") == S_OK)
+                verify(root, number, own);
+            else if (what == 6)
+                copyShared(number);
+            return S_OK;
+        });
+        dropUnused();
+    }
+    static void dropUnused() {
+        while (Vexel::Detail::withStatus([] { return container().deleteUnusedObjects(), S_OK; }) != S_OK)
+            ;
+    }
+};
+
+TEST_P(ScarceThreads, LoseNothing) {
+    std::array<Own, kThreadCount> all;
+    for (int i = 0; i < kThreadCount; ++i)
+        writeDocument(folder_.file(numbered(L"own", i)), GetParam(), {{L"Work/Own", contentsOf(i, 0)}});
+    const auto run = [&](auto end) {
+        std::vector<std::thread> threads;
+        for (int i = 0; i < kThreadCount; ++i)
+            threads.emplace_back([&, i] {
+                for (unsigned random = static_cast<unsigned>(i) + 1; failures_ == 0 && !end();)
+                    step((random = random * 1664525 + 1013904223) >> 29, i, all[static_cast<size_t>(i)]);
+            });
+        for (std::thread& thread : threads)
+            thread.join();
+        dropUnused();
+    };
+    std::atomic<int> warmUp = 100;
+    run([&] { return --warmUp < 0; });
+    const unsigned handles = openHandles();
+    const std::ptrdiff_t memory = LiveAllocations();
+    const VxLogSink sink = VxLog_SetSink([](int, const wchar_t*, void*) {}, nullptr, nullptr);
+    {
+        const Scarcity scarcity;
+        const auto last = std::chrono::steady_clock::now() + duration();
+        run([&] { return std::chrono::steady_clock::now() >= last; });
+    }
+    VxLog_SetSink(sink, &log_);
+    int editions = 0;
+    for (int i = 0; i < kThreadCount; ++i) {
+        Own& own = all[static_cast<size_t>(i)];
+        const std::string bytes = read(L"Own", openStorage(L"Work", openRoot(this->own(i), modeRead)));
+        EXPECT_TRUE(bytes == contentsOf(i, own.edition) || bytes == contentsOf(i, own.other)) << i;
+        editions += own.edition;
+    }
+    dropUnused();
+    std::cout << Scarcity::shortages << " shortages, " << editions << " commits\n";
+    EXPECT_GT(editions, 0);
+    EXPECT_LE(openHandles(), handles + 8);
+    EXPECT_LE(LiveAllocations(), memory + 100);
+}
+
+INSTANTIATE_TEST_SUITE_P(Both, ScarceThreads,
+                         testing::Values(StorageFormat::CompoundFile, StorageFormat::Package),
+                         [](const auto& format) {
+                             return format.param == StorageFormat::Package ? "Package" : "Compound";
+                         });
 
 INSTANTIATE_TEST_SUITE_P(Both, Threads, testing::Values(StorageFormat::CompoundFile, StorageFormat::Package),
                          [](const auto& format) {

@@ -15,21 +15,86 @@ namespace Support {
 /// How a call fails: before it does anything, when the old element is gone, or when all is done.
 enum class Fault { None, Before, Midway, After };
 
+using Draw = std::function<std::pair<Fault, HRESULT>()>;
+
+/// A stream of the system's, with failures of what reads, changes and asks it.
+class FaultyElement final : public Vexel::IUnknownImpl<::IStream> {
+public:
+    FaultyElement(::IStream* inner, const Draw& draw) : draw_(draw) { *inner_.GetAddressOf() = inner; }
+
+    STDMETHODIMP Read(void* data, ULONG size, ULONG* done) override {
+        return move(&::IStream::Read, data, size, done);
+    }
+    STDMETHODIMP Write(const void* data, ULONG size, ULONG* done) override {
+        return move(&::IStream::Write, data, size, done);
+    }
+    STDMETHODIMP Seek(LARGE_INTEGER to, DWORD origin, ULARGE_INTEGER* at) override {
+        return run([&] { return inner_->Seek(to, origin, at); });
+    }
+    STDMETHODIMP SetSize(ULARGE_INTEGER size) override {
+        return run([&] { return inner_->SetSize(size); });
+    }
+    STDMETHODIMP CopyTo(::IStream* to, ULARGE_INTEGER size, ULARGE_INTEGER* read,
+                        ULARGE_INTEGER* written) override {
+        return run([&] { return inner_->CopyTo(to, size, read, written); });
+    }
+    STDMETHODIMP Commit(DWORD flags) override {
+        return run([&] { return inner_->Commit(flags); });
+    }
+    STDMETHODIMP Stat(STATSTG* info, DWORD flags) override {
+        return run([&] { return inner_->Stat(info, flags); });
+    }
+    STDMETHODIMP Revert() override { return inner_->Revert(); }
+    STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
+    STDMETHODIMP Clone(::IStream**) override { return E_NOTIMPL; }
+
+private:
+    template <class Call>
+    HRESULT run(Call call) {
+        const auto [fault, failure] = draw_();
+        const HRESULT status = fault == Fault::None || fault == Fault::After ? call() : failure;
+        return fault == Fault::None ? status : failure;
+    }
+    /// Midway through, half of the bytes are moved.
+    template <class Call, class Data>
+    HRESULT move(Call call, Data data, ULONG size, ULONG* done) {
+        const auto [fault, failure] = draw_();
+        ULONG count = 0;
+        const ULONG moved = fault == Fault::Midway ? size / 2 : size;
+        const HRESULT status = fault == Fault::Before ? failure : (inner_.Get()->*call)(data, moved, &count);
+        if (done)
+            *done = count;
+        return fault == Fault::None || fault == Fault::Midway ? status : failure;
+    }
+
+    Microsoft::WRL::ComPtr<::IStream> inner_;
+    const Draw& draw_;
+};
+
 /// A storage of the system's, and those below it, with failures of the calls that open, make, destroy and
 /// commit.
 class FaultyStorage final : public Vexel::IUnknownImpl<IStorage> {
 public:
     /// Asked at each call; the status is that of a failure.
-    static inline std::function<std::pair<Fault, HRESULT>()> draw;
+    static inline Draw draw;
+    /// Whether streams fail, too, and the calls that copy and list.
+    static inline bool includesStreams = false;
+
+    static constexpr GUID kInner{
+        0x6ac2b6f1, 0x1b7e, 0x4d0e, {0x8f, 0x3a, 0x52, 0x90, 0x11, 0x7e, 0x4c, 0x01}};
 
     explicit FaultyStorage(Microsoft::WRL::ComPtr<IStorage> inner) : inner_(std::move(inner)) {}
 
     STDMETHODIMP CreateStream(const wchar_t* name, DWORD stgm, DWORD, DWORD, ::IStream** made) override {
-        return run(name, made, [&](auto** result) { return inner_->CreateStream(name, stgm, 0, 0, result); });
+        return wrapStream(made, run(name, made, [&](auto** result) {
+                              return inner_->CreateStream(name, stgm, 0, 0, result);
+                          }));
     }
     STDMETHODIMP OpenStream(const wchar_t* name, void*, DWORD stgm, DWORD, ::IStream** made) override {
-        return run(nullptr, made,
-                   [&](auto** result) { return inner_->OpenStream(name, nullptr, stgm, 0, result); });
+        return wrapStream(made, run(nullptr, made, [&](auto** result) {
+                              return inner_->OpenStream(name, nullptr, stgm, 0, result);
+                          }));
     }
     STDMETHODIMP CreateStorage(const wchar_t* name, DWORD stgm, DWORD, DWORD, IStorage** made) override {
         return wrap(made, run(stgm & STGM_CREATE ? name : nullptr, made, [&](auto** result) {
@@ -50,9 +115,23 @@ public:
     }
     STDMETHODIMP Stat(STATSTG* info, DWORD flags) override { return inner_->Stat(info, flags); }
     STDMETHODIMP EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** list) override {
-        return inner_->EnumElements(0, nullptr, 0, list);
+        const auto call = [&](auto** result) { return inner_->EnumElements(0, nullptr, 0, result); };
+        return includesStreams ? run(nullptr, list, call) : call(list);
     }
-    STDMETHODIMP CopyTo(DWORD, const IID*, SNB, IStorage*) override { return E_NOTIMPL; }
+    STDMETHODIMP QueryInterface(const GUID& iid, void** ppv) noexcept override {
+        return iid == kInner ? inner_.CopyTo(reinterpret_cast<IStorage**>(ppv))
+                             : IUnknownImpl::QueryInterface(iid, ppv);
+    }
+    /// Between the system's own: it does not survive all failures of a target.
+    STDMETHODIMP CopyTo(DWORD, const IID*, SNB, IStorage* to) override {
+        if (!includesStreams)
+            return E_NOTIMPL;
+        Microsoft::WRL::ComPtr<IStorage> target;
+        if (to->QueryInterface(kInner, reinterpret_cast<void**>(target.GetAddressOf())) != S_OK)
+            target = to;
+        return run<IStorage>(nullptr, nullptr,
+                             [&](auto**) { return inner_->CopyTo(0, nullptr, nullptr, target.Get()); });
+    }
     STDMETHODIMP MoveElementTo(const wchar_t*, IStorage*, const wchar_t*, DWORD) override {
         return E_NOTIMPL;
     }
@@ -61,7 +140,7 @@ public:
     STDMETHODIMP SetElementTimes(const wchar_t*, const FILETIME*, const FILETIME*, const FILETIME*) override {
         return E_NOTIMPL;
     }
-    STDMETHODIMP SetClass(REFCLSID) override { return E_NOTIMPL; }
+    STDMETHODIMP SetClass(REFCLSID id) override { return includesStreams ? inner_->SetClass(id) : E_NOTIMPL; }
     STDMETHODIMP SetStateBits(DWORD, DWORD) override { return E_NOTIMPL; }
 
 private:
@@ -77,6 +156,11 @@ private:
         if (made)
             *made = fault == Fault::None ? result.Detach() : nullptr;
         return fault == Fault::None ? status : failure;
+    }
+    static HRESULT wrapStream(::IStream** made, HRESULT status) {
+        if (status == S_OK && includesStreams)
+            *made = new FaultyElement(*made, draw);
+        return status;
     }
     static HRESULT wrap(IStorage** made, HRESULT status) {
         if (status == S_OK) {

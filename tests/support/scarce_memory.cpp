@@ -11,6 +11,7 @@ namespace {
 
 std::atomic<int> failures{0};
 std::atomic<std::size_t> allocated{0};
+std::atomic<std::ptrdiff_t> alive{0};
 const DWORD kMainThread = GetCurrentThreadId();
 
 // The main thread's alone.
@@ -57,14 +58,19 @@ bool WithFailingAllocation(unsigned spared, const std::function<void()>& call, b
 }
 
 std::size_t AllocatedBytes() noexcept { return allocated; }
+std::ptrdiff_t LiveAllocations() noexcept { return alive; }
 
 void* operator new(std::size_t size) {
     allocated += size;
     void* memory = mayAllocate() ? std::malloc(size > 0 ? size : 1) : nullptr;
+    alive += memory != nullptr;
     return memory ? memory : throw std::bad_alloc();
 }
-void operator delete(void* memory) noexcept { std::free(memory); }
-void operator delete(void* memory, std::size_t) noexcept { std::free(memory); }
+void operator delete(void* memory) noexcept {
+    alive -= memory != nullptr;
+    std::free(memory);
+}
+void operator delete(void* memory, std::size_t) noexcept { operator delete(memory); }
 
 // The library's own, which are the same, are in its DLL and do not call those above.
 void* operator new[](std::size_t size) { return operator new(size); }
@@ -76,7 +82,7 @@ void* operator new(std::size_t size, const std::nothrow_t& /*tag*/) noexcept {
     }
 }
 void* operator new[](std::size_t size, const std::nothrow_t& tag) noexcept { return operator new(size, tag); }
-void operator delete[](void* memory) noexcept { std::free(memory); }
-void operator delete[](void* memory, std::size_t) noexcept { std::free(memory); }
-void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept { std::free(memory); }
-void operator delete[](void* memory, const std::nothrow_t& /*tag*/) noexcept { std::free(memory); }
+void operator delete[](void* memory) noexcept { operator delete(memory); }
+void operator delete[](void* memory, std::size_t) noexcept { operator delete(memory); }
+void operator delete(void* memory, const std::nothrow_t& /*tag*/) noexcept { operator delete(memory); }
+void operator delete[](void* memory, const std::nothrow_t& /*tag*/) noexcept { operator delete(memory); }

@@ -21,3 +21,5 @@ bool WithFailingAllocation(unsigned spared, const std::function<void()>& call, b
 
 /// The bytes that all allocations so far asked for, whatever was freed in between.
 std::size_t AllocatedBytes() noexcept;
+/// The allocations that have not been freed.
+std::ptrdiff_t LiveAllocations() noexcept;

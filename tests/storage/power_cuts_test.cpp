@@ -1,0 +1,327 @@
+// Power that goes at any moment of a save. The system is taken to keep what was not flushed: of that any
+// part, in any order, has reached the disk, sector by sector. What is done to names reaches it in its order,
+// but may be late, unless the call was to wait for it. The document on the disk is the old one or the new
+// one, whole, and the new one once the commit has returned. (A compound file is written by the system, which
+// nobody gets between.)
+//
+// VEXEL_TEST_CUTS says how often the power goes, about.
+
+#include "support/storage_test.h"
+#include "support/streams.h"
+
+#include <vexel/ini.h>
+
+#include <cstdlib>
+#include <iostream>
+#include <map>
+#include <memory>
+#include <random>
+#include <set>
+
+using namespace Support;
+
+namespace {
+
+using Vexel::Detail::Platform;
+
+/// What the files of the folder would be, had the power gone.
+class UnsafeDisk {
+public:
+    using Files = std::map<std::wstring, std::string>;
+    /// Called at each moment when something may be lost.
+    static inline std::function<void()> atEachMoment;
+    static inline std::mt19937 random{1};
+
+    UnsafeDisk() {
+        Platform& calls = Vexel::Detail::platform();
+        calls.createFile = create;
+        calls.writeFile = write;
+        calls.setEndOfFile = setEnd;
+        calls.setFileInformation = setInformation;
+        calls.flushFile = flush;
+        calls.moveFile = move;
+        calls.deleteFile = remove;
+    }
+    UnsafeDisk(const UnsafeDisk&) = delete;
+    UnsafeDisk& operator=(const UnsafeDisk&) = delete;
+    ~UnsafeDisk() {
+        atEachMoment = nullptr;
+        durable_.clear();
+        current_.clear();
+        written_.clear();
+        journal_.clear();
+    }
+
+    /// A file that has been on the disk for long.
+    static void adopt(const std::wstring& path, const std::string& bytes) {
+        durable_[path] = current_[path] = std::make_shared<File>(File{bytes, {}});
+    }
+    /// One way in which a cut may come out.
+    static Files cut() {
+        Names names = durable_;
+        for (std::size_t i = 0, end = random() % (journal_.size() + 1); i < end; ++i)
+            journal_[i](names);
+        Files files;
+        for (const auto& [name, file] : names)
+            files[name] = file->afterCut();
+        return files;
+    }
+
+private:
+    struct Change {
+        std::uint64_t at;
+        std::string bytes;
+        bool isEnd; ///< of the file
+    };
+    struct File {
+        std::string durable;
+        std::vector<Change> pending;
+
+        static void apply(std::string& to, const Change& change, bool isTorn) {
+            constexpr std::size_t kSector = 512;
+            const auto at = static_cast<std::size_t>(change.at);
+            if (change.isEnd) {
+                to.resize(at);
+                return;
+            }
+            for (std::size_t done = 0, size = 0; done < change.bytes.size(); done += size) {
+                size = (std::min)(kSector - (at + done) % kSector, change.bytes.size() - done);
+                if (isTorn && random() % 2)
+                    continue;
+                to.resize((std::max)(to.size(), at + done + size));
+                to.replace(at + done, size, change.bytes, done, size);
+            }
+        }
+        std::string afterCut() const {
+            std::string bytes = durable;
+            std::vector<Change> some = pending;
+            const unsigned luck = random() % 4; // all of it, in order, is one way, too
+            if (luck != 0)
+                std::shuffle(some.begin(), some.end(), random);
+            for (const Change& change : some)
+                if (luck == 0 || random() % 3 != 0)
+                    apply(bytes, change, luck > 1);
+            return bytes;
+        }
+        void settle() {
+            for (const Change& change : std::exchange(pending, {}))
+                apply(durable, change, false);
+        }
+    };
+    using Names = std::map<std::wstring, std::shared_ptr<File>>;
+
+    static void note(const std::function<void(Names&)>& operation) {
+        operation(current_);
+        journal_.push_back(operation);
+        moment();
+    }
+    static void note(HANDLE file, Change change) {
+        if (const auto found = written_.find(file); found != written_.end())
+            found->second->pending.push_back(std::move(change));
+        moment();
+    }
+    static void moment() {
+        if (atEachMoment)
+            atEachMoment();
+    }
+
+    static HANDLE create(const wchar_t* name, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                         DWORD how, DWORD flags, HANDLE model) {
+        const HANDLE made = CreateFileW(name, access, share, security, how, flags, model);
+        if (made == INVALID_HANDLE_VALUE || !(access & GENERIC_WRITE))
+            return made;
+        const auto found = current_.find(name);
+        if (found == current_.end())
+            note([path = std::wstring(name), file = std::make_shared<File>()](Names& names) {
+                names[path] = file;
+            });
+        written_[made] = current_.at(name);
+        if (how == CREATE_ALWAYS)
+            note(made, {0, {}, true});
+        return made;
+    }
+    static BOOL write(HANDLE file, const void* data, DWORD size, DWORD* count, OVERLAPPED* at) {
+        LARGE_INTEGER place{};
+        SetFilePointerEx(file, {}, &place, FILE_CURRENT);
+        const BOOL isWritten = WriteFile(file, data, size, count, at);
+        note(file,
+             {static_cast<std::uint64_t>(place.QuadPart), {static_cast<const char*>(data), *count}, false});
+        return isWritten;
+    }
+    static BOOL setEnd(HANDLE file) {
+        LARGE_INTEGER place{};
+        SetFilePointerEx(file, {}, &place, FILE_CURRENT);
+        note(file, {static_cast<std::uint64_t>(place.QuadPart), {}, true});
+        return SetEndOfFile(file);
+    }
+    static BOOL setInformation(HANDLE file, FILE_INFO_BY_HANDLE_CLASS what, void* data, DWORD size) {
+        const auto end = static_cast<FILE_END_OF_FILE_INFO*>(data)->EndOfFile.QuadPart;
+        note(file, {static_cast<std::uint64_t>(end), {}, true});
+        return SetFileInformationByHandle(file, what, data, size);
+    }
+    static BOOL flush(HANDLE file) {
+        moment();
+        if (const auto found = written_.find(file); found != written_.end())
+            found->second->settle();
+        moment();
+        return TRUE;
+    }
+    static BOOL move(const wchar_t* from, const wchar_t* to, DWORD flags) {
+        if (!MoveFileExW(from, to, flags))
+            return FALSE;
+        note([old = std::wstring(from), path = std::wstring(to)](Names& names) {
+            names[path] = names.at(old);
+            names.erase(old);
+        });
+        if (flags & MOVEFILE_WRITE_THROUGH) {
+            for (const auto& operation : std::exchange(journal_, {}))
+                operation(durable_);
+            moment();
+        }
+        return TRUE;
+    }
+    static BOOL remove(const wchar_t* name) {
+        if (!DeleteFileW(name))
+            return FALSE;
+        note([path = std::wstring(name)](Names& names) { names.erase(path); });
+        return TRUE;
+    }
+
+    static inline Names durable_, current_;
+    static inline std::map<HANDLE, std::shared_ptr<File>> written_;
+    static inline std::vector<std::function<void(Names&)>> journal_;
+};
+
+class PowerCuts : public StorageTest<> {
+protected:
+    using Elements = std::vector<Element>;
+
+    static unsigned wanted() {
+        const char* const text = std::getenv("VEXEL_TEST_CUTS");
+        return text ? static_cast<unsigned>(std::strtoul(text, nullptr, 10)) : 2000;
+    }
+    static unsigned below(unsigned limit) { return static_cast<unsigned>(UnsafeDisk::random() % limit); }
+
+    /// Runs what changes the file, and has the power go at each moment of it. `isRight` is asked for each
+    /// file that a cut leaves; one that is not there is empty.
+    template <class Call, class IsRight>
+    void run(const std::wstring& file, Call call, IsRight isRight) {
+        std::set<std::string> known;
+        UnsafeDisk::Files last;
+        UnsafeDisk::atEachMoment = [&] {
+            for (int i = 0; i < 3; ++i, ++cuts_) {
+                last = UnsafeDisk::cut();
+                left_[last[file]] = last;
+            }
+        };
+        call();
+        UnsafeDisk::atEachMoment = nullptr;
+        // Judged only now, when nobody uses the seam for anything else.
+        const PlatformGuard guard;
+        Vexel::Detail::platform() = real_;
+        for (const auto& [bytes, files] : std::exchange(left_, {}))
+            EXPECT_TRUE(isRight(bytes)) << "of " << bytes.size() << " bytes, after " << cuts_ << " cuts";
+        if (file.ends_with(L".7z") && below(8) == 0)
+            goOnAfter(last, file);
+    }
+    /// What a cut has left beside the document does not hinder the next save.
+    void goOnAfter(const UnsafeDisk::Files& left, const std::wstring& file) {
+        for (const auto& [name, bytes] : left) {
+            const std::wstring copy = after_.file(name.substr(name.rfind(L'\\') + 1));
+            DeleteFileW(copy.c_str());
+            if (!bytes.empty())
+                writeFile(copy, bytes);
+        }
+        const std::wstring copy = after_.file(file.substr(file.rfind(L'\\') + 1));
+        StorageRef root;
+        if (root.open(path(copy), modeWrite, false) != S_OK) {
+            EXPECT_EQ(root.create(path(copy)), S_OK);
+        }
+        newStream(L"afterwards", root, "goes on");
+        EXPECT_EQ(root.commit(), S_OK);
+        closeForGood(root);
+        EXPECT_EQ(read(L"afterwards", openRoot(path(copy), modeRead)), "goes on");
+        container().deleteUnusedObjects();
+    }
+    Elements documentOf(const std::string& bytes) {
+        const std::wstring copy = after_.file(L"looked at");
+        writeFile(copy, bytes);
+        StorageRef root;
+        if (root.open(path(copy), modeRead, false) != S_OK)
+            return {{L"unreadable", ""}};
+        const Seen seen = see(root);
+        closeForGood(root);
+        return seen.whole() ? sorted(seen.elements) : Elements{{L"damaged", ""}};
+    }
+    void change(const StorageRef& root) {
+        const std::wstring name = std::wstring(1, static_cast<wchar_t>(L'a' + below(3)));
+        switch (below(4)) {
+        case 0:
+            StorageRef(root).destroy(element(name));
+            break;
+        case 1:
+            if (!root.hasChild(element(L"d"), StorageType::Storage))
+                newStorage(L"d", root);
+            newStream(name.c_str(), openStorage(L"d", root, false), noise(below(200'000)));
+            break;
+        default:
+            newStream(name.c_str(), root, std::string(below(3000), static_cast<char>('a' + below(26))));
+        }
+    }
+
+    const TempFolder after_;
+    const Platform real_ = Vexel::Detail::platform();
+    std::map<std::string, UnsafeDisk::Files> left_;
+    unsigned cuts_ = 0;
+};
+
+TEST_F(PowerCuts, LeaveTheOldPackageOrTheNewOne) {
+    for (unsigned round = 0; cuts_ < wanted() && !HasFailure(); ++round) {
+        SCOPED_TRACE(round);
+        const UnsafeDisk disk;
+        const std::wstring file = folder_.file(std::to_wstring(round) + L".7z");
+        StorageRef root;
+        ASSERT_EQ(root.create(path(file)), S_OK);
+        Elements before{{L"none", ""}};
+        for (int save = 0; save < 6 && !HasFailure(); ++save) {
+            change(root);
+            change(root);
+            const Elements now = sorted(elementsOf(root));
+            run(
+                file, [&] { EXPECT_EQ(root.commit(), S_OK); },
+                [&](const std::string& bytes) {
+                    const Elements seen = bytes.empty() ? Elements{{L"none", ""}} : documentOf(bytes);
+                    return seen == now || seen == before;
+                });
+            if (now.empty() && save == 0)
+                break; // nothing was ever in it, so nothing is saved
+            EXPECT_EQ(documentOf(UnsafeDisk::cut()[file]), now) << "the commit has returned";
+            before = now;
+        }
+        closeForGood(root);
+    }
+    std::cout << cuts_ << " power cuts\n";
+    RecordProperty("cuts", static_cast<int>(cuts_));
+}
+
+TEST_F(PowerCuts, LeaveTheOldSettingsOrTheNewOnes) {
+    const UnsafeDisk disk;
+    const std::wstring file = folder_.file(L"settings");
+    std::set<std::string> versions{""}; // nothing makes the names wait for the disk
+    for (int save = 0; save < 50; ++save) {
+        vxio::IniFile settings;
+        for (int i = 0; i < 100; ++i)
+            settings.SetInt(L"section", L"key " + std::to_wstring(i), save + i);
+        run(
+            file,
+            [&] {
+                EXPECT_TRUE(settings.Save(file.c_str()));
+                versions.insert(readFile(file));
+            },
+            [&](const std::string& bytes) { return versions.contains(bytes); });
+    }
+    std::cout << cuts_ << " power cuts\n";
+    EXPECT_GT(versions.size(), 50u);
+}
+
+} // namespace
