@@ -1,5 +1,5 @@
 // The rest of the platform: memory whose bounds the sanitizer knows to the byte, threads, the records of properties, and
-// the table of the seam. There are no files: what asks for one finds none.
+// the table of the seam. Files are in files.cpp.
 
 #include "base/platform.h"
 
@@ -93,11 +93,9 @@ BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* time) { return Fil
 int _vscwprintf(const wchar_t*, va_list) { std::abort(); }
 int _vsnwprintf(wchar_t*, size_t, const wchar_t*, va_list) { std::abort(); }
 
-DWORD GetFileAttributesW(const wchar_t*) {
-    SetLastError(ERROR_FILE_NOT_FOUND);
-    return INVALID_FILE_ATTRIBUTES;
-}
-BOOL CloseHandle(HANDLE) { return TRUE; }
+void Sleep(DWORD) {}
+DWORD GetCurrentThreadId() { return 1; }
+void GetSystemTimeAsFileTime(FILETIME* time) { *time = {2, 2}; }
 
 BSTR SysAllocStringByteLen(LPCSTR bytes, UINT size) {
     auto* const block = static_cast<char*>(std::calloc(1, sizeof(UINT) + size + sizeof(OLECHAR)));
@@ -197,15 +195,17 @@ namespace Vexel::Detail {
 
 namespace {
 
-DWORD readEntry(const wchar_t*, bool, EntryInfo&) { return ERROR_FILE_NOT_FOUND; }
+DWORD readEntry(const wchar_t* path, bool, EntryInfo& info) {
+    const DWORD attributes = GetFileAttributesW(path);
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return ERROR_FILE_NOT_FOUND;
+    info = {attributes, 0};
+    return ERROR_SUCCESS;
+}
+DWORD probeForWriting(const wchar_t*) { return ERROR_SUCCESS; }
 void* reallocate(void* block, unsigned long long bytes) noexcept { return std::realloc(block, bytes); }
 void freeMemory(void* block) noexcept { std::free(block); }
 void* commitPages(unsigned long long bytes) noexcept { return std::malloc(bytes); }
-HANDLE createFile(const wchar_t*, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD, DWORD, HANDLE) {
-    SetLastError(ERROR_FILE_NOT_FOUND);
-    return INVALID_HANDLE_VALUE;
-}
-BOOL deleteFile(const wchar_t*) { return TRUE; }
 std::thread startThread(const std::function<void()>& body) { return std::thread(body); }
 bool processIsEnding() { return false; }
 
@@ -213,8 +213,18 @@ bool processIsEnding() { return false; }
 
 Platform& platform() noexcept {
     static Platform calls{.readEntry = readEntry,
-                          .createFile = createFile,
-                          .deleteFile = deleteFile,
+                          .probeForWriting = probeForWriting,
+                          .createFile = CreateFileW,
+                          .getFileSize = GetFileSizeEx,
+                          .getFileTime = GetFileTime,
+                          .readFile = ReadFile,
+                          .writeFile = WriteFile,
+                          .setPosition = SetFilePointerEx,
+                          .setEndOfFile = SetEndOfFile,
+                          .flushFile = FlushFileBuffers,
+                          .moveFile = MoveFileExW,
+                          .deleteFile = DeleteFileW,
+                          .setAttributes = SetFileAttributesW,
                           .reallocate = reallocate,
                           .freeMemory = freeMemory,
                           .commitPages = commitPages,

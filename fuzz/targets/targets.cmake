@@ -1,5 +1,17 @@
 # What there is to attack. OPTIONS are libFuzzer's.
 target(gzip COVERS io/gzip_reader.cpp)
-target(package_header ENGINE COVERS archive/header_check.cpp archive/header_parser.cpp archive/header_unpacker.cpp
-  archive/page_buffer.cpp)
+target(package_header ENGINE PACKAGES COVERS archive/header_check.cpp archive/header_parser.cpp
+  archive/header_unpacker.cpp archive/page_buffer.cpp)
 target(path_elements COVERS archive/path_elements.cpp)
+target(package ENGINE PACKAGES COVERS archive/database.cpp archive/archive_reading.cpp archive/archive_extraction.cpp
+  archive/element_names.cpp archive/engine_inputs.cpp archive/folder_coders.cpp archive/folder_decoder.cpp
+  archive/folder_splitter.cpp archive/header_stream.cpp archive/name_pool.cpp archive/szip_stream.cpp
+  OPTIONS -malloc_limit_mb=1024)
+target(compound COVERS storage/compound/compound_check.cpp storage/compound/compound_layout.cpp)
+target(compound_salvage ENGINE COVERS storage/salvage/compound_contents.cpp storage/salvage/compound_directory.cpp
+  storage/salvage/compound_salvage.cpp storage/salvage/compound_tables.cpp storage/salvage/salvage.cpp)
+target(package_salvage ENGINE PACKAGES COVERS storage/salvage/package_salvage.cpp storage/salvage/package_header.cpp
+  storage/salvage/lzma2_scan.cpp)
+target(property_sets COVERS storage/properties/property_set.cpp storage/properties/property_section.cpp
+  storage/properties/property_blocks.cpp storage/properties/property_values.cpp
+  storage/properties/property_variant.cpp)
