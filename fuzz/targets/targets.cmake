@@ -15,3 +15,12 @@ target(package_salvage ENGINE PACKAGES COVERS storage/salvage/package_salvage.cp
 target(property_sets COVERS storage/properties/property_set.cpp storage/properties/property_section.cpp
   storage/properties/property_blocks.cpp storage/properties/property_values.cpp
   storage/properties/property_variant.cpp)
+target(strings COVERS io/strings.cpp io/stream_adapter.cpp framework/archive.cpp)
+target(path_names COVERS paths/path_name.cpp paths/path_name_table.cpp paths/path_name_text.cpp paths/path_name_hash.cpp
+  storage/handles/path_name_serialisation.cpp)
+target(path_text COVERS paths/path_text.cpp paths/canonical_path.cpp paths/path_validation.cpp paths/name_helpers.cpp
+  paths/unique_names.cpp)
+target(cipher COVERS paths/cipher.cpp)
+target(hash COVERS paths/spooky_hash.cpp)
+# Handles are above all this: what takes them is never called.
+target_link_options(path_names PRIVATE -no-pie -Wl,--unresolved-symbols=ignore-all)
