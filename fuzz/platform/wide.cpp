@@ -24,6 +24,8 @@ VEXEL_FUZZ_WIDE size_t wcsnlen(const wchar_t* text, size_t most) noexcept {
 }
 
 VEXEL_FUZZ_WIDE int wmemcmp(const wchar_t* a, const wchar_t* b, size_t count) noexcept {
+    if (memcmp(a, b, count * sizeof *a) == 0)
+        return 0;
     for (size_t i = 0; i < count; ++i) {
         if (a[i] != b[i])
             return a[i] < b[i] ? -1 : 1;
@@ -65,8 +67,12 @@ VEXEL_FUZZ_WIDE wchar_t* wmemmove(wchar_t* target, const wchar_t* source, size_t
 }
 
 VEXEL_FUZZ_WIDE wchar_t* wmemset(wchar_t* target, wchar_t unit, size_t count) noexcept {
-    for (size_t i = 0; i < count; ++i)
-        target[i] = unit;
+    for (size_t done = 0; done < count; done += done > 0 ? done : 1) { // by doubling: much is filled by some targets
+        if (done == 0)
+            *target = unit;
+        else
+            wmemcpy(target + done, target, done < count - done ? done : count - done);
+    }
     return target;
 }
 

@@ -68,7 +68,7 @@ inline std::int64_t Input::offset() {
     const std::uint8_t kind = byte();
     if (kind < 200)
         return static_cast<std::int8_t>(kind - 100);
-    return kEnds[kind % std::size(kEnds)] + static_cast<std::int8_t>(byte()) % 4;
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(kEnds[kind % std::size(kEnds)]) + byte() % 8 - 4);
 }
 
 } // namespace Vexel::Fuzz

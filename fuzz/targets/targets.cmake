@@ -24,3 +24,9 @@ target(cipher COVERS paths/cipher.cpp)
 target(hash COVERS paths/spooky_hash.cpp)
 # Handles are above all this: what takes them is never called.
 target_link_options(path_names PRIVATE -no-pie -Wl,--unresolved-symbols=ignore-all)
+target(memory_stream COVERS io/memory_stream.cpp)
+target(sub_stream COVERS io/sub_stream.cpp)
+target(text_encodings COVERS io/text_encoding.cpp io/encoding_guess.cpp io/text_file_reader.cpp io/text_file_writer.cpp
+  io/simple_file.cpp io/file_streams.cpp)
+target(settings COVERS io/ini_file.cpp io/ini_text.cpp io/ini_section.cpp io/ini_numbers.cpp io/name_places.cpp
+  io/whole_file.cpp)
