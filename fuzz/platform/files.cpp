@@ -38,7 +38,8 @@ using namespace Vexel::Fuzz;
 
 extern "C" {
 
-HANDLE CreateFileW(const wchar_t* path, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD disposition, DWORD, HANDLE) {
+HANDLE CreateFileW(const wchar_t* path, DWORD, DWORD, SECURITY_ATTRIBUTES*, DWORD disposition, DWORD,
+                   HANDLE) {
     const bool isThere = files().contains(path);
     if (!isThere && disposition == OPEN_EXISTING) {
         fail(ERROR_FILE_NOT_FOUND);
@@ -88,7 +89,9 @@ BOOL WriteFile(HANDLE file, const void* data, DWORD size, DWORD* done, OVERLAPPE
 
 BOOL SetFilePointerEx(HANDLE file, LARGE_INTEGER distance, LARGE_INTEGER* reached, DWORD origin) {
     Open& open = openFile(file);
-    const auto from = static_cast<LONGLONG>(origin == FILE_BEGIN ? 0 : origin == FILE_CURRENT ? open.position : open.bytes().size());
+    const auto from = static_cast<LONGLONG>(origin == FILE_BEGIN     ? 0
+                                            : origin == FILE_CURRENT ? open.position
+                                                                     : open.bytes().size());
     const LONGLONG target = from + distance.QuadPart;
     if (target < 0)
         return fail(ERROR_NEGATIVE_SEEK);
@@ -104,7 +107,8 @@ BOOL SetEndOfFile(HANDLE file) {
 }
 
 BOOL SetFileInformationByHandle(HANDLE file, enum FILE_INFO_BY_HANDLE_CLASS, void* information, DWORD) {
-    openFile(file).bytes().resize(static_cast<std::size_t>(static_cast<FILE_END_OF_FILE_INFO*>(information)->EndOfFile.QuadPart));
+    openFile(file).bytes().resize(
+        static_cast<std::size_t>(static_cast<FILE_END_OF_FILE_INFO*>(information)->EndOfFile.QuadPart));
     return TRUE;
 }
 

@@ -1,5 +1,5 @@
-// Counts what all threads have, by the sanitizer's calls at each allocation. What is reserved and not committed counts
-// as well: bounds are bounds of what is asked for.
+// Counts what all threads have, by the sanitizer's calls at each allocation. What is reserved and not
+// committed counts as well: bounds are bounds of what is asked for.
 
 #include "fuzz/targets/memory.h"
 

@@ -17,12 +17,12 @@ template <class Interface>
 struct IdOf;
 } // namespace Vexel::Fuzz
 #define __uuidof(Interface) (::Vexel::Fuzz::IdOf<Interface>::value)
-#define VEXEL_FUZZ_INTERFACE(Interface, number)                                                                        \
-    namespace Vexel::Fuzz {                                                                                            \
-    template <>                                                                                                        \
-    struct IdOf<::Interface> {                                                                                         \
-        static constexpr GUID value{number, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};                                     \
-    };                                                                                                                 \
+#define VEXEL_FUZZ_INTERFACE(Interface, number)                                                              \
+    namespace Vexel::Fuzz {                                                                                  \
+    template <>                                                                                              \
+    struct IdOf<::Interface> {                                                                               \
+        static constexpr GUID value{number, 0, 0, {0xC0, 0, 0, 0, 0, 0, 0, 0x46}};                           \
+    };                                                                                                       \
     }
 #define IID_PPV_ARGS(pointer) __uuidof(**(pointer)), reinterpret_cast<void**>(pointer)
 

@@ -30,7 +30,8 @@ struct ISequentialStream : IUnknown {
 struct IStream : ISequentialStream {
     virtual HRESULT Seek(LARGE_INTEGER distance, DWORD origin, ULARGE_INTEGER* reached) = 0;
     virtual HRESULT SetSize(ULARGE_INTEGER size) = 0;
-    virtual HRESULT CopyTo(IStream* target, ULARGE_INTEGER size, ULARGE_INTEGER* read, ULARGE_INTEGER* written) = 0;
+    virtual HRESULT CopyTo(IStream* target, ULARGE_INTEGER size, ULARGE_INTEGER* read,
+                           ULARGE_INTEGER* written) = 0;
     virtual HRESULT Commit(DWORD flags) = 0;
     virtual HRESULT Revert() = 0;
     virtual HRESULT LockRegion(ULARGE_INTEGER offset, ULARGE_INTEGER size, DWORD type) = 0;
@@ -50,15 +51,18 @@ struct IStorage : IUnknown {
     virtual HRESULT CreateStream(const OLECHAR* name, DWORD mode, DWORD, DWORD, IStream** stream) = 0;
     virtual HRESULT OpenStream(const OLECHAR* name, void*, DWORD mode, DWORD, IStream** stream) = 0;
     virtual HRESULT CreateStorage(const OLECHAR* name, DWORD mode, DWORD, DWORD, IStorage** storage) = 0;
-    virtual HRESULT OpenStorage(const OLECHAR* name, IStorage*, DWORD mode, SNB, DWORD, IStorage** storage) = 0;
+    virtual HRESULT OpenStorage(const OLECHAR* name, IStorage*, DWORD mode, SNB, DWORD,
+                                IStorage** storage) = 0;
     virtual HRESULT CopyTo(DWORD count, const IID* excluded, SNB names, IStorage* target) = 0;
-    virtual HRESULT MoveElementTo(const OLECHAR* name, IStorage* target, const OLECHAR* newName, DWORD flags) = 0;
+    virtual HRESULT MoveElementTo(const OLECHAR* name, IStorage* target, const OLECHAR* newName,
+                                  DWORD flags) = 0;
     virtual HRESULT Commit(DWORD flags) = 0;
     virtual HRESULT Revert() = 0;
     virtual HRESULT EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** enumerator) = 0;
     virtual HRESULT DestroyElement(const OLECHAR* name) = 0;
     virtual HRESULT RenameElement(const OLECHAR* name, const OLECHAR* newName) = 0;
-    virtual HRESULT SetElementTimes(const OLECHAR* name, const FILETIME*, const FILETIME*, const FILETIME*) = 0;
+    virtual HRESULT SetElementTimes(const OLECHAR* name, const FILETIME*, const FILETIME*,
+                                    const FILETIME*) = 0;
     virtual HRESULT SetClass(REFCLSID classId) = 0;
     virtual HRESULT SetStateBits(DWORD bits, DWORD mask) = 0;
     virtual HRESULT Stat(STATSTG* stat, DWORD flags) = 0;

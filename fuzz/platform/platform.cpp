@@ -1,5 +1,5 @@
-// The rest of the platform: memory whose bounds the sanitizer knows to the byte, threads, the records of properties, and
-// the table of the seam. Files are in files.cpp.
+// The rest of the platform: memory whose bounds the sanitizer knows to the byte, threads, the records of
+// properties, and the table of the seam. Files are in files.cpp.
 
 #include "base/platform.h"
 
@@ -87,7 +87,9 @@ BOOL FileTimeToLocalFileTime(const FILETIME* time, FILETIME* local) {
     *local = *time;
     return TRUE;
 }
-BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* time) { return FileTimeToLocalFileTime(local, time); }
+BOOL LocalFileTimeToFileTime(const FILETIME* local, FILETIME* time) {
+    return FileTimeToLocalFileTime(local, time);
+}
 
 // Nothing that the targets reach is formatted.
 int _vscwprintf(const wchar_t*, va_list) { std::abort(); }
@@ -171,11 +173,13 @@ HRESULT PropVariantClear(PROPVARIANT* value) {
 HRESULT PropVariantCopy(PROPVARIANT* target, const PROPVARIANT* source) {
     *target = *source;
     if (source->vt == VT_BSTR) {
-        target->bstrVal = SysAllocStringByteLen(reinterpret_cast<LPCSTR>(source->bstrVal), SysStringByteLen(source->bstrVal));
+        target->bstrVal = SysAllocStringByteLen(reinterpret_cast<LPCSTR>(source->bstrVal),
+                                                SysStringByteLen(source->bstrVal));
         return S_OK;
     }
     if (source->vt == VT_LPWSTR || source->vt == VT_LPSTR) {
-        const std::size_t size = source->vt == VT_LPSTR ? strlen(source->pszVal) + 1 : (wcslen(source->pwszVal) + 1) * 2;
+        const std::size_t size =
+            source->vt == VT_LPSTR ? strlen(source->pszVal) + 1 : (wcslen(source->pwszVal) + 1) * 2;
         target->pszVal = static_cast<LPSTR>(std::memcpy(CoTaskMemAlloc(size), source->pszVal, size));
         return S_OK;
     }

@@ -116,7 +116,8 @@ inline void PropVariantInit(PROPVARIANT* value) { memset(value, 0, sizeof *value
 extern "C" HRESULT PropVariantClear(PROPVARIANT* value);
 extern "C" HRESULT PropVariantCopy(PROPVARIANT* target, const PROPVARIANT* source);
 HRESULT FmtIdToPropStgName(const FMTID* format, LPOLESTR name);
-inline constexpr FMTID FMTID_SummaryInformation{0xF29F85E0, 0x4FF9, 0x1068, {0xAB, 0x91, 8, 0, 0x2B, 0x27, 0xB3, 0xD9}};
+inline constexpr FMTID FMTID_SummaryInformation{
+    0xF29F85E0, 0x4FF9, 0x1068, {0xAB, 0x91, 8, 0, 0x2B, 0x27, 0xB3, 0xD9}};
 inline constexpr FMTID FMTID_DocSummaryInformation{
     0xD5CDD502, 0x2E9C, 0x101B, {0x93, 0x97, 8, 0, 0x2B, 0x2C, 0xF9, 0xAE}};
 inline constexpr FMTID FMTID_UserDefinedProperties{

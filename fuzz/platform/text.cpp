@@ -1,5 +1,6 @@
-// Code pages and the shell's functions on paths, as far as the targets reach them. Of the code pages there are UTF-8,
-// Latin 1 for whatever has one byte a character, and for 932 a made-up one of two bytes: bounds are what counts.
+// Code pages and the shell's functions on paths, as far as the targets reach them. Of the code pages there
+// are UTF-8, Latin 1 for whatever has one byte a character, and for 932 a made-up one of two bytes: bounds
+// are what counts.
 
 #include <windows.h>
 
@@ -16,7 +17,8 @@ constexpr UINT kTwoBytes = 932;
 
 bool isLead(unsigned char byte) { return (byte >= 0x81 && byte <= 0x9F) || (byte >= 0xE0 && byte <= 0xFC); }
 
-/// The number of bytes that the character at the start takes, and the character; 0 and U+FFFD for what is none.
+/// The number of bytes that the character at the start takes, and the character; 0 and U+FFFD for what is
+/// none.
 struct Decoded {
     std::size_t size;
     char32_t character;
@@ -28,7 +30,10 @@ Decoded decodeUtf8(std::string_view text) {
     const unsigned char first = byte(0);
     if (first < 0x80)
         return {1, first, true};
-    const std::size_t size = first >= 0xF0 && first <= 0xF4 ? 4 : first >= 0xE0 && first < 0xF0 ? 3 : first >= 0xC2 && first < 0xE0 ? 2 : 0;
+    const std::size_t size = first >= 0xF0 && first <= 0xF4  ? 4
+                             : first >= 0xE0 && first < 0xF0 ? 3
+                             : first >= 0xC2 && first < 0xE0 ? 2
+                                                             : 0;
     if (size == 0)
         return {1, 0xFFFD, false};
     char32_t character = first & (0x7FU >> size);
@@ -37,7 +42,9 @@ Decoded decodeUtf8(std::string_view text) {
             return {i, 0xFFFD, false};
         character = character << 6 | (byte(i) & 0x3F);
         const char32_t least = size == 3 ? 0x20 : 0x10;
-        if (i == 1 && size > 2 && (character < least || (size == 3 && character >= 0x360 && character < 0x380) || (size == 4 && character >= 0x110)))
+        if (i == 1 && size > 2 &&
+            (character < least || (size == 3 && character >= 0x360 && character < 0x380) ||
+             (size == 4 && character >= 0x110)))
             return {1, 0xFFFD, false};
     }
     return {size, character, true};
@@ -103,7 +110,9 @@ extern "C" {
 
 UINT GetACP() { return 1252; }
 
-BOOL IsValidCodePage(UINT page) { return page == CP_UTF8 || page == kTwoBytes || (page >= 1250 && page <= 1258); }
+BOOL IsValidCodePage(UINT page) {
+    return page == CP_UTF8 || page == kTwoBytes || (page >= 1250 && page <= 1258);
+}
 
 BOOL IsDBCSLeadByteEx(UINT page, BYTE byte) { return page == kTwoBytes && isLead(byte); }
 
@@ -133,8 +142,8 @@ int MultiByteToWideChar(UINT page, DWORD flags, const char* text, int size, wcha
     return hand(decoded, wide, room);
 }
 
-int WideCharToMultiByte(UINT page, DWORD, const wchar_t* wide, int size, char* text, int room, const char* otherwise,
-                        BOOL* usedOtherwise) {
+int WideCharToMultiByte(UINT page, DWORD, const wchar_t* wide, int size, char* text, int room,
+                        const char* otherwise, BOOL* usedOtherwise) {
     const std::wstring_view from(wide, size < 0 ? wcslen(wide) + 1 : static_cast<std::size_t>(size));
     if (usedOtherwise)
         *usedOtherwise = FALSE;
@@ -145,7 +154,8 @@ int WideCharToMultiByte(UINT page, DWORD, const wchar_t* wide, int size, char* t
     std::string encoded;
     for (std::size_t i = 0; i < from.size(); ++i) {
         char32_t character = from[i];
-        if (character >= 0xD800 && character < 0xDC00 && i + 1 < from.size() && from[i + 1] >= 0xDC00 && from[i + 1] < 0xE000)
+        if (character >= 0xD800 && character < 0xDC00 && i + 1 < from.size() && from[i + 1] >= 0xDC00 &&
+            from[i + 1] < 0xE000)
             character = 0x10000 + ((character & 0x3FF) << 10) + (from[++i] & 0x3FFU);
         if (page == CP_UTF8) {
             appendUtf8(encoded, character >= 0xD800 && character < 0xE000 ? 0xFFFD : character);

@@ -1,5 +1,5 @@
-// The C library's functions on wide text, for units of two bytes: the library itself knows only those of four. They are
-// hidden, so that the system's libraries go on using their own.
+// The C library's functions on wide text, for units of two bytes: the library itself knows only those of
+// four. They are hidden, so that the system's libraries go on using their own.
 
 #include <windows.h>
 
@@ -67,7 +67,8 @@ VEXEL_FUZZ_WIDE wchar_t* wmemmove(wchar_t* target, const wchar_t* source, size_t
 }
 
 VEXEL_FUZZ_WIDE wchar_t* wmemset(wchar_t* target, wchar_t unit, size_t count) noexcept {
-    for (size_t done = 0; done < count; done += done > 0 ? done : 1) { // by doubling: much is filled by some targets
+    for (size_t done = 0;
+         done<count; done += done> 0 ? done : 1) { // by doubling: much is filled by some targets
         if (done == 0)
             *target = unit;
         else
@@ -82,7 +83,8 @@ VEXEL_FUZZ_WIDE wchar_t* wcscpy(wchar_t* target, const wchar_t* source) noexcept
 
 // The header gives these two forms in C++, which share a name for the linker.
 extern "C" __attribute__((visibility("hidden"))) const wchar_t* findUnit(const wchar_t* text, wchar_t unit,
-                                                                         size_t count) noexcept __asm__("wmemchr");
+                                                                         size_t count) noexcept
+    __asm__("wmemchr");
 extern "C" const wchar_t* findUnit(const wchar_t* text, wchar_t unit, size_t count) noexcept {
     for (size_t i = 0; i < count; ++i) {
         if (text[i] == unit)
@@ -92,7 +94,8 @@ extern "C" const wchar_t* findUnit(const wchar_t* text, wchar_t unit, size_t cou
 }
 
 extern "C" __attribute__((visibility("hidden"))) const wchar_t* findInText(const wchar_t* text,
-                                                                           wchar_t unit) noexcept __asm__("wcschr");
+                                                                           wchar_t unit) noexcept
+    __asm__("wcschr");
 extern "C" const wchar_t* findInText(const wchar_t* text, wchar_t unit) noexcept {
     return findUnit(text, unit, wcslen(text) + 1);
 }

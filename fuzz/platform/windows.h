@@ -1,14 +1,14 @@
 #pragma once
 
-/// Stands in for the platform's header in the native build: the types, statuses and interfaces that the sources
-/// under test name, with the platform's own sizes and values. Functions are declared so that the sources compile;
-/// platform.cpp and text.cpp define those that the targets reach, and the linker drops whoever calls the rest.
+/// Stands in for the platform's header in the native build: the types, statuses and interfaces that the
+/// sources under test name, with the platform's own sizes and values. Functions are declared so that the
+/// sources compile; platform.cpp and text.cpp define those that the targets reach, and the linker drops
+/// whoever calls the rest.
 ///
-/// The engine has such a header, too, which this one takes the place of: both must agree on every type. What it
-/// defines as errno codes is the platform's code again here.
+/// The engine has such a header, too, which this one takes the place of: both must agree on every type. What
+/// it defines as errno codes is the platform's code again here.
 
 #include <7zTypes.h>
-
 #include <pthread.h>
 #include <stddef.h>
 #include <stdint.h>
@@ -156,10 +156,13 @@ UINT SysStringLen(BSTR text);
 
 #define FALSE 0
 #define TRUE 1
-#define INIT_ONCE_STATIC_INIT {0}
+#define INIT_ONCE_STATIC_INIT                                                                                \
+    { 0 }
 #define INIT_ONCE_CHECK_ONLY 1UL
-#define SRWLOCK_INIT {PTHREAD_MUTEX_INITIALIZER}
-#define CONDITION_VARIABLE_INIT {PTHREAD_COND_INITIALIZER}
+#define SRWLOCK_INIT                                                                                         \
+    { PTHREAD_MUTEX_INITIALIZER }
+#define CONDITION_VARIABLE_INIT                                                                              \
+    { PTHREAD_COND_INITIALIZER }
 #define INFINITE 0xFFFFFFFFU
 #define INVALID_HANDLE_VALUE ((HANDLE)(LONG_PTR)-1)
 #define INVALID_FILE_ATTRIBUTES ((DWORD)-1)
@@ -348,8 +351,8 @@ void* VirtualAlloc(void* address, SIZE_T size, DWORD type, DWORD protection);
 BOOL VirtualFree(void* address, SIZE_T size, DWORD type);
 
 BOOL CloseHandle(HANDLE handle);
-HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security, DWORD disposition,
-                   DWORD flags, HANDLE like);
+HANDLE CreateFileW(const wchar_t* path, DWORD access, DWORD share, SECURITY_ATTRIBUTES* security,
+                   DWORD disposition, DWORD flags, HANDLE like);
 BOOL GetFileSizeEx(HANDLE file, LARGE_INTEGER* size);
 BOOL GetFileTime(HANDLE file, FILETIME* creation, FILETIME* lastAccess, FILETIME* lastWrite);
 BOOL ReadFile(HANDLE file, void* data, DWORD size, DWORD* done, OVERLAPPED* overlapped);
@@ -369,8 +372,10 @@ DWORD GetTempPathW(DWORD room, wchar_t* path);
 DWORD GetFullPathNameW(const wchar_t* path, DWORD room, wchar_t* full, wchar_t** name);
 DWORD GetLongPathNameW(const wchar_t* path, wchar_t* full, DWORD room);
 BOOL GetFileInformationByHandle(HANDLE file, BY_HANDLE_FILE_INFORMATION* information);
-BOOL GetFileInformationByHandleEx(HANDLE file, enum FILE_INFO_BY_HANDLE_CLASS kind, void* information, DWORD size);
-BOOL SetFileInformationByHandle(HANDLE file, enum FILE_INFO_BY_HANDLE_CLASS kind, void* information, DWORD size);
+BOOL GetFileInformationByHandleEx(HANDLE file, enum FILE_INFO_BY_HANDLE_CLASS kind, void* information,
+                                  DWORD size);
+BOOL SetFileInformationByHandle(HANDLE file, enum FILE_INFO_BY_HANDLE_CLASS kind, void* information,
+                                DWORD size);
 HANDLE FindFirstFileW(const wchar_t* pattern, WIN32_FIND_DATAW* found);
 BOOL FindNextFileW(HANDLE search, WIN32_FIND_DATAW* found);
 BOOL FindClose(HANDLE search);

@@ -25,7 +25,8 @@ public:
     }
     unsigned long long GetPosition() const override { return position_; }
     unsigned long long ReadBytes(void* buffer, unsigned long long count) override {
-        const std::size_t taken = (std::min)({static_cast<std::size_t>(count), bytes_.size() - position_, most_});
+        const std::size_t taken =
+            (std::min)({static_cast<std::size_t>(count), bytes_.size() - position_, most_});
         if (taken > 0)
             std::memcpy(buffer, bytes_.data() + position_, taken);
         position_ += taken;

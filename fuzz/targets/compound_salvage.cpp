@@ -1,4 +1,5 @@
-// Salvaging compound files: no byte of the file comes out twice, and the memory is that of tables and directory.
+// Salvaging compound files: no byte of the file comes out twice, and the memory is that of tables and
+// directory.
 
 #include "fuzz/targets/memory.h"
 #include "fuzz/targets/salvaged.h"

@@ -25,13 +25,15 @@ Result readAll(std::span<const std::uint8_t> bytes, bool requireGzip, std::size_
     if (!result.isOpen)
         return result;
     while (result.bytes.size() < kMost) {
-        const std::size_t wanted = (std::min)(kMost - result.bytes.size(), sizes.isEmpty() ? kMost : 1 + std::size_t{sizes.byte()});
+        const std::size_t wanted =
+            (std::min)(kMost - result.bytes.size(), sizes.isEmpty() ? kMost : 1 + std::size_t{sizes.byte()});
         std::vector<std::uint8_t> piece(wanted);
         const std::uint64_t count = reader.read(piece.data(), wanted);
         REQUIRE(count <= wanted);
         if (count == 0)
             break;
-        result.bytes.insert(result.bytes.end(), piece.begin(), piece.begin() + static_cast<std::ptrdiff_t>(count));
+        result.bytes.insert(result.bytes.end(), piece.begin(),
+                            piece.begin() + static_cast<std::ptrdiff_t>(count));
     }
     reader.close();
     return result;

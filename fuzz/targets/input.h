@@ -14,12 +14,12 @@
 namespace Vexel::Fuzz {
 
 /// Holds in release builds as well; a false one is a finding.
-#define REQUIRE(condition)                                                                                             \
-    do {                                                                                                               \
-        if (!(condition)) {                                                                                            \
-            std::fprintf(stderr, "%s:%d: does not hold: %s\n", __FILE__, __LINE__, #condition);                        \
-            std::abort();                                                                                              \
-        }                                                                                                              \
+#define REQUIRE(condition)                                                                                   \
+    do {                                                                                                     \
+        if (!(condition)) {                                                                                  \
+            std::fprintf(stderr, "%s:%d: does not hold: %s\n", __FILE__, __LINE__, #condition);              \
+            std::abort();                                                                                    \
+        }                                                                                                    \
     } while (false)
 
 /// The fuzzer's bytes, from the front. Whoever asks for more than there is gets zeros.
@@ -39,7 +39,9 @@ public:
     }
     std::uint8_t byte() { return number<std::uint8_t>(); }
     /// Of 0 up to `most`.
-    std::uint64_t below(std::uint64_t most) { return most == ~0ULL ? number<std::uint64_t>() : number<std::uint32_t>() % (most + 1); }
+    std::uint64_t below(std::uint64_t most) {
+        return most == ~0ULL ? number<std::uint64_t>() : number<std::uint32_t>() % (most + 1);
+    }
     /// Small as a rule, and now and then at one of the places where numbers end.
     std::int64_t offset();
 
@@ -63,12 +65,13 @@ private:
 };
 
 inline std::int64_t Input::offset() {
-    static constexpr std::int64_t kEnds[] = {0,           -1,          INT64_MIN,  INT64_MAX,  INT32_MAX, INT32_MIN,
-                                             0x100000000, -0x100000000, 0x7FFFFFFF, 0xFFFFFFFF};
+    static constexpr std::int64_t kEnds[] = {0,         -1,          INT64_MIN,    INT64_MAX,  INT32_MAX,
+                                             INT32_MIN, 0x100000000, -0x100000000, 0x7FFFFFFF, 0xFFFFFFFF};
     const std::uint8_t kind = byte();
     if (kind < 200)
         return static_cast<std::int8_t>(kind - 100);
-    return static_cast<std::int64_t>(static_cast<std::uint64_t>(kEnds[kind % std::size(kEnds)]) + byte() % 8 - 4);
+    return static_cast<std::int64_t>(static_cast<std::uint64_t>(kEnds[kind % std::size(kEnds)]) + byte() % 8 -
+                                     4);
 }
 
 } // namespace Vexel::Fuzz

@@ -44,7 +44,8 @@ struct Cursor {
 };
 
 /// Where a move of the COM kind leads; nothing for one that fails.
-std::optional<std::uint64_t> moved(std::uint64_t position, std::uint64_t size, std::int64_t by, std::uint32_t origin) {
+std::optional<std::uint64_t> moved(std::uint64_t position, std::uint64_t size, std::int64_t by,
+                                   std::uint32_t origin) {
     if (origin > 2)
         return std::nullopt;
     const std::uint64_t from = origin == 0 ? 0 : origin == 1 ? position : size;
@@ -61,12 +62,14 @@ void compare(const Cursor& cursor, const Model& model, std::span<const std::uint
 }
 
 void read(Cursor& cursor, const Model& model, std::uint64_t count, bool isCom) {
-    const std::uint64_t left = cursor.position < model.bytes.size() ? model.bytes.size() - cursor.position : 0;
+    const std::uint64_t left =
+        cursor.position < model.bytes.size() ? model.bytes.size() - cursor.position : 0;
     std::vector<std::uint8_t> buffer(static_cast<std::size_t>(count));
     std::uint64_t done = 0;
     if (isCom) {
         ULONG came = 0;
-        REQUIRE(cursor.stream->Read(buffer.data(), static_cast<ULONG>(count), &came) == (count > 0 || buffer.data() ? S_OK : STG_E_INVALIDPOINTER));
+        REQUIRE(cursor.stream->Read(buffer.data(), static_cast<ULONG>(count), &came) ==
+                (count > 0 || buffer.data() ? S_OK : STG_E_INVALIDPOINTER));
         done = came;
     } else {
         done = cursor.stream->read(buffer.data(), count);
@@ -115,7 +118,8 @@ void step(std::vector<Cursor>& cursors, Model& model, Input& input) {
         break;
     }
     case 5: {
-        const auto position = cursor.stream->seek(input.offset(), static_cast<InMemoryIStream::SeekOrigin>(input.byte() % 4));
+        const auto position =
+            cursor.stream->seek(input.offset(), static_cast<InMemoryIStream::SeekOrigin>(input.byte() % 4));
         REQUIRE(position == cursor.stream->position());
         REQUIRE(position <= model.bytes.size() || position == cursor.position);
         cursor.position = position;
@@ -138,7 +142,8 @@ void step(std::vector<Cursor>& cursors, Model& model, Input& input) {
         break;
     }
     case 8: // within its own memory
-        if (const unsigned char* const own = cursor.stream->data(0); own && model.isOwned && cursor.position <= kMost) {
+        if (const unsigned char* const own = cursor.stream->data(0);
+            own && model.isOwned && cursor.position <= kMost) {
             const std::uint64_t from = input.number<std::uint16_t>() % model.bytes.size();
             const std::uint64_t count = (std::min<std::uint64_t>)(input.byte(), model.bytes.size() - from);
             const std::vector<std::uint8_t> copy(own + from, own + from + count);
@@ -203,7 +208,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     while (!input.isEmpty()) {
         step(cursors, model, input);
         for (const Cursor& cursor : cursors) {
-            REQUIRE(cursor.stream->size() == model.bytes.size() && cursor.stream->position() == cursor.position);
+            REQUIRE(cursor.stream->size() == model.bytes.size() &&
+                    cursor.stream->position() == cursor.position);
             REQUIRE(cursor.stream->size() <= cursor.stream->capacity());
             REQUIRE(cursor.stream->numInstances() == static_cast<int>(cursors.size()));
         }

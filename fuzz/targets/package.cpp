@@ -1,5 +1,5 @@
-// A whole package on whatever bytes: what the check of its headers lets through is read by the engine, and every item's
-// contents are decoded by it. Then the package is saved, which must give what was read.
+// A whole package on whatever bytes: what the check of its headers lets through is read by the engine, and
+// every item's contents are decoded by it. Then the package is saved, which must give what was read.
 
 #include "archive/item_paths.h"
 #include "fuzz/targets/input.h"
@@ -15,8 +15,8 @@
 using namespace Vexel::Fuzz;
 using Microsoft::WRL::ComPtr;
 using Vexel::Storage::InMemoryIStream;
-using Vexel::Storage::SZipArchive;
 using Vexel::Storage::StringLess;
+using Vexel::Storage::SZipArchive;
 
 namespace {
 
@@ -74,7 +74,8 @@ void checkNames(SZipArchive& archive) {
         if (!Vexel::Storage::isNewItemPath(text))
             continue;
         const CString name = archive.nameOf(path);
-        const CString back = archive.childPath(Vexel::Storage::stringOf(Vexel::Storage::parentOf(text)), StringLess::view(name));
+        const CString back = archive.childPath(Vexel::Storage::stringOf(Vexel::Storage::parentOf(text)),
+                                               StringLess::view(name));
         REQUIRE(StringLess::view(back) == text);
     }
     std::size_t children = 0;
@@ -118,7 +119,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkNames(archive);
     const Listing listing = list(archive);
     checkSave(archive, listing);
-    // Whatever a header promises: no more than its packed bytes can hold, the larger items included, and the decoder's own.
+    // Whatever a header promises: no more than its packed bytes can hold, the larger items included, and the
+    // decoder's own.
     REQUIRE(memory.most() <= 0x10000000 + kMostExpansion * 8 * size);
     return 0;
 }

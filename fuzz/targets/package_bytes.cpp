@@ -23,7 +23,8 @@ std::string little(Value value) {
 }
 
 std::uint32_t checksum(std::string_view bytes) {
-    return static_cast<std::uint32_t>(crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
+    return static_cast<std::uint32_t>(
+        crc32(0, reinterpret_cast<const Bytef*>(bytes.data()), static_cast<uInt>(bytes.size())));
 }
 
 template <class Value>
@@ -34,7 +35,8 @@ Value load(const std::string& bytes, std::size_t at) {
 }
 
 std::string join(const std::string& packed, const std::string& header) {
-    const std::string place = little<std::uint64_t>(packed.size()) + little<std::uint64_t>(header.size()) + little(checksum(header));
+    const std::string place = little<std::uint64_t>(packed.size()) + little<std::uint64_t>(header.size()) +
+                              little(checksum(header));
     return std::string("7z\xBC\xAF\x27\x1C\0\4", 8) + little(checksum(place)) + place + packed + header;
 }
 
@@ -88,8 +90,9 @@ private:
             value = random_() >> below(31);
         if (value < 0x80)
             return std::string(1, static_cast<char>(value));
-        return now(2) && value < 0x4000 ? std::string{static_cast<char>(0x80 | value >> 8), static_cast<char>(value)}
-                                        : '\xFF' + little(value);
+        return now(2) && value < 0x4000
+                   ? std::string{static_cast<char>(0x80 | value >> 8), static_cast<char>(value)}
+                   : '\xFF' + little(value);
     }
 
     std::string bytes(std::size_t count) {
@@ -109,7 +112,8 @@ private:
             if (method < 2) { // LZMA2, in a chunk as it is
                 coders += std::string{1, 0x21, 0x21, 1, static_cast<char>(below(41))};
                 const std::size_t size = contents.size() - 1;
-                const std::string packed = std::string{1, static_cast<char>(size >> 8), static_cast<char>(size)} + contents + '\0';
+                const std::string packed =
+                    std::string{1, static_cast<char>(size >> 8), static_cast<char>(size)} + contents + '\0';
                 packed_ += packed;
                 sizes += number(packed.size());
                 unpacked += number(contents.size());
@@ -127,7 +131,8 @@ private:
                 unpacked += number(contents.size());
                 ++packStreams;
             } else { // copied twice
-                coders += std::string{2, 1, 0, 1, 0, static_cast<char>(below(2)), static_cast<char>(now(4) ? below(3) : 1)};
+                coders += std::string{
+                    2, 1, 0, 1, 0, static_cast<char>(below(2)), static_cast<char>(now(4) ? below(3) : 1)};
                 packed_ += contents;
                 sizes += number(contents.size());
                 unpacked += number(contents.size()) + number(contents.size());
@@ -164,10 +169,13 @@ private:
     }
 
     void makeFiles(unsigned files, unsigned empty, std::string& header) {
-        static constexpr std::u16string_view kNames[] = {u"a", u"b", u"a/b", u"a/b/c", u"", u"/", u"x//y", u"%25", u"%2f",
-                                                         u"\xD800", u"a\n", u"ab%zAB", u"Ä", u"a/"};
+        static constexpr std::u16string_view kNames[] = {u"a",   u"b",      u"a/b", u"a/b/c", u"",
+                                                         u"/",   u"x//y",   u"%25", u"%2f",   u"\xD800",
+                                                         u"a\n", u"ab%zAB", u"Ä",   u"a/"};
         header += number(files);
-        const auto property = [&](char id, const std::string& value) { header += id + number(value.size()) + value; };
+        const auto property = [&](char id, const std::string& value) {
+            header += id + number(value.size()) + value;
+        };
         std::string isEmpty((files + 7) / 8, '\0');
         for (unsigned i = 0; i < empty && i < files; ++i)
             isEmpty[i / 8] = static_cast<char>(isEmpty[i / 8] | 0x80 >> i % 8);
@@ -205,10 +213,11 @@ private:
 /// The same header packed by copying: what is read of it is behind a second description.
 Parts wrapped(const Parts& parts) {
     const auto number = [](std::uint64_t value) { return '\xFF' + little(value); };
-    return {parts.packed + parts.header,
-            std::string{0x17, 6} + number(parts.packed.size()) + std::string{1, 9} + number(parts.header.size()) +
-                std::string{0, 7, 11, 1, 0, 1, 1, 0, 12} + number(parts.header.size()) + "\x0A\x01" +
-                little(checksum(parts.header)) + std::string(2, '\0')};
+    return {parts.packed + parts.header, std::string{0x17, 6} + number(parts.packed.size()) +
+                                             std::string{1, 9} + number(parts.header.size()) +
+                                             std::string{0, 7, 11, 1, 0, 1, 1, 0, 12} +
+                                             number(parts.header.size()) + "\x0A\x01" +
+                                             little(checksum(parts.header)) + std::string(2, '\0')};
 }
 
 } // namespace
@@ -237,6 +246,7 @@ std::size_t mutatePackage(std::uint8_t* data, std::size_t size, std::size_t most
 
 } // namespace Vexel::Fuzz
 
-extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t most, unsigned seed) {
+extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t most,
+                                               unsigned seed) {
     return Vexel::Fuzz::mutatePackage(data, size, most, seed);
 }

@@ -4,8 +4,8 @@
 #include <cstdint>
 #include <string>
 
-/// Packages for the fuzzer: mutation that keeps the checksums of the first bytes and of the header right, so that what
-/// stands behind them is reached, and headers made by their grammar.
+/// Packages for the fuzzer: mutation that keeps the checksums of the first bytes and of the header right, so
+/// that what stands behind them is reached, and headers made by their grammar.
 namespace Vexel::Fuzz {
 
 /// As LLVMFuzzerCustomMutator.

@@ -1,5 +1,5 @@
-// The check of headers on whatever bytes: its verdict does not depend on how they are read, it takes no more memory than
-// it says, and the header that it hands on is one.
+// The check of headers on whatever bytes: its verdict does not depend on how they are read, it takes no more
+// memory than it says, and the header that it hands on is one.
 
 #include "archive/header_check.h"
 #include "archive/start_bytes.h"
@@ -36,7 +36,8 @@ private:
 };
 
 bool areSame(const HeaderVerdict& a, const HeaderVerdict& b) {
-    return a.fault == b.fault && a.status == b.status && std::string_view(a.what) == b.what && a.where == b.where;
+    return a.fault == b.fault && a.status == b.status && std::string_view(a.what) == b.what &&
+           a.where == b.where;
 }
 
 void checkVerdict(const HeaderVerdict& verdict) {
@@ -59,7 +60,8 @@ void checkPlain(const PlainHeader& plain) {
     PlainHeader again;
     const HeaderVerdict verdict = checkHeaders(source, &again);
     REQUIRE(verdict.fault == HeaderFault::None);
-    REQUIRE(again.start == plain.start && again.offset == plain.offset && again.bytes.size() == plain.bytes.size());
+    REQUIRE(again.start == plain.start && again.offset == plain.offset &&
+            again.bytes.size() == plain.bytes.size());
 }
 
 } // namespace

@@ -3,8 +3,8 @@
 #include "archive/item_paths.h"
 #include "fuzz/targets/input.h"
 
-using Vexel::Storage::SZipArchive;
 using Vexel::Storage::StringLess;
+using Vexel::Storage::SZipArchive;
 
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     const std::vector<wchar_t> units = Vexel::Fuzz::Input(data, size).text(size);

@@ -1,5 +1,6 @@
-// Serialised path names in all formats, and what path names say of their text; then the table of names against a model:
-// names of one text share an entry as long as any of them lives, and no entry outlives the last.
+// Serialised path names in all formats, and what path names say of their text; then the table of names
+// against a model: names of one text share an entry as long as any of them lives, and no entry outlives the
+// last.
 
 #include "fuzz/targets/byte_source.h"
 #include "paths/path_name_hash.h"
@@ -93,8 +94,9 @@ struct Held {
 };
 
 void intern(Input input) {
-    static constexpr const wchar_t* kTexts[] = {L"a", L"A", L"ab", L"AB", L"dir\\x.txt", L"DIR\\X.TXT", L"C:\\d\\e.f", L"c:\\D\\E.F",
-                                                L"\x00C4", L"\x00E4", L"x/y", L"\\\\server\\share\\f", L"."};
+    static constexpr const wchar_t* kTexts[] = {
+        L"a",          L"A",      L"ab",     L"AB",  L"dir\\x.txt",           L"DIR\\X.TXT", L"C:\\d\\e.f",
+        L"c:\\D\\E.F", L"\x00C4", L"\x00E4", L"x/y", L"\\\\server\\share\\f", L"."};
     std::list<Held> held;
     for (unsigned step = 0; step < 64 && !input.isEmpty(); ++step) {
         const std::uint8_t action = input.byte();

@@ -1,8 +1,9 @@
-// The functions on the text of paths: results lie within the text, and what brings a text into a form leaves one that has
-// it as it is.
+// The functions on the text of paths: results lie within the text, and what brings a text into a form leaves
+// one that has it as it is.
+
+#include "paths/path_text.h"
 
 #include "fuzz/targets/input.h"
-#include "paths/path_text.h"
 
 #include <vexel/paths.h>
 
@@ -27,7 +28,8 @@ void checkParts(std::wstring_view path, std::wstring_view other) {
     const bool endsDirectory = path.ends_with(L'\\') || path.ends_with(L'/');
     REQUIRE(Vexel::IsSubPath(path, path) == endsDirectory);
     if (Vexel::IsSubPath(path, other))
-        REQUIRE(path.size() > other.size() || other.empty() || other.ends_with(L'\\') || other.ends_with(L'/'));
+        REQUIRE(path.size() > other.size() || other.empty() || other.ends_with(L'\\') ||
+                other.ends_with(L'/'));
     const std::wstring_view bare = Vexel::RemoveTrailingPathSeparators(path);
     REQUIRE(path.starts_with(bare) && Vexel::RemoveTrailingPathSeparators(bare) == bare);
     REQUIRE(Vexel::Detail::drivePrefixLength(path) <= path.size());
@@ -43,7 +45,8 @@ void checkChanges(std::wstring_view path, std::wstring_view extension) {
     REQUIRE(canonical.size() <= path.size() || canonical == L".");
     CString framework(path.data(), static_cast<int>(path.size()));
     Vexel::CanonicalizeFileSystemPath(&framework);
-    REQUIRE(std::wstring_view(framework.GetString(), static_cast<std::size_t>(framework.GetLength())) == canonical);
+    REQUIRE(std::wstring_view(framework.GetString(), static_cast<std::size_t>(framework.GetLength())) ==
+            canonical);
 
     std::wstring changed(path);
     Vexel::ChangeFileExtension(&changed, extension);

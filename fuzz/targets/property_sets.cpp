@@ -88,7 +88,8 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     const auto choices = input.bytes((std::min)(input.byte() % 64, static_cast<int>(size)));
     Input changes(choices.data(), choices.size());
     const ByteView bytes = input.rest();
-    for (const FMTID& format : {FMTID_SummaryInformation, FMTID_DocSummaryInformation, FMTID_UserDefinedProperties}) {
+    for (const FMTID& format :
+         {FMTID_SummaryInformation, FMTID_DocSummaryInformation, FMTID_UserDefinedProperties}) {
         const auto found = findSection(bytes, format);
         if (!found || found->empty())
             continue;

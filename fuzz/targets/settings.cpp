@@ -11,10 +11,12 @@ namespace {
 
 const std::wstring kPath = L"C:\\settings.ini";
 
-std::wstring_view viewOf(const CStringW& text) { return {text.GetString(), static_cast<std::size_t>(text.GetLength())}; }
+std::wstring_view viewOf(const CStringW& text) {
+    return {text.GetString(), static_cast<std::size_t>(text.GetLength())};
+}
 
-/// White space and quotes at the ends are not what a file gives back, and what ends a line or begins one of another kind
-/// is not written so that it could be read.
+/// White space and quotes at the ends are not what a file gives back, and what ends a line or begins one of
+/// another kind is not written so that it could be read.
 bool isPlain(std::wstring_view text) {
     return text.find_first_of(std::wstring_view(L"\n\r\0\"'", 5)) == std::wstring_view::npos &&
            (text.empty() || (!iswspace(text.front()) && !iswspace(text.back())));
@@ -34,10 +36,11 @@ bool comesBack(const vxio::IniFile& file) {
 bool areEqual(const vxio::IniFile& a, const vxio::IniFile& b) {
     const auto same = [](const CStringW& x, const CStringW& y) { return viewOf(x) == viewOf(y); };
     return std::equal(a.begin(), a.end(), b.begin(), b.end(), [&](const auto& x, const auto& y) {
-        return same(x.first, y.first) &&
-               std::equal(x.second.begin(), x.second.end(), y.second.begin(), y.second.end(), [&](const auto& s, const auto& t) {
-                   return same(s.first, t.first) && same(s.second, t.second);
-               });
+        return same(x.first, y.first) && std::equal(x.second.begin(), x.second.end(), y.second.begin(),
+                                                    y.second.end(), [&](const auto& s, const auto& t) {
+                                                        return same(s.first, t.first) &&
+                                                               same(s.second, t.second);
+                                                    });
     });
 }
 

@@ -1,5 +1,6 @@
-// Strings in documents, in all layouts: whatever stands there reads without harm, takes memory as it comes, and what is
-// written reads back. The layout of archives is read by the framework as well, which has to agree.
+// Strings in documents, in all layouts: whatever stands there reads without harm, takes memory as it comes,
+// and what is written reads back. The layout of archives is read by the framework as well, which has to
+// agree.
 
 #include "fuzz/targets/byte_source.h"
 #include "fuzz/targets/memory.h"
@@ -22,7 +23,8 @@ ComPtr<InMemoryIStream> streamOf(std::span<const std::uint8_t> bytes) {
 }
 
 bool areEqual(const CStringW& a, const CStringW& b) {
-    return a.GetLength() == b.GetLength() && std::equal(a.GetString(), a.GetString() + a.GetLength(), b.GetString());
+    return a.GetLength() == b.GetLength() &&
+           std::equal(a.GetString(), a.GetString() + a.GetLength(), b.GetString());
 }
 
 template <class Read>
@@ -102,13 +104,16 @@ void writeAndRead(const std::vector<wchar_t>& units) {
     };
     const CStringW trimmed(units.data(), static_cast<int>(view.find_last_not_of(L'\0') + 1));
     CStringW back;
-    auto layoutU = there([&](auto& stream) { VxwWriteString(static_cast<vxio::IWriteStream&>(stream), text); });
+    auto layoutU =
+        there([&](auto& stream) { VxwWriteString(static_cast<vxio::IWriteStream&>(stream), text); });
     REQUIRE(VxwReadUniString(static_cast<vxio::IReadStream&>(layoutU), back) && areEqual(back, trimmed));
     std::wstring wide;
-    auto layoutW = there([&](auto& stream) { VxwWriteString(static_cast<vxio::IWriteStream&>(stream), view); });
+    auto layoutW =
+        there([&](auto& stream) { VxwWriteString(static_cast<vxio::IWriteStream&>(stream), view); });
     VxwReadStringW(static_cast<vxio::IReadStream&>(layoutW), wide);
     REQUIRE(wide == view);
-    auto layoutM = there([&](auto& stream) { VxwWriteCArchiveString(static_cast<vxio::IWriteStream&>(stream), text); });
+    auto layoutM =
+        there([&](auto& stream) { VxwWriteCArchiveString(static_cast<vxio::IWriteStream&>(stream), text); });
     VxwReadCArchiveString(static_cast<vxio::IReadStream&>(layoutM), back);
     REQUIRE(areEqual(back, text));
     REQUIRE(layoutM.GetPosition() == layoutM.GetLength());

@@ -1,5 +1,5 @@
-// Text files in all encodings: what is decoded without loss is encoded to the same bytes, an encoding is guessed alike by
-// parts and at once, and reading lines gives what decoding at once does.
+// Text files in all encodings: what is decoded without loss is encoded to the same bytes, an encoding is
+// guessed alike by parts and at once, and reading lines gives what decoding at once does.
 
 #include "fuzz/platform/files.h"
 #include "fuzz/targets/input.h"
@@ -12,8 +12,9 @@ using vxio::TextEncoding;
 
 namespace {
 
-constexpr TextEncoding kAll[] = {TextEncoding::Ansi,    TextEncoding::Latin1,  TextEncoding::Utf8,   TextEncoding::Utf16LE,
-                                 TextEncoding::Utf16BE, TextEncoding::Utf32LE, TextEncoding::Utf32BE};
+constexpr TextEncoding kAll[] = {TextEncoding::Ansi,    TextEncoding::Latin1,  TextEncoding::Utf8,
+                                 TextEncoding::Utf16LE, TextEncoding::Utf16BE, TextEncoding::Utf32LE,
+                                 TextEncoding::Utf32BE};
 
 TextEncoding guess(Bytes bytes, std::size_t step) {
     return guessEncoding(
@@ -80,7 +81,8 @@ void writeText(Bytes bytes, TextEncoding encoding) {
     arguments.path = path.c_str();
     vxio::TextFileWriteStream stream;
     REQUIRE(stream.Open(arguments, encoding, true));
-    REQUIRE(stream.WriteString(text.substr(0, text.size() / 2)) && stream.WriteString(text.substr(text.size() / 2)));
+    REQUIRE(stream.WriteString(text.substr(0, text.size() / 2)) &&
+            stream.WriteString(text.substr(text.size() / 2)));
     REQUIRE(stream.Close());
     std::vector<unsigned char> expected(byteOrderMark(encoding).begin(), byteOrderMark(encoding).end());
     encodeText(text.substr(0, text.size() / 2), encoding, expected);
