@@ -1,4 +1,5 @@
-// Files in memory. Nothing is shared or locked, and times are the same for all.
+// Files in memory. Nothing is shared, times are the same for all, and only deleting and looking for files is for several
+// threads.
 
 #include "fuzz/platform/files.h"
 
@@ -6,6 +7,7 @@
 
 #include <algorithm>
 #include <cstring>
+#include <mutex>
 
 namespace Vexel::Fuzz {
 
@@ -24,6 +26,8 @@ struct Open {
 };
 
 Open& openFile(HANDLE handle) { return *static_cast<Open*>(handle); }
+
+std::mutex looking;
 
 BOOL fail(DWORD error) {
     SetLastError(error);
@@ -137,10 +141,14 @@ BOOL MoveFileExW(const wchar_t* from, const wchar_t* to, DWORD) {
     return TRUE;
 }
 
-BOOL DeleteFileW(const wchar_t* path) { return files().erase(path) > 0 ? TRUE : fail(ERROR_FILE_NOT_FOUND); }
+BOOL DeleteFileW(const wchar_t* path) {
+    const std::lock_guard lock(looking);
+    return files().erase(path) > 0 ? TRUE : fail(ERROR_FILE_NOT_FOUND);
+}
 BOOL SetFileAttributesW(const wchar_t*, DWORD) { return TRUE; }
 
 DWORD GetFileAttributesW(const wchar_t* path) {
+    const std::lock_guard lock(looking);
     if (files().contains(path))
         return FILE_ATTRIBUTE_NORMAL;
     fail(ERROR_FILE_NOT_FOUND);

@@ -97,6 +97,21 @@ int _vsnwprintf(wchar_t*, size_t, const wchar_t*, va_list) { std::abort(); }
 
 void Sleep(DWORD) {}
 DWORD GetCurrentThreadId() { return 1; }
+HANDLE GetCurrentProcess() { return nullptr; }
+BOOL GetProcessTimes(HANDLE, FILETIME* creation, FILETIME*, FILETIME*, FILETIME*) {
+    *creation = {3, 3};
+    return TRUE;
+}
+BOOL GetModuleHandleExW(DWORD, const wchar_t*, HMODULE* module) {
+    *module = nullptr;
+    return TRUE;
+}
+DWORD GetTempPathW(DWORD room, wchar_t* path) {
+    constexpr wchar_t kPath[] = L"C:\\Temp\\";
+    if (room >= sizeof kPath / sizeof *kPath)
+        wmemcpy(path, kPath, sizeof kPath / sizeof *kPath);
+    return sizeof kPath / sizeof *kPath - (room >= sizeof kPath / sizeof *kPath);
+}
 void GetSystemTimeAsFileTime(FILETIME* time) { *time = {2, 2}; }
 
 BSTR SysAllocStringByteLen(LPCSTR bytes, UINT size) {
@@ -229,10 +244,12 @@ Platform& platform() noexcept {
                           .moveFile = MoveFileExW,
                           .deleteFile = DeleteFileW,
                           .setAttributes = SetFileAttributesW,
+                          .getTempPath = GetTempPathW,
                           .reallocate = reallocate,
                           .freeMemory = freeMemory,
                           .commitPages = commitPages,
                           .releasePages = freeMemory,
+                          .getProcessTimes = GetProcessTimes,
                           .getTickCount = GetTickCount,
                           .startThread = startThread,
                           .processIsEnding = processIsEnding};
