@@ -76,6 +76,18 @@ HRESULT openFile(const wchar_t* path, std::shared_ptr<DatabaseStream>& opened) {
     return S_OK;
 }
 
+void adoptFolderDigests(NArchive::N7z::CDbEx& database) {
+    for (unsigned i = 0; i < database.Files.Size(); ++i) {
+        auto& file = database.Files[i];
+        const unsigned folder = database.FileIndexToFolderIndexMap[i];
+        if (!file.HasStream || folder == NArchive::N7z::kNumNoIndex ||
+            database.NumUnpackStreamsVector[folder] != 1 || !database.FolderCRCs.ValidAndDefined(folder))
+            continue;
+        file.CrcDefined = true;
+        file.Crc = database.FolderCRCs.Vals[folder];
+    }
+}
+
 bool DatabaseStream::fileTimes(FILETIME* creation, FILETIME* lastWrite, FILETIME* lastAccess) const noexcept {
     // The caller's order differs from the system's.
     return file_.times(creation, lastAccess, lastWrite);
@@ -203,8 +215,10 @@ HRESULT DatabaseStream::readHeader(const wchar_t* archiveName, PlainHeader&& hea
     }
     status = withEngine(S_FALSE, [&] { return archive.ReadDatabase(database_); });
     const HRESULT verdict = verdictOn(database_, status);
-    if (verdict == S_OK)
+    if (verdict == S_OK) {
+        adoptFolderDigests(database_);
         return S_OK;
+    }
     // What it only flags, it calls a success.
     logFailure(VxLog_Error, kReadFailure, archiveName, status == S_OK ? verdict : status);
     archive.Close();

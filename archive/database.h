@@ -20,6 +20,11 @@
 
 namespace Vexel::Storage::Engine {
 
+/// A folder's checksum is that of its only file. Without a list of the parts of folders the engine does not
+/// take it for that; a save would hand it on all the same, and the file could not be read any more if it were
+/// wrong.
+void adoptFolderDigests(NArchive::N7z::CDbEx& database);
+
 /// An archive's database and the input that it was read from: a file of ours or a caller's stream. Once it is
 /// read, it does not change but by `closeFile`, and may be used from many threads.
 class DatabaseStream {

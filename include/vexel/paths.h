@@ -81,7 +81,8 @@ VEXEL_API std::wstring_view GetFileExtension(std::wstring_view path, bool withDo
 
 /// Whether `path` lies inside `base`, by text and without regard to case: one trailing separator of `base`
 /// is dropped (only one), then `path` must continue behind `base` with a separator. An empty `base` holds
-/// every path that starts with a separator. No path lies inside itself.
+/// every path that starts with a separator. A path that ends with a separator lies inside itself, by this;
+/// no other does.
 VEXEL_API bool IsSubPath(std::wstring_view path, std::wstring_view base);
 
 // Changes to a path; the forms that take a pointer change the string in place and return it

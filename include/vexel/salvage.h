@@ -89,7 +89,8 @@ public:
     /// The next bytes of that stream.
     virtual void onBytes(std::span<const std::byte> /*bytes*/) {}
     /// The stream's end, and what has come of it: only now it is known to be whole. For streams that were
-    /// passed over, too.
+    /// passed over, too, and of those that are lost this may be all that is told: `onStream` is not called
+    /// for each of them.
     virtual void onStreamEnd(const SalvagedNode& /*node*/) {}
     /// So many bytes of the file, or of contents, have been gone through since the last call. False ends the
     /// work at the next step.

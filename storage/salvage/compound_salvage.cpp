@@ -66,6 +66,15 @@ public:
                count([](const Element& element) { return element.state == SalvageState::Whole; });
     }
 
+    /// Whether anything comes back but the root.
+    bool hasNodes() {
+        return std::any_of(elements().begin(), elements().end(), [](const Element& element) {
+            return element.isUsable && !element.isHidden &&
+                   (element.entry.type == EntryType::Storage ||
+                    (element.entry.type == EntryType::Stream && element.state != SalvageState::Lost));
+        });
+    }
+
     void deliver() {
         output_.format(SalvageFormat::CompoundFile);
         SalvagedNode root;
@@ -403,7 +412,8 @@ void salvageCompound(CompoundSource& source, Output& output) {
     const unsigned shift = header ? header->sectorShift : findSectorShift(source, fields, output);
     CompoundSalvage salvage(source, fields, shift, output);
     salvage.load();
-    if (salvage.score() > 0)
+    // What does not even begin as one may be something else: that is told only of what has something to give.
+    if (Compound::hasSignature(bytes) ? salvage.score() > 0 : salvage.hasNodes())
         salvage.deliver();
 }
 

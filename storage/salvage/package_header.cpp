@@ -120,8 +120,11 @@ private:
             const HRESULT opened = archive.Open(input.Get(), &searchLimit);
             return opened == S_OK ? archive.ReadDatabase(database_) : opened;
         });
-        return status == S_OK && !database_.ThereIsHeaderError && !database_.UnexpectedEnd &&
-               !database_.UnsupportedFeatureError && (!mustHaveItems || database_.Files.Size() > 0);
+        if (status != S_OK || database_.ThereIsHeaderError || database_.UnexpectedEnd ||
+            database_.UnsupportedFeatureError)
+            return false;
+        adoptFolderDigests(database_);
+        return !mustHaveItems || database_.Files.Size() > 0;
     }
 
     SalvageSource& source_;

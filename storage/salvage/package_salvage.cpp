@@ -127,12 +127,13 @@ private:
         return name;
     }
 
-    /// The storage's path as it is handed out.
+    /// The storage's path as it is handed out. In front of a first "/" is the root.
     Path open(std::wstring_view item) {
         Path path;
-        for (std::size_t end = 0; end < item.size();) {
-            const std::size_t begin = end == 0 ? 0 : end + 1;
+        for (std::size_t begin = 0, end = 0; end < item.size(); begin = end + 1) {
             end = (std::min)(item.find(L'/', begin), item.size());
+            if (end == 0)
+                continue;
             const std::wstring key(item.substr(0, end));
             auto known = opened_.find(key);
             if (known == opened_.end()) {
@@ -204,10 +205,12 @@ public:
             end(node_.there > 0 ? SalvageState::CutShort : SalvageState::Lost, reason);
         while (filesLeft_ > 0) {
             nextFile();
-            if (node_.size == 0)
+            if (node_.size == 0) { // it needs nothing of what is damaged
+                output_.stream(node_);
                 end(SalvageState::Whole, "");
-            else
+            } else {
                 end(SalvageState::Lost, std::exchange(reason, reasonOfOthers));
+            }
         }
     }
 

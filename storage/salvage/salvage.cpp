@@ -63,7 +63,7 @@ void run(SalvageSource& source, Output& output) {
     SourceAdapter compound(source);
     if (!beginsAsPackage(source))
         salvageCompound(compound, output);
-    if (!output.hasNodes() && !beginsAsCompoundFile(source))
+    if (!output.hasFormat() && !beginsAsCompoundFile(source))
         salvagePackage(source, output);
 }
 

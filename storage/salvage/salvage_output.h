@@ -17,7 +17,10 @@ class Output {
 public:
     explicit Output(SalvageObserver& observer) noexcept : observer_(observer) {}
 
-    void format(SalvageFormat format) { observer_.onFormat(format); }
+    void format(SalvageFormat format) {
+        hasFormat_ = true;
+        observer_.onFormat(format);
+    }
     void damage(const char* what, std::uint64_t where) {
         if (isQuiet_)
             return;
@@ -46,7 +49,8 @@ public:
             return SalvageOutcome::Nothing;
         return losses_ > 0 ? SalvageOutcome::Losses : SalvageOutcome::Whole;
     }
-    bool hasNodes() const noexcept { return nodes_ > 0; }
+    /// Whether it has been told what the file is.
+    bool hasFormat() const noexcept { return hasFormat_; }
 
     /// While one lives, damage is not told: what is done is a trial.
     class Quiet {
@@ -64,6 +68,7 @@ private:
     SalvageObserver& observer_;
     std::uint64_t nodes_ = 0;
     std::uint64_t losses_ = 0;
+    bool hasFormat_ = false;
     bool isQuiet_ = false;
 };
 

@@ -1,0 +1,54 @@
+// The gzip reader on whatever bytes, in pieces of any size, against the same in one piece.
+
+#include "fuzz/targets/byte_source.h"
+#include "io/gzip_reader.h"
+
+using namespace Vexel::Fuzz;
+
+namespace {
+
+struct Result {
+    bool isOpen = false;
+    bool inflates = false;
+    std::vector<std::uint8_t> bytes;
+};
+
+// A member may hold a thousand times its bytes: enough is enough.
+constexpr std::size_t kMost = 0x20000;
+
+Result readAll(std::span<const std::uint8_t> bytes, bool requireGzip, std::size_t most, Input sizes) {
+    ByteSource source(bytes, most);
+    Vexel::Detail::GzipReader reader;
+    Result result;
+    result.isOpen = reader.open(source, requireGzip);
+    result.inflates = reader.inflating();
+    if (!result.isOpen)
+        return result;
+    while (result.bytes.size() < kMost) {
+        const std::size_t wanted =
+            (std::min)(kMost - result.bytes.size(), sizes.isEmpty() ? kMost : 1 + std::size_t{sizes.byte()});
+        std::vector<std::uint8_t> piece(wanted);
+        const std::uint64_t count = reader.read(piece.data(), wanted);
+        REQUIRE(count <= wanted);
+        if (count == 0)
+            break;
+        result.bytes.insert(result.bytes.end(), piece.begin(),
+                            piece.begin() + static_cast<std::ptrdiff_t>(count));
+    }
+    reader.close();
+    return result;
+}
+
+} // namespace
+
+extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
+    Input input(data, size);
+    const bool requireGzip = input.byte() % 2 != 0;
+    const auto sizes = input.bytes(input.byte() % 16);
+    const auto bytes = input.rest();
+    const Result whole = readAll(bytes, requireGzip, ~std::size_t{0}, {nullptr, 0});
+    const Result pieces = readAll(bytes, requireGzip, ~std::size_t{0}, {sizes.data(), sizes.size()});
+    REQUIRE(whole.isOpen == pieces.isOpen && whole.inflates == pieces.inflates);
+    REQUIRE(whole.bytes == pieces.bytes);
+    return 0;
+}

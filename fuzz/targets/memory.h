@@ -1,0 +1,16 @@
+#pragma once
+
+#include <cstddef>
+
+/// How much memory the thread that asks has at once, and had at most.
+namespace Vexel::Fuzz {
+
+class MemoryWatch {
+public:
+    /// From here on.
+    MemoryWatch();
+    /// The most bytes that there were at one time since then, above what there was at the beginning.
+    std::size_t most() const;
+};
+
+} // namespace Vexel::Fuzz

@@ -1,0 +1,14 @@
+#pragma once
+
+#include <cstddef>
+#include <cstdint>
+#include <string>
+
+/// Packages for the fuzzer: mutation that keeps the checksums of the first bytes and of the header right, so
+/// that what stands behind them is reached, and headers made by their grammar.
+namespace Vexel::Fuzz {
+
+/// As LLVMFuzzerCustomMutator.
+std::size_t mutatePackage(std::uint8_t* data, std::size_t size, std::size_t most, unsigned seed);
+
+} // namespace Vexel::Fuzz
