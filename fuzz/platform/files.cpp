@@ -1,5 +1,5 @@
-// Files in memory. Nothing is shared, times are the same for all, and only deleting and looking for files is for several
-// threads.
+// Files in memory. Nothing is shared, times are the same for all, and only deleting and looking for files is
+// for several threads.
 
 #include "fuzz/platform/files.h"
 
