@@ -293,7 +293,8 @@ StreamRef Document::openStream(const NodePath& path, const StorageRef& parent) c
 // words, and the status by which `verify` tells it from damage.
 void Document::checkUnpacking(HRESULT status, std::wstring_view what, const NodePath& path) const {
     if (status == STG_E_INVALIDFUNCTION && root_.format() == StorageFormat::Package)
-        throw Failure(L"packed in one block with other nodes:", label(path), E_NOTIMPL);
+        throw Failure(L"packed in one block with other nodes, which salvage takes apart:", label(path),
+                      E_NOTIMPL);
     check(status, what, label(path));
 }
 
