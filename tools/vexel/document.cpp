@@ -309,9 +309,11 @@ void Document::read(StreamRef& stream, const NodePath& path,
             static_cast<unsigned long>(std::min(remaining, static_cast<unsigned long long>(buffer.size())));
         unsigned long done = 0;
         check(stream.read(buffer.data(), count, &done), L"cannot read", label(path));
+        if (done > count)
+            throw Failure(L"cannot read", label(path), STG_E_READFAULT);
+        sink(std::span(buffer).first(done));
         if (done != count)
             throw Failure(L"damaged contents:", label(path), STG_E_READFAULT);
-        sink(std::span(buffer).first(done));
         progress().add(done);
         remaining -= done;
     }
