@@ -62,7 +62,7 @@ class Checking(CommandTest):
         package, other = self.directory / "zeros.7z", self.directory / "other.7z"
         seven_zip("a", "-ms=off", "-mx1", package, ".", cwd=self.directory / "zeros")
         os.link(package, other)
-        for command in ["verify", package, other], ["cat", package, "0", "1", "-o", self.directory / "out"]:
+        for command in ["verify", package, other], ["cat", package, "**", "-o", self.directory / "out"]:
             with self.subTest(command[0]):
                 self.assertRegex(self.on_terminal(*command), rb": \d+ % of [\d.]+ [MG]B, \d[^\r]* s left")
 

@@ -152,6 +152,10 @@ class Damaged(CommandTest):
         self.fail_with(1, r'\|size 300000": 0x80', "cat", path, "size 300000")
         self.fail_with(1, r'\|size 300000": 0x80', "extract", path, self.directory / "out")
         self.assertNotRegex(" ".join(files_below(self.directory / "out")), "size 300000|part")
+        cut = self.sample("foreign-tree.cfb")
+        contents = snapshot(cut)["Contents"]
+        cut.write_bytes(cut.read_bytes()[:100_000])
+        self.assertEqual(self.fail_with(1, r'\|Contents": 0x8003001e', "cat", cut, "Contents"), contents[:87_712])
 
     def test_a_storage_that_cannot_be_opened_costs_itself(self):
         """Of a package whose directory has a name that the library does not find again."""

@@ -23,7 +23,7 @@ constexpr int kStreams = 500;
 
 // The library reports by status; this program has nothing better to do than to stop.
 void check(long status, const char* what) {
-    if (SUCCEEDED(status))
+    if (status == S_OK)
         return;
     char message[80];
     std::snprintf(message, sizeof message, "cannot %s: 0x%08lx", what, static_cast<unsigned long>(status));

@@ -16,9 +16,9 @@ static int countElements(HRESULT opened, IStorage** storage) {
     IEnumSTATSTG* elements = NULL;
     STATSTG element;
     int count = -1;
-    if (FAILED(opened))
+    if (opened != S_OK)
         return -1;
-    if (SUCCEEDED(IStorage_EnumElements(*storage, 0, NULL, 0, &elements))) {
+    if (IStorage_EnumElements(*storage, 0, NULL, 0, &elements) == S_OK) {
         for (count = 0; IEnumSTATSTG_Next(elements, 1, &element, NULL) == S_OK; ++count)
             CoTaskMemFree(element.pwcsName);
         IEnumSTATSTG_Release(elements);
@@ -37,7 +37,7 @@ int main(void) {
     IStorage* storage = NULL;
     IStream* stream = NULL;
     if (argc != 2 || !byPath || !onStream ||
-        FAILED(SHCreateStreamOnFileEx(argv[1], STGM_READ, 0, FALSE, NULL, &stream)))
+        SHCreateStreamOnFileEx(argv[1], STGM_READ, 0, FALSE, NULL, &stream) != S_OK)
         return 1;
     printf("linked %d, ", countElements(OpenVexelPackage(&storage, argv[1]), &storage));
     printf("loaded %d, ", countElements(byPath(&storage, argv[1]), &storage));

@@ -457,7 +457,7 @@ private:
 /// Lists the children of a storage, in the order in which the format delivers them.
 ///
 ///     StorageEnumerator child;
-///     if (SUCCEEDED(child.reset(storage)))
+///     if (child.reset(storage) == S_OK)
 ///         while (child.moveNext())
 ///             use(child.name(), child.type());
 class VEXEL_API StorageEnumerator {

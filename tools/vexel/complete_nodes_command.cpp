@@ -33,7 +33,8 @@ void print(const Arguments& arguments) {
     const bool ignoresCase = document.root().format() == StorageFormat::CompoundFile;
     StandardOutput output;
     StorageEnumerator child;
-    for (child.reset(document.openStorage(top)); child.moveNext();) {
+    for (check(child.reset(document.openStorage(top)), L"cannot list", document.label(top));
+         child.moveNext();) {
         const std::wstring path = top.child(child.name().asStringView()).text();
         if (beginsWith(path, beginning, ignoresCase))
             output.text(toUtf8(path) + (child.type() == StorageType::Storage ? "/" : "") + "\n");

@@ -63,6 +63,8 @@ void compare(const Document& source, TreeListing& before, const Document& target
 
 void convertDocument(const std::wstring& from, const std::wstring& to, bool force) {
     const std::wstring path = withoutLengthLimit(to);
+    if (isSameFile(path, from))
+        throw UsageError(L"will not write over the document itself:", to);
     checkFree(path, to, force);
     const Document source(from, RootStorageOpenMode::ReadOnlyDenyWrite);
     TreeListing listing = listSource(source);

@@ -37,7 +37,7 @@ unsigned long long maximumNodes(const std::wstring& file, StorageFormat format) 
 // The name as the storage lists it; null where it does not.
 SharedPathName listedName(const StorageRef& parent, const std::wstring& name) {
     StorageEnumerator enumerator;
-    if (FAILED(enumerator.reset(parent)))
+    if (enumerator.reset(parent) != S_OK)
         return {};
     while (enumerator.moveNext()) {
         if (enumerator.name().asStringView() == name)
@@ -220,7 +220,7 @@ StorageRef Document::openStorage(const NodePath& path) const {
         StorageRef child;
         const std::wstring& name = path.elements()[i];
         const HRESULT status = child.open(name.c_str(), storage, true);
-        if (FAILED(status) && typeOf(storage, name) == StorageType::Stream)
+        if (status != S_OK && typeOf(storage, name) == StorageType::Stream)
             throw Failure(L"this is a stream, not a storage:", label(path.first(i + 1)),
                           STG_E_INVALIDFUNCTION);
         check(status, L"cannot open", label(path.first(i + 1)));
@@ -281,7 +281,7 @@ void Document::failAsMissing(std::wstring_view what, const NodePath& path) const
 StreamRef Document::openStream(const NodePath& path, const StorageRef& parent) const {
     StreamRef stream;
     const HRESULT status = stream.open(path.name().c_str(), parent, true);
-    if (FAILED(status) && typeOf(parent, path.name()) == StorageType::Storage)
+    if (status != S_OK && typeOf(parent, path.name()) == StorageType::Storage)
         throw Failure(L"this is a storage, not a stream:", label(path), STG_E_INVALIDFUNCTION);
     if (isLostName(status) && isListed(parent, path.name()))
         checkListed(status, L"cannot open", path);
@@ -293,7 +293,8 @@ StreamRef Document::openStream(const NodePath& path, const StorageRef& parent) c
 // words, and the status by which `verify` tells it from damage.
 void Document::checkUnpacking(HRESULT status, std::wstring_view what, const NodePath& path) const {
     if (status == STG_E_INVALIDFUNCTION && root_.format() == StorageFormat::Package)
-        throw Failure(L"packed in one block with other nodes:", label(path), E_NOTIMPL);
+        throw Failure(L"packed in one block with other nodes, which salvage takes apart:", label(path),
+                      E_NOTIMPL);
     check(status, what, label(path));
 }
 
@@ -308,9 +309,11 @@ void Document::read(StreamRef& stream, const NodePath& path,
             static_cast<unsigned long>(std::min(remaining, static_cast<unsigned long long>(buffer.size())));
         unsigned long done = 0;
         check(stream.read(buffer.data(), count, &done), L"cannot read", label(path));
+        if (done > count)
+            throw Failure(L"cannot read", label(path), STG_E_READFAULT);
+        sink(std::span(buffer).first(done));
         if (done != count)
             throw Failure(L"damaged contents:", label(path), STG_E_READFAULT);
-        sink(std::span(buffer).first(done));
         progress().add(done);
         remaining -= done;
     }

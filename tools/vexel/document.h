@@ -86,7 +86,8 @@ public:
     void checkListed(HRESULT status, std::wstring_view what, const NodePath& path) const;
 
     /// Passes the contents of an open stream to `sink` in pieces, all of kChunkSize but the last. A stream
-    /// that ends before its size is reached fails: that is how damaged contents show. Shown as progress.
+    /// that ends before its size is reached fails behind the bytes that are there: that is how damaged
+    /// contents show. Shown as progress.
     void read(StreamRef& stream, const NodePath& path,
               const std::function<void(std::span<const std::byte>)>& sink) const;
 

@@ -79,7 +79,7 @@ Summary summaryOf(const StorageRef& root) {
     };
     Summary summary;
     Properties properties;
-    if (FAILED(ReadProperties(root, FMTID_SummaryInformation, properties)))
+    if (ReadProperties(root, FMTID_SummaryInformation, properties) != S_OK)
         return summary; // most documents have none
     for (const auto& [id, name] : kFields) {
         const PropertyVariant& value = properties[id];

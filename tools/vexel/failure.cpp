@@ -84,7 +84,7 @@ constexpr auto kStorageWords = std::to_array<StatusWords>({
     {STG_E_CANTSAVE, L"cannot save"},
     {STG_E_OLDFORMAT, L"the file has an old format"},
     {STG_E_NOTFILEBASEDSTORAGE, L"not a storage with a file of its own"},
-    {STG_E_DOCFILECORRUPT, L"the file is damaged"},
+    {STG_E_DOCFILECORRUPT, L"the file is damaged", L"the file is damaged; see salvage"},
     {E_NOTIMPL, L"packed in a way that this program cannot read, or encrypted"},
     {HRESULT_FROM_WIN32(ERROR_NOT_SUPPORTED), L"packed in a way that this program cannot read, or encrypted"},
 });

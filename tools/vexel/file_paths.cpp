@@ -156,7 +156,11 @@ void PartialFile::close() {
 
 void PartialFile::finish(const std::wstring& path, bool overwrite) {
     checkStop();
-    const DWORD flags = overwrite ? MOVEFILE_REPLACE_EXISTING : 0;
+    // What it replaces is gone then, so that its bytes must be on the disk first. The library's saves see to
+    // that.
+    if (overwrite && file_ && !FlushFileBuffers(file_.get()))
+        throw Failure(L"cannot write", label_, lastErrorStatus());
+    const DWORD flags = overwrite ? MOVEFILE_REPLACE_EXISTING | MOVEFILE_WRITE_THROUGH : 0;
     if (!file_.close())
         throw Failure(L"cannot write", label_, lastErrorStatus());
     if (!MoveFileExW(path_.c_str(), path.c_str(), flags))

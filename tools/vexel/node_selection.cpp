@@ -28,7 +28,7 @@ bool isDocument(const std::wstring& text) {
 // The name as the storage lists it, whose case may be another.
 std::wstring listedName(const StorageRef& storage, const std::wstring& name) {
     StorageEnumerator child;
-    if (FAILED(child.reset(storage)))
+    if (child.reset(storage) != S_OK)
         return name;
     while (child.moveNext()) {
         if (isSameName(child.name().asStringView(), name))

@@ -61,6 +61,10 @@ Entry entryOf(const Entry& directory, const WIN32_FIND_DATAW& found) {
 
 void appendChildren(std::vector<Entry>& entries, const Entry& directory) {
     WIN32_FIND_DATAW found;
+    const DWORD attributes = GetFileAttributesW(directory.file.c_str());
+    if (attributes != INVALID_FILE_ATTRIBUTES && (attributes & FILE_ATTRIBUTE_DIRECTORY) == 0)
+        throw Failure(L"cannot list", directory.label, HRESULT_FROM_WIN32(ERROR_DIRECTORY),
+                      L"it is a file, and a directory is needed");
     const std::wstring pattern = directory.file + L"\\*";
     const HANDLE first = FindFirstFileW(pattern.c_str(), &found);
     if (first == INVALID_HANDLE_VALUE)

@@ -5,6 +5,7 @@
 #include "command.h"
 #include "document.h"
 #include "failure.h"
+#include "file_paths.h"
 #include "node_selection.h"
 #include "progress.h"
 #include "source.h"
@@ -123,6 +124,8 @@ void run(const Arguments& arguments) {
     const std::wstring file = toUtf16(arguments.file);
     if (path.isRoot())
         throw UsageError(L"the root is not a stream:", file);
+    if (!arguments.source.empty() && isSameFile(toUtf16(arguments.source), file))
+        throw UsageError(L"the source is the document itself:", toUtf16(arguments.source));
     Source source = arguments.source.empty() ? Source() : Source(toUtf16(arguments.source));
     std::optional<Document> document(std::in_place, file, RootStorageOpenMode::ReadWrite);
     if (!isThere(*document, path))

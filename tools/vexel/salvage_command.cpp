@@ -325,6 +325,9 @@ SalvageOutcome rescueInto(const std::wstring& path, FileSource& source, const Ar
         rescue.finish();
         report = rescue.report();
     }
+    // Streams that are not whole can have been found, and none of them kept.
+    if (outcome == SalvageOutcome::Losses && report.storages == 0 && report.streams == 0)
+        outcome = SalvageOutcome::Nothing;
     if (outcome != SalvageOutcome::Nothing)
         partial.finish(path, arguments.force);
     return outcome;
@@ -342,9 +345,12 @@ void run(const Arguments& arguments) {
     const SalvageOutcome outcome = rescueInto(path, source, arguments, report);
     print(report, arguments.json);
     if (outcome == SalvageOutcome::Nothing)
-        throw Failure(L"nothing can be brought back from", from, STG_E_INVALIDHEADER);
+        throw Failure(L"nothing can be brought back from", from, STG_E_INVALIDHEADER,
+                      report.lost.empty() || arguments.partial
+                          ? L"no node of a document was found whole"
+                          : L"no node was found whole; --partial keeps what is there of them");
     if (outcome != SalvageOutcome::Whole)
-        throw Failure(L"not everything came back from", from, STG_E_DOCFILECORRUPT);
+        throw Failure(L"not everything came back from", from, STG_E_DOCFILECORRUPT, L"the file is damaged");
 }
 
 void add(Command& command) {
