@@ -19,6 +19,7 @@ class Errors(CommandTest):
                 (["list", path, "--yaml"], "--yaml"),
                 (["cat", path], "NODE"),
                 (["extract", path], "DIR"),
+                (["extract", path, "W*", path.parent / "out"], "in front of the nodes"),
                 (["salvage", path], "OUT"),
                 (["salvage", path, path, "--force"], "the damaged file itself"),
                 (["rm", path, ""], "root"),

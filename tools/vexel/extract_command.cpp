@@ -5,6 +5,7 @@
 #include "document.h"
 #include "faults.h"
 #include "file_names.h"
+#include "file_paths.h"
 #include "node_selection.h"
 #include "progress.h"
 #include "target_directory.h"
@@ -103,6 +104,9 @@ private:
 };
 
 void run(const Arguments& arguments) {
+    // Who puts the nodes first is told so.
+    if (const std::wstring directory = toUtf16(arguments.directory); hasFileWildcards(directory))
+        throw UsageError(L"the directory stands in front of the nodes, and is no pattern:", directory);
     const Document document(toUtf16(arguments.file), RootStorageOpenMode::ReadOnlyDenyWrite);
     Faults faults;
     // The directory is made when it is sure that there is something to extract.

@@ -42,12 +42,6 @@ bool isDirectory(DWORD attributes) {
     throw Failure(L"cannot create", label, status);
 }
 
-// The prefix of paths without a length limit has a "?" that is none.
-bool hasFileWildcards(std::wstring_view path) {
-    constexpr std::wstring_view kPrefix = L"\\\\?\\";
-    return NodePattern::hasWildcards(path.starts_with(kPrefix) ? path.substr(kPrefix.size()) : path);
-}
-
 std::wstring directoryOf(const std::wstring& path) { return path.substr(0, path.find_last_of(L"\\/:") + 1); }
 
 struct FileIdentity {
@@ -73,6 +67,12 @@ bool isSameFile(const std::wstring& path, const std::wstring& other) {
     const auto one = identityOf(path);
     const auto two = identityOf(other);
     return one && two && one->volume == two->volume && one->number.QuadPart == two->number.QuadPart;
+}
+
+// The prefix of paths without a length limit has a "?" that is none.
+bool hasFileWildcards(std::wstring_view path) {
+    constexpr std::wstring_view kPrefix = L"\\\\?\\";
+    return NodePattern::hasWildcards(path.starts_with(kPrefix) ? path.substr(kPrefix.size()) : path);
 }
 
 void checkOpened(HRESULT status, const std::wstring& file) {

@@ -3,6 +3,7 @@
 #include "base/handles.h"
 
 #include <string>
+#include <string_view>
 #include <vector>
 
 namespace Vexel::Tool {
@@ -13,6 +14,9 @@ std::wstring withoutLengthLimit(const std::wstring& path);
 
 /// Whether both paths lead to one file, by whatever names. False where one leads to none.
 bool isSameFile(const std::wstring& path, const std::wstring& other);
+
+/// Whether a path has "*" or "?", which no file's name can have.
+bool hasFileWildcards(std::wstring_view path);
 
 /// Throws Failure unless `status`, of opening a file that the command line names, is S_OK. Tells the cause of
 /// which the system has only a general status: that it is a directory, or a pattern where one file is due.
