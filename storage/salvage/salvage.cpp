@@ -8,7 +8,6 @@
 #include <algorithm>
 #include <array>
 #include <cstdint>
-#include <limits>
 #include <new>
 
 namespace Vexel {
@@ -22,7 +21,7 @@ using namespace Detail::Salvage;
 class BoundedSource final : public SalvageSource {
 public:
     explicit BoundedSource(SalvageSource& source) noexcept : source_(source), size_(source.size()) {
-        if (size_ > static_cast<std::uint64_t>((std::numeric_limits<std::int64_t>::max)()))
+        if (size_ >> 63 != 0)
             size_ = 0; // somebody's -1, and going through so much would never end
     }
 

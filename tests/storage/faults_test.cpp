@@ -553,7 +553,7 @@ protected:
         }
         EXPECT_LE(openHandles(), handles + kOnceForAll) << operation.name;
         EXPECT_LE(LiveAllocations(), memory + kNames) << operation.name;
-        std::cout << operation.name << ": " << faults_ - before << " faults" << std::endl;
+        std::cout << operation.name << ": " << faults_ - before << " faults\n" << std::flush;
     }
     static int failures() {
         return testing::UnitTest::GetInstance()->current_test_info()->result()->total_part_count();

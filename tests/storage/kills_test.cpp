@@ -26,7 +26,8 @@ namespace {
 constexpr auto* kVariable = L"VEXEL_TEST_KILLED";
 constexpr auto* kMapping = L"vexel-kills-test";
 
-enum Document { Package, Compound, Conversion, Copy, kDocuments };
+enum Document { Package, Compound, Conversion, Copy };
+constexpr int kDocuments = Copy + 1;
 constexpr std::array<const wchar_t*, kDocuments> kNames{L"package.7z", L"compound.doc", L"conversion.7z",
                                                         L"copy.doc"};
 
@@ -77,7 +78,7 @@ bool writeEdition(const StorageRef& root, int edition) {
 
 /// The one that all streams are of, or -1.
 int editionOf(const StorageRef& root) {
-    const int edition = std::atoi(read(kStreams[0], root).c_str());
+    const int edition = static_cast<int>(std::strtol(read(kStreams[0], root).c_str(), nullptr, 10));
     for (std::size_t i = 0; i < kStreams.size(); ++i)
         if (read(kStreams[i], root) != contentsOf(edition, i))
             return -1;
@@ -93,9 +94,9 @@ TEST(KilledProcess, DISABLED_ChangesDocuments) {
         for (; i < kDocuments; ++i) {
             const auto document = static_cast<Document>(i);
             StorageRef root, source;
-            const int made = document == Conversion ? progress->done[Compound].load()
-                             : document == Copy     ? progress->done[Package].load()
-                                                    : edition;
+            int made = edition;
+            if (document == Conversion || document == Copy)
+                made = progress->done[document == Copy ? Package : Compound];
             progress->begun[document] = made;
             progress->isReady = 1;
             bool isDone = document == Conversion ? root.create(at(document)) == S_OK

@@ -46,21 +46,21 @@ public:
     UnsafeDisk& operator=(const UnsafeDisk&) = delete;
     ~UnsafeDisk() {
         atEachMoment = nullptr;
-        durable_.clear();
-        current_.clear();
-        written_.clear();
-        journal_.clear();
+        durable.clear();
+        current.clear();
+        written.clear();
+        journal.clear();
     }
 
     /// A file that has been on the disk for long.
     static void adopt(const std::wstring& path, const std::string& bytes) {
-        durable_[path] = current_[path] = std::make_shared<File>(File{bytes, {}});
+        durable[path] = current[path] = std::make_shared<File>(File{bytes, {}});
     }
     /// One way in which a cut may come out.
     static Files cut() {
-        Names names = durable_;
-        for (std::size_t i = 0, end = random() % (journal_.size() + 1); i < end; ++i)
-            journal_[i](names);
+        Names names = durable;
+        for (std::size_t i = 0, end = random() % (journal.size() + 1); i < end; ++i)
+            journal[i](names);
         Files files;
         for (const auto& [name, file] : names)
             files[name] = file->afterCut();
@@ -111,12 +111,12 @@ private:
     using Names = std::map<std::wstring, std::shared_ptr<File>>;
 
     static void note(const std::function<void(Names&)>& operation) {
-        operation(current_);
-        journal_.push_back(operation);
+        operation(current);
+        journal.push_back(operation);
         moment();
     }
     static void note(HANDLE file, Change change) {
-        if (const auto found = written_.find(file); found != written_.end())
+        if (const auto found = written.find(file); found != written.end())
             found->second->pending.push_back(std::move(change));
         moment();
     }
@@ -130,12 +130,12 @@ private:
         const HANDLE made = CreateFileW(name, access, share, security, how, flags, model);
         if (made == INVALID_HANDLE_VALUE || !(access & GENERIC_WRITE))
             return made;
-        const auto found = current_.find(name);
-        if (found == current_.end())
+        const auto found = current.find(name);
+        if (found == current.end())
             note([path = std::wstring(name), file = std::make_shared<File>()](Names& names) {
                 names[path] = file;
             });
-        written_[made] = current_.at(name);
+        written[made] = current.at(name);
         if (how == CREATE_ALWAYS)
             note(made, {0, {}, true});
         return made;
@@ -161,7 +161,7 @@ private:
     }
     static BOOL flush(HANDLE file) {
         moment();
-        if (const auto found = written_.find(file); found != written_.end())
+        if (const auto found = written.find(file); found != written.end())
             found->second->settle();
         moment();
         return TRUE;
@@ -174,8 +174,8 @@ private:
             names.erase(old);
         });
         if (flags & MOVEFILE_WRITE_THROUGH) {
-            for (const auto& operation : std::exchange(journal_, {}))
-                operation(durable_);
+            for (const auto& operation : std::exchange(journal, {}))
+                operation(durable);
             moment();
         }
         return TRUE;
@@ -187,9 +187,9 @@ private:
         return TRUE;
     }
 
-    static inline Names durable_, current_;
-    static inline std::map<HANDLE, std::shared_ptr<File>> written_;
-    static inline std::vector<std::function<void(Names&)>> journal_;
+    static inline Names durable, current;
+    static inline std::map<HANDLE, std::shared_ptr<File>> written;
+    static inline std::vector<std::function<void(Names&)>> journal;
 };
 
 class PowerCuts : public StorageTest<> {

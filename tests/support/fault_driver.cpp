@@ -30,19 +30,20 @@ bool isStruck() {
 }
 
 template <auto A, auto B>
-inline constexpr bool isSame = false;
+inline constexpr bool kIsSame = false;
 template <auto A>
-inline constexpr bool isSame<A, A> = true;
+inline constexpr bool kIsSame<A, A> = true;
 
 /// What a call that moves bytes does instead.
 template <auto Member, class Data>
 BOOL move(HANDLE file, Data data, DWORD size, DWORD* count, OVERLAPPED* at) {
     *count = 0;
-    const BOOL done = form.kind == FaultForm::Short    ? (real.*Member)(file, data, size / 2, count, at)
-                      : form.kind == FaultForm::Excess ? (real.*Member)(file, data, size, count, at)
-                                                       : form.kind == FaultForm::Nothing;
-    if (form.kind == FaultForm::Excess)
-        *count = size + 4096;
+    if (form.kind == FaultForm::Short)
+        return (real.*Member)(file, data, size / 2, count, at);
+    if (form.kind != FaultForm::Excess)
+        return form.kind == FaultForm::Nothing;
+    const BOOL done = (real.*Member)(file, data, size, count, at);
+    *count = size + 4096;
     return done;
 }
 
@@ -56,26 +57,26 @@ BOOL resize(HANDLE file, LARGE_INTEGER* size) {
 /// A call of the seam that fails where it is meant to.
 template <auto Member>
 struct Tap;
-template <class Result, class... Arguments, bool isSafe,
-          Result (*Platform::*Member)(Arguments...) noexcept(isSafe)>
+template <class Result, class... Arguments, bool IsSafe,
+          Result (*Platform::*Member)(Arguments...) noexcept(IsSafe)>
 struct Tap<Member> {
     static void install() { platform().*Member = call; }
-    static Result call(Arguments... arguments) noexcept(isSafe) {
+    static Result call(Arguments... arguments) noexcept(IsSafe) {
         return isStruck() ? fail(arguments...) : (real.*Member)(arguments...);
     }
-    static Result fail([[maybe_unused]] Arguments... arguments) noexcept(isSafe) {
-        if constexpr (isSame<Member, &Platform::readFile> || isSame<Member, &Platform::writeFile>)
+    static Result fail([[maybe_unused]] Arguments... arguments) noexcept(IsSafe) {
+        if constexpr (kIsSame<Member, &Platform::readFile> || kIsSame<Member, &Platform::writeFile>)
             return move<Member>(arguments...);
-        else if constexpr (isSame<Member, &Platform::createFile>)
+        else if constexpr (kIsSame<Member, &Platform::createFile>)
             return INVALID_HANDLE_VALUE;
-        else if constexpr (isSame<Member, &Platform::getAttributes>)
+        else if constexpr (kIsSame<Member, &Platform::getAttributes>)
             return INVALID_FILE_ATTRIBUTES;
-        else if constexpr (isSame<Member, &Platform::startThread>)
+        else if constexpr (kIsSame<Member, &Platform::startThread>)
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
-        else if constexpr (isSame<Member, &Platform::getFileSize>)
+        else if constexpr (kIsSame<Member, &Platform::getFileSize>)
             return form.kind == FaultForm::Resized ? resize(arguments...) : FALSE;
-        else if constexpr (isSame<Member, &Platform::readEntry> ||
-                           isSame<Member, &Platform::probeForWriting> || std::is_same_v<Result, HRESULT>)
+        else if constexpr (kIsSame<Member, &Platform::readEntry> ||
+                           kIsSame<Member, &Platform::probeForWriting> || std::is_same_v<Result, HRESULT>)
             return static_cast<Result>(form.code); // they return what failed
         else
             return Result{};
@@ -178,10 +179,8 @@ constexpr FaultPoint kPoints[] = {
 std::span<const FaultPoint> faultPoints() { return kPoints; }
 
 std::string PlannedFault::name() const {
-    return std::string(point.name) + ": " + form.name +
-           (times == kForGood ? " from use "
-            : times == 1      ? " only in use "
-                              : " some times from use ") +
+    const char* const uses = times == 1 ? " only in use " : " some times from use ";
+    return std::string(point.name) + ": " + form.name + (times == kForGood ? " from use " : uses) +
            std::to_string(skipped);
 }
 
