@@ -14,6 +14,7 @@ class Errors(CommandTest):
         for arguments, pattern in [
                 ([], "no command .*--help"),
                 (["frobnicate", path], 'no command "frobnicate"'),
+                (["-v"], 'no option "-v"; see "vexel --help"'),
                 (["list"], "FILE"),
                 (["info", path, "more"], "more"),
                 (["list", path, "--yaml"], "--yaml"),

@@ -36,7 +36,11 @@ int main(void) {
     OpenStream onStream = (OpenStream)(void*)GetProcAddress(library, "OpenVexelPackageStream");
     IStorage* storage = NULL;
     IStream* stream = NULL;
-    if (argc != 2 || !byPath || !onStream ||
+    if (argc != 2) {
+        printf("usage: plain_c DOCUMENT\n");
+        return 2;
+    }
+    if (!byPath || !onStream ||
         SHCreateStreamOnFileEx(argv[1], STGM_READ, 0, FALSE, NULL, &stream) != S_OK)
         return 1;
     printf("linked %d, ", countElements(OpenVexelPackage(&storage, argv[1]), &storage));

@@ -241,8 +241,12 @@ public:
     UsageError explain(const CLI::ParseError& error) const {
         const auto parsed = program_.get_subcommands();
         const std::vector<std::string> before = program_.remaining();
-        if (!before.empty())
+        if (!before.empty() && !parsed.empty())
             return {L"options stand behind the command:", toUtf16(before.front())};
+        if (!before.empty()) {
+            const UsageError unknown(L"there is no option", toUtf16(before.front()));
+            return UsageError(unknown.message() + L"; see \"vexel --help\"");
+        }
         if (parsed.empty())
             return UsageError(toUtf16(error.what()));
         const auto command = std::find_if(descriptions_.begin(), descriptions_.end(), [&](const auto& one) {
