@@ -22,6 +22,17 @@ namespace Vexel::Fuzz {
         }                                                                                                    \
     } while (false)
 
+/// The fuzzer's bytes as a file: how many there are from `offset` on, up to what `target` takes.
+inline std::size_t readAt(std::span<const std::uint8_t> bytes, std::uint64_t offset,
+                          std::span<std::byte> target) noexcept {
+    if (offset >= bytes.size() || target.empty())
+        return 0;
+    const auto part = bytes.subspan(static_cast<std::size_t>(offset));
+    const std::size_t count = (std::min)(target.size(), part.size());
+    std::memcpy(target.data(), part.data(), count);
+    return count;
+}
+
 /// The fuzzer's bytes, from the front. Whoever asks for more than there is gets zeros.
 class Input {
 public:

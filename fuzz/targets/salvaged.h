@@ -17,13 +17,7 @@ public:
 
     std::uint64_t size() const noexcept override { return bytes_.size(); }
     std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
-        const std::size_t count =
-            offset < bytes_.size()
-                ? (std::min)(target.size(), bytes_.size() - static_cast<std::size_t>(offset))
-                : 0;
-        if (count > 0)
-            std::memcpy(target.data(), bytes_.data() + offset, count);
-        return count;
+        return readAt(bytes_, offset, target);
     }
 
 private:
