@@ -64,13 +64,14 @@ HRESULT SharedFile::read(std::uint64_t offset, void* data, std::uint32_t size, s
         }
         systemPosition_ = offset;
     }
+    const DWORD asked = (std::min)(size, kLargestCall);
     DWORD count = 0;
-    if (!Detail::platform().readFile(file_.get(), data, (std::min)(size, kLargestCall), &count, nullptr)) {
+    if (!Detail::platform().readFile(file_.get(), data, asked, &count, nullptr)) {
         const DWORD error = GetLastError();
         systemPosition_ = kUnknownPosition;
         return Detail::storageStatus(error);
     }
-    if (count > size) {
+    if (count > asked) {
         systemPosition_ = kUnknownPosition;
         return STG_E_READFAULT;
     }
@@ -158,10 +159,11 @@ HRESULT FileInStream::GetSize(UInt64* size) noexcept {
 HRESULT IStreamInStream::Read(void* data, UInt32 size, UInt32* processed) noexcept {
     ULONG count = 0;
     const HRESULT status = stream_->Read(data, size, &count);
-    reportCount(processed, (std::min)(static_cast<UInt32>(count), size));
-    if (status == S_FALSE) // some streams' word for the end, and the engine's for bad data
+    const bool isPossible = count <= size;
+    reportCount(processed, isPossible ? count : 0);
+    if (status == S_FALSE && isPossible) // some streams' word for the end, and the engine's for bad data
         return S_OK;
-    return failure_.note(Detail::asStatus(status, STG_E_READFAULT));
+    return failure_.note(Detail::asStatus(isPossible ? status : STG_E_READFAULT, STG_E_READFAULT));
 }
 
 HRESULT IStreamInStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) noexcept {

@@ -4,6 +4,7 @@
 #include "archive/engine_outputs.h"
 
 #include "archive/stream_calls.h"
+#include "base/flushing.h"
 #include "base/platform.h"
 
 #include <7zCrc.h>
@@ -47,7 +48,7 @@ HRESULT TemporaryFile::create() noexcept {
 HRESULT TemporaryFile::finish() noexcept {
     if (const HRESULT status = writeBuffered(); status != S_OK)
         return status;
-    if (!Detail::platform().flushFile(file_.get()))
+    if (!Detail::flushed(file_.get()))
         return fail();
     return file_.close() ? S_OK : fail();
 }
@@ -59,10 +60,11 @@ HRESULT TemporaryFile::writeFile(const std::byte* data, std::uint32_t size) noex
     if (fileOffset_ != systemPosition_ && !moveTo(file_.get(), fileOffset_))
         return fail();
     while (size > 0) {
+        const DWORD asked = (std::min)(size, kLargestCall);
         DWORD count = 0;
-        if (!Detail::platform().writeFile(file_.get(), data, (std::min)(size, kLargestCall), &count, nullptr))
+        if (!Detail::platform().writeFile(file_.get(), data, asked, &count, nullptr))
             return fail();
-        if (count == 0 || count > size)
+        if (count == 0 || count > asked)
             return failure_.note(count == 0 ? STG_E_MEDIUMFULL : STG_E_WRITEFAULT);
         data += count;
         size -= count;
@@ -122,6 +124,8 @@ HRESULT PassThroughOutStream::Write(const void* data, UInt32 size, UInt32* proce
     ULONG count = 0;
     HRESULT status = Detail::asStatus(stream_->Write(data, size, &count), STG_E_WRITEFAULT);
     reportCount(processed, (std::min)(static_cast<UInt32>(count), size));
+    if (status == S_OK && count > size)
+        status = STG_E_WRITEFAULT;
     if (status == S_OK && size > 0 && count == 0)
         status = STG_E_MEDIUMFULL;
     return failure_.note(status);

@@ -158,7 +158,8 @@ HRESULT SZipStorage::Copying::copyStream(SZipStorage& parent, const CString& nam
         log(L"Failed to copy stream \"%ls|%ls\": 0x%08x", parent, path, status);
         target.Reset();
         // A part is not taken for the whole, nor committed by who needs memory for another attempt.
-        if (outcomeOf(destination->DestroyElement(newName)) != S_OK)
+        const HRESULT removed = destination->DestroyElement(newName);
+        if (removed != S_OK && removed != STG_E_FILENOTFOUND)
             status = part_ = STG_E_WRITEFAULT;
     }
     return status;

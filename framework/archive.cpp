@@ -80,9 +80,21 @@ UINT CArchive::takeBuffered(BYTE* data, UINT count) noexcept {
     return taken;
 }
 
+namespace {
+
+/// Of a file that may be of others' making.
+UINT readFile(CFile& file, BYTE* data, UINT count, const CString& name) {
+    const UINT done = file.Read(data, count);
+    if (done > count)
+        AfxThrowArchiveException(CArchiveException::genericException, name);
+    return done;
+}
+
+} // namespace
+
 bool CArchive::fill() {
     begin_ = end_ = 0;
-    end_ = file_->Read(buffer_.get(), size_);
+    end_ = readFile(*file_, buffer_.get(), size_, m_strFileName);
     return end_ != 0;
 }
 
@@ -97,7 +109,7 @@ UINT CArchive::Read(void* data, UINT count) {
     while (done < count) {
         UINT came = 0;
         if (count - done >= size_)
-            came = file_->Read(target + done, count - done);
+            came = readFile(*file_, target + done, count - done, m_strFileName);
         else if (fill())
             came = takeBuffered(target + done, count - done);
         if (came == 0)

@@ -103,6 +103,8 @@ UINT CFile::Read(void* data, UINT count) {
     DWORD done = 0;
     if (count != 0 && !ReadFile(m_hFile, data, count, &done, nullptr))
         throwLastError(m_strFileName);
+    if (done > count) // some file systems' drivers are wrong, and callers would read behind their buffers
+        AfxThrowFileException(CFileException::hardIO, -1, m_strFileName);
     return done;
 }
 

@@ -49,13 +49,8 @@ std::wstring_view parseHeader(std::wstring_view line) noexcept {
     return line.back() == L']' ? line.substr(1, line.size() - 2) : std::wstring_view();
 }
 
-enum class Parsed {
-    Whole,
-    Refused,  ///< a line is none of a settings file's
-    CutShort, ///< the end was not reached
-};
-
-Parsed parse(TextFileReadStream& stream, IniFile& file) {
+/// 0, ERROR_INVALID_DATA when a line is none of a settings file's, or why not all of it can be read.
+DWORD parse(TextFileReadStream& stream, IniFile& file) {
     IniFileSection* section = nullptr;
     CStringW text;
     while (stream.ReadString(text)) {
@@ -65,43 +60,47 @@ Parsed parse(TextFileReadStream& stream, IniFile& file) {
         if (line.front() == L'[') {
             const std::wstring_view name = parseHeader(line);
             if (name.empty())
-                return Parsed::Refused;
+                return ERROR_INVALID_DATA;
             section = &file.GetOrCreateSection(name);
             continue;
         }
         const std::optional<Entry> entry = parseEntry(line);
         if (!entry || !section)
-            return Parsed::Refused;
+            return ERROR_INVALID_DATA;
         if (entry->value.find(L'\n') == std::wstring_view::npos)
             section->SetString(entry->key, stringOf(entry->value));
     }
-    return stream.GetPosition() == stream.GetLength() ? Parsed::Whole : Parsed::CutShort;
+    return stream.GetLastErrorCode();
 }
 
-/// Waits for a moment where someone is saving the file.
-bool open(TextFileReadStream& stream, const wchar_t* path, TextEncoding encoding) {
+/// Waits for a moment where someone is saving the file. 0 or the system's error code.
+DWORD open(TextFileReadStream& stream, const wchar_t* path, TextEncoding encoding) {
     constexpr DWORD kLongest = 16; // milliseconds
     for (DWORD wait = 1; !stream.Open(path, ProtectWriting, encoding, true); wait *= 2) {
         if (stream.GetLastErrorCode() != ERROR_SHARING_VIOLATION || wait > kLongest)
-            return false;
+            return stream.GetLastErrorCode();
         Sleep(wait);
     }
-    return true;
+    return ERROR_SUCCESS;
 }
 
-/// Of a file that is no settings file in the encoding that was guessed: whether it is one in another.
-bool parseOtherwise(const wchar_t* path, IniFile& file) {
+/// Of a file that is no settings file in the encoding that was guessed: `parse` in another in which it is
+/// one. What cannot be read again is not known to be none.
+DWORD parseOtherwise(const wchar_t* path, IniFile& file) {
     for (const TextEncoding encoding : {TextEncoding::Utf16LE, TextEncoding::Utf16BE, TextEncoding::Utf32LE,
                                         TextEncoding::Utf32BE, TextEncoding::Utf8}) {
         TextFileReadStream stream;
         IniFile read;
-        if (open(stream, path, encoding) && parse(stream, read) == Parsed::Whole && !stream.HasReplaced() &&
-            !read.IsEmpty()) {
-            file = std::move(read);
-            return true;
-        }
+        DWORD error = open(stream, path, encoding);
+        if (error == ERROR_SUCCESS)
+            error = parse(stream, read);
+        if (error == ERROR_INVALID_DATA ||
+            (error == ERROR_SUCCESS && (stream.HasReplaced() || read.IsEmpty())))
+            continue;
+        file = std::move(read);
+        return error;
     }
-    return false;
+    return ERROR_INVALID_DATA;
 }
 
 } // namespace
@@ -111,20 +110,18 @@ bool IniFile::Load(const wchar_t* path) { return load(path) == ERROR_SUCCESS; }
 unsigned long IniFile::load(const wchar_t* path) {
     *this = IniFile();
     TextFileReadStream stream;
-    if (!open(stream, path, TextEncoding::Detect))
-        return stream.GetLastErrorCode();
+    if (const DWORD error = open(stream, path, TextEncoding::Detect); error != ERROR_SUCCESS)
+        return error;
     IniFile read;
-    const Parsed parsed = parse(stream, read);
-    if (stream.GetLastErrorCode())
-        return stream.GetLastErrorCode();
-    if (parsed == Parsed::CutShort) // not to be taken for a file without the rest, and saved as one
-        return ERROR_READ_FAULT;
-    if (parsed == Parsed::Whole)
+    DWORD error = parse(stream, read);
+    if (error == ERROR_INVALID_DATA)
+        error = parseOtherwise(path, read = IniFile());
+    else
         read.hasReplaced_ = stream.HasReplaced();
-    else if (read = IniFile(); !parseOtherwise(path, read))
-        return ERROR_INVALID_DATA;
-    *this = std::move(read);
-    return ERROR_SUCCESS;
+    if (error ==
+        ERROR_SUCCESS) // not what is there of a file that breaks off, which would be saved as the whole
+        *this = std::move(read);
+    return error;
 }
 
 bool IniFile::Save(const wchar_t* path) const {

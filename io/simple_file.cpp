@@ -1,6 +1,7 @@
 // Every call that fails leaves the system's error for GetLastErrorCode; a later success does not clear it, so
 // that a caller may look once at the end.
 
+#include "base/flushing.h"
 #include "base/last_error.h"
 #include "base/platform.h"
 
@@ -164,6 +165,6 @@ bool SimpleFile::SetLength(unsigned long long length) noexcept {
     return check(handle_ && platform().setFileInformation(handle_, FileEndOfFileInfo, &end, sizeof end));
 }
 
-bool SimpleFile::Flush() noexcept { return check(handle_ && platform().flushFile(handle_)); }
+bool SimpleFile::Flush() noexcept { return check(handle_ && Vexel::Detail::flushed(handle_)); }
 
 } // namespace vxio

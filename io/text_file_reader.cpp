@@ -8,6 +8,7 @@
 #include <vexel/files.h>
 
 #include <algorithm>
+#include <utility>
 
 namespace vxio {
 
@@ -113,6 +114,7 @@ void TextFileReadStream::decode(const unsigned char* bytes, std::size_t size, CS
 bool TextFileReadStream::ReadString(CStringW& line) {
     line.Empty();
     std::size_t looked = 0;
+    bool isTriedAgain = false;
     for (;;) {
         const std::size_t size = findLineEnd(looked);
         if (size != kNone) {
@@ -132,6 +134,15 @@ bool TextFileReadStream::ReadString(CStringW& line) {
             return file_.Fail(ERROR_FILE_TOO_LARGE);
         if (fill())
             continue;
+        if (file_.GetLastErrorCode())
+            return false;
+        // What is appended meanwhile is read, too. What cannot be had must not be taken for a file without
+        // it.
+        if (GetFileType(file_.GetHandle()) == FILE_TYPE_DISK && position_ + buffered < file_.GetLength()) {
+            if (std::exchange(isTriedAgain, true))
+                return file_.Fail(ERROR_READ_FAULT);
+            continue;
+        }
         if (file_.GetLastErrorCode() || buffered == 0)
             return false;
         decode(buffer_.data(), buffered, line); // the last line has no end

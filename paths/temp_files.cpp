@@ -48,7 +48,7 @@ bool deleteTempFile(const SharedPathName& name, FailureNote& lastFailure) {
     constexpr DWORD kSilentMilliseconds = 60001;
     if (platform().deleteFile(name.asString()))
         return true;
-    const DWORD error = GetLastError();
+    const DWORD error = lastError();
     if (error == ERROR_FILE_NOT_FOUND)
         return true;
     const DWORD now = platform().getTickCount();

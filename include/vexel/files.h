@@ -74,7 +74,7 @@ public:
     unsigned long long GetLength() const noexcept;
     /// Cuts the file off, or extends it by zeros; the position stays.
     bool SetLength(unsigned long long length) noexcept;
-    /// Has the system bring everything to the disk.
+    /// Has the system bring everything to the disk, where the volume knows such a thing.
     bool Flush() noexcept;
 
 private:

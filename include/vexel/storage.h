@@ -311,11 +311,11 @@ public:
     ///  - STG_E_INVALIDPARAMETER: a handle is null, both are on the same storage, or a storage cannot be
     ///    opened.
     ///  - STG_E_ACCESSDENIED: the target is open for reading, or stands in this storage; nothing was done.
-    ///  - STG_E_READFAULT: a stream holds less than it should.
+    ///  - STG_E_READFAULT: a stream holds less than it should. Other statuses of reading and writing.
     ///  - STG_E_DOCFILECORRUPT: a part of this compound file is missing, or the system cannot copy so much.
     ///  - STG_E_REVERTED: an element of this compound file is lost (rule 5), here or in an open storage
     ///  below.
-    ///  - Other statuses of reading and writing.
+    ///  - STG_E_WRITEFAULT, before all others: the target has a part of a stream, and is not to be committed.
     long copyTo(const StorageRef& target) const;
     /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another
     /// one: streams that `copyTo` copies from `source` afterwards are not unpacked, unless they are changed

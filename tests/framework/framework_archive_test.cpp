@@ -83,9 +83,9 @@ public:
     using CMemFile::CMemFile;
     UINT Read(void* data, UINT count) override {
         largest = std::max(largest, count);
-        return CMemFile::Read(data, count);
+        return CMemFile::Read(data, count) + surplus;
     }
-    UINT largest = 0;
+    UINT largest = 0, surplus = 0;
 };
 
 TEST(FrameworkArchive, LengthsThatPromiseTooMuchTakeNoMemory) {
@@ -111,6 +111,15 @@ TEST(FrameworkArchive, LengthsThatPromiseTooMuchTakeNoMemory) {
 }
 
 TEST(FrameworkArchive, RefusesTheWrongDirectionAndNamesTheFile) {
+    WatchedFile boastful; // of bytes that are not there
+    boastful.surplus = 100'000;
+    for (const UINT count : {1U, 10'000U}) {
+        std::string bytes(count, '\0');
+        CArchive reading(&boastful, CArchive::load);
+        EXPECT_EQ(raised<CArchiveException>([&] { reading.Read(bytes.data(), count); }),
+                  CArchiveException::genericException);
+    }
+
     CMemFile file;
     CArchive storing(&file, CArchive::store);
     CArchive loading(&file, CArchive::load);

@@ -44,6 +44,24 @@ TEST(ComObjects, AreOneObjectUnderAllTheirInterfaces) {
         Support::expectInterfaces(object, {IID_IUnknown, IID_ISequentialStream, IID_IStream}, IID_IStorage);
 }
 
+TEST(MemoryStream, GrowsInSteps) {
+    constexpr unsigned long long kMiB = 1 << 20;
+    for (const auto& [initial, written, capacity] : {std::tuple(0ULL, 0ULL, 0ULL),
+                                                     {0, 1, 1024},
+                                                     {0, 1024, 2048},
+                                                     {100, 101, 1124},
+                                                     {3000, 6000, 9000},
+                                                     {32 * kMiB, 32 * kMiB + 1, 64 * kMiB},
+                                                     {48 * kMiB, 48 * kMiB + 1, 80 * kMiB}}) {
+        const auto stream = adopt(new InMemoryIStream(initial));
+        EXPECT_EQ(stream->capacity(), initial);
+        const unsigned long long most = (std::min)(initial, written);
+        EXPECT_EQ(stream->write(std::string(most, 'x').data(), most), most);
+        EXPECT_EQ(stream->write(std::string(written - most, 'x').data(), written - most), written - most);
+        EXPECT_EQ(stream->capacity(), capacity) << initial << ", " << written;
+    }
+}
+
 TEST(MemoryStream, TakesWhatMemoryThereIs) {
     const auto stream = streamOf(std::string(100, 'x'));
     const std::string more(2000, 'y');

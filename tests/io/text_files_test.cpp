@@ -140,6 +140,22 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     EXPECT_EQ(reading.GetLastErrorCode(), ERROR_SHARING_VIOLATION);
     EXPECT_FALSE(writing.Open({.path = path, .creation = FileCreation::CreateNew}));
     EXPECT_EQ(writing.GetLastErrorCode(), ERROR_FILE_EXISTS);
+    writing.Close();
+    vxio::FileReadStream other;
+    for (const auto& [protection, isReadable, isWritable] : {std::tuple(vxio::ProtectAll, false, false),
+                                                             {vxio::ProtectWriting, true, false},
+                                                             {vxio::ProtectReading, false, true},
+                                                             {vxio::ProtectNothing, true, true}}) {
+        ASSERT_TRUE(reading.Open(path, protection));
+        EXPECT_EQ(other.Open(path, vxio::ProtectNothing), isReadable) << protection;
+        other.Close();
+        EXPECT_EQ(
+            writing.Open(
+                {.path = path, .creation = FileCreation::OpenExisting, .protection = vxio::ProtectNothing}),
+            isWritable)
+            << protection;
+        writing.Close();
+    }
     ASSERT_TRUE(reading.Open(path, vxio::ProtectNothing)); // the end is no error
     EXPECT_EQ(reading.ReadBytes(&byte, 1), 0u);
     EXPECT_EQ(reading.GetLastErrorCode(), 0u);

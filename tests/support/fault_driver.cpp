@@ -16,6 +16,8 @@ namespace {
 
 Platform real;
 FaultForm form;
+unsigned formNumber = 0;
+std::atomic<std::ptrdiff_t> blocks;
 std::atomic<unsigned> used, firstStruck, endOfStruck, hits;
 
 /// Whether this use of the point fails. Threads that pack use the seam, too.
@@ -106,14 +108,42 @@ HRESULT openFaulty(const wchar_t* path, DWORD stgm, DWORD format, DWORD attribut
     return status;
 }
 
-/// The fault is before, in the middle of or after what is done, by turns.
-void installFaultyStorage() {
-    FaultyStorage::includesStreams = true;
+/// The fault is before, in the middle of or after what is done, by turns: the same call in each form another
+/// way.
+void installCallersStream() {
     FaultyStorage::draw = [] {
-        const auto turn = static_cast<Fault>(1 + used % 3);
+        const auto turn =
+            form.kind == FaultForm::Excess ? Fault::Excess : static_cast<Fault>(1 + (used + formNumber) % 3);
         return std::pair(isStruck() ? turn : Fault::None, static_cast<HRESULT>(form.code));
     };
+}
+void installFaultyStorage() {
+    FaultyStorage::includesStreams = true;
+    installCallersStream();
     platform().openStorage = openFaulty;
+}
+
+/// The seam of this program, whose blocks and pages are counted.
+template <auto Take, auto GiveBack>
+void countBlocks(Platform& counting) {
+    static Platform uncounted;
+    uncounted = counting;
+    if constexpr (kIsSame<Take, &Platform::reallocate>)
+        counting.*Take = [](void* block, unsigned long long bytes) noexcept {
+            void* const taken = (uncounted.*Take)(block, bytes);
+            blocks += !block && taken;
+            return taken;
+        };
+    else
+        counting.*Take = [](unsigned long long bytes) noexcept {
+            void* const taken = (uncounted.*Take)(bytes);
+            blocks += taken != nullptr;
+            return taken;
+        };
+    counting.*GiveBack = [](void* block) noexcept {
+        blocks -= block != nullptr;
+        (uncounted.*GiveBack)(block);
+    };
 }
 
 using Kind = FaultForm::Kind;
@@ -143,7 +173,9 @@ constexpr FaultForm kStatuses[] = {{"STG_E_ACCESSDENIED", Kind::Fails, STG_E_ACC
                                    {"STG_E_INSUFFICIENTMEMORY", Kind::Fails, STG_E_INSUFFICIENTMEMORY},
                                    {"STG_E_TOOMANYOPENFILES", Kind::Fails, STG_E_TOOMANYOPENFILES},
                                    {"STG_E_SHAREVIOLATION", Kind::Fails, STG_E_SHAREVIOLATION},
-                                   {"0x80030000, no error", Kind::Fails, static_cast<long>(0x80030000)}};
+                                   {"0x80030000, no error", Kind::Fails, static_cast<long>(0x80030000)},
+                                   kErrors[10]}; // from here on of reading and writing only
+constexpr std::span<const FaultForm> kCallStatuses{kStatuses, 8};
 constexpr FaultForm kNone[] = {{"none", Kind::Fails, ERROR_NOT_ENOUGH_MEMORY}};
 constexpr FaultForm kNoRoom[] = {kErrors[0], kErrors[2], kErrors[9]};
 
@@ -166,9 +198,10 @@ constexpr FaultPoint kPoints[] = {
     {"setFileInformation", kCallErrors, Tap<&Platform::setFileInformation>::install},
     {"readEntry", kReturnedErrors, Tap<&Platform::readEntry>::install},
     {"probeForWriting", kReturnedErrors, Tap<&Platform::probeForWriting>::install},
-    {"openStorage", kStatuses, Tap<&Platform::openStorage>::install},
-    {"isStorageFile", kStatuses, Tap<&Platform::isStorageFile>::install},
+    {"openStorage", kCallStatuses, Tap<&Platform::openStorage>::install},
+    {"isStorageFile", kCallStatuses, Tap<&Platform::isStorageFile>::install},
     {"calls of the system's storage", kStatuses, installFaultyStorage},
+    {"calls of the caller's stream", kStatuses, installCallersStream},
     {"reallocate", kNone, Tap<&Platform::reallocate>::install},
     {"commitPages", kNone, Tap<&Platform::commitPages>::install},
     {"startThread", kNone, Tap<&Platform::startThread>::install},
@@ -178,13 +211,20 @@ constexpr FaultPoint kPoints[] = {
 
 std::span<const FaultPoint> faultPoints() { return kPoints; }
 
+bool FaultForm::isShortage() const noexcept {
+    return code == ERROR_NOT_ENOUGH_MEMORY || code == ERROR_TOO_MANY_OPEN_FILES ||
+           code == STG_E_INSUFFICIENTMEMORY || code == STG_E_TOOMANYOPENFILES;
+}
+
 std::string PlannedFault::name() const {
     const char* const uses = times == 1 ? " only in use " : " some times from use ";
     return std::string(point.name) + ": " + form.name + (times == kForGood ? " from use " : uses) +
            std::to_string(skipped);
 }
 
-FaultDriver::FaultDriver() {
+FaultDriver::FaultDriver() : real_(platform()) {
+    countBlocks<&Platform::reallocate, &Platform::freeMemory>(real_);
+    countBlocks<&Platform::commitPages, &Platform::releasePages>(real_);
     for (const FaultPoint& point : kPoints) // all at once, so that none looks like a leak
         for (const FaultForm& kind : point.forms)
             tally_[std::string(point.name) + ", " + kind.name] = 0;
@@ -193,6 +233,8 @@ FaultDriver::FaultDriver() {
 void FaultDriver::install(const FaultPoint& point) const {
     real = real_;
     firstStruck = endOfStruck = 0;
+    platform() = real_;
+    FaultyStorage::draw = [] { return std::pair(Fault::None, S_OK); };
     if (point.install)
         point.install();
 }
@@ -207,6 +249,7 @@ unsigned FaultDriver::count(const FaultPoint& point, const std::function<void()>
 
 bool FaultDriver::strike(const PlannedFault& fault, const std::function<void()>& call) {
     form = fault.form;
+    formNumber = static_cast<unsigned>(&fault.form - fault.point.forms.data());
     hits = used = 0;
     firstStruck = fault.skipped;
     endOfStruck = fault.times > PlannedFault::kForGood - fault.skipped ? PlannedFault::kForGood
@@ -222,6 +265,8 @@ bool FaultDriver::strike(const PlannedFault& fault, const std::function<void()>&
         ++tally_[std::string(fault.point.name) + ", " + fault.form.name];
     return isHit;
 }
+
+std::ptrdiff_t liveBlocks() noexcept { return blocks; }
 
 unsigned openHandles() noexcept {
     // The system gives out the lowest numbers first, so that a long gap is the end.

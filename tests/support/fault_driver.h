@@ -25,6 +25,9 @@ struct FaultForm {
     const char* name;
     Kind kind;
     long code;
+
+    /// Memory or file handles run out.
+    bool isShortage() const noexcept;
 };
 
 /// Somewhere to fail: a call of the seam, an allocation, an interface's calls, the room on a disk.
@@ -72,10 +75,12 @@ public:
     const std::map<std::string, unsigned>& tally() const noexcept { return tally_; }
 
 private:
-    const Vexel::Detail::Platform real_ = Vexel::Detail::platform();
+    Vexel::Detail::Platform real_;
     std::map<std::string, unsigned> tally_;
 };
 
+/// Blocks and pages that the library has from the seam.
+std::ptrdiff_t liveBlocks() noexcept;
 /// Handles that this process has.
 unsigned openHandles() noexcept;
 

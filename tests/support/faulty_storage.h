@@ -12,8 +12,9 @@
 
 namespace Support {
 
-/// How a call fails: before it does anything, when the old element is gone, or when all is done.
-enum class Fault { None, Before, Midway, After };
+/// How a call fails: before it does anything, when the old element is gone, or when all is done; or it tells
+/// of more bytes than it was to move, and is a success.
+enum class Fault { None, Before, Midway, After, Excess };
 
 using Draw = std::function<std::pair<Fault, HRESULT>()>;
 
@@ -44,17 +45,25 @@ public:
     STDMETHODIMP Stat(STATSTG* info, DWORD flags) override {
         return run([&] { return inner_->Stat(info, flags); });
     }
-    STDMETHODIMP Revert() override { return inner_->Revert(); }
+    STDMETHODIMP Revert() override {
+        return run([&] { return inner_->Revert(); });
+    }
     STDMETHODIMP LockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
     STDMETHODIMP UnlockRegion(ULARGE_INTEGER, ULARGE_INTEGER, DWORD) override { return E_NOTIMPL; }
-    STDMETHODIMP Clone(::IStream**) override { return E_NOTIMPL; }
+    STDMETHODIMP Clone(::IStream** clone) override {
+        Microsoft::WRL::ComPtr<::IStream> made;
+        const HRESULT status = run([&] { return inner_->Clone(&made); });
+        *clone = status == S_OK ? new FaultyElement(made.Detach(), draw_) : nullptr;
+        return status;
+    }
 
 private:
     template <class Call>
     HRESULT run(Call call) {
         const auto [fault, failure] = draw_();
-        const HRESULT status = fault == Fault::None || fault == Fault::After ? call() : failure;
-        return fault == Fault::None ? status : failure;
+        const bool isSuccess = fault == Fault::None || fault == Fault::Excess;
+        const HRESULT status = isSuccess || fault == Fault::After ? call() : failure;
+        return isSuccess ? status : failure;
     }
     /// Midway through, half of the bytes are moved.
     template <class Call, class Data>
@@ -64,8 +73,8 @@ private:
         const ULONG moved = fault == Fault::Midway ? size / 2 : size;
         const HRESULT status = fault == Fault::Before ? failure : (inner_.Get()->*call)(data, moved, &count);
         if (done)
-            *done = count;
-        return fault == Fault::None || fault == Fault::Midway ? status : failure;
+            *done = fault == Fault::Excess ? size + 4096 : count;
+        return fault == Fault::Before || fault == Fault::After ? failure : status;
     }
 
     Microsoft::WRL::ComPtr<::IStream> inner_;
@@ -113,7 +122,10 @@ public:
     STDMETHODIMP Commit(DWORD flags) override {
         return run<IStorage>(nullptr, nullptr, [&](auto**) { return inner_->Commit(flags); });
     }
-    STDMETHODIMP Stat(STATSTG* info, DWORD flags) override { return inner_->Stat(info, flags); }
+    STDMETHODIMP Stat(STATSTG* info, DWORD flags) override {
+        const auto call = [&](auto**) { return inner_->Stat(info, flags); };
+        return includesStreams ? run<IStorage>(nullptr, nullptr, call) : inner_->Stat(info, flags);
+    }
     STDMETHODIMP EnumElements(DWORD, void*, DWORD, IEnumSTATSTG** list) override {
         const auto call = [&](auto** result) { return inner_->EnumElements(0, nullptr, 0, result); };
         return includesStreams ? run(nullptr, list, call) : call(list);
@@ -140,14 +152,19 @@ public:
     STDMETHODIMP SetElementTimes(const wchar_t*, const FILETIME*, const FILETIME*, const FILETIME*) override {
         return E_NOTIMPL;
     }
-    STDMETHODIMP SetClass(REFCLSID id) override { return includesStreams ? inner_->SetClass(id) : E_NOTIMPL; }
+    STDMETHODIMP SetClass(REFCLSID id) override {
+        return includesStreams ? run<IStorage>(nullptr, nullptr, [&](auto**) { return inner_->SetClass(id); })
+                               : E_NOTIMPL;
+    }
     STDMETHODIMP SetStateBits(DWORD, DWORD) override { return E_NOTIMPL; }
 
 private:
     /// `replaced` is what the call takes away first.
     template <class Interface, class Call>
     HRESULT run(const wchar_t* replaced, Interface** made, Call call) {
-        const auto [fault, failure] = draw();
+        auto [fault, failure] = draw();
+        if (fault == Fault::Excess)
+            fault = Fault::None;
         Microsoft::WRL::ComPtr<Interface> result;
         if (fault == Fault::Midway && replaced)
             inner_->DestroyElement(replaced);
