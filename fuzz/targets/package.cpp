@@ -4,7 +4,6 @@
 #include "archive/item_paths.h"
 #include "fuzz/targets/input.h"
 #include "fuzz/targets/memory.h"
-#include "fuzz/targets/package_bytes.h"
 
 #include <vexel/archive.h>
 
@@ -25,9 +24,8 @@ constexpr unsigned long long kLargest = 0x400000;
 /// As the documents say: what is unpacked from each packed byte at most, and what is not counted of these.
 constexpr unsigned long long kMostExpansion = 8192;
 constexpr unsigned long long kUncountedBytes = 8;
-/// What a decoder takes beside that: dictionaries that are left as they are declared, blocks for each
-/// processor, and its buffers and tables. A chain of decoders takes that often; longer ones are for the
-/// engine.
+/// What a decoder takes beside: a dictionary, which is left as it is declared up to this, a block for each
+/// processor, and its tables. A folder may have several decoders in a row; so many at most in what comes up.
 constexpr unsigned long long kUsualDictionary = 0x100000;
 constexpr unsigned long long kBlock = 0x400000;
 constexpr unsigned long long kDecoder = 0x800000;
@@ -171,9 +169,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkNames(archive);
     checkSave(archive, list(archive));
     return 0;
-}
-
-extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t most,
-                                               unsigned seed) {
-    return mutatePackage(data, size, most, seed);
 }

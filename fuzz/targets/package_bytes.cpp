@@ -255,3 +255,9 @@ std::size_t mutatePackage(std::uint8_t* data, std::size_t size, std::size_t most
 }
 
 } // namespace Vexel::Fuzz
+
+// A target may have its own.
+extern "C" [[gnu::weak]] std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
+                                                             std::size_t most, unsigned seed) {
+    return Vexel::Fuzz::mutatePackage(data, size, most, seed);
+}

@@ -10,7 +10,7 @@ extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, st
 
 namespace Vexel::Fuzz {
 
-/// As LLVMFuzzerCustomMutator; the targets have one each.
+/// As LLVMFuzzerCustomMutator, which this is.
 std::size_t mutatePackage(std::uint8_t* data, std::size_t size, std::size_t most, unsigned seed);
 
 } // namespace Vexel::Fuzz

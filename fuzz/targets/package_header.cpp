@@ -5,7 +5,6 @@
 #include "archive/start_bytes.h"
 #include "fuzz/targets/input.h"
 #include "fuzz/targets/memory.h"
-#include "fuzz/targets/package_bytes.h"
 
 using namespace Vexel::Fuzz;
 using namespace Vexel::Storage::Engine;
@@ -88,9 +87,4 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
     checkVerdict(failed);
     REQUIRE(failed.fault == HeaderFault::Input ? failed.status == STG_E_READFAULT : areSame(failed, verdict));
     return 0;
-}
-
-extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t most,
-                                               unsigned seed) {
-    return mutatePackage(data, size, most, seed);
 }

@@ -23,7 +23,7 @@ extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t s
                                                unsigned seed) {
     if (size == 0 || most < 2)
         return LLVMFuzzerMutate(data, size, most);
-    if (seed % 16 == 0)
+    if (seed % 16 == 1)
         data[0] = static_cast<std::uint8_t>(seed >> 8);
     return 1 + mutatePackage(data + 1, size - 1, most - 1, seed);
 }
