@@ -19,7 +19,8 @@ namespace {
 
 /// Up to this, dictionaries are left as they are declared, for it is not worth the copy of the description.
 constexpr std::uint32_t kUsualDictionary = kDictionary;
-// LZMA's properties end with the dictionary's size, those of LZMA2 are a code for it.
+// LZMA's properties end with the dictionary's size, but the decoder passes over more bytes behind it. Those
+// of LZMA2 are a code for it.
 constexpr std::size_t kLzmaProperties = 5;
 constexpr std::size_t kLzmaDictionaryAt = 1;
 constexpr std::uint32_t kLargestLzma2Code = 40;
@@ -55,7 +56,7 @@ void FolderCoders::parse() {
         const std::size_t size = reader.readBytes((kind & 0x20) != 0 ? reader.count() : 0).size();
         const std::size_t properties = reader.position() - size;
         largest_ = (std::max)(largest_, sizes[i]);
-        if (method == MethodId::kLzma && size == kLzmaProperties)
+        if (method == MethodId::kLzma && size >= kLzmaProperties)
             cutLzma(properties, sizes[i]);
         else if (method == MethodId::kLzma2 && size == 1)
             cutLzma2(properties, sizes[i]);

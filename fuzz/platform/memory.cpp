@@ -36,4 +36,6 @@ MemoryWatch::MemoryWatch() {
 
 std::size_t MemoryWatch::most() const { return static_cast<std::size_t>(peak.load()); }
 
+std::ptrdiff_t MemoryWatch::left() const { return held; }
+
 } // namespace Vexel::Fuzz

@@ -1,5 +1,9 @@
 #pragma once
 
+#include <vexel/memory_streams.h>
+
+#include <wrl/client.h>
+
 #include <algorithm>
 #include <cstddef>
 #include <cstdint>
@@ -31,6 +35,15 @@ inline std::size_t readAt(std::span<const std::uint8_t> bytes, std::uint64_t off
     const std::size_t count = (std::min)(target.size(), part.size());
     std::memcpy(target.data(), part.data(), count);
     return count;
+}
+
+/// A stream over a copy of the bytes, at its beginning.
+inline Microsoft::WRL::ComPtr<Storage::InMemoryIStream> streamOf(std::span<const std::uint8_t> bytes) {
+    Microsoft::WRL::ComPtr<Storage::InMemoryIStream> stream;
+    *stream.GetAddressOf() = new Storage::InMemoryIStream();
+    REQUIRE(stream->write(bytes.data(), bytes.size()) == bytes.size());
+    stream->rewind();
+    return stream;
 }
 
 /// The fuzzer's bytes, from the front. Whoever asks for more than there is gets zeros.

@@ -7,8 +7,6 @@
 #include <random>
 #include <string_view>
 
-extern "C" std::size_t LLVMFuzzerMutate(std::uint8_t* data, std::size_t size, std::size_t most);
-
 namespace Vexel::Fuzz {
 
 namespace {
@@ -42,7 +40,29 @@ std::string join(const std::string& packed, const std::string& header) {
 
 struct Parts {
     std::string packed, header;
+    bool isWrapped = false; // the header is to be packed
 };
+
+/// A header that was packed by copying, so that what changes in it can get a true checksum again.
+Parts wrapped(const Parts& parts) {
+    const auto number = [](std::uint64_t value) { return '\xFF' + little(value); };
+    return {parts.packed + parts.header, std::string{0x17, 6} + number(parts.packed.size()) +
+                                             std::string{1, 9} + number(parts.header.size()) +
+                                             std::string{0, 7, 11, 1, 0, 1, 1, 0, 12} +
+                                             number(parts.header.size()) + "\x0A\x01" +
+                                             little(checksum(parts.header)) + std::string(2, '\0')};
+}
+
+Parts unwrapped(const Parts& parts) {
+    constexpr std::size_t kOffsetAt = 3;
+    if (parts.header.size() != wrapped({}).header.size())
+        return parts;
+    const auto offset = load<std::uint64_t>(parts.header, kOffsetAt);
+    if (offset > parts.packed.size())
+        return parts;
+    const Parts inner{parts.packed.substr(0, offset), parts.packed.substr(offset), true};
+    return wrapped(inner).header == parts.header ? inner : parts;
+}
 
 /// Of what was no package, all is header.
 Parts split(const std::string& bytes) {
@@ -52,7 +72,7 @@ Parts split(const std::string& bytes) {
     const auto offset = load<std::uint64_t>(bytes, 12), size = load<std::uint64_t>(bytes, 20);
     if (offset > behind.size() || size > behind.size() - offset)
         return {{}, behind};
-    return {behind.substr(0, offset), behind.substr(offset, size)};
+    return unwrapped({behind.substr(0, offset), behind.substr(offset, size)});
 }
 
 std::string mutated(std::string bytes, std::size_t most) {
@@ -210,16 +230,6 @@ private:
     std::vector<unsigned> counts_;
 };
 
-/// The same header packed by copying: what is read of it is behind a second description.
-Parts wrapped(const Parts& parts) {
-    const auto number = [](std::uint64_t value) { return '\xFF' + little(value); };
-    return {parts.packed + parts.header, std::string{0x17, 6} + number(parts.packed.size()) +
-                                             std::string{1, 9} + number(parts.header.size()) +
-                                             std::string{0, 7, 11, 1, 0, 1, 1, 0, 12} +
-                                             number(parts.header.size()) + "\x0A\x01" +
-                                             little(checksum(parts.header)) + std::string(2, '\0')};
-}
-
 } // namespace
 
 std::size_t mutatePackage(std::uint8_t* data, std::size_t size, std::size_t most, unsigned seed) {
@@ -235,7 +245,7 @@ std::size_t mutatePackage(std::uint8_t* data, std::size_t size, std::size_t most
         parts.packed = mutated(parts.packed, parts.packed.size() + room);
     else
         parts.header = mutated(parts.header, parts.header.size() + room);
-    if (chosen >= 14)
+    if (chosen >= 14 || (parts.isWrapped && chosen != 13))
         parts = wrapped(parts);
     const std::string whole = join(parts.packed, parts.header);
     if (whole.size() > most)
@@ -246,7 +256,8 @@ std::size_t mutatePackage(std::uint8_t* data, std::size_t size, std::size_t most
 
 } // namespace Vexel::Fuzz
 
-extern "C" std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size, std::size_t most,
-                                               unsigned seed) {
+// A target may have its own.
+extern "C" [[gnu::weak]] std::size_t LLVMFuzzerCustomMutator(std::uint8_t* data, std::size_t size,
+                                                             std::size_t most, unsigned seed) {
     return Vexel::Fuzz::mutatePackage(data, size, most, seed);
 }

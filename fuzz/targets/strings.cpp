@@ -14,14 +14,6 @@ using Vexel::Storage::InMemoryIStream;
 
 namespace {
 
-ComPtr<InMemoryIStream> streamOf(std::span<const std::uint8_t> bytes) {
-    ComPtr<InMemoryIStream> stream;
-    *stream.GetAddressOf() = new InMemoryIStream();
-    stream->write(bytes.data(), bytes.size());
-    stream->rewind();
-    return stream;
-}
-
 bool areEqual(const CStringW& a, const CStringW& b) {
     return a.GetLength() == b.GetLength() &&
            std::equal(a.GetString(), a.GetString() + a.GetLength(), b.GetString());

@@ -54,9 +54,7 @@ void readOrWrite(Test& test, Input& input, bool writes) {
     const std::uint64_t room = test.size - test.position;
     ULONG done = 0;
     if (writes) {
-        const HRESULT status = test.sub->Write(data.data(), static_cast<ULONG>(data.size()), &done);
-        if (status != S_OK)
-            return;
+        REQUIRE(test.sub->Write(data.data(), static_cast<ULONG>(data.size()), &done) == S_OK);
         REQUIRE(done <= room && done == (std::min<std::uint64_t>)(data.size(), room));
         const std::size_t at = static_cast<std::size_t>(test.offset + test.position);
         if (done > 0 && test.bytes.size() < at + done)
@@ -64,9 +62,7 @@ void readOrWrite(Test& test, Input& input, bool writes) {
         std::copy_n(data.begin(), done, test.bytes.begin() + static_cast<std::ptrdiff_t>(done > 0 ? at : 0));
     } else {
         std::vector<std::uint8_t> buffer(data.size() + 1);
-        const HRESULT status = test.sub->Read(buffer.data(), static_cast<ULONG>(data.size()), &done);
-        if (status != S_OK)
-            return;
+        REQUIRE(test.sub->Read(buffer.data(), static_cast<ULONG>(data.size()), &done) == S_OK);
         const std::uint64_t at = test.offset + test.position;
         const std::uint64_t left = at < test.bytes.size() ? test.bytes.size() - at : 0;
         REQUIRE(done == (std::min)({static_cast<std::uint64_t>(data.size()), room, left}));
@@ -115,8 +111,7 @@ void step(Test& test, Input& input) {
     default: {
         if (!test.isPlaced || test.offset + test.position > test.bytes.size())
             break;
-        ComPtr<InMemoryIStream> target;
-        *target.GetAddressOf() = new InMemoryIStream();
+        const ComPtr<InMemoryIStream> target = streamOf({});
         ULARGE_INTEGER count{}, read{}, written{};
         count.QuadPart = input.byte();
         const HRESULT status = test.sub->CopyTo(target.Get(), count, &read, &written);
@@ -124,6 +119,9 @@ void step(Test& test, Input& input) {
         const std::uint64_t expected = (std::min)(
             {static_cast<std::uint64_t>(count.QuadPart), test.size - test.position, test.bytes.size() - at});
         REQUIRE(status == S_OK && read.QuadPart == expected && written.QuadPart == expected);
+        REQUIRE(target->size() == expected);
+        REQUIRE(std::equal(test.bytes.begin() + static_cast<std::ptrdiff_t>(at),
+                           test.bytes.begin() + static_cast<std::ptrdiff_t>(at + expected), target->data(0)));
         test.position += expected;
     }
     }
@@ -134,15 +132,15 @@ void step(Test& test, Input& input) {
 extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size) {
     Input input(data, size);
     Test test;
-    *test.base.GetAddressOf() = new InMemoryIStream();
     const auto bytes = input.bytes(input.byte());
     test.bytes.assign(bytes.begin(), bytes.end());
-    test.base->write(bytes.data(), bytes.size());
+    test.base = streamOf(bytes);
     test.offset = input.byte();
     test.size = input.byte();
     *test.sub.GetAddressOf() = new SubStream(test.base.Get(), test.offset, test.size);
     while (!input.isEmpty())
         step(test, input);
     REQUIRE(test.base->size() == test.bytes.size());
+    REQUIRE(std::equal(test.bytes.begin(), test.bytes.end(), test.base->data(0)));
     return 0;
 }

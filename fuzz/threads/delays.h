@@ -44,7 +44,16 @@ class DelayedAtomic : public atomic<Value> {
 public:
     DelayedAtomic() noexcept = default;
     constexpr DelayedAtomic(Value value) noexcept : Base(value) {}
-    using Base::operator=;
+    // Those of the base would go past the delays.
+    Value operator=(Value value) noexcept { return store(value), value; }
+    Value operator++() noexcept { return fetch_add(1) + 1; }
+    Value operator++(int) noexcept { return fetch_add(1); }
+    Value operator--() noexcept { return fetch_sub(1) - 1; }
+    Value operator--(int) noexcept { return fetch_sub(1); }
+    Value operator+=(Value value) noexcept { return fetch_add(value) + value; }
+    Value operator-=(Value value) noexcept { return fetch_sub(value) - value; }
+    Value operator|=(Value value) noexcept { return fetch_or(value) | value; }
+    Value operator&=(Value value) noexcept { return fetch_and(value) & value; }
     operator Value() const noexcept { return load(); }
     Value load(memory_order order = memory_order_seq_cst) const noexcept {
         delay();

@@ -1,6 +1,7 @@
 // Archives that are damaged, or as no program writes them: whatever is wrong with one, opening it, listing it
 // and reading all of it ends in a status and a message, with memory for what the file can hold.
 
+#include "archive/folder_coders.h"
 #include "archive/szip_storage.h"
 #include "support/archive_bytes.h"
 #include "support/archive_file.h"
@@ -242,16 +243,44 @@ TEST(DamagedArchives, TakeMemoryForWhatTheyHoldAlone) {
     }
 }
 
-// A dictionary of 256 MiB or 4 GiB for some bytes is no reason not to read them.
+// A dictionary of 256 MiB or 4 GiB for some bytes is no reason not to read them. Behind the five bytes of
+// LZMA's properties may be more, which nobody reads.
 TEST(DamagedArchives, ReadSmallItemsWithLargeDictionaries) {
-    const std::string packed = bytes({1, 0, 4}) + "hello" + bytes({0}); // one chunk of LZMA2, stored
-    for (const int code : {0, 30, 40}) {
-        const std::string folder = bytes({1, 0x21, 0x21, 1, code});
+    const std::string chunk = bytes({1, 0, 4}) + "hello" + bytes({0}); // of LZMA2, stored
+    const std::string lzma = "\0\x34\x19\x49\xEE\x8E\x68\x21\xFF\xFF\xFF\xB9\xE0\0\0"s;
+    const struct {
+        std::string folder, packed;
+    } cases[] = {{bytes({1, 0x21, 0x21, 1, 0}), chunk},
+                 {bytes({1, 0x21, 0x21, 1, 30}), chunk},
+                 {bytes({1, 0x21, 0x21, 1, 40}), chunk},
+                 {bytes({1, 0x23, 3, 1, 1, 5, 0x5D, 255, 255, 255, 255}), lzma},
+                 {bytes({1, 0x23, 3, 1, 1, 6, 0x5D, 255, 255, 255, 255, 0}), lzma}};
+    for (const auto& [folder, packed] : cases) {
         const std::string file =
             archiveOf(packed, streamsHeader(packInfo(packed.size()) + unpackInfo(folder, 5), 1, u"a\0"s));
         const auto memory = mostMemory();
-        EXPECT_EQ(examine(file).whole, (Support::Contents{{L"a", "hello"}})) << code;
-        EXPECT_LT((mostMemory() - memory) >> 20, 16U);
+        EXPECT_EQ(examine(file).whole, (Support::Contents{{L"a", "hello"}}))
+            << testing::PrintToString(folder);
+        EXPECT_LT((mostMemory() - memory) >> 20, 16U) << testing::PrintToString(folder);
+    }
+}
+
+// What is reserved and never touched shows in no count of the process, so the coders are asked themselves.
+TEST(DamagedArchives, NeedNoLargeDictionaries) {
+    for (const std::string& coder : {bytes({1, 0x23, 3, 1, 1, 5, 0x5D, 255, 255, 255, 255}),
+                                     bytes({1, 0x23, 3, 1, 1, 6, 0x5D, 255, 255, 255, 255, 0})}) {
+        NArchive::N7z::CFolders folders;
+        folders.FoToCoderUnpackSizes.Alloc(1);
+        folders.FoToCoderUnpackSizes[0] = 0;
+        folders.FoCodersDataOffset.Alloc(2);
+        folders.FoCodersDataOffset[0] = 0;
+        folders.FoCodersDataOffset[1] = coder.size();
+        folders.CodersData.CopyFrom(reinterpret_cast<const Byte*>(coder.data()), coder.size());
+        folders.CoderUnpackSizes.Alloc(1);
+        folders.CoderUnpackSizes[0] = 5;
+        const Engine::FolderCoders coders(folders, 0);
+        EXPECT_EQ(coders.dictionary(), 0x100000U) << coder.size();
+        EXPECT_TRUE(coders.isExcessive()) << coder.size();
     }
 }
 
