@@ -266,12 +266,10 @@ protected:
 
     /// S_OK, or why something was not done; what is wrong otherwise is noted.
     long expect(long status, const char* what) {
-        static constexpr long kWants[] = {STG_E_TOOMANYOPENFILES,
-                                          STG_E_INSUFFICIENTMEMORY,
+        static constexpr long kWants[] = {STG_E_TOOMANYOPENFILES, STG_E_INSUFFICIENTMEMORY,
                                           HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES),
                                           HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY),
-                                          STG_E_REVERTED,          // an element whose replacement failed
-                                          STG_E_INVALIDPARAMETER}; // what could not be opened again
+                                          STG_E_REVERTED}; // an element whose replacement failed
         check(status == S_OK || std::ranges::find(kWants, status) != std::end(kWants), what, status);
         return status;
     }
