@@ -12,7 +12,6 @@ from vexel_cli import BUILD, ROOT, CommandTest, bsdtar_names, listing, run, seve
 
 SCRIPTS = int(os.environ.get("VEXEL_SCRIPTS", 10))
 MUTANTS = int(os.environ.get("VEXEL_MUTANTS", 300))
-KILLS = int(os.environ.get("VEXEL_KILLS", 12))
 
 
 def command(name, path, *arguments):
@@ -72,7 +71,7 @@ class Packages(CommandTest):
     def test_a_killed_process_leaves_one_of_the_two_states(self):
         package = self.directory / "killed.7z"
         states = {letter: {f"item{i}": f"{zlib.crc32(letter * 2000 * (i + 1)):08X}" for i in range(20)} for letter in (b"a", b"b")}
-        for kill in range(KILLS):
+        for kill in range(12):
             process = subprocess.Popen(command("loop", package), stdout=subprocess.PIPE)
             process.stdout.readline()  # from here on there is a package
             time.sleep(random.Random(kill).random() * 0.2)

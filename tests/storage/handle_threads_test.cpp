@@ -4,7 +4,7 @@
 // they fail for want of those and of nothing else, no document loses what was committed, and in the end
 // everything is given back.
 //
-// VEXEL_TEST_SECONDS sets how long each of the two runs.
+// VEXEL_TEST_SECONDS sets how long the second one runs, and the first, which takes no longer than ten.
 
 #include "base/status_guard.h"
 #include "support/fault_driver.h"
@@ -195,7 +195,7 @@ protected:
 };
 
 TEST_P(Threads, ShareRoots) {
-    const auto end = std::chrono::steady_clock::now() + duration();
+    const auto end = std::chrono::steady_clock::now() + (std::min)(duration(), std::chrono::seconds(10));
     for (unsigned round = 0; failures_ == 0 && std::chrono::steady_clock::now() < end; ++round) {
         std::vector<std::thread> threads;
         for (int i = 0; i < kThreadCount; ++i)
@@ -266,25 +266,24 @@ protected:
 
     /// S_OK, or why something was not done; what is wrong otherwise is noted.
     long expect(long status, const char* what) {
-        static constexpr long kWants[] = {STG_E_TOOMANYOPENFILES,
-                                          STG_E_INSUFFICIENTMEMORY,
+        static constexpr long kWants[] = {STG_E_TOOMANYOPENFILES, STG_E_INSUFFICIENTMEMORY,
                                           HRESULT_FROM_WIN32(ERROR_TOO_MANY_OPEN_FILES),
                                           HRESULT_FROM_WIN32(ERROR_NOT_ENOUGH_MEMORY),
-                                          STG_E_REVERTED,          // an element whose replacement failed
-                                          STG_E_INVALIDPARAMETER}; // what could not be opened again
+                                          STG_E_REVERTED}; // an element whose replacement failed
         check(status == S_OK || std::ranges::find(kWants, status) != std::end(kWants), what, status);
         return status;
     }
-    /// The contents of "Work/Own"; nothing if they cannot be had.
-    std::optional<std::string> contentsIn(const StorageRef& root) {
+    /// The contents of a stream; nothing if they cannot be had.
+    std::optional<std::string> contentsIn(const StorageRef& root, const std::wstring& storage = L"Work",
+                                          const wchar_t* name = L"Own") {
         StorageRef work;
         StreamRef stream;
-        if (expect(work.open(L"Work", root, true), "open a storage") != S_OK ||
-            expect(stream.open(L"Own", work, true), "open a stream") != S_OK)
+        if (expect(work.open(element(storage), root, true), "open a storage") != S_OK ||
+            expect(stream.open(element(name), work, true), "open a stream") != S_OK)
             return std::nullopt;
-        std::string bytes(4000, '\0');
+        std::string bytes(kNoteSize + 1, '\0');
         unsigned long done = 0;
-        if (expect(stream.read(bytes.data(), 4000, &done), "read") != S_OK)
+        if (expect(stream.read(bytes.data(), kNoteSize + 1, &done), "read") != S_OK)
             return std::nullopt;
         bytes.resize(done);
         return bytes;
@@ -324,8 +323,12 @@ protected:
         StorageRef source, target;
         if (expect(source.open(file(kFiles[4]), modeRead, false), "open a source") == S_OK &&
             expect(target.create(file(numbered(L"copy", number).c_str())), "make a package") == S_OK &&
-            expect(source.copyTo(target), "copy") == S_OK && expect(target.commit(), "commit a copy") == S_OK)
-            check(target.hasChild(element(numbered(L"Box", number)), StorageType::Storage), "find a copy");
+            expect(source.copyTo(target), "copy") == S_OK &&
+            expect(target.commit(), "commit a copy") == S_OK) {
+            const std::wstring box = numbered(L"Box", number);
+            const auto bytes = contentsIn(target, box, L"Note");
+            check(!bytes || *bytes == pattern(box, kNoteSize), "compare the copy");
+        }
     }
     /// What is not committed goes with the root, so the next step begins with the file.
     void step(unsigned what, int number, Own& own) {

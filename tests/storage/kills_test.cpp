@@ -24,12 +24,15 @@ using namespace Support;
 namespace {
 
 constexpr auto* kVariable = L"VEXEL_TEST_KILLED";
-constexpr auto* kMapping = L"vexel-kills-test";
+constexpr auto* kMapping = L"VEXEL_TEST_KILLS_MAPPING"; // the variable; the name is the test's own
 
-enum Document { Package, Compound, Conversion, Copy };
-constexpr int kDocuments = Copy + 1;
-constexpr std::array<const wchar_t*, kDocuments> kNames{L"package.7z", L"compound.doc", L"conversion.7z",
-                                                        L"copy.doc"};
+enum Document { Package, Compound, Conversion, Copy, IntoPackage, InPlace };
+constexpr std::array kNames{L"package.7z", L"compound.doc", L"conversion.7z",
+                            L"copy.doc",   L"into.7z",      L"in-place.7z"};
+constexpr int kDocuments{kNames.size()};
+StorageFormat formatOf(std::size_t document) {
+    return document == Compound || document == Copy ? StorageFormat::CompoundFile : StorageFormat::Package;
+}
 
 /// What the processes tell each other: the edition that each document is about to get, and has.
 struct Progress {
@@ -44,7 +47,7 @@ class SharedProgress {
 public:
     SharedProgress()
         : mapping_(CreateFileMappingW(INVALID_HANDLE_VALUE, nullptr, PAGE_READWRITE, 0, sizeof(Progress),
-                                      kMapping)),
+                                      _wgetenv(kMapping))),
           progress_(static_cast<Progress*>(MapViewOfFile(mapping_, FILE_MAP_ALL_ACCESS, 0, 0, 0))) {}
     SharedProgress(const SharedProgress&) = delete;
     SharedProgress& operator=(const SharedProgress&) = delete;
@@ -94,19 +97,19 @@ TEST(KilledProcess, DISABLED_ChangesDocuments) {
         for (; i < kDocuments; ++i) {
             const auto document = static_cast<Document>(i);
             StorageRef root, source;
-            int made = edition;
-            if (document == Conversion || document == Copy)
-                made = progress->done[document == Copy ? Package : Compound];
+            const bool isCopy = document == Conversion || document == Copy || document == IntoPackage;
+            const Document from = document == Conversion ? Compound : Package;
+            const int made = isCopy ? progress->done[from].load() : edition;
             progress->begun[document] = made;
             progress->isReady = 1;
-            bool isDone = document == Conversion ? root.create(at(document)) == S_OK
-                                                 : root.open(at(document), modeWrite, false) == S_OK;
-            if (document == Package || document == Compound)
-                isDone = isDone && writeEdition(root, edition);
-            else
-                isDone = isDone &&
-                         source.open(at(document == Copy ? Package : Compound), modeRead, false) == S_OK &&
+            bool isDone = (document == Conversion ? root.create(at(document))
+                           : document == InPlace  ? root.convert(at(document), modeWrite)
+                                                  : root.open(at(document), modeWrite, false)) == S_OK;
+            if (isCopy)
+                isDone = isDone && source.open(at(from), modeRead, false) == S_OK &&
                          source.copyTo(root) == S_OK && root.commit() == S_OK;
+            else
+                isDone = isDone && writeEdition(root, edition);
             closeForGood(root, source);
             if (!isDone)
                 std::exit(1);
@@ -119,16 +122,14 @@ TEST(KilledProcess, DISABLED_ChangesDocuments) {
 
 TEST(Kills, LeaveTheOldDocumentOrTheNewOne) {
     const TempFolder folder;
+    _wputenv_s(kMapping, (L"vexel-kills-test-" + std::to_wstring(GetCurrentProcessId())).c_str());
     const SharedProgress progress;
     const char* const wanted = std::getenv("VEXEL_TEST_KILLS");
     const long kills = wanted ? std::strtol(wanted, nullptr, 10) : 20;
     _wputenv_s(kVariable, folder.file(L"").c_str());
-    for (const Document document : {Package, Conversion, Compound, Copy}) {
-        writeDocument(folder.file(kNames[document]),
-                      document == Package || document == Conversion ? StorageFormat::Package
-                                                                    : StorageFormat::CompoundFile,
-                      {{L"none", ""}});
-        const StorageRef root = openRoot(path(folder.file(kNames[document])), modeWrite);
+    for (std::size_t i = 0; i < kDocuments; ++i) {
+        writeDocument(folder.file(kNames[i]), formatOf(i), {{L"none", ""}});
+        const StorageRef root = openRoot(path(folder.file(kNames[i])), modeWrite);
         ASSERT_TRUE(writeEdition(root, 0));
     }
     container().deleteUnusedObjects();
@@ -145,6 +146,7 @@ TEST(Kills, LeaveTheOldDocumentOrTheNewOne) {
         const std::unique_ptr<void, decltype(&CloseHandle)> owner(process, CloseHandle);
         for (int i = 0; i < 20'000 && !progress->isReady; ++i)
             Sleep(1);
+        EXPECT_EQ(progress->isReady, 1) << "it has not begun";
         const auto moment = std::chrono::steady_clock::now() + std::chrono::microseconds(random() % 90'000);
         while (std::chrono::steady_clock::now() < moment)
             Sleep(0);

@@ -8,17 +8,10 @@
 
 namespace Support {
 
-/// Makes one of the archive layer's system calls fail, in the forms that failures have. The calls are back as
-/// they were when this goes.
+/// Makes one of the archive layer's system calls fail. The calls are back as they were when this goes.
 class ArchiveFaults {
 public:
-    enum Call { Create, Size, Read, Write, Position, SetEnd, Flush, Move, Delete };
-    enum Form {
-        Error,   ///< it fails with its error
-        NoError, ///< it fails, and the system names no error
-        Short,   ///< it succeeds with less than was asked for; reading and writing only, as the next
-        Nothing  ///< it succeeds with nothing done
-    };
+    enum Call { Create, Size, Read, Position, SetEnd, Flush, Move, Delete };
 
     ArchiveFaults() = default;
     ArchiveFaults(const ArchiveFaults&) = delete;
@@ -26,8 +19,8 @@ public:
     ~ArchiveFaults() { Calls() = real; }
 
     /// The call fails after so many of its kind that do not, once or from there on.
-    static void arm(Call call, DWORD error, unsigned skipped, bool forGood, Form form = Error) {
-        plan = {form == NoError ? 0 : error, form, skipped, forGood, false};
+    static void arm(Call call, DWORD error, unsigned skipped, bool forGood) {
+        plan = {error, skipped, forGood, false};
         (*breaks[call])(Calls());
     }
     /// All calls do what they are meant to. Whether one of them had failed.
@@ -42,7 +35,6 @@ private:
     using Platform = Vexel::Detail::Platform;
     struct Plan {
         DWORD error;
-        Form form;
         unsigned skipped;
         bool forGood;
         bool hit;
@@ -71,16 +63,6 @@ private:
         return isStruck() ? INVALID_HANDLE_VALUE
                           : real.createFile(name, access, share, security, how, flags, model);
     }
-    /// What a call that moves bytes does.
-    template <auto Call, class Data>
-    static BOOL WINAPI move(HANDLE file, Data data, DWORD size, DWORD* count, OVERLAPPED* at) {
-        if (!isStruck())
-            return (real.*Call)(file, data, size, count, at);
-        *count = 0;
-        if (plan.form == Short)
-            return (real.*Call)(file, data, (size + 1) / 2, count, at);
-        return plan.form == Nothing;
-    }
 
     static inline const Platform real = Vexel::Detail::platform();
     static inline Plan plan{};
@@ -88,8 +70,7 @@ private:
     static inline void (*const breaks[])(Platform& calls) = {
         [](Platform& p) { p.createFile = create; },
         [](Platform& p) { p.getFileSize = strike<&Platform::getFileSize>; },
-        [](Platform& p) { p.readFile = move<&Platform::readFile>; },
-        [](Platform& p) { p.writeFile = move<&Platform::writeFile>; },
+        [](Platform& p) { p.readFile = strike<&Platform::readFile>; },
         [](Platform& p) { p.setPosition = strike<&Platform::setPosition>; },
         [](Platform& p) { p.setEndOfFile = strike<&Platform::setEndOfFile>; },
         [](Platform& p) { p.flushFile = strike<&Platform::flushFile>; },
