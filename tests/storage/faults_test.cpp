@@ -718,8 +718,7 @@ TEST_F(Faults, AreNoneWhereAVolumeKnowsNoFlush) {
         closeAll();
         const Files now = filesNow();
         EXPECT_NE(now.at(L"document").elements, before_.at(L"document").elements);
-        EXPECT_EQ(readFile(folder_.file(L"settings")).size(),
-                  before_.at(L"settings").bytes.size() + "[new]\nkey=value\n"sv.size());
+        EXPECT_TRUE(readFile(folder_.file(L"settings")).ends_with("[new]\nkey=value\n"));
     }
 }
 

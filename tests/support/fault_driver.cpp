@@ -228,15 +228,20 @@ FaultDriver::FaultDriver() : real_(platform()) {
     for (const FaultPoint& point : kPoints) // all at once, so that none looks like a leak
         for (const FaultForm& kind : point.forms)
             tally_[std::string(point.name) + ", " + kind.name] = 0;
+    release();
 }
 
 void FaultDriver::install(const FaultPoint& point) const {
     real = real_;
     firstStruck = endOfStruck = 0;
-    platform() = real_;
-    FaultyStorage::draw = [] { return std::pair(Fault::None, S_OK); };
+    release();
     if (point.install)
         point.install();
+}
+
+void FaultDriver::release() const {
+    platform() = real_;
+    FaultyStorage::draw = [] { return std::pair(Fault::None, S_OK); };
 }
 
 unsigned FaultDriver::count(const FaultPoint& point, const std::function<void()>& call) {

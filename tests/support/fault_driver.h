@@ -66,7 +66,7 @@ public:
 
     /// Puts a point into the seam, before what it is to reach is opened.
     void install(const FaultPoint& point) const;
-    void release() const { Vexel::Detail::platform() = real_; }
+    void release() const;
     /// How often a point is used by a call that is not disturbed; not known, and 1, of allocations.
     static unsigned count(const FaultPoint& point, const std::function<void()>& call);
     /// Runs a call with its fault. Whether that was met.
