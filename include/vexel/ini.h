@@ -112,9 +112,9 @@ public:
     /// stay.
     ///
     /// False, with the file as it was, when the file cannot be opened for writing, even after a while;
-    /// or when the file that was loaded into this object had bytes that are no text in the encoding of its
-    /// byte-order mark, which saving would lose. Failures to write are logged and do not make the result
-    /// false: callers cannot mend them.
+    /// or when the file that was loaded into this object had bytes that are no text in its encoding, by the
+    /// byte-order mark or as it was guessed, which saving would lose. Failures to write are logged and do not
+    /// make the result false: callers cannot mend them.
     bool Save(const wchar_t* path) const;
 
     bool IsEmpty() const noexcept { return sections_.empty(); }

@@ -106,7 +106,7 @@ enum class SalvageOutcome {
 };
 
 /// Goes through the file and tells `observer` of everything that it finds. A file is taken for what it begins
-/// as; if that is neither format, for the one of which anything is found.
+/// as; if that is neither format, for a compound file if anything of one is found, and else for a package.
 VEXEL_API SalvageOutcome salvage(SalvageSource& source, SalvageObserver& observer) noexcept;
 
 } // namespace Vexel

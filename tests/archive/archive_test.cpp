@@ -77,6 +77,17 @@ TEST_F(Archive, KeepsTheTimesOfItems) {
     EXPECT_EQ(lower->creationFileTime().dwHighDateTime, 0U);
 }
 
+TEST_F(Archive, TellsWhatItemsTakeInTheFile) {
+    writeFile(archivePath, readFile(samplePath(L"solid.7z")));
+    SZipArchive archive = open();
+    for (const auto& [path, size] : {std::pair(L"d/e/deep"sv, 2307U * 5000 / 5811),
+                                     {L"d/x"sv, 2307U * 800 / 5811},
+                                     {L"d/e"sv, 0U}}) // of one folder
+        EXPECT_NEAR(static_cast<double>(archive.item(path)->packedSize()), size, 1) << size;
+    fill(archive, {{L"new", "not in the file"}});
+    EXPECT_EQ(archive.item(L"new"sv)->packedSize(), 0U);
+}
+
 TEST_F(Archive, WarnsOfLostChangesOnly) {
     for (const auto& [path, silent] :
          {std::pair(archivePath, false), std::pair(archivePath, true), std::pair(std::wstring(), false)}) {
