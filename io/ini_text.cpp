@@ -49,6 +49,13 @@ std::wstring_view parseHeader(std::wstring_view line) noexcept {
     return line.back() == L']' ? line.substr(1, line.size() - 2) : std::wstring_view();
 }
 
+/// Why it cannot be opened or read. ERROR_INVALID_DATA is our word for what can be read and is no settings
+/// file, which is begun anew.
+DWORD errorOf(const TextFileReadStream& stream) noexcept {
+    const DWORD error = stream.GetLastErrorCode();
+    return error == ERROR_INVALID_DATA ? DWORD{ERROR_READ_FAULT} : error;
+}
+
 /// 0, ERROR_INVALID_DATA when a line is none of a settings file's, or why not all of it can be read.
 DWORD parse(TextFileReadStream& stream, IniFile& file) {
     IniFileSection* section = nullptr;
@@ -70,7 +77,7 @@ DWORD parse(TextFileReadStream& stream, IniFile& file) {
         if (entry->value.find(L'\n') == std::wstring_view::npos)
             section->SetString(entry->key, stringOf(entry->value));
     }
-    return stream.GetLastErrorCode();
+    return errorOf(stream);
 }
 
 /// Waits for a moment where someone is saving the file. 0 or the system's error code.
@@ -78,7 +85,7 @@ DWORD open(TextFileReadStream& stream, const wchar_t* path, TextEncoding encodin
     constexpr DWORD kLongest = 16; // milliseconds
     for (DWORD wait = 1; !stream.Open(path, ProtectWriting, encoding, true); wait *= 2) {
         if (stream.GetLastErrorCode() != ERROR_SHARING_VIOLATION || wait > kLongest)
-            return stream.GetLastErrorCode();
+            return errorOf(stream);
         Sleep(wait);
     }
     return ERROR_SUCCESS;
@@ -118,8 +125,7 @@ unsigned long IniFile::load(const wchar_t* path) {
         error = parseOtherwise(path, read = IniFile());
     else
         read.hasReplaced_ = stream.HasReplaced();
-    if (error ==
-        ERROR_SUCCESS) // not what is there of a file that breaks off, which would be saved as the whole
+    if (error == ERROR_SUCCESS) // what is there of a file that breaks off would be saved as the whole
         *this = std::move(read);
     return error;
 }

@@ -151,7 +151,7 @@ constexpr FaultForm kErrors[] = {{"ERROR_DISK_FULL", Kind::Fails, ERROR_DISK_FUL
                                  {"ERROR_ACCESS_DENIED", Kind::Fails, ERROR_ACCESS_DENIED},
                                  {"no error", Kind::Fails, 0},
                                  {"ERROR_SHARING_VIOLATION", Kind::Fails, ERROR_SHARING_VIOLATION},
-                                 {"ERROR_NOT_READY", Kind::Fails, ERROR_NOT_READY},
+                                 {"ERROR_INVALID_DATA", Kind::Fails, ERROR_INVALID_DATA},
                                  {"ERROR_TOO_MANY_OPEN_FILES", Kind::Fails, ERROR_TOO_MANY_OPEN_FILES},
                                  {"ERROR_NOT_ENOUGH_MEMORY", Kind::Fails, ERROR_NOT_ENOUGH_MEMORY},
                                  {"ERROR_CRC", Kind::Fails, ERROR_CRC},
