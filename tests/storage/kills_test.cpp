@@ -88,6 +88,12 @@ int editionOf(const StorageRef& root) {
     return edition;
 }
 
+long openForChange(Document document, const SharedPathName& name, StorageRef& root) {
+    if (document == Conversion)
+        return root.create(name);
+    return document == InPlace ? root.convert(name, modeWrite) : root.open(name, modeWrite, false);
+}
+
 /// Not a test of its own: what the other one runs in processes.
 TEST(KilledProcess, DISABLED_ChangesDocuments) {
     const SharedProgress progress;
@@ -102,9 +108,7 @@ TEST(KilledProcess, DISABLED_ChangesDocuments) {
             const int made = isCopy ? progress->done[from].load() : edition;
             progress->begun[document] = made;
             progress->isReady = 1;
-            bool isDone = (document == Conversion ? root.create(at(document))
-                           : document == InPlace  ? root.convert(at(document), modeWrite)
-                                                  : root.open(at(document), modeWrite, false)) == S_OK;
+            bool isDone = openForChange(document, at(document), root) == S_OK;
             if (isCopy)
                 isDone = isDone && source.open(at(from), modeRead, false) == S_OK &&
                          source.copyTo(root) == S_OK && root.commit() == S_OK;

@@ -77,8 +77,7 @@ struct Tap<Member> {
             throw std::system_error(std::make_error_code(std::errc::resource_unavailable_try_again));
         else if constexpr (kIsSame<Member, &Platform::getFileSize>)
             return form.kind == FaultForm::Resized ? resize(arguments...) : FALSE;
-        else if constexpr (kIsSame<Member, &Platform::readEntry> ||
-                           kIsSame<Member, &Platform::probeForWriting> || std::is_same_v<Result, HRESULT>)
+        else if constexpr (kIsSame<Member, &Platform::probeForWriting> || std::is_same_v<Result, HRESULT>)
             return static_cast<Result>(form.code); // they return what failed
         else
             return Result{};
@@ -179,6 +178,7 @@ constexpr std::span<const FaultForm> kCallStatuses{kStatuses, 8};
 constexpr FaultForm kNone[] = {{"none", Kind::Fails, ERROR_NOT_ENOUGH_MEMORY}};
 constexpr FaultForm kNoRoom[] = {kErrors[0], kErrors[2], kErrors[9]};
 
+// Calls that only another failure leads to, such as deleting what was begun, are not among them.
 constexpr FaultPoint kPoints[] = {
     {"createFile", kCallErrors, Tap<&Platform::createFile>::install, 1, true},
     {"readFile", kTransferErrors, Tap<&Platform::readFile>::install, 1, true},
@@ -186,17 +186,13 @@ constexpr FaultPoint kPoints[] = {
     {"room on the disk", kNoRoom, [] { platform().writeFile = writeWhileThereIsRoom; }, 1511},
     {"flushFile", kCallErrors, Tap<&Platform::flushFile>::install, 1, true},
     {"moveFile", kCallErrors, Tap<&Platform::moveFile>::install, 1, true},
-    {"deleteFile", kCallErrors, Tap<&Platform::deleteFile>::install},
     {"copyFile", kCallErrors, Tap<&Platform::copyFile>::install},
     {"setPosition", kCallErrors, Tap<&Platform::setPosition>::install, 1, true},
-    {"setEndOfFile", kCallErrors, Tap<&Platform::setEndOfFile>::install},
     {"getFileSize", kSizes, Tap<&Platform::getFileSize>::install},
     {"getFileTime", kCallErrors, Tap<&Platform::getFileTime>::install},
     {"getAttributes", kCallErrors, Tap<&Platform::getAttributes>::install},
     {"setAttributes", kCallErrors, Tap<&Platform::setAttributes>::install},
     {"getFileInformation", kCallErrors, Tap<&Platform::getFileInformation>::install},
-    {"setFileInformation", kCallErrors, Tap<&Platform::setFileInformation>::install},
-    {"readEntry", kReturnedErrors, Tap<&Platform::readEntry>::install},
     {"probeForWriting", kReturnedErrors, Tap<&Platform::probeForWriting>::install},
     {"openStorage", kCallStatuses, Tap<&Platform::openStorage>::install},
     {"isStorageFile", kCallStatuses, Tap<&Platform::isStorageFile>::install},
