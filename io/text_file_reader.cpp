@@ -136,8 +136,8 @@ bool TextFileReadStream::ReadString(CStringW& line) {
             continue;
         if (file_.GetLastErrorCode())
             return false;
-        // What is appended meanwhile is read, too. What cannot be had must not be taken for a file without
-        // it.
+        // What is appended meanwhile is read, too. A file whose end cannot be had must not pass for a shorter
+        // one.
         if (GetFileType(file_.GetHandle()) == FILE_TYPE_DISK && position_ + buffered < file_.GetLength()) {
             if (std::exchange(isTriedAgain, true))
                 return file_.Fail(ERROR_READ_FAULT);

@@ -194,9 +194,8 @@ void TreeWalk::copyInPackages(const SharedPathName& name, unsigned long long siz
         from && to ? from->MoveElementTo(text, to.Get(), text, STGMOVE_COPY) : STG_E_INVALIDPARAMETER;
     if (note(status, StorageType::Stream) == S_OK && tell(size))
         take(size);
-    else if (status == STG_E_WRITEFAULT &&
-             SUCCEEDED(end_)) // a part may be left, which is not to be committed
-        end_ = status;
+    else if (status == STG_E_WRITEFAULT && SUCCEEDED(end_))
+        end_ = status; // a part may be left, which is not to be committed
 }
 
 /// A part is not taken for the whole. Where it cannot be taken away, nothing may be committed any more.
