@@ -686,6 +686,7 @@ const Faults::Operation Faults::kOperations[] = {
     {"copy, compound to package", &Faults::copy, &Faults::openBoth, kPackage, kCompound, true},
     {"copy, package to compound", &Faults::copy, &Faults::openBoth, kCompound, kPackage, true},
     {"copy, compound to compound", &Faults::copy, &Faults::openBoth, kCompound, kCompound, true},
+    {"copy observed, package to package", &Faults::copyObserved, &Faults::openBoth},
     {"copy observed, compound to package", &Faults::copyObserved, &Faults::openBoth, kPackage, kCompound},
     {"convert", &Faults::convert, &Faults::openSource, kPackage, kCompound, true},
     {"convert in place, package", &Faults::convertInPlace},
