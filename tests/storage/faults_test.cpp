@@ -322,13 +322,13 @@ protected:
     }
     HRESULT openWithoutHandles() {
         ComPtr<IStorage> document;
+        const HRESULT status = OpenVexelPackage(&document, folder_.file(L"document").c_str());
+        return verifyContents(status, document);
+    }
+    HRESULT verifyContents(HRESULT status, const ComPtr<IStorage>& document) {
         ComPtr<::IStream> stream;
-        HRESULT status = OpenVexelPackage(&document, folder_.file(L"document").c_str());
         if (status == S_OK)
             status = document->OpenStream(L"f", nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream);
-        return verifyContents(status, stream);
-    }
-    HRESULT verifyContents(HRESULT status, const ComPtr<::IStream>& stream) {
         status = Vexel::Detail::outcomeOf(status); // S_FALSE for packed bytes that cannot be read
         EXPECT_TRUE(status != S_OK || bytesOf(stream.Get()) == before_.at(L"document").elements.at(L"f"));
         return status;
@@ -336,11 +336,8 @@ protected:
     /// Opens what a stream of the caller holds.
     HRESULT openStream() {
         ComPtr<IStorage> document;
-        ComPtr<::IStream> stream;
-        HRESULT status = OpenVexelPackageStream(&document, callers_.Get());
-        if (status == S_OK)
-            status = document->OpenStream(L"f", nullptr, STGM_READ | STGM_SHARE_EXCLUSIVE, 0, &stream);
-        return verifyContents(status, stream);
+        const HRESULT status = OpenVexelPackageStream(&document, callers_.Get());
+        return verifyContents(status, document);
     }
     HRESULT writeString() {
         const Vexel::Detail::FileHandle file(CreateFileW(folder_.file(L"string").c_str(), GENERIC_WRITE, 0,
