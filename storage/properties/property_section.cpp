@@ -167,11 +167,26 @@ bool PropertySection::decodeNames(PropertyNames& names) const {
 bool PropertySection::isSound() const {
     PropertyNames names;
     return places_.size() == ids_.size() && decodeNames(names) &&
-           std::ranges::all_of(places_, [this](const auto& entry) {
-               PropertyVariant value;
-               return entry.first == PID_DICTIONARY ||
-                      decodeValue(blocks_.list[entry.second].bytes, codePage_, value);
-           });
+           std::ranges::all_of(places_,
+                               [this](const auto& entry) {
+                                   PropertyVariant value;
+                                   return entry.first == PID_DICTIONARY ||
+                                          decodeValue(blocks_.list[entry.second].bytes, codePage_, value);
+                               }) &&
+           isLastWhole();
+}
+
+bool PropertySection::isLastWhole() const {
+    const auto last = std::ranges::max_element(blocks_.list, {}, &Block::offset);
+    if (last == blocks_.list.end() || last->bytes.data() == find(PID_DICTIONARY).data())
+        return true;
+    std::vector<unsigned char> padded(last->bytes.begin(), last->bytes.end());
+    padded.insert(padded.end(), 3, 0);
+    PropertyVariant value, valueBefore;
+    std::vector<unsigned char> bytes, bytesBefore;
+    return decodeValue(last->bytes, codePage_, valueBefore) && decodeValue(padded, codePage_, value) &&
+           encodeValue(valueBefore.get(), bytesBefore) && encodeValue(value.get(), bytes) &&
+           bytes == bytesBefore;
 }
 
 bool PropertySection::set(const Properties& properties) {

@@ -50,6 +50,9 @@ public:
     std::vector<unsigned char> join();
 
 private:
+    /// Whether the last value reads the same with padding behind it, which it gets when it is not the last
+    /// one any more. What does not is cut off, and padding would make up what is missing.
+    bool isLastWhole() const;
     /// The bytes of a property; empty when there is none.
     ByteView find(PROPID id) const noexcept;
     void put(PROPID id, std::vector<unsigned char>&& bytes);

@@ -467,6 +467,14 @@ TEST_F(PropertySets, DamagedOnesAreRefusedOrKept) {
     document.setBytes(kSummaryName, shared + number(VT_BLOB) + number(kSize) + std::string(kSize, 'x'));
     Properties properties;
     EXPECT_EQ(Vexel::ReadProperties(document.root, summary, properties), STG_E_INVALIDHEADER);
+    // A vector without its last byte. Behind it, where it was the end, the padding would stand in for that.
+    const std::string cut = sample(kSummaryName).substr(0, 48) + number(31) + number(1) + number(kPages) +
+                            number(16) + number(VT_VECTOR | VT_VARIANT) + number(1) + number(VT_I4) +
+                            std::string("\x07\0\0", 3);
+    document.setBytes(kSummaryName, cut);
+    EXPECT_EQ(document.read(summary)[kPages].type(), VT_EMPTY);
+    EXPECT_EQ(document.write(summary, kPages + 1, PropertyVariant(1)), STG_E_INVALIDHEADER);
+    EXPECT_EQ(document.bytes(kSummaryName), cut);
 }
 
 } // namespace
