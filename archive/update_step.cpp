@@ -107,7 +107,9 @@ void fill(CUpdateItem& item, const UpdateEntry& entry, unsigned index) {
 }
 
 CCompressionMethodMode methodFor(CMethodId id, UInt32 threads, PackAhead* packing = nullptr) {
-    CMethodFull method;
+    CCompressionMethodMode mode;
+    // Made in place: a copy of the engine's lists in which memory ends leaks what was copied until then.
+    CMethodFull& method = mode.Methods.AddNew();
     method.Id = id;
     method.NumStreams = 1;
     method.AddProp32(NCoderPropID::kDictionarySize, kDictionary);
@@ -121,8 +123,6 @@ CCompressionMethodMode methodFor(CMethodId id, UInt32 threads, PackAhead* packin
         property.Id = kPackAheadProperty;
         property.Value = static_cast<UInt64>(reinterpret_cast<std::uintptr_t>(packing));
     }
-    CCompressionMethodMode mode;
-    mode.Methods.Add(method);
     mode.NumThreads = threads;
     return mode;
 }
