@@ -1,6 +1,7 @@
 // Property sets: what is read, what is changed in it, and that everything else stays.
 
 #include "fuzz/targets/input.h"
+#include "fuzz/targets/memory.h"
 #include "storage/properties/property_set.h"
 #include "storage/properties/property_values.h"
 
@@ -43,6 +44,23 @@ PropertyVariant valueFrom(Input& input) {
         return PropertyVariant(text.data());
     }
     }
+}
+
+/// About twice what a byte comes to in a section of nothing but empty properties.
+constexpr std::size_t kMostForAByte = 32;
+
+/// All that can be read of a set takes memory for what is there, whatever its counts say.
+void read(ByteView bytes) {
+    const MemoryWatch memory;
+    PropertySection section;
+    if (!section.split(bytes))
+        return;
+    Properties properties;
+    PropertyNames names;
+    if (section.decode(properties))
+        encoded(properties);
+    section.decodeNames(names);
+    REQUIRE(memory.most() <= 0x1000 + kMostForAByte * bytes.size());
 }
 
 /// Gives one property a value and a name, and looks whether the others are as they were.
@@ -93,14 +111,7 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         const auto found = findSection(bytes, format);
         if (!found || found->empty())
             continue;
-        PropertySection section;
-        Properties properties;
-        PropertyNames names;
-        if (!section.split(*found))
-            continue;
-        if (section.decode(properties))
-            encoded(properties);
-        section.decodeNames(names);
+        read(*found);
         change(*found, changes);
     }
     PropertyStream stream;
