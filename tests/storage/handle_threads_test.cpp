@@ -366,13 +366,19 @@ protected:
         const auto bytes = contentsIn(root, L"Taken");
         check(!bytes || isAnEdition((number + 1) % kThreadCount, *bytes), "what was taken is whole");
     }
+    void readOwn(int number, const Own& own) {
+        StorageRef root;
+        if (expect(root.open(this->own(number), modeReadDenyWrite, false), "open") != S_OK)
+            return;
+        verify(root, own);
+        verifyTaken(root, number);
+    }
     void step(unsigned what, int number, Own& own) {
         Vexel::Detail::withStatus([&]() -> long {
-            StorageRef root;
             if (what < 4)
                 rewriteOwn(number, own, what % 2 != 0);
-            else if (what == 4 && expect(root.open(this->own(number), modeRead, false), "open") == S_OK)
-                verify(root, own), verifyTaken(root, number);
+            else if (what == 4)
+                readOwn(number, own);
             else if (what == 5)
                 copyShared(number);
             else
