@@ -79,8 +79,9 @@ VEXEL_API long walkTree(const StorageRef& top, TreeObserver& observer);
 ///    of contents wait in it; a stream that would bring it beyond waits until that is done, so that no more
 ///    than 64 MiB and the largest stream are in memory at a time;
 ///  - what the observer's false ends leaves no part of a stream in the target, and is never a success: the
-///    result is E_ABORT after onProgress, else the first fault. What was copied before stays, in a compound
-///    file only in the storages that were done, and nothing is committed any more;
+///    result is E_ABORT after onProgress, else the first fault, or STG_E_WRITEFAULT as of StorageRef::copyTo.
+///    What was copied before stays, in a compound file only in the storages that were done, and nothing is
+///    committed any more;
 ///  - a missing part of a compound file of which no node has told is a fault of `from` itself, at the end;
 ///  - the target must not stand in `from`: STG_E_ACCESSDENIED.
 VEXEL_API long copyTree(const StorageRef& from, const StorageRef& to, TreeObserver* observer);

@@ -315,7 +315,9 @@ public:
     ///  - STG_E_DOCFILECORRUPT: a part of this compound file is missing, or the system cannot copy so much.
     ///  - STG_E_REVERTED: an element of this compound file is lost (rule 5), here or in an open storage
     ///  below.
-    ///  - STG_E_WRITEFAULT, before all others: the target has a part of a stream, and is not to be committed.
+    ///  - STG_E_WRITEFAULT, before all others: the target may have a part of a stream, and is not to be
+    ///    committed. Between compound files the space on the disk, memory or file handles may run out with
+    ///    such a part, too, and another status.
     long copyTo(const StorageRef& target) const;
     /// Lets this package, as long as nothing in it has been saved, take over the compressed data of another
     /// one: streams that `copyTo` copies from `source` afterwards are not unpacked, unless they are changed

@@ -80,6 +80,8 @@ HRESULT TreeWalk::run() {
     }
     while (!levels_.empty())
         levels_.pop_back(); // each before the one that it is in
+    if (mayHavePart_)
+        return STG_E_WRITEFAULT;
     return end_ == E_ABORT ? end_ : first_.status();
 }
 
@@ -194,14 +196,21 @@ void TreeWalk::copyInPackages(const SharedPathName& name, unsigned long long siz
         from && to ? from->MoveElementTo(text, to.Get(), text, STGMOVE_COPY) : STG_E_INVALIDPARAMETER;
     if (note(status, StorageType::Stream) == S_OK && tell(size))
         take(size);
-    else if (status == STG_E_WRITEFAULT && SUCCEEDED(end_))
-        end_ = status; // a part may be left, which is not to be committed
+    else if (status == STG_E_WRITEFAULT)
+        endWithPart();
 }
 
-/// A part is not taken for the whole. Where it cannot be taken away, nothing may be committed any more.
+/// What may have a part of a stream is not to be committed any more.
+void TreeWalk::endWithPart() {
+    mayHavePart_ = true;
+    if (SUCCEEDED(end_))
+        end_ = STG_E_WRITEFAULT;
+}
+
+/// A part is not taken for the whole.
 void TreeWalk::discardPart(VxStorage& to, const SharedPathName& name) {
-    if (const HRESULT status = outcomeOf(to.destroyChild(name)); status != S_OK && SUCCEEDED(end_))
-        end_ = status;
+    if (to.destroyChild(name) != S_OK)
+        endWithPart();
 }
 
 /// Copies a stream, or only reads it where there is no target.

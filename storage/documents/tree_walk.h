@@ -17,8 +17,8 @@ namespace Vexel::Detail {
 
 /// Meets every element of a storage. With a target it copies each into that; else, with an observer, it tells
 /// of each; else it reads each to its end. What cannot be had is left out, the rest follows, and the first
-/// failure is the result. A package as target is committed on the way, so that memory does not have to hold
-/// the whole document.
+/// failure is the result; but STG_E_WRITEFAULT where the target may have a part of a stream. A package as
+/// target is committed on the way, so that memory does not have to hold the whole document.
 ///
 /// No recursion: the depth comes from the file. The storages on the way stay open, and a storage of a
 /// compound file is committed when all below it has been. Whoever runs this holds the locks of the roots; the
@@ -51,6 +51,7 @@ private:
     void checkClass(const SharedPathName& name);
     void copyStream(const SharedPathName& name);
     void discardPart(VxStorage& to, const SharedPathName& name);
+    void endWithPart();
     HRESULT moveBytes(::IStream* from, unsigned long long size, VxStream* to);
 
     bool isCopying() const noexcept { return target_.notNull(); }
@@ -69,6 +70,7 @@ private:
     unsigned long long inMemory_ = 0; // bytes
     FirstFailure first_;
     HRESULT end_ = S_OK; // why the work ended before its end
+    bool mayHavePart_ = false;
 };
 
 } // namespace Vexel::Detail

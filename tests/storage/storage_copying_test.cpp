@@ -471,6 +471,23 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
     newStream(L"Part", source, "which cannot be written");
     EXPECT_EQ(source.copyTo(target_), E_FAIL);
     EXPECT_NE(targetCalls_.take().find(L"DestroyElement Part"), std::wstring::npos);
+    // One that cannot be taken away is told before all that failed earlier.
+    for (const bool isObserved : {false, true}) {
+        const auto copy = [&] {
+            Observer observer;
+            observer.isInTarget = true;
+            return Vexel::copyTree(source, target_, isObserved ? &observer : nullptr);
+        };
+        EXPECT_EQ(copy(), E_FAIL); // what it leaves open the next ones close first
+        targetCalls_.log.clear();
+        EXPECT_EQ(copy(), E_FAIL);
+        const auto calls = std::exchange(targetCalls_.log, {});
+        const auto removal = std::ranges::find(calls, L"DestroyElement Part");
+        targetCalls_.failures = {{static_cast<size_t>(removal - calls.begin()), STG_E_ACCESSDENIED}};
+        EXPECT_EQ(copy(), STG_E_WRITEFAULT);
+        targetCalls_.log.clear();
+        targetCalls_.failures.clear();
+    }
     targetCalls_.givesNothing = true;
     EXPECT_EQ(source.copyTo(target_), STG_E_READFAULT);
 }
