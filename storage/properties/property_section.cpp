@@ -122,6 +122,7 @@ bool PropertySection::split(ByteView section) {
         return false;
     blocks_ = std::move(*blocks);
     made_.clear();
+    padding_ = paddedSize((std::max)(section.size(), std::size_t{numberAt(section, 0)})) - section.size();
     const ByteView page = find(PID_CODEPAGE);
     codePage_ = has(page, 0, 6) && numberAt(page, 0) == VT_I2 ? UINT{page[4]} | UINT{page[5]} << 8U : CP_ACP;
     if (codePage_ != kWideCodePage && !IsValidCodePage(codePage_))
@@ -181,7 +182,7 @@ bool PropertySection::isLastWhole() const {
     if (last == blocks_.list.end() || last->bytes.data() == find(PID_DICTIONARY).data())
         return true;
     std::vector<unsigned char> padded(last->bytes.begin(), last->bytes.end());
-    padded.insert(padded.end(), 3, 0);
+    padded.insert(padded.end(), padding_, 0);
     PropertyVariant value, valueBefore;
     std::vector<unsigned char> bytes, bytesBefore;
     return decodeValue(last->bytes, codePage_, valueBefore) && decodeValue(padded, codePage_, value) &&

@@ -28,7 +28,8 @@ public:
     PropertySection& operator=(const PropertySection&) = delete;
     ~PropertySection() = default;
 
-    /// False when counts or offsets lead out of the section, or properties share bytes.
+    /// False when counts or offsets lead out of the section, or properties share bytes. The section may lack
+    /// three of the bytes that its size counts.
     bool split(ByteView section);
 
     /// False when a value is damaged.
@@ -50,8 +51,8 @@ public:
     std::vector<unsigned char> join();
 
 private:
-    /// Whether the last value reads the same with padding behind it, which it gets when it is not the last
-    /// one any more. What does not is cut off, and padding would make up what is missing.
+    /// Whether the last value reads the same with padding behind it, which it gets when something comes
+    /// behind it. What does not is cut off, and padding would make up what is missing.
     bool isLastWhole() const;
     /// The bytes of a property; empty when there is none.
     ByteView find(PROPID id) const noexcept;
@@ -62,6 +63,7 @@ private:
     Blocks blocks_;
     std::deque<std::vector<unsigned char>> made_; // new blocks' bytes, which stay where they are
     UINT codePage_ = 1200;                        // wide text
+    std::size_t padding_ = 0;                     // that the section lacks at its end
     bool isNewer_ = false;
 };
 

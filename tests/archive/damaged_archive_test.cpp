@@ -284,22 +284,37 @@ TEST(DamagedArchives, ReadSmallItemsWithLargeDictionaries) {
     }
 }
 
-// What is reserved and never touched shows in no count of the process, so the coders are asked themselves.
+// What is reserved and never touched shows in no count of the process, so the coders are asked themselves,
+// and what they give the engine.
 TEST(DamagedArchives, NeedNoLargeDictionaries) {
-    for (const std::string& coder : {bytes({1, 0x23, 3, 1, 1, 5, 0x5D, 255, 255, 255, 255}),
-                                     bytes({1, 0x23, 3, 1, 1, 6, 0x5D, 255, 255, 255, 255, 0})}) {
-        NArchive::N7z::CFolders folders;
-        folders.FoToCoderUnpackSizes.Alloc(1);
-        folders.FoToCoderUnpackSizes[0] = 0;
-        folders.FoCodersDataOffset.Alloc(2);
-        folders.FoCodersDataOffset[0] = 0;
-        folders.FoCodersDataOffset[1] = coder.size();
-        folders.CodersData.CopyFrom(reinterpret_cast<const Byte*>(coder.data()), coder.size());
-        folders.CoderUnpackSizes.Alloc(1);
-        folders.CoderUnpackSizes[0] = 5;
+    const struct {
+        std::string declared, cut;
+    } cases[] = {
+        {bytes({1, 0x23, 3, 1, 1, 5, 0x5D, 255, 255, 255, 255}),
+         bytes({1, 0x23, 3, 1, 1, 5, 0x5D, 0, 0, 16, 0})},
+        {bytes({1, 0x23, 3, 1, 1, 6, 0x5D, 255, 255, 255, 255, 7}),
+         bytes({1, 0x23, 3, 1, 1, 6, 0x5D, 0, 0, 16, 0, 7})},
+        {bytes({1, 0x21, 0x21, 1, 40}), bytes({1, 0x21, 0x21, 1, 16})},
+    };
+    for (const auto& [declared, cut] : cases) {
+        NArchive::N7z::CFolders folders, alone;
+        const auto set = [](auto& list, const auto&... values) {
+            list.Alloc(sizeof...(values));
+            std::size_t at = 0;
+            ((list[at++] = static_cast<std::remove_cvref_t<decltype(list[0])>>(values)), ...);
+        };
+        set(folders.FoToCoderUnpackSizes, 0, 1);
+        set(folders.FoCodersDataOffset, 0, declared.size());
+        set(folders.FoStartPackStreamIndex, 0, 1);
+        set(folders.FoToMainUnpackSizeIndex, 0);
+        set(folders.PackPositions, 0, 9);
+        set(folders.CoderUnpackSizes, 5);
+        folders.CodersData.CopyFrom(reinterpret_cast<const Byte*>(declared.data()), declared.size());
         const Engine::FolderCoders coders(folders, 0);
-        EXPECT_EQ(coders.dictionary(), 0x100000U) << coder.size();
-        EXPECT_TRUE(coders.isExcessive()) << coder.size();
+        EXPECT_EQ(coders.dictionary(), 0x100000U) << declared.size();
+        EXPECT_TRUE(coders.isExcessive()) << declared.size();
+        coders.copyTo(alone);
+        EXPECT_EQ(std::string(reinterpret_cast<const char*>(alone.CodersData.ConstData()), cut.size()), cut);
     }
 }
 
