@@ -178,7 +178,8 @@ constexpr std::span<const FaultForm> kCallStatuses{kStatuses, 8};
 constexpr FaultForm kNone[] = {{"none", Kind::Fails, ERROR_NOT_ENOUGH_MEMORY}};
 constexpr FaultForm kNoRoom[] = {kErrors[0], kErrors[2], kErrors[9]};
 
-// Calls that only another failure leads to, such as deleting what was begun, are not among them.
+// Deleting, cutting files off and asking for entries are not among them: mostly another failure leads there,
+// and the tests of temporary files and of archives have them fail.
 constexpr FaultPoint kPoints[] = {
     {"createFile", kCallErrors, Tap<&Platform::createFile>::install, 1, true},
     {"readFile", kTransferErrors, Tap<&Platform::readFile>::install, 1, true},
