@@ -270,18 +270,28 @@ protected:
             }
         } source;
         struct Observer final : Vexel::SalvageObserver {
-            std::uint64_t bytes = 0;
-            void onBytes(std::span<const std::byte> found) override { bytes += found.size(); }
+            std::string bytes;
+            std::multiset<std::string> whole;
+            bool onStream(const Vexel::SalvagedNode& /*node*/) override { return bytes.clear(), true; }
+            void onBytes(std::span<const std::byte> found) override {
+                bytes.append(reinterpret_cast<const char*>(found.data()), found.size());
+            }
+            void onStreamEnd(const Vexel::SalvagedNode& node) override {
+                if (node.state == Vexel::SalvageState::Whole)
+                    whole.insert(bytes);
+            }
         } observer;
         const Vexel::Detail::FileHandle file(CreateFileW(folder_.file(L"document").c_str(), GENERIC_READ,
                                                          FILE_SHARE_READ, nullptr, OPEN_EXISTING, 0,
                                                          nullptr));
         source.file = file.get();
         const auto outcome = Vexel::salvage(source, observer);
-        std::uint64_t size = 0;
+        std::multiset<std::string> all;
         for (const auto& [name, bytes] : before_.at(L"document").elements)
-            size += bytes.size();
-        EXPECT_TRUE(outcome != Vexel::SalvageOutcome::Whole || observer.bytes == size);
+            if (!name.ends_with(L'/'))
+                all.insert(bytes);
+        EXPECT_TRUE(std::ranges::includes(all, observer.whole));
+        EXPECT_TRUE(outcome != Vexel::SalvageOutcome::Whole || observer.whole == all);
         return outcome == Vexel::SalvageOutcome::Whole ? S_OK : E_FAIL;
     }
     HRESULT saveSettings(const wchar_t* name) {
@@ -474,7 +484,13 @@ protected:
                 return false;
         return true;
     }
-    /// Each file is the old one or the new one. They are looked at in copies, since they may be open.
+    /// One that may be open.
+    File inCopy(const std::wstring& name) const {
+        const std::wstring copy = scratch_.file(name);
+        writeFile(copy, readFile(folder_.file(name)));
+        return fileOf(copy);
+    }
+    /// Each file is the old one or the new one.
     void verifyFiles(const Operation& operation, const PlannedFault& fault, HRESULT status) const {
         const bool mayBePart = operation.commitsOnTheWay && fault.form.isShortage() && status != S_OK;
         // The fault of a system that loses what it was to replace may be any element's.
@@ -483,16 +499,13 @@ protected:
             EXPECT_TRUE(after_.contains(entry.path().filename().wstring()))
                 << entry.path() << " is left behind";
         for (const auto& [name, old] : before_) {
-            const std::wstring file = folder_.file(name);
             const File& changed = after_.at(name);
-            const std::string bytes = readFile(file);
+            const std::string bytes = readFile(folder_.file(name));
             if (bytes == old.bytes) {
                 EXPECT_TRUE(status != S_OK || changed == old) << "success without the change";
                 continue;
             }
-            const std::wstring copy = scratch_.file(name);
-            writeFile(copy, bytes);
-            const File now = fileOf(copy);
+            const File now = inCopy(name);
             const bool isOld = !old.elements.empty() &&
                                (now.elements == old.elements ||
                                 (mayBePart && isPart(now.elements, old.elements, changed.elements, losses)));
@@ -502,17 +515,19 @@ protected:
                 << fs::path(name) << " is neither the old file nor the new one: "
                 << differences(now.elements, changed.elements);
         }
+        if (operation.run == &Faults::moveAcross) {
+            EXPECT_TRUE(inCopy(L"other").elements == before_.at(L"other").elements ||
+                        inCopy(L"document").elements == after_.at(L"document").elements)
+                << "what was moved is in neither";
+        }
         for (const auto& [name, changed] : after_) { // what there was not before
-            const std::wstring file = folder_.file(name);
             if (before_.contains(name))
                 continue;
-            if (!fs::exists(file)) {
+            if (!fs::exists(folder_.file(name))) {
                 EXPECT_NE(status, S_OK) << fs::path(name) << " is missing";
                 continue;
             }
-            const std::wstring copy = scratch_.file(name);
-            writeFile(copy, readFile(file));
-            const File now = fileOf(copy);
+            const File now = inCopy(name);
             if (changed.elements.empty())
                 EXPECT_TRUE(status != S_OK || now == changed) << fs::path(name);
             else
