@@ -1,5 +1,6 @@
 // Settings files as text.
 
+#include "base/platform.h"
 #include "base/text.h"
 #include "io/ini_numbers.h"
 #include "io/name_places.h"
@@ -15,6 +16,7 @@
 
 namespace vxio {
 
+using Vexel::Detail::platform;
 using Vexel::Detail::stringOf;
 using Vexel::Detail::trimmed;
 using Vexel::Detail::viewOf;
@@ -77,7 +79,10 @@ DWORD parse(TextFileReadStream& stream, IniFile& file) {
         if (entry->value.find(L'\n') == std::wstring_view::npos)
             section->SetString(entry->key, stringOf(entry->value));
     }
-    return errorOf(stream);
+    // Cut off meanwhile, or of no known length as a pipe, it is not what saving would put in its place.
+    const bool isWhole = stream.GetPosition() == stream.GetLength();
+    const DWORD error = errorOf(stream);
+    return error == ERROR_SUCCESS && !isWhole ? DWORD{ERROR_READ_FAULT} : error;
 }
 
 /// Waits for a moment where someone is saving the file. 0 or the system's error code.
@@ -94,6 +99,7 @@ DWORD open(TextFileReadStream& stream, const wchar_t* path, TextEncoding encodin
 /// Of a file that is no settings file in the encoding that was guessed: `parse` in another in which it is
 /// one. What cannot be read again is not known to be none.
 DWORD parseOtherwise(const wchar_t* path, IniFile& file) {
+    DWORD verdict = ERROR_INVALID_DATA;
     for (const TextEncoding encoding : {TextEncoding::Utf16LE, TextEncoding::Utf16BE, TextEncoding::Utf32LE,
                                         TextEncoding::Utf32BE, TextEncoding::Utf8}) {
         TextFileReadStream stream;
@@ -101,13 +107,15 @@ DWORD parseOtherwise(const wchar_t* path, IniFile& file) {
         DWORD error = open(stream, path, encoding);
         if (error == ERROR_SUCCESS)
             error = parse(stream, read);
-        if (error == ERROR_INVALID_DATA ||
+        if (error == ERROR_FILE_TOO_LARGE) // a line that is too long may be many in the next encoding
+            verdict = error;
+        if (error == ERROR_FILE_TOO_LARGE || error == ERROR_INVALID_DATA ||
             (error == ERROR_SUCCESS && (stream.HasReplaced() || read.IsEmpty())))
             continue;
         file = std::move(read);
         return error;
     }
-    return ERROR_INVALID_DATA;
+    return verdict;
 }
 
 } // namespace
@@ -117,16 +125,20 @@ bool IniFile::Load(const wchar_t* path) { return load(path) == ERROR_SUCCESS; }
 unsigned long IniFile::load(const wchar_t* path) {
     *this = IniFile();
     TextFileReadStream stream;
-    if (const DWORD error = open(stream, path, TextEncoding::Detect); error != ERROR_SUCCESS)
-        return error;
     IniFile read;
-    DWORD error = parse(stream, read);
-    if (error == ERROR_INVALID_DATA)
-        error = parseOtherwise(path, read = IniFile());
-    else
-        read.hasReplaced_ = stream.HasReplaced();
+    DWORD error = open(stream, path, TextEncoding::Detect);
+    if (error == ERROR_SUCCESS) {
+        error = parse(stream, read);
+        if (error == ERROR_INVALID_DATA)
+            error = parseOtherwise(path, read = IniFile());
+        else
+            read.hasReplaced_ = stream.HasReplaced();
+    }
     if (error == ERROR_SUCCESS) // what is there of a file that breaks off would be saved as the whole
         *this = std::move(read);
+    // It has come just now, or this is what reading it fails with: not to be begun anew, but tried again.
+    if (error == ERROR_FILE_NOT_FOUND && platform().getAttributes(path) != INVALID_FILE_ATTRIBUTES)
+        error = ERROR_SHARING_VIOLATION;
     return error;
 }
 

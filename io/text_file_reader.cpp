@@ -8,7 +8,6 @@
 #include <vexel/files.h>
 
 #include <algorithm>
-#include <utility>
 
 namespace vxio {
 
@@ -70,24 +69,48 @@ TextEncoding TextFileReadStream::detect() {
         more.resize(kReadAhead);
     const auto forEachPart = [&](auto& guess) {
         guess.add(buffer_);
-        while (const auto read = static_cast<std::size_t>(file_.Read(more.data(), more.size())))
-            guess.add(Bytes(more).first(read));
-        if (!more.empty())
-            file_.Seek(static_cast<long long>(buffer_.size()), FILE_BEGIN, nullptr);
+        if (more.empty())
+            return;
+        unsigned long long at = buffer_.size();
+        std::size_t came = 0;
+        do {
+            came = read(more.data(), more.size(), at);
+            guess.add(Bytes(more).first(came));
+            at += came;
+        } while (came == more.size());
+        file_.Seek(static_cast<long long>(buffer_.size()), FILE_BEGIN, nullptr);
     };
     const bool isWhole = buffer_.size() < kReadAhead || !more.empty();
     return Vexel::Detail::guessEncoding(forEachPart, isWhole);
 }
 
-/// Reads more behind what is there; false at the end and on an error.
+/// Reads the file from where it stands, which is at `at`. Less comes only at the end and on an error: a file
+/// whose end cannot be had must not pass for a shorter one. The end is where it was when it was met first,
+/// for someone may be appending for ever.
+std::size_t TextFileReadStream::read(unsigned char* bytes, std::size_t count, unsigned long long at) {
+    auto done = static_cast<std::size_t>(file_.Read(bytes, count));
+    if (done == count || file_.GetLastErrorCode() || GetFileType(file_.GetHandle()) != FILE_TYPE_DISK)
+        return done;
+    const unsigned long long length = file_.GetLength();
+    while (!file_.GetLastErrorCode() && done < count && at + done < length) {
+        const auto more = static_cast<std::size_t>(file_.Read(bytes + done, count - done));
+        if (more == 0 && !file_.GetLastErrorCode())
+            file_.Fail(ERROR_READ_FAULT);
+        done += more;
+    }
+    return done;
+}
+
+/// Reads more behind what is there; false when that is the end, and on an error.
 bool TextFileReadStream::fill() {
     buffer_.erase(buffer_.begin(), buffer_.begin() + static_cast<std::ptrdiff_t>(start_));
     start_ = 0;
     const std::size_t before = buffer_.size();
-    buffer_.resize(before + (std::max)(before, kReadAhead));
-    const auto read = static_cast<std::size_t>(file_.Read(buffer_.data() + before, buffer_.size() - before));
-    buffer_.resize(before + read);
-    return read != 0;
+    const std::size_t room = (std::max)(before, kReadAhead);
+    buffer_.resize(before + room);
+    const std::size_t came = read(buffer_.data() + before, room, position_ + before);
+    buffer_.resize(before + came);
+    return came == room;
 }
 
 /// The offset behind `start_` of the first unit from there on that ends a line.
@@ -114,8 +137,7 @@ void TextFileReadStream::decode(const unsigned char* bytes, std::size_t size, CS
 bool TextFileReadStream::ReadString(CStringW& line) {
     line.Empty();
     std::size_t looked = 0;
-    bool isTriedAgain = false;
-    for (;;) {
+    for (bool isMore = true;;) {
         const std::size_t size = findLineEnd(looked);
         if (size != kNone) {
             decode(buffer_.data() + start_, size, line);
@@ -132,15 +154,8 @@ bool TextFileReadStream::ReadString(CStringW& line) {
         looked = buffered / unit_ * unit_;
         if (buffered > kLongestLine)
             return file_.Fail(ERROR_FILE_TOO_LARGE);
-        if (fill())
-            continue;
-        if (file_.GetLastErrorCode())
-            return false;
-        // What is appended meanwhile is read, too. A file whose end cannot be had must not pass for a shorter
-        // one.
-        if (GetFileType(file_.GetHandle()) == FILE_TYPE_DISK && position_ + buffered < file_.GetLength()) {
-            if (std::exchange(isTriedAgain, true))
-                return file_.Fail(ERROR_READ_FAULT);
+        if (isMore) {
+            isMore = fill();
             continue;
         }
         if (file_.GetLastErrorCode() || buffered == 0)

@@ -168,6 +168,10 @@ public:
     /// Reads the next line, without its end, which is a line feed or a zero unit. False, with an empty line,
     /// when nothing is left or reading fails; the position and the error tell which. Bytes for which the
     /// encoding has no characters become U+FFFD, or in Ansi the stand-in of the code page.
+    ///
+    /// A last line without an end is as much as is there; what someone appends to it later is the next line.
+    /// It comes only when the file is known to end there: where the length of a file on a disk cannot be had,
+    /// or is more than can be read, reading fails (so does Open, when it meets such an end).
     bool ReadString(CStringW& line);
 
     /// Whether the lines read so far had bytes for which the encoding has no characters.
@@ -178,6 +182,7 @@ public:
     unsigned long long GetLength() const noexcept { return file_.GetLength(); }
 
 private:
+    std::size_t read(unsigned char* bytes, std::size_t count, unsigned long long at);
     bool fill();
     TextEncoding detect();
     std::size_t findLineEnd(std::size_t from) const noexcept;

@@ -101,7 +101,8 @@ public:
     using Sections = std::vector<std::pair<CStringW, IniFileSection>>;
 
     /// Reads the file. The result is false, and the object is empty, when the file could not be opened or
-    /// read to its end, or has a line that makes reading fail. Others may not write the file meanwhile.
+    /// read to its end, or has a line that makes reading fail. Others may not write the file meanwhile. What
+    /// has no length, as a pipe, is not read.
     /// Exhausted memory leaves the object empty, too.
     bool Load(const wchar_t* path);
     /// Writes a new file beside the old one and puts it in the old one's place, with its attributes, so that

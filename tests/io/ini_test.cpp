@@ -1,4 +1,5 @@
 #include "io/text_encoding.h"
+#include "support/bad_reads.h"
 #include "support/compound_file.h"
 #include "support/log_capture.h"
 #include "support/scarce_memory.h"
@@ -329,6 +330,88 @@ TEST_F(Ini, WorksStraightOnFiles) {
     EXPECT_EQ(log.count(L"cannot be understood and is begun anew"), 1);
     for (const wchar_t* none : {static_cast<const wchar_t*>(nullptr), L""})
         EXPECT_FALSE(IniFile::SetInt(L"s", L"k", 1, none));
+}
+
+// Whichever read fails, in whatever encoding the file is being tried, and also with the codes that say what
+// is to become of a file.
+TEST_F(Ini, WhatCannotBeReadIsNotBegunAnew) {
+    const std::string large = "[s]\nfill=" + std::string(70'000, 'x') + "\nk=1";
+    for (const std::string& old : {large, encoded(L"[\u4E2D]", TextEncoding::Utf16BE)}) {
+        const std::string settings = load(old);
+        ASSERT_NE(settings, "failed");
+        for (const DWORD error :
+             std::initializer_list<DWORD>{ERROR_SUCCESS, ERROR_READ_FAULT, ERROR_INVALID_DATA,
+                                          ERROR_FILE_TOO_LARGE, ERROR_FILE_NOT_FOUND})
+            sweepBadReads([&](int first, int count) {
+                SCOPED_TRACE(testing::Message() << error << ", " << count << " from " << first);
+                writeFile(path_, old);
+                int calls = 0;
+                bool isSet = false;
+                {
+                    const BadReads reads(first, count, error);
+                    isSet = IniFile::SetInt(L"new", L"k", 1, path_.c_str());
+                    calls = reads.calls();
+                }
+                EXPECT_TRUE(dump(loaded()) == (isSet ? settings + "new{k=1|}" : settings));
+                return calls;
+            });
+    }
+}
+
+// What is too long for a line in one encoding may be many in the next. The system's own error of this code
+// stands in for such a file.
+TEST_F(Ini, ALineThatIsTooLongIsTriedOtherwise) {
+    static int opened;
+    const PlatformGuard guard;
+    Vexel::Detail::platform().createFile = [](auto... arguments) {
+        ++opened;
+        return CreateFileW(arguments...);
+    };
+    Vexel::Detail::platform().readFile = [](auto... arguments) -> BOOL {
+        if (opened != 2) // in the encoding that is tried first, after the one that was guessed
+            return ReadFile(arguments...);
+        SetLastError(ERROR_FILE_TOO_LARGE);
+        return FALSE;
+    };
+    opened = 0;
+    EXPECT_NE(load(encoded(L"[\u4E2D]", TextEncoding::Utf16BE)), "failed");
+    EXPECT_GT(opened, 2);
+    writeFile(path_, "no settings");
+    opened = 0;
+    EXPECT_FALSE(IniFile::SetInt(L"s", L"k", 1, path_.c_str()));
+    EXPECT_EQ(readFile(path_), "no settings");
+}
+
+// It is not known to be all of a file that has another length at the end.
+TEST_F(Ini, ReadsAsMuchAsTheFileIsLong) {
+    writeFile(path_, "[s]\nk=1\n");
+    {
+        const PlatformGuard guard;
+        Vexel::Detail::platform().getFileSize = [](HANDLE file, LARGE_INTEGER* size) { // cut off meanwhile
+            const BOOL done = GetFileSizeEx(file, size);
+            --size->QuadPart;
+            return done;
+        };
+        EXPECT_FALSE(IniFile().Load(path_.c_str()));
+        EXPECT_FALSE(IniFile::SetInt(L"s", L"n", 1, path_.c_str()));
+    }
+    EXPECT_EQ(readFile(path_), "[s]\nk=1\n");
+
+    constexpr auto kPipeName = L"\\\\.\\pipe\\vexel settings test"; // has no length
+    const HANDLE pipe =
+        CreateNamedPipeW(kPipeName, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+    std::jthread writer([pipe] {
+        DWORD written = 0;
+        ConnectNamedPipe(pipe, nullptr);
+        WriteFile(pipe, "[s]\nk=1\n", 8, &written, nullptr);
+    });
+    {
+        const BadReads reads(1, INT_MAX, ERROR_SUCCESS); // it ends behind what was written
+        EXPECT_FALSE(IniFile().Load(kPipeName));
+        EXPECT_GT(reads.calls(), 1);
+    }
+    writer.join();
+    CloseHandle(pipe);
 }
 
 TEST_F(Ini, ParsesIntegers) {

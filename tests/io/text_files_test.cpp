@@ -1,4 +1,5 @@
 #include "io/encoding_guess.h"
+#include "support/bad_reads.h"
 #include "support/compound_file.h"
 
 #include <vexel/files.h>
@@ -195,6 +196,85 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     EXPECT_EQ(full.GetLastErrorCode(), ERROR_DISK_FULL);
     EXPECT_FALSE(full.WriteString(L"text"));
     EXPECT_FALSE(full.Close());
+}
+
+// Neither the lines nor the encoding are taken from a part of the file.
+TEST_F(TextFiles, AnEndBeforeTheEndIsNone) {
+    const std::string large(100'000, 'x');
+    const std::string wide = [] {
+        std::vector<unsigned char> bytes;
+        Vexel::Detail::encodeText(L"x\n" + std::wstring(40'000, L'\u0416'), TextEncoding::Utf16LE, bytes);
+        return std::string(bytes.begin(), bytes.end());
+    }();
+    for (const std::string& contents :
+         {"\xFF\xFE["s + "\0M\0]\0\n\0"s, "one\ntwo"s, large + "\nM\xFCller", large + "\n\xC3\xA9", wide}) {
+        SCOPED_TRACE(contents.size());
+        const std::wstring whole = lines(contents);
+        const TextEncoding encoding = found_;
+        int failures = 0;
+        sweepBadReads([&](int first, int count) {
+            SCOPED_TRACE(testing::Message() << count << " from " << first);
+            const BadReads reads(first, count, ERROR_SUCCESS);
+            vxio::TextFileReadStream stream;
+            std::wstring read;
+            if (stream.Open(path_.c_str(), vxio::ProtectWriting, TextEncoding::Detect, false)) {
+                EXPECT_EQ(stream.GetEncoding(), encoding);
+                for (CString line; stream.ReadString(line); read += L"|")
+                    read += line.GetString();
+            }
+            if (count > 1 && stream.GetLastErrorCode()) {
+                EXPECT_EQ(stream.GetLastErrorCode(), ERROR_READ_FAULT);
+                ++failures;
+            } else {
+                EXPECT_EQ(stream.GetLastErrorCode(), 0u);
+                EXPECT_TRUE(read == whole);
+            }
+            return reads.calls();
+        });
+        EXPECT_GT(failures, 0);
+    }
+}
+
+TEST_F(TextFiles, ReadsWhatOthersAppendMeanwhile) {
+    static const wchar_t* path;
+    path = path_.c_str();
+    Support::writeFile(path_, "start");
+    const PlatformGuard guard;
+    Vexel::Detail::platform().getFileSize = [](HANDLE file, LARGE_INTEGER* size) { // whenever the end is met
+        vxio::FileWriteStream writing;
+        EXPECT_TRUE(writing.Open({.path = path,
+                                  .creation = FileCreation::OpenExisting,
+                                  .protection = vxio::ProtectNothing,
+                                  .append = true}));
+        EXPECT_EQ(writing.WriteBytes(" more", 5), 5u);
+        return GetFileSizeEx(file, size);
+    };
+    vxio::TextFileReadStream stream;
+    ASSERT_TRUE(stream.Open(path, vxio::ProtectNothing, TextEncoding::Detect, false));
+    std::string read;
+    for (int i = 0; i < 4; ++i) {
+        CString line;
+        ASSERT_TRUE(stream.ReadString(line)) << stream.GetLastErrorCode();
+        read.append(line.GetString(), line.GetString() + line.GetLength());
+        EXPECT_EQ(stream.GetPosition(), read.size());
+    }
+    EXPECT_EQ(read, Support::readFile(path_).substr(0, read.size()));
+    EXPECT_EQ(stream.GetLastErrorCode(), 0u);
+}
+
+// Whether it is all of the line is not known.
+TEST_F(TextFiles, ALineThatNothingEndsNeedsTheLengthOfTheFile) {
+    Support::writeFile(path_, "one\ntwo");
+    vxio::TextFileReadStream stream;
+    ASSERT_TRUE(stream.Open(path_.c_str(), vxio::ProtectWriting, TextEncoding::Utf8, false));
+    const PlatformGuard guard;
+    refuse(Vexel::Detail::platform().getFileSize, ERROR_NETNAME_DELETED);
+    CString line;
+    EXPECT_TRUE(stream.ReadString(line));
+    EXPECT_FALSE(stream.ReadString(line));
+    EXPECT_TRUE(line.IsEmpty());
+    EXPECT_EQ(stream.GetLastErrorCode(), ERROR_NETNAME_DELETED);
+    EXPECT_EQ(stream.GetPosition(), 4u);
 }
 
 TEST_F(TextFiles, StreamsMoveLikeOthers) {
