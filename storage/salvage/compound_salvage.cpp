@@ -300,7 +300,7 @@ private:
         }
         const std::uint64_t read = isMini(element) ? deliverSmall(number) : deliverLarge(number);
         if (read < node.there) {
-            node.state = SalvageState::CutShort;
+            node.state = read > 0 ? SalvageState::CutShort : SalvageState::Lost;
             node.there = read;
             node.reason = kUnreadable;
         }
@@ -424,14 +424,19 @@ void salvageCompound(CompoundSource& source, Output& output) {
     std::array<std::byte, Compound::kHeaderBytes> bytes{};
     source.read(0, bytes);
     const auto header = Compound::decodeHeader(bytes);
-    if (!header || !Compound::hasSignature(bytes))
+    // What does not even begin as one may be something else: that is told only of what has something to give.
+    const bool isOne = Compound::hasSignature(bytes);
+    if (!isOne)
+        output.hold();
+    if (!header || !isOne)
         output.damage("the header is damaged", 0);
     const Compound::Header fields = Compound::decodeHeaderFields(bytes);
     const unsigned shift = header ? header->sectorShift : findSectorShift(source, fields, output);
     CompoundSalvage salvage(source, fields, shift, output);
     salvage.load();
-    // What does not even begin as one may be something else: that is told only of what has something to give.
-    if (Compound::hasSignature(bytes) ? salvage.score() > 0 : salvage.hasNodes())
+    const bool isTold = isOne || salvage.hasNodes();
+    output.release(isTold);
+    if (isOne ? salvage.score() > 0 : isTold)
         salvage.deliver();
 }
 

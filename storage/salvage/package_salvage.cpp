@@ -44,6 +44,7 @@ constexpr std::size_t kRoomForEach = 512;
 
 constexpr const char* kDamaged = "its packed bytes are damaged";
 constexpr const char* kWrongChecksum = "its bytes do not agree with their checksum";
+constexpr const char* kNoChecksum = "the package has no checksum of it";
 constexpr const char* kUnknownMethod = "it is packed in a way that is not known here, or encrypted";
 constexpr const char* kBehindDamage = "it is packed behind damaged bytes";
 constexpr const char* kNotChecked = "its name, size and checksum are lost with the header";
@@ -269,8 +270,12 @@ private:
         if (node_.there < node_.size)
             return;
         const auto& file = database_.Files[record_];
-        const bool isSame = !file.CrcDefined || file.Crc == ~crc_;
-        end(isSame ? SalvageState::Whole : SalvageState::CutShort, isSame ? "" : kWrongChecksum);
+        if (!file.CrcDefined)
+            end(SalvageState::Unchecked, kNoChecksum);
+        else if (file.Crc == ~crc_)
+            end(SalvageState::Whole, "");
+        else
+            end(SalvageState::CutShort, kWrongChecksum);
     }
 
     void end(SalvageState state, const char* reason) {

@@ -251,4 +251,77 @@ TEST(Salvage, AsksBeforeEachNode) {
     }
 }
 
+TEST(Salvage, TellsOfDamageOnlyWhatTheFileTurnsOutToBe) {
+    std::string package = storedPackage("contents", digestOf("contents"));
+    package[0] = 'X';
+    Rescue rescue(package);
+    EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+    EXPECT_EQ(rescue.format, SalvageFormat::Package);
+    EXPECT_THAT(rescue.damage, ElementsAre(kNotWhereItShouldBe));
+    EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{SalvageState::Whole, "contents", 8})));
+
+    Image image = Image::document({});
+    image.number(0) ^= 1;
+    Rescue document(image.bytes());
+    EXPECT_EQ(document.run(), SalvageOutcome::Losses);
+    EXPECT_EQ(document.format, SalvageFormat::CompoundFile);
+    EXPECT_THAT(document.damage, ElementsAre("the header is damaged"));
+}
+
+TEST(Salvage, CallsWhatHasNoChecksumNotChecked) {
+    const struct {
+        const char* name;
+        std::string digests;
+        SalvageState state;
+    } cases[] = {
+        {"no checksum", {}, SalvageState::Unchecked},
+        {"its checksum", digestOf("contents"), SalvageState::Whole},
+        {"another's", digestOf("content"), SalvageState::CutShort},
+    };
+    for (const auto& [name, digests, state] : cases) {
+        SCOPED_TRACE(name);
+        const std::string package = storedPackage("contents", digests);
+        Rescue rescue(package);
+        EXPECT_EQ(rescue.run(),
+                  state == SalvageState::Whole ? SalvageOutcome::Whole : SalvageOutcome::Losses);
+        EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{state, "contents", 8})));
+        EXPECT_EQ(rescue.reasons.size(), state == SalvageState::Whole ? 0U : 1U);
+    }
+}
+
+TEST(Salvage, CallsAStreamLostOfWhichNothingCanBeRead) {
+    Image image = Image::document({});
+    const auto sectorOf = [&](std::uint32_t element) {
+        return (image.element(element, Image::Start) + 1) * std::size_t{512};
+    };
+    constexpr std::size_t kBig = 1;
+    constexpr std::size_t kBigBytes = 4096;
+    const std::size_t big = sectorOf(kBig);
+    const struct {
+        const char* name;
+        std::size_t begin;
+        SalvageState state;
+        std::size_t there;
+    } cases[] = {
+        {"from its first sector on", big, SalvageState::Lost, 0},
+        {"from its second sector on", big + 512, SalvageState::CutShort, 512},
+        {"behind it", big + kBigBytes, SalvageState::Whole, kBigBytes},
+    };
+    for (const auto& [name, begin, state, there] : cases) {
+        SCOPED_TRACE(name);
+        Rescue rescue(image.bytes());
+        rescue.source.badBegin = begin;
+        rescue.source.badEnd = big + kBigBytes;
+        rescue.run();
+        EXPECT_EQ(rescue.streams[u"Big"].state, state);
+        EXPECT_EQ(rescue.streams[u"Big"].there, there);
+        EXPECT_EQ(rescue.streams[u"Big"].bytes.size(), there);
+    }
+    Rescue small(image.bytes());
+    small.source.badBegin = sectorOf(0);
+    small.source.badEnd = small.source.badBegin + 512;
+    small.run();
+    EXPECT_EQ(small.streams[u"Ole1"].state, SalvageState::Lost);
+}
+
 } // namespace
