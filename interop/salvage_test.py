@@ -7,6 +7,7 @@ import os
 import random
 import struct
 import unittest
+import zlib
 
 import olefile
 
@@ -189,6 +190,15 @@ class Salvage(CommandTest):
             for damaged in cuts, wounds, both:
                 with self.subTest((path.name, damaged.__name__)):
                     self.check(path, PackageNeeds(path, self.directory / f"{path.name}.{damaged.__name__}"), damaged)
+
+    def test_a_large_header_with_a_wrong_checksum(self):
+        """It is longer than what the program reads at once, and than what is searched at the end of the file."""
+        padding = b"\x63\xF0" + struct.pack("<I", 0x1100000) + bytes(0x1100000)  # a property that nobody knows
+        header = (b"\1\5\1" b"\x0E\1\x80" b"\x0F\1\x80" + padding + b"\x11\x05\0" + "f\0".encode("utf-16-le") + b"\0\0")
+        place = struct.pack("<QQI", 0, len(header), 0)
+        start = b"7z\xBC\xAF\x27\x1C\0\4" + struct.pack("<I", zlib.crc32(place)) + place
+        rescued, report = self.rescue("large", start + header)
+        self.assertEqual((rescued, report["lost"]), ({"f": b""}, []))
 
 
 if __name__ == "__main__":

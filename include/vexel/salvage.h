@@ -13,11 +13,12 @@
 ///     Rescue rescue;
 ///     const Vexel::SalvageOutcome outcome = Vexel::salvage(file, rescue);
 ///
-/// Of a compound file the tables and the directory are kept in memory, 12 bytes for each of its sectors and
-/// some 250 for each element; time grows with the size of the file and of the contents that come out. Of a
-/// package its header is kept, and what decoding takes: the dictionary, or for a folder of 1 MiB and more a
-/// few blocks of 4 MiB for each processor. docs/damaged-files.md tells the rules by which contents find their
-/// streams.
+/// Of a compound file the tables and the directory are kept in memory, 12 bytes for each of its sectors, small
+/// ones too, and some 250 for each element; time grows with the size of the file and of the contents that come
+/// out, because what is searched for in vain is limited. Of a package its header is kept, and what decoding
+/// takes: the dictionary, of 256 MiB at most without a header, or for a folder of 1 MiB and more a few blocks of
+/// 4 MiB for each processor. docs/damaged-files.md tells the rules by which contents find their streams, and
+/// the limits.
 
 #include <vexel/export.h>
 
@@ -45,7 +46,7 @@ public:
 
 enum class SalvageState {
     Whole,
-    Unchecked, ///< all of its bytes are there, but what says whether they are right is lost
+    Unchecked, ///< all of its bytes are there, but nothing says whether they are right
     CutShort,  ///< not all of its bytes are there, or it cannot be told whether they are its own
     Lost       ///< none of its bytes are there
 };
@@ -80,7 +81,8 @@ public:
 
     /// What the file is, once that is known and before any node.
     virtual void onFormat(SalvageFormat /*format*/) {}
-    /// Damage that is no node's: `what` in English, and the number of the sector or the byte it speaks of.
+    /// Damage that is no node's: `what` in English, and the number of the sector or the byte it speaks of. Of
+    /// a file that begins as neither format it is told once that is known, too.
     virtual void onDamage(const char* /*what*/, std::uint64_t /*where*/) {}
     /// A storage, before what is in it; the root first.
     virtual void onStorage(const SalvagedNode& /*node*/) {}

@@ -33,6 +33,7 @@ const char* reasonOf(ChainTable::End end) noexcept {
 } // namespace
 
 ChainTable::Walk ContentsClaims::measure(std::uint32_t number, std::uint64_t& stepsLeft) {
+    output_.progress(0);
     const Element& element = elements_[number];
     const std::uint64_t most = std::min<std::uint64_t>(sectorsOf(element), std::uint64_t{table_.count()} + 1);
     const auto walk = table_.walk(element.entry.start, std::min(most, stepsLeft), number,
@@ -78,6 +79,7 @@ void ContentsClaims::settle(const std::vector<std::uint32_t>& numbers, std::uint
 }
 
 bool ContentsClaims::claimWhole(std::uint32_t number) {
+    output_.progress(0);
     Element& element = elements_[number];
     std::uint64_t rest = element.entry.size;
     const auto walk = table_.walk(element.entry.start, sectorsOf(element), number, ChainTable::LostLinks::End,
@@ -92,6 +94,7 @@ bool ContentsClaims::claimWhole(std::uint32_t number) {
 }
 
 void ContentsClaims::claimRest(std::uint32_t number) {
+    output_.progress(0);
     Element& element = elements_[number];
     bool isWholeSoFar = true;
     // What a stray element refers to may long be another's.

@@ -19,8 +19,9 @@ class ContentsClaims {
 public:
     /// `bytesThere`: how much there is of a sector.
     ContentsClaims(ChainTable& table, std::uint32_t sectorBytes, std::vector<Element>& elements,
-                   std::function<std::uint64_t(std::uint32_t)> bytesThere)
-        : table_(table), sectorBytes_(sectorBytes), elements_(elements), bytesThere_(std::move(bytesThere)) {}
+                   std::function<std::uint64_t(std::uint32_t)> bytesThere, Output& output)
+        : table_(table), sectorBytes_(sectorBytes), elements_(elements), bytesThere_(std::move(bytesThere)),
+          output_(output) {}
 
     /// Settles what becomes of these elements, and notes it with them. `stepsLeft` bounds the work: streams
     /// that claim far more than there is are lost.
@@ -45,6 +46,7 @@ private:
     const std::uint32_t sectorBytes_;
     std::vector<Element>& elements_;
     std::function<std::uint64_t(std::uint32_t)> bytesThere_;
+    Output& output_; // is asked for each stream and step whether to go on
 };
 
 } // namespace Vexel::Detail::Salvage

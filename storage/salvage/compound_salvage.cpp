@@ -105,6 +105,7 @@ private:
             directory_.hasRoot() ? (elements()[0].entry.size + kMiniSectorBytes - 1) / kMiniSectorBytes : 0;
         const std::uint64_t perSector = reader_.sectorBytes() / sizeof(std::uint32_t);
         const std::uint64_t expected = (minis + perSector - 1) / perSector;
+        looks_.resize(allocation_.count());
         miniTable_ = miniTableAt(header_.firstMiniFatSector, expected);
         if (expected > 0 && miniTable_.size() != expected) {
             output_.damage("the table of small streams is not where it should be, or not whole",
@@ -113,14 +114,29 @@ private:
                 miniTable_ = std::move(found);
             miniTable_.resize(std::min<std::uint64_t>(miniTable_.size(), expected));
         }
+        looks_ = {};
         for (const std::uint32_t sector : miniTable_)
             allocation_.setOwner(sector, ChainTable::kTables);
     }
 
+    /// Chains lead into one another, so each sector is looked at once.
     bool looksLikeMiniTable(std::uint32_t sector) {
-        const std::uint64_t minis = std::uint64_t{reader_.sectors()} * minisPerSector();
-        return looksLikeTable(reader_.sector(sector), static_cast<std::uint32_t>(std::min<std::uint64_t>(
-                                                          minis, Compound::kSectorLimit)));
+        Look& look = looks_[sector];
+        if (look == Look::None) {
+            output_.progress(reader_.sectorBytes());
+            const std::uint64_t minis = std::uint64_t{reader_.sectors()} * minisPerSector();
+            const bool isOne = looksLikeTable(
+                reader_.sector(sector),
+                static_cast<std::uint32_t>(std::min<std::uint64_t>(minis, Compound::kSectorLimit)));
+            look = isOne ? Look::IsTable : Look::IsNone;
+        }
+        return look == Look::IsTable;
+    }
+
+    void cutToMiniTable(std::vector<std::uint32_t>& sectors) {
+        const auto end = std::find_if(sectors.begin(), sectors.end(),
+                                      [this](std::uint32_t sector) { return !looksLikeMiniTable(sector); });
+        sectors.erase(end, sectors.end());
     }
 
     /// The sectors of the table if it begins there: all of the chain if it is as long as is expected, else as
@@ -130,9 +146,7 @@ private:
         std::vector<std::uint32_t> sectors = sectorsOf(allocation_, first, most, ChainTable::kNobody);
         if (expected > 0 && sectors.size() == expected)
             return sectors;
-        const auto end = std::find_if(sectors.begin(), sectors.end(),
-                                      [this](std::uint32_t sector) { return !looksLikeMiniTable(sector); });
-        sectors.erase(end, sectors.end());
+        cutToMiniTable(sectors);
         return sectors;
     }
 
@@ -150,14 +164,14 @@ private:
                 mark(element.entry.start);
         std::uint64_t stepsLeft = kMostClaims * allocation_.count();
         for (std::uint32_t sector = 0; sector < allocation_.count() && stepsLeft > 0; ++sector) {
+            output_.progress(0);
             if (isLedTo[sector] || allocation_.owner(sector) != ChainTable::kNobody ||
                 allocation_.next(sector) == Compound::kFreeSector || !looksLikeMiniTable(sector))
                 continue;
-            auto sectors = miniTableAt(sector, expected);
+            auto sectors = sectorsOf(allocation_, sector, expected + 1, ChainTable::kNobody);
             stepsLeft -= std::min<std::uint64_t>(stepsLeft, sectors.size() + 1);
-            if (sectors.size() == expected &&
-                std::all_of(sectors.begin(), sectors.end(),
-                            [this](auto number) { return looksLikeMiniTable(number); }))
+            cutToMiniTable(sectors);
+            if (sectors.size() == expected)
                 return sectors;
         }
         return {};
@@ -178,15 +192,17 @@ private:
                 (isMini(element) ? small : large).push_back(i);
         }
         std::uint64_t stepsLeft = kMostClaims * (std::uint64_t{reader_.sectors()} + elements().size());
-        ContentsClaims(allocation_, static_cast<std::uint32_t>(reader_.sectorBytes()), elements(),
-                       [this](std::uint32_t sector) { return reader_.bytesThere(sector); })
+        ContentsClaims(
+            allocation_, static_cast<std::uint32_t>(reader_.sectorBytes()), elements(),
+            [this](std::uint32_t sector) { return reader_.bytesThere(sector); }, output_)
             .settle(large, stepsLeft);
         if (first == 0)
             loadMiniSectors();
         stepsLeft = kMostClaims * (std::uint64_t{minis_.count()} + elements().size());
-        ContentsClaims(minis_, kMiniSectorBytes, elements(), [this](std::uint32_t mini) {
-            return miniBytesThere(mini);
-        }).settle(small, stepsLeft);
+        ContentsClaims(
+            minis_, kMiniSectorBytes, elements(), [this](std::uint32_t mini) { return miniBytesThere(mini); },
+            output_)
+            .settle(small, stepsLeft);
     }
 
     /// The root's own stream holds the mini sectors. As far as its chain goes it is used, whatever its size.
@@ -284,7 +300,7 @@ private:
         }
         const std::uint64_t read = isMini(element) ? deliverSmall(number) : deliverLarge(number);
         if (read < node.there) {
-            node.state = SalvageState::CutShort;
+            node.state = read > 0 ? SalvageState::CutShort : SalvageState::Lost;
             node.there = read;
             node.reason = kUnreadable;
         }
@@ -377,6 +393,8 @@ private:
     Output& output_;
     ChainTable allocation_;
     Directory directory_;
+    enum class Look : std::uint8_t { None, IsTable, IsNone };
+    std::vector<Look> looks_;              // at each sector, for the table of mini sectors
     std::vector<std::uint32_t> miniTable_; // its sectors
     std::vector<std::uint32_t> container_; // the sectors with the mini sectors
     ChainTable minis_;
@@ -406,14 +424,19 @@ void salvageCompound(CompoundSource& source, Output& output) {
     std::array<std::byte, Compound::kHeaderBytes> bytes{};
     source.read(0, bytes);
     const auto header = Compound::decodeHeader(bytes);
-    if (!header || !Compound::hasSignature(bytes))
+    // What does not even begin as one may be something else: that is told only of what has something to give.
+    const bool isOne = Compound::hasSignature(bytes);
+    if (!isOne)
+        output.hold();
+    if (!header || !isOne)
         output.damage("the header is damaged", 0);
     const Compound::Header fields = Compound::decodeHeaderFields(bytes);
     const unsigned shift = header ? header->sectorShift : findSectorShift(source, fields, output);
     CompoundSalvage salvage(source, fields, shift, output);
     salvage.load();
-    // What does not even begin as one may be something else: that is told only of what has something to give.
-    if (Compound::hasSignature(bytes) ? salvage.score() > 0 : salvage.hasNodes())
+    const bool isTold = isOne || salvage.hasNodes();
+    output.release(isTold);
+    if (isOne ? salvage.score() > 0 : isTold)
         salvage.deliver();
 }
 

@@ -94,6 +94,7 @@ private:
         std::vector<bool> met(reader_.sectors());
         std::uint32_t sector = header_.firstDifatSector;
         while (part < parts_.size() && sector < reader_.sectors() && !met[sector]) {
+            output_.progress(0);
             met[sector] = true;
             const auto view = reader_.sector(sector);
             const std::vector<std::byte> bytes(view.begin(), view.end());
@@ -152,6 +153,7 @@ private:
         for (std::uint32_t sector = 0; sector < table_.count(); ++sector) {
             if (table_.next(sector) != kTableSector || taken_[sector])
                 continue;
+            output_.progress(0);
             const auto bytes = reader_.sector(sector);
             if (!looksLikeTable(bytes, reader_.sectors()))
                 continue;

@@ -27,6 +27,11 @@ constexpr std::uint8_t kLzmaWithReset = 0xE0;
 constexpr std::uint8_t kMostProperties = 9 * 5 * 5;
 
 constexpr std::size_t kPieceBytes = 0x10000;
+/// What is read where a chunk begins far from the one before; what it takes to read at all, and to begin to
+/// decode.
+constexpr std::size_t kChunkWindow = 256;
+constexpr std::uint64_t kReadWork = 1024;
+constexpr std::uint64_t kDecoderWork = 3 * kPieceBytes;
 /// No dictionary is taken to be larger, for it is memory. Its size is coded by its exponent, with halves.
 constexpr std::uint64_t kLargestDictionary = 0x10000000;
 constexpr unsigned kSmallestExponent = 11;
@@ -37,6 +42,10 @@ Byte dictionaryCode(std::uint64_t unpacked) noexcept {
     while ((std::uint64_t{2 | (code & 1U)} << (code / 2 + kSmallestExponent)) < wanted)
         ++code;
     return code;
+}
+
+bool isBeginning(std::optional<std::uint8_t> control) noexcept {
+    return control && (*control == kRawWithReset || *control >= kLzmaWithReset);
 }
 
 class Decoder {
@@ -72,28 +81,46 @@ private:
 
 } // namespace
 
-std::optional<std::uint8_t> Lzma2Scanner::byteAt(std::uint64_t offset) {
+std::optional<std::uint8_t> Lzma2Scanner::byteAt(Window& window, std::uint64_t offset, std::size_t most) {
     if (offset >= end_)
         return std::nullopt;
-    if (offset < windowBegin_ || offset >= windowBegin_ + windowBytes_) {
-        windowBegin_ = offset;
-        windowBytes_ = source_.read(offset, window_);
-        if (windowBytes_ == 0)
+    if (offset < window.begin || offset >= window.begin + window.count) {
+        window.begin = offset;
+        window.count = source_.read(offset, std::span(window.bytes).first(most));
+        if (window.count == 0)
             return std::nullopt;
     }
-    return std::to_integer<std::uint8_t>(window_[static_cast<std::size_t>(offset - windowBegin_)]);
+    return std::to_integer<std::uint8_t>(window.bytes[static_cast<std::size_t>(offset - window.begin)]);
 }
 
-bool Lzma2Scanner::isBeginning(std::uint64_t offset) {
-    const auto control = byteAt(offset);
-    return control && (*control == kRawWithReset || *control >= kLzmaWithReset);
+std::optional<std::uint8_t> Lzma2Scanner::chunkByteAt(std::uint64_t offset) {
+    const std::uint64_t before = chunks_.begin;
+    const bool goesOn = offset == chunks_.begin + chunks_.count;
+    const auto byte = byteAt(chunks_, offset, goesOn ? chunks_.bytes.size() : kChunkWindow);
+    if (chunks_.begin != before)
+        work(kReadWork + chunks_.count);
+    return byte;
+}
+
+std::optional<std::uint8_t> Lzma2Scanner::passedByteAt(std::uint64_t offset) {
+    return byteAt(passed_, offset, passed_.bytes.size());
+}
+
+void Lzma2Scanner::work(std::uint64_t bytes) {
+    workLeft_ -= std::min(workLeft_, bytes);
+    unasked_ += bytes;
+    if (unasked_ < kPieceBytes)
+        return;
+    unasked_ = 0;
+    progress_(0);
 }
 
 /// Adds the chunk behind the stream's bytes so far; false if it is none. One that is cut off is not counted.
 bool Lzma2Scanner::addChunk(Lzma2Stream& stream, std::uint8_t control, bool& hasProperties) {
     const std::uint64_t at = stream.begin + stream.packed;
     const auto size = [&](std::uint64_t offset) {
-        return std::uint64_t{byteAt(at + offset).value_or(0)} << 8 | byteAt(at + offset + 1).value_or(0);
+        return std::uint64_t{chunkByteAt(at + offset).value_or(0)} << 8 |
+               chunkByteAt(at + offset + 1).value_or(0);
     };
     if (control < kLzma) {
         stream.unpacked += size(1) + 1;
@@ -101,7 +128,7 @@ bool Lzma2Scanner::addChunk(Lzma2Stream& stream, std::uint8_t control, bool& has
         return control == kRawWithReset || control == kRaw;
     }
     const bool givesProperties = control >= kLzmaWithProperties;
-    const auto properties = byteAt(at + 5);
+    const auto properties = chunkByteAt(at + 5);
     if (givesProperties ? properties && *properties >= kMostProperties : !hasProperties)
         return false;
     hasProperties = true;
@@ -118,12 +145,12 @@ Lzma2Stream Lzma2Scanner::measure(std::uint64_t begin) {
     bool hasProperties = false;
     while (!stream.isEnded) {
         const Lzma2Stream before = stream;
-        const auto control = byteAt(begin + stream.packed);
+        const auto control = chunkByteAt(begin + stream.packed);
         if (!control) { // cut off
             stream.packed = end_ - begin;
             return stream;
         }
-        workLeft_ -= std::min<std::uint64_t>(workLeft_, 1);
+        work(1);
         if (*control == kEndMark) {
             ++stream.packed;
             stream.isEnded = true;
@@ -139,29 +166,31 @@ bool Lzma2Scanner::isSound(const Lzma2Stream& stream) {
         return false;
     const std::uint64_t behind = stream.begin + stream.packed;
     if (!stream.isPacked)
-        return behind == end_ || (isBeginning(behind) && measure(behind).isEnded);
-    const bool decodes = decodeLzma2(source_, stream, [](std::span<const std::byte>) {}) == stream.unpacked;
-    if (!decodes)
-        workLeft_ -= std::min(workLeft_, stream.packed + stream.unpacked);
-    return decodes;
+        return behind == end_ || (isBeginning(chunkByteAt(behind)) && measure(behind).isEnded);
+    work(kDecoderWork);
+    return decodeLzma2(source_, stream, [this](std::span<const std::byte> bytes) { work(bytes.size()); }) ==
+           stream.unpacked;
 }
 
-std::optional<Lzma2Stream> Lzma2Scanner::next(const std::function<void(std::uint64_t)>& progress) {
-    const auto take = [this](const Lzma2Stream& stream) {
+std::optional<Lzma2Stream> Lzma2Scanner::next() {
+    std::uint64_t before = workLeft_;
+    const auto take = [&](const Lzma2Stream& stream) {
+        workLeft_ = before; // what it took was not in vain
         position_ = (std::min)(stream.begin + stream.packed, end_);
         isAdjacent_ = stream.isEnded;
         return stream;
     };
-    if (isAdjacent_ && isBeginning(position_))
+    if (isAdjacent_ && isBeginning(passedByteAt(position_)))
         if (Lzma2Stream stream = measure(position_); stream.packed > 0) {
             stream.isAdjacent = true;
             return take(stream);
         }
     for (std::uint64_t passed = 0; position_ < end_ && workLeft_ > 0; ++position_) {
         if (++passed % kPieceBytes == 0)
-            progress(kPieceBytes);
-        if (byteAt(position_ - 1) != kEndMark || !isBeginning(position_))
+            progress_(kPieceBytes);
+        if (passedByteAt(position_ - 1) != kEndMark || !isBeginning(passedByteAt(position_)))
             continue;
+        before = workLeft_;
         if (const Lzma2Stream stream = measure(position_); isSound(stream))
             return take(stream);
     }

@@ -8,6 +8,7 @@
 #include <functional>
 #include <optional>
 #include <span>
+#include <utility>
 
 /// Finding LZMA2 streams in bytes that nothing describes. A stream is a row of chunks, each with a control
 /// byte and its sizes before it, and a byte 0 at the end:
@@ -30,32 +31,50 @@ struct Lzma2Stream {
 
 class Lzma2Scanner {
 public:
-    /// Looks at the bytes from `begin` to `end` of the source.
-    Lzma2Scanner(SalvageSource& source, std::uint64_t begin, std::uint64_t end)
-        : source_(source), position_(begin), end_(end), workLeft_(kMostWork * (end - begin) + kFreeWork) {}
+    using Progress = std::function<void(std::uint64_t)>;
+
+    /// Looks at the bytes from `begin` to `end` of the source. `progress` is told of those that were passed,
+    /// and asked at least for each 64 KiB of what is tried beside; it may throw.
+    Lzma2Scanner(SalvageSource& source, std::uint64_t begin, std::uint64_t end, Progress progress)
+        : source_(source), progress_(std::move(progress)), position_(begin), end_(end),
+          workLeft_(kMostWork * (end - begin) + kFreeWork) {}
 
     /// The next stream. One that is not adjacent is only given when all of it decodes, or nothing in it
     /// is packed and another stream follows.
-    std::optional<Lzma2Stream> next(const std::function<void(std::uint64_t)>& progress);
+    std::optional<Lzma2Stream> next();
+    /// Where the bytes begin that were not looked at, because too much was tried in vain before.
+    std::optional<std::uint64_t> givenUpAt() const noexcept {
+        return workLeft_ == 0 && position_ < end_ ? std::optional(position_) : std::nullopt;
+    }
 
 private:
     static constexpr std::uint64_t kMostWork = 16;
     static constexpr std::uint64_t kFreeWork = 0x1000000;
 
-    std::optional<std::uint8_t> byteAt(std::uint64_t offset);
-    bool isBeginning(std::uint64_t offset);
+    /// Some bytes of the source. Chunks lie far apart: who follows them reads little at a time.
+    struct Window {
+        std::array<std::byte, 4096> bytes{};
+        std::uint64_t begin = 0;
+        std::size_t count = 0;
+    };
+
+    std::optional<std::uint8_t> byteAt(Window& window, std::uint64_t offset, std::size_t most);
+    std::optional<std::uint8_t> passedByteAt(std::uint64_t offset);
+    std::optional<std::uint8_t> chunkByteAt(std::uint64_t offset);
     Lzma2Stream measure(std::uint64_t begin);
     bool addChunk(Lzma2Stream& stream, std::uint8_t control, bool& hasProperties);
     bool isSound(const Lzma2Stream& stream);
+    void work(std::uint64_t bytes);
 
     SalvageSource& source_;
+    const Progress progress_;
     std::uint64_t position_;
     const std::uint64_t end_;
-    std::uint64_t workLeft_; // bounds what is tried in vain
+    std::uint64_t workLeft_;    // bounds what is tried in vain
+    std::uint64_t unasked_ = 0; // work since `progress_` was asked
     bool isAdjacent_ = true;
-    std::array<std::byte, 4096> window_{};
-    std::uint64_t windowBegin_ = 0;
-    std::size_t windowBytes_ = 0;
+    Window passed_; // at `position_`
+    Window chunks_; // where a chunk begins
 };
 
 /// Decodes a stream and hands its bytes to `sink`; how many there were. Fewer than the stream's are damaged

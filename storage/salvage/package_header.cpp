@@ -8,6 +8,7 @@
 #include "archive/engine_status.h"
 #include "archive/header_check.h"
 #include "archive/header_layout.h"
+#include "archive/header_parser.h"
 #include "archive/header_stream.h"
 #include "archive/start_bytes.h"
 #include "archive/stream_calls.h"
@@ -19,6 +20,7 @@
 #include <array>
 #include <cstring>
 #include <optional>
+#include <utility>
 #include <vector>
 
 namespace Vexel::Detail::Salvage {
@@ -29,6 +31,13 @@ namespace {
 
 /// Where the end of a file is looked through for a header.
 constexpr std::uint64_t kSearched = 0x100000;
+/// What may be gone through there in vain, for each byte and in any case: beginnings of headers can stand as
+/// thick as names, and each be parsed to the end of the file.
+constexpr std::uint64_t kMostWork = 64;
+constexpr std::uint64_t kFreeWork = 0x1000000;
+constexpr std::size_t kReadBytes = 0x1000;
+/// How often the observer is asked at least, in bytes.
+constexpr std::size_t kPieceBytes = 0x10000;
 
 /// The file, with another beginning if one is given.
 class StartedSource final : public HeaderSource {
@@ -56,8 +65,8 @@ private:
 
 class HeaderSearch {
 public:
-    HeaderSearch(SalvageSource& source, NArchive::N7z::CDbEx& database) noexcept
-        : source_(source), database_(database), started_(source) {}
+    HeaderSearch(SalvageSource& source, NArchive::N7z::CDbEx& database, Output& output) noexcept
+        : source_(source), database_(database), output_(output), started_(source) {}
 
     bool asItIs() { return isReadable(false); }
 
@@ -75,21 +84,73 @@ public:
         const std::uint64_t room = source_.size() - (std::min<std::uint64_t>)(source_.size(), kStartBytes);
         std::vector<std::byte> end(static_cast<std::size_t>((std::min)(room, kSearched)));
         const std::uint64_t begin = source_.size() - end.size();
-        if (source_.read(begin, end) != end.size())
-            return false;
+        // Where a piece cannot be read, there is no header.
+        for (std::size_t done = 0; done < end.size(); done += kReadBytes)
+            source_.read(begin + done,
+                         std::span(end).subspan(done, (std::min)(kReadBytes, end.size() - done)));
+        workLeft_ = kMostWork * end.size() + kFreeWork;
         const auto at = [&](std::size_t index) { return std::to_integer<std::uint64_t>(end[index]); };
-        for (std::size_t i = end.size(); i-- > 1;) {
+        std::size_t passed = 0;
+        for (std::size_t i = end.size(); i-- > 1 && workLeft_ > 0;) {
             const bool isPacked = at(i - 1) == HeaderId::kEncodedHeader && at(i) == HeaderId::kPackInfo;
             const bool isPlain = at(i - 1) == HeaderId::kHeader &&
                                  (at(i) == HeaderId::kMainStreamsInfo || at(i) == HeaderId::kFilesInfo);
-            if ((isPacked || isPlain) &&
-                isReadableAt(begin + i - 1 - kStartBytes, source_.size() - (begin + i - 1)))
-                return true;
+            if (++passed < kPieceBytes && !isPacked && !isPlain)
+                continue;
+            output_.progress(std::exchange(passed, 0));
+            const auto header = std::span<const std::byte>(end).subspan(i - 1);
+            const std::uint64_t offset = begin + i - 1 - kStartBytes;
+            if ((isPacked && isPackedHeader(header, offset)) || (isPlain && isPlainHeader(header, offset))) {
+                if (isReadableAt(offset, header.size()))
+                    return true;
+                work(2 * header.size()); // it was read twice
+            }
         }
         return false;
     }
 
 private:
+    void work(std::uint64_t bytes) noexcept { workLeft_ -= (std::min)(workLeft_, bytes); }
+
+    /// What a parser has gone through, and the list of folders that it has made room for.
+    void work(HeaderParser& parser, const HeaderStreams& streams) noexcept {
+        work(parser.reader().ok() ? parser.reader().position() : parser.reader().verdict().where);
+        work(streams.folders.size() * sizeof(HeaderFolder));
+    }
+
+    /// Whether these bytes tell of a packed header, without a look at that.
+    bool isPackedHeader(std::span<const std::byte> bytes, std::uint64_t offset) {
+        HeaderParser parser(bytes, offset);
+        HeaderStreams streams;
+        parser.reader().number();
+        const bool isSound = parser.parseStreams(streams) && !streams.folders.empty();
+        work(parser, streams);
+        if (isSound) {
+            work(streams.firstPacked);
+            work(streams.folders[0].unpacked);
+        }
+        return isSound;
+    }
+
+    /// Whether these bytes are a header with items. Names, too, end as headers without any begin.
+    bool isPlainHeader(std::span<const std::byte> bytes, std::uint64_t offset) {
+        HeaderParser beginning(bytes, offset);
+        HeaderStreams streams;
+        beginning.reader().number();
+        std::uint64_t id = beginning.reader().number();
+        if (id == HeaderId::kMainStreamsInfo && beginning.parseStreams(streams))
+            id = beginning.reader().number();
+        const bool hasItems = id == HeaderId::kFilesInfo && beginning.reader().count() > 0;
+        work(beginning, streams);
+        if (!hasItems)
+            return false;
+        HeaderParser parser(bytes, offset);
+        parser.reader().number();
+        const bool isSound = parser.parseHeader();
+        work(parser, streams);
+        return isSound;
+    }
+
     bool isReadableAt(std::uint64_t offset, std::uint64_t size) {
         const std::uint64_t room = source_.size() - (std::min<std::uint64_t>)(source_.size(), kStartBytes);
         if (size == 0 || offset > room || size > room - offset)
@@ -129,7 +190,9 @@ private:
 
     SalvageSource& source_;
     NArchive::N7z::CDbEx& database_;
+    Output& output_;
     StartedSource started_;
+    std::uint64_t workLeft_ = 0; // bounds what is tried in vain
 };
 
 } // namespace
@@ -157,7 +220,7 @@ HRESULT SourceInStream::GetSize(UInt64* size) noexcept {
 }
 
 bool readHeader(SalvageSource& source, NArchive::N7z::CDbEx& database, Output& output) {
-    HeaderSearch search(source, database);
+    HeaderSearch search(source, database, output);
     if (search.asItIs())
         return true;
     output.damage("the header is not what the package's beginning says", 0);

@@ -44,6 +44,7 @@ constexpr std::size_t kRoomForEach = 512;
 
 constexpr const char* kDamaged = "its packed bytes are damaged";
 constexpr const char* kWrongChecksum = "its bytes do not agree with their checksum";
+constexpr const char* kNoChecksum = "the package has no checksum of it";
 constexpr const char* kUnknownMethod = "it is packed in a way that is not known here, or encrypted";
 constexpr const char* kBehindDamage = "it is packed behind damaged bytes";
 constexpr const char* kNotChecked = "its name, size and checksum are lost with the header";
@@ -105,6 +106,12 @@ public:
     }
 
 private:
+    /// A storage that was handed out.
+    struct Opened {
+        const Opened* parent; // none below the root
+        std::u16string name;
+    };
+
     /// Handles go 512 storages deep, and the text of paths grows with the square of their depth.
     bool isInReach(std::wstring_view item) {
         const auto levels = static_cast<std::size_t>(std::count(item.begin(), item.end(), L'/'));
@@ -127,24 +134,37 @@ private:
         return name;
     }
 
-    /// The storage's path as it is handed out. In front of a first "/" is the root.
+    /// The storage's path as it is handed out. In front of a first "/" is the root. Items have their storages
+    /// in common, so that the way down to one is gone once.
     Path open(std::wstring_view item) {
-        Path path;
+        const auto known = opened_.find(item);
+        return pathTo(known != opened_.end() ? &known->second : openNew(item));
+    }
+
+    const Opened* openNew(std::wstring_view item) {
+        const Opened* storage = nullptr;
         for (std::size_t begin = 0, end = 0; end < item.size(); begin = end + 1) {
             end = (std::min)(item.find(L'/', begin), item.size());
             if (end == 0)
                 continue;
-            const std::wstring key(item.substr(0, end));
+            const std::wstring_view key = item.substr(0, end);
             auto known = opened_.find(key);
             if (known == opened_.end()) {
                 const std::wstring_view parent = begin == 0 ? std::wstring_view() : item.substr(0, begin - 1);
-                known = opened_.emplace(key, newName(parent, item.substr(begin, end - begin))).first;
-                path.push_back(known->second);
-                tell(path, key);
-            } else {
-                path.push_back(known->second);
+                Opened opened{storage, newName(parent, item.substr(begin, end - begin))};
+                known = opened_.emplace(key, std::move(opened)).first;
+                tell(pathTo(&known->second), known->first);
             }
+            storage = &known->second;
         }
+        return storage;
+    }
+
+    static Path pathTo(const Opened* storage) {
+        Path path;
+        for (; storage != nullptr; storage = storage->parent)
+            path.push_back(storage->name);
+        std::reverse(path.begin(), path.end());
         return path;
     }
 
@@ -156,14 +176,15 @@ private:
             node.created = timeOf(database_.CTime, record->second);
             node.modified = timeOf(database_.MTime, record->second);
         }
+        output_.progress(0);
         output_.countNode();
         output_.storage(node);
     }
 
     const CDbEx& database_;
     Output& output_;
-    std::map<std::wstring, unsigned, std::less<>> records_;      // of directories, by item path
-    std::map<std::wstring, std::u16string, std::less<>> opened_; // the names of storages that were handed out
+    std::map<std::wstring, unsigned, std::less<>> records_; // of directories, by item path
+    std::map<std::wstring, Opened, std::less<>> opened_;    // by item path
     std::map<std::wstring, SiblingNames> names_;
     std::size_t room_ = kParentsRoom;
 };
@@ -227,6 +248,7 @@ private:
     }
 
     void nextFile() {
+        output_.progress(0);
         while (!database_.Files[record_].HasStream) // such ones may stand in between
             ++record_;
         --filesLeft_;
@@ -248,8 +270,12 @@ private:
         if (node_.there < node_.size)
             return;
         const auto& file = database_.Files[record_];
-        const bool isSame = !file.CrcDefined || file.Crc == ~crc_;
-        end(isSame ? SalvageState::Whole : SalvageState::CutShort, isSame ? "" : kWrongChecksum);
+        if (!file.CrcDefined)
+            end(SalvageState::Unchecked, kNoChecksum);
+        else if (file.Crc == ~crc_)
+            end(SalvageState::Whole, "");
+        else
+            end(SalvageState::CutShort, kWrongChecksum);
     }
 
     void end(SalvageState state, const char* reason) {
@@ -293,6 +319,7 @@ void deliverWithoutContents(const CDbEx& database, Storages& storages, Output& o
         const auto& file = database.Files[i];
         if (file.IsDir || file.HasStream || database.IsItemAnti(i))
             continue;
+        output.progress(0);
         const Path path = storages.place(pathOf(database, i));
         SalvagedNode node;
         node.path = path;
@@ -359,11 +386,15 @@ void deliverByStreams(SalvageSource& source, Output& output) {
     if (source.size() <= kStartBytes)
         return;
     output.damage("the header is lost; packed streams are looked for from byte", kStartBytes);
-    Lzma2Scanner scanner(source, kStartBytes, endOfStreams(source));
+    Lzma2Scanner scanner(source, kStartBytes, endOfStreams(source),
+                         [&](std::uint64_t bytes) { output.progress(bytes); });
     for (unsigned number = 1;; ++number) {
-        const auto stream = scanner.next([&](std::uint64_t bytes) { output.progress(bytes); });
-        if (!stream)
+        const auto stream = scanner.next();
+        if (!stream) {
+            if (const auto at = scanner.givenUpAt())
+                output.damage("too much makes no sense to look at the packed bytes from here on", *at);
             return;
+        }
         if (!stream->isAdjacent)
             output.damage("packed bytes that make no sense are passed over, up to byte", stream->begin);
         deliverStream(source, *stream, {itemName(number)}, output);

@@ -5,6 +5,7 @@
 #include <cstdint>
 #include <set>
 #include <string>
+#include <utility>
 #include <vector>
 
 namespace Vexel::Detail::Salvage {
@@ -24,8 +25,21 @@ public:
     void damage(const char* what, std::uint64_t where) {
         if (isQuiet_)
             return;
+        if (isHolding_) {
+            held_.push_back({what, where});
+            return;
+        }
         ++losses_;
         observer_.onDamage(what, where);
+    }
+    /// From now on damage is kept, until it is known whether it is this file's.
+    void hold() noexcept { isHolding_ = true; }
+    /// Tells what was kept, or forgets it.
+    void release(bool isTold) {
+        isHolding_ = false;
+        for (const auto& [what, where] : std::exchange(held_, {}))
+            if (isTold)
+                damage(what, where);
     }
     /// Throws Ended.
     void progress(std::uint64_t bytes) {
@@ -65,11 +79,18 @@ public:
     };
 
 private:
+    struct Damage {
+        const char* what;
+        std::uint64_t where;
+    };
+
     SalvageObserver& observer_;
+    std::vector<Damage> held_;
     std::uint64_t nodes_ = 0;
     std::uint64_t losses_ = 0;
     bool hasFormat_ = false;
     bool isQuiet_ = false;
+    bool isHolding_ = false;
 };
 
 /// The names that are given away in one storage.

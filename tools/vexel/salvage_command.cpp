@@ -55,14 +55,9 @@ public:
     std::uint64_t size() const noexcept override { return size_; }
 
     std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
-        OVERLAPPED position{};
-        position.Offset = static_cast<DWORD>(offset);
-        position.OffsetHigh = static_cast<DWORD>(offset >> 32);
-        DWORD done = 0;
-        const auto count = static_cast<DWORD>((std::min<std::size_t>)(target.size(), kLargestRead));
-        if (!ReadFile(file_.get(), target.data(), count, &done, &position))
-            return 0;
-        progress().add(done);
+        std::size_t done = 0;
+        for (std::size_t count = 1; done < target.size() && count > 0; done += count)
+            count = readPiece(offset + done, target.subspan(done));
         return done;
     }
 
@@ -77,6 +72,18 @@ public:
 
 private:
     static constexpr std::size_t kLargestRead = 0x1000000;
+
+    std::size_t readPiece(std::uint64_t offset, std::span<std::byte> target) noexcept {
+        OVERLAPPED position{};
+        position.Offset = static_cast<DWORD>(offset);
+        position.OffsetHigh = static_cast<DWORD>(offset >> 32);
+        DWORD done = 0;
+        const auto count = static_cast<DWORD>((std::min<std::size_t>)(target.size(), kLargestRead));
+        if (!ReadFile(file_.get(), target.data(), count, &done, &position))
+            return 0;
+        progress().add(done);
+        return done;
+    }
 
     Detail::FileHandle file_;
     BY_HANDLE_FILE_INFORMATION info_{};

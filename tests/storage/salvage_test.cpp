@@ -1,0 +1,327 @@
+// What the observer of a rescue is told, and how much is read for it. That everything comes back which lies
+// outside the damage is tested from outside, by interop/salvage_test.py.
+
+#include "support/archive_bytes.h"
+#include "support/compound_image.h"
+
+#include <vexel/salvage.h>
+
+#include <gmock/gmock.h>
+#include <gtest/gtest.h>
+
+#include <algorithm>
+#include <map>
+#include <string>
+#include <vector>
+
+namespace {
+
+using namespace ArchiveBytes;
+using testing::ElementsAre;
+using testing::IsEmpty;
+using testing::Pair;
+using Vexel::SalvagedNode;
+using Vexel::SalvageFormat;
+using Vexel::SalvageOutcome;
+using Vexel::SalvageState;
+using Image = Support::CompoundImage;
+
+/// Bytes of which some cannot be read, with a count of those that were.
+class Source final : public Vexel::SalvageSource {
+public:
+    explicit Source(std::string_view bytes) : bytes_(bytes) {}
+
+    std::uint64_t size() const noexcept override { return bytes_.size(); }
+    std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
+        const std::size_t begin = (std::min<std::size_t>)(offset, bytes_.size());
+        std::size_t count = (std::min)(target.size(), bytes_.size() - begin);
+        if (begin < badEnd && begin + count > badBegin)
+            count = badBegin - (std::min)(badBegin, begin);
+        std::memcpy(target.data(), bytes_.data() + begin, count);
+        taken += count;
+        sinceAsked += count;
+        mostUnasked = (std::max)(mostUnasked, sinceAsked);
+        return count;
+    }
+
+    std::size_t badBegin = 0, badEnd = 0;
+    std::uint64_t taken = 0;
+    std::uint64_t sinceAsked = 0; ///< whether the work may go on
+    std::uint64_t mostUnasked = 0;
+
+private:
+    std::string_view bytes_;
+};
+
+struct Found {
+    SalvageState state;
+    std::string bytes;
+    std::uint64_t there;
+    bool operator==(const Found&) const = default;
+};
+void PrintTo(const Found& found, std::ostream* out) {
+    *out << "state " << int(found.state) << ", " << found.there << " bytes: " << found.bytes;
+}
+
+class Rescue final : public Vexel::SalvageObserver {
+public:
+    explicit Rescue(std::string_view bytes) : source(bytes) {}
+
+    SalvageOutcome run() {
+        const SalvageOutcome outcome = Vexel::salvage(source, *this);
+        EXPECT_LE(mostNodesUnasked_, 2U);
+        return outcome;
+    }
+
+    void onFormat(SalvageFormat found) override { format = found; }
+    void onDamage(const char* what, std::uint64_t) override { damage.emplace_back(what); }
+    void onStorage(const SalvagedNode&) override { countNode(); }
+    bool onStream(const SalvagedNode&) override {
+        bytes_.clear();
+        return true;
+    }
+    void onBytes(std::span<const std::byte> bytes) override {
+        bytes_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+    }
+    void onStreamEnd(const SalvagedNode& node) override {
+        countNode();
+        std::u16string path;
+        for (const std::u16string& name : node.path)
+            path += (path.empty() ? u"" : u"/") + name;
+        streams.insert_or_assign(path, Found{node.state, std::exchange(bytes_, {}), node.there});
+        if (*node.reason)
+            reasons.emplace_back(node.reason);
+    }
+    bool onProgress(std::uint64_t) override {
+        source.sinceAsked = 0;
+        nodesSinceAsked_ = 0;
+        ++asked;
+        return asked != lastAsked;
+    }
+
+    Source source;
+    SalvageFormat format = SalvageFormat::None;
+    std::vector<std::string> damage;
+    std::vector<std::string> reasons;
+    std::map<std::u16string, Found> streams;
+    std::uint64_t asked = 0;
+    std::uint64_t lastAsked = 0; ///< the call that is answered with no
+
+private:
+    void countNode() { mostNodesUnasked_ = (std::max)(mostNodesUnasked_, ++nodesSinceAsked_); }
+
+    std::string bytes_;
+    std::uint64_t nodesSinceAsked_ = 0;
+    std::uint64_t mostNodesUnasked_ = 0;
+};
+
+std::string repeat(std::string_view piece, std::size_t size) {
+    std::string all;
+    while (all.size() < size)
+        all += piece;
+    return all;
+}
+
+/// A package with one stored file; `digests` stands behind its size.
+std::string storedPackage(const std::string& contents, const std::string& digests = {}) {
+    return archiveOf(
+        contents, streamsHeader(packInfo(contents.size()) + unpackInfo(copyFolder, contents.size(), digests),
+                                1, u"file\0"s));
+}
+std::string digestOf(std::string_view contents) { return bytes({0x0A, 1}) + little(checksum(contents)); }
+
+const std::string kHeadless = "7z\xBC\xAF\x27\x1C\0\4"s + std::string(24, '\xEE');
+constexpr const char* kNotWhereItShouldBe = "the header is not what the package's beginning says";
+
+/// A file in which there are as many beginnings of something as its bytes allow.
+struct Maze {
+    const char* name;
+    std::string bytes;
+};
+void PrintTo(const Maze& maze, std::ostream* out) { *out << maze.name; }
+
+class Mazes : public testing::TestWithParam<Maze> {};
+
+TEST_P(Mazes, AreReadSoOftenOnlyAndAskWhetherToGoOn) {
+    constexpr std::uint64_t kMostUnasked = 0x200000;
+    constexpr std::uint64_t kMostOften = 200;
+    const Maze& maze = GetParam();
+    Rescue rescue(maze.bytes);
+    // Where the work is without end, so the test is not.
+    rescue.lastAsked = 1'000'000;
+    EXPECT_NE(rescue.run(), SalvageOutcome::OutOfMemory);
+    EXPECT_LE(rescue.source.taken, kMostOften * maze.bytes.size());
+    EXPECT_LE(rescue.source.mostUnasked, kMostUnasked + maze.bytes.size());
+    Rescue ended(maze.bytes);
+    ended.lastAsked = rescue.asked / 2 + 1;
+    EXPECT_EQ(ended.run(), SalvageOutcome::Ended);
+    EXPECT_EQ(ended.asked, ended.lastAsked);
+}
+
+constexpr std::size_t kMazeBytes = 0x40000;
+
+Maze ofStreams(const char* name, const std::string& piece, const std::string& end = {}) {
+    return {name, kHeadless + '\0' + repeat(piece, kMazeBytes) + end};
+}
+Maze ofHeaders(const char* name, const std::string& piece) {
+    return {name, kHeadless + repeat(piece, kMazeBytes / 4)};
+}
+
+/// Of a document whose table of small streams is lost, and any sector could be the table's, in chains that
+/// lead from everywhere into one that jumps all over the file.
+Maze ofMiniTables() {
+    constexpr std::uint32_t kSectors = 8000;
+    Image image = Image::document({9, false, kSectors});
+    image.number(Image::MiniFat) = Image::none;
+    const std::uint32_t first = image.number(Image::FatSectors); // behind the table
+    for (std::uint32_t i = 0; i < kSectors; ++i) {
+        for (std::uint32_t at = 0; at < 128; ++at)
+            image.number(first + i, at) = at + 1;
+        // Odd ones lead to the even one before; these make up the chain.
+        const std::uint32_t next = i % 2 != 0 ? i - 1 : (i + kSectors / 2 + 2) % kSectors;
+        image.next(first + i) = first + next;
+    }
+    image.element(0, Image::Size) = kSectors * 128 / 4 * 64;
+    return {"MiniTables", std::string(image.bytes())};
+}
+
+std::vector<Maze> mazes() {
+    return {ofHeaders("Headers", "\1\5"),
+            ofHeaders("PackedHeaders", "\x17\6"),
+            {"PackedHeadersOfNothing", kHeadless + repeat(packedHeader(copyFolder, 1, 1), kMazeBytes)},
+            ofHeaders("HeadersWithoutItems", "\1\4\0\0"s),
+            ofHeaders("HeadersWithFolders", "\1\4\7\v\x90\0\0\0"s),
+            ofHeaders("HeadersThatNearlyEnd", listHeader(1, u"a")),
+            ofStreams("SmallChunks", "\1\0\0\0"s),
+            ofStreams("LargeChunks", "\0\1\xFF\xFC"s),
+            ofStreams("ChunksBeforeDamage", "\1\0\0\0"s, "\xE0\0\0\0\0\x5D\xFF\0"s),
+            ofStreams("DamagedStreams", "\0\xE0\0\0\0\0\x5D\xFF"s, "\0"s),
+            ofMiniTables()};
+}
+INSTANTIATE_TEST_SUITE_P(All, Mazes, testing::ValuesIn(mazes()),
+                         [](const auto& maze) { return std::string(maze.param.name); });
+
+TEST(Salvage, FindsAHeaderAmongManyBeginningsOfOne) {
+    // In the file names end as headers without items begin, and the header is as long as is searched through.
+    std::u16string list;
+    for (unsigned i = 0; list.size() < 0x70000; ++i) {
+        for (const char digit : std::to_string(i))
+            list += static_cast<char16_t>(digit);
+        list += u"\u0401\0"s;
+    }
+    const auto items = static_cast<std::uint64_t>(std::count(list.begin(), list.end(), u'\0'));
+    std::string package = archiveOf({}, listHeader(items, list));
+    package.replace(8, 24, 24, '\xEE');
+    Rescue rescue(package);
+    EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+    EXPECT_THAT(rescue.damage, ElementsAre(kNotWhereItShouldBe));
+    EXPECT_LE(rescue.source.taken, 10 * package.size());
+}
+
+TEST(Salvage, FindsAHeaderBehindWhatCannotBeRead) {
+    constexpr std::size_t kReadable = 5000;
+    const std::string contents(20'000, 'c');
+    std::string package = storedPackage(contents, digestOf(contents));
+    package.replace(8, 24, 24, '\xEE');
+    Rescue rescue(package);
+    rescue.source.badBegin = 32 + kReadable;
+    rescue.source.badEnd = rescue.source.badBegin + 512;
+    EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+    EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{SalvageState::CutShort,
+                                                                contents.substr(0, kReadable), kReadable})));
+}
+
+TEST(Salvage, AsksBeforeEachNode) {
+    constexpr int kItems = 5;
+    std::u16string list;
+    for (int i = 0; i < kItems; ++i)
+        list += {static_cast<char16_t>(u'a' + i), u'/', u'b', u'/', u'c', 0};
+    const std::string directories = listHeader(kItems, list);
+    const std::string files = listHeader(kItems, list, bytes({0x0F, 1, 0xFF}));
+    const std::string unknownMethod = bytes({1, 1, 0x7F});
+    const std::string counts = bytes({8, 0x0D, kItems, 9, 1, 1, 1, 1, 0});
+    const std::string lost =
+        streamsHeader(packInfo(kItems) + unpackInfo(unknownMethod, kItems) + counts, kItems, list);
+    for (const std::string& package :
+         {archiveOf({}, directories), archiveOf({}, files), archiveOf("lost?", lost)}) {
+        Rescue rescue(package);
+        EXPECT_NE(rescue.run(), SalvageOutcome::Nothing); // and see there
+        EXPECT_THAT(rescue.damage, IsEmpty());
+        EXPECT_GT(rescue.asked, 0U);
+    }
+}
+
+TEST(Salvage, TellsOfDamageOnlyWhatTheFileTurnsOutToBe) {
+    std::string package = storedPackage("contents", digestOf("contents"));
+    package[0] = 'X';
+    Rescue rescue(package);
+    EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+    EXPECT_EQ(rescue.format, SalvageFormat::Package);
+    EXPECT_THAT(rescue.damage, ElementsAre(kNotWhereItShouldBe));
+    EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{SalvageState::Whole, "contents", 8})));
+
+    Image image = Image::document({});
+    image.number(0) ^= 1;
+    Rescue document(image.bytes());
+    EXPECT_EQ(document.run(), SalvageOutcome::Losses);
+    EXPECT_EQ(document.format, SalvageFormat::CompoundFile);
+    EXPECT_THAT(document.damage, ElementsAre("the header is damaged"));
+}
+
+TEST(Salvage, CallsWhatHasNoChecksumNotChecked) {
+    const struct {
+        const char* name;
+        std::string digests;
+        SalvageState state;
+    } cases[] = {
+        {"no checksum", {}, SalvageState::Unchecked},
+        {"its checksum", digestOf("contents"), SalvageState::Whole},
+        {"another's", digestOf("content"), SalvageState::CutShort},
+    };
+    for (const auto& [name, digests, state] : cases) {
+        SCOPED_TRACE(name);
+        const std::string package = storedPackage("contents", digests);
+        Rescue rescue(package);
+        EXPECT_EQ(rescue.run(),
+                  state == SalvageState::Whole ? SalvageOutcome::Whole : SalvageOutcome::Losses);
+        EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{state, "contents", 8})));
+        EXPECT_EQ(rescue.reasons.size(), state == SalvageState::Whole ? 0U : 1U);
+    }
+}
+
+TEST(Salvage, CallsAStreamLostOfWhichNothingCanBeRead) {
+    Image image = Image::document({});
+    const auto sectorOf = [&](std::uint32_t element) {
+        return (image.element(element, Image::Start) + 1) * std::size_t{512};
+    };
+    constexpr std::size_t kBig = 1;
+    constexpr std::size_t kBigBytes = 4096;
+    const std::size_t big = sectorOf(kBig);
+    const struct {
+        const char* name;
+        std::size_t begin;
+        SalvageState state;
+        std::size_t there;
+    } cases[] = {
+        {"from its first sector on", big, SalvageState::Lost, 0},
+        {"from its second sector on", big + 512, SalvageState::CutShort, 512},
+        {"behind it", big + kBigBytes, SalvageState::Whole, kBigBytes},
+    };
+    for (const auto& [name, begin, state, there] : cases) {
+        SCOPED_TRACE(name);
+        Rescue rescue(image.bytes());
+        rescue.source.badBegin = begin;
+        rescue.source.badEnd = big + kBigBytes;
+        rescue.run();
+        EXPECT_EQ(rescue.streams[u"Big"].state, state);
+        EXPECT_EQ(rescue.streams[u"Big"].there, there);
+        EXPECT_EQ(rescue.streams[u"Big"].bytes.size(), there);
+    }
+    Rescue small(image.bytes());
+    small.source.badBegin = sectorOf(0);
+    small.source.badEnd = small.source.badBegin + 512;
+    small.run();
+    EXPECT_EQ(small.streams[u"Ole1"].state, SalvageState::Lost);
+}
+
+} // namespace
