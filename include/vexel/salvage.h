@@ -13,12 +13,12 @@
 ///     Rescue rescue;
 ///     const Vexel::SalvageOutcome outcome = Vexel::salvage(file, rescue);
 ///
-/// Of a compound file the tables and the directory are kept in memory, 12 bytes for each of its sectors, small
-/// ones too, and some 250 for each element; time grows with the size of the file and of the contents that come
-/// out, because what is searched for in vain is limited. Of a package its header is kept, and what decoding
-/// takes: the dictionary, of 256 MiB at most without a header, or for a folder of 1 MiB and more a few blocks of
-/// 4 MiB for each processor. docs/damaged-files.md tells the rules by which contents find their streams, and
-/// the limits.
+/// Of a compound file the tables and the directory are kept in memory, 12 bytes for each of its sectors,
+/// small ones too, and some 250 for each element; time grows with the size of the file and of the contents
+/// that come out, because what is searched for in vain is limited. Of a package its header is kept, and what
+/// decoding takes: the dictionary, of 256 MiB at most without a header, or for a folder of 1 MiB and more a
+/// few blocks of 4 MiB for each processor. docs/damaged-files.md tells the rules by which contents find their
+/// streams, and the limits.
 
 #include <vexel/export.h>
 
