@@ -270,7 +270,8 @@ protected:
     }
     /// Of some edition, or of one that is just being written.
     static bool isAnEdition(int number, const std::string& bytes) {
-        return contentsOf(number, std::atoi(bytes.c_str())).starts_with(bytes);
+        return contentsOf(number, static_cast<int>(std::strtol(bytes.c_str(), nullptr, 10)))
+            .starts_with(bytes);
     }
     const SharedPathName& own(int number) const { return own_[static_cast<size_t>(number)]; }
 
