@@ -74,7 +74,7 @@ TextEncoding TextFileReadStream::detect() {
         unsigned long long at = buffer_.size();
         std::size_t came = 0;
         do {
-            came = read(more.data(), more.size(), at);
+            came = readFully(more.data(), more.size(), at);
             guess.add(Bytes(more).first(came));
             at += came;
         } while (came == more.size());
@@ -87,7 +87,7 @@ TextEncoding TextFileReadStream::detect() {
 /// Reads the file from where it stands, which is at `at`. Less comes only at the end and on an error: a file
 /// whose end cannot be had must not pass for a shorter one. The end is where it was when it was met first,
 /// for someone may be appending for ever.
-std::size_t TextFileReadStream::read(unsigned char* bytes, std::size_t count, unsigned long long at) {
+std::size_t TextFileReadStream::readFully(unsigned char* bytes, std::size_t count, unsigned long long at) {
     auto done = static_cast<std::size_t>(file_.Read(bytes, count));
     if (done == count || file_.GetLastErrorCode() || GetFileType(file_.GetHandle()) != FILE_TYPE_DISK)
         return done;
@@ -108,7 +108,7 @@ bool TextFileReadStream::fill() {
     const std::size_t before = buffer_.size();
     const std::size_t room = (std::max)(before, kReadAhead);
     buffer_.resize(before + room);
-    const std::size_t came = read(buffer_.data() + before, room, position_ + before);
+    const std::size_t came = readFully(buffer_.data() + before, room, position_ + before);
     buffer_.resize(before + came);
     return came == room;
 }

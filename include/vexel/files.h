@@ -182,7 +182,7 @@ public:
     unsigned long long GetLength() const noexcept { return file_.GetLength(); }
 
 private:
-    std::size_t read(unsigned char* bytes, std::size_t count, unsigned long long at);
+    std::size_t readFully(unsigned char* bytes, std::size_t count, unsigned long long at);
     bool fill();
     TextEncoding detect();
     std::size_t findLineEnd(std::size_t from) const noexcept;
