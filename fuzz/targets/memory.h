@@ -2,7 +2,7 @@
 
 #include <cstddef>
 
-/// How much memory the thread that asks has at once, and had at most.
+/// How much memory all threads together have, and had at most at one time.
 namespace Vexel::Fuzz {
 
 class MemoryWatch {

@@ -1,7 +1,10 @@
 // A whole package on whatever bytes: what the check of its headers lets through is read by the engine, and
-// every item's contents are decoded by it. Then the package is saved, which must give what was read.
+// every item's contents are decoded by it. Then the package is saved, which must give what was read. As a
+// file it is the same as in a stream, and with one item changed all others stay.
 
+#include "archive/database.h"
 #include "archive/item_paths.h"
+#include "fuzz/platform/files.h"
 #include "fuzz/targets/input.h"
 #include "fuzz/targets/memory.h"
 
@@ -9,6 +12,7 @@
 
 #include <map>
 #include <optional>
+#include <set>
 #include <string>
 #include <thread>
 
@@ -35,8 +39,20 @@ struct Contents {
     bool isDirectory = false;
     bool isRead = false;
     std::optional<std::vector<unsigned char>> bytes;
+    unsigned long long size = 0;
+    unsigned crc = 0;
+
+    bool operator==(const Contents&) const = default;
 };
 using Listing = std::map<std::wstring, Contents>;
+
+/// Which items have been changed, and how, is up to the bytes.
+std::uint64_t choiceOf(std::span<const std::uint8_t> bytes) {
+    std::uint64_t sum = 0xCBF29CE484222325;
+    for (const std::uint8_t byte : bytes)
+        sum = (sum ^ byte) * 0x100000001B3;
+    return sum ^ sum >> 32;
+}
 
 std::vector<unsigned char> readAll(IStream& stream, unsigned long long size) {
     std::vector<unsigned char> bytes(static_cast<std::size_t>(size) + 1);
@@ -63,8 +79,8 @@ void checkExtraction(const Vexel::Storage::SZipArchiveItem& item, HRESULT status
 }
 
 Contents contentsOf(SZipArchive& archive, const CString& path, const Vexel::Storage::SZipArchiveItem& item) {
-    Contents contents{item.isDirectory(), false, std::nullopt};
     const unsigned long long size = item.size();
+    Contents contents{item.isDirectory(), false, std::nullopt, size, item.crc()};
     ComPtr<IStream> stream;
     const MemoryWatch memory;
     const HRESULT status = archive.extractFile(stream.GetAddressOf(), path);
@@ -107,26 +123,126 @@ void checkNames(SZipArchive& archive) {
     REQUIRE(children <= archive.items().size());
 }
 
-/// Where nothing keeps it from being saved, what is saved is what was read. Where an item hides another one,
-/// which cannot be seen here, it is refused.
-void checkSave(const SZipArchive& archive, const Listing& listing) {
+/// What a package has beside its items: records that none of these stands for.
+struct Hidden {
+    bool isAnyTwice = false;
+    bool isAnyBelowFile = false;
+};
+
+Hidden hiddenRecords(std::span<const std::uint8_t> bytes) {
+    Vexel::Storage::Engine::DatabaseStream records(streamOf(bytes).Get());
+    REQUIRE(records.read(L"") == S_OK);
+    std::set<std::wstring, std::less<>> paths, filePaths;
+    Hidden hidden;
+    for (unsigned i = 0; i < records.count(); ++i) {
+        hidden.isAnyTwice |= !paths.emplace(records.path(i)).second;
+        if (!records.database().Files[i].IsDir)
+            filePaths.emplace(records.path(i));
+    }
+    for (const std::wstring_view path : paths)
+        for (std::size_t i = path.find(L'/'); i != path.npos; i = path.find(L'/', i + 1))
+            hidden.isAnyBelowFile |= filePaths.contains(path.substr(0, i));
+    return hidden;
+}
+
+bool areAllRead(const Listing& listing) {
+    return std::ranges::all_of(listing,
+                               [](const auto& one) { return one.second.isDirectory || one.second.isRead; });
+}
+
+/// Nothing but hidden records makes a save be denied, and those that are hidden by a path always do, for it
+/// would lose them.
+void checkDenial(const Hidden& hidden, HRESULT status) {
+    REQUIRE(status != STG_E_ACCESSDENIED || hidden.isAnyTwice || hidden.isAnyBelowFile);
+    REQUIRE(!hidden.isAnyTwice || status == STG_E_ACCESSDENIED);
+}
+
+/// What was there is still there. A save may make contents readable, but not others of them.
+void checkKept(const Listing& listing, const Listing& again) {
+    REQUIRE(again.size() == listing.size());
+    for (const auto& [path, contents] : listing) {
+        const auto found = again.find(path);
+        REQUIRE(found != again.end() && found->second.isDirectory == contents.isDirectory);
+        REQUIRE(found->second.size == contents.size);
+        REQUIRE(contents.crc == 0 || contents.size == 0 || found->second.crc == contents.crc);
+        REQUIRE(!contents.isRead || (found->second.isRead && found->second.bytes == contents.bytes));
+    }
+}
+
+/// Where nothing keeps it from being saved, what is saved is what was read.
+void checkSave(const SZipArchive& archive, const Listing& listing, const Hidden& hidden) {
     const ComPtr<Vexel::Storage::InMemoryIStream> target = streamOf({});
-    if (const HRESULT status = archive.save(target.Get()); status != S_OK) {
-        const bool areRead = std::ranges::all_of(
-            listing, [](const auto& one) { return one.second.isDirectory || one.second.isRead; });
-        REQUIRE(FAILED(status) && (status == STG_E_ACCESSDENIED || !areRead));
+    const HRESULT status = archive.save(target.Get());
+    checkDenial(hidden, status);
+    if (status != S_OK) {
+        REQUIRE(FAILED(status) && (status == STG_E_ACCESSDENIED || !areAllRead(listing)));
         return;
     }
     target->rewind();
     SZipArchive saved(target.Get());
     REQUIRE(saved.reload() == S_OK);
-    const Listing again = list(saved);
-    REQUIRE(again.size() == listing.size());
-    for (const auto& [path, contents] : listing) {
-        const auto found = again.find(path);
-        REQUIRE(found != again.end() && found->second.isDirectory == contents.isDirectory);
-        REQUIRE(!contents.isRead || (found->second.isRead && found->second.bytes == contents.bytes));
+    checkKept(listing, list(saved));
+}
+
+constexpr std::wstring_view kPath = L"C:\\package.7z";
+
+/// Removes the item and what is below it, or writes the bytes into it; the listing is what is to come of it.
+/// False where nothing is changed.
+bool change(SZipArchive& archive, const std::wstring& path, bool removes, std::span<const std::uint8_t> bytes,
+            Listing& expected) {
+    if (!Vexel::Storage::isItemPath(path))
+        return false;
+    if (removes || expected[path].isDirectory) {
+        REQUIRE(archive.remove(path) == S_OK);
+        std::erase_if(expected, [&](const auto& one) {
+            return one.first == path || one.first.starts_with(path + L'/');
+        });
+        return true;
     }
+    ComPtr<IStream> stream;
+    const CString name = Vexel::Storage::stringOf(path);
+    if (archive.item(path)->isAnti())
+        return false;
+    REQUIRE(archive.openEmptied(stream.GetAddressOf(), name) == S_OK);
+    REQUIRE(stream->Write(bytes.data(), static_cast<ULONG>(bytes.size()), nullptr) == S_OK);
+    expected[path] = {false, true, std::vector<unsigned char>(bytes.begin(), bytes.end()), bytes.size(), 0};
+    return true;
+}
+
+/// By its path the package is what it is in a stream, and can be changed.
+void checkFile(std::span<const std::uint8_t> bytes, std::uint64_t choice, HRESULT status,
+               const Listing& listing, const Hidden& hidden) {
+    auto& all = files();
+    const std::vector<unsigned char> before(bytes.begin(), bytes.end());
+    all.clear();
+    all[std::wstring(kPath)] = before;
+    SZipArchive archive(kPath, false, true);
+    REQUIRE(archive.reload() == status);
+    if (status != S_OK) {
+        REQUIRE(archive.items().empty());
+        return;
+    }
+    REQUIRE(list(archive) == listing);
+    checkDenial(hidden, archive.readOnly() ? STG_E_ACCESSDENIED : S_OK);
+    if (archive.readOnly() || listing.empty())
+        return;
+    REQUIRE(archive.flush(CString()) == S_OK); // so that the save has to read
+    Listing expected = listing;
+    const std::wstring path =
+        std::next(listing.begin(), static_cast<std::ptrdiff_t>(choice / 8 % listing.size()))->first;
+    if (!change(archive, path, choice / 4 % 2 == 0, bytes, expected))
+        return;
+    if (const HRESULT saved = archive.save(false); saved != S_OK) {
+        REQUIRE(FAILED(saved) && !areAllRead(expected));
+        REQUIRE(all.size() == 1 && all.begin()->second == before);
+        return;
+    }
+    REQUIRE(all.size() == 1 && all.begin()->first == kPath);
+    SZipArchive again(kPath, true, true);
+    REQUIRE(again.reload() == S_OK);
+    const Listing fresh = list(again);
+    checkKept(expected, fresh);
+    REQUIRE(list(archive) == fresh);
 }
 
 /// Nothing stands in the way of bytes that are packed here: they are saved, and read.
@@ -160,13 +276,21 @@ extern "C" int LLVMFuzzerTestOneInput(const std::uint8_t* data, std::size_t size
         REQUIRE(memory.most() <= 0x4000000 + 4096 * size);
     }
     REQUIRE(status == S_OK || FAILED(status));
+    const std::uint64_t choice = choiceOf({data, size});
+    const bool isFileToo = choice % 4 == 0;
     if (status != S_OK) {
         REQUIRE(archive.items().empty());
+        if (isFileToo)
+            checkFile({data, size}, choice, status, {}, {});
         return 0;
     }
     if (archive.items().size() > 2000)
         return 0;
     checkNames(archive);
-    checkSave(archive, list(archive));
+    const Listing listing = list(archive);
+    const Hidden hidden = hiddenRecords({data, size});
+    checkSave(archive, listing, hidden);
+    if (isFileToo)
+        checkFile({data, size}, choice, status, listing, hidden);
     return 0;
 }

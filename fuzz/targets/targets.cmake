@@ -4,6 +4,7 @@ target(package_header ENGINE PACKAGES COVERS archive/header_check.cpp archive/he
   archive/header_unpacker.cpp archive/page_buffer.cpp)
 target(path_elements COVERS archive/path_elements.cpp)
 target(package ENGINE PACKAGES COVERS archive/database.cpp archive/archive_reading.cpp archive/archive_extraction.cpp
+  archive/archive_changes.cpp archive/archive_saving.cpp archive/update_step.cpp
   archive/element_names.cpp archive/engine_inputs.cpp archive/folder_coders.cpp archive/folder_decoder.cpp
   archive/folder_splitter.cpp archive/header_stream.cpp archive/name_pool.cpp archive/szip_stream.cpp
   OPTIONS -malloc_limit_mb=1024)
