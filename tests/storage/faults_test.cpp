@@ -628,7 +628,7 @@ protected:
         runClean(operation);
         const unsigned before = faults_;
         std::optional<Holdings> held; // after the first faults: threads and the like are begun once for all
-        std::ptrdiff_t handles = openHandles();
+        unsigned handles = openHandles();
         bool packs = false;
         for (const FaultPoint& point : faultPoints()) {
             std::optional<unsigned> uses;
