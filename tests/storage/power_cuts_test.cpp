@@ -351,9 +351,10 @@ TEST_F(PowerCuts, LeaveTheOldPackageOrTheNewOne) {
 TEST_F(PowerCuts, LeaveTheOldSettingsOrTheNewOnes) {
     const UnsafeDisk disk;
     const std::wstring file = folder_.file(L"settings");
-    std::set<Left> versions{"[section]\nkey=the first\n"}; // nothing makes the names wait for the disk
-    writeFile(file, **versions.begin());
-    UnsafeDisk::adopt(file, **versions.begin());
+    const std::string first = "[section]\nkey=the first\n";
+    std::set<Left> versions{first}; // nothing makes the names wait for the disk
+    writeFile(file, first);
+    UnsafeDisk::adopt(file, first);
     for (int save = 0; save < 50; ++save) {
         vxio::IniFile settings;
         for (int i = 0; i < 100; ++i)
