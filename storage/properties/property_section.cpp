@@ -230,9 +230,12 @@ bool PropertySection::setNames(const PropertyNames& names) {
         return true;
     std::vector<unsigned char> bytes;
     appendNumber(bytes, all.size());
-    for (const Name& entry : *entries)
+    for (const Name& entry : *entries) {
         if (!changed.contains(entry.id))
             appendBytes(bytes, entry.entry.data(), entry.entry.size());
+        if (codePage_ == kWideCodePage)
+            padToFour(bytes); // the last one may lack it, and another comes behind it now
+    }
     appendBytes(bytes, added.data(), added.size());
     padToFour(bytes);
     put(PID_DICTIONARY, std::move(bytes));

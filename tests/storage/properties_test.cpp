@@ -329,6 +329,21 @@ TEST_F(PropertySets, HaveNames) {
     }
 }
 
+// Some writers leave out the padding of what comes last, which the midst of a list cannot do without.
+TEST_F(PropertySets, HaveNamesBehindAListThatLacksItsPadding) {
+    for (const bool isCounted : {false, true}) { // in the size, although it is not there
+        const std::string names = number(1) + number(5) + number(3) + bytesOf(CString(L"Ab")) + "\0\0"s;
+        const std::string section = number(isCounted ? 52 : 50) + number(2) + number(PID_CODEPAGE) +
+                                    number(24) + number(PID_DICTIONARY) + number(32) + number(VT_I2) +
+                                    number(1200) + names;
+        const Document document(kDocumentName, usersStream().substr(0, 48) + section);
+        EXPECT_EQ(Vexel::WritePropertyNames(document.root, users, {{6, L"New"}}), S_OK);
+        Vexel::PropertyNames read;
+        EXPECT_EQ(Vexel::ReadPropertyNames(document.root, users, read), S_OK);
+        EXPECT_TRUE(read == (Vexel::PropertyNames{{5, L"Ab"}, {6, L"New"}}));
+    }
+}
+
 TEST_F(PropertySets, RefuseWhatTheyCannotHold) {
     Document document;
     Properties properties;
