@@ -1,5 +1,6 @@
 // Settings files as text.
 
+#include "base/last_error.h"
 #include "base/platform.h"
 #include "base/text.h"
 #include "io/ini_numbers.h"
@@ -16,6 +17,7 @@
 
 namespace vxio {
 
+using Vexel::Detail::lastError;
 using Vexel::Detail::platform;
 using Vexel::Detail::stringOf;
 using Vexel::Detail::trimmed;
@@ -96,6 +98,19 @@ DWORD open(TextFileReadStream& stream, const wchar_t* path, TextEncoding encodin
     return ERROR_SUCCESS;
 }
 
+/// Whether there certainly is no file. A link that leads nowhere is none.
+bool isMissing(const wchar_t* path) {
+    const DWORD attributes = platform().getAttributes(path);
+    if (attributes == INVALID_FILE_ATTRIBUTES) {
+        const DWORD error = lastError();
+        return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
+    }
+    SimpleFile file;
+    return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) &&
+           !file.Open(path, FileAccess::Read, FileCreation::OpenExisting, ProtectNothing) &&
+           file.GetLastErrorCode() == ERROR_FILE_NOT_FOUND;
+}
+
 /// Of a file that is no settings file in the encoding that was guessed: `parse` in another in which it is
 /// one. What cannot be read again is not known to be none.
 DWORD parseOtherwise(const wchar_t* path, IniFile& file) {
@@ -137,7 +152,7 @@ unsigned long IniFile::load(const wchar_t* path) {
     if (error == ERROR_SUCCESS) // what is there of a file that breaks off would be saved as the whole
         *this = std::move(read);
     // It has come just now, or this is what reading it fails with: not to be begun anew, but tried again.
-    if (error == ERROR_FILE_NOT_FOUND && platform().getAttributes(path) != INVALID_FILE_ATTRIBUTES)
+    if (error == ERROR_FILE_NOT_FOUND && !isMissing(path))
         error = ERROR_SHARING_VIOLATION;
     return error;
 }

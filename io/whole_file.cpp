@@ -45,6 +45,9 @@ Target lookAt(const wchar_t* path) {
     if (!file.Open(path, FileAccess::Write, FileCreation::OpenExisting, vxio::ProtectNothing)) {
         if (file.GetLastErrorCode() != ERROR_FILE_NOT_FOUND)
             target.error = file.GetLastErrorCode();
+        else // a link that leads nowhere stays, too
+            target.mayBeReplaced = target.attributes == INVALID_FILE_ATTRIBUTES ||
+                                   !(target.attributes & FILE_ATTRIBUTE_REPARSE_POINT);
         return target;
     }
     BY_HANDLE_FILE_INFORMATION information{};

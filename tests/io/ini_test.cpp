@@ -358,6 +358,39 @@ TEST_F(Ini, WhatCannotBeReadIsNotBegunAnew) {
     }
 }
 
+// That there is no file has to be certain. A link that leads nowhere is there, but no file, and stays a link:
+// the file comes where it leads.
+TEST_F(Ini, BeginsAnewWhereThereIsNoFile) {
+    auto& calls = Vexel::Detail::platform();
+    for (const DWORD error : {DWORD{ERROR_ACCESS_DENIED}, DWORD{ERROR_NETNAME_DELETED}}) {
+        static DWORD asking;
+        asking = error;
+        writeFile(path_, "[s]\nk=1\n");
+        const BadReads reads(0, INT_MAX, ERROR_FILE_NOT_FOUND);
+        calls.getAttributes = [](const wchar_t*) -> DWORD {
+            SetLastError(asking);
+            return INVALID_FILE_ATTRIBUTES;
+        };
+        EXPECT_FALSE(IniFile::SetInt(L"new", L"k", 1, path_.c_str()));
+        EXPECT_EQ(readFile(path_), "[s]\nk=1\n");
+    }
+    DeleteFileW(path_.c_str());
+    static int moves;
+    moves = 0;
+    const PlatformGuard guard;
+    calls.getAttributes = [](const wchar_t*) -> DWORD { return FILE_ATTRIBUTE_REPARSE_POINT; };
+    calls.moveFile = [](auto... arguments) {
+        ++moves;
+        return MoveFileExW(arguments...);
+    };
+    EXPECT_TRUE(IniFile::SetInt(L"new", L"k", 1, path_.c_str()));
+    EXPECT_EQ(readFile(path_), "[new]\nk=1\n");
+    EXPECT_EQ(moves, 0);
+    const BadReads reads(0, INT_MAX, ERROR_FILE_NOT_FOUND);
+    EXPECT_FALSE(IniFile::SetInt(L"newer", L"k", 1, path_.c_str()));
+    EXPECT_EQ(readFile(path_), "[new]\nk=1\n");
+}
+
 // What is too long for a line in one encoding may be many in the next. The system's own error of this code
 // stands in for such a file.
 TEST_F(Ini, ALineThatIsTooLongIsTriedOtherwise) {
