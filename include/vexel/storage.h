@@ -304,7 +304,8 @@ public:
     ///    no more than these and the largest stream are in memory at a time;
     ///  - when memory or file handles run out, before the copy is tried once more.
     /// So a copy that must be whole or not at all goes into a new file: if the second attempt fails, too, the
-    /// file has what was copied until then, and may lack a stream that was to be replaced, or have it empty.
+    /// file has what was copied until then, one stream perhaps in part, and may lack one that was to be
+    /// replaced.
     ///
     /// What cannot be copied is left out of the target, the rest is copied, and the first failure is the
     /// result. Where memory, file handles or space on the disk run out, the copy may end early.

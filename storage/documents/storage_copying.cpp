@@ -79,8 +79,10 @@ HRESULT copyByItself(const StorageRef& from, const StorageRef& to, bool isComple
         status = TreeWalk(from, {}, nullptr).run();
     const bool isFull =
         status == STG_E_MEDIUMFULL || status == STG_E_TOOMANYOPENFILES || isMemoryExhausted(status);
-    if (FAILED(status) && !isFull && status != E_OUTOFMEMORY && !isAtOrBelow(&target, source) &&
-        TreeWalk(from, to, nullptr).run() == STG_E_WRITEFAULT)
+    // From a package a part can be taken away also then.
+    const bool isEnd = isFull || status == E_OUTOFMEMORY;
+    if (FAILED(status) && (!isEnd || target.format() == StorageFormat::Package) &&
+        !isAtOrBelow(&target, source) && TreeWalk(from, to, nullptr).redo() == STG_E_WRITEFAULT)
         return STG_E_WRITEFAULT; // a part may be left
     return status;
 }

@@ -2,6 +2,7 @@
 
 #include "base/status_guard.h"
 #include "io/com_stream.h"
+#include "storage/tree/error_status.h"
 #include "storage/tree/tree_lock.h"
 
 #include <wrl/client.h>
@@ -244,7 +245,9 @@ void TreeWalk::copyStream(const SharedPathName& name) {
     // A package's contents get their memory in one piece; where there is none, writing says so.
     if (::IStream* const made = target->stream(); made && target->format() == StorageFormat::Package)
         made->SetSize({.QuadPart = size});
+    const bool mayHaveOthers = mayHavePart_;
     status = moveBytes(stream.Get(), size, target.get());
+    mayHavePart_ = mayHaveOthers; // this one is seen to
     target = {};
     stream.Reset(); // or its contents could not be given back
     source = {};
@@ -282,6 +285,8 @@ bool TreeWalk::tell(unsigned long long bytes) {
 /// Takes down how it went with the node that the path leads to.
 HRESULT TreeWalk::note(HRESULT status, StorageType type, bool isInTarget) {
     const HRESULT failure = first_.note(outcomeOf(status));
+    // What another copy has left there is not reached then.
+    mayHavePart_ = mayHavePart_ || (isRedone_ && (isExhausted(failure) || failure == E_OUTOFMEMORY));
     if (failure == S_OK || !observer_ || FAILED(end_))
         return failure;
     const TreesLetGo letGo;

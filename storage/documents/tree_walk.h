@@ -30,6 +30,8 @@ public:
         : source_(std::move(source)), target_(std::move(target)), observer_(observer) {}
 
     HRESULT run();
+    /// The same behind another copy, which may have left parts of streams in the target.
+    HRESULT redo() { return isRedone_ = true, run(); }
     /// Tells what keeps the source as a whole from being copied.
     HRESULT fail(HRESULT status) { return note(status, StorageType::Storage); }
 
@@ -70,6 +72,7 @@ private:
     unsigned long long inMemory_ = 0; // bytes
     FirstFailure first_;
     HRESULT end_ = S_OK; // why the work ended before its end
+    bool isRedone_ = false;
     bool mayHavePart_ = false;
 };
 

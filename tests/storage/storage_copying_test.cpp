@@ -2,11 +2,13 @@
 
 #include "support/fake_storage.h"
 #include "support/fault_sweep.h"
+#include "support/platform_guard.h"
 #include "support/storage_test.h"
 
 #include <vexel/copying.h>
 
 #include <algorithm>
+#include <cstdlib>
 #include <initializer_list>
 #include <map>
 #include <set>
@@ -326,6 +328,31 @@ TEST_F(Copying, WalksMeetEachNodeOnce) {
     }
 }
 
+// Not even the system's copy of another program's document leaves one in a package.
+TEST_F(Copying, LeavesNoPartsWithoutMemory) {
+    const std::vector<Element> elements{
+        {L"Box/", {}}, {L"Box/Large", noise(300'000)}, {L"Last", "last"}, {L"\1Ole", "ole"}};
+    writeCompoundFile(folder_.file(L"foreign"), elements);
+    const StorageRef source = open(L"foreign");
+    const unsigned failures = sweepFaults([&](unsigned spared) {
+        SCOPED_TRACE(spared);
+        const StorageRef target = package(std::to_wstring(spared));
+        static unsigned left;
+        left = spared;
+        const PlatformGuard guard;
+        Vexel::Detail::platform().reallocate = [](void* block, auto bytes) noexcept -> void* {
+            return left > 0 && left-- ? std::realloc(block, bytes) : nullptr;
+        };
+        const long status = source.copyTo(target);
+        const std::vector<Element> copied = allOf(target);
+        EXPECT_TRUE(status != S_OK || copied == sorted(elements));
+        EXPECT_THAT(elements, testing::IsSupersetOf(copied));
+        EXPECT_NE(status, STG_E_WRITEFAULT);
+        return status != S_OK;
+    });
+    EXPECT_GT(failures, 2U);
+}
+
 class CopyingOfFakes : public Copying {
 protected:
     CopyingOfFakes()
@@ -490,6 +517,31 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
     }
     targetCalls_.givesNothing = true;
     EXPECT_EQ(source.copyTo(target_), STG_E_READFAULT);
+}
+
+// What the system's copy has left of a stream may be there as long as nobody can reach it.
+TEST_F(CopyingOfFakes, PartsThatCannotBeReachedMayBeLeft) {
+    list({L"First"});
+    const std::pair<HRESULT, HRESULT> cases[]{{STG_E_ACCESSDENIED, STG_E_MEDIUMFULL},
+                                              {STG_E_TOOMANYOPENFILES, STG_E_WRITEFAULT},
+                                              {STG_E_INSUFFICIENTMEMORY, STG_E_WRITEFAULT},
+                                              {E_OUTOFMEMORY, STG_E_WRITEFAULT}};
+    const auto callOf = [&](const std::wstring& name) {
+        return static_cast<size_t>(std::ranges::find(calls_.log, name) - calls_.log.begin());
+    };
+    calls_.take();
+    calls_.failures = {{1, STG_E_MEDIUMFULL}}; // copying what has an "\1Ole"
+    EXPECT_EQ(source_.copyTo(package()), STG_E_MEDIUMFULL);
+    ASSERT_EQ(callOf(L"CopyTo"), 1u);
+    const size_t opening = callOf(L"OpenStream First 0x10");
+    for (const auto& [failure, result] : cases) {
+        source_.deleteUnusedObjects();
+        calls_.take();
+        calls_.failures = {{1, STG_E_MEDIUMFULL}};
+        for (size_t i = 0; i < 8; ++i) // also behind the clean-up
+            calls_.failures[opening + i] = failure;
+        EXPECT_EQ(source_.copyTo(package(std::to_wstring(failure))), result) << failure;
+    }
 }
 
 TEST_F(CopyingOfFakes, StreamsThatEndEarlyAreLeftOut) {
