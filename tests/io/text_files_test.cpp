@@ -6,6 +6,7 @@
 
 #include <gtest/gtest.h>
 
+#include <climits>
 #include <thread>
 
 using namespace std::string_literals;
@@ -260,6 +261,31 @@ TEST_F(TextFiles, ReadsWhatOthersAppendMeanwhile) {
     }
     EXPECT_EQ(read, Support::readFile(path_).substr(0, read.size()));
     EXPECT_EQ(stream.GetLastErrorCode(), 0u);
+}
+
+// Which have no length to verify the end by.
+TEST_F(TextFiles, PipesEndWhereTheyDo) {
+    constexpr auto kPipeName = L"\\\\.\\pipe\\vexel text test";
+    const HANDLE pipe =
+        CreateNamedPipeW(kPipeName, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+    std::jthread writer([pipe] {
+        DWORD written = 0;
+        ConnectNamedPipe(pipe, nullptr);
+        WriteFile(pipe, "one\ntwo", 7, &written, nullptr);
+    });
+    {
+        const BadReads reads(1, INT_MAX, ERROR_SUCCESS); // it ends behind what was written
+        refuse(Vexel::Detail::platform().getFileSize, ERROR_INVALID_PARAMETER);
+        vxio::TextFileReadStream stream;
+        EXPECT_TRUE(stream.Open(kPipeName, vxio::ProtectNothing, TextEncoding::Detect, false));
+        std::wstring read;
+        for (CString line; stream.ReadString(line); read += L"|")
+            read += line.GetString();
+        EXPECT_EQ(read, L"one|two|");
+        EXPECT_EQ(stream.GetLastErrorCode(), 0u);
+    }
+    writer.join();
+    CloseHandle(pipe);
 }
 
 // Whether it is all of the line is not known.

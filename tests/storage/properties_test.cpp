@@ -332,15 +332,24 @@ TEST_F(PropertySets, HaveNames) {
 // Some writers leave out the padding of what comes last, which the midst of a list cannot do without.
 TEST_F(PropertySets, HaveNamesBehindAListThatLacksItsPadding) {
     for (const bool isCounted : {false, true}) { // in the size, although it is not there
-        const std::string names = number(1) + number(5) + number(3) + bytesOf(CString(L"Ab")) + "\0\0"s;
-        const std::string section = number(isCounted ? 52 : 50) + number(2) + number(PID_CODEPAGE) +
-                                    number(24) + number(PID_DICTIONARY) + number(32) + number(VT_I2) +
-                                    number(1200) + names;
-        const Document document(kDocumentName, usersStream().substr(0, 48) + section);
+        Vexel::PropertyNames expected{{0x1008, L"Ab"}};
+        std::string names = number(8); // which makes no sense as a value's type
+        for (PROPID id = 0x1001; id < 0x1008; ++id) {
+            const wchar_t name[]{static_cast<wchar_t>(id), 0};
+            expected[id] = name;
+            names += number(id) + number(2) + bytesOf(CString(name)) + "\0\0"s;
+        }
+        names += number(0x1008) + number(3) + bytesOf(CString(L"Ab")) + "\0\0"s;
+        const auto size = static_cast<unsigned>(32 + names.size() + (isCounted ? 2 : 0));
+        const Document document(kDocumentName, usersStream().substr(0, 48) + number(size) + number(2) +
+                                                   number(PID_CODEPAGE) + number(24) +
+                                                   number(PID_DICTIONARY) + number(32) + number(VT_I2) +
+                                                   number(1200) + names);
         EXPECT_EQ(Vexel::WritePropertyNames(document.root, users, {{6, L"New"}}), S_OK);
+        expected[6] = L"New";
         Vexel::PropertyNames read;
         EXPECT_EQ(Vexel::ReadPropertyNames(document.root, users, read), S_OK);
-        EXPECT_TRUE(read == (Vexel::PropertyNames{{5, L"Ab"}, {6, L"New"}}));
+        EXPECT_TRUE(read == expected);
     }
 }
 
@@ -490,6 +499,15 @@ TEST_F(PropertySets, DamagedOnesAreRefusedOrKept) {
     EXPECT_EQ(document.read(summary)[kPages].type(), VT_EMPTY);
     EXPECT_EQ(document.write(summary, kPages + 1, PropertyVariant(1)), STG_E_INVALIDHEADER);
     EXPECT_EQ(document.bytes(kSummaryName), cut);
+    // And so would the next set, for one that counts three bytes more than it has.
+    const std::string shorter = sample(kDocumentName).substr(0, 24) + number(1) +
+                                bytesOf(&documentSummary, sizeof documentSummary) + number(48) + number(39) +
+                                number(1) + number(kPages) + number(16) + number(VT_VECTOR | VT_LPSTR) +
+                                number(1) + number(11) + "eight-ch";
+    document.setBytes(kDocumentName, shorter);
+    EXPECT_EQ(document.read(documentSummary)[kPages].type(), VT_EMPTY);
+    EXPECT_EQ(document.write(users, kPages, PropertyVariant(1)), STG_E_INVALIDHEADER);
+    EXPECT_EQ(document.bytes(kDocumentName), shorter);
 }
 
 } // namespace

@@ -498,7 +498,8 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
     newStream(L"Part", source, "which cannot be written");
     EXPECT_EQ(source.copyTo(target_), E_FAIL);
     EXPECT_NE(targetCalls_.take().find(L"DestroyElement Part"), std::wstring::npos);
-    // One that cannot be taken away is told before all that failed earlier.
+    // One that cannot be taken away is told before all that failed earlier, and ends the work.
+    newStream(L"R", newStorage(L"Q", source));
     for (const bool isObserved : {false, true}) {
         const auto copy = [&] {
             Observer observer;
@@ -512,6 +513,10 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
         const auto removal = std::ranges::find(calls, L"DestroyElement Part");
         targetCalls_.failures = {{static_cast<size_t>(removal - calls.begin()), STG_E_ACCESSDENIED}};
         EXPECT_EQ(copy(), STG_E_WRITEFAULT);
+        if (isObserved) {
+            EXPECT_TRUE(std::none_of(std::ranges::find(targetCalls_.log, *removal), targetCalls_.log.end(),
+                                     [](const std::wstring& call) { return call.starts_with(L"C"); }));
+        }
         targetCalls_.log.clear();
         targetCalls_.failures.clear();
     }
