@@ -341,7 +341,10 @@ TEST_F(Copying, LeavesNoPartsWithoutMemory) {
         left = spared;
         const PlatformGuard guard;
         Vexel::Detail::platform().reallocate = [](void* block, auto bytes) noexcept -> void* {
-            return left > 0 && left-- ? std::realloc(block, bytes) : nullptr;
+            if (left == 0)
+                return nullptr;
+            --left;
+            return std::realloc(block, bytes);
         };
         const long status = source.copyTo(target);
         const std::vector<Element> copied = allOf(target);
