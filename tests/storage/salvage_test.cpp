@@ -231,6 +231,30 @@ TEST(Salvage, FindsAHeaderBehindWhatCannotBeRead) {
                                                                 contents.substr(0, kReadable), kReadable})));
 }
 
+TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
+    constexpr std::size_t kBegin = 1024;
+    constexpr std::size_t kEnd = 2048;
+    const std::string before(kBegin - kHeadless.size() - 3, 'b');
+    const auto chunk = [](char control, const std::string& contents) {
+        const std::size_t size = contents.size() - 1;
+        return std::string{control, static_cast<char>(size >> 8), static_cast<char>(size)} + contents;
+    };
+    const std::string rest = chunk(2, std::string(3000, 'r')) + '\0' + chunk(1, "behind") + '\0';
+    for (const std::size_t shift :
+         {0U, 1U, 2U}) { // so many bytes of the chunk's control and sizes can be read
+        SCOPED_TRACE(shift);
+        const std::string first = before.substr(shift);
+        const std::string file = kHeadless + chunk(1, first) + rest;
+        Rescue rescue(file);
+        rescue.source.badBegin = kBegin;
+        rescue.source.badEnd = kEnd;
+        EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+        EXPECT_THAT(rescue.streams,
+                    ElementsAre(Pair(u"item 0001", Found{SalvageState::CutShort, first, first.size()}),
+                                Pair(u"item 0002", Found{SalvageState::Unchecked, "behind", 6})));
+    }
+}
+
 TEST(Salvage, AsksBeforeEachNode) {
     constexpr int kItems = 5;
     std::u16string list;
