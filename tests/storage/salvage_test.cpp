@@ -231,6 +231,28 @@ TEST(Salvage, FindsAHeaderBehindWhatCannotBeRead) {
                                                                 contents.substr(0, kReadable), kReadable})));
 }
 
+TEST(Salvage, AsksWhileItReadsHeadersOfWhateverSize) {
+    constexpr std::uint64_t kMostUnasked = 0x200000; // the end of the file is read at once
+    const std::size_t size = 4 * kMostUnasked;
+    for (const char first : {'\1', '\x17', 'x'}) {
+        SCOPED_TRACE(static_cast<int>(first));
+        for (const bool isSound : {true, false}) {
+            std::string package = archiveOf({}, first + std::string(size, '\xEE'));
+            package[8] ^= isSound ? 0 : 1; // the checksum of the beginning
+            Rescue rescue(package);
+            EXPECT_NE(rescue.run(), SalvageOutcome::Ended);
+            EXPECT_LE(rescue.source.mostUnasked, kMostUnasked);
+            if (first == 'x' && !isSound) {
+                EXPECT_LT(rescue.source.taken, 2 * size); // only the search for packed streams
+            }
+            Rescue ended(package);
+            ended.lastAsked = 2;
+            EXPECT_EQ(ended.run(), SalvageOutcome::Ended);
+            EXPECT_EQ(ended.asked, ended.lastAsked);
+        }
+    }
+}
+
 TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
     constexpr std::size_t kBegin = 1024;
     constexpr std::size_t kEnd = 2048;
