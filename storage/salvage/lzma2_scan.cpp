@@ -147,7 +147,9 @@ bool Lzma2Scanner::hasReadableStart(std::uint64_t offset, std::optional<std::uin
         return offset >= end_;
     if (*control == kEndMark)
         return true;
-    const std::uint64_t last = offset + (*control < kLzma ? 2 : *control < kLzmaWithProperties ? 4 : 5);
+    std::uint64_t last = offset + 2;
+    if (*control >= kLzma)
+        last = offset + (*control >= kLzmaWithProperties ? 5 : 4);
     return last >= end_ || chunkByteAt(last);
 }
 
