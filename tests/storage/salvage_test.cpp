@@ -39,6 +39,7 @@ public:
             count = badBegin - (std::min)(badBegin, begin);
         std::memcpy(target.data(), bytes_.data() + begin, count);
         taken += count;
+        ++calls;
         sinceAsked += count;
         mostUnasked = (std::max)(mostUnasked, sinceAsked);
         return count;
@@ -46,6 +47,7 @@ public:
 
     std::size_t badBegin = 0, badEnd = 0;
     std::uint64_t taken = 0;
+    std::uint64_t calls = 0;
     std::uint64_t sinceAsked = 0; ///< whether the work may go on
     std::uint64_t mostUnasked = 0;
 
@@ -261,6 +263,7 @@ TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
         const std::size_t size = contents.size() - 1;
         return std::string{control, static_cast<char>(size >> 8), static_cast<char>(size)} + contents;
     };
+    constexpr std::uint64_t kMostCalls = 50; // not one for each byte
     const std::string rest = chunk(2, std::string(3000, 'r')) + '\0' + chunk(1, "behind") + '\0';
     for (const std::size_t shift :
          {0U, 1U, 2U}) { // so many bytes of the chunk's control and sizes can be read
@@ -274,6 +277,33 @@ TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
         EXPECT_THAT(rescue.streams,
                     ElementsAre(Pair(u"item 0001", Found{SalvageState::CutShort, first, first.size()}),
                                 Pair(u"item 0002", Found{SalvageState::Unchecked, "behind", 6})));
+        EXPECT_LE(rescue.source.calls, kMostCalls);
+    }
+}
+
+TEST(Salvage, GivesUpAfterMuchThatWasInVainAndSaysSo) {
+    constexpr const char* kGivenUp = "too much makes no sense to look at the packed bytes from here on";
+    // "salvage", four times.
+    const std::string stream = bytes({0xE0, 0x00, 0x1B, 0x00, 0x0D, 0x5D, 0x00, 0x39, 0x98, 0x49, 0xDC,
+                                      0x55, 0x6E, 0x3E, 0x0C, 0x1F, 0x2D, 0xB8, 0xE0, 0x00, 0x00});
+    constexpr unsigned kStreams = 300;
+    const struct {
+        const char* name;
+        std::string bytes;
+        bool isGivenUp;
+        std::size_t streams;
+    } cases[] = {
+        {"stored bytes in chunks", repeat("\0\1\0\0"s, kMazeBytes), true, 0},
+        {"streams that do not decode", 'x' + repeat("\0\xE0\0\0\0\0\x5D\xFF"s, kMazeBytes), true, 0},
+        {"streams that do", repeat("x\0"s + stream, kStreams * (stream.size() + 2)), false, kStreams},
+    };
+    for (const auto& [name, piece, isGivenUp, streams] : cases) {
+        SCOPED_TRACE(name);
+        const std::string file = kHeadless + piece + 'x';
+        Rescue rescue(file);
+        EXPECT_NE(rescue.run(), SalvageOutcome::Ended);
+        EXPECT_EQ(std::count(rescue.damage.begin(), rescue.damage.end(), kGivenUp), isGivenUp);
+        EXPECT_EQ(rescue.streams.size(), streams);
     }
 }
 
