@@ -27,6 +27,8 @@ constexpr std::uint8_t kLzmaWithReset = 0xE0;
 constexpr std::uint8_t kMostProperties = 9 * 5 * 5;
 
 constexpr std::size_t kPieceBytes = 0x10000;
+/// What cannot be read ends at a multiple of this, and is not asked for byte by byte.
+constexpr std::uint64_t kSectorBytes = 512;
 /// What is read where a chunk begins far from the one before; what it takes to read at all, and to begin to
 /// decode.
 constexpr std::size_t kChunkWindow = 256;
@@ -138,7 +140,20 @@ bool Lzma2Scanner::addChunk(Lzma2Stream& stream, std::uint8_t control, bool& has
     return true;
 }
 
-/// The stream as far as its chunks lead.
+/// Whether all of the chunk's control byte, sizes and properties can be read. Those behind the end are cut
+/// off.
+bool Lzma2Scanner::hasReadableStart(std::uint64_t offset, std::optional<std::uint8_t> control) {
+    if (!control)
+        return offset >= end_;
+    if (*control == kEndMark)
+        return true;
+    std::uint64_t last = offset + 2;
+    if (*control >= kLzma)
+        last = offset + (*control >= kLzmaWithProperties ? 5 : 4);
+    return last >= end_ || chunkByteAt(last);
+}
+
+/// The stream as far as its chunks lead, or can be read.
 Lzma2Stream Lzma2Scanner::measure(std::uint64_t begin) {
     Lzma2Stream stream;
     stream.begin = begin;
@@ -146,6 +161,8 @@ Lzma2Stream Lzma2Scanner::measure(std::uint64_t begin) {
     while (!stream.isEnded) {
         const Lzma2Stream before = stream;
         const auto control = chunkByteAt(begin + stream.packed);
+        if (!hasReadableStart(begin + stream.packed, control))
+            return before;
         if (!control) { // cut off
             stream.packed = end_ - begin;
             return stream;
@@ -188,7 +205,13 @@ std::optional<Lzma2Stream> Lzma2Scanner::next() {
     for (std::uint64_t passed = 0; position_ < end_ && workLeft_ > 0; ++position_) {
         if (++passed % kPieceBytes == 0)
             progress_(kPieceBytes);
-        if (passedByteAt(position_ - 1) != kEndMark || !isBeginning(passedByteAt(position_)))
+        const bool isBehindEnd = passedByteAt(position_ - 1) == kEndMark;
+        const auto control = passedByteAt(position_);
+        if (!control) {
+            progress_(0);
+            position_ |= kSectorBytes - 1;
+        }
+        if (!isBehindEnd || !isBeginning(control))
             continue;
         before = workLeft_;
         if (const Lzma2Stream stream = measure(position_); isSound(stream))

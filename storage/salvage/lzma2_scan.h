@@ -61,6 +61,7 @@ private:
     std::optional<std::uint8_t> byteAt(Window& window, std::uint64_t offset, std::size_t most);
     std::optional<std::uint8_t> passedByteAt(std::uint64_t offset);
     std::optional<std::uint8_t> chunkByteAt(std::uint64_t offset);
+    bool hasReadableStart(std::uint64_t offset, std::optional<std::uint8_t> control);
     Lzma2Stream measure(std::uint64_t begin);
     bool addChunk(Lzma2Stream& stream, std::uint8_t control, bool& hasProperties);
     bool isSound(const Lzma2Stream& stream);

@@ -19,6 +19,7 @@
 #include <algorithm>
 #include <array>
 #include <cstring>
+#include <exception>
 #include <optional>
 #include <utility>
 #include <vector>
@@ -39,17 +40,28 @@ constexpr std::size_t kReadBytes = 0x1000;
 /// How often the observer is asked at least, in bytes.
 constexpr std::size_t kPieceBytes = 0x10000;
 
-/// The file, with another beginning if one is given.
+/// The file, with another beginning if one is given. The observer is asked for each piece that is read.
 class StartedSource final : public HeaderSource {
 public:
-    explicit StartedSource(SalvageSource& source) noexcept : source_(source) {}
+    StartedSource(SalvageSource& source, Output& output) noexcept : source_(source), output_(output) {}
 
     void setStart(const StartBytes& start) noexcept { start_ = start; }
+    /// Throws what ended the reading, if that was not the file.
+    void rethrow() const {
+        if (failure_)
+            std::rethrow_exception(failure_);
+    }
 
     std::uint64_t size() const noexcept override { return source_.size(); }
     HRESULT read(std::uint64_t offset, std::span<std::byte> target, std::size_t& count) noexcept override {
         if (!start_ || offset >= start_->size()) {
-            count = source_.read(offset, target);
+            try {
+                output_.progress(0);
+            } catch (...) {
+                failure_ = std::current_exception();
+                return E_ABORT;
+            }
+            count = source_.read(offset, target.first((std::min)(target.size(), kPieceBytes)));
             return S_OK;
         }
         const auto rest = std::span(*start_).subspan(static_cast<std::size_t>(offset));
@@ -60,13 +72,15 @@ public:
 
 private:
     SalvageSource& source_;
+    Output& output_;
     std::optional<StartBytes> start_;
+    std::exception_ptr failure_;
 };
 
 class HeaderSearch {
 public:
     HeaderSearch(SalvageSource& source, NArchive::N7z::CDbEx& database, Output& output) noexcept
-        : source_(source), database_(database), output_(output), started_(source) {}
+        : source_(source), database_(database), output_(output), started_(source, output) {}
 
     bool asItIs() { return isReadable(false); }
 
@@ -155,23 +169,43 @@ private:
         const std::uint64_t room = source_.size() - (std::min<std::uint64_t>)(source_.size(), kStartBytes);
         if (size == 0 || offset > room || size > room - offset)
             return false;
-        std::vector<std::byte> header(static_cast<std::size_t>(size));
-        if (source_.read(kStartBytes + offset, header) != header.size())
+        const auto digest = digestOf(kStartBytes + offset, size);
+        if (!digest)
             return false;
         StartBytes start{};
         std::memcpy(start.data(), kSignature.data(), kSignature.size());
         start[StartAt::kVersion + 1] = std::byte{4};
         store(start, StartAt::kOffset, offset);
         store(start, StartAt::kSize, size);
-        store(start, StartAt::kHeaderChecksum, checksum(header));
+        store(start, StartAt::kHeaderChecksum, *digest);
         store(start, StartAt::kChecksum, checksum(std::span(start).subspan(StartAt::kOffset)));
         started_.setStart(start);
         return isReadable(true);
     }
 
+    /// The checksum of what may be a header, and can be read. What a damaged beginning claims of its size is
+    /// not believed before that.
+    std::optional<std::uint32_t> digestOf(std::uint64_t offset, std::uint64_t size) {
+        std::vector<std::byte> piece(static_cast<std::size_t>((std::min<std::uint64_t>)(size, kPieceBytes)));
+        std::uint32_t crc = 0xFFFFFFFF;
+        for (std::uint64_t done = 0; done < size; done += piece.size()) {
+            output_.progress(0);
+            piece.resize(static_cast<std::size_t>((std::min<std::uint64_t>)(size - done, piece.size())));
+            if (source_.read(offset + done, piece) != piece.size())
+                return std::nullopt;
+            const auto id = std::to_integer<std::uint64_t>(piece[0]);
+            if (done == 0 && id != HeaderId::kHeader && id != HeaderId::kEncodedHeader)
+                return std::nullopt;
+            crc = CrcUpdate(crc, piece.data(), piece.size());
+        }
+        return ~crc;
+    }
+
     bool isReadable(bool mustHaveItems) {
         PlainHeader header;
-        if (checkHeaders(started_, &header).fault != HeaderFault::None)
+        const HeaderFault fault = checkHeaders(started_, &header).fault;
+        started_.rethrow();
+        if (fault != HeaderFault::None)
             return false;
         database_.Clear();
         const auto input = Detail::adopt<IInStream>(new HeaderStream(std::move(header)));

@@ -39,6 +39,7 @@ public:
             count = badBegin - (std::min)(badBegin, begin);
         std::memcpy(target.data(), bytes_.data() + begin, count);
         taken += count;
+        ++calls;
         sinceAsked += count;
         mostUnasked = (std::max)(mostUnasked, sinceAsked);
         return count;
@@ -46,6 +47,7 @@ public:
 
     std::size_t badBegin = 0, badEnd = 0;
     std::uint64_t taken = 0;
+    std::uint64_t calls = 0;
     std::uint64_t sinceAsked = 0; ///< whether the work may go on
     std::uint64_t mostUnasked = 0;
 
@@ -229,6 +231,80 @@ TEST(Salvage, FindsAHeaderBehindWhatCannotBeRead) {
     EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
     EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{SalvageState::CutShort,
                                                                 contents.substr(0, kReadable), kReadable})));
+}
+
+TEST(Salvage, AsksWhileItReadsHeadersOfWhateverSize) {
+    constexpr std::uint64_t kMostUnasked = 0x200000; // the end of the file is read at once
+    const std::size_t size = 4 * kMostUnasked;
+    for (const char first : {'\1', '\x17', 'x'}) {
+        SCOPED_TRACE(static_cast<int>(first));
+        for (const bool isSound : {true, false}) {
+            std::string package = archiveOf({}, first + std::string(size, '\xEE'));
+            package[8] ^= isSound ? 0 : 1; // the checksum of the beginning
+            Rescue rescue(package);
+            EXPECT_NE(rescue.run(), SalvageOutcome::Ended);
+            EXPECT_LE(rescue.source.mostUnasked, kMostUnasked);
+            if (first == 'x' && !isSound) {
+                EXPECT_LT(rescue.source.taken, 2 * size); // only the search for packed streams
+            }
+            Rescue ended(package);
+            ended.lastAsked = 2;
+            EXPECT_EQ(ended.run(), SalvageOutcome::Ended);
+            EXPECT_EQ(ended.asked, ended.lastAsked);
+        }
+    }
+}
+
+TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
+    constexpr std::size_t kBegin = 1024;
+    constexpr std::size_t kEnd = 2048;
+    const std::string before(kBegin - kHeadless.size() - 3, 'b');
+    const auto chunk = [](char control, const std::string& contents) {
+        const std::size_t size = contents.size() - 1;
+        return std::string{control, static_cast<char>(size >> 8), static_cast<char>(size)} + contents;
+    };
+    constexpr std::uint64_t kMostCalls = 50; // not one for each byte
+    const std::string rest = chunk(2, std::string(3000, 'r')) + '\0' + chunk(1, "behind") + '\0';
+    for (const std::size_t shift :
+         {0U, 1U, 2U}) { // so many bytes of the chunk's control and sizes can be read
+        SCOPED_TRACE(shift);
+        const std::string first = before.substr(shift);
+        const std::string file = kHeadless + chunk(1, first) + rest;
+        Rescue rescue(file);
+        rescue.source.badBegin = kBegin;
+        rescue.source.badEnd = kEnd;
+        EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+        EXPECT_THAT(rescue.streams,
+                    ElementsAre(Pair(u"item 0001", Found{SalvageState::CutShort, first, first.size()}),
+                                Pair(u"item 0002", Found{SalvageState::Unchecked, "behind", 6})));
+        EXPECT_LE(rescue.source.calls, kMostCalls);
+    }
+}
+
+TEST(Salvage, GivesUpAfterMuchThatWasInVainAndSaysSo) {
+    constexpr const char* kGivenUp = "too much makes no sense to look at the packed bytes from here on";
+    // "salvage", four times.
+    const std::string stream = bytes({0xE0, 0x00, 0x1B, 0x00, 0x0D, 0x5D, 0x00, 0x39, 0x98, 0x49, 0xDC,
+                                      0x55, 0x6E, 0x3E, 0x0C, 0x1F, 0x2D, 0xB8, 0xE0, 0x00, 0x00});
+    constexpr unsigned kStreams = 300;
+    const struct {
+        const char* name;
+        std::string bytes;
+        bool isGivenUp;
+        std::size_t streams;
+    } cases[] = {
+        {"stored bytes in chunks", repeat("\0\1\0\0"s, kMazeBytes), true, 0},
+        {"streams that do not decode", 'x' + repeat("\0\xE0\0\0\0\0\x5D\xFF"s, kMazeBytes), true, 0},
+        {"streams that do", repeat("x\0"s + stream, kStreams * (stream.size() + 2)), false, kStreams},
+    };
+    for (const auto& [name, piece, isGivenUp, streams] : cases) {
+        SCOPED_TRACE(name);
+        const std::string file = kHeadless + piece + 'x';
+        Rescue rescue(file);
+        EXPECT_NE(rescue.run(), SalvageOutcome::Ended);
+        EXPECT_EQ(std::count(rescue.damage.begin(), rescue.damage.end(), kGivenUp), isGivenUp);
+        EXPECT_EQ(rescue.streams.size(), streams);
+    }
 }
 
 TEST(Salvage, AsksBeforeEachNode) {
