@@ -31,7 +31,10 @@ public:
 
     HRESULT run();
     /// The same behind another copy, which may have left parts of streams in the target.
-    HRESULT redo() { return isRedone_ = true, run(); }
+    HRESULT redo() {
+        isRedone_ = true;
+        return run();
+    }
     /// Tells what keeps the source as a whole from being copied.
     HRESULT fail(HRESULT status) { return note(status, StorageType::Storage); }
 
