@@ -1,7 +1,8 @@
 // Behind damage, a beginning is a guess: a byte 0, where a stream may end, and one that may begin the next.
 // It is believed when the chunks lead from there to an end mark and everything decodes, which LZMA checks by
 // the way: each chunk must come out just as long as it says, of just as many packed bytes. A stream that is
-// stored as it is must have another one behind it.
+// stored as it is must have another one behind it. A stream that begins where the one before ended needs none
+// of this; but if its chunks lead astray, they may have led over others.
 
 #include "storage/salvage/lzma2_scan.h"
 
@@ -190,19 +191,12 @@ bool Lzma2Scanner::isSound(const Lzma2Stream& stream) {
 }
 
 std::optional<Lzma2Stream> Lzma2Scanner::next() {
-    std::uint64_t before = workLeft_;
-    const auto take = [&](const Lzma2Stream& stream) {
-        workLeft_ = before; // what it took was not in vain
-        position_ = (std::min)(stream.begin + stream.packed, end_);
-        isAdjacent_ = stream.isEnded;
-        return stream;
-    };
-    if (isAdjacent_ && isBeginning(passedByteAt(position_)))
-        if (Lzma2Stream stream = measure(position_); stream.packed > 0) {
-            stream.isAdjacent = true;
-            return take(stream);
-        }
-    for (std::uint64_t passed = 0; position_ < end_ && workLeft_ > 0; ++position_) {
+    if (workLeft_ == 0)
+        position_ = (std::max)(position_, believed_);
+    for (std::uint64_t passed = 0; position_ < end_; ++position_) {
+        const bool isBelieved = position_ == believed_;
+        if (workLeft_ == 0 && !isBelieved)
+            break;
         if (++passed % kPieceBytes == 0)
             progress_(kPieceBytes);
         const bool isBehindEnd = passedByteAt(position_ - 1) == kEndMark;
@@ -211,13 +205,47 @@ std::optional<Lzma2Stream> Lzma2Scanner::next() {
             progress_(0);
             position_ |= kSectorBytes - 1;
         }
-        if (!isBehindEnd || !isBeginning(control))
+        if (!(isBelieved || isBehindEnd) || !isBeginning(control))
             continue;
-        before = workLeft_;
-        if (const Lzma2Stream stream = measure(position_); isSound(stream))
-            return take(stream);
+        const std::uint64_t before = workLeft_;
+        Lzma2Stream stream = measure(position_);
+        if (isBelieved ? stream.packed == 0 : !isSound(stream))
+            continue;
+        stream.isAdjacent = isBelieved;
+        take(stream, before);
+        return stream;
     }
     return std::nullopt;
+}
+
+void Lzma2Scanner::take(const Lzma2Stream& stream, std::uint64_t workBefore) {
+    lastWork_ = workBefore - std::exchange(workLeft_, workBefore); // was not in vain
+    position_ = (std::min)(stream.begin + stream.packed, end_);
+    believed_ = stream.isEnded ? position_ : 0;
+}
+
+/// How many packed bytes of the stream are known to be its own: up to the last chunk of LZMA behind which
+/// other bytes came out.
+std::uint64_t Lzma2Scanner::ownBytes(const Lzma2Stream& stream, std::uint64_t unpacked) {
+    Lzma2Stream walked;
+    walked.begin = stream.begin;
+    std::uint64_t own = 0;
+    bool hasProperties = false;
+    while (walked.unpacked < unpacked) {
+        const auto control = chunkByteAt(walked.begin + walked.packed);
+        if (!control || !addChunk(walked, *control, hasProperties))
+            break;
+        if (*control >= kLzma && walked.unpacked < unpacked)
+            own = walked.packed;
+    }
+    return own;
+}
+
+void Lzma2Scanner::wasDecoded(const Lzma2Stream& stream, std::uint64_t unpacked) {
+    if (stream.isEnded && unpacked == stream.unpacked)
+        return;
+    work(lastWork_); // or following it could be repeated without end
+    position_ = stream.begin + (std::max)(ownBytes(stream, unpacked), std::uint64_t{1});
 }
 
 std::uint64_t decodeLzma2(SalvageSource& source, const Lzma2Stream& stream,

@@ -36,12 +36,15 @@ public:
     /// Looks at the bytes from `begin` to `end` of the source. `progress` is told of those that were passed,
     /// and asked at least for each 64 KiB of what is tried beside; it may throw.
     Lzma2Scanner(SalvageSource& source, std::uint64_t begin, std::uint64_t end, Progress progress)
-        : source_(source), progress_(std::move(progress)), position_(begin), end_(end),
+        : source_(source), progress_(std::move(progress)), position_(begin), end_(end), believed_(begin),
           workLeft_(kMostWork * (end - begin) + kFreeWork) {}
 
     /// The next stream. One that is not adjacent is only given when all of it decodes, or nothing in it
     /// is packed and another stream follows.
     std::optional<Lzma2Stream> next();
+    /// To be told how many bytes of the last stream came out. If these are not all, or it did not end, its
+    /// chunks may have led over other streams: the next is looked for behind what is known to be its own.
+    void wasDecoded(const Lzma2Stream& stream, std::uint64_t unpacked);
     /// Where the bytes begin that were not looked at, because too much was tried in vain before.
     std::optional<std::uint64_t> givenUpAt() const noexcept {
         return workLeft_ == 0 && position_ < end_ ? std::optional(position_) : std::nullopt;
@@ -65,17 +68,20 @@ private:
     Lzma2Stream measure(std::uint64_t begin);
     bool addChunk(Lzma2Stream& stream, std::uint8_t control, bool& hasProperties);
     bool isSound(const Lzma2Stream& stream);
+    void take(const Lzma2Stream& stream, std::uint64_t workBefore);
+    std::uint64_t ownBytes(const Lzma2Stream& stream, std::uint64_t unpacked);
     void work(std::uint64_t bytes);
 
     SalvageSource& source_;
     const Progress progress_;
     std::uint64_t position_;
     const std::uint64_t end_;
-    std::uint64_t workLeft_;    // bounds what is tried in vain
-    std::uint64_t unasked_ = 0; // work since `progress_` was asked
-    bool isAdjacent_ = true;
-    Window passed_; // at `position_`
-    Window chunks_; // where a chunk begins
+    std::uint64_t believed_;     // where the stream before ended, so that another begins; 0 if nowhere
+    std::uint64_t workLeft_;     // bounds what is tried in vain
+    std::uint64_t lastWork_ = 0; // for the last stream
+    std::uint64_t unasked_ = 0;  // work since `progress_` was asked
+    Window passed_;              // at `position_`
+    Window chunks_;              // where a chunk begins
 };
 
 /// Decodes a stream and hands its bytes to `sink`; how many there were. Fewer than the stream's are damaged

@@ -348,7 +348,9 @@ std::u16string itemName(unsigned number) {
     return name.append(digits.begin(), digits.end());
 }
 
-void deliverStream(SalvageSource& source, const Lzma2Stream& stream, const Path& path, Output& output) {
+/// Returns how many bytes came out.
+std::uint64_t deliverStream(SalvageSource& source, const Lzma2Stream& stream, const Path& path,
+                            Output& output) {
     SalvagedNode node;
     node.path = path;
     node.state = stream.isEnded ? SalvageState::Unchecked : SalvageState::CutShort;
@@ -366,6 +368,7 @@ void deliverStream(SalvageSource& source, const Lzma2Stream& stream, const Path&
         node.reason = kCutOff;
     }
     output.streamEnd(node);
+    return node.there;
 }
 
 /// Where the packed streams end at most: at the header, if the beginning still says where that is.
@@ -397,7 +400,7 @@ void deliverByStreams(SalvageSource& source, Output& output) {
         }
         if (!stream->isAdjacent)
             output.damage("packed bytes that make no sense are passed over, up to byte", stream->begin);
-        deliverStream(source, *stream, {itemName(number)}, output);
+        scanner.wasDecoded(*stream, deliverStream(source, *stream, {itemName(number)}, output));
     }
 }
 

@@ -162,6 +162,10 @@ TEST_P(Mazes, AreReadSoOftenOnlyAndAskWhetherToGoOn) {
 
 constexpr std::size_t kMazeBytes = 0x40000;
 
+// "salvage", four times.
+const std::string kPackedStream = bytes({0xE0, 0x00, 0x1B, 0x00, 0x0D, 0x5D, 0x00, 0x39, 0x98, 0x49, 0xDC,
+                                         0x55, 0x6E, 0x3E, 0x0C, 0x1F, 0x2D, 0xB8, 0xE0, 0x00, 0x00});
+
 Maze ofStreams(const char* name, const std::string& piece, const std::string& end = {}) {
     return {name, kHeadless + '\0' + repeat(piece, kMazeBytes) + end};
 }
@@ -198,6 +202,8 @@ std::vector<Maze> mazes() {
             ofStreams("LargeChunks", "\0\1\xFF\xFC"s),
             ofStreams("ChunksBeforeDamage", "\1\0\0\0"s, "\xE0\0\0\0\0\x5D\xFF\0"s),
             ofStreams("DamagedStreams", "\0\xE0\0\0\0\0\x5D\xFF"s, "\0"s),
+            // Each begins behind a sound one, does not decode, and leads over the next sound ones to the end.
+            ofStreams("StreamsWithoutEnd", "\xE0\0\0\0\x16\x5D\xFF\0"s + kPackedStream),
             ofMiniTables()};
 }
 INSTANTIATE_TEST_SUITE_P(All, Mazes, testing::ValuesIn(mazes()),
@@ -281,11 +287,32 @@ TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
     }
 }
 
+TEST(Salvage, FindsPackedStreamsThatWrongSizesLeadOver) {
+    constexpr unsigned kStreams = 10;
+    const std::size_t size = kPackedStream.size();
+    for (std::size_t over = 1; over < size * kStreams; ++over) {
+        const std::size_t landing = (over - 1) % size;
+        if (landing == 0 || kPackedStream[landing] == 0)
+            continue; // it might be so: another beginning, or an end
+        SCOPED_TRACE(over);
+        std::string packed = kPackedStream;
+        packed[4] = static_cast<char>(static_cast<std::size_t>(packed[4]) + over);
+        const std::string stored = {'\1', 0, static_cast<char>(over), 'x', 0};
+        for (const std::string& astray : {packed, kPackedStream.substr(0, size - 1) + stored}) {
+            const std::string file = kHeadless + astray + repeat(kPackedStream, kStreams * size) + 'x';
+            Rescue rescue(file);
+            EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+            const Found whole = {SalvageState::Unchecked, "salvagesalvagesalvagesalvage", 28};
+            EXPECT_EQ(std::count_if(rescue.streams.begin(), rescue.streams.end(),
+                                    [&](const auto& stream) { return stream.second == whole; }),
+                      kStreams);
+        }
+    }
+}
+
 TEST(Salvage, GivesUpAfterMuchThatWasInVainAndSaysSo) {
     constexpr const char* kGivenUp = "too much makes no sense to look at the packed bytes from here on";
-    // "salvage", four times.
-    const std::string stream = bytes({0xE0, 0x00, 0x1B, 0x00, 0x0D, 0x5D, 0x00, 0x39, 0x98, 0x49, 0xDC,
-                                      0x55, 0x6E, 0x3E, 0x0C, 0x1F, 0x2D, 0xB8, 0xE0, 0x00, 0x00});
+    const std::string& stream = kPackedStream;
     constexpr unsigned kStreams = 300;
     const struct {
         const char* name;
