@@ -76,6 +76,16 @@ unsigned long long moveAll(unsigned long long count, DWORD nothing, DWORD& error
     return done;
 }
 
+/// A pipe that its writer has closed ends there, although the system calls that a failure.
+bool readFrom(HANDLE file, void* bytes, DWORD size, DWORD& moved) noexcept {
+    if (platform().readFile(file, bytes, size, &moved, nullptr))
+        return true;
+    if (lastError() != ERROR_BROKEN_PIPE)
+        return false;
+    moved = 0;
+    return true;
+}
+
 } // namespace
 
 SimpleFile::SimpleFile(SimpleFile&& other) noexcept
@@ -121,8 +131,7 @@ void SimpleFile::Close() noexcept {
 
 unsigned long long SimpleFile::Read(void* buffer, unsigned long long count) noexcept {
     return moveAll(count, ERROR_SUCCESS, error_, [&](unsigned long long at, DWORD size, DWORD& moved) {
-        return check(handle_ &&
-                     platform().readFile(handle_, static_cast<char*>(buffer) + at, size, &moved, nullptr));
+        return check(handle_ && readFrom(handle_, static_cast<char*>(buffer) + at, size, moved));
     });
 }
 

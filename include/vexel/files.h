@@ -63,7 +63,7 @@ public:
     }
 
     /// Both return the number of bytes moved. It is less than asked for at the end of the file, or when an
-    /// error is set.
+    /// error is set. A pipe ends when its writer has closed it.
     unsigned long long Read(void* buffer, unsigned long long count) noexcept;
     unsigned long long Write(const void* buffer, unsigned long long count) noexcept;
     /// `origin` is one of FILE_BEGIN, FILE_CURRENT, FILE_END. `position`, if it is not null, receives the new

@@ -415,6 +415,24 @@ TEST_F(Ini, ALineThatIsTooLongIsTriedOtherwise) {
     EXPECT_EQ(readFile(path_), "no settings");
 }
 
+// What cannot be written beside the file is not written into it, where the same failure would cost the old
+// settings.
+TEST_F(Ini, WhatCannotBeWrittenLeavesTheOldSettings) {
+    auto& calls = Vexel::Detail::platform();
+    for (const DWORD error : {DWORD{ERROR_SUCCESS}, DWORD{ERROR_DISK_FULL}, DWORD{ERROR_WRITE_FAULT}})
+        for (const bool isWritten : {false, true}) { // but cannot be flushed
+            SCOPED_TRACE(testing::Message() << error << ", " << isWritten);
+            writeFile(path_, "[s]\nk=1\n");
+            const PlatformGuard guard;
+            if (isWritten)
+                refuse(calls.flushFile, error);
+            else
+                refuse(calls.writeFile, error);
+            IniFile::SetInt(L"new", L"k", 1, path_.c_str());
+            EXPECT_EQ(readFile(path_), "[s]\nk=1\n");
+        }
+}
+
 // It is not known to be all of a file that has another length at the end.
 TEST_F(Ini, ReadsAsMuchAsTheFileIsLong) {
     writeFile(path_, "[s]\nk=1\n");
