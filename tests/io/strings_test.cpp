@@ -1,5 +1,6 @@
 #include "support/compound_file.h"
 #include "support/framework_files.h"
+#include "support/platform_guard.h"
 #include "support/recording_stream.h"
 #include "support/streams.h"
 
@@ -155,6 +156,18 @@ TEST(Strings, GoToFilesWhoseFailuresRaise) {
     EXPECT_EQ(raises([&] { VxwGetFilePointer(file.m_hFile); }), ERROR_SUCCESS) << "cannot be told apart";
     file.Seek(0x100000002, CFile::begin);
     EXPECT_EQ(VxwGetFilePointer(file.m_hFile), 2U);
+
+    const PlatformGuard guard;
+    Vexel::Detail::platform().writeFile = [](HANDLE, const void*, DWORD size, DWORD* done, OVERLAPPED*) {
+        *done = size - 1;
+        return TRUE;
+    };
+    EXPECT_EQ(raises([&] { VxwWriteUniString(static_cast<void*>(file.m_hFile), string); }), ERROR_DISK_FULL);
+    Vexel::Detail::platform().readFile = [](HANDLE, void*, DWORD size, DWORD* done, OVERLAPPED*) {
+        *done = size + 1;
+        return TRUE;
+    };
+    EXPECT_EQ(raises([&] { VxwReadUniString(static_cast<void*>(file.m_hFile), string); }), ERROR_IO_DEVICE);
 }
 
 TEST(Strings, OnFailingComStreamsGoByCountsAlone) {
