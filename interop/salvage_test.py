@@ -6,7 +6,9 @@ import json
 import os
 import random
 import struct
+import subprocess
 import unittest
+import unittest.mock
 import zlib
 
 import olefile
@@ -16,6 +18,28 @@ from vexel_cli import DATA, CommandTest, encode, files_below, listing, nodes, se
 WAYS = int(os.environ.get("VEXEL_WAYS", "4"))
 COMPOUND = ["namesdemo.xls", "foreign-tree.cfb", "large-sectors.cfb"]
 PACKAGES = ["plain-lzma2.7z", "plain-lzma-packed-header.7z", "copy.7z", "solid.7z"]
+
+# Takes the place of what reads files for Wine, and cannot read one sector of a file.
+BAD_DISK = rb"""
+#define _GNU_SOURCE
+#include <dlfcn.h>
+#include <errno.h>
+#include <stdio.h>
+#include <stdlib.h>
+#include <string.h>
+#include <unistd.h>
+ssize_t pread64(int file, void *bytes, size_t size, off64_t at) {
+  char link[64], name[4096] = "";
+  const long bad = atol(getenv("BAD_AT"));
+  snprintf(link, sizeof link, "/proc/self/fd/%d", file);
+  if (readlink(link, name, sizeof name - 1) > 0 && strstr(name, "bad.7z") && at < bad + 512 && at + (long)size > bad) {
+    errno = EIO;
+    return -1;
+  }
+  return ((ssize_t(*)(int, void *, size_t, off64_t))dlsym(RTLD_NEXT, "pread64"))(file, bytes, size, at);
+}
+ssize_t pread(int file, void *bytes, size_t size, off_t at) { return pread64(file, bytes, size, at); }
+"""
 
 
 def unpack(package, directory):
@@ -199,6 +223,21 @@ class Salvage(CommandTest):
         start = b"7z\xBC\xAF\x27\x1C\0\4" + struct.pack("<I", zlib.crc32(place)) + place
         rescued, report = self.rescue("large", start + header)
         self.assertEqual((rescued, report["lost"]), ({"f": b""}, []))
+
+    def test_what_lies_before_sectors_that_cannot_be_read(self):
+        """The disk is one that fails to read them: what of the file comes before them comes back to the byte."""
+        library = self.directory / "bad_disk.so"
+        subprocess.run(["cc", "-shared", "-fPIC", "-o", library, "-xc", "-"], input=BAD_DISK, check=True)
+        contents = random.Random(1).randbytes(300_000)
+        (self.directory / "f").write_bytes(contents)
+        path = self.directory / "bad.7z"
+        seven_zip("a", "-m0=copy", path, self.directory / "f")
+        for bad in [512, 4096, 100_352, 299_520]:
+            with self.subTest(bad):
+                with unittest.mock.patch.dict(os.environ, LD_PRELOAD=str(library), BAD_AT=str(bad)):
+                    result = vexel("salvage", "--partial", "--force", path, self.directory / "out.7z")
+                self.assertEqual(unpack(self.directory / "out.7z", self.directory / str(bad)),
+                                 {"f": contents[:bad - 32]}, result.stderr)
 
 
 if __name__ == "__main__":

@@ -54,10 +54,29 @@ public:
 
     std::uint64_t size() const noexcept override { return size_; }
 
+    /// The system reads a piece wholly or not at all. So where it cannot, half of the piece is tried, down to
+    /// the sector at fault, which is remembered: a disk takes its time over each attempt.
     std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept override {
         std::size_t done = 0;
-        for (std::size_t count = 1; done < target.size() && count > 0; done += count)
-            count = readPiece(offset + done, target.subspan(done));
+        for (std::uint64_t most = kLargestRead; done < target.size() && offset + done < size_;) {
+            const std::uint64_t at = offset + done;
+            if (at == unreadable_)
+                break;
+            std::uint64_t end = (std::min)(offset + target.size(), at + most);
+            if (most < kLargestRead && end / kSectorBytes > at / kSectorBytes)
+                end -= end % kSectorBytes;
+            if (at < unreadable_)
+                end = (std::min)(end, unreadable_);
+            const std::size_t came = readPiece(at, target.subspan(done, static_cast<std::size_t>(end - at)));
+            done += came;
+            if (came > 0)
+                continue;
+            if ((end - 1) / kSectorBytes == at / kSectorBytes) {
+                unreadable_ = at;
+                break;
+            }
+            most = (end - at) / 2;
+        }
         return done;
     }
 
@@ -72,14 +91,15 @@ public:
 
 private:
     static constexpr std::size_t kLargestRead = 0x1000000;
+    static constexpr std::uint64_t kSectorBytes = 512;
 
     std::size_t readPiece(std::uint64_t offset, std::span<std::byte> target) noexcept {
         OVERLAPPED position{};
         position.Offset = static_cast<DWORD>(offset);
         position.OffsetHigh = static_cast<DWORD>(offset >> 32);
         DWORD done = 0;
-        const auto count = static_cast<DWORD>((std::min<std::size_t>)(target.size(), kLargestRead));
-        if (!ReadFile(file_.get(), target.data(), count, &done, &position))
+        if (!ReadFile(file_.get(), target.data(), static_cast<DWORD>(target.size()), &done, &position) ||
+            done > target.size())
             return 0;
         progress().add(done);
         return done;
@@ -88,6 +108,7 @@ private:
     Detail::FileHandle file_;
     BY_HANDLE_FILE_INFORMATION info_{};
     std::uint64_t size_ = 0;
+    std::uint64_t unreadable_ = ~std::uint64_t{0}; // where a sector could not be read last
 };
 
 std::wstring nodePathOf(const SalvagedNode& node) {
