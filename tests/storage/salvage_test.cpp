@@ -37,6 +37,7 @@ public:
         std::size_t count = (std::min)(target.size(), bytes_.size() - begin);
         if (begin < badEnd && begin + count > badBegin)
             count = badBegin - (std::min)(badBegin, begin);
+        hasAskedBeyond |= offset + target.size() > bytes_.size();
         std::memcpy(target.data(), bytes_.data() + begin, count);
         taken += count;
         ++calls;
@@ -50,6 +51,7 @@ public:
     std::uint64_t calls = 0;
     std::uint64_t sinceAsked = 0; ///< whether the work may go on
     std::uint64_t mostUnasked = 0;
+    bool hasAskedBeyond = false; ///< for bytes behind the end
 
 private:
     std::string_view bytes_;
@@ -152,6 +154,7 @@ TEST_P(Mazes, AreReadSoOftenOnlyAndAskWhetherToGoOn) {
     // Where the work is without end, so the test is not.
     rescue.lastAsked = 1'000'000;
     EXPECT_NE(rescue.run(), SalvageOutcome::OutOfMemory);
+    EXPECT_FALSE(rescue.source.hasAskedBeyond);
     EXPECT_LE(rescue.source.taken, kMostOften * maze.bytes.size());
     EXPECT_LE(rescue.source.mostUnasked, kMostUnasked + maze.bytes.size());
     Rescue ended(maze.bytes);

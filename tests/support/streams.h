@@ -72,7 +72,11 @@ public:
     const std::shared_ptr<Plan> plan;
 
     HRESULT STDMETHODCALLTYPE Read(void* data, ULONG size, ULONG* done) noexcept override {
-        return strikes(Reading) ? plan->status : InMemoryIStream::Read(data, size, done);
+        if (!strikes(Reading))
+            return InMemoryIStream::Read(data, size, done);
+        if (plan->status == S_OK && done)
+            *done = size + 1;
+        return plan->status;
     }
     HRESULT STDMETHODCALLTYPE Write(const void* data, ULONG size, ULONG* done) noexcept override {
         return strikes(Writing) ? plan->status : InMemoryIStream::Write(data, size, done);
