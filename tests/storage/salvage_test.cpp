@@ -255,6 +255,55 @@ TEST(Salvage, AsksWhileItReadsHeadersOfWhateverSize) {
     }
 }
 
+TEST(Salvage, FindsAHeaderWithSomethingBehindIt) {
+    const std::string package = storedPackage("contents", digestOf("contents"));
+    const struct {
+        const char* name;
+        std::string behind;
+        bool isReadable;
+    } cases[] = {
+        {"a packed header that claims more than it can hold",
+         packedHeader(lzmaFolder, 1, std::uint64_t{1} << 40), true},
+        {"what cannot be read", std::string(3000, 'x'), false},
+    };
+    for (const auto& [name, behind, isReadable] : cases) {
+        SCOPED_TRACE(name);
+        std::string file = package + behind;
+        file.replace(8, 24, 24, '\xEE');
+        Rescue rescue(file);
+        rescue.source.badBegin = package.size();
+        rescue.source.badEnd = isReadable ? 0 : file.size();
+        EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+        EXPECT_THAT(rescue.damage, ElementsAre(kNotWhereItShouldBe));
+        EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{SalvageState::Whole, "contents", 8})));
+    }
+}
+
+TEST(Salvage, AsksWhileItUnpacksAHeader) {
+    constexpr std::size_t kMiB = 0x100000;
+    std::u16string noise; // so that the header is not refused for what it holds
+    for (std::uint32_t i = 0, value = 1; i < 0x8000; ++i)
+        noise += static_cast<char16_t>(u'\u4E00' + ((value = value * 1664525 + 1013904223) >> 19));
+    const struct {
+        const char* name;
+        std::size_t unused;
+        std::size_t letters;
+    } cases[] = {{"unpacked at once", 8 * kMiB, 0}, {"unpacked as it is read", 10 * kMiB, 6 * kMiB}};
+    for (const auto& [name, unused, letters] : cases) {
+        SCOPED_TRACE(name);
+        const std::string property = bytes({0x19}) + number(unused) + std::string(unused, '\0');
+        const std::string header = listHeader(1, noise + std::u16string(letters, u'a') + u'\0', property);
+        const std::string package = withPackedHeader(header);
+        Rescue rescue(package);
+        EXPECT_EQ(rescue.run(), SalvageOutcome::Whole);
+        EXPECT_GE(rescue.asked, header.size() / kMiB);
+        Rescue ended(package);
+        ended.lastAsked = rescue.asked / 2;
+        EXPECT_EQ(ended.run(), SalvageOutcome::Ended);
+        EXPECT_EQ(ended.asked, ended.lastAsked);
+    }
+}
+
 TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
     constexpr std::size_t kBegin = 1024;
     constexpr std::size_t kEnd = 2048;
