@@ -414,6 +414,45 @@ TEST(Salvage, CallsWhatHasNoChecksumNotChecked) {
     }
 }
 
+TEST(Salvage, AsksInEachWalkThroughACompoundFile) {
+    constexpr std::uint32_t kStreams = 200;
+    constexpr std::uint32_t kFree = 4000;
+    std::vector<Image::Item> items{{L"Root", 5, 0, Image::none, Image::none, 1}};
+    for (std::uint32_t i = 1; i <= kStreams; ++i)
+        items.push_back(
+            {L"s" + std::to_wstring(i), 2, 4096, Image::none, i < kStreams ? i + 1 : Image::none});
+    const Image whole(items, {});
+    Image lost(items, {});
+    for (std::uint32_t i = 1; i <= kStreams; ++i)
+        lost.element(i, Image::Start) = 0xFFFFFF;
+    Image marked = Image::document({9, false, kFree});
+    for (std::uint32_t i = 0, first = marked.number(Image::FatSectors); i < kFree; ++i)
+        marked.next(first + i) =
+            i % 8 == 0 ? first + i + 1 : 0xFFFFFFFD; // where no number leads, no part is known
+    marked.number(Image::Fat + 4) = Image::none;
+    Image withoutMiniTable = Image::document({9, false, kFree});
+    withoutMiniTable.number(Image::MiniFat) = Image::none;
+    const struct {
+        const char* name;
+        const Image& image;
+        std::uint64_t least;
+    } cases[] = {
+        {"streams are measured, claimed, begun and read", whole, 4 * kStreams},
+        {"or measured, claimed in part and told of", lost, 3 * kStreams},
+        {"the table is looked for in each sector, and in those that are marked", marked,
+         kFree + kFree * 3 / 4},
+        {"the table of small streams is looked for in each sector, as are lost elements", withoutMiniTable,
+         2 * kFree},
+    };
+    for (const auto& [name, image, least] : cases) {
+        SCOPED_TRACE(name);
+        Rescue rescue(image.bytes());
+        rescue.run();
+        EXPECT_GE(rescue.asked, least);
+        EXPECT_LT(rescue.asked, least + least / 6); // so that none of them can be missing
+    }
+}
+
 TEST(Salvage, CallsAStreamLostOfWhichNothingCanBeRead) {
     Image image = Image::document({});
     const auto sectorOf = [&](std::uint32_t element) {
