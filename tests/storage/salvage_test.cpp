@@ -435,7 +435,7 @@ TEST(Salvage, AsksInEachWalkThroughACompoundFile) {
     const struct {
         const char* name;
         const Image& image;
-        std::uint64_t least;
+        std::uint32_t least;
     } cases[] = {
         {"streams are measured, claimed, begun and read", whole, 4 * kStreams},
         {"or measured, claimed in part and told of", lost, 3 * kStreams},
