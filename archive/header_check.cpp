@@ -60,7 +60,7 @@ HeaderBounds boundsFor(std::uint64_t packed) noexcept {
     bounds.folders = (std::max)(kFewThings, packed * kFoldersPerByte);
     bounds.alikeItems = (std::max)(kFewThings, packed);
     bounds.alikeNameBytes = kSmallHeader;
-    bounds.nameBytes = (std::max)(kSmallHeader, packed * kMostExpansion);
+    bounds.nameBytes = mostUnpacked(packed);
     return bounds;
 }
 
@@ -215,7 +215,7 @@ private:
         if (!read(packed, kStartBytes + streams.offset, streams.firstPacked))
             return false;
         PageBuffer plain = allocate(streams.folders[0].unpacked);
-        HeaderUnpacker unpacker(streams.method, packed.all(), plain);
+        HeaderUnpacker unpacker(streams.method, packed.all(), plain, source_);
         if (!unpacker.start(streams.properties))
             return refuseUnpacking(streams, unpacker);
         if (!parsePacked(streams, plain, unpacker))
@@ -235,8 +235,7 @@ private:
                              streams.method == MethodId::kLzma2;
         if (!isKnown || folder.coders != 1 || streams.inputs != 1)
             return refuse(HeaderFault::Unsupported, "the header is packed with an unknown method", where);
-        const std::uint64_t most =
-            (std::max)(kSmallHeader, kMostExpansion * (streams.firstPacked + header_.size()));
+        const std::uint64_t most = mostUnpacked(streams.firstPacked + header_.size());
         if (folder.unpacked > most)
             return refuse(HeaderFault::Header, "the packed header promises more than its bytes can hold",
                           where);
@@ -293,6 +292,10 @@ private:
 };
 
 } // namespace
+
+std::uint64_t mostUnpacked(std::uint64_t packed) noexcept {
+    return (std::max)(kSmallHeader, kMostExpansion * packed);
+}
 
 HeaderVerdict checkHeaders(HeaderSource& source, PlainHeader* plain) {
     HeaderChecker checker(source);

@@ -39,6 +39,9 @@ public:
     /// Reads into `target`, of 1 GiB at most, from `offset` on. `count` receives the number of bytes read:
     /// any but 0, which says that the input has ended. A failure ends the check with its status.
     virtual HRESULT read(std::uint64_t offset, std::span<std::byte> target, std::size_t& count) noexcept = 0;
+
+    /// Asked before each MiB that a packed header unpacks to. False ends the check as a failure of the input.
+    virtual bool mayGoOn() noexcept { return true; }
 };
 
 enum class HeaderFault {
@@ -67,6 +70,9 @@ struct PlainHeader {
     std::uint64_t offset = 0;          ///< where the header begins, from the beginning of the archive
     PageBuffer bytes;                  ///< none for an archive without items
 };
+
+/// The most that a packed header may hold which has so many bytes in the file.
+std::uint64_t mostUnpacked(std::uint64_t packed) noexcept;
 
 /// Judges the headers. `plain`, if wanted, is filled when they are without a fault, else left as it was.
 /// Throws std::bad_alloc.

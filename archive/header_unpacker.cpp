@@ -23,9 +23,9 @@ const Byte* bytesOf(std::span<const std::byte> bytes) noexcept {
 
 } // namespace
 
-HeaderUnpacker::HeaderUnpacker(std::uint64_t method, std::span<const std::byte> packed,
-                               PageBuffer& target) noexcept
-    : method_(method), packed_(packed), target_(target){Lzma2Dec_CONSTRUCT(&lzma2_)}
+HeaderUnpacker::HeaderUnpacker(std::uint64_t method, std::span<const std::byte> packed, PageBuffer& target,
+                               HeaderSource& source) noexcept
+    : method_(method), packed_(packed), target_(target), source_(source){Lzma2Dec_CONSTRUCT(&lzma2_)}
 
       HeaderUnpacker::~HeaderUnpacker() {
     Lzma2Dec_FreeProbs(&lzma2_, &g_Alloc);
@@ -66,7 +66,13 @@ bool HeaderUnpacker::supply(std::size_t count) noexcept {
         return false;
     if (!target_.grow(end))
         return accept(SZ_ERROR_MEM);
-    return unpack(end);
+    while (done_ < end) {
+        if (!source_.mayGoOn())
+            return refuse(HeaderFault::Input);
+        if (!unpack((std::min)(end, done_ + kStep)))
+            return false;
+    }
+    return true;
 }
 
 bool HeaderUnpacker::unpack(std::size_t end) noexcept {

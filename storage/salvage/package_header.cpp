@@ -39,8 +39,11 @@ constexpr std::uint64_t kFreeWork = 0x1000000;
 constexpr std::size_t kReadBytes = 0x1000;
 /// How often the observer is asked at least, in bytes.
 constexpr std::size_t kPieceBytes = 0x10000;
+/// What a try counts as besides its bytes: a decoder has tables to fill, however little it decodes.
+constexpr std::uint64_t kTryWork = 0x10000;
 
-/// The file, with another beginning if one is given. The observer is asked for each piece that is read.
+/// The file, with another beginning if one is given. The observer is asked for each piece that is read, or
+/// that a header unpacks to.
 class StartedSource final : public HeaderSource {
 public:
     StartedSource(SalvageSource& source, Output& output) noexcept : source_(source), output_(output) {}
@@ -55,12 +58,8 @@ public:
     std::uint64_t size() const noexcept override { return source_.size(); }
     HRESULT read(std::uint64_t offset, std::span<std::byte> target, std::size_t& count) noexcept override {
         if (!start_ || offset >= start_->size()) {
-            try {
-                output_.progress(0);
-            } catch (...) {
-                failure_ = std::current_exception();
+            if (!mayGoOn())
                 return E_ABORT;
-            }
             count = source_.read(offset, target.first((std::min)(target.size(), kPieceBytes)));
             return S_OK;
         }
@@ -68,6 +67,15 @@ public:
         count = (std::min)(rest.size(), target.size());
         std::copy_n(rest.begin(), count, target.begin());
         return S_OK;
+    }
+    bool mayGoOn() noexcept override {
+        try {
+            output_.progress(0);
+            return true;
+        } catch (...) {
+            failure_ = std::current_exception();
+            return false;
+        }
     }
 
 private:
@@ -114,11 +122,15 @@ public:
             output_.progress(std::exchange(passed, 0));
             const auto header = std::span<const std::byte>(end).subspan(i - 1);
             const std::uint64_t offset = begin + i - 1 - kStartBytes;
-            if ((isPacked && isPackedHeader(header, offset)) || (isPlain && isPlainHeader(header, offset))) {
-                if (isReadableAt(offset, header.size()))
-                    return true;
-                work(2 * header.size()); // it was read twice
-            }
+            // What lies behind the header need not be there.
+            const std::uint64_t size = isPacked  ? packedHeaderSize(header, offset)
+                                       : isPlain ? plainHeaderSize(header, offset)
+                                                 : 0;
+            if (size == 0)
+                continue;
+            if (isReadableAt(offset, size))
+                return true;
+            work(2 * size + kTryWork); // it was read twice
         }
         return false;
     }
@@ -132,22 +144,27 @@ private:
         work(streams.folders.size() * sizeof(HeaderFolder));
     }
 
-    /// Whether these bytes tell of a packed header, without a look at that.
-    bool isPackedHeader(std::span<const std::byte> bytes, std::uint64_t offset) {
+    /// How many of these bytes tell of a packed header, without a look at that; 0 if they do not.
+    std::uint64_t packedHeaderSize(std::span<const std::byte> bytes, std::uint64_t offset) {
         HeaderParser parser(bytes, offset);
         HeaderStreams streams;
         parser.reader().number();
         const bool isSound = parser.parseStreams(streams) && !streams.folders.empty();
         work(parser, streams);
-        if (isSound) {
-            work(streams.firstPacked);
-            work(streams.folders[0].unpacked);
-        }
-        return isSound;
+        if (!isSound)
+            return 0;
+        const std::uint64_t size = parser.reader().position();
+        // What claims more is refused before anything of it is read.
+        if (streams.folders[0].unpacked > mostUnpacked(streams.firstPacked + size))
+            return 0;
+        work(streams.firstPacked);
+        work(streams.folders[0].unpacked);
+        return size;
     }
 
-    /// Whether these bytes are a header with items. Names, too, end as headers without any begin.
-    bool isPlainHeader(std::span<const std::byte> bytes, std::uint64_t offset) {
+    /// How many of these bytes are a header with items; 0 if they are none. Names, too, end as headers
+    /// without any begin.
+    std::uint64_t plainHeaderSize(std::span<const std::byte> bytes, std::uint64_t offset) {
         HeaderParser beginning(bytes, offset);
         HeaderStreams streams;
         beginning.reader().number();
@@ -157,12 +174,12 @@ private:
         const bool hasItems = id == HeaderId::kFilesInfo && beginning.reader().count() > 0;
         work(beginning, streams);
         if (!hasItems)
-            return false;
+            return 0;
         HeaderParser parser(bytes, offset);
         parser.reader().number();
         const bool isSound = parser.parseHeader();
         work(parser, streams);
-        return isSound;
+        return isSound ? parser.reader().position() : 0;
     }
 
     bool isReadableAt(std::uint64_t offset, std::uint64_t size) {

@@ -264,6 +264,55 @@ TEST(Salvage, AsksWhileItReadsHeadersOfWhateverSize) {
     }
 }
 
+TEST(Salvage, FindsAHeaderWithSomethingBehindIt) {
+    const std::string package = storedPackage("contents", digestOf("contents"));
+    const struct {
+        const char* name;
+        std::string behind;
+        bool isReadable;
+    } cases[] = {
+        {"a packed header that claims more than it can hold",
+         packedHeader(lzmaFolder, 1, std::uint64_t{1} << 40), true},
+        {"what cannot be read", std::string(3000, 'x'), false},
+    };
+    for (const auto& [name, behind, isReadable] : cases) {
+        SCOPED_TRACE(name);
+        std::string file = package + behind;
+        file.replace(8, 24, 24, '\xEE');
+        Rescue rescue(file);
+        rescue.source.badBegin = package.size();
+        rescue.source.badEnd = isReadable ? 0 : file.size();
+        EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+        EXPECT_THAT(rescue.damage, ElementsAre(kNotWhereItShouldBe));
+        EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{SalvageState::Whole, "contents", 8})));
+    }
+}
+
+TEST(Salvage, AsksWhileItUnpacksAHeader) {
+    constexpr std::size_t kMiB = 0x100000;
+    std::u16string noise; // so that the header is not refused for what it holds
+    for (std::uint32_t i = 0, value = 1; i < 0x8000; ++i)
+        noise += static_cast<char16_t>(u'\u4E00' + ((value = value * 1664525 + 1013904223) >> 19));
+    const struct {
+        const char* name;
+        std::size_t unused;
+        std::size_t letters;
+    } cases[] = {{"unpacked at once", 8 * kMiB, 0}, {"unpacked as it is read", 10 * kMiB, 6 * kMiB}};
+    for (const auto& [name, unused, letters] : cases) {
+        SCOPED_TRACE(name);
+        const std::string property = bytes({0x19}) + number(unused) + std::string(unused, '\0');
+        const std::string header = listHeader(1, noise + std::u16string(letters, u'a') + u'\0', property);
+        const std::string package = withPackedHeader(header);
+        Rescue rescue(package);
+        EXPECT_EQ(rescue.run(), SalvageOutcome::Whole);
+        EXPECT_GE(rescue.asked, header.size() / kMiB);
+        Rescue ended(package);
+        ended.lastAsked = rescue.asked / 2;
+        EXPECT_EQ(ended.run(), SalvageOutcome::Ended);
+        EXPECT_EQ(ended.asked, ended.lastAsked);
+    }
+}
+
 TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
     constexpr std::size_t kBegin = 1024;
     constexpr std::size_t kEnd = 2048;
@@ -392,6 +441,45 @@ TEST(Salvage, CallsWhatHasNoChecksumNotChecked) {
                   state == SalvageState::Whole ? SalvageOutcome::Whole : SalvageOutcome::Losses);
         EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{state, "contents", 8})));
         EXPECT_EQ(rescue.reasons.size(), state == SalvageState::Whole ? 0U : 1U);
+    }
+}
+
+TEST(Salvage, AsksInEachWalkThroughACompoundFile) {
+    constexpr std::uint32_t kStreams = 200;
+    constexpr std::uint32_t kFree = 4000;
+    std::vector<Image::Item> items{{L"Root", 5, 0, Image::none, Image::none, 1}};
+    for (std::uint32_t i = 1; i <= kStreams; ++i)
+        items.push_back(
+            {L"s" + std::to_wstring(i), 2, 4096, Image::none, i < kStreams ? i + 1 : Image::none});
+    const Image whole(items, {});
+    Image lost(items, {});
+    for (std::uint32_t i = 1; i <= kStreams; ++i)
+        lost.element(i, Image::Start) = 0xFFFFFF;
+    Image marked = Image::document({9, false, kFree});
+    for (std::uint32_t i = 0, first = marked.number(Image::FatSectors); i < kFree; ++i)
+        marked.next(first + i) =
+            i % 8 == 0 ? first + i + 1 : 0xFFFFFFFD; // where no number leads, no part is known
+    marked.number(Image::Fat + 4) = Image::none;
+    Image withoutMiniTable = Image::document({9, false, kFree});
+    withoutMiniTable.number(Image::MiniFat) = Image::none;
+    const struct {
+        const char* name;
+        const Image& image;
+        std::uint32_t least;
+    } cases[] = {
+        {"streams are measured, claimed, begun and read", whole, 4 * kStreams},
+        {"or measured, claimed in part and told of", lost, 3 * kStreams},
+        {"the table is looked for in each sector, and in those that are marked", marked,
+         kFree + kFree * 3 / 4},
+        {"the table of small streams is looked for in each sector, as are lost elements", withoutMiniTable,
+         2 * kFree},
+    };
+    for (const auto& [name, image, least] : cases) {
+        SCOPED_TRACE(name);
+        Rescue rescue(image.bytes());
+        rescue.run();
+        EXPECT_GE(rescue.asked, least);
+        EXPECT_LT(rescue.asked, least + least / 6); // so that none of them can be missing
     }
 }
 
