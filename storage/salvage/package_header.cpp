@@ -122,10 +122,11 @@ public:
             output_.progress(std::exchange(passed, 0));
             const auto header = std::span<const std::byte>(end).subspan(i - 1);
             const std::uint64_t offset = begin + i - 1 - kStartBytes;
-            // What lies behind the header need not be there.
-            const std::uint64_t size = isPacked  ? packedHeaderSize(header, offset)
-                                       : isPlain ? plainHeaderSize(header, offset)
-                                                 : 0;
+            std::uint64_t size = 0; // what lies behind it need not be there
+            if (isPacked)
+                size = packedHeaderSize(header, offset);
+            else if (isPlain)
+                size = plainHeaderSize(header, offset);
             if (size == 0)
                 continue;
             if (isReadableAt(offset, size))
