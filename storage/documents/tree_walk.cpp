@@ -80,8 +80,8 @@ HRESULT TreeWalk::run() {
         path_.resize(levels_.size() - 1);
     }
     while (!levels_.empty())
-        levels_.pop_back(); // each before the one that it is in
-    if (mayHavePart_)
+        levels_.pop_back();                          // each before the one that it is in
+    if (mayHavePart_ || (isRedone_ && FAILED(end_))) // which may be behind the end, too
         return STG_E_WRITEFAULT;
     return end_ == E_ABORT ? end_ : first_.status();
 }
@@ -99,20 +99,27 @@ void TreeWalk::enter(Level level) {
     auto children = itemOf(current.from)->createEnumerator();
     if (note(children ? children->reset(itemOf(current.from)) : E_FAIL, StorageType::Storage) == S_OK)
         current.children = std::move(children);
+    else
+        passOverRest();
 }
 
 void TreeWalk::leave() {
     Level done = std::move(levels_.back());
     levels_.pop_back(); // whatever fails from here on
     const HRESULT listed = done.children ? done.children->status() : S_FALSE;
-    if (listed != S_FALSE) // there may be more
+    if (listed != S_FALSE) { // there may be more
         note(FAILED(listed) ? listed : STG_E_READFAULT, StorageType::Storage);
+        passOverRest();
+    }
     done.children.reset();
     if (!levels_.empty()) {
         // Gives back what they take in memory, unless the application uses it.
         done.from.deleteUnusedObjects();
+        HRESULT committed = S_OK;
         if (done.to.format() == StorageFormat::CompoundFile && SUCCEEDED(end_))
-            note(done.to.commit(), StorageType::Storage, true);
+            committed = note(done.to.commit(), StorageType::Storage, true);
+        if (committed != S_OK) // no part was taken away
+            passOverRest();
         done.to.deleteUnusedObjects();
     }
 }
@@ -151,12 +158,15 @@ void TreeWalk::meetStorage(const SharedPathName& name) {
             note(status, StorageType::Storage);
         if (isTooDeep)
             end_ = status;
+        passOver(name, StorageType::Storage);
         return;
     }
     if (isCopying())
         status = note(openTarget(name, child.to), StorageType::Storage, true);
     if (status == S_OK)
         enter(std::move(child));
+    else
+        passOver(name, StorageType::Storage);
 }
 
 HRESULT TreeWalk::openTarget(const SharedPathName& name, StorageRef& target) const {
@@ -208,6 +218,11 @@ void TreeWalk::endWithPart() {
         end_ = STG_E_WRITEFAULT;
 }
 
+/// What another copy has left of a node stays.
+void TreeWalk::passOver(const SharedPathName& name, StorageType type) {
+    mayHavePart_ = mayHavePart_ || (isRedone_ && levels_.back().to.hasChild(name, type));
+}
+
 /// A part is not taken for the whole.
 void TreeWalk::discardPart(VxStorage& to, const SharedPathName& name) {
     if (to.destroyChild(name) != S_OK)
@@ -224,12 +239,15 @@ void TreeWalk::copyStream(const SharedPathName& name) {
     if (!stream) {
         if (isCopying())
             note(FAILED(status) ? status : STG_E_READFAULT, StorageType::Stream);
+        passOver(name, StorageType::Stream);
         return;
     }
     buffer_.resize(kChunkSize);
     unsigned long long size = 0;
-    if (note(sizeOf(stream.Get(), size), StorageType::Stream) != S_OK)
+    if (note(sizeOf(stream.Get(), size), StorageType::Stream) != S_OK) {
+        passOver(name, StorageType::Stream);
         return;
+    }
     if (!isCopying()) {
         moveBytes(stream.Get(), size, nullptr);
         return;
@@ -240,6 +258,7 @@ void TreeWalk::copyStream(const SharedPathName& name) {
     ItemRef<VxStream> target = to.createChildStream(name, &status);
     if (!target) {
         note(status, StorageType::Stream, true);
+        passOver(name, StorageType::Stream);
         return;
     }
     // A package's contents get their memory in one piece; where there is none, writing says so.
@@ -285,8 +304,8 @@ bool TreeWalk::tell(unsigned long long bytes) {
 /// Takes down how it went with the node that the path leads to.
 HRESULT TreeWalk::note(HRESULT status, StorageType type, bool isInTarget) {
     const HRESULT failure = first_.note(outcomeOf(status));
-    // What another copy has left there is not reached then.
-    mayHavePart_ = mayHavePart_ || (isRedone_ && (isExhausted(failure) || failure == E_OUTOFMEMORY));
+    if (isExhausted(failure) || failure == E_OUTOFMEMORY)
+        passOverRest();
     if (failure == S_OK || !observer_ || FAILED(end_))
         return failure;
     const TreesLetGo letGo;
@@ -312,7 +331,8 @@ void TreeWalk::take(unsigned long long size) {
 void TreeWalk::giveBack() {
     inMemory_ = 0;
     StorageRef(source_).deleteUnusedObjects();
-    if (!isCopying() || target_.format() != StorageFormat::Package)
+    // Behind another copy there may be parts further on.
+    if (!isCopying() || isRedone_ || target_.format() != StorageFormat::Package)
         return;
     const HRESULT status = outcomeOf(target_.commit());
     StorageRef(target_).deleteUnusedObjects(); // gives back what the file holds now

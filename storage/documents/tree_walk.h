@@ -55,6 +55,8 @@ private:
     void copyInPackages(const SharedPathName& name, unsigned long long size);
     void checkClass(const SharedPathName& name);
     void copyStream(const SharedPathName& name);
+    void passOver(const SharedPathName& name, StorageType type);
+    void passOverRest() noexcept { mayHavePart_ = mayHavePart_ || isRedone_; }
     void discardPart(VxStorage& to, const SharedPathName& name);
     void endWithPart();
     HRESULT moveBytes(::IStream* from, unsigned long long size, VxStream* to);

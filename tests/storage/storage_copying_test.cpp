@@ -527,29 +527,77 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
     EXPECT_EQ(source.copyTo(target_), STG_E_READFAULT);
 }
 
-// What the system's copy has left of a stream may be there as long as nobody can reach it.
-TEST_F(CopyingOfFakes, PartsThatCannotBeReachedMayBeLeft) {
-    list({L"First"});
-    const std::pair<HRESULT, HRESULT> cases[]{{STG_E_ACCESSDENIED, STG_E_MEDIUMFULL},
-                                              {STG_E_TOOMANYOPENFILES, STG_E_WRITEFAULT},
-                                              {STG_E_INSUFFICIENTMEMORY, STG_E_WRITEFAULT},
-                                              {E_OUTOFMEMORY, STG_E_WRITEFAULT}};
-    const auto callOf = [&](const std::wstring& name) {
-        return static_cast<size_t>(std::ranges::find(calls_.log, name) - calls_.log.begin());
-    };
-    calls_.take();
-    calls_.failures = {{1, STG_E_MEDIUMFULL}}; // copying what has an "\1Ole"
-    EXPECT_EQ(source_.copyTo(package()), STG_E_MEDIUMFULL);
-    ASSERT_EQ(callOf(L"CopyTo"), 1u);
-    const size_t opening = callOf(L"OpenStream First 0x10");
-    for (const auto& [failure, result] : cases) {
+// What the system's copy has left of a stream may be there as long as nobody can reach it. So each call of
+// the copy behind it fails in turn, and what stays of a stream that is in the target is always told.
+TEST_F(CopyingOfFakes, PartsThatCannotBeReachedAreTold) {
+    constexpr HRESULT kFailures[]{STG_E_ACCESSDENIED, STG_E_TOOMANYOPENFILES, STG_E_INSUFFICIENTMEMORY,
+                                  E_OUTOFMEMORY, 0x20000002};
+    int number = 0, left = 0;
+    const auto copy = [&](const std::map<size_t, HRESULT>& failures, bool hasPart) {
+        SCOPED_TRACE(number);
+        const StorageRef target = package(L"package" + std::to_wstring(++number));
+        if (hasPart)
+            newStream(L"First", target, "part"), newStream(L"Second", newStorage(L"Box", target), "part");
         source_.deleteUnusedObjects();
         calls_.take();
-        calls_.failures = {{1, STG_E_MEDIUMFULL}};
-        for (size_t i = 0; i < 8; ++i) // also behind the clean-up
-            calls_.failures[opening + i] = failure;
-        EXPECT_EQ(source_.copyTo(package(std::to_wstring(failure))), result) << failure;
-    }
+        calls_.available = ~0ULL;
+        calls_.failures = failures;
+        calls_.failures[1] = STG_E_MEDIUMFULL; // the system's copy of what has an "\1Ole"
+        const long status = source_.copyTo(target);
+        StreamRef first;
+        const bool isLeft = first.open(L"First", target, true) == S_OK && first.size() == 4;
+        EXPECT_TRUE(status == STG_E_WRITEFAULT || (status == STG_E_MEDIUMFULL && !isLeft));
+        left += isLeft;
+        return status;
+    };
+    list({L"First"});
+    EXPECT_EQ(copy({}, true), STG_E_MEDIUMFULL);
+    const std::vector<std::wstring> calls = calls_.log;
+    ASSERT_EQ(std::ranges::find(calls, L"CopyTo") - calls.begin(), 1);
+    for (const HRESULT failure : kFailures)
+        for (size_t at = 2; at < calls.size(); ++at) {
+            std::map<size_t, HRESULT> failures;
+            for (size_t i = at; i < at + 8; ++i) // also behind the clean-up
+                failures[i] = failure;
+            copy(failures, true);
+            if (calls[at].starts_with(L"OpenStream") && failure == STG_E_ACCESSDENIED) {
+                EXPECT_EQ(copy(failures, false), STG_E_MEDIUMFULL);
+            }
+        }
+    EXPECT_GT(left, 10);
+    // What is too deep is not reached, nor is what comes behind it.
+    calls_.elements.insert(calls_.elements.begin(), {L"Box", STGTY_STORAGE});
+    EXPECT_EQ(copy({}, true), STG_E_WRITEFAULT);
+}
+
+// Nor has a part been taken away from a storage that cannot be committed.
+TEST_F(CopyingOfFakes, PartsInWhatIsNotCommittedAreTold) {
+    writeCompoundFile(folder_.file(L"foreign"), {{L"Box/", {}}, {L"Box/Note", "note"}, {L"\1Ole", "ole"}});
+    const StorageRef source = open(L"foreign");
+    EXPECT_NE(source.copyTo(target_), STG_E_WRITEFAULT);
+    const auto last =
+        std::ranges::find(targetCalls_.log.rbegin(), targetCalls_.log.rend(), L"Commit storage 0x2");
+    ASSERT_NE(last, targetCalls_.log.rend());
+    const auto number = static_cast<size_t>(targetCalls_.log.rend() - last) - 1;
+    targetCalls_.take();
+    targetCalls_.failures = {{number, STG_E_ACCESSDENIED}};
+    EXPECT_EQ(source.copyTo(target_), STG_E_WRITEFAULT);
+    targetCalls_.failures.clear();
+}
+
+// What may have parts further on is not committed on the way.
+TEST_F(CopyingOfFakes, PartsAreNotCommitted) {
+    list({L"First", L"Second"});
+    calls_.size = 64ULL << 20;
+    calls_.available = calls_.size;
+    calls_.take();
+    calls_.failures = {{1, STG_E_MEDIUMFULL}}; // the system's copy of what has an "\1Ole"
+    const StorageRef target = package();
+    newStream(L"Second", target, "part");
+    EXPECT_EQ(source_.copyTo(target), STG_E_MEDIUMFULL);
+    EXPECT_EQ(openStream(L"First", target).size(), calls_.size);
+    EXPECT_FALSE(target.hasChild(element(L"Second"), StorageType::Stream));
+    EXPECT_EQ(StorageRef().open(at(L"package"), modeReadDenyWrite, false), STG_E_FILENOTFOUND);
 }
 
 TEST_F(CopyingOfFakes, StreamsThatEndEarlyAreLeftOut) {
