@@ -98,13 +98,12 @@ DWORD open(TextFileReadStream& stream, const wchar_t* path, TextEncoding encodin
     return ERROR_SUCCESS;
 }
 
-/// Whether there certainly is no file. A link that leads nowhere is none.
+/// Whether there certainly is no file: where its folder cannot be found either, it may be back soon. A link
+/// that leads nowhere is none.
 bool isMissing(const wchar_t* path) {
     const DWORD attributes = platform().getAttributes(path);
-    if (attributes == INVALID_FILE_ATTRIBUTES) {
-        const DWORD error = lastError();
-        return error == ERROR_FILE_NOT_FOUND || error == ERROR_PATH_NOT_FOUND;
-    }
+    if (attributes == INVALID_FILE_ATTRIBUTES)
+        return lastError() == ERROR_FILE_NOT_FOUND;
     SimpleFile file;
     return (attributes & FILE_ATTRIBUTE_REPARSE_POINT) &&
            !file.Open(path, FileAccess::Read, FileCreation::OpenExisting, ProtectNothing) &&

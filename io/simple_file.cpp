@@ -76,14 +76,18 @@ unsigned long long moveAll(unsigned long long count, DWORD nothing, DWORD& error
     return done;
 }
 
-/// A pipe that its writer has closed ends there, although the system calls that a failure.
+/// A pipe that its writer has closed ends there, although the system calls that a failure. A file that fails
+/// in the same way, as one on a server may, does not.
 bool readFrom(HANDLE file, void* bytes, DWORD size, DWORD& moved) noexcept {
     if (platform().readFile(file, bytes, size, &moved, nullptr))
         return true;
-    if (lastError() != ERROR_BROKEN_PIPE)
-        return false;
-    moved = 0;
-    return true;
+    const DWORD error = lastError();
+    const bool isEnd = error == ERROR_BROKEN_PIPE && GetFileType(file) == FILE_TYPE_PIPE;
+    if (isEnd)
+        moved = 0;
+    else
+        SetLastError(error);
+    return isEnd;
 }
 
 } // namespace

@@ -31,6 +31,10 @@ protected:
         return result;
     }
 
+    static std::wstring pipeName() {
+        return L"\\\\.\\pipe\\vexel text files test " + std::to_wstring(GetCurrentProcessId());
+    }
+
     Support::TempFolder folder_;
     std::wstring path_ = folder_.file(L"file");
     TextEncoding found_{};
@@ -169,9 +173,9 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
                                                  TextEncoding::Detect, false));
 
     // What is cut off by a failure is no last line.
-    constexpr auto kPipeName = L"\\\\.\\pipe\\vexel text files test";
+    const std::wstring name = pipeName();
     const HANDLE pipe =
-        CreateNamedPipeW(kPipeName, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+        CreateNamedPipeW(name.c_str(), PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
     std::jthread writer([pipe] {
         const std::string lines = "one\n" + std::string((64 << 10) - 4, 'x'); // as much as is read ahead
         DWORD written = 0;
@@ -182,7 +186,7 @@ TEST_F(TextFiles, FailuresTellTheSystemsCode) {
     });
     vxio::TextFileReadStream cut;
     CString line;
-    EXPECT_TRUE(cut.Open(kPipeName, vxio::ProtectNothing, TextEncoding::Utf8, false));
+    EXPECT_TRUE(cut.Open(name.c_str(), vxio::ProtectNothing, TextEncoding::Utf8, false));
     writer.join();
     EXPECT_TRUE(cut.ReadString(line));
     EXPECT_FALSE(cut.ReadString(line));
@@ -265,9 +269,9 @@ TEST_F(TextFiles, ReadsWhatOthersAppendMeanwhile) {
 
 // Which have no length to verify the end by.
 TEST_F(TextFiles, PipesEndWhereTheirWritersCloseThem) {
-    constexpr auto kPipeName = L"\\\\.\\pipe\\vexel text test";
+    const std::wstring name = pipeName();
     const HANDLE pipe =
-        CreateNamedPipeW(kPipeName, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+        CreateNamedPipeW(name.c_str(), PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
     std::jthread writer([pipe] {
         DWORD written = 0;
         ConnectNamedPipe(pipe, nullptr);
@@ -278,13 +282,24 @@ TEST_F(TextFiles, PipesEndWhereTheirWritersCloseThem) {
     const PlatformGuard guard;
     refuse(Vexel::Detail::platform().getFileSize, ERROR_INVALID_PARAMETER);
     vxio::TextFileReadStream stream;
-    EXPECT_TRUE(stream.Open(kPipeName, vxio::ProtectNothing, TextEncoding::Detect, false));
+    EXPECT_TRUE(stream.Open(name.c_str(), vxio::ProtectNothing, TextEncoding::Detect, false));
     writer.join();
     std::wstring read;
     for (CString line; stream.ReadString(line); read += L"|")
         read += line.GetString();
     EXPECT_EQ(read, L"one|two|");
     EXPECT_EQ(stream.GetLastErrorCode(), 0u);
+}
+
+// What is the end of a pipe is none of a file.
+TEST_F(TextFiles, FilesDoNotEndLikePipes) {
+    Support::writeFile(path_, "one\ntwo");
+    vxio::FileReadStream stream;
+    ASSERT_TRUE(stream.Open(path_.c_str(), vxio::ProtectWriting));
+    const BadReads reads(0, INT_MAX, ERROR_BROKEN_PIPE);
+    char byte = 0;
+    EXPECT_EQ(stream.ReadBytes(&byte, 1), 0u);
+    EXPECT_EQ(stream.GetLastErrorCode(), ERROR_BROKEN_PIPE);
 }
 
 // Whether it is all of the line is not known.
