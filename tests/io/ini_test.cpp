@@ -362,7 +362,8 @@ TEST_F(Ini, WhatCannotBeReadIsNotBegunAnew) {
 // the file comes where it leads.
 TEST_F(Ini, BeginsAnewWhereThereIsNoFile) {
     auto& calls = Vexel::Detail::platform();
-    for (const DWORD error : {DWORD{ERROR_ACCESS_DENIED}, DWORD{ERROR_NETNAME_DELETED}}) {
+    for (const DWORD error :
+         std::initializer_list<DWORD>{ERROR_ACCESS_DENIED, ERROR_NETNAME_DELETED, ERROR_PATH_NOT_FOUND}) {
         static DWORD asking;
         asking = error;
         writeFile(path_, "[s]\nk=1\n");
@@ -448,9 +449,10 @@ TEST_F(Ini, ReadsAsMuchAsTheFileIsLong) {
     }
     EXPECT_EQ(readFile(path_), "[s]\nk=1\n");
 
-    constexpr auto kPipeName = L"\\\\.\\pipe\\vexel settings test"; // has no length
+    const std::wstring name = // has no length
+        L"\\\\.\\pipe\\vexel settings test " + std::to_wstring(GetCurrentProcessId());
     const HANDLE pipe =
-        CreateNamedPipeW(kPipeName, PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
+        CreateNamedPipeW(name.c_str(), PIPE_ACCESS_OUTBOUND, PIPE_TYPE_BYTE, 1, 0, 0, 0, nullptr);
     std::jthread writer([pipe] {
         DWORD written = 0;
         ConnectNamedPipe(pipe, nullptr);
@@ -458,7 +460,7 @@ TEST_F(Ini, ReadsAsMuchAsTheFileIsLong) {
     });
     {
         const BadReads reads(1, INT_MAX, ERROR_SUCCESS); // it ends behind what was written
-        EXPECT_FALSE(IniFile().Load(kPipeName));
+        EXPECT_FALSE(IniFile().Load(name.c_str()));
         EXPECT_GT(reads.calls(), 1);
     }
     writer.join();
