@@ -333,7 +333,7 @@ TEST_F(PropertySets, HaveNames) {
 TEST_F(PropertySets, HaveNamesBehindAListThatLacksItsPadding) {
     for (const bool isCounted : {false, true}) { // in the size, although it is not there
         Vexel::PropertyNames expected{{0x1008, L"Ab"}};
-        std::string names = number(8); // which makes no sense as a value's type
+        std::string names = number(8); // as a value's type that of a text, of a length that makes no sense
         for (PROPID id = 0x1001; id < 0x1008; ++id) {
             const wchar_t name[]{static_cast<wchar_t>(id), 0};
             expected[id] = name;
