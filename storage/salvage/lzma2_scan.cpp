@@ -190,13 +190,19 @@ bool Lzma2Scanner::isSound(const Lzma2Stream& stream) {
            stream.unpacked;
 }
 
+/// Whether there is something to look at. Behind too much that was in vain that is only where streams ended.
+bool Lzma2Scanner::hasMore() {
+    ends_.erase(ends_.begin(), ends_.lower_bound(position_));
+    if (workLeft_ == 0 && position_ < end_ && !isAtEnd()) {
+        givenUpAt_ = givenUpAt_.value_or(position_);
+        position_ = ends_.empty() ? end_ : *ends_.begin();
+    }
+    return position_ < end_;
+}
+
 std::optional<Lzma2Stream> Lzma2Scanner::next() {
-    if (workLeft_ == 0)
-        position_ = (std::max)(position_, believed_);
-    for (std::uint64_t passed = 0; position_ < end_; ++position_) {
-        const bool isBelieved = position_ == believed_;
-        if (workLeft_ == 0 && !isBelieved)
-            break;
+    for (std::uint64_t passed = 0; hasMore(); ++position_) {
+        const bool isBelieved = isAtEnd();
         if (++passed % kPieceBytes == 0)
             progress_(kPieceBytes);
         const bool isBehindEnd = passedByteAt(position_ - 1) == kEndMark;
@@ -212,6 +218,7 @@ std::optional<Lzma2Stream> Lzma2Scanner::next() {
         if (isBelieved ? stream.packed == 0 : !isSound(stream))
             continue;
         stream.isAdjacent = isBelieved;
+        stream.mayBePart = ends_.contains(stream.begin + stream.packed);
         take(stream, before);
         return stream;
     }
@@ -221,7 +228,8 @@ std::optional<Lzma2Stream> Lzma2Scanner::next() {
 void Lzma2Scanner::take(const Lzma2Stream& stream, std::uint64_t workBefore) {
     lastWork_ = workBefore - std::exchange(workLeft_, workBefore); // was not in vain
     position_ = (std::min)(stream.begin + stream.packed, end_);
-    believed_ = stream.isEnded ? position_ : 0;
+    if (stream.isEnded)
+        ends_.insert(position_);
 }
 
 /// How many packed bytes of the stream are known to be its own: up to the last chunk of LZMA behind which
@@ -244,7 +252,7 @@ std::uint64_t Lzma2Scanner::ownBytes(const Lzma2Stream& stream, std::uint64_t un
 void Lzma2Scanner::wasDecoded(const Lzma2Stream& stream, std::uint64_t unpacked) {
     if (stream.isEnded && unpacked == stream.unpacked)
         return;
-    work(lastWork_); // or following it could be repeated without end
+    work(lastWork_ + kDecoderWork + stream.packed); // or this could be repeated without end
     position_ = stream.begin + (std::max)(ownBytes(stream, unpacked), std::uint64_t{1});
 }
 

@@ -7,6 +7,7 @@
 #include <cstdint>
 #include <functional>
 #include <optional>
+#include <set>
 #include <span>
 #include <utility>
 
@@ -26,7 +27,8 @@ struct Lzma2Stream {
     std::uint64_t unpacked = 0;
     bool isEnded = false;    ///< its chunks lead to an end mark
     bool isPacked = false;   ///< it has chunks of LZMA, which cannot be anything else
-    bool isAdjacent = false; ///< it begins where the one before ended
+    bool isAdjacent = false; ///< it begins where another one ended
+    bool mayBePart = false;  ///< it ends where a damaged one did, whose last part it may be
 };
 
 class Lzma2Scanner {
@@ -36,7 +38,7 @@ public:
     /// Looks at the bytes from `begin` to `end` of the source. `progress` is told of those that were passed,
     /// and asked at least for each 64 KiB of what is tried beside; it may throw.
     Lzma2Scanner(SalvageSource& source, std::uint64_t begin, std::uint64_t end, Progress progress)
-        : source_(source), progress_(std::move(progress)), position_(begin), end_(end), believed_(begin),
+        : source_(source), progress_(std::move(progress)), position_(begin), end_(end), ends_{begin},
           workLeft_(kMostWork * (end - begin) + kFreeWork) {}
 
     /// The next stream. One that is not adjacent is only given when all of it decodes, or nothing in it
@@ -45,10 +47,9 @@ public:
     /// To be told how many bytes of the last stream came out. If these are not all, or it did not end, its
     /// chunks may have led over other streams: the next is looked for behind what is known to be its own.
     void wasDecoded(const Lzma2Stream& stream, std::uint64_t unpacked);
-    /// Where the bytes begin that were not looked at, because too much was tried in vain before.
-    std::optional<std::uint64_t> givenUpAt() const noexcept {
-        return workLeft_ == 0 && position_ < end_ ? std::optional(position_) : std::nullopt;
-    }
+    /// Where the bytes begin that were not looked at, because too much was tried in vain before. Behind it
+    /// only what follows the streams that were found is looked at.
+    std::optional<std::uint64_t> givenUpAt() const noexcept { return givenUpAt_; }
 
 private:
     static constexpr std::uint64_t kMostWork = 16;
@@ -68,6 +69,8 @@ private:
     Lzma2Stream measure(std::uint64_t begin);
     bool addChunk(Lzma2Stream& stream, std::uint8_t control, bool& hasProperties);
     bool isSound(const Lzma2Stream& stream);
+    bool isAtEnd() const { return !ends_.empty() && *ends_.begin() == position_; }
+    bool hasMore();
     void take(const Lzma2Stream& stream, std::uint64_t workBefore);
     std::uint64_t ownBytes(const Lzma2Stream& stream, std::uint64_t unpacked);
     void work(std::uint64_t bytes);
@@ -76,8 +79,11 @@ private:
     const Progress progress_;
     std::uint64_t position_;
     const std::uint64_t end_;
-    std::uint64_t believed_;     // where the stream before ended, so that another begins; 0 if nowhere
-    std::uint64_t workLeft_;     // bounds what is tried in vain
+    /// Where streams ended, so that others begin, from `position_` on: behind a damaged stream's end the next
+    /// is believed to begin even if others were found in between.
+    std::set<std::uint64_t> ends_;
+    std::uint64_t workLeft_; // bounds what is tried in vain
+    std::optional<std::uint64_t> givenUpAt_;
     std::uint64_t lastWork_ = 0; // for the last stream
     std::uint64_t unasked_ = 0;  // work since `progress_` was asked
     Window passed_;              // at `position_`

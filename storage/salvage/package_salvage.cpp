@@ -48,6 +48,9 @@ constexpr const char* kNoChecksum = "the package has no checksum of it";
 constexpr const char* kUnknownMethod = "it is packed in a way that is not known here, or encrypted";
 constexpr const char* kBehindDamage = "it is packed behind damaged bytes";
 constexpr const char* kNotChecked = "its name, size and checksum are lost with the header";
+constexpr const char* kMayBePart =
+    "its name, size and checksum are lost with the header, and it may be the end of "
+    "the damaged one before it";
 constexpr const char* kCutOff = "its packed bytes are cut off or damaged";
 
 std::u16string toNames(std::wstring_view text) { return {text.begin(), text.end()}; }
@@ -356,7 +359,9 @@ std::uint64_t deliverStream(SalvageSource& source, const Lzma2Stream& stream, co
     node.state = stream.isEnded ? SalvageState::Unchecked : SalvageState::CutShort;
     node.size = stream.unpacked;
     node.there = stream.unpacked;
-    node.reason = stream.isEnded ? kNotChecked : kCutOff;
+    node.reason = stream.mayBePart ? kMayBePart : kNotChecked;
+    if (!stream.isEnded)
+        node.reason = kCutOff;
     const bool isWanted = output.stream(node);
     node.there = decodeLzma2(source, stream, [&](std::span<const std::byte> bytes) {
         if (isWanted)

@@ -86,6 +86,7 @@ public:
     }
     void onBytes(std::span<const std::byte> bytes) override {
         bytes_.append(reinterpret_cast<const char*>(bytes.data()), bytes.size());
+        given += bytes.size();
     }
     void onStreamEnd(const SalvagedNode& node) override {
         countNode();
@@ -108,6 +109,7 @@ public:
     std::vector<std::string> damage;
     std::vector<std::string> reasons;
     std::map<std::u16string, Found> streams;
+    std::uint64_t given = 0; ///< bytes
     std::uint64_t asked = 0;
     std::uint64_t lastAsked = 0; ///< the call that is answered with no
 
@@ -156,6 +158,7 @@ TEST_P(Mazes, AreReadSoOftenOnlyAndAskWhetherToGoOn) {
     EXPECT_NE(rescue.run(), SalvageOutcome::OutOfMemory);
     EXPECT_FALSE(rescue.source.hasAskedBeyond);
     EXPECT_LE(rescue.source.taken, kMostOften * maze.bytes.size());
+    EXPECT_LE(rescue.given, kMostOften * maze.bytes.size());
     EXPECT_LE(rescue.source.mostUnasked, kMostUnasked + maze.bytes.size());
     Rescue ended(maze.bytes);
     ended.lastAsked = rescue.asked / 2 + 1;
@@ -172,6 +175,38 @@ const std::string kPackedStream = bytes({0xE0, 0x00, 0x1B, 0x00, 0x0D, 0x5D, 0x0
 Maze ofStreams(const char* name, const std::string& piece, const std::string& end = {}) {
     return {name, kHeadless + '\0' + repeat(piece, kMazeBytes) + end};
 }
+/// Bytes as they are, as chunks of a stream.
+std::string stored(std::string_view contents, char first = 1) {
+    std::string chunks;
+    for (std::string_view rest = contents; !rest.empty(); first = 2) {
+        const std::string_view piece = rest.substr(0, 0x10000);
+        rest.remove_prefix(piece.size());
+        const std::size_t size = piece.size() - 1;
+        chunks += {first, static_cast<char>(size >> 8), static_cast<char>(size)};
+        chunks += piece;
+    }
+    return chunks;
+}
+
+/// A row of stored chunks in whose first ones streams begin that do not decode at once, but lead into the
+/// row: each gives all of it.
+Maze ofStreamsIntoOneRow() {
+    constexpr std::size_t kStep = 3 + 0x10000;
+    std::string file = kHeadless;
+    for (std::size_t row = 0; row < 16; ++row) {
+        std::string contents(0x10000, 'x');
+        for (std::size_t at = 0; row < 3 && at + 100 < contents.size(); at += kPackedStream.size() + 4) {
+            const std::string begin = '\0' + kPackedStream + '\1';
+            const std::size_t rest = contents.size() - at - begin.size() - 3;
+            contents.replace(at, begin.size() + 2,
+                             begin + static_cast<char>(rest >> 8) + static_cast<char>(rest));
+        }
+        file += stored(contents, row == 0 ? 1 : 2);
+    }
+    EXPECT_EQ(file.size(), kHeadless.size() + 16 * kStep);
+    return {"StreamsIntoOneRow", file};
+}
+
 Maze ofHeaders(const char* name, const std::string& piece) {
     return {name, kHeadless + repeat(piece, kMazeBytes / 4)};
 }
@@ -207,6 +242,7 @@ std::vector<Maze> mazes() {
             ofStreams("DamagedStreams", "\0\xE0\0\0\0\0\x5D\xFF"s, "\0"s),
             // Each begins behind a sound one, does not decode, and leads over the next sound ones to the end.
             ofStreams("StreamsWithoutEnd", "\xE0\0\0\0\x16\x5D\xFF\0"s + kPackedStream),
+            ofStreamsIntoOneRow(),
             ofMiniTables()};
 }
 INSTANTIATE_TEST_SUITE_P(All, Mazes, testing::ValuesIn(mazes()),
@@ -317,17 +353,13 @@ TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
     constexpr std::size_t kBegin = 1024;
     constexpr std::size_t kEnd = 2048;
     const std::string before(kBegin - kHeadless.size() - 3, 'b');
-    const auto chunk = [](char control, const std::string& contents) {
-        const std::size_t size = contents.size() - 1;
-        return std::string{control, static_cast<char>(size >> 8), static_cast<char>(size)} + contents;
-    };
     constexpr std::uint64_t kMostCalls = 50; // not one for each byte
-    const std::string rest = chunk(2, std::string(3000, 'r')) + '\0' + chunk(1, "behind") + '\0';
+    const std::string rest = stored(std::string(3000, 'r'), 2) + '\0' + stored("behind") + '\0';
     for (const std::size_t shift :
          {0U, 1U, 2U}) { // so many bytes of the chunk's control and sizes can be read
         SCOPED_TRACE(shift);
         const std::string first = before.substr(shift);
-        const std::string file = kHeadless + chunk(1, first) + rest;
+        const std::string file = kHeadless + stored(first) + rest;
         Rescue rescue(file);
         rescue.source.badBegin = kBegin;
         rescue.source.badEnd = kEnd;
@@ -362,8 +394,63 @@ TEST(Salvage, FindsPackedStreamsThatWrongSizesLeadOver) {
     }
 }
 
+constexpr const char* kGivenUp = "too much makes no sense to look at the packed bytes from here on";
+constexpr const char* kPassedOver = "packed bytes that make no sense are passed over, up to byte";
+
+// What follows a stream whose sizes are sound comes back, whatever lies in that stream.
+TEST(Salvage, FindsWhatFollowsADamagedStream) {
+    const std::string damaged = "\xE0\0\0\0\0\x5D\xFF"s;
+    const std::string& sound = kPackedStream;
+    const Found lost{SalvageState::Lost, "", 0};
+    const Found whole{SalvageState::Unchecked, "salvagesalvagesalvagesalvage", 28};
+    const Found begun{SalvageState::CutShort, "begun", 5};
+    const struct {
+        const char* name;
+        std::string packed;
+        std::vector<Found> streams;
+        bool isGivenUp, isPassedOver;
+    } cases[] = {
+        {"nothing", damaged + '\0' + sound, {lost, whole}, false, false},
+        {"a sound stream, and the next is damaged, too",
+         damaged + stored("x\0"s + sound + 'x', 2) + '\0' + stored("begun") + damaged + '\0' + sound,
+         {lost, whole, begun, whole},
+         false,
+         true},
+        {"a sound stream behind which a longer one seems to begin",
+         damaged + stored('\0' + sound + stored("1234").substr(0, 6), 2) + '\0' + stored("begun") + damaged +
+             '\0' + sound,
+         {lost, whole, {SalvageState::CutShort, "123\0begun"s, 9}, begun, whole},
+         false,
+         true},
+        {"its own last part", damaged + stored("\0"s, 2) + sound + sound, {lost, whole, whole}, false, true},
+        {"more than is looked at",
+         damaged + stored(repeat("\0\1\0\0"s, 0x100000), 2) + '\0' + sound + sound,
+         {lost, whole, whole},
+         true,
+         false},
+        {"more than is looked at, and nothing follows",
+         damaged + stored(repeat("\0\1\0\0"s, 0x100000), 2) + '\0',
+         {lost},
+         true,
+         false},
+    };
+    for (const auto& [name, packed, streams, isGivenUp, isPassedOver] : cases) {
+        SCOPED_TRACE(name);
+        const std::string file = kHeadless + packed;
+        Rescue rescue(file);
+        rescue.run();
+        std::vector<Found> found;
+        for (const auto& stream : rescue.streams)
+            found.push_back(stream.second);
+        EXPECT_EQ(rescue.reasons.size() > 1 && rescue.reasons[1].ends_with("the damaged one before it"),
+                  std::string(name) == "its own last part");
+        EXPECT_EQ(found, streams);
+        EXPECT_EQ(std::count(rescue.damage.begin(), rescue.damage.end(), kGivenUp), isGivenUp);
+        EXPECT_EQ(std::count(rescue.damage.begin(), rescue.damage.end(), kPassedOver), isPassedOver);
+    }
+}
+
 TEST(Salvage, GivesUpAfterMuchThatWasInVainAndSaysSo) {
-    constexpr const char* kGivenUp = "too much makes no sense to look at the packed bytes from here on";
     const std::string& stream = kPackedStream;
     constexpr unsigned kStreams = 300;
     const struct {
