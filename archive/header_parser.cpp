@@ -223,6 +223,7 @@ bool HeaderParser::parsePackInfo(HeaderStreams& streams) noexcept {
         if (i == 0)
             streams.firstPacked = size;
     }
+    streams.packedEnd = packedRange_ - room;
     for (;;) {
         const std::uint64_t id = reader_.number();
         if (id == HeaderId::kEnd)

@@ -122,6 +122,7 @@ struct HeaderFolder {
 struct HeaderStreams {
     std::uint64_t offset = 0;      ///< of the first packed stream, after the archive's first bytes
     std::uint64_t firstPacked = 0; ///< bytes of that stream
+    std::uint64_t packedEnd = 0;   ///< of the last packed stream, counted as `offset`
     std::uint32_t packStreams = 0; ///< how many no folder has taken yet
     std::vector<HeaderFolder> folders;
     std::uint32_t count = 0; ///< of the streams that come out of all folders

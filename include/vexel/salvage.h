@@ -40,15 +40,17 @@ public:
 
     virtual std::uint64_t size() const noexcept = 0;
     /// Fills `target` from `offset` on and returns the number of bytes read: fewer at the end of the file, or
-    /// where it cannot be read. What cannot be read counts as lost.
+    /// where it cannot be read. What cannot be read counts as lost, up to the next multiple of 512 bytes.
     virtual std::size_t read(std::uint64_t offset, std::span<std::byte> target) noexcept = 0;
 };
 
 enum class SalvageState {
     Whole,
-    Unchecked, ///< all of its bytes are there, but nothing says whether they are right
-    CutShort,  ///< not all of its bytes are there, or it cannot be told whether they are its own
-    Lost       ///< none of its bytes are there
+    /// All of its bytes are there, as far as can be told, but nothing says whether they are right, or,
+    /// without a package's header, whether they are the end of a damaged stream.
+    Unchecked,
+    CutShort, ///< not all of its bytes are there, or it cannot be told whether they are its own
+    Lost      ///< none of its bytes are there
 };
 
 /// A node that was found. It holds during the call that has it.

@@ -6,6 +6,8 @@
 
 #include "storage/salvage/lzma2_scan.h"
 
+#include "storage/salvage/salvage_output.h"
+
 #include <Alloc.h>
 #include <Lzma2Dec.h>
 
@@ -28,8 +30,6 @@ constexpr std::uint8_t kLzmaWithReset = 0xE0;
 constexpr std::uint8_t kMostProperties = 9 * 5 * 5;
 
 constexpr std::size_t kPieceBytes = 0x10000;
-/// What cannot be read ends at a multiple of this, and is not asked for byte by byte.
-constexpr std::uint64_t kSectorBytes = 512;
 /// What is read where a chunk begins far from the one before; what it takes to read at all, and to begin to
 /// decode.
 constexpr std::size_t kChunkWindow = 256;
@@ -209,7 +209,7 @@ std::optional<Lzma2Stream> Lzma2Scanner::next() {
         const auto control = passedByteAt(position_);
         if (!control) {
             progress_(0);
-            position_ |= kSectorBytes - 1;
+            position_ = nextSector(position_) - 1;
         }
         if (!(isBelieved || isBehindEnd) || !isBeginning(control))
             continue;

@@ -106,10 +106,7 @@ public:
         const std::uint64_t room = source_.size() - (std::min<std::uint64_t>)(source_.size(), kStartBytes);
         std::vector<std::byte> end(static_cast<std::size_t>((std::min)(room, kSearched)));
         const std::uint64_t begin = source_.size() - end.size();
-        // Where a piece cannot be read, there is no header.
-        for (std::size_t done = 0; done < end.size(); done += kReadBytes)
-            source_.read(begin + done,
-                         std::span(end).subspan(done, (std::min)(kReadBytes, end.size() - done)));
+        readAll(begin, end);
         workLeft_ = kMostWork * end.size() + kFreeWork;
         const auto at = [&](std::size_t index) { return std::to_integer<std::uint64_t>(end[index]); };
         std::size_t passed = 0;
@@ -122,12 +119,15 @@ public:
             output_.progress(std::exchange(passed, 0));
             const auto header = std::span<const std::byte>(end).subspan(i - 1);
             const std::uint64_t offset = begin + i - 1 - kStartBytes;
-            std::uint64_t size = 0; // what lies behind it need not be there
+            HeaderStreams streams;
+            std::uint64_t size = 0;
             if (isPacked)
-                size = packedHeaderSize(header, offset);
+                size = packedHeaderSize(header, offset, streams);
             else if (isPlain)
-                size = plainHeaderSize(header, offset);
-            if (size == 0)
+                size = plainHeaderSize(header, offset, streams);
+            // Another package's in this one does not stand right behind its streams, counted from here on.
+            const bool isInner = size < header.size() && streams.packedEnd != offset;
+            if (size == 0 || isInner)
                 continue;
             if (isReadableAt(offset, size))
                 return true;
@@ -137,6 +137,19 @@ public:
     }
 
 private:
+    /// Leaves zeros, which are no header, where sectors cannot be read.
+    void readAll(std::uint64_t begin, std::span<std::byte> target) {
+        for (std::size_t done = 0; done < target.size();) {
+            const std::size_t wanted = (std::min)(kReadBytes, target.size() - done);
+            const std::size_t count = source_.read(begin + done, target.subspan(done, wanted));
+            done += count;
+            if (count == wanted)
+                continue;
+            output_.progress(0);
+            done = static_cast<std::size_t>(nextSector(begin + done) - begin);
+        }
+    }
+
     void work(std::uint64_t bytes) noexcept { workLeft_ -= (std::min)(workLeft_, bytes); }
 
     /// What a parser has gone through, and the list of folders that it has made room for.
@@ -146,9 +159,9 @@ private:
     }
 
     /// How many of these bytes tell of a packed header, without a look at that; 0 if they do not.
-    std::uint64_t packedHeaderSize(std::span<const std::byte> bytes, std::uint64_t offset) {
+    std::uint64_t packedHeaderSize(std::span<const std::byte> bytes, std::uint64_t offset,
+                                   HeaderStreams& streams) {
         HeaderParser parser(bytes, offset);
-        HeaderStreams streams;
         parser.reader().number();
         const bool isSound = parser.parseStreams(streams) && !streams.folders.empty();
         work(parser, streams);
@@ -165,9 +178,9 @@ private:
 
     /// How many of these bytes are a header with items; 0 if they are none. Names, too, end as headers
     /// without any begin.
-    std::uint64_t plainHeaderSize(std::span<const std::byte> bytes, std::uint64_t offset) {
+    std::uint64_t plainHeaderSize(std::span<const std::byte> bytes, std::uint64_t offset,
+                                  HeaderStreams& streams) {
         HeaderParser beginning(bytes, offset);
-        HeaderStreams streams;
         beginning.reader().number();
         std::uint64_t id = beginning.reader().number();
         if (id == HeaderId::kMainStreamsInfo && beginning.parseStreams(streams))

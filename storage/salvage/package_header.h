@@ -22,7 +22,8 @@ private:
 };
 
 /// Reads the package's list of items: from the header that its beginning refers to; from there although the
-/// checksum is wrong; or from one that ends the file. False if there is none of which anything can be read.
+/// checksum is wrong; or from one near the end of the file. False if there is none of which anything can be
+/// read.
 bool readHeader(SalvageSource& source, NArchive::N7z::CDbEx& database, Output& output);
 
 } // namespace Vexel::Detail::Salvage

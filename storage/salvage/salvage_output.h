@@ -10,6 +10,12 @@
 
 namespace Vexel::Detail::Salvage {
 
+/// Where there may be bytes again behind one that cannot be read: no disk has smaller sectors.
+constexpr std::uint64_t nextSector(std::uint64_t offset) noexcept {
+    constexpr std::uint64_t kSectorBytes = 512;
+    return (offset / kSectorBytes + 1) * kSectorBytes;
+}
+
 /// Thrown when the observer wants the work to end, and caught where it began.
 struct Ended {};
 

@@ -274,8 +274,34 @@ TEST(Salvage, FindsAHeaderBehindWhatCannotBeRead) {
     rescue.source.badBegin = 32 + kReadable;
     rescue.source.badEnd = rescue.source.badBegin + 512;
     EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
-    EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{SalvageState::CutShort,
-                                                                contents.substr(0, kReadable), kReadable})));
+    const Found part{SalvageState::CutShort, contents.substr(0, kReadable), kReadable};
+    EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", part)));
+    Rescue closer(package); // in the last sectors
+    closer.source.badBegin = package.size() / 512 * 512 - 1024;
+    closer.source.badEnd = closer.source.badBegin + 512;
+    EXPECT_EQ(closer.run(), SalvageOutcome::Losses);
+    EXPECT_EQ(closer.streams[u"file"].there, closer.source.badBegin - 32);
+}
+
+// A package may have others in it, as they are. Their headers lead to nothing in it.
+TEST(Salvage, TakesNoHeaderOfAnInnerPackage) {
+    const std::string inner = storedPackage("inner", digestOf("inner"));
+    const std::string empty = archiveOf({}, listHeader(1, u"none"));
+    const std::string packed = archiveOf(
+        {}, packedHeader(copyFolder, 0, 1)); // whose header would be found right behind the beginning
+    for (const std::string& other : {inner, empty, packed, kHeadless + "\1\5\3\x0E\1\xE0\0\0"s}) {
+        const std::string outer = "outer" + other + std::string(100, 'x');
+        const std::string headless = kHeadless + stored(outer) + '\0' + kPackedStream;
+        Rescue rescue(headless);
+        EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+        EXPECT_EQ(rescue.streams[u"item 0001"].bytes, outer);
+        std::string package = storedPackage(outer, digestOf(outer)) + "behind";
+        package.replace(8, 24, 24, '\xEE');
+        Rescue whole(package);
+        EXPECT_EQ(whole.run(), SalvageOutcome::Losses);
+        EXPECT_THAT(whole.streams,
+                    ElementsAre(Pair(u"file", Found{SalvageState::Whole, outer, outer.size()})));
+    }
 }
 
 TEST(Salvage, AsksWhileItReadsHeadersOfWhateverSize) {
