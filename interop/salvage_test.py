@@ -19,7 +19,7 @@ WAYS = int(os.environ.get("VEXEL_WAYS", "4"))
 COMPOUND = ["namesdemo.xls", "foreign-tree.cfb", "large-sectors.cfb"]
 PACKAGES = ["plain-lzma2.7z", "plain-lzma-packed-header.7z", "copy.7z", "solid.7z"]
 
-# Takes the place of what reads files for Wine, and cannot read one sector of a file.
+# Takes the place of what reads files for Wine, and cannot read one sector of a file. Each attempt is noted.
 BAD_DISK = rb"""
 #define _GNU_SOURCE
 #include <dlfcn.h>
@@ -33,6 +33,9 @@ ssize_t pread64(int file, void *bytes, size_t size, off64_t at) {
   const long bad = atol(getenv("BAD_AT"));
   snprintf(link, sizeof link, "/proc/self/fd/%d", file);
   if (readlink(link, name, sizeof name - 1) > 0 && strstr(name, "bad.7z") && at < bad + 512 && at + (long)size > bad) {
+    FILE *attempts = fopen(getenv("BAD_ATTEMPTS"), "a");
+    fputc('x', attempts);
+    fclose(attempts);
     errno = EIO;
     return -1;
   }
@@ -216,7 +219,7 @@ class Salvage(CommandTest):
                     self.check(path, PackageNeeds(path, self.directory / f"{path.name}.{damaged.__name__}"), damaged)
 
     def test_a_large_header_with_a_wrong_checksum(self):
-        """It is longer than what the program reads at once, and than what is searched at the end of the file."""
+        """It is longer than what is searched at the end of the file."""
         padding = b"\x63\xF0" + struct.pack("<I", 0x1100000) + bytes(0x1100000)  # a property that nobody knows
         header = (b"\1\5\1" b"\x0E\1\x80" b"\x0F\1\x80" + padding + b"\x11\x05\0" + "f\0".encode("utf-16-le") + b"\0\0")
         place = struct.pack("<QQI", 0, len(header), 0)
@@ -224,20 +227,41 @@ class Salvage(CommandTest):
         rescued, report = self.rescue("large", start + header)
         self.assertEqual((rescued, report["lost"]), ({"f": b""}, []))
 
-    def test_what_lies_before_sectors_that_cannot_be_read(self):
-        """The disk is one that fails to read them: what of the file comes before them comes back to the byte."""
+    def test_sectors_that_cannot_be_read(self):
+        """The disk is one that fails to read them: what of the file comes before them comes back to the byte, as does
+        all of the next. The disk takes its time over each attempt."""
         library = self.directory / "bad_disk.so"
         subprocess.run(["cc", "-shared", "-fPIC", "-o", library, "-xc", "-"], input=BAD_DISK, check=True)
         contents = random.Random(1).randbytes(300_000)
-        (self.directory / "f").write_bytes(contents)
-        path = self.directory / "bad.7z"
-        seven_zip("a", "-m0=copy", path, self.directory / "f")
+        for name in "fg":
+            (self.directory / name).write_bytes(contents)
+        path, attempts = self.directory / "bad.7z", self.directory / "attempts"
+        seven_zip("a", "-m0=copy", path, self.directory / "f", self.directory / "g")
         for bad in [512, 4096, 100_352, 299_520]:
             with self.subTest(bad):
-                with unittest.mock.patch.dict(os.environ, LD_PRELOAD=str(library), BAD_AT=str(bad)):
+                attempts.write_bytes(b"")
+                with unittest.mock.patch.dict(os.environ, LD_PRELOAD=str(library), BAD_AT=str(bad),
+                                              BAD_ATTEMPTS=str(attempts)):
                     result = vexel("salvage", "--partial", "--force", path, self.directory / "out.7z")
                 self.assertEqual(unpack(self.directory / "out.7z", self.directory / str(bad)),
-                                 {"f": contents[:bad - 32]}, result.stderr)
+                                 {"f": contents[:bad - 32], "g": contents}, result.stderr)
+                self.assertLess(len(attempts.read_bytes()), 30)
+
+    def test_a_package_of_more_than_4_gib(self):
+        """Before its contents and its header there is a hole."""
+        def number(value):
+            return b"\xFF" + struct.pack("<Q", value)
+
+        header = (b"\1\4" b"\6" + number(2 ** 32) + b"\1\x09" + number(6) + b"\0" b"\7\x0B\1\0\1\1\0\x0C" + number(6)
+                  + b"\x0A\1" + struct.pack("<I", zlib.crc32(b"behind")) + b"\0\0" b"\5\1" b"\x11\5\0f\0\0\0" b"\0\0")
+        place = struct.pack("<QQI", 2 ** 32 + 6, len(header), 0)
+        with open(self.directory / "large", "wb") as file:
+            file.write(b"7z\xBC\xAF\x27\x1C\0\4" + struct.pack("<I", zlib.crc32(place)) + place)
+            file.seek(2 ** 32, os.SEEK_CUR)
+            file.write(b"behind" + header)
+        result = vexel("salvage", self.directory / "large", self.directory / "out.7z")
+        self.assertEqual(result.returncode, 1, result.stderr)
+        self.assertEqual(unpack(self.directory / "out.7z", self.directory / "files"), {"f": b"behind"})
 
 
 if __name__ == "__main__":

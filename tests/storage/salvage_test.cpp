@@ -397,6 +397,17 @@ TEST(Salvage, FindsPackedStreamsBehindWhatCannotBeRead) {
     }
 }
 
+TEST(Salvage, AsksWhereNothingCanBeRead) {
+    constexpr std::size_t kSectors = 1000;
+    const std::string file = kHeadless + std::string(kSectors * 512, 'x');
+    Rescue rescue(file);
+    rescue.source.badEnd = file.size();
+    rescue.source.badBegin = kHeadless.size();
+    rescue.run();
+    EXPECT_GE(rescue.asked, 2 * kSectors); // looking for a header, and for streams
+    EXPECT_LE(rescue.source.calls, 4 * kSectors);
+}
+
 TEST(Salvage, FindsPackedStreamsThatWrongSizesLeadOver) {
     constexpr unsigned kStreams = 10;
     const std::size_t size = kPackedStream.size();

@@ -60,19 +60,19 @@ public:
         std::size_t done = 0;
         for (std::uint64_t most = kLargestRead; done < target.size() && offset + done < size_;) {
             const std::uint64_t at = offset + done;
-            if (at == unreadable_)
+            if (at / kSectorBytes == unreadable_)
                 break;
             std::uint64_t end = (std::min)(offset + target.size(), at + most);
             if (most < kLargestRead && end / kSectorBytes > at / kSectorBytes)
                 end -= end % kSectorBytes;
-            if (at < unreadable_)
-                end = (std::min)(end, unreadable_);
+            if (at / kSectorBytes < unreadable_)
+                end = (std::min)(end, unreadable_ * kSectorBytes);
             const std::size_t came = readPiece(at, target.subspan(done, static_cast<std::size_t>(end - at)));
             done += came;
             if (came > 0)
                 continue;
             if ((end - 1) / kSectorBytes == at / kSectorBytes) {
-                unreadable_ = at;
+                unreadable_ = at / kSectorBytes;
                 break;
             }
             most = (end - at) / 2;
@@ -92,6 +92,8 @@ public:
 private:
     static constexpr std::size_t kLargestRead = 0x1000000;
     static constexpr std::uint64_t kSectorBytes = 512;
+    static constexpr std::uint64_t kNoSector =
+        ~std::uint64_t{0} / kSectorBytes; // behind the end of every file
 
     std::size_t readPiece(std::uint64_t offset, std::span<std::byte> target) noexcept {
         OVERLAPPED position{};
@@ -108,7 +110,7 @@ private:
     Detail::FileHandle file_;
     BY_HANDLE_FILE_INFORMATION info_{};
     std::uint64_t size_ = 0;
-    std::uint64_t unreadable_ = ~std::uint64_t{0}; // where a sector could not be read last
+    std::uint64_t unreadable_ = kNoSector; // the sector that could not be read last
 };
 
 std::wstring nodePathOf(const SalvagedNode& node) {
