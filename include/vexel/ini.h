@@ -151,8 +151,9 @@ public:
     //
     // Setting begins with the settings that are in the file. It begins with none when there is no file, and
     // also when the file has a line that makes Load fail: then all its settings are lost, which is logged.
-    // The result is false for a null or empty path, and when the file is there but cannot be opened or read;
-    // otherwise it is that of Save. Of two callers that set at the same time, one may undo what the other has
+    // The result is false for a null or empty path, when the file is there but cannot be opened or read, and
+    // when it cannot be told whether there is one, as where its folder is not found; otherwise it is that of
+    // Save. Of two callers that set at the same time, one may undo what the other has
     // set.
     //
     // Getting finds nothing in a file for which Load fails.

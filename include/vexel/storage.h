@@ -302,7 +302,7 @@ public:
     /// file:
     ///  - by a copy of a compound file into a package, each time 64 MiB of contents have been copied, so that
     ///    no more than these and the largest stream are in memory at a time. Documents with a stream "\1Ole"
-    ///    are other programs', which the system copies, all in memory;
+    ///    are other programs', which the system copies, all in memory, unless they are damaged;
     ///  - when memory or file handles run out, before the copy is tried once more.
     /// So a copy that must be whole or not at all goes into a new file: if the second attempt fails, too, the
     /// file has what was copied until then, one stream perhaps in part, and may lack one that was to be

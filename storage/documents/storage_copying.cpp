@@ -72,7 +72,7 @@ bool isAtOrBelow(const VxStorage* storage, const VxStorage& other) {
 HRESULT copyByItself(const StorageRef& from, const StorageRef& to, bool isComplete) {
     VxStorage& source = *TreeWalk::itemOf(from);
     VxStorage& target = *TreeWalk::itemOf(to);
-    HRESULT status = outcomeOf(plainCopy(source, target));
+    HRESULT status = outcomeOf(withStatus([&] { return plainCopy(source, target); }));
     if (source.format() != StorageFormat::CompoundFile)
         return status;
     if (status == S_OK && !isComplete)

@@ -52,6 +52,13 @@ HRESULT write(VxStream& target, std::span<const std::byte> bytes) {
     return status == S_OK && done != bytes.size() ? STG_E_MEDIUMFULL : status;
 }
 
+/// Whether the system's copy, which goes round its own interfaces, may have had an element all the same that
+/// cannot be opened.
+bool isOpenToSystem(HRESULT status) {
+    return status == STG_E_ACCESSDENIED || status == STG_E_SHAREVIOLATION || status == STG_E_LOCKVIOLATION ||
+           status == STG_E_FILENOTFOUND || status == STG_E_INVALIDNAME;
+}
+
 HRESULT copyClass(const StorageRef& from, const StorageRef& to) {
     const ComPtr<IStorage> source = from.storage(), target = to.storage(); // held, as streams are
     if (!source || !target)
@@ -152,9 +159,7 @@ void TreeWalk::meetStorage(const SharedPathName& name) {
     if (status != S_OK) {
         // Deeper than items go: storages that hold each other would keep us for ever.
         const bool isTooDeep = status == STG_E_INVALIDFUNCTION;
-        // Whoever only looks leaves open what the system's copy, which goes round its own interfaces, could
-        // read all the same.
-        if (isCopying() || observer_ || isTooDeep)
+        if (isCopying() || observer_ || !isOpenToSystem(status))
             note(status, StorageType::Storage);
         if (isTooDeep)
             end_ = status;
@@ -218,14 +223,19 @@ void TreeWalk::endWithPart() {
         end_ = STG_E_WRITEFAULT;
 }
 
-/// What another copy has left of a node stays.
+/// What another copy has left of a node stays, unless there certainly is nothing.
 void TreeWalk::passOver(const SharedPathName& name, StorageType type) {
-    mayHavePart_ = mayHavePart_ || (isRedone_ && levels_.back().to.hasChild(name, type));
+    if (!isRedone_ || mayHavePart_)
+        return;
+    const StorageRef& to = levels_.back().to;
+    const auto open = [&](auto element) { return element.open(name, to, true); };
+    const HRESULT status = type == StorageType::Stream ? open(StreamRef()) : open(StorageRef());
+    mayHavePart_ = status != STG_E_FILENOTFOUND;
 }
 
 /// A part is not taken for the whole.
 void TreeWalk::discardPart(VxStorage& to, const SharedPathName& name) {
-    if (to.destroyChild(name) != S_OK)
+    if (withStatus([&] { return to.destroyChild(name); }) != S_OK)
         endWithPart();
 }
 
@@ -237,7 +247,7 @@ void TreeWalk::copyStream(const SharedPathName& name) {
     // Held: others may close the node while a clean-up runs that the target needs, or the observer.
     ComPtr<::IStream> stream = source ? source->stream() : nullptr;
     if (!stream) {
-        if (isCopying())
+        if (isCopying() || !isOpenToSystem(status))
             note(FAILED(status) ? status : STG_E_READFAULT, StorageType::Stream);
         passOver(name, StorageType::Stream);
         return;
@@ -265,7 +275,7 @@ void TreeWalk::copyStream(const SharedPathName& name) {
     if (::IStream* const made = target->stream(); made && target->format() == StorageFormat::Package)
         made->SetSize({.QuadPart = size});
     const bool mayHaveOthers = mayHavePart_;
-    status = moveBytes(stream.Get(), size, target.get());
+    status = withStatus([&] { return moveBytes(stream.Get(), size, target.get()); });
     mayHavePart_ = mayHaveOthers; // this one is seen to
     target = {};
     stream.Reset(); // or its contents could not be given back

@@ -570,6 +570,57 @@ TEST_F(CopyingOfFakes, PartsThatCannotBeReachedAreTold) {
     EXPECT_EQ(copy({}, true), STG_E_WRITEFAULT);
 }
 
+TEST_F(CopyingOfFakes, PartsOfWhatCannotBeOpenedAreTold) {
+    using Refused = decltype(FakeCalls::refused);
+    const Refused noStorage{{L"OpenStorage", STG_E_ACCESSDENIED}};
+    const Refused noStream{{L"OpenStream", STG_E_ACCESSDENIED}};
+    const struct {
+        const char* name;
+        DWORD type;
+        Refused inSource, inTarget;
+        HRESULT result;
+    } cases[] = {
+        {"a storage", STGTY_STORAGE, noStorage, {}, STG_E_WRITEFAULT},
+        {"one in the target", STGTY_STORAGE, {}, noStorage, STG_E_WRITEFAULT},
+        {"none there", STGTY_STORAGE, noStorage, {{L"Open", STG_E_FILENOTFOUND}}, STG_E_READFAULT},
+        {"a stream", STGTY_STREAM, noStream, {}, STG_E_WRITEFAULT},
+        {"no new one", STGTY_STREAM, {}, {{L"CreateStream", STG_E_ACCESSDENIED}}, STG_E_WRITEFAULT},
+        {"none there", STGTY_STREAM, noStream, {{L"Open", STG_E_FILENOTFOUND}}, STG_E_READFAULT},
+        {"nobody knows", STGTY_STREAM, noStream, {{L"Open", E_FAIL}}, STG_E_WRITEFAULT},
+    };
+    for (const auto& test : cases) {
+        SCOPED_TRACE(test.name);
+        source_.deleteUnusedObjects();
+        target_.deleteUnusedObjects();
+        calls_.take();
+        calls_.elements = {{L"Element", test.type}};
+        calls_.failures = {{0, STG_E_READFAULT}}; // the system's copy
+        calls_.refused = test.inSource;
+        targetCalls_.refused = test.inTarget;
+        EXPECT_EQ(source_.copyTo(target_), test.result);
+    }
+}
+
+// The system's copy may have had what is only held by somebody else, but nobody knows what it made of the
+// rest.
+TEST_F(CopyingOfFakes, WhatCannotBeLookedAtIsNotKnownToBeWhole) {
+    for (const DWORD type : {STGTY_STORAGE, STGTY_STREAM})
+        for (const auto& [failure, isWhole] :
+             std::initializer_list<std::pair<HRESULT, bool>>{{STG_E_ACCESSDENIED, true},
+                                                             {STG_E_LOCKVIOLATION, true},
+                                                             {STG_E_FILENOTFOUND, true},
+                                                             {STG_E_INSUFFICIENTMEMORY, false},
+                                                             {E_OUTOFMEMORY, false},
+                                                             {STG_E_READFAULT, false},
+                                                             {STG_E_DOCFILECORRUPT, false}}) {
+            SCOPED_TRACE(failure);
+            source_.deleteUnusedObjects();
+            calls_.elements = {{L"Element", type}};
+            calls_.refused = {{L"Open", failure}};
+            EXPECT_EQ(source_.copyTo(target_) == S_OK, isWhole);
+        }
+}
+
 // Nor has a part been taken away from a storage that cannot be committed.
 TEST_F(CopyingOfFakes, PartsInWhatIsNotCommittedAreTold) {
     writeCompoundFile(folder_.file(L"foreign"), {{L"Box/", {}}, {L"Box/Note", "note"}, {L"\1Ole", "ole"}});

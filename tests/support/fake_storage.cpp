@@ -176,8 +176,12 @@ HRESULT FakeCalls::add(const std::wstring& call) {
     if (during)
         during();
     log.push_back(call);
-    const auto failure = failures.find(log.size() - 1);
-    return failure == failures.end() ? S_OK : failure->second;
+    if (const auto failure = failures.find(log.size() - 1); failure != failures.end())
+        return failure->second;
+    for (const auto& [beginning, status] : refused)
+        if (call.starts_with(beginning))
+            return status;
+    return S_OK;
 }
 
 HRESULT FakeCalls::add(const wchar_t* call, const wchar_t* name, DWORD stgm) {

@@ -24,6 +24,8 @@ struct FakeCalls {
     std::vector<std::wstring> log;
     /// What the call with this number, counted from 0, answers instead of S_OK.
     std::map<size_t, HRESULT> failures;
+    /// What calls that begin so answer, unless `failures` says it.
+    std::vector<std::pair<std::wstring, HRESULT>> refused;
     /// Whether what is opened and made is null, whatever the status.
     bool givesNothing = false;
     /// Whether streams that are made are kept in `streams`, to be opened again. Making one is three calls,
