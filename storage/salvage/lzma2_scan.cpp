@@ -253,7 +253,11 @@ void Lzma2Scanner::wasDecoded(const Lzma2Stream& stream, std::uint64_t unpacked)
     if (stream.isEnded && unpacked == stream.unpacked)
         return;
     work(lastWork_ + kDecoderWork + stream.packed); // or this could be repeated without end
-    position_ = stream.begin + (std::max)(ownBytes(stream, unpacked), std::uint64_t{1});
+    const std::uint64_t behindOwn = stream.begin + (std::max)(ownBytes(stream, unpacked), std::uint64_t{1});
+    if (workLeft_ > 0)
+        position_ = behindOwn;
+    else // nothing is gone through twice any more
+        givenUpAt_ = givenUpAt_.value_or(behindOwn);
 }
 
 std::uint64_t decodeLzma2(SalvageSource& source, const Lzma2Stream& stream,

@@ -45,7 +45,8 @@ public:
     /// is packed and another stream follows.
     std::optional<Lzma2Stream> next();
     /// To be told how many bytes of the last stream came out. If these are not all, or it did not end, its
-    /// chunks may have led over other streams: the next is looked for behind what is known to be its own.
+    /// chunks may have led over other streams: the next is looked for behind what is known to be its own,
+    /// unless too much was tried in vain before.
     void wasDecoded(const Lzma2Stream& stream, std::uint64_t unpacked);
     /// Where the bytes begin that were not looked at, because too much was tried in vain before. Behind it
     /// only what follows the streams that were found is looked at.

@@ -207,6 +207,26 @@ Maze ofStreamsIntoOneRow() {
     return {"StreamsIntoOneRow", file};
 }
 
+/// Many damaged streams whose ends lie behind them all, where others begin that lead into one row to the end.
+Maze ofEndsAhead() {
+    constexpr std::size_t kStreams = 500, kRows = 64, kStep = 4; // bytes from end to end
+    const auto lead = [](char control, std::size_t count) {
+        return std::string{control, static_cast<char>((count - 1) >> 8), static_cast<char>(count - 1)};
+    };
+    const std::string piece = '\0' + kPackedStream + "\xE0\0\0\0\0\x5D\xFF"s;
+    std::string file = kHeadless;
+    const std::size_t ends = kHeadless.size() + kStreams * (piece.size() + 3);
+    for (std::size_t i = 0; i < kStreams; ++i)
+        file += piece + lead('\2', ends + i * kStep - file.size() - piece.size() - 3);
+    const std::size_t row = ends + kStreams * kStep + 1;
+    while (file.size() + 1 < row)
+        file += '\0' + lead('\1', row - file.size() - kStep);
+    file += 'x';
+    for (std::size_t i = 0; i < kRows; ++i)
+        file += stored(std::string(0x10000, 'x'), 2);
+    return {"EndsAhead", file};
+}
+
 Maze ofHeaders(const char* name, const std::string& piece) {
     return {name, kHeadless + repeat(piece, kMazeBytes / 4)};
 }
@@ -243,6 +263,7 @@ std::vector<Maze> mazes() {
             // Each begins behind a sound one, does not decode, and leads over the next sound ones to the end.
             ofStreams("StreamsWithoutEnd", "\xE0\0\0\0\x16\x5D\xFF\0"s + kPackedStream),
             ofStreamsIntoOneRow(),
+            ofEndsAhead(),
             ofMiniTables()};
 }
 INSTANTIATE_TEST_SUITE_P(All, Mazes, testing::ValuesIn(mazes()),
