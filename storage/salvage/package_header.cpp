@@ -125,9 +125,9 @@ public:
                 size = packedHeaderSize(header, offset, streams);
             else if (isPlain)
                 size = plainHeaderSize(header, offset, streams);
-            // Another package's in this one does not stand right behind its streams, counted from here on.
-            const bool isInner = size < header.size() && streams.packedEnd != offset;
-            if (size == 0 || isInner)
+            // Of nothing but empty items, a few bytes by chance tell as well.
+            const bool isByChance = size < header.size() && streams.packedEnd == 0 && offset != 0;
+            if (size == 0 || isByChance || isInner(offset, streams))
                 continue;
             if (isReadableAt(offset, size))
                 return true;
@@ -148,6 +148,15 @@ private:
             output_.progress(0);
             done = static_cast<std::size_t>(nextSector(begin + done) - begin);
         }
+    }
+
+    /// Whether a header is that of a package within this one, which begins where its streams are counted
+    /// from.
+    bool isInner(std::uint64_t offset, const HeaderStreams& streams) {
+        std::array<std::byte, kSignature.size()> begin{};
+        return streams.packedEnd != offset &&
+               source_.read(offset - streams.packedEnd, begin) == begin.size() &&
+               std::memcmp(begin.data(), kSignature.data(), begin.size()) == 0;
     }
 
     void work(std::uint64_t bytes) noexcept { workLeft_ -= (std::min)(workLeft_, bytes); }

@@ -304,6 +304,20 @@ TEST(Salvage, FindsAHeaderBehindWhatCannotBeRead) {
     EXPECT_EQ(closer.streams[u"file"].there, closer.source.badBegin - 32);
 }
 
+TEST(Salvage, FindsAHeaderThatDoesNotFollowItsStreams) {
+    const std::string contents = "contents";
+    std::string package =
+        archiveOf(contents + "gap",
+                  streamsHeader(packInfo(contents.size()) +
+                                    unpackInfo(copyFolder, contents.size(), digestOf(contents)),
+                                1, u"file\0"s)) +
+        std::string(512, '\0');
+    package.replace(8, 24, 24, '\xEE');
+    Rescue rescue(package);
+    EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+    EXPECT_THAT(rescue.streams, ElementsAre(Pair(u"file", Found{SalvageState::Whole, contents, 8})));
+}
+
 // A package may have others in it, as they are. Their headers lead to nothing in it.
 TEST(Salvage, TakesNoHeaderOfAnInnerPackage) {
     const std::string inner = storedPackage("inner", digestOf("inner"));
@@ -312,10 +326,13 @@ TEST(Salvage, TakesNoHeaderOfAnInnerPackage) {
         {}, packedHeader(copyFolder, 0, 1)); // whose header would be found right behind the beginning
     for (const std::string& other : {inner, empty, packed, kHeadless + "\1\5\3\x0E\1\xE0\0\0"s}) {
         const std::string outer = "outer" + other + std::string(100, 'x');
-        const std::string headless = kHeadless + stored(outer) + '\0' + kPackedStream;
-        Rescue rescue(headless);
-        EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
-        EXPECT_EQ(rescue.streams[u"item 0001"].bytes, outer);
+        for (const std::string& behind : {"\0"s + kPackedStream, ""s}) { // which cuts it off at the inner one
+            const std::string headless =
+                kHeadless + stored(behind.empty() ? "outer" + other : outer) + behind;
+            Rescue rescue(headless);
+            EXPECT_EQ(rescue.run(), SalvageOutcome::Losses);
+            EXPECT_EQ(rescue.streams[u"item 0001"].bytes.substr(0, outer.size() - 100), "outer" + other);
+        }
         std::string package = storedPackage(outer, digestOf(outer)) + "behind";
         package.replace(8, 24, 24, '\xEE');
         Rescue whole(package);
@@ -357,6 +374,7 @@ TEST(Salvage, FindsAHeaderWithSomethingBehindIt) {
         {"a packed header that claims more than it can hold",
          packedHeader(lzmaFolder, 1, std::uint64_t{1} << 40), true},
         {"what cannot be read", std::string(3000, 'x'), false},
+        {"a few bytes that could tell of an empty item", "\1\5\1\x0E\1\x80\0\0x"s, true},
     };
     for (const auto& [name, behind, isReadable] : cases) {
         SCOPED_TRACE(name);
