@@ -81,7 +81,7 @@ private:
     std::uint64_t position_;
     const std::uint64_t end_;
     /// Where streams ended, so that others begin, from `position_` on: behind a damaged stream's end the next
-    /// is believed to begin even if others were found in between.
+    /// is believed to begin even if others, which do not lead over it, were found in between.
     std::set<std::uint64_t> ends_;
     std::uint64_t workLeft_; // bounds what is tried in vain
     std::optional<std::uint64_t> givenUpAt_;
