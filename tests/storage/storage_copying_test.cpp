@@ -527,8 +527,8 @@ TEST_F(CopyingOfFakes, OddStatusesOfATargetFailTheCopy) {
     EXPECT_EQ(source.copyTo(target_), STG_E_READFAULT);
 }
 
-// What the system's copy has left of a stream may be there as long as nobody can reach it. So each call of
-// the copy behind it fails in turn, and what stays of a stream that is in the target is always told.
+// What the system's copy has left of a stream may be there as long as nobody can reach it. So each call to
+// the source fails in turn in the copy behind it, and what stays of the stream in the target is always told.
 TEST_F(CopyingOfFakes, PartsThatCannotBeReachedAreTold) {
     constexpr HRESULT kFailures[]{STG_E_ACCESSDENIED, STG_E_TOOMANYOPENFILES, STG_E_INSUFFICIENTMEMORY,
                                   E_OUTOFMEMORY, 0x20000002};
