@@ -153,10 +153,7 @@ private:
     /// Whether a header is that of a package within this one, which begins where its streams are counted
     /// from.
     bool isInner(std::uint64_t offset, const HeaderStreams& streams) {
-        std::array<std::byte, kSignature.size()> begin{};
-        return streams.packedEnd != offset &&
-               source_.read(offset - streams.packedEnd, begin) == begin.size() &&
-               std::memcmp(begin.data(), kSignature.data(), begin.size()) == 0;
+        return streams.packedEnd != offset && beginsAsPackage(source_, offset - streams.packedEnd);
     }
 
     void work(std::uint64_t bytes) noexcept { workLeft_ -= (std::min)(workLeft_, bytes); }
@@ -291,6 +288,12 @@ HRESULT SourceInStream::Seek(Int64 offset, UInt32 origin, UInt64* newPosition) n
 HRESULT SourceInStream::GetSize(UInt64* size) noexcept {
     *size = source_.size();
     return S_OK;
+}
+
+bool beginsAsPackage(SalvageSource& source, std::uint64_t offset) {
+    std::array<std::byte, kSignature.size()> bytes{};
+    return source.read(offset, bytes) == bytes.size() &&
+           std::memcmp(bytes.data(), kSignature.data(), bytes.size()) == 0;
 }
 
 bool readHeader(SalvageSource& source, NArchive::N7z::CDbEx& database, Output& output) {

@@ -21,6 +21,9 @@ private:
     std::uint64_t position_ = 0;
 };
 
+/// Whether a package begins there.
+bool beginsAsPackage(SalvageSource& source, std::uint64_t offset = 0);
+
 /// Reads the package's list of items: from the header that its beginning refers to; from there although the
 /// checksum is wrong; or from one near the end of the file. False if there is none of which anything can be
 /// read.

@@ -411,12 +411,6 @@ void deliverByStreams(SalvageSource& source, Output& output) {
 
 } // namespace
 
-bool beginsAsPackage(SalvageSource& source) {
-    std::array<std::byte, kSignature.size()> bytes{};
-    return source.read(0, bytes) == bytes.size() &&
-           std::memcmp(bytes.data(), kSignature.data(), bytes.size()) == 0;
-}
-
 void salvagePackage(SalvageSource& source, Output& output) {
     start();
     CDbEx database;

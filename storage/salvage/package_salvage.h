@@ -10,7 +10,4 @@ namespace Vexel::Detail::Salvage {
 /// Ended, std::bad_alloc.
 void salvagePackage(SalvageSource& source, Output& output);
 
-/// Whether the file begins as a package.
-bool beginsAsPackage(SalvageSource& source);
-
 } // namespace Vexel::Detail::Salvage

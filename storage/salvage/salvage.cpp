@@ -1,5 +1,6 @@
 #include "storage/compound/compound_layout.h"
 #include "storage/salvage/compound_salvage.h"
+#include "storage/salvage/package_header.h"
 #include "storage/salvage/package_salvage.h"
 #include "storage/salvage/salvage_output.h"
 
